@@ -1,0 +1,87 @@
+#include "support/screen.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <iostream>
+#include <vector>
+
+namespace tarvex {
+
+namespace {
+std::vector<text_out*>& open_outputs() {
+    static std::vector<text_out*> all;
+    return all;
+}
+} // namespace
+
+text_out::text_out() { open_outputs().push_back(this); }
+text_out::text_out(std::ostream& sink) : sink_(&sink) { open_outputs().push_back(this); }
+text_out::~text_out() {
+    close();
+    auto& all = open_outputs();
+    all.erase(std::remove(all.begin(), all.end(), this), all.end());
+}
+
+bool text_out::open(const std::string& name) {
+    close();
+    file_.open(name, std::ios::out | std::ios::trunc | std::ios::binary);
+    if (!file_) return false;
+    sink_ = &file_;
+    return true;
+}
+
+bool text_out::open_append(const std::string& name) {
+    close();
+    file_.open(name, std::ios::out | std::ios::app | std::ios::binary);
+    if (!file_) return false;
+    sink_ = &file_;
+    return true;
+}
+
+void text_out::close() {
+    if (file_.is_open()) file_.close();
+    file_.clear();
+    sink_ = nullptr;
+}
+
+void text_out::line(std::string_view text) {
+    if (!sink_) return;
+    sink_->write(text.data(), static_cast<std::streamsize>(text.size()));
+    sink_->put('\n');
+}
+
+void text_out::raw(std::string_view text) {
+    if (sink_) sink_->write(text.data(), static_cast<std::streamsize>(text.size()));
+}
+
+void text_out::flush() {
+    if (sink_) sink_->flush();
+}
+
+void text_out::redirect(std::ostream& sink) {
+    close();
+    sink_ = &sink;
+}
+
+text_out& screen() {
+    static text_out out(std::cout);
+    return out;
+}
+
+void flush_all() {
+    screen().flush();
+    for (text_out* out : open_outputs()) out->flush();
+}
+
+std::string list_item(double x) {
+    if (std::isnan(x)) return "NaN";
+    if (std::isinf(x)) return x > 0 ? "Infinity" : "-Infinity";
+    char text[64];
+    const auto end = std::to_chars(text, text + sizeof text, x).ptr;
+    std::string s(text, end);
+    if (s.find_first_of(".e") == std::string::npos) s += ".0";
+    return s;
+}
+
+} // namespace tarvex

@@ -1,0 +1,39 @@
+// Character services and list-directed reading of numbers from text.
+#pragma once
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace tarvex {
+
+void capitalise(std::string& text, int n);            // letters among the first n characters to upper case
+bool is_digit(char ch);                               // one of 1234567890
+int findsym(std::string_view text, char ch);          // first position (from 1) up to the trimmed end, else 0
+// ii as findsym for ch1; jj the first position of ch2 behind ii, else 0. When ch1 stands at the end jj is 0; when ch1 is
+// absent the search for ch2 starts at position 2.
+void find2sym(std::string_view text, char ch1, char ch2, int& ii, int& jj);
+std::string trim(std::string_view text);              // without leading and trailing blanks
+std::string_view trim_right(std::string_view text);
+
+enum class list_read { value, null, end, error };     // a value was read; empty place between commas; end of text; no number
+
+// Walks a text as list-directed input does: values parted by blanks or a comma.
+class list_reader {
+public:
+    explicit list_reader(std::string_view text) : text_(text) {}
+    list_read next(long long& value); // whole number; a point is an error
+    list_read next(double& value);    // D or E exponents
+    bool at_end();                    // nothing but blanks is left
+
+private:
+    list_read token(std::string_view& t);
+    std::string_view text_;
+    std::size_t at_ = 0;
+    bool after_value_ = false;
+};
+
+// The whole token as a number; false if it is none.
+bool to_integer(std::string_view token, long long& value);
+bool to_real(std::string_view token, double& value);
+
+} // namespace tarvex
