@@ -1,0 +1,23 @@
+// Listing, checking and pruning of pedigrees, with the report SumPedigree.out.
+#pragma once
+#include "data/pedigreelist.h"
+
+#include <fstream>
+#include <string>
+
+namespace tarvex {
+
+struct ped_reader {
+    std::ifstream in;
+    std::string line;
+};
+void open_pedfile(ped_reader& reader);
+// Next record: 1 read, 0 end of file, -1 a line that cannot be read.
+int next_pedrec(ped_reader& reader, long long& ian, long long& idad, long long& imum);
+
+// Reads data and pedigree, checks every record, and leaves idvec, jdvec.
+void pedigree_list();
+// Prunes the pedigree of each relationship matrix, leaves idwec, newno, sire, dam, nannew, writes the statistics.
+void secateurs();
+
+} // namespace tarvex

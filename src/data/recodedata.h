@@ -1,0 +1,43 @@
+// Recoding of the data into binary records, and the reading of these records.
+//
+// recoded1.bin, for each subject: the head in form A to E, then xcov(:,:kk) and icov(:,:kk) as two records if the model has
+// covariables (mcov > 0), then ieqnr(:,:kk), then iraand(:,:nobs) with superai.
+//   A  one trait, no random regression, maxnr 1:  yvec(1)                          (icombi 1, nobs 1, kk 1)
+//   B  one trait, no random regression:           icombi, nobs, kk, yvec(:nobs)
+//   C  several traits, no random regression:      icombi, nobs, kk, ynq(:nobs), yvec(:nobs)
+//   D  one trait, random regression:              nobs, yvec(:nobs), imeta(:,:nobs)  (kk = nobs, icombi 0)
+//   E  several traits, random regression:         icombi, nobs, ynq(:nobs), yvec(:nobs), imeta(:,:nobs)
+// recoded2.bin: nr, jvec(:nr) in equation numbers before ordering; recoded3.bin: the same after ordering.
+// recoded4.bin: as recoded1.bin with the design of the full-rank model, followed by nr, jvec(:nr) (PX-EM of reduced rank).
+#pragma once
+#include "data/datavecs.h"
+#include "support/record_file.h"
+
+#include <string>
+#include <string_view>
+
+namespace tarvex {
+
+// Reads the data once more and writes recoded1.bin and recoded2.bin; sets numbers.nsubject, numbers.maxnreq, combinations.
+void data_recode();
+// The same with kkfit components for every effect and the equation starts given by rn_start_full: writes recoded4.bin.
+void data_recode_full();
+
+// Open reading pass over the recoded subjects.
+struct recdata_pass {
+    record_reader heads; // recoded1.bin (recoded4.bin)
+    record_reader lists; // recoded2.bin or recoded3.bin; closed for recoded4.bin, whose lists stand in `heads`
+};
+// Allocates datavecs and opens the files: `lists_file` is filenames.recdatfil2 or recdatfil3. Faults stop the run.
+void setup_recdata(recdata_pass& pass, const std::string& lists_file);
+void setup_recdata_full(recdata_pass& pass); // recoded4.bin
+// Reads the next subject into datavecs. False at the end.
+bool next_subject(recdata_pass& pass);
+void deall_recdata(recdata_pass& pass);
+
+// Binary search of a code in an ascending list: its level, 0 if not found.
+int find_code(std::int64_t icode, const std::vector<std::int64_t>& list);
+// Message on a code that is not in the list and stop. kind: 'r' random, 'f' fixed, 'e' extra effect, 'm' control variable.
+[[noreturn]] void not_found(char kind, std::string_view name, std::int64_t icode, int nlev);
+
+} // namespace tarvex

@@ -1,0 +1,9 @@
+// Cholesky factor of the relationship matrix, row by row from the pedigree: cholnrm<d>.bin.
+#pragma once
+#include <vector>
+namespace tarvex {
+void cholnrm_animal();
+// y = A x for relationship matrix irun through the pedigree, A = T D T', in linear time; x and y by animal of the pruned
+// list (0-based vectors). Needs the inbreeding coefficients of this run.
+void nrm_product(int irun, const std::vector<double>& x, std::vector<double>& y);
+} // namespace tarvex

@@ -1,0 +1,46 @@
+// Inverses of relationship matrices: of a pedigree (by Henderson's rules with inbreeding, or the rules for sires), or as
+// the user supplies them.
+//
+// nrminvers<d>.bin: nan, ian1, ian2, siremodel | nnrm, detl | nrmdiag(nan) | nnrm times: column, row, value (lower triangle,
+// row by row, columns ascending). inbreed.bin: m, n, nannew, pedfile (30 characters) | inbreed(m,n).
+#pragma once
+#include "support/array.h"
+
+#include <string>
+#include <vector>
+
+namespace tarvex {
+
+struct nrminverse_module {
+    double detl = 0.0;        // log determinant of the matrix in hand
+    int nnrm = 0;             // stored elements, diagonals included
+    array<double, 2> inbreed; // (m,n) inbreeding coefficients by animal and matrix, kept for superai and simulation
+    array<int> ifin;          // (n) 1: computed in this run
+    array<double> nrmdiag;    // (nan)
+};
+inline nrminverse_module nrminverse;
+
+struct geninverse_module {
+    array<double> detginv; // (krand) log determinant of the relationship matrix
+    array<int> nnginv;     // (krand) stored elements of its inverse
+};
+inline geninverse_module geninverse;
+
+struct randasfix_module {
+    int npsfix = 0;                     // entries of the PSE block
+    double psfixfact = 0.0;             // diagonal of the inverse for each of them
+    std::vector<std::string> psfixname; // effect
+    std::vector<int> psfixcode;         // code of the level
+    array<int> asfix;                   // (nan) 1: level of the matrix in hand is pseudo-fixed
+    array<int> nasfix;                  // (krand) levels found
+    array<int> iasfix;                  // (krand) 1: named in some entry
+};
+inline randasfix_module randasfix;
+
+// Makes the inverse of every NRM effect and checks that of every GIN effect; leaves geninverse and the scratch files.
+void gen_inverses();
+
+// Visits the stored elements of the inverse of block irand (NRM or GIN file), lower triangle: visit(column, row, value).
+// Defined for buffered reading: see relations/inverse_stream.h.
+
+} // namespace tarvex
