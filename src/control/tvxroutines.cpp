@@ -1,0 +1,139 @@
+#include "control/tvxroutines.h"
+
+#include "control/filenames.h"
+#include "control/options.h"
+#include "parfile/model.h"
+#include "support/edit_form.h"
+#include "support/stop.h"
+
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <iostream>
+
+namespace tarvex {
+
+namespace {
+
+constexpr std::array<int, 3> version{2026, 11, 21}; // year, month, day
+
+// "dd-mm-yyyy"; a number of one digit leaves the zero in front of it.
+std::string version_text() {
+    char text[40];
+    std::snprintf(text, sizeof text, "%02d-%02d-%04d", version[2], version[1], version[0]);
+    return text;
+}
+
+// Divides by zero on purpose: under a debugger the run halts where it was stopped. Machines on which the division does not
+// trap come back from here.
+__attribute__((noinline, no_sanitize("undefined"))) int provoke_fault() {
+    volatile int one = 1, none = 0;
+    return one / none;
+}
+
+std::string two_digits(int n) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%02d", n % 100);
+    return text;
+}
+
+} // namespace
+
+double cpu_time() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
+
+void tvxtimes(int mode, std::string_view label) {
+    const double tt = cpu_time();
+    if (!label.empty() && (options.verbose || options.print_times)) {
+        if (mode == 2)
+            write(screen(), "(9h***Time: ,a,t30,f15.1,16h Used since last,f12.1)", label, tt, tt - times.prev);
+        else
+            write(screen(), "(9h***Time: ,a,t30,f15.1)", label, tt);
+    }
+    times.prev = tt;
+}
+
+void stoptarvex() {
+    if (options.verbose) screen().line("Programmed (error) stop for \"Tarvex\" encountered");
+    flush_all();
+    if (options.details) print_list(screen(), provoke_fault());
+    stop(options.verbose ? "exit" : "exit \"Tarvex\"");
+}
+
+void stop_with(std::string_view line) {
+    screen().line(line);
+    stoptarvex();
+}
+
+void tvx_notyet() {
+    screen().line("*** Tarvex is work in progress !");
+    screen().line("Unfortunately, the combination of features selected (model and");
+    screen().line("run time options) for this run of Tarvex has not yet been fully");
+    screen().line("tested or implemented.");
+    stoptarvex();
+}
+
+void finish_run() {
+    if (options.verbose) {
+        screen().line("\"Tarvex\" has finished !");
+        stop("", 0);
+    }
+    stop("\"Tarvex\" done", 0);
+}
+
+void tvx_noalloc(std::string_view name, long long n) {
+    write(screen(), "(3a)", " Cannot allocate large array : \"", name, "\"");
+    write(screen(), "(a,i12,a)   ", " ... size required           : ", n, " elements");
+    stoptarvex();
+}
+
+void tvx_caution() {
+    screen().line("*** Tarvex is work in progress !");
+    screen().line("    The combination of features selected has not ");
+    screen().line("    been fully tested/fault trapped & may cause");
+    screen().line("    problems - Proceed with CAUTION ! ");
+    pause_for_operator();
+}
+
+void pause_for_operator() {
+    flush_all();
+    std::string answer;
+    std::getline(std::cin, answer);
+}
+
+void write_tvxtop(text_out& out, std::string_view message) {
+    const std::string date = version_text();
+    if (options.wide)
+        write(out, "(7(1h=),9h Version ,a,1x,39(1h=), 8h **ZQ** ,38(1h=)/)", date);
+    else
+        write(out, "(7(1h=),9h Version ,a,1x,39(1h=), 8h **ZQ** , 4(1h=)/)", date);
+    write(out, "(8x,2a)", "Program Tarvex : ", message);
+    if (options.wide)
+        write(out, "(112(1h=) ,/)");
+    else
+        write(out, "(78(1h=) ,/)");
+}
+
+void write_tvxfiles(text_out& out) {
+    constexpr edit_form entry{"(1x,a,t25,1h:,3x,1h\",a,1h\") "};
+    if (options.comment) write(out, "(1x,a/) ", model.commentline);
+    write(out, entry, "Analysis type", model.analysis);
+    write(out, entry, "Data file", filenames.datfile);
+    if (options.pedigrees) write(out, entry, "Pedigree file", filenames.pedfile);
+    write(out, entry, "Parameter file", filenames.parfile);
+    write(out, "(/) ");
+}
+
+void write_tvxbottom(text_out& out) {
+    const std::time_t now = std::time(nullptr);
+    std::tm t{};
+    localtime_r(&now, &t);
+    const std::string day = two_digits(t.tm_mday), month = two_digits(t.tm_mon + 1),
+                      year = std::to_string(t.tm_year + 1900), hour = two_digits(t.tm_hour),
+                      minute = two_digits(t.tm_min);
+    constexpr edit_form narrow{"(8(1h=),a,28(1h=),a,2(1h-,a),10(1h=),a,1h:,a,4(1h=))"},
+        wide{"(8(1h=),a,28(1h=),a,2(1h-,a),10(1h=),a,1h:,a,38(1h=))"};
+    write(out, options.wide ? wide : narrow, " end of file ", day, month, year, hour, minute);
+    out.close();
+}
+
+} // namespace tarvex
