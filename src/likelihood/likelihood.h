@@ -1,0 +1,35 @@
+// One evaluation of the REML log likelihood.
+#pragma once
+#include "support/array.h"
+
+namespace tarvex {
+
+struct likelihoods_module {
+    double detc = 0.0;   // log determinant of the coefficient matrix
+    double ypy = 0.0;    // y'Py
+    int ncall = 0;       // completed evaluations
+    int nfact = 0;       // factorisations
+    int nlike = 0;       // rows in use in likesav
+    int nreuse = 0;      // evaluations that used the factor at hand
+    double tprev = 0.0;  // clock at the start of the evaluation
+    double xlast = 0.0;  // log L of the last evaluation
+    array<double> lastpar;        // (nparm) parameters of the factor at hand
+    bool factor_valid = false;    // diag, xspars hold the factor of lastpar
+    array<double, 2, 1> likesav;  // (nparm+1,200) table of evaluations: log L, parameters
+};
+inline likelihoods_module likelihoods;
+
+// -2 log L (dev) and log L (xlike) at parvec (which clamps may change).
+//   iopt 0   plain: the table of earlier evaluations may answer, then the factor at hand belongs to another point
+//       -1   the factor is wanted: returns at once when it belongs to parvec, xlike is its log L
+//       >0   for derivatives: the table is not consulted, factor and solutions are those of parvec on return
+// An invalid point gives xlike = -1.0e36. A new best value is written to BestPoint, estimates.parbest and
+// solutions.solsave.
+void loglike(array<double>& parvec, int nparm, double& dev, double& xlike, int iopt);
+
+// The factor at hand is used up or its parameters have changed meaning: nothing may be reused.
+void forget_factor();
+// The parameters have changed meaning (scale, pivot order): empties the table as well.
+void forget_likelihoods();
+
+} // namespace tarvex

@@ -1,0 +1,41 @@
+// Inverses of the residual covariance matrices: by pattern of records in multivariate analyses, by subject in random
+// regression analyses.
+#pragma once
+#include "support/array.h"
+
+#include <span>
+#include <vector>
+
+namespace tarvex {
+
+// Symmetric matrix of the order of a pattern; a diagonal one is kept as its diagonal.
+struct pattern_matrix {
+    int n = 0;
+    bool diagonal = false;
+    std::vector<double> v; // n*n by columns, or n
+    double operator()(int i, int j) const {
+        if (diagonal) return i == j ? v[static_cast<std::size_t>(i - 1)] : 0.0;
+        return v[static_cast<std::size_t>(i - 1) + static_cast<std::size_t>(j - 1) * static_cast<std::size_t>(n)];
+    }
+};
+
+struct residualvars_module {
+    int ipeq = 0;              // block of the PEQ effect, 0 none
+    bool peqsum = false;       // there is one: parvec's block 0 holds the sum of the residual and its matrix
+    array<double> detres;      // (ncombi) log|R| of a pattern; random regression: element 1, summed over subjects
+    std::vector<pattern_matrix> eei; // [icombi-1] R^-1, records sorted by trait
+    array<double, 2> sigres;   // (nq(nq+1)/2, rr_resteps) residual covariances in use, packed, by class
+    array<double> sigpeq;      // (nq(nq+1)/2) PEQ covariances spread over all traits
+    array<double> rpars;       // (nresparm) residual parameters on the natural scale, compared by loglike
+    array<int> fixres;         // (nresparm as covariances: steps times triangle) 1: fixed at zero
+};
+inline residualvars_module residualvars;
+
+// Residual inverses at parvec (which clamps may change); iopt as of loglike. ifail 1: invalid point.
+void rinverse(array<double>& parvec, int nparm, int iopt, int& ifail);
+
+// Random regression: R^-1 of the subject in datavecs. zig2 (nobs*nobs by columns) and its log determinant. A singular matrix
+// stops the run.
+void get_rinv_rreg(int isubj, std::vector<double>& zig2, double& ldet);
+
+} // namespace tarvex
