@@ -1,7 +1,8 @@
 #include "support/text.h"
 
-#include <cctype>
 #include <charconv>
+#include <cstdlib>
+#include <limits>
 
 namespace tarvex {
 
@@ -52,39 +53,109 @@ bool to_integer(std::string_view token, long long& value) {
     return true;
 }
 
+namespace {
+
+bool is_named_real(std::string_view token, double& value) {
+    const bool negative = token.front() == '-';
+    if (negative || token.front() == '+') token.remove_prefix(1);
+    std::string name(token);
+    capitalise(name, static_cast<int>(name.size()));
+    if (name == "NAN")
+        value = std::numeric_limits<double>::quiet_NaN();
+    else if (name == "INF" || name == "INFINITY")
+        value = negative ? -std::numeric_limits<double>::infinity() : std::numeric_limits<double>::infinity();
+    else
+        return false;
+    return true;
+}
+
+} // namespace
+
 bool to_real(std::string_view token, double& value) {
     char text[128];
-    if (token.empty() || token.size() >= sizeof text) return false;
+    if (token.empty() || token.size() + 1 >= sizeof text) return false;
     std::size_t n = 0;
-    for (char c : token) {
-        if (c == 'd' || c == 'D') c = 'e';
-        if (!(is_digit(c) || c == '.' || c == 'e' || c == 'E' || c == '+' || c == '-')) return false;
+    bool digits = false, exponent = false;
+    for (std::size_t i = 0; i < token.size(); ++i) {
+        char c = token[i];
+        if (is_digit(c)) {
+            digits = true;
+        } else if (c == 'd' || c == 'D' || c == 'e' || c == 'E') {
+            if (exponent || !digits) return is_named_real(token, value);
+            exponent = true;
+            text[n++] = 'e';
+            if (i + 1 < token.size() && (token[i + 1] == '+' || token[i + 1] == '-')) {
+                if (token[++i] == '-') text[n++] = '-';
+            }
+            continue;
+        } else if (c == '+' || c == '-') {
+            if (i == 0 && c == '+') continue;
+            if (i > 0) {
+                if (exponent || !digits) return false;
+                exponent = true;
+                text[n++] = 'e';
+                if (c == '+') continue;
+            }
+        } else if (c != '.') {
+            return is_named_real(token, value);
+        }
         text[n++] = c;
     }
-    const char* from = text;
-    if (*from == '+') ++from;
-    if (from != text && (*from == '-' || *from == '+')) return false;
     double v = 0.0;
-    const auto r = std::from_chars(from, text + n, v);
-    if (r.ec != std::errc() || r.ptr != text + n) return false;
+    const auto r = std::from_chars(text, text + n, v);
+    if (r.ptr != text + n) return false;
+    if (r.ec == std::errc::result_out_of_range)
+        v = std::strtod(std::string(text, n).c_str(), nullptr); // underflow to 0, overflow to infinity
+    else if (r.ec != std::errc())
+        return false;
     value = v;
     return true;
 }
 
+bool read_i(std::string_view text, int width, long long& value) {
+    std::string digits;
+    for (char c : text.substr(0, static_cast<std::size_t>(width)))
+        if (c != ' ') digits += c;
+    if (digits.empty()) {
+        value = 0;
+        return true;
+    }
+    return to_integer(digits, value);
+}
+
+// Leaves the reader behind an "n*" in front of a value.
+void list_reader::repeat_count() {
+    std::size_t i = at_;
+    while (i < text_.size() && is_digit(text_[i])) ++i;
+    if (i == at_ || i >= text_.size() || text_[i] != '*') return;
+    long long n = 0;
+    if (!to_integer(text_.substr(at_, i - at_), n) || n < 1) return;
+    at_ = i + 1;
+    copies_ = n - 1;
+}
+
 list_read list_reader::token(std::string_view& t) {
+    const auto parts = [](char c) { return c == ' ' || c == ',' || c == ';' || c == '/'; };
+    if (copies_ > 0) {
+        --copies_;
+        t = repeated_;
+        return t.empty() ? list_read::null : list_read::value;
+    }
     while (at_ < text_.size() && text_[at_] == ' ') ++at_;
     if (at_ >= text_.size()) return list_read::end;
-    if (text_[at_] == ',') {
+    if (text_[at_] == '/') return list_read::null;
+    if (text_[at_] == ',' || text_[at_] == ';') {
         ++at_;
         if (!after_value_) return list_read::null;
         after_value_ = false;
         return token(t);
     }
+    repeat_count();
     const std::size_t from = at_;
-    while (at_ < text_.size() && text_[at_] != ' ' && text_[at_] != ',') ++at_;
-    t = text_.substr(from, at_ - from);
+    while (at_ < text_.size() && !parts(text_[at_])) ++at_;
+    t = repeated_ = text_.substr(from, at_ - from);
     after_value_ = true;
-    return list_read::value;
+    return t.empty() ? list_read::null : list_read::value;
 }
 
 list_read list_reader::next(long long& value) {
@@ -92,6 +163,15 @@ list_read list_reader::next(long long& value) {
     const list_read r = token(t);
     if (r != list_read::value) return r;
     return to_integer(t, value) ? r : list_read::error;
+}
+
+list_read list_reader::next(int& value) {
+    long long wide = 0;
+    const list_read r = next(wide);
+    if (r != list_read::value) return r;
+    if (wide != static_cast<int>(wide)) return list_read::error;
+    value = static_cast<int>(wide);
+    return r;
 }
 
 list_read list_reader::next(double& value) {

@@ -17,23 +17,32 @@ std::string_view trim_right(std::string_view text);
 
 enum class list_read { value, null, end, error };     // a value was read; empty place between commas; end of text; no number
 
-// Walks a text as list-directed input does: values parted by blanks or a comma.
+// Walks a text as list-directed input does: values parted by blanks or a comma (a semicolon counts as one); n*value
+// stands for n values; a slash ends the list, all further places are empty ones.
 class list_reader {
 public:
     explicit list_reader(std::string_view text) : text_(text) {}
     list_read next(long long& value); // whole number; a point is an error
+    list_read next(int& value);       // as well, and one that 32 bits do not hold
     list_read next(double& value);    // D or E exponents
     bool at_end();                    // nothing but blanks is left
 
 private:
     list_read token(std::string_view& t);
+    void repeat_count();
     std::string_view text_;
     std::size_t at_ = 0;
     bool after_value_ = false;
+    std::string_view repeated_{}; // value of n*value, `copies_` more times
+    long long copies_ = 0;
 };
 
 // The whole token as a number; false if it is none.
 bool to_integer(std::string_view token, long long& value);
-bool to_real(std::string_view token, double& value);
+bool to_real(std::string_view token, double& value);  // also with D exponent, exponent without letter, nan, inf
+
+// The first `width` characters as an i descriptor reads them: blanks count as nothing, all blank is 0; false, and the
+// value kept, if something else than a number stands there.
+bool read_i(std::string_view text, int width, long long& value);
 
 } // namespace tarvex
