@@ -12,7 +12,9 @@ using code_list = std::vector<std::int64_t>; // ascending codes; level l is elem
 struct levels_module {
     array<code_list, 2> fx_codes; // (maxfix,nq)
     array<code_list, 2> ex_codes; // (maxext,nq)
-    array<code_list, 2> mm_codes; // (maxmeta,nq) values of the control variables
+    // (maxmeta,nq) values of the control variables; the traits that share a variable share its list, so that equal levels
+    // mean equal values.
+    array<code_list, 2> mm_codes;
     // (krand) levels of the blocks: for NRM the codes idwec of the pedigree; otherwise the codes found in the data, in level
     // order (ascending but for a supplied inverse with a codes file).
     array<code_list> rn_codes;
@@ -21,6 +23,10 @@ struct levels_module {
     array<int, 2> mm_nlev;
     array<int> rn_nlev;           // (krand) levels
     array<std::int64_t> rn_maxlev; // (krand) largest number of levels allowed
+    // Base of the codes of interactions a*b (a * base + b), 1 for effects of one column. For a random effect one base a block.
+    array<std::int64_t, 2> fx_base; // (maxfix,nq)
+    array<std::int64_t, 2> ex_base; // (maxext,nq)
+    array<std::int64_t> rn_base;    // (krand)
 };
 inline levels_module levels;
 
