@@ -3,6 +3,7 @@
 #include "control/parameters.h"
 #include "support/array.h"
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,7 @@ struct model_module {
     array<int, 1, 0> kkfit;           // order of the matrix
     array<int, 1, 0> krfit;           // rank fitted; equals kkfit unless principal
     array<int, 1, 0> diagonal;        // DIA
+    array<int, 1, 0> correlated;      // 1: a "+" stood on the VAR line
     // Covariances: packed upper triangle row by row; kkfit variances where diagonal; for a residual with steps one
     // triangle after the other.
     array<double, 2, 0> cov;          // (maxij,0:krand)
@@ -52,6 +54,11 @@ struct datafile_module {
     std::string colname[maxcols + 1][maxnq + 1];    // [column][trait]
     int mlevels[maxcols + 1][maxnq + 1] = {};       // largest number of levels declared, 0 none
     bool grouped = false;                           // GRP form of the DAT block
+    struct column {
+        std::string name;
+        int mlev;
+    };
+    std::vector<column> grpline;                    // grouped form: columns of a line that holds all traits
     int name_of_trait[maxcols + 1][maxnq + 1] = {}; // 1: column named in a NAM line (grouped form)
     int iq_newno[100] = {};                         // [number in the data] number in the analysis; -1 none
     int missvalue[maxnq + 1] = {};

@@ -1,0 +1,272 @@
+// VAR blocks: the covariance matrices, and the file of starting values.
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "parfile/model.h"
+#include "parfile/parblocks.h"
+#include "support/edit_form.h"
+#include "support/stop.h"
+#include "support/text.h"
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+namespace tarvex {
+
+namespace {
+
+constexpr int maxorder = 999; // order of a covariance matrix
+
+constexpr std::string_view value_failure = "Reading covariances failed !";
+
+std::size_t at(int irand) { return static_cast<std::size_t>(irand); }
+
+// Values begin on a new line.
+void new_line(par_state& s) { s.lines.i2 = plinelen + 1; }
+
+// Next value as text, from the lines that follow or from the file of starting values. A "+" leads to the next line.
+std::string next_value(par_state& s) {
+    auto& p = s.lines;
+    if (options.start_vals) {
+        while (s.start_at < s.start_tokens.size() && s.start_tokens[s.start_at] == "+") ++s.start_at;
+        if (s.start_at == s.start_tokens.size()) rdpar_err(p, value_failure);
+        return s.start_tokens[s.start_at++];
+    }
+    if (!next_var(p)) conti_line(p);
+    while (token(p) == "+") conti_line(p);
+    return token(p);
+}
+
+double real_value(par_state& s) {
+    double x = 0.0;
+    if (!read_real(next_value(s), x)) rdpar_err(s.lines, value_failure);
+    return x;
+}
+
+int integer_value(par_state& s) {
+    int i = 0;
+    if (!read_integer(next_value(s), i)) rdpar_err(s.lines, value_failure);
+    return i;
+}
+
+void read_values(par_state& s, int irand, int n) {
+    for (int i = 0; i < n; ++i) s.values[at(irand)].push_back(real_value(s));
+}
+
+// Bounds of a class of residual variances: ascending, and above those of the class before.
+void check_range(int i) {
+    constexpr edit_form line{"(1x,a,i3,2x,a,2i6)  "};
+    const auto& range = model.me_range;
+    const auto show = [&](int j) { write(screen(), line, "Class no.", j, "Range", range(1, j), range(2, j)); };
+    if (range(2, i) < range(1, i)) {
+        print_list(screen(), "Invalid range for ME variance step function");
+        show(i);
+        stoptarvex();
+    }
+    if (i > 1 && range(1, i) <= range(2, i - 1)) {
+        print_list(screen(), "Inconsistent ranges for ME variance step function");
+        show(i - 1);
+        show(i);
+        stoptarvex();
+    }
+}
+
+void read_steps(par_state& s, int n) {
+    for (int i = 1; i <= model.rr_resteps; ++i) {
+        new_line(s);
+        model.me_range(1, i) = integer_value(s);
+        model.me_range(2, i) = integer_value(s);
+        check_range(i);
+        read_values(s, 0, n);
+    }
+}
+
+// Individual residual variances: a line for each.
+void read_individual_vars(par_state& s, int n) {
+    auto& p = s.lines;
+    for (int i = 1; i <= model.rr_resteps; ++i) {
+        if (options.start_vals) {
+            read_values(s, 0, n);
+            continue;
+        }
+        get_pline(p);
+        if (p.iend != 0) rdpar_err(p, "read error ?");
+        double x = 0.0;
+        if (!read_real(token(p), x)) rdpar_err(p, value_failure);
+        s.values[0].push_back(x);
+        read_values(s, 0, n - 1);
+    }
+}
+
+std::string optional_token(par_lines& p, int length) { return next_var(p) ? token(p, length) : ""; }
+
+int class_count(par_lines& p, const char* missing) {
+    if (!next_var(p)) rdpar_err(p, missing);
+    const int n = this_digit(p);
+    if (n < 1) rdpar_err(p, missing);
+    if (n > maxage) rdpar_err(p, "Max. no. of classes of ME variances exceeded !");
+    return n;
+}
+
+bool is_qualifier(const std::string& t) {
+    const std::string q = upper3(t);
+    return q == "HOM" || q == "HET" || q == "IND" || q == "FUN";
+}
+
+// Structure of the residual variances in a random regression analysis.
+void read_qualifier(par_state& s) {
+    auto& p = s.lines;
+    if (!next_var(p)) rdpar_err(p, "Premature end of line ?");
+    while (is_digit(token(p).front()))
+        if (!next_var(p)) rdpar_err(p, "Qualifier for ME variances missing");
+    model.me_type = upper3(token(p));
+    model.rr_resteps = 1;
+    model.me_control.clear();
+    if (model.me_type == "HOM") {
+        model.me_control = optional_token(p, name_length);
+    } else if (model.me_type == "HET") {
+        model.rr_resteps = class_count(p, "No. of classes in step function is missing");
+        model.me_control = optional_token(p, name_length);
+        allocate("alloc me_range", model.me_range, 2, model.rr_resteps);
+    } else if (model.me_type == "IND") {
+        model.rr_resteps = class_count(p, "No. of different ME variances is missing");
+        if (const std::string name = optional_token(p, file_length); !name.empty()) filenames.me_varfile = name;
+        if (options.verbose)
+            print_list(screen(), "Expect to read codes for ME variances from file \"", filenames.me_varfile, "\"");
+    } else if (model.me_type == "FUN") {
+        if (numbers.nq > 1) rdpar_err(p, "Variance function for residuals only for univariate analyses");
+        tvx_notyet();
+    } else {
+        rdpar_err(p, "Error variance structure option not recognised ");
+    }
+}
+
+int read_order(par_lines& p) {
+    const int n = next_digit(p);
+    if (n < 1) rdpar_err(p, "Invalid order of covariance matrix !");
+    if (n > maxorder) rdpar_err(p, "Max. order of covariance matrix exceeded !");
+    return n;
+}
+
+void read_residual(par_state& s, const std::string& name) {
+    s.values[0].clear();
+    model.krandom(0) = name;
+    model.rr_resteps = 1;
+    if (options.randreg)
+        read_qualifier(s);
+    else
+        model.kkfit(0) = read_order(s.lines);
+    if (options.randreg) model.kkfit(0) = numbers.nq;
+    model.krfit(0) = model.kkfit(0);
+    const int n = model.kkfit(0) * (model.kkfit(0) + 1) / 2;
+    new_line(s);
+    if (model.me_type == "HET" && options.randreg)
+        read_steps(s, n);
+    else if (model.me_type == "IND" && options.randreg)
+        read_individual_vars(s, n);
+    else
+        read_values(s, 0, n);
+}
+
+// Options behind order and rank: the first token that is no number. At reduced rank only the next token is looked at.
+void read_option(par_lines& p, int irand) {
+    while (next_var(p)) {
+        const std::string t = token(p);
+        if (!is_digit(t.front())) {
+            if (upper3(t) != "DIA") return;
+            model.diagonal(irand) = 1;
+            if (model.kkfit(irand) == model.krfit(irand)) return;
+            print_list(screen(), " incompatible options - need full rank for ", "diagonal matrix");
+            stoptarvex();
+        }
+        if (options.principal) return;
+    }
+}
+
+void read_block(par_state& s, const std::string& name) {
+    auto& p = s.lines;
+    const int n = read_order(p);
+    if (numbers.krand == s.maxblocks) rdpar_err(p, "Max. no. of random effects exceeded !");
+    const int irand = ++numbers.krand;
+    int m = n;
+    if (options.principal) {
+        m = next_digit(p);
+        if (m > n) rdpar_err(p, "Reduced rank fit too large");
+        if (m < 1) rdpar_err(p, "Reduced rank fit too small");
+    }
+    for (int i = 1; i < irand; ++i)
+        if (model.krandom(i) == name) {
+            print_list(screen(), " Random effect name used more than once : ", name);
+            stoptarvex();
+        }
+    model.krandom(irand) = name;
+    model.kkfit(irand) = n;
+    model.krfit(irand) = m;
+    read_option(p, irand);
+    if (find_char(p, plus_char) > 0) {
+        options.sigam = true;
+        model.correlated(irand) = 1;
+    }
+    new_line(s);
+    read_values(s, irand, model.diagonal(irand) != 0 ? n : n * (n + 1) / 2);
+}
+
+bool is_residual(const par_lines& line, const std::string& name) {
+    const std::string head = upper3(name);
+    if (head == "ERR" || head == "RES") return true;
+    if (!options.randreg) return false;
+    const std::string& text = line.pline;
+    std::istringstream rest(text.substr(static_cast<std::size_t>(line.i2 - 1)));
+    for (std::string t; rest >> t;)
+        if (!is_digit(t.front())) return is_qualifier(t);
+    return false;
+}
+
+} // namespace
+
+void read_covars(par_state& s) {
+    auto& p = s.lines;
+    if (!s.model_set) rdpar_err(p, "Specify model before covariances !");
+    if (!next_var(p)) rdpar_err(p, "Name of effect is missing !");
+    const std::string name = token(p, name_length);
+    if (is_residual(p, name))
+        read_residual(s, name);
+    else
+        read_block(s, name);
+}
+
+void store_covars(par_state& s) {
+    const int krand = numbers.krand;
+    std::size_t maxij = 1;
+    for (int irand = 0; irand <= krand; ++irand) maxij = std::max(maxij, s.values[at(irand)].size());
+    allocate("alloc cov", model.cov, static_cast<std::ptrdiff_t>(maxij), krand);
+    for (int irand = 0; irand <= krand; ++irand)
+        std::copy(s.values[at(irand)].begin(), s.values[at(irand)].end(), model.cov.column(irand).begin());
+    model.krandom.resize(krand);
+    for (auto* a : {&model.kkfit, &model.krfit, &model.diagonal, &model.correlated}) a->resize(krand);
+}
+
+// The file holds, for each VAR line in their order, the values that would stand behind it. Lines with "#" are passed over.
+void read_starting(par_state& s) {
+    auto& p = s.lines;
+    if (!next_var(p)) rdpar_err(p, "File name is missing !");
+    if (numbers.krand > 0 || (!s.values.empty() && !s.values[0].empty()))
+        rdpar_err(p, "Give file of starting values before covariances !");
+    filenames.stvalfile = token(p, file_length);
+    options.start_vals = true;
+    if (options.verbose) print_list(screen(), "Read starting values from :\"", filenames.stvalfile, "\"");
+    std::ifstream in(filenames.stvalfile);
+    if (!in) {
+        print_list(screen(), "Can not open file of starting values :\"", filenames.stvalfile, "\"");
+        stoptarvex();
+    }
+    for (std::string line; std::getline(in, line);) {
+        std::replace(line.begin(), line.end(), ',', ' ');
+        std::istringstream tokens(line);
+        for (std::string t; tokens >> t && t.front() != comment_char;) s.start_tokens.push_back(t);
+    }
+}
+
+} // namespace tarvex

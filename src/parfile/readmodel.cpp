@@ -1,0 +1,274 @@
+// MOD block: the model of analysis.
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "parfile/model.h"
+#include "parfile/parblocks.h"
+#include "support/edit_form.h"
+#include "support/stop.h"
+#include "support/text.h"
+
+#include <algorithm>
+#include <set>
+
+namespace tarvex {
+
+std::vector<int> get_traitnos(par_lines& p) {
+    std::vector<int> itrvec;
+    while (next_var(p)) {
+        if (static_cast<int>(itrvec.size()) == numbers.nq) rdpar_err(p, "Invalid no. of traits");
+        const int iq = this_digit(p);
+        if (iq < 1 || iq > numbers.nq || std::count(itrvec.begin(), itrvec.end(), iq) > 0)
+            rdpar_err(p, "Invalid trait no. specified");
+        itrvec.push_back(iq);
+    }
+    if (itrvec.empty())
+        for (int iq = 1; iq <= numbers.nq; ++iq) itrvec.push_back(iq);
+    return itrvec;
+}
+
+namespace {
+
+// Traits of a model line: those behind its last token, or all.
+std::vector<int> line_traits(par_lines& p) {
+    if (options.equal_model) p.i2 = plinelen + 1;
+    return get_traitnos(p);
+}
+
+std::string effect_token(par_lines& p) {
+    if (!next_var(p)) rdpar_err(p, "Name of effect is missing !");
+    return token(p);
+}
+
+// Adds a name to the effects of the traits of the line.
+void add_effect(par_lines& p, array<std::string, 2>& names, array<int>& count, int most, const char* what,
+                const std::string& name) {
+    for (int iq : line_traits(p)) {
+        if (count(iq) == most) rdpar_err(p, std::string("Max. no. of ") + what + " exceeded !");
+        names(++count(iq), iq) = name;
+    }
+}
+
+void add_covar(par_lines& p, const std::string& name) {
+    add_effect(p, model.covar, model.ncov, maxcov, "covariables", name);
+}
+
+void read_fixed(par_state& s) {
+    const std::string t = effect_token(s.lines);
+    const std::string name = t.substr(0, name_length);
+    if (t.find('(') != std::string::npos)
+        add_covar(s.lines, name);
+    else
+        add_effect(s.lines, model.fixed, model.nfix, maxfix, "fixed effects", name);
+}
+
+void read_covar(par_state& s) {
+    const std::string t = effect_token(s.lines);
+    if (t.find('(') == std::string::npos) rdpar_err(s.lines, "Missing \"(\" in covariable");
+    add_covar(s.lines, t.substr(0, name_length));
+}
+
+void read_extra(par_state& s) {
+    const std::string name = effect_token(s.lines).substr(0, name_length);
+    add_effect(s.lines, model.extra, model.nextra, maxext, "extra effects", name);
+}
+
+// Random effect in a random regression analysis: name(order,...
+void check_rrname(const par_lines& p, const std::string& t) {
+    const auto open = t.find('('), comma = t.find(',');
+    if (open == std::string::npos) rdpar_err(p, "RR analysis - no \"(\" in name");
+    if (comma == std::string::npos) rdpar_err(p, "RR analysis - no \",\" in name");
+    int order = 0;
+    if (comma < open || !read_integer(std::string_view(t).substr(open + 1, comma - open - 1), order) || order < 1)
+        rdpar_err(p, "Failed reading order of RR");
+}
+
+// The option behind a random effect, if there is one; otherwise the line is left at the effect.
+std::string read_covoption(par_lines& p) {
+    const int i1 = p.i1, i2 = p.i2;
+    if (!next_var(p) || is_digit(token(p).front())) {
+        p.i1 = i1;
+        p.i2 = i2;
+        return "IDE";
+    }
+    const std::string t = token(p);
+    if (t.size() < 3) rdpar_err(p, "cov. option too short");
+    const std::string opt = upper3(t);
+    for (const char* valid : {"NRM", "GIN", "IDE", "PEQ"})
+        if (opt == valid) return opt;
+    rdpar_err(p, "Invalid covariance structure");
+}
+
+void read_random(par_state& s) {
+    auto& p = s.lines;
+    const std::string t = effect_token(p);
+    if (options.randreg)
+        check_rrname(p, t);
+    else if (t.find('(') != std::string::npos)
+        rdpar_err(p, "\"(\" in name only allowed with RR analyses");
+    const std::string opt = read_covoption(p);
+    if (opt == "NRM") s.nrm_set = true;
+    for (int iq : line_traits(p)) {
+        int& n = model.nrnd(iq);
+        if (n == maxrand) rdpar_err(p, "Max. no. of random effects exceeded !");
+        ++n;
+        model.random(n, iq) = t.substr(0, name_length);
+        model.rnd_opt(n, iq) = opt;
+    }
+}
+
+void read_control(par_state& s) {
+    auto& p = s.lines;
+    if (model.anal_type != 3 && model.anal_type != 4) rdpar_err(p, "Code only valid with RR analysis !");
+    const std::string name = effect_token(p).substr(0, name_length);
+    for (int iq : line_traits(p)) {
+        if (model.nmeta(iq) == maxmeta) rdpar_err(p, "Max. no. of RR control variables exceeded !");
+        model.rricontrol(++model.nmeta(iq), iq) = name;
+    }
+    if (std::count(model.rrcontrol.begin(), model.rrcontrol.end(), name) > 0) return;
+    model.rrcontrol.push_back(name);
+    ++model.nrrc;
+}
+
+void read_mean(par_state& s) {
+    for (int iq : line_traits(s.lines)) model.fitmean(iq) = 1;
+}
+
+int check_trait(const par_lines& p, int iq) {
+    if (iq < 1 || iq > numbers.nq) rdpar_err(p, "Invalid trait no. specified");
+    return iq;
+}
+
+// Column of the trait number. Every reader takes it from column 1.
+void read_position(par_state& s) {
+    auto& p = s.lines;
+    if (options.equal_model) rdpar_err(p, "Invalid for \"equal model\" opt.");
+    int ii = 0, iq = 0;
+    const bool good = next_var(p) && read_integer(token(p), ii) && next_var(p) && read_integer(token(p), iq);
+    if (!good) rdpar_err(p, "Something wrong parsing line !");
+    datafile.trno_pos[check_trait(p, iq)] = ii;
+    if (ii != 1) tvx_notyet();
+}
+
+// Renumbering "jq"->iq: trait jq of the data is trait iq of the analysis.
+int get_iqnew(const par_lines& p) {
+    const std::string t = token(p);
+    const auto close = t.find('"', 1);
+    int jq = 0, iq = 0;
+    bool good = close != std::string::npos && (close == 2 || close == 3) && t.compare(close + 1, 2, "->") == 0;
+    good = good && is_digit(t[1]) && is_digit(t[close - 1]) && t.size() > close + 3 && is_digit(t[close + 3]);
+    good = good && read_integer(std::string_view(t).substr(1, close - 1), jq) && jq > 0;
+    good = good && read_integer(std::string_view(t).substr(close + 3), iq);
+    if (!good) {
+        print_list(screen(), "Invalid syntax for renumbering of traits ", trim(p.pline), p.i1, p.i2, t);
+        stoptarvex();
+    }
+    datafile.iq_newno[jq] = check_trait(p, iq);
+    options.renumbered = true;
+    return iq;
+}
+
+// Trait number on a TR line; leaves `more` on if the current token is the missing value.
+int trait_number(par_lines& p, bool& more) {
+    int iq = 1;
+    more = next_var(p);
+    const char first = more ? token(p).front() : ' ';
+    if (first == '"') {
+        iq = get_iqnew(p);
+        more = next_var(p);
+        return iq;
+    }
+    if (numbers.nq == 1) {
+        if (is_digit(first)) more = next_var(p);
+    } else {
+        if (!more) rdpar_err(p, "Trait no. missing ?");
+        if (!read_integer(token(p), iq)) rdpar_err(p, "Something wrong parsing line !");
+        more = next_var(p);
+    }
+    datafile.iq_newno[check_trait(p, iq)] = iq;
+    return iq;
+}
+
+void read_trait(par_state& s) {
+    auto& p = s.lines;
+    const std::string name = effect_token(p).substr(0, name_length);
+    bool more = false;
+    const int iq = trait_number(p, more);
+    if (more) {
+        if (find_char(p, '.') > 0) rdpar_err(p, "Decimal point in missing value code ?");
+        if (!read_integer(token(p), datafile.missvalue[iq])) rdpar_err(p, "Something wrong parsing line !");
+    }
+    model.trait(iq) = name;
+    ++s.ntraits;
+    if (options.verbose)
+        write(screen(), "(2x,a,i3,3a,i12)", "Trait no.", iq, "  \"", name, "\"  Missing value", datafile.missvalue[iq]);
+}
+
+struct model_line {
+    const char* code; // letters that count
+    void (*read)(par_state&);
+};
+constexpr model_line model_lines[] = {
+    {"FIX", read_fixed}, {"COV", read_covar}, {"RAN", read_random},  {"TR", read_trait}, {"RRC", read_control},
+    {"NUM", read_position}, {"MEA", read_mean}, {"MU", read_mean}, {"EXT", read_extra},
+};
+
+void clear_model(par_state& s) {
+    auto& m = model;
+    for (auto* a : {&m.nfix, &m.ncov, &m.nrnd, &m.nextra, &m.nmeta, &m.fitmean}) a->fill(0);
+    m.trait.fill("");
+    m.rrcontrol.clear();
+    m.nrrc = 0;
+    m.rr_resteps = 1;
+    m.me_type.clear();
+    m.me_control.clear();
+    std::fill(std::begin(datafile.trno_pos), std::end(datafile.trno_pos), -1);
+    std::fill(std::begin(datafile.iq_newno), std::end(datafile.iq_newno), -1);
+    options.renumbered = false;
+    s.ntraits = 0;
+    s.nrm_set = s.model_set = s.traits_set = false;
+}
+
+// Arrays of the covariance blocks: at most one for each name of a random effect.
+void allocate_blocks(par_state& s) {
+    std::set<std::string> names;
+    for (int iq = 1; iq <= numbers.nq; ++iq)
+        for (int i = 1; i <= model.nrnd(iq); ++i) {
+            const std::string& name = model.random(i, iq);
+            names.insert(name.substr(0, name.find('(')));
+        }
+    s.maxblocks = std::min(static_cast<int>(names.size()), maxrand);
+    allocate("alloc krandom", model.krandom, s.maxblocks);
+    for (auto* a : {&model.kkfit, &model.krfit, &model.diagonal, &model.correlated}) allocate("alloc kkfit", *a, s.maxblocks);
+    s.values.assign(static_cast<std::size_t>(s.maxblocks) + 1, {});
+    numbers.krand = 0;
+}
+
+} // namespace
+
+void read_model(par_state& s) {
+    auto& p = s.lines;
+    if (!s.analysis_set) rdpar_err(p, "Specify analysis type before model !");
+    options.equal_model = numbers.nq == 1;
+    if (!options.equal_model && next_var(p)) {
+        const std::string t = token(p).substr(0, 2);
+        options.equal_model = t == "EQ" || t == "eq" || t == "Eq";
+    }
+    clear_model(s);
+    while (true) {
+        get_pline(p);
+        if (p.iend != 0) return;
+        const std::string code = p.pline.substr(0, 3);
+        if (code == "END") break;
+        const auto* k = std::find_if(std::begin(model_lines), std::end(model_lines),
+                                     [&](const model_line& x) { return code.starts_with(x.code); });
+        if (k == std::end(model_lines)) rdpar_err(p, "Invalid code in model specification");
+        k->read(s);
+    }
+    s.model_set = true;
+    s.traits_set = s.ntraits == numbers.nq &&
+                   std::none_of(model.trait.begin(), model.trait.end(), [](const std::string& t) { return t.empty(); });
+    allocate_blocks(s);
+}
+
+} // namespace tarvex
