@@ -1,5 +1,6 @@
 // Parameter files of small analyses that several tests read.
 #pragma once
+#include <gtest/gtest.h>
 #include <string>
 
 namespace tarvex::examples {
@@ -301,5 +302,12 @@ VAR residual 1 HET 3 day
   7 14 1.0
   15 21 2.0
 )";
+
+// The text with one piece put in place of another.
+inline std::string with(std::string text, const std::string& from, const std::string& to) {
+    const auto at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    return at == std::string::npos ? text : text.replace(at, from.size(), to);
+}
 
 } // namespace tarvex::examples

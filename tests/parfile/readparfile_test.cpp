@@ -23,12 +23,7 @@ protected:
     }
 };
 
-// Example text with one line put in place of another.
-std::string with(std::string text, const std::string& from, const std::string& to) {
-    const auto at = text.find(from);
-    EXPECT_NE(at, std::string::npos) << from;
-    return text.replace(at, from.size(), to);
-}
+using examples::with;
 
 TEST_F(readparfile, univariate) {
     read(examples::weaning);
