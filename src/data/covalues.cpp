@@ -1,0 +1,35 @@
+// Regression values of covariables.
+#include "data/data.h"
+#include "data/levels.h"
+#include "parfile/mudmap.h"
+#include "randreg/legendre.h"
+#include "randreg/splines.h"
+#include "support/stop.h"
+
+#include <vector>
+
+namespace tarvex {
+
+void covariable_row(int icov, int iq, double x, std::span<double> row) {
+    const std::string& type = mudmap.cv_type(icov, iq);
+    const auto order = static_cast<std::size_t>(mudmap.cv_order(icov, iq));
+    if (type == "POL") {
+        const double dev = x - covmeans.cv_xbar(icov, iq);
+        double power = 1.0;
+        for (std::size_t k = 0; k < order; ++k) row[k] = power *= dev;
+    } else if (type == "LEG") {
+        const double cmin = covmeans.cv_min(icov, iq), cmax = covmeans.cv_max(icov, iq);
+        static std::vector<double> all;
+        all.resize(order + 1);
+        legendre_row(-1.0 + 2.0 * (x - cmin) / (cmax - cmin), all);
+        for (std::size_t k = 0; k < order; ++k) row[k] = all[k + 1]; // the constant would repeat the mean
+    } else if (type == "BSP") {
+        const int isp = splines.cv_spline(icov, iq);
+        const int a = bspline_place(isp, x);
+        for (std::size_t k = 0; k < order; ++k) row[k] = splines.bspmat[static_cast<std::size_t>(isp - 1)](a, k + 1);
+    } else {
+        stop("option not yet implemented");
+    }
+}
+
+} // namespace tarvex

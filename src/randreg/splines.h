@@ -1,0 +1,39 @@
+// B-splines on equally spaced knots, by the recursion of de Boor (1978, A Practical Guide to Splines).
+#pragma once
+#include "support/array.h"
+
+#include <span>
+#include <string>
+#include <vector>
+
+namespace tarvex {
+
+// One spline: a variable, cut into equal intervals between its lowest and highest value. It has intervals + degree
+// functions, and these sum to 1 at every value.
+struct splines_module {
+    int nspline = 0;
+    std::vector<std::string> bsp_names;          // variable: covariable up to its bracket, or control variable
+    std::vector<int> bsp_control;                // 1: control variable, 0: covariable
+    std::vector<int> bsp_degree;                 // 1 linear, 2 quadratic, 3 cubic
+    std::vector<int> bsp_nknots;                 // intervals between the lowest and highest value
+    std::vector<std::vector<double>> bsp_values; // distinct values, ascending
+    std::vector<array<double, 2>> bspmat;        // (values, functions)
+    array<double> tvec;                          // knots of the spline last set up
+    array<int, 2> cv_spline;                     // (maxcov,nq) spline of a covariable (from 1), 0 none
+    array<int, 2> rn_spline;                     // (maxrand,nq) spline of a random effect, 0 none
+};
+inline splines_module splines;
+
+// Finds the splines of the covariables and of the random effects, gathers their values over the traits and tabulates the
+// functions. Covariables of one name must agree in type and degree over the traits, as must random effects.
+void setup_bsplines();
+// Distinct values of spline isp, ascending, from the traits that have its variable.
+void collect_bspvalues(int isp);
+// Knots for nint intervals from tmin to tmax, with `degree` further ones at each side.
+void knot_vector(double tmin, double tmax, int nint, int degree, array<double>& tvec);
+// Values at x of all functions of the given degree on tvec: row has tvec.upper() - 1 - degree elements.
+void bspline_row(double x, const array<double>& tvec, int degree, std::span<double> row);
+// Place of value x in the list of spline isp; stops if it is not there ("bspl code not found").
+int bspline_place(int isp, double x);
+
+} // namespace tarvex
