@@ -1,0 +1,8 @@
+// Summary of the model and of the data structure.
+#pragma once
+
+namespace tarvex {
+
+void write_modelsum(); // SumModel.out
+
+} // namespace tarvex

@@ -1,0 +1,152 @@
+#include "control/tvxroutines.h"
+
+#include "control/filenames.h"
+#include "control/options.h"
+#include "parfile/model.h"
+#include "support/array.h"
+#include "support/fixture.h"
+
+#include <iostream>
+#include <regex>
+
+using namespace tarvex;
+
+namespace {
+
+class Stops : public tarvex_test {
+protected:
+    // Text and status of the stop that `f` ends in.
+    template <class F> std::pair<std::string, int> end_of(F f) {
+        try {
+            f();
+        } catch (const program_stop& end) { return {end.text, end.status}; }
+        ADD_FAILURE() << "no stop";
+        return {};
+    }
+};
+
+TEST_F(Stops, ErrorExitSpeaksMoreUnderVerbose) {
+    EXPECT_EQ(end_of(stoptarvex), (std::pair<std::string, int>{"exit \"Tarvex\"", 1}));
+    EXPECT_EQ(screen_text(), "");
+    options.verbose = true;
+    EXPECT_EQ(end_of(stoptarvex), (std::pair<std::string, int>{"exit", 1}));
+    EXPECT_EQ(screen_text(), "Programmed (error) stop for \"Tarvex\" encountered\n");
+}
+
+TEST_F(Stops, FinishHasNoTextUnderVerbose) {
+    EXPECT_EQ(end_of(finish_run), (std::pair<std::string, int>{"\"Tarvex\" done", 0}));
+    options.verbose = true;
+    EXPECT_EQ(end_of(finish_run), (std::pair<std::string, int>{"", 0}));
+    EXPECT_EQ(screen_text(), "\"Tarvex\" has finished !\n");
+}
+
+TEST_F(Stops, RefusedCombinationExplainsItself) {
+    EXPECT_EQ(end_of(tvx_notyet).first, "exit \"Tarvex\"");
+    EXPECT_EQ(screen_text(), "*** Tarvex is work in progress !\n"
+                             "Unfortunately, the combination of features selected (model and\n"
+                             "run time options) for this run of Tarvex has not yet been fully\n"
+                             "tested or implemented.\n");
+}
+
+TEST_F(Stops, CautionWaitsForALineOrTheEndOfInput) {
+    std::istringstream answer("go\n"), none;
+    auto* before = std::cin.rdbuf(answer.rdbuf());
+    tvx_caution();
+    std::cin.rdbuf(none.rdbuf());
+    tvx_caution();
+    std::cin.rdbuf(before);
+    std::cin.clear();
+    const std::string text = "*** Tarvex is work in progress !\n"
+                             "    The combination of features selected has not \n"
+                             "    been fully tested/fault trapped & may cause\n"
+                             "    problems - Proceed with CAUTION ! \n";
+    EXPECT_EQ(screen_text(), text + text);
+}
+
+TEST_F(Stops, LargeArrayThatCannotBeAllocatedIsNamed) {
+    EXPECT_EQ(end_of([] { tvx_noalloc("XSPARS", 123456789); }).first, "exit \"Tarvex\"");
+    EXPECT_EQ(screen_text(), " Cannot allocate large array : \"XSPARS\"\n"
+                             " ... size required           :    123456789 elements\n");
+}
+
+TEST_F(Stops, MessageAndStopInOne) {
+    EXPECT_EQ(end_of([] { stop_with("what was wrong"); }).second, 1);
+    EXPECT_EQ(screen_text(), "what was wrong\n");
+}
+
+TEST_F(Stops, TimesAreShownUnderVerboseOrTimesOnly) {
+    tvxtimes(1, "reading");
+    EXPECT_EQ(screen_text(), "");
+    options.verbose = true;
+    tvxtimes(1); // only notes the time
+    EXPECT_EQ(screen_text(), "");
+    times.prev = cpu_time() - 100.0;
+    tvxtimes(2, "reading");
+    EXPECT_TRUE(std::regex_match(screen_text(), std::regex("\\*\\*\\*Time: reading {14} {6,}[0-9]+\\.[0-9] Used since last {7}100\\.0\n")))
+        << screen_text();
+    clear_screen();
+    options.verbose = false;
+    options.print_times = true;
+    tvxtimes(1, "x");
+    EXPECT_EQ(screen_text().size(), std::string("***Time: x").size() + 19 + 15 + 1);
+}
+
+class ReportFrame : public tarvex_test {
+protected:
+    std::string written(void (*f)(text_out&)) {
+        std::ostringstream text;
+        text_out out(text);
+        f(out);
+        return text.str();
+    }
+};
+
+TEST_F(ReportFrame, HeaderIs78ColumnsWideOr112) {
+    const auto top = [](text_out& out) { write_tvxtop(out, "Model"); };
+    EXPECT_EQ(written(top), "======= Version 21-11-2026 ======================================= **ZQ** ====\n\n"
+                            "        Program Tarvex : Model\n" +
+                                std::string(78, '=') + "\n\n");
+    options.wide = true;
+    EXPECT_EQ(written(top), "======= Version 21-11-2026 ======================================= **ZQ** " + std::string(38, '=') +
+                                "\n\n        Program Tarvex : Model\n" + std::string(112, '=') + "\n\n");
+}
+
+TEST_F(ReportFrame, FilesAreNamedWithoutTrailingBlanks) {
+    model.analysis = "UNI";
+    filenames.datfile = "wean.dat";
+    filenames.pedfile = "wean.ped";
+    EXPECT_EQ(written(write_tvxfiles), " Analysis type          :   \"UNI\"\n"
+                                       " Data file              :   \"wean.dat\"\n"
+                                       " Parameter file         :   \"tarvex.par\"\n"
+                                       "\n\n");
+    options.comment = options.pedigrees = true;
+    model.commentline = "a comment";
+    EXPECT_EQ(written(write_tvxfiles), " a comment\n\n"
+                                       " Analysis type          :   \"UNI\"\n"
+                                       " Data file              :   \"wean.dat\"\n"
+                                       " Pedigree file          :   \"wean.ped\"\n"
+                                       " Parameter file         :   \"tarvex.par\"\n"
+                                       "\n\n");
+}
+
+TEST_F(ReportFrame, FooterShowsDateAndTimeAndClosesTheFile) {
+    const std::string date = "[0-3][0-9]-[01][0-9]-20[0-9][0-9]==========[0-2][0-9]:[0-5][0-9]";
+    const std::string narrow = written(write_tvxbottom);
+    EXPECT_EQ(narrow.size(), 79u);
+    EXPECT_TRUE(std::regex_match(narrow, std::regex("======== end of file ============================" + date + "====\n")));
+    options.wide = true;
+    EXPECT_EQ(written(write_tvxbottom).size(), 113u);
+    text_out out;
+    ASSERT_TRUE(out.open("report"));
+    write_tvxbottom(out);
+    EXPECT_FALSE(out.is_open());
+}
+
+TEST(FileNames, NumberOfTheRelationshipMatrixTakesItsPlace) {
+    filenames = {};
+    EXPECT_EQ(nrminv_name(1), "nrminvers1.bin");
+    EXPECT_EQ(cholnrm_name(2), "cholnrm2.bin");
+    EXPECT_EQ(nrminv_name(10), "nrminvers*.bin");
+}
+
+} // namespace
