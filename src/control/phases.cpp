@@ -15,6 +15,7 @@
 #include "estimation/estimates.h"
 #include "estimation/pxem.h"
 #include "estimation/variances.h"
+#include "parfile/mudmap_build.h"
 #include "parfile/readparfile.h"
 #include "relations/cholnrm.h"
 #include "relations/nrminverse.h"
@@ -27,8 +28,6 @@
 #include "support/screen.h"
 
 namespace tarvex {
-
-void model2mudmap();
 
 namespace {
 
