@@ -33,6 +33,7 @@ struct estimates_module {
     array<int, 2, 0> cholorder;       // (maxk*steps,0:krand) pivot order; step s of block 0 at (s-1)*kkfit+1
     bool reorder = true;              // pivot the factorisation
     bool allocated = false;
+    bool from_best = false; // model.cov was read from BestPoint, not given by the user
 };
 inline estimates_module estimates;
 
@@ -42,6 +43,5 @@ int block_start(int irand, int step = 1);
 int cov_start(int irand, int step = 1);
 
 void get_estimates(); // maximises log L by the plan of maximise.search_type
-double start_clock(); // processor time at the start of estimation, for the timing of rounds
 
 } // namespace tarvex

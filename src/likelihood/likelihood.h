@@ -14,6 +14,7 @@ struct likelihoods_module {
     double tprev = 0.0;  // clock at the start of the evaluation
     double xlast = 0.0;  // log L of the last evaluation
     array<double> lastpar;        // (nparm) parameters of the factor at hand
+    int failrow = 0;              // row of the last invalid pivot, 0 none
     bool factor_valid = false;    // diag, xspars hold the factor of lastpar
     array<double, 2, 1> likesav;  // (nparm+1,200) table of evaluations: log L, parameters
 };

@@ -1,0 +1,231 @@
+#include "estimation/aireml.h"
+
+#include "control/filenames.h"
+#include "control/maximise.h"
+#include "control/numbers.h"
+#include "control/numroutines.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "estimation/bestpoint.h"
+#include "estimation/derivatives.h"
+#include "estimation/estimates.h"
+#include "estimation/stepcontrol.h"
+#include "estimation/variances.h"
+#include "likelihood/likelihood.h"
+#include "support/edit_form.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+#include <vector>
+
+namespace tarvex {
+
+namespace {
+
+constexpr int second_order_from = 222; // iterate from which the second-order term joins the information
+
+// Blocks whose diagonals have become small go over to logarithms; the matrices stay as they are.
+void handle_switches() {
+    for (int irand = 0; irand <= numbers.krand; ++irand) {
+        if (options.nologd) estimates.switchlog(irand) = 0;
+        if (!estimates.switchlog(irand)) continue;
+        if (options.verbose) print_list(screen(), " Switch to log diagonal for RE", irand);
+        switch_to_logs(irand);
+        estimates.switchlog(irand) = 0;
+    }
+}
+
+bool any_switch() {
+    return std::any_of(estimates.switchlog.begin(), estimates.switchlog.end(), [](int f) { return f != 0; });
+}
+
+double relative_change(const array<double>& from, const array<double>& to) {
+    double change = 0.0, size = 0.0;
+    for (int i = 1; i <= estimates.nparm; ++i) {
+        change += (from(i) - to(i)) * (from(i) - to(i));
+        size += to(i) * to(i);
+    }
+    return size > 0.0 ? std::sqrt(change / size) : 0.0;
+}
+
+void push_changes(double dd) {
+    auto& c = maximise.cchanges;
+    for (int k = 0; k < 4; ++k) {
+        c[0][k] = c[1][k];
+        c[1][k] = c[2][k];
+    }
+    c[2][0] = dd;
+    c[2][1] = aireml_terms.pnorm;
+    c[2][2] = aireml_terms.dnorm;
+    c[2][3] = aireml_terms.slope;
+}
+
+void say_converged(const char* on_screen, const char* in_file, double value, double limit) {
+    maximise.converged = true;
+    if (!options.terse) print_list(screen(), "*** AIREML has converged");
+    if (options.verbose) print_list(screen(), on_screen, value, limit);
+    text_out out;
+    if (!out.open_append(filenames.iteratesfile)) return;
+    print_list(out, "*** AIREML has converged");
+    print_list(out, in_file, value, limit);
+}
+
+void test_convergence(double xold, double xnew) {
+    if (aireml_terms.dnorm < maximise.aiconv_norm)
+        say_converged("   Norm of gradient vector", "    Norm of gradient vector =", aireml_terms.dnorm, maximise.aiconv_norm);
+    else if (xnew - xold < maximise.aiconv_like)
+        say_converged("   Last change in log L", "    Last change in log L =", xnew - xold, maximise.aiconv_like);
+    push_changes(xnew - xold);
+}
+
+// Gradient and information at parvec. False where the point has no value.
+bool prepare(int iter, double& xold) {
+    double dev = 0.0;
+    loglike(estimates.parvec, estimates.nparm, dev, xold, 1);
+    if (!(xold > invalid_logl)) return false;
+    average_info();
+    derivatives_mmm();
+    jacob_var2chol(iter < second_order_from ? 0 : 1);
+    rank_check();
+    double s = 0.0;
+    for (double g : derivs.der1) s += g * g;
+    aireml_terms.dnorm = std::sqrt(s);
+    return true;
+}
+
+// True when the step in parnew is accepted; fail: the phase ends; otherwise a switch of scale is due.
+bool accept_step(double xold, double& xnew, bool& fail) {
+    if (xnew > xold || (!options.strict_ai && xnew > invalid_logl)) return true;
+    line_search(xold, xnew, fail);
+    if (fail) return false;
+    if (!(xold > xnew)) return true;
+    if (!any_switch()) fail = true;
+    return false;
+}
+
+void take_step(int& iround, double xold, double xnew) {
+    aireml_terms.pnorm = relative_change(estimates.parvec, estimates.parnew);
+    if (aireml_terms.pnorm < 1.0e-8) maximise.converged = true;
+    ++iround;
+    ++aireml_terms.accepted;
+    aireml_terms.last_change = xnew - xold;
+    print_iterate(iround, xnew, xold);
+    list_step();
+    estimates.parvec = estimates.parnew;
+    if (options.reconstruct && readbestpoint(true)) covs2parvec();
+    maximise.converged = false; // only the tests on gradient and log L count
+    if (xnew >= xold) test_convergence(xold, xnew);
+    write_avinfo(xnew);
+}
+
+void close_phase(int iter, int nits, bool search_failed) {
+    estimates.parvec = estimates.parbest;
+    if (maximise.ncycle != 1 || maximise.converged) return;
+    if (!search_failed) print_list(screen(), "*** AIREML : No convergence");
+    text_out out;
+    if (!out.open_append(filenames.iteratesfile)) return;
+    print_list(out, iter >= nits ? "Max. no. of iterates reached - not converged !"
+                                 : "Could not locate better point - not converged !");
+}
+
+} // namespace
+
+void ai_reml(int nits, int& iround, double& xlike) {
+    set_linesearch();
+    auto& t = aireml_terms;
+    t.alpha = 1.0;
+    t.tau = t.slope = t.prox = t.dnorm = t.pnorm = 0.0;
+    t.last_change = 0.0;
+    const bool strict = options.strict_ai;
+    if (iround == 0) {
+        t.tt0 = cpu_time();
+        print_iterate(0, xlike, xlike);
+    }
+    bool fail = false;
+    int iter = 1;
+    for (; iter <= nits; ++iter) {
+        t.tt0 = cpu_time();
+        estimates.logpar.fill(0);
+        handle_switches();
+        double xold = invalid_logl, xnew = invalid_logl;
+        if (!prepare(iter, xold)) {
+            fail = true;
+            break;
+        }
+        options.strict_ai = strict;
+        t.tau = 0.0;
+        eztimates(iter, xnew);
+        t.prox = 0.5 * t.slope;
+        if (!accept_step(xold, xnew, fail)) {
+            if (fail) break;
+            continue;
+        }
+        take_step(iround, xold, xnew);
+        xlike = xnew;
+        if (maximise.converged) break;
+    }
+    close_phase(iter, nits, fail);
+}
+
+void list_step() {
+    constexpr edit_form head{"(1x,a,g12.5,2(3x,a,g12.5))"};
+    constexpr edit_form item{"(i4,3x,a,3x,2(a,g16.7),2x,a)"};
+    if (!options.verbose) return;
+    const auto& t = aireml_terms;
+    write(screen(), head, "Estimates for \"tau\" =", t.tau, "\"alpha\" =", t.alpha, "\"norm\" =", t.dnorm);
+    for (int i = 1; i <= estimates.nparm; ++i)
+        if (estimates.parvec(i) != 0.0 || estimates.parnew(i) != 0.0)
+            write(screen(), item, i, estimates.parnames(i), "Old =", estimates.parvec(i), " New =", estimates.parnew(i),
+                  options.aireml && estimates.logpar(i) ? "log" : "   ");
+}
+
+void rank_check() {
+    const int n = estimates.nparm;
+    array<double, 2> a;
+    a.allocate(n, n);
+    std::vector<int> index(static_cast<std::size_t>(n));
+    array<double> dia;
+    dia.allocate(n);
+    for (int i = 1; i <= n; ++i) {
+        index[static_cast<std::size_t>(i - 1)] = i;
+        dia(i) = derivs.der2(ihmssf(i, i, n));
+        for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = derivs.der2(ihmssf(i, j, n));
+    }
+    derivs.fixpar.allocate(n);
+    derivs.fixpar.fill(1);
+    const auto at = [&](int k) { return index[static_cast<std::size_t>(k - 1)]; };
+    bool stopped = false;
+    for (int row = 1; row <= n; ++row) {
+        int best = 0;
+        double pivot = -1.0e10;
+        for (int k = row; k <= n; ++k)
+            if (a(at(k), at(k)) > pivot) {
+                pivot = a(at(k), at(k));
+                best = k;
+            }
+        if (options.details) print_list(screen(), "hess piv", row, pivot);
+        if (best == 0 || pivot < numbers.zero) {
+            stopped = true;
+            break;
+        }
+        std::swap(index[static_cast<std::size_t>(row - 1)], index[static_cast<std::size_t>(best - 1)]);
+        const int p = at(row);
+        derivs.fixpar(p) = 0;
+        for (int k = row + 1; k <= n; ++k) {
+            const double f = a(at(k), p) / pivot;
+            for (int l = row + 1; l <= n; ++l) a(at(k), at(l)) -= f * a(p, at(l));
+        }
+    }
+    derivs.subset.allocate(n);
+    derivs.nparm2 = 0;
+    for (int i = 1; i <= n; ++i) {
+        if (stopped && options.details)
+            print_list(screen(), i, at(i), derivs.fixpar(i), " par", estimates.parvec(i), " dia", dia(i));
+        if (estimates.parvec(i) != 0.0) derivs.fixpar(i) = 0;
+        if (!derivs.fixpar(i)) derivs.subset(++derivs.nparm2) = i;
+    }
+    if (stopped && options.details) print_list(screen(), "subset of parameters =", derivs.nparm2);
+}
+
+} // namespace tarvex

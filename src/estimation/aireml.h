@@ -1,0 +1,45 @@
+// AI-REML: Newton-type iterates with the average information of the data (Gilmour, Thompson and Cullis 1995, Biometrics
+// 51:1440), and the record of all iterates and rounds.
+#pragma once
+#include <string_view>
+
+namespace tarvex {
+
+struct aireml_terms_module {
+    double alpha = 1.0; // step length
+    double dnorm = 0.0; // Euclidean norm of the gradient
+    double pnorm = 0.0; // relative change of the parameters in the accepted step
+    double prox = 0.0;  // half the slope
+    double slope = 0.0; // slope of -log L along the step
+    double tau = 0.0;   // added to the diagonal of the information matrix
+    double last_change = 0.0; // change in log L of the last accepted iterate of the last AI-REML phase, 0 if there was none
+    int accepted = 0;         // iterates accepted in the whole run
+    double tt0 = 0.0;         // processor clock at the start of the iterate
+};
+inline aireml_terms_module aireml_terms;
+
+// Iterates from estimates.parvec until convergence, failure, or nits iterates.
+//   iround  running count of accepted iterates over the run
+//   xlike   in: log L at parvec; out: last accepted value
+// Leaves parvec at the best point, maximise.converged and cchanges, AvInfoParms and AvInfoCovs of the last iterate.
+void ai_reml(int nits, int& iround, double& xlike);
+
+// Pivoted rank check of derivs.der2: parameters without information that are exactly 0 are held out. Fills fixpar, nparm2,
+// subset.
+void rank_check();
+
+// Records an iterate or round on the screen and in Iterates; which of AI, EM and PX it is follows from the flags.
+// `note` stands beside the EM labels in the developer's trace.
+void print_iterate(int iround, double xlike, double xold, std::string_view note = {});
+
+// The record's edit form with decimals to suit the values.
+struct iterate_form_values {
+    double dd, dnorm, pnorm, prox;
+    int ncall;
+};
+void edit_iterate_form(char* form, const iterate_form_values& v);
+
+// Lists old and new parameters that are not 0.
+void list_step();
+
+} // namespace tarvex

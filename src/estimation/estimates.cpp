@@ -1,0 +1,142 @@
+#include "estimation/estimates.h"
+
+#include "control/filenames.h"
+#include "control/maximise.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "estimation/aireml.h"
+#include "estimation/bestpoint.h"
+#include "estimation/derivatives.h"
+#include "estimation/emsteps.h"
+#include "estimation/powell.h"
+#include "estimation/variances.h"
+#include "likelihood/likelihood.h"
+#include "likelihood/residualvars.h"
+#include "likelihood/warnfix.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+
+namespace tarvex {
+
+namespace {
+
+// Hands over at the best point found so far, on the scale that the flags now ask for.
+void from_best_point() {
+    readbestpoint(true);
+    covs2parvec();
+}
+
+double stored_best_value() {
+    std::ifstream in(filenames.bestfile);
+    double x = invalid_logl;
+    return in >> x ? x : invalid_logl;
+}
+
+void first_evaluation(double& xlike) {
+    double dev = 0.0;
+    loglike(estimates.parvec, estimates.nparm, dev, xlike, 1);
+    if (xlike > invalid_logl) return;
+    print_list(screen(), "***** ERROR in sparse matrix factorisation ");
+    print_list(screen(), "      mixed model matrix is not positive definite !!!");
+    write_warnfix(likelihoods.failrow);
+    stoptarvex();
+}
+
+void ai_phase(int& iround, double& xlike) {
+    options.aireml = true;
+    options.emalgorithm = false;
+    from_best_point();
+    ai_reml(maximise.aireml_its, iround, xlike);
+}
+
+void cycle_of_em_and_ai(int& iround, double& xlike) {
+    const bool pxem = options.pxem;
+    bool repeat_em = true;
+    for (int icycle = 1; icycle <= maximise.ncycle; ++icycle) {
+        if (icycle > 1) {
+            options.emalgorithm = true;
+            options.aireml = false;
+            options.pxem = pxem;
+            from_best_point();
+            int ifail = 0;
+            rinverse(estimates.parvec, estimates.nparm, 0, ifail);
+        }
+        em_algorithm(maximise.pxem_its, iround, xlike, maximise.ncycle == 1 ? 2.0 : 0.0);
+        if (maximise.converged) return;
+        options.continew = true;
+        options.pxem = false;
+        for (bool more = true; more;) {
+            more = false;
+            ai_phase(iround, xlike);
+            if (maximise.converged) return;
+            if (icycle != maximise.ncycle || options.principal || !repeat_em) break;
+            const double ai_change = aireml_terms.last_change;
+            options.emalgorithm = true;
+            options.aireml = false;
+            from_best_point();
+            em_algorithm(3, iround, xlike, 0.01);
+            if (ai_change < 0.01) repeat_em = false;
+            more = !maximise.converged;
+        }
+        if (maximise.converged) return;
+    }
+}
+
+// Average information at the final point, for the sampling errors.
+void final_step() {
+    double dev = 0.0, xlike = 0.0;
+    loglike(estimates.parvec, estimates.nparm, dev, xlike, 1);
+    if (!options.aireml || !(xlike > invalid_logl)) return;
+    estimates.xlike_file = stored_best_value();
+    if (!(std::fabs(xlike - estimates.xlike_file) < 0.001)) return;
+    average_info();
+    derivs.devl1.fill(0.0);
+    jacob_var2chol(0);
+    write_avinfo(xlike);
+    rank_check();
+    options.saverr_ready = true;
+}
+
+} // namespace
+
+void get_estimates() {
+    double xlike = invalid_logl;
+    first_evaluation(xlike);
+    options.saverr_ready = false;
+    maximise.converged = false;
+    std::fill_n(&maximise.cchanges[0][0], 12, 0.0);
+    estimates.logpar.fill(0);
+    derivs.nparm2 = estimates.nparm;
+    const int type = maximise.search_type;
+    if ((type == 1 || type == 6) && maximise.aireml_its == 0)
+        maximise.aireml_its = std::max(10, static_cast<int>(1.4f * static_cast<float>(estimates.nparm)));
+    int iround = 0;
+    switch (type) {
+    case 1:
+        options.aireml = true;
+        ai_reml(maximise.aireml_its, iround, xlike);
+        break;
+    case 2:
+        if (maximise.simplx_its == 0) maximise.simplx_its = 1000;
+        break;
+    case 3: {
+        int flag = 0, count = 0;
+        powell(xlike, estimates.parvec, estimates.nparm, flag, count);
+        break;
+    }
+    case 5:
+        em_algorithm(maximise.pxem_its, iround, xlike, 0.0);
+        break;
+    case 6:
+        cycle_of_em_and_ai(iround, xlike);
+        break;
+    default:
+        break;
+    }
+    final_step();
+}
+
+} // namespace tarvex
