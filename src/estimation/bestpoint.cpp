@@ -55,13 +55,18 @@ std::string copy_name(int iround) {
 
 } // namespace
 
+std::vector<double> best_covariances(int irand) {
+    const array<int, 1, 0> marks = estimates.switchlog; // the marks belong to the iterate in progress
+    std::vector<double> cov = get_cov(irand);
+    if (irand == 0 && residualvars.peqsum) subtract_peq(cov, get_cov(residualvars.ipeq));
+    estimates.switchlog = marks;
+    return cov;
+}
+
 void writebestpoint(int iround, text_out* extra) {
     if (iround >= 1000) return;
-    const array<int, 1, 0> marks = estimates.switchlog; // the marks belong to the iterate in progress
     std::vector<std::vector<double>> blocks;
-    for (int irand = 0; irand <= numbers.krand; ++irand) blocks.push_back(get_cov(irand));
-    if (residualvars.peqsum) subtract_peq(blocks[0], blocks[static_cast<std::size_t>(residualvars.ipeq)]);
-    estimates.switchlog = marks;
+    for (int irand = 0; irand <= numbers.krand; ++irand) blocks.push_back(best_covariances(irand));
 
     const std::string name = iround == 0 ? filenames.bestfile : copy_name(iround);
     const std::string temporary = name + ".tmp";

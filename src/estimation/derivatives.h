@@ -29,6 +29,10 @@ void average_info();
 // der1 = J' devl1, der2 = J' (-devl2) J; flag 1 subtracts the second-order term.
 void jacob_var2chol(int flag);
 
+// Derivatives of the covariances of a block (packed upper triangle, or kkfit variances where diagonal; reduced rank: of QQ')
+// with respect to the parameters of its step: J(covariance, parameter), on the scale in force.
+void block_jacobian(int irand, int step, array<double, 2>& J);
+
 // AvInfoParms with xlike in front; AvInfoCovs unless principal.
 void write_avinfo(double xlike);
 
