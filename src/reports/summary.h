@@ -1,9 +1,5 @@
-// Report of the estimates.
+// Report of the estimates: SumEstimates.out, or BestSoFar.out in a run that only reports the best point.
 #pragma once
-
 namespace tarvex {
-
-// Writes SumEstimates.out, or with options.bestonly BestSoFar.out.
 void write_estimates();
-
 } // namespace tarvex

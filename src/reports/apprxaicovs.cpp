@@ -1,0 +1,180 @@
+#include "reports/apprxaicovs.h"
+
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/numroutines.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "estimation/aireml.h"
+#include "estimation/derivatives.h"
+#include "estimation/estimates.h"
+#include "likelihood/residualvars.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "support/stop.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+
+namespace tarvex {
+
+namespace {
+
+constexpr double largest_discrepancy = 0.01; // between the log L of the information matrix and of the best point
+
+// Information matrix as read, full storage. False: no file, or of another run.
+bool read_information(array<double, 2>& hess2) {
+    const int n = estimates.nparm;
+    if (!options.saverr_ready && !(options.aireml && aireml_terms.accepted > 0)) return false;
+    std::ifstream in(filenames.aiparsfile);
+    double xl2 = 0.0;
+    if (!in || !(in >> xl2)) return false;
+    const double xl1 = estimates.xbest;
+    if (std::fabs(xl1 - xl2) > largest_discrepancy) {
+        print_list(screen(), "Approximation of sampling covariances failed");
+        print_list(screen(), "-> discrepancy in log L too big", xl1, xl2);
+        return false;
+    }
+    allocate("alloc hess2", hess2, n, n);
+    int i = 0, j = 0;
+    double x = 0.0;
+    while (in >> i >> j >> x) {
+        if (i < 1 || j < 1 || i > n || j > n) break;
+        hess2(i, j) = hess2(j, i) = x;
+    }
+    return true;
+}
+
+// Generalised inverse after scaling to unit diagonal, so that the tolerance does not depend on the units of the traits.
+void invert_information(array<double, 2>& a, int n, int& rank) {
+    std::vector<double> scale(static_cast<std::size_t>(n), 0.0);
+    for (int i = 1; i <= n; ++i)
+        if (a(i, i) > 0.0) scale[static_cast<std::size_t>(i - 1)] = 1.0 / std::sqrt(a(i, i));
+    const auto s = [&](int i) { return scale[static_cast<std::size_t>(i - 1)]; };
+    std::vector<double> packed(static_cast<std::size_t>(n) * static_cast<std::size_t>(n + 1) / 2);
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) packed[static_cast<std::size_t>(ihmssf(i, j, n) - 1)] = a(i, j) * s(i) * s(j);
+    double ldet = 0.0;
+    gen_inverse(packed, n, numbers.zero, rank, ldet);
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = packed[static_cast<std::size_t>(ihmssf(i, j, n) - 1)] * s(i) * s(j);
+}
+
+int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
+
+// Rows of block irand in linfun: derivatives of its covariances with respect to all parameters.
+void block_rows(int irand, array<double, 2>& linfun) {
+    array<double, 2> J;
+    for (int step = 1; step <= steps_of(irand); ++step) {
+        block_jacobian(irand, step, J);
+        const int row = cov_start(irand, step), col = block_start(irand, step);
+        for (int i = 1; i <= J.upper(1); ++i)
+            for (int k = 1; k <= J.upper(2); ++k) linfun(row + i - 1, col + k - 1) = J(i, k);
+    }
+}
+
+// The residual block of the parameters is a sum with the PEQ matrix: its own covariances depend on both.
+void peq_rows(array<double, 2>& linfun) {
+    const int irand = residualvars.ipeq, n = model.kkfit(irand), col = block_start(irand);
+    array<double, 2> J;
+    block_jacobian(irand, 1, J);
+    int row = 0;
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j) {
+            ++row;
+            const int iq = mudmap.rn_trait(i, irand), jq = mudmap.rn_trait(j, irand);
+            const int at = cov_start(0) - 1 + ihmssf(std::min(iq, jq), std::max(iq, jq), numbers.nq);
+            for (int k = 1; k <= J.upper(2); ++k) linfun(at, col + k - 1) -= J(row, k);
+        }
+}
+
+void write_sampling(double xl2) {
+    text_out out;
+    if (!out.open(filenames.aicovsfile)) return;
+    print_list(out, xl2);
+    for (int i = 1; i <= estimates.ncovall; ++i)
+        for (int j = i; j <= estimates.ncovall; ++j) print_list(out, i, j, sampling.vcov(j, i));
+}
+
+} // namespace
+
+void check_usrdefcovs() {
+    const auto bad = [](int number, int limit) { return number < 1 || number > limit; };
+    bool wrong = false;
+    for (const auto& sum : usrdefcovs.addcov)
+        for (const auto& t : sum) wrong = wrong || bad(t.isig, estimates.ncov);
+    for (const auto& gp : usrdefcovs.igpadd)
+        for (int k = 1; k <= (gp[0] == 1 ? 2 : 3); ++k)
+            wrong = wrong || bad(gp[static_cast<std::size_t>(k)], estimates.ncovall);
+    if (!wrong) return;
+    print_list(screen(), " invalid no. in definition of add. cov");
+    stoptarvex();
+}
+
+void approxai_covs() {
+    sampling = {};
+    const int nparm = estimates.nparm, nall = estimates.ncovall;
+    array<double, 2> hess2, linfun;
+    if (!read_information(hess2)) return;
+    invert_information(hess2, nparm, sampling.rank);
+    sampling.varpar.allocate(nparm);
+    for (int i = 1; i <= nparm; ++i) sampling.varpar(i) = hess2(i, i);
+
+    allocate("alloc linfun", linfun, nall, nparm);
+    for (int irand = 0; irand <= numbers.krand; ++irand) block_rows(irand, linfun);
+    if (residualvars.peqsum) peq_rows(linfun);
+    for (int i = 1; i <= usrdefcovs.ncovadd; ++i)
+        for (const auto& t : usrdefcovs.addcov[static_cast<std::size_t>(i - 1)])
+            for (int k = 1; k <= nparm; ++k) linfun(estimates.ncov + i, k) += t.factor * linfun(t.isig, k);
+
+    array<double, 2> product;
+    product.allocate(nparm, nall);
+    for (int c = 1; c <= nall; ++c)
+        for (int k = 1; k <= nparm; ++k)
+            if (linfun(c, k) != 0.0)
+                for (int l = 1; l <= nparm; ++l) product(l, c) += hess2(l, k) * linfun(c, k);
+    sampling.vcov.allocate(nall, nall);
+    for (int c = 1; c <= nall; ++c)
+        for (int d = c; d <= nall; ++d) {
+            double s = 0.0;
+            for (int l = 1; l <= nparm; ++l) s += linfun(c, l) * product(l, d);
+            sampling.vcov(c, d) = sampling.vcov(d, c) = s;
+        }
+    sampling.available = true;
+    write_sampling(estimates.xbest);
+}
+
+double function_value(const cov_function& f, const std::vector<double>& cov) {
+    double s = 0.0;
+    for (const auto& t : f) s += t.factor * cov[static_cast<std::size_t>(t.number - 1)];
+    return s;
+}
+
+double function_covariance(const cov_function& f, const cov_function& g) {
+    double s = 0.0;
+    for (const auto& t : f)
+        for (const auto& u : g) s += t.factor * u.factor * sampling.vcov(t.number, u.number);
+    return s;
+}
+
+double error_of_sum(const cov_function& f) {
+    const double v = function_covariance(f, f);
+    return v > 0.0 ? std::sqrt(v) : -1.0;
+}
+
+double error_of_ratio(double a, double b, double vaa, double vbb, double vab) {
+    if (!(b > 0.0)) return -1.0;
+    const double v = (b * b * vaa + a * a * vbb - 2.0 * a * b * vab) / (b * b * b * b);
+    return v > 0.0 ? std::sqrt(v) : -1.0;
+}
+
+double error_of_correlation(double c, double a, double b, double vcc, double vaa, double vbb, double vca, double vcb, double vab) {
+    if (!(a > 0.0) || !(b > 0.0)) return -1.0;
+    const double v = (4.0 * a * a * b * b * vcc + b * b * c * c * vaa + a * a * c * c * vbb - 4.0 * a * b * b * c * vca -
+                      4.0 * a * a * b * c * vcb + 2.0 * a * b * c * c * vab) /
+                     (4.0 * a * a * a * b * b * b);
+    return v > 0.0 ? std::sqrt(v) : -1.0;
+}
+
+} // namespace tarvex
