@@ -13,6 +13,7 @@
 #include "estimation/variances.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/residualvars.h"
+#include "reports/blup.h"
 #include "likelihood/warnfix.h"
 
 #include <algorithm>
@@ -89,6 +90,7 @@ void cycle_of_em_and_ai(int& iround, double& xlike) {
 void final_step() {
     double dev = 0.0, xlike = 0.0;
     loglike(estimates.parvec, estimates.nparm, dev, xlike, 1);
+    if (xlike > invalid_logl) save_solutions(); // on the scale of the final parameters
     if (!options.aireml || !(xlike > invalid_logl)) return;
     estimates.xlike_file = stored_best_value();
     if (!(std::fabs(xlike - estimates.xlike_file) < 0.001)) return;

@@ -1,9 +1,6 @@
-// Solutions at given covariances.
+// BLUP run: the equations solved once at the given covariances.
 #pragma once
-
 namespace tarvex {
-
-// Solves the equations at the covariances of the model, writes solutions with standard errors, and finishes the run.
 [[noreturn]] void get_ebvs();
-
+void save_solutions(); // solutions.solns -> solutions.solsave, numbers before ordering
 } // namespace tarvex

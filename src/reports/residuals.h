@@ -1,8 +1,5 @@
-// Residuals of all observations.
+// Observations and residuals: Residuals.dat, a line for each observation in the order of the recoded data.
 #pragma once
-
 namespace tarvex {
-
-void write_residuals(); // Residuals.dat
-
+void write_residuals(); // at solutions.solsave
 } // namespace tarvex

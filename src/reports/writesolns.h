@@ -1,9 +1,6 @@
-// Solutions for fixed and random effects.
+// Solutions of the mixed model equations: FixSolutions.out with Curve_*.dat, RnSoln_<effect>.dat.
 #pragma once
-
 namespace tarvex {
-
-void write_fixsolns();  // FixSolutions.out and the Curve_*.dat files
-void write_randsolns(); // RnSoln_<effect>.dat
-
+void write_fixsolns();
+void write_randsolns();
 } // namespace tarvex

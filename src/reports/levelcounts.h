@@ -1,0 +1,22 @@
+// Records and raw means by level of fixed and extra effects and by value of covariables, from one pass over the data.
+#pragma once
+#include "support/array.h"
+
+#include <vector>
+
+namespace tarvex {
+
+struct level_counts {
+    std::vector<int> nnvec;   // records
+    std::vector<double> fbar; // mean of the observations
+};
+
+struct solution_counts {
+    array<level_counts, 2> fixed; // (maxfix,nq) by level
+    array<level_counts, 2> extra; // (maxext,nq)
+    array<level_counts, 2> curve; // (maxcov,nq) by (nesting level - 1) * values + value
+};
+
+void count_levels(solution_counts& counts);
+
+} // namespace tarvex

@@ -1,0 +1,43 @@
+#include "reports/residuals.h"
+
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "data/datavecs.h"
+#include "equations/orders.h"
+#include "likelihood/solutions.h"
+#include "likelihood/subjects.h"
+#include "support/screen.h"
+
+#include <vector>
+
+namespace tarvex {
+
+void write_residuals() {
+    text_out out;
+    if (!out.open(filenames.residsfile)) return;
+    array<double, 2> ssres;
+    ssres.allocate(numbers.nq, numbers.nq);
+    subject_stream subjects;
+    std::vector<double> yy;
+    while (subjects.next()) {
+        const subject_design& d = subjects.design();
+        yy.assign(static_cast<std::size_t>(d.nobs), 0.0);
+        for (int i = 0; i < d.nobs; ++i) {
+            const auto row = static_cast<std::size_t>(i);
+            double fit = 0.0;
+            for (auto k = static_cast<std::size_t>(d.first[row]); k < static_cast<std::size_t>(d.first[row + 1]); ++k)
+                fit += d.weight[k] * solutions.solsave(orders.ieqold(d.eq[static_cast<std::size_t>(d.local[k])]));
+            yy[row] = datavecs.yvec(i + 1) - fit;
+            print_list(out, datavecs.yvec(i + 1), yy[row]);
+        }
+        for (int i = 0; i < d.nobs; ++i)
+            for (int j = 0; j < d.nobs; ++j)
+                ssres(datavecs.ynq(i + 1), datavecs.ynq(j + 1)) += yy[static_cast<std::size_t>(i)] * yy[static_cast<std::size_t>(j)];
+    }
+    if (!options.details) return;
+    print_list(screen(), "SS residuals");
+    for (int iq = 1; iq <= numbers.nq; ++iq) print_list(screen(), ssres(iq, iq));
+}
+
+} // namespace tarvex

@@ -1,0 +1,246 @@
+#include "reports/writesolns.h"
+
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/numroutines.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "data/data.h"
+#include "data/levels.h"
+#include "equations/mmequations.h"
+#include "equations/orders.h"
+#include "likelihood/solutions.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "reports/levelcounts.h"
+#include "support/edit_form.h"
+
+#include <algorithm>
+#include <cmath>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace tarvex {
+
+namespace {
+
+bool with_errors() { return solutions.nsolerrs != 0; }
+
+// Prediction error variance of an equation, 0 where it was taken out.
+double error_variance(int equation) {
+    const int e = orders.ieqnew(equation);
+    return e > 0 ? solutions.solerrs(e) : 0.0;
+}
+double root_or_raw(double v) { return v > 0.0 ? std::sqrt(v) : v; }
+
+void trait_head(text_out& out, const char* what, int iq) {
+    constexpr edit_form form{"(/1x,a,t32,i3,3x,1h\",a,1h\")"};
+    write(out, form, what, iq, model.trait(iq));
+}
+
+std::string bare_name(const std::string& covariable) { return covariable.substr(0, covariable.find_first_of("(*")); }
+std::string nest_name(int icov, int iq) {
+    const int nest = mudmap.cv_nestfix(icov, iq);
+    return nest > 0 ? model.fixed(nest, iq) : nest < 0 ? model.extra(-nest, iq) : std::string();
+}
+
+// ---- covariables
+
+void covariable_head(text_out& out, bool nested) {
+    constexpr edit_form nested_errors{"(5x,a,t25,4x,a,1x,a,4x,a,8x,a)"}, plain_errors{"(5x,a,t25,12x,a,4x,a,8x,a)"};
+    constexpr edit_form nested_only{"(5x,a,t25,4x,a,1x,a,4x,a)"}, plain{"(5x,a,t25,12x,a,4x,a)"};
+    if (nested && with_errors())
+        write(out, nested_errors, "Covariable", " Nested", "Reg.coeff", "Solution", "S.Error");
+    else if (nested)
+        write(out, nested_only, "Covariable", " Nested", "Reg.coeff", "Solution");
+    else if (with_errors())
+        write(out, plain_errors, "Covariable", "Reg.coeff", "Solution", "S.Error");
+    else
+        write(out, plain, "Covariable", "Reg.coeff", "Solution");
+}
+
+const code_list* nest_codes(int icov, int iq) {
+    const int nest = mudmap.cv_nestfix(icov, iq);
+    return nest > 0 ? &levels.fx_codes(nest, iq) : nest < 0 ? &levels.ex_codes(-nest, iq) : nullptr;
+}
+
+void write_coefficients(text_out& out, int icov, int iq) {
+    constexpr edit_form nested_line{"(i3,2x,a,t25,i11,3x,i7,3g16.6)"}, plain_line{"(i3,2x,a,t25,14x,i7,3g16.6)"};
+    const code_list* codes = nest_codes(icov, iq);
+    const int order = mudmap.cv_order(icov, iq), curves = codes ? static_cast<int>(codes->size()) : 1;
+    for (int icurve = 1; icurve <= curves; ++icurve)
+        for (int j = 1; j <= order; ++j) {
+            const int k1 = mmequations.cv_start(icov, iq) + (icurve - 1) * order + j;
+            std::vector<double> values{solutions.solsave(k1)};
+            if (with_errors()) values.push_back(root_or_raw(error_variance(k1)));
+            if (codes)
+                write(out, nested_line, icov, model.covar(icov, iq), icurve, j, values);
+            else
+                write(out, plain_line, icov, model.covar(icov, iq), j, values);
+        }
+}
+
+// Fitted curve at every value of the covariable. Values that are not whole numbers are told by their running number.
+void write_curve(int icov, int iq, const level_counts& counts, std::set<std::string>& written) {
+    constexpr edit_form line{"(i6,g20.8,i8,g13.6)"}, head{"(a,i5,a,i10)"};
+    const code_list* codes = nest_codes(icov, iq);
+    const std::string name = "Curve_" + bare_name(model.covar(icov, iq)) + (codes ? "_" + nest_name(icov, iq) : "") + ".dat";
+    text_out out;
+    if (!(written.insert(name).second ? out.open(name) : out.open_append(name))) return;
+    const auto& values = covmeans.cv_values(icov, iq);
+    const bool whole = std::all_of(values.begin(), values.end(), [](double v) { return v == std::floor(v) && std::fabs(v) < 1e9; });
+    const int order = mudmap.cv_order(icov, iq), curves = codes ? static_cast<int>(codes->size()) : 1;
+    std::vector<double> row(static_cast<std::size_t>(order));
+    for (int icurve = 1; icurve <= curves; ++icurve) {
+        if (codes) write(out, head, "Nested curve no. =", icurve, "  Code", (*codes)[static_cast<std::size_t>(icurve - 1)]);
+        for (std::size_t v = 0; v < values.size(); ++v) {
+            const std::size_t at = static_cast<std::size_t>(icurve - 1) * values.size() + v;
+            if (counts.nnvec[at] == 0) continue;
+            covariable_row(icov, iq, values[v], row);
+            double xx = 0.0;
+            for (int j = 1; j <= order; ++j)
+                xx += row[static_cast<std::size_t>(j - 1)] *
+                      solutions.solsave(mmequations.cv_start(icov, iq) + (icurve - 1) * order + j);
+            write(out, line, whole ? static_cast<long long>(values[v]) : static_cast<long long>(v + 1), xx, counts.nnvec[at],
+                  counts.fbar[at]);
+        }
+    }
+}
+
+void write_covariables(text_out& out, const solution_counts& counts) {
+    std::set<std::string> written;
+    for (int iq = 1; iq <= numbers.nq; ++iq) {
+        if (model.ncov(iq) == 0) continue;
+        trait_head(out, "Covariables for trait no.", iq);
+        bool nested = false;
+        for (int i = 1; i <= model.ncov(iq); ++i) nested = nested || mudmap.cv_nestfix(i, iq) != 0;
+        covariable_head(out, nested);
+        for (int i = 1; i <= model.ncov(iq); ++i) {
+            write_coefficients(out, i, iq);
+            write_curve(i, iq, counts.curve(i, iq), written);
+        }
+    }
+}
+
+// ---- fixed and extra effects
+
+void level_line(text_out& out, int ifix, const std::string& name, std::int64_t code, int level, int equation, double svec, int n,
+                double mean) {
+    constexpr edit_form errors{"(i3,2x,a,t20,i14,i7,3g16.6,i10,g15.5)"}, plain{"(i3,2x,a,t20,i14,i7,2g16.6,i10,g15.5)"};
+    const double solution = solutions.solsave(equation);
+    if (with_errors())
+        write(out, errors, ifix, name, code, level, solution, root_or_raw(error_variance(equation)), svec, n, mean);
+    else
+        write(out, plain, ifix, name, code, level, solution, svec, n, mean);
+}
+
+void subclass_lines(text_out& out, const std::vector<int>& nnvec) {
+    constexpr edit_form line{"(5x,a,i8)"};
+    const auto n1 = std::count(nnvec.begin(), nnvec.end(), 1), n2 = std::count(nnvec.begin(), nnvec.end(), 2);
+    if (n1 > 0) write(out, line, "No. of subclasses with only 1 record  =", n1);
+    if (n2 > 0) write(out, line, "No. of subclasses with only 2 records =", n2);
+}
+
+void write_fixed(text_out& out, const solution_counts& counts) {
+    constexpr edit_form errors{"(5x,a,t20,5x,a,2x,a,4x,a,8x,a,8x,a,7x,a,3x,a)"};
+    constexpr edit_form plain{"(5x,a,t20,5x,a,2x,a,4x,a,8x,a,7x,a,3x,a)"};
+    for (int iq = 1; iq <= numbers.nq; ++iq) {
+        trait_head(out, "Fixed effects for trait no.", iq);
+        if (with_errors())
+            write(out, errors, "Effect", "Orig.code", "Level", "Solution", " S.Error", "SolSum=0", "No.recs", "Eff.Mean");
+        else
+            write(out, plain, "Effect", "Orig.code", "Level", "Solution", "SolSum=0", "No.recs", "Eff.Mean");
+        if (mmequations.ieq_trait(iq) > 0) // the trait's mean
+            level_line(out, 0, "Mean", 0, 1, mmequations.ieq_trait(iq), 0.0, means.nrec(iq), means.tr_xbar(iq));
+        for (int ifix = 1; ifix <= model.nfix(iq); ++ifix) {
+            const auto& codes = levels.fx_codes(ifix, iq);
+            const auto& c = counts.fixed(ifix, iq);
+            const int n = static_cast<int>(codes.size()), start = mmequations.fx_start(ifix, iq);
+            double mean = 0.0;
+            for (int i = 1; i <= n; ++i) mean += solutions.solsave(start + i) / n;
+            for (int i = 1; i <= n; ++i) {
+                const auto k = static_cast<std::size_t>(i - 1);
+                level_line(out, ifix, model.fixed(ifix, iq), codes[k], i, start + i, solutions.solsave(start + i) - mean,
+                           c.nnvec[k], c.fbar[k]);
+            }
+            subclass_lines(out, c.nnvec);
+        }
+    }
+}
+
+void write_extra(text_out& out, const solution_counts& counts) {
+    constexpr edit_form head{"(5x,a,t20,5x,a,2x,a,3x,a,3x,a)"}, line{"(i3,2x,a,t20,i14,i7,i10,g15.5)"};
+    for (int iq = 1; iq <= numbers.nq; ++iq) {
+        if (model.nextra(iq) == 0) continue;
+        trait_head(out, "Extra effects for trait no.", iq);
+        write(out, head, "Effect", "Orig.code", "Level", "No.recs", "Eff.Mean");
+        for (int ifix = 1; ifix <= model.nextra(iq); ++ifix) {
+            const auto& codes = levels.ex_codes(ifix, iq);
+            for (std::size_t k = 0; k < codes.size(); ++k)
+                write(out, line, ifix, model.extra(ifix, iq), codes[k], k + 1, counts.extra(ifix, iq).nnvec[k],
+                      counts.extra(ifix, iq).fbar[k]);
+        }
+    }
+}
+
+// ---- random effects
+
+// Variance of component r of a level of the block, on the scale in which its solutions stand.
+double component_variance(int irand, int r) {
+    if (options.principal) return 1.0;
+    return model.diagonal(irand) ? model.cov(r, irand) : model.cov(ihmssf(r, r, model.kkfit(irand)), irand);
+}
+
+void write_random(text_out& out, int irand) {
+    constexpr edit_form coded{"(i6,i14,i3,2g16.6, f8.3)"}, further{"(i6,14x,i3,2g16.6, f8.3)"};
+    constexpr edit_form coded_only{"(i6,i14,i3,3g16.6)"}, further_only{"(i6,14x,i3,3g16.6)"};
+    const int n = nfit(irand);
+    for (int i = 1; i <= levels.rn_nlev(irand); ++i) {
+        const std::int64_t icode = levels.rn_codes(irand)[static_cast<std::size_t>(i - 1)];
+        for (int r = 1; r <= n; ++r) {
+            const int k1 = mmequations.rn_start(irand) + (i - 1) * n + r;
+            const double solution = solutions.solsave(k1);
+            if (with_errors()) {
+                const double v = error_variance(k1);
+                const double yy = root_or_raw(1.0 - v / component_variance(irand, r));
+                if (r == 1)
+                    write(out, coded, i, icode, r, solution, root_or_raw(v), yy);
+                else
+                    write(out, further, i, r, solution, root_or_raw(v), yy);
+            } else if (r == 1)
+                write(out, coded_only, i, icode, r, solution);
+            else
+                write(out, further_only, i, r, solution);
+        }
+    }
+}
+
+} // namespace
+
+void write_fixsolns() {
+    constexpr edit_form comment{"(1x,a/)"};
+    solution_counts counts;
+    count_levels(counts);
+    text_out out;
+    if (!out.open(filenames.fixsolfile)) return;
+    const bool wide = options.wide;
+    options.wide = false;
+    write_tvxtop(out, "GLS solutions for fixed effects");
+    if (options.comment) write(out, comment, model.commentline);
+    write_covariables(out, counts);
+    write_fixed(out, counts);
+    write_extra(out, counts);
+    write_tvxbottom(out);
+    options.wide = wide;
+}
+
+void write_randsolns() {
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (mudmap.kovrnd(irand) == "PEQ") continue;
+        text_out out;
+        if (out.open("RnSoln_" + model.krandom(irand) + ".dat")) write_random(out, irand);
+    }
+}
+
+} // namespace tarvex
