@@ -13,7 +13,7 @@
 #include "estimation/variances.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/residualvars.h"
-#include "reports/blup.h"
+#include "likelihood/solutions.h"
 #include "likelihood/warnfix.h"
 
 #include <algorithm>

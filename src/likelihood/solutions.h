@@ -10,4 +10,8 @@ struct solutions_module {
     int nsolerrs = 0;       // not 0: solerrs is wanted
 };
 inline solutions_module solutions;
+
+// solsave from the solutions in hand.
+void save_solutions();
+
 } // namespace tarvex

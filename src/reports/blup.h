@@ -2,5 +2,4 @@
 #pragma once
 namespace tarvex {
 [[noreturn]] void get_ebvs();
-void save_solutions(); // solutions.solns -> solutions.solsave, numbers before ordering
 } // namespace tarvex
