@@ -1,0 +1,54 @@
+#include "estimation/autodiff.h"
+
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "equations/sparse.h"
+#include "likelihood/factorise.h"
+#include "support/screen.h"
+
+#include <vector>
+
+namespace tarvex {
+
+void autodiff_columns(array<double>& fdiag, array<double>& foff) {
+    const int n = numbers.nsrow;
+    const auto &ixvec1 = sparse.ixvec1, &ixvec2 = sparse.ixvec2, &ixsub = sparse.ixsub;
+    const auto &diag = sparse.diag, &xspars = sparse.xspars;
+    for (int i = 1; i < n; ++i) fdiag(i) = 1.0 / diag(i);
+    fdiag(n) = diag(n);
+    foff.fill(0.0);
+    std::vector<int> pos(n + 1, 0); // place of each row in column k, 0: not there
+    for (int k = n; k >= 1; --k) {
+        if (!options.terse && k % 20000 == 0) print_list(screen(), "AutoDiff", k, n);
+        const int start = ixvec1(k), end = ixvec1(k + 1), shift = ixvec2(k) - start;
+        for (int q = start; q < end; ++q) pos[ixsub(q + shift)] = q;
+        for (int q = start; q < end; ++q) {
+            const int i = ixsub(q + shift), shifti = ixvec2(i) - ixvec1(i);
+            const double l = xspars(q);
+            double t = 2.0 * fdiag(i) * l;
+            for (int u = ixvec1(i); u < ixvec1(i + 1); ++u) {
+                const int v = pos[ixsub(u + shifti)];
+                if (v == 0) continue;
+                t += foff(u) * xspars(v);
+                foff(v) -= foff(u) * l;
+            }
+            foff(q) -= t;
+        }
+        double s = 0.0;
+        for (int q = start; q < end; ++q) {
+            foff(q) /= diag(k);
+            s += foff(q) * xspars(q);
+            pos[ixsub(q + shift)] = 0;
+        }
+        fdiag(k) = 0.5 * (fdiag(k) - s) / diag(k);
+    }
+}
+
+void autodiff_1(array<double>& fdiag, array<double>& foff) {
+    if (fdiag.size() < numbers.nsrow) allocate_large("FDIAG", fdiag, numbers.nsrow);
+    if (foff.size() < sparse.maxlnz) allocate_large("FOFF", foff, sparse.maxlnz);
+    autodiff_columns(fdiag, foff);
+}
+
+} // namespace tarvex
