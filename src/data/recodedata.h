@@ -8,7 +8,10 @@
 //   D  one trait, random regression:              nobs, yvec(:nobs), imeta(:,:nobs)  (kk = nobs, icombi 0)
 //   E  several traits, random regression:         icombi, nobs, ynq(:nobs), yvec(:nobs), imeta(:,:nobs)
 // recoded2.bin: nr, jvec(:nr) in equation numbers before ordering; recoded3.bin: the same after ordering.
-// recoded4.bin: as recoded1.bin with the design of the full-rank model, followed by nr, jvec(:nr) (PX-EM of reduced rank).
+// recoded4.bin: as recoded1.bin with the design of the full-rank model, without iraand, followed by nr, jvec(:nr) (PX-EM of
+// reduced rank). In the second numbering the equations of the means move up by neqns_full - neqns, as they stand last.
+// Observations of a subject are sorted by trait, those of one trait as they come. imeta has one row for each of the control
+// variables rrcontrol, 0 where the trait has not got it. Integers are 32 bits, reals 64 bits.
 #pragma once
 #include "data/datavecs.h"
 #include "support/record_file.h"
@@ -34,6 +37,10 @@ void setup_recdata_full(recdata_pass& pass); // recoded4.bin
 // Reads the next subject into datavecs. False at the end.
 bool next_subject(recdata_pass& pass);
 void deall_recdata(recdata_pass& pass);
+
+// Number of the pattern of records with `mark(iq)` records of trait iq; adds it if new (at most maxcombi). Counts the subject
+// in ncomb_subj and ncomb_pairs.
+void combination_no(int& icombi, int nq, const array<int>& mark);
 
 // Binary search of a code in an ascending list: its level, 0 if not found.
 int find_code(std::int64_t icode, const std::vector<std::int64_t>& list);

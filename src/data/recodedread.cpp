@@ -1,0 +1,109 @@
+// Reading passes over the recoded subjects.
+#include "data/recodedata.h"
+
+#include "data/rowlayout.h"
+
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "parfile/model.h"
+#include "support/stop.h"
+
+namespace tarvex {
+
+namespace {
+
+[[noreturn]] void read_fault(const std::string& name) { stop_with("Error reading file \"" + name + "\""); }
+
+void setup_tables(bool full) {
+    auto& d = datavecs;
+    const int maxnr = numbers.maxnr;
+    d.mrow = max_row_length(full);
+    d.mcov = max_covariable_width();
+    d.nmeta = options.randreg ? model.nrrc : 0;
+    allocate("alloc 52", d.yvec, maxnr);
+    allocate("alloc 52", d.ynq, maxnr);
+    d.ynq.fill(1);
+    allocate("alloc 52", d.ieqnr, d.mrow, maxnr);
+    allocate("alloc 52", d.xcov, d.mcov, maxnr);
+    allocate("alloc 52", d.icov, d.mcov, maxnr);
+    allocate("alloc 52", d.jvec, numbers.maxnreq);
+    allocate("all 52b", d.iraand, numbers.krand, options.superai && !full ? maxnr : 0);
+    allocate("all 52b", d.imeta, d.nmeta, maxnr);
+}
+
+template <class T> std::span<T> columns(array<T, 2>& a, int rows, int n) {
+    return a.prefix(static_cast<std::ptrdiff_t>(rows) * n);
+}
+
+bool sizes_fit() {
+    const auto& d = datavecs;
+    return d.nobs >= 1 && d.nobs <= numbers.maxnr && d.kk >= 1 && d.kk <= d.nobs;
+}
+
+// The rest of the head behind the counts.
+bool get_head(record_reader& in) {
+    auto& d = datavecs;
+    d.icombi = 0;
+    d.nobs = d.kk = 1;
+    if (!options.randreg && numbers.nq == 1 && numbers.maxnr == 1) {
+        d.icombi = 1;
+        return in.get(d.yvec(1));
+    }
+    if (!(options.randreg && numbers.nq == 1) && !in.get(d.icombi)) return false;
+    if (!in.get(d.nobs)) return false;
+    if (options.randreg)
+        d.kk = d.nobs;
+    else if (!in.get(d.kk))
+        return false;
+    if (!sizes_fit()) return false;
+    if (numbers.nq > 1 && !in.get(d.ynq.prefix(d.nobs))) return false;
+    if (!in.get(d.yvec.prefix(d.nobs))) return false;
+    return !options.randreg || in.get(columns(d.imeta, d.nmeta, d.nobs));
+}
+
+bool get_list(record_reader& in) {
+    auto& d = datavecs;
+    return in.next() && in.get(d.nr) && d.nr >= 0 && d.nr <= d.jvec.upper() && in.get(d.jvec.prefix(d.nr));
+}
+
+} // namespace
+
+void setup_recdata(recdata_pass& pass, const std::string& lists_file) {
+    setup_tables(false);
+    if (!pass.heads.open(filenames.recdatfil1)) read_fault(filenames.recdatfil1);
+    if (!pass.lists.open(lists_file)) read_fault(lists_file);
+}
+
+void setup_recdata_full(recdata_pass& pass) {
+    setup_tables(true);
+    pass.lists.close();
+    if (!pass.heads.open(filenames.recdatfil4)) read_fault(filenames.recdatfil4);
+}
+
+bool next_subject(recdata_pass& pass) {
+    auto& d = datavecs;
+    auto& in = pass.heads;
+    const bool full = !pass.lists.is_open();
+    if (!in.next()) return false;
+    bool good = get_head(in);
+    if (good && d.mcov > 0) good = in.record(columns(d.xcov, d.mcov, d.kk)) && in.record(columns(d.icov, d.mcov, d.kk));
+    good = good && in.record(columns(d.ieqnr, d.mrow, d.kk));
+    if (good && options.superai && !full) good = in.record(columns(d.iraand, numbers.krand, d.nobs));
+    good = good && get_list(full ? in : pass.lists);
+    if (!good) stop_with("Error reading recoded data !");
+    return true;
+}
+
+void deall_recdata(recdata_pass& pass) {
+    pass.heads.close();
+    pass.lists.close();
+    auto& d = datavecs;
+    d.yvec.deallocate();
+    d.xcov.deallocate();
+    for (auto* a : {&d.ynq, &d.jvec}) a->deallocate();
+    for (auto* a : {&d.ieqnr, &d.icov, &d.iraand, &d.imeta}) a->deallocate();
+}
+
+} // namespace tarvex
