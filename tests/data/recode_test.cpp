@@ -1,0 +1,406 @@
+// Scan and recoding of small data sets, against figures by hand; equation numbers are laid out here independently.
+#include "data/data.h"
+#include "data/levels.h"
+#include "data/pedigreelist.h"
+#include "data/recodedata.h"
+#include "data/rowlayout.h"
+
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "equations/mmequations.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "parfile/mudmap_build.h"
+#include "parfile/readparfile.h"
+#include "randreg/legendre.h"
+#include "randreg/phimatrix.h"
+#include "randreg/splines.h"
+#include "support/fixture.h"
+#include "support/record_file.h"
+
+#include <cmath>
+#include <numeric>
+
+namespace tarvex {
+namespace {
+
+class recode_test : public tarvex_test {
+protected:
+    // Reads model and maps it to the data. Animals 1 to nanim make the pedigree of every relationship matrix.
+    void prepare(const std::string& par, const std::string& data, int nanim = 0) {
+        write_file("t.par", par);
+        write_file("t.dat", data);
+        filenames.parfile = "t.par";
+        read_parfile();
+        model2mudmap();
+        auto& p = pedigreelist;
+        p.nanim = nanim;
+        p.idvec.allocate(nanim);
+        std::iota(p.idvec.begin(), p.idvec.end(), 1);
+        p.idwec.allocate(mudmap.nrunno);
+        p.nannew.allocate(mudmap.nrunno);
+        for (int irun = 1; irun <= mudmap.nrunno; ++irun) {
+            p.idwec(irun).assign(p.idvec.begin(), p.idvec.end());
+            p.nannew(irun) = nanim;
+        }
+    }
+    // Covariables, fixed effects, IDE, other random effects, means.
+    void number_equations() {
+        auto& e = mmequations;
+        int at = 0;
+        e.cv_start.allocate(19, numbers.nq);
+        e.fx_start.allocate(29, numbers.nq);
+        e.rn_start.allocate(numbers.krand);
+        e.rn_start_full.allocate(numbers.krand);
+        e.ieq_trait.allocate(numbers.nq);
+        for (int iq = 1; iq <= numbers.nq; ++iq)
+            for (int i = 1; i <= model.ncov(iq); ++i) {
+                e.cv_start(i, iq) = at;
+                const int nest = mudmap.cv_nestfix(i, iq);
+                at += mudmap.cv_order(i, iq) *
+                      (nest > 0 ? levels.fx_nlev(nest, iq) : nest < 0 ? levels.ex_nlev(-nest, iq) : 1);
+            }
+        for (int iq = 1; iq <= numbers.nq; ++iq)
+            for (int i = 1; i <= model.nfix(iq); ++i) {
+                e.fx_start(i, iq) = at;
+                at += levels.fx_nlev(i, iq);
+            }
+        e.neqns = random_blocks(e.rn_start, at, false);
+        e.neqns_full = random_blocks(e.rn_start_full, at, true);
+        for (int iq = 1; iq <= numbers.nq; ++iq)
+            if (model.fitmean(iq) != 0) {
+                e.ieq_trait(iq) = ++e.neqns;
+                ++e.neqns_full;
+            }
+    }
+    int random_blocks(array<int>& start, int at, bool full) {
+        for (int round = 1; round <= 2; ++round)
+            for (int irand = 1; irand <= numbers.krand; ++irand) {
+                const std::string& kind = mudmap.kovrnd(irand);
+                if (kind == "PEQ") start(irand) = -1;
+                if (kind == "PEQ" || (kind == "IDE") != (round == 1)) continue;
+                start(irand) = at;
+                at += levels.rn_nlev(irand) * block_width(irand, full);
+            }
+        return at;
+    }
+    void recode() {
+        data_scan1st();
+        number_equations();
+        data_recode();
+    }
+    // Equations of row k of the subject in hand.
+    static std::vector<int> row(int k) {
+        std::vector<int> eq;
+        for (int place : datavecs.ieqnr.column(k)) eq.push_back(place > 0 ? datavecs.jvec(place) : 0);
+        return eq;
+    }
+    recdata_pass pass;
+};
+
+using ints = std::vector<int>;
+
+const char* const uni = "DAT t.dat\n animal 10\n sex 5\n age\n y\nEND\nPED p\nANA UNI\nMOD\n FIX sex\n COV age(1,POL)\n"
+                        " RAN animal NRM\n TRAIT y 1 -9\nEND\nVAR animal 1\n 1.0\nVAR residual 1\n 2.0\n";
+
+TEST_F(recode_test, one_record_a_subject_gives_form_a) {
+    prepare(uni, "3 0.9 1 5\n1 1.9 2 -9\n2 1.9 4 7\n", 4);
+    recode();
+    EXPECT_EQ(numbers.maxnr, 1);
+    EXPECT_EQ(numbers.nsubject, 2);
+    EXPECT_EQ(levels.fx_codes(1, 1), (code_list{0, 1}));
+    EXPECT_EQ(levels.rn_nlev(1), 4);
+    EXPECT_EQ(means.nrec(1), 2);
+    EXPECT_EQ(means.tr_xbar(1), 6.0);
+    EXPECT_DOUBLE_EQ(means.tr_var(1), std::sqrt(2.0));
+    EXPECT_EQ(means.tr_min(1), 5.0);
+    EXPECT_EQ(means.tr_max(1), 7.0);
+    EXPECT_EQ(covmeans.cv_xbar(1, 1), 2.5);
+    record_reader in;
+    ASSERT_TRUE(in.open("recoded1.bin"));
+    double y = 0, x = 0;
+    int eq = 0, p1 = 0, p2 = 0;
+    ASSERT_TRUE(in.next() && in.get(y));
+    EXPECT_EQ(in.bytes_left(), 0u);
+    EXPECT_EQ(y, 5.0); // as read
+    ASSERT_TRUE(in.next() && in.get(x));
+    EXPECT_EQ(in.bytes_left(), 0u);
+    EXPECT_EQ(x, -1.5);
+    ASSERT_TRUE(in.next() && in.get(eq));
+    EXPECT_EQ(eq, 1);
+    ASSERT_TRUE(in.next() && in.get(p1) && in.get(p2));
+    EXPECT_EQ(in.bytes_left(), 0u);
+    EXPECT_EQ(p1, 1);
+    EXPECT_EQ(p2, 2);
+    setup_recdata(pass, filenames.recdatfil2);
+    ASSERT_TRUE(next_subject(pass));
+    EXPECT_EQ(datavecs.icombi, 1);
+    EXPECT_EQ(datavecs.nobs, 1);
+    EXPECT_EQ(datavecs.kk, 1);
+    EXPECT_EQ(row(1), (ints{2, 3 + 3})); // covariable 1, sex 2 and 3, animals from 4
+    ASSERT_TRUE(next_subject(pass));
+    EXPECT_EQ(row(1), (ints{3, 3 + 2}));
+    EXPECT_FALSE(next_subject(pass));
+    deall_recdata(pass);
+}
+
+TEST_F(recode_test, last_subject_largest_and_form_b) {
+    prepare(uni, "3 1 1 5\n2 1 2 6\n2 2 4 7\n2 1 5 8\n", 4);
+    recode();
+    EXPECT_EQ(numbers.maxnr, 3);
+    EXPECT_EQ(numbers.maxnreq, 3); // two sexes and the animal
+    EXPECT_EQ(combinations.ncombi, 2);
+    EXPECT_EQ(combinations.xcombi[1], "3");
+    EXPECT_EQ(means.pairs(1), 4);
+    record_reader in;
+    ASSERT_TRUE(in.open("recoded1.bin"));
+    int icombi = 0, nobs = 0, kk = 0;
+    double y = 0;
+    for (int i = 1; i <= 4; ++i) ASSERT_TRUE(in.next());
+    ASSERT_TRUE(in.record(icombi, nobs, kk, y));
+    EXPECT_EQ(in.bytes_left(), 16u);
+    EXPECT_EQ(icombi, 2);
+    EXPECT_EQ(nobs, 3);
+    EXPECT_EQ(kk, 3);
+    EXPECT_EQ(y, 6.0);
+    setup_recdata(pass, filenames.recdatfil2);
+    ASSERT_TRUE(next_subject(pass));
+    ASSERT_TRUE(next_subject(pass));
+    EXPECT_EQ(row(1), (ints{2, 5}));
+    EXPECT_EQ(row(2), (ints{3, 5}));
+    EXPECT_EQ(row(3), (ints{2, 5}));
+    EXPECT_FALSE(next_subject(pass));
+}
+
+const char* const eq2 = "DAT t.dat\n animal 10\n herd 5\n y1\n y2\nEND\nPED p\nANA MUV 2\nMOD EQ\n FIX herd\n"
+                        " RAN animal NRM\n TRAIT y1 1 -9\n TRAIT y2 2 -9\nEND\nVAR animal 2\n 1.0 0.2 1.0\n"
+                        "VAR residual 2\n 2.0 0.1 2.0\n";
+
+TEST_F(recode_test, all_traits_in_a_line_give_form_c_sorted_by_trait) {
+    prepare(eq2, "1 7 1.5 2.5\n1 9 3.5 -9\n2 7 -9 -9\n3 9 -9 4.5\n", 3);
+    recode();
+    EXPECT_EQ(numbers.maxnr, 3);
+    EXPECT_EQ(numbers.nsubject, 2);
+    EXPECT_EQ(means.pairs(1), 2);
+    EXPECT_EQ(means.pairs(2), 1);
+    EXPECT_EQ(means.pairs(3), 2);
+    EXPECT_EQ(combinations.ncomb_pairs(1), 1);
+    EXPECT_EQ(combinations.nqcombi[0], (ints{2, 1}));
+    record_reader in;
+    ASSERT_TRUE(in.open("recoded1.bin"));
+    int icombi = 0, nobs = 0, kk = 0;
+    ints ynq(3);
+    std::vector<double> y(3);
+    ASSERT_TRUE(in.record(icombi, nobs, kk, std::span<int>(ynq), std::span<double>(y)));
+    EXPECT_EQ(in.bytes_left(), 0u);
+    EXPECT_EQ(ynq, (ints{1, 1, 2}));
+    EXPECT_EQ(y, (std::vector<double>{1.5, 3.5, 2.5}));
+    setup_recdata(pass, filenames.recdatfil2);
+    ASSERT_TRUE(next_subject(pass));
+    EXPECT_EQ(datavecs.kk, 3);
+    EXPECT_EQ(row(1), (ints{1, 5})); // herd 7 and 9 of both traits, then animal by trait
+    EXPECT_EQ(row(2), (ints{2, 5}));
+    EXPECT_EQ(row(3), (ints{3, 6}));
+    ASSERT_TRUE(next_subject(pass));
+    EXPECT_EQ(row(1), (ints{4, 10}));
+    EXPECT_FALSE(next_subject(pass));
+}
+
+TEST_F(recode_test, one_trait_lines_in_any_order_give_the_same_records) {
+    const std::string par = "DAT t.dat 1\n tno\n animal 10\n herd 5\n y1\nEND\nDAT t.dat 2\n tno\n animal 10\n herd 5\n"
+                            " y2\nEND\nPED p\nANA MUV 2\nMOD\n FIX herd\n RAN animal NRM\n TRAIT y1 1 -9\n"
+                            " TRAIT y2 2 -9\nEND\nVAR animal 2\n 1.0 0.2 1.0\nVAR residual 2\n 2.0 0.1 2.0\n";
+    const std::string equal = "DAT t.dat\n animal 10\n herd 5\n y1\n y2\nEND\n";
+    prepare(eq2, "1 7 1.5 2.5\n2 8 5.5 6.5\n", 3);
+    recode();
+    const std::string want1 = read_file("recoded1.bin"), want2 = read_file("recoded2.bin");
+    const int pairs = means.pairs(2);
+    reset_modules();
+    options.equal_model = false;
+    try {
+        prepare(par, "2 1 7 2.5\n1 1 7 1.5\n1 2 8 5.5\n0 9 9 9\n2 2 8 6.5\n", 3);
+    } catch (const program_stop&) { GTEST_SKIP() << screen_text(); }
+    recode();
+    EXPECT_EQ(read_file("recoded1.bin"), want1);
+    EXPECT_EQ(read_file("recoded2.bin"), want2);
+    EXPECT_EQ(means.pairs(2), pairs);
+}
+
+TEST_F(recode_test, subject_with_nobs_equal_to_maxnr_and_limit_of_observations) {
+    std::string data;
+    for (int i = 1; i <= 499; ++i) data += "1 1 " + std::to_string(i) + " 5\n";
+    prepare(uni, data, 4);
+    recode();
+    EXPECT_EQ(numbers.maxnr, 499);
+    write_file("t.dat", data + "1 1 3 5\n");
+    EXPECT_STOP(data_scan1st(), "Max. no. of observations of a subject exceeded !");
+}
+
+TEST_F(recode_test, counts_of_100_and_101_records_are_two_patterns) {
+    std::string data;
+    for (int i = 1; i <= 100; ++i) data += "1 1 1 5\n";
+    for (int i = 1; i <= 101; ++i) data += "2 1 2 5\n";
+    prepare(uni, data, 4);
+    recode();
+    EXPECT_EQ(combinations.ncombi, 2);
+    EXPECT_EQ(combinations.xcombi[0], "**");
+    EXPECT_EQ(combinations.nqcombi[1], (ints{101}));
+}
+
+TEST_F(recode_test, combination_1000_stops) {
+    numbers.maxnr = 50;
+    combinations.ncomb_pairs.allocate(1);
+    array<int> mark;
+    mark.allocate(2);
+    int icombi = 0;
+    for (int k = 1; k <= 999; ++k) {
+        mark(1) = 1 + k % 40;
+        mark(2) = 1 + k / 40;
+        combination_no(icombi, 2, mark);
+        ASSERT_EQ(icombi, k);
+    }
+    combination_no(icombi, 2, mark);
+    EXPECT_EQ(icombi, 999);
+    EXPECT_EQ(combinations.ncomb_subj[998], 2);
+    EXPECT_EQ(combinations.ncomb_pairs(1), 1000);
+    mark(1) = 45;
+    EXPECT_STOP(combination_no(icombi, 2, mark), "too many combinations");
+}
+
+TEST_F(recode_test, model_without_covariables_has_no_such_records) {
+    prepare("DAT t.dat\n animal 10\n y\nEND\nPED p\nANA UNI\nMOD\n RAN animal NRM\n TRAIT y 1 -9\nEND\n"
+            "VAR animal 1\n 1.0\nVAR residual 1\n 2.0\n",
+            "2 5\n1 6\n", 2);
+    recode();
+    record_reader in;
+    ASSERT_TRUE(in.open("recoded1.bin"));
+    double y = 0;
+    int place = 0;
+    ASSERT_TRUE(in.record(y) && in.record(place) && in.record(y) && in.record(place));
+    EXPECT_FALSE(in.next());
+    options.superai = true;
+    data_recode();
+    ASSERT_TRUE(in.open("recoded1.bin"));
+    int level = 0;
+    ASSERT_TRUE(in.record(y) && in.record(place) && in.record(level));
+    EXPECT_EQ(level, 2);
+    setup_recdata(pass, filenames.recdatfil2);
+    ASSERT_TRUE(next_subject(pass) && next_subject(pass));
+    EXPECT_EQ(datavecs.iraand(1, 1), 1);
+}
+
+TEST_F(recode_test, trait_mean_is_a_leading_position_behind_all_blocks) {
+    prepare("DAT t.dat\n animal 10\n y\nEND\nPED p\nANA UNI\nMOD\n MU\n RAN animal NRM\n TRAIT y 1 -9\nEND\n"
+            "VAR animal 1\n 1.0\nVAR residual 1\n 2.0\n",
+            "2 5\n1 6\n", 2);
+    recode();
+    setup_recdata(pass, filenames.recdatfil2);
+    ASSERT_TRUE(next_subject(pass));
+    EXPECT_EQ(row(1), (ints{3, 2}));
+    EXPECT_EQ(datavecs.jvec(1), 2);
+    EXPECT_EQ(datavecs.jvec(2), 3);
+    EXPECT_EQ(lead_positions(1), 1);
+}
+
+TEST_F(recode_test, interaction_codes) {
+    prepare("DAT t.dat\n animal 10\n herd 12\n year 3000\n y\nEND\nPED p\nANA UNI\nMOD\n FIX herd*year\n RAN animal NRM\n"
+            " TRAIT y 1 -9\nEND\nVAR animal 1\n 1.0\nVAR residual 1\n 2.0\n",
+            "1 12 1990 5\n2 1 2010 6\n3 12 1991 7\n4 1 2010 7\n", 4);
+    recode();
+    EXPECT_EQ(levels.fx_base(1, 1), 10000);
+    EXPECT_EQ(levels.fx_codes(1, 1), (code_list{12010, 121990, 121991}));
+    setup_recdata(pass, filenames.recdatfil2);
+    ASSERT_TRUE(next_subject(pass));
+    EXPECT_EQ(row(1), (ints{2, 4}));
+    ASSERT_TRUE(next_subject(pass));
+    EXPECT_EQ(row(1), (ints{1, 5}));
+}
+
+TEST_F(recode_test, records_of_all_traits_missing_leave_no_trace) {
+    prepare(eq2, "1 7 1.5 2.5\n2 8 -9 -9\n1 7 1.0 1.0\n", 3);
+    recode();
+    EXPECT_EQ(numbers.nsubject, 1);
+    EXPECT_EQ(numbers.maxnr, 4);
+    EXPECT_EQ(levels.fx_codes(1, 1), (code_list{7}));
+}
+
+TEST_F(recode_test, faults_of_the_scan) {
+    prepare(uni, "0.9 1 1 5\n2 1 1 5\n", 4);
+    EXPECT_STOP(data_scan1st(), "Invalid effect code :  animal 0.9 0\n***** ERROR : reading data file *****\n"
+                                "      No. of records read successfully =      1\n");
+    write_file("t.dat", "1 5000000000 1 5\n");
+    EXPECT_STOP(data_scan1st(), "Invalid effect code :  sex");
+    write_file("t.dat", "1 -1 1 5\n");
+    EXPECT_STOP(data_scan1st(), "Invalid effect code :  sex -1.0 -1");
+    write_file("t.dat", "1 1 1 5\n7 1 1 5\n");
+    EXPECT_STOP(data_scan1st(), "Genetic effect code in data not found in pedigree list !\n   ID in data : 7 ;  Record no. : 2\n");
+    write_file("t.dat", "1 1 1 -9\n");
+    EXPECT_STOP(data_scan1st(), "No records found for trait \"y\"");
+    write_file("t.dat", "1 1 1 5\n1 2 1 5\n1 3 1 5\n1 4 1 5\n1 5 1 5\n1 1 1 5\n1 6 1 5\n");
+    EXPECT_STOP(data_scan1st(), "***** ERROR scanning data : too many levels ! *****\n  Effect : \"sex\";  Code :  6\n"
+                                "  Trait no. : 1 ;  Effect no. : 1\n  Record no.  7\n"
+                                "  Max.  no. of levels allowed :  5\nexit");
+}
+
+TEST_F(recode_test, constant_legendre_covariable_is_refused) {
+    std::string par = uni;
+    par.replace(par.find("POL"), 3, "LEG");
+    prepare(par, "1 1 3 5\n2 1 3 6\n", 4);
+    EXPECT_STOP(data_scan1st(), "Covariable has a single value only : \"age(1,LEG)\"");
+}
+
+TEST_F(recode_test, code_that_the_scan_has_not_seen) {
+    prepare(uni, "1 1 1 5\n2 1 2 5\n", 4);
+    data_scan1st();
+    number_equations();
+    write_file("t.dat", "1 1 1 5\n2 3 2 5\n");
+    EXPECT_STOP(data_recode(), "***** Error : Routine \"find_code\" \n      Could not find code for fixed effect \"sex\"\n"
+                               "      Code in data file = 3\n      No. of levels     = 1\n");
+}
+
+TEST_F(recode_test, covariable_rows) {
+    prepare("DAT t.dat\n animal 10\n herd 5\n age\n y\nEND\nPED p\nANA UNI\nMOD\n FIX herd\n COV age(2,POL)\n"
+            " COV age*herd(2,LEG)\n COV age(4,BSPL)\n RAN animal NRM\n TRAIT y 1 -9\nEND\n"
+            "VAR animal 1\n 1.0\nVAR residual 1\n 2.0\n",
+            "1 5 2 5\n2 6 4 5\n3 6 9 5\n", 4);
+    recode();
+    setup_recdata(pass, filenames.recdatfil2);
+    ASSERT_TRUE(next_subject(pass) && next_subject(pass));
+    EXPECT_EQ(datavecs.mcov, 8);
+    const auto x = datavecs.xcov.column(1);
+    EXPECT_DOUBLE_EQ(x[0], -1.0);
+    EXPECT_DOUBLE_EQ(x[1], 1.0);
+    const double t = -1.0 + 4.0 / 7.0;
+    EXPECT_DOUBLE_EQ(x[2], std::sqrt(1.5) * t);
+    EXPECT_NEAR(x[3], std::sqrt(2.5) * (1.5 * t * t - 0.5), 1e-14);
+    EXPECT_NEAR(x[4], 1.0 - 2.0 / (7.0 / 3.0), 1e-14); // hat functions at 2, 13/3, 20/3, 9
+    EXPECT_NEAR(x[5], 2.0 / (7.0 / 3.0), 1e-14);
+    EXPECT_EQ(x[6], 0.0);
+    EXPECT_EQ(x[7], 0.0);
+    const auto c = datavecs.icov.column(1);
+    EXPECT_EQ(ints(c.begin(), c.end()), (ints{1, 2, 5, 6, 7, 8, 9, 10})); // herd 6 is level 2 of the nest
+    EXPECT_STOP(bspline_place(1, 5.0), "bspl code not found");
+    mudmap.cv_type(1, 1) = "SPL";
+    double none[2];
+    EXPECT_STOP(covariable_row(1, 1, 2.0, none), "option not yet implemented");
+}
+
+TEST_F(recode_test, supplied_level_order_is_kept) {
+    prepare("DAT t.dat\n animal 10\n y\nEND\nANA UNI\nMOD\n RAN animal IDE\n TRAIT y 1 -9\nEND\n"
+            "VAR animal 1\n 1.0\nVAR residual 1\n 2.0\n",
+            "2 5\n1 6\n9 7\n");
+    data_scan1st();
+    levels.rn_codes(1) = {9, 1, 5, 2};
+    levels.rn_nlev(1) = 4;
+    number_equations();
+    data_recode();
+    setup_recdata(pass, filenames.recdatfil2);
+    for (int want : {4, 2, 1}) {
+        ASSERT_TRUE(next_subject(pass));
+        EXPECT_EQ(row(1), (ints{want}));
+    }
+}
+
+} // namespace
+} // namespace tarvex
