@@ -10,10 +10,15 @@ namespace tarvex {
 struct ped_reader {
     std::ifstream in;
     std::string line;
+    bool held = false; // line is the first record, not yet taken
 };
+// Opens the pedigree file and passes over the comment lines at its head (counted in nskip_precs). Faults stop the run.
 void open_pedfile(ped_reader& reader);
-// Next record: 1 read, 0 end of file, -1 a line that cannot be read.
+// Next record: 1 read, 0 end of file, -1 a line that cannot be read. A record is one line, blank lines are passed over.
 int next_pedrec(ped_reader& reader, long long& ian, long long& idad, long long& imum);
+
+// Message on the first rule that a pedigree record breaks, null for a sound one.
+const char* pedrec_fault(long long ian, long long idad, long long imum);
 
 // Reads data and pedigree, checks every record, and leaves idvec, jdvec.
 void pedigree_list();

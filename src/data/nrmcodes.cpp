@@ -1,0 +1,51 @@
+#include "data/nrmcodes.h"
+
+#include "control/numbers.h"
+#include "data/data.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "support/stop.h"
+
+#include <vector>
+
+namespace tarvex {
+
+namespace {
+
+struct nrm_column {
+    int irun, icol;
+};
+
+// The columns of animal codes, by trait.
+std::vector<std::vector<nrm_column>> nrm_columns() {
+    std::vector<std::vector<nrm_column>> columns(static_cast<std::size_t>(numbers.nq));
+    for (int iq = 1; iq <= numbers.nq; ++iq)
+        for (int i = 1; i <= model.nrnd(iq); ++i) {
+            const int irand = mudmap.rn_irand(i, iq);
+            if (irand < 1 || mudmap.kovrnd(irand) != "NRM") continue;
+            columns[iq - 1].push_back({mudmap.iranno(irand), mudmap.rn_dcolno(i, iq)});
+        }
+    return columns;
+}
+
+} // namespace
+
+void visit_nrm_codes(const std::function<void(int, std::int64_t)>& visit) {
+    const auto columns = nrm_columns();
+    array<double> dvec;
+    allocate("alloc dvec", dvec, mudmap.maxcol);
+    data_reader reader;
+    open_datfile(reader);
+    int iq = 0;
+    bool iskip = false;
+    while (getrec_dvec(reader, dvec, iq, iskip)) {
+        if (iskip) continue;
+        const int first = iq > 0 ? iq : 1, last = iq > 0 ? iq : numbers.nq;
+        for (int jq = first; jq <= last; ++jq) {
+            if (iq == 0 && is_missing(jq, dvec(mudmap.tr_dcolno(jq)))) continue;
+            for (const auto& c : columns[jq - 1]) visit(c.irun, effect_code(dvec, c.icol, 0, 1));
+        }
+    }
+}
+
+} // namespace tarvex

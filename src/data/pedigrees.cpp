@@ -1,0 +1,191 @@
+// Reading of the pedigree file and the sorted list of all animals. Parents must have smaller codes than their offspring, so
+// that every later step can walk the list in one direction.
+#include "data/pedigrees.h"
+
+#include "control/filenames.h"
+#include "control/options.h"
+#include "control/parameters.h"
+#include "control/tvxroutines.h"
+#include "data/nrmcodes.h"
+#include "support/edit_form.h"
+#include "support/record_file.h"
+#include "support/stop.h"
+#include "support/text.h"
+
+#include <algorithm>
+#include <array>
+
+namespace tarvex {
+
+namespace {
+
+using pedrec = std::array<int, 3>; // animal, sire, dam
+
+// Codes met so far; all lie between 1 and maxan.
+struct code_marks {
+    array<int> seen;
+    int n = 0;
+};
+
+bool next_line(ped_reader& reader) {
+    if (reader.held) {
+        reader.held = false;
+        return true;
+    }
+    if (!std::getline(reader.in, reader.line)) return false;
+    std::replace_if(reader.line.begin(), reader.line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
+    return true;
+}
+
+void add_list(code_marks& marks, long long id) {
+    if (id > maxan || id < 1) stop_with("Error reading pedigrees : invalid animal ID");
+    int& seen = marks.seen(id);
+    if (seen == 0) ++marks.n;
+    seen = 1;
+}
+
+[[noreturn]] void pedigree_error(int nrecords) {
+    print_list(screen(), "***** ERROR in pedigree file", nrecords);
+    stoptarvex();
+}
+
+// Reads and checks all records; their codes go into the list.
+std::vector<pedrec> read_pedigree(code_marks& marks) {
+    std::vector<pedrec> records;
+    ped_reader reader;
+    open_pedfile(reader);
+    long long ian = 0, idad = 0, imum = 0;
+    int n = 0;
+    while (const int status = next_pedrec(reader, ian, idad, imum)) {
+        ++n;
+        if (status < 0) pedigree_error(n);
+        if (options.verbose && n % 10000 == 0) print_list(screen(), "Pedigree file : at record", n);
+        if (const char* fault = pedrec_fault(ian, idad, imum)) {
+            if (idad > ian || imum > ian)
+                print_list(screen(), fault, ian, idad, imum);
+            else
+                screen().line(fault);
+            pedigree_error(n);
+        }
+        add_list(marks, ian);
+        if (idad > 0) add_list(marks, idad);
+        if (imum > 0) add_list(marks, imum);
+        records.push_back({static_cast<int>(ian), static_cast<int>(idad), static_cast<int>(imum)});
+    }
+    return records;
+}
+
+void make_idvec(const code_marks& marks) {
+    pedigreelist.nanim = marks.n;
+    allocate("alloc IDVEC", pedigreelist.idvec, marks.n);
+    int n = 0;
+    for (int id = 1; id <= maxan; ++id)
+        if (marks.seen(id) != 0) pedigreelist.idvec(++n) = id;
+}
+
+// Running number of a parent, and the test that it has not been met in the other role (1 sire, 2 dam).
+int parent_number(int id, int role) {
+    if (id < 1) return 0;
+    const int j = find_anim(id);
+    int& sex = pedigreelist.isex(j);
+    if (sex == 0) sex = role;
+    if (sex != role && !options.selfing && !options.siremodel) {
+        print_list(screen(), "***** ERROR in pedigree : Parent occurs as both sire & dam", id);
+        stoptarvex();
+    }
+    return j;
+}
+
+void make_jdvec(const std::vector<pedrec>& records) {
+    allocate("alloc JDVEC", pedigreelist.jdvec, 2, pedigreelist.nanim);
+    allocate("alloc isex", pedigreelist.isex, pedigreelist.nanim);
+    for (const auto& [ian, idad, imum] : records) {
+        const int i = find_anim(ian);
+        pedigreelist.jdvec(1, i) = parent_number(idad, 1);
+        pedigreelist.jdvec(2, i) = parent_number(imum, 2);
+    }
+    pedigreelist.isex.deallocate();
+}
+
+} // namespace
+
+void open_pedfile(ped_reader& reader) {
+    const std::string& name = filenames.pedfile;
+    if (!file_exists(name)) {
+        screen().line("Looking for pedigree file : \"" + name + "\" ...");
+        stop_with(" ... file doesn't seem to exist !");
+    }
+    reader.in.open(name);
+    if (!reader.in) {
+        screen().line("Trying to open pedigree file : \"" + name + "\"");
+        stop_with(" ... cannot open file as specified !");
+    }
+    int n = 0;
+    reader.held = false;
+    while (next_line(reader)) {
+        if (reader.line.empty() || reader.line[0] != comment_char) {
+            reader.held = true;
+            break;
+        }
+        ++n;
+    }
+    pedigreelist.nskip_precs = n;
+    if (options.verbose) write(screen(), "(3a,i3,a)   ", "\"", name, "\" : skipping first", n, " lines");
+}
+
+int next_pedrec(ped_reader& reader, long long& ian, long long& idad, long long& imum) {
+    while (next_line(reader)) {
+        list_reader list(reader.line);
+        if (list.at_end()) continue;
+        for (long long* value : {&ian, &idad, &imum})
+            if (list.next(*value) != list_read::value) return -1;
+        return 1;
+    }
+    return 0;
+}
+
+const char* pedrec_fault(long long ian, long long idad, long long imum) {
+    if (ian < 1) return "Invalid animal ID";
+    if (idad < 0) return "Invalid sire ID  ";
+    if (imum < 0) return "Invalid dam ID   ";
+    if (idad > ian || imum > ian) return "Animal ID smaller than parent ID";
+    if (options.siremodel) return nullptr;
+    if (idad == ian) return "Animal and sire ID identical";
+    if (imum == ian) return "Animal and dam ID identical ";
+    if (!options.selfing && idad > 0 && imum == idad) return "Sire and dam ID identical  ";
+    return nullptr;
+}
+
+int find_anim(int id) {
+    const auto first = pedigreelist.idvec.begin(), last = first + pedigreelist.nanim;
+    const auto at = std::lower_bound(first, last, id);
+    const int i = static_cast<int>(at - first) + 1;
+    if (at != last && *at == id) return i;
+    screen().line("Error in \"find_anim\" : animal/dam code not found !");
+    print_list(screen(), "ID in data =", id);
+    for (int j = std::max(1, i - 1); j <= std::min(i, pedigreelist.nanim); ++j)
+        print_list(screen(), "pedigree list", j, pedigreelist.idvec(j));
+    stoptarvex();
+}
+
+void pedigree_list() {
+    constexpr edit_form fmt{"(1x,a,t45,1h=,i10)"};
+    text_out out;
+    if (!out.open(filenames.sumpedfile)) stop_with("Cannot open file \"" + filenames.sumpedfile + "\"");
+    write_tvxtop(out, "Summary of Pedigree Information");
+    write_tvxfiles(out);
+    code_marks marks;
+    allocate("alloc IDVEC", marks.seen, maxan);
+    visit_nrm_codes([&](int, std::int64_t icode) { add_list(marks, icode); });
+    write(out, fmt, "No. of animal IDs in data file =", marks.n);
+    if (options.details) print_list(screen(), "No. of animal IDs in data file =", marks.n);
+    const std::vector<pedrec> records = read_pedigree(marks);
+    make_idvec(marks);
+    write(out, fmt, "No. of animal IDs in total     =", marks.n);
+    if (options.details) print_list(screen(), "No. of animal IDs in total     =", marks.n);
+    make_jdvec(records);
+    print_list(screen(), "Pedigree file                  =   ", filenames.pedfile);
+    print_list(screen(), "Total no. of animal IDs found  =", pedigreelist.nanim);
+}
+
+} // namespace tarvex

@@ -1,0 +1,115 @@
+// Closure of the animals with data under "is a parent of". Codes get running numbers in the order in which they are met, in
+// the data first and then in the pedigree; the marks walk from the animals with data to all their ancestors over a stack.
+#include "data/reducepeds.h"
+
+#include "control/filenames.h"
+#include "control/options.h"
+#include "control/parameters.h"
+#include "control/tvxroutines.h"
+#include "data/nrmcodes.h"
+#include "data/pedigrees.h"
+#include "support/edit_form.h"
+#include "support/stop.h"
+
+#include <array>
+#include <unordered_map>
+#include <vector>
+
+namespace tarvex {
+
+namespace {
+
+constexpr int maxhash = 524827; // distinct codes that can be held
+
+struct hash_tables {
+    std::unordered_map<long long, int> number;
+    std::vector<std::array<long long, 3>> id; // [number-1] codes of animal, sire, dam; last record of an animal
+    int nlevels[2] = {};                      // codes in the data, in total
+};
+
+int hash_code(hash_tables& tables, long long code) {
+    const int next = static_cast<int>(tables.id.size()) + 1;
+    const auto [at, fresh] = tables.number.try_emplace(code, next);
+    if (!fresh) return at->second;
+    if (next > maxhash) stop("HASH : increase size");
+    tables.id.push_back({code, 0, 0});
+    return next;
+}
+
+// Enters all records; false if one of them is faulty, which pedigree_list then has to tell.
+bool read_records(hash_tables& tables) {
+    bool sound = true;
+    ped_reader reader;
+    open_pedfile(reader);
+    long long ian = 0, idad = 0, imum = 0;
+    while (const int status = next_pedrec(reader, ian, idad, imum)) {
+        if (status < 0) return false;
+        if (pedrec_fault(ian, idad, imum) != nullptr || ian > maxan) sound = false;
+        if (ian > 0) {
+            const int i = hash_code(tables, ian);
+            tables.id[i - 1] = {ian, idad, imum};
+        }
+        if (idad > 0) hash_code(tables, idad);
+        if (imum > 0) hash_code(tables, imum);
+    }
+    return sound;
+}
+
+// Carries the marks up to all ancestors; returns the number of marks. nback: parents visited.
+int mark_ancestors(const hash_tables& tables, std::vector<char>& mm, int& nback) {
+    std::vector<int> todo;
+    for (int i = 0; i < tables.nlevels[0]; ++i) todo.push_back(i);
+    int n = tables.nlevels[0];
+    while (!todo.empty()) {
+        const int i = todo.back();
+        todo.pop_back();
+        for (int j = 1; j <= 2; ++j) {
+            const long long code = tables.id[i][j];
+            if (code < 1) continue;
+            ++nback;
+            const int k = tables.number.at(code) - 1;
+            if (mm[k] != 0) continue;
+            mm[k] = 1;
+            ++n;
+            todo.push_back(k);
+        }
+    }
+    return n;
+}
+
+void write_newped(const hash_tables& tables, const std::vector<char>& mm) {
+    text_out out;
+    const std::string& name = filenames.newpedfile;
+    if (!out.open(name)) stop_with("Cannot open file \"" + name + "\"");
+    for (std::size_t i = 0; i < mm.size(); ++i)
+        if (mm[i] != 0) write(out, "(3i16)  ", tables.id[i][0], tables.id[i][1], tables.id[i][2]);
+    out.close();
+    screen().line("Found redundant animals in pedigree");
+    screen().line(" ... wrote file \"" + name + "\"");
+    filenames.pedfile = name;
+}
+
+} // namespace
+
+void reducepeds() {
+    hash_tables tables;
+    visit_nrm_codes([&](int, std::int64_t icode) {
+        if (icode > 0) hash_code(tables, icode);
+    });
+    tables.nlevels[0] = static_cast<int>(tables.id.size());
+    if (options.verbose) print_list(screen(), "No. of animal IDs in data =", tables.nlevels[0]);
+    const bool sound = read_records(tables);
+    tables.nlevels[1] = static_cast<int>(tables.id.size());
+    std::vector<char> mm(tables.id.size());
+    std::fill(mm.begin(), mm.begin() + tables.nlevels[0], char{1});
+    int nback = 0;
+    const int nmark = sound ? mark_ancestors(tables, mm, nback) : tables.nlevels[1];
+    if (options.details) {
+        print_list(screen(), "ReducePeds : no. of animals =", tables.nlevels[0], nmark, 1, nback);
+        print_list(screen(), "No. of animal IDs  =", nmark);
+    }
+    if (options.verbose) print_list(screen(), "Total no. of animal IDs  =", tables.nlevels[1]);
+    if (nmark < tables.nlevels[1]) write_newped(tables, mm);
+}
+
+} // namespace tarvex

@@ -1,0 +1,150 @@
+#include "relations/geninverse.h"
+
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "data/levels.h"
+#include "parfile/model.h"
+#include "relations/nrminverse.h"
+#include "support/edit_form.h"
+#include "support/record_file.h"
+#include "support/stop.h"
+#include "support/text.h"
+
+#include <algorithm>
+#include <climits>
+#include <fstream>
+#include <string>
+
+namespace tarvex {
+
+namespace {
+
+struct text_lines {
+    std::ifstream in;
+    std::string line;
+};
+
+// Next line that is not blank, without tabs and carriage returns.
+bool next_line(text_lines& text) {
+    while (std::getline(text.in, text.line)) {
+        std::replace_if(text.line.begin(), text.line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
+        if (text.line.find_first_not_of(' ') != std::string::npos) return true;
+    }
+    return false;
+}
+
+bool get_int(list_reader& list, int& value) {
+    long long v = 0;
+    if (list.next(v) != list_read::value || v > INT_MAX || v < INT_MIN) return false;
+    value = static_cast<int>(v);
+    return true;
+}
+
+[[noreturn]] void read_error(const std::string& name, int nn) {
+    screen().line("***** ERROR : Reading file \"" + name + "\"");
+    print_list(screen(), "      Records processed so far :", nn);
+    stoptarvex();
+}
+
+void check_element(int irand, const inverse_element& e) {
+    if (e.col > e.row) {
+        print_list(screen(), "Column no. > row no.", e.col, e.row);
+        print_list(screen(), "*** Generalised inverse should be given as lower ", "triangle ROW-wise !");
+        stoptarvex();
+    }
+    if (e.col < 1) { // the row is not below the column: this test comes first for either of them
+        print_list(screen(), "Invalid row no.", e.row);
+        stoptarvex();
+    }
+    if (e.row == e.col && e.value < 0.0)
+        print_list(screen(), model.krandom(irand), " - Negative diagonal element ?", e.row, e.value);
+}
+
+void read_codes(int irand, const std::string& name, int nlmax) {
+    code_list codes(static_cast<std::size_t>(nlmax));
+    text_lines text;
+    text.in.open(name);
+    int n = 0;
+    while (next_line(text)) {
+        list_reader list(text.line);
+        int i = 0, jj = 0;
+        if (!get_int(list, i) || !get_int(list, jj)) stop("error gin.codes");
+        if (i >= 1 && i <= nlmax) codes[i - 1] = jj;
+        ++n;
+    }
+    print_list(screen(), "Have read", n, " codes from \"" + name + "\"");
+    if (n != nlmax) {
+        screen().line("***** Error : No. of levels/codes disagree ");
+        print_list(screen(), "      No. of codes read =", n);
+        print_list(screen(), "      No. expected      =", nlmax);
+        stoptarvex();
+    }
+    levels.rn_codes(irand) = codes;
+}
+
+// Widens the level table of an effect whose inverse has more levels than the data.
+void gin_levels(int irand, int nlmax) {
+    screen().line("***** Found more levels of RE in G-inverse than in data");
+    print_list(screen(), "      No. of levels found in data         =", levels.rn_nlev(irand));
+    print_list(screen(), "      Maximum row/column no. in G-inverse =", nlmax);
+    if (nlmax > levels.rn_maxlev(irand)) {
+        screen().line("***** Max. no. of random effects levels is too small");
+        print_list(screen(), "      Allowed =", levels.rn_maxlev(irand), "  Need =", nlmax);
+        stop_with("      Edit parameter file accordingly & try again !");
+    }
+    const std::string name = model.krandom(irand) + ".codes";
+    if (options.verbose) screen().line("***** Must supply file with codes \"" + name + "\"");
+    if (file_exists(name)) {
+        read_codes(irand, name, nlmax);
+    } else {
+        print_list(screen(), "***** No file with additional codes !", name);
+        print_list(screen(), "      Assume \"running order\" of 1 to", nlmax);
+        screen().line("      -- If this is not true, program will crash later !");
+        auto& codes = levels.rn_codes(irand);
+        codes.resize(static_cast<std::size_t>(nlmax));
+        for (int l = 1; l <= nlmax; ++l) codes[l - 1] = l;
+    }
+    levels.rn_nlev(irand) = nlmax;
+    print_list(screen(), "Max. number of levels for \"" + model.krandom(irand) + "\" set to", nlmax);
+}
+
+[[noreturn]] void no_ginfile(int irand, const std::string& name) {
+    screen().line("**** ERROR : cannot locate generalised inverse");
+    print_list(screen(), "     Random effect no.", irand, "  \"" + model.krandom(irand) + "\"");
+    screen().line("     File with G-inverse expected : \"" + name + "\"");
+    stoptarvex();
+}
+
+} // namespace
+
+void check_ginverse(int irand) {
+    const std::string name = model.krandom(irand) + ".gin";
+    if (!file_exists(name)) no_ginfile(irand, name);
+    text_lines text;
+    std::vector<char> buffer(std::size_t{1} << 20);
+    text.in.rdbuf()->pubsetbuf(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+    text.in.open(name);
+    double detg = 0.0;
+    if (!next_line(text) || list_reader(text.line).next(detg) != list_read::value) read_error(name, 0);
+    if (gin_store.elements.size() < static_cast<std::size_t>(irand))
+        gin_store.elements.resize(static_cast<std::size_t>(irand));
+    auto& elements = gin_store.elements[irand - 1];
+    elements.clear();
+    int nn = 0, nlmax = 0;
+    while (next_line(text)) {
+        list_reader list(text.line);
+        inverse_element e{};
+        if (!get_int(list, e.col) || !get_int(list, e.row) || list.next(e.value) != list_read::value || nn == INT_MAX)
+            read_error(name, nn);
+        if (++nn % 100000 == 0 && options.verbose) print_list(screen(), "Check \"" + name + "\"", nn);
+        check_element(irand, e);
+        nlmax = std::max(nlmax, e.row);
+        elements.push_back(e);
+    }
+    geninverse.detginv(irand) = detg;
+    geninverse.nnginv(irand) = nn;
+    if (options.verbose) write(screen(), "(2x,3a,i8)", "File \"", name, "\"  No. records =", nn);
+    if (nlmax > levels.rn_nlev(irand)) gin_levels(irand, nlmax);
+}
+
+} // namespace tarvex

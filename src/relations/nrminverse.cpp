@@ -1,0 +1,208 @@
+// The inverses of all random effects, made once and kept in scratch files that later runs in the same directory take over.
+#include "relations/nrminverse.h"
+
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/parameters.h"
+#include "control/tvxroutines.h"
+#include "data/pedigreelist.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "relations/animalnrm.h"
+#include "relations/geninverse.h"
+#include "relations/inbreeding.h"
+#include "relations/linkedlist.h"
+#include "support/edit_form.h"
+#include "support/record_file.h"
+#include "support/stop.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <set>
+
+namespace tarvex {
+
+namespace {
+
+// Running number of an original code in a pruned pedigree list, 0 if it is not there.
+int find_level(int code, int irun) {
+    const auto& idwec = pedigreelist.idwec(irun);
+    const auto at = std::lower_bound(idwec.begin(), idwec.end(), code);
+    return at != idwec.end() && *at == code ? static_cast<int>(at - idwec.begin()) + 1 : 0;
+}
+
+// Marks the levels of the effect that are treated as fixed, for its relationship matrix irun.
+void pseudo_fix(int irand, text_out& out, int nan, int irun) {
+    allocate("alloc asfix", randasfix.asfix, nan);
+    if (!options.pseudofix) return;
+    if (!randasfix.nasfix.allocated()) allocate("alloc asfix", randasfix.nasfix, numbers.krand);
+    int nn = 0;
+    if (randasfix.iasfix.allocated() && randasfix.iasfix(irand) != 0) {
+        out.line("");
+        out.line(" Levels treated as \"fixed\" ");
+        for (int i = 1; i <= randasfix.npsfix; ++i) {
+            const std::string& name = randasfix.psfixname[i - 1];
+            if (name != model.krandom(irand)) continue;
+            const int code = randasfix.psfixcode[i - 1], j = find_level(code, irun);
+            if (j == 0) continue;
+            write(out, "(i4,2x,a,i15,i7,i15)", i, name, code, j, pedigreelist.idwec(irun)[j - 1]);
+            randasfix.asfix(j) = 1;
+            ++nn;
+        }
+    }
+    print_list(out, " No. of levels to be treated as fixed =", nn);
+    randasfix.nasfix(irand) = nn;
+}
+
+void no_match(bool& lex) {
+    screen().line("File with NRM-inverse found - but no match for analysis !");
+    lex = false;
+}
+
+// Tests whether an existing file belongs to this analysis: size, first and last code, and completeness as far as the last
+// but one element. Leaves nnrm and detl.
+void check_nrmhead(record_reader& in, bool& lex, int irand) {
+    lex = true;
+    const int irun = mudmap.iranno(irand);
+    const auto& idwec = pedigreelist.idwec(irun);
+    std::int32_t nan = 0, ian1 = 0, ian2 = 0, sm = 0, nnrm = 0;
+    double detl = 0.0;
+    if (!in.record(nan, ian1, ian2, sm) || nan != pedigreelist.nannew(irun)) return no_match(lex);
+    if (nan < 1 || ian1 != idwec.front() || ian2 != idwec.back()) return no_match(lex);
+    if (!in.record(nnrm, detl)) return no_match(lex);
+    for (int k = 1; k <= nnrm; ++k) {
+        std::int32_t icol = 0, irow = 0;
+        double xx = 0.0;
+        if (!in.record(icol, irow, xx)) return no_match(lex);
+        if (k > 1 && (icol < 1 || icol > irow || irow > nan)) return no_match(lex);
+    }
+    nrminverse.nnrm = nnrm;
+    nrminverse.detl = detl;
+}
+
+void write_nrm(record_writer& iun, int irand, int nan, int jj) {
+    const auto& ll = linked_list;
+    const auto& idwec = pedigreelist.idwec(jj);
+    iun.record(std::int32_t{nan}, std::int32_t{nan > 0 ? idwec.front() : 0}, std::int32_t{nan > 0 ? idwec.back() : 0},
+               std::int32_t{options.siremodel});
+    iun.record(std::int32_t{nrminverse.nnrm}, nrminverse.detl);
+    iun.record(nrminverse.nrmdiag.prefix(nan));
+    for (int irow = 1; irow <= nan; ++irow)
+        for (int ij = ll.ifirst(irow); ij > 0; ij = ll.inext(ij))
+            iun.record(std::int32_t{ll.ivcol(ij)}, std::int32_t{irow}, ll.zhz(ij));
+    if (!options.verbose) return;
+    print_list(screen(), "NRM Inverse no. :", mudmap.iranno(irand), "  \"" + model.krandom(irand) + "\"");
+    print_list(screen(), "No. of elements =", nrminverse.nnrm, "  log determinant =", nrminverse.detl);
+    if (options.siremodel) screen().line("Sire model !");
+}
+
+// Inverse of a relationship matrix from the pedigree, by the rules for animals or for sires, into the open file.
+void nrm_inverse(int irand, record_writer& iun, text_out& sumped) {
+    const int jj = mudmap.iranno(irand), nan = pedigreelist.nannew(jj);
+    allocate(options.siremodel ? "alloc nrmdiag" : "alloc nrmdia", nrminverse.nrmdiag, nan);
+    if (!options.siremodel) inbreed_coeffs(jj, nan, sumped);
+    pseudo_fix(irand, sumped, nan, jj);
+    if (options.siremodel) {
+        sire_nrm(jj, nan);
+    } else {
+        nnrm_count_growing(jj, nan, static_cast<int>(std::min<std::int64_t>(std::int64_t{25} * nan, maxelements)));
+        animal_nrm(jj, nan);
+    }
+    write_nrm(iun, irand, nan, jj);
+    deall_store();
+    nrminverse.nrmdiag.deallocate();
+    randasfix.asfix.deallocate();
+}
+
+// Makes the inverse of an effect, or takes over the file of an earlier run or of another effect on the same pedigree.
+void one_inverse(int irand, text_out& sumped) {
+    const int iirand = mudmap.iranno(irand);
+    const std::string name = nrminv_name(iirand);
+    bool lex = false;
+    if (!options.pseudofix && file_exists(name)) {
+        record_reader in;
+        if (in.open(name))
+            check_nrmhead(in, lex, irand);
+        else
+            no_match(lex);
+        if (lex && !options.terse) print_list(screen(), "NRM inverse found", irand, iirand);
+    }
+    if (!lex) {
+        record_writer iun;
+        if (!iun.open(name, true)) stop_with("Cannot open file \"" + name + "\"");
+        if (options.verbose && options.siremodel) screen().line("sire model");
+        nrm_inverse(irand, iun, sumped);
+        if (!iun.close()) stop_with("Cannot write file \"" + name + "\"");
+    }
+    geninverse.detginv(irand) = nrminverse.detl;
+    geninverse.nnginv(irand) = nrminverse.nnrm;
+}
+
+// Effects on one relationship matrix share one file: they must have the same levels treated as fixed.
+void check_shared_marks() {
+    if (!options.pseudofix) return;
+    const auto codes = [](int irand) {
+        std::set<int> found;
+        for (int i = 0; i < randasfix.npsfix; ++i)
+            if (randasfix.psfixname[i] == model.krandom(irand)) found.insert(randasfix.psfixcode[i]);
+        return found;
+    };
+    for (int i = 1; i <= numbers.krand; ++i)
+        for (int j = i + 1; j <= numbers.krand; ++j)
+            if (mudmap.iranno(i) > 0 && mudmap.iranno(i) == mudmap.iranno(j) && codes(i) != codes(j)) tvx_notyet();
+}
+
+void allocate_inbreed() {
+    int m = 0, n = 0;
+    for (int irun = 1; irun <= pedigreelist.nrunno; ++irun) m = std::max(m, pedigreelist.nannew(irun));
+    for (int irand = 1; irand <= numbers.krand; ++irand) n = std::max(n, mudmap.iranno(irand));
+    allocate("alloc inbreed", nrminverse.inbreed, m, n);
+    allocate("alloc inbreed", nrminverse.ifin, n);
+}
+
+// Keeps the coefficients for a simulation, if all of them were computed in this run.
+void write_inbreed() {
+    const auto& ifin = nrminverse.ifin;
+    const int n = static_cast<int>(ifin.upper());
+    if (n < 1 || std::find(ifin.begin(), ifin.end(), 0) != ifin.end()) return;
+    std::string pedfile = filenames.pedfile;
+    pedfile.resize(30, ' ');
+    record_writer iun;
+    if (!iun.open(filenames.inbrdfile, true)) stop_with("Cannot open file \"" + filenames.inbrdfile + "\"");
+    iun.record(static_cast<std::int32_t>(nrminverse.inbreed.upper(1)), std::int32_t{n},
+               std::int32_t{pedigreelist.nannew(1)}, pedfile);
+    iun.record(nrminverse.inbreed.prefix(nrminverse.inbreed.size()));
+    if (!iun.close()) stop_with("Cannot write file \"" + filenames.inbrdfile + "\"");
+}
+
+} // namespace
+
+void gen_inverses() {
+    text_out sumped;
+    const std::string& name = filenames.sumpedfile;
+    if (!(options.pedigrees ? sumped.open_append(name) : sumped.open(name)))
+        stop_with("Cannot open file \"" + name + "\"");
+    const bool keep = options.superai || options.simulation;
+    if (keep) allocate_inbreed();
+    allocate("alloc giv", geninverse.detginv, numbers.krand);
+    allocate("alloc giv", geninverse.nnginv, numbers.krand);
+    check_shared_marks();
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        const std::string& kov = mudmap.kovrnd(irand);
+        if (kov == "GIN")
+            check_ginverse(irand);
+        else if (kov == "NRM")
+            one_inverse(irand, sumped);
+        else
+            continue;
+        print_list(sumped, " random effect no. =", irand, kov);
+        print_list(sumped, " no. of elements in NRM/GIN inverse ", geninverse.nnginv(irand));
+        print_list(sumped, " log determinant   =", geninverse.detginv(irand));
+    }
+    if (options.details) screen().line("END gen_inverses");
+    write_tvxbottom(sumped);
+    if (keep) write_inbreed();
+}
+
+} // namespace tarvex
