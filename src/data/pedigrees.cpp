@@ -61,7 +61,7 @@ std::vector<pedrec> read_pedigree(code_marks& marks) {
         if (status < 0) pedigree_error(n);
         if (options.verbose && n % 10000 == 0) print_list(screen(), "Pedigree file : at record", n);
         if (const char* fault = pedrec_fault(ian, idad, imum)) {
-            if (idad > ian || imum > ian)
+            if (ian > 0 && std::min(idad, imum) >= 0 && std::max(idad, imum) > ian)
                 print_list(screen(), fault, ian, idad, imum);
             else
                 screen().line(fault);
