@@ -2,6 +2,7 @@
 #pragma once
 #include "support/array.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <span>
@@ -9,10 +10,47 @@
 
 namespace tarvex {
 
-// Fills sparse.diag, xspars for the current eei (or residual classes) and zig. iflag 1: an element has no place.
+// Places in xspars of the pairs of equations that a pass meets, in the order of the pass: found once for a symbolic
+// structure and read off afterwards. 0: the structure has no such element.
+struct place_store {
+    int nsymb = -1;        // orders.nsymb of the structure
+    bool complete = false; // one pass has gone through
+    bool dropped = false;  // too many pairs to be kept: every pass searches
+    std::vector<int> place;
+};
+struct places_module {
+    place_store subjects;            // pairs of the local equations of the subjects
+    std::vector<place_store> blocks; // [irand-1] pairs of the elements of the inverse relationship matrix
+    bool lenient = false;            // a missing element of a random effect asks for a new ordering, it is not fatal
+};
+inline places_module places;
+
+// Hands out the places of a pass. All passes over the same store must ask for the same pairs in the same order.
+class place_cursor {
+public:
+    explicit place_cursor(place_store& store);
+    int operator()(int a, int b) {
+        if (reading_ && at_ < store_.place.size()) return store_.place[at_++];
+        return find(a, b);
+    }
+    void finish(); // the pass has met all pairs
+
+private:
+    int find(int a, int b);
+    place_store& store_;
+    std::size_t at_ = 0;
+    bool reading_ = false;
+};
+
+// Fills sparse.diag, xspars for the current eei (or residual classes) and zig; element (i,nsrow) holds the right-hand side
+// of equation i, diag(nsrow) y'R^-1 y. Sets randomvars.detl and, in random regression analyses, residualvars.detres(1).
+// Keeps the matrix of the data alone in PX-EM rounds. iflag 1: an element has no place in the structure.
 void build_mmm(int& iflag);
 
 // Place in xspars of element (a,b) of two different rows (new numbering), 0 if the structure has none. Bisection.
 int locate(int a, int b);
+
+// True if only components of the same number are linked within a pair of levels of block irand.
+bool links_diagonal(int irand);
 
 } // namespace tarvex

@@ -17,6 +17,8 @@ struct likelihoods_module {
     int failrow = 0;              // row of the last invalid pivot, 0 none
     bool factor_valid = false;    // diag, xspars hold the factor of lastpar
     array<double, 2, 1> likesav;  // (nparm+1,200) table of evaluations: log L, parameters
+    bool built = false;           // a matrix of this run has found all its places
+    int ibadrow = 0;              // row of the factor with the last invalid pivot, 0 unknown
 };
 inline likelihoods_module likelihoods;
 
@@ -27,6 +29,12 @@ inline likelihoods_module likelihoods;
 // An invalid point gives xlike = -1.0e36. A new best value is written to BestPoint, estimates.parbest and
 // solutions.solsave.
 void loglike(array<double>& parvec, int nparm, double& dev, double& xlike, int iopt);
+
+// Levels of block irand that count in log|G|: those treated as fixed are left out.
+double effective_levels(int irand);
+
+// The first point of a run is invalid: says so, with the diagnosis of the fixed part, and stops.
+[[noreturn]] void invalid_first_point();
 
 // The factor at hand is used up or its parameters have changed meaning: nothing may be reused.
 void forget_factor();

@@ -3,6 +3,7 @@
 #pragma once
 #include "support/array.h"
 
+#include <cstddef>
 #include <span>
 #include <vector>
 
@@ -28,14 +29,32 @@ struct residualvars_module {
     array<double> sigpeq;      // (nq(nq+1)/2) PEQ covariances spread over all traits
     array<double> rpars;       // (nresparm) residual parameters on the natural scale, compared by loglike
     array<int> fixres;         // (nresparm as covariances: steps times triangle) 1: fixed at zero
+    std::vector<double> formed; // covariances (residual, PEQ) that eei belongs to
 };
 inline residualvars_module residualvars;
 
 // Residual inverses at parvec (which clamps may change); iopt as of loglike. ifail 1: invalid point.
 void rinverse(array<double>& parvec, int nparm, int iopt, int& ifail);
 
-// Random regression: R^-1 of the subject in datavecs. zig2 (nobs*nobs by columns) and its log determinant. A singular matrix
-// stops the run.
-void get_rinv_rreg(int isubj, std::vector<double>& zig2, double& ldet);
+// Random regression: R^-1 of the subject in datavecs, nobs*nobs by columns or, where it is diagonal, its nobs diagonal
+// elements, and log|R|. Two records of a trait at one value of the control variable stop the run.
+void get_rinv_rreg(int isubj, std::vector<double>& zig2, bool& diagonal, double& ldet);
+
+// Random regression: level of the control variable and residual class of the records of the subject in datavecs.
+void residual_classes(std::vector<int>& age, std::vector<int>& iclass);
+
+// Traits of the records of a pattern, in their order.
+std::vector<int> pattern_traits(int icombi);
+
+// Covariances in the residual (and PEQ) block by the parameters of parvec's order, on the covariance scale.
+//   same   k and l are one record
+//   pars   numbers of the parameters whose derivative of R has a 1 at (k,l); components fixed at zero are left out
+// Returns how many there are (at most 2).
+int residual_pars(int iq, int jq, int iclass, bool same, int pars[2]);
+
+// g(par) += sum over k,l of dR(k,l)/dpar * x(k,l) for a symmetric x of the records with these traits (and in random
+// regression analyses these control values and classes). g: nrespeq values.
+void add_residual_terms(const pattern_matrix& x, std::span<const int> traits, std::span<const int> age,
+                        std::span<const int> iclass, double factor, std::vector<double>& g);
 
 } // namespace tarvex

@@ -3,9 +3,19 @@
 #pragma once
 #include "data/recodedata.h"
 
+#include <cstddef>
 #include <vector>
 
 namespace tarvex {
+
+// Random effect of an observation: the entries entry..entry+nfit-1 (one entry in multivariate full-rank analyses) of its row.
+struct design_effect {
+    int irand = 0;
+    int level = 0;
+    int place = 0;               // place of the trait within the level's block (random regression: 0, see raw)
+    int entry = 0;               // first entry
+    const double* raw = nullptr; // random regression: kkfit basis values; null: weight 1 at `place`
+};
 
 // Design of one subject. Local equation l = 0..nl-1 has the number eq[l] in the order of the factorisation; equations that
 // were taken out are left out. Row i = 0..nobs-1 (observation i+1 of datavecs) has the entries first[i]..first[i+1]-1.
@@ -16,29 +26,79 @@ struct subject_design {
     std::vector<int> first;
     std::vector<int> local;
     std::vector<double> weight;
+    // Random effects of row i: efirst[i]..efirst[i+1]-1. Only filled by a stream that was asked for them.
+    std::vector<int> efirst;
+    std::vector<design_effect> effects;
 };
 
 // Pass over all subjects in the order of the recoded file: recoded1.bin with recoded3.bin.
 class subject_stream {
 public:
-    subject_stream();
+    explicit subject_stream(bool with_effects = false);
     ~subject_stream();
+    subject_stream(const subject_stream&) = delete;
+    subject_stream& operator=(const subject_stream&) = delete;
     bool next();                   // false at the end; fills datavecs, design and rinv
     int isubj() const { return isubj_; }
     const subject_design& design() const { return design_; }
-    // R^-1 of the subject, nobs x nobs by columns (multivariate: copied from eei; random regression: formed).
+    // R^-1 of the subject: nobs x nobs by columns, or its nobs diagonal elements where it is diagonal.
     const std::vector<double>& rinv() const { return rinv_; }
-    bool rinv_diagonal() const { return diagonal_; } // only the diagonal of rinv is filled
-    double ldet() const { return ldet_; }            // its log|R| (random regression)
-    void rewind();
+    bool rinv_diagonal() const { return diagonal_; }
+    double rinv(int i, int j) const { // element of records i, j = 0..nobs-1
+        if (diagonal_) return i == j ? rinv_[static_cast<std::size_t>(i)] : 0.0;
+        return rinv_[static_cast<std::size_t>(i) + static_cast<std::size_t>(j) * static_cast<std::size_t>(design_.nobs)];
+    }
+    double ldet() const { return ldet_; } // its log|R| (random regression)
 
 private:
+    void form_design();
+    void form_rinv();
+    int local_of_jvec(int p);
+    int local_of_covariable(int icov);
+    void add_entry(int l, double w);
+    void add_random(int i, int iq, int j);
+
     recdata_pass pass_;
     subject_design design_;
     std::vector<double> rinv_;
-    bool diagonal_ = false;
+    bool diagonal_ = false, with_effects_ = false;
     double ldet_ = 0.0;
     int isubj_ = 0;
+    std::vector<int> jlocal_;    // local equation of each place in jvec, -1 taken out, -2 not met yet
+    std::vector<int> clocal_;    // the same by covariable
+    std::vector<int> cmet_;      // covariables of the subject
+    std::vector<std::vector<double>> basis_;   // [irand-1] basis values, kkfit for each level of the control variable
+    std::vector<std::vector<double>> weights_; // [irand-1] weights, nfit for each level (full rank: empty, basis_ serves)
+};
+
+// Observed less fitted values of the subject in the stream at solutions.solns: nobs values.
+void subject_residuals(const subject_stream& stream, std::vector<double>& ehat);
+
+// Independent parts of a subject. With a single trait whose records are independent every record may be a part of its own,
+// which keeps the local matrices small; otherwise the subject is one part.
+struct design_part {
+    const subject_design* design = nullptr;
+    int obs = 0;                   // record (from 0) of the subject that row 0 is
+    const double* y = nullptr;     // observations of the rows
+    const double* r = nullptr;     // their R^-1, full by columns or diagonal
+    bool diagonal = false;
+    double rinv(int i, int j) const {
+        if (diagonal) return i == j ? r[i] : 0.0;
+        return r[i + static_cast<std::ptrdiff_t>(j) * design->nobs];
+    }
+};
+class part_splitter {
+public:
+    explicit part_splitter(const subject_stream& stream) : stream_(stream) {}
+    void start();                  // begins with the subject now in the stream
+    bool next(design_part& part);
+
+private:
+    void cut_row(int i);
+    const subject_stream& stream_;
+    subject_design row_;
+    bool rowwise_ = false;
+    int at_ = 0;
 };
 
 } // namespace tarvex

@@ -1,0 +1,260 @@
+#include "likelihood/buildmmm.h"
+
+#include "control/numbers.h"
+#include "control/options.h"
+#include "data/datavecs.h"
+#include "data/levels.h"
+#include "equations/mmequations.h"
+#include "equations/orders.h"
+#include "equations/sparse.h"
+#include "likelihood/randomvars.h"
+#include "likelihood/residualvars.h"
+#include "likelihood/subjects.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "relations/inverse_stream.h"
+#include "support/screen.h"
+#include "support/stop.h"
+
+#include <algorithm>
+
+namespace tarvex {
+
+namespace {
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+// All stores together: places of at most this many pairs are kept, an eighth of the factor's bytes and some more.
+std::size_t most_places() {
+    return std::min<std::size_t>(48'000'000, 12'000'000 + static_cast<std::size_t>(sparse.maxlnz) / 4);
+}
+
+std::size_t places_held() {
+    std::size_t n = places.subjects.place.size();
+    for (const place_store& s : places.blocks) n += s.place.size();
+    return n;
+}
+
+// Local matrix of a part: packed lower triangle by rows, right-hand side, and one row of R^-1 times the design.
+struct local_matrix {
+    std::vector<double> a, b, t;
+    double yy = 0.0;
+};
+
+double& lower(std::vector<double>& a, int l, int m) {
+    if (l < m) std::swap(l, m);
+    return a[at(l) * at(l + 1) / 2 + at(m)];
+}
+
+void add_diagonal(const design_part& part, local_matrix& w) {
+    const subject_design& d = *part.design;
+    for (int i = 0; i < d.nobs; ++i) {
+        const double r = part.r[i], y = part.y[i];
+        w.yy += r * y * y;
+        for (int e = d.first[at(i)]; e < d.first[at(i + 1)]; ++e) {
+            const int l = d.local[at(e)];
+            const double wl = r * d.weight[at(e)];
+            w.b[at(l)] += wl * y;
+            lower(w.a, l, l) += wl * d.weight[at(e)];
+            for (int f = d.first[at(i)]; f < e; ++f) {
+                const int m = d.local[at(f)];
+                lower(w.a, l, m) += (l == m ? 2.0 : 1.0) * wl * d.weight[at(f)];
+            }
+        }
+    }
+}
+
+void add_full(const design_part& part, local_matrix& w) {
+    const subject_design& d = *part.design;
+    for (int i = 0; i < d.nobs; ++i) {
+        w.t.assign(at(d.nl), 0.0);
+        double ty = 0.0;
+        for (int j = 0; j < d.nobs; ++j) {
+            const double r = part.rinv(j, i);
+            if (r == 0.0) continue;
+            ty += r * part.y[j];
+            for (int e = d.first[at(j)]; e < d.first[at(j + 1)]; ++e) w.t[at(d.local[at(e)])] += r * d.weight[at(e)];
+        }
+        w.yy += part.y[i] * ty;
+        for (int e = d.first[at(i)]; e < d.first[at(i + 1)]; ++e) {
+            const int l = d.local[at(e)];
+            const double wl = d.weight[at(e)];
+            w.b[at(l)] += wl * ty;
+            double* row = w.a.data() + at(l) * at(l + 1) / 2;
+            for (int m = 0; m <= l; ++m) row[m] += wl * w.t[at(m)];
+        }
+    }
+}
+
+// Adds the local matrix to the store; false: an element has no place.
+bool scatter(const subject_design& d, const local_matrix& w, place_cursor& place) {
+    auto& diag = sparse.diag;
+    auto& xspars = sparse.xspars;
+    std::size_t k = 0;
+    for (int l = 0; l < d.nl; ++l) {
+        const int i = d.eq[at(l)];
+        for (int m = 0; m < l; ++m, ++k) {
+            const int p = place(i, d.eq[at(m)]);
+            if (w.a[k] == 0.0) continue;
+            if (p == 0) return false;
+            xspars(p) += w.a[k];
+        }
+        diag(i) += w.a[k++];
+        xspars(sparse.ixvec1(i + 1) - 1) += w.b[at(l)];
+    }
+    diag(numbers.nsrow) += w.yy;
+    return true;
+}
+
+void mmm_data(int& iflag) {
+    local_matrix w;
+    subject_stream stream;
+    place_cursor place(places.subjects);
+    part_splitter parts(stream);
+    design_part part;
+    if (options.randreg) residualvars.detres(1) = 0.0;
+    while (stream.next()) {
+        if (options.randreg) residualvars.detres(1) += stream.ldet();
+        for (parts.start(); parts.next(part);) {
+            const subject_design& d = *part.design;
+            w.a.assign(at(d.nl) * at(d.nl + 1) / 2, 0.0);
+            w.b.assign(at(d.nl), 0.0);
+            w.yy = 0.0;
+            if (part.diagonal)
+                add_diagonal(part, w);
+            else
+                add_full(part, w);
+            if (!scatter(d, w, place)) {
+                iflag = 1;
+                return;
+            }
+        }
+    }
+    place.finish();
+}
+
+[[noreturn]] void no_place(int a, int b) {
+    const auto original = [](int e) { return e > 0 ? orders.ieqold(e) : 0; };
+    print_list(screen(), "***** ERROR : cannot locate element in compressed array");
+    print_list(screen(), "      Recoded row and column no. =", a, b);
+    print_list(screen(), "      Original equation no.s     =", original(a), original(b));
+    stop("this should not happen");
+}
+
+// Random effect in hand: its block and the place of its equations.
+struct block_adder {
+    int irand, n;
+    bool diagonal_links;
+    std::vector<double> ww; // n*n
+    const int* eq;          // eq[(l-1)*n + r-1]: equation of component r of level l
+    place_cursor place;
+    bool missing = false;
+
+    explicit block_adder(int ir)
+        : irand(ir), n(nfit(ir)), diagonal_links(links_diagonal(ir)), eq(&orders.ieqnew(mmequations.rn_start(ir) + 1)),
+          place(places.blocks[at(ir - 1)]) {
+        ww.resize(at(n) * at(n));
+        for (int r = 0; r < n; ++r)
+            for (int s = 0; s < n; ++s)
+                ww[at(r * n + s)] = options.principal ? (r == s ? 1.0 : 0.0) : randomvars.zig(r + 1, s + 1, irand);
+    }
+    void add(int a, int b, double value) {
+        if (a < 1 || b < 1) no_place(a, b);
+        const int p = place(a, b);
+        if (value == 0.0) return;
+        if (p > 0)
+            sparse.xspars(p) += value;
+        else if (places.lenient)
+            missing = true;
+        else
+            no_place(a, b);
+    }
+    // Adds aa times the block at levels ii, jj.
+    void add_block(int ii, int jj, double aa) {
+        const int* ei = eq + static_cast<std::ptrdiff_t>(ii - 1) * n;
+        const int* ej = eq + static_cast<std::ptrdiff_t>(jj - 1) * n;
+        for (int r = 0; r < n; ++r) {
+            if (ii == jj) {
+                if (ei[r] < 1) no_place(ei[r], ei[r]);
+                sparse.diag(ei[r]) += aa * ww[at(r * n + r)];
+                if (diagonal_links) continue;
+                for (int s = 0; s < r; ++s) add(ei[r], ei[s], aa * ww[at(r * n + s)]);
+            } else if (diagonal_links) {
+                add(ei[r], ej[r], aa * ww[at(r * n + r)]);
+            } else {
+                for (int s = 0; s < n; ++s) add(ei[r], ej[s], aa * ww[at(r * n + s)]);
+            }
+        }
+    }
+};
+
+void mmm_peds_muv(int& iflag) {
+    places.blocks.resize(at(numbers.krand));
+    if (!randomvars.detl.allocated()) allocate("alloc zig", randomvars.detl, numbers.krand);
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (mudmap.kovrnd(irand) == "PEQ" || levels.rn_nlev(irand) < 1) continue;
+        block_adder block(irand);
+        inverse_stream elements(irand);
+        randomvars.detl(irand) = elements.logdet();
+        inverse_element e;
+        while (elements.next(e)) block.add_block(e.row, e.col, e.value);
+        block.place.finish();
+        if (block.missing) iflag = 1;
+    }
+}
+
+} // namespace
+
+place_cursor::place_cursor(place_store& store) : store_(store) {
+    if (store.nsymb != orders.nsymb) store = place_store{orders.nsymb, false, false, {}};
+    reading_ = store.complete;
+    if (!reading_) std::vector<int>().swap(store.place);
+}
+
+int place_cursor::find(int a, int b) {
+    const int p = locate(a, b);
+    if (reading_ || store_.dropped) return p;
+    store_.place.push_back(p);
+    if (store_.place.size() % 65536 == 0 && places_held() > most_places()) {
+        store_.dropped = true;
+        std::vector<int>().swap(store_.place);
+    }
+    return p;
+}
+
+void place_cursor::finish() {
+    if (!reading_ && !store_.dropped) {
+        store_.place.shrink_to_fit();
+        store_.complete = true;
+    }
+}
+
+int locate(int a, int b) {
+    const int i = std::min(a, b), j = std::max(a, b);
+    const int from = sparse.ixvec1(i), n = sparse.ixvec1(i + 1) - from;
+    if (n == 0) return 0;
+    const int* first = &sparse.ixsub(sparse.ixvec2(i));
+    const int* found = std::lower_bound(first, first + n, j);
+    return found != first + n && *found == j ? from + static_cast<int>(found - first) : 0;
+}
+
+bool links_diagonal(int irand) { return options.principal || model.diagonal(irand) != 0; }
+
+void build_mmm(int& iflag) {
+    iflag = 0;
+    if (model.anal_type < 1 || model.anal_type > 4) stop("error mmm_data");
+    sparse.diag.fill(0.0);
+    sparse.xspars.fill(0.0);
+    mmm_data(iflag);
+    if (iflag) return;
+    if (options.pxem && options.emalgorithm && !options.principal) {
+        sparse.diag_data = sparse.diag;
+        sparse.xspars_data = sparse.xspars;
+    } else {
+        sparse.diag_data.deallocate();
+        sparse.xspars_data.deallocate();
+    }
+    mmm_peds_muv(iflag);
+}
+
+} // namespace tarvex

@@ -1,0 +1,227 @@
+#include "likelihood/likelihood.h"
+
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/parameters.h"
+#include "control/tvxroutines.h"
+#include "data/datavecs.h"
+#include "data/levels.h"
+#include "equations/equations.h"
+#include "equations/mmequations.h"
+#include "equations/orderings.h"
+#include "equations/orders.h"
+#include "equations/sparse.h"
+#include "estimation/bestpoint.h"
+#include "estimation/estimates.h"
+#include "likelihood/buildmmm.h"
+#include "likelihood/factorise.h"
+#include "likelihood/randomvars.h"
+#include "likelihood/residualvars.h"
+#include "likelihood/solutions.h"
+#include "likelihood/takahashi.h"
+#include "likelihood/warnfix.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "relations/nrminverse.h"
+#include "support/edit_form.h"
+#include "support/stop.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace tarvex {
+
+namespace {
+
+constexpr int table_rows = 200, table_drop = 20;
+
+void allocate_table(int nparm) {
+    auto& l = likelihoods;
+    if (!l.likesav.allocated() || l.likesav.upper(1) != nparm + 1) {
+        allocate("all likesav", l.likesav, nparm + 1, table_rows);
+        l.nlike = 0;
+    }
+    if (l.lastpar.upper() != nparm) {
+        allocate("all likesav", l.lastpar, nparm);
+        l.factor_valid = false;
+    }
+}
+
+// The vector that evaluations are compared by: residual part as it was used, the rest as given.
+array<double> compared(const array<double>& parvec, int nparm) {
+    array<double> p;
+    p.allocate(nparm);
+    const int nres = static_cast<int>(std::min<std::ptrdiff_t>(estimates.nresparm, residualvars.rpars.upper()));
+    for (int i = 1; i <= nparm; ++i) p(i) = i <= nres ? residualvars.rpars(i) : parvec(i);
+    return p;
+}
+
+bool lookuplike(const array<double>& p, int nparm, double& dev, double& xlike) {
+    const auto& l = likelihoods;
+    for (int row = l.nlike; row >= 1; --row) {
+        int i = 1;
+        while (i <= nparm && l.likesav(i + 1, row) == p(i)) ++i;
+        if (i <= nparm) continue;
+        xlike = l.likesav(1, row);
+        dev = -2.0 * xlike;
+        if (options.verbose) print_list(screen(), row - l.nlike, xlike, "logl found");
+        return true;
+    }
+    return false;
+}
+
+bool has_changed(const array<double>& p, int nparm) {
+    if (!likelihoods.factor_valid) return true;
+    for (int i = 1; i <= nparm; ++i)
+        if (!(std::fabs(p(i) - likelihoods.lastpar(i)) <= numbers.zero)) return true;
+    return false;
+}
+
+// New order and structure, after an element had no place in the old one.
+void redo_structure() {
+    sparse.xspars.deallocate();
+    redo_eqnorders();
+    new_eqnnos();
+    if (sparse.xspars.size() != sparse.maxlnz) allocate_large("XSPARS", sparse.xspars, sparse.maxlnz);
+}
+
+void build_with_redo() {
+    int iflag = 0;
+    places.lenient = !likelihoods.built; // a structure taken over from an earlier run may not fit
+    build_mmm(iflag);
+    if (iflag) {
+        redo_structure();
+        places.lenient = false;
+        build_mmm(iflag);
+        if (iflag) stop("this should not happen");
+    }
+    places.lenient = false;
+    likelihoods.built = true;
+}
+
+// Builds and factorises at the covariances in hand. False: invalid pivot.
+bool new_factor() {
+    auto& l = likelihoods;
+    l.factor_valid = false;
+    build_with_redo();
+    ++l.nfact;
+    int ifail = 0;
+    factorise_mmm(l.detc, l.ypy, ifail);
+    return ifail == 0;
+}
+
+double assembled_dev() {
+    double dev = likelihoods.detc + likelihoods.ypy;
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (mudmap.kovrnd(irand) == "PEQ") continue;
+        const double nlev = effective_levels(irand);
+        dev += nlev * randomvars.detg(irand);
+        if (!options.siremodel) dev += nfit(irand) * randomvars.detl(irand);
+    }
+    if (options.randreg) return dev + residualvars.detres(1);
+    for (int k = 1; k <= combinations.ncombi; ++k)
+        dev += combinations.ncomb_subj[static_cast<std::size_t>(k - 1)] * residualvars.detres(k);
+    return dev;
+}
+
+void log_evaluation(double xlike) {
+    constexpr edit_form told{"(a,i5,3x,f15.3,3x,a,i8) "};
+    constexpr edit_form logged{"(i5,f22.6,i6)   "};
+    const int seconds = static_cast<int>(cpu_time());
+    if (options.verbose) write(screen(), told, "***log L", likelihoods.ncall, xlike, "Time", seconds);
+    if (!options.details) return;
+    text_out log;
+    if (log.open_append("logL.dat")) write(log, logged, likelihoods.ncall, xlike, seconds);
+}
+
+void table_evaluation(const array<double>& p, int nparm, double xlike) {
+    auto& l = likelihoods;
+    if (l.nlike == table_rows) {
+        for (int row = table_drop + 1; row <= table_rows; ++row)
+            std::ranges::copy(l.likesav.column(row), l.likesav.column(row - table_drop).begin());
+        l.nlike = table_rows - table_drop;
+    }
+    if (xlike == l.xlast && l.nlike > 0) return;
+    ++l.nlike;
+    l.likesav(1, l.nlike) = xlike;
+    for (int i = 1; i <= nparm; ++i) l.likesav(i + 1, l.nlike) = p(i);
+}
+
+void housekeeping(const array<double>& parvec, const array<double>& p, int nparm, bool changed, double xlike) {
+    auto& l = likelihoods;
+    if (changed) {
+        if (options.print_times) tvxtimes(2, "Log L");
+        ++l.ncall;
+        log_evaluation(xlike);
+    }
+    l.lastpar = p;
+    table_evaluation(p, nparm, xlike);
+    l.xlast = xlike;
+    if (xlike > estimates.xbest) {
+        estimates.xbest = xlike;
+        estimates.parbest = parvec;
+        writebestpoint(0);
+        save_solutions();
+        options.newbest = true;
+    }
+    options.first = false;
+}
+
+} // namespace
+
+double effective_levels(int irand) {
+    double n = levels.rn_nlev(irand);
+    if (options.pseudofix && randasfix.nasfix.allocated()) n -= randasfix.nasfix(irand);
+    return n;
+}
+
+void loglike(array<double>& parvec, int nparm, double& dev, double& xlike, int iopt) {
+    auto& l = likelihoods;
+    l.tprev = cpu_time();
+    xlike = invalid_logl;
+    dev = -invalid_logl;
+    options.newbest = false;
+    allocate_table(nparm);
+
+    int ifail = 0;
+    rinverse(parvec, nparm, iopt, ifail);
+    if (ifail) return;
+    if (iopt == 0 && lookuplike(compared(parvec, nparm), nparm, dev, xlike)) return;
+    bool changed = has_changed(compared(parvec, nparm), nparm);
+    g_inverse(parvec, nparm, iopt, ifail);
+    if (ifail || any_deficient()) return;
+    if (iopt == -1 && !changed) {
+        xlike = l.xlast;
+        dev = -2.0 * xlike;
+        return;
+    }
+    const array<double> p = compared(parvec, nparm); // as clamped by both
+    if (changed) {
+        if (!new_factor()) return;
+    } else {
+        ++l.nreuse;
+    }
+    const double value = assembled_dev();
+    if (!std::isfinite(value)) return;
+    l.factor_valid = true;
+    dev = value;
+    xlike = -0.5 * dev;
+    back_solutions();
+    housekeeping(parvec, p, nparm, changed, xlike);
+}
+
+void invalid_first_point() {
+    print_list(screen(), "***** ERROR in sparse matrix factorisation ");
+    print_list(screen(), "      mixed model matrix is not positive definite !!!");
+    write_warnfix(likelihoods.ibadrow);
+    stoptarvex();
+}
+
+void forget_factor() { likelihoods.factor_valid = false; }
+
+void forget_likelihoods() {
+    likelihoods.factor_valid = false;
+    likelihoods.nlike = 0;
+}
+
+} // namespace tarvex

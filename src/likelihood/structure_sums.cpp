@@ -1,0 +1,171 @@
+#include "likelihood/structure_sums.h"
+
+#include "control/numbers.h"
+#include "data/datavecs.h"
+#include "data/levels.h"
+#include "equations/mmequations.h"
+#include "equations/orders.h"
+#include "equations/sparse.h"
+#include "likelihood/buildmmm.h"
+#include "parfile/mudmap.h"
+#include "relations/inverse_stream.h"
+
+namespace tarvex {
+
+namespace {
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+bool records_independent() { return numbers.nq == 1 && residualvars.ipeq == 0; }
+
+// X between the equations of a part: full square, and between them and the observations.
+struct local_values {
+    std::vector<double> x, fy;
+    double yy = 0.0;
+};
+
+void fetch(const subject_design& d, const pattern_values& v, place_cursor& place, local_values& w) {
+    const std::size_t nl = at(d.nl);
+    w.x.resize(nl * nl);
+    w.fy.assign(nl, 0.0);
+    for (std::size_t l = 0; l < nl; ++l) {
+        const int i = d.eq[l];
+        for (std::size_t m = 0; m < l; ++m) {
+            const int p = place(i, d.eq[m]);
+            w.x[l * nl + m] = w.x[m * nl + l] = p > 0 ? v.off * v.fo(p) : 0.0;
+        }
+        w.x[l * nl + l] = v.fd(i);
+        if (v.with_y) w.fy[l] = v.off * v.fo(sparse.ixvec1(i + 1) - 1);
+    }
+    w.yy = v.with_y ? v.fd(numbers.nsrow) : 0.0;
+}
+
+void multiply(const design_part& part, const local_values& w, part_products& out) {
+    const subject_design& d = *part.design;
+    const std::size_t nl = at(d.nl);
+    const int n = d.nobs;
+    out.part = part;
+    out.p.assign(nl * at(n), 0.0);
+    out.m.n = n;
+    out.m.diagonal = records_independent();
+    out.m.v.assign(out.m.diagonal ? at(n) : at(n) * at(n), 0.0);
+    for (int j = 0; j < n; ++j) {
+        double* p = out.p.data() + at(j) * nl;
+        double q = part.y[j] * w.yy;
+        for (std::size_t l = 0; l < nl; ++l) p[l] = part.y[j] * w.fy[l];
+        for (int e = d.first[at(j)]; e < d.first[at(j + 1)]; ++e) {
+            const double we = d.weight[at(e)];
+            const double* row = w.x.data() + at(d.local[at(e)]) * nl;
+            for (std::size_t l = 0; l < nl; ++l) p[l] += we * row[l];
+            q += we * w.fy[at(d.local[at(e)])];
+        }
+        for (int i = out.m.diagonal ? j : 0; i <= j; ++i) {
+            double s = part.y[i] * q;
+            for (int e = d.first[at(i)]; e < d.first[at(i + 1)]; ++e) s += d.weight[at(e)] * p[d.local[at(e)]];
+            if (out.m.diagonal)
+                out.m.v[at(i)] = s;
+            else
+                out.m.v[at(i) + at(j) * at(n)] = out.m.v[at(j) + at(i) * at(n)] = s;
+        }
+    }
+}
+
+// One element of the inverse relationship matrix.
+void add_element(int n, const int* ei, const int* ej, bool diagonal_links, double aa, const pattern_values& x,
+                 place_cursor& place, array<double, 2>& t) {
+    const auto between = [&](int a, int b) {
+        const int p = place(a, b);
+        return p > 0 ? aa * x.off * x.fo(p) : 0.0;
+    };
+    for (int r = 0; r < n; ++r) {
+        if (ei == ej) t(r + 1, r + 1) += aa * x.fd(ei[r]);
+        if (diagonal_links) {
+            if (ei != ej) t(r + 1, r + 1) += 2.0 * between(ei[r], ej[r]);
+            continue;
+        }
+        for (int s = 0; s < (ei == ej ? r : n); ++s) {
+            const double v = between(ei[r], ej[s]);
+            t(r + 1, s + 1) += v;
+            t(s + 1, r + 1) += v;
+        }
+    }
+}
+
+} // namespace
+
+void structure_sums(int irand, const pattern_values& x, array<double, 2>& t) {
+    const int n = nfit(irand);
+    t.allocate(n, n);
+    if (levels.rn_nlev(irand) < 1) return;
+    places.blocks.resize(at(numbers.krand));
+    place_cursor place(places.blocks[at(irand - 1)]);
+    const bool diagonal_links = links_diagonal(irand);
+    const int* eq = &orders.ieqnew(mmequations.rn_start(irand) + 1);
+    inverse_stream elements(irand);
+    inverse_element e;
+    while (elements.next(e))
+        add_element(n, eq + static_cast<std::ptrdiff_t>(e.row - 1) * n, eq + static_cast<std::ptrdiff_t>(e.col - 1) * n,
+                    diagonal_links, e.value, x, place, t);
+    place.finish();
+}
+
+void walk_products(const pattern_values& x, bool with_effects,
+                   const std::function<void(const subject_stream&, const part_products&)>& visit) {
+    local_values w;
+    part_products products;
+    subject_stream stream(with_effects);
+    place_cursor place(places.subjects);
+    part_splitter parts(stream);
+    design_part part;
+    while (stream.next())
+        for (parts.start(); parts.next(part);) {
+            fetch(*part.design, x, place, w);
+            multiply(part, w, products);
+            visit(stream, products);
+        }
+    place.finish();
+}
+
+void add_products(const part_products& products, std::vector<pattern_matrix>& sums) {
+    pattern_matrix& s = sums[at(datavecs.icombi - 1)];
+    if (s.n == 0) {
+        s.n = datavecs.nobs;
+        s.diagonal = products.m.diagonal;
+        s.v.assign(s.diagonal ? at(s.n) : at(s.n) * at(s.n), 0.0);
+    }
+    const std::size_t from = s.diagonal ? at(products.part.obs) : 0;
+    for (std::size_t k = 0; k < products.m.v.size(); ++k) s.v[from + k] += products.m.v[k];
+}
+
+void pattern_products(const pattern_values& x, std::vector<pattern_matrix>& sums) {
+    sums.assign(at(combinations.ncombi), {});
+    walk_products(x, false, [&](const subject_stream&, const part_products& p) { add_products(p, sums); });
+}
+
+pattern_matrix between_inverses(const pattern_matrix& rinv, const pattern_matrix& m) {
+    pattern_matrix k;
+    k.n = m.n;
+    const std::size_t n = at(m.n);
+    if (m.diagonal && rinv.diagonal) {
+        k.diagonal = true;
+        k.v.resize(n);
+        for (std::size_t i = 0; i < n; ++i) k.v[i] = rinv.v[i] * rinv.v[i] * m.v[i];
+        return k;
+    }
+    k.v.assign(n * n, 0.0);
+    if (rinv.diagonal) {
+        for (std::size_t j = 0; j < n; ++j)
+            for (std::size_t i = 0; i < n; ++i) k.v[i + j * n] = rinv.v[i] * rinv.v[j] * m.v[i + j * n];
+        return k;
+    }
+    std::vector<double> rm(n * n, 0.0);
+    for (int j = 1; j <= m.n; ++j)
+        for (int l = 1; l <= m.n; ++l)
+            for (int i = 1; i <= m.n; ++i) rm[at(i - 1) + at(j - 1) * n] += rinv(i, l) * m(l, j);
+    for (int j = 1; j <= m.n; ++j)
+        for (int l = 1; l <= m.n; ++l)
+            for (int i = 1; i <= m.n; ++i) k.v[at(i - 1) + at(j - 1) * n] += rm[at(i - 1) + at(l - 1) * n] * rinv(l, j);
+    return k;
+}
+
+} // namespace tarvex

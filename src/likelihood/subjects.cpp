@@ -1,0 +1,240 @@
+#include "likelihood/subjects.h"
+
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "data/rowlayout.h"
+#include "equations/mmequations.h"
+#include "equations/orders.h"
+#include "likelihood/ddvecs.h"
+#include "likelihood/randomvars.h"
+#include "likelihood/residualvars.h"
+#include "likelihood/solutions.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "randreg/phimatrix.h"
+#include "support/stop.h"
+
+#include <algorithm>
+#include <cstdint>
+
+namespace tarvex {
+
+namespace {
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+// Table of basis functions of random regression block irand.
+int basis_table(int irand) {
+    for (int iq = 1; iq <= numbers.nq; ++iq)
+        for (int j = 1; j <= model.nrnd(iq); ++j)
+            if (mudmap.rn_irand(j, iq) == irand) return phimat.kkphi(j, iq);
+    stop("error phi");
+}
+
+// Its values by level of the control variable, kkfit values each.
+std::vector<double> basis_rows(int irand) {
+    const array<double, 2>& phi = phimat.phi(basis_table(irand));
+    const int n = model.kkfit(irand), nage = static_cast<int>(phi.upper(1));
+    std::vector<double> rows(at(nage) * at(n));
+    for (int a = 1; a <= nage; ++a)
+        for (int k = 1; k <= n; ++k) rows[at(a - 1) * at(n) + at(k - 1)] = phi(a, k);
+    return rows;
+}
+
+// Basis values times the factor of the block: krfit values for each level of the control variable.
+std::vector<double> rotated_rows(int irand, const std::vector<double>& basis) {
+    const int n = model.kkfit(irand), rank = model.krfit(irand);
+    const std::size_t nage = basis.size() / at(n);
+    std::vector<double> rows(nage * at(rank));
+    for (std::size_t a = 0; a < nage; ++a)
+        for (int c = 1; c <= rank; ++c) {
+            double s = 0.0;
+            for (int k = 1; k <= n; ++k) s += basis[a * at(n) + at(k - 1)] * randomvars.zig(k, c, irand);
+            rows[a * at(rank) + at(c - 1)] = s;
+        }
+    return rows;
+}
+
+} // namespace
+
+subject_stream::subject_stream(bool with_effects) : with_effects_(with_effects) {
+    setup_recdata(pass_, filenames.recdatfil3);
+    dvec_combs_muv();
+    clocal_.assign(at(mmequations.neq_cov + 1), -2);
+    if (!options.randreg) return;
+    basis_.resize(at(numbers.krand));
+    weights_.resize(at(numbers.krand));
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (mudmap.kovrnd(irand) == "PEQ") continue;
+        basis_[at(irand - 1)] = basis_rows(irand);
+        if (options.principal) weights_[at(irand - 1)] = rotated_rows(irand, basis_[at(irand - 1)]);
+    }
+}
+
+subject_stream::~subject_stream() { deall_recdata(pass_); }
+
+bool subject_stream::next() {
+    if (!next_subject(pass_)) return false;
+    ++isubj_;
+    form_design();
+    form_rinv();
+    return true;
+}
+
+int subject_stream::local_of_jvec(int p) {
+    int& l = jlocal_[at(p)];
+    if (l == -2) {
+        const int e = datavecs.jvec(p);
+        l = -1;
+        if (e > 0) {
+            l = design_.nl++;
+            design_.eq.push_back(e);
+        }
+    }
+    return l;
+}
+
+int subject_stream::local_of_covariable(int icov) {
+    int& l = clocal_[at(icov)];
+    if (l == -2) {
+        const int e = orders.ieqnew(numbers.lim1 + icov);
+        cmet_.push_back(icov);
+        l = -1;
+        if (e > 0) {
+            l = design_.nl++;
+            design_.eq.push_back(e);
+        }
+    }
+    return l;
+}
+
+void subject_stream::add_entry(int l, double w) {
+    if (l < 0) return;
+    design_.local.push_back(l);
+    design_.weight.push_back(w);
+}
+
+// Random effect j of trait iq in the row of observation i+1.
+void subject_stream::add_random(int i, int iq, int j) {
+    const int irand = mudmap.rn_irand(j, iq);
+    if (irand < 1 || mudmap.kovrnd(irand) == "PEQ") return;
+    const int from = ddvecs.kkst(j, iq), width = ddvecs.kkst(j + 1, iq) - from;
+    if (width < 1 || datavecs.ieqnr(from, i + 1) <= 0) return;
+    const double* w = nullptr;
+    design_effect effect{irand, 0, mudmap.rn_place(j, iq), static_cast<int>(design_.local.size()), nullptr};
+    if (options.randreg) {
+        const std::size_t a = at(datavecs.imeta(mudmap.irmeta(j, iq), i + 1) - 1);
+        effect.place = 0;
+        effect.raw = basis_[at(irand - 1)].data() + a * at(model.kkfit(irand));
+        w = options.principal ? weights_[at(irand - 1)].data() + a * at(width) : effect.raw;
+    }
+    for (int k = 0; k < width; ++k)
+        add_entry(local_of_jvec(datavecs.ieqnr(from + k, i + 1)), w ? w[k] : ddvecs.dd(from + k, iq));
+    if (!with_effects_) return;
+    const int old = orders.ieqold(datavecs.jvec(datavecs.ieqnr(from, i + 1)));
+    effect.level = (old - mmequations.rn_start(irand) - 1) / nfit(irand) + 1;
+    design_.effects.push_back(effect);
+}
+
+void subject_stream::form_design() {
+    auto& d = design_;
+    d.nobs = datavecs.nobs;
+    d.nl = 0;
+    d.eq.clear();
+    d.first.assign(1, 0);
+    d.local.clear();
+    d.weight.clear();
+    d.efirst.assign(1, 0);
+    d.effects.clear();
+    jlocal_.assign(at(datavecs.nr + 1), -2);
+    for (int c : cmet_) clocal_[at(c)] = -2;
+    cmet_.clear();
+    for (int i = 0; i < d.nobs; ++i) {
+        const int iq = datavecs.ynq(i + 1);
+        for (int k = 1; k <= datavecs.mcov; ++k)
+            if (const int c = datavecs.icov(k, i + 1); c > 0 && datavecs.xcov(k, i + 1) != 0.0)
+                add_entry(local_of_covariable(c), datavecs.xcov(k, i + 1));
+        for (int k = 1; k <= lead_positions(iq); ++k)
+            if (const int p = datavecs.ieqnr(k, i + 1); p > 0) add_entry(local_of_jvec(p), 1.0);
+        for (int j = 1; j <= model.nrnd(iq); ++j) add_random(i, iq, j);
+        d.first.push_back(static_cast<int>(d.local.size()));
+        d.efirst.push_back(static_cast<int>(d.effects.size()));
+    }
+}
+
+void subject_stream::form_rinv() {
+    if (options.randreg) {
+        get_rinv_rreg(isubj_, rinv_, diagonal_, ldet_);
+        return;
+    }
+    const pattern_matrix& m = residualvars.eei[at(datavecs.icombi - 1)];
+    diagonal_ = m.diagonal;
+    rinv_ = m.v;
+    ldet_ = residualvars.detres(datavecs.icombi);
+}
+
+void subject_residuals(const subject_stream& stream, std::vector<double>& ehat) {
+    const subject_design& d = stream.design();
+    ehat.resize(at(d.nobs));
+    for (int i = 0; i < d.nobs; ++i) {
+        double e = datavecs.yvec(i + 1);
+        for (int k = d.first[at(i)]; k < d.first[at(i + 1)]; ++k)
+            e -= d.weight[at(k)] * solutions.solns(d.eq[at(d.local[at(k)])]);
+        ehat[at(i)] = e;
+    }
+}
+
+void part_splitter::start() {
+    at_ = 0;
+    rowwise_ = false;
+    if (numbers.nq > 1 || residualvars.ipeq > 0) return;
+    const subject_design& d = stream_.design();
+    std::int64_t pairs = 0;
+    for (int i = 0; i < d.nobs; ++i) {
+        const std::int64_t n = d.first[at(i + 1)] - d.first[at(i)];
+        pairs += n * n;
+    }
+    rowwise_ = d.nobs > 1 && 2 * pairs < std::int64_t{d.nl} * d.nl;
+}
+
+void part_splitter::cut_row(int i) {
+    const subject_design& d = stream_.design();
+    row_.nobs = 1;
+    row_.eq.clear();
+    row_.local.clear();
+    row_.weight.clear();
+    row_.effects.clear();
+    for (int k = d.first[at(i)]; k < d.first[at(i + 1)]; ++k) {
+        const int e = d.eq[at(d.local[at(k)])];
+        const auto seen = std::find(row_.eq.begin(), row_.eq.end(), e);
+        row_.local.push_back(static_cast<int>(seen - row_.eq.begin()));
+        if (seen == row_.eq.end()) row_.eq.push_back(e);
+        row_.weight.push_back(d.weight[at(k)]);
+    }
+    row_.nl = static_cast<int>(row_.eq.size());
+    row_.first = {0, static_cast<int>(row_.local.size())};
+    for (int k = d.efirst[at(i)]; k < d.efirst[at(i + 1)]; ++k) {
+        row_.effects.push_back(d.effects[at(k)]);
+        row_.effects.back().entry -= d.first[at(i)];
+    }
+    row_.efirst = {0, static_cast<int>(row_.effects.size())};
+}
+
+bool part_splitter::next(design_part& part) {
+    const subject_design& d = stream_.design();
+    if (at_ >= (rowwise_ ? d.nobs : 1)) return false;
+    part.obs = at_;
+    part.y = datavecs.yvec.data() + at_;
+    part.r = stream_.rinv().data() + at_;
+    part.diagonal = stream_.rinv_diagonal();
+    part.design = &d;
+    if (rowwise_) {
+        cut_row(at_);
+        part.design = &row_;
+    }
+    ++at_;
+    return true;
+}
+
+} // namespace tarvex
