@@ -1,4 +1,10 @@
 // First derivatives and average information of log L.
+//
+// Gradient by reverse differentiation of the factor (S. P. Smith 1995), average information by working variables pushed
+// through the factor (D. L. Johnson and R. Thompson, J. Dairy Sci. 78:449, 1995; A. R. Gilmour et al., Biometrics 51:1440,
+// 1995); reduced rank: K. Meyer and M. Kirkpatrick, Genet. Sel. Evol. 37:1, 2005.
+//
+// AvInfoParms: log L; then i, j, der2(i,j) for i = 1..nparm, j = i..nparm. AvInfoCovs: the same with minus devl2.
 #pragma once
 #include "support/array.h"
 
@@ -20,18 +26,33 @@ struct derivs_module {
 };
 inline derivs_module derivs;
 
-// Both are called right after loglike with iopt 1 at the same point. derivatives_mmm fills devl1 (and devc), average_info
-// devl2. Parameters of the covariance scale are in the order of parvec with a block's packed upper triangle row by row
-// (full-rank blocks: the same count); reduced-rank and principal blocks have their factor elements instead.
+// Both are called right after loglike with iopt 1 at the same point, estimates.parvec. derivatives_mmm fills devl1 (and
+// devc), average_info devl2. Parameters of the covariance scale are in the order of parvec with a block's packed upper
+// triangle row by row (full-rank blocks: the same count); reduced-rank and principal blocks have their factor elements
+// instead. Residual components fixed at zero have zeros. The factor is not changed.
 void derivatives_mmm();
 void average_info();
+
+// Stops the run (tvx_notyet) where the average information cannot be had: supplied inverse with reduced rank, pseudo-fixed
+// levels with the factor of the relationship matrix, reduced-rank residual or PEQ block.
+void check_average_info();
 
 // der1 = J' devl1, der2 = J' (-devl2) J; flag 1 subtracts the second-order term.
 void jacob_var2chol(int flag);
 
-// Derivatives of the covariances of a block (packed upper triangle, or kkfit variances where diagonal; reduced rank: of QQ')
-// with respect to the parameters of its step: J(covariance, parameter), on the scale in force.
-void block_jacobian(int irand, int step, array<double, 2>& J);
+// Derivatives of the covariances of block irand (irand 0: of residual class `step`; PEQ and principal blocks too) with
+// respect to its parameters, at estimates.parvec: jac(k,p), k over the packed triangle (the variances of a diagonal block),
+// p over the parameters of the block (of the class). Reduced rank: derivatives of QQ'.
+void block_jacobian(int irand, int step, array<double, 2>& jac);
+
+// Row of the factor and column that parameter k (from 1) of block irand, class step, stands for.
+struct factor_place {
+    int row, col;
+};
+factor_place factor_element(int irand, int step, int k);
+
+// Parameters of one class of block irand.
+int block_size(int irand);
 
 // AvInfoParms with xlike in front; AvInfoCovs unless principal.
 void write_avinfo(double xlike);
