@@ -18,45 +18,49 @@ constexpr double EZERO = 1.0e-14; // off-diagonals up to here count as zero
 constexpr int MAX = 500;          // sweeps
 constexpr double ZERO = 1.0e-12;  // smallest pivot of invvert
 
-// Rotates columns x and y of n elements: x' = c x - s y, y' = s x + c y.
-void rotate_columns(double* x, double* y, int n, double c, double s) {
-    for (int k = 0; k < n; ++k) {
-        const double xk = x[k], yk = y[k];
+// Rotates x and y of n elements: x' = c x - s y, y' = s x + c y; those of y lie `stride` apart.
+inline void rotate_pair(double* x, double* y, int n, std::ptrdiff_t stride, double c, double s) {
+    for (int k = 0; k < n; ++k, y += stride) {
+        const double xk = x[k], yk = *y;
         x[k] = c * xk - s * yk;
-        y[k] = s * xk + c * yk;
+        *y = s * xk + c * yk;
     }
 }
 
-// One rotation that makes element (p,q) of the full matrix w zero; p, q from 0.
-void rotate(std::vector<double>& w, std::vector<double>& v, int n, int p, int q) {
+// Rotations of row p with all rows behind it; p from 0. Of w only the part from the diagonal upwards is in use, columns
+// lie in one piece. row: work, holds the part of row p behind the diagonal meanwhile.
+void rotate_row(std::vector<double>& w, std::vector<double>& v, std::vector<double>& row, int n, int p) {
     const auto ld = static_cast<std::ptrdiff_t>(n);
     double* const wp = w.data() + p * ld;
-    double* const wq = w.data() + q * ld;
-    const double apq = wq[p], app = wp[p], aqq = wq[q];
-    const double theta = (aqq - app) * 0.5 / apq;
-    double t = 1.0;
-    if (std::abs(theta) >= EZERO) t = (theta < 0 ? -1.0 : 1.0) / (std::abs(theta) + std::hypot(theta, 1.0));
-    const double c = 1.0 / std::sqrt(t * t + 1.0), s = t * c;
-    rotate_columns(wp, wq, n, c, s);
-    for (int k = 0; k < n; ++k) {
-        w[static_cast<std::size_t>(k * ld + p)] = wp[k];
-        w[static_cast<std::size_t>(k * ld + q)] = wq[k];
+    for (int k = p + 1; k < n; ++k) row[static_cast<std::size_t>(k)] = w[static_cast<std::size_t>(k * ld + p)];
+    for (int q = p + 1; q < n; ++q) {
+        double* const wq = w.data() + q * ld;
+        const double apq = row[static_cast<std::size_t>(q)];
+        if (!(std::abs(apq) > EZERO)) continue;
+        const double theta = (wq[q] - wp[p]) * 0.5 / apq;
+        double t = 1.0;
+        if (std::abs(theta) >= EZERO) t = (theta < 0 ? -1.0 : 1.0) / (std::abs(theta) + std::hypot(theta, 1.0));
+        const double c = 1.0 / std::sqrt(t * t + 1.0), s = t * c;
+        rotate_pair(wp, wq, p, 1, c, s);
+        rotate_pair(row.data() + p + 1, wq + p + 1, q - p - 1, 1, c, s);
+        if (q + 1 < n) rotate_pair(row.data() + q + 1, wq + ld + q, n - q - 1, ld, c, s);
+        rotate_pair(v.data() + p * ld, v.data() + q * ld, n, 1, c, s);
+        wp[p] -= t * apq;
+        wq[q] += t * apq;
+        row[static_cast<std::size_t>(q)] = 0.0;
     }
-    wp[p] = app - t * apq;
-    wq[q] = aqq + t * apq;
-    wp[q] = wq[p] = 0.0;
-    rotate_columns(v.data() + p * ld, v.data() + q * ld, n, c, s);
+    for (int k = p + 1; k < n; ++k) w[static_cast<std::size_t>(k * ld + p)] = row[static_cast<std::size_t>(k)];
 }
 
 // Sums of squares of all elements and of those off the diagonal.
 void squares(const std::vector<double>& w, int n, double& all, double& off) {
     all = off = 0.0;
-    for (int j = 0; j < n; ++j)
-        for (int i = 0; i < n; ++i) {
-            const double x = w[static_cast<std::size_t>(j) * static_cast<std::size_t>(n) + static_cast<std::size_t>(i)];
-            all += x * x;
-            if (i != j) off += x * x;
-        }
+    for (int j = 0; j < n; ++j) {
+        const double* const col = w.data() + static_cast<std::ptrdiff_t>(j) * n;
+        for (int i = 0; i < j; ++i) off += 2.0 * col[i] * col[i];
+        all += col[j] * col[j];
+    }
+    all += off;
 }
 
 void no_convergence() {
@@ -68,12 +72,9 @@ void no_convergence() {
 
 // Makes w diagonal; v collects the rotations.
 void jacobi(std::vector<double>& w, std::vector<double>& v, int n) {
+    std::vector<double> row(static_cast<std::size_t>(n));
     for (int sweep = 1; sweep <= MAX; ++sweep) {
-        for (int p = 0; p < n - 1; ++p)
-            for (int q = p + 1; q < n; ++q)
-                if (std::abs(w[static_cast<std::size_t>(q) * static_cast<std::size_t>(n) + static_cast<std::size_t>(p)]) >
-                    EZERO)
-                    rotate(w, v, n, p, q);
+        for (int p = 0; p < n - 1; ++p) rotate_row(w, v, row, n, p);
         double all, off;
         squares(w, n, all, off);
         constexpr double rounding = std::numeric_limits<double>::epsilon();
