@@ -5,6 +5,8 @@
 #include "control/tvxroutines.h"
 #include "equations/sparse.h"
 #include "likelihood/factorise.h"
+#include "likelihood/supernodes.h"
+#include "likelihood/takahashi.h"
 #include "support/screen.h"
 
 #include <vector>
@@ -48,7 +50,14 @@ void autodiff_columns(array<double>& fdiag, array<double>& foff) {
 void autodiff_1(array<double>& fdiag, array<double>& foff) {
     if (fdiag.size() < numbers.nsrow) allocate_large("FDIAG", fdiag, numbers.nsrow);
     if (foff.size() < sparse.maxlnz) allocate_large("FOFF", foff, sparse.maxlnz);
-    autodiff_columns(fdiag, foff);
+    if (!supernodes_wanted()) {
+        autodiff_columns(fdiag, foff);
+        return;
+    }
+    array<double> x; // solutions of the factor, whatever solutions.solns belongs to
+    x.allocate(numbers.nsrow);
+    solve_back(x);
+    inverse_supernodes(fdiag, foff, x.data(), "AutoDiff");
 }
 
 } // namespace tarvex

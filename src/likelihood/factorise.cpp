@@ -4,6 +4,7 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "equations/sparse.h"
+#include "likelihood/supernodes.h"
 #include "likelihood/warnfix.h"
 #include "support/screen.h"
 
@@ -91,13 +92,14 @@ int factorise_columns(double& pivot, bool forcepd) {
 }
 
 bool supernodes_wanted() {
-    return false;
+    if (kernels.choice != kernel_kind::automatic) return kernels.choice == kernel_kind::supernodes;
+    return sparse.maxlnz > 0 && factor_operations() > 100.0 * sparse.maxlnz;
 }
 
 void factorise_mmm(double& detc, double& ypy, int& ifail) {
     double pivot = 0.0;
     ifail = 0;
-    const int irow = factorise_columns(pivot);
+    const int irow = supernodes_wanted() ? factorise_supernodes(pivot) : factorise_columns(pivot);
     if (irow != 0) {
         print_list(screen(), "invalid pivot - at row", irow, pivot, sparse.diag(irow));
         if (options.mmmposdef) report_indefinite(irow);

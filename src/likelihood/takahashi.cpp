@@ -7,6 +7,7 @@
 #include "likelihood/factorise.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
+#include "likelihood/supernodes.h"
 #include "support/screen.h"
 
 #include <vector>
@@ -60,10 +61,9 @@ void inverse_columns(array<double>& diag, array<double>& off) {
     }
 }
 
-void back_solutions() {
+void solve_back(array<double>& solns) {
     const int n = numbers.nsrow;
     const auto &ixvec1 = sparse.ixvec1, &ixvec2 = sparse.ixvec2, &ixsub = sparse.ixsub;
-    auto& solns = solutions.solns;
     if (solns.size() < n) solns.allocate(n);
     solns.fill(0.0);
     for (int i = n - 1; i >= 1; --i) {
@@ -80,10 +80,18 @@ void back_solutions() {
     }
 }
 
+void back_solutions() {
+    solve_back(solutions.solns);
+}
+
 void takaha_inverse() {
     back_solutions();
-    rescale_factor(sparse.diag, sparse.xspars);
-    inverse_columns(sparse.diag, sparse.xspars);
+    if (supernodes_wanted()) {
+        inverse_supernodes(sparse.diag, sparse.xspars, nullptr, "SparseInv");
+    } else {
+        rescale_factor(sparse.diag, sparse.xspars);
+        inverse_columns(sparse.diag, sparse.xspars);
+    }
     likelihoods.lastpar.fill(0.0);
     likelihoods.factor_valid = false;
     tvxtimes(2, "Takaha-inv");

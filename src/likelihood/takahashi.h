@@ -15,6 +15,7 @@ void takaha_inverse();
 
 // solutions.solns from the factor as it stands after the factorisation; nothing else changes.
 void back_solutions();
+void solve_back(array<double>& solns); // the same into an array of the caller's
 
 // Column kernel of the inverse, phase by phase; they work on any store of the pattern of sparse.
 // Unscaled factor to L D L': off-diagonals of column j divided by diag(j), diag(j) squared.

@@ -1,0 +1,365 @@
+// The dense kernels, written once. Each translation unit that includes this file defines
+//   TVX_KERNELS   name of its table
+//   TVX_NAME      name of the instruction set
+//   TVX_LANES     doubles in a vector
+//   TVX_VECTORS   vectors in the height of a tile
+//   TVX_WIDTH     columns of a tile
+// and is compiled for its instruction set: nothing here may be an inline function that other units share.
+#include "likelihood/dense_kernels.h"
+
+namespace tarvex {
+
+namespace {
+
+using place_t = std::ptrdiff_t;
+constexpr int lanes = TVX_LANES, vectors = TVX_VECTORS, tile_width = TVX_WIDTH, tile_height = lanes * vectors;
+constexpr int depth = 256;       // columns of A and B multiplied at a time
+constexpr int chunk_rows = 240;  // rows of A held in the second-level cache
+constexpr int chunk_cols = 480;  // rows of B packed at a time
+constexpr place_t small = 24000; // elements of A that are used where they stand
+
+typedef double vec __attribute__((vector_size(8 * TVX_LANES), aligned(8), may_alias));
+
+static_assert(block % tile_height == 0 && chunk_rows % block == 0 && chunk_cols % block == 0 && lane % lanes == 0);
+
+alignas(64) double packed_a[chunk_rows * depth];
+alignas(64) double packed_b[chunk_cols * depth];
+
+inline vec load(const double* p) { return *reinterpret_cast<const vec*>(p); }
+inline void save(double* p, vec v) { *reinterpret_cast<vec*>(p) = v; }
+inline int least(int a, int b) { return a < b ? a : b; }
+
+// One tile of C, MV vectors high and NR columns wide, held in registers over all k.
+template <int MV, int NR>
+void tile(store_mode mode, int k, const double* a, place_t lda, const double* b, place_t ldb, double* c, place_t ldc) {
+    vec acc[NR][MV];
+#pragma GCC unroll 8
+    for (int j = 0; j < NR; ++j)
+#pragma GCC unroll 8
+        for (int i = 0; i < MV; ++i) acc[j][i] = vec{};
+    if (k >= 32)
+#pragma GCC unroll 8
+        for (int j = 0; j < NR; ++j)
+#pragma GCC unroll 8
+            for (int i = 0; i < MV; ++i) __builtin_prefetch(c + j * ldc + i * lanes, 1);
+    for (int p = 0; p < k; ++p, a += lda, b += ldb) {
+        vec va[MV];
+#pragma GCC unroll 8
+        for (int i = 0; i < MV; ++i) va[i] = load(a + i * lanes);
+#pragma GCC unroll 8
+        for (int j = 0; j < NR; ++j)
+#pragma GCC unroll 8
+            for (int i = 0; i < MV; ++i) acc[j][i] += va[i] * b[j];
+    }
+    const double sign = mode == store_mode::subtract || mode == store_mode::set_minus ? -1.0 : 1.0;
+    if (mode == store_mode::subtract || mode == store_mode::add) {
+#pragma GCC unroll 8
+        for (int j = 0; j < NR; ++j)
+#pragma GCC unroll 8
+            for (int i = 0; i < MV; ++i) {
+                double* at = c + j * ldc + i * lanes;
+                save(at, load(at) + acc[j][i] * sign);
+            }
+    } else {
+#pragma GCC unroll 8
+        for (int j = 0; j < NR; ++j)
+#pragma GCC unroll 8
+            for (int i = 0; i < MV; ++i) save(c + j * ldc + i * lanes, acc[j][i] * sign);
+    }
+}
+
+// The mode of the later pieces of a product whose first piece has this mode.
+inline store_mode going_on(store_mode mode) {
+    return mode == store_mode::subtract || mode == store_mode::set_minus ? store_mode::subtract : store_mode::add;
+}
+
+using tile_routine = void (*)(store_mode, int, const double*, place_t, const double*, place_t, double*, place_t);
+
+template <int MV> constexpr tile_routine tile_of_width(int nr) {
+    switch (nr) {
+    case 1: return tile<MV, 1>;
+    case 2: return tile<MV, 2>;
+    case 3: return tile<MV, 3>;
+    case 4: return tile<MV, 4>;
+#if TVX_WIDTH > 4
+    case 5: return tile<MV, 5>;
+    case 6: return tile<MV, 6>;
+    case 7: return tile<MV, 7>;
+    case 8: return tile<MV, 8>;
+#endif
+    }
+    return nullptr;
+}
+
+struct tile_routines {
+    tile_routine of[vectors + 1][tile_width + 1];
+    constexpr tile_routines() : of() {
+        for (int j = 1; j <= tile_width; ++j) {
+            of[1][j] = tile_of_width<1>(j);
+            of[2][j] = tile_of_width<2>(j);
+            of[3][j] = tile_of_width<3>(j);
+        }
+    }
+};
+static_assert(vectors == 3);
+constexpr tile_routines tiles;
+
+// One column strip of tiles, rows 0..m-1; operands at distance lda, or in panels of full tiles when packed.
+void strip(store_mode mode, int m, int n, int k, const double* a, place_t lda, bool packed, const double* b, place_t ldb,
+           double* c, place_t ldc) {
+    int i = 0;
+    const tile_routine full = tiles.of[vectors][n];
+    for (; i + tile_height <= m; i += tile_height)
+        full(mode, k, packed ? a + static_cast<place_t>(i) * k : a + i, packed ? tile_height : lda, b, ldb, c + i, ldc);
+    const int left = (m - i + lanes - 1) / lanes;
+    if (left == vectors)
+        full(mode, k, packed ? a + static_cast<place_t>(i) * k : a + i, packed ? tile_height : lda, b, ldb, c + i, ldc);
+    else if (left > 0)
+        tiles.of[left][n](mode, k, packed ? a + static_cast<place_t>(i) * k : a + i, packed ? left * lanes : lda, b, ldb,
+                          c + i, ldc);
+}
+
+// Rows 0..m-1 of a (m x k) in panels of `height` rows, each by columns; the last panel is as high as whole vectors need.
+void pack_a(int m, int k, const double* a, place_t lda) {
+    for (int i = 0; i < m; i += tile_height) {
+        const int high = least(vectors, (m - i + lanes - 1) / lanes);
+        double* to = packed_a + static_cast<place_t>(i) * k;
+        for (int p = 0; p < k; ++p, to += high * lanes)
+            for (int v = 0; v < high; ++v) save(to + v * lanes, load(a + i + p * lda + v * lanes));
+    }
+}
+void pack_b(int n, int k, const double* b, place_t ldb) {
+    for (int j = 0; j < n; j += tile_width) {
+        const int wide = least(tile_width, n - j);
+        double* to = packed_b + static_cast<place_t>(j) * k;
+        if (wide == tile_width)
+            for (int p = 0; p < k; ++p, to += tile_width)
+                for (int q = 0; q < tile_width; ++q) to[q] = b[j + p * ldb + q];
+        else
+            for (int p = 0; p < k; ++p, to += wide)
+                for (int q = 0; q < wide; ++q) to[q] = b[j + p * ldb + q];
+    }
+}
+
+void product_unpacked(store_mode mode, int m, int n, int k, const double* a, place_t lda, const double* b, place_t ldb,
+                      double* c, place_t ldc) {
+    for (int j = 0; j < n; j += tile_width)
+        strip(mode, m, least(tile_width, n - j), k, a, lda, false, b + j, ldb, c + j * ldc, ldc);
+}
+
+void product(store_mode mode, int m, int n, int k, const double* a, place_t lda, const double* b, place_t ldb, double* c,
+             place_t ldc) {
+    if (static_cast<place_t>(m) * k <= small || n <= tile_width) {
+        product_unpacked(mode, m, n, k, a, lda, b, ldb, c, ldc);
+        return;
+    }
+    for (int jc = 0; jc < n; jc += chunk_cols) {
+        const int nc = least(chunk_cols, n - jc);
+        for (int pc = 0; pc < k; pc += depth) {
+            const int kc = least(depth, k - pc);
+            const store_mode mode_now = pc == 0 ? mode : going_on(mode);
+            pack_b(nc, kc, b + jc + pc * ldb, ldb);
+            for (int ic = 0; ic < m; ic += chunk_rows) {
+                const int mc = least(chunk_rows, m - ic);
+                pack_a(mc, kc, a + ic + pc * lda, lda);
+                for (int j = 0; j < nc; j += tile_width) {
+                    const int nr = least(tile_width, nc - j);
+                    strip(mode_now, mc, nr, kc, packed_a, 0, true, packed_b + static_cast<place_t>(j) * kc, nr,
+                          c + ic + (jc + j) * ldc, ldc);
+                }
+            }
+        }
+    }
+}
+
+void minus_square(int m, int k, const double* a, place_t lda, double* u) {
+    if (static_cast<place_t>(m) * k <= small) {
+        for (int j = 0; j < m; j += tile_width) {
+            const int i0 = j / tile_height * tile_height, b = j / block * block;
+            double* c = triangle_column(u, m, j);
+            strip(store_mode::set_minus, m - i0, least(tile_width, m - j), k, a + i0, lda, false, a + j, lda, c + i0,
+                  padded(m) - b);
+        }
+        return;
+    }
+    for (int jc = 0; jc < m; jc += chunk_cols) {
+        const int nc = least(chunk_cols, m - jc);
+        for (int pc = 0; pc < k; pc += depth) {
+            const int kc = least(depth, k - pc);
+            const store_mode mode = pc == 0 ? store_mode::set_minus : store_mode::subtract;
+            pack_b(nc, kc, a + jc + pc * lda, lda);
+            for (int ic = jc; ic < m; ic += chunk_rows) {
+                const int mc = least(chunk_rows, m - ic), end = least(nc, ic + mc - jc);
+                pack_a(mc, kc, a + ic + pc * lda, lda);
+                for (int j = 0; j < end; j += tile_width) {
+                    const int jj = jc + j, skip = jj > ic ? (jj - ic) / tile_height * tile_height : 0;
+                    const int nr = least(tile_width, nc - j);
+                    strip(mode, mc - skip, nr, kc, packed_a + static_cast<place_t>(skip) * kc, 0, true,
+                          packed_b + static_cast<place_t>(j) * kc, nr, triangle_column(u, m, jj) + ic + skip,
+                          padded(m) - jj / block * block);
+                }
+            }
+        }
+    }
+}
+
+// Rows 0..m-1 of N columns at x: X L' = X for the triangle l (by columns), reciprocals of its diagonal in r.
+template <int N> void solve_rows(int m, const double* l, place_t ld, const double* r, double* x) {
+    for (int i = 0; i < m; i += lanes, x += lanes) {
+        vec v[N];
+#pragma GCC unroll 8
+        for (int j = 0; j < N; ++j) v[j] = load(x + j * ld);
+#pragma GCC unroll 8
+        for (int j = 0; j < N; ++j) {
+            v[j] *= r[j];
+#pragma GCC unroll 8
+            for (int k = j + 1; k < N; ++k) v[k] -= v[j] * l[k + j * ld];
+        }
+#pragma GCC unroll 8
+        for (int j = 0; j < N; ++j) save(x + j * ld, v[j]);
+    }
+}
+// Likewise X L = X, by the transpose lt.
+template <int N> void solve_rows_back(int m, const double* lt, place_t ldt, const double* r, double* x, place_t ldx) {
+    for (int i = 0; i < m; i += lanes, x += lanes) {
+        vec v[N];
+#pragma GCC unroll 8
+        for (int j = 0; j < N; ++j) v[j] = load(x + j * ldx);
+#pragma GCC unroll 8
+        for (int j = N - 1; j >= 0; --j) {
+            v[j] *= r[j];
+#pragma GCC unroll 8
+            for (int k = 0; k < j; ++k) v[k] -= v[j] * lt[k + j * ldt];
+        }
+#pragma GCC unroll 8
+        for (int j = 0; j < N; ++j) save(x + j * ldx, v[j]);
+    }
+}
+
+constexpr int solve_width = 4; // columns solved for in registers
+
+// Factor of a triangle of n columns, n <= solve_width; returns the first failing column, n if none.
+int factor_small(int n, double* p, place_t ld, double limit, double& pivot, double* r) {
+    for (int j = 0; j < n; ++j) {
+        const double d = p[j + j * ld];
+        if (!(d >= limit)) {
+            pivot = d;
+            return j;
+        }
+        p[j + j * ld] = __builtin_sqrt(d);
+        r[j] = 1.0 / p[j + j * ld];
+        for (int i = j + 1; i < n; ++i) p[i + j * ld] *= r[j];
+        for (int k = j + 1; k < n; ++k)
+            for (int i = k; i < n; ++i) p[i + k * ld] -= p[i + j * ld] * p[k + j * ld];
+    }
+    return n;
+}
+
+int factor_panel(int m, int w, double* p, place_t ld, double limit, double& pivot) {
+    double r[solve_width];
+    for (int jb = 0; jb < w; jb += block) {
+        const int je = least(jb + block, w);
+        if (jb > 0) product(store_mode::subtract, m - jb, je - jb, jb, p + jb, ld, p + jb, ld, p + jb + jb * ld, ld);
+        for (int j = jb; j < je; j += solve_width) {
+            const int n = least(solve_width, je - j);
+            double* d = p + j + j * ld;
+            if (j > jb) strip(store_mode::subtract, m - j, n, j - jb, p + j + jb * ld, ld, false, p + j + jb * ld, ld, d, ld);
+            const int good = factor_small(n, d, ld, limit, pivot, r);
+            if (good < n) return j + good;
+            switch (n) {
+            case 1: solve_rows<1>(m - j - n, d, ld, r, d + n); break;
+            case 2: solve_rows<2>(m - j - n, d, ld, r, d + n); break;
+            case 3: solve_rows<3>(m - j - n, d, ld, r, d + n); break;
+            default: solve_rows<4>(m - j - n, d, ld, r, d + n);
+            }
+        }
+    }
+    return w;
+}
+
+void solve_right(int m, int w, const double* lt, place_t ldt, double* y, place_t ldy) {
+    double r[solve_width];
+    for (int jb = (w - 1) / block * block; jb >= 0; jb -= block) {
+        const int je = least(jb + block, w);
+        if (je < w)
+            product(store_mode::subtract, m, je - jb, w - je, y + je * ldy, ldy, lt + jb + je * ldt, ldt, y + jb * ldy, ldy);
+        for (int j = jb + (je - jb - 1) / solve_width * solve_width; j >= jb; j -= solve_width) {
+            const int n = least(solve_width, je - j), next = j + n;
+            if (next < je)
+                strip(store_mode::subtract, m, n, je - next, y + next * ldy, ldy, false, lt + j + next * ldt, ldt,
+                      y + j * ldy, ldy);
+            const double* d = lt + j + j * ldt;
+            for (int k = 0; k < n; ++k) r[k] = 1.0 / d[k + k * ldt];
+            switch (n) {
+            case 1: solve_rows_back<1>(m, d, ldt, r, y + j * ldy, ldy); break;
+            case 2: solve_rows_back<2>(m, d, ldt, r, y + j * ldy, ldy); break;
+            case 3: solve_rows_back<3>(m, d, ldt, r, y + j * ldy, ldy); break;
+            default: solve_rows_back<4>(m, d, ldt, r, y + j * ldy, ldy);
+            }
+        }
+    }
+}
+
+void transpose(int m, int n, const double* a, place_t lda, double* t, place_t ldt) {
+    constexpr int step = 8;
+    for (int j = 0; j < n; j += step) {
+        const int nj = least(step, n - j);
+        for (int i = 0; i < m; ++i)
+            for (int q = 0; q < nj; ++q) t[j + q + i * ldt] = a[i + (j + q) * lda];
+    }
+}
+
+void add_rows(int from, int m, const int* place, const int* runs, const double* src, double* dst) {
+    for (int i = from; i < m;) {
+        const int n = runs[i];
+        double* to = dst + place[i];
+        const double* of = src + i;
+        int q = 0;
+        for (; q + lanes <= n; q += lanes) save(to + q, load(to + q) + load(of + q));
+        for (; q < n; ++q) to[q] += of[q];
+        i += n;
+    }
+}
+
+void take_rows(int m, const int* place, const int* runs, const double* src, double* dst) {
+    for (int i = 0; i < m;) {
+        const int n = runs[i];
+        const double* of = src + place[i];
+        double* to = dst + i;
+        int q = 0;
+        for (; q + lanes <= n; q += lanes) save(to + q, load(of + q));
+        for (; q < n; ++q) to[q] = of[q];
+        i += n;
+    }
+}
+
+constexpr int rhs_vectors = 16 / lanes;
+
+void spread_rows(int m, const int* rows, const double* l, const double* s, double* x) {
+    vec v[rhs_vectors];
+    for (int c = 0; c < rhs_vectors; ++c) v[c] = load(s + c * lanes);
+    for (int q = 0; q < m; ++q) {
+        double* xi = x + static_cast<place_t>(rows[q] - 1) * 16;
+#pragma GCC unroll 8
+        for (int c = 0; c < rhs_vectors; ++c) save(xi + c * lanes, load(xi + c * lanes) - v[c] * l[q]);
+    }
+}
+
+void collect_rows(int m, const int* rows, const double* l, double* s, const double* x) {
+    vec v[rhs_vectors];
+    for (int c = 0; c < rhs_vectors; ++c) v[c] = load(s + c * lanes);
+    for (int q = 0; q < m; ++q) {
+        const double* xi = x + static_cast<place_t>(rows[q] - 1) * 16;
+#pragma GCC unroll 8
+        for (int c = 0; c < rhs_vectors; ++c) v[c] -= load(xi + c * lanes) * l[q];
+    }
+    for (int c = 0; c < rhs_vectors; ++c) save(s + c * lanes, v[c]);
+}
+
+} // namespace
+
+extern const dense_kernels_table TVX_KERNELS;
+const dense_kernels_table TVX_KERNELS{TVX_NAME,     product,     minus_square, factor_panel, solve_right,
+                                      transpose,    add_rows,    take_rows,    spread_rows,  collect_rows};
+
+} // namespace tarvex
