@@ -44,7 +44,8 @@ void check_rrorder(int irand, int iq, int order) {
     const std::string& name = model.krandom(irand);
     if (order == 0) stop_with("Miss-specification of RR ? \"" + name + "\"");
     if (order == model.kkfit(irand)) return;
-    write(screen(), "(a,i2,i3,4h vs.,30i3)   ", "Miss-match RR order of fit \"" + name + "\"", iq, order, model.kkfit(irand));
+    write(screen(), "(a,i2,i3,4h vs.,30i3)   ", "Miss-match RR order of fit \"" + name + "\"", iq, order,
+          model.kkfit(irand));
     stoptarvex();
 }
 
@@ -182,7 +183,8 @@ void random_sigam(int irand) {
     m.nnq2(irand) = tie_correlated(irand, name2, 2, m.nnq(irand));
     if (m.nnq(irand) == 0 || m.nnq2(irand) == 0) tvx_notyet();
     if (m.nnq(irand) + m.nnq2(irand) != model.kkfit(irand)) {
-        print_list(screen(), "Sigam :Mismatch in order of fit ? ", m.nnq(irand), m.nnq2(irand), model.kkfit(irand), name);
+        print_list(screen(), "Sigam :Mismatch in order of fit ? ", m.nnq(irand), m.nnq2(irand), model.kkfit(irand),
+                   name);
         stoptarvex();
     }
     m.kovrnd(irand) = "NRM";

@@ -138,7 +138,8 @@ bracket split_bracket(const std::string& s) {
 
 int order_of_fit(const bracket& b, const std::string& whole) {
     int order = 0;
-    if (!read_integer(b.order, order) || order < 1 || order > maxfitorder) name_err("Error reading order of fit in \"", whole);
+    if (!read_integer(b.order, order) || order < 1 || order > maxfitorder)
+        name_err("Error reading order of fit in \"", whole);
     return order;
 }
 

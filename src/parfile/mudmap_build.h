@@ -1,7 +1,9 @@
-// Joins the names of the model to the columns of the data, and the random effects of the traits to the covariance blocks.
+// Joins the names of the model to the columns of the data, and the random effects of the traits to the covariance
+// blocks.
 //
-// Reads model and datafile as read_parfile leaves them. Fills mudmap and sets the flags legendre, bsplines, usrfuncs and
-// nestcov of options. In grouped data with all traits in a line the columns of trait 1 are replaced by those of the line.
+// Reads model and datafile as read_parfile leaves them. Fills mudmap and sets the flags legendre, bsplines, usrfuncs
+// and nestcov of options. In grouped data with all traits in a line the columns of trait 1 are replaced by those of the
+// line.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -12,8 +14,8 @@ namespace tarvex {
 // Runs once, before any file of data is opened. Every fault prints its message and stops.
 void model2mudmap();
 
-// First column with this name among those of trait iq, and the number of levels declared for it. With all traits in a line
-// the columns are those named for trait 1. No such column: model_err.
+// First column with this name among those of trait iq, and the number of levels declared for it. With all traits in a
+// line the columns are those named for trait 1. No such column: model_err.
 void datposition(const std::string& name, int iq, int& icol, std::int64_t& mlev);
 // "***** ERROR  mapping model to data file *****" and errmsg; stops.
 [[noreturn]] void model_err(std::string_view errmsg);

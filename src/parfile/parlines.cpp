@@ -82,9 +82,7 @@ bool read_integer(std::string_view text, int& value) {
     return true;
 }
 
-bool read_real(std::string_view text, double& value) {
-    return list_reader(text).next(value) == list_read::value;
-}
+bool read_real(std::string_view text, double& value) { return list_reader(text).next(value) == list_read::value; }
 
 void end_char(par_lines& p, int from) {
     p.i3 = line_length(p);

@@ -248,7 +248,8 @@ void store_covars(par_state& s) {
     for (auto* a : {&model.kkfit, &model.krfit, &model.diagonal, &model.correlated}) a->resize(krand);
 }
 
-// The file holds, for each VAR line in their order, the values that would stand behind it. Lines with "#" are passed over.
+// The file holds, for each VAR line in their order, the values that would stand behind it. Lines with "#" are passed
+// over.
 void read_starting(par_state& s) {
     auto& p = s.lines;
     if (!next_var(p)) rdpar_err(p, "File name is missing !");

@@ -67,7 +67,8 @@ void read_individual(par_state& s) {
     auto& p = s.lines;
     int iq = 1;
     while (block_line(s)) {
-        if (const std::string head = p.pline.substr(0, 2); head == "TR" || head == "tr" || head == "Tr") iq = read_traitno(p);
+        if (const std::string head = p.pline.substr(0, 2); head == "TR" || head == "tr" || head == "Tr")
+            iq = read_traitno(p);
         if (upper3(p.pline) == "COL") {
             drop_head(p, p.i2 - 1);
             end_char(p, 1);

@@ -209,8 +209,8 @@ struct model_line {
     void (*read)(par_state&);
 };
 constexpr model_line model_lines[] = {
-    {"FIX", read_fixed}, {"COV", read_covar}, {"RAN", read_random},  {"TR", read_trait}, {"RRC", read_control},
-    {"NUM", read_position}, {"MEA", read_mean}, {"MU", read_mean}, {"EXT", read_extra},
+    {"FIX", read_fixed},    {"COV", read_covar}, {"RAN", read_random}, {"TR", read_trait},  {"RRC", read_control},
+    {"NUM", read_position}, {"MEA", read_mean},  {"MU", read_mean},    {"EXT", read_extra},
 };
 
 void clear_model(par_state& s) {
@@ -239,7 +239,8 @@ void allocate_blocks(par_state& s) {
         }
     s.maxblocks = std::min(static_cast<int>(names.size()), maxrand);
     allocate("alloc krandom", model.krandom, s.maxblocks);
-    for (auto* a : {&model.kkfit, &model.krfit, &model.diagonal, &model.correlated}) allocate("alloc kkfit", *a, s.maxblocks);
+    for (auto* a : {&model.kkfit, &model.krfit, &model.diagonal, &model.correlated})
+        allocate("alloc kkfit", *a, s.maxblocks);
     s.values.assign(static_cast<std::size_t>(s.maxblocks) + 1, {});
     numbers.krand = 0;
 }

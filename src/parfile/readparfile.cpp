@@ -133,9 +133,9 @@ struct keyword {
     void (*read)(par_state&);
 };
 constexpr keyword keywords[] = {
-    {"COM", read_comment}, {"DAT", read_data},      {"PED", read_pedfile}, {"STA", read_starting}, {"ANA", read_analysis},
-    {"MOD", read_model},   {"VAR", read_covars},    {"ZER", read_zerout},  {"PSE", read_pseudofix}, {"SE+", read_usrcovs},
-    {"TOT", pass_over},
+    {"COM", read_comment},   {"DAT", read_data},    {"PED", read_pedfile}, {"STA", read_starting},
+    {"ANA", read_analysis},  {"MOD", read_model},   {"VAR", read_covars},  {"ZER", read_zerout},
+    {"PSE", read_pseudofix}, {"SE+", read_usrcovs}, {"TOT", pass_over},
 };
 
 void open_parfile(par_lines& p) {
@@ -188,12 +188,14 @@ void read_parfile() {
         get_pline(s.lines);
         if (s.lines.iend != 0) break;
         const std::string code = s.lines.pline.substr(0, 3);
-        const auto* k = std::find_if(std::begin(keywords), std::end(keywords), [&](const keyword& x) { return code == x.code; });
+        const auto* k =
+            std::find_if(std::begin(keywords), std::end(keywords), [&](const keyword& x) { return code == x.code; });
         if (k == std::end(keywords)) rdpar_err(s.lines, "Invalid descriptor !");
         k->read(s);
         if (s.lines.iend != 0) break; // the file ended inside the block
     }
-    if (options.verbose) write(screen(), "(/1x,a,i4,a)", "End of parameter file reached :", s.lines.nline, " lines read");
+    if (options.verbose)
+        write(screen(), "(/1x,a,i4,a)", "End of parameter file reached :", s.lines.nline, " lines read");
     check_complete(s);
     store_covars(s);
     set_logdia();

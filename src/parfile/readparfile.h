@@ -1,8 +1,8 @@
 // Reads the parameter file: the description of one analysis.
 //
-// Owns the modules model, datafile, zerout and usrdefcovs (model.h), and sets numbers.nq and numbers.krand, the file names of
-// data, pedigrees, starting values and residual codes, the entries of randasfix and the flags of options that stand
-// under "From the parameter file".
+// Owns the modules model, datafile, zerout and usrdefcovs (model.h), and sets numbers.nq and numbers.krand, the file
+// names of data, pedigrees, starting values and residual codes, the entries of randasfix and the flags of options that
+// stand under "From the parameter file".
 //
 // Each line begins with a keyword, of which three letters count, in any case:
 //   COM text                     comment for the reports

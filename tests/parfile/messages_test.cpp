@@ -54,14 +54,16 @@ TEST_F(parfile_messages, no_parameter_file) {
 }
 
 TEST_F(parfile_messages, error_shows_the_line) {
-    fails(uni, "ANA UNI ", "ANALYSE IT", "***** ERROR reading parameter file :  Invalid analysis type specified\nCurrent line : \" ANALYSE IT");
+    fails(uni, "ANA UNI ", "ANALYSE IT",
+          "***** ERROR reading parameter file :  Invalid analysis type specified\nCurrent line : \" ANALYSE IT");
     fails(uni, "ANA UNI", "XYZ UNI", "Invalid descriptor !");
     fails(uni, "ANA UNI", "  # ANA UNI", "Invalid descriptor !");
 }
 
 TEST_F(parfile_messages, numbers) {
     fails(uni, "VAR animal 1", "VAR animal", "Missing number !");
-    for (const char* bad : {"-3", "+3", "x"}) fails(uni, "VAR animal 1", std::string("VAR animal ") + bad, "Expect digit !");
+    for (const char* bad : {"-3", "+3", "x"})
+        fails(uni, "VAR animal 1", std::string("VAR animal ") + bad, "Expect digit !");
     for (const char* bad : {"3x", "3.5", "99999999999"})
         fails(uni, "VAR animal 1", std::string("VAR animal ") + bad, "Something wrong parsing line !");
     EXPECT_NO_THROW(map(with(uni, "VAR animal 1", "VAR animal 1,4")));
@@ -154,7 +156,8 @@ TEST_F(parfile_messages, random_effects) {
 
 TEST_F(parfile_messages, limits_of_effects) {
     const auto lines = [](const char* code, const char* form, int n) {
-        return repeated(n, [=](int i) { return std::string(code) + " e" + std::to_string(i) + form + "\n"; }) + " FIX sex";
+        return repeated(n, [=](int i) { return std::string(code) + " e" + std::to_string(i) + form + "\n"; }) +
+               " FIX sex";
     };
     fails(uni, " FIX sex", lines("FIX", "", 30), "Max. no. of fixed effects exceeded !");
     fails(uni, " FIX sex", lines("COV", "(1,POL)", 20), "Max. no. of covariables exceeded !");
@@ -265,7 +268,8 @@ TEST_F(parfile_messages, incomplete_files) {
 }
 
 TEST_F(parfile_messages, mapping_of_names) {
-    fails(uni, "FIX sex", "FIX sax", "***** ERROR  mapping model to data file *****\n      Variable in model not found : \"sax\"\n");
+    fails(uni, "FIX sex", "FIX sax",
+          "***** ERROR  mapping model to data file *****\n      Variable in model not found : \"sax\"\n");
     fails(uni, "TRAIT weight", "TRAIT wait", "Variable in model not found : \"wait\"");
     fails(multi, " RAN dam IDE 1\n", " RAN dam IDE 1\n COV wwt(1,POL) 2\n", "Variable in model not found : \"wwt\"");
     fails(uni, " herd   30", " herd", "No max. no. of levels specified for \"herd\" ?");
@@ -316,14 +320,16 @@ TEST_F(parfile_messages, mapping_of_random_regressions) {
 
 TEST_F(parfile_messages, covariances_and_model_disagree) {
     fails(uni, "VAR residual 1\n 70.0\n", "", "No residual covariances given !");
-    fails(two, "VAR residual 2\n 20.0 5.0 +\n 25.0", "VAR residual 1\n 20.0", "Order of residual covariance matrix is not the no. of traits : 1 2");
+    fails(two, "VAR residual 2\n 20.0 5.0 +\n 25.0", "VAR residual 1\n 20.0",
+          "Order of residual covariance matrix is not the no. of traits : 1 2");
     fails(rep, "VAR cowpe 1\n 80\n", "", "No covariances given for random effect :  cowpe");
     fails(uni, "VAR animal 1\n 30.0", "VAR animal 2\n 30 0 30", "not yet been fully");
     fails(uni, "VAR animal 1", "VAR anymal 1", "not yet been fully");
     fails(multi, " RAN animal NRM 1 2\n", " RAN animal NRM 1\n RAN animal IDE 2\n", "invalid cov option  animal");
     std::string text = with(two, " herd 30\n", " herd 30\n dam\n");
     text = with(text, " RAN animal NRM\n", " RAN animal NRM\n RAN dam NRM\n");
-    fails(with(text, "VAR residual", "VAR animal+dam 4\n 9 1 1 1 9 1 1 9 1 9\nVAR residual"), " Random effect in more than one covariance block :  animal");
+    fails(with(text, "VAR residual", "VAR animal+dam 4\n 9 1 1 1 9 1 1 9 1 9\nVAR residual"),
+          " Random effect in more than one covariance block :  animal");
 }
 
 } // namespace

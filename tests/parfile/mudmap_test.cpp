@@ -156,7 +156,8 @@ TEST_F(mudmap_build, interaction_and_nested_covariable) {
     EXPECT_EQ(m.cv_nestfix(1, 1), 2);
     EXPECT_EQ(m.cv_degree(1, 1), 1);
     EXPECT_TRUE(options.nestcov && options.bsplines);
-    EXPECT_NE(screen_text().find("for a \"nested\" covariable - there is a chance for dependencies"), std::string::npos);
+    EXPECT_NE(screen_text().find("for a \"nested\" covariable - there is a chance for dependencies"),
+              std::string::npos);
 }
 
 TEST_F(mudmap_build, covariable_nested_in_an_extra_effect) {
@@ -205,7 +206,8 @@ TEST_F(mudmap_build, every_line_is_a_subject_in_a_sire_model) {
 }
 
 TEST_F(mudmap_build, effects_of_different_columns_have_matrices_of_their_own) {
-    std::string text = with(examples::renumbered, " RAN animal NRM 1 2\n RAN dam IDE 1\n", " RAN animal NRM\n RAN dam NRM 1\n");
+    std::string text =
+        with(examples::renumbered, " RAN animal NRM 1 2\n RAN dam IDE 1\n", " RAN animal NRM\n RAN dam NRM 1\n");
     map(text);
     EXPECT_EQ(m.iranno(1), 1);
     EXPECT_EQ(m.iranno(2), 2);
@@ -240,7 +242,8 @@ TEST_F(mudmap_build, correlated_effects_share_a_block) {
 
 TEST_F(mudmap_build, faults_of_correlated_effects) {
     EXPECT_STOP(map(correlated("VAR animal+animal 4\n 9 1 1 1 9 1 1 9 1 9\n")), "Correlated REs same ? ");
-    EXPECT_STOP(map(correlated("VAR animal+dam 3\n 9 1 1 9 1 9\n")), "Sigam :Mismatch in order of fit ?  2 2 3 animal+dam");
+    EXPECT_STOP(map(correlated("VAR animal+dam 3\n 9 1 1 9 1 9\n")),
+                "Sigam :Mismatch in order of fit ?  2 2 3 animal+dam");
     EXPECT_STOP(map(with(correlated("VAR animal+dam 4\n 9 1 1 1 9 1 1 9 1 9\n"), "RAN dam NRM", "RAN dam IDE")),
                 "Invalid cov option 2 ");
     EXPECT_STOP(map(correlated("VAR animal 2\n 9 1 9\nVAR dam 2 +\n 9 1 9\n")), "not yet");

@@ -91,7 +91,8 @@ TEST_F(parlines, blank_lines_inside_covariances) {
 }
 
 TEST_F(parlines, values_stand_on_any_number_of_lines) {
-    for (const char* lines : {" 1 2 3 4 5 6\n", " 1 2 3 +\n 4 5 6 and a comment\n", " 1 2\n + \n+\n 3 4D0\n 0.5e1 6\n"}) {
+    for (const char* lines :
+         {" 1 2 3 4 5 6\n", " 1 2 3 +\n 4 5 6 and a comment\n", " 1 2\n + \n+\n 3 4D0\n 0.5e1 6\n"}) {
         read(with(examples::growth, " 20 4 1 5 0.5 2\n", lines));
         for (int i = 1; i <= 6; ++i) EXPECT_EQ(model.cov(i, 1), i) << lines;
         EXPECT_FALSE(options.sigam);
@@ -273,24 +274,40 @@ TEST_F(parlines, short_list_of_names) {
 
 TEST_F(parlines, spoilt_files_end_in_a_stop_or_are_read) {
     std::mt19937 random(20240601);
-    const std::string all[] = {uni, two, examples::repeatability + examples::extras, examples::renumbered, examples::growth,
-                               examples::grouped, examples::four_pc, examples::rr_chick};
+    const std::string all[] = {uni,
+                               two,
+                               examples::repeatability + examples::extras,
+                               examples::renumbered,
+                               examples::growth,
+                               examples::grouped,
+                               examples::four_pc,
+                               examples::rr_chick};
     const std::string letters = " \n#+(),*\"->019.eDx";
     for (int n = 0; n < 500; ++n) {
         std::string text = all[random() % std::size(all)];
         for (auto k = random() % 4 + 1; k > 0; --k) {
             const std::size_t at = random() % text.size();
             switch (random() % 4) {
-            case 0: text[at] = letters[random() % letters.size()]; break;
-            case 1: text.erase(at, random() % 20); break;
-            case 2: text.insert(at, 1, letters[random() % letters.size()]); break;
-            default: text.insert(at, text.substr(random() % text.size(), random() % 40)); break;
+            case 0:
+                text[at] = letters[random() % letters.size()];
+                break;
+            case 1:
+                text.erase(at, random() % 20);
+                break;
+            case 2:
+                text.insert(at, 1, letters[random() % letters.size()]);
+                break;
+            default:
+                text.insert(at, text.substr(random() % text.size(), random() % 40));
+                break;
             }
             if (text.empty()) text = "\n";
         }
         try {
             map(text);
-        } catch (const program_stop& stopped) { EXPECT_EQ(stopped.status, 1); }
+        } catch (const program_stop& stopped) {
+            EXPECT_EQ(stopped.status, 1);
+        }
         clear_screen();
         reset_modules();
     }

@@ -159,7 +159,8 @@ TEST_F(readparfile, grouped_data) {
 }
 
 TEST_F(readparfile, diagonal_block_turns_log_scale_and_factor_scale_on) {
-    auto text = with(examples::two_traits, " RAN animal NRM\n", " RAN animal NRM\n RAN litter GIN\n") + examples::diagonal;
+    auto text =
+        with(examples::two_traits, " RAN animal NRM\n", " RAN animal NRM\n RAN litter GIN\n") + examples::diagonal;
     read(text);
     EXPECT_EQ(model.diagonal(2), 1);
     EXPECT_EQ(model.cov(2, 2), 4.0);
@@ -189,7 +190,8 @@ TEST_F(readparfile, sets_of_shared_data) {
 }
 
 TEST_F(readparfile, textbook_files) {
-    for (const auto& text : {examples::textbook_uni, examples::textbook_rep, examples::textbook_biv, examples::rr_chick})
+    for (const auto& text :
+         {examples::textbook_uni, examples::textbook_rep, examples::textbook_biv, examples::rr_chick})
         EXPECT_NO_THROW(read(text));
     EXPECT_EQ(model.me_range(2, 2), 14);
 }
