@@ -1,0 +1,263 @@
+#include "estimation/powell.h"
+
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "estimation/estimates.h"
+#include "likelihood/likelihood.h"
+#include "support/edit_form.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tarvex {
+
+namespace {
+
+constexpr double flevel = 2.0;      // decrease of -2 log L in a round that is worth another one
+constexpr double xconv = 1.0e-4;    // largest relative change of a parameter in a round that counts as none
+constexpr double ftol = 0.03;       // relative accuracy of the predicted minimum along a line
+constexpr double first_step = 0.01; // along a new direction
+constexpr double largest_step = 0.1;
+constexpr double no_value = 1.0e36;
+constexpr int most_turns = 20, most_shrinks = 500;
+
+struct point {
+    double d; // distance along the line
+    double f; // -2 log L
+};
+
+struct powell_search {
+    array<double>& parvec;
+    int nparm;
+    double ffmin = no_value;
+    std::vector<double> best;              // point of ffmin
+    std::vector<std::vector<double>> dirs; // current directions
+    std::vector<double> step;              // first step of each
+    double ztol = 0.0;
+    int count = 0;
+
+    double at(const std::vector<double>& from, const std::vector<double>& dir, double d);
+    bool valid_point(const std::vector<double>& from, const std::vector<double>& dir, double& d, double& f);
+    double dflmin(const std::vector<double>& dir, double first, double& curvature);
+};
+
+// -2 log L at from + d * dir over the parameters that are searched; 1e36 where the point is invalid.
+double powell_search::at(const std::vector<double>& from, const std::vector<double>& dir, double d) {
+    for (int i = 1; i <= nparm; ++i) {
+        const auto k = static_cast<std::size_t>(i - 1);
+        parvec(i) = from[k] + (estimates.ispar(i) ? d * dir[k] : 0.0);
+    }
+    double dev = 0.0, xlike = 0.0;
+    loglike(parvec, nparm, dev, xlike, 0);
+    ++count;
+    return xlike > invalid_logl + ztol ? -2.0 * xlike : no_value;
+}
+
+// Evaluates at d, shortened until the point is valid.
+bool powell_search::valid_point(const std::vector<double>& from, const std::vector<double>& dir, double& d, double& f) {
+    for (int k = 0; k < most_shrinks; ++k) {
+        f = at(from, dir, d);
+        if (f < no_value) return true;
+        d *= 0.95;
+    }
+    return false;
+}
+
+// Sorts three points by distance.
+void triord(std::array<point, 3>& p) {
+    std::sort(p.begin(), p.end(), [](const point& a, const point& b) { return a.d < b.d; });
+}
+
+std::size_t lowest(const std::array<point, 3>& p) {
+    std::size_t k = 0;
+    for (std::size_t i = 1; i < 3; ++i)
+        if (p[i].f < p[k].f) k = i;
+    return k;
+}
+
+// Search along `dir` from the best point by parabolas through three points. Moves best, ffmin to the lowest point met;
+// returns the decrease of -2 log L. curvature: half the second difference of the last parabola, 0 if it has no minimum.
+double powell_search::dflmin(const std::vector<double>& dir, double first, double& curvature) {
+    const std::vector<double> from = best;
+    const double f0 = ffmin;
+    curvature = 0.0;
+    double d = std::max(std::min(std::fabs(first), largest_step), 20.0 * ztol);
+    const double zlimit = 10.0 * d;
+    std::array<point, 3> p{point{0.0, f0}, point{d, no_value}, point{0.0, no_value}};
+    if (!valid_point(from, dir, p[1].d, p[1].f)) return 0.0;
+    while (std::fabs(p[1].f - f0) <= numbers.zero) { // flat so far: twice as far
+        d *= 2.0;
+        if (d > zlimit) {
+            print_list(screen(), "dflmin : max. change in parameter value does not");
+            print_list(screen(), "         alter function value(s) !!!");
+            return 0.0;
+        }
+        p[1].d = d;
+        if (!valid_point(from, dir, p[1].d, p[1].f)) return 0.0;
+    }
+    p[2].d = p[1].f > f0 ? -p[1].d : 2.0 * p[1].d;
+    if (!valid_point(from, dir, p[2].d, p[2].f)) return 0.0;
+    for (int turn = 0; turn < most_turns; ++turn) {
+        triord(p);
+        const std::size_t low = lowest(p);
+        const double s1 = (p[1].f - p[0].f) / (p[1].d - p[0].d), s2 = (p[2].f - p[1].f) / (p[2].d - p[1].d);
+        const double second = (s2 - s1) / (p[2].d - p[0].d);
+        double d3, predicted;
+        if (!std::isfinite(second)) {
+            print_list(screen(), "equations undetermined", (p[1].d - p[0].d) * (p[2].d - p[1].d) * (p[2].d - p[0].d));
+            break;
+        }
+        if (second > 0.0) {
+            curvature = second;
+            d3 = 0.5 * (p[0].d + p[1].d - s1 / second);
+            predicted = p[low].f - second * (d3 - p[low].d) * (d3 - p[low].d);
+        } else { // no minimum: on downhill
+            d3 = p[low].d + (p[2].f < p[0].f ? zlimit : -zlimit);
+            predicted = -no_value;
+        }
+        if (options.details) print_list(screen(), "d1,d3", p[0].d, d3, "   zlimit", zlimit);
+        if (std::fabs(d3 - p[low].d) > zlimit) d3 = p[low].d + std::copysign(zlimit, d3 - p[low].d);
+        if (std::fabs(d3 - p[low].d) <= 20.0 * ztol) break;
+        if (predicted > -no_value && std::fabs(p[low].f - predicted) <= ftol * std::fabs(f0 - p[low].f)) break;
+        point next{d3 - p[low].d, no_value};
+        bool valid = false;
+        for (int k = 0; k < most_shrinks && !valid; ++k) {
+            next.f = at(from, dir, p[low].d + next.d);
+            valid = next.f < no_value;
+            if (!valid) next.d *= 0.95;
+        }
+        if (!valid) break;
+        next.d += p[low].d;
+        bool known = false;
+        for (const point& q : p) known = known || q.d == next.d;
+        if (known) break;
+        std::size_t worst = 0;
+        for (std::size_t i = 1; i < 3; ++i)
+            if (p[i].f > p[worst].f) worst = i;
+        p[worst] = next;
+    }
+    const point& low = p[lowest(p)];
+    if (!(low.f < f0)) return 0.0;
+    for (int i = 1; i <= nparm; ++i)
+        if (estimates.ispar(i)) best[static_cast<std::size_t>(i - 1)] += low.d * dir[static_cast<std::size_t>(i - 1)];
+    ffmin = low.f;
+    return f0 - ffmin;
+}
+
+void to_both(text_out& file, const std::string& text) {
+    screen().raw(text);
+    file.raw(text);
+}
+
+// Largest relative change of a searched parameter.
+double relative_change(const std::vector<double>& from, const std::vector<double>& to) {
+    double most = 0.0;
+    for (int i = 1; i <= static_cast<int>(from.size()); ++i) {
+        const auto k = static_cast<std::size_t>(i - 1);
+        if (estimates.ispar(i))
+            most = std::max(most, std::fabs(to[k] - from[k]) / std::max(std::fabs(from[k]), std::sqrt(numbers.zero)));
+    }
+    return most;
+}
+
+void start(powell_search& s) {
+    for (int i = 1; i <= s.nparm; ++i) {
+        s.best.push_back(s.parvec(i));
+        s.dirs.emplace_back(static_cast<std::size_t>(s.nparm), 0.0);
+        s.dirs.back()[static_cast<std::size_t>(i - 1)] = 1.0;
+        s.step.push_back(first_step);
+    }
+    s.ztol = 20.0 * numbers.zero;
+    if (options.continew && estimates.xlike_file > invalid_logl + s.ztol)
+        s.ffmin = -2.0 * estimates.xlike_file;
+    else
+        s.ffmin = s.at(s.best, s.best, 0.0);
+    if (s.ffmin < no_value) return;
+    print_list(screen(), "Routine \"POWELL\" : Invalid starting point ");
+    stoptarvex();
+}
+
+// One search along each direction. Returns the largest decrease and its direction.
+std::pair<double, std::size_t> search_directions(powell_search& s, int nround) {
+    constexpr edit_form line{"(1x,a,i5,a,i4,a,g15.6,a,g20.11)"};
+    double most = 0.0;
+    std::size_t which = 0;
+    for (std::size_t k = 0; k < s.dirs.size(); ++k) {
+        const int idir = static_cast<int>(k) + 1;
+        if (!estimates.ispar(idir)) continue;
+        double curvature = 0.0;
+        const double decrease = s.dflmin(s.dirs[k], 0.5 * s.step[k], curvature);
+        if (decrease > most) {
+            most = decrease;
+            which = k;
+        }
+        if (decrease > numbers.zero && curvature > 0.0) { // unit second difference along the direction
+            const double scale = 1.0 / std::sqrt(curvature);
+            for (double& x : s.dirs[k]) x *= scale;
+            s.step[k] = std::min(largest_step, s.step[k] / scale);
+        }
+        text_out file;
+        file.open_append("directions");
+        to_both(file, edit(line, "IT=", nround, " DIR=", idir, "", s.step[k], " max.L", -0.5 * s.ffmin));
+    }
+    return {most, which};
+}
+
+// Replaces the direction of largest decrease by that of the whole round where this keeps the directions independent.
+void new_direction(powell_search& s, const std::vector<double>& from, double f0, double most, std::size_t which) {
+    std::vector<double> change(s.best.size());
+    double size = 0.0;
+    for (std::size_t k = 0; k < change.size(); ++k) {
+        change[k] = s.best[k] - from[k];
+        size += change[k] * change[k];
+    }
+    if (size == 0.0 || most == 0.0) return;
+    const double fn = s.ffmin, fe = s.at(s.best, change, 1.0);
+    const double gain = f0 - fn - most, whole = f0 - fe;
+    if (!(fe < f0) || !((f0 - 2.0 * fn + fe) * 2.0 * gain * gain < most * whole * whole)) return;
+    double curvature = 0.0;
+    s.dflmin(change, 0.5, curvature);
+    s.dirs[which] = change;
+}
+
+} // namespace
+
+void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& count) {
+    constexpr edit_form first_line{"(a,g20.10)"};
+    constexpr edit_form round_line{"(' IT=',I4,3X,'F=',G20.10,3X,'D=',G15.7,'  CH=',G10.3)"};
+    flag = 0;
+    powell_search s{parvec, nparm, no_value, {}, {}, {}, 0.0, 0};
+    start(s);
+    write(screen(), first_line, " log l = ", -0.5 * s.ffmin);
+    const bool any = std::any_of(estimates.ispar.begin(), estimates.ispar.end(), [](int i) { return i != 0; });
+    for (int nround = 1; any && nround <= nparm + 10; ++nround) {
+        const double fpre0 = s.ffmin;
+        const std::vector<double> from = s.best;
+        const auto [most, which] = search_directions(s, nround);
+        new_direction(s, from, fpre0, most, which);
+        const double xdel = relative_change(from, s.best);
+        text_out file;
+        file.open_append(filenames.iteratesfile);
+        to_both(file, edit(round_line, nround, -0.5 * s.ffmin, s.ffmin - fpre0, 100.0 * xdel));
+        if (xdel < xconv)
+            to_both(file, "CONVERGENCE : CHANGE IN PARAMETERS " + list_item(xconv) + "\n");
+        else if (fpre0 - s.ffmin < flevel)
+            to_both(file, "CONVERGENCE : CHANGE IN FUNCTION VALUE " + list_item(flevel) + "\n");
+        else
+            continue;
+        flag = 1;
+        break;
+    }
+    double dev = 0.0;
+    for (int i = 1; i <= nparm; ++i) parvec(i) = s.best[static_cast<std::size_t>(i - 1)];
+    loglike(parvec, nparm, dev, xbest, 0);
+    count = s.count;
+}
+
+} // namespace tarvex
