@@ -1,0 +1,297 @@
+#include "estimation/stepcontrol.h"
+
+#include "control/maximise.h"
+#include "control/numbers.h"
+#include "control/numroutines.h"
+#include "control/options.h"
+#include "estimation/aireml.h"
+#include "estimation/derivatives.h"
+#include "estimation/estimates.h"
+#include "estimation/modchol.h"
+#include "likelihood/likelihood.h"
+#include "parfile/model.h"
+#include "support/edit_form.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+namespace tarvex {
+
+namespace {
+
+constexpr double no_value = 9.9e35;         // -log L above it: the point is invalid
+constexpr double largest_decrease = 10000.0; // of -log L that a step may predict
+constexpr double residual_floor = 1.0e-4;   // smallest eigenvalue of a residual block on the "Original" scale
+
+int size() { return derivs.nparm2; }
+
+// The subset's information matrix and gradient.
+void get_hessian(array<double>& gradient) {
+    const int n = size(), nparm = estimates.nparm;
+    derivs.hess.allocate(n * (n + 1) / 2);
+    gradient.allocate(n);
+    for (int i = 1; i <= n; ++i) {
+        gradient(i) = derivs.der1(derivs.subset(i));
+        for (int j = i; j <= n; ++j)
+            derivs.hess(ihmssf(i, j, n)) = derivs.der2(ihmssf(derivs.subset(i), derivs.subset(j), nparm));
+    }
+}
+
+// True when some eigenvalue below tau was replaced; dvec = modified inverse times gradient.
+void step_from_eigenvalues(const array<double>& eig, const array<double, 2>& vectors, double tau, const array<double>& gradient) {
+    const int n = size();
+    for (int k = 1; k <= n; ++k) {
+        double s = 0.0;
+        for (int i = 1; i <= n; ++i) s += vectors(i, k) * gradient(i);
+        s *= eig(k) < tau ? 1.0 / tau : eig(k) == 0.0 ? 0.0 : 1.0 / eig(k);
+        for (int i = 1; i <= n; ++i) derivs.dvec(i) += vectors(i, k) * s;
+    }
+}
+
+// Adds tau to the diagonal and inverts, with more tau while the matrix is not of full rank.
+void direct_step(double smallest, double& tau, array<double>& gradient) {
+    const int n = size();
+    if (tau > 0.0 && smallest < tau) tau -= 0.95 * smallest;
+    for (;;) {
+        for (int i = 1; i <= n; ++i) derivs.hess(ihmssf(i, i, n)) += tau;
+        int nrank = 0;
+        double ldet = 0.0;
+        gen_inverse(derivs.hess.prefix(derivs.hess.size()), n, numbers.zero, nrank, ldet);
+        if (nrank == n) break;
+        if (options.verbose) print_list(screen(), "Hessian not of full rank", nrank, n, tau);
+        const double more = tau + 5.0 * smallest;
+        if (!(more > tau)) break; // the generalised inverse has to serve
+        get_hessian(gradient);
+        tau = more;
+    }
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j)
+            derivs.dvec(i) += derivs.hess(ihmssf(std::min(i, j), std::max(i, j), n)) * gradient(j);
+}
+
+double inner(const array<double>& a, const array<double>& b) {
+    double s = 0.0;
+    for (int i = 1; i <= size(); ++i) s += a(i) * b(i);
+    return s;
+}
+
+// Steps of the modified factorisations: one element that sticks out is cut.
+void cut_largest() {
+    int at = 0;
+    double most = 0.0, second = 0.0;
+    for (int i = 1; i <= size(); ++i) {
+        const double x = std::fabs(derivs.dvec(i));
+        if (x > most) {
+            second = most;
+            most = x;
+            at = i;
+        } else
+            second = std::max(second, x);
+    }
+    if (at > 0 && second > 0.0 && most / second > 25.0) derivs.dvec(at) *= 0.8;
+}
+
+void step_by_factorisation(const array<double>& gradient) {
+    const int n = size();
+    if (n == 0) return;
+    array<double, 2> a;
+    a.allocate(n, n);
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = derivs.hess(ihmssf(i, j, n));
+    if (maximise.modify_chol == 3) {
+        modchl_factor f;
+        modchl(a, n, 0.5, 0.6, f);
+        solve_modchl(f, gradient.prefix(n), derivs.dvec.prefix(n));
+    } else {
+        ldl_factor f;
+        ldlfac(a, n, numbers.zero, f);
+        if (options.details) print_list(screen(), n, f.nrank);
+        solve_ldl(f, gradient.prefix(n), derivs.dvec.prefix(n), true);
+    }
+    cut_largest();
+}
+
+// Residual covariances themselves are parameters: keeps their matrices positive definite in the trial point.
+void damage_control() {
+    if (estimates.paraform(0) != "Original" || model.diagonal(0)) return;
+    const int n = model.kkfit(0);
+    for (int step = 1; step <= model.rr_resteps; ++step) {
+        const int from = block_start(0, step);
+        array<double, 2> a, vectors;
+        array<double> eig;
+        a.allocate(n, n);
+        for (int i = 1; i <= n; ++i)
+            for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = estimates.parnew(from + ihmssf(i, j, n) - 1);
+        int nzero = 0;
+        eigem(a, eig, vectors, n, residual_floor, nzero);
+        if (nzero == 0) continue;
+        for (int i = 1; i <= n; ++i)
+            for (int j = i; j <= n; ++j) {
+                double s = 0.0;
+                for (int k = 1; k <= n; ++k) s += vectors(i, k) * vectors(j, k) * std::max(eig(k), residual_floor);
+                estimates.parnew(from + ihmssf(i, j, n) - 1) = s;
+            }
+    }
+}
+
+void move(double length) {
+    estimates.parnew = estimates.parvec;
+    for (int i = 1; i <= size(); ++i) estimates.parnew(derivs.subset(i)) += length * derivs.dvec(i);
+}
+
+double evaluate(double length) {
+    double dev = 0.0, x = 0.0;
+    move(length);
+    loglike(estimates.parnew, estimates.nparm, dev, x, 0);
+    return -x;
+}
+
+// Minimiser of the cubic through the last two lengths and values (0, f0, slope known).
+double cubic_minimum(double l1, double f1, double l2, double f2, double f0, double slope) {
+    const double r1 = (f1 - f0 - l1 * slope) / (l1 * l1), r2 = (f2 - f0 - l2 * slope) / (l2 * l2);
+    const double a = (r1 - r2) / (l1 - l2), b = (-l2 * r1 + l1 * r2) / (l1 - l2);
+    if (a == 0.0) return -slope / (2.0 * b);
+    const double disc = b * b - 3.0 * a * slope;
+    if (disc > b * b) return (std::copysign(1.0, a) * std::sqrt(disc) - b) / (3.0 * a);
+    if (disc > 0.0) return -(b + std::copysign(1.0, a) * std::sqrt(disc)) / (3.0 * a);
+    return -(0.5 * slope) / (f1 - f0 - slope);
+}
+
+} // namespace
+
+void set_linesearch() {
+    linesearch = {};
+    double eps = 1.0, last = 1.0;
+    while (1.0 + eps > 1.0) {
+        last = eps;
+        eps *= 0.5;
+    }
+    const double third = std::cbrt(2.0 * last);
+    linesearch.ls_steptol = third * third;
+}
+
+double set_tau(double e1, double en) {
+    const double z = std::sqrt(numbers.zero);
+    double t = e1 > 13000.0 ? (1.0 - std::max(0.2, 12000.0 / e1)) * 0.08 * z * e1 : 0.1 * z * e1;
+    t *= 0.44;
+    if (en > 1.0) t = e1 / en < 90000.0 ? 0.0 : 0.1 * t;
+    t = std::max(t, 0.001);
+    return t > en ? t : 0.0;
+}
+
+void eztimates(int iter, double& xnew) {
+    constexpr edit_form eigen_line{"(1x,a,2g13.6,2x,a,g12.5)"};
+    constexpr edit_form step_line{"(1x,a,f8.2,3(3x,a,f8.2))"};
+    constexpr edit_form trial_line{"(a,g12.5,a,g12.5,a,2f16.3)"};
+    (void)iter;
+    auto& at = aireml_terms;
+    at.alpha = 1.0;
+    array<double> gradient;
+    get_hessian(gradient);
+    const int n = size(), method = maximise.modify_chol;
+    derivs.dvec.allocate(n);
+    if (method >= 3)
+        step_by_factorisation(gradient);
+    else if (n > 0) {
+        array<double> eig;
+        array<double, 2> vectors;
+        double smallest = 0.0;
+        if (method > 0) {
+            array<double, 2> a;
+            a.allocate(n, n);
+            for (int i = 1; i <= n; ++i)
+                for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = derivs.hess(ihmssf(i, j, n));
+            int nzero = 0;
+            eigem(a, eig, vectors, n, 100.0 * numbers.zero, nzero);
+            smallest = eig(n);
+            at.tau += set_tau(eig(1), smallest);
+            if (options.verbose)
+                write(screen(), eigen_line, "AI matrix : min. & max. eigenvalue", smallest, eig(1), "tau = ", at.tau);
+        }
+        if (method == 1 || (method == 2 && at.tau == 0.0))
+            step_from_eigenvalues(eig, vectors, at.tau, gradient);
+        else
+            direct_step(smallest, at.tau, gradient);
+    }
+    at.slope = -inner(derivs.dvec, gradient);
+    while (method < 3 && at.slope < -largest_decrease) {
+        for (double& d : derivs.dvec) d *= 0.5;
+        at.slope = -inner(derivs.dvec, gradient);
+    }
+    move(1.0);
+    damage_control();
+    if (options.details)
+        write(screen(), step_line, "Estimates for \"tau\" =", at.tau, "\"alpha\" =", at.alpha, "\"slope\" =", at.slope,
+              "norm =", at.dnorm);
+    double dev = 0.0;
+    loglike(estimates.parnew, estimates.nparm, dev, xnew, 0);
+    if (options.verbose)
+        write(screen(), trial_line, " Tau =", at.tau, " Alpha =", at.alpha, "  log L =", xnew);
+}
+
+void line_search(double xold, double& xnew, bool& fail) {
+    auto& alpha = aireml_terms.alpha;
+    const double f0 = -xold, slope = aireml_terms.slope;
+    double f1 = -xnew;
+    fail = false;
+
+    double rellen = 0.0, length = 0.0, norm = 0.0;
+    for (int i = 1; i <= size(); ++i) {
+        const double p = estimates.parvec(derivs.subset(i));
+        rellen = std::max(rellen, std::fabs(derivs.dvec(i)) / std::max(std::fabs(p), 1.0));
+        length += derivs.dvec(i) * derivs.dvec(i);
+    }
+    for (double p : estimates.parvec) norm += p * p;
+    const double minlambda = rellen > 0.0 ? linesearch.ls_steptol / rellen : std::numeric_limits<double>::infinity();
+    linesearch.ls_maxstep = std::max(900.0 * std::sqrt(norm), 1000.0);
+    if (std::sqrt(length) > linesearch.ls_maxstep)
+        for (double& d : derivs.dvec) d *= linesearch.ls_maxstep / std::sqrt(length);
+
+    double lambda = alpha;
+    const auto give_up = [&] {
+        print_list(screen(), "line search failed", f0, f1, lambda, minlambda);
+        xnew = -f1;
+        fail = true;
+    };
+    while (f1 > no_value) { // the last trial had no value
+        alpha *= 0.8;
+        if (alpha < minlambda) return give_up();
+        f1 = evaluate(alpha);
+        if (options.details) print_list(screen(), alpha, f1, f0);
+        if (f1 < f0) {
+            xnew = -f1;
+            return;
+        }
+    }
+    const auto limited = [&](double l) {
+        if (std::isnan(l)) l = linesearch.ls_shrink * alpha;
+        return std::max(std::min(l, linesearch.ls_grow * alpha), linesearch.ls_shrink * alpha);
+    };
+    double last_alpha = alpha, last_f = f1;
+    lambda = limited(-(0.5 * slope) / (f1 - f0 - slope));
+    if (options.details) print_list(screen(), "alpha", alpha, lambda, "slope", slope);
+    for (int tries = 1;; ++tries) {
+        if (!(lambda >= minlambda)) return give_up();
+        alpha = lambda;
+        f1 = evaluate(alpha);
+        while (f1 > no_value) {
+            alpha *= 0.99;
+            if (alpha < minlambda) return give_up();
+            f1 = evaluate(alpha);
+            if (options.details) print_list(screen(), "inv", alpha);
+        }
+        if (options.details && tries > 1) print_list(screen(), "cub", tries, lambda, f1, f0);
+        if (f1 <= f0 + linesearch.ls_alpha * alpha * slope) {
+            xnew = -f1;
+            return;
+        }
+        if (tries >= 7) return give_up();
+        lambda = limited(cubic_minimum(alpha, f1, last_alpha, last_f, f0, slope));
+        last_alpha = alpha;
+        last_f = f1;
+    }
+}
+
+} // namespace tarvex

@@ -1,0 +1,300 @@
+#include "simulation/simulation.h"
+
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/numroutines.h"
+#include "control/options.h"
+#include "control/parameters.h"
+#include "control/tvxroutines.h"
+#include "data/data.h"
+#include "data/levels.h"
+#include "data/recodedata.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "randreg/phimatrix.h"
+#include "simulation/randomseeds.h"
+#include "simulation/sampling.h"
+#include "support/edit_form.h"
+#include "support/record_file.h"
+#include "support/stop.h"
+
+#include <cmath>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tarvex {
+
+namespace {
+
+// Random levels of one data line: for each trait that it holds, the levels of the trait's random effects and, in random
+// regression analyses, those of the control variables.
+struct line_levels {
+    int first_of_subject = 0; // 1: the line starts a new subject
+    std::vector<int> ynq;
+    std::vector<int> iraand; // maxrand a trait
+    std::vector<int> imeta;  // nrrc a trait
+};
+
+std::vector<int> traits_of(const array<double>& dvec, int iq) {
+    std::vector<int> list;
+    for (int t = iq > 0 ? iq : 1; t <= (iq > 0 ? iq : numbers.nq); ++t)
+        if (!is_missing(t, dvec(mudmap.tr_dcolno(t)))) list.push_back(t);
+    return list;
+}
+
+int random_level(const array<double>& dvec, int i, int iq) {
+    const int irand = mudmap.rn_irand(i, iq);
+    const std::int64_t code = effect_code(dvec, mudmap.rn_dcolno(i, iq), mudmap.rn_dcolno2(i, iq), levels.rn_base(irand));
+    const int level = find_code(code, levels.rn_codes(irand));
+    if (level == 0) not_found('r', model.random(i, iq), code, levels.rn_nlev(irand));
+    return level;
+}
+
+void control_levels(const array<double>& dvec, int iq, std::vector<int>& imeta) {
+    for (int irrc = 1; irrc <= model.nrrc; ++irrc) {
+        const int i = control_place(irrc, iq);
+        int level = 0;
+        if (i > 0) {
+            const std::int64_t code = effect_code(dvec, mudmap.rr_dcolno(i, iq), 0, 1);
+            level = find_code(code, control_codes(irrc));
+            if (level == 0) not_found('m', model.rrcontrol[static_cast<std::size_t>(irrc - 1)], code,
+                                      static_cast<int>(control_codes(irrc).size()));
+        }
+        imeta.push_back(level);
+    }
+}
+
+// Reads all records and writes their levels to recoded5.bin.
+void gather_sim() {
+    data_reader reader;
+    open_datfile(reader);
+    record_writer file;
+    if (!file.open(filenames.recdatfil5)) stop_with("Cannot open file \"" + filenames.recdatfil5 + "\"");
+    array<double> dvec;
+    allocate("alloc dvecsim", dvec, mudmap.maxcol);
+    int iq = 0;
+    bool iskip = false;
+    subject_run run;
+    while (getrec_dvec(reader, dvec, iq, iskip)) {
+        if (iskip) continue;
+        line_levels line;
+        line.first_of_subject = starts_subject(run, dvec, iq) ? 1 : 0;
+        line.ynq = traits_of(dvec, iq);
+        for (int t : line.ynq) {
+            for (int i = 1; i <= maxrand; ++i) line.iraand.push_back(i <= model.nrnd(t) ? random_level(dvec, i, t) : 0);
+            if (options.randreg) control_levels(dvec, t, line.imeta);
+        }
+        file.record(line.first_of_subject, static_cast<int>(line.ynq.size()), line.ynq, line.iraand);
+        if (options.randreg) file.record(line.imeta);
+    }
+    if (!file.close()) stop_with("Cannot write file \"" + filenames.recdatfil5 + "\"");
+}
+
+bool next_line(record_reader& file, line_levels& line) {
+    int n = 0;
+    if (!file.next() || !file.get(line.first_of_subject) || !file.get(n)) return false;
+    line.ynq.resize(static_cast<std::size_t>(n));
+    line.iraand.resize(static_cast<std::size_t>(n) * maxrand);
+    if (!file.get(std::span<int>(line.ynq)) || !file.get(std::span<int>(line.iraand))) return false;
+    if (!options.randreg) return true;
+    line.imeta.resize(static_cast<std::size_t>(n) * static_cast<std::size_t>(model.nrrc));
+    return file.record(std::span<int>(line.imeta));
+}
+
+// Draws of residuals for any set of traits; the factor of each set is formed once.
+class residual_draws {
+public:
+    // One draw for the traits of the set (ascending); x by place in the set.
+    void draw(const std::vector<int>& traits, std::span<double> x) {
+        auto& chol = factors_[traits];
+        const int n = static_cast<int>(traits.size());
+        if (!chol.allocated()) set_sigres_muv(traits, chol);
+        mvnormal_draw(n, chol, x);
+    }
+
+private:
+    static void set_sigres_muv(const std::vector<int>& traits, array<double, 2>& chol) {
+        const int n = static_cast<int>(traits.size());
+        std::vector<double> sig;
+        for (std::size_t i = 0; i < traits.size(); ++i)
+            for (std::size_t j = i; j < traits.size(); ++j) sig.push_back(model.cov(ihmssf(traits[i], traits[j], numbers.nq), 0));
+        mvnormal_initial(n, sig, chol);
+    }
+    std::map<std::vector<int>, array<double, 2>> factors_;
+};
+
+// Residual standard deviations by class, random regression analyses.
+std::vector<double> set_sigres_rreg() {
+    std::vector<double> sd;
+    for (int step = 1; step <= model.rr_resteps; ++step) {
+        array<double, 2> chol;
+        const double v = model.cov(step, 0);
+        mvnormal_initial(1, std::span<const double>(&v, 1), chol);
+        sd.push_back(chol(1, 1));
+    }
+    return sd;
+}
+
+double random_part(const line_levels& line, std::size_t obs, const random_samples& u) {
+    const int iq = line.ynq[obs];
+    double sum = 0.0;
+    for (int i = 1; i <= model.nrnd(iq); ++i) {
+        const int irand = mudmap.rn_irand(i, iq), level = line.iraand[obs * maxrand + static_cast<std::size_t>(i - 1)];
+        const int n = model.kkfit(irand), place = mudmap.rn_place(i, iq);
+        const double* ul = u[static_cast<std::size_t>(irand - 1)].data() + static_cast<std::ptrdiff_t>(level - 1) * n;
+        if (!options.randreg) {
+            sum += ul[place - 1];
+            continue;
+        }
+        const auto& phi = phimat.phi(phimat.kkphi(i, iq));
+        const int a = line.imeta[obs * static_cast<std::size_t>(model.nrrc) + static_cast<std::size_t>(mudmap.irmeta(i, iq) - 1)];
+        for (int c = 1; c <= mudmap.kfitrnd(i, iq); ++c) sum += phi(a, c) * ul[place + c - 2];
+    }
+    return sum;
+}
+
+double residual_rreg(const line_levels& line, std::size_t obs, const std::vector<double>& sd) {
+    static array<double, 2> unit;
+    if (!unit.allocated()) {
+        unit.allocate(1, 1);
+        unit(1, 1) = 1.0;
+    }
+    double z = 0.0;
+    mvnormal_draw(1, unit, std::span<double>(&z, 1));
+    int step = 1;
+    if (model.rr_resteps > 1) {
+        const int control = phimat.jjmeta(line.ynq[obs]);
+        step = model.me_run(line.imeta[obs * static_cast<std::size_t>(model.nrrc) + static_cast<std::size_t>(control - 1)]);
+    }
+    return z * sd[static_cast<std::size_t>(step - 1)];
+}
+
+// A number as input files have it: codes and whole numbers without a point.
+std::string data_item(double x) {
+    if (x == std::floor(x) && std::fabs(x) < 1.0e15) return std::to_string(static_cast<long long>(x));
+    return list_item(x);
+}
+
+int number_in_data(int iq) {
+    for (int jq = 1; jq < 100; ++jq)
+        if (datafile.iq_newno[jq] == iq) return jq;
+    return iq;
+}
+
+// Lines of one subject, their texts so far and simulated values.
+struct subject_lines {
+    std::vector<line_levels> lines;
+    std::vector<std::string> texts;
+};
+
+// Residuals of a subject: the k-th records of its traits are drawn together, with all traits in a line those of the line.
+std::vector<std::vector<double>> subject_residuals_muv(const subject_lines& s, residual_draws& draws) {
+    std::vector<std::vector<double>> e;
+    for (const auto& line : s.lines) e.emplace_back(line.ynq.size(), 0.0);
+    if (mudmap.alltraits) {
+        for (std::size_t l = 0; l < s.lines.size(); ++l) draws.draw(s.lines[l].ynq, e[l]);
+        return e;
+    }
+    std::map<int, int> met;                                  // records of each trait so far
+    std::map<int, std::map<int, std::size_t>> occurrences;   // k-th record: trait -> line
+    for (std::size_t l = 0; l < s.lines.size(); ++l) occurrences[++met[s.lines[l].ynq[0]]][s.lines[l].ynq[0]] = l;
+    for (const auto& [k, by_trait] : occurrences) {
+        std::vector<int> traits;
+        for (const auto& [iq, l] : by_trait) traits.push_back(iq);
+        std::vector<double> x(traits.size());
+        draws.draw(traits, x);
+        std::size_t i = 0;
+        for (const auto& [iq, l] : by_trait) e[l][0] = x[i++];
+    }
+    return e;
+}
+
+void write_subject(text_out& out, const subject_lines& s, const random_samples& u, residual_draws& draws, const std::vector<double>& sd) {
+    std::vector<std::vector<double>> e;
+    if (!options.randreg) e = subject_residuals_muv(s, draws);
+    for (std::size_t l = 0; l < s.lines.size(); ++l) {
+        const line_levels& line = s.lines[l];
+        std::vector<double> simval(mudmap.alltraits ? static_cast<std::size_t>(numbers.nq) : 1);
+        if (mudmap.alltraits)
+            for (int iq = 1; iq <= numbers.nq; ++iq) simval[static_cast<std::size_t>(iq - 1)] = datafile.missvalue[iq];
+        for (std::size_t obs = 0; obs < line.ynq.size(); ++obs) {
+            const double residual = options.randreg ? residual_rreg(line, obs, sd) : e[l][obs];
+            simval[mudmap.alltraits ? static_cast<std::size_t>(line.ynq[obs] - 1) : 0] = random_part(line, obs, u) + residual;
+        }
+        std::string text = s.texts[l];
+        for (double x : simval) text += " " + data_item(x);
+        out.line(text);
+    }
+}
+
+std::string columns_text(const array<double>& dvec, int iq) {
+    const int n = datafile.ndatcol[iq > 0 ? iq : 1];
+    std::string text = iq > 0 ? std::to_string(number_in_data(iq)) : data_item(dvec(1));
+    for (int c = 2; c <= (iq > 0 ? n : mudmap.maxcol); ++c) text += " " + data_item(dvec(c));
+    return text;
+}
+
+void make_data(const std::string& name, const random_samples& u, residual_draws& draws, const std::vector<double>& sd) {
+    text_out out;
+    if (!out.open(name)) stop_with("Cannot open file \"" + name + "\"");
+    data_reader reader;
+    open_datfile(reader);
+    record_reader file;
+    if (!file.open(filenames.recdatfil5)) stop_with("Cannot open file \"" + filenames.recdatfil5 + "\"");
+    array<double> dvec;
+    dvec.allocate(mudmap.maxcol);
+    int iq = 0;
+    bool iskip = false;
+    subject_lines subject;
+    while (getrec_dvec(reader, dvec, iq, iskip)) {
+        if (iskip) continue;
+        line_levels line;
+        if (!next_line(file, line)) stop_with("Error reading file \"" + filenames.recdatfil5 + "\"");
+        if (line.first_of_subject && !subject.lines.empty()) {
+            write_subject(out, subject, u, draws, sd);
+            subject = {};
+        }
+        subject.lines.push_back(line);
+        subject.texts.push_back(columns_text(dvec, iq));
+    }
+    if (!subject.lines.empty()) write_subject(out, subject, u, draws, sd);
+}
+
+void report_covariances(const std::vector<std::vector<double>>& simtot) {
+    constexpr edit_form line{"(2i4,2g16.6)"};
+    if (!options.verbose) return;
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        const int n = model.kkfit(irand);
+        print_list(screen(), "Random effect no.", irand, levels.rn_nlev(irand));
+        const double draws = static_cast<double>(levels.rn_nlev(irand)) * simulation.nrepsim;
+        for (int i = 1; i <= n; ++i)
+            for (int j = i; j <= n; ++j) {
+                const int ij = ihmssf(i, j, n);
+                const double given = !model.diagonal(irand) ? model.cov(ij, irand) : i == j ? model.cov(i, irand) : 0.0;
+                write(screen(), line, i, j, given, simtot[static_cast<std::size_t>(irand - 1)][static_cast<std::size_t>(ij - 1)] / draws);
+            }
+    }
+}
+
+} // namespace
+
+void simulate_data() {
+    if (simulation.nrepsim > 999) stop_with("Max. no. of replicates (999) exceeded !");
+    gather_sim();
+    setup_randnos();
+    residual_draws draws;
+    std::vector<double> sd;
+    if (options.randreg) sd = set_sigres_rreg();
+    random_samples u;
+    std::vector<std::vector<double>> simtot;
+    for (int irep = 1; irep <= simulation.nrepsim; ++irep) {
+        const std::string digits = std::to_string(irep);
+        sample_randeffs(u, simtot);
+        make_data("SimData" + std::string(3 - digits.size(), '0') + digits + ".dat", u, draws, sd);
+    }
+    report_covariances(simtot);
+    finish_run();
+}
+
+} // namespace tarvex
