@@ -1,9 +1,34 @@
-// Parameter-expanded EM.
+// Parameter-expanded EM: the random effects are scaled by a matrix alpha, estimated in every round, which takes the slow
+// directions out of EM (Liu, Rubin and Wu 1998, Biometrika 85:755; Foulley and van Dyk 2000, Genet. Sel. Evol. 32:143).
 #pragma once
+#include "estimation/emquants.h"
+#include "support/array.h"
+
+#include <vector>
 
 namespace tarvex {
 
+struct pxempc_module {
+    array<double, 2> alpha;  // (n,n) expansion of the effect at hand
+    int skippx = 0;          // 1: the round had no expansion
+    bool skip_px = false;    // the expansion is no longer worth its cost
+    double aalpha = 0.0;     // mean absolute deviation of the expansions from the identity
+    bool rebuild = false;    // the equations have been reordered
+};
+inline pxempc_module pxempc;
+
 // Sets up what PX-EM, and EM of reduced-rank fits, need besides the equations of the model.
 void pxem_setup();
+
+// Full-rank runs: expansion alpha of block irand from the quadratics of the E-step; the block's expansion stands in q.lhs.
+// The identity where alpha strays too far.
+void pxem_solve(int irand, const em_quantities& q, array<double, 2>& alpha);
+
+// Principal runs: changes of the loadings Q (kkfit x krfit) of all blocks in q.unknowns, from one joint system; 0 for others.
+// Sets pxempc.aalpha from the blocks' expansions.
+void pxem_solve_all(const em_quantities& q, std::vector<array<double, 2>>& change);
+
+// New covariance matrix of a block with all checks on its eigenvalues: those below 1e-6 (the `rank` leading ones) are raised.
+void raise_leading(array<double, 2>& g, int n, int rank);
 
 } // namespace tarvex

@@ -1,0 +1,299 @@
+#include "estimation/emsteps.h"
+
+#include "control/filenames.h"
+#include "control/maximise.h"
+#include "control/numbers.h"
+#include "control/numroutines.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "estimation/aireml.h"
+#include "estimation/bestpoint.h"
+#include "estimation/emquants.h"
+#include "estimation/estimates.h"
+#include "estimation/pxem.h"
+#include "estimation/variances.h"
+#include "likelihood/ddvecs.h"
+#include "likelihood/likelihood.h"
+#include "likelihood/randomvars.h"
+#include "likelihood/residualvars.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "support/edit_form.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+#include <vector>
+
+namespace tarvex {
+
+namespace {
+
+constexpr double pivot_floor = 0.0005;      // pivot of a new matrix that is smaller than numbers.zero
+constexpr double parameters_limit = 1.0e-8; // relative change of the parameters that counts as none
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+// What a round starts from, for the case that it has to be taken back.
+struct round_start {
+    array<double> parvec = estimates.parvec;
+    array<int, 2, 0> cholorder = estimates.cholorder;
+    array<int, 1, 0> logdiagonals = estimates.logdiagonals;
+    array<int> logpar = estimates.logpar;
+
+    void restore() const {
+        estimates.parvec = parvec;
+        estimates.cholorder = cholorder;
+        estimates.logdiagonals = logdiagonals;
+        estimates.logpar = logpar;
+        if (options.principal) forget_likelihoods();
+    }
+};
+
+bool reduced(int irand) { return model.krfit(irand) < model.kkfit(irand) && !model.diagonal(irand); }
+bool expands() { return options.pxem && !pxempc.skip_px; }
+
+// Covariances of a block (full square) in the layout of model.cov.
+std::vector<double> packed_block(const array<double, 2>& g, int irand) {
+    std::vector<double> cc;
+    const int n = model.kkfit(irand);
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j) cc.push_back(0.5 * (g(i, j) + g(j, i)));
+    return cc;
+}
+
+// Q chol-free product: Q M Q'.
+array<double, 2> between(const array<double, 2>& Q, const array<double, 2>& M, int n, int r) {
+    array<double, 2> g;
+    g.allocate(n, n);
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j)
+            for (int c = 1; c <= r; ++c)
+                for (int d = 1; d <= r; ++d) g(i, j) += Q(i, c) * M(c, d) * Q(j, d);
+    return g;
+}
+
+// ---- full-rank runs
+
+array<double, 2> full_rank_update(int irand, const em_quantities& q) {
+    const int n = model.kkfit(irand);
+    array<double, 2> g = q.quads[at(irand - 1)];
+    const double nlev = effective_levels(irand);
+    for (double& x : g) x /= nlev;
+    if (model.diagonal(irand))
+        for (int i = 1; i <= n; ++i)
+            for (int j = 1; j <= n; ++j)
+                if (i != j) g(i, j) = 0.0;
+    if (!expands()) return g;
+    array<double, 2> alpha;
+    pxem_solve(irand, q, alpha);
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j) pxempc.aalpha += std::fabs(alpha(i, j) - (i == j ? 1.0 : 0.0)) / (n * n * numbers.krand);
+    if (options.details)
+        for (int i = 1; i <= n; ++i)
+            for (int j = 1; j <= n; ++j) print_list(screen(), "alpha", i, j, alpha(i, j));
+    g = between(alpha, g, n, n);
+    raise_leading(g, n, n);
+    return g;
+}
+
+// ---- principal runs
+
+// Second moments of the standardised effects: nlev I + Q' E(z R^-1 e u').
+array<double, 2> standard_moments(int irand, const em_quantities& q) {
+    const int n = model.kkfit(irand), r = model.krfit(irand);
+    const double nlev = effective_levels(irand);
+    array<double, 2> t;
+    t.allocate(r, r);
+    for (int c = 1; c <= r; ++c)
+        for (int d = 1; d <= r; ++d) {
+            double s = 0.0;
+            for (int i = 1; i <= n; ++i)
+                s += 0.5 * (randomvars.zig(i, c, irand) * q.loads[at(irand - 1)](i, d) +
+                            randomvars.zig(i, d, irand) * q.loads[at(irand - 1)](i, c));
+            t(c, d) = (c == d ? 1.0 : 0.0) + s / nlev;
+        }
+    return t;
+}
+
+// New loadings stand in randomvars.zig on return; the covariance matrices of all blocks are returned.
+std::vector<array<double, 2>> principal_update(em_quantities& q) {
+    std::vector<array<double, 2>> moments, change, g;
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        moments.push_back(standard_moments(irand, q));
+        if (!model.diagonal(irand)) continue;
+        for (int c = 1; c <= model.krfit(irand); ++c)
+            for (int d = 1; d <= model.krfit(irand); ++d)
+                if (c != d) moments.back()(c, d) = 0.0;
+    }
+    pxem_solve_all(q, change);
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        const int n = model.kkfit(irand), r = model.krfit(irand);
+        array<double, 2> Q;
+        Q.allocate(n, r);
+        for (int i = 1; i <= n; ++i)
+            for (int c = 1; c <= r; ++c) Q(i, c) = randomvars.zig(i, c, irand) + change[at(irand - 1)](i, c);
+        for (int i = 1; i <= n; ++i)
+            for (int c = 1; c <= r; ++c) randomvars.zig(i, c, irand) = Q(i, c);
+        if (reduced(irand) && !expands()) { // the loadings alone
+            moments[at(irand - 1)].fill(0.0);
+            for (int c = 1; c <= r; ++c) moments[at(irand - 1)](c, c) = 1.0;
+        }
+        g.push_back(between(Q, moments[at(irand - 1)], n, r));
+        raise_leading(g.back(), n, r);
+    }
+    if (!options.randreg) dvec_combs_muv();
+    em_residuals(q);
+    forget_factor(); // the weights no longer are those of the factor's parameters
+    return g;
+}
+
+em_request wanted() {
+    em_request request;
+    request.joint = options.principal;
+    for (int irand = 1; irand <= numbers.krand; ++irand)
+        request.expand.push_back((options.principal && reduced(irand)) || expands() ? 1 : 0);
+    return request;
+}
+
+// New parameters by one EM or PX-EM step from the factor in hand.
+void em_step() {
+    em_quantities q;
+    em_expectations(wanted(), q);
+    pxempc.skippx = expands() ? 0 : 1;
+    pxempc.aalpha = 0.0;
+    std::vector<array<double, 2>> g;
+    if (options.principal) {
+        g = principal_update(q);
+        if (!options.pxem) pxempc.aalpha = 0.0;
+    } else
+        for (int irand = 1; irand <= numbers.krand; ++irand)
+            g.push_back(irand == residualvars.ipeq ? array<double, 2>() : full_rank_update(irand, q));
+    const std::vector<double> residual = covarsres(q);
+    transform_covs(0, residual.data(), pivot_floor, estimates.parvec);
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (irand == residualvars.ipeq) {
+            transform_covs(irand, residual.data() + estimates.nresparm, pivot_floor, estimates.parvec);
+            continue;
+        }
+        const std::vector<double> cc = packed_block(g[at(irand - 1)], irand);
+        transform_covs(irand, cc.data(), pivot_floor, estimates.parvec);
+    }
+    if (options.principal) forget_likelihoods();
+}
+
+double evaluate(int iopt) {
+    double dev = 0.0, x = 0.0;
+    loglike(estimates.parvec, estimates.nparm, dev, x, iopt);
+    return x;
+}
+
+double relative_change(const array<double>& from, const array<double>& to) {
+    double change = 0.0, size = 0.0;
+    for (int i = 1; i <= estimates.nparm; ++i) {
+        change += (from(i) - to(i)) * (from(i) - to(i));
+        size += to(i) * to(i);
+    }
+    return size > 0.0 ? std::sqrt(change / size) : 0.0;
+}
+
+void push_changes(double dd) {
+    auto& c = maximise.cchanges;
+    for (int k = 0; k < 4; ++k) {
+        c[0][k] = c[1][k];
+        c[1][k] = c[2][k];
+    }
+    c[2][0] = dd;
+    c[2][1] = aireml_terms.pnorm;
+    c[2][2] = c[2][3] = 0.0;
+}
+
+// One round; false where no valid point was found. xold, xnew: log L before and behind.
+bool one_round(double& xold, double& xnew) {
+    xold = evaluate(-1);
+    if (!(xold > invalid_logl)) xold = evaluate(1);
+    if (!(xold > invalid_logl)) return false;
+    const round_start start;
+    em_step();
+    xnew = evaluate(1);
+    if (options.pxem && xnew < xold) {
+        start.restore();
+        options.pxem = false;
+        if (options.verbose && !pxempc.skip_px) print_list(screen(), "switch to EM algorithm ! ", pxempc.aalpha);
+        if (!(evaluate(1) > invalid_logl)) return false;
+        em_step();
+        xnew = evaluate(1);
+    }
+    if (!(xnew > invalid_logl)) {
+        start.restore();
+        return false;
+    }
+    aireml_terms.pnorm = relative_change(start.parvec, estimates.parvec);
+    return true;
+}
+
+void close_converged(double dd) {
+    text_out out;
+    out.open_append(filenames.iteratesfile);
+    if (!options.terse) print_list(screen(), "*** (PX-) EM has converged !");
+    print_list(out, "*** (PX-) EM has converged");
+    if (dd < maximise.emconv_like) {
+        if (options.verbose) print_list(screen(), "   Last change in log L", dd, maximise.emconv_like);
+        print_list(out, "    Last change in log L =", dd, maximise.emconv_like);
+    } else {
+        if (options.verbose) print_list(screen(), "   Last change in parameters", aireml_terms.pnorm, "1.d-8");
+        print_list(out, "    Last change in parameters =", aireml_terms.pnorm, "1.d-8");
+    }
+}
+
+void close_not_converged() {
+    if (maximise.search_type == 6) return;
+    text_out out;
+    out.open_append(filenames.iteratesfile);
+    print_list(screen(), "*** (PX-) EM has not converged !");
+    print_list(out, "*** (PX-) EM has not converged !");
+}
+
+bool traced(int iround) { return options.devtrace && (iround <= 10 || iround % 10 == 0); }
+
+} // namespace
+
+void em_algorithm(int nits, int& iround, double& xlike, double xlimit) {
+    auto& t = aireml_terms;
+    t.tau = t.prox = t.dnorm = t.pnorm = t.alpha = 0.0;
+    t.tt0 = cpu_time();
+    if (options.sigam && options.pxem) {
+        options.emalgorithm = true;
+        options.pxem = false;
+    }
+    pxempc.skip_px = false;
+    maximise.converged = false;
+    if (iround == 0) print_iterate(0, xlike, xlike, std::to_string(pxempc.skippx));
+    const bool in_cycle = maximise.search_type == 6 && !options.algorithm_set;
+    double dd = 0.0;
+    for (int round = 1; round <= nits; ++round) {
+        t.tt0 = cpu_time();
+        double xold = 0.0, xnew = 0.0;
+        if (!one_round(xold, xnew)) break;
+        dd = xnew - xold;
+        xlike = xnew;
+        t.alpha = pxempc.aalpha;
+        ++iround;
+        print_iterate(iround, xnew, xold, std::to_string(pxempc.skippx));
+        push_changes(dd);
+        if (options.reconstruct && readbestpoint(true)) covs2parvec();
+        if (traced(iround)) writebestpoint(iround);
+        if (in_cycle) {
+            if (dd < xlimit) break;
+        } else if (dd < maximise.emconv_like || t.pnorm < parameters_limit) {
+            maximise.converged = true;
+            break;
+        }
+    }
+    if (maximise.converged)
+        close_converged(dd);
+    else
+        close_not_converged();
+}
+
+} // namespace tarvex

@@ -1,0 +1,220 @@
+#include "estimation/pxem.h"
+
+#include "control/numbers.h"
+#include "control/numroutines.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "likelihood/likelihood.h"
+#include "likelihood/randomvars.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "support/edit_form.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace tarvex {
+
+namespace {
+
+constexpr double largest_deviation = 1.5;   // root mean square of alpha - I: beyond it the identity serves
+constexpr double smallest_deviation = 1.0e-4; // mean deviation below which the expansion has stopped mattering
+constexpr double eigen_floor = 1.0e-6;      // of a new covariance matrix
+constexpr double system_floor = 1.0e-5;     // eigenvalues of the scaled joint system that count as none
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+// First place of a block's unknowns in q.unknowns (from 1).
+int first_unknown(const em_quantities& q, int irand) {
+    for (std::size_t k = 0; k < q.unknowns.size(); ++k)
+        if (q.unknowns[k].irand == irand) return static_cast<int>(k) + 1;
+    return 0;
+}
+
+void identity(array<double, 2>& a, int n) {
+    a.allocate(n, n);
+    for (int i = 1; i <= n; ++i) a(i, i) = 1.0;
+}
+
+// Solves the symmetric system, scaled to unit diagonal; unknowns without information are 0.
+std::vector<double> solve_scaled(const std::vector<double>& lhs, const std::vector<double>& rhs) {
+    const int m = static_cast<int>(rhs.size());
+    std::vector<double> scale(at(m), 0.0), x(at(m), 0.0);
+    std::vector<int> live;
+    for (int i = 0; i < m; ++i) {
+        const double d = lhs[at(i) * at(m) + at(i)];
+        if (!(d > 0.0)) continue;
+        scale[at(i)] = 1.0 / std::sqrt(d);
+        live.push_back(i);
+    }
+    const int n = static_cast<int>(live.size());
+    if (n == 0) return x;
+    std::vector<double> packed(at(n) * at(n + 1) / 2);
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) {
+            const int a = live[at(i - 1)], b = live[at(j - 1)];
+            packed[at(ihmssf(i, j, n) - 1)] = lhs[at(a) * at(m) + at(b)] * scale[at(a)] * scale[at(b)];
+        }
+    int nrank = 0;
+    invvert(packed, n, nrank);
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j) {
+            const int a = live[at(i - 1)], b = live[at(j - 1)];
+            x[at(a)] += packed[at(ihmssf(std::min(i, j), std::max(i, j), n) - 1)] * scale[at(a)] * scale[at(b)] * rhs[at(b)];
+        }
+    return x;
+}
+
+// rhs(i,j) = nlev (G^-1 G_EM - I)(i,j), with nlev G_EM the quadratics and traces.
+void pxem_rhs(int irand, const array<double, 2>& quads, std::vector<double>& rhs) {
+    const int n = model.kkfit(irand);
+    const double nlev = effective_levels(irand);
+    rhs.clear();
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j) {
+            double s = i == j ? -nlev : 0.0;
+            for (int k = 1; k <= n; ++k) s += randomvars.zig(i, k, irand) * quads(k, j);
+            rhs.push_back(s);
+        }
+}
+
+void tell_strange(const array<double, 2>& alpha, int n, double xx) {
+    constexpr edit_form row{"(i3,(10f8.3))"};
+    if (!options.verbose) return;
+    print_list(screen(), "Matrix \"alpha\" deviates greatly from Identity");
+    print_list(screen(), "SQRT of average squared deviation =", xx);
+    for (int i = 1; i <= n; ++i) {
+        std::vector<double> values;
+        for (int j = 1; j <= n; ++j) values.push_back(alpha(i, j));
+        write(screen(), row, i, values);
+    }
+    print_list(screen(), "Set \"alpha\" to Identity for this iterate");
+}
+
+double root_mean_square(const array<double, 2>& alpha, int n) {
+    double s = 0.0;
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j) {
+            const double d = alpha(i, j) - (i == j ? 1.0 : 0.0);
+            s += d * d;
+        }
+    return std::sqrt(s / (n * n));
+}
+
+// Mean absolute element of D of least norm with D Q = change.
+double mean_deviation(const array<double, 2>& change, int irand) {
+    const int n = model.kkfit(irand), r = model.krfit(irand);
+    std::vector<double> qq(at(r) * at(r + 1) / 2, 0.0);
+    for (int c = 1; c <= r; ++c)
+        for (int d = c; d <= r; ++d)
+            for (int i = 1; i <= n; ++i) qq[at(ihmssf(c, d, r) - 1)] += randomvars.zig(i, c, irand) * randomvars.zig(i, d, irand);
+    int rank = 0;
+    double ldet = 0.0, sum = 0.0;
+    gen_inverse(qq, r, numbers.zero * numbers.zero, rank, ldet);
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j) {
+            double s = 0.0;
+            for (int c = 1; c <= r; ++c)
+                for (int d = 1; d <= r; ++d)
+                    s += change(i, c) * qq[at(ihmssf(std::min(c, d), std::max(c, d), r) - 1)] * randomvars.zig(j, d, irand);
+            sum += std::fabs(s);
+        }
+    return sum / (n * n);
+}
+
+} // namespace
+
+void pxem_setup() {
+    if (options.details) print_list(screen(), "Start PXEM_SETUP");
+    pxempc = {};
+    if (options.details) print_list(screen(), "End PXEM_SETUP");
+}
+
+void pxem_solve(int irand, const em_quantities& q, array<double, 2>& alpha) {
+    const int n = model.kkfit(irand), from = first_unknown(q, irand);
+    const bool diagonal = model.diagonal(irand) != 0;
+    std::vector<double> rhs, lhs;
+    pxem_rhs(irand, q.quads[at(irand - 1)], rhs);
+    std::vector<int> kept;
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j)
+            if (!diagonal || i == j) kept.push_back((i - 1) * n + j - 1);
+    std::vector<double> part;
+    for (int a : kept) {
+        part.push_back(rhs[at(a)]);
+        for (int b : kept) lhs.push_back(q.lhs(from + a, from + b));
+    }
+    const std::vector<double> d = solve_scaled(lhs, part);
+    identity(alpha, n);
+    for (std::size_t k = 0; k < kept.size(); ++k) {
+        const int i = kept[k] / n + 1, j = kept[k] % n + 1;
+        alpha(i, j) += d[k];
+        if (options.details) print_list(screen(), kept[k] + 1, " est", alpha(i, j), "  rhs", part[k]);
+    }
+    const double xx = root_mean_square(alpha, n);
+    if (!(xx > largest_deviation)) return;
+    tell_strange(alpha, n, xx);
+    identity(alpha, n);
+}
+
+void pxem_solve_all(const em_quantities& q, std::vector<array<double, 2>>& change) {
+    change.assign(at(numbers.krand), {});
+    for (int irand = 1; irand <= numbers.krand; ++irand)
+        change[at(irand - 1)].allocate(model.kkfit(irand), model.krfit(irand));
+    const auto keep = [](const px_unknown& u) { return !model.diagonal(u.irand) || u.row == u.col; };
+    std::vector<int> kept;
+    for (std::size_t k = 0; k < q.unknowns.size(); ++k)
+        if (keep(q.unknowns[k]) && q.lhs(k + 1, k + 1) > 0.0) kept.push_back(static_cast<int>(k) + 1);
+    const int m = static_cast<int>(kept.size());
+    pxempc.aalpha = 0.0;
+    if (m == 0) return;
+    array<double, 2> a, vectors;
+    array<double> eig;
+    std::vector<double> scale, rhs;
+    for (int k : kept) {
+        const px_unknown& u = q.unknowns[at(k - 1)];
+        scale.push_back(1.0 / std::sqrt(q.lhs(k, k)));
+        rhs.push_back(q.loads[at(u.irand - 1)](u.row, u.col) * scale.back());
+    }
+    a.allocate(m, m);
+    for (int i = 1; i <= m; ++i)
+        for (int j = 1; j <= m; ++j)
+            a(i, j) = 0.5 * (q.lhs(kept[at(i - 1)], kept[at(j - 1)]) + q.lhs(kept[at(j - 1)], kept[at(i - 1)])) *
+                      scale[at(i - 1)] * scale[at(j - 1)];
+    int nzero = 0;
+    eigem(a, eig, vectors, m, system_floor, nzero);
+    std::vector<double> d(at(m), 0.0);
+    for (int k = 1; k <= m - nzero; ++k) {
+        double s = 0.0;
+        for (int i = 1; i <= m; ++i) s += vectors(i, k) * rhs[at(i - 1)];
+        for (int i = 1; i <= m; ++i) d[at(i - 1)] += vectors(i, k) * s / eig(k);
+    }
+    for (int i = 1; i <= m; ++i) {
+        const px_unknown& u = q.unknowns[at(kept[at(i - 1)] - 1)];
+        change[at(u.irand - 1)](u.row, u.col) = d[at(i - 1)] * scale[at(i - 1)];
+    }
+    int blocks = 0;
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (first_unknown(q, irand) == 0) continue;
+        pxempc.aalpha += mean_deviation(change[at(irand - 1)], irand);
+        ++blocks;
+    }
+    if (blocks > 0) pxempc.aalpha /= blocks;
+    if (!pxempc.skip_px && pxempc.aalpha < smallest_deviation) pxempc.skip_px = true;
+}
+
+void raise_leading(array<double, 2>& g, int n, int rank) {
+    array<double, 2> vectors;
+    array<double> eig;
+    int nzero = 0;
+    eigem(g, eig, vectors, n, eigen_floor, nzero);
+    if (eig(rank) >= eigen_floor) return;
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j) {
+            double s = 0.0;
+            for (int k = 1; k <= rank; ++k) s += vectors(i, k) * vectors(j, k) * std::max(eig(k), eigen_floor);
+            g(i, j) = s;
+        }
+}
+
+} // namespace tarvex

@@ -1,0 +1,85 @@
+#include "reports/blup.h"
+
+#include "control/numbers.h"
+#include "control/numroutines.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "equations/sparse.h"
+#include "estimation/estimates.h"
+#include "likelihood/buildmmm.h"
+#include "likelihood/factorise.h"
+#include "likelihood/randomvars.h"
+#include "likelihood/residualvars.h"
+#include "likelihood/solutions.h"
+#include "likelihood/takahashi.h"
+#include "parfile/model.h"
+#include "reports/residuals.h"
+#include "reports/writesolns.h"
+#include "support/stop.h"
+
+#include <algorithm>
+
+namespace tarvex {
+
+namespace {
+
+// The given matrix of a block is positive definite (all steps of the residual).
+bool positive_definite(int irand) {
+    const int n = model.kkfit(irand), steps = irand == 0 ? model.rr_resteps : 1;
+    if (model.diagonal(irand))
+        return std::all_of(model.cov.column(irand).begin(), model.cov.column(irand).begin() + n, [](double v) { return v > 0.0; });
+    for (int step = 1; step <= steps; ++step) {
+        array<double, 2> a, vectors;
+        array<double> eig;
+        a.allocate(n, n);
+        for (int i = 1; i <= n; ++i)
+            for (int j = i; j <= n; ++j)
+                a(i, j) = a(j, i) = model.cov((step - 1) * n * (n + 1) / 2 + ihmssf(i, j, n), irand);
+        int nzero = 0;
+        eigem(a, eig, vectors, n, numbers.zero, nzero);
+        if (!(eig(n) > 0.0)) return false;
+    }
+    return true;
+}
+
+[[noreturn]] void invalid(const char* which) {
+    print_list(screen(), which);
+    stoptarvex();
+}
+
+void invert_given_matrices() {
+    int ifail = positive_definite(0) ? 0 : 1;
+    if (ifail == 0) rinverse(estimates.parvec, estimates.nparm, 0, ifail);
+    if (ifail != 0) invalid("Invalid residual covariance matrix for BLUP");
+    for (int irand = 1; irand <= numbers.krand; ++irand)
+        if (!positive_definite(irand)) ifail = 1;
+    if (ifail == 0) g_inverse(estimates.parvec, estimates.nparm, 0, ifail);
+    const auto& deficient = randomvars.deficient;
+    if (ifail != 0 || std::any_of(deficient.begin(), deficient.end(), [](int d) { return d != 0; }))
+        invalid("Invalid random covariance matrix for BLUP");
+}
+
+} // namespace
+
+void get_ebvs() {
+    invert_given_matrices();
+    int iflag = 0;
+    build_mmm(iflag);
+    double detc = 0.0, ypy = 0.0;
+    int ifail = iflag;
+    if (iflag == 0) factorise_mmm(detc, ypy, ifail);
+    if (ifail != 0) invalid("Error in factorisation of MMM ");
+    takaha_inverse();
+    save_solutions();
+    if (solutions.nsolerrs != 0) {
+        if (solutions.solerrs.size() != numbers.nsrow) allocate("alloc solerrs", solutions.solerrs, numbers.nsrow);
+        for (int i = 1; i < numbers.nsrow; ++i) solutions.solerrs(i) = sparse.diag(i);
+    }
+    write_fixsolns();
+    write_randsolns();
+    write_residuals();
+    print_list(screen(), "\"Tarvex\" has finished !");
+    stop("\"Tarvex\" done", 0);
+}
+
+} // namespace tarvex
