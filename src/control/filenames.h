@@ -17,7 +17,7 @@ struct filenames_module {
     std::string estfile = "SumEstimates.out";
     std::string estimfile = "Estimates.out"; // reserved, not used
     std::string fixsolfile = "FixSolutions.out";
-    std::string synonfile = "FileSynonyms";  // reserved, not used
+    std::string synonfile = "FileSynonyms"; // reserved, not used
     std::string inbrdfile = "inbreed.bin";
     std::string me_varfile = "MEVariances";
     std::string newpedfile = "ReducedPedFile.dat";

@@ -24,11 +24,9 @@ namespace tarvex {
 
 namespace {
 
-// ---- numbers inside an option -----------------------------------------------------------------------------------------
+// ---- numbers inside an option -------------------------------------------------------------------------------------
 
-[[noreturn]] void unreadable(std::string_view arg) {
-    stop("invalid number in option " + std::string(arg));
-}
+[[noreturn]] void unreadable(std::string_view arg) { stop("invalid number in option " + std::string(arg)); }
 
 // Takes the numbers behind an option in turn: an empty place and the end of the text leave the setting as it is.
 class option_numbers {
@@ -61,7 +59,7 @@ private:
     bool ended_ = false;
 };
 
-// ---- what the options do ----------------------------------------------------------------------------------------------
+// ---- what the options do ------------------------------------------------------------------------------------------
 
 using text = std::string_view;
 
@@ -94,7 +92,10 @@ void setup(text rest, text) {
     if (rest.starts_with("lrg") || rest.starts_with("LRG")) options.setup_lrg = true;
 }
 void limit(text, text) {
-    struct { const char* label; int value; } const limits[] = {
+    struct {
+        const char* label;
+        int value;
+    } const limits[] = {
         {"Maximum number of traits", maxnq},
         {"Maximum number of animals", maxan},
         {"Maximum number of covariables", maxcov},
@@ -308,7 +309,7 @@ bool matches(text arg, text spelling, int n) {
     return true;
 }
 
-// ---- developer's trace ------------------------------------------------------------------------------------------------
+// ---- developer's trace --------------------------------------------------------------------------------------------
 
 // Unit 1 as a unit that nobody has opened: the first line written to it makes the file.
 text_out& unit1() {
@@ -384,8 +385,8 @@ void write_curropts() {
     const auto& ld = options.logdia;
     write_tvxtop(out, "Current Run options");
     print_list(out, "reconstruct    ", options.reconstruct);
-    print_list(out, "logdiagonals   ", ld[0] != 0, ld[1] != 0, ld[2] != 0, ld[3] != 0, ld[4] != 0, ld[5] != 0, ld[6] != 0,
-               ld[7] != 0);
+    print_list(out, "logdiagonals   ", ld[0] != 0, ld[1] != 0, ld[2] != 0, ld[3] != 0, ld[4] != 0, ld[5] != 0,
+               ld[6] != 0, ld[7] != 0);
     print_list(out, "reorder        ", estimates.reorder);
     print_list(out, "emalgorithm    ", options.emalgorithm);
     print_list(out, "pxem           ", options.pxem);

@@ -1,7 +1,7 @@
 // Run options: defaults, the file RunOptions and the command line.
 //
-// Leaves all run flags in options and maximise, and: orders.order_type, orders.metis_opts, estimates.reorder, numbers.zero,
-// simulation.nrepsim, simulation.newseeds, filenames.parfile.
+// Leaves all run flags in options and maximise, and: orders.order_type, orders.metis_opts, estimates.reorder,
+// numbers.zero, simulation.nrepsim, simulation.newseeds, filenames.parfile.
 #pragma once
 #include <span>
 #include <string>
@@ -9,11 +9,11 @@
 
 namespace tarvex {
 
-inline constexpr int option_length = 40; // characters of an option that are read
+inline constexpr int option_length = 40;  // characters of an option that are read
 inline constexpr int parfile_length = 30; // characters of the name of the parameter file
 
-// One option. An argument matches a spelling when its first n characters, blanks behind its end, are those of the spelling;
-// what follows is free and is passed to `apply`.
+// One option. An argument matches a spelling when its first n characters, blanks behind its end, are those of the
+// spelling; what follows is free and is passed to `apply`.
 struct option_record {
     std::string_view lower;
     int n_lower; // characters compared with the lower-case spelling
@@ -23,14 +23,16 @@ struct option_record {
 };
 std::span<const option_record> option_table();
 
-// Sets all defaults, applies the lines of RunOptions and then the arguments 1 to argc-1, so that the command line wins, and
-// settles the algorithm of a continued run. Ends the run inside --limit and at a number that cannot be read.
+// Sets all defaults, applies the lines of RunOptions and then the arguments 1 to argc-1, so that the command line wins,
+// and settles the algorithm of a continued run. Ends the run inside --limit and at a number that cannot be read.
 void runoptions(int argc, const char* const* argv);
 
-// Applies one argument; `last` tells that it may be the name of the parameter file. An unknown option gives a message only.
+// Applies one argument; `last` tells that it may be the name of the parameter file. An unknown option gives a message
+// only.
 void get_option(std::string_view text, bool last);
 
-// Name of the parameter file from an argument: ".par" is added unless it is there or the name has 26 or more characters.
+// Name of the parameter file from an argument: ".par" is added unless it is there or the name has 26 or more
+// characters.
 std::string parfile_name(std::string_view arg);
 
 // Developer's trace: the settings, below the report header, on unit 1. Nothing unless options.devtrace.

@@ -24,8 +24,8 @@ std::string version_text() {
     return text;
 }
 
-// Divides by zero on purpose: under a debugger the run halts where it was stopped. Machines on which the division does not
-// trap come back from here.
+// Divides by zero on purpose: under a debugger the run halts where it was stopped. Machines on which the division does
+// not trap come back from here.
 __attribute__((noinline, no_sanitize("undefined"))) int provoke_fault() {
     volatile int one = 1, none = 0;
     return one / none;

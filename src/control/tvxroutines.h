@@ -12,14 +12,14 @@ struct times_module {
 };
 inline times_module times;
 
-double cpu_time();  // processor time of the process, seconds
+double cpu_time(); // processor time of the process, seconds
 
 // Reads the processor clock and, with a label under verbose or print_times, prints it; mode 2 adds the time used since
 // the last call. Sets times.prev.
 void tvxtimes(int mode, std::string_view label = {});
 
-// Error exit behind a message: "Programmed (error) stop ..." under verbose, the deliberate division by zero under details,
-// then the stop text. Status 1.
+// Error exit behind a message: "Programmed (error) stop ..." under verbose, the deliberate division by zero under
+// details, then the stop text. Status 1.
 [[noreturn]] void stoptarvex();
 // Prints `line` list-directed and stops as stoptarvex.
 [[noreturn]] void stop_with(std::string_view line);
@@ -45,7 +45,9 @@ void write_tvxbottom(text_out& out);
 template <class A> void allocate_large(std::string_view name, A& a, long long n) {
     try {
         a.allocate(n);
-    } catch (const std::bad_alloc&) { tvx_noalloc(name, n); }
+    } catch (const std::bad_alloc&) {
+        tvx_noalloc(name, n);
+    }
 }
 
 } // namespace tarvex

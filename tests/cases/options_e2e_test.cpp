@@ -13,7 +13,8 @@ protected:
     static std::string last_line(const std::string& output) {
         const auto end = output.find_last_not_of('\n');
         const auto from = output.rfind('\n', end);
-        return output.substr(from == std::string::npos ? 0 : from + 1, end == std::string::npos ? end : end - (from + 1) + 1);
+        return output.substr(from == std::string::npos ? 0 : from + 1,
+                             end == std::string::npos ? end : end - (from + 1) + 1);
     }
 };
 

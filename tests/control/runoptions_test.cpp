@@ -20,17 +20,22 @@ std::string state() {
     const auto& o = options;
     const auto& m = maximise;
     std::string s;
-    for (bool flag : {o.aireml, o.algorithm_set, o.bestonly, o.blup, o.continew, o.details, o.devtrace, o.emai, o.emalgorithm,
-                      o.forchol, o.mmmposdef, o.nologd, o.nopru, o.optim_ai, o.print_times, o.pxai, o.pxem, o.reco_set,
-                      o.reconstruct, o.selfing, o.setup_lrg, o.setup_only, o.simulation, o.strict_ai, o.superai, o.tensor_ai,
-                      o.terse, o.verbose, o.werbose, o.wide, o.sevars, bool(estimates.reorder)})
+    for (bool flag : {o.aireml,      o.algorithm_set, o.bestonly,    o.blup,
+                      o.continew,    o.details,       o.devtrace,    o.emai,
+                      o.emalgorithm, o.forchol,       o.mmmposdef,   o.nologd,
+                      o.nopru,       o.optim_ai,      o.print_times, o.pxai,
+                      o.pxem,        o.reco_set,      o.reconstruct, o.selfing,
+                      o.setup_lrg,   o.setup_only,    o.simulation,  o.strict_ai,
+                      o.superai,     o.tensor_ai,     o.terse,       o.verbose,
+                      o.werbose,     o.wide,          o.sevars,      bool(estimates.reorder)})
         s += flag ? 'T' : 'F';
     for (int l : o.logdia) s += ' ' + std::to_string(l);
     for (int l : orders.metis_opts) s += ' ' + std::to_string(l);
     for (int n : {m.search_type, m.pxem_its, m.aireml_its, m.modify_chol, m.ncycle, m.powell_its, m.simplx_its,
                   orders.order_type, simulation.nrepsim})
         s += ' ' + std::to_string(n);
-    for (double x : {m.aiconv_like, m.aiconv_norm, m.emconv_like, m.powell_scale, m.simplx_conv, m.simplx_step, numbers.zero})
+    for (double x :
+         {m.aiconv_like, m.aiconv_norm, m.emconv_like, m.powell_scale, m.simplx_conv, m.simplx_step, numbers.zero})
         s += ' ' + list_item(x);
     return s + ' ' + filenames.parfile;
 }
@@ -135,7 +140,8 @@ TEST_F(RunOptions, FlagsThatEachOptionSets) {
     run({"--optimai", "--nooptai"});
     EXPECT_TRUE(options.strict_ai && !options.optim_ai);
     run({"--self", "--nopru", "--times", "--super", "--wide", "--forchol"});
-    EXPECT_TRUE(options.selfing && options.nopru && options.print_times && options.superai && options.wide && options.forchol);
+    EXPECT_TRUE(options.selfing && options.nopru && options.print_times && options.superai && options.wide &&
+                options.forchol);
     run({"--amd"});
     EXPECT_EQ(orders.order_type, 2);
     run({"--mmd"});
@@ -279,7 +285,8 @@ TEST_F(RunOptions, NumbersThatAreNotGivenLeaveTheSetting) {
 }
 
 TEST_F(RunOptions, NumberThatCannotBeReadEndsTheRun) {
-    for (const char* argument : {"--airemlx", "--zerox", "--aireml3.0", "--cycle12abc", "--emalg99999999999", "--powell3,y"}) {
+    for (const char* argument :
+         {"--airemlx", "--zerox", "--aireml3.0", "--cycle12abc", "--emalg99999999999", "--powell3,y"}) {
         try {
             run({argument});
             ADD_FAILURE() << argument;

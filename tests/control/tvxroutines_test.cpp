@@ -19,7 +19,9 @@ protected:
     template <class F> std::pair<std::string, int> end_of(F f) {
         try {
             f();
-        } catch (const program_stop& end) { return {end.text, end.status}; }
+        } catch (const program_stop& end) {
+            return {end.text, end.status};
+        }
         ADD_FAILURE() << "no stop";
         return {};
     }
@@ -82,7 +84,8 @@ TEST_F(Stops, TimesAreShownUnderVerboseOrTimesOnly) {
     EXPECT_EQ(screen_text(), "");
     times.prev = cpu_time() - 100.0;
     tvxtimes(2, "reading");
-    EXPECT_TRUE(std::regex_match(screen_text(), std::regex("\\*\\*\\*Time: reading {14} {6,}[0-9]+\\.[0-9] Used since last {7}100\\.0\n")))
+    EXPECT_TRUE(std::regex_match(
+        screen_text(), std::regex("\\*\\*\\*Time: reading {14} {6,}[0-9]+\\.[0-9] Used since last {7}100\\.0\n")))
         << screen_text();
     clear_screen();
     options.verbose = false;
@@ -107,8 +110,9 @@ TEST_F(ReportFrame, HeaderIs78ColumnsWideOr112) {
                             "        Program Tarvex : Model\n" +
                                 std::string(78, '=') + "\n\n");
     options.wide = true;
-    EXPECT_EQ(written(top), "======= Version 21-11-2026 ======================================= **ZQ** " + std::string(38, '=') +
-                                "\n\n        Program Tarvex : Model\n" + std::string(112, '=') + "\n\n");
+    EXPECT_EQ(written(top), "======= Version 21-11-2026 ======================================= **ZQ** " +
+                                std::string(38, '=') + "\n\n        Program Tarvex : Model\n" + std::string(112, '=') +
+                                "\n\n");
 }
 
 TEST_F(ReportFrame, FilesAreNamedWithoutTrailingBlanks) {
@@ -133,7 +137,8 @@ TEST_F(ReportFrame, FooterShowsDateAndTimeAndClosesTheFile) {
     const std::string date = "[0-3][0-9]-[01][0-9]-20[0-9][0-9]==========[0-2][0-9]:[0-5][0-9]";
     const std::string narrow = written(write_tvxbottom);
     EXPECT_EQ(narrow.size(), 79u);
-    EXPECT_TRUE(std::regex_match(narrow, std::regex("======== end of file ============================" + date + "====\n")));
+    EXPECT_TRUE(
+        std::regex_match(narrow, std::regex("======== end of file ============================" + date + "====\n")));
     options.wide = true;
     EXPECT_EQ(written(write_tvxbottom).size(), 113u);
     text_out out;
