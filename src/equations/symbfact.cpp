@@ -1,0 +1,241 @@
+#include "equations/symbfact.h"
+
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "equations/mmequations.h"
+#include "equations/orders.h"
+#include "equations/sparse.h"
+#include "support/edit_form.h"
+#include "support/record_file.h"
+#include "support/stop.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <vector>
+
+namespace tarvex {
+
+namespace {
+
+constexpr int steps = 100000; // subscripts in a record of the file
+
+// Rows in order; mrglnk chains the rows that hand their patterns on to a later one, rchlnk is the sorted list of the row in
+// hand, marker(i) names the row whose stored list last took up subscript i. ixsub(nzbeg..nzend) is the list stored last.
+struct symbolic {
+    int n;
+    array<int>& ixvec1;
+    array<int>& ixvec2;
+    array<int>& ixsub;
+    std::vector<int> mrglnk, rchlnk, marker;
+    int nzbeg = 1, nzend = 0;
+};
+
+// Merges ascending subscripts into the list that starts at rchlnk[k]. Returns the number of new ones.
+int merge_into(symbolic& s, int k, const int* first, const int* last) {
+    int at = k, added = 0;
+    for (; first != last; ++first) {
+        int next = s.rchlnk[at];
+        while (next < *first) next = s.rchlnk[at = next];
+        if (next != *first) {
+            s.rchlnk[at] = *first;
+            s.rchlnk[*first] = next;
+            ++added;
+        }
+        at = *first;
+    }
+    return added;
+}
+
+// Looks for the list of row k in the list stored last. True if it is the tail of that one. If that one ends where the list
+// begins, its tail is given up, to be stored again as the head of the list.
+bool overlaps(symbolic& s, int k) {
+    if (s.nzbeg > s.nzend) return false;
+    int i = s.rchlnk[k];
+    const int* stored = s.ixsub.data();
+    const int* end = stored + s.nzend;
+    const int* j = std::lower_bound(stored + s.nzbeg - 1, end, i);
+    if (j == end || *j != i) return false;
+    const int js = static_cast<int>(j - stored) + 1;
+    for (; j != end && i <= s.n; ++j, i = s.rchlnk[i])
+        if (*j != i) return false;
+    if (i > s.n) {
+        if (j != end) return false;
+        s.ixvec2(k) = js;
+        return true;
+    }
+    s.nzend = js - 1;
+    return false;
+}
+
+// Stores the list of row k, of knz subscripts. False where 32 bits do not do.
+bool store_list(symbolic& s, int k, int knz) {
+    s.nzbeg = s.nzend + 1;
+    if (knz > INT_MAX - 1 - s.nzend) return false;
+    s.nzend += knz;
+    if (s.nzend > s.ixsub.size())
+        s.ixsub.resize(std::min<long long>(INT_MAX, std::max<long long>(s.nzend, s.ixsub.size() * 3LL / 2 + 1000)));
+    int i = k;
+    for (int j = s.nzbeg; j <= s.nzend; ++j) {
+        i = s.rchlnk[i];
+        s.ixsub(j) = i;
+        s.marker[i] = k;
+    }
+    s.marker[k] = k;
+    s.ixvec2(k) = s.nzbeg;
+    return true;
+}
+
+// Pattern of row k from its neighbours (ascending) and the rows that hand on to it. Returns its length, -1: too long.
+int row_pattern(symbolic& s, int k, const std::vector<int>& nbs) {
+    const int m = s.mrglnk[k];
+    s.marker[k] = m > 0 ? s.marker[m] : k;
+    s.ixvec2(k) = s.nzend;
+    s.rchlnk[k] = s.n + 1;
+    const bool outside = std::any_of(nbs.begin(), nbs.end(), [&](int nb) { return s.marker[nb] != s.marker[k]; });
+    if (!outside && m > 0 && s.mrglnk[m] == 0) {
+        s.ixvec2(k) = s.ixvec2(m) + 1;
+        return s.ixvec1(m + 1) - s.ixvec1(m) - 1;
+    }
+    int knz = merge_into(s, k, nbs.data(), nbs.data() + nbs.size());
+    int lmax = 0;
+    for (int i = m; i > 0; i = s.mrglnk[i]) {
+        const int inz = s.ixvec1(i + 1) - s.ixvec1(i) - 1, j0 = s.ixvec2(i) + 1;
+        if (inz > lmax) {
+            lmax = inz;
+            s.ixvec2(k) = j0;
+        }
+        const int* first = s.ixsub.data() + j0 - 1;
+        knz += merge_into(s, k, first, first + inz);
+    }
+    if (knz != lmax && !overlaps(s, k) && !store_list(s, k, knz)) return -1;
+    return knz;
+}
+
+// True if ixvec1, ixvec2, ixsub are a possible structure: ascending subscripts behind each row, all within bounds.
+bool sound_structure(int n, int maxlnz, int maxsub, const array<int>& ixvec1, const array<int>& ixvec2,
+                     const array<int>& ixsub) {
+    if (ixvec1(1) != 1 || ixvec1(n + 1) - 1 != maxlnz) return false;
+    std::vector<int> breaks(static_cast<std::size_t>(maxsub) + 1, 0); // places up to i that are not above the one before
+    for (int i = 1; i <= maxsub; ++i) {
+        if (ixsub(i) < 1 || ixsub(i) > n) return false;
+        breaks[i] = breaks[i - 1] + (i > 1 && ixsub(i) <= ixsub(i - 1) ? 1 : 0);
+    }
+    for (int i = 1; i <= n; ++i) {
+        const long long c = static_cast<long long>(ixvec1(i + 1)) - ixvec1(i);
+        if (c == 0) continue;
+        const long long first = ixvec2(i), last = first + c - 1;
+        if (c < 0 || first < 1 || last > maxsub || ixsub(first) <= i || breaks[last] != breaks[first]) return false;
+    }
+    return true;
+}
+
+template <class T> bool get_whole(record_reader& in, array<T>& a) {
+    return in.next() && in.bytes_left() == static_cast<std::uint64_t>(a.size()) * sizeof(T) && in.get(a.prefix(a.size()));
+}
+
+// Takes the place of the structure only when all of it could be read.
+bool read_structure(record_reader& in) {
+    const int n = numbers.nsrow;
+    int keqns, ksrow, kaxlnz, kaxsub, ksteps;
+    if (!in.record(keqns, ksrow, kaxlnz, kaxsub, ksteps)) return false;
+    if (keqns != mmequations.neqns || ksrow != n || kaxlnz < 0 || kaxsub < 0 || ksteps < 1) return false;
+    array<int> ieqnew, ivperm;
+    ieqnew.allocate(keqns + 1);
+    ivperm.allocate(n);
+    if (!get_whole(in, ieqnew) || !get_whole(in, ivperm)) return false;
+    if (!std::equal(ieqnew.begin(), ieqnew.end(), orders.ieqnew.begin())) return false;
+    if (!std::equal(ivperm.begin(), ivperm.end() - 1, orders.ivperm.begin()) || ivperm(n) != n) return false;
+    allocate("all ixvec1 symb", sparse.ixvec1, n + 1);
+    allocate("all ixvec2 symb", sparse.ixvec2, n);
+    if (!get_whole(in, sparse.ixvec1) || !get_whole(in, sparse.ixvec2)) return false;
+    sparse.ixsub.deallocate();
+    for (int got = 0; got < kaxsub;) { // a chunk is allocated once the file has shown that it is there
+        const int chunk = std::min(ksteps, kaxsub - got);
+        if (!in.next() || in.bytes_left() != static_cast<std::uint64_t>(chunk) * sizeof(int)) return false;
+        if (got + chunk > sparse.ixsub.size())
+            sparse.ixsub.resize(std::min<long long>(kaxsub, std::max<long long>(got + chunk, 2 * sparse.ixsub.size())));
+        if (!in.get(std::span<int>(sparse.ixsub.data() + got, static_cast<std::size_t>(chunk)))) return false;
+        got += chunk;
+    }
+    if (!sound_structure(n, kaxlnz, kaxsub, sparse.ixvec1, sparse.ixvec2, sparse.ixsub)) return false;
+    sparse.maxlnz = kaxlnz;
+    sparse.maxsub = kaxsub;
+    return true;
+}
+
+} // namespace
+
+void ssmbfct(int nsrow, const array<int>& xadj, const array<int>& adjncy, const array<int>& perm,
+             const array<int>& invp, array<int>& ixvec1, int& maxlnz, array<int>& ixvec2, array<int>& ixsub, int& maxsub,
+             int& flag) {
+    const auto n = static_cast<std::size_t>(nsrow);
+    ixvec1.allocate(nsrow + 1);
+    ixvec2.allocate(nsrow);
+    symbolic s{nsrow, ixvec1, ixvec2, ixsub, std::vector<int>(n + 1), std::vector<int>(n + 1), std::vector<int>(n + 1)};
+    const bool renumber = perm.allocated();
+    std::vector<int> nbs;
+    flag = 0;
+    ixvec1(1) = 1;
+    for (int k = 1; k <= nsrow; ++k) {
+        const int node = renumber ? perm(k) : k;
+        nbs.clear();
+        for (int j = xadj(node); j < xadj(node + 1); ++j)
+            if (const int nb = renumber ? invp(adjncy(j)) : adjncy(j); nb > k) nbs.push_back(nb);
+        std::sort(nbs.begin(), nbs.end());
+        const int knz = row_pattern(s, k, nbs);
+        if (knz < 0 || knz > INT_MAX - 1 - ixvec1(k)) {
+            flag = 1;
+            break;
+        }
+        ixvec1(k + 1) = ixvec1(k) + knz;
+        if (knz > 1) {
+            const int heir = ixsub(ixvec2(k));
+            s.mrglnk[k] = s.mrglnk[heir];
+            s.mrglnk[heir] = k;
+        }
+    }
+    maxsub = s.nzend;
+    maxlnz = flag == 0 ? ixvec1(nsrow + 1) - 1 : 0;
+}
+
+double count_operations(int nsrow, const array<int>& ixvec1) {
+    double nnops = 0.0;
+    for (int k = 1; k <= nsrow; ++k) {
+        const double c = ixvec1(k + 1) - ixvec1(k);
+        nnops += 0.5 * c * (c + 3.0);
+    }
+    return nnops;
+}
+
+void write_symfac() {
+    record_writer out;
+    if (!out.open(filenames.symfacfile, true)) return;
+    const int n = numbers.nsrow;
+    out.record(mmequations.neqns, n, sparse.maxlnz, sparse.maxsub, steps);
+    out.record(orders.ieqnew.prefix(mmequations.neqns + 1));
+    out.record(orders.ivperm.prefix(n - 1), n);
+    out.record(sparse.ixvec1.prefix(n + 1));
+    out.record(sparse.ixvec2.prefix(n));
+    for (int got = 0; got < sparse.maxsub; got += steps) {
+        const int chunk = std::min(steps, sparse.maxsub - got);
+        out.record(std::span<const int>(sparse.ixsub.data() + got, static_cast<std::size_t>(chunk)));
+    }
+    out.close();
+}
+
+void read_symfac(bool& lfound) {
+    record_reader in;
+    lfound = in.open(filenames.symfacfile) && read_structure(in);
+    if (!lfound) {
+        sparse.ixsub.deallocate();
+        sparse.maxlnz = sparse.maxsub = 0;
+        return;
+    }
+    if (options.werbose)
+        write(screen(), "(1x,2a)", "Read previous symbolic factorisation ", " info successfully ");
+}
+
+} // namespace tarvex
