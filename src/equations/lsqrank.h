@@ -1,0 +1,50 @@
+// Rank of a symmetric, positive semi-definite sparse system, with the dependent equations that elimination in natural order
+// would meet: an equation is dependent if its column is a combination of columns in front of it.
+#pragma once
+#include <cstdint>
+#include <vector>
+
+namespace tarvex {
+
+// Sparse symmetric matrix while coefficients are summed into it; equations from 0.
+struct normal_equations {
+    explicit normal_equations(int n);
+    void add(int i, int j, double x); // i != j; both triangles are one element
+    int n;
+    std::vector<double> diag, rhs;
+
+    // Elements behind the diagonal, row by row, ascending; made by finish().
+    void finish();
+    std::vector<std::int64_t> start; // (n+1)
+    std::vector<int> col;
+    std::vector<double> value;
+
+private:
+    void grow();
+    std::vector<std::uint64_t> key_; // hash table: row and column, 0 free
+    std::vector<double> sum_;
+    std::size_t used_ = 0;
+};
+
+struct lsq_rank {
+    struct dependency {
+        int row;
+        double pivot;
+    };
+    int rank = 0;
+    std::vector<dependency> dependent; // ascending rows
+    std::vector<double> xsol;          // (n) solutions, 0 for dependent equations and those taken out before
+    bool natural = false;              // decided by elimination in natural order
+};
+
+// Pivots below `limit` make an equation dependent; `out` marks equations taken out beforehand.
+
+// Elimination in natural order, upper rows.
+lsq_rank natural_rank(const normal_equations& a, const std::vector<int>& out, double limit);
+
+// The same result through a fill-reducing order: null vectors of the vanishing pivots are brought to echelon form from the
+// last equation upwards, and the equations in which they then end are the dependent ones. Where a pivot leaves doubt, the
+// natural order decides, so that the absolute limit keeps its meaning.
+lsq_rank fast_rank(const normal_equations& a, const std::vector<int>& out, double limit);
+
+} // namespace tarvex
