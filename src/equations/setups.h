@@ -1,6 +1,14 @@
 // Stores of the numeric work.
 #pragma once
 namespace tarvex {
-void setup4like(); // arrays of the likelihood evaluation
-void setup4mmm();  // diag, xspars, xrhs, solutions at the sizes of the symbolic factorisation
+
+// Arrays of the likelihood evaluation: residual log determinants, table of earlier evaluations.
+void setup4like();
+
+// diag, xrhs, xspars at the sizes of the symbolic factorisation; solerrs where errors of solutions are wanted (BLUP runs).
+void setup4mmm();
+
+// New sizes after a reordering in mid-run: diag, xrhs, xspars, solerrs, and the matrix of the data where it is kept.
+void resize_store();
+
 } // namespace tarvex

@@ -1,0 +1,30 @@
+// Pattern of the mixed model equations: lower triangle of the coefficient matrix in the row store, without values.
+//
+// adjacency.bin: nq, nsrow, nrankx, lim1, neqns, neq_fix, neq_rnd, neq_cov, levels of each random effect (krand) |
+// llxrhs | ifirst(nsrow) | nrczhz, kk, kfactor | inext in kk records of kfactor elements, the rest in one more if there is
+// any | ivcol likewise. nsrow counts the right-hand side if llxrhs is 1.
+#pragma once
+
+namespace tarvex {
+
+struct adjacency_module {
+    bool llxrhs = false; // the row store holds the right-hand side as its last row
+    bool found = false;  // the pattern was read from the file
+};
+inline adjacency_module adjacency;
+
+// Pattern of the numbers.nsrow equations that stay (orders.jeq), without the right-hand side, into linked_list.
+//   lnew  true: at the start of a run. adjacency.bin is tried; otherwise residual inverses are formed at
+//         estimates.parvec to see which records of a subject are linked.
+//         false: in mid-run, from the residual inverses in hand.
+void adjacency1(bool lnew);
+
+// The right-hand side as one more row, linked to all others: raises numbers.nsrow by 1. The first time the pattern is
+// complete it is written to adjacency.bin.
+void adjacency2();
+
+// Reads adjacency.bin if it fits this run; numbers.nsrow is still without the right-hand side.
+bool find_adjacency();
+void write_adjacency();
+
+} // namespace tarvex

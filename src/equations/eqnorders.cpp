@@ -1,0 +1,382 @@
+// Trial orders, their operation counts, and the files in which the best order and its structure stay for later runs.
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "equations/adjacency.h"
+#include "equations/mmequations.h"
+#include "equations/orderings.h"
+#include "equations/orders.h"
+#include "equations/setups.h"
+#include "equations/sparse.h"
+#include "equations/symbfact.h"
+#include "likelihood/supernodes.h"
+#include "parfile/model.h"
+#include "relations/linkedlist.h"
+#include "support/edit_form.h"
+#include "support/record_file.h"
+#include "support/stop.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <span>
+
+namespace tarvex {
+
+namespace {
+
+constexpr double no_order = 999999999999999.0; // operations of an order that any other beats
+constexpr double stale_order = 1.0e36;
+
+// What eqnsorder.bin holds.
+struct stored_order {
+    int nofsub = 0, maxlnz = 0, kortype = 0;
+    double kkops = no_order;
+    std::array<int, 8> ketis_opts{};
+    array<int> invprm, ivperm;
+};
+enum class order_file { none, unreadable, foreign, fits };
+
+int base_rows() { return mmequations.neqns - static_cast<int>(mmequations.ieqzero.size()); }
+
+bool is_metis(int type) { return std::abs(type) == 3; }
+
+std::vector<int> order_header() {
+    std::vector<int> h{numbers.nq, base_rows() + 1, numbers.nrankx, numbers.lim1, numbers.krand};
+    for (int irand = 0; irand <= numbers.krand; ++irand) h.push_back(model.krfit(irand));
+    return h;
+}
+
+bool inverse_pair(const array<int>& invprm, const array<int>& ivperm) {
+    const int n = static_cast<int>(invprm.size());
+    for (int i = 1; i <= n; ++i)
+        if (invprm(i) < 1 || invprm(i) > n || ivperm(invprm(i)) != i) return false;
+    return true;
+}
+
+bool read_maps(record_reader& in, stored_order& s) {
+    if (!in.record(s.nofsub, s.maxlnz, s.kkops, s.kortype)) return false;
+    if (s.kortype < 1 || s.kortype > 3 || !(s.kkops >= 0.0)) return false;
+    if (s.kortype == 3 && !in.record(std::span<int>(s.ketis_opts))) return false;
+    s.invprm.allocate(base_rows());
+    s.ivperm.allocate(base_rows());
+    for (auto* map : {&s.invprm, &s.ivperm})
+        if (!in.next() || in.bytes_left() != static_cast<std::uint64_t>(map->size()) * sizeof(int) ||
+            !in.get(map->prefix(map->size())))
+            return false;
+    return inverse_pair(s.invprm, s.ivperm);
+}
+
+order_file read_order(stored_order& s) {
+    record_reader in;
+    if (!in.open(filenames.ordersfile)) return order_file::none;
+    const std::vector<int> sizes{mmequations.neqns, mmequations.neq_fix, mmequations.neq_rnd, mmequations.neq_cov};
+    const std::vector<int> head = order_header();
+    std::vector<int> ksizes(4), khead(head.size());
+    if (!in.record(std::span<int>(ksizes)) || !in.next()) return order_file::unreadable;
+    if (ksizes != sizes || in.bytes_left() != head.size() * sizeof(int)) return order_file::foreign;
+    if (!in.get(std::span<int>(khead))) return order_file::unreadable;
+    if (khead != head) return order_file::foreign;
+    return read_maps(in, s) ? order_file::fits : order_file::unreadable;
+}
+
+void write_order(int nofsub, double nnops) {
+    record_writer out;
+    if (!out.open(filenames.ordersfile, true)) return;
+    out.record(mmequations.neqns, mmequations.neq_fix, mmequations.neq_rnd, mmequations.neq_cov);
+    out.record(order_header());
+    out.record(nofsub, sparse.maxlnz, nnops, std::abs(orders.order_type));
+    if (is_metis(orders.order_type)) out.record(std::span<const int>(orders.metis_opts));
+    out.record(orders.invprm.prefix(base_rows()));
+    out.record(orders.ivperm.prefix(base_rows()));
+    out.close();
+}
+
+void adopt(const stored_order& s) {
+    orders.invprm = s.invprm;
+    orders.ivperm = s.ivperm;
+    orders.order_type = s.kortype;
+    if (is_metis(s.kortype)) orders.metis_opts = s.ketis_opts;
+}
+
+void set_jeq() {
+    allocate("alloc jeq", orders.jeq, mmequations.neqns);
+    for (int e : mmequations.ieqzero) orders.jeq(e) = -1;
+    numbers.nsrow = 0;
+    for (int& j : orders.jeq) j = j < 0 ? 0 : ++numbers.nsrow;
+    if (options.verbose) print_list(screen(), "No. of equations in full rank submatrix =", numbers.nsrow);
+}
+
+// Method by size; true if the user has chosen it.
+bool choose_method() {
+    const int n = mmequations.neqns;
+    if (orders.order_type == -3) {
+        orders.metis_opts = {3, 1, 2, 1, 0, 1, 0, 5};
+        return false;
+    }
+    if (orders.order_type != 0) return true;
+    orders.order_type = n < 25000 ? 1 : n < 50000 ? 2 : 3;
+    if (n >= 750000)
+        orders.metis_opts = {3, 3, 1, 2, 0, 1, 0, 14};
+    else if (n >= 50000)
+        orders.metis_opts = {3, 1, 2, 1, 0, 1, 0, n < 200000 ? 5 : 10};
+    return false;
+}
+
+// Next setting of the search over METIS options; false at its end.
+bool next_setting() {
+    auto& m = orders.metis_opts;
+    if (++m[7] <= 15) return true;
+    m[7] = 5;
+    if (m[1] < 3) {
+        m[1] = 3;
+        m[3] = 2;
+        return true;
+    }
+    if (m[6] != 0) return false;
+    m[6] = 200;
+    m[1] = m[3] = 1;
+    return true;
+}
+
+// Maps between old and new equation numbers, the right-hand side last. nsrow counts it.
+void set_maps() {
+    const int neqns = mmequations.neqns, nsrow = numbers.nsrow;
+    orders.ieqnew.fill(0);
+    orders.ieqold.fill(0);
+    for (int e = 1; e <= neqns; ++e)
+        if (orders.jeq(e) > 0) {
+            orders.ieqnew(e) = orders.invprm(orders.jeq(e));
+            orders.ieqold(orders.ieqnew(e)) = e;
+        }
+    orders.ieqnew(neqns + 1) = nsrow;
+    orders.ieqold(nsrow) = neqns + 1;
+}
+
+// Pattern of the row store in the order in hand: every element at its smaller number, and the right-hand side.
+void renumbered_pattern(array<int>& xadj, array<int>& adjncy) {
+    const auto& list = linked_list;
+    const int n = numbers.nsrow;
+    auto place = [&](int i) { return i == n ? n : orders.invprm(i); };
+    xadj.allocate(n + 1);
+    for (int i = 1; i <= n; ++i)
+        for (int k = list.ifirst(i); k > 0; k = list.inext(k)) ++xadj(std::min(place(i), place(list.ivcol(k))) + 1);
+    xadj(1) = 1;
+    for (int i = 1; i <= n; ++i) xadj(i + 1) += xadj(i);
+    allocate_large("ADJNCY", adjncy, xadj(n + 1) - 1);
+    array<int> next = xadj;
+    for (int i = 1; i <= n; ++i)
+        for (int k = list.ifirst(i); k > 0; k = list.inext(k)) {
+            const int a = place(i), b = place(list.ivcol(k));
+            adjncy(next(std::min(a, b))++) = std::max(a, b);
+        }
+}
+
+// Structure of the factor in the order in hand.
+void lay_out() {
+    array<int> xadj, adjncy;
+    renumbered_pattern(xadj, adjncy);
+    int flag = 0;
+    try {
+        ssmbfct(numbers.nsrow, xadj, adjncy, {}, {}, sparse.ixvec1, sparse.maxlnz, sparse.ixvec2, sparse.ixsub,
+                sparse.maxsub, flag);
+        if (flag == 0 && sparse.ixsub.size() > sparse.maxsub) { // cut to what is needed
+            array<int> exact;
+            exact.allocate(sparse.maxsub);
+            std::copy_n(sparse.ixsub.begin(), sparse.maxsub, exact.begin());
+            sparse.ixsub = std::move(exact);
+        }
+    } catch (const std::bad_alloc&) { tvx_noalloc("IXSUB", sparse.maxsub); }
+    if (flag == 0) return;
+    print_list(screen(), "routine \"SMBFCT\" : too many subscripts !");
+    print_list(screen(), "max. allowed   =", INT_MAX);
+    print_list(screen(), "no. required   >", sparse.maxsub);
+    print_list(screen(), "reset parameter \"maxspa\" !");
+    stoptarvex();
+}
+
+// Operations of the structure in hand, told and appended to OperationCounts.
+double count_and_tell(double kkops) {
+    const double nnops = count_operations(numbers.nsrow, sparse.ixvec1);
+    if (options.verbose) {
+        write(screen(), "(1x,a,t33,i17)", "End of \"SMBFCT\": maxsub", sparse.maxsub);
+        write(screen(), "(1x,a,t33,i17)", "                 maxlnz", sparse.maxlnz);
+        write(screen(), "(1x,a,t33,2f18.0)", "                 nnops", nnops, kkops);
+    }
+    if (nnops > 1.0e9 && !options.terse)
+        write(screen(), "(1x,2a,i4,a)", "***** NB : Factorisation  of the MMM ", "requires more than",
+              static_cast<long long>(nnops * 1.0e-9), " billion operations !");
+    text_out out;
+    if (!out.open_append("OperationCounts")) return nnops;
+    const auto& m = orders.metis_opts;
+    if (is_metis(orders.order_type))
+        write(out, "(a,i4,i6,2i3,t23,i14,f20.0)", "Metis", m[7], m[6], m[1], m[3], sparse.maxlnz, nnops);
+    else
+        write(out, "(a,t23,i14,f20.0)", orders.order_type == 1 ? "MMD" : "AMD", sparse.maxlnz, nnops);
+    return nnops;
+}
+
+void tell_worse(std::string_view text, double kkops, double nnops) {
+    print_list(screen(), text);
+    write(screen(), "(2(a,f15.0))", "No. of operations : old =", kkops, "  new =", nnops);
+}
+
+// State of the choice of an order. Rows are counted without the right-hand side between trials.
+struct trial_state {
+    stored_order old;
+    double kkops = no_order;
+    bool preselected = false;
+    bool pattern = false;   // the row store holds the pattern
+    bool store = false;     // symbfact.bin does not hold the structure of the order in eqnsorder.bin
+    int nofsub = 0;
+};
+
+void need_pattern(trial_state& t) {
+    if (t.pattern) return;
+    adjacency1(true);
+    t.pattern = true;
+}
+
+// Structure of an order of an earlier run: its file, or the pattern once more.
+void take_old(trial_state& t) {
+    adopt(t.old);
+    t.nofsub = t.old.nofsub;
+    ++numbers.nsrow;
+    set_maps();
+    bool lfound = false;
+    read_symfac(lfound);
+    t.store = !lfound;
+    if (lfound) return;
+    --numbers.nsrow;
+    need_pattern(t);
+    adjacency2();
+    lay_out();
+}
+
+void take_new(trial_state& t) {
+    need_pattern(t);
+    find_order(t.nofsub);
+    adjacency2();
+    set_maps();
+    lay_out();
+}
+
+// The order of an earlier run: true if it is to be used as it is.
+bool find_old(trial_state& t) {
+    switch (read_order(t.old)) {
+    case order_file::none: return false;
+    case order_file::unreadable:
+        if (options.werbose) print_list(screen(), "Error reading previous ordering");
+        t.kkops = stale_order;
+        return false;
+    case order_file::foreign: t.kkops = stale_order; break;
+    case order_file::fits:
+        t.kkops = t.old.kkops; // to be beaten, also by another method
+        if (!t.preselected || (t.old.kortype == orders.order_type &&
+                               (!is_metis(t.old.kortype) || t.old.ketis_opts == orders.metis_opts))) {
+            write(screen(), "(1x,a,i2,2x,a,f20.0)", "Previous equation ordering found : Order type =", t.old.kortype,
+                  "Operation count =", t.old.kkops);
+            return true;
+        }
+    }
+    if (options.werbose) print_list(screen(), "Previous equation ordering found, but no match");
+    return false;
+}
+
+void keep_better(trial_state& t, double nnops) {
+    if (nnops >= t.kkops) return;
+    write_order(t.nofsub, nnops);
+    t.kkops = nnops;
+    t.store = true;
+}
+
+// Search over METIS settings, the best of which ends up in the file and in hand.
+void search_settings(trial_state& t) {
+    do {
+        take_new(t);
+        const double nnops = count_and_tell(t.kkops);
+        keep_better(t, nnops);
+        --numbers.nsrow;
+    } while (next_setting());
+    orders.order_type = 3;
+    if (read_order(t.old) == order_file::fits) {
+        adopt(t.old);
+        t.nofsub = t.old.nofsub;
+    }
+    adjacency2();
+    set_maps();
+    lay_out();
+}
+
+// One new order; the one in the file is used in its place where that is better.
+void try_method(trial_state& t) {
+    take_new(t);
+    const double nnops = count_and_tell(t.kkops);
+    if (nnops <= t.kkops) {
+        keep_better(t, nnops); // a tie leaves the files as they are
+        return;
+    }
+    if (!t.old.invprm.allocated()) return; // dearer than any, but there is nothing else
+    tell_worse("Previous ordering better - using that !", t.kkops, nnops);
+    if (t.preselected) {
+        print_list(screen(), "\"Bad\" ordering scheme has been pre-selected !");
+        print_list(screen(), " Continue ? (using previously best order)");
+        pause_for_operator();
+    }
+    --numbers.nsrow;
+    take_old(t);
+    t.kkops = count_and_tell(t.kkops);
+}
+
+// The structure is settled: what was kept for the old one goes.
+void settle() {
+    linked_list = {};
+    adjacency = {};
+    supernodes_drop();
+    ++orders.nsymb;
+}
+
+} // namespace
+
+void eqnorders() {
+    set_jeq();
+    allocate("alloc ifirst", orders.ieqnew, mmequations.neqns + 1);
+    allocate("alloc ifirst", orders.ieqold, mmequations.neqns + 1);
+    trial_state t;
+    t.preselected = choose_method();
+    if (find_old(t)) {
+        take_old(t);
+        count_and_tell(t.kkops);
+    } else if (orders.order_type == -3)
+        search_settings(t);
+    else
+        try_method(t);
+    if (t.store) write_symfac();
+    settle();
+    if (options.verbose) print_list(screen(), "END \"eqnorders\" ");
+}
+
+void redo_eqnorders() {
+    if (options.verbose) print_list(screen(), "BEGIN \"redo_eqnorders\" ");
+    sparse.ixsub.deallocate();
+    --numbers.nsrow;
+    adjacency1(false);
+    int nofsub = 0;
+    find_order(nofsub);
+    adjacency2();
+    set_maps();
+    lay_out();
+    settle();
+    const double nnops = count_and_tell(no_order);
+    if (nnops > no_order)
+        tell_worse("Previous ordering better - orders file not overwritten", no_order, nnops);
+    else {
+        write_order(nofsub, nnops);
+        write_symfac();
+    }
+    resize_store();
+    if (options.verbose) print_list(screen(), "END \"redo_eqnorders\" ");
+}
+
+} // namespace tarvex

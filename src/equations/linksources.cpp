@@ -1,0 +1,179 @@
+// A record links the equations of its row; records of a subject are linked where the inverse of their residual covariance
+// matrix is not zero. Links are kept as sets: the records of a subject fall into groups between which that inverse is zero,
+// and all equations of a group are taken as linked, with weights that happen to be zero as well, since pivots and
+// parameters move in the course of a run. A link too many does no harm to the numbers.
+#include "equations/linksources.h"
+
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "data/datavecs.h"
+#include "data/levels.h"
+#include "data/recodedata.h"
+#include "equations/mmequations.h"
+#include "equations/orders.h"
+#include "estimation/estimates.h"
+#include "likelihood/residualvars.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "randreg/phimatrix.h"
+#include "relations/inverse_stream.h"
+#include "support/stop.h"
+#include "support/text.h"
+
+#include <algorithm>
+#include <functional>
+#include <numeric>
+
+namespace tarvex {
+
+namespace {
+
+bool peq_effect() {
+    for (int irand = 1; irand <= numbers.krand; ++irand)
+        if (trim(mudmap.kovrnd(irand)) == "PEQ") return true;
+    return false;
+}
+
+// Groups of the items 0..n-1 that `linked` ties together, numbered by their first item.
+std::vector<int> components(int n, const std::function<bool(int, int)>& linked) {
+    std::vector<int> group(static_cast<std::size_t>(n));
+    std::iota(group.begin(), group.end(), 0);
+    for (int i = 1; i < n; ++i)
+        for (int j = 0; j < i; ++j) {
+            if (group[i] == group[j] || !linked(i, j)) continue;
+            const int keep = std::min(group[i], group[j]), drop = std::max(group[i], group[j]);
+            std::replace(group.begin(), group.end(), drop, keep);
+        }
+    return group;
+}
+
+// Groups of the records of each pattern, by the residual inverses in hand.
+std::vector<std::vector<int>> pattern_groups() {
+    std::vector<std::vector<int>> groups;
+    for (const auto& w : residualvars.eei)
+        groups.push_back(components(w.n, [&](int i, int j) { return w(i + 1, j + 1) != 0.0; }));
+    return groups;
+}
+
+// Traits whose residuals are correlated in some class, directly or through others: group of each trait.
+std::vector<int> trait_groups() {
+    const auto& s = residualvars.sigres;
+    const int nq = numbers.nq;
+    return components(nq, [&](int i, int j) { // i > j, packed upper triangle by rows
+        if (!s.allocated()) return true;
+        const int place = j * nq - j * (j - 1) / 2 + (i - j) + 1;
+        for (int c = 1; c <= s.upper(2); ++c)
+            if (s(place, c) != 0.0) return true;
+        return false;
+    });
+}
+
+int trait_of(int record) { return numbers.nq == 1 ? 1 : datavecs.ynq(record); }
+
+// Group of each record of the subject in datavecs.
+struct record_groups {
+    std::vector<std::vector<int>> patterns;
+    std::vector<int> traits;
+    std::vector<int> control; // row of imeta that the residuals of a trait depend on
+    bool independent = false; // one trait: no covariances between records
+
+    void of_subject(std::vector<int>& group) const {
+        const int n = datavecs.nobs;
+        group.resize(static_cast<std::size_t>(n));
+        if (options.randreg) {
+            group = components(n, [&](int i, int j) {
+                const int iq = trait_of(i + 1), jq = trait_of(j + 1);
+                return datavecs.imeta(control[iq - 1], i + 1) == datavecs.imeta(control[jq - 1], j + 1) &&
+                       traits[iq - 1] == traits[jq - 1];
+            });
+        } else if (independent) {
+            std::iota(group.begin(), group.end(), 0);
+        } else {
+            const auto k = static_cast<std::size_t>(datavecs.icombi) - 1;
+            if (k < patterns.size() && static_cast<int>(patterns[k].size()) == n)
+                group = patterns[k];
+            else
+                std::fill(group.begin(), group.end(), 0);
+        }
+    }
+};
+
+record_groups make_groups() {
+    record_groups g;
+    g.independent = numbers.nq == 1 && !peq_effect();
+    if (options.randreg) {
+        g.traits = trait_groups();
+        for (int iq = 1; iq <= numbers.nq; ++iq) g.control.push_back(phimat.jjmeta(iq));
+    } else if (!g.independent)
+        g.patterns = pattern_groups();
+    return g;
+}
+
+void form_residual_inverses() {
+    if (!options.randreg && numbers.nq == 1 && !peq_effect()) return;
+    array<double> parvec = estimates.parvec; // clamps must not touch the starting point
+    int ifail = 0;
+    rinverse(parvec, estimates.nparm, 0, ifail);
+    if (ifail != 0) stop("RE-inv adj");
+}
+
+// Adds the equations of record i that stay to `rows`.
+void record_rows(int i, std::vector<int>& rows) {
+    const int row = std::min(i, datavecs.kk);
+    for (int c = 1; c <= datavecs.mcov; ++c)
+        if (const int e = datavecs.icov(c, row); e > 0 && orders.jeq(e) > 0) rows.push_back(orders.jeq(e));
+    for (int j = 1; j <= datavecs.mrow; ++j)
+        if (const int p = datavecs.ieqnr(j, row); p > 0)
+            if (const int e = orders.jeq(datavecs.jvec(p)); e > 0) rows.push_back(e);
+}
+
+} // namespace
+
+void data2adjac(clique_lists& data, bool lnew) {
+    if (lnew) form_residual_inverses();
+    const record_groups groups = make_groups();
+    recdata_pass pass;
+    setup_recdata(pass, filenames.recdatfil2);
+    std::vector<int> group, rows;
+    while (next_subject(pass)) {
+        groups.of_subject(group);
+        for (int i = 1; i <= datavecs.nobs; ++i) {
+            if (group[i - 1] != i - 1) continue; // not the first of its group
+            rows.clear();
+            for (int j = i; j <= datavecs.nobs; ++j)
+                if (group[j - 1] == i - 1) record_rows(j, rows);
+            std::sort(rows.begin(), rows.end());
+            rows.erase(std::unique(rows.begin(), rows.end()), rows.end());
+            data.add(rows);
+        }
+    }
+    deall_recdata(pass);
+}
+
+level_links covar2adjac(int irand) {
+    level_links b;
+    b.irand = irand;
+    b.nlev = levels.rn_nlev(irand);
+    b.ncoef = nfit(irand);
+    b.first = b.nlev > 0 ? orders.jeq(mmequations.rn_start(irand) + 1) : 1;
+    b.diagonal = options.principal || model.diagonal(irand);
+    if (trim(mudmap.kovrnd(irand)) == "IDE") return b;
+    std::vector<int> rows, cols;
+    b.start.assign(static_cast<std::size_t>(b.nlev) + 1, 0);
+    inverse_stream inverse(irand);
+    for (inverse_element e; inverse.next(e);) {
+        if (e.col == e.row) continue;
+        if (e.row > b.nlev || e.col < 1) stop("adjac xhx");
+        rows.push_back(e.row);
+        cols.push_back(e.col);
+        ++b.start[e.row];
+    }
+    std::partial_sum(b.start.begin(), b.start.end(), b.start.begin());
+    b.lower.resize(cols.size());
+    auto next = b.start;
+    for (std::size_t k = 0; k < cols.size(); ++k) b.lower[next[rows[k] - 1]++] = cols[k];
+    return b;
+}
+
+} // namespace tarvex

@@ -1,0 +1,60 @@
+#include "equations/setups.h"
+
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "data/datavecs.h"
+#include "equations/sparse.h"
+#include "estimation/estimates.h"
+#include "likelihood/likelihood.h"
+#include "likelihood/residualvars.h"
+#include "likelihood/solutions.h"
+#include "support/screen.h"
+#include "support/stop.h"
+
+#include <algorithm>
+
+namespace tarvex {
+
+namespace {
+
+constexpr int maxlike = 200; // evaluations in the table
+
+void numeric_store() {
+    const int n = numbers.nsrow;
+    allocate("alloc sparse", sparse.diag, n);
+    allocate("alloc sparse", sparse.xrhs, n);
+    sparse.xspars.deallocate(); // the old store goes before the new one comes
+    allocate_large("XSPARS", sparse.xspars, sparse.maxlnz);
+    if (options.blup) allocate("alloc solerrs", solutions.solerrs, n);
+}
+
+} // namespace
+
+void setup4mmm() {
+    numeric_store();
+    if (options.details) print_list(screen(), "maxlnz", sparse.maxlnz);
+    solutions.nsolerrs = 0;
+}
+
+void resize_store() {
+    if (!sparse.diag.allocated()) return; // not set up yet
+    const bool keeps_data = sparse.diag_data.allocated();
+    sparse.diag_data.deallocate();
+    sparse.xspars_data.deallocate();
+    numeric_store();
+    if (!keeps_data) return;
+    allocate("alloc sparse", sparse.diag_data, numbers.nsrow);
+    allocate_large("XSPARS", sparse.xspars_data, sparse.maxlnz);
+}
+
+void setup4like() {
+    const int ncombi = std::max(1, combinations.ncombi);
+    if (residualvars.detres.size() != ncombi) allocate("detres", residualvars.detres, ncombi);
+    if (!likelihoods.likesav.allocated()) {
+        allocate("all likesav", likelihoods.likesav, estimates.nparm + 1, maxlike);
+        likelihoods.nlike = 0;
+    }
+}
+
+} // namespace tarvex
