@@ -37,7 +37,6 @@ void readpar_init(par_state& s) {
     auto& o = options;
     o.comment = o.pedigrees = o.siremodel = o.start_vals = o.equal_model = o.randreg = o.principal = false;
     o.sigam = o.pseudofix = o.renumbered = false;
-    o.logdia = {};
     s.lines.print_curline = true;
 }
 
