@@ -19,7 +19,6 @@
 #include "likelihood/residualvars.h"
 #include "likelihood/solutions.h"
 #include "likelihood/takahashi.h"
-#include "likelihood/warnfix.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "relations/nrminverse.h"
@@ -103,6 +102,7 @@ void build_with_redo() {
 bool new_factor() {
     auto& l = likelihoods;
     l.factor_valid = false;
+    l.failrow = 0;
     build_with_redo();
     ++l.nfact;
     int ifail = 0;
@@ -208,13 +208,6 @@ void loglike(array<double>& parvec, int nparm, double& dev, double& xlike, int i
     xlike = -0.5 * dev;
     back_solutions();
     housekeeping(parvec, p, nparm, changed, xlike);
-}
-
-void invalid_first_point() {
-    print_list(screen(), "***** ERROR in sparse matrix factorisation ");
-    print_list(screen(), "      mixed model matrix is not positive definite !!!");
-    write_warnfix(likelihoods.ibadrow);
-    stoptarvex();
 }
 
 void forget_factor() { likelihoods.factor_valid = false; }

@@ -18,7 +18,6 @@ struct likelihoods_module {
     bool factor_valid = false;    // diag, xspars hold the factor of lastpar
     array<double, 2, 1> likesav;  // (nparm+1,200) table of evaluations: log L, parameters
     bool built = false;           // a matrix of this run has found all its places
-    int ibadrow = 0;              // row of the factor with the last invalid pivot, 0 unknown
 };
 inline likelihoods_module likelihoods;
 
@@ -32,9 +31,6 @@ void loglike(array<double>& parvec, int nparm, double& dev, double& xlike, int i
 
 // Levels of block irand that count in log|G|: those treated as fixed are left out.
 double effective_levels(int irand);
-
-// The first point of a run is invalid: says so, with the diagnosis of the fixed part, and stops.
-[[noreturn]] void invalid_first_point();
 
 // The factor at hand is used up or its parameters have changed meaning: nothing may be reused.
 void forget_factor();

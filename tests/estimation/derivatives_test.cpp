@@ -1,0 +1,322 @@
+#include "estimation/derivatives.h"
+
+#include "control/numbers.h"
+#include "control/numroutines.h"
+#include "control/options.h"
+#include "estimation/estimates.h"
+#include "estimation/variances.h"
+#include "likelihood/likelihood.h"
+#include "likelihood/residualvars.h"
+#include "likelihood/solutions.h"
+#include "support/fixture.h"
+#include "support/small_models.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace tarvex {
+namespace {
+
+using derivatives_test = tarvex_test;
+
+small_model traits(int nq, std::vector<double> g, std::vector<double> r, int repeats = 1) {
+    small_model m;
+    m.nq = nq;
+    m.make_pedigree(20, 6, 5);
+    m.make_rows(4, repeats, 2, nq > 1 ? 0.2 : 0.0, 6);
+    m.random = {{"animal", "NRM", nq, 0, std::move(g)}};
+    m.residual = std::move(r);
+    return m;
+}
+
+small_model two_effects() {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    m.random.push_back({"dam", "IDE", 2, 0, {0.9, 0.1, 0.8}});
+    return m;
+}
+
+small_model growth(bool principal = false) {
+    small_model m;
+    m.randreg = true;
+    m.principal = principal;
+    m.make_pedigree(14, 5, 7);
+    m.make_rows(3, 4, 2, 0.0, 8);
+    m.random = {{"animal", "NRM", 2, principal ? 1 : 0, {2.0, 0.3, 1.0}},
+                {"pe", "IDE", 2, principal ? 2 : 0, {1.0, 0.1, 0.6}}};
+    m.residual = {1.2, 0.9, 2.0};
+    m.class_bounds = {3, 7, 11};
+    return m;
+}
+
+void derivatives_here() {
+    program_logl(estimates.parvec, 1);
+    average_info();
+    derivatives_mmm();
+    jacob_var2chol(0);
+}
+
+void expect_gradient() {
+    derivatives_here();
+    const array<double> der1 = derivs.der1;
+    const std::vector<double> want = difference_gradient(estimates.parvec);
+    double largest = 0.0;
+    for (double g : want) largest = std::max(largest, std::fabs(g));
+    for (int i = 1; i <= estimates.nparm; ++i)
+        EXPECT_NEAR(der1(i), want[static_cast<std::size_t>(i - 1)], 1.0e-5 * largest) << "parameter " << i;
+}
+
+// Derivatives of V with respect to the parameters, by differences of V itself.
+std::vector<oracle::dense> variance_slopes(const small_model& m) {
+    const oracle::analysis a = m.dense();
+    std::vector<oracle::dense> list;
+    for (int i = 1; i <= estimates.nparm; ++i) {
+        const auto v = [&](double step) {
+            array<double> p = estimates.parvec;
+            p(i) += step;
+            return oracle::variance(a, point_at(m, p));
+        };
+        const double h = 1.0e-3;
+        const oracle::dense a1 = v(h), a2 = v(-h), b1 = v(0.5 * h), b2 = v(-0.5 * h);
+        oracle::dense d = a1;
+        for (std::size_t r = 0; r < d.size(); ++r)
+            for (std::size_t c = 0; c < d.size(); ++c)
+                d[r][c] = (4.0 * (b1[r][c] - b2[r][c]) / h - (a1[r][c] - a2[r][c]) / (2.0 * h)) / 3.0;
+        list.push_back(d);
+    }
+    return list;
+}
+
+void expect_information(const small_model& m) {
+    derivatives_here();
+    const oracle::analysis a = m.dense();
+    const oracle::reml e = oracle::evaluate(a, oracle::variance(a, point_at(m, estimates.parvec)));
+    const std::vector<oracle::dense> dv = variance_slopes(m);
+    double largest = 0.0;
+    for (double x : derivs.der2) largest = std::max(largest, std::fabs(x));
+    for (int i = 1; i <= estimates.nparm; ++i) {
+        const auto k = static_cast<std::size_t>(i - 1);
+        EXPECT_NEAR(derivs.der1(i), oracle::gradient(e, dv[k]), 1.0e-5 * largest) << "parameter " << i;
+        for (int j = i; j <= estimates.nparm; ++j)
+            EXPECT_NEAR(derivs.der2(ihmssf(i, j, estimates.nparm)),
+                        oracle::information(e, dv[k], dv[static_cast<std::size_t>(j - 1)]), 1.0e-6 * largest)
+                << i << " " << j;
+    }
+}
+
+void expect_derivatives(const small_model& m) {
+    expect_gradient();
+    expect_information(m);
+}
+
+void on_original_scale() {
+    options.emalgorithm = true;
+    covs2parvec();
+    forget_likelihoods();
+}
+
+TEST_F(derivatives_test, OneTraitOnBothScales) {
+    const small_model m = traits(1, {1.3}, {2.1});
+    set_up(m);
+    expect_derivatives(m);
+    on_original_scale();
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RepeatedRecordsRowByRow) {
+    small_model m = traits(1, {1.3}, {2.1}, 6);
+    m.random.push_back({"pe", "IDE", 1, 0, {0.8}});
+    m.covariable = true;
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, TwoTraitsTwoEffectsOnTheFactorScale) {
+    const small_model m = two_effects();
+    set_up(m);
+    EXPECT_EQ(estimates.paraform(1), "Variance");
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, TwoTraitsWithLogarithms) {
+    const small_model m = two_effects();
+    set_up(m, {"--aireml", "--logdia"});
+    EXPECT_EQ(estimates.logdiagonals(1), 1);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, TwoTraitsOnTheOriginalScale) {
+    const small_model m = two_effects();
+    set_up(m);
+    on_original_scale();
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, ThreeTraitsTwoRecordsASubject) {
+    const small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5}, 2);
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RepeatEffect) {
+    small_model m = traits(1, {1.3}, {2.1}, 3);
+    m.random.push_back({"pe", "PEQ", 1, 0, {0.7}});
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RepeatEffectOfTwoTraits) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.2, 1.9}, 2);
+    m.random.push_back({"pe", "PEQ", 2, 0, {0.4, 0.1, 0.5}});
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RandomRegressionOneClass) {
+    small_model m = growth();
+    m.residual = {1.2};
+    m.class_bounds.clear();
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RandomRegressionClasses) {
+    const small_model m = growth();
+    set_up(m);
+    expect_derivatives(m);
+    const double x = program_logl(estimates.parvec, 1);
+    derivatives_here();
+    EXPECT_EQ(program_logl(estimates.parvec, 1), x); // log|R| of the data has not been touched
+}
+
+TEST_F(derivatives_test, ReducedRankRandomRegression) {
+    const small_model m = growth(true);
+    set_up(m);
+    EXPECT_EQ(estimates.paraform(1), "Cholesky");
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, ReducedRankTraits) {
+    small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5});
+    m.principal = true;
+    m.random[0].rank = 2;
+    m.random.push_back({"dam", "IDE", 3, 1, {0.9, 0.1, 0.1, 0.8, 0.1, 0.7}});
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, FactorScaleAtFullRankSolvesForTheEffects) {
+    small_model m = two_effects();
+    m.principal = true;
+    m.random[0].rank = m.random[1].rank = 2;
+    set_up(m, {"--aireml", "--logdia"});
+    EXPECT_FALSE(options.superai);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, DiagonalBlock) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    m.random.push_back({"dam", "IDE", 2, 0, {0.9, 0.8}, true});
+    set_up(m);
+    EXPECT_TRUE(options.principal);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, DiagonalBlockWithoutLogarithms) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    m.random.push_back({"dam", "IDE", 2, 0, {0.9, 0.8}, true});
+    set_up(m, {"--aireml", "--nologd"});
+    EXPECT_FALSE(options.principal);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, ResidualCovarianceFixedAtZeroHasNoDerivative) {
+    const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.0, 1.9});
+    set_up(m);
+    derivatives_here();
+    EXPECT_EQ(residualvars.fixres(2), 1);
+    EXPECT_EQ(derivs.devl1(2), 0.0);
+    for (int i = 1; i <= estimates.nparm; ++i)
+        EXPECT_EQ(derivs.devl2(ihmssf(std::min(i, 2), std::max(i, 2), estimates.nparm)), 0.0);
+    expect_gradient();
+}
+
+TEST_F(derivatives_test, SolutionsAndLogLikelihoodAreTheSameAfterDerivatives) {
+    set_up(two_effects());
+    const double x = program_logl(estimates.parvec, 1);
+    const array<double> before = solutions.solns;
+    derivatives_here();
+    EXPECT_EQ(program_logl(estimates.parvec, 1), x);
+    for (int i = 1; i <= before.upper(); ++i) EXPECT_NEAR(solutions.solns(i), before(i), 1.0e-10);
+}
+
+// Derivatives of V with respect to the six covariances of two traits, residual ones first.
+std::vector<oracle::dense> unit_slopes(const oracle::analysis& a) {
+    std::vector<oracle::dense> dv;
+    for (int k = 0; k < 6; ++k) {
+        oracle::point p{{oracle::zeros(2, 2)}, {}, {oracle::zeros(2, 2)}};
+        auto& block = k < 3 ? p.r[0] : p.g[0];
+        const std::size_t i = k % 3 == 2 ? 1 : 0, j = k % 3 == 0 ? 0 : 1;
+        block[i][j] = block[j][i] = 1.0;
+        dv.push_back(oracle::variance(a, p));
+    }
+    return dv;
+}
+
+// Observed information in the place of the average one.
+void put_observed_information(const small_model& m) {
+    const oracle::analysis a = m.dense();
+    const std::vector<oracle::dense> dv = unit_slopes(a);
+    const oracle::reml e = oracle::evaluate(a, oracle::variance(a, point_at(m, estimates.parvec)));
+    for (int i = 1; i <= 6; ++i)
+        for (int j = i; j <= 6; ++j) {
+            const auto& x = dv[static_cast<std::size_t>(i - 1)];
+            const auto& y = dv[static_cast<std::size_t>(j - 1)];
+            const double expected = 0.5 * oracle::trace_of_product(oracle::product(e.p, x), oracle::product(e.p, y));
+            derivs.devl2(ihmssf(i, j, 6)) = -(2.0 * oracle::information(e, x, y) - expected);
+        }
+}
+
+// With the observed information der2 is minus the Hessian of log L.
+void expect_hessian(const small_model& m) {
+    derivatives_here();
+    put_observed_information(m);
+    jacob_var2chol(1);
+    const double h = 2.0e-3;
+    for (int i = 1; i <= 6; ++i)
+        for (int j = i; j <= 6; ++j) {
+            const auto f = [&](double di, double dj) {
+                array<double> p = estimates.parvec;
+                p(i) += di;
+                p(j) += dj;
+                return dense_logl(m, p);
+            };
+            const double hessian = (f(h, h) - f(h, -h) - f(-h, h) + f(-h, -h)) / (4.0 * h * h);
+            EXPECT_NEAR(derivs.der2(ihmssf(i, j, 6)), -hessian, 1.0e-3 * std::max(1.0, std::fabs(hessian))) << i << " " << j;
+        }
+}
+
+TEST_F(derivatives_test, SecondOrderTermCompletesTheHessian) {
+    const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    set_up(m);
+    expect_hessian(m);
+}
+
+TEST_F(derivatives_test, SecondOrderTermCompletesTheHessianWithLogarithms) {
+    const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    set_up(m, {"--aireml", "--logdia"});
+    expect_hessian(m);
+}
+
+TEST_F(derivatives_test, InformationFilesHoldTheUpperTriangle) {
+    const small_model m = traits(1, {1.3}, {2.1});
+    set_up(m);
+    derivatives_here();
+    write_avinfo(-12.5);
+    const std::string text = read_file("AvInfoParms");
+    EXPECT_EQ(text.substr(0, text.find('\n')), "-12.5");
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4);
+    EXPECT_FALSE(read_file("AvInfoCovs").empty());
+}
+
+} // namespace
+} // namespace tarvex

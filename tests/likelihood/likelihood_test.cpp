@@ -1,0 +1,302 @@
+#include "likelihood/likelihood.h"
+
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/parameters.h"
+#include "data/levels.h"
+#include "equations/mmequations.h"
+#include "equations/orders.h"
+#include "equations/sparse.h"
+#include "estimation/estimates.h"
+#include "estimation/variances.h"
+#include "likelihood/buildmmm.h"
+#include "likelihood/randomvars.h"
+#include "likelihood/residualvars.h"
+#include "likelihood/solutions.h"
+#include "parfile/model.h"
+#include "support/fixture.h"
+#include "support/small_models.h"
+
+#include <cmath>
+
+namespace tarvex {
+namespace {
+
+using likelihood_test = tarvex_test;
+
+small_model univariate(int repeats = 1) {
+    small_model m;
+    m.make_pedigree(24, 6, 1);
+    m.make_rows(4, repeats, 3, 0.0, 2);
+    m.covariable = true;
+    m.random = {{"animal", "NRM", 1, 0, {1.3}}};
+    m.residual = {2.1};
+    return m;
+}
+
+small_model bivariate(double rcov = 0.4, double missing = 0.25) {
+    small_model m;
+    m.nq = 2;
+    m.make_pedigree(22, 6, 3);
+    m.make_rows(5, 1, 3, missing, 4);
+    m.random = {{"animal", "NRM", 2, 0, {1.3, 0.5, 1.8}}};
+    m.residual = {2.1, rcov, 1.9};
+    return m;
+}
+
+void expect_dense(const small_model& m, double tolerance = 1.0e-8) {
+    const double x = program_logl(estimates.parvec), want = dense_logl(m, estimates.parvec);
+    EXPECT_NEAR(x, want, tolerance * std::max(1.0, std::fabs(want)));
+}
+
+TEST_F(likelihood_test, OneTraitAnimalModelEqualsDenseRemlAndBlup) {
+    const small_model m = univariate();
+    set_up(m);
+    expect_dense(m);
+    const oracle::analysis a = m.dense();
+    const oracle::point at = point_at(m, estimates.parvec);
+    const oracle::reml e = oracle::evaluate(a, oracle::variance(a, at));
+    const oracle::dense u = oracle::blup(a, at, e, 0);
+    for (int l = 1; l <= levels.rn_nlev(1); ++l) {
+        const auto code = static_cast<std::size_t>(levels.rn_codes(1)[static_cast<std::size_t>(l - 1)]);
+        EXPECT_NEAR(solutions.solsave(mmequations.rn_start(1) + l), u[code - 1][0], 1.0e-8);
+    }
+    EXPECT_NEAR(solutions.solsave(1), e.beta[3], 1.0e-8); // the covariable's equation comes first
+}
+
+TEST_F(likelihood_test, OneTraitWithRepeatedRecordsAndTwoEffects) {
+    small_model m = univariate(3);
+    m.random.push_back({"pe", "IDE", 1, 0, {0.7}});
+    set_up(m);
+    expect_dense(m);
+}
+
+TEST_F(likelihood_test, MeanInsteadOfHerds) {
+    small_model m = univariate();
+    m.herd = false;
+    m.mean = true;
+    set_up(m);
+    expect_dense(m);
+}
+
+TEST_F(likelihood_test, TwoTraitsWithMissingRecords) {
+    const small_model m = bivariate();
+    set_up(m);
+    expect_dense(m);
+    EXPECT_EQ(likelihoods.nfact, 1);
+}
+
+TEST_F(likelihood_test, ThreeTraitsTwoEffectsDifferentFromScaleToScale) {
+    small_model m;
+    m.nq = 3;
+    m.make_pedigree(20, 6, 5);
+    m.make_rows(4, 1, 2, 0.2, 6);
+    m.random = {{"animal", "NRM", 3, 0, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}}, {"dam", "IDE", 3, 0, {0.5, 0.1, 0.0, 0.4, 0.1, 0.6}}};
+    m.residual = {2.1, 0.4, 0.1, 1.9, 0.2, 1.5};
+    set_up(m, {"--aireml"});
+    expect_dense(m);
+    const double factor_scale = program_logl(estimates.parvec, 1);
+    options.emalgorithm = true;
+    covs2parvec();
+    forget_likelihoods();
+    EXPECT_EQ(estimates.paraform(1), "Original");
+    EXPECT_NEAR(program_logl(estimates.parvec), factor_scale, 1.0e-8);
+}
+
+TEST_F(likelihood_test, RepeatEffectInTheResidual) {
+    small_model m = univariate(3);
+    m.random.push_back({"pe", "PEQ", 1, 0, {0.7}});
+    set_up(m);
+    expect_dense(m);
+    const double with_peq = program_logl(estimates.parvec);
+    small_model same = univariate(3);
+    same.random.push_back({"pe", "IDE", 1, 0, {0.7}});
+    const oracle::analysis a = same.dense();
+    oracle::point p;
+    p.r = {oracle::dense{{2.1}}};
+    p.g = {oracle::dense{{1.3}}, oracle::dense{{0.7}}};
+    EXPECT_NEAR(with_peq, oracle::evaluate(a, oracle::variance(a, p)).logl, 1.0e-7);
+}
+
+TEST_F(likelihood_test, RepeatMatrixAboveTheResidualIsInvalid) {
+    small_model m = univariate(2);
+    m.random.push_back({"pe", "PEQ", 1, 0, {0.7}});
+    set_up(m, {"--emalg", "--noreord"});
+    array<double> p = estimates.parvec;
+    options.emalgorithm = true;
+    covs2parvec();
+    p = estimates.parvec;
+    p(1) = 1.0; // the sum
+    p(2) = 1.5; // the repeat variance
+    EXPECT_EQ(program_logl(p), invalid_logl);
+    EXPECT_NE(screen_text().find("NEGATIVE PIVOT"), std::string::npos);
+}
+
+TEST_F(likelihood_test, RandomRegressionOneClass) {
+    small_model m;
+    m.randreg = true;
+    m.make_pedigree(14, 5, 7);
+    m.make_rows(3, 4, 2, 0.0, 8);
+    m.random = {{"animal", "NRM", 3, 0, {2.0, 0.3, 0.1, 1.0, 0.1, 0.5}}, {"pe", "IDE", 2, 0, {1.0, 0.1, 0.6}}};
+    m.residual = {1.2};
+    set_up(m);
+    expect_dense(m);
+    EXPECT_NEAR(program_logl(estimates.parvec, 1), dense_logl(m, estimates.parvec), 1.0e-7);
+}
+
+TEST_F(likelihood_test, RandomRegressionClasses) {
+    small_model m;
+    m.randreg = true;
+    m.make_pedigree(14, 5, 7);
+    m.make_rows(3, 4, 2, 0.0, 8);
+    m.random = {{"animal", "NRM", 2, 0, {2.0, 0.3, 1.0}}};
+    m.residual = {1.2, 0.7, 2.0};
+    m.class_bounds = {3, 7, 11};
+    set_up(m);
+    expect_dense(m);
+}
+
+TEST_F(likelihood_test, ReducedRankEqualsDenseWithTheProductOfItsFactor) {
+    small_model m;
+    m.nq = 3;
+    m.principal = true;
+    m.make_pedigree(20, 6, 5);
+    m.make_rows(4, 1, 2, 0.2, 6);
+    m.random = {{"animal", "NRM", 3, 2, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}}};
+    m.residual = {2.1, 0.4, 0.1, 1.9, 0.2, 1.5};
+    set_up(m);
+    expect_dense(m);
+}
+
+TEST_F(likelihood_test, ReducedRankRandomRegression) {
+    small_model m;
+    m.randreg = m.principal = true;
+    m.make_pedigree(14, 5, 7);
+    m.make_rows(3, 4, 2, 0.0, 8);
+    m.random = {{"animal", "NRM", 3, 2, {2.0, 0.3, 0.1, 1.0, 0.1, 0.5}}, {"pe", "IDE", 2, 2, {1.0, 0.1, 0.6}}};
+    m.residual = {1.2};
+    set_up(m);
+    expect_dense(m);
+}
+
+TEST_F(likelihood_test, DiagonalBlock) {
+    small_model m = bivariate();
+    m.random.push_back({"dam", "IDE", 2, 0, {0.5, 0.8}, true});
+    set_up(m);
+    expect_dense(m);
+}
+
+TEST_F(likelihood_test, TableAnswersTheSameVectorAndTheFactorANearlyEqualOne) {
+    const small_model m = bivariate();
+    set_up(m);
+    const double x = program_logl(estimates.parvec);
+    EXPECT_EQ(likelihoods.ncall, 1);
+    EXPECT_EQ(program_logl(estimates.parvec), x);
+    EXPECT_EQ(likelihoods.nreuse, 0);
+    array<double> p = estimates.parvec;
+    p(4) += 1.0e-9;
+    EXPECT_NEAR(program_logl(p), x, 1.0e-7);
+    EXPECT_EQ(likelihoods.nreuse, 1);
+    EXPECT_EQ(likelihoods.ncall, 1);
+}
+
+TEST_F(likelihood_test, TableDropsTheOldestTwentyRowsWhenFull) {
+    const small_model m = univariate();
+    set_up(m);
+    array<double> p = estimates.parvec;
+    std::vector<double> values;
+    for (int k = 0; k < 201; ++k) {
+        p(2) = 1.0 + 0.01 * k;
+        values.push_back(program_logl(p));
+    }
+    EXPECT_EQ(likelihoods.nlike, 181);
+    EXPECT_EQ(likelihoods.likesav(1, 1), values[20]);
+    EXPECT_EQ(likelihoods.likesav(1, 181), values[200]);
+}
+
+TEST_F(likelihood_test, FactorAtHandIsToldWithItsValue) {
+    const small_model m = univariate();
+    set_up(m);
+    const double x = program_logl(estimates.parvec, 1);
+    EXPECT_EQ(program_logl(estimates.parvec, -1), x);
+    EXPECT_EQ(likelihoods.nfact, 1);
+    forget_factor();
+    EXPECT_NEAR(program_logl(estimates.parvec, -1), x, 1.0e-9);
+    EXPECT_EQ(likelihoods.nfact, 2);
+}
+
+TEST_F(likelihood_test, InvalidPointLeavesNothingToReuse) {
+    const small_model m = bivariate();
+    set_up(m, {"--aireml", "--zero14"});
+    const double x = program_logl(estimates.parvec, 1);
+    const array<double> before = solutions.solns;
+    array<double> q = estimates.parvec;
+    q(1) = std::nan("");
+    EXPECT_EQ(program_logl(q, 1), invalid_logl);
+    EXPECT_NEAR(program_logl(estimates.parvec, 1), x, 1.0e-9);
+    for (int i = 1; i <= before.upper(); ++i) EXPECT_NEAR(solutions.solns(i), before(i), 1.0e-9);
+}
+
+TEST_F(likelihood_test, VanishingEigenvalueIsInvalid) {
+    const small_model m = bivariate();
+    set_up(m, {"--aireml", "--noreord", "--nologd"});
+    array<double> p = estimates.parvec;
+    p(4) = 1.0;
+    p(5) = 0.8;
+    p(6) = 1.0e-4; // second factor column next to nothing: an eigenvalue of 1e-8
+    EXPECT_EQ(program_logl(p), invalid_logl);
+}
+
+TEST_F(likelihood_test, AssemblyTwiceGivesTheSameMatrixWithKeptPlaces) {
+    const small_model m = bivariate();
+    set_up(m);
+    program_logl(estimates.parvec);
+    int iflag = 0;
+    build_mmm(iflag);
+    const array<double> diag = sparse.diag, off = sparse.xspars;
+    EXPECT_TRUE(places.subjects.complete);
+    places = {};
+    build_mmm(iflag);
+    for (int i = 1; i <= diag.upper(); ++i) EXPECT_EQ(sparse.diag(i), diag(i));
+    for (int i = 1; i <= off.upper(); ++i) EXPECT_EQ(sparse.xspars(i), off(i));
+}
+
+TEST_F(likelihood_test, ZeroCovarianceOfAnEarlierRunAsksForOneNewOrdering) {
+    set_up(bivariate(0.0));
+    EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(bivariate(0.0), estimates.parvec), 1.0e-7);
+    EXPECT_EQ(orders.nsymb, 1);
+    reset_modules();
+    const small_model m = bivariate(0.3);
+    set_up(m);
+    EXPECT_EQ(orders.nsymb, 1);
+    expect_dense(m);
+    EXPECT_EQ(orders.nsymb, 2);
+    array<double> p = estimates.parvec;
+    p(2) += 0.1;
+    EXPECT_NEAR(program_logl(p), dense_logl(m, p), 1.0e-7);
+    EXPECT_EQ(orders.nsymb, 2);
+}
+
+TEST_F(likelihood_test, MissingElementOfARandomEffectIsFatal) {
+    const small_model m = univariate();
+    set_up(m);
+    program_logl(estimates.parvec);
+    orders.ieqnew(mmequations.rn_start(1) + 5) = 0;
+    int iflag = 0;
+    EXPECT_STOP(build_mmm(iflag), "this should not happen");
+}
+
+TEST_F(likelihood_test, TwoRecordsOfASubjectAtOneControlValueStopTheRun) {
+    small_model m;
+    m.randreg = true;
+    m.make_pedigree(14, 5, 7);
+    m.make_rows(3, 4, 2, 0.0, 8);
+    m.random = {{"animal", "NRM", 2, 0, {2.0, 0.3, 1.0}}};
+    m.residual = {1.2};
+    m.rows[5].age = m.rows[4].age;
+    set_up(m);
+    EXPECT_STOP(program_logl(estimates.parvec), "Residual covariance matrix not of full rank !");
+}
+
+} // namespace
+} // namespace tarvex

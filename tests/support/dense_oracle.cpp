@@ -1,0 +1,172 @@
+#include "support/dense_oracle.h"
+
+#include <cmath>
+
+namespace oracle {
+
+dense zeros(std::size_t n, std::size_t m) { return dense(n, vec(m, 0.0)); }
+
+dense product(const dense& a, const dense& b) {
+    const std::size_t n = a.size(), m = b.empty() ? 0 : b[0].size(), k = b.size();
+    dense c = zeros(n, m);
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t l = 0; l < k; ++l) {
+            if (a[i][l] == 0.0) continue;
+            for (std::size_t j = 0; j < m; ++j) c[i][j] += a[i][l] * b[l][j];
+        }
+    return c;
+}
+
+dense transpose(const dense& a) {
+    dense t = zeros(a.empty() ? 0 : a[0].size(), a.size());
+    for (std::size_t i = 0; i < a.size(); ++i)
+        for (std::size_t j = 0; j < a[i].size(); ++j) t[j][i] = a[i][j];
+    return t;
+}
+
+namespace {
+
+dense cholesky(const dense& a) {
+    const std::size_t n = a.size();
+    dense l = zeros(n, n);
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t j = 0; j <= i; ++j) {
+            double s = a[i][j];
+            for (std::size_t k = 0; k < j; ++k) s -= l[i][k] * l[j][k];
+            l[i][j] = i == j ? std::sqrt(s) : s / l[j][j];
+        }
+    return l;
+}
+
+} // namespace
+
+dense inverse(const dense& a) {
+    const std::size_t n = a.size();
+    const dense l = cholesky(a);
+    dense inv = zeros(n, n);
+    for (std::size_t c = 0; c < n; ++c) {
+        vec x(n, 0.0);
+        for (std::size_t i = c; i < n; ++i) {
+            double s = i == c ? 1.0 : 0.0;
+            for (std::size_t k = c; k < i; ++k) s -= l[i][k] * x[k];
+            x[i] = s / l[i][i];
+        }
+        for (std::size_t i = n; i-- > 0;) {
+            double s = x[i];
+            for (std::size_t k = i + 1; k < n; ++k) s -= l[k][i] * inv[k][c];
+            inv[i][c] = s / l[i][i];
+        }
+    }
+    return inv;
+}
+
+double log_det(const dense& a) {
+    const dense l = cholesky(a);
+    double s = 0.0;
+    for (std::size_t i = 0; i < a.size(); ++i) s += 2.0 * std::log(l[i][i]);
+    return s;
+}
+
+double trace_of_product(const dense& a, const dense& b) {
+    double s = 0.0;
+    for (std::size_t i = 0; i < a.size(); ++i)
+        for (std::size_t j = 0; j < b.size(); ++j) s += a[i][j] * b[j][i];
+    return s;
+}
+
+vec times(const dense& a, const vec& x) {
+    vec y(a.size(), 0.0);
+    for (std::size_t i = 0; i < a.size(); ++i)
+        for (std::size_t j = 0; j < x.size(); ++j) y[i] += a[i][j] * x[j];
+    return y;
+}
+
+double dot(const vec& a, const vec& b) {
+    double s = 0.0;
+    for (std::size_t i = 0; i < a.size(); ++i) s += a[i] * b[i];
+    return s;
+}
+
+dense tabular(const std::vector<int>& sire, const std::vector<int>& dam) {
+    const std::size_t n = sire.size();
+    dense a = zeros(n, n);
+    const auto at = [&](int i, std::size_t j) { return i > 0 ? a[static_cast<std::size_t>(i - 1)][j] : 0.0; };
+    for (std::size_t i = 0; i < n; ++i) {
+        for (std::size_t j = 0; j < i; ++j) a[i][j] = a[j][i] = 0.5 * (at(sire[i], j) + at(dam[i], j));
+        a[i][i] = 1.0 + (sire[i] > 0 && dam[i] > 0 ? 0.5 * at(sire[i], static_cast<std::size_t>(dam[i] - 1)) : 0.0);
+    }
+    return a;
+}
+
+dense variance(const analysis& m, const point& at) {
+    const std::size_t n = m.obs.size();
+    dense v = zeros(n, n);
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t j = 0; j <= i; ++j) {
+            const observation &o = m.obs[i], &w = m.obs[j];
+            double s = 0.0;
+            for (std::size_t k = 0; k < m.a.size(); ++k) {
+                if (at.g[k].empty() || o.level[k] == 0 || w.level[k] == 0) continue;
+                const double a = m.a[k][static_cast<std::size_t>(o.level[k] - 1)][static_cast<std::size_t>(w.level[k] - 1)];
+                if (a != 0.0) s += a * dot(o.z[k], times(at.g[k], w.z[k]));
+            }
+            if (o.subject == w.subject) {
+                const auto q = static_cast<std::size_t>(o.trait - 1), p = static_cast<std::size_t>(w.trait - 1);
+                const dense& r = at.r[static_cast<std::size_t>(o.iclass - 1)];
+                if (m.randreg) {
+                    if (o.age == w.age) s += r[q][p];
+                } else if (i == j) {
+                    s += r[q][p];
+                } else {
+                    if (q != p) s += r[q][p];
+                    if (!at.b.empty()) s += at.b[q][p];
+                }
+            }
+            v[i][j] = v[j][i] = s;
+        }
+    return v;
+}
+
+reml evaluate(const analysis& m, const dense& v) {
+    const std::size_t n = m.obs.size(), k = m.obs[0].x.size();
+    reml e;
+    dense x = zeros(n, k);
+    vec y(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        x[i] = m.obs[i].x;
+        y[i] = m.obs[i].y;
+    }
+    e.vinv = inverse(v);
+    const dense vx = product(e.vinv, x), xvx = product(transpose(x), vx);
+    const dense inv = k > 0 ? inverse(xvx) : dense{};
+    e.p = e.vinv;
+    if (k > 0) {
+        const dense w = product(vx, product(inv, transpose(vx)));
+        for (std::size_t i = 0; i < n; ++i)
+            for (std::size_t j = 0; j < n; ++j) e.p[i][j] -= w[i][j];
+        e.beta = times(inv, times(transpose(vx), y));
+    }
+    e.py = times(e.p, y);
+    e.logl = -0.5 * (log_det(v) + (k > 0 ? log_det(xvx) : 0.0) + dot(y, e.py));
+    return e;
+}
+
+double gradient(const reml& e, const dense& dv) {
+    return -0.5 * (trace_of_product(e.p, dv) - dot(e.py, times(dv, e.py)));
+}
+
+double information(const reml& e, const dense& dv, const dense& dw) {
+    return 0.5 * dot(times(dv, e.py), times(e.p, times(dw, e.py)));
+}
+
+dense blup(const analysis& m, const point& at, const reml& e, std::size_t k) {
+    const std::size_t nlev = m.a[k].size(), q = at.g[k].size();
+    dense zpy = zeros(nlev, q);
+    for (std::size_t i = 0; i < m.obs.size(); ++i)
+        if (m.obs[i].level[k] > 0)
+            for (std::size_t r = 0; r < q; ++r)
+                zpy[static_cast<std::size_t>(m.obs[i].level[k] - 1)][r] += m.obs[i].z[k][r] * e.py[i];
+    return product(product(m.a[k], zpy), at.g[k]);
+}
+
+} // namespace oracle

@@ -1,0 +1,61 @@
+// REML by dense algebra, written without the equations of the program: V, P and what follows from them.
+#pragma once
+#include <cstddef>
+#include <vector>
+
+namespace oracle {
+
+using dense = std::vector<std::vector<double>>;
+using vec = std::vector<double>;
+
+dense zeros(std::size_t n, std::size_t m);
+dense product(const dense& a, const dense& b);
+dense transpose(const dense& a);
+dense inverse(const dense& a);           // of a symmetric positive definite matrix
+double log_det(const dense& a);          // the same; not a number where it is not positive definite
+double trace_of_product(const dense& a, const dense& b);
+vec times(const dense& a, const vec& x);
+double dot(const vec& a, const vec& b);
+
+// Relationship matrix by the tabular method; parents 0 unknown, animals 1..n with parents first.
+dense tabular(const std::vector<int>& sire, const std::vector<int>& dam);
+
+// Observation: design row of the fixed part, level (from 1) and weights (kkfit) in each random effect, residual class and
+// control value.
+struct observation {
+    int trait = 1, subject = 0, age = 0, iclass = 1;
+    double y = 0.0;
+    vec x;
+    std::vector<int> level; // 0: not fitted
+    std::vector<vec> z;
+};
+
+struct analysis {
+    bool randreg = false;
+    std::vector<observation> obs;
+    std::vector<dense> a; // relationship matrix of each random effect
+};
+
+// Covariance matrices: r by residual class (the sum of residual and repeat matrix where there is one), b between records of
+// a subject, g of each random effect.
+struct point {
+    std::vector<dense> r;
+    dense b;
+    std::vector<dense> g;
+};
+
+dense variance(const analysis& m, const point& at);
+
+struct reml {
+    double logl = 0.0;
+    dense vinv, p;
+    vec py, beta;
+};
+reml evaluate(const analysis& m, const dense& v);
+
+double gradient(const reml& e, const dense& dv);                   // d log L
+double information(const reml& e, const dense& dv, const dense& dw); // 0.5 y'P dV P dW P y
+// Predictions of random effect k: levels x kkfit.
+dense blup(const analysis& m, const point& at, const reml& e, std::size_t k);
+
+} // namespace oracle
