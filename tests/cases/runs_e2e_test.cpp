@@ -1,0 +1,157 @@
+// Kinds of run of the real program on the bundled examples.
+#include "support/fixture.h"
+#include "support/record_file.h"
+
+#include <filesystem>
+
+using namespace tarvex;
+
+namespace {
+
+class KindsOfRun : public tarvex_test {
+protected:
+    // The working directory as that of a bundled example.
+    void example(const std::string& name) {
+        namespace fs = std::filesystem;
+        for (const auto& file : fs::directory_iterator(std::string(TVX_SOURCE_DIR) + "/examples/" + name))
+            fs::copy(file.path(), fs::current_path() / file.path().filename());
+    }
+    static std::string last_line(const std::string& output) {
+        const auto end = output.find_last_not_of('\n');
+        const auto from = output.rfind('\n', end);
+        return output.substr(from == std::string::npos ? 0 : from + 1,
+                             end == std::string::npos ? end : end - (from + 1) + 1);
+    }
+};
+
+TEST_F(KindsOfRun, NormalRunWritesAllReports) {
+    example("mt3");
+    const auto run = run_program({"mt3"});
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_EQ(last_line(run.output), "\"Tarvex\" done");
+    for (const char* report : {"SumEstimates.out", "SumModel.out", "SumPedigree.out", "FixSolutions.out",
+                               "RnSoln_animal.dat", "Residuals.dat", "BestPoint", "ListofCovs", "Iterates"})
+        EXPECT_TRUE(file_exists(report)) << report;
+}
+
+TEST_F(KindsOfRun, SetupStopsBeforeEstimation) {
+    example("textbook_uni");
+    const auto run = run_program({"--setup", "textbook_uni"});
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_NE(run.output.find("Set-up complete\n\"Tarvex\" has finished !\n"), std::string::npos);
+    EXPECT_FALSE(file_exists("SumEstimates.out"));
+    const auto terse = run_program({"--setup", "-t", "textbook_uni"});
+    EXPECT_EQ(last_line(terse.output), "\"Tarvex\" done");
+}
+
+TEST_F(KindsOfRun, BlupRunSaysBothThatItHasFinishedAndThatItIsDone) {
+    example("textbook_uni");
+    for (const auto& arguments :
+         {std::vector<std::string>{"--blup", "textbook_uni"}, {"-v", "--blup", "textbook_uni"}}) {
+        const auto run = run_program(arguments);
+        EXPECT_EQ(run.status, 0) << run.output;
+        EXPECT_TRUE(run.output.ends_with("\"Tarvex\" has finished !\n\"Tarvex\" done\n")) << run.output;
+    }
+    EXPECT_FALSE(file_exists("SumEstimates.out"));
+}
+
+TEST_F(KindsOfRun, BestPointNeedsNoData) {
+    example("textbook_uni");
+    ASSERT_EQ(run_program({"--aireml1", "textbook_uni"}).status, 0);
+    std::filesystem::remove("data.dat");
+    std::filesystem::remove("ped.dat");
+    std::filesystem::remove("SumEstimates.out");
+    const auto run = run_program({"--simul", "--setup", "--blup", "--best", "textbook_uni"}); // beats all other kinds
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_NE(read_file("BestSoFar.out").find(" No. of records         =      0\n"), std::string::npos);
+    EXPECT_FALSE(file_exists("SumEstimates.out"));
+}
+
+TEST_F(KindsOfRun, SimulationEndsTheRunBeforeSetup) {
+    example("textbook_uni");
+    const auto run = run_program({"--setup", "--blup", "--simul", "textbook_uni"});
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_TRUE(file_exists("SimData001.dat"));
+    EXPECT_EQ(run.output.find("Set-up complete"), std::string::npos);
+}
+
+TEST_F(KindsOfRun, DetailsTellThatTheSetupIsComplete) {
+    example("textbook_uni");
+    const auto run = run_program({"-d", "--aireml1", "textbook_uni"});
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_NE(run.output.find("Set-up complete\n"), std::string::npos);
+}
+
+TEST_F(KindsOfRun, NrmWithoutPedigreeFileIsAFault) {
+    example("textbook_uni");
+    std::string text = read_file("textbook_uni.par");
+    const auto at = text.find("PED ped.dat\n");
+    write_file("textbook_uni.par", text.erase(at, 12));
+    const auto run = run_program({"textbook_uni"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.output.find(" ... file doesn't seem to exist !\n"), std::string::npos) << run.output;
+}
+
+TEST_F(KindsOfRun, ChangedDataAreSeenByTheNextRun) {
+    example("textbook_uni");
+    ASSERT_EQ(run_program({"--blup", "textbook_uni"}).status, 0);
+    const std::string before = read_file("RnSoln_animal.dat");
+    std::string data = read_file("data.dat");
+    const auto at = data.find("4.5");
+    ASSERT_NE(at, std::string::npos);
+    write_file("data.dat", data.replace(at, 3, "7.5"));
+    ASSERT_EQ(run_program({"--blup", "textbook_uni"}).status, 0);
+    EXPECT_NE(read_file("RnSoln_animal.dat"), before);
+}
+
+TEST_F(KindsOfRun, WindowsLineEndsAndTabsGiveTheSameSolutions) {
+    example("textbook_uni");
+    ASSERT_EQ(run_program({"--blup", "textbook_uni"}).status, 0);
+    const std::string before = read_file("RnSoln_animal.dat");
+    for (const char* name : {"textbook_uni.par", "data.dat", "ped.dat"}) {
+        std::string text;
+        for (char c : read_file(name)) text += c == '\n' ? "\r\n" : c == ' ' ? "\t" : std::string(1, c);
+        write_file(name, text.substr(0, text.size() - 2));
+    }
+    const auto run = run_program({"--blup", "textbook_uni"});
+    ASSERT_EQ(run.status, 0) << run.output;
+    EXPECT_EQ(read_file("RnSoln_animal.dat"), before);
+}
+
+TEST_F(KindsOfRun, ContinuationGoesOnFromTheBestPoint) {
+    example("mt3");
+    ASSERT_EQ(run_program({"--aireml2", "mt3"}).status, 0);
+    const auto run = run_program({"-c", "mt3"});
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_NE(run.output.find("AIREML has converged"), std::string::npos) << run.output;
+    const std::string report = read_file("SumEstimates.out");
+    std::filesystem::remove("BestPoint");
+    ASSERT_EQ(run_program({"mt3"}).status, 0); // in one go
+    const auto log_l = [](const std::string& text) {
+        return std::stod(text.substr(text.find("Maximum log L") + 26, 18));
+    };
+    EXPECT_NEAR(log_l(report), log_l(read_file("SumEstimates.out")), 1e-3);
+}
+
+TEST_F(KindsOfRun, ReportsNameTheReducedPedigree) {
+    example("mt3");
+    ASSERT_EQ(run_program({"--setup", "mt3"}).status, 0);
+    EXPECT_NE(read_file("SumModel.out").find(" Pedigree file          :   \"ReducedPedFile.dat\"\n"),
+              std::string::npos);
+}
+
+TEST_F(KindsOfRun, SmallProblemsRunAiRemlWhateverHasNotSetTheAlgorithm) {
+    example("textbook_uni");
+    EXPECT_NE(run_program({"--pownew", "textbook_uni"}).output.find("AI iterate"), std::string::npos);
+    const auto none = run_program({"--simplex", "textbook_uni"});
+    EXPECT_EQ(none.status, 0) << none.output;
+    EXPECT_EQ(none.output.find("AI iterate     1"), std::string::npos) << none.output;
+}
+
+TEST_F(KindsOfRun, TerseRunsShowNoTimes) {
+    example("textbook_uni");
+    EXPECT_EQ(run_program({"-t", "--aireml2", "textbook_uni"}).output.find("***Time:"), std::string::npos);
+    EXPECT_NE(run_program({"-v", "--aireml2", "textbook_uni"}).output.find("***Time:"), std::string::npos);
+}
+
+} // namespace
