@@ -34,7 +34,7 @@ void numeric_store() {
 void setup4mmm() {
     numeric_store();
     if (options.details) print_list(screen(), "maxlnz", sparse.maxlnz);
-    solutions.nsolerrs = 0;
+    solutions.nsolerrs = options.blup ? 1 : 0;
 }
 
 void resize_store() {

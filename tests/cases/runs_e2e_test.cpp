@@ -3,6 +3,7 @@
 #include "support/record_file.h"
 
 #include <filesystem>
+#include <sstream>
 
 using namespace tarvex;
 
@@ -150,8 +151,23 @@ TEST_F(KindsOfRun, SmallProblemsRunAiRemlWhateverHasNotSetTheAlgorithm) {
 
 TEST_F(KindsOfRun, TerseRunsShowNoTimes) {
     example("textbook_uni");
-    EXPECT_EQ(run_program({"-t", "--aireml2", "textbook_uni"}).output.find("***Time:"), std::string::npos);
-    EXPECT_NE(run_program({"-v", "--aireml2", "textbook_uni"}).output.find("***Time:"), std::string::npos);
+    EXPECT_EQ(run_program({"-t", "--blup", "textbook_uni"}).output.find("***Time:"), std::string::npos);
+    EXPECT_NE(run_program({"-v", "--blup", "textbook_uni"}).output.find("***Time:"), std::string::npos);
+}
+
+// Diagonals of the inverse coefficient matrix as published with the example; the residual variance is 40.
+TEST_F(KindsOfRun, BlupRunGivesPublishedStandardErrorsAndAccuracies) {
+    example("textbook_uni");
+    ASSERT_EQ(run_program({"--blup", "textbook_uni"}).status, 0);
+    std::istringstream lines(read_file("RnSoln_animal.dat"));
+    for (double diagonal : {0.471, 0.492, 0.456, 0.428, 0.428, 0.442, 0.442, 0.422}) {
+        int level = 0, code = 0, trait = 0;
+        double solution = 0.0, error = 0.0, accuracy = 0.0;
+        ASSERT_TRUE(lines >> level >> code >> trait >> solution >> error >> accuracy);
+        EXPECT_NEAR(error * error / 40.0, diagonal, 0.0006);
+        EXPECT_NEAR(accuracy * accuracy, 1.0 - 2.0 * error * error / 40.0, 0.001);
+    }
+    EXPECT_NE(read_file("FixSolutions.out").find("S.Error"), std::string::npos);
 }
 
 } // namespace
