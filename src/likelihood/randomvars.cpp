@@ -49,6 +49,39 @@ void invert_diagonal(int irand, const array<double>& cc) {
     randomvars.detg(irand) = detg;
 }
 
+// Inverse of a positive definite matrix through its factor, to full precision, into block irand; false: not definite.
+bool invert_by_factor(int irand, const array<double, 2>& a, double& logdet) {
+    const int n = model.kkfit(irand);
+    array<double, 2> l, inverse; // lower factor, and its inverse
+    l.allocate(n, n);
+    inverse.allocate(n, n);
+    logdet = 0.0;
+    for (int j = 1; j <= n; ++j)
+        for (int i = j; i <= n; ++i) {
+            double s = a(i, j);
+            for (int k = 1; k < j; ++k) s -= l(i, k) * l(j, k);
+            if (i == j && !(s > 0.0)) return false;
+            l(i, j) = i == j ? std::sqrt(s) : s / l(j, j);
+        }
+    for (int j = 1; j <= n; ++j) {
+        logdet += 2.0 * std::log(l(j, j));
+        for (int i = j; i <= n; ++i) {
+            double s = i == j ? 1.0 : 0.0;
+            for (int k = j; k < i; ++k) s -= l(i, k) * inverse(k, j);
+            inverse(i, j) = s / l(i, i);
+        }
+    }
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) {
+            double s = 0.0;
+            for (int k = j; k <= n; ++k) s += inverse(k, i) * inverse(k, j);
+            randomvars.zig(i, j, irand) = randomvars.zig(j, i, irand) = s;
+        }
+    return true;
+}
+
+// Eigenvalues tell whether the matrix is deficient. They carry off-diagonals of up to 1e-6 as errors, too much for an
+// inverse: that of a matrix of full rank comes from the factor.
 void invert_full(int irand, const array<double>& cc) {
     const int n = model.kkfit(irand);
     array<double, 2> a, vectors;
@@ -59,6 +92,8 @@ void invert_full(int irand, const array<double>& cc) {
     int nzero = 0;
     eigem(a, eig, vectors, n, 100.0 * numbers.zero, nzero);
     double detg = 0.0;
+    randomvars.deficient(irand) = nzero > 0 ? 1 : 0;
+    if (nzero == 0 && invert_by_factor(irand, a, randomvars.detg(irand))) return;
     for (int k = 1; k <= n - nzero; ++k) detg += std::log(eig(k));
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j) {
@@ -67,7 +102,6 @@ void invert_full(int irand, const array<double>& cc) {
             randomvars.zig(i, j, irand) = randomvars.zig(j, i, irand) = s;
         }
     randomvars.detg(irand) = detg;
-    randomvars.deficient(irand) = nzero > 0 ? 1 : 0;
 }
 
 void ginv_muv(array<double>& parvec, int& ifail) {
