@@ -7,6 +7,7 @@
 #include "control/tvxroutines.h"
 #include "data/pedigreelist.h"
 #include "parfile/mudmap.h"
+#include "relations/inbreeding.h"
 #include "relations/nrminverse.h"
 #include "support/record_file.h"
 
@@ -24,6 +25,15 @@ void need_inbreeding(int irun) {
     if (nrminverse.ifin.allocated() && irun <= nrminverse.ifin.upper() && nrminverse.ifin(irun) != 0) return;
     screen().line("Inbreeding coefficients not set - cannot calculate NRM ");
     stop_with("... try deleting any \"nrminvers*.bin\" files ... ");
+}
+
+// Coefficients of a pedigree whose inverse was taken over from an earlier run.
+void restore_inbreeding(int irun) {
+    if (!nrminverse.ifin.allocated() || irun > nrminverse.ifin.upper()) need_inbreeding(irun);
+    if (nrminverse.ifin(irun) != 0) return;
+    const std::vector<double> f = inbreeding(pedigreelist.sire(irun), pedigreelist.dam(irun));
+    for (std::size_t i = 0; i < f.size(); ++i) nrminverse.inbreed(static_cast<int>(i) + 1, irun) = f[i];
+    nrminverse.ifin(irun) = 1;
 }
 
 double mendelian(int irun, int ian) {
@@ -113,7 +123,7 @@ void cholnrm_animal() {
 }
 
 void nrm_product(int irun, const std::vector<double>& x, std::vector<double>& y) {
-    need_inbreeding(irun);
+    restore_inbreeding(irun);
     const auto& sire = pedigreelist.sire(irun);
     const auto& dam = pedigreelist.dam(irun);
     const int nan = pedigreelist.nannew(irun);
