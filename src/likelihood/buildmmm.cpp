@@ -100,7 +100,7 @@ bool scatter(const subject_design& d, const local_matrix& w, place_cursor& place
             xspars(p) += w.a[k];
         }
         diag(i) += w.a[k++];
-        xspars(sparse.ixvec1(i + 1) - 1) += w.b[at(l)];
+        sparse.xrhs(i) += w.b[at(l)];
     }
     diag(numbers.nsrow) += w.yy;
     return true;
@@ -109,7 +109,7 @@ bool scatter(const subject_design& d, const local_matrix& w, place_cursor& place
 void mmm_data(int& iflag) {
     local_matrix w;
     subject_stream stream;
-    place_cursor place(places.subjects);
+    place_cursor place(places.subjects, sparse.xspars);
     part_splitter parts(stream);
     design_part part;
     if (options.randreg) residualvars.detres(1) = 0.0;
@@ -133,6 +133,12 @@ void mmm_data(int& iflag) {
     place.finish();
 }
 
+// The right-hand sides go to the last element of each row.
+void xrhs2spar() {
+    for (int i = 1; i < numbers.nsrow; ++i)
+        if (sparse.xrhs(i) != 0.0) sparse.xspars(sparse.ixvec1(i + 1) - 1) = sparse.xrhs(i);
+}
+
 [[noreturn]] void no_place(int a, int b) {
     const auto original = [](int e) { return e > 0 ? orders.ieqold(e) : 0; };
     print_list(screen(), "***** ERROR : cannot locate element in compressed array");
@@ -152,7 +158,7 @@ struct block_adder {
 
     explicit block_adder(int ir)
         : irand(ir), n(nfit(ir)), diagonal_links(links_diagonal(ir)), eq(&orders.ieqnew(mmequations.rn_start(ir) + 1)),
-          place(places.blocks[at(ir - 1)]) {
+          place(places.blocks[at(ir - 1)], sparse.xspars) {
         ww.resize(at(n) * at(n));
         for (int r = 0; r < n; ++r)
             for (int s = 0; s < n; ++s)
@@ -205,7 +211,7 @@ void mmm_peds_muv(int& iflag) {
 
 } // namespace
 
-place_cursor::place_cursor(place_store& store) : store_(store) {
+place_cursor::place_cursor(place_store& store, const array<double>& values) : store_(store), values_(values.data()) {
     if (store.nsymb != orders.nsymb) store = place_store{orders.nsymb, false, false, {}};
     reading_ = store.complete;
     if (!reading_) std::vector<int>().swap(store.place);
@@ -245,15 +251,11 @@ void build_mmm(int& iflag) {
     if (model.anal_type < 1 || model.anal_type > 4) stop("error mmm_data");
     sparse.diag.fill(0.0);
     sparse.xspars.fill(0.0);
+    if (sparse.xrhs.size() != numbers.nsrow) allocate("alloc sparse", sparse.xrhs, numbers.nsrow);
+    sparse.xrhs.fill(0.0);
     mmm_data(iflag);
     if (iflag) return;
-    if (options.pxem && options.emalgorithm && !options.principal) {
-        sparse.diag_data = sparse.diag;
-        sparse.xspars_data = sparse.xspars;
-    } else {
-        sparse.diag_data.deallocate();
-        sparse.xspars_data.deallocate();
-    }
+    xrhs2spar();
     mmm_peds_muv(iflag);
 }
 

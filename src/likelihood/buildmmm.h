@@ -3,9 +3,6 @@
 #include "support/array.h"
 
 #include <cstddef>
-#include <cstdint>
-#include <functional>
-#include <span>
 #include <vector>
 
 namespace tarvex {
@@ -25,26 +22,31 @@ struct places_module {
 };
 inline places_module places;
 
-// Hands out the places of a pass. All passes over the same store must ask for the same pairs in the same order.
+// Hands out the places of a pass. All passes over the same store must ask for the same pairs in the same order. `values`
+// is the array (over places from 1) that the pass works on: elements are called into the cache some places ahead.
 class place_cursor {
 public:
-    explicit place_cursor(place_store& store);
+    place_cursor(place_store& store, const array<double>& values);
     int operator()(int a, int b) {
-        if (reading_ && at_ < store_.place.size()) return store_.place[at_++];
-        return find(a, b);
+        if (!reading_ || at_ >= store_.place.size()) return find(a, b);
+        const std::size_t next = at_ + ahead < store_.place.size() ? at_ + ahead : at_;
+        __builtin_prefetch(values_ + store_.place[next]);
+        return store_.place[at_++];
     }
     void finish(); // the pass has met all pairs
 
 private:
+    static constexpr std::size_t ahead = 24;
     int find(int a, int b);
     place_store& store_;
+    const double* values_;
     std::size_t at_ = 0;
     bool reading_ = false;
 };
 
 // Fills sparse.diag, xspars for the current eei (or residual classes) and zig; element (i,nsrow) holds the right-hand side
 // of equation i, diag(nsrow) y'R^-1 y. Sets randomvars.detl and, in random regression analyses, residualvars.detres(1).
-// Keeps the matrix of the data alone in PX-EM rounds. iflag 1: an element has no place in the structure.
+// iflag 1: an element has no place in the structure.
 void build_mmm(int& iflag);
 
 // Place in xspars of element (a,b) of two different rows (new numbering), 0 if the structure has none. Bisection.

@@ -4,6 +4,7 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "equations/sparse.h"
+#include "likelihood/likelihood.h"
 #include "likelihood/supernodes.h"
 #include "likelihood/warnfix.h"
 #include "support/screen.h"
@@ -100,6 +101,7 @@ void factorise_mmm(double& detc, double& ypy, int& ifail) {
     double pivot = 0.0;
     ifail = 0;
     const int irow = supernodes_wanted() ? factorise_supernodes(pivot) : factorise_columns(pivot);
+    likelihoods.failrow = irow;
     if (irow != 0) {
         print_list(screen(), "invalid pivot - at row", irow, pivot, sparse.diag(irow));
         if (options.mmmposdef) report_indefinite(irow);

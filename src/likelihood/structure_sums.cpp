@@ -98,7 +98,7 @@ void structure_sums(int irand, const pattern_values& x, array<double, 2>& t) {
     t.allocate(n, n);
     if (levels.rn_nlev(irand) < 1) return;
     places.blocks.resize(at(numbers.krand));
-    place_cursor place(places.blocks[at(irand - 1)]);
+    place_cursor place(places.blocks[at(irand - 1)], x.fo);
     const bool diagonal_links = links_diagonal(irand);
     const int* eq = &orders.ieqnew(mmequations.rn_start(irand) + 1);
     inverse_stream elements(irand);
@@ -114,7 +114,7 @@ void walk_products(const pattern_values& x, bool with_effects,
     local_values w;
     part_products products;
     subject_stream stream(with_effects);
-    place_cursor place(places.subjects);
+    place_cursor place(places.subjects, x.fo);
     part_splitter parts(stream);
     design_part part;
     while (stream.next())
