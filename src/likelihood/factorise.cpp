@@ -14,8 +14,6 @@
 
 namespace tarvex {
 
-void write_warnfix(int irow) __attribute__((weak));
-
 namespace {
 
 // Work of the column kernel, kept between calls.
@@ -39,7 +37,7 @@ bool repair_pivot(int j, double& diagj) {
 [[noreturn]] void report_indefinite(int irow) {
     screen().line("***** ERROR in sparse matrix factorisation ");
     screen().line("      mixed model matrix is not positive definite !!!");
-    if (options.first && write_warnfix) write_warnfix(irow);
+    if (options.first) write_warnfix(irow);
     stoptarvex();
 }
 

@@ -1,10 +1,12 @@
 // Factor, solutions, sparse inverse and derivatives of the factorisation against dense algebra, by every kernel.
 #include "control/options.h"
 #include "estimation/autodiff.h"
+#include "likelihood/dense_kernels.h"
 #include "likelihood/factorise.h"
 #include "likelihood/forward.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
+#include "likelihood/supernodes.h"
 #include "likelihood/takahashi.h"
 #include "support/fixture.h"
 #include "support/sparse_systems.h"
@@ -306,6 +308,126 @@ TEST_P(all_kernels, pivot_equal_to_the_limit_is_accepted) {
     factorise_mmm(detc, ypy, ifail);
     EXPECT_EQ(ifail, 0);
     EXPECT_DOUBLE_EQ(sparse.diag(2), std::sqrt(numbers.zero));
+}
+
+// Blocks of equations, wide enough for packed products, that share the equations behind them.
+sparse_pattern wide_blocks(int width1, int width2, int shared) {
+    const int n = width1 + width2 + shared;
+    sparse_pattern p(n + 1);
+    for (int i = 1; i <= n; ++i) {
+        const int end = i <= width1 ? width1 : i <= width1 + width2 ? width1 + width2 : n;
+        for (int j = i + 1; j <= end; ++j) p[i].push_back(j);
+        if (end < n)
+            for (int j = width1 + width2 + 1; j <= n; ++j) p[i].push_back(j);
+    }
+    return p;
+}
+
+struct instruction_sets : kernel_test, testing::WithParamInterface<std::string> {
+    void SetUp() override {
+        kernels.choice = kernel_kind::supernodes;
+        if (!set_instruction_set(GetParam().c_str())) GTEST_SKIP() << "not on this processor";
+    }
+    ~instruction_sets() override { set_instruction_set(""); }
+};
+
+TEST_P(instruction_sets, small_systems) {
+    for (int n : {2, 7, 24, 53, 100}) {
+        make_system(full_pattern(n), n);
+        check_all();
+        make_system(random_pattern(n, 3, n), n);
+        check_all();
+    }
+}
+
+TEST_P(instruction_sets, wide_supernodes) {
+    make_system(wide_blocks(143, 170, 187), 11);
+    check_all();
+}
+
+TEST_P(instruction_sets, a_large_sparse_system_agrees_with_the_column_kernel) {
+    tolerance = 1e-9;
+    make_system(random_pattern(900, 2, 12), 12);
+    array<double> fd, fo, fd2, fo2;
+    double detc = 0.0, ypy = 0.0, detc2 = 0.0, ypy2 = 0.0;
+    int ifail = 0;
+    const auto diag = sparse.diag, off = sparse.xspars;
+    factorise_mmm(detc, ypy, ifail);
+    autodiff_1(fd, fo);
+    sparse.diag = diag;
+    sparse.xspars = off;
+    kernels.choice = kernel_kind::columns;
+    factorise_mmm(detc2, ypy2, ifail);
+    autodiff_1(fd2, fo2);
+    EXPECT_NEAR(detc, detc2, 1e-11 * std::fabs(detc2));
+    EXPECT_NEAR(ypy, ypy2, 1e-11 * ypy2);
+    for (int i = 1; i <= numbers.nsrow; ++i) expect_near(fd(i), fd2(i), 1.0, "F", i, i);
+    for (int q = 1; q <= sparse.maxlnz; ++q) expect_near(fo(q), fo2(q), 1.0, "F", q, 0);
+}
+
+TEST_P(instruction_sets, failing_pivot_in_a_wide_supernode) {
+    for (int bad : {1, 60, 143, 200, 313, 400, 499}) {
+        make_system(wide_blocks(143, 170, 187), 13);
+        sparse.diag(bad) = -1.0;
+        double detc = 0.0, ypy = 0.0;
+        int ifail = 0;
+        clear_screen();
+        factorise_mmm(detc, ypy, ifail);
+        EXPECT_EQ(screen_text().find("invalid pivot - at row " + std::to_string(bad) + " "), 0u) << screen_text();
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(kernels, instruction_sets, testing::Values("baseline", "avx2", "avx512"),
+                         [](const auto& p) { return p.param; });
+
+TEST_F(kernel_test, unknown_instruction_set_is_refused) {
+    const std::string before = dense_kernels().name;
+    EXPECT_FALSE(set_instruction_set("none"));
+    EXPECT_EQ(dense_kernels().name, before);
+}
+
+TEST_F(kernel_test, another_structure_is_noticed_without_being_told) {
+    kernels.choice = kernel_kind::supernodes;
+    for (unsigned seed : {1u, 2u, 3u}) { // same order, other patterns
+        make_system(random_pattern(50, 2, seed), seed);
+        check_all();
+    }
+    supernodes_drop();
+    make_system(random_pattern(50, 2, 1), 9);
+    check_all();
+}
+
+TEST_F(kernel_test, kernel_is_chosen_by_the_work_for_each_element) {
+    make_system(sparse_pattern(30), 1);
+    EXPECT_FALSE(supernodes_wanted());
+    make_system(full_pattern(700), 1);
+    EXPECT_TRUE(supernodes_wanted());
+    kernels.choice = kernel_kind::columns;
+    EXPECT_FALSE(supernodes_wanted());
+}
+
+TEST_F(kernel_test, progress_lines) {
+    const int n = 40001;
+    make_system(sparse_pattern(n + 1), 1);
+    for (auto kind : {kernel_kind::columns, kernel_kind::supernodes}) {
+        kernels.choice = kind;
+        store_values(sparse_pattern(n + 1), 1);
+        double detc = 0.0, ypy = 0.0;
+        int ifail = 0;
+        array<double> fd, fo;
+        options.verbose = true;
+        options.terse = false;
+        clear_screen();
+        factorise_mmm(detc, ypy, ifail);
+        EXPECT_EQ(screen_text(), "Factorise MMM 20000\nFactorise MMM 40000\n");
+        clear_screen();
+        options.verbose = false;
+        autodiff_1(fd, fo);
+        EXPECT_EQ(screen_text(), "AutoDiff 40000 40001\nAutoDiff 20000 40001\n");
+        clear_screen();
+        takaha_inverse();
+        EXPECT_EQ(screen_text(), "SparseInv 20000 40000\n");
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(kernels, all_kernels, testing::Values("columns", "supernodes"),
