@@ -186,7 +186,7 @@ int main(int argc, char** argv) {
                 "update matrices %.0f MB, inverse %.0f MB; kernels %s\n",
                 argv[0], numbers.nsrow, sparse.maxlnz, 1e-6 * factor_operations(), factor_operations() / sparse.maxlnz,
                 tree.parent.size(), tree.rows, tree.width, 8e-6 * static_cast<double>(tree.triangles[0] + tree.triangles[1]),
-                8e-6 * static_cast<double>(tree.squares[0] + tree.squares[1]), dense_kernels().name);
+                8e-6 * static_cast<double>(tree.inverse), dense_kernels().name);
     if (compare) compare_kernels();
     const bool big = factor_operations() > 2e9;
     add("factor/cholmod", 5, cholmod);

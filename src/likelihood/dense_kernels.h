@@ -10,6 +10,7 @@
 namespace tarvex {
 
 constexpr int lane = 8;   // rows are padded to the longest vector of doubles
+constexpr int wide = 240; // columns of a supernode worked on at a time; a multiple of block
 constexpr int block = 48; // columns of a block; a multiple of the tile heights of all instruction sets
 
 constexpr std::ptrdiff_t padded(std::ptrdiff_t rows) { return (rows + lane - 1) / lane * lane; }
@@ -37,8 +38,12 @@ struct dense_kernels_table {
     // C (m x n) from A (m x k) and B (n x k).
     void (*product)(store_mode mode, int m, int n, int k, const double* a, std::ptrdiff_t lda, const double* b,
                     std::ptrdiff_t ldb, double* c, std::ptrdiff_t ldc);
-    // Triangle u (m x m, column blocks) = -A A', A (m x k). Lower half; anything may be left above the diagonal.
-    void (*minus_square)(int m, int k, const double* a, std::ptrdiff_t lda, double* u);
+    // Triangle u (m x m, column blocks) = -A A', A (m x k), or -= with mode subtract. Lower half; anything may be left
+    // above the diagonal.
+    void (*minus_square)(store_mode mode, int m, int k, const double* a, std::ptrdiff_t lda, double* u);
+    // C (m x n) = -U B' for the symmetric matrix whose triangle is u, B (n x m), n <= 480.
+    void (*minus_symmetric)(int m, int n, const double* u, const double* b, std::ptrdiff_t ldb, double* c,
+                            std::ptrdiff_t ldc);
     // Panel of m rows and w columns, m >= w: the Cholesky factor of its first w rows, and the solution X of X L' = P below
     // them. Columns take lane further rows below m. Returns the first column whose pivot is not at least `limit`, with
     // this pivot, w if there is none; columns from there on are not to be used.
@@ -49,8 +54,8 @@ struct dense_kernels_table {
     void (*transpose)(int m, int n, const double* a, std::ptrdiff_t lda, double* t, std::ptrdiff_t ldt);
     // dst(place(i)) += src(i), i from..m-1; place ascends, runs(i) is the number of rows from i on that stay together.
     void (*add_rows)(int from, int m, const int* place, const int* runs, const double* src, double* dst);
-    // dst(i) = src(place(i)), i = 0..m-1.
-    void (*take_rows)(int m, const int* place, const int* runs, const double* src, double* dst);
+    // dst(i) = src(place(i)), i = from..m-1.
+    void (*take_rows)(int from, int m, const int* place, const int* runs, const double* src, double* dst);
     // Row r of x (16 a row) -= l(q) s, for q = 0..m-1, r = rows(q)-1; and s -= sum of l(q) times row r.
     void (*spread_rows)(int m, const int* rows, const double* l, const double* s, double* x);
     void (*collect_rows)(int m, const int* rows, const double* l, double* s, const double* x);

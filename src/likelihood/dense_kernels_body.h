@@ -149,7 +149,12 @@ void product_unpacked(store_mode mode, int m, int n, int k, const double* a, pla
 
 void product(store_mode mode, int m, int n, int k, const double* a, place_t lda, const double* b, place_t ldb, double* c,
              place_t ldc) {
-    if (static_cast<place_t>(m) * k <= small || n <= tile_width) {
+    if (n <= block && k <= 2 * depth) { // too few columns to repay packing: pieces of A that stay in the cache
+        const int rows = least(m, static_cast<int>(small / (k > 0 ? k : 1)) / tile_height * tile_height);
+        for (int i = 0; i < m; i += rows) product_unpacked(mode, least(rows, m - i), n, k, a + i, lda, b, ldb, c + i, ldc);
+        return;
+    }
+    if (static_cast<place_t>(m) * k <= small) {
         product_unpacked(mode, m, n, k, a, lda, b, ldb, c, ldc);
         return;
     }
@@ -172,12 +177,12 @@ void product(store_mode mode, int m, int n, int k, const double* a, place_t lda,
     }
 }
 
-void minus_square(int m, int k, const double* a, place_t lda, double* u) {
+void minus_square(store_mode first, int m, int k, const double* a, place_t lda, double* u) {
     if (static_cast<place_t>(m) * k <= small) {
         for (int j = 0; j < m; j += tile_width) {
             const int i0 = j / tile_height * tile_height, b = j / block * block;
             double* c = triangle_column(u, m, j);
-            strip(store_mode::set_minus, m - i0, least(tile_width, m - j), k, a + i0, lda, false, a + j, lda, c + i0,
+            strip(first, m - i0, least(tile_width, m - j), k, a + i0, lda, false, a + j, lda, c + i0,
                   padded(m) - b);
         }
         return;
@@ -186,7 +191,7 @@ void minus_square(int m, int k, const double* a, place_t lda, double* u) {
         const int nc = least(chunk_cols, m - jc);
         for (int pc = 0; pc < k; pc += depth) {
             const int kc = least(depth, k - pc);
-            const store_mode mode = pc == 0 ? store_mode::set_minus : store_mode::subtract;
+            const store_mode mode = pc == 0 ? first : store_mode::subtract;
             pack_b(nc, kc, a + jc + pc * lda, lda);
             for (int ic = jc; ic < m; ic += chunk_rows) {
                 const int mc = least(chunk_rows, m - ic), end = least(nc, ic + mc - jc);
@@ -197,6 +202,62 @@ void minus_square(int m, int k, const double* a, place_t lda, double* u) {
                     strip(mode, mc - skip, nr, kc, packed_a + static_cast<place_t>(skip) * kc, 0, true,
                           packed_b + static_cast<place_t>(j) * kc, nr, triangle_column(u, m, jj) + ic + skip,
                           padded(m) - jj / block * block);
+                }
+            }
+        }
+    }
+}
+
+alignas(64) double expanded[chunk_rows * column_distance(chunk_rows) + lane];
+constexpr place_t expanded_distance = column_distance(chunk_rows);
+
+// Rows pc..pc+kc-1, columns ic..ic+mc-1 of the triangle u, ic <= pc, as columns of their transpose; the part of a
+// diagonal piece that is not stored is filled in.
+void expand(const double* u, place_t m, int ic, int mc, int pc, int kc) {
+    constexpr int step = 8; // columns taken together, whole in a column block
+    for (int j = 0; j < mc; j += step) {
+        const int n = least(step, mc - j);
+        const double* col = triangle_column(u, m, ic + j) + pc;
+        const place_t ld = padded(m) - (ic + j) / block * block;
+        int p = 0;
+        if (ic == pc) {
+            for (int q = 0; q < n; ++q)
+                for (p = j + q; p < kc; ++p) expanded[p + (j + q) * expanded_distance] = col[p + q * ld];
+            for (p = j; p < least(j + n, kc); ++p)
+                for (int q = 0; q <= p - j; ++q) expanded[j + q + p * expanded_distance] = col[p + q * ld];
+        }
+        if (n == step)
+            for (; p < kc; ++p)
+                for (int q = 0; q < step; ++q) expanded[j + q + p * expanded_distance] = col[p + q * ld];
+        else
+            for (; p < kc; ++p)
+                for (int q = 0; q < n; ++q) expanded[j + q + p * expanded_distance] = col[p + q * ld];
+    }
+}
+
+void minus_symmetric(int m, int n, const double* u, const double* b, place_t ldb, double* c, place_t ldc) {
+    for (int pc = 0; pc < m; pc += chunk_rows) {
+        const int kc = least(chunk_rows, m - pc);
+        const store_mode mode = pc == 0 ? store_mode::set_minus : store_mode::subtract;
+        pack_b(n, kc, b + pc * ldb, ldb);
+        for (int ic = 0; ic < m; ic += chunk_rows) {
+            const int mc = least(chunk_rows, m - ic);
+            if (ic <= pc) {
+                expand(u, m, ic, mc, pc, kc);
+                for (int j = 0; j < n; j += tile_width) {
+                    const int nr = least(tile_width, n - j);
+                    strip(mode, mc, nr, kc, expanded, expanded_distance, false, packed_b + static_cast<place_t>(j) * kc, nr,
+                          c + ic + j * ldc, ldc);
+                }
+                continue;
+            }
+            for (int q = 0; q < kc; q += block) {
+                const int kb = least(block, kc - q);
+                const double* a = triangle_column(u, m, pc + q) + ic;
+                for (int j = 0; j < n; j += tile_width) {
+                    const int nr = least(tile_width, n - j);
+                    strip(q == 0 ? mode : store_mode::subtract, mc, nr, kb, a, padded(m) - pc - q, false,
+                          packed_b + static_cast<place_t>(j) * kc + q * nr, nr, c + ic + j * ldc, ldc);
                 }
             }
         }
@@ -321,8 +382,8 @@ void add_rows(int from, int m, const int* place, const int* runs, const double* 
     }
 }
 
-void take_rows(int m, const int* place, const int* runs, const double* src, double* dst) {
-    for (int i = 0; i < m;) {
+void take_rows(int from, int m, const int* place, const int* runs, const double* src, double* dst) {
+    for (int i = from; i < m;) {
         const int n = runs[i];
         const double* of = src + place[i];
         double* to = dst + i;
@@ -359,7 +420,7 @@ void collect_rows(int m, const int* rows, const double* l, double* s, const doub
 } // namespace
 
 extern const dense_kernels_table TVX_KERNELS;
-const dense_kernels_table TVX_KERNELS{TVX_NAME,     product,     minus_square, factor_panel, solve_right,
+const dense_kernels_table TVX_KERNELS{TVX_NAME,     product,     minus_square, minus_symmetric, factor_panel, solve_right,
                                       transpose,    add_rows,    take_rows,    spread_rows,  collect_rows};
 
 } // namespace tarvex

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <memory>
 #include <new>
+#include <vector>
 
 namespace tarvex {
 
@@ -19,28 +20,39 @@ struct free_aligned {
 using work_space = std::unique_ptr<double, free_aligned>;
 inline work_space make_space(std::ptrdiff_t size) {
     return work_space(static_cast<double*>(
-        ::operator new(static_cast<std::size_t>(size + lane) * sizeof(double), std::align_val_t{64})));
+        ::operator new(static_cast<std::size_t>(size + 2 * lane) * sizeof(double), std::align_val_t{64})));
 }
 
-// A supernode: columns col(0..width-1), `below` rows under them in list. Row `width` of a panel stands on a cache line,
-// hence the shift.
+// A supernode: columns col(0..width-1), `below` rows under them in list.
 struct front {
     const int* col;
     const int* list;
-    int width, below, shift;
+    int width, below;
     int rows() const { return width + below; }
-    int last() const { return col[width - 1]; }
 };
 inline front front_of(const supernode_tree& tree, int s) {
     front f{};
     f.col = tree.order.data() + tree.start[s];
     f.width = tree.start[s + 1] - tree.start[s];
-    f.below = rows_below(f.last());
-    f.list = f.below > 0 ? row_list(f.last()) : nullptr;
-    f.shift = (lane - f.width % lane) % lane;
+    f.below = rows_below(f.col[f.width - 1]);
+    f.list = f.below > 0 ? row_list(f.col[f.width - 1]) : nullptr;
     return f;
 }
-inline std::ptrdiff_t panel_distance(const front& f) { return column_distance(f.rows() + 2 * lane); }
+
+// Columns first..end-1 of a front as a panel: row i of column c, i >= first, at column(c)[i]. Row `end` stands on a cache
+// line.
+struct panel {
+    double* p;
+    std::ptrdiff_t ld;
+    int first, end;
+    double* column(int c) const { return p + (c - first) * ld - first; }
+};
+inline std::ptrdiff_t panel_size(int rows, int width) {
+    return std::min(width, wide) * column_distance(rows + 2 * lane) + lane;
+}
+inline panel make_panel(double* space, int rows, int first, int end) {
+    return {space + (lane - (end - first) % lane) % lane, column_distance(rows - first + 2 * lane), first, end};
+}
 
 // Where the rows of a front stand in it, by row of the system.
 inline void place_rows(const front& f, std::vector<int>& local) {
@@ -48,28 +60,24 @@ inline void place_rows(const front& f, std::vector<int>& local) {
     for (int i = 0; i < f.below; ++i) local[f.list[i]] = f.width + i;
 }
 
-// The columns of a supernode from the store into panel p (row 0 of column c at p + c*ld); zeros where the pattern has no
-// element, diagonals in place.
-inline void load_panel(const front& f, const std::vector<int>& local, double* p, std::ptrdiff_t ld) {
-    for (int c = 0; c < f.width; ++c, p += ld) {
-        const int j = f.col[c], count = rows_below(j);
-        const double* off = sparse.xspars.data() + sparse.ixvec1(j) - 1;
-        p[c] = sparse.diag(j);
-        if (count == f.rows() - 1 - c) {
-            std::copy_n(off, count, p + c + 1);
-            continue;
-        }
-        std::fill(p + c + 1, p + f.rows(), 0.0);
-        const int* list = row_list(j);
-        for (int q = 0; q < count; ++q) p[local[list[q]]] = off[q];
+// Column c of a front from the store: to[i] for row i >= c, zeros where the pattern has no element.
+inline void load_column(const front& f, int c, const std::vector<int>& local, double* to) {
+    const int j = f.col[c], count = rows_below(j);
+    const double* off = sparse.xspars.data() + sparse.ixvec1(j) - 1;
+    to[c] = sparse.diag(j);
+    if (count == f.rows() - 1 - c) {
+        std::copy_n(off, count, to + c + 1);
+        return;
     }
+    std::fill(to + c + 1, to + f.rows(), 0.0);
+    const int* list = row_list(j);
+    for (int q = 0; q < count; ++q) to[local[list[q]]] = off[q];
 }
 
-// place(i) = row of `into` for row i of the list of a child; runs(i) = number of rows from i on that stay together there.
-inline void match_rows(const int* list, int m, const std::vector<int>& local, int* place, int* runs) {
+// runs(i) = number of rows from i on whose places stay together.
+inline void find_runs(int m, const int* place, int* runs) {
     int run = 0;
     for (int i = m - 1; i >= 0; --i) {
-        place[i] = local[list[i]];
         run = i + 1 < m && place[i + 1] == place[i] + 1 ? run + 1 : 1;
         runs[i] = run;
     }

@@ -1,8 +1,6 @@
 // Multifrontal Cholesky factorisation over the supernodes.
 #include "likelihood/fronts.h"
 
-#include <algorithm>
-
 namespace tarvex {
 
 namespace {
@@ -10,7 +8,7 @@ namespace {
 struct factor_work {
     std::vector<int> local, place, runs; // rows of the front by row of the system; rows of a child in it
     std::vector<int> has_update;         // (ns) 1: an update matrix waits on the stack
-    work_space panel, stack[2];          // update matrices of the even and of the odd levels
+    work_space columns, stack[2];        // panel; update matrices of the even and of the odd levels
     double* top[2];                      // first free place of each stack
 };
 
@@ -18,8 +16,9 @@ int below_of(const supernode_tree& tree, int s) {
     return rows_below(tree.order[tree.start[s + 1] - 1]);
 }
 
-// Adds the children's update matrices to the panel's columns, or to the front's own update matrix u.
-void add_children(const supernode_tree& tree, int s, const front& f, factor_work& w, double* p, std::ptrdiff_t ld, double* u) {
+// Adds the children's update matrices to columns first..end-1 of front s; target(c)[i] is row i of its column c.
+template <class Target>
+void add_children(const supernode_tree& tree, int s, factor_work& w, int first, int end, Target target) {
     const dense_kernels_table& kernel = dense_kernels();
     double* at = w.top[1 - tree.level[s] % 2]; // the last child is on top; theirs lie in the order of the children
     for (int c = tree.child[s]; c >= 0; c = tree.sibling[c])
@@ -27,15 +26,13 @@ void add_children(const supernode_tree& tree, int s, const front& f, factor_work
     for (int c = tree.child[s]; c >= 0; c = tree.sibling[c]) {
         if (!w.has_update[c]) continue;
         const int m = below_of(tree, c);
-        match_rows(row_list(tree.order[tree.start[c + 1] - 1]), m, w.local, w.place.data(), w.runs.data());
-        const int split = static_cast<int>(std::lower_bound(w.place.begin(), w.place.begin() + m, f.width) - w.place.begin());
-        if (!u)
-            for (int j = 0; j < split; ++j)
-                kernel.add_rows(j, m, w.place.data(), w.runs.data(), triangle_column(at, m, j), p + w.place[j] * ld);
-        else
-            for (int j = split; j < m; ++j)
-                kernel.add_rows(j, m, w.place.data(), w.runs.data(), triangle_column(at, m, j),
-                                triangle_column(u, f.below, w.place[j] - f.width) - f.width);
+        const int* list = row_list(tree.order[tree.start[c + 1] - 1]);
+        int *place = w.place.data(), *runs = w.runs.data();
+        for (int i = 0; i < m; ++i) place[i] = w.local[list[i]];
+        find_runs(m, place, runs);
+        int j = static_cast<int>(std::lower_bound(place, place + m, first) - place);
+        for (; j < m && place[j] < end; ++j)
+            kernel.add_rows(j, m, place, runs, triangle_column(at, m, j), target(place[j]));
         at += triangle_size(m);
     }
 }
@@ -45,18 +42,70 @@ void drop_children(const supernode_tree& tree, int s, factor_work& w) {
         if (w.has_update[c]) w.top[1 - tree.level[s] % 2] -= triangle_size(below_of(tree, c));
 }
 
-void save_panel(const front& f, const std::vector<int>& local, const double* p, std::ptrdiff_t ld) {
-    for (int c = 0; c < f.width; ++c, p += ld) {
+void save_panel(const front& f, const std::vector<int>& local, const panel& p) {
+    for (int c = p.first; c < p.end; ++c) {
         const int j = f.col[c], count = rows_below(j);
+        const double* from = p.column(c);
         double* off = sparse.xspars.data() + sparse.ixvec1(j) - 1;
-        sparse.diag(j) = p[c];
+        sparse.diag(j) = from[c];
         if (count == f.rows() - 1 - c) {
-            std::copy_n(p + c + 1, count, off);
+            std::copy_n(from + c + 1, count, off);
             continue;
         }
         const int* list = row_list(j);
-        for (int q = 0; q < count; ++q) off[q] = p[local[list[q]]];
+        for (int q = 0; q < count; ++q) off[q] = from[local[list[q]]];
     }
+}
+
+// A front whose columns make one panel. Of the columns only the first `width` are wanted; returns the first that fails, or
+// width. The update matrix is left on the stack if all columns are good.
+int factor_narrow(const supernode_tree& tree, int s, const front& f, int width, factor_work& w, double& pivot) {
+    const dense_kernels_table& kernel = dense_kernels();
+    const panel p = make_panel(w.columns.get(), f.rows(), 0, f.width);
+    for (int c = 0; c < f.width; ++c) load_column(f, c, w.local, p.column(c));
+    add_children(tree, s, w, 0, f.width, [&](int c) { return p.column(c); });
+    const int good = kernel.factor_panel(f.rows(), width, p.p, p.ld, numbers.zero, pivot);
+    if (good < f.width) return good;
+    save_panel(f, w.local, p);
+    if (f.below == 0) return good;
+    double*& top = w.top[tree.level[s] % 2];
+    double* u = top;
+    top += triangle_size(f.below);
+    kernel.minus_square(store_mode::set_minus, f.below, f.width, p.p + f.width, p.ld, u);
+    add_children(tree, s, w, f.width, f.rows(), [&](int c) { return triangle_column(u, f.below, c - f.width) - f.width; });
+    w.has_update[s] = 1;
+    return good;
+}
+
+// A front of many columns, gathered in one triangle and factorised in pieces; what is left of it is the update matrix.
+int factor_wide(const supernode_tree& tree, int s, const front& f, int width, factor_work& w, double& pivot) {
+    const dense_kernels_table& kernel = dense_kernels();
+    const int empty = empty_columns(f.width), order = empty + f.rows();
+    double*& top = w.top[tree.level[s] % 2];
+    double* t = top;
+    auto column = [&](int c) { return triangle_column(t, order, empty + c) + empty; };
+    for (int c = 0; c < f.width; ++c) load_column(f, c, w.local, column(c));
+    double* rest = t + triangle_start(order, (empty + f.width) / block);
+    std::fill_n(rest, triangle_size(f.below), 0.0);
+    add_children(tree, s, w, 0, f.rows(), column);
+    for (int c = 0, end; c < width; c = end) {
+        end = std::min(f.width, c + wide - (c == 0 ? empty : 0));
+        const panel p = make_panel(w.columns.get(), f.rows(), c, end);
+        for (int k = c; k < end; ++k) std::copy_n(column(k) + k, f.rows() - k, p.column(k) + k);
+        const int want = std::min(end, width) - c;
+        const int good = kernel.factor_panel(f.rows() - c, want, p.p, p.ld, numbers.zero, pivot);
+        if (good < end - c) return c + good;
+        save_panel(f, w.local, p);
+        const int left = f.rows() - end;
+        if (left > 0)
+            kernel.minus_square(store_mode::subtract, left, end - c, p.p + end - c, p.ld,
+                                t + triangle_start(order, (empty + end) / block));
+    }
+    if (f.below == 0) return width;
+    std::copy_n(rest, triangle_size(f.below), t);
+    top += triangle_size(f.below);
+    w.has_update[s] = 1;
+    return width;
 }
 
 } // namespace
@@ -65,14 +114,13 @@ void save_panel(const front& f, const std::vector<int>& local, const double* p, 
 // failed front would have added is not missed.
 int factorise_supernodes(double& pivot) {
     const supernode_tree& tree = supernodes();
-    const dense_kernels_table& kernel = dense_kernels();
     const int ns = static_cast<int>(tree.parent.size());
     factor_work w;
     w.local.assign(numbers.nsrow + 1, 0);
     w.place.resize(tree.rows);
     w.runs.resize(tree.rows);
     w.has_update.assign(ns, 0);
-    w.panel = make_space(tree.panel);
+    w.columns = make_space(panel_size(tree.rows, tree.width));
     for (int i = 0; i < 2; ++i) {
         w.stack[i] = make_space(tree.triangles[i]);
         w.top[i] = w.stack[i].get();
@@ -85,25 +133,12 @@ int factorise_supernodes(double& pivot) {
         int width = f.width;
         if (bad != 0) width = static_cast<int>(std::lower_bound(f.col, f.col + f.width, bad) - f.col);
         if (width > 0) {
-            const std::ptrdiff_t ld = panel_distance(f);
-            double* p = w.panel.get() + f.shift;
             place_rows(f, w.local);
-            load_panel(f, w.local, p, ld);
-            add_children(tree, s, f, w, p, ld, nullptr);
             double d = 0.0;
-            const int good = kernel.factor_panel(f.rows(), width, p, ld, numbers.zero, d);
+            const int good = f.width > wide ? factor_wide(tree, s, f, width, w, d) : factor_narrow(tree, s, f, width, w, d);
             if (good < width) {
                 bad = f.col[good];
                 pivot = d;
-            } else if (width == f.width) {
-                save_panel(f, w.local, p, ld);
-                if (f.below > 0) {
-                    double* u = w.top[tree.level[s] % 2];
-                    w.top[tree.level[s] % 2] += triangle_size(f.below);
-                    kernel.minus_square(f.below, f.width, p + f.width, ld, u);
-                    add_children(tree, s, f, w, p, ld, u);
-                    w.has_update[s] = 1;
-                }
             }
         }
         drop_children(tree, s, w);

@@ -1,10 +1,8 @@
 // Sparse inverse over the supernodes, from the root of the tree down.
 //
-// With L11, L21 the panel of a supernode, Y = L21 inv(L11) and Z22 the inverse for the rows below, which is part of the
-// parent's block: Z21 = -Z22 Y, Z11 = inv(L11 L11') - Y' Z21.
+// With L11, L21 a supernode's columns of the factor, Y = L21 inv(L11), and Z22 the inverse for the rows below, which stands in
+// the columns of ancestors: Z21 = -Z22 Y, Z11 = inv(L11 L11') - Y' Z21.
 #include "likelihood/fronts.h"
-
-#include <algorithm>
 
 namespace tarvex {
 
@@ -12,41 +10,66 @@ namespace {
 
 struct inverse_work {
     std::vector<int> local, place, runs;
-    std::vector<double*> square; // (ns) block of the inverse for all rows of the front, while children need it
-    work_space panel, yt, m, piece, corner, stack[2];
-    double* top[2];
+    std::vector<int> link_start, link;         // for each supernode: place of its rows below in the parent's front
+    work_space columns, z, yt, zt, m, piece, corner, triangle;
 };
 
-// A front without the row of the right-hand sides, and its block of the inverse: row i of column j at z[i + j*ldz].
+// A front without the row of the right-hand sides.
 struct inverse_front : front {
     bool rhs; // row n is the last row of the front
-    double* z;
-    std::ptrdiff_t ldz;
+    int inner() const { return below - (rhs ? 1 : 0); }
+    int order() const { return width + inner(); }
 };
 
 inverse_front inverse_front_of(const supernode_tree& tree, int s) {
     inverse_front f{};
     static_cast<front&>(f) = front_of(tree, s);
     f.rhs = f.below > 0 && f.list[f.below - 1] == numbers.nsrow;
-    if (f.rhs) --f.below;
-    f.ldz = column_distance(f.rows() + lane);
     return f;
 }
 
-std::ptrdiff_t square_size(const front& f) {
-    return f.rows() * column_distance(f.rows() + lane) + lane;
+void link_fronts(const supernode_tree& tree, inverse_work& w) {
+    const int ns = static_cast<int>(tree.parent.size());
+    w.link_start.assign(ns + 1, 0);
+    for (int s = 0; s < ns; ++s) w.link_start[s + 1] = w.link_start[s] + inverse_front_of(tree, s).inner();
+    w.link.resize(w.link_start[ns]);
+    for (int p = 0; p < ns; ++p) {
+        if (tree.child[p] < 0) continue;
+        place_rows(front_of(tree, p), w.local);
+        for (int c = tree.child[p]; c >= 0; c = tree.sibling[c]) {
+            const inverse_front f = inverse_front_of(tree, c);
+            for (int i = 0; i < f.inner(); ++i) w.link[w.link_start[c] + i] = w.local[f.list[i]];
+        }
+    }
 }
 
-// Rows i..i+count-1 of inv(L) for the triangle with transpose lt (upper, by columns), into m.
-void invert_rows(int i, int count, const double* lt, std::ptrdiff_t ldt, double* m, std::ptrdiff_t ldm) {
-    for (int j = 0; j < i + count; ++j) std::fill_n(m + i + j * ldm, count, 0.0);
-    for (int k = 0; k < count; ++k) m[i + k + (i + k) * ldm] = 1.0;
-    dense_kernels().solve_right(count, i + count, lt, ldt, m + i, ldm);
-}
-
-// Height of the pieces in which triangles of this width are worked on: multiples of the column blocks.
-int piece_height(int width) {
-    return std::max(block, width / 10 / block * block);
+// The inverse for the rows below supernode s, into triangle u, out of the columns of its ancestors.
+void gather_inverse(const supernode_tree& tree, int s, const inverse_front& f, const array<double>& zdiag,
+                    const array<double>& zoff, inverse_work& w, double* u) {
+    const int m = f.inner();
+    int *place = w.place.data(), *runs = w.runs.data();
+    std::copy_n(w.link.data() + w.link_start[s], m, place);
+    for (int k = 0, a = tree.parent[s]; k < m; a = tree.parent[a]) {
+        const front from = front_of(tree, a);
+        find_runs(m, place, runs);
+        for (; k < m && place[k] < from.width; ++k) {
+            const int j = from.col[place[k]], count = rows_below(j);
+            const double* off = zoff.data() + sparse.ixvec1(j) - 1;
+            double* to = triangle_column(u, m, k);
+            to[k] = zdiag(j);
+            if (k + 1 == m) continue;
+            if (count == from.rows() - 1 - place[k]) {
+                dense_kernels().take_rows(k + 1, m, place, runs, off - place[k] - 1, to);
+                continue;
+            }
+            const int *list = row_list(j), *at = list; // the rows below s are linked to each other: all are found
+            for (int i = k + 1; i < m; ++i, ++at) {
+                if (*at != f.list[i]) at = std::lower_bound(at, list + count, f.list[i]);
+                to[i] = off[at - list];
+            }
+        }
+        for (int i = k; i < m; ++i) place[i] = w.link[w.link_start[a] + place[i] - from.width];
+    }
 }
 
 // Copies the lower triangle of a square onto the upper one.
@@ -62,91 +85,104 @@ void mirror(int n, double* a, std::ptrdiff_t ld) {
         }
 }
 
-// Z11 = inv(L11)' inv(L11) - Y' Z21. p: L11 with its transpose in the upper triangle.
-void invert_corner(const inverse_front& f, const double* p, std::ptrdiff_t ld, const double* yt, std::ptrdiff_t ldy,
-                   inverse_work& w) {
+// Lower triangle of inv(L)' inv(L) - Y' Z21, order n, into z. lt: L with its transpose in the upper triangle; zt: Z21'.
+void invert_corner(int n, int left, const double* lt, std::ptrdiff_t ld, double* z, std::ptrdiff_t ldz, inverse_work& w) {
     const dense_kernels_table& kernel = dense_kernels();
-    const int n = f.width, high = piece_height(n);
-    const std::ptrdiff_t ldm = column_distance(n), ldd = column_distance(high);
-    double* m = w.m.get(); // lower triangle inv(L11), upper its transpose
-    for (int i = 0; i < n; i += high) invert_rows(i, std::min(high, n - i), p, ld, m, ldm);
+    const std::ptrdiff_t ldm = column_distance(n), ldd = column_distance(block);
+    double *m = w.m.get(), *d = w.corner.get(), *c = w.piece.get(); // m: inv(L) below, its transpose above the diagonal
+    for (int i = 0; i < n; i += block) {
+        const int ni = std::min(block, n - i);
+        for (int j = 0; j < i + ni; ++j) std::fill_n(m + i + j * ldm, ni, 0.0);
+        for (int k = 0; k < ni; ++k) m[i + k + (i + k) * ldm] = 1.0;
+        kernel.solve_right(ni, i + ni, lt, ld, m + i, ldm);
+    }
     mirror(n, m, ldm);
-    double *d = w.corner.get(), *c = w.piece.get();
-    for (int j = 0; j < n; j += high) {
-        const int nj = std::min(high, n - j);
+    for (int j = 0; j < n; j += block) {
+        const int nj = std::min(block, n - j);
         const std::ptrdiff_t ldc = column_distance(n - j);
-        for (int i = j; i < n; i += high) {
-            const int ni = std::min(high, n - i), rest = n - i - ni;
-            for (int k = 0; k < ni; ++k) {
+        for (int i = j; i < n; i += block) {
+            const int ni = std::min(block, n - i), rest = n - i - ni;
+            for (int k = 0; k < ni; ++k) { // upper triangle of this piece of the transpose
                 std::copy_n(m + i + (i + k) * ldm, k + 1, d + k * ldd);
                 std::fill_n(d + k + 1 + k * ldd, ni - k - 1, 0.0);
             }
-            double* to = c + i - j;
-            if (i == j)
-                kernel.product(store_mode::set, ni, nj, ni, d, ldd, d, ldd, to, ldc);
-            else
-                kernel.product(store_mode::set, ni, nj, ni, d, ldd, m + j + i * ldm, ldm, to, ldc);
+            const double* other = i == j ? d : m + j + i * ldm;
+            kernel.product(store_mode::set, ni, nj, ni, d, ldd, other, i == j ? ldd : ldm, c + i - j, ldc);
             if (rest > 0)
-                kernel.product(store_mode::add, ni, nj, rest, m + i + (i + ni) * ldm, ldm, m + j + (i + ni) * ldm, ldm, to, ldc);
+                kernel.product(store_mode::add, ni, nj, rest, m + i + (i + ni) * ldm, ldm, m + j + (i + ni) * ldm, ldm,
+                               c + i - j, ldc);
         }
-        if (f.below > 0)
-            kernel.product(store_mode::subtract, n - j, nj, f.below, yt + j, ldy, f.z + j + n * f.ldz, f.ldz, c, ldc);
-        for (int k = 0; k < nj; ++k) std::copy_n(c + k + k * ldc, n - j - k, f.z + j + k + (j + k) * f.ldz);
+        if (left > 0)
+            kernel.product(store_mode::subtract, n - j, nj, left, w.yt.get() + j, ldm, w.zt.get() + j, ldm, c, ldc);
+        for (int k = 0; k < nj; ++k) std::copy_n(c + k + k * ldc, n - j - k, z + j + k + (j + k) * ldz);
     }
-    mirror(n, f.z, f.ldz);
 }
 
-// Writes the supernode's columns of the inverse, or of the derivatives if x is given.
-void save_columns(const inverse_front& f, const inverse_work& w, array<double>& zdiag, array<double>& zoff, const double* x) {
-    const int n = numbers.nsrow;
-    for (int c = 0; c < f.width; ++c) {
+// Columns of the inverse from panel z to the store; row n gets -x(j), or the scaled right-hand side if x is not given.
+void save_columns(const inverse_front& f, const panel& z, const inverse_work& w, array<double>& zdiag, array<double>& zoff,
+                  const double* x) {
+    for (int c = z.first; c < z.end; ++c) {
         const int j = f.col[c], start = sparse.ixvec1(j);
         int count = rows_below(j);
         const int* list = count > 0 ? row_list(j) : nullptr;
-        const double* z = f.z + c * f.ldz;
+        const double* from = z.column(c);
         double* off = zoff.data() + start - 1;
-        if (f.rhs && count > 0 && list[count - 1] == n) {
+        if (f.rhs && count > 0 && list[count - 1] == numbers.nsrow) {
             --count;
             off[count] = x ? -x[j - 1] : sparse.xspars(start + count) / sparse.diag(j);
         }
-        if (!x) {
-            for (int q = 0; q < count; ++q) off[q] = z[w.local[list[q]]];
-            zdiag(j) = z[c];
-        } else {
-            const double xj = x[j - 1];
-            for (int q = 0; q < count; ++q) off[q] = z[w.local[list[q]]] + xj * x[list[q] - 1];
-            zdiag(j) = 0.5 * (z[c] + xj * xj);
-        }
+        if (count == f.order() - 1 - c)
+            std::copy_n(from + c + 1, count, off);
+        else
+            for (int q = 0; q < count; ++q) off[q] = from[w.local[list[q]]];
+        zdiag(j) = from[c];
     }
 }
 
-// The block for the rows below, out of the parent's.
-void take_parent(const inverse_front& f, const inverse_front& from, inverse_work& w) {
-    place_rows(from, w.local);
-    match_rows(f.list, f.below, w.local, w.place.data(), w.runs.data());
-    for (int j = 0; j < f.below; ++j)
-        dense_kernels().take_rows(f.below, w.place.data(), w.runs.data(), from.z + w.place[j] * from.ldz,
-                                  f.z + f.width + (f.width + j) * f.ldz);
-}
-
-void invert_front(const inverse_front& f, inverse_work& w) {
+void invert_front(const supernode_tree& tree, int s, array<double>& zdiag, array<double>& zoff, const double* x,
+                  inverse_work& w) {
     const dense_kernels_table& kernel = dense_kernels();
-    const std::ptrdiff_t ld = panel_distance(f), ldy = column_distance(f.width);
-    double *p = w.panel.get() + f.shift, *yt = w.yt.get(), *z21 = f.z + f.width;
+    const inverse_front f = inverse_front_of(tree, s);
+    const int empty = empty_columns(f.width), order = f.width > wide ? empty + f.order() : f.inner();
+    const int offset = f.width > wide ? empty : -f.width; // of the front's columns in the triangle
+    double* t = w.triangle.get();
+    auto rest = [&](int end) { return t + triangle_start(order, (offset + end) / block); };
+    if (f.inner() > 0) gather_inverse(tree, s, f, zdiag, zoff, w, rest(f.width));
     place_rows(f, w.local);
-    if (f.rhs) w.local[numbers.nsrow] = f.rows(); // loaded, and not used
-    front whole = f;
-    whole.below += f.rhs ? 1 : 0;
-    load_panel(whole, w.local, p, ld);
-    mirror(f.width, p, ld);
-    if (f.below > 0) {
-        kernel.solve_right(f.below, f.width, p, ld, p + f.width, ld);
-        kernel.transpose(f.below, f.width, p + f.width, ld, yt, ldy);
-        kernel.product(store_mode::set_minus, f.below, f.width, f.below, f.z + f.width + f.width * f.ldz, f.ldz, yt, ldy, z21,
-                       f.ldz);
-        kernel.transpose(f.below, f.width, z21, f.ldz, f.z + f.width * f.ldz, f.ldz);
+    for (int end = f.width, first; end > 0; end = first) {
+        first = std::max(0, f.width > wide ? (offset + end - 1) / wide * wide - empty : 0);
+        const int n = end - first, left = f.order() - end;
+        const panel l = make_panel(w.columns.get(), f.rows(), first, end), z = make_panel(w.z.get(), f.rows(), first, end);
+        for (int c = first; c < end; ++c) load_column(f, c, w.local, l.column(c));
+        mirror(n, l.p, l.ld);
+        const std::ptrdiff_t ldy = column_distance(n);
+        if (left > 0) {
+            kernel.solve_right(left, n, l.p, l.ld, l.p + n, l.ld);
+            kernel.transpose(left, n, l.p + n, l.ld, w.yt.get(), ldy);
+            kernel.minus_symmetric(left, n, rest(end), w.yt.get(), ldy, z.p + n, z.ld);
+            kernel.transpose(left, n, z.p + n, z.ld, w.zt.get(), ldy);
+        }
+        invert_corner(n, left, l.p, l.ld, z.p, z.ld, w);
+        save_columns(f, z, w, zdiag, zoff, x);
+        if (first > 0)
+            for (int c = first; c < end; ++c)
+                std::copy_n(z.column(c) + c, f.order() - c, triangle_column(t, order, offset + c) + offset + c);
     }
-    invert_corner(f, p, ld, yt, ldy, w);
+}
+
+// From the inverse to the derivatives: x x' is added, the diagonal is halved.
+void add_solutions(array<double>& zdiag, array<double>& zoff, const double* x) {
+    const int n = numbers.nsrow;
+    for (int j = 1; j < n; ++j) {
+        int count = rows_below(j);
+        const double xj = x[j - 1];
+        zdiag(j) = 0.5 * (zdiag(j) + xj * xj);
+        if (count == 0) continue;
+        const int* list = row_list(j);
+        if (list[count - 1] == n) --count;
+        double* off = zoff.data() + sparse.ixvec1(j) - 1;
+        for (int q = 0; q < count; ++q) off[q] += xj * x[list[q] - 1];
+    }
 }
 
 } // namespace
@@ -155,46 +191,30 @@ void inverse_supernodes(array<double>& zdiag, array<double>& zoff, const double*
     const supernode_tree& tree = supernodes();
     const int ns = static_cast<int>(tree.parent.size()), n = numbers.nsrow;
     if (n == 0) return;
+    const int width = std::min(tree.width, wide);
     inverse_work w;
     w.local.assign(n + 1, 0);
     w.place.resize(tree.rows);
     w.runs.resize(tree.rows);
-    w.square.assign(ns, nullptr);
-    const int high = piece_height(tree.width);
-    w.panel = make_space(tree.panel);
-    w.yt = make_space(tree.rows_by_width);
-    w.m = make_space(tree.width * column_distance(tree.width));
-    w.piece = make_space(high * column_distance(tree.width));
-    w.corner = make_space(high * column_distance(high));
-    for (int i = 0; i < 2; ++i) {
-        w.stack[i] = make_space(tree.squares[i]);
-        w.top[i] = w.stack[i].get();
-    }
-    if (x)
-        zdiag(n) = 0.5;
-    else
-        zdiag(n) = sparse.diag(n) * sparse.diag(n);
+    link_fronts(tree, w);
+    w.columns = make_space(panel_size(tree.rows, width));
+    w.z = make_space(panel_size(tree.rows, width));
+    w.yt = make_space(tree.rows * column_distance(width));
+    w.zt = make_space(tree.rows * column_distance(width));
+    w.m = make_space(width * column_distance(width));
+    w.piece = make_space(block * column_distance(width));
+    w.corner = make_space(block * column_distance(block));
+    w.triangle = make_space(tree.inverse);
+    const double last = sparse.diag(n);
     const int total = x ? n : n - 1; // the sweep of the derivatives starts with row n
     int todo = n;                    // columns not yet done
     for (int s = ns - 1; s >= 0; --s) {
-        inverse_front f = inverse_front_of(tree, s);
-        for (const int end = todo - f.width; todo > end; --todo)
+        for (const int end = todo - (tree.start[s + 1] - tree.start[s]); todo > end; --todo)
             if (todo % 20000 == 0 && !options.terse && (x || todo < total)) print_list(screen(), word, todo, total);
-        if (f.col[0] == n) continue;
-        const int odd = tree.level[s] % 2, p = tree.parent[s];
-        f.z = w.square[s] = w.top[odd];
-        w.top[odd] += square_size(f);
-        f.z += f.shift;
-        if (f.below > 0) {
-            inverse_front from = inverse_front_of(tree, p);
-            from.z = w.square[p] + from.shift;
-            take_parent(f, from, w);
-        }
-        if (p >= 0 && tree.child[p] == s && w.square[p]) w.top[1 - odd] = w.square[p];
-        invert_front(f, w);
-        save_columns(f, w, zdiag, zoff, x);
-        if (tree.child[s] < 0) w.top[odd] = w.square[s];
+        if (tree.order[tree.start[s]] != n) invert_front(tree, s, zdiag, zoff, x, w);
     }
+    zdiag(n) = x ? 0.5 : last * last;
+    if (x) add_solutions(zdiag, zoff, x);
 }
 
 } // namespace tarvex

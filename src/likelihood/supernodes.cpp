@@ -112,10 +112,6 @@ int final_cluster(std::vector<cluster>& clusters, int s) {
     return root;
 }
 
-std::ptrdiff_t square_size(int width, int below) {
-    return (width + below) * column_distance(width + below + lane) + lane;
-}
-
 // Postorder of the tree of clusters, the child that needs most space above what it leaves coming first.
 std::vector<int> postorder(const std::vector<cluster>& clusters, const std::vector<int>& bottom_up) {
     const std::size_t ns = clusters.size();
@@ -160,31 +156,19 @@ std::vector<int> postorder(const std::vector<cluster>& clusters, const std::vect
 
 // Space that the passes up and down the tree take.
 void find_space() {
-    const int ns = static_cast<int>(tree.parent.size()), n = numbers.nsrow;
-    std::ptrdiff_t held[2]{}, square[2]{};
+    const int ns = static_cast<int>(tree.parent.size());
+    std::ptrdiff_t held[2]{};
     for (int s = 0; s < ns; ++s) {
         const int last = tree.order[tree.start[s + 1] - 1], width = tree.start[s + 1] - tree.start[s];
         const int below = rows_below(last), odd = tree.level[s] % 2;
+        const std::ptrdiff_t whole = whole_front(width, below);
         tree.rows = std::max(tree.rows, width + below);
         tree.width = std::max(tree.width, width);
-        tree.panel = std::max(tree.panel, width * column_distance(width + below + 2 * lane) + 2 * lane);
-        tree.rows_by_width = std::max(tree.rows_by_width, below * column_distance(width));
+        tree.triangles[odd] = std::max(tree.triangles[odd], held[odd] + whole);
+        tree.inverse = std::max(tree.inverse, whole);
         held[odd] += triangle_size(below);
-        tree.triangles[odd] = std::max(tree.triangles[odd], held[odd]);
         for (int c = tree.child[s]; c >= 0; c = tree.sibling[c])
             held[1 - odd] -= triangle_size(rows_below(tree.order[tree.start[c + 1] - 1]));
-    }
-    auto square_of = [&](int s) {
-        const int last = tree.order[tree.start[s + 1] - 1], width = tree.start[s + 1] - tree.start[s];
-        const int below = rows_below(last);
-        return square_size(width, below > 0 && row_list(last)[below - 1] == n ? below - 1 : below);
-    };
-    for (int s = ns - 1; s >= 0; --s) {
-        const int odd = tree.level[s] % 2, p = tree.parent[s];
-        square[odd] += square_of(s);
-        tree.squares[odd] = std::max(tree.squares[odd], square[odd]);
-        if (p >= 0 && tree.child[p] == s) square[1 - odd] -= square_of(p);
-        if (tree.child[s] < 0) square[odd] -= square_of(s);
     }
 }
 

@@ -4,10 +4,11 @@
 // then merged into its parent in the elimination tree as long as the time gained (fewer, larger dense kernels) exceeds
 // that of the zeros taken in (C. Ashcraft and R. Grimes, ACM TOMS 15:291, 1989). Columns need not be neighbours: the panels
 // are worked on in a postorder of the tree, which leaves the factor as it is. The factor stays in its compressed store;
-// only the panel at hand and the update matrices that wait for their parents are dense (multifrontal method,
+// only the columns at hand and the update matrices that wait for their parents are dense (multifrontal method,
 // J. W. H. Liu, SIAM Review 34:82, 1992). Row nsrow is a supernode of its own, the last.
 #pragma once
 #include "equations/sparse.h"
+#include "likelihood/dense_kernels.h"
 #include "support/array.h"
 
 #include <cstddef>
@@ -22,10 +23,8 @@ struct supernode_tree {
     std::vector<int> child;         // (ns) first child, -1: none
     std::vector<int> sibling;       // (ns) next child of the same parent
     std::vector<int> level;         // (ns) distance from the root
-    std::ptrdiff_t panel = 0;       // size of the largest panel
-    std::ptrdiff_t rows_by_width = 0; // likewise of the part below the panel's triangle
     std::ptrdiff_t triangles[2]{};  // space for update matrices: even and odd levels
-    std::ptrdiff_t squares[2]{};    // likewise for the blocks of the inverse
+    std::ptrdiff_t inverse = 0;     // space for the inverse of one front
     int rows = 0, width = 0;        // of the largest front and the widest panel
     double operations = 0.0;        // multiplications of the factorisation, without the zeros taken in
 };
@@ -37,6 +36,14 @@ void supernodes_drop();
 // Rows below the supernode whose last column is j are those of this column.
 inline int rows_below(int j) { return sparse.ixvec1(j + 1) - sparse.ixvec1(j); }
 inline const int* row_list(int j) { return sparse.ixsub.data() + sparse.ixvec2(j) - 1; }
+
+// A supernode of more than `wide` columns is worked on in pieces, its front held as one triangle. Empty columns in front
+// make its update matrix begin with a block of columns.
+inline int empty_columns(int width) { return width > wide ? (block - width % block) % block : 0; }
+// Space for the triangle of such a front, or for the update matrix alone where the columns make one panel.
+inline std::ptrdiff_t whole_front(int width, int below) {
+    return triangle_size(width > wide ? empty_columns(width) + width + below : below);
+}
 
 // Multiplications of the factorisation by columns.
 double factor_operations();

@@ -345,6 +345,13 @@ TEST_P(instruction_sets, wide_supernodes) {
     check_all();
 }
 
+TEST_P(instruction_sets, supernodes_worked_on_in_pieces) {
+    make_system(wide_blocks(250, 241, 60), 14);
+    check_all();
+    make_system(full_pattern(GetParam() == "avx2" ? 482 : 530), 15);
+    check_all();
+}
+
 TEST_P(instruction_sets, a_large_sparse_system_agrees_with_the_column_kernel) {
     tolerance = 1e-9;
     make_system(random_pattern(900, 2, 12), 12);
@@ -366,8 +373,12 @@ TEST_P(instruction_sets, a_large_sparse_system_agrees_with_the_column_kernel) {
 }
 
 TEST_P(instruction_sets, failing_pivot_in_a_wide_supernode) {
-    for (int bad : {1, 60, 143, 200, 313, 400, 499}) {
-        make_system(wide_blocks(143, 170, 187), 13);
+    for (int bad : {1, 60, 143, 200, 313, 400, 499, -1, -239, -245, -250, -491, -500, -800}) {
+        if (bad > 0)
+            make_system(wide_blocks(143, 170, 187), 13);
+        else
+            make_system(wide_blocks(250, 241, 330), 13);
+        bad = std::abs(bad);
         sparse.diag(bad) = -1.0;
         double detc = 0.0, ypy = 0.0;
         int ifail = 0;
