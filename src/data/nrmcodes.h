@@ -5,8 +5,9 @@
 
 namespace tarvex {
 
-// Reads the data file and calls visit(irun, icode) for each effect with a relationship matrix (number irun) of each trait
-// observed in a record. Blocks of correlated effects have two columns and so two calls. Faults of the data stop the run.
+// Reads the data file and calls visit(irun, icode) for each effect with a relationship matrix (number irun) of each
+// trait observed in a record. Blocks of correlated effects have two columns and so two calls. Faults of the data stop
+// the run.
 void visit_nrm_codes(const std::function<void(int irun, std::int64_t icode)>& visit);
 
 } // namespace tarvex

@@ -1,5 +1,5 @@
-// Reading of the pedigree file and the sorted list of all animals. Parents must have smaller codes than their offspring, so
-// that every later step can walk the list in one direction.
+// Reading of the pedigree file and the sorted list of all animals. Parents must have smaller codes than their
+// offspring, so that every later step can walk the list in one direction.
 #include "data/pedigrees.h"
 
 #include "control/filenames.h"
@@ -33,7 +33,8 @@ bool next_line(ped_reader& reader) {
         return true;
     }
     if (!std::getline(reader.in, reader.line)) return false;
-    std::replace_if(reader.line.begin(), reader.line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
+    std::replace_if(
+        reader.line.begin(), reader.line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
     return true;
 }
 

@@ -1,5 +1,6 @@
-// Closure of the animals with data under "is a parent of". Codes get running numbers in the order in which they are met, in
-// the data first and then in the pedigree; the marks walk from the animals with data to all their ancestors over a stack.
+// Closure of the animals with data under "is a parent of". Codes get running numbers in the order in which they are
+// met, in the data first and then in the pedigree; the marks walk from the animals with data to all their ancestors
+// over a stack.
 #include "data/reducepeds.h"
 
 #include "control/filenames.h"

@@ -1,8 +1,8 @@
 // Assembly of an inverse relationship matrix from the pedigree in the sparse row store.
 //
-// Henderson's rules put at most six elements an animal into the rows of the animal and its parents. They are formed in the
-// order of the pedigree, sorted by row and column with equal ones summed in that order, and only then linked: every row is
-// filled from the left, whatever the number of mates of a parent.
+// Henderson's rules put at most six elements an animal into the rows of the animal and its parents. They are formed in
+// the order of the pedigree, sorted by row and column with equal ones summed in that order, and only then linked: every
+// row is filled from the left, whatever the number of mates of a parent.
 #pragma once
 #include <vector>
 
@@ -14,7 +14,8 @@ struct nrm_term {
     double value;
 };
 
-// Links terms into the empty row store, row by row; the store has room for them (value pass) or ierr is 1 (counting pass).
+// Links terms into the empty row store, row by row; the store has room for them (value pass) or ierr is 1 (counting
+// pass).
 void link_terms(const std::vector<nrm_term>& terms, int nan, bool addval, int& ierr);
 
 // Counts the elements of the inverse of pedigree list jj in a store of capacity cap, without values: nrminverse.nnrm is
@@ -24,8 +25,8 @@ void nnrm_count(int jj, int nanim, int cap, int& ierr);
 void nnrm_count_growing(int jj, int nanim, int cap);
 
 // Henderson's rules for an animal model with the Mendelian sampling variances of nrmdiag, of which it leaves the
-// reciprocals; pseudo-fixed animals (randasfix.asfix) get psfixfact on the diagonal and nrmdiag -1. Leaves the row store,
-// nnrm and detl.
+// reciprocals; pseudo-fixed animals (randasfix.asfix) get psfixfact on the diagonal and nrmdiag -1. Leaves the row
+// store, nnrm and detl.
 void animal_nrm(int jj, int nanim);
 
 // The rules for sires: sire and maternal grandsire of a sire, without inbreeding. Leaves the store, nnrm, detl and the

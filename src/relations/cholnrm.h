@@ -3,8 +3,8 @@
 #include <vector>
 namespace tarvex {
 void cholnrm_animal();
-// y = A x for relationship matrix irun through the pedigree, A = T D T', in linear time; x and y by animal of the pruned
-// list (0-based vectors). Inbreeding coefficients are computed where the
-// inverse was taken over from an earlier run.
+// y = A x for relationship matrix irun through the pedigree, A = T D T', in linear time; x and y by animal of the
+// pruned list (0-based vectors). Inbreeding coefficients are computed where the inverse was taken over from an earlier
+// run.
 void nrm_product(int irun, const std::vector<double>& x, std::vector<double>& y);
 } // namespace tarvex

@@ -27,7 +27,8 @@ struct text_lines {
 // Next line that is not blank, without tabs and carriage returns.
 bool next_line(text_lines& text) {
     while (std::getline(text.in, text.line)) {
-        std::replace_if(text.line.begin(), text.line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
+        std::replace_if(
+            text.line.begin(), text.line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
         if (text.line.find_first_not_of(' ') != std::string::npos) return true;
     }
     return false;

@@ -1,7 +1,8 @@
 // Inverses of relationship matrices that the user supplies.
 //
-// <effect>.gin, free format: the log determinant of the matrix; then a line for each element of the lower triangle of its
-// inverse, row by row: column, row, value. <effect>.codes, optional: running number of a level and its code in the data.
+// <effect>.gin, free format: the log determinant of the matrix; then a line for each element of the lower triangle of
+// its inverse, row by row: column, row, value. <effect>.codes, optional: running number of a level and its code in the
+// data.
 #pragma once
 #include "relations/inverse_stream.h"
 

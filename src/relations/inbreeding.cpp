@@ -1,7 +1,7 @@
-// An animal's coefficient is half the relationship between its parents. With A = T D T' the relationships of one sire with
-// all of its mates are a column of A: one sweep up from the sire, a scaling by D, and one sweep down to the mates, both
-// restricted to ancestors and each visiting an ancestor once. Sires are taken in ascending order, so that D is known for
-// all ancestors of the sire in hand.
+// An animal's coefficient is half the relationship between its parents. With A = T D T' the relationships of one sire
+// with all of its mates are a column of A: one sweep up from the sire, a scaling by D, and one sweep down to the mates,
+// both restricted to ancestors and each visiting an ancestor once. Sires are taken in ascending order, so that D is
+// known for all ancestors of the sire in hand.
 //   Colleau, Genet. Sel. Evol. 34 (2002) 409; Sargolzaei, Iwaisaki and Colleau, J. Anim. Breed. Genet. 122 (2005) 325.
 #include "relations/inbreeding.h"
 
@@ -20,10 +20,10 @@ namespace {
 
 struct lineage {
     const std::vector<int>&sire, &dam;
-    std::vector<double> f;         // by animal from [0]; all that follows from [1]
+    std::vector<double> f; // by animal from [0]; all that follows from [1]
     std::vector<double> d;
-    std::vector<double> v;         // scaled contribution of the sire's ancestors, all zero between sires
-    std::vector<double> a;         // relationship with the sire in hand, valid where stamp is this sire
+    std::vector<double> v; // scaled contribution of the sire's ancestors, all zero between sires
+    std::vector<double> a; // relationship with the sire in hand, valid where stamp is this sire
     std::vector<int> stamp, upmark;
     std::vector<int> list, stack;
 };
@@ -111,8 +111,16 @@ std::vector<double> inbreeding(const std::vector<int>& sire, const std::vector<i
     const std::size_t m = sire.size() + 1;
     std::vector<int> start, list;
     offspring_by_sire(sire, dam, start, list);
-    lineage w{sire, dam, std::vector<double>(sire.size()), std::vector<double>(m), std::vector<double>(m), std::vector<double>(m),
-              std::vector<int>(m), std::vector<int>(m), {}, {}};
+    lineage w{sire,
+              dam,
+              std::vector<double>(sire.size()),
+              std::vector<double>(m),
+              std::vector<double>(m),
+              std::vector<double>(m),
+              std::vector<int>(m),
+              std::vector<int>(m),
+              {},
+              {}};
     auto& f = w.f;
     for (int s = 1; s <= n; ++s) {
         w.d[s] = mendelian_variance(sire[s - 1], dam[s - 1], f);

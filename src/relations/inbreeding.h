@@ -20,8 +20,8 @@ inline double mendelian_variance(int s, int d, const std::vector<double>& f) {
     return 1.0 - 0.25 * ((s > 0 ? 1.0 + f[s - 1] : 0.0) + (d > 0 ? 1.0 + f[d - 1] : 0.0));
 }
 
-// Computes the coefficients of pedigree list jj; leaves nrminverse.nrmdiag (Mendelian sampling variances) and, where they
-// are kept, nrminverse.inbreed and ifin. The summary goes to `out` and under verbose to the screen.
+// Computes the coefficients of pedigree list jj; leaves nrminverse.nrmdiag (Mendelian sampling variances) and, where
+// they are kept, nrminverse.inbreed and ifin. The summary goes to `out` and under verbose to the screen.
 void inbreed_coeffs(int jj, int nanim, text_out& out);
 
 } // namespace tarvex

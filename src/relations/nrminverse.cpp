@@ -1,4 +1,5 @@
-// The inverses of all random effects, made once and kept in scratch files that later runs in the same directory take over.
+// The inverses of all random effects, made once and kept in scratch files that later runs in the same directory take
+// over.
 #include "relations/nrminverse.h"
 
 #include "control/filenames.h"
@@ -60,8 +61,8 @@ void no_match(bool& lex) {
     lex = false;
 }
 
-// Tests whether an existing file belongs to this analysis: size, first and last code, and completeness as far as the last
-// but one element. Leaves nnrm and detl.
+// Tests whether an existing file belongs to this analysis: size, first and last code, and completeness as far as the
+// last but one element. Leaves nnrm and detl.
 void check_nrmhead(record_reader& in, bool& lex, int irand) {
     lex = true;
     const int irun = mudmap.iranno(irand);

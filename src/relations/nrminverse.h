@@ -1,8 +1,8 @@
-// Inverses of relationship matrices: of a pedigree (by Henderson's rules with inbreeding, or the rules for sires), or as
-// the user supplies them.
+// Inverses of relationship matrices: of a pedigree (by Henderson's rules with inbreeding, or the rules for sires), or
+// as the user supplies them.
 //
-// nrminvers<d>.bin: nan, ian1, ian2, siremodel | nnrm, detl | nrmdiag(nan) | nnrm times: column, row, value (lower triangle,
-// row by row, columns ascending). inbreed.bin: m, n, nannew, pedfile (30 characters) | inbreed(m,n).
+// nrminvers<d>.bin: nan, ian1, ian2, siremodel | nnrm, detl | nrmdiag(nan) | nnrm times: column, row, value (lower
+// triangle, row by row, columns ascending). inbreed.bin: m, n, nannew, pedfile (30 characters) | inbreed(m,n).
 #pragma once
 #include "support/array.h"
 
@@ -40,7 +40,7 @@ inline randasfix_module randasfix;
 // Makes the inverse of every NRM effect and checks that of every GIN effect; leaves geninverse and the scratch files.
 void gen_inverses();
 
-// Visits the stored elements of the inverse of block irand (NRM or GIN file), lower triangle: visit(column, row, value).
-// Defined for buffered reading: see relations/inverse_stream.h.
+// Visits the stored elements of the inverse of block irand (NRM or GIN file), lower triangle: visit(column, row,
+// value). Defined for buffered reading: see relations/inverse_stream.h.
 
 } // namespace tarvex

@@ -51,13 +51,16 @@ void sire_terms(std::vector<nrm_term>& terms, int icase, int ian, int s, int m) 
         put(terms, ian, m, -4.0 / 15.0);
         put(terms, ian, ian, 16.0 / 15.0);
         break;
-    case 4: put(terms, ian, ian, 1.0); break;
+    case 4:
+        put(terms, ian, ian, 1.0);
+        break;
     case 5:
         put(terms, s, s, 4.0 / 7.0);
         put(terms, ian, s, -8.0 / 7.0);
         put(terms, ian, ian, 16.0 / 7.0);
         break;
-    default: put(terms, ian, ian, randasfix.psfixfact);
+    default:
+        put(terms, ian, ian, randasfix.psfixfact);
     }
 }
 

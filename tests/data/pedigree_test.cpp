@@ -121,7 +121,8 @@ TEST_F(pedigree_test, progress_and_speed_of_a_large_list) {
     options.verbose = true;
     pedigree_list();
     EXPECT_EQ(pedigreelist.nanim, 20001);
-    EXPECT_NE(screen_text().find("Pedigree file : at record 10000\nPedigree file : at record 20000\n"), std::string::npos);
+    EXPECT_NE(screen_text().find("Pedigree file : at record 10000\nPedigree file : at record 20000\n"),
+              std::string::npos);
 }
 
 TEST_F(pedigree_test, reduction_keeps_ancestors_and_writes_the_new_file) {
@@ -290,11 +291,12 @@ TEST_F(pruning_test, report_on_a_small_pedigree) {
         counted(" ... and both parents unknown", 0) + counted("No. of sires", 3) +
         counted(" ... with progeny in the data", 3) + counted(" ... with records & progeny in data", 2) +
         counted("No. of dams", 3) + counted(" ... with progeny in the data", 3) +
-        counted(" ... with records & progeny in data", 0) +
-        "\n No. of animals with known/unpruned grand-parents\n" + counted(" ... with paternal grandsire ", 2) +
-        counted(" ... with paternal granddam ", 2) + counted(" ... with maternal grandsire ", 1) +
-        counted(" ... with maternal granddam ", 1) + "======== end of file ";
-    EXPECT_TRUE(read_file(filenames.sumpedfile).find(text) != std::string::npos) << read_file(filenames.sumpedfile) << text;
+        counted(" ... with records & progeny in data", 0) + "\n No. of animals with known/unpruned grand-parents\n" +
+        counted(" ... with paternal grandsire ", 2) + counted(" ... with paternal granddam ", 2) +
+        counted(" ... with maternal grandsire ", 1) + counted(" ... with maternal granddam ", 1) +
+        "======== end of file ";
+    EXPECT_TRUE(read_file(filenames.sumpedfile).find(text) != std::string::npos)
+        << read_file(filenames.sumpedfile) << text;
 }
 
 TEST_F(pruning_test, classes_of_many_records_and_orders_of_fit) {
@@ -310,8 +312,8 @@ TEST_F(pruning_test, classes_of_many_records_and_orders_of_fit) {
     EXPECT_TRUE(reported(edit("(1x,a,t45,1h=,i10,f7.1,1h%)", " ... 11-20 record(s) ", 1, 100.0 / 3)));
     EXPECT_TRUE(reported(edit("(1x,a,t45,1h=,i10,f7.1,1h%)", " ... >20 record(s) ", 1, 100.0 / 3)));
     EXPECT_TRUE(reported(counted("Minimum no. of records specified", 9)));
-    EXPECT_TRUE(reported(edit("(1x,a,i2,a,t45,1h=,i10,f7.1,1h%) ", "No. of animals with at least ", 9, " records", 2,
-                              200.0 / 3)));
+    EXPECT_TRUE(reported(
+        edit("(1x,a,i2,a,t45,1h=,i10,f7.1,1h%) ", "No. of animals with at least ", 9, " records", 2, 200.0 / 3)));
 }
 
 TEST_F(pruning_test, animal_as_its_own_grandparent_stops) {

@@ -39,9 +39,10 @@ TEST_F(ginverse_test, elements_are_streamed_in_file_order) {
         in.rewind();
     }
     EXPECT_EQ(in.logdet(), -0.5);
-    EXPECT_NE(read_file("SumPedigree.out")
-                  .find(" random effect no. = 1 GIN\n no. of elements in NRM/GIN inverse  4\n log determinant   = -0.5\n"),
-              std::string::npos);
+    EXPECT_NE(
+        read_file("SumPedigree.out")
+            .find(" random effect no. = 1 GIN\n no. of elements in NRM/GIN inverse  4\n log determinant   = -0.5\n"),
+        std::string::npos);
 }
 
 TEST_F(ginverse_test, file_with_its_first_line_only) {
@@ -53,8 +54,9 @@ TEST_F(ginverse_test, file_with_its_first_line_only) {
 }
 
 TEST_F(ginverse_test, faults_of_the_file_stop) {
-    EXPECT_STOP(gen_inverses(), "**** ERROR : cannot locate generalised inverse\n     Random effect no. 1   \"animal\"\n"
-                                "     File with G-inverse expected : \"animal.gin\"\nexit \"Tarvex\"");
+    EXPECT_STOP(gen_inverses(),
+                "**** ERROR : cannot locate generalised inverse\n     Random effect no. 1   \"animal\"\n"
+                "     File with G-inverse expected : \"animal.gin\"\nexit \"Tarvex\"");
     gin("");
     EXPECT_STOP(gen_inverses(), "***** ERROR : Reading file \"animal.gin\"\n      Records processed so far : 0\n");
     gin("text\n1 1 1.0\n");
@@ -66,7 +68,8 @@ TEST_F(ginverse_test, faults_of_the_file_stop) {
     gin("0.0\n3000000000 3000000000 1\n");
     EXPECT_STOP(gen_inverses(), "      Records processed so far : 0\n");
     gin("0.0\n2 1 1.0\n");
-    EXPECT_STOP(gen_inverses(), "Column no. > row no. 2 1\n*** Generalised inverse should be given as lower  triangle ROW-wise !\n");
+    EXPECT_STOP(gen_inverses(),
+                "Column no. > row no. 2 1\n*** Generalised inverse should be given as lower  triangle ROW-wise !\n");
     gin("0.0\n0 1 1.0\n");
     EXPECT_STOP(gen_inverses(), "Invalid row no. 1\n");
     gin("0.0\n-3 -2 1.0\n");

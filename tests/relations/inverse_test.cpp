@@ -205,8 +205,8 @@ TEST_F(inverse_test, two_effects_on_one_pedigree_share_a_file) {
     EXPECT_FALSE(file_exists("nrminvers2.bin"));
     const std::string det = list_item(std::log(0.5)), text = read_file("SumPedigree.out");
     for (const char* irand : {"1", "2"})
-        EXPECT_NE(text.find(std::string(" random effect no. = ") + irand + " NRM\n no. of elements in NRM/GIN inverse  6\n" +
-                            " log determinant   = " + det + "\n"),
+        EXPECT_NE(text.find(std::string(" random effect no. = ") + irand +
+                            " NRM\n no. of elements in NRM/GIN inverse  6\n" + " log determinant   = " + det + "\n"),
                   std::string::npos)
             << text;
 }
@@ -514,7 +514,8 @@ protected:
     static std::vector<std::pair<int, double>> row(int irow) {
         std::vector<std::pair<int, double>> r;
         const auto& ll = linked_list;
-        for (int k = ll.ifirst(irow); k > 0; k = ll.inext(k)) r.push_back({ll.ivcol(k), ll.zhz.allocated() ? ll.zhz(k) : 0.0});
+        for (int k = ll.ifirst(irow); k > 0; k = ll.inext(k))
+            r.push_back({ll.ivcol(k), ll.zhz.allocated() ? ll.zhz(k) : 0.0});
         return r;
     }
     using chain = std::vector<std::pair<int, double>>;
@@ -574,7 +575,8 @@ TEST_F(row_store_test, value_calls_without_room_stop) {
     merge(1, {2});
     int ierr = 0;
     EXPECT_STOP(merge(1, {3}), "\"lnkzhz\" : dimensions exceeded !!\nexit \"Tarvex\"");
-    EXPECT_STOP(llnkzhz(1, std::vector<int>{3}, std::vector<double>{1.0}, ierr), "\"lnkzhz\" : dimensions exceeded !!\n");
+    EXPECT_STOP(llnkzhz(1, std::vector<int>{3}, std::vector<double>{1.0}, ierr),
+                "\"lnkzhz\" : dimensions exceeded !!\n");
 }
 
 TEST_F(row_store_test, progress_every_200000_elements) {

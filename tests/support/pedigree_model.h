@@ -81,8 +81,7 @@ inline dense tabular(const std::vector<int>& sire, const std::vector<int>& dam) 
     dense a(n, std::vector<double>(n));
     for (int i = 0; i < n; ++i) {
         const int s = sire[i] - 1, d = dam[i] - 1;
-        for (int j = 0; j < i; ++j)
-            a[i][j] = a[j][i] = 0.5 * ((s >= 0 ? a[j][s] : 0.0) + (d >= 0 ? a[j][d] : 0.0));
+        for (int j = 0; j < i; ++j) a[i][j] = a[j][i] = 0.5 * ((s >= 0 ? a[j][s] : 0.0) + (d >= 0 ? a[j][d] : 0.0));
         a[i][i] = 1.0 + (s >= 0 && d >= 0 ? 0.5 * a[s][d] : 0.0);
     }
     return a;
