@@ -73,7 +73,9 @@ TEST_F(random_numbers, follow_the_reference_streams) {
 TEST_F(random_numbers, seeds_of_all_generators_follow_from_the_first) {
     int checked = 0;
     for (const auto& r : rows()) {
-        if (r.kind == "mltmod") EXPECT_EQ(mltmod(std::stoi(r.seed1), std::stoi(r.seed2), std::stoi(r.arg)), std::stoi(r.value));
+        if (r.kind == "mltmod") {
+            EXPECT_EQ(mltmod(std::stoi(r.seed1), std::stoi(r.seed2), std::stoi(r.arg)), std::stoi(r.value));
+        }
         if (r.kind != "setall_ig1" && r.kind != "setall_ig2") continue;
         setall(std::stoi(r.seed1), std::stoi(r.seed2));
         const auto g = static_cast<std::size_t>(std::stoi(r.arg) - 1);
@@ -86,7 +88,7 @@ TEST_F(random_numbers, seeds_of_all_generators_follow_from_the_first) {
 TEST_F(random_numbers, default_seeds_serve_without_setall) {
     randomgen = {};
     for (const auto& r : rows())
-        if (r.kind == "ignlgi_without_setall") EXPECT_EQ(ignlgi(), std::stoi(r.value));
+        if (r.kind == "ignlgi_without_setall") { EXPECT_EQ(ignlgi(), std::stoi(r.value)); }
 }
 
 TEST_F(random_numbers, one_of_one_draws_nothing) {
