@@ -168,6 +168,7 @@ TEST_F(readparfile, diagonal_block_turns_log_scale_and_factor_scale_on) {
     EXPECT_TRUE(options.principal);
     EXPECT_TRUE(options.logdia[2]);
     EXPECT_FALSE(options.logdia[1]);
+    options.logdia = {}; // as --nologd leaves it
     options.nologd = true;
     read(text);
     EXPECT_FALSE(options.principal || options.logdia[2]);
