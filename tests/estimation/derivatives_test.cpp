@@ -8,6 +8,7 @@
 #include "likelihood/likelihood.h"
 #include "likelihood/residualvars.h"
 #include "likelihood/solutions.h"
+#include "parfile/mudmap.h"
 #include "support/fixture.h"
 #include "support/small_models.h"
 
@@ -227,6 +228,58 @@ TEST_F(derivatives_test, DiagonalBlockWithoutLogarithms) {
     set_up(m, {"--aireml", "--nologd"});
     EXPECT_FALSE(options.principal);
     expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, CorrelatedEffects) {
+    small_model m = traits(1, {1.3}, {2.1});
+    m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
+    set_up(m);
+    expect_derivatives(m);
+}
+
+// Jacobian of every block against differences of its matrix.
+void expect_jacobian(int irand, int step) {
+    array<double, 2> jac;
+    block_jacobian(irand, step, jac);
+    array<double> up, down;
+    array<double, 2> vv;
+    int ifail = 0;
+    for (int p = 1; p <= jac.upper(2); ++p) {
+        const double h = 1.0e-5;
+        array<double> par = estimates.parvec;
+        par(block_start(irand, step) + p - 1) += h;
+        parvec2covs(par, irand, step, up, vv, ifail);
+        par(block_start(irand, step) + p - 1) -= 2.0 * h;
+        parvec2covs(par, irand, step, down, vv, ifail);
+        for (int k = 1; k <= jac.upper(1); ++k) EXPECT_NEAR(jac(k, p), (up(k) - down(k)) / (2.0 * h), 1.0e-8) << k << " " << p;
+    }
+}
+
+TEST_F(derivatives_test, JacobianOfReducedRankAndLogarithms) {
+    small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5});
+    m.principal = true;
+    m.random[0].rank = 2;
+    set_up(m, {"--aireml", "--logdia"});
+    EXPECT_EQ(block_size(1), 5);
+    expect_jacobian(0, 1);
+    expect_jacobian(1, 1);
+}
+
+TEST_F(derivatives_test, JacobianOfResidualClasses) {
+    set_up(growth());
+    for (int step = 1; step <= 3; ++step) expect_jacobian(0, step);
+    expect_jacobian(1, 1);
+    expect_jacobian(2, 1);
+}
+
+TEST_F(derivatives_test, SuppliedInverseAtReducedRankIsRefused) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    m.principal = true;
+    m.random[0].rank = 1;
+    set_up(m);
+    check_average_info();
+    mudmap.kovrnd(1) = "GIN";
+    EXPECT_STOP(check_average_info(), "not yet");
 }
 
 TEST_F(derivatives_test, ResidualCovarianceFixedAtZeroHasNoDerivative) {

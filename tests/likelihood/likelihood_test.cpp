@@ -13,11 +13,15 @@
 #include "likelihood/randomvars.h"
 #include "likelihood/residualvars.h"
 #include "likelihood/solutions.h"
+#include "likelihood/warnfix.h"
 #include "parfile/model.h"
 #include "support/fixture.h"
+#include "support/screen.h"
 #include "support/small_models.h"
 
+#include <algorithm>
 #include <cmath>
+#include <string>
 
 namespace tarvex {
 namespace {
@@ -130,6 +134,76 @@ TEST_F(likelihood_test, RepeatMatrixAboveTheResidualIsInvalid) {
     p(2) = 1.5; // the repeat variance
     EXPECT_EQ(program_logl(p), invalid_logl);
     EXPECT_NE(screen_text().find("NEGATIVE PIVOT"), std::string::npos);
+}
+
+TEST_F(likelihood_test, RepeatMatrixEqualToTheResidualIsToldAsSingular) {
+    small_model m = univariate(2);
+    m.random.push_back({"pe", "PEQ", 1, 0, {0.7}});
+    set_up(m);
+    options.emalgorithm = true;
+    covs2parvec();
+    array<double> p = estimates.parvec;
+    p(1) = p(2) = 1.0;
+    EXPECT_EQ(program_logl(p), invalid_logl);
+    EXPECT_NE(screen_text().find("***** ERROR : Residual covariance matrix not of full rank\n      Dimension   = 2\n"
+                                 "      Rank        = 1\n      Combination = 2\n"),
+              std::string::npos);
+}
+
+TEST_F(likelihood_test, CorrelatedEffectsShareABlock) {
+    small_model m = univariate();
+    m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
+    set_up(m);
+    EXPECT_EQ(numbers.krand, 1);
+    expect_dense(m);
+}
+
+TEST_F(likelihood_test, SireModelLeavesOutTheLogDeterminantOfTheRelationships) {
+    small_model m = univariate();
+    std::fill(m.dam.begin(), m.dam.end(), 0); // the rules for sires alone give the relationships of the pedigree
+    m.sires = true;
+    set_up(m);
+    const double x = program_logl(estimates.parvec);
+    EXPECT_LT(randomvars.detl(1), -0.5);
+    EXPECT_NEAR(x, dense_logl(m, estimates.parvec) + 0.5 * randomvars.detl(1), 1.0e-8);
+}
+
+TEST_F(likelihood_test, SuppliedInverseEqualsThePedigree) {
+    small_model m = univariate();
+    m.rows.clear();
+    m.make_rows(1, 1, 3, 0.0, 9); // a record of every animal: codes are levels
+    m.random[0].kov = "GIN";
+    const oracle::dense a = oracle::tabular(m.sire, m.dam), inv = oracle::inverse(a);
+    std::string text = std::to_string(oracle::log_det(a)) + "\n";
+    for (std::size_t i = 0; i < inv.size(); ++i)
+        for (std::size_t j = 0; j <= i; ++j)
+            if (std::fabs(inv[i][j]) > 1.0e-12)
+                text += std::to_string(j + 1) + " " + std::to_string(i + 1) + " " + list_item(inv[i][j]) + "\n";
+    write_file("animal.gin", text);
+    small_model given = m;
+    given.sire.clear();
+    set_up(given);
+    expect_dense(m, 1.0e-6);
+}
+
+TEST_F(likelihood_test, DiagnosisNamesTheFixedEffect) {
+    const small_model m = univariate();
+    set_up(m);
+    write_warnfix(orders.ieqnew(mmequations.fx_start(1, 1) + 2));
+    EXPECT_NE(screen_text().find("This belongs to fixed effect \"herd\"\nand trait no. 1\n"
+                                 "Problem occurs for level no.          = 2\n"
+                                 "No. of levels fitted for this effect  = 3\n"),
+              std::string::npos);
+}
+
+TEST_F(likelihood_test, PlaceOfAnElementThatIsNotThereIsZero) {
+    set_up(univariate());
+    int absent = 0;
+    for (int i = 1; i < numbers.nsrow; ++i) {
+        EXPECT_EQ(locate(i, numbers.nsrow), sparse.ixvec1(i + 1) - 1);
+        for (int j = i + 1; j < numbers.nsrow; ++j) absent += locate(j, i) == 0;
+    }
+    EXPECT_EQ(absent, (numbers.nsrow - 1) * (numbers.nsrow - 2) / 2 - (sparse.maxlnz - numbers.nsrow + 1));
 }
 
 TEST_F(likelihood_test, RandomRegressionOneClass) {

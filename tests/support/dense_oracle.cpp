@@ -106,9 +106,12 @@ dense variance(const analysis& m, const point& at) {
             const observation &o = m.obs[i], &w = m.obs[j];
             double s = 0.0;
             for (std::size_t k = 0; k < m.a.size(); ++k) {
-                if (at.g[k].empty() || o.level[k] == 0 || w.level[k] == 0) continue;
-                const double a = m.a[k][static_cast<std::size_t>(o.level[k] - 1)][static_cast<std::size_t>(w.level[k] - 1)];
-                if (a != 0.0) s += a * dot(o.z[k], times(at.g[k], w.z[k]));
+                if (at.g[k].empty()) continue;
+                for (const term& e : o.terms[k])
+                    for (const term& f : w.terms[k]) {
+                        const double a = m.a[k][static_cast<std::size_t>(e.level - 1)][static_cast<std::size_t>(f.level - 1)];
+                        if (a != 0.0) s += a * dot(e.z, times(at.g[k], f.z));
+                    }
             }
             if (o.subject == w.subject) {
                 const auto q = static_cast<std::size_t>(o.trait - 1), p = static_cast<std::size_t>(w.trait - 1);
@@ -163,9 +166,8 @@ dense blup(const analysis& m, const point& at, const reml& e, std::size_t k) {
     const std::size_t nlev = m.a[k].size(), q = at.g[k].size();
     dense zpy = zeros(nlev, q);
     for (std::size_t i = 0; i < m.obs.size(); ++i)
-        if (m.obs[i].level[k] > 0)
-            for (std::size_t r = 0; r < q; ++r)
-                zpy[static_cast<std::size_t>(m.obs[i].level[k] - 1)][r] += m.obs[i].z[k][r] * e.py[i];
+        for (const term& t : m.obs[i].terms[k])
+            for (std::size_t r = 0; r < q; ++r) zpy[static_cast<std::size_t>(t.level - 1)][r] += t.z[r] * e.py[i];
     return product(product(m.a[k], zpy), at.g[k]);
 }
 

@@ -20,14 +20,18 @@ double dot(const vec& a, const vec& b);
 // Relationship matrix by the tabular method; parents 0 unknown, animals 1..n with parents first.
 dense tabular(const std::vector<int>& sire, const std::vector<int>& dam);
 
-// Observation: design row of the fixed part, level (from 1) and weights (kkfit) in each random effect, residual class and
-// control value.
+// What an observation takes from a random effect: level (from 1) and weights of its components (kkfit).
+struct term {
+    int level = 0;
+    vec z;
+};
+
+// Observation: design row of the fixed part, terms of each random effect, residual class and control value.
 struct observation {
     int trait = 1, subject = 0, age = 0, iclass = 1;
     double y = 0.0;
     vec x;
-    std::vector<int> level; // 0: not fitted
-    std::vector<vec> z;
+    std::vector<std::vector<term>> terms;
 };
 
 struct analysis {

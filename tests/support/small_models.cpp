@@ -51,6 +51,13 @@ oracle::dense unpacked(const double* p, int n) {
     return a;
 }
 
+// Names of an effect: two where it is a pair of correlated ones.
+std::vector<std::string> names(const small_effect& e) {
+    const auto plus = e.name.find('+');
+    if (plus == std::string::npos) return {e.name};
+    return {e.name.substr(0, plus), e.name.substr(plus + 1)};
+}
+
 // Orthonormal Legendre functions at t within [low, high], by the recurrence of the polynomials.
 oracle::vec legendre(double t, double low, double high, int n) {
     const double x = -1.0 + 2.0 * (t - low) / (high - low);
@@ -111,7 +118,7 @@ std::string small_model::parameters() const {
     s << "DAT model.dat\n animal 999\n pe 999\n dam 99\n herd 99\n age 99\n x\n";
     for (int q = 1; q <= nq; ++q) s << " y" << q << "\n";
     s << "END\n";
-    if (!sire.empty()) s << "PED model.ped\n";
+    if (!sire.empty()) s << "PED model.ped" << (sires ? " SIR" : "") << "\n";
     const std::string pc = principal ? " PC" : "";
     if (randreg) s << "ANA RR" << pc << "\nMOD\n";
     else if (nq == 1 && !principal) s << "ANA UNI\nMOD\n";
@@ -119,11 +126,12 @@ std::string small_model::parameters() const {
     if (herd) s << " FIX herd\n";
     if (covariable) s << " COV x(1,POL)\n";
     if (mean) s << " MEA\n";
-    for (const auto& e : random) {
-        s << " RAN " << e.name;
-        if (randreg) s << "(" << e.order << ",LEG)";
-        s << " " << e.kov << "\n";
-    }
+    for (const auto& e : random)
+        for (const std::string& name : names(e)) {
+            s << " RAN " << name;
+            if (randreg) s << "(" << e.order << ",LEG)";
+            s << " " << e.kov << "\n";
+        }
     if (randreg) s << " RRC age\n";
     for (int q = 1; q <= nq; ++q) s << " TRAIT y" << q << " " << q << " -999\n";
     s << "END\n";
@@ -192,19 +200,24 @@ oracle::analysis small_model::dense() const {
             if (covariable) o.x[nh + at(q - 1)] = r.x;
             if (mean) o.x[width - at(nq) + at(q - 1)] = 1.0;
             for (const auto& e : random) {
-                const bool peq = e.kov == "PEQ";
-                o.level.push_back(peq ? 0 : e.name == "animal" ? r.animal : e.name == "pe" ? r.pe : r.dam);
-                oracle::vec z(at(e.order), 0.0);
-                if (randreg) z = legendre(r.age, low, high, e.order);
-                else z[at(q - 1)] = 1.0;
-                o.z.push_back(z);
+                o.terms.emplace_back();
+                if (e.kov == "PEQ") continue;
+                int place = q;
+                for (const std::string& name : names(e)) {
+                    oracle::vec z(at(e.order), 0.0);
+                    if (randreg) z = legendre(r.age, low, high, e.order);
+                    else z[at(place - 1)] = 1.0;
+                    o.terms.back().push_back({name == "animal" ? r.animal : name == "pe" ? r.pe : r.dam, z});
+                    place += nq;
+                }
             }
             m.obs.push_back(o);
         }
     }
     for (const auto& e : random) {
         int nlev = 1;
-        for (const auto& o : m.obs) nlev = std::max(nlev, o.level[m.a.size()]);
+        for (const auto& o : m.obs)
+            for (const auto& t : o.terms[m.a.size()]) nlev = std::max(nlev, t.level);
         if (e.kov == "NRM" || e.kov == "GIN") {
             m.a.push_back(oracle::tabular(sire, dam));
             continue;

@@ -11,7 +11,7 @@
 namespace tarvex {
 
 struct small_effect {
-    std::string name;            // animal, pe or dam
+    std::string name;            // animal, pe or dam; animal+dam: correlated effects
     std::string kov;             // NRM, IDE, PEQ, GIN
     int order = 1, rank = 0;     // rank 0: as order
     std::vector<double> g;       // packed upper triangle; variances where diagonal
@@ -28,6 +28,7 @@ struct small_model {
     int nq = 1;
     bool randreg = false, principal = false;
     bool herd = true, covariable = false, mean = false;
+    bool sires = false;             // sire model: the second parent is the maternal grandsire
     std::vector<small_effect> random;
     std::vector<double> residual;   // packed; with classes one after the other
     std::vector<int> class_bounds;  // HET: last control value of each class
