@@ -59,6 +59,9 @@ struct dense_kernels_table {
     // Row r of x (16 a row) -= l(q) s, for q = 0..m-1, r = rows(q)-1; and s -= sum of l(q) times row r.
     void (*spread_rows)(int m, const int* rows, const double* l, const double* s, double* x);
     void (*collect_rows)(int m, const int* rows, const double* l, double* s, const double* x);
+    // The same for four columns with the same rows: l(0..3), and s with 16 values for each.
+    void (*spread_four)(int m, const int* rows, const double* const* l, const double* s, double* x);
+    void (*collect_four)(int m, const int* rows, const double* const* l, double* s, const double* x);
 };
 
 // The kernels of the best instruction set that the processor has, or of the one asked for by set_instruction_set or the

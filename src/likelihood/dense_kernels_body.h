@@ -417,10 +417,40 @@ void collect_rows(int m, const int* rows, const double* l, double* s, const doub
     for (int c = 0; c < rhs_vectors; ++c) save(s + c * lanes, v[c]);
 }
 
+// The same for four columns of the factor with the same rows, l(k) and 16 values s(16k..) for each.
+void spread_four(int m, const int* rows, const double* const* l, const double* s, double* x) {
+    const double *l0 = l[0], *l1 = l[1], *l2 = l[2], *l3 = l[3];
+    vec v[4][rhs_vectors];
+    for (int k = 0; k < 4; ++k)
+        for (int c = 0; c < rhs_vectors; ++c) v[k][c] = load(s + 16 * k + c * lanes);
+    for (int q = 0; q < m; ++q) {
+        double* xi = x + static_cast<place_t>(rows[q] - 1) * 16;
+#pragma GCC unroll 8
+        for (int c = 0; c < rhs_vectors; ++c)
+            save(xi + c * lanes, load(xi + c * lanes) - v[0][c] * l0[q] - v[1][c] * l1[q] - v[2][c] * l2[q] - v[3][c] * l3[q]);
+    }
+}
+
+void collect_four(int m, const int* rows, const double* const* l, double* s, const double* x) {
+    const double *l0 = l[0], *l1 = l[1], *l2 = l[2], *l3 = l[3];
+    for (int c = 0; c < rhs_vectors; ++c) {
+        vec v[4];
+        for (int k = 0; k < 4; ++k) v[k] = load(s + 16 * k + c * lanes);
+        for (int q = 0; q < m; ++q) {
+            const vec xi = load(x + static_cast<place_t>(rows[q] - 1) * 16 + c * lanes);
+            v[0] -= xi * l0[q];
+            v[1] -= xi * l1[q];
+            v[2] -= xi * l2[q];
+            v[3] -= xi * l3[q];
+        }
+        for (int k = 0; k < 4; ++k) save(s + 16 * k + c * lanes, v[k]);
+    }
+}
+
 } // namespace
 
 extern const dense_kernels_table TVX_KERNELS;
-const dense_kernels_table TVX_KERNELS{TVX_NAME,     product,     minus_square, minus_symmetric, factor_panel, solve_right,
-                                      transpose,    add_rows,    take_rows,    spread_rows,  collect_rows};
+const dense_kernels_table TVX_KERNELS{TVX_NAME,  product,   minus_square, minus_symmetric, factor_panel, solve_right,  transpose,
+                                      add_rows,  take_rows, spread_rows,  collect_rows,    spread_four,  collect_four};
 
 } // namespace tarvex

@@ -92,7 +92,7 @@ int factorise_columns(double& pivot, bool forcepd) {
 
 bool supernodes_wanted() {
     if (kernels.choice != kernel_kind::automatic) return kernels.choice == kernel_kind::supernodes;
-    return sparse.maxlnz > 0 && factor_operations() > 100.0 * sparse.maxlnz;
+    return sparse.maxlnz > 0 && factor_operations() > 20.0 * sparse.maxlnz;
 }
 
 void factorise_mmm(double& detc, double& ypy, int& ifail) {
