@@ -3,12 +3,12 @@
 #include "data/data.h"
 
 #include "control/filenames.h"
+#include "control/numbers.h"
 #include "control/options.h"
 #include "control/parameters.h"
 #include "control/tvxroutines.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
-#include "control/numbers.h"
 #include "support/edit_form.h"
 #include "support/record_file.h"
 

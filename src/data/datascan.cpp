@@ -1,5 +1,5 @@
-// First scan of the data: moments and ranges by updating means (Welford, 1962), codes of all effects, pairs of traits and
-// the largest subject.
+// First scan of the data: moments and ranges by updating means (Welford, 1962), codes of all effects, pairs of traits
+// and the largest subject.
 #include "data/codeset.h"
 #include "data/data.h"
 #include "data/levels.h"
@@ -48,8 +48,8 @@ struct scan_state {
     array<code_set, 2> fx, ex, meta, values; // values: bits of the covariables' values
     array<code_set> rn;
     subject_run run;
-    int nobs = 0;       // observations of the subject in hand
-    array<int> counts;  // (nq) its records by trait
+    int nobs = 0;      // observations of the subject in hand
+    array<int> counts; // (nq) its records by trait
 };
 
 // An effect of a trait in the data.
@@ -134,8 +134,8 @@ void scan_random(scan_state& s, int iq) {
     for (int i = 1; i <= model.nrnd(iq); ++i) {
         const int irand = m.rn_irand(i, iq);
         const bool nrm = m.kovrnd(irand) == "NRM";
-        const effect_columns e{model.random(i, iq), i,           iq, m.rn_dcolno(i, iq), m.rn_dcolno2(i, iq), 1,
-                               nrm ? INT64_MAX : m.rn_mlev(i, iq)};
+        const effect_columns e{
+            model.random(i, iq), i, iq, m.rn_dcolno(i, iq), m.rn_dcolno2(i, iq), 1, nrm ? INT64_MAX : m.rn_mlev(i, iq)};
         if (nrm && e.icol2 <= 0)
             check_pedlist(checked_code(s, e), s.reader.ndatrec);
         else

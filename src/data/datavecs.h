@@ -1,9 +1,9 @@
 // The record of one subject, as the recoded files hold it, and the patterns of records.
 //
-// Row k of a subject's design belongs to observation k. Positions of a row of trait iq: fixed effects 1..nfix(iq), then the
-// trait's mean if one is fitted, then the random effects in the order of the model, each with as many positions as it has
-// fitted components or coefficients (none for PEQ): see ddvecs.kkst. ieqnr(j,k) is the place in jvec of the equation at
-// position j, 0 where the row has none. Covariables stand in xcov, icov only.
+// Row k of a subject's design belongs to observation k. Positions of a row of trait iq: fixed effects 1..nfix(iq), then
+// the trait's mean if one is fitted, then the random effects in the order of the model, each with as many positions as
+// it has fitted components or coefficients (none for PEQ): see ddvecs.kkst. ieqnr(j,k) is the place in jvec of the
+// equation at position j, 0 where the row has none. Covariables stand in xcov, icov only.
 #pragma once
 #include "support/array.h"
 
@@ -14,30 +14,30 @@
 namespace tarvex {
 
 struct datavecs_module {
-    int icombi = 0;          // number of the pattern of records
-    int nobs = 0;            // observations
-    int kk = 0;              // rows of effect codes: equal to nobs
-    int nr = 0;              // length of jvec
-    int mrow = 0;            // positions of a row (largest over traits)
-    int mcov = 0;            // covariable coefficients of a row (largest over traits)
-    int nmeta = 0;           // control variables
-    array<double> yvec;      // (maxnr) observations as read, sorted by trait
-    array<int> ynq;          // (maxnr) traits
-    array<int, 2> ieqnr;     // (mrow,maxnr)
-    array<double, 2> xcov;   // (mcov,maxnr) regression values
-    array<int, 2> icov;      // (mcov,maxnr) covariable equation (1..neq_cov), 0 none
-    array<int, 2> iraand;    // (krand,maxnr) level of the animal of each random block, with superai only
-    array<int, 2> imeta;     // (nmeta,maxnr) level of each control variable
-    array<int> jvec;         // (maxnreq) sorted distinct equations of the subject
+    int icombi = 0;        // number of the pattern of records
+    int nobs = 0;          // observations
+    int kk = 0;            // rows of effect codes: equal to nobs
+    int nr = 0;            // length of jvec
+    int mrow = 0;          // positions of a row (largest over traits)
+    int mcov = 0;          // covariable coefficients of a row (largest over traits)
+    int nmeta = 0;         // control variables
+    array<double> yvec;    // (maxnr) observations as read, sorted by trait
+    array<int> ynq;        // (maxnr) traits
+    array<int, 2> ieqnr;   // (mrow,maxnr)
+    array<double, 2> xcov; // (mcov,maxnr) regression values
+    array<int, 2> icov;    // (mcov,maxnr) covariable equation (1..neq_cov), 0 none
+    array<int, 2> iraand;  // (krand,maxnr) level of the animal of each random block, with superai only
+    array<int, 2> imeta;   // (nmeta,maxnr) level of each control variable
+    array<int> jvec;       // (maxnreq) sorted distinct equations of the subject
 };
 inline datavecs_module datavecs;
 
 struct combinations_module {
     int ncombi = 0;
-    std::vector<std::string> xcombi;             // pattern as text
-    std::vector<std::vector<int>> nqcombi;       // [icombi-1][iq-1] records of each trait
-    std::vector<int> ncomb_subj;                 // [icombi-1] subjects
-    array<int> ncomb_pairs;                      // packed upper triangle without diagonal: subjects with both traits
+    std::vector<std::string> xcombi;       // pattern as text
+    std::vector<std::vector<int>> nqcombi; // [icombi-1][iq-1] records of each trait
+    std::vector<int> ncomb_subj;           // [icombi-1] subjects
+    array<int> ncomb_pairs;                // packed upper triangle without diagonal: subjects with both traits
 };
 inline combinations_module combinations;
 

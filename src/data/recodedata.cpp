@@ -52,20 +52,20 @@ int find_level(const level_finder& f, std::int64_t icode) {
 
 // The subject in hand, observations as they come in the file.
 struct recoder {
-    bool full = false;      // second numbering, all effects at full rank
+    bool full = false; // second numbering, all effects at full rank
     int mrow = 0, mcov = 0, nmeta = 0, krand = 0;
     int nobs = 0;
-    array<double> yvec;     // (maxnr)
-    array<int> ynq;         // (maxnr)
-    array<int, 2> ieqnr;    // (mrow,maxnr) equations
-    array<double, 2> xcov;  // (mcov,maxnr)
-    array<int, 2> icov;     // (mcov,maxnr)
-    array<int, 2> iraand;   // (krand,maxnr)
-    array<int, 2> imeta;    // (nmeta,maxnr)
+    array<double> yvec;          // (maxnr)
+    array<int> ynq;              // (maxnr)
+    array<int, 2> ieqnr;         // (mrow,maxnr) equations
+    array<double, 2> xcov;       // (mcov,maxnr)
+    array<int, 2> icov;          // (mcov,maxnr)
+    array<int, 2> iraand;        // (krand,maxnr)
+    array<int, 2> imeta;         // (nmeta,maxnr)
     array<level_finder> finders; // (krand)
-    array<int> ilev;        // (maxfix) levels of the fixed effects of the observation
-    array<int> mark;        // (nq) records by trait
-    std::vector<int> order; // observations in trait order
+    array<int> ilev;             // (maxfix) levels of the fixed effects of the observation
+    array<int> mark;             // (nq) records by trait
+    std::vector<int> order;      // observations in trait order
     record_writer heads, lists;
 };
 
@@ -94,24 +94,21 @@ void allocate_recoder(recoder& r, bool full) {
 int gather_fixed(recoder& r, const array<double>& dvec, int iq, int k) {
     int pos = 0;
     for (int i = 1; i <= model.nfix(iq); ++i) {
-        const auto icode =
-            effect_code(dvec, mudmap.fx_dcolno(i, iq), mudmap.fx_dcolno2(i, iq), levels.fx_base(i, iq));
+        const auto icode = effect_code(dvec, mudmap.fx_dcolno(i, iq), mudmap.fx_dcolno2(i, iq), levels.fx_base(i, iq));
         const int ilev = find_code(icode, levels.fx_codes(i, iq));
         if (ilev == 0) not_found('f', model.fixed(i, iq), icode, levels.fx_nlev(i, iq));
         r.ilev(i) = ilev;
         r.ieqnr(++pos, k) = mmequations.fx_start(i, iq) + ilev;
     }
     if (model.fitmean(iq) != 0)
-        r.ieqnr(++pos, k) =
-            mmequations.ieq_trait(iq) + (r.full ? mmequations.neqns_full - mmequations.neqns : 0);
+        r.ieqnr(++pos, k) = mmequations.ieq_trait(iq) + (r.full ? mmequations.neqns_full - mmequations.neqns : 0);
     return pos;
 }
 
 void gather_random(recoder& r, const array<double>& dvec, int iq, int k, int pos) {
     for (int i = 1; i <= model.nrnd(iq); ++i) {
         const int irand = mudmap.rn_irand(i, iq);
-        const auto icode =
-            effect_code(dvec, mudmap.rn_dcolno(i, iq), mudmap.rn_dcolno2(i, iq), levels.rn_base(irand));
+        const auto icode = effect_code(dvec, mudmap.rn_dcolno(i, iq), mudmap.rn_dcolno2(i, iq), levels.rn_base(irand));
         const int ilev = find_level(r.finders(irand), icode);
         if (ilev == 0) not_found('r', model.random(i, iq), icode, levels.rn_nlev(irand));
         if (r.iraand(irand, k) == 0) r.iraand(irand, k) = ilev;
@@ -140,7 +137,8 @@ void gather_covariables(recoder& r, const array<double>& dvec, int iq, int k) {
     int pos = 0;
     for (int i = 1; i <= model.ncov(iq); ++i) {
         const int order = mudmap.cv_order(i, iq);
-        covariable_row(i, iq, dvec(mudmap.cv_dcolno(i, iq)) + 0.0, r.xcov.column(k).subspan(static_cast<std::size_t>(pos)));
+        covariable_row(i, iq, dvec(mudmap.cv_dcolno(i, iq)) + 0.0,
+                       r.xcov.column(k).subspan(static_cast<std::size_t>(pos)));
         const int first = mmequations.cv_start(i, iq) + (nest_level(r, dvec, i, iq) - 1) * order;
         for (int c = 1; c <= order; ++c) r.icov(++pos, k) = first + c;
     }
@@ -163,8 +161,7 @@ void gather(recoder& r, const array<double>& dvec, int iq, double y) {
     r.yvec(k) = y;
     r.ynq(k) = iq;
     ++r.mark(iq);
-    for (auto* a : {&r.ieqnr, &r.icov, &r.iraand, &r.imeta})
-        std::fill(a->column(k).begin(), a->column(k).end(), 0);
+    for (auto* a : {&r.ieqnr, &r.icov, &r.iraand, &r.imeta}) std::fill(a->column(k).begin(), a->column(k).end(), 0);
     std::fill(r.xcov.column(k).begin(), r.xcov.column(k).end(), 0.0);
     const int pos = gather_fixed(r, dvec, iq, k);
     gather_random(r, dvec, iq, k, pos);
@@ -184,7 +181,8 @@ void gather2(recoder& r, const array<double>& dvec, int iq) {
 template <class T> void sort_columns(const std::vector<int>& order, array<T, 2>& a, std::vector<T>& work) {
     const std::size_t n = static_cast<std::size_t>(a.upper(1));
     work.resize(n * order.size());
-    for (std::size_t k = 0; k < order.size(); ++k) std::copy_n(a.column(order[k]).begin(), n, work.begin() + static_cast<std::ptrdiff_t>(k * n));
+    for (std::size_t k = 0; k < order.size(); ++k)
+        std::copy_n(a.column(order[k]).begin(), n, work.begin() + static_cast<std::ptrdiff_t>(k * n));
     std::copy(work.begin(), work.end(), a.begin());
 }
 
@@ -339,8 +337,8 @@ void data_recode() {
     if (options.details) print_list(screen(), "Start DATA_RECODE");
     recode_data(false);
     if (options.verbose)
-        print_list(screen(), "No. of \"subjects\" in data", numbers.nsubject, " maxnr =", numbers.maxnr, "  ncombi =",
-                   combinations.ncombi);
+        print_list(screen(), "No. of \"subjects\" in data", numbers.nsubject, " maxnr =", numbers.maxnr,
+                   "  ncombi =", combinations.ncombi);
     if (options.details) print_list(screen(), "End of routine \"data_recode\" ");
 }
 

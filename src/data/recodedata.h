@@ -1,17 +1,17 @@
 // Recoding of the data into binary records, and the reading of these records.
 //
-// recoded1.bin, for each subject: the head in form A to E, then xcov(:,:kk) and icov(:,:kk) as two records if the model has
-// covariables (mcov > 0), then ieqnr(:,:kk), then iraand(:,:nobs) with superai.
+// recoded1.bin, for each subject: the head in form A to E, then xcov(:,:kk) and icov(:,:kk) as two records if the model
+// has covariables (mcov > 0), then ieqnr(:,:kk), then iraand(:,:nobs) with superai.
 //   A  one trait, no random regression, maxnr 1:  yvec(1)                          (icombi 1, nobs 1, kk 1)
 //   B  one trait, no random regression:           icombi, nobs, kk, yvec(:nobs)
 //   C  several traits, no random regression:      icombi, nobs, kk, ynq(:nobs), yvec(:nobs)
 //   D  one trait, random regression:              nobs, yvec(:nobs), imeta(:,:nobs)  (kk = nobs, icombi 0)
 //   E  several traits, random regression:         icombi, nobs, ynq(:nobs), yvec(:nobs), imeta(:,:nobs)
 // recoded2.bin: nr, jvec(:nr) in equation numbers before ordering; recoded3.bin: the same after ordering.
-// recoded4.bin: as recoded1.bin with the design of the full-rank model, without iraand, followed by nr, jvec(:nr) (PX-EM of
-// reduced rank). In the second numbering the equations of the means move up by neqns_full - neqns, as they stand last.
-// Observations of a subject are sorted by trait, those of one trait as they come. imeta has one row for each of the control
-// variables rrcontrol, 0 where the trait has not got it. Integers are 32 bits, reals 64 bits.
+// recoded4.bin: as recoded1.bin with the design of the full-rank model, without iraand, followed by nr, jvec(:nr)
+// (PX-EM of reduced rank). In the second numbering the equations of the means move up by neqns_full - neqns, as they
+// stand last. Observations of a subject are sorted by trait, those of one trait as they come. imeta has one row for
+// each of the control variables rrcontrol, 0 where the trait has not got it. Integers are 32 bits, reals 64 bits.
 #pragma once
 #include "data/datavecs.h"
 #include "support/record_file.h"
@@ -21,7 +21,8 @@
 
 namespace tarvex {
 
-// Reads the data once more and writes recoded1.bin and recoded2.bin; sets numbers.nsubject, numbers.maxnreq, combinations.
+// Reads the data once more and writes recoded1.bin and recoded2.bin; sets numbers.nsubject, numbers.maxnreq,
+// combinations.
 void data_recode();
 // The same with kkfit components for every effect and the equation starts given by rn_start_full: writes recoded4.bin.
 void data_recode_full();
@@ -38,13 +39,14 @@ void setup_recdata_full(recdata_pass& pass); // recoded4.bin
 bool next_subject(recdata_pass& pass);
 void deall_recdata(recdata_pass& pass);
 
-// Number of the pattern of records with `mark(iq)` records of trait iq; adds it if new (at most maxcombi). Counts the subject
-// in ncomb_subj and ncomb_pairs.
+// Number of the pattern of records with `mark(iq)` records of trait iq; adds it if new (at most maxcombi). Counts the
+// subject in ncomb_subj and ncomb_pairs.
 void combination_no(int& icombi, int nq, const array<int>& mark);
 
 // Binary search of a code in an ascending list: its level, 0 if not found.
 int find_code(std::int64_t icode, const std::vector<std::int64_t>& list);
-// Message on a code that is not in the list and stop. kind: 'r' random, 'f' fixed, 'e' extra effect, 'm' control variable.
+// Message on a code that is not in the list and stop. kind: 'r' random, 'f' fixed, 'e' extra effect, 'm' control
+// variable.
 [[noreturn]] void not_found(char kind, std::string_view name, std::int64_t icode, int nlev);
 
 } // namespace tarvex

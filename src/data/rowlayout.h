@@ -1,8 +1,8 @@
 // Layout of a row of the design, as the recoded records hold it and as the assembly reads it.
 //
-// Row of trait iq: fixed effects 1..nfix(iq), the trait's mean if one is fitted, then the random effects in the order of the
-// trait's model. A random effect takes as many positions as it has fitted components (principal runs) or regression
-// coefficients (1 in other analyses); an effect of type PEQ takes none, as it has no equations.
+// Row of trait iq: fixed effects 1..nfix(iq), the trait's mean if one is fitted, then the random effects in the order
+// of the trait's model. A random effect takes as many positions as it has fitted components (principal runs) or
+// regression coefficients (1 in other analyses); an effect of type PEQ takes none, as it has no equations.
 #pragma once
 
 namespace tarvex {

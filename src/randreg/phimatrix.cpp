@@ -23,11 +23,16 @@ enum basis { pol = 0, leg = 1, bsp = 2, spl = 3, usr = 9 };
 
 std::string basis_name(int irropt) {
     switch (irropt) {
-    case pol: return "POL";
-    case leg: return "LEG";
-    case bsp: return "BSP";
-    case spl: return "SPL";
-    default: return "USR";
+    case pol:
+        return "POL";
+    case leg:
+        return "LEG";
+    case bsp:
+        return "BSP";
+    case spl:
+        return "SPL";
+    default:
+        return "USR";
     }
 }
 
@@ -80,7 +85,8 @@ void classes_of_file(const code_list& codes) {
         long long jage = 0, jj = 0;
         bool good = false;
         while (std::getline(in, line)) {
-            std::replace_if(line.begin(), line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
+            std::replace_if(
+                line.begin(), line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
             if (trim(line).empty()) continue;
             list_reader list(line);
             good = list.next(jage) == list_read::value && list.next(jj) == list_read::value;
@@ -105,9 +111,11 @@ void read_table(array<double, 2>& phi, const code_list& codes, const std::string
     std::string line;
     for (std::size_t a = 1; a <= codes.size(); ++a) {
         std::vector<double> row;
-        const bool there = static_cast<bool>(std::getline(in, line));
-        std::replace_if(line.begin(), line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
-        list_reader list(there ? line : "");
+        line.clear(); // also left empty by a read behind the end
+        std::getline(in, line);
+        std::replace_if(
+            line.begin(), line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
+        list_reader list(line);
         double x = 0.0;
         while (row.size() <= nord && list.next(x) == list_read::value) row.push_back(x);
         if (row.size() > nord && row.front() == static_cast<double>(codes[a - 1])) row.erase(row.begin());

@@ -1,8 +1,8 @@
-// Tables of the basis functions of the random regressions at the values of the control variables, and the residual class
-// of each value.
+// Tables of the basis functions of the random regressions at the values of the control variables, and the residual
+// class of each value.
 //
-// Files: <variable>_<type><order>.baf, one line for each value: the value, then the functions. Tables of type USR are read
-// from such a file (the value in front may be left out), all others are written to one.
+// Files: <variable>_<type><order>.baf, one line for each value: the value, then the functions. Tables of type USR are
+// read from such a file (the value in front may be left out), all others are written to one.
 #pragma once
 #include "data/levels.h"
 #include "support/array.h"
@@ -13,12 +13,12 @@
 namespace tarvex {
 
 struct phimat_module {
-    int nphi = 0;                 // tables
-    array<int, 2> kkphi;          // (maxrand,nq) table of random effect i of trait iq
-    array<array<double, 2>> phi;  // (nphi)(levels, order) value of function k at level a of the control variable
-    array<int> phi_control;       // (nphi) control variable, its number within rrcontrol (row of imeta)
-    array<std::string> phi_name;  // (nphi) variable, type and order: "age_LEG3"
-    array<int> jjmeta;            // (nq) control variable that the residuals of a trait depend on, number within rrcontrol
+    int nphi = 0;                // tables
+    array<int, 2> kkphi;         // (maxrand,nq) table of random effect i of trait iq
+    array<array<double, 2>> phi; // (nphi)(levels, order) value of function k at level a of the control variable
+    array<int> phi_control;      // (nphi) control variable, its number within rrcontrol (row of imeta)
+    array<std::string> phi_name; // (nphi) variable, type and order: "age_LEG3"
+    array<int> jjmeta; // (nq) control variable that the residuals of a trait depend on, number within rrcontrol
 };
 inline phimat_module phimat;
 
@@ -27,7 +27,8 @@ int control_place(int irrc, int iq);
 // Its values, which the traits share.
 const code_list& control_codes(int irrc);
 
-// Fills jjmeta and model.me_run, then the tables. Values outside all classes, or a faulty file of classes, stop the run.
+// Fills jjmeta and model.me_run, then the tables. Values outside all classes, or a faulty file of classes, stop the
+// run.
 void mm2ages();
 // Fills kkphi and phi, and writes the tables.
 void phimatrix();

@@ -76,16 +76,16 @@ void find_splines() {
         for (int i = 1; i <= model.ncov(iq); ++i) {
             check_covariable(i, iq);
             if (mudmap.cv_type(i, iq) == "BSP")
-                splines.cv_spline(i, iq) = spline_no(up_to_bracket(model.covar(i, iq)), mudmap.cv_degree(i, iq),
-                                                     mudmap.cv_order(i, iq), 0);
+                splines.cv_spline(i, iq) =
+                    spline_no(up_to_bracket(model.covar(i, iq)), mudmap.cv_degree(i, iq), mudmap.cv_order(i, iq), 0);
         }
         if (!options.randreg) continue;
         for (int i = 1; i <= model.nrnd(iq); ++i) {
             check_random(i, iq);
             if (mudmap.irropt(i, iq) == bsp_basis)
                 splines.rn_spline(i, iq) =
-                    spline_no(model.rrcontrol[static_cast<std::size_t>(mudmap.irmeta(i, iq) - 1)],
-                              mudmap.ibsdeg(i, iq), mudmap.kfitrnd(i, iq), 1);
+                    spline_no(model.rrcontrol[static_cast<std::size_t>(mudmap.irmeta(i, iq) - 1)], mudmap.ibsdeg(i, iq),
+                              mudmap.kfitrnd(i, iq), 1);
         }
     }
 }

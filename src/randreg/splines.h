@@ -24,8 +24,8 @@ struct splines_module {
 };
 inline splines_module splines;
 
-// Finds the splines of the covariables and of the random effects, gathers their values over the traits and tabulates the
-// functions. Covariables of one name must agree in type and degree over the traits, as must random effects.
+// Finds the splines of the covariables and of the random effects, gathers their values over the traits and tabulates
+// the functions. Covariables of one name must agree in type and degree over the traits, as must random effects.
 void setup_bsplines();
 // Distinct values of spline isp, ascending, from the traits that have its variable.
 void collect_bspvalues(int isp);

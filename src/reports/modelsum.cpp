@@ -70,8 +70,7 @@ void controls_table(text_out& out) {
 void levels_table(text_out& out, const array<std::string, 2>& names, const array<int>& n, const array<int, 2>& nlev) {
     for (int iq = 1; iq <= numbers.nq; ++iq) {
         write(out, "(i2,2h \",a,1h\",t23,a,4(6x,a,3x))", iq, model.trait(iq), "nlev");
-        for (int i = 1; i <= n(iq); ++i)
-            write(out, "(i4,2x,1h\",a,1h\",t20,i7,4g13.6)", i, names(i, iq), nlev(i, iq));
+        for (int i = 1; i <= n(iq); ++i) write(out, "(i4,2x,1h\",a,1h\",t20,i7,4g13.6)", i, names(i, iq), nlev(i, iq));
     }
 }
 

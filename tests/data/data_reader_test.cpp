@@ -85,11 +85,12 @@ TEST_F(data_reader_test, short_line_stops) {
 }
 
 TEST_F(data_reader_test, text_that_is_no_number_stops) {
-    for (const char* bad : {"1 x\n", "1 2x\n", "1 nan\n", "1 inf\n", "1 1e999\n", "# c\n1 2\n# late\n", "1 ,\n", "1 0x10\n"}) {
+    for (const char* bad :
+         {"1 x\n", "1 2x\n", "1 nan\n", "1 inf\n", "1 1e999\n", "# c\n1 2\n# late\n", "1 ,\n", "1 0x10\n"}) {
         SCOPED_TRACE(bad);
         data(bad, 1, 2);
         open_datfile(reader);
-        EXPECT_STOP(while (next()) {}, "exit \"Tarvex\"");
+        EXPECT_STOP(while (next()){}, "exit \"Tarvex\"");
     }
 }
 

@@ -1,5 +1,5 @@
-// Fixture for tests of scan, recoding and tables: a model, its data, a pedigree of founders and equation numbers that are
-// laid out here independently.
+// Fixture for tests of scan, recoding and tables: a model, its data, a pedigree of founders and equation numbers that
+// are laid out here independently.
 #pragma once
 #include "data/data.h"
 #include "data/levels.h"
@@ -55,8 +55,9 @@ protected:
             for (int i = 1; i <= model.ncov(iq); ++i) {
                 e.cv_start(i, iq) = at;
                 const int nest = mudmap.cv_nestfix(i, iq);
-                at += mudmap.cv_order(i, iq) *
-                      (nest > 0 ? levels.fx_nlev(nest, iq) : nest < 0 ? levels.ex_nlev(-nest, iq) : 1);
+                at += mudmap.cv_order(i, iq) * (nest > 0   ? levels.fx_nlev(nest, iq)
+                                                : nest < 0 ? levels.ex_nlev(-nest, iq)
+                                                           : 1);
             }
         for (int iq = 1; iq <= numbers.nq; ++iq)
             for (int i = 1; i <= model.nfix(iq); ++i) {

@@ -132,14 +132,15 @@ TEST_F(layouts_test, permanent_environment_in_r_has_no_position) {
 }
 
 TEST_F(layouts_test, sire_model_line_is_a_subject) {
-    prepare("DAT t.dat\n sire 10\n y1\n y2\nEND\nPED p SIR\nANA MUV 2\nMOD EQ\n RAN sire NRM\n TRAIT y1 1 -9\n"
-            " TRAIT y2 2 -9\nEND\nVAR sire 2\n 1.0 0.1 1.0\nVAR residual 2\n 2.0 0.1 2.0\n",
-            [] {
-                std::string text;
-                for (int i = 1; i <= 600; ++i) text += "2 1.5 2.5\n";
-                return text;
-            }(),
-            2);
+    prepare(
+        "DAT t.dat\n sire 10\n y1\n y2\nEND\nPED p SIR\nANA MUV 2\nMOD EQ\n RAN sire NRM\n TRAIT y1 1 -9\n"
+        " TRAIT y2 2 -9\nEND\nVAR sire 2\n 1.0 0.1 1.0\nVAR residual 2\n 2.0 0.1 2.0\n",
+        [] {
+            std::string text;
+            for (int i = 1; i <= 600; ++i) text += "2 1.5 2.5\n";
+            return text;
+        }(),
+        2);
     recode();
     EXPECT_EQ(numbers.nsubject, 600);
     EXPECT_EQ(numbers.maxnr, 2);

@@ -209,9 +209,10 @@ TEST_F(recode_test, trait_mean_is_a_leading_position_behind_all_blocks) {
 }
 
 TEST_F(recode_test, interaction_codes) {
-    prepare("DAT t.dat\n animal 10\n herd 12\n year 3000\n y\nEND\nPED p\nANA UNI\nMOD\n FIX herd*year\n RAN animal NRM\n"
-            " TRAIT y 1 -9\nEND\nVAR animal 1\n 1.0\nVAR residual 1\n 2.0\n",
-            "1 12 1990 5\n2 1 2010 6\n3 12 1991 7\n4 1 2010 7\n", 4);
+    prepare(
+        "DAT t.dat\n animal 10\n herd 12\n year 3000\n y\nEND\nPED p\nANA UNI\nMOD\n FIX herd*year\n RAN animal NRM\n"
+        " TRAIT y 1 -9\nEND\nVAR animal 1\n 1.0\nVAR residual 1\n 2.0\n",
+        "1 12 1990 5\n2 1 2010 6\n3 12 1991 7\n4 1 2010 7\n", 4);
     recode();
     EXPECT_EQ(levels.fx_base(1, 1), 10000);
     EXPECT_EQ(levels.fx_codes(1, 1), (code_list{12010, 121990, 121991}));
@@ -239,7 +240,8 @@ TEST_F(recode_test, faults_of_the_scan) {
     write_file("t.dat", "1 -1 1 5\n");
     EXPECT_STOP(data_scan1st(), "Invalid effect code :  sex -1.0 -1");
     write_file("t.dat", "1 1 1 5\n7 1 1 5\n");
-    EXPECT_STOP(data_scan1st(), "Genetic effect code in data not found in pedigree list !\n   ID in data : 7 ;  Record no. : 2\n");
+    EXPECT_STOP(data_scan1st(),
+                "Genetic effect code in data not found in pedigree list !\n   ID in data : 7 ;  Record no. : 2\n");
     write_file("t.dat", "1 1 1 -9\n");
     EXPECT_STOP(data_scan1st(), "No records found for trait \"y\"");
     write_file("t.dat", "1 1 1 5\n1 2 1 5\n1 3 1 5\n1 4 1 5\n1 5 1 5\n1 1 1 5\n1 6 1 5\n");
@@ -260,8 +262,9 @@ TEST_F(recode_test, code_that_the_scan_has_not_seen) {
     data_scan1st();
     number_equations();
     write_file("t.dat", "1 1 1 5\n2 3 2 5\n");
-    EXPECT_STOP(data_recode(), "***** Error : Routine \"find_code\" \n      Could not find code for fixed effect \"sex\"\n"
-                               "      Code in data file = 3\n      No. of levels     = 1\n");
+    EXPECT_STOP(data_recode(),
+                "***** Error : Routine \"find_code\" \n      Could not find code for fixed effect \"sex\"\n"
+                "      Code in data file = 3\n      No. of levels     = 1\n");
 }
 
 TEST_F(recode_test, covariable_rows) {

@@ -33,8 +33,9 @@ TEST_F(phimatrix_test, legendre_table_and_its_file) {
         EXPECT_NEAR(phi(a, 2), std::sqrt(1.5) * t, 1e-14);
         EXPECT_NEAR(phi(a, 3), std::sqrt(2.5) * (1.5 * t * t - 0.5), 1e-14);
     }
-    EXPECT_EQ(read_file("age_LEG3.baf"), "       2  0.707107 -1.224745  1.581139\n       4  0.707107 -0.612372 -0.197642\n"
-                                         "      10  0.707107  1.224745  1.581139\n");
+    EXPECT_EQ(read_file("age_LEG3.baf"),
+              "       2  0.707107 -1.224745  1.581139\n       4  0.707107 -0.612372 -0.197642\n"
+              "      10  0.707107  1.224745  1.581139\n");
     EXPECT_EQ(model.me_run(3), 1);
     EXPECT_EQ(phimat.jjmeta(1), 1);
 }
@@ -81,7 +82,8 @@ TEST_F(phimatrix_test, too_few_functions_for_the_degree) {
 
 TEST_F(phimatrix_test, user_defined_functions) {
     prepare(par(" RAN animal(3,USR) IDE\n", hom, animal3), data);
-    EXPECT_STOP(data_scan1st(), "Error opening file with user-defined basis function\n ... check file :  age_USR3.baf\n");
+    EXPECT_STOP(data_scan1st(),
+                "Error opening file with user-defined basis function\n ... check file :  age_USR3.baf\n");
     write_file("age_USR3.baf", "1 2 3\n4 0.5 6 7\n");
     EXPECT_STOP(data_scan1st(), "Error reading user-defined basis function\n  ... check file :  age_USR3.baf\n"
                                 "  ... error occured at line 3\n");
@@ -109,7 +111,8 @@ TEST_F(phimatrix_test, classes_of_a_step_function) {
     EXPECT_EQ(model.me_run(2), 1); // bounds belong to their class
     EXPECT_EQ(model.me_run(3), 2);
     model.me_range(1, 2) = 11;
-    EXPECT_STOP(mm2ages(), "Definition of ME variance step function incomplete\n  ... no interval found for value  10\n");
+    EXPECT_STOP(mm2ages(),
+                "Definition of ME variance step function incomplete\n  ... no interval found for value  10\n");
 }
 
 TEST_F(phimatrix_test, classes_from_a_file) {
@@ -129,9 +132,10 @@ TEST_F(phimatrix_test, classes_from_a_file) {
 }
 
 TEST_F(phimatrix_test, splines_of_one_covariable_must_agree_over_traits) {
-    const std::string form = "ANA MUV 2\nDAT t.dat\n TR1 tno\n animal 10\n age\n y1\n TR2 tno\n animal 10\n age\n y2\nEND\nMOD\n"
-                             " COV age(5,BSPL) 1\n COV age(5,@) 2\n RAN animal IDE\n TRAIT y1 1 -9\n TRAIT y2 2 -9\nEND\n"
-                             "VAR animal 2\n 9 1 9\nVAR residual 2\n 2.0 0.1 2.0\n";
+    const std::string form =
+        "ANA MUV 2\nDAT t.dat\n TR1 tno\n animal 10\n age\n y1\n TR2 tno\n animal 10\n age\n y2\nEND\nMOD\n"
+        " COV age(5,BSPL) 1\n COV age(5,@) 2\n RAN animal IDE\n TRAIT y1 1 -9\n TRAIT y2 2 -9\nEND\n"
+        "VAR animal 2\n 9 1 9\nVAR residual 2\n 2.0 0.1 2.0\n";
     const std::string records = "1 1 2 5\n2 1 3 6\n1 2 9 5\n2 2 7 5\n";
     const auto with = [&](const std::string& type) { return std::string(form).replace(form.find('@'), 1, type); };
     prepare(with("BSPC"), records);

@@ -60,7 +60,8 @@ TEST_F(modelsum_test, pairs_of_more_than_ten_traits_wrap) {
         if (at == std::string::npos) break;
         cov.replace(at, 1, "\n ");
     }
-    par += "END\nPED p\nANA MUV 11\nMOD EQ\n RAN animal NRM\n" + traits + "END\nVAR animal 11\n" + cov + "\nVAR residual 11\n" + cov + "\n";
+    par += "END\nPED p\nANA MUV 11\nMOD EQ\n RAN animal NRM\n" + traits + "END\nVAR animal 11\n" + cov +
+           "\nVAR residual 11\n" + cov + "\n";
     prepare(par, line + "\n" + line + "\n", 2);
     data_scan1st();
     write_modelsum();
@@ -79,9 +80,10 @@ TEST_F(modelsum_test, pairs_of_more_than_ten_traits_wrap) {
 }
 
 TEST_F(modelsum_test, control_variables) {
-    prepare("DAT t.dat\n animal 10\n age 40\n y\nEND\nANA RR\nMOD\n RAN animal(2,LEG) IDE\n RRC age\n TRAIT y 1 -9\nEND\n"
-            "VAR animal 2\n 9 1 9\nVAR residual 1 HOM\n 2.0\n",
-            "1 2 5\n1 4 6\n");
+    prepare(
+        "DAT t.dat\n animal 10\n age 40\n y\nEND\nANA RR\nMOD\n RAN animal(2,LEG) IDE\n RRC age\n TRAIT y 1 -9\nEND\n"
+        "VAR animal 2\n 9 1 9\nVAR residual 1 HOM\n 2.0\n",
+        "1 2 5\n1 4 6\n");
     data_scan1st();
     write_modelsum();
     EXPECT_NE(body().find("\n Control variables in RR analysis\n"
