@@ -5,10 +5,12 @@
 #include "control/tvxroutines.h"
 #include "equations/sparse.h"
 #include "likelihood/factorise.h"
+#include "likelihood/likelihood.h"
 #include "likelihood/supernodes.h"
 #include "likelihood/takahashi.h"
 #include "support/screen.h"
 
+#include <utility>
 #include <vector>
 
 namespace tarvex {
@@ -58,6 +60,21 @@ void autodiff_1(array<double>& fdiag, array<double>& foff) {
     x.allocate(numbers.nsrow);
     solve_back(x);
     inverse_supernodes(fdiag, foff, x.data(), "AutoDiff");
+}
+
+void autodiff_in_place() {
+    if (supernodes_wanted()) {
+        array<double> x;
+        x.allocate(numbers.nsrow);
+        solve_back(x);
+        inverse_supernodes(sparse.diag, sparse.xspars, x.data(), "AutoDiff");
+    } else {
+        array<double> fdiag, foff;
+        autodiff_1(fdiag, foff);
+        std::swap(sparse.diag, fdiag);
+        std::swap(sparse.xspars, foff);
+    }
+    forget_factor();
 }
 
 } // namespace tarvex

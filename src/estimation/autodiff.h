@@ -14,6 +14,10 @@ namespace tarvex {
 // The factor in sparse is not changed.
 void autodiff_1(array<double>& fdiag, array<double>& foff);
 
+// The same in place of the factor, which saves the memory of a second store: sparse.diag and sparse.xspars hold F on return, and
+// the factor counts as used up.
+void autodiff_in_place();
+
 // The column sweep.
 void autodiff_columns(array<double>& fdiag, array<double>& foff);
 

@@ -168,13 +168,10 @@ void derivatives_mmm() {
     check_blocks();
     allocate("all devl1", derivs.devc, nparm);
     allocate("all devl1", derivs.devl1, nparm);
-    array<double> fdiag, foff;
-    allocate_large("FOFF", foff, sparse.maxlnz);
-    allocate_large("FOFF", fdiag, numbers.nsrow);
-    autodiff_1(fdiag, foff);
+    autodiff_in_place();
     if (options.details) print_list(screen(), " Auto differentiation complete");
 
-    const pattern_values x{fdiag, foff, 0.5, true};
+    const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
     data_pass(x);
     if (options.print_times) tvxtimes(2, "1st - residuals");
     for (int irand = 1; irand <= numbers.krand; ++irand)

@@ -77,14 +77,14 @@ private:
         const std::size_t n = eq_.size();
         expect_.assign(n * n, 0.0);
         for (std::size_t a = 0; a < n; ++a) {
-            expect_[a * n + a] = 2.0 * q_.fdiag(eq_[a]);
+            expect_[a * n + a] = 2.0 * sparse.diag(eq_[a]);
             for (std::size_t b = 0; b < a; ++b) expect_[a * n + b] = expect_[b * n + a] = expectation(eq_[a], eq_[b]);
         }
     }
     // Outside the pattern only the solutions are at hand.
     double expectation(int a, int b) const {
         const int place = locate(a, b);
-        if (place > 0) return q_.foff(place);
+        if (place > 0) return sparse.xspars(place);
         return solutions.solns(a) * solutions.solns(b);
     }
 
@@ -353,8 +353,8 @@ std::vector<double> scoring_step(const em_quantities& q) {
 } // namespace
 
 void em_expectations(const em_request& request, em_quantities& q) {
-    autodiff_1(q.fdiag, q.foff);
-    const pattern_values x{q.fdiag, q.foff, 0.5, true};
+    autodiff_in_place();
+    const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
     const auto krand = at(numbers.krand);
     q.quads.assign(krand, {});
     q.loads.assign(krand, {});
@@ -379,7 +379,7 @@ void em_expectations(const em_request& request, em_quantities& q) {
 }
 
 void em_residuals(em_quantities& q) {
-    const pattern_values x{q.fdiag, q.foff, 0.5, true};
+    const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
     residual_sums residual(q);
     walk_products(x, false, [&](const subject_stream&, const part_products& p) { residual.add(p); });
     residual.finish();

@@ -17,7 +17,6 @@ struct px_unknown {
 };
 
 struct em_quantities {
-    array<double> fdiag, foff;                // derivative of the factorisation
     std::vector<array<double, 2>> quads;      // [irand-1] U'A^-1 U + traces (full-rank runs)
     std::vector<array<double, 2>> loads;      // [irand-1] kkfit x krfit: E(z_i' R^-1 e u_c), principal runs
     std::vector<pattern_matrix> residuals;    // [icombi-1] sums of E(e e') by pattern (multivariate analyses)
@@ -33,9 +32,9 @@ struct em_request {
     bool joint = false;
 };
 
-// E-step at the factor in hand.
+// E-step at the factor in hand, which the derivative of the factorisation takes the place of.
 void em_expectations(const em_request& request, em_quantities& q);
-// Residual quantities alone, with the weights now in randomvars.zig (loadings changed) and the E-step of q.
+// Residual quantities alone, with the weights now in randomvars.zig (loadings changed) and the derivative that the E-step left.
 void em_residuals(em_quantities& q);
 
 // New residual matrices by EM: the covariances in the layout of parvec on "Original" (sum with the PEQ matrix), and the PEQ
