@@ -302,7 +302,8 @@ bool residual_objective(const em_quantities& q, const std::vector<double>& theta
 }
 
 // Repeated records or a PEQ effect: W of a pattern is linear in the parameters, and the normal equations of a scoring step
-// give the new ones; the step is halved while the objective rises.
+// give their changes; parameters that the data know only as a sum keep to their values as far as they can. The step is
+// halved while the objective rises.
 std::vector<double> scoring_step(const em_quantities& q) {
     const int n = estimates.nrespeq;
     const std::vector<double> old = current_values();
@@ -325,6 +326,8 @@ std::vector<double> scoring_step(const em_quantities& q) {
             for (int m = l; m <= n; ++m) packed[at(ihmssf(l, m, n) - 1)] += f[at(m - 1)];
         }
     }
+    for (int i = 1; i <= n; ++i) // the score is what remains at the old values
+        for (int j = 1; j <= n; ++j) h[at(i - 1)] -= packed[at(ihmssf(std::min(i, j), std::max(i, j), n) - 1)] * old[at(j - 1)];
     std::vector<double> scale(at(n), 0.0);
     for (int i = 1; i <= n; ++i) {
         const double d = packed[at(ihmssf(i, i, n) - 1)];
@@ -335,16 +338,15 @@ std::vector<double> scoring_step(const em_quantities& q) {
     int rank = 0;
     double ldet = 0.0;
     gen_inverse(packed, n, numbers.zero, rank, ldet);
-    std::vector<double> target(at(n), 0.0);
+    std::vector<double> change(at(n), 0.0);
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j)
-            target[at(i - 1)] += packed[at(ihmssf(std::min(i, j), std::max(i, j), n) - 1)] * scale[at(i - 1)] * scale[at(j - 1)] * h[at(j - 1)];
+            change[at(i - 1)] += packed[at(ihmssf(std::min(i, j), std::max(i, j), n) - 1)] * scale[at(i - 1)] * scale[at(j - 1)] * h[at(j - 1)];
     double before = 0.0, now = 0.0;
     residual_objective(q, old, before);
     std::vector<double> theta(at(n));
     for (double step = 1.0; step > 1.0e-6; step *= 0.5) {
-        for (std::size_t i = 0; i < theta.size(); ++i)
-            theta[i] = scale[i] > 0.0 ? old[i] + step * (target[i] - old[i]) : old[i];
+        for (std::size_t i = 0; i < theta.size(); ++i) theta[i] = old[i] + step * change[i];
         if (residual_objective(q, theta, now) && now <= before) return theta;
     }
     return old;

@@ -182,12 +182,18 @@ void pxem_solve_all(const em_quantities& q, std::vector<array<double, 2>>& chang
             a(i, j) = 0.5 * (q.lhs(kept[at(i - 1)], kept[at(j - 1)]) + q.lhs(kept[at(j - 1)], kept[at(i - 1)])) *
                       scale[at(i - 1)] * scale[at(j - 1)];
     int nzero = 0;
+    const array<double, 2> scaled = a;
     eigem(a, eig, vectors, m, system_floor, nzero);
-    std::vector<double> d(at(m), 0.0);
-    for (int k = 1; k <= m - nzero; ++k) {
-        double s = 0.0;
-        for (int i = 1; i <= m; ++i) s += vectors(i, k) * rhs[at(i - 1)];
-        for (int i = 1; i <= m; ++i) d[at(i - 1)] += vectors(i, k) * s / eig(k);
+    std::vector<double> d(at(m), 0.0), rest = rhs;
+    for (int pass = 1; pass <= 2; ++pass) { // the second refines: the rotations end at small, not at no, off-diagonals
+        for (int k = 1; k <= m - nzero; ++k) {
+            double s = 0.0;
+            for (int i = 1; i <= m; ++i) s += vectors(i, k) * rest[at(i - 1)];
+            for (int i = 1; i <= m; ++i) d[at(i - 1)] += vectors(i, k) * s / eig(k);
+        }
+        rest = rhs;
+        for (int j = 1; j <= m; ++j)
+            for (int i = 1; i <= m; ++i) rest[at(i - 1)] -= scaled(i, j) * d[at(j - 1)];
     }
     for (int i = 1; i <= m; ++i) {
         const px_unknown& u = q.unknowns[at(kept[at(i - 1)] - 1)];

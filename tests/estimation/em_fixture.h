@@ -1,0 +1,92 @@
+// Small analyses for the tests of the maximisers.
+#pragma once
+#include "control/numbers.h"
+#include "estimation/emsteps.h"
+#include "estimation/estimates.h"
+#include "likelihood/likelihood.h"
+#include "support/fixture.h"
+#include "support/small_models.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tarvex {
+
+inline small_model animal_model(int nq, std::vector<double> g, std::vector<double> r, double missing = 0.2, int repeats = 1,
+                                int animals = 30) {
+    small_model m;
+    m.nq = nq;
+    m.make_pedigree(animals, 8, 5);
+    m.make_rows(4, repeats, 3, nq > 1 ? missing : 0.0, 6);
+    m.random = {{"animal", "NRM", nq, 0, std::move(g)}};
+    m.residual = std::move(r);
+    return m;
+}
+
+inline small_model two_traits() { return animal_model(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}); }
+
+inline small_model with_dams() {
+    small_model m = two_traits();
+    m.random.push_back({"dam", "IDE", 2, 0, {0.9, 0.1, 0.8}});
+    return m;
+}
+
+inline small_model repeats_with_peq(int nq = 1) {
+    small_model m = nq == 1 ? animal_model(1, {1.3}, {2.1}, 0.0, 3, 20)
+                            : animal_model(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}, 0.2, 2, 24);
+    m.random.push_back({"pe", "PEQ", nq, 0, nq == 1 ? std::vector<double>{0.7} : std::vector<double>{0.7, 0.1, 0.6}});
+    return m;
+}
+
+inline small_model growth(bool classes, bool principal = false) {
+    small_model m;
+    m.randreg = true;
+    m.principal = principal;
+    m.make_pedigree(16, 5, 7);
+    m.make_rows(3, 4, 2, 0.0, 8);
+    m.random = {{"animal", "NRM", 2, principal ? 1 : 0, {2.0, 0.3, 1.0}},
+                {"pe", "IDE", 2, principal ? 2 : 0, {1.0, 0.1, 0.6}}};
+    m.residual = {1.2};
+    if (classes) {
+        m.residual = {1.2, 0.9, 2.0};
+        m.class_bounds = {3, 7, 11};
+    }
+    return m;
+}
+
+inline small_model components(int rank, int nq = 3) {
+    small_model m = nq == 3 ? animal_model(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5})
+                            : two_traits();
+    m.principal = true;
+    m.random[0].rank = rank;
+    return m;
+}
+
+// Runs EM rounds from the starting values; returns log L at the end.
+inline double em_rounds(int nits) {
+    int iround = 0;
+    double xlike = program_logl(estimates.parvec, 1);
+    em_algorithm(nits, iround, xlike, 0.0);
+    return xlike;
+}
+
+// First lines' log L values of Iterates, by label.
+struct iterate_record {
+    std::string label;
+    int round;
+    double logl;
+};
+inline std::vector<iterate_record> iterates() {
+    std::vector<iterate_record> list;
+    std::istringstream in(read_file("Iterates"));
+    std::string line;
+    while (std::getline(in, line)) {
+        const std::string label = line.substr(0, 2);
+        if (label != "AI" && label != "EM" && label != "PX") continue;
+        list.push_back({label, std::stoi(line.substr(2, 5)), std::stod(line.substr(7, 14))});
+    }
+    return list;
+}
+
+} // namespace tarvex

@@ -1,0 +1,271 @@
+#include "control/maximise.h"
+#include "control/options.h"
+#include "em_fixture.h"
+#include "dense_em.h"
+#include "estimation/variances.h"
+#include "likelihood/residualvars.h"
+#include "parfile/mudmap.h"
+
+#include <cmath>
+
+namespace tarvex {
+namespace {
+
+using em_round_test = tarvex_test;
+using oracle::dense;
+using oracle::vec;
+
+void expect_matrix(const dense& got, const dense& want, const char* what, double tolerance = 1.0e-9) {
+    ASSERT_EQ(got.size(), want.size()) << what;
+    for (std::size_t i = 0; i < got.size(); ++i)
+        for (std::size_t j = 0; j < got.size(); ++j)
+            EXPECT_NEAR(got[i][j], want[i][j], tolerance * std::max(1.0, std::fabs(want[i][j]))) << what << " " << i << j;
+}
+
+struct before_round {
+    oracle::analysis a;
+    oracle::point at;
+    dense h;
+    explicit before_round(const small_model& m) : a(m.dense()), at(point_at(m, estimates.parvec)) {
+        h = score_matrix(oracle::evaluate(a, oracle::variance(a, at)));
+    }
+    dense effect(std::size_t k) const { return em_effect(a, at, h, k, effective_levels(static_cast<int>(k) + 1)); }
+};
+
+void unpack(const vec& v, std::size_t nr, std::size_t nb, oracle::point& p) {
+    p.r = {oracle::zeros(nr, nr)};
+    p.b = oracle::zeros(nb, nb);
+    std::size_t k = 0;
+    for (dense* t : {&p.r[0], &p.b})
+        for (std::size_t i = 0; i < t->size(); ++i)
+            for (std::size_t j = i; j < t->size(); ++j) (*t)[i][j] = (*t)[j][i] = v[k++];
+}
+
+enum class residual_form { patterns, scoring, classes };
+
+void expect_em_round(const small_model& m, residual_form form) {
+    const before_round b(m);
+    em_rounds(1);
+    const oracle::point after = point_at(m, estimates.parvec);
+    for (std::size_t k = 0; k < m.random.size(); ++k)
+        if (m.random[k].kov != "PEQ") expect_matrix(after.g[k], b.effect(k), "effect");
+    if (form == residual_form::patterns) expect_matrix(after.r[0], em_residual(b.a, b.at.r[0], b.h), "residual");
+    if (form == residual_form::classes) {
+        const vec want = em_classes(b.a, b.at, b.h);
+        for (std::size_t c = 0; c < want.size(); ++c) EXPECT_NEAR(after.r[c][0][0], want[c], 1.0e-9);
+    }
+    if (form == residual_form::scoring) {
+        // With a repeat effect the covariances of two traits are only known as a sum: the matrices of the records count.
+        oracle::point want;
+        unpack(em_scoring(b.a, b.at, b.h), b.at.r[0].size(), b.at.b.size(), want);
+        expect_matrix(within(b.a, after), within(b.a, want), "records of subjects");
+    }
+}
+
+TEST_F(em_round_test, OneTrait) {
+    const small_model m = animal_model(1, {1.3}, {2.1});
+    set_up(m, {"--emalg"});
+    ASSERT_EQ(estimates.paraform(0), "Original");
+    expect_em_round(m, residual_form::patterns);
+}
+
+TEST_F(em_round_test, OneTraitRepeatedRecordsTwoEffects) {
+    small_model m = animal_model(1, {1.3}, {2.1}, 0.0, 3, 20);
+    m.random.push_back({"pe", "IDE", 1, 0, {0.7}});
+    set_up(m, {"--emalg"});
+    expect_em_round(m, residual_form::classes);
+}
+
+TEST_F(em_round_test, TwoTraitsWithMissingRecordsAndDams) {
+    const small_model m = with_dams();
+    set_up(m, {"--emalg"});
+    expect_em_round(m, residual_form::patterns);
+}
+
+TEST_F(em_round_test, ThreeTraits) {
+    small_model m = components(3);
+    m.principal = false;
+    set_up(m, {"--emalg"});
+    expect_em_round(m, residual_form::patterns);
+}
+
+TEST_F(em_round_test, RepeatedRecordsOfTwoTraitsScoreTheResidual) {
+    const small_model m = animal_model(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}, 0.2, 2, 24);
+    set_up(m, {"--emalg"});
+    expect_em_round(m, residual_form::scoring);
+}
+
+TEST_F(em_round_test, RepeatEffectOfOneTrait) {
+    const small_model m = repeats_with_peq();
+    set_up(m, {"--emalg"});
+    expect_em_round(m, residual_form::scoring);
+}
+
+TEST_F(em_round_test, RepeatEffectOfTwoTraits) {
+    const small_model m = repeats_with_peq(2);
+    set_up(m, {"--emalg"});
+    expect_em_round(m, residual_form::scoring);
+}
+
+TEST_F(em_round_test, RandomRegressionOneClass) {
+    const small_model m = growth(false);
+    set_up(m, {"--emalg"});
+    expect_em_round(m, residual_form::classes);
+}
+
+TEST_F(em_round_test, RandomRegressionClasses) {
+    const small_model m = growth(true);
+    set_up(m, {"--emalg"});
+    expect_em_round(m, residual_form::classes);
+}
+
+TEST_F(em_round_test, DiagonalBlockStaysDiagonal) {
+    small_model m = with_dams();
+    m.random[1] = {"dam", "IDE", 2, 0, {0.9, 0.8}, true};
+    set_up(m, {"--emalg", "--nologd"});
+    const before_round b(m);
+    ASSERT_FALSE(options.principal);
+    dense want = b.effect(1);
+    want[0][1] = want[1][0] = 0.0;
+    em_rounds(1);
+    expect_matrix(point_at(m, estimates.parvec).g[1], want, "diagonal");
+}
+
+TEST_F(em_round_test, TraitsNeverTogetherKeepAZeroCovariance) {
+    small_model m = two_traits();
+    for (auto& r : m.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
+    set_up(m, {"--emalg"});
+    const before_round b(m);
+    em_rounds(1);
+    const oracle::point after = point_at(m, estimates.parvec);
+    dense want = em_residual(b.a, b.at.r[0], b.h);
+    EXPECT_EQ(after.r[0][0][1], 0.0);
+    EXPECT_NEAR(after.r[0][0][0], want[0][0], 1.0e-9);
+    expect_matrix(after.g[0], b.effect(0), "effect");
+}
+
+// ---- expansion
+
+TEST_F(em_round_test, ExpansionOfOneTraitIsAScalar) {
+    const small_model m = animal_model(1, {1.3}, {2.1});
+    set_up(m, {"--pxem"});
+    ASSERT_TRUE(options.pxem);
+    const before_round b(m);
+    const dense want = px_effect(b.a, b.at, b.h, 0, effective_levels(1));
+    em_rounds(1);
+    ASSERT_TRUE(options.pxem);
+    expect_matrix(point_at(m, estimates.parvec).g[0], want, "expanded");
+}
+
+TEST_F(em_round_test, ExpansionsOfTwoEffectsAreSolvedApart) {
+    const small_model m = with_dams();
+    set_up(m, {"--pxem"});
+    const before_round b(m);
+    const dense g1 = px_effect(b.a, b.at, b.h, 0, effective_levels(1)), g2 = px_effect(b.a, b.at, b.h, 1, effective_levels(2));
+    const dense r = em_residual(b.a, b.at.r[0], b.h);
+    em_rounds(1);
+    ASSERT_TRUE(options.pxem);
+    const oracle::point after = point_at(m, estimates.parvec);
+    expect_matrix(after.g[0], g1, "animals");
+    expect_matrix(after.g[1], g2, "dams");
+    expect_matrix(after.r[0], r, "residual");
+}
+
+TEST_F(em_round_test, ExpansionOfRandomRegressions) {
+    const small_model m = growth(true);
+    set_up(m, {"--pxem"});
+    const before_round b(m);
+    const dense g1 = px_effect(b.a, b.at, b.h, 0, effective_levels(1)), g2 = px_effect(b.a, b.at, b.h, 1, effective_levels(2));
+    em_rounds(1);
+    ASSERT_TRUE(options.pxem);
+    const oracle::point after = point_at(m, estimates.parvec);
+    expect_matrix(after.g[0], g1, "animals");
+    expect_matrix(after.g[1], g2, "repeats");
+}
+
+// ---- principal components
+
+std::vector<dense> factors() {
+    std::vector<dense> list;
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        array<double> cc, p = estimates.parvec;
+        array<double, 2> vv;
+        int ifail = 0;
+        parvec2covs(p, irand, 1, cc, vv, ifail);
+        list.push_back(oracle::zeros(static_cast<std::size_t>(vv.upper(1)), static_cast<std::size_t>(vv.upper(2))));
+        for (int i = 1; i <= vv.upper(1); ++i)
+            for (int c = 1; c <= vv.upper(2); ++c)
+                list.back()[static_cast<std::size_t>(i - 1)][static_cast<std::size_t>(c - 1)] = vv(i, c);
+    }
+    return list;
+}
+
+// One round: new loadings of the blocks in `moving` by regression, the others and, with the expansion, all by moments.
+void expect_principal_round(const small_model& m, const std::vector<std::size_t>& moving, bool expanded) {
+    const before_round b(m);
+    const std::vector<dense> q0 = factors();
+    const oracle::equations e = dense_equations(b.a, b.at, q0);
+    std::vector<dense> q = q0;
+    if (!moving.empty()) {
+        const oracle::regression r = loadings_regression(b.a, b.at, e, moving);
+        vec rhs = r.rhs;
+        for (std::size_t i = 0; i < rhs.size(); ++i) // less the effects that stay
+            for (std::size_t k = 0; k < q0.size(); ++k) {
+                if (std::find(moving.begin(), moving.end(), k) != moving.end()) continue;
+                const oracle::regression both = loadings_regression(b.a, b.at, e, {r.block[i], k});
+                std::size_t row = 0;
+                while (both.block[row] != r.block[i] || both.row[row] != r.row[i] || both.col[row] != r.col[i]) ++row;
+                for (std::size_t l = 0; l < both.block.size(); ++l)
+                    if (both.block[l] == k) rhs[i] -= both.lhs[row][l] * q0[k][both.row[l]][both.col[l]];
+            }
+        const vec x = oracle::solve(r.lhs, rhs);
+        for (std::size_t i = 0; i < x.size(); ++i) q[r.block[i]][r.row[i]][r.col[i]] = x[i];
+    }
+    em_rounds(1);
+    const oracle::point after = point_at(m, estimates.parvec);
+    for (std::size_t k = 0; k < q.size(); ++k) {
+        const bool by_moments = expanded || std::find(moving.begin(), moving.end(), k) == moving.end();
+        dense g = oracle::product(q[k], oracle::transpose(q[k]));
+        if (by_moments)
+            g = oracle::product(oracle::product(q[k], moments(b.a, e, k, effective_levels(static_cast<int>(k) + 1))),
+                                oracle::transpose(q[k]));
+        expect_matrix(after.g[k], g, k == 0 ? "first effect" : "second effect", 1.0e-8);
+    }
+}
+
+TEST_F(em_round_test, FullRankComponentsTakeTheOrdinaryRound) {
+    const small_model m = components(3);
+    set_up(m, {"--emalg"});
+    ASSERT_TRUE(options.principal);
+    expect_em_round(m, residual_form::patterns);
+}
+
+TEST_F(em_round_test, ReducedRankMovesTheLoadings) {
+    const small_model m = components(2);
+    set_up(m, {"--emalg"});
+    expect_principal_round(m, {0}, false);
+}
+
+TEST_F(em_round_test, ReducedRankWithASecondFullRankEffect) {
+    small_model m = components(1);
+    m.random.push_back({"dam", "IDE", 3, 3, {0.9, 0.1, 0.0, 0.8, 0.1, 0.7}});
+    set_up(m, {"--emalg"});
+    expect_principal_round(m, {0}, false);
+}
+
+TEST_F(em_round_test, ReducedRankWithExpansion) {
+    const small_model m = components(2);
+    set_up(m, {"--pxem"});
+    ASSERT_TRUE(options.pxem);
+    expect_principal_round(m, {0}, true);
+    EXPECT_TRUE(options.pxem);
+}
+
+TEST_F(em_round_test, ReducedRankRandomRegressionWithExpansionOfBothEffects) {
+    const small_model m = growth(true, true);
+    set_up(m, {"--pxem"});
+    expect_principal_round(m, {0, 1}, true);
+}
+
+} // namespace
+} // namespace tarvex
