@@ -19,6 +19,7 @@
 #include "parfile/readparfile.h"
 #include "relations/cholnrm.h"
 #include "relations/nrminverse.h"
+#include "reports/apprxaicovs.h"
 #include "reports/blup.h"
 #include "reports/modelsum.h"
 #include "reports/residuals.h"
@@ -43,6 +44,7 @@ void read_analysis(int argc, const char* const* argv) {
 // Report of the stored best point: neither data nor pedigree are looked at.
 [[noreturn]] void report_best_point() {
     covs2parvec();
+    check_usrdefcovs();
     write_estimates();
     finish_run();
 }
@@ -64,6 +66,7 @@ void set_up_equations() {
     data_recode();
     write_modelsum();
     covs2parvec();
+    check_usrdefcovs();
     lsq_fixed();
     eqnorders();
     new_eqnnos();
