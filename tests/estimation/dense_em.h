@@ -28,13 +28,14 @@ inline dense em_effect(const analysis& m, const point& at, const dense& h, std::
     dense s = zeros(q, q);
     for (std::size_t o = 0; o < m.obs.size(); ++o)
         for (std::size_t w = 0; w < m.obs.size(); ++w) {
-            const auto &a = m.obs[o], &b = m.obs[w];
-            if (a.level[k] == 0 || b.level[k] == 0) continue;
-            const double f =
-                h[o][w] * m.a[k][static_cast<std::size_t>(a.level[k] - 1)][static_cast<std::size_t>(b.level[k] - 1)];
-            if (f == 0.0) continue;
-            for (std::size_t i = 0; i < q; ++i)
-                for (std::size_t j = 0; j < q; ++j) s[i][j] += f * a.z[k][i] * b.z[k][j];
+            for (const term& a : m.obs[o].terms[k])
+                for (const term& b : m.obs[w].terms[k]) {
+                    const double f =
+                        h[o][w] * m.a[k][static_cast<std::size_t>(a.level - 1)][static_cast<std::size_t>(b.level - 1)];
+                    if (f == 0.0) continue;
+                    for (std::size_t i = 0; i < q; ++i)
+                        for (std::size_t j = 0; j < q; ++j) s[i][j] += f * a.z[i] * b.z[j];
+                }
         }
     return plus(at.g[k], product(product(at.g[k], s), at.g[k]), 1.0 / nlev);
 }
@@ -164,10 +165,11 @@ inline equations dense_equations(const analysis& m, const point& at, const std::
         y.push_back(r.y);
         for (std::size_t i = 0; i < r.x.size(); ++i) w[o][i] = r.x[i];
         for (std::size_t k = 0; k < m.a.size(); ++k) {
-            if (r.level[k] == 0 || at.g[k].empty()) continue;
-            for (std::size_t c = 0; c < e.nfit[k]; ++c)
-                for (std::size_t i = 0; i < r.z[k].size(); ++i)
-                    w[o][e.place(k, r.level[k], c)] += r.z[k][i] * (standard ? loadings[k][i][c] : i == c ? 1.0 : 0.0);
+            if (at.g[k].empty()) continue;
+            for (const term& t : r.terms[k])
+                for (std::size_t c = 0; c < e.nfit[k]; ++c)
+                    for (std::size_t i = 0; i < t.z.size(); ++i)
+                        w[o][e.place(k, t.level, c)] += t.z[i] * (standard ? loadings[k][i][c] : i == c ? 1.0 : 0.0);
         }
     }
     e.rinv = inverse(within(m, at));
@@ -231,19 +233,18 @@ inline regression loadings_regression(const analysis& m, const point& at, const 
             const double r = e.rinv[o][w];
             if (r == 0.0) continue;
             const auto &p = m.obs[o], &s = m.obs[w];
-            for (std::size_t a = 0; a < n; ++a) {
-                const double za = p.z[q.block[a]][q.row[a]];
-                if (za == 0.0 || p.level[q.block[a]] == 0) continue;
-                const std::size_t ia = e.place(q.block[a], p.level[q.block[a]], q.col[a]);
-                double resid = s.y * e.solution[ia];
-                for (std::size_t f = 0; f < s.x.size(); ++f) resid -= s.x[f] * e.expectation(f, ia);
-                q.rhs[a] += r * za * resid;
-                for (std::size_t b = 0; b < n; ++b) {
-                    const double zb = s.z[q.block[b]][q.row[b]];
-                    if (zb != 0.0 && s.level[q.block[b]] > 0)
-                        q.lhs[a][b] += r * za * zb * e.expectation(ia, e.place(q.block[b], s.level[q.block[b]], q.col[b]));
+            for (std::size_t a = 0; a < n; ++a)
+                for (const term& t : p.terms[q.block[a]]) {
+                    const double za = t.z[q.row[a]];
+                    if (za == 0.0) continue;
+                    const std::size_t ia = e.place(q.block[a], t.level, q.col[a]);
+                    double resid = s.y * e.solution[ia];
+                    for (std::size_t f = 0; f < s.x.size(); ++f) resid -= s.x[f] * e.expectation(f, ia);
+                    q.rhs[a] += r * za * resid;
+                    for (std::size_t b = 0; b < n; ++b)
+                        for (const term& u : s.terms[q.block[b]])
+                            q.lhs[a][b] += r * za * u.z[q.row[b]] * e.expectation(ia, e.place(q.block[b], u.level, q.col[b]));
                 }
-            }
         }
     return q;
 }

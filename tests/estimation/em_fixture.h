@@ -7,6 +7,9 @@
 #include "support/fixture.h"
 #include "support/small_models.h"
 
+#include <cmath>
+#include <random>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -60,6 +63,55 @@ inline small_model components(int rank, int nq = 3) {
                             : two_traits();
     m.principal = true;
     m.random[0].rank = rank;
+    return m;
+}
+
+// Families large enough for a maximum inside the parameter space: every trait with a genetic value of its own.
+inline small_model families(int nq, int animals = 150, double missing = 0.1, int repeats = 1) {
+    small_model m;
+    m.nq = nq;
+    std::mt19937 rng(17);
+    std::normal_distribution<double> normal;
+    std::uniform_real_distribution<double> uniform;
+    const int parents = 16;
+    std::vector<std::vector<double>> a;
+    for (int i = 0; i < animals; ++i) {
+        const bool founder = i < parents;
+        m.sire.push_back(founder ? 0 : 1 + 2 * static_cast<int>(rng() % (parents / 2)));
+        m.dam.push_back(founder ? 0 : 2 + 2 * static_cast<int>(rng() % (parents / 2)));
+        const double shared = normal(rng);
+        a.emplace_back();
+        for (int q = 0; q < nq; ++q) {
+            const auto k = static_cast<std::size_t>(q);
+            const double own = 0.5 * shared + 0.9 * normal(rng);
+            a.back().push_back(founder ? own
+                                       : 0.5 * (a[static_cast<std::size_t>(m.sire.back() - 1)][k] +
+                                                a[static_cast<std::size_t>(m.dam.back() - 1)][k]) + 0.7 * own);
+        }
+        const double pe = 0.6 * normal(rng);
+        for (int k = 1; k <= repeats && !founder; ++k) {
+            small_row r;
+            r.animal = i + 1;
+            r.pe = i + 1 - parents;
+            r.dam = 1 + i % 7;
+            r.herd = 1 + static_cast<int>(rng() % 4);
+            r.age = k;
+            const double common = 0.5 * normal(rng);
+            for (int q = 0; q < nq; ++q) {
+                const double y = 10.0 + r.herd + a.back()[static_cast<std::size_t>(q)] + pe + common + normal(rng);
+                r.y.push_back(nq > 1 && uniform(rng) < missing ? -999.0 : std::round(y * 1000.0) / 1000.0);
+            }
+            m.rows.push_back(r);
+        }
+    }
+    std::vector<double> g, r;
+    for (int i = 0; i < nq; ++i)
+        for (int j = i; j < nq; ++j) {
+            g.push_back(i == j ? 0.8 : 0.2);
+            r.push_back(i == j ? 1.5 : 0.3);
+        }
+    m.random = {{"animal", "NRM", nq, 0, g}};
+    m.residual = r;
     return m;
 }
 
