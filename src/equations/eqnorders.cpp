@@ -108,22 +108,6 @@ void set_jeq() {
     if (options.verbose) print_list(screen(), "No. of equations in full rank submatrix =", numbers.nsrow);
 }
 
-// Method by size; true if the user has chosen it.
-bool choose_method() {
-    const int n = mmequations.neqns;
-    if (orders.order_type == -3) {
-        orders.metis_opts = {3, 1, 2, 1, 0, 1, 0, 5};
-        return false;
-    }
-    if (orders.order_type != 0) return true;
-    orders.order_type = n < 25000 ? 1 : n < 50000 ? 2 : 3;
-    if (n >= 750000)
-        orders.metis_opts = {3, 3, 1, 2, 0, 1, 0, 14};
-    else if (n >= 50000)
-        orders.metis_opts = {3, 1, 2, 1, 0, 1, 0, n < 200000 ? 5 : 10};
-    return false;
-}
-
 // Next setting of the search over METIS options; false at its end.
 bool next_setting() {
     auto& m = orders.metis_opts;
@@ -338,6 +322,21 @@ void settle() {
 }
 
 } // namespace
+
+bool choose_method() {
+    const int n = mmequations.neqns;
+    if (orders.order_type == -3) {
+        orders.metis_opts = {3, 1, 2, 1, 0, 1, 0, 5};
+        return false;
+    }
+    if (orders.order_type != 0) return true;
+    orders.order_type = n < 25000 ? 1 : n < 50000 ? 2 : 3;
+    if (n >= 750000)
+        orders.metis_opts = {3, 3, 1, 2, 0, 1, 0, 14};
+    else if (n >= 50000)
+        orders.metis_opts = {3, 1, 2, 1, 0, 1, 0, n < 200000 ? 5 : 10};
+    return false;
+}
 
 void eqnorders() {
     set_jeq();

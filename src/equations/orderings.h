@@ -15,6 +15,9 @@ void eqnorders();
 // caller then runs new_eqnnos.
 void redo_eqnorders();
 
+// Ordering method and METIS settings by the number of equations, unless the user has chosen one (returns true).
+bool choose_method();
+
 // Fills invprm and ivperm for the pattern in linked_list (numbers.nsrow rows, no right-hand side) by the method
 // |orders.order_type|. nofsub: upper limit to the subscripts of the structure, or the fill, as the method tells it; 0: not
 // told. A refusal of the method stops the run.
