@@ -38,8 +38,11 @@ void pseudo_fix(int irand, text_out& out, int nan, int irun) {
     allocate("alloc asfix", randasfix.asfix, nan);
     if (!options.pseudofix) return;
     if (!randasfix.nasfix.allocated()) allocate("alloc asfix", randasfix.nasfix, numbers.krand);
+    if (!randasfix.iasfix.allocated()) allocate("alloc asfix", randasfix.iasfix, numbers.krand);
+    const auto& names = randasfix.psfixname;
+    randasfix.iasfix(irand) = std::find(names.begin(), names.end(), model.krandom(irand)) != names.end() ? 1 : 0;
     int nn = 0;
-    if (randasfix.iasfix.allocated() && randasfix.iasfix(irand) != 0) {
+    if (randasfix.iasfix(irand) != 0) {
         out.line("");
         out.line(" Levels treated as \"fixed\" ");
         for (int i = 1; i <= randasfix.npsfix; ++i) {

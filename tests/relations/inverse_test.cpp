@@ -266,8 +266,6 @@ protected:
         randasfix.npsfix = 2;
         randasfix.psfixname = {"animal", "animal"};
         randasfix.psfixcode = {30, 35};
-        randasfix.iasfix.allocate(1);
-        randasfix.iasfix(1) = 1;
         randasfix.nasfix.allocate(1);
     }
 };
@@ -307,7 +305,7 @@ TEST_F(pseudofix_test, file_is_never_taken_over) {
 }
 
 TEST_F(pseudofix_test, effect_that_is_not_named_has_none) {
-    randasfix.iasfix(1) = 0;
+    randasfix.psfixname = {"sire", "sire"};
     gen_inverses();
     EXPECT_NE(read_file("SumPedigree.out").find(" No. of levels to be treated as fixed = 0\n"), std::string::npos);
     EXPECT_LT(distance_to_identity(tabular({0, 0, 1, 3}, {0, 0, 2, 2}), inverse()), 1e-12);
@@ -383,8 +381,6 @@ TEST_F(sire_test, pseudo_fixed_sire_stands_on_the_diagonal) {
     randasfix.npsfix = 1;
     randasfix.psfixname = {"animal"};
     randasfix.psfixcode = {20};
-    randasfix.iasfix.allocate(1);
-    randasfix.iasfix(1) = 1;
     gen_inverses();
     const dense a = inverse();
     EXPECT_EQ(a[0][0], 1.0);
