@@ -193,6 +193,17 @@ TEST_P(Reference, FurtherOptions) {
     }
 }
 
+TEST_P(Reference, MixturesOfAlgorithms) {
+    if (!has_maximum()) GTEST_SKIP() << "too few data for estimation";
+    for (const char* options : {"--pxai3,100,1e-8", "--emai3,100,1e-8", "--bad"}) {
+        SCOPED_TRACE(options);
+        std::filesystem::remove("BestPoint");
+        finish(options);
+        EXPECT_NEAR(read_best_point().loglike, expected()["logL_max"].number, 1e-3);
+        check_estimates(0.005, 0.05);
+    }
+}
+
 TEST_P(Reference, WithoutPruning) {
     const auto result = finish("--aireml1 --nopru");
     check_start(result);
