@@ -239,8 +239,8 @@ private:
         for (int i = 0; i < nobs; ++i)
             for (int j = i; j < (independent ? i + 1 : nobs); ++j) {
                 if (options.randreg && age_[at(i)] != age_[at(j)]) continue;
-                const int n = residual_pars(datavecs.ynq(i + 1), datavecs.ynq(j + 1), options.randreg ? iclass_[at(i)] : 1,
-                                            i == j, pars);
+                const int c = options.randreg ? iclass_[at(i)] : 1;
+                const int n = residual_pars(datavecs.ynq(i + 1), datavecs.ynq(j + 1), c, i == j, pars);
                 for (int k = 0; k < n; ++k) {
                     b[at(i) * np + at(pars[k] - 1)] += re_[at(j)];
                     if (i != j) b[at(j) * np + at(pars[k] - 1)] += re_[at(i)];

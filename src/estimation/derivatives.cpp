@@ -39,7 +39,8 @@ struct residual_part {
         for (int k = 1; k <= combinations.ncombi; ++k) {
             const pattern_matrix& rinv = residualvars.eei[at(k - 1)];
             const std::vector<int> q = pattern_traits(k);
-            if (sums[at(k - 1)].n > 0) add_residual_terms(between_inverses(rinv, sums[at(k - 1)]), q, {}, {}, 1.0, data);
+            const pattern_matrix& m = sums[at(k - 1)];
+            if (m.n > 0) add_residual_terms(between_inverses(rinv, m), q, {}, {}, 1.0, data);
             add_residual_terms(rinv, q, {}, {}, -0.5 * combinations.ncomb_subj[at(k - 1)], trace);
         }
     }

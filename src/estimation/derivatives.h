@@ -1,8 +1,8 @@
 // First derivatives and average information of log L.
 //
 // Gradient by reverse differentiation of the factor (S. P. Smith 1995), average information by working variables pushed
-// through the factor (D. L. Johnson and R. Thompson, J. Dairy Sci. 78:449, 1995; A. R. Gilmour et al., Biometrics 51:1440,
-// 1995); reduced rank: K. Meyer and M. Kirkpatrick, Genet. Sel. Evol. 37:1, 2005.
+// through the factor (D. L. Johnson and R. Thompson, J. Dairy Sci. 78:449, 1995; A. R. Gilmour et al., Biometrics
+// 51:1440, 1995); reduced rank: K. Meyer and M. Kirkpatrick, Genet. Sel. Evol. 37:1, 2005.
 //
 // AvInfoParms: log L; then i, j, der2(i,j) for i = 1..nparm, j = i..nparm. AvInfoCovs: the same with minus devl2.
 #pragma once
@@ -13,7 +13,7 @@ namespace tarvex {
 struct derivs_module {
     int nparm2 = 0;        // parameters in the current subset
     array<double> devc;    // (nparm) derivatives of the half-sum log|C| + y'Py, covariance scale
-    array<double> devl1;   // (nparm) derivatives of log L, covariance scale (factor scale: random blocks when principal)
+    array<double> devl1;   // (nparm) derivatives of log L, covariance scale (random blocks when principal: factor)
     array<double> devl2;   // packed triangle: minus the average information, covariance scale
     array<double> aimat;   // accumulator: devl2 = -0.5 aimat
     array<double> der1;    // (nparm) gradient, parameter scale
@@ -33,16 +33,16 @@ inline derivs_module derivs;
 void derivatives_mmm();
 void average_info();
 
-// Stops the run (tvx_notyet) where the average information cannot be had: supplied inverse with reduced rank, pseudo-fixed
-// levels with the factor of the relationship matrix, reduced-rank residual or PEQ block.
+// Stops the run (tvx_notyet) where the average information cannot be had: supplied inverse with reduced rank,
+// pseudo-fixed levels with the factor of the relationship matrix, reduced-rank residual or PEQ block.
 void check_average_info();
 
 // der1 = J' devl1, der2 = J' (-devl2) J; flag 1 subtracts the second-order term.
 void jacob_var2chol(int flag);
 
 // Derivatives of the covariances of block irand (irand 0: of residual class `step`; PEQ and principal blocks too) with
-// respect to its parameters, at estimates.parvec: jac(k,p), k over the packed triangle (the variances of a diagonal block),
-// p over the parameters of the block (of the class). Reduced rank: derivatives of QQ'.
+// respect to its parameters, at estimates.parvec: jac(k,p), k over the packed triangle (the variances of a diagonal
+// block), p over the parameters of the block (of the class). Reduced rank: derivatives of QQ'.
 void block_jacobian(int irand, int step, array<double, 2>& jac);
 
 // Row of the factor and column that parameter k (from 1) of block irand, class step, stands for.

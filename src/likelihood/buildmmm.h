@@ -22,8 +22,9 @@ struct places_module {
 };
 inline places_module places;
 
-// Hands out the places of a pass. All passes over the same store must ask for the same pairs in the same order. `values`
-// is the array (over places from 1) that the pass works on: elements are called into the cache some places ahead.
+// Hands out the places of a pass. All passes over the same store must ask for the same pairs in the same order.
+// `values` is the array (over places from 1) that the pass works on: elements are called into the cache some places
+// ahead.
 class place_cursor {
 public:
     place_cursor(place_store& store, const array<double>& values);
@@ -44,9 +45,9 @@ private:
     bool reading_ = false;
 };
 
-// Fills sparse.diag, xspars for the current eei (or residual classes) and zig; element (i,nsrow) holds the right-hand side
-// of equation i, diag(nsrow) y'R^-1 y. Sets randomvars.detl and, in random regression analyses, residualvars.detres(1).
-// iflag 1: an element has no place in the structure.
+// Fills sparse.diag, xspars for the current eei (or residual classes) and zig; element (i,nsrow) holds the
+// right-hand side of equation i, diag(nsrow) y'R^-1 y. Sets randomvars.detl and, in random regression analyses,
+// residualvars.detres(1). iflag 1: an element has no place in the structure.
 void build_mmm(int& iflag);
 
 // Place in xspars of element (a,b) of two different rows (new numbering), 0 if the structure has none. Bisection.

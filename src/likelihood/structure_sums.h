@@ -1,9 +1,9 @@
 // Sums of a symmetric matrix X, known on the pattern of the factor, over the data and over the structure of the random
 // effects: what gradients and EM steps take from the derivative of the factor or from the sparse inverse.
 //
-// X has the diagonal fd(1:nsrow) and the off-diagonal elements off * fo(k) at place k of the store. From autodiff_1 (off
-// 0.5): X = (C^-1 + x x')/2 for the equations, X(n,i) = -x(i)/2, X(n,n) = 1/2 for the row of right-hand sides, x being the
-// solutions. From the sparse inverse (off 1, without y): X = C^-1.
+// X has the diagonal fd(1:nsrow) and the off-diagonal elements off * fo(k) at place k of the store. From autodiff_1
+// (off 0.5): X = (C^-1 + x x')/2 for the equations, X(n,i) = -x(i)/2, X(n,n) = 1/2 for the row of right-hand sides,
+// x being the solutions. From the sparse inverse (off 1, without y): X = C^-1.
 #pragma once
 #include "likelihood/residualvars.h"
 #include "likelihood/subjects.h"
@@ -21,12 +21,12 @@ struct pattern_values {
     bool with_y = true; // rows of the design carry the observation against the row of right-hand sides
 };
 
-// T(i,j) = sum over levels a,b of A^-1(a,b) X((a,i),(b,j)), nfit x nfit, A the relationship matrix of block irand. For blocks
-// whose components are not linked (links_diagonal) only the diagonal of T is formed.
+// T(i,j) = sum over levels a,b of A^-1(a,b) X((a,i),(b,j)), nfit x nfit, A the relationship matrix of block irand.
+// For blocks whose components are not linked (links_diagonal) only the diagonal of T is formed.
 void structure_sums(int irand, const pattern_values& x, array<double, 2>& t);
 
-// Products of a part of a subject: p = X w_j by rows j, nl elements each, and m(i,j) = w_i' X w_j. With a single trait and
-// independent records m is diagonal.
+// Products of a part of a subject: p = X w_j by rows j, nl elements each, and m(i,j) = w_i' X w_j. With a single
+// trait and independent records m is diagonal.
 struct part_products {
     design_part part;
     std::vector<double> p;

@@ -1,5 +1,5 @@
-// Streaming of the recoded subjects as local design rows: what assembly, gradient, average information, EM, and residuals
-// have in common.
+// Streaming of the recoded subjects as local design rows: what assembly, gradient, average information, EM, and
+// residuals have in common.
 #pragma once
 #include "data/recodedata.h"
 
@@ -8,7 +8,8 @@
 
 namespace tarvex {
 
-// Random effect of an observation: the entries entry..entry+nfit-1 (one entry in multivariate full-rank analyses) of its row.
+// Random effect of an observation: the entries entry..entry+nfit-1 (one entry in multivariate full-rank analyses) of
+// its row.
 struct design_effect {
     int irand = 0;
     int level = 0;
@@ -17,8 +18,9 @@ struct design_effect {
     const double* raw = nullptr; // random regression: kkfit basis values; null: weight 1 at `place`
 };
 
-// Design of one subject. Local equation l = 0..nl-1 has the number eq[l] in the order of the factorisation; equations that
-// were taken out are left out. Row i = 0..nobs-1 (observation i+1 of datavecs) has the entries first[i]..first[i+1]-1.
+// Design of one subject. Local equation l = 0..nl-1 has the number eq[l] in the order of the factorisation;
+// equations that were taken out are left out. Row i = 0..nobs-1 (observation i+1 of datavecs) has the entries
+// first[i]..first[i+1]-1.
 struct subject_design {
     int nobs = 0;
     int nl = 0;
@@ -46,7 +48,8 @@ public:
     bool rinv_diagonal() const { return diagonal_; }
     double rinv(int i, int j) const { // element of records i, j = 0..nobs-1
         if (diagonal_) return i == j ? rinv_[static_cast<std::size_t>(i)] : 0.0;
-        return rinv_[static_cast<std::size_t>(i) + static_cast<std::size_t>(j) * static_cast<std::size_t>(design_.nobs)];
+        const auto n = static_cast<std::size_t>(design_.nobs);
+        return rinv_[static_cast<std::size_t>(i) + static_cast<std::size_t>(j) * n];
     }
     double ldet() const { return ldet_; } // its log|R| (random regression)
 
@@ -68,14 +71,14 @@ private:
     std::vector<int> clocal_;    // the same by covariable
     std::vector<int> cmet_;      // covariables of the subject
     std::vector<std::vector<double>> basis_;   // [irand-1] basis values, kkfit for each level of the control variable
-    std::vector<std::vector<double>> weights_; // [irand-1] weights, nfit for each level (full rank: empty, basis_ serves)
+    std::vector<std::vector<double>> weights_; // [irand-1] weights, nfit for each level (empty at full rank)
 };
 
 // Observed less fitted values of the subject in the stream at solutions.solns: nobs values.
 void subject_residuals(const subject_stream& stream, std::vector<double>& ehat);
 
-// Independent parts of a subject. With a single trait whose records are independent every record may be a part of its own,
-// which keeps the local matrices small; otherwise the subject is one part.
+// Independent parts of a subject. With a single trait whose records are independent every record may be a part of
+// its own, which keeps the local matrices small; otherwise the subject is one part.
 struct design_part {
     const subject_design* design = nullptr;
     int obs = 0;                   // record (from 0) of the subject that row 0 is

@@ -251,7 +251,8 @@ void expect_jacobian(int irand, int step) {
         parvec2covs(par, irand, step, up, vv, ifail);
         par(block_start(irand, step) + p - 1) -= 2.0 * h;
         parvec2covs(par, irand, step, down, vv, ifail);
-        for (int k = 1; k <= jac.upper(1); ++k) EXPECT_NEAR(jac(k, p), (up(k) - down(k)) / (2.0 * h), 1.0e-8) << k << " " << p;
+        for (int k = 1; k <= jac.upper(1); ++k)
+            EXPECT_NEAR(jac(k, p), (up(k) - down(k)) / (2.0 * h), 1.0e-8) << k << " " << p;
     }
 }
 
@@ -344,7 +345,8 @@ void expect_hessian(const small_model& m) {
                 return dense_logl(m, p);
             };
             const double hessian = (f(h, h) - f(h, -h) - f(-h, h) + f(-h, -h)) / (4.0 * h * h);
-            EXPECT_NEAR(derivs.der2(ihmssf(i, j, 6)), -hessian, 1.0e-3 * std::max(1.0, std::fabs(hessian))) << i << " " << j;
+            const double tolerance = 1.0e-3 * std::max(1.0, std::fabs(hessian));
+            EXPECT_NEAR(derivs.der2(ihmssf(i, j, 6)), -hessian, tolerance) << i << " " << j;
         }
 }
 

@@ -95,7 +95,8 @@ TEST_F(likelihood_test, ThreeTraitsTwoEffectsDifferentFromScaleToScale) {
     m.nq = 3;
     m.make_pedigree(20, 6, 5);
     m.make_rows(4, 1, 2, 0.2, 6);
-    m.random = {{"animal", "NRM", 3, 0, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}}, {"dam", "IDE", 3, 0, {0.5, 0.1, 0.0, 0.4, 0.1, 0.6}}};
+    m.random = {{"animal", "NRM", 3, 0, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}},
+                {"dam", "IDE", 3, 0, {0.5, 0.1, 0.0, 0.4, 0.1, 0.6}}};
     m.residual = {2.1, 0.4, 0.1, 1.9, 0.2, 1.5};
     set_up(m, {"--aireml"});
     expect_dense(m);

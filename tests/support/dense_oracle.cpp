@@ -109,7 +109,8 @@ dense variance(const analysis& m, const point& at) {
                 if (at.g[k].empty()) continue;
                 for (const term& e : o.terms[k])
                     for (const term& f : w.terms[k]) {
-                        const double a = m.a[k][static_cast<std::size_t>(e.level - 1)][static_cast<std::size_t>(f.level - 1)];
+                        const vec& row = m.a[k][static_cast<std::size_t>(e.level - 1)];
+                        const double a = row[static_cast<std::size_t>(f.level - 1)];
                         if (a != 0.0) s += a * dot(e.z, times(at.g[k], f.z));
                     }
             }

@@ -40,8 +40,8 @@ struct analysis {
     std::vector<dense> a; // relationship matrix of each random effect
 };
 
-// Covariance matrices: r by residual class (the sum of residual and repeat matrix where there is one), b between records of
-// a subject, g of each random effect.
+// Covariance matrices: r by residual class (the sum of residual and repeat matrix where there is one), b between
+// records of a subject, g of each random effect.
 struct point {
     std::vector<dense> r;
     dense b;

@@ -267,12 +267,10 @@ oracle::point point_at(const small_model& m, array<double> parvec) {
     for (int step = 1; step <= model.rr_resteps; ++step) {
         parvec2covs(parvec, 0, step, cc, vv, ifail);
         p.r.push_back(unpacked(cc.data(), m.nq));
+        int k = (step - 1) * m.nq * (m.nq + 1) / 2;
         for (int i = 0; i < m.nq; ++i)
-            for (int j = 0; j < m.nq; ++j)
-                if (!model.diagonal(0) && residualvars.fixres((step - 1) * m.nq * (m.nq + 1) / 2 +
-                                                              std::min(i, j) * m.nq - std::min(i, j) * (std::min(i, j) + 1) / 2 +
-                                                              std::max(i, j) + 1))
-                    p.r.back()[at(i)][at(j)] = 0.0;
+            for (int j = i; j < m.nq; ++j)
+                if (residualvars.fixres(++k)) p.r.back()[at(i)][at(j)] = p.r.back()[at(j)][at(i)] = 0.0;
     }
     for (std::size_t k = 0; k < m.random.size(); ++k) {
         const int irand = static_cast<int>(k) + 1;

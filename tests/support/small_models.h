@@ -37,7 +37,8 @@ struct small_model {
 
     // Animals in n0 founders and the rest with random parents among the earlier ones (inbreeding occurs).
     void make_pedigree(int n, int founders, unsigned seed);
-    // One row an animal from animal `from` on, `repeats` of them, with herds 1..nherd; a share of the observations missing.
+    // One row an animal from animal `from` on, `repeats` of them, with herds 1..nherd; a share of the observations
+    // missing.
     void make_rows(int from, int repeats, int nherd, double missing, unsigned seed);
 
     std::string parameters() const;
@@ -48,7 +49,8 @@ struct small_model {
 // Writes the files and runs all phases up to the stores of the likelihood, as the program does: options first.
 void set_up(const small_model& m, const std::vector<std::string>& options = {"--aireml"});
 
-// Covariance matrices that a parameter vector stands for. class 0 of R: the sum with a repeat matrix where there is one.
+// Covariance matrices that a parameter vector stands for. class 0 of R: the sum with a repeat matrix where there is
+// one.
 oracle::point point_at(const small_model& m, array<double> parvec);
 
 // Dense log L at a parameter vector.
