@@ -8,6 +8,8 @@ namespace {
 struct factor_work {
     std::vector<int> local, place, runs; // rows of the front by row of the system; rows of a child in it
     std::vector<int> has_update;         // (ns) 1: an update matrix waits on the stack
+    std::vector<int> home;               // place of each column in its own front
+    std::vector<double> added;           // to the diagonals, by columns whose fronts take updates at once
     work_space columns, stack[2];        // panel; update matrices of the even and of the odd levels
     double* top[2];                      // first free place of each stack
 };
@@ -37,6 +39,41 @@ void add_children(const supernode_tree& tree, int s, factor_work& w, int first, 
     }
 }
 
+// Adds the update matrix of s straight to the stored columns of its parent, which is a root but for one row.
+void absorb(const supernode_tree& tree, int s, const front& f, const double* u, factor_work& w) {
+    const front to = front_of(tree, tree.parent[s]);
+    const int m = f.below;
+    int *place = w.place.data(), *runs = w.runs.data();
+    for (int i = 0; i < m; ++i) place[i] = to.below == 1 && f.list[i] == *to.list ? to.width : w.home[f.list[i]];
+    find_runs(m, place, runs);
+    for (int k = 0; k < m; ++k) {
+        const int j = f.list[k], count = rows_below(j);
+        const double* from = triangle_column(u, m, k);
+        w.added[j] += from[k];
+        if (k + 1 == m) continue;
+        double* off = sparse.xspars.data() + sparse.ixvec1(j) - 1;
+        if (count == to.rows() - 1 - place[k]) {
+            dense_kernels().add_rows(k + 1, m, place, runs, from, off - place[k] - 1);
+            continue;
+        }
+        const int *list = row_list(j), *at = list;
+        for (int i = k + 1; i < m; ++i, ++at) {
+            if (*at != f.list[i]) at = std::lower_bound(at, list + count, f.list[i]);
+            off[at - list] += from[i];
+        }
+    }
+}
+
+// The update matrix u of s stays at the top of its stack until the parent's turn, or is taken over now.
+void leave_update(const supernode_tree& tree, int s, const front& f, const double* u, factor_work& w) {
+    if (updates_at_once(tree, tree.parent[s])) {
+        absorb(tree, s, f, u, w);
+        return;
+    }
+    w.top[tree.level[s] % 2] += triangle_size(f.below);
+    w.has_update[s] = 1;
+}
+
 void drop_children(const supernode_tree& tree, int s, factor_work& w) {
     for (int c = tree.child[s]; c >= 0; c = tree.sibling[c])
         if (w.has_update[c]) w.top[1 - tree.level[s] % 2] -= triangle_size(below_of(tree, c));
@@ -62,18 +99,19 @@ void save_panel(const front& f, const std::vector<int>& local, const panel& p) {
 int factor_narrow(const supernode_tree& tree, int s, const front& f, int width, factor_work& w, double& pivot) {
     const dense_kernels_table& kernel = dense_kernels();
     const panel p = make_panel(w.columns.get(), f.rows(), 0, f.width);
-    for (int c = 0; c < f.width; ++c) load_column(f, c, w.local, p.column(c));
+    for (int c = 0; c < f.width; ++c) {
+        load_column(f, c, w.local, p.column(c));
+        p.column(c)[c] += w.added[f.col[c]];
+    }
     add_children(tree, s, w, 0, f.width, [&](int c) { return p.column(c); });
     const int good = kernel.factor_panel(f.rows(), width, p.p, p.ld, numbers.zero, pivot);
     if (good < f.width) return good;
     save_panel(f, w.local, p);
     if (f.below == 0) return good;
-    double*& top = w.top[tree.level[s] % 2];
-    double* u = top;
-    top += triangle_size(f.below);
+    double* u = w.top[tree.level[s] % 2];
     kernel.minus_square(store_mode::set_minus, f.below, f.width, p.p + f.width, p.ld, u);
     add_children(tree, s, w, f.width, f.rows(), [&](int c) { return triangle_column(u, f.below, c - f.width) - f.width; });
-    w.has_update[s] = 1;
+    leave_update(tree, s, f, u, w);
     return good;
 }
 
@@ -81,10 +119,12 @@ int factor_narrow(const supernode_tree& tree, int s, const front& f, int width, 
 int factor_wide(const supernode_tree& tree, int s, const front& f, int width, factor_work& w, double& pivot) {
     const dense_kernels_table& kernel = dense_kernels();
     const int empty = empty_columns(f.width), order = empty + f.rows();
-    double*& top = w.top[tree.level[s] % 2];
-    double* t = top;
+    double* t = w.top[tree.level[s] % 2];
     auto column = [&](int c) { return triangle_column(t, order, empty + c) + empty; };
-    for (int c = 0; c < f.width; ++c) load_column(f, c, w.local, column(c));
+    for (int c = 0; c < f.width; ++c) {
+        load_column(f, c, w.local, column(c));
+        column(c)[c] += w.added[f.col[c]];
+    }
     double* rest = t + triangle_start(order, (empty + f.width) / block);
     std::fill_n(rest, triangle_size(f.below), 0.0);
     add_children(tree, s, w, 0, f.rows(), column);
@@ -103,8 +143,7 @@ int factor_wide(const supernode_tree& tree, int s, const front& f, int width, fa
     }
     if (f.below == 0) return width;
     std::copy_n(rest, triangle_size(f.below), t);
-    top += triangle_size(f.below);
-    w.has_update[s] = 1;
+    leave_update(tree, s, f, t, w);
     return width;
 }
 
@@ -120,6 +159,10 @@ int factorise_supernodes(double& pivot) {
     w.place.resize(tree.rows);
     w.runs.resize(tree.rows);
     w.has_update.assign(ns, 0);
+    w.added.assign(numbers.nsrow + 1, 0.0);
+    w.home.assign(numbers.nsrow + 1, 0);
+    for (int s = 0; s < ns; ++s)
+        for (int c = tree.start[s]; c < tree.start[s + 1]; ++c) w.home[tree.order[c]] = c - tree.start[s];
     w.columns = make_space(panel_size(tree.rows, tree.width));
     for (int i = 0; i < 2; ++i) {
         w.stack[i] = make_space(tree.triangles[i]);

@@ -166,7 +166,8 @@ void find_space() {
         tree.width = std::max(tree.width, width);
         tree.triangles[odd] = std::max(tree.triangles[odd], held[odd] + whole);
         tree.inverse = std::max(tree.inverse, whole);
-        held[odd] += triangle_size(below);
+        if (below > 0 && !updates_at_once(tree, tree.parent[s])) held[odd] += triangle_size(below);
+        if (updates_at_once(tree, s)) continue;
         for (int c = tree.child[s]; c >= 0; c = tree.sibling[c])
             held[1 - odd] -= triangle_size(rows_below(tree.order[tree.start[c + 1] - 1]));
     }

@@ -45,6 +45,12 @@ inline std::ptrdiff_t whole_front(int width, int below) {
     return triangle_size(width > wide ? empty_columns(width) + width + below : below);
 }
 
+// A front with no more than one row below takes its children's update matrices as soon as they are there: they go into the
+// columns of the store, and do not wait for each other.
+inline bool updates_at_once(const supernode_tree& tree, int s) {
+    return rows_below(tree.order[tree.start[s + 1] - 1]) <= 1;
+}
+
 // Multiplications of the factorisation by columns.
 double factor_operations();
 
