@@ -8,6 +8,7 @@
 #include "support/small_models.h"
 
 #include <cmath>
+#include <filesystem>
 #include <random>
 #include <sstream>
 #include <string>
@@ -131,6 +132,7 @@ struct iterate_record {
 };
 inline std::vector<iterate_record> iterates() {
     std::vector<iterate_record> list;
+    if (!std::filesystem::exists("Iterates")) return list;
     std::istringstream in(read_file("Iterates"));
     std::string line;
     while (std::getline(in, line)) {

@@ -1,0 +1,290 @@
+#include "control/filenames.h"
+#include "control/maximise.h"
+#include "control/numroutines.h"
+#include "control/options.h"
+#include "em_fixture.h"
+#include "estimation/aireml.h"
+#include "estimation/bestpoint.h"
+#include "estimation/derivatives.h"
+#include "estimation/pxem.h"
+#include "estimation/variances.h"
+#include "parfile/model.h"
+
+#include <algorithm>
+
+namespace tarvex {
+namespace {
+
+class driver_test : public tarvex_test {
+protected:
+    void run(const small_model& m, const std::vector<std::string>& list) {
+        set_up(m, list);
+        get_estimates();
+    }
+    static int count(const std::string& text, const std::string& word) {
+        int n = 0;
+        for (std::size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) ++n;
+        return n;
+    }
+    static std::string labels() {
+        std::string s;
+        for (const auto& r : iterates()) s += r.label[0];
+        return s;
+    }
+};
+
+small_model many_parameters() { // 18: the shortest vector that starts with expanded rounds
+    small_model m = families(3, 150);
+    m.random.push_back({"dam", "IDE", 3, 0, {0.3, 0.0, 0.0, 0.3, 0.0, 0.3}});
+    return m;
+}
+
+TEST_F(driver_test, LimitOfIteratesFollowsTheParameters) {
+    small_model m = growth(false);
+    m.random = {{"animal", "NRM", 3, 0, {2.0, 0.3, 0.1, 1.0, 0.1, 0.5}}};
+    run(m, {"--aireml"});
+    EXPECT_EQ(estimates.nparm, 7);
+    EXPECT_EQ(maximise.aireml_its, 10); // 1.4 times 7 is 9.8
+    reset_modules();
+    m = with_dams();
+    m.random[1] = {"dam", "IDE", 2, 0, {0.9, 0.8}, true};
+    run(m, {"--aireml"});
+    EXPECT_EQ(estimates.nparm, 8);
+    EXPECT_EQ(maximise.aireml_its, 11);
+}
+
+TEST_F(driver_test, BadStartKeepsTheAutomaticLimit) {
+    run(families(1), {"--bad"});
+    EXPECT_EQ(maximise.aireml_its, 10);
+    EXPECT_TRUE(maximise.converged);
+    EXPECT_EQ(labels().find_first_not_of('A'), std::string::npos);
+}
+
+TEST_F(driver_test, SimplexPlanReportsTheStart) {
+    set_up(families(1), {"--simplex0"});
+    maximise.simplx_its = 0;
+    const array<double> start = estimates.parvec;
+    get_estimates();
+    for (int i = 1; i <= estimates.nparm; ++i) EXPECT_EQ(estimates.parvec(i), start(i));
+    EXPECT_EQ(maximise.simplx_its, 1000);
+    EXPECT_NEAR(estimates.xbest, program_logl(start), 1.0e-9);
+    EXPECT_FALSE(options.saverr_ready);
+    EXPECT_TRUE(iterates().empty());
+}
+
+TEST_F(driver_test, EmptyPlanOfManyParametersReportsTheStart) {
+    set_up(many_parameters(), {"--pownew"});
+    ASSERT_EQ(estimates.nparm, 18);
+    get_estimates();
+    EXPECT_TRUE(iterates().empty());
+    EXPECT_GT(estimates.xbest, invalid_logl);
+}
+
+TEST_F(driver_test, EmptyPlanOfFewParametersTurnsToAverageInformation) {
+    run(families(1), {"--pownew"});
+    EXPECT_FALSE(iterates().empty());
+}
+
+TEST_F(driver_test, DefaultPlanGoesFromExpandedRoundsToAverageInformation) {
+    set_up(many_parameters(), {});
+    ASSERT_EQ(estimates.nparm, 18);
+    ASSERT_EQ(estimates.paraform(1), "Original");
+    get_estimates();
+    const auto log = iterates();
+    ASSERT_GT(log.size(), 4u);
+    std::size_t px = 0;
+    while (log[px + 1].label == "PX") ++px;
+    EXPECT_GE(px, 1u);
+    EXPECT_LE(px, 3u);
+    for (std::size_t k = 1; k < px; ++k) EXPECT_GE(log[k].logl - log[k - 1].logl, 2.0 - 1.0e-3) << "worth another round";
+    for (std::size_t k = 0; k < log.size(); ++k) EXPECT_EQ(log[k].round, static_cast<int>(k));
+    EXPECT_EQ(log.back().label, "AI");
+    EXPECT_TRUE(maximise.converged);
+    EXPECT_EQ(estimates.paraform(1), "Variance");
+    EXPECT_TRUE(options.saverr_ready);
+    EXPECT_NE(read_file("Iterates").find("*** AIREML has converged"), std::string::npos);
+    EXPECT_EQ(read_file("Iterates").find("PX-"), std::string::npos); // the first phase ends in silence
+}
+
+TEST_F(driver_test, FirstPhaseEndsWithTheFirstSmallGain) {
+    small_model m = many_parameters();
+    run(m, {"--aireml200"});
+    std::vector<std::vector<double>> best;
+    for (int irand = 0; irand <= 2; ++irand) best.push_back(best_covariances(irand));
+    reset_modules();
+    std::remove("Iterates");
+    m.residual = best[0]; // next to the maximum
+    for (double& x : m.residual) x *= 1.05;
+    m.random[0].g = best[1];
+    m.random[1].g = best[2];
+    run(m, {});
+    const std::string s = labels();
+    EXPECT_EQ(s.substr(0, 3), "PPA") << s;
+}
+
+TEST_F(driver_test, NamedPlansRunTheirRoundsFirst) {
+    run(families(2), {"--pxai4,60"});
+    EXPECT_EQ(labels().substr(0, 6), "PPPPPA");
+    EXPECT_TRUE(maximise.converged);
+    reset_modules();
+    std::remove("Iterates");
+    run(families(2), {"--emai2,60"});
+    EXPECT_EQ(labels().substr(0, 4), "EEEA");
+    EXPECT_TRUE(maximise.converged);
+}
+
+TEST_F(driver_test, PlainRoundsTellHowTheyEnd) {
+    run(families(1), {"--emalg2"});
+    EXPECT_NE(read_file("Iterates").find("*** (PX-) EM has not converged !\n"), std::string::npos);
+    EXPECT_NE(screen_text().find("*** (PX-) EM has not converged !"), std::string::npos);
+    EXPECT_FALSE(options.saverr_ready);
+    reset_modules();
+    std::remove("Iterates");
+    run(families(1), {"--pxem", "-v"});
+    EXPECT_TRUE(maximise.converged);
+    const std::string log = read_file("Iterates");
+    EXPECT_NE(log.find("*** (PX-) EM has converged\n    Last change in log L = "), std::string::npos) << log;
+    EXPECT_NE(screen_text().find("*** (PX-) EM has converged !\n   Last change in log L "), std::string::npos);
+}
+
+TEST_F(driver_test, AverageInformationTellsHowItEnds) {
+    run(families(1), {"--aireml1"});
+    EXPECT_NE(read_file("Iterates").find("Max. no. of iterates reached - not converged !\n"), std::string::npos);
+    EXPECT_NE(screen_text().find("*** AIREML : No convergence"), std::string::npos);
+    reset_modules();
+    std::remove("Iterates");
+    run(families(1), {"--aireml200"});
+    const std::string log = read_file("Iterates");
+    EXPECT_NE(log.find("*** AIREML has converged\n    Last change in log L = "), std::string::npos) << log;
+    reset_modules();
+    std::remove("Iterates");
+    set_up(families(1), {"--aireml200"});
+    maximise.aiconv_like = 0.0;
+    maximise.aiconv_norm = 0.5;
+    get_estimates();
+    EXPECT_NE(read_file("Iterates").find("*** AIREML has converged\n    Norm of gradient vector = "), std::string::npos);
+}
+
+TEST_F(driver_test, NoIterateAllowedLeavesTheBestPoint) {
+    set_up(families(1), {"--aireml"});
+    maximise.ncycle = 1;
+    double x = program_logl(estimates.parvec, 1);
+    estimates.parbest = estimates.parvec;
+    estimates.parvec(1) += 0.1;
+    int iround = 0;
+    options.aireml = true;
+    ai_reml(0, iround, x);
+    EXPECT_EQ(iround, 0);
+    EXPECT_EQ(estimates.parvec(1), estimates.parbest(1));
+    EXPECT_NE(read_file("Iterates").find("Max. no. of iterates reached"), std::string::npos);
+    EXPECT_EQ(labels(), "A");
+}
+
+TEST_F(driver_test, RoundsOfNoneLeaveARecordOnly) {
+    set_up(families(1), {"--emalg"});
+    double x = program_logl(estimates.parvec, 1);
+    int iround = 0;
+    em_algorithm(0, iround, x, 0.0);
+    EXPECT_EQ(labels(), "E");
+    EXPECT_EQ(iround, 0);
+}
+
+TEST_F(driver_test, StalledSearchIsRescuedOnceWhenItGainsNothing) {
+    set_up(families(2), {"--emai1"});
+    maximise.aireml_its = -1; // no iterate at all
+    get_estimates();
+    EXPECT_EQ(labels(), "EEEEE"); // start, one round, three of the rescue
+    EXPECT_EQ(count(read_file("Iterates"), "Max. no. of iterates reached"), 2);
+    EXPECT_FALSE(maximise.converged);
+}
+
+TEST_F(driver_test, StalledSearchIsRescuedWhileItGains) {
+    run(families(2), {"--emai1,1"});
+    const std::string s = labels();
+    EXPECT_EQ(s.substr(0, 7), "EEAEEEA") << s;
+    EXPECT_TRUE(maximise.converged) << s;
+}
+
+TEST_F(driver_test, CyclesAreSilentAndRestoreTheExpansion) {
+    set_up(families(2), {"--pxai1,1", "--cycle3"});
+    ASSERT_EQ(maximise.ncycle, 3);
+    maximise.aiconv_like = maximise.aiconv_norm = 0.0;
+    get_estimates();
+    const std::string s = labels();
+    EXPECT_EQ(s.substr(0, 8), "PPAPAPAE") << s; // the last cycle is rescued
+    EXPECT_EQ(read_file("Iterates").find("not converged"), std::string::npos);
+}
+
+TEST_F(driver_test, FinalInformationBelongsToTheBestPoint) {
+    run(families(2), {"--pxai2,60"});
+    ASSERT_TRUE(options.saverr_ready);
+    std::istringstream in(read_file(filenames.aiparsfile));
+    double x = 0.0, value = 0.0;
+    in >> x;
+    EXPECT_NEAR(x, estimates.xbest, 1.0e-6);
+    array<double> p = estimates.parvec;
+    double dev = 0.0;
+    loglike(p, estimates.nparm, dev, x, 1);
+    average_info();
+    jacob_var2chol(0);
+    int i = 0, j = 0, n = 0;
+    while (in >> i >> j >> value) {
+        EXPECT_NEAR(value, derivs.der2(ihmssf(i, j, estimates.nparm)), 1.0e-6 * std::max(1.0, std::fabs(value)));
+        EXPECT_NE(value == 0.0 && i == j, true);
+        ++n;
+    }
+    EXPECT_EQ(n, estimates.nparm * (estimates.nparm + 1) / 2);
+    EXPECT_EQ(derivs.nparm2, estimates.nparm);
+}
+
+TEST_F(driver_test, InvalidFirstPointStopsTheRun) {
+    small_model m = repeats_with_peq();
+    m.residual = {-0.3}; // with the repeat variance a positive sum
+    m.random[1].g = {1.0};
+    set_up(m, {"--aireml"});
+    EXPECT_STOP(get_estimates(), "mixed model matrix is not positive definite !!!");
+}
+
+TEST_F(driver_test, ExpansionThatLosesIsTakenBack) {
+    set_up(families(2), {"--pxem"});
+    double x = program_logl(estimates.parvec, 1);
+    int iround = 0;
+    em_algorithm(5, iround, x, 0.0);
+    EXPECT_GT(pxempc.aalpha, 0.0);
+    EXPECT_EQ(labels(), "PPPPPP");
+    EXPECT_TRUE(options.pxem);
+    EXPECT_GE(x, iterates()[0].logl);
+}
+
+TEST_F(driver_test, TraceWritesRoundsAndNumberedPoints) {
+    set_up(families(1), {"--emalg12", "-zq"});
+    get_estimates();
+    EXPECT_NE(read_file("EMrounds").find("    1 "), std::string::npos);
+    EXPECT_FALSE(read_file(filenames.bestfile + "001").empty());
+    EXPECT_FALSE(read_file("Estimates").empty());
+}
+
+// ---- form of the records
+
+std::string form_for(double dd, double dnorm, double pnorm, double prox, int ncall = 5) {
+    char form[] = "(a2,i5,f14.3,f10.0,f9.0,f11.2,f9.0,f8.4,i7,i5,g12.5,i2)";
+    edit_iterate_form(form, {dd, dnorm, pnorm, prox, ncall});
+    return {form[17], form[22], form[28], form[33]};
+}
+
+TEST(iterate_record_test, DecimalsFollowTheSize) {
+    EXPECT_EQ(form_for(2000, 2000, 2000, 2000), "0020");
+    EXPECT_EQ(form_for(200, 200, 200, -200), "1131");
+    EXPECT_EQ(form_for(20, 20, 20, -20), "2242");
+    EXPECT_EQ(form_for(2, 2, 2, -2), "3353");
+    EXPECT_EQ(form_for(0.2, 0.2, 0.2, -0.2), "4464");
+    EXPECT_EQ(form_for(0.02, 1, 1, 1), "5464");
+    EXPECT_EQ(form_for(0.002, 1, 1, 1)[0], '6');
+    EXPECT_EQ(form_for(-500, 1, 1, 1)[0], '6');
+    EXPECT_EQ(form_for(0.1, 1, 1, 1)[0], '5');  // the limits are short reals
+    EXPECT_EQ(form_for(0.01, 1, 1, 1)[0], '5');
+    EXPECT_EQ(form_for(1, 1, 1, 2000, 10000)[3], '6');
+}
+
+} // namespace
+} // namespace tarvex

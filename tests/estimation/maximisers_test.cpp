@@ -1,0 +1,175 @@
+// Log L never falls in EM, and all maximisers end at one maximum.
+#include "control/maximise.h"
+#include "control/options.h"
+#include "em_fixture.h"
+#include "estimation/aireml.h"
+#include "estimation/pxem.h"
+#include "estimation/variances.h"
+#include "parfile/model.h"
+
+#include <algorithm>
+
+namespace tarvex {
+namespace {
+
+using maximisers_test = tarvex_test;
+
+// log L after each of n rounds.
+std::vector<double> rounds(const small_model& m, const std::string& option, int n) {
+    set_up(m, {option});
+    std::vector<double> list{program_logl(estimates.parvec, 1)};
+    int iround = 1;
+    for (int k = 0; k < n; ++k) {
+        double x = list.back();
+        em_algorithm(1, iround, x, 0.0);
+        list.push_back(x);
+    }
+    return list;
+}
+
+void expect_no_loss(const std::vector<double>& x) {
+    for (std::size_t k = 1; k < x.size(); ++k) EXPECT_GE(x[k], x[k - 1] - 1.0e-8) << "round " << k;
+    EXPECT_GT(x.back(), x.front());
+}
+
+TEST_F(maximisers_test, NoLossInRoundsOfTwoEffects) { expect_no_loss(rounds(with_dams(), "--emalg", 50)); }
+TEST_F(maximisers_test, NoLossInRoundsOfFamilies) { expect_no_loss(rounds(families(3), "--emalg", 50)); }
+TEST_F(maximisers_test, NoLossInRoundsOfRepeatEffect) { expect_no_loss(rounds(repeats_with_peq(), "--emalg", 50)); }
+TEST_F(maximisers_test, NoLossInRoundsOfRepeatEffectOfTwoTraits) {
+    expect_no_loss(rounds(repeats_with_peq(2), "--emalg", 50));
+}
+TEST_F(maximisers_test, NoLossInRoundsOfRepeatedTraits) { expect_no_loss(rounds(families(2, 80, 0.2, 2), "--emalg", 50)); }
+TEST_F(maximisers_test, NoLossInRoundsOfRandomRegressions) { expect_no_loss(rounds(growth(true), "--emalg", 50)); }
+TEST_F(maximisers_test, NoLossInRoundsOfReducedRank) { expect_no_loss(rounds(components(2), "--emalg", 50)); }
+TEST_F(maximisers_test, NoLossInRoundsOfReducedRankRandomRegressions) {
+    expect_no_loss(rounds(growth(true, true), "--emalg", 50));
+}
+TEST_F(maximisers_test, NoLossInExpandedRounds) { expect_no_loss(rounds(families(2), "--pxem", 50)); }
+TEST_F(maximisers_test, NoLossInExpandedRoundsOfReducedRank) { expect_no_loss(rounds(components(2), "--pxem", 50)); }
+
+// ---- one maximum
+
+struct maximum {
+    double logl = 0.0;
+    int records = 0;
+    oracle::point at;
+};
+
+maximum run(const small_model& m, const std::vector<std::string>& list, bool tight = true) {
+    reset_modules();
+    for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
+    set_up(m, list);
+    if (tight) {
+        maximise.emconv_like = 1.0e-8;
+        maximise.aiconv_like = 1.0e-7;
+        maximise.aiconv_norm = 1.0e-5;
+    }
+    get_estimates();
+    const double final_point = program_logl(estimates.parvec);
+    EXPECT_NEAR(final_point, estimates.xbest, 1.0e-7) << "the last point is not the best one";
+    const auto log = iterates();
+    return {estimates.xbest, log.empty() ? 0 : log.back().round, point_at(m, estimates.parvec)};
+}
+
+void expect_same(const maximum& got, const maximum& want, double tolerance = 1.0e-3) {
+    EXPECT_NEAR(got.logl, want.logl, tolerance);
+}
+
+void expect_one_maximum(const small_model& m, const std::vector<std::vector<std::string>>& plans) {
+    const maximum ai = run(m, {"--aireml200"});
+    EXPECT_TRUE(maximise.converged);
+    for (const auto& plan : plans) {
+        SCOPED_TRACE(plan[0]);
+        expect_same(run(m, plan), ai);
+    }
+}
+
+TEST_F(maximisers_test, OneMaximumForOneTrait) {
+    expect_one_maximum(families(1), {{"--emalg"}, {"--pxem"}, {"--emai4,100"}, {"--pxai4,100"}, {"--cycle3"}, {"--good"},
+                                     {"--bad"}, {"--modaim0"}, {"--modaim1"}, {"--modaim3"}, {"--modaim4"}});
+}
+TEST_F(maximisers_test, OneMaximumForTwoTraits) {
+    expect_one_maximum(families(2), {{"--emalg"}, {"--pxem"}, {"--emai4,100"}, {"--pxai4,100"}, {"--cycle3"}});
+}
+TEST_F(maximisers_test, OneMaximumForRepeatEffects) {
+    small_model m = families(1, 90, 0.0, 3);
+    m.random.push_back({"pe", "PEQ", 1, 0, {0.3}});
+    expect_one_maximum(m, {{"--emalg"}, {"--pxem"}, {"--pxai4,100"}});
+    m.random[1].kov = "IDE";
+    expect_one_maximum(m, {{"--emalg"}, {"--pxem"}, {"--pxai4,100"}});
+}
+TEST_F(maximisers_test, ExpandedRoundsAreNoMoreThanPlainOnes) {
+    for (int nq : {1, 2}) {
+        const maximum em = run(families(nq), {"--emalg"}), px = run(families(nq), {"--pxem"});
+        EXPECT_LE(px.records, em.records) << nq;
+        expect_same(px, em);
+    }
+}
+
+TEST_F(maximisers_test, ComponentsOfFullRankAreTheOrdinaryFit) {
+    small_model m = families(3, 150);
+    const maximum want = run(m, {"--aireml200"});
+    m.principal = true;
+    m.random[0].rank = 3;
+    for (const char* plan : {"--aireml200", "--pxai4,100"}) {
+        SCOPED_TRACE(plan);
+        const maximum got = run(m, {plan});
+        expect_same(got, want, 1.0e-4);
+        if (std::string(plan) != "--aireml200") continue;
+        for (std::size_t i = 0; i < 3; ++i)
+            for (std::size_t j = 0; j < 3; ++j) EXPECT_NEAR(got.at.g[0][i][j], want.at.g[0][i][j], 2.0e-3);
+    }
+}
+
+TEST_F(maximisers_test, OneMaximumForTwoComponentsOfThree) {
+    small_model m = families(3, 150);
+    m.principal = true;
+    m.random[0].rank = 2;
+    const maximum ai = run(m, {"--aireml300"});
+    EXPECT_TRUE(maximise.converged);
+    for (const char* plan : {"--emalg", "--pxem", "--pxai4,200", "--emai4,200"}) {
+        SCOPED_TRACE(plan);
+        expect_same(run(m, {plan}), ai);
+    }
+}
+
+TEST_F(maximisers_test, OneComponentTurnsToTheMaximumFromAWrongDirection) {
+    small_model m = families(2);
+    m.principal = true;
+    m.random[0].rank = 1;
+    const maximum ai = run(m, {"--aireml200"});
+    m.random[0].g = {1.0, -0.9, 1.0}; // the contrast of the traits
+    for (const char* plan : {"--emalg", "--pxem"}) {
+        SCOPED_TRACE(plan);
+        expect_same(run(m, {plan}), ai);
+    }
+}
+
+TEST_F(maximisers_test, SearchByDirectionsComesNearTheMaximum) {
+    small_model m = families(2);
+    const maximum ai = run(m, {"--aireml200"});
+    m.random[0].g = {4.0, 0.1, 4.0};
+    const maximum powell = run(m, {"--powell"});
+    EXPECT_NEAR(powell.logl, ai.logl, 1.0);
+    EXPECT_LE(powell.logl, ai.logl + 1.0e-4);
+    const std::string log = read_file("Iterates");
+    EXPECT_NE(log.find(" IT=   2"), std::string::npos) << log;
+    EXPECT_NE(log.find("CONVERGENCE : CHANGE IN "), std::string::npos);
+    EXPECT_NE(read_file("directions").find("IT="), std::string::npos);
+}
+
+TEST_F(maximisers_test, DiagonalBlockReachesTheMaximumOfVariances) {
+    small_model m = families(2);
+    m.random[0] = {"animal", "NRM", 2, 0, {0.8, 0.8}, true};
+    const maximum ai = run(m, {"--aireml200"});
+    EXPECT_NEAR(ai.at.g[0][0][1], 0.0, 1.0e-12);
+    for (const char* plan : {"--emalg", "--pxem", "--pxai4,100"}) {
+        SCOPED_TRACE(plan);
+        const maximum got = run(m, {plan});
+        expect_same(got, ai);
+        EXPECT_EQ(got.at.g[0][0][1], 0.0);
+    }
+}
+
+} // namespace
+} // namespace tarvex
