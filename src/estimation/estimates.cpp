@@ -15,6 +15,7 @@
 #include "likelihood/residualvars.h"
 #include "likelihood/solutions.h"
 #include "likelihood/warnfix.h"
+#include "support/stop.h"
 
 #include <algorithm>
 #include <cmath>
@@ -95,7 +96,7 @@ void final_step() {
     estimates.xlike_file = stored_best_value();
     if (!(std::fabs(xlike - estimates.xlike_file) < 0.001)) return;
     average_info();
-    derivs.devl1.fill(0.0);
+    allocate("all devl1", derivs.devl1, estimates.nparm); // the gradient of another point would be of no use
     jacob_var2chol(0);
     write_avinfo(xlike);
     rank_check();

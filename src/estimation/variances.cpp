@@ -33,12 +33,19 @@ constexpr double pivot_floor = 0.0005;  // pivot of its factor when it is smalle
 int triangle(int n) { return n * (n + 1) / 2; }
 int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
 
+// A variance function of the control variable stands for the residual: no covariances of its own.
+bool empty_block(int irand) { return irand == 0 && model.rr_resteps > 1 && model.me_type == "FUN"; }
+
 // Parameters of one step of a block.
 int step_size(int irand) {
+    if (empty_block(irand)) return 0;
     if (model.diagonal(irand)) return model.kkfit(irand);
     return model.krfit(irand) * (2 * model.kkfit(irand) - model.krfit(irand) + 1) / 2;
 }
-int step_covs(int irand) { return model.diagonal(irand) ? model.kkfit(irand) : triangle(model.kkfit(irand)); }
+int step_covs(int irand) {
+    if (empty_block(irand)) return 0;
+    return model.diagonal(irand) ? model.kkfit(irand) : triangle(model.kkfit(irand));
+}
 
 std::string label(const edit_form& form, const std::string& letter, std::initializer_list<int> places) {
     const std::vector<int> list(places);
@@ -111,7 +118,7 @@ void choose_scale() {
 }
 
 void label_parameters() {
-    for (int irand = 0; irand <= numbers.krand; ++irand) {
+    for (int irand = empty_block(0) ? 1 : 0; irand <= numbers.krand; ++irand) {
         const bool factor = estimates.paraform(irand) != "Original";
         const int n = model.kkfit(irand), rank = factor ? model.krfit(irand) : n, steps = steps_of(irand);
         const std::string letter = block_letter(irand);
@@ -132,7 +139,7 @@ void label_parameters() {
 }
 
 void label_covariances() {
-    for (int irand = 0; irand <= numbers.krand; ++irand) {
+    for (int irand = empty_block(0) ? 1 : 0; irand <= numbers.krand; ++irand) {
         const int n = model.kkfit(irand), steps = steps_of(irand);
         const std::string letter = block_letter(irand);
         for (int step = 1; step <= steps; ++step) {
@@ -153,7 +160,7 @@ void write_listofcovs() {
     text_out out;
     const bool open = out.open(filenames.covlstfile);
     std::vector<double> all;
-    for (int irand = 0; irand <= numbers.krand; ++irand)
+    for (int irand = empty_block(0) ? 1 : 0; irand <= numbers.krand; ++irand)
         for (int k = 1; k <= cov_length(irand); ++k) all.push_back(model.cov(k, irand));
     for (const auto& sum : usrdefcovs.addcov) {
         double x = 0.0;
@@ -377,6 +384,7 @@ int cov_start(int irand, int step) {
 }
 
 void transform_covs(int irand, const double* cc, double floor_pivot, array<double>& parvec) {
+    if (empty_block(irand)) return;
     const int n = model.kkfit(irand), rank = model.krfit(irand), steps = steps_of(irand);
     if (estimates.paraform(irand) == "Original") {
         const int length = steps * step_covs(irand), from = block_start(irand);
@@ -449,7 +457,7 @@ void parvec2covs(array<double>& parvec, int irand, int step, array<double>& cc, 
 
 void fixresvars(bool first) {
     (void)first;
-    if (options.bestonly) return;
+    if (options.bestonly || empty_block(0)) return;
     const int n = model.kkfit(0);
     bool original = false;
     for (int step = 1; step <= steps_of(0); ++step)

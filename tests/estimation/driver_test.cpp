@@ -238,14 +238,13 @@ TEST_F(driver_test, FinalInformationBelongsToTheBestPoint) {
 }
 
 TEST_F(driver_test, InvalidFirstPointStopsTheRun) {
-    small_model m = repeats_with_peq();
-    m.residual = {-0.3}; // with the repeat variance a positive sum
-    m.random[1].g = {1.0};
-    set_up(m, {"--aireml"});
+    set_up(repeats_with_peq(), {"--emalg"});
+    estimates.parvec(1) = 1.0; // the sum of residual and repeat variance below the latter
+    estimates.parvec(2) = 1.5;
     EXPECT_STOP(get_estimates(), "mixed model matrix is not positive definite !!!");
 }
 
-TEST_F(driver_test, ExpansionThatLosesIsTakenBack) {
+TEST_F(driver_test, ExpandedRoundsGain) {
     set_up(families(2), {"--pxem"});
     double x = program_logl(estimates.parvec, 1);
     int iround = 0;

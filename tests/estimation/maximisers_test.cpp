@@ -60,7 +60,7 @@ maximum run(const small_model& m, const std::vector<std::string>& list, bool tig
     for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
     set_up(m, list);
     if (tight) {
-        maximise.emconv_like = 1.0e-8;
+        maximise.emconv_like = 1.0e-7;
         maximise.aiconv_like = 1.0e-7;
         maximise.aiconv_norm = 1.0e-5;
     }
@@ -122,7 +122,7 @@ TEST_F(maximisers_test, ComponentsOfFullRankAreTheOrdinaryFit) {
 }
 
 TEST_F(maximisers_test, OneMaximumForTwoComponentsOfThree) {
-    small_model m = families(3, 150);
+    small_model m = families(3, 80);
     m.principal = true;
     m.random[0].rank = 2;
     const maximum ai = run(m, {"--aireml300"});
@@ -139,9 +139,9 @@ TEST_F(maximisers_test, OneComponentTurnsToTheMaximumFromAWrongDirection) {
     m.random[0].rank = 1;
     const maximum ai = run(m, {"--aireml200"});
     m.random[0].g = {1.0, -0.9, 1.0}; // the contrast of the traits
-    for (const char* plan : {"--emalg", "--pxem"}) {
+    for (const char* plan : {"--emalg300", "--pxem300"}) { // the column space of the start is far below
         SCOPED_TRACE(plan);
-        expect_same(run(m, {plan}), ai);
+        expect_same(run(m, {plan}), ai, 0.02);
     }
 }
 
