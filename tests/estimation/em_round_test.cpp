@@ -6,6 +6,7 @@
 #include "likelihood/residualvars.h"
 #include "parfile/mudmap.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace tarvex {
@@ -142,6 +143,21 @@ TEST_F(em_round_test, TraitsNeverTogetherKeepAZeroCovariance) {
     EXPECT_EQ(after.r[0][0][1], 0.0);
     EXPECT_NEAR(after.r[0][0][0], want[0][0], 1.0e-9);
     expect_matrix(after.g[0], b.effect(0), "effect");
+}
+
+TEST_F(em_round_test, CorrelatedEffectsShareAMatrix) {
+    small_model m = animal_model(1, {1.3}, {2.1});
+    m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
+    set_up(m, {"--emalg"});
+    expect_em_round(m, residual_form::patterns);
+}
+
+TEST_F(em_round_test, SireModel) {
+    small_model m = animal_model(1, {1.3}, {2.1}, 0.0, 2);
+    std::fill(m.dam.begin(), m.dam.end(), 0); // the rules for sires alone give the relationships of the pedigree
+    m.sires = true;
+    set_up(m, {"--emalg"});
+    expect_em_round(m, residual_form::classes);
 }
 
 // ---- expansion

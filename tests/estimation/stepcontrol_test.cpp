@@ -1,0 +1,315 @@
+#include "estimation/stepcontrol.h"
+
+#include "control/maximise.h"
+#include "control/numroutines.h"
+#include "control/options.h"
+#include "em_fixture.h"
+#include "estimation/aireml.h"
+#include "estimation/derivatives.h"
+#include "estimation/powell.h"
+#include "estimation/variances.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace tarvex {
+namespace {
+
+TEST(tau_test, FollowsTheEigenvalues) {
+    EXPECT_EQ(set_tau(100, 0.5), 0.0);
+    EXPECT_NEAR(set_tau(100, 0.0005), 0.001, 1.0e-15);
+    EXPECT_NEAR(set_tau(12999, 0.01), 0.0571956, 1.0e-9);
+    EXPECT_EQ(set_tau(13001, 0.01), 0.0);
+    EXPECT_EQ(set_tau(1.0e5, 1.2), 0.0);
+    EXPECT_NEAR(set_tau(1.0e9, 1.5), 281.6, 1.0e-9);
+    EXPECT_NEAR(set_tau(1.0e6, -3), 2.816, 1.0e-12);
+    EXPECT_EQ(set_tau(89999, 1.000001), 0.0); // well conditioned
+}
+
+class step_test : public tarvex_test {
+protected:
+    void start(const small_model& m, const std::vector<std::string>& list = {"--aireml"}) {
+        set_up(m, list);
+        set_linesearch();
+        xold = program_logl(estimates.parvec, 1);
+    }
+    // Information (packed upper triangle) and gradient of all parameters.
+    void quadratic(const std::vector<double>& der2, const std::vector<double>& der1) {
+        const int n = estimates.nparm;
+        derivs.der1.allocate(n);
+        derivs.der2.allocate(n * (n + 1) / 2);
+        std::copy(der1.begin(), der1.end(), derivs.der1.begin());
+        std::copy(der2.begin(), der2.end(), derivs.der2.begin());
+        rank_check();
+        aireml_terms.tau = 0.0;
+    }
+    void real_derivatives() {
+        xold = program_logl(estimates.parvec, 1);
+        average_info();
+        derivatives_mmm();
+        jacob_var2chol(0);
+        rank_check();
+        aireml_terms.tau = 0.0;
+    }
+    // The trial at parvec + dvec.
+    void trial(const std::vector<double>& d) {
+        std::copy(d.begin(), d.end(), derivs.dvec.begin());
+        estimates.parnew = estimates.parvec;
+        for (int i = 1; i <= estimates.nparm; ++i) estimates.parnew(i) += derivs.dvec(i);
+        aireml_terms.alpha = 1.0;
+        xnew = program_logl(estimates.parnew);
+    }
+    double xold = 0.0, xnew = 0.0;
+};
+
+TEST_F(step_test, AllMethodsTakeTheNewtonStepOfASafeMatrix) {
+    start(families(1));
+    for (int method = 0; method <= 4; ++method) {
+        maximise.modify_chol = method;
+        quadratic({5.0, 1.0, 3.0}, {0.14, 0.14}); // inverse times gradient: (0.02, 0.04)
+        eztimates(1, xnew);
+        EXPECT_NEAR(derivs.dvec(1), 0.02, 1.0e-10) << method;
+        EXPECT_NEAR(derivs.dvec(2), 0.04, 1.0e-10) << method;
+        EXPECT_EQ(aireml_terms.tau, 0.0);
+        EXPECT_NEAR(aireml_terms.slope, -0.14 * 0.06, 1.0e-10);
+        EXPECT_NEAR(estimates.parnew(2), estimates.parvec(2) + 0.04, 1.0e-10);
+        EXPECT_NEAR(xnew, program_logl(estimates.parnew), 1.0e-12);
+    }
+}
+
+TEST_F(step_test, NegativeEigenvalueRaisesTau) {
+    start(families(1));
+    maximise.modify_chol = 2;
+    quadratic({2.0, 0.0, -0.5}, {0.1, 0.01});
+    eztimates(222, xnew);
+    EXPECT_NEAR(aireml_terms.tau, 0.001 + 0.95 * 0.5, 1.0e-10);
+    EXPECT_NEAR(derivs.dvec(1), 0.1 / (2.0 + aireml_terms.tau), 1.0e-10);
+    maximise.modify_chol = 1; // small eigenvalues are replaced instead
+    quadratic({2.0, 0.0, 1.0e-5}, {0.1, 1.0e-6});
+    eztimates(1, xnew);
+    EXPECT_NEAR(derivs.dvec(1), 0.05, 1.0e-10);
+    EXPECT_NEAR(derivs.dvec(2), 1.0e-6 / 0.001, 1.0e-10);
+}
+
+TEST_F(step_test, MatrixWithoutInformationEnds) {
+    start(families(1));
+    for (int method : {0, 1, 2}) {
+        maximise.modify_chol = method;
+        quadratic({2.0, 0.0, 0.0}, {0.1, 0.0});
+        EXPECT_EQ(derivs.nparm2, 2) << "its parameter is not zero";
+        eztimates(1, xnew);
+        EXPECT_TRUE(std::isfinite(derivs.dvec(1)));
+        EXPECT_EQ(derivs.dvec(2), 0.0);
+    }
+}
+
+TEST_F(step_test, OneParameterWithoutInformationStays) {
+    start(families(1));
+    maximise.modify_chol = 0;
+    estimates.parvec(2) = 0.0;
+    xold = program_logl(estimates.parvec);
+    quadratic({0.0, 0.0, 0.0}, {0.3, 0.2});
+    EXPECT_EQ(derivs.nparm2, 1);
+    EXPECT_EQ(derivs.subset(1), 1);
+    EXPECT_EQ(derivs.fixpar(2), 1);
+    eztimates(1, xnew);
+    EXPECT_EQ(derivs.dvec(1), 0.0);
+    EXPECT_EQ(xnew, program_logl(estimates.parvec));
+}
+
+TEST_F(step_test, LargePredictedGainsAreHalved) {
+    start(families(1), {"--aireml", "--logdia"});
+    maximise.modify_chol = 0;
+    quadratic({1.0e6, 0.0, 1.0e6}, {2.0e5, 0.0}); // predicted 40000
+    eztimates(1, xnew);
+    EXPECT_NEAR(aireml_terms.slope, -10000.0, 1.0e-6);
+    EXPECT_NEAR(derivs.dvec(1), 0.05, 1.0e-10);
+}
+
+TEST_F(step_test, OutlyingElementIsCutByTheModifiedFactorisations) {
+    start(families(1), {"--aireml", "--logdia"});
+    maximise.modify_chol = 4;
+    quadratic({1.0, 0.0, 1.0}, {0.26, 0.01});
+    eztimates(1, xnew);
+    EXPECT_NEAR(derivs.dvec(1), 0.8 * 0.26, 1.0e-10);
+    EXPECT_NEAR(derivs.dvec(2), 0.01, 1.0e-10);
+}
+
+TEST_F(step_test, ResidualCovariancesStayPositiveDefinite) {
+    start(two_traits());
+    options.emalgorithm = true;
+    covs2parvec();
+    maximise.modify_chol = 0;
+    std::vector<double> unit(21, 0.0);
+    for (int i = 1; i <= 6; ++i) unit[static_cast<std::size_t>(ihmssf(i, i, 6) - 1)] = 1.0;
+    quadratic(unit, {-7.0, 0, 0, 0, 0, 0});
+    eztimates(1, xnew);
+    const double a = estimates.parnew(1), b = estimates.parnew(2), c = estimates.parnew(3);
+    const double smallest = 0.5 * (a + c) - std::sqrt(0.25 * (a - c) * (a - c) + b * b);
+    EXPECT_NEAR(smallest, 1.0e-4, 1.0e-9);
+}
+
+TEST_F(step_test, SearchBringsBackALongStep) {
+    start(families(1));
+    real_derivatives();
+    maximise.modify_chol = 0;
+    eztimates(1, xnew);
+    std::vector<double> d;
+    for (double x : derivs.dvec) d.push_back(60.0 * x);
+    aireml_terms.slope *= 60.0;
+    trial(d);
+    ASSERT_LT(xnew, xold);
+    bool fail = true;
+    line_search(xold, xnew, fail);
+    EXPECT_FALSE(fail);
+    EXPECT_GT(xnew, xold);
+    EXPECT_LE(aireml_terms.alpha, 0.5);
+    EXPECT_NEAR(xnew, program_logl(estimates.parnew), 1.0e-10);
+    for (int i = 1; i <= 2; ++i)
+        EXPECT_NEAR(estimates.parnew(i), estimates.parvec(i) + aireml_terms.alpha * derivs.dvec(i), 1.0e-12);
+}
+
+TEST_F(step_test, SearchDownhillFailsAfterSevenTries) {
+    start(families(1));
+    real_derivatives();
+    derivs.dvec.allocate(2);
+    std::vector<double> d;
+    for (double g : derivs.der1) d.push_back(-0.01 * g);
+    aireml_terms.slope = -1.0; // a lie: log L falls along the step
+    trial(d);
+    const int before = likelihoods.ncall;
+    bool fail = false;
+    line_search(xold, xnew, fail);
+    EXPECT_TRUE(fail);
+    EXPECT_EQ(likelihoods.ncall, before + 7);
+    EXPECT_NE(screen_text().find("line search failed"), std::string::npos);
+}
+
+TEST_F(step_test, SearchShortensTheStepUntilThePointIsValid) {
+    start(repeats_with_peq(), {"--aireml"});
+    options.emalgorithm = true;
+    covs2parvec();
+    real_derivatives();
+    derivs.dvec.allocate(3);
+    std::vector<double> d;
+    for (double g : derivs.der1) d.push_back(g);
+    double slope = 0.0;
+    for (double g : derivs.der1) slope -= g * g;
+    double length = 1.0;
+    for (trial(d); xnew > invalid_logl && length < 1.0e6; trial(d)) { // up to a point without a value
+        length *= 2.0;
+        for (double& x : d) x *= 2.0;
+    }
+    if (xnew > invalid_logl) GTEST_SKIP() << "no invalid point this way";
+    aireml_terms.slope = slope * length;
+    bool fail = true;
+    line_search(xold, xnew, fail);
+    EXPECT_FALSE(fail);
+    EXPECT_GT(xnew, xold);
+    EXPECT_LT(aireml_terms.alpha, 0.81);
+}
+
+TEST_F(step_test, SearchWithoutAStepFailsAtOnce) {
+    start(families(1));
+    real_derivatives();
+    derivs.dvec.allocate(2);
+    aireml_terms.slope = 0.0;
+    trial({0.0, 0.0});
+    bool fail = false;
+    line_search(xold, xnew, fail);
+    EXPECT_TRUE(fail);
+}
+
+TEST_F(step_test, RankCheckHoldsOutZerosOnly) {
+    start(two_traits());
+    std::vector<double> h(21, 0.0);
+    const auto set = [&](int i, int j, double x) { h[static_cast<std::size_t>(ihmssf(i, j, 6) - 1)] = x; };
+    for (int i = 1; i <= 6; ++i) set(i, i, i == 3 || i == 5 ? 0.0 : i);
+    estimates.parvec(3) = 0.0;
+    quadratic(h, {1, 1, 1, 1, 1, 1});
+    EXPECT_EQ(derivs.nparm2, 5);
+    EXPECT_EQ(derivs.fixpar(3), 1);
+    EXPECT_EQ(derivs.fixpar(5), 0) << "not zero: it stays in";
+    EXPECT_EQ(derivs.subset(3), 4);
+    set(3, 3, 1.0);
+    set(3, 4, 2.0); // the second of a dependent pair has no information of its own
+    estimates.parvec(4) = 0.0;
+    quadratic(h, {1, 1, 1, 1, 1, 1});
+    EXPECT_EQ(derivs.fixpar(3), 1);
+    EXPECT_EQ(derivs.fixpar(4), 0);
+}
+
+// ---- search by directions
+
+TEST_F(step_test, NothingIsSearchedWithoutParameters) {
+    start(families(1), {"--powell"});
+    const array<double> p = estimates.parvec;
+    estimates.ispar.fill(0);
+    double xbest = 0.0;
+    int flag = 9, count = 9;
+    powell(xbest, estimates.parvec, estimates.nparm, flag, count);
+    EXPECT_EQ(count, 1);
+    EXPECT_EQ(flag, 0);
+    EXPECT_NEAR(xbest, xold, 1.0e-10);
+    for (int i = 1; i <= 2; ++i) EXPECT_EQ(estimates.parvec(i), p(i));
+    EXPECT_NE(screen_text().find(" log l = "), std::string::npos);
+}
+
+TEST_F(step_test, HeldParametersKeepTheirValues) {
+    start(families(1), {"--powell"});
+    const double held = estimates.parvec(1);
+    estimates.ispar(1) = 0;
+    double xbest = 0.0;
+    int flag = 0, count = 0;
+    powell(xbest, estimates.parvec, estimates.nparm, flag, count);
+    EXPECT_EQ(estimates.parvec(1), held);
+    EXPECT_GT(xbest, xold);
+    EXPECT_EQ(flag, 1);
+}
+
+TEST_F(step_test, FlatDirectionIsToldAndPassedOver) {
+    small_model m = families(1);
+    m.random.push_back({"dam", "IDE", 1, 0, {0.3}});
+    start(m, {"--powell", "--logdia", "--zero12"});
+    estimates.parvec(3) = -30.0; // far below the smallest logarithm
+    double xbest = 0.0;
+    int flag = 0, count = 0;
+    powell(xbest, estimates.parvec, estimates.nparm, flag, count);
+    EXPECT_NE(screen_text().find("dflmin : max. change in parameter value does not\n"
+                                 "         alter function value(s) !!!\n"),
+              std::string::npos);
+    EXPECT_GT(xbest, xold - 5.0);
+    EXPECT_LT(xbest, 0.0);
+    EXPECT_EQ(flag, 1);
+}
+
+TEST_F(step_test, InvalidStartStopsTheSearch) {
+    start(repeats_with_peq(), {"--powell"});
+    options.emalgorithm = true;
+    covs2parvec();
+    estimates.parvec(1) = 1.0;
+    estimates.parvec(2) = 1.5;
+    double xbest = 0.0;
+    int flag = 0, count = 0;
+    EXPECT_STOP(powell(xbest, estimates.parvec, estimates.nparm, flag, count), "Routine \"POWELL\" : Invalid starting point \nexit");
+}
+
+TEST_F(step_test, ChangeOfParametersIsReportedInPercent) {
+    start(families(1), {"--powell"});
+    const array<double> p = estimates.parvec;
+    double xbest = 0.0;
+    int flag = 0, count = 0;
+    powell(xbest, estimates.parvec, estimates.nparm, flag, count);
+    const std::string log = read_file("Iterates");
+    const std::size_t at = log.find("CH=");
+    ASSERT_NE(at, std::string::npos);
+    if (log.find(" IT=   2") == std::string::npos) {
+        double most = 0.0;
+        for (int i = 1; i <= 2; ++i) most = std::max(most, std::fabs(estimates.parvec(i) - p(i)) / std::fabs(p(i)));
+        EXPECT_NEAR(std::stod(log.substr(at + 3)), 100.0 * most, 0.01 * most * 100.0);
+    }
+}
+
+} // namespace
+} // namespace tarvex
