@@ -281,7 +281,9 @@ void em_algorithm(int nits, int& iround, double& xlike, double xlimit) {
         ++iround;
         print_iterate(iround, xnew, xold, std::to_string(pxempc.skippx));
         push_changes(dd);
-        if (options.reconstruct && readbestpoint(true)) covs2parvec();
+        // A new pivot order leaves the best point in the old one unless this round has become the best.
+        const bool lost = options.principal && xnew < estimates.xbest;
+        if ((options.reconstruct || lost) && readbestpoint(true)) covs2parvec();
         if (traced(iround)) writebestpoint(iround);
         if (in_cycle) {
             if (dd < xlimit) break;

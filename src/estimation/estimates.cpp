@@ -90,6 +90,7 @@ void cycle_of_em_and_ai(int& iround, double& xlike) {
 // Average information at the final point, for the sampling errors.
 void final_step() {
     double dev = 0.0, xlike = 0.0;
+    estimates.parvec = estimates.parbest; // a last round may have lost by rounding
     loglike(estimates.parvec, estimates.nparm, dev, xlike, 1);
     if (xlike > invalid_logl) save_solutions(); // on the scale of the final parameters
     if (!options.aireml || !(xlike > invalid_logl)) return;
