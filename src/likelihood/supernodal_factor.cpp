@@ -10,8 +10,9 @@ struct factor_work {
     std::vector<int> has_update;         // (ns) 1: an update matrix waits on the stack
     std::vector<int> home;               // place of each column in its own front
     std::vector<double> added;           // to the diagonals, by columns whose fronts take updates at once
-    work_space columns, stack[2];        // panel; update matrices of the even and of the odd levels
-    double* top[2];                      // first free place of each stack
+    std::vector<double*> early;          // (ns) triangle of a wide front that has been begun by its children
+    work_space space;
+    double *columns, *top[2];            // panel; first free place on the stacks of the even and of the odd levels
 };
 
 int below_of(const supernode_tree& tree, int s) {
@@ -64,19 +65,49 @@ void absorb(const supernode_tree& tree, int s, const front& f, const double* u, 
     }
 }
 
-// The update matrix u of s stays at the top of its stack until the parent's turn, or is taken over now.
-void leave_update(const supernode_tree& tree, int s, const front& f, const double* u, factor_work& w) {
-    if (updates_at_once(tree, tree.parent[s])) {
-        absorb(tree, s, f, u, w);
-        return;
+// Likewise to the triangle of a wide parent, which is begun with the first child.
+void add_early(const supernode_tree& tree, int s, const front& f, const double* u, factor_work& w) {
+    const int p = tree.parent[s], m = f.below;
+    const front to = front_of(tree, p);
+    const int empty = empty_columns(to.width), order = empty + to.rows();
+    if (!w.early[p]) {
+        double*& top = w.top[tree.level[p] % 2];
+        w.early[p] = top;
+        top += triangle_size(order);
+        std::fill_n(w.early[p], triangle_size(order), 0.0);
     }
-    w.top[tree.level[s] % 2] += triangle_size(f.below);
-    w.has_update[s] = 1;
+    int *place = w.place.data(), *runs = w.runs.data();
+    int i = 0;
+    for (; i < m && (to.below == 0 || f.list[i] < *to.list); ++i) place[i] = w.home[f.list[i]];
+    for (const int* at = to.list; i < m; ++i) {
+        at = std::lower_bound(at, to.list + to.below, f.list[i]);
+        place[i] = to.width + static_cast<int>(at - to.list);
+    }
+    find_runs(m, place, runs);
+    for (int k = 0; k < m; ++k)
+        dense_kernels().add_rows(k, m, place, runs, triangle_column(u, m, k),
+                                 triangle_column(w.early[p], order, empty + place[k]) + empty);
 }
 
 void drop_children(const supernode_tree& tree, int s, factor_work& w) {
-    for (int c = tree.child[s]; c >= 0; c = tree.sibling[c])
+    for (int c = tree.child[s]; c >= 0; c = tree.sibling[c]) {
         if (w.has_update[c]) w.top[1 - tree.level[s] % 2] -= triangle_size(below_of(tree, c));
+        w.has_update[c] = 0;
+    }
+}
+
+// The update matrix u of s stays at the top of its stack until the parent's turn, or is taken over now.
+void leave_update(const supernode_tree& tree, int s, const front& f, const double* u, factor_work& w) {
+    const int p = tree.parent[s];
+    drop_children(tree, s, w); // the parent's triangle goes onto their stack
+    if (updates_at_once(tree, p)) {
+        absorb(tree, s, f, u, w);
+    } else if (front_of(tree, p).width > wide) {
+        add_early(tree, s, f, u, w);
+    } else {
+        w.top[tree.level[s] % 2] += triangle_size(f.below);
+        w.has_update[s] = 1;
+    }
 }
 
 void save_panel(const front& f, const std::vector<int>& local, const panel& p) {
@@ -98,7 +129,7 @@ void save_panel(const front& f, const std::vector<int>& local, const panel& p) {
 // width. The update matrix is left on the stack if all columns are good.
 int factor_narrow(const supernode_tree& tree, int s, const front& f, int width, factor_work& w, double& pivot) {
     const dense_kernels_table& kernel = dense_kernels();
-    const panel p = make_panel(w.columns.get(), f.rows(), 0, f.width);
+    const panel p = make_panel(w.columns, f.rows(), 0, f.width);
     for (int c = 0; c < f.width; ++c) {
         load_column(f, c, w.local, p.column(c));
         p.column(c)[c] += w.added[f.col[c]];
@@ -121,16 +152,16 @@ int factor_wide(const supernode_tree& tree, int s, const front& f, int width, fa
     const int empty = empty_columns(f.width), order = empty + f.rows();
     double* t = w.top[tree.level[s] % 2];
     auto column = [&](int c) { return triangle_column(t, order, empty + c) + empty; };
+    if (!w.early[s]) std::fill_n(t, triangle_size(order), 0.0);
     for (int c = 0; c < f.width; ++c) {
-        load_column(f, c, w.local, column(c));
-        column(c)[c] += w.added[f.col[c]];
+        const int j = f.col[c];
+        const double* off = sparse.xspars.data() + sparse.ixvec1(j) - 1;
+        column(c)[c] += sparse.diag(j) + w.added[j];
+        for (int q = 0; q < rows_below(j); ++q) column(c)[w.local[row_list(j)[q]]] += off[q];
     }
-    double* rest = t + triangle_start(order, (empty + f.width) / block);
-    std::fill_n(rest, triangle_size(f.below), 0.0);
-    add_children(tree, s, w, 0, f.rows(), column);
     for (int c = 0, end; c < width; c = end) {
         end = std::min(f.width, c + wide - (c == 0 ? empty : 0));
-        const panel p = make_panel(w.columns.get(), f.rows(), c, end);
+        const panel p = make_panel(w.columns, f.rows(), c, end);
         for (int k = c; k < end; ++k) std::copy_n(column(k) + k, f.rows() - k, p.column(k) + k);
         const int want = std::min(end, width) - c;
         const int good = kernel.factor_panel(f.rows() - c, want, p.p, p.ld, numbers.zero, pivot);
@@ -142,7 +173,7 @@ int factor_wide(const supernode_tree& tree, int s, const front& f, int width, fa
                                 t + triangle_start(order, (empty + end) / block));
     }
     if (f.below == 0) return width;
-    std::copy_n(rest, triangle_size(f.below), t);
+    std::copy_n(t + triangle_start(order, (empty + f.width) / block), triangle_size(f.below), t);
     leave_update(tree, s, f, t, w);
     return width;
 }
@@ -163,11 +194,11 @@ int factorise_supernodes(double& pivot) {
     w.home.assign(numbers.nsrow + 1, 0);
     for (int s = 0; s < ns; ++s)
         for (int c = tree.start[s]; c < tree.start[s + 1]; ++c) w.home[tree.order[c]] = c - tree.start[s];
-    w.columns = make_space(panel_size(tree.rows, tree.width));
-    for (int i = 0; i < 2; ++i) {
-        w.stack[i] = make_space(tree.triangles[i]);
-        w.top[i] = w.stack[i].get();
-    }
+    w.early.assign(ns, nullptr);
+    w.space = make_space(tree.triangles[0] + tree.triangles[1] + panel_size(tree.rows, tree.width));
+    w.top[0] = w.space.get();
+    w.top[1] = w.top[0] + tree.triangles[0];
+    w.columns = w.top[1] + tree.triangles[1];
     int bad = 0, done = 0;
     for (int s = 0; s < ns; ++s) {
         const front f = front_of(tree, s);
@@ -175,6 +206,7 @@ int factorise_supernodes(double& pivot) {
             if (++done % 20000 == 0 && options.verbose) print_list(screen(), "Factorise MMM", done);
         int width = f.width;
         if (bad != 0) width = static_cast<int>(std::lower_bound(f.col, f.col + f.width, bad) - f.col);
+        if (w.early[s]) w.top[tree.level[s] % 2] = w.early[s];
         if (width > 0) {
             place_rows(f, w.local);
             double d = 0.0;

@@ -11,7 +11,8 @@ namespace {
 struct inverse_work {
     std::vector<int> local, place, runs;
     std::vector<int> link_start, link;         // for each supernode: place of its rows below in the parent's front
-    work_space columns, z, yt, zt, m, piece, corner, triangle;
+    work_space space;
+    double *columns, *z, *yt, *zt, *m, *piece, *corner, *triangle;
 };
 
 // A front without the row of the right-hand sides.
@@ -89,7 +90,7 @@ void mirror(int n, double* a, std::ptrdiff_t ld) {
 void invert_corner(int n, int left, const double* lt, std::ptrdiff_t ld, double* z, std::ptrdiff_t ldz, inverse_work& w) {
     const dense_kernels_table& kernel = dense_kernels();
     const std::ptrdiff_t ldm = column_distance(n), ldd = column_distance(block);
-    double *m = w.m.get(), *d = w.corner.get(), *c = w.piece.get(); // m: inv(L) below, its transpose above the diagonal
+    double *m = w.m, *d = w.corner, *c = w.piece; // m: inv(L) below, its transpose above the diagonal
     for (int i = 0; i < n; i += block) {
         const int ni = std::min(block, n - i);
         for (int j = 0; j < i + ni; ++j) std::fill_n(m + i + j * ldm, ni, 0.0);
@@ -113,7 +114,7 @@ void invert_corner(int n, int left, const double* lt, std::ptrdiff_t ld, double*
                                c + i - j, ldc);
         }
         if (left > 0)
-            kernel.product(store_mode::subtract, n - j, nj, left, w.yt.get() + j, ldm, w.zt.get() + j, ldm, c, ldc);
+            kernel.product(store_mode::subtract, n - j, nj, left, w.yt + j, ldm, w.zt + j, ldm, c, ldc);
         for (int k = 0; k < nj; ++k) std::copy_n(c + k + k * ldc, n - j - k, z + j + k + (j + k) * ldz);
     }
 }
@@ -145,22 +146,22 @@ void invert_front(const supernode_tree& tree, int s, array<double>& zdiag, array
     const inverse_front f = inverse_front_of(tree, s);
     const int empty = empty_columns(f.width), order = f.width > wide ? empty + f.order() : f.inner();
     const int offset = f.width > wide ? empty : -f.width; // of the front's columns in the triangle
-    double* t = w.triangle.get();
+    double* t = w.triangle;
     auto rest = [&](int end) { return t + triangle_start(order, (offset + end) / block); };
     if (f.inner() > 0) gather_inverse(tree, s, f, zdiag, zoff, w, rest(f.width));
     place_rows(f, w.local);
     for (int end = f.width, first; end > 0; end = first) {
         first = std::max(0, f.width > wide ? (offset + end - 1) / wide * wide - empty : 0);
         const int n = end - first, left = f.order() - end;
-        const panel l = make_panel(w.columns.get(), f.rows(), first, end), z = make_panel(w.z.get(), f.rows(), first, end);
+        const panel l = make_panel(w.columns, f.rows(), first, end), z = make_panel(w.z, f.rows(), first, end);
         for (int c = first; c < end; ++c) load_column(f, c, w.local, l.column(c));
         mirror(n, l.p, l.ld);
         const std::ptrdiff_t ldy = column_distance(n);
         if (left > 0) {
             kernel.solve_right(left, n, l.p, l.ld, l.p + n, l.ld);
-            kernel.transpose(left, n, l.p + n, l.ld, w.yt.get(), ldy);
-            kernel.minus_symmetric(left, n, rest(end), w.yt.get(), ldy, z.p + n, z.ld);
-            kernel.transpose(left, n, z.p + n, z.ld, w.zt.get(), ldy);
+            kernel.transpose(left, n, l.p + n, l.ld, w.yt, ldy);
+            kernel.minus_symmetric(left, n, rest(end), w.yt, ldy, z.p + n, z.ld);
+            kernel.transpose(left, n, z.p + n, z.ld, w.zt, ldy);
         }
         invert_corner(n, left, l.p, l.ld, z.p, z.ld, w);
         save_columns(f, z, w, zdiag, zoff, x);
@@ -197,14 +198,27 @@ void inverse_supernodes(array<double>& zdiag, array<double>& zoff, const double*
     w.place.resize(tree.rows);
     w.runs.resize(tree.rows);
     link_fronts(tree, w);
-    w.columns = make_space(panel_size(tree.rows, width));
-    w.z = make_space(panel_size(tree.rows, width));
-    w.yt = make_space(tree.rows * column_distance(width));
-    w.zt = make_space(tree.rows * column_distance(width));
-    w.m = make_space(width * column_distance(width));
-    w.piece = make_space(block * column_distance(width));
-    w.corner = make_space(block * column_distance(block));
-    w.triangle = make_space(tree.inverse);
+    struct part {
+        double*& at;
+        std::ptrdiff_t size;
+    };
+    const std::ptrdiff_t columns = panel_size(tree.rows, width), across = tree.rows * column_distance(width) + lane;
+    const part parts[] = {{w.columns, columns},
+                          {w.z, columns},
+                          {w.yt, across},
+                          {w.zt, across},
+                          {w.m, width * column_distance(width) + lane},
+                          {w.piece, block * column_distance(width) + lane},
+                          {w.corner, block * column_distance(block) + lane},
+                          {w.triangle, tree.inverse}};
+    std::ptrdiff_t size = 0;
+    for (const part& p : parts) size += p.size;
+    w.space = make_space(size);
+    size = 0;
+    for (const part& p : parts) {
+        p.at = w.space.get() + size;
+        size += p.size;
+    }
     const double last = sparse.diag(n);
     const int total = x ? n : n - 1; // the sweep of the derivatives starts with row n
     int todo = n;                    // columns not yet done
