@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -28,7 +29,7 @@ constexpr int second_order_from = 222; // iterate from which the second-order te
 // Blocks whose diagonals have become small go over to logarithms; the matrices stay as they are.
 void handle_switches() {
     for (int irand = 0; irand <= numbers.krand; ++irand) {
-        if (options.nologd) estimates.switchlog(irand) = 0;
+        if (options.nologd || estimates.logdiagonals(irand)) estimates.switchlog(irand) = 0;
         if (!estimates.switchlog(irand)) continue;
         if (options.verbose) print_list(screen(), " Switch to log diagonal for RE", irand);
         switch_to_logs(irand);
@@ -94,14 +95,17 @@ bool prepare(int iter, double& xold) {
     return true;
 }
 
-// True when the step in parnew is accepted; fail: the phase ends; otherwise a switch of scale is due.
-bool accept_step(double xold, double& xnew, bool& fail) {
-    if (xnew > xold || (!options.strict_ai && xnew > invalid_logl)) return true;
+enum class outcome { accepted, rescale, stuck, failed };
+
+// What becomes of the step in parnew: accepted, perhaps after a search along it; no gain, and a block has to change its scale
+// first; no gain; or the search failed.
+outcome judge_step(double xold, double& xnew) {
+    if (xnew > xold || (!options.strict_ai && xnew > invalid_logl)) return outcome::accepted;
+    bool fail = false;
     line_search(xold, xnew, fail);
-    if (fail) return false;
-    if (!(xold > xnew)) return true;
-    if (!any_switch()) fail = true;
-    return false;
+    if (fail) return outcome::failed;
+    if (!(xold > xnew)) return outcome::accepted;
+    return any_switch() ? outcome::rescale : outcome::stuck;
 }
 
 void take_step(int& iround, double xold, double xnew) {
@@ -157,10 +161,10 @@ void ai_reml(int nits, int& iround, double& xlike) {
         t.tau = 0.0;
         eztimates(iter, xnew);
         t.prox = 0.5 * t.slope;
-        if (!accept_step(xold, xnew, fail)) {
-            if (fail) break;
-            continue;
-        }
+        const outcome step = judge_step(xold, xnew);
+        if (step == outcome::rescale) continue;
+        fail = step == outcome::failed;
+        if (step != outcome::accepted) break;
         take_step(iround, xold, xnew);
         xlike = xnew;
         if (maximise.converged) break;
@@ -170,13 +174,18 @@ void ai_reml(int nits, int& iround, double& xlike) {
 
 void list_step() {
     constexpr edit_form head{"(1x,a,g12.5,2(3x,a,g12.5))"};
-    constexpr edit_form item{"(i4,3x,a,3x,2(a,g16.7),2x,a)"};
     if (!options.verbose) return;
     const auto& t = aireml_terms;
     write(screen(), head, "Estimates for \"tau\" =", t.tau, "\"alpha\" =", t.alpha, "\"norm\" =", t.dnorm);
+    list_changes(estimates.parvec, estimates.parnew);
+}
+
+void list_changes(const array<double>& from, const array<double>& to) {
+    constexpr edit_form item{"(i4,3x,a,3x,2(a,g16.7),2x,a)"};
+    if (!options.verbose) return;
     for (int i = 1; i <= estimates.nparm; ++i)
-        if (estimates.parvec(i) != 0.0 || estimates.parnew(i) != 0.0)
-            write(screen(), item, i, estimates.parnames(i), "Old =", estimates.parvec(i), " New =", estimates.parnew(i),
+        if (from(i) != 0.0 || to(i) != 0.0)
+            write(screen(), item, i, estimates.parnames(i), "Old =", from(i), " New =", to(i),
                   options.aireml && estimates.logpar(i) ? "log" : "   ");
 }
 
@@ -204,7 +213,14 @@ void rank_check() {
                 pivot = a(at(k), at(k));
                 best = k;
             }
-        if (options.details) print_list(screen(), "hess piv", row, pivot);
+        if (options.details) {
+            print_list(screen(), "hess piv", row, pivot);
+            if (best == 0) {
+                std::string rest;
+                for (int k = row; k <= n; ++k) rest += (k > row ? " " : "") + list_item(a(at(k), at(k)));
+                print_list(screen(), rest);
+            }
+        }
         if (best == 0 || pivot < numbers.zero) {
             stopped = true;
             break;

@@ -1,6 +1,8 @@
 // AI-REML: Newton-type iterates with the average information of the data (Gilmour, Thompson and Cullis 1995, Biometrics
 // 51:1440), and the record of all iterates and rounds.
 #pragma once
+#include "support/array.h"
+
 #include <string_view>
 
 namespace tarvex {
@@ -39,7 +41,9 @@ struct iterate_form_values {
 };
 void edit_iterate_form(char* form, const iterate_form_values& v);
 
-// Lists old and new parameters that are not 0.
+// Lists the step under verbose: its settings, then the parameters as below.
 void list_step();
+// Lists old and new values of the parameters that are not 0 (verbose).
+void list_changes(const array<double>& from, const array<double>& to);
 
 } // namespace tarvex

@@ -20,6 +20,7 @@
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "relations/cholnrm.h"
+#include "relations/inverse_stream.h"
 #include "support/record_file.h"
 #include "support/stop.h"
 
@@ -133,24 +134,87 @@ void weighted_residuals(const subject_stream& stream, std::vector<double>& ehat,
 
 // The factor of the relationship matrix that belongs to effect irand must be of this pedigree.
 void check_cholnrm(int irand) {
-    const std::string name = cholnrm_name(mudmap.iranno(irand));
-    const int expected = pedigreelist.nannew(mudmap.iranno(irand));
+    const int iirand = mudmap.iranno(irand);
+    const std::string name = cholnrm_name(iirand);
+    const int expected = pedigreelist.nannew(iirand);
     int found = -1;
     record_reader in;
     if (in.open(name) && in.next() && in.get(found) && found == expected) return;
-    print_list(screen(), name, found, irand, expected);
+    print_list(screen(), name, found, iirand, expected);
     stoptarvex();
+}
+
+// y = S x for the supplied inverse S of effect irand.
+void multiply_given(int irand, const std::vector<double>& x, std::vector<double>& y) {
+    y.assign(x.size(), 0.0);
+    inverse_stream elements(irand);
+    for (inverse_element e; elements.next(e);) {
+        y[at(e.row - 1)] += e.value * x[at(e.col - 1)];
+        if (e.row != e.col) y[at(e.col - 1)] += e.value * x[at(e.row - 1)];
+    }
+}
+
+std::vector<double> given_diagonal(int irand) {
+    std::vector<double> d(at(levels.rn_nlev(irand)), 0.0);
+    inverse_stream elements(irand);
+    for (inverse_element e; elements.next(e);)
+        if (e.row == e.col) d[at(e.row - 1)] += e.value;
+    return d;
+}
+
+double inner(const std::vector<double>& a, const std::vector<double>& b) {
+    double s = 0.0;
+    for (std::size_t i = 0; i < a.size(); ++i) s += a[i] * b[i];
+    return s;
+}
+
+// x += S^-1 r by conjugate gradients, scaled by the diagonal (Hestenes and Stiefel 1952). r becomes what is left of it.
+void conjugate_gradients(int irand, const std::vector<double>& diagonal, double goal, std::vector<double>& r,
+                         std::vector<double>& x) {
+    const std::size_t n = r.size();
+    std::vector<double> p(n), h(n), s;
+    double rho = 0.0;
+    for (std::size_t turn = 0; turn < 10 * n + 100 && inner(r, r) > goal; ++turn) {
+        for (std::size_t i = 0; i < n; ++i) h[i] = r[i] / diagonal[i];
+        const double next = inner(r, h), beta = turn == 0 ? 0.0 : next / rho;
+        rho = next;
+        for (std::size_t i = 0; i < n; ++i) p[i] = h[i] + beta * p[i];
+        multiply_given(irand, p, s);
+        const double curvature = inner(p, s);
+        if (!(curvature > 0.0)) return;
+        const double step = rho / curvature;
+        for (std::size_t i = 0; i < n; ++i) {
+            x[i] += step * p[i];
+            r[i] -= step * s[i];
+        }
+    }
+}
+
+// x = S^-1 z.
+void solve_given(int irand, const std::vector<double>& z, std::vector<double>& x) {
+    const std::vector<double> diagonal = given_diagonal(irand);
+    x.assign(z.size(), 0.0);
+    std::vector<double> r = z, s;
+    for (int pass = 1; pass <= 2; ++pass) { // the second starts from the residual as it is, not as it was updated
+        conjugate_gradients(irand, diagonal, 1.0e-26 * inner(z, z), r, x);
+        multiply_given(irand, x, s);
+        for (std::size_t i = 0; i < r.size(); ++i) r[i] = z[i] - s[i];
+    }
 }
 
 // A z by place of the block.
 void multiply_relationships(int irand, effect_vectors& e) {
     if (mudmap.kovrnd(irand) == "IDE") return;
-    if (options.superai) check_cholnrm(irand);
+    const bool given = mudmap.kovrnd(irand) == "GIN";
+    if (options.superai && !given) check_cholnrm(irand);
     const int nlev = levels.rn_nlev(irand);
     std::vector<double> z(at(nlev)), az;
     for (int p = 0; p < e.n; ++p) {
         for (int l = 0; l < nlev; ++l) z[at(l)] = e.v[at(l) * at(e.n) + at(p)];
-        nrm_product(mudmap.iranno(irand), z, az);
+        if (given)
+            solve_given(irand, z, az);
+        else
+            nrm_product(mudmap.iranno(irand), z, az);
         for (int l = 0; l < nlev; ++l) e.v[at(l) * at(e.n) + at(p)] = az[at(l)];
     }
 }
@@ -340,7 +404,10 @@ void check_average_info() {
             continue;
         }
         if (!options.principal || !needs_relationships(irand)) continue;
-        if (mudmap.kovrnd(irand) == "GIN") tvx_notyet();
+        if (mudmap.kovrnd(irand) == "GIN") { // every level needs a variance
+            const std::vector<double> d = given_diagonal(irand);
+            if (!std::all_of(d.begin(), d.end(), [](double x) { return x > 0.0; })) tvx_notyet();
+        }
         if (mudmap.kovrnd(irand) == "NRM" && options.pseudofix) tvx_notyet();
     }
 }

@@ -33,8 +33,8 @@ inline derivs_module derivs;
 void derivatives_mmm();
 void average_info();
 
-// Stops the run (tvx_notyet) where the average information cannot be had: supplied inverse with reduced rank,
-// pseudo-fixed levels with the factor of the relationship matrix, reduced-rank residual or PEQ block.
+// Stops the run (tvx_notyet) where the average information cannot be had: supplied inverse without elements for some level and
+// pseudo-fixed levels where the relationship matrix itself is needed, reduced-rank residual or PEQ block.
 void check_average_info();
 
 // der1 = J' devl1, der2 = J' (-devl2) J; flag 1 subtracts the second-order term.

@@ -73,6 +73,20 @@ array<double, 2> between(const array<double, 2>& Q, const array<double, 2>& M, i
     return g;
 }
 
+// Variances of the effects before the expansion.
+void list_standard(const array<double, 2>& t, int n) {
+    constexpr edit_form item{"(1x,a,2i3,f15.6)"};
+    if (!options.verbose) return;
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) write(screen(), item, "var(u*)", i, j, t(i, j));
+}
+
+void list_new(const array<double, 2>& g, int n) {
+    if (!options.details) return;
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) print_list(screen(), "cov", i, j, ihmssf(i, j, n), g(i, j));
+}
+
 // ---- full-rank runs
 
 array<double, 2> full_rank_update(int irand, const em_quantities& q) {
@@ -92,7 +106,9 @@ array<double, 2> full_rank_update(int irand, const em_quantities& q) {
     if (options.details)
         for (int i = 1; i <= n; ++i)
             for (int j = 1; j <= n; ++j) print_list(screen(), "alpha", i, j, alpha(i, j));
+    list_standard(g, n);
     g = between(alpha, g, n, n);
+    list_new(g, n);
     raise_leading(g, n, n);
     return g;
 }
@@ -140,6 +156,10 @@ std::vector<array<double, 2>> principal_update(em_quantities& q) {
             for (int c = 1; c <= r; ++c) moments[at(irand - 1)](c, c) = 1.0;
         }
         g.push_back(between(Q, moments[at(irand - 1)], n, r));
+        if (expands()) {
+            list_standard(moments[at(irand - 1)], r);
+            list_new(g.back(), n);
+        }
         raise_leading(g.back(), n, r);
     }
     if (!options.randreg) dvec_combs_muv();
@@ -215,6 +235,7 @@ bool one_round(double& xold, double& xnew) {
     if (!(xold > invalid_logl)) return false;
     const round_start start;
     em_step();
+    if (options.pxem) list_changes(start.parvec, estimates.parvec);
     xnew = evaluate(1);
     if (options.pxem && xnew < xold) {
         start.restore();
@@ -241,8 +262,8 @@ void close_converged(double dd) {
         if (options.verbose) print_list(screen(), "   Last change in log L", dd, maximise.emconv_like);
         print_list(out, "    Last change in log L =", dd, maximise.emconv_like);
     } else {
-        if (options.verbose) print_list(screen(), "   Last change in parameters", aireml_terms.pnorm, "1.d-8");
-        print_list(out, "    Last change in parameters =", aireml_terms.pnorm, "1.d-8");
+        if (options.verbose) print_list(screen(), "   Last change in parameters", aireml_terms.pnorm, parameters_limit);
+        print_list(out, "    Last change in parameters =", aireml_terms.pnorm, parameters_limit);
     }
 }
 

@@ -107,6 +107,8 @@ void final_step() {
 } // namespace
 
 void get_estimates() {
+    const int type = maximise.search_type;
+    if (type == 1 || type == 6) check_average_info();
     double xlike = invalid_logl;
     first_evaluation(xlike);
     options.saverr_ready = false;
@@ -114,7 +116,6 @@ void get_estimates() {
     std::fill_n(&maximise.cchanges[0][0], 12, 0.0);
     estimates.logpar.fill(0);
     derivs.nparm2 = estimates.nparm;
-    const int type = maximise.search_type;
     if ((type == 1 || type == 6) && maximise.aireml_its == 0)
         maximise.aireml_its = std::max(10, static_cast<int>(1.4f * static_cast<float>(estimates.nparm)));
     int iround = 0;

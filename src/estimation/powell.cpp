@@ -44,7 +44,7 @@ struct powell_search {
 
     double at(const std::vector<double>& from, const std::vector<double>& dir, double d);
     bool valid_point(const std::vector<double>& from, const std::vector<double>& dir, double& d, double& f);
-    double dflmin(const std::vector<double>& dir, double first, double& curvature);
+    double dflmin(const std::vector<double>& dir, double first, double longest, double& curvature);
 };
 
 // -2 log L at from + d * dir over the parameters that are searched; 1e36 where the point is invalid.
@@ -81,13 +81,14 @@ std::size_t lowest(const std::array<point, 3>& p) {
     return k;
 }
 
-// Search along `dir` from the best point by parabolas through three points. Moves best, ffmin to the lowest point met;
-// returns the decrease of -2 log L. curvature: half the second difference of the last parabola, 0 if it has no minimum.
-double powell_search::dflmin(const std::vector<double>& dir, double first, double& curvature) {
+// Search along `dir` from the best point by parabolas through three points. The first step is at most `longest`, later ones
+// ten times the first. Moves best, ffmin to the lowest point met; returns the decrease of -2 log L. curvature: half the
+// second difference of the last parabola, 0 if it has no minimum.
+double powell_search::dflmin(const std::vector<double>& dir, double first, double longest, double& curvature) {
     const std::vector<double> from = best;
     const double f0 = ffmin;
     curvature = 0.0;
-    double d = std::max(std::min(std::fabs(first), largest_step), 20.0 * ztol);
+    double d = std::max(std::min(std::fabs(first), longest), 20.0 * ztol);
     const double zlimit = 10.0 * d;
     std::array<point, 3> p{point{0.0, f0}, point{d, no_value}, point{0.0, no_value}};
     if (!valid_point(from, dir, p[1].d, p[1].f)) return 0.0;
@@ -192,7 +193,7 @@ std::pair<double, std::size_t> search_directions(powell_search& s, int nround) {
         const int idir = static_cast<int>(k) + 1;
         if (!estimates.ispar(idir)) continue;
         double curvature = 0.0;
-        const double decrease = s.dflmin(s.dirs[k], 0.5 * s.step[k], curvature);
+        const double decrease = s.dflmin(s.dirs[k], 0.5 * s.step[k], largest_step, curvature);
         if (decrease > most) {
             most = decrease;
             which = k;
@@ -222,7 +223,7 @@ void new_direction(powell_search& s, const std::vector<double>& from, double f0,
     const double gain = f0 - fn - most, whole = f0 - fe;
     if (!(fe < f0) || !((f0 - 2.0 * fn + fe) * 2.0 * gain * gain < most * whole * whole)) return;
     double curvature = 0.0;
-    s.dflmin(change, 0.5, curvature);
+    s.dflmin(change, 0.5, 0.5, curvature); // half the round's move at first, five of them at most
     s.dirs[which] = change;
 }
 

@@ -80,7 +80,7 @@ void pxem_rhs(int irand, const array<double, 2>& quads, std::vector<double>& rhs
 
 void tell_strange(const array<double, 2>& alpha, int n, double xx) {
     constexpr edit_form row{"(i3,(10f8.3))"};
-    if (!options.verbose) return;
+    if (!options.verbose || options.terse) return;
     print_list(screen(), "Matrix \"alpha\" deviates greatly from Identity");
     print_list(screen(), "SQRT of average squared deviation =", xx);
     for (int i = 1; i <= n; ++i) {

@@ -225,6 +225,7 @@ void eztimates(int iter, double& xnew) {
     if (options.details)
         write(screen(), step_line, "Estimates for \"tau\" =", at.tau, "\"alpha\" =", at.alpha, "\"slope\" =", at.slope,
               "norm =", at.dnorm);
+    list_changes(estimates.parvec, estimates.parnew);
     double dev = 0.0;
     loglike(estimates.parnew, estimates.nparm, dev, xnew, 0);
     if (options.verbose)

@@ -515,6 +515,7 @@ void covs2parvec() {
         transform_covs(irand, cc.data(), floor_pivot, estimates.parvec);
     }
     estimates.parbest = estimates.parvec;
+    estimates.switchlog.fill(0); // asked for by the vector that has been replaced
     forget_likelihoods();
     write_listofcovs();
     list_parameters();
