@@ -3,14 +3,16 @@
 #include "control/numbers.h"
 #include "control/numroutines.h"
 #include "control/options.h"
+#include "data/levels.h"
+#include "data/pedigreelist.h"
+#include "em_fixture.h"
 #include "estimation/estimates.h"
 #include "estimation/variances.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/residualvars.h"
 #include "likelihood/solutions.h"
-#include "parfile/mudmap.h"
 #include "support/fixture.h"
-#include "support/screen.h"
+#include "support/record_file.h"
 #include "support/small_models.h"
 
 #include <algorithm>
@@ -37,7 +39,7 @@ small_model two_effects() {
     return m;
 }
 
-small_model growth(bool principal = false) {
+small_model regressions(bool principal = false) {
     small_model m;
     m.randreg = true;
     m.principal = principal;
@@ -174,7 +176,7 @@ TEST_F(derivatives_test, RepeatEffectOfTwoTraits) {
 }
 
 TEST_F(derivatives_test, RandomRegressionOneClass) {
-    small_model m = growth();
+    small_model m = regressions();
     m.residual = {1.2};
     m.class_bounds.clear();
     set_up(m);
@@ -182,7 +184,7 @@ TEST_F(derivatives_test, RandomRegressionOneClass) {
 }
 
 TEST_F(derivatives_test, RandomRegressionClasses) {
-    const small_model m = growth();
+    const small_model m = regressions();
     set_up(m);
     expect_derivatives(m);
     const double x = program_logl(estimates.parvec, 1);
@@ -191,7 +193,7 @@ TEST_F(derivatives_test, RandomRegressionClasses) {
 }
 
 TEST_F(derivatives_test, ReducedRankRandomRegression) {
-    const small_model m = growth(true);
+    const small_model m = regressions(true);
     set_up(m);
     EXPECT_EQ(estimates.paraform(1), "Cholesky");
     expect_derivatives(m);
@@ -238,6 +240,75 @@ TEST_F(derivatives_test, CorrelatedEffects) {
     expect_derivatives(m);
 }
 
+TEST_F(derivatives_test, CorrelatedEffectsWithLogarithmsAndOnTheOriginalScale) {
+    small_model m = traits(1, {1.3}, {2.1});
+    m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
+    set_up(m, {"--aireml", "--logdia"});
+    expect_derivatives(m);
+    on_original_scale();
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RepeatEffectOfTwoTraitsWithLogarithmsAndOnTheOriginalScale) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.2, 1.9}, 2);
+    m.random.push_back({"pe", "PEQ", 2, 0, {0.4, 0.1, 0.5}});
+    set_up(m, {"--aireml", "--logdia"});
+    EXPECT_EQ(estimates.logdiagonals(2), 1);
+    expect_derivatives(m);
+    on_original_scale();
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RandomRegressionClassesWithLogarithmsAndOnTheOriginalScale) {
+    const small_model m = regressions();
+    set_up(m, {"--aireml", "--logdia"});
+    EXPECT_EQ(estimates.logdiagonals(0), 1);
+    expect_derivatives(m);
+    on_original_scale();
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, ReducedRankWithLogarithms) {
+    small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5});
+    m.principal = true;
+    m.random[0].rank = 2;
+    set_up(m, {"--aireml", "--logdia"});
+    EXPECT_EQ(estimates.logdiagonals(1), 1);
+    expect_derivatives(m);
+    reset_modules();
+    const small_model rr = regressions(true);
+    std::remove("cholnrm1.bin");
+    std::remove("nrminvers1.bin");
+    set_up(rr, {"--aireml", "--logdia"});
+    expect_derivatives(rr);
+}
+
+TEST_F(derivatives_test, OrderOfTheMatrixWithoutPivoting) {
+    const small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 2.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 2.5});
+    set_up(m, {"--aireml", "--noreord"});
+    EXPECT_EQ(estimates.cholorder(1, 1), 1);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, SireModel) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    std::fill(m.dam.begin(), m.dam.end(), 0); // the rules for sires alone give the relationships of the pedigree
+    m.sires = true;
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, LevelsTreatedAsFixed) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    m.extra = "PSE 0.0\n animal 6\n animal 9\nEND\n";
+    set_up(m);
+    ASSERT_TRUE(options.pseudofix);
+    EXPECT_EQ(effective_levels(1), levels.rn_nlev(1) - 2.0);
+    expect_gradient();
+    on_original_scale();
+    expect_gradient();
+}
+
 // Jacobian of every block against differences of its matrix.
 void expect_jacobian(int irand, int step) {
     array<double, 2> jac;
@@ -268,55 +339,42 @@ TEST_F(derivatives_test, JacobianOfReducedRankAndLogarithms) {
 }
 
 TEST_F(derivatives_test, JacobianOfResidualClasses) {
-    set_up(growth());
+    set_up(regressions());
     for (int step = 1; step <= 3; ++step) expect_jacobian(0, step);
     expect_jacobian(1, 1);
     expect_jacobian(2, 1);
 }
 
-// The relationships of the pedigree as a supplied inverse; `missing` leaves out the last levels.
-void write_supplied(const small_model& m, std::size_t missing = 0) {
-    const oracle::dense a = oracle::tabular(m.sire, m.dam), inv = oracle::inverse(a);
-    std::string text = list_item(oracle::log_det(a)) + "\n";
-    for (std::size_t i = 0; i + missing < inv.size(); ++i)
-        for (std::size_t j = 0; j <= i; ++j)
-            if (std::fabs(inv[i][j]) > 1.0e-12)
-                text += std::to_string(j + 1) + " " + std::to_string(i + 1) + " " + list_item(inv[i][j]) + "\n";
-    write_file("animal.gin", text);
-}
-
-small_model supplied(int rank) {
-    small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5});
-    m.rows.clear();
-    m.make_rows(1, 1, 2, 0.2, 6); // all animals have records: their codes are the levels
-    m.random[0].kov = "GIN";
-    m.random[0].rank = rank;
-    m.principal = rank > 0;
-    return m;
-}
-
 void expect_supplied(int rank, const std::vector<std::string>& list) {
     const small_model m = supplied(rank);
-    write_supplied(m);
-    small_model given = m;
-    given.sire.clear();
-    set_up(given, list);
+    set_up_supplied(m, list);
     expect_derivatives(m);
 }
 
 TEST_F(derivatives_test, SuppliedInverse) { expect_supplied(0, {"--aireml"}); }
-TEST_F(derivatives_test, SuppliedInverseAtFullRankOfComponents) { expect_supplied(3, {"--aireml"}); }
+TEST_F(derivatives_test, SuppliedInverseAtFullRankOfComponents) { expect_supplied(3, {"--aireml", "--super"}); }
 TEST_F(derivatives_test, SuppliedInverseAtReducedRank) { expect_supplied(2, {"--aireml"}); }
 TEST_F(derivatives_test, SuppliedInverseAtReducedRankWithLogarithms) { expect_supplied(1, {"--aireml", "--logdia"}); }
 
 TEST_F(derivatives_test, SuppliedInverseWithoutSomeLevelsIsRefusedAtReducedRankBeforeEstimation) {
-    const small_model m = supplied(2);
-    write_supplied(m, 2);
-    small_model given = m;
-    given.sire.clear();
-    set_up(given);
+    set_up_supplied(supplied(2), {"--aireml"}, 2);
     EXPECT_STOP(get_estimates(), "not yet");
     EXPECT_EQ(likelihoods.ncall, 0);
+}
+
+TEST_F(derivatives_test, FactorOfAnotherPedigreeStopsTheRun) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    m.principal = true;
+    m.random[0].rank = 1;
+    set_up(m);
+    program_logl(estimates.parvec, 1);
+    average_info();
+    {
+        record_writer out;
+        ASSERT_TRUE(out.open("cholnrm1.bin"));
+        out.record(std::int32_t{33});
+    }
+    EXPECT_STOP(average_info(), "cholnrm1.bin 33 1 " + std::to_string(pedigreelist.nannew(1)) + "\nexit");
 }
 
 TEST_F(derivatives_test, FixedLevelsAreRefusedAtReducedRankBeforeEstimation) {

@@ -11,6 +11,7 @@
 #include "parfile/model.h"
 
 #include <algorithm>
+#include <filesystem>
 
 namespace tarvex {
 namespace {
@@ -163,6 +164,80 @@ TEST_F(driver_test, AverageInformationTellsHowItEnds) {
     maximise.aiconv_norm = 0.5;
     get_estimates();
     EXPECT_NE(read_file("Iterates").find("*** AIREML has converged\n    Norm of gradient vector = "), std::string::npos);
+}
+
+TEST_F(driver_test, SearchWithoutAGainTellsSo) {
+    set_up(families(1), {"--aireml200"});
+    maximise.aiconv_like = maximise.aiconv_norm = -1.0; // on until rounding decides
+    get_estimates();
+    EXPECT_FALSE(maximise.converged);
+    EXPECT_NE(read_file("Iterates").find("Could not locate better point - not converged !\n"), std::string::npos);
+    EXPECT_NE(screen_text().find("line search failed "), std::string::npos);
+    EXPECT_EQ(screen_text().find("*** AIREML : No convergence"), std::string::npos);
+    EXPECT_TRUE(options.saverr_ready);
+}
+
+TEST_F(driver_test, InformationIsNotWrittenWhereTheStoredPointIsAnother) {
+    set_up(families(1), {"--aireml"});
+    std::filesystem::create_directory("BestPoint"); // cannot be written
+    get_estimates();
+    EXPECT_TRUE(maximise.converged);
+    EXPECT_FALSE(options.saverr_ready);
+    std::istringstream in(read_file(filenames.aiparsfile)); // that of the last iterate stays
+    double x = 0.0;
+    in >> x;
+    EXPECT_EQ(x, iterates().empty() ? 0.0 : estimates.xbest);
+}
+
+TEST_F(driver_test, StepsAreListed) {
+    set_up(families(1), {"--aireml1", "-v"});
+    get_estimates();
+    EXPECT_EQ(count(screen_text(), "CHOL A 1 1   Old ="), 2); // the trial and the step taken
+    EXPECT_NE(screen_text().find(" AI matrix : min. & max. eigenvalue"), std::string::npos);
+    EXPECT_NE(screen_text().find(" Estimates for \"tau\" = "), std::string::npos);
+}
+
+TEST_F(driver_test, ContinuedRunGoesOnByAverageInformation) {
+    set_up(many_parameters(), {"--pxai2,1"});
+    get_estimates();
+    const double x = estimates.xbest;
+    reset_modules();
+    std::remove("Iterates");
+    run(many_parameters(), {"-c"});
+    EXPECT_EQ(maximise.search_type, 1);
+    EXPECT_EQ(labels().find_first_not_of('A'), std::string::npos);
+    EXPECT_NEAR(iterates()[0].logl, x, 1.0e-3);
+}
+
+TEST_F(driver_test, SearchByDirectionsLeavesNoInformation) {
+    set_up(families(1), {"--powell"});
+    get_estimates();
+    EXPECT_EQ(maximise.search_type, 3);
+    EXPECT_FALSE(options.saverr_ready);
+    EXPECT_EQ(read_file("Iterates").substr(0, 4), " IT=");
+}
+
+// A rebuild turns a block to logarithms by itself: its mark from the vector before must not do so again.
+TEST_F(driver_test, RebuiltBlockIsTurnedToLogarithmsOnce) {
+    small_model m = families(2);
+    m.random[0].g = {0.8, 0.2, 0.6};
+    set_up(m, {"--aireml", "--reconst"});
+    ASSERT_EQ(estimates.logdiagonals(1), 0);
+    estimates.parvec(6) = 0.2;
+    const double before = program_logl(estimates.parvec, 1);
+    double x = before;
+    ASSERT_EQ(estimates.switchlog(1), 1);
+    ASSERT_TRUE(readbestpoint(true));
+    covs2parvec();
+    ASSERT_EQ(estimates.logdiagonals(1), 1);
+    options.aireml = true;
+    int iround = 1;
+    ai_reml(1, iround, x);
+    EXPECT_GT(iterates().at(0).logl, before);
+    std::istringstream line(read_file("Iterates").substr(21, 10));
+    double gain = 0.0;
+    line >> gain;
+    EXPECT_NEAR(iterates().at(0).logl - gain, before, 2.0e-3);
 }
 
 TEST_F(driver_test, NoIterateAllowedLeavesTheBestPoint) {

@@ -5,6 +5,7 @@
 #include "estimation/estimates.h"
 #include "likelihood/likelihood.h"
 #include "support/fixture.h"
+#include "support/screen.h"
 #include "support/small_models.h"
 
 #include <cmath>
@@ -114,6 +115,35 @@ inline small_model families(int nq, int animals = 150, double missing = 0.1, int
     m.random = {{"animal", "NRM", nq, 0, g}};
     m.residual = r;
     return m;
+}
+
+// Relationships of the model's pedigree as the supplied inverse of "animal"; `missing` leaves out the last levels.
+inline void write_supplied(const small_model& m, std::size_t missing = 0) {
+    const oracle::dense a = oracle::tabular(m.sire, m.dam), inv = oracle::inverse(a);
+    std::string text = list_item(oracle::log_det(a)) + "\n";
+    for (std::size_t i = 0; i + missing < inv.size(); ++i)
+        for (std::size_t j = 0; j <= i; ++j)
+            if (std::fabs(inv[i][j]) > 1.0e-12)
+                text += std::to_string(j + 1) + " " + std::to_string(i + 1) + " " + list_item(inv[i][j]) + "\n";
+    write_file("animal.gin", text);
+}
+
+// Three traits with a supplied inverse; all animals have records, so that their codes are the levels. rank 0: no components.
+inline small_model supplied(int rank) {
+    small_model m = animal_model(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5});
+    m.rows.clear();
+    m.make_rows(1, 1, 3, 0.2, 6);
+    m.random[0].kov = "GIN";
+    m.random[0].rank = rank;
+    m.principal = rank > 0;
+    return m;
+}
+
+inline void set_up_supplied(const small_model& m, const std::vector<std::string>& list, std::size_t missing = 0) {
+    write_supplied(m, missing);
+    small_model given = m;
+    given.sire.clear();
+    set_up(given, list);
 }
 
 // Runs EM rounds from the starting values; returns log L at the end.

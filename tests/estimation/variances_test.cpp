@@ -270,6 +270,34 @@ TEST_F(best_point_test, WritesCovariancesWhateverTheScale) {
     }
 }
 
+TEST_F(best_point_test, ValuesReturnToTheBit) {
+    std::vector<double> covs;
+    for (int irand = 0; irand <= 1; ++irand)
+        for (double x : best_covariances(irand)) covs.push_back(x);
+    estimates.xbest = -1234.5678901234567;
+    writebestpoint(0);
+    ASSERT_TRUE(readbestpoint(true));
+    EXPECT_EQ(estimates.xlike_file, estimates.xbest);
+    for (int k = 1; k <= 6; ++k) EXPECT_EQ(model.cov((k - 1) % 3 + 1, (k - 1) / 3), covs[static_cast<std::size_t>(k - 1)]) << k;
+    reset_modules();
+    set_up(two_traits(), {"-c", "--emalg"}); // on the scale of the matrices the parameters are the values of the file
+    ASSERT_EQ(estimates.paraform(1), "Original");
+    for (int k = 1; k <= 6; ++k) EXPECT_EQ(estimates.parvec(k), covs[static_cast<std::size_t>(k - 1)]) << k;
+    estimates.xbest = -1234.5678901234567;
+    const std::string before = read_file("BestPoint");
+    writebestpoint(0);
+    EXPECT_EQ(read_file("BestPoint"), before);
+}
+
+TEST_F(best_point_test, OpenUnitTakesTheSameRecords) {
+    text_out all;
+    ASSERT_TRUE(all.open("Estimates"));
+    writebestpoint(3, &all);
+    writebestpoint(1000, &all); // neither file nor unit
+    all.close();
+    EXPECT_EQ(read_file("Estimates"), read_file("BestPoint003"));
+}
+
 TEST_F(best_point_test, NumberedCopies) {
     for (int round : {1, 10, 999, 1000}) writebestpoint(round);
     EXPECT_TRUE(std::filesystem::exists("BestPoint001"));

@@ -152,6 +152,7 @@ std::string small_model::parameters() const {
             low = class_bounds[k] + 1;
         }
     }
+    s << extra;
     return s.str();
 }
 

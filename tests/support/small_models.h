@@ -34,6 +34,7 @@ struct small_model {
     std::vector<int> class_bounds;  // HET: last control value of each class
     std::vector<small_row> rows;
     std::vector<int> sire, dam;     // pedigree, animals 1..n, parents first
+    std::string extra;              // lines at the end of the parameter file
 
     // Animals in n0 founders and the rest with random parents among the earlier ones (inbreeding occurs).
     void make_pedigree(int n, int founders, unsigned seed);
