@@ -53,10 +53,7 @@ cov_function rrcovar(const regression& r, int ia, int ja) {
     return f;
 }
 
-cov_function residual_at(int irrc, int ia) {
-    const bool classes = model.rr_resteps > 1 && phimat.jjmeta(iq) == irrc;
-    return {{cov_start(0, classes ? model.me_run(ia) : 1), 1.0}};
-}
+cov_function residual_at(int ia) { return {{cov_start(0, model.rr_resteps > 1 ? model.me_run(ia) : 1), 1.0}}; }
 
 std::string column_name(const std::string& name) {
     std::string s = name.substr(0, 12);
@@ -84,38 +81,52 @@ std::string ratio_item(double x, double se) {
 
 struct table_columns {
     std::vector<regression> effects;
-    std::vector<std::string> names;
+    std::vector<std::string> names; // of the effects
+    bool residual = true;           // the residual variance is a function of this control variable, or constant
+    bool phenotypic = true;         // all effects are functions of this control variable
 };
 
-void write_variances(text_out& variances, text_out* ratios, const table_columns& columns, int irrc, const std::vector<double>& cov) {
+table_columns columns_for(int irrc) {
+    table_columns columns;
+    columns.effects = regressions_on(irrc);
+    for (const auto& r : columns.effects) columns.names.push_back(column_name(model.krandom(r.irand)));
+    columns.residual = model.rr_resteps == 1 || phimat.jjmeta(iq) == irrc;
+    columns.phenotypic = model.nrrc == 1;
+    return columns;
+}
+
+void write_heads(text_out& variances, text_out* ratios, const table_columns& columns) {
     constexpr edit_form wide_head{"(5hLevel,2x,5hValue,t13,20(8x,a,8x))"}, ratio_head{"(5hLevel,2x,5hValue,t13,20(6x,a))"};
-    constexpr edit_form error_head{"(5hLevel,2x,5hValue,t13,20(1x,a))"}, level_item{"(i5,i7)"};
+    constexpr edit_form error_head{"(5hLevel,2x,5hValue,t13,20(1x,a))"};
+    std::vector<std::string> names = columns.names;
+    if (columns.residual) names.push_back(column_name("Residual"));
+    if (ratios) write(*ratios, sampling.available ? error_head : ratio_head, names);
+    if (columns.phenotypic) names.push_back("  Phenotypic");
+    write(variances, sampling.available ? error_head : wide_head, names);
+}
+
+// The ratios go only where there is a phenotypic variance.
+void write_variances(text_out& variances, text_out* ratios, const table_columns& columns, int irrc, const std::vector<double>& cov) {
+    constexpr edit_form level_item{"(i5,i7)"};
     const code_list& codes = control_codes(irrc);
-    if (sampling.available) {
-        write(variances, error_head, columns.names);
-        if (ratios) write(*ratios, error_head, columns.names);
-    } else {
-        write(variances, wide_head, columns.names);
-        if (ratios) write(*ratios, ratio_head, columns.names);
-    }
+    write_heads(variances, ratios, columns);
     for (int a = 1; a <= static_cast<int>(codes.size()); ++a) {
         std::vector<cov_function> parts;
         for (const auto& r : columns.effects) parts.push_back(rrcovar(r, a, a));
-        parts.push_back(residual_at(irrc, a));
+        if (columns.residual) parts.push_back(residual_at(a));
         cov_function total;
         for (const auto& f : parts) total.insert(total.end(), f.begin(), f.end());
-        parts.push_back(total);
-        std::string line = without_end(edit(level_item, a, codes[static_cast<std::size_t>(a - 1)])), ratio_line = line;
         const double sum = function_value(total, cov);
+        std::string line = without_end(edit(level_item, a, codes[static_cast<std::size_t>(a - 1)])), ratio_line = line;
         for (const auto& f : parts) {
             const double x = function_value(f, cov);
             line += variance_item(x, sampling.available ? error_of_sum(f) : 0.0);
-            if (&f == &parts.back()) break;
             const double se = sampling.available ? error_of_ratio(x, sum, function_covariance(f, f), function_covariance(total, total),
                                                                   function_covariance(f, total))
                                                  : 0.0;
             ratio_line += ratio_item(sum > 0.0 ? x / sum : 0.0, se);
         }
+        if (columns.phenotypic) line += variance_item(sum, sampling.available ? error_of_sum(total) : 0.0);
         variances.line(line);
         if (ratios) ratios->line(ratio_line);
     }
@@ -138,17 +149,29 @@ std::vector<int> selected_levels(int n) {
     return list;
 }
 
-void rrcorrels(text_out& out, const table_columns& columns, int irrc, const std::vector<double>& cov) {
-    constexpr edit_form head{"(a,i3,a,i7) "}, names{"(t13,20(6x,a))  "}, level_item{"(i5,i7)"};
-    const code_list& codes = control_codes(irrc);
-    std::vector<std::string> effects(columns.names.begin(), columns.names.begin() + static_cast<std::ptrdiff_t>(columns.effects.size()));
-    for (int a : selected_levels(static_cast<int>(codes.size()))) {
+// Heads of the block of level a: where there are several control variables the block tells which, and no values follow.
+void write_correlation_heads(text_out& out, const table_columns& columns, int irrc, int a) {
+    constexpr edit_form head{"(a,i3,a,i7) "}, variable{"(2a)"}, label{"(7x,i5) "}, names{"(t13,20(6x,a))  "};
+    if (columns.phenotypic) {
         write(out, head,
               sampling.available ? "Correlations & approximate sampling errors for level no. " : "Correlations for level no. ", a,
-              "  value", codes[static_cast<std::size_t>(a - 1)]);
-        write(out, names, effects);
+              "  value", control_codes(irrc)[static_cast<std::size_t>(a - 1)]);
+    } else {
+        write(out, variable, sampling.available ? "Correlations & approximate sampling errors for " : "Correlations for ",
+              model.rrcontrol[static_cast<std::size_t>(irrc - 1)]);
+        write(out, label, a);
+    }
+    write(out, names, columns.names);
+}
+
+void rrcorrels(text_out& out, const table_columns& columns, int irrc, const std::vector<double>& cov) {
+    constexpr edit_form with_value{"(i5,i7)"}, level_only{"(i5)"};
+    const code_list& codes = control_codes(irrc);
+    for (int a : selected_levels(static_cast<int>(codes.size()))) {
+        write_correlation_heads(out, columns, irrc, a);
         for (int i = 1; i <= static_cast<int>(codes.size()); ++i) {
-            std::string line = without_end(edit(level_item, i, codes[static_cast<std::size_t>(i - 1)]));
+            std::string line = without_end(columns.phenotypic ? edit(with_value, i, codes[static_cast<std::size_t>(i - 1)])
+                                                              : edit(level_only, i));
             for (const auto& r : columns.effects) line += correlation_item(r, a, i, cov);
             out.line(line);
         }
@@ -169,13 +192,8 @@ void rrvariances() {
     if (single) write(ratios, trait_line, "Variance ratios for trait no.", iq);
     write(correls, trait_line, "Selected correlations for trait no.", iq);
     for (int irrc = 1; irrc <= model.nrrc; ++irrc) {
-        table_columns columns;
-        columns.effects = regressions_on(irrc);
-        for (const auto& r : columns.effects) columns.names.push_back(column_name(model.krandom(r.irand)));
-        columns.names.push_back(column_name("Residual"));
-        columns.names.push_back("  Phenotypic");
+        const table_columns columns = columns_for(irrc);
         if (!single) print_list(variances, "Control variable", model.rrcontrol[static_cast<std::size_t>(irrc - 1)]);
-        if (!single) print_list(correls, "Control variable", model.rrcontrol[static_cast<std::size_t>(irrc - 1)]);
         write_variances(variances, single ? &ratios : nullptr, columns, irrc, cov);
         rrcorrels(correls, columns, irrc, cov);
     }

@@ -40,11 +40,13 @@ int spline_no(const std::string& name, int degree, int order, int control) {
 // The same name in an earlier trait must have the same type and degree.
 void check_traits(const std::string& name, bool bsp, int degree, bool other_bsp, int other_degree) {
     if (bsp != other_bsp) {
-        print_list(screen(), "Error : mismatch in covariable type across traits", name);
+        print_list(screen(), "Error : mismatch in covariable type across traits");
+        print_list(screen(), "   ... variable", name);
         stoptarvex();
     }
     if (degree != other_degree) {
-        print_list(screen(), "Error : mismatch in covariable degree across traits", name);
+        print_list(screen(), "Error : mismatch in covariable degree across traits");
+        print_list(screen(), "   ... variable", name);
         stoptarvex();
     }
 }

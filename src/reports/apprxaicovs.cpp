@@ -23,12 +23,11 @@ namespace {
 
 constexpr double largest_discrepancy = 0.01; // between the log L of the information matrix and of the best point
 
-// Information matrix as read, full storage. False: no file, or of another run.
-bool read_information(array<double, 2>& hess2) {
+// Information matrix as read, full storage, and the log L that it belongs to. False: no file, or of another run.
+bool read_information(array<double, 2>& hess2, double& xl2) {
     const int n = estimates.nparm;
     if (!options.saverr_ready && !(options.aireml && aireml_terms.accepted > 0)) return false;
     std::ifstream in(filenames.aiparsfile);
-    double xl2 = 0.0;
     if (!in || !(in >> xl2)) return false;
     const double xl1 = estimates.xbest;
     if (std::fabs(xl1 - xl2) > largest_discrepancy) {
@@ -116,7 +115,8 @@ void approxai_covs() {
     sampling = {};
     const int nparm = estimates.nparm, nall = estimates.ncovall;
     array<double, 2> hess2, linfun;
-    if (!read_information(hess2)) return;
+    double xl2 = 0.0;
+    if (!read_information(hess2, xl2)) return;
     invert_information(hess2, nparm, sampling.rank);
     sampling.varpar.allocate(nparm);
     for (int i = 1; i <= nparm; ++i) sampling.varpar(i) = hess2(i, i);
@@ -142,7 +142,7 @@ void approxai_covs() {
             sampling.vcov(c, d) = sampling.vcov(d, c) = s;
         }
     sampling.available = true;
-    write_sampling(estimates.xbest);
+    write_sampling(xl2);
 }
 
 double function_value(const cov_function& f, const std::vector<double>& cov) {

@@ -133,15 +133,20 @@ void write_residual_steps(text_out& out, const std::vector<double>& cov) {
     }
     if (!sampling.available) return;
     write(out, head, "Covariance components with approximate sampling errors");
+    bool warn = false;
     for (int step = 1; step <= model.rr_resteps; ++step) {
         const report_matrix m = block_matrix(0, step);
-        for (std::size_t k = 0; k < m.element.size(); ++k)
-            write(out, error_line, m.ipar[k], m.name[k], function_value(m.element[k], cov), error_of_sum(m.element[k]));
+        for (std::size_t k = 0; k < m.element.size(); ++k) {
+            const double se = error_of_sum(m.element[k]);
+            warn = warn || se < 0.0;
+            write(out, error_line, m.ipar[k], m.name[k], function_value(m.element[k], cov), se);
+        }
     }
+    if (warn) write(out, head, failed_note);
 }
 
 void write_residual_block(text_out& out, const std::vector<double>& cov) {
-    banner(out, " Estimates of residual covariances  ");
+    banner(out, " Estimates of residual covariances   "); // columns 6 to 42
     if (model.rr_resteps > 1)
         write_residual_steps(out, cov);
     else
@@ -178,7 +183,22 @@ cov_function component(int number) {
     return f;
 }
 
-void write_ratio(text_out& out, int i, const std::vector<double>& cov) {
+// False: the error could not be approximated.
+bool write_sum(text_out& out, int i, const std::vector<double>& cov) {
+    constexpr edit_form with_error{"(i4,2x,a,2g15.6)"}, plain{"(i4,2x,a,g15.6)"};
+    const int ipar = estimates.ncov + i;
+    const cov_function f = component(ipar);
+    const std::string& name = usrdefcovs.addcovname[static_cast<std::size_t>(i - 1)];
+    if (!sampling.available) {
+        write(out, plain, ipar, name, function_value(f, cov));
+        return true;
+    }
+    const double se = error_of_sum(f);
+    write(out, with_error, ipar, name, function_value(f, cov), se);
+    return se >= 0.0;
+}
+
+bool write_ratio(text_out& out, int i, const std::vector<double>& cov) {
     constexpr edit_form with_error{"(i4,2x,a,2g15.6,3x,a)"}, plain{"(i4,2x,a,g15.6,3x,a)"};
     const auto& gp = usrdefcovs.igpadd[static_cast<std::size_t>(i - 1)];
     const std::string& name = usrdefcovs.addgpname[static_cast<std::size_t>(i - 1)];
@@ -188,36 +208,34 @@ void write_ratio(text_out& out, int i, const std::vector<double>& cov) {
     const double yy = ratio ? va : std::min(va, vb);
     if (!(yy > 0.0)) {
         print_list(screen(), " Cannot calculate ", name, "  invalid denominator", yy);
-        return;
+        return true;
     }
     const double xx = ratio ? vc / va : vc / std::sqrt(va * vb);
     const char* what = ratio ? "vrat" : "corr";
     if (!sampling.available) {
         write(out, plain, i, name, xx, what);
-        return;
+        return true;
     }
     const auto v = function_covariance;
     const double se = ratio ? error_of_ratio(vc, va, v(c, c), v(a, a), v(c, a))
                             : error_of_correlation(vc, va, vb, v(c, c), v(a, a), v(b, b), v(c, a), v(c, b), v(a, b));
     write(out, with_error, i, name, xx, se, what);
+    return se >= 0.0;
 }
 
+// The user's functions: linear ones, then ratios and correlations, each list below a banner of its own.
 void write_functions(text_out& out, const std::vector<double>& cov) {
-    constexpr edit_form with_error{"(i4,2x,a,2g15.6)"}, plain{"(i4,2x,a,g15.6)"}, head{"(/a)"};
-    if (usrdefcovs.ncovadd == 0 && usrdefcovs.naddgps == 0) return;
-    banner(out, " User defined functions of covariances");
-    if (usrdefcovs.ncovadd > 0) write(out, head, " Linear functions of covariances ");
-    for (int i = 1; i <= usrdefcovs.ncovadd; ++i) {
-        const int ipar = estimates.ncov + i;
-        const cov_function f = component(ipar);
-        const std::string& name = usrdefcovs.addcovname[static_cast<std::size_t>(i - 1)];
-        if (sampling.available)
-            write(out, with_error, ipar, name, function_value(f, cov), error_of_sum(f));
-        else
-            write(out, plain, ipar, name, function_value(f, cov));
-    }
-    if (usrdefcovs.naddgps > 0) write(out, head, " Variance ratios and correlations ");
-    for (int i = 1; i <= usrdefcovs.naddgps; ++i) write_ratio(out, i, cov);
+    constexpr edit_form head{"(/a)"}, note{"(/1x,a)"};
+    const auto section = [&](const char* title, int n, auto line) {
+        if (n == 0) return;
+        banner(out, " User defined functions of covariances");
+        write(out, head, title);
+        bool good = true;
+        for (int i = 1; i <= n; ++i) good = line(out, i, cov) && good;
+        if (!good) write(out, note, failed_note);
+    };
+    section(" Linear functions of covariances ", usrdefcovs.ncovadd, write_sum);
+    section(" Variance ratios and correlations ", usrdefcovs.naddgps, write_ratio);
 }
 
 } // namespace
