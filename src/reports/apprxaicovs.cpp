@@ -49,7 +49,7 @@ bool read_information(array<double, 2>& hess2, double& xl2) {
 void invert_information(array<double, 2>& a, int n, int& rank) {
     std::vector<double> scale(static_cast<std::size_t>(n), 0.0);
     for (int i = 1; i <= n; ++i)
-        if (a(i, i) > 0.0) scale[static_cast<std::size_t>(i - 1)] = 1.0 / std::sqrt(a(i, i));
+        if (a(i, i) != 0.0) scale[static_cast<std::size_t>(i - 1)] = 1.0 / std::sqrt(std::fabs(a(i, i)));
     const auto s = [&](int i) { return scale[static_cast<std::size_t>(i - 1)]; };
     std::vector<double> packed(static_cast<std::size_t>(n) * static_cast<std::size_t>(n + 1) / 2);
     for (int i = 1; i <= n; ++i)

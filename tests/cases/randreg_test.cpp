@@ -215,6 +215,101 @@ TEST_F(RandomRegression, VariancesAlongTheControlVariable) {
     EXPECT_EQ(seen, 12u);
 }
 
+// Effects along control variables of their own, with residual classes by the second one.
+class TwoControls : public RandomRegression {
+protected:
+    void SetUp() override {
+        RandomRegression::SetUp();
+        p_ = make_population(60, 1, 3, 0.0, 72);
+        for (std::size_t i = 0; i < p_.records.size(); ++i) p_.records[i].age = low + static_cast<double>(i % 19);
+        write_file("ped.dat", p_.pedigree());
+        write_file("data.dat", p_.all_traits_lines());
+        a_ = tabular(p_.sire, p_.dam);
+        obs_ = observations_of(p_);
+    }
+    static void two_controls(const std::string& perm, const std::string& residual = "VAR residual 1 HET 2 parity\n 1 1 4.0\n 2 3 6.0\n") {
+        parameters("MOD\n FIX herd\n RAN animal(2,LEG,age) NRM\n RAN perm(" + perm +
+                   ") IDE\n RRC age\n RRC parity\n TR y1 1 -999\nEND\nVAR animal 2\n 4.0 0.5 2.0\nVAR perm 2\n 1.5 0.2 0.8\n" + residual);
+    }
+    double by_two(const basis& perm, double first, double later) const {
+        const dense g{{4.0, 0.5}, {0.5, 2.0}}, q{{1.5, 0.2}, {0.2, 0.8}};
+        dense v(obs_.size(), std::vector<double>(obs_.size()));
+        for (std::size_t i = 0; i < obs_.size(); ++i)
+            for (std::size_t j = 0; j < obs_.size(); ++j) {
+                const auto &r = p_.records[obs_[i].record], &s = p_.records[obs_[j].record];
+                const auto phi = legendre(2)(r.age), psi = legendre(2)(s.age), pe = perm(r.parity), qe = perm(s.parity);
+                double sum = i != j ? 0.0 : r.parity == 1 ? first : later;
+                for (std::size_t c = 0; c < 2; ++c)
+                    for (std::size_t d = 0; d < 2; ++d) {
+                        sum += phi[c] * psi[d] * g[c][d] * a_[static_cast<std::size_t>(r.code - 1)][static_cast<std::size_t>(s.code - 1)];
+                        if (r.code == s.code) sum += pe[c] * qe[d] * q[c][d];
+                    }
+                v[i][j] = sum;
+            }
+        return dense_reml(obs_, herds_and_age(p_, obs_), v);
+    }
+};
+
+TEST_F(TwoControls, Likelihood) {
+    two_controls("2,POL,parity");
+    expect_relative(start(), by_two(powers(2), 4.0, 6.0), 1e-8, "powers of the second variable");
+    two_controls("2,parity"); // a variable alone stands for powers
+    expect_relative(start(), by_two(powers(2), 4.0, 6.0), 1e-8, "the variable alone");
+    const basis scaled = [](double parity) { return std::vector<double>{std::sqrt(0.5), std::sqrt(1.5) * (parity - 2.0)}; };
+    two_controls("2,LEG,parity");
+    expect_relative(start(), by_two(scaled, 4.0, 6.0), 1e-8, "Legendre polynomials of the second variable");
+    two_controls("2,LEG,parity", "VAR residual 1 HOM\n 5.0\n");
+    expect_relative(start(), by_two(scaled, 5.0, 5.0), 1e-8, "one residual variance");
+    EXPECT_EQ(read_file("parity_LEG2.baf"), "       1  0.707107 -1.224745\n       2  0.707107  0.000000\n       3  0.707107  1.224745\n");
+    for (const char* wrong : {"2,LEG", "2,LEG,herd"}) {
+        two_controls(wrong);
+        const auto result = run("--aireml1");
+        EXPECT_EQ(result.status, 1);
+        EXPECT_NE(result.output.find(" No match for RR control variable found"), std::string::npos) << result.output;
+    }
+}
+
+TEST_F(TwoControls, ReportsAlongEach) {
+    two_controls("2,POL,parity");
+    finish("--aireml100,1e-8");
+    EXPECT_FALSE(std::filesystem::exists("RanRegVarRatios.dat")); // no phenotypic variance along one of them
+    const auto k = read_best_point().values;                      // 2 residual classes, animal, perm
+    ASSERT_EQ(k.size(), 8u);
+    const auto lines = lines_of(read_file("RanRegVariances.dat"));
+    ASSERT_EQ(lines.size(), 1u + 2u + 19u + 2u + 3u);
+    EXPECT_EQ(lines[0], "Variance components for trait no.  1");
+    EXPECT_EQ(lines[1], "Control variable age");
+    EXPECT_EQ(words_of(lines[2]), (std::vector<std::string>{"Level", "Value", "animal"})); // residual classes go by parity
+    EXPECT_EQ(lines[22], "Control variable parity");
+    EXPECT_EQ(words_of(lines[23]), (std::vector<std::string>{"Level", "Value", "perm", "Residual"}));
+    for (int a = 1; a <= 19; ++a) {
+        const auto w = words_of(lines[static_cast<std::size_t>(a + 2)]);
+        const auto f = legendre(2)(19.0 + a);
+        ASSERT_EQ(w.size(), 4u);
+        EXPECT_EQ(number_of(w[0]), a);
+        EXPECT_EQ(number_of(w[1]), 19 + a);
+        expect_relative(number_of(w[2]), f[0] * f[0] * k[2] + 2 * f[0] * f[1] * k[3] + f[1] * f[1] * k[4], 1e-5, "animal");
+    }
+    for (int a = 1; a <= 3; ++a) {
+        const auto w = words_of(lines[static_cast<std::size_t>(a + 23)]);
+        ASSERT_EQ(w.size(), 6u);
+        expect_relative(number_of(w[2]), k[5] + 2 * a * k[6] + a * a * k[7], 1e-5, "perm");
+        expect_relative(number_of(w[4]), a == 1 ? k[0] : k[1], 1e-5, "residual");
+    }
+    const auto blocks = lines_of(read_file("RanRegCorrels.dat"));
+    ASSERT_EQ(blocks.size(), 1u + 19u * (3u + 19u) + 3u * (3u + 3u));
+    EXPECT_EQ(blocks[1], "Correlations & approximate sampling errors for age");
+    EXPECT_EQ(blocks[2], "           1");
+    EXPECT_EQ(blocks[3], "                  animal      ");
+    EXPECT_EQ(blocks[4].substr(0, 23), "    1     1.000   0.000");
+    const auto last = words_of(blocks.back()); // parity 3 with itself
+    EXPECT_EQ(last[0], "3");
+    EXPECT_EQ(last[1], "1.000");
+    const auto first = words_of(blocks[blocks.size() - 3]); // parity 3 with parity 1
+    const double c13 = k[5] + 4 * k[6] + 3 * k[7], v1 = k[5] + 2 * k[6] + k[7], v3 = k[5] + 6 * k[6] + 9 * k[7];
+    EXPECT_NEAR(number_of(first[1]), c13 / std::sqrt(v1 * v3), 6e-4);
+}
+
 TEST_F(RandomRegression, FaultsAreTold) {
     const auto fault = [&](const std::string& words) {
         const auto result = run("--aireml2");
