@@ -5,13 +5,20 @@
 #include "parfile/model.h"
 #include "support/array.h"
 #include "support/fixture.h"
+#include "support/text.h"
 
 #include <iostream>
-#include <regex>
 
 using namespace tarvex;
 
 namespace {
+
+// The text with a 9 for every digit.
+std::string pattern(std::string text) {
+    for (char& c : text)
+        if (is_digit(c)) c = '9';
+    return text;
+}
 
 class Stops : public tarvex_test {
 protected:
@@ -84,9 +91,9 @@ TEST_F(Stops, TimesAreShownUnderVerboseOrTimesOnly) {
     EXPECT_EQ(screen_text(), "");
     times.prev = cpu_time() - 100.0;
     tvxtimes(2, "reading");
-    EXPECT_TRUE(std::regex_match(
-        screen_text(), std::regex("\\*\\*\\*Time: reading {14} {6,}[0-9]+\\.[0-9] Used since last {7}100\\.0\n")))
-        << screen_text();
+    EXPECT_EQ(screen_text().size(), 44u + 16 + 12 + 1);
+    EXPECT_TRUE(screen_text().starts_with("***Time: reading              "));
+    EXPECT_TRUE(screen_text().ends_with(" Used since last       100.0\n"));
     clear_screen();
     options.verbose = false;
     options.print_times = true;
@@ -134,11 +141,8 @@ TEST_F(ReportFrame, FilesAreNamedWithoutTrailingBlanks) {
 }
 
 TEST_F(ReportFrame, FooterShowsDateAndTimeAndClosesTheFile) {
-    const std::string date = "[0-3][0-9]-[01][0-9]-20[0-9][0-9]==========[0-2][0-9]:[0-5][0-9]";
     const std::string narrow = written(write_tvxbottom);
-    EXPECT_EQ(narrow.size(), 79u);
-    EXPECT_TRUE(
-        std::regex_match(narrow, std::regex("======== end of file ============================" + date + "====\n")));
+    EXPECT_EQ(pattern(narrow), "======== end of file ============================99-99-9999==========99:99====\n");
     options.wide = true;
     EXPECT_EQ(written(write_tvxbottom).size(), 113u);
     text_out out;
