@@ -13,6 +13,7 @@
 #include "support/stop.h"
 
 #include <array>
+#include <new>
 #include <unordered_map>
 #include <vector>
 
@@ -27,6 +28,13 @@ struct hash_tables {
     std::vector<std::array<long long, 3>> id; // [number-1] codes of animal, sire, dam; last record of an animal
     int nlevels[2] = {};                      // codes in the data, in total
 };
+
+void hash_setup(hash_tables& tables) {
+    try {
+        tables.number.reserve(maxhash);
+        tables.id.reserve(maxhash);
+    } catch (const std::bad_alloc&) { stop("alloc hashtabs"); }
+}
 
 int hash_code(hash_tables& tables, long long code) {
     const int next = static_cast<int>(tables.id.size()) + 1;
@@ -84,7 +92,7 @@ void write_newped(const hash_tables& tables, const std::vector<char>& mm) {
     if (!out.open(name)) stop_with("Cannot open file \"" + name + "\"");
     for (std::size_t i = 0; i < mm.size(); ++i)
         if (mm[i] != 0) write(out, "(3i16)  ", tables.id[i][0], tables.id[i][1], tables.id[i][2]);
-    out.close();
+    if (!out.close()) stop_with("Error writing file \"" + name + "\"");
     screen().line("Found redundant animals in pedigree");
     screen().line(" ... wrote file \"" + name + "\"");
     filenames.pedfile = name;
@@ -94,6 +102,7 @@ void write_newped(const hash_tables& tables, const std::vector<char>& mm) {
 
 void reducepeds() {
     hash_tables tables;
+    hash_setup(tables);
     visit_nrm_codes([&](int, std::int64_t icode) {
         if (icode > 0) hash_code(tables, icode);
     });

@@ -81,8 +81,8 @@ void writebestpoint(int iround, text_out* extra) {
         }
     };
     put(out);
-    out.close();
-    std::rename(temporary.c_str(), name.c_str());
+    if (out.close()) // else the earlier one is better than a part of this
+        std::rename(temporary.c_str(), name.c_str());
     if (extra) put(*extra);
 }
 

@@ -16,33 +16,43 @@ std::vector<text_out*>& open_outputs() {
 } // namespace
 
 text_out::text_out() { open_outputs().push_back(this); }
-text_out::text_out(std::ostream& sink) : sink_(&sink) { open_outputs().push_back(this); }
+text_out::text_out(std::ostream& sink) : sink_(&sink), name_("standard output") { open_outputs().push_back(this); }
 text_out::~text_out() {
     close();
     auto& all = open_outputs();
     all.erase(std::remove(all.begin(), all.end(), this), all.end());
 }
 
-bool text_out::open(const std::string& name) {
+bool text_out::start(const std::string& name, std::ios::openmode mode) {
     close();
-    file_.open(name, std::ios::out | std::ios::trunc | std::ios::binary);
-    if (!file_) return false;
+    name_ = name;
+    file_.open(name, mode | std::ios::binary);
+    if (!file_) {
+        note_failure();
+        file_.clear();
+        return false;
+    }
     sink_ = &file_;
     return true;
 }
 
-bool text_out::open_append(const std::string& name) {
-    close();
-    file_.open(name, std::ios::out | std::ios::app | std::ios::binary);
-    if (!file_) return false;
-    sink_ = &file_;
-    return true;
+bool text_out::open(const std::string& name) { return start(name, std::ios::out | std::ios::trunc); }
+bool text_out::open_append(const std::string& name) { return start(name, std::ios::out | std::ios::app); }
+
+void text_out::note_failure() {
+    if (outputs.failed.empty()) outputs.failed = name_;
 }
 
-void text_out::close() {
-    if (file_.is_open()) file_.close();
+bool text_out::close() {
+    bool good = true;
+    if (file_.is_open()) {
+        file_.close();
+        good = file_.good();
+        if (!good) note_failure();
+    }
     file_.clear();
     sink_ = nullptr;
+    return good;
 }
 
 void text_out::line(std::string_view text) {
@@ -56,7 +66,7 @@ void text_out::raw(std::string_view text) {
 }
 
 void text_out::flush() {
-    if (sink_) sink_->flush();
+    if (sink_ && !sink_->flush()) note_failure();
 }
 
 void text_out::redirect(std::ostream& sink) {

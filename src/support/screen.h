@@ -22,7 +22,7 @@ public:
 
     bool open(const std::string& name);        // replaces the file; false if it cannot be opened
     bool open_append(const std::string& name); // adds to the file, which may be absent
-    void close();
+    bool close();                              // false if anything could not be written
     bool is_open() const { return sink_ != nullptr; }
     void line(std::string_view text); // text and a line end
     void raw(std::string_view text);  // text as it stands
@@ -30,9 +30,17 @@ public:
     void redirect(std::ostream& sink); // tests: another sink
 
 private:
+    bool start(const std::string& name, std::ios::openmode mode);
+    void note_failure();
     std::ofstream file_;
     std::ostream* sink_ = nullptr;
+    std::string name_;
 };
+
+struct outputs_module {
+    std::string failed; // the first text output that could not be opened or written in full; empty: none
+};
+inline outputs_module outputs;
 
 text_out& screen(); // standard output
 void flush_all();   // flushes the screen and every open text output

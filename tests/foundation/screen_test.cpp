@@ -66,3 +66,25 @@ TEST(screen, appending_keeps_and_opening_replaces) {
     EXPECT_FALSE(out.open(testing::TempDir() + "no_such_directory/file"));
     std::filesystem::remove(name);
 }
+
+TEST(screen, failures_to_write_are_kept_in_mind) {
+    outputs = {};
+    text_out out;
+    const std::string good = testing::TempDir() + "tvx_screen_test";
+    ASSERT_TRUE(out.open(good));
+    out.line("text");
+    EXPECT_TRUE(out.close());
+    EXPECT_EQ(outputs.failed, "");
+    ASSERT_TRUE(out.open("/dev/full"));
+    out.line("text");
+    out.flush();
+    EXPECT_EQ(outputs.failed, "/dev/full");
+    EXPECT_FALSE(out.close());
+    ASSERT_TRUE(out.open(good)); // and the output serves again
+    EXPECT_TRUE(out.close());
+    outputs = {};
+    EXPECT_FALSE(out.open_append(testing::TempDir() + "no_such_directory/file"));
+    EXPECT_EQ(outputs.failed, testing::TempDir() + "no_such_directory/file");
+    outputs = {};
+    std::filesystem::remove(good);
+}
