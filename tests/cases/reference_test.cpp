@@ -292,4 +292,65 @@ TEST_F(Textbook, ErrorsOfSolutions) {
     }
 }
 
+// Every step of AI-REML on five records, from starting values far off, where the estimates go to the border of the parameter
+// space: log L, norm of the gradient, change of the parameters, half the slope, step length and addition to the diagonal as a
+// separate calculation on the dense matrices gives them.
+struct step {
+    double loglike, dnorm, pnorm, prox, alpha, tau;
+};
+
+void expect_steps(const std::vector<step>& want) {
+    std::vector<step> found;
+    for (const auto& line : lines_of(read_file("Iterates"))) {
+        const auto words = words_of(line);
+        if (words.empty() || words[0] != "AI" || words[1] == "0") continue;
+        ASSERT_EQ(words.size(), 12u) << line;
+        const auto at = [&](std::size_t k) { return number_of(words[k]); };
+        found.push_back({at(2), at(4), at(5), at(6), at(7), at(10)});
+    }
+    ASSERT_GE(found.size(), want.size());
+    for (std::size_t i = 0; i < want.size(); ++i) {
+        SCOPED_TRACE("iterate " + std::to_string(i + 1));
+        EXPECT_NEAR(found[i].loglike, want[i].loglike, 1.01e-3);
+        EXPECT_NEAR(found[i].dnorm, want[i].dnorm, 1.01e-3);
+        EXPECT_NEAR(found[i].pnorm, want[i].pnorm, 1.01e-5 * std::max(1.0, want[i].pnorm));
+        EXPECT_NEAR(found[i].prox, want[i].prox, 1e-3 * std::fabs(want[i].prox));
+        EXPECT_NEAR(found[i].alpha, want[i].alpha, 1.01e-4);
+        EXPECT_NEAR(found[i].tau, want[i].tau, 1e-4 * want[i].tau);
+    }
+}
+
+TEST_F(Textbook, StepsOfOneTrait) {
+    ASSERT_TRUE(bring("textbook_uni"));
+    finish("");
+    expect_steps({
+        {-4.348, 0.3886, 3.19752, -38.92, 0.0495, 0.00098882},
+        {-3.835, 0.9121, 0.63772, -12.42, 0.0335, 0.0009117},
+        {-3.695, 0.9936, 0.44958, -13.49, 0.0174, 0},
+        {-3.567, 0.9353, 0.30580, -10.07, 0.0162, 0.00020262},
+        {-3.367, 0.9592, 0.31513, -8.327, 0.0229, 0.00062955},
+        {-3.280, 1.0300, 0.22626, -7.918, 0.0125, 0},
+        {-2.457, 1.0341, 1.32893, -6.047, 0.3852, 0.00099907},
+        {-2.206, 1.2831, 0.05831, -2.622, 0.0468, 0.00099943},
+        {-1.386, 1.3485, 0.74149, -1.897, 1.0000, 0.00099908},
+        {-1.338, 1.2121, 0.13089, -0.2707, 1.0000, 0.00099974},
+    });
+    EXPECT_NE(read_file("Iterates").find("Max. no. of iterates reached - not converged !"), std::string::npos);
+}
+
+TEST_F(Textbook, StepsOfTwoTraits) {
+    ASSERT_TRUE(bring("textbook_biv"));
+    finish("");
+    expect_steps({
+        {-9.140, 0.5738, 1.24907, -117.1, 0.0209, 0.00099987},
+        {-5.815, 1.4645, 0.71913, -94.57, 0.0162, 0.001},
+        {-5.550, 2.7428, 0.06908, -94.43, 0.0025, 0.001},
+        {-5.454, 2.9996, 0.04936, -69.61, 0.0017, 0.001},
+        {-5.018, 3.6647, 0.87475, -23.46, 0.1311, 0.001},
+        {-3.939, 3.6162, 0.20775, -34.17, 0.0185, 0.001},
+        {-3.444, 2.9497, 0.20492, -97.69, 0.0056, 0.001},
+        {-2.207, 2.9537, 0.22032, -23.03, 0.0664, 0.001},
+    });
+}
+
 } // namespace
