@@ -396,19 +396,19 @@ void subtract_products(const array<double>& brx) {
 
 } // namespace
 
+void check_repeat_block() {
+    const int irand = residualvars.ipeq;
+    if (irand > 0 && model.krfit(irand) < model.kkfit(irand)) tvx_notyet();
+}
+
 void check_average_info() {
-    for (int irand = 0; irand <= numbers.krand; ++irand) {
-        const bool reduced = model.krfit(irand) < model.kkfit(irand);
-        if (irand == 0 || !fitted(irand)) {
-            if (reduced) tvx_notyet();
-            continue;
-        }
-        if (!options.principal || !needs_relationships(irand)) continue;
-        if (mudmap.kovrnd(irand) == "GIN") { // every level needs a variance
-            const std::vector<double> d = given_diagonal(irand);
-            if (!std::all_of(d.begin(), d.end(), [](double x) { return x > 0.0; })) tvx_notyet();
-        }
+    check_repeat_block();
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (!fitted(irand) || !options.principal || !needs_relationships(irand)) continue;
         if (mudmap.kovrnd(irand) == "NRM" && options.pseudofix) tvx_notyet();
+        if (mudmap.kovrnd(irand) != "GIN") continue;
+        const std::vector<double> d = given_diagonal(irand); // every level needs a variance
+        if (!std::all_of(d.begin(), d.end(), [](double x) { return x > 0.0; })) tvx_notyet();
     }
 }
 

@@ -144,11 +144,6 @@ void data_pass(const pattern_values& x) {
     if (options.principal) set_principal(factors);
 }
 
-void check_blocks() {
-    const auto reduced = [](int irand) { return model.krfit(irand) < model.kkfit(irand); };
-    if (reduced(0) || (residualvars.ipeq > 0 && reduced(residualvars.ipeq))) tvx_notyet();
-}
-
 } // namespace
 
 int block_size(int irand) {
@@ -166,7 +161,7 @@ factor_place factor_element(int irand, int step, int k) {
 
 void derivatives_mmm() {
     const int nparm = estimates.nparm;
-    check_blocks();
+    check_repeat_block();
     allocate("all devl1", derivs.devc, nparm);
     allocate("all devl1", derivs.devl1, nparm);
     autodiff_in_place();

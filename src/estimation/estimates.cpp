@@ -109,6 +109,7 @@ void final_step() {
 void get_estimates() {
     const int type = maximise.search_type;
     if (type == 1 || type == 6) check_average_info();
+    if (type == 5) check_repeat_block();
     double xlike = invalid_logl;
     first_evaluation(xlike);
     options.saverr_ready = false;

@@ -362,6 +362,20 @@ TEST_F(derivatives_test, SuppliedInverseWithoutSomeLevelsIsRefusedAtReducedRankB
     EXPECT_EQ(likelihoods.ncall, 0);
 }
 
+TEST_F(derivatives_test, RepeatEffectOfReducedRankIsRefusedBeforeEstimation) {
+    for (const char* plan : {"--aireml", "--emalg", "--pxem", "--pxai"}) {
+        reset_modules();
+        std::remove("nrminvers1.bin");
+        small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}, 2);
+        m.random.push_back({"pe", "PEQ", 2, 1, {0.4, 0.1, 0.5}});
+        m.principal = true;
+        m.random[0].rank = 2;
+        set_up(m, {plan});
+        EXPECT_STOP(get_estimates(), "not yet");
+        EXPECT_EQ(likelihoods.ncall, 0) << plan;
+    }
+}
+
 TEST_F(derivatives_test, FactorOfAnotherPedigreeStopsTheRun) {
     small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
     m.principal = true;
