@@ -412,6 +412,28 @@ TEST_F(derivatives_test, ResidualCovarianceFixedAtZeroHasNoDerivative) {
     expect_gradient();
 }
 
+// Traits 2 and 3 never meet, each of them meets trait 1.
+small_model apart() {
+    small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5});
+    for (auto& r : m.rows) {
+        r.y = {r.y[0] == -999.0 ? 11.0 : r.y[0], 20.0 + r.animal % 3, 30.0 + r.animal % 5};
+        r.y[r.animal % 2 ? 1 : 2] = -999.0;
+    }
+    return m;
+}
+
+TEST_F(derivatives_test, ZeroPatternOfTheResidualOnBothScales) {
+    for (const char* option : {"--reorder", "--forchol"}) {
+        reset_modules();
+        const small_model m = apart();
+        set_up(m, {"--aireml", option});
+        EXPECT_EQ(estimates.paraform(0), std::string(option) == "--forchol" ? "Variance" : "Original");
+        EXPECT_EQ(residualvars.fixres(5), 1);
+        EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(m, estimates.parvec), 1.0e-7);
+        expect_derivatives(m);
+    }
+}
+
 TEST_F(derivatives_test, SolutionsAndLogLikelihoodAreTheSameAfterDerivatives) {
     set_up(two_effects());
     const double x = program_logl(estimates.parvec, 1);

@@ -240,6 +240,87 @@ TEST_F(driver_test, RebuiltBlockIsTurnedToLogarithmsOnce) {
     EXPECT_NEAR(iterates().at(0).logl - gain, before, 2.0e-3);
 }
 
+TEST_F(driver_test, SearchThatFailsInTheLastIterateAllowedSaysThatTheLimitIsReached) {
+    set_up(families(1), {"--aireml200"});
+    maximise.aiconv_like = maximise.aiconv_norm = -1.0;
+    get_estimates();
+    const int last = iterates().back().round + 1; // the one that failed
+    reset_modules();
+    std::remove("Iterates");
+    set_up(families(1), {"--aireml" + std::to_string(last)});
+    maximise.aiconv_like = maximise.aiconv_norm = -1.0;
+    get_estimates();
+    EXPECT_NE(screen_text().find("line search failed "), std::string::npos);
+    EXPECT_NE(read_file("Iterates").find("Max. no. of iterates reached - not converged !\n"), std::string::npos);
+}
+
+TEST_F(driver_test, GoodStartTakesOneRoundAndBadOnesUpToEight) {
+    run(many_parameters(), {"--good"});
+    EXPECT_EQ(labels().substr(0, 3), "PPA");
+    reset_modules();
+    std::remove("Iterates");
+    small_model m = many_parameters();
+    for (double& x : m.residual) x *= 1000.0; // the first rounds gain much
+    run(m, {"--aireml30", "--bad"});
+    EXPECT_EQ(maximise.aireml_its, 60);
+    const std::size_t rounds = labels().find('A') - 1;
+    EXPECT_GT(rounds, 3u);
+    EXPECT_LE(rounds, 8u);
+    const auto log = iterates();
+    EXPECT_TRUE(rounds == 8 || log[rounds].logl - log[rounds - 1].logl < 2.0);
+}
+
+TEST_F(driver_test, RunAtTheBorderEndsNormally) {
+    small_model m = families(2, 90);
+    for (auto& r : m.rows) r.y = {r.y[0] == -999.0 ? 10.0 : r.y[0], 0.0};
+    for (auto& r : m.rows) r.y[1] = 1.5 * r.y[0] + 0.2 * ((r.animal * 37) % 11); // one genetic value for both traits
+    for (const char* option : {"--reconst", "--norecon"}) {
+        reset_modules();
+        for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
+        set_up(m, {"--aireml60", option});
+        const double start = program_logl(estimates.parvec);
+        get_estimates();
+        EXPECT_GT(estimates.xbest, start) << option;
+        EXPECT_NEAR(program_logl(estimates.parvec, 1), estimates.xbest, 1.0e-5) << option;
+    }
+}
+
+TEST_F(driver_test, StoredPointIsNotReadByIterateOfAFullRankRun) {
+    set_up(families(1), {"--aireml"});
+    EXPECT_FALSE(options.reconstruct);
+    double x = program_logl(estimates.parvec, 1);
+    options.aireml = true;
+    int iround = 0;
+    ai_reml(3, iround, x);
+    EXPECT_EQ(iround, 3);
+    EXPECT_EQ(estimates.xlike_file, invalid_logl);
+}
+
+TEST_F(driver_test, LastChangesAreKeptOldestFirst) {
+    run(families(1), {"--aireml2"});
+    const auto log = iterates();
+    ASSERT_EQ(log.size(), 3u);
+    const auto& c = maximise.cchanges;
+    for (int k = 0; k < 4; ++k) EXPECT_EQ(c[0][k], 0.0);
+    EXPECT_NEAR(c[1][0], log[1].logl - log[0].logl, 1.01e-3);
+    EXPECT_NEAR(c[2][0], log[2].logl - log[1].logl, 1.01e-3);
+    EXPECT_EQ(c[2][1], aireml_terms.pnorm);
+    EXPECT_EQ(c[2][2], aireml_terms.dnorm);
+    EXPECT_EQ(c[2][3], aireml_terms.slope);
+    EXPECT_LT(c[2][3], 0.0);
+}
+
+TEST_F(driver_test, CovarianceThatNoRecordTellsIsHeldOut) {
+    small_model m = families(2);
+    for (auto& r : m.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
+    run(m, {"--aireml"});
+    EXPECT_EQ(estimates.paraform(0), "Variance");
+    EXPECT_EQ(derivs.nparm2, estimates.nparm - 1);
+    EXPECT_EQ(derivs.fixpar(2), 1);
+    EXPECT_EQ(estimates.ispar(2), 1); // the search by directions meets it as a flat one
+    EXPECT_EQ(best_covariances(0)[1], 0.0);
+}
+
 TEST_F(driver_test, NoIterateAllowedLeavesTheBestPoint) {
     set_up(families(1), {"--aireml"});
     maximise.ncycle = 1;
