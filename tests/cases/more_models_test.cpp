@@ -197,4 +197,35 @@ TEST_F(MoreModels, FaultsOfSuppliedInverses) {
     EXPECT_EQ(run("--aireml1").status, 1);
 }
 
+// A repeat effect of one of two traits is an identity effect of that trait, in each kind of search.
+TEST_F(MoreModels, RepeatEffectOfOneTraitOfTwo) {
+    const auto p = make_population(50, 2, 3, 0.25, 93);
+    write_file("ped.dat", p.pedigree());
+    write_file("data.dat", p.one_trait_lines());
+    const auto parameters = [&](const std::string& effect) {
+        std::string names = "END\nMOD\n FIX herd\n RAN animal NRM\n RAN perm " + effect + "\n TR y1 1 -999\n TR y2 2 -999\nEND\n";
+        write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat GRP\n TRN 1 2\n traitno 2\n animal 999\n perm 999\n dam 999\n"
+                                " herd 4\n parity 3\n age 40\n NAM y1 y2\n" + names +
+                                    "VAR animal 2\n 4.5 1.5 3.5\nVAR perm 1\n 1.0\nVAR residual 2\n 6.0 0.5 5.5\n");
+    };
+    for (const std::string trait : {"1", "2"}) {
+        SCOPED_TRACE("trait " + trait);
+        std::filesystem::remove("BestPoint");
+        parameters("IDE " + trait);
+        const double at_start = start();
+        std::filesystem::remove("BestPoint");
+        finish("--aireml100,1e-8");
+        const auto best = read_best_point();
+        ASSERT_EQ(best.nparm, 7);
+        parameters("PEQ " + trait);
+        expect_relative(start(), at_start, 1e-8, "log L");
+        for (const char* options : {"--aireml100,1e-8", "--pxai3,100,1e-8", "--pxem400"}) {
+            SCOPED_TRACE(options);
+            std::filesystem::remove("BestPoint");
+            finish(options);
+            EXPECT_NEAR(read_best_point().loglike, best.loglike, 5e-3);
+        }
+    }
+}
+
 } // namespace
