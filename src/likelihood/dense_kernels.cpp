@@ -26,16 +26,16 @@ const dense_kernels_table* find_kernels(const char* name) {
 } // namespace
 
 bool set_instruction_set(const char* name) {
-    const dense_kernels_table* found = find_kernels(name);
+    const char* wanted = std::getenv("TVX_ISA");
+    const dense_kernels_table* found = nullptr;
+    if (*name == 0 && wanted) found = find_kernels(wanted);
+    if (!found) found = find_kernels(name);
     if (found) chosen = found;
     return found != nullptr;
 }
 
 const dense_kernels_table& dense_kernels() {
-    if (!chosen) {
-        const char* wanted = std::getenv("TVX_ISA");
-        if (!wanted || !set_instruction_set(wanted)) set_instruction_set("");
-    }
+    if (!chosen) set_instruction_set("");
     return *chosen;
 }
 

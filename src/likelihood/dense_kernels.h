@@ -67,7 +67,7 @@ struct dense_kernels_table {
 // The kernels of the best instruction set that the processor has, or of the one asked for by set_instruction_set or the
 // environment variable TVX_ISA ("baseline", "avx2", "avx512").
 const dense_kernels_table& dense_kernels();
-// "" goes back to the best; false, and no change, if this processor or build does not have it.
+// "" goes back to that of the environment, or the best; false, and no change, if this processor or build does not have it.
 bool set_instruction_set(const char* name);
 
 } // namespace tarvex

@@ -12,6 +12,7 @@
 #include "support/sparse_systems.h"
 
 #include <cmath>
+#include <cstdlib>
 #include <string>
 
 namespace tarvex {
@@ -429,6 +430,28 @@ TEST_F(kernel_test, unknown_instruction_set_is_refused) {
     const std::string before = dense_kernels().name;
     EXPECT_FALSE(set_instruction_set("none"));
     EXPECT_EQ(dense_kernels().name, before);
+}
+
+TEST_F(kernel_test, environment_forces_an_instruction_set) {
+    const char* set = std::getenv("TVX_ISA");
+    const std::string before = set ? set : "";
+    set_instruction_set("");
+    const std::string best = dense_kernels().name;
+    for (const char* name : {"baseline", "avx2", "avx512", "none"}) {
+        setenv("TVX_ISA", name, 1);
+        set_instruction_set("");
+        const std::string used = dense_kernels().name;
+        const bool known = set_instruction_set(name);
+        if (known || before.empty()) {
+            EXPECT_EQ(used, known ? name : best);
+        }
+    }
+    if (before.empty())
+        unsetenv("TVX_ISA");
+    else
+        setenv("TVX_ISA", before.c_str(), 1);
+    set_instruction_set("");
+    EXPECT_EQ(dense_kernels().name, best);
 }
 
 TEST_F(kernel_test, another_structure_is_noticed_without_being_told) {
