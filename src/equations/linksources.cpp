@@ -115,7 +115,9 @@ void form_residual_inverses() {
     array<double> parvec = estimates.parvec; // clamps must not touch the starting point
     int ifail = 0;
     rinverse(parvec, estimates.nparm, 0, ifail);
-    if (ifail != 0) stop("RE-inv adj");
+    if (ifail == 0) return;
+    if (!options.blup) stop("RE-inv adj");
+    residualvars.eei = {}; // all records of a subject are linked; the run is going to refuse the matrix in its own words
 }
 
 // Adds the equations of record i that stay to `rows`.

@@ -23,9 +23,9 @@ namespace tarvex {
 
 namespace {
 
-// The given matrix of a block is positive definite (all steps of the residual).
+// The given matrix of a block is positive definite (all steps of the residual), at reduced rank in its leading components.
 bool positive_definite(int irand) {
-    const int n = model.kkfit(irand), steps = irand == 0 ? model.rr_resteps : 1;
+    const int n = model.kkfit(irand), rank = model.krfit(irand), steps = irand == 0 ? model.rr_resteps : 1;
     if (model.diagonal(irand))
         return std::all_of(model.cov.column(irand).begin(), model.cov.column(irand).begin() + n, [](double v) { return v > 0.0; });
     for (int step = 1; step <= steps; ++step) {
@@ -37,7 +37,7 @@ bool positive_definite(int irand) {
                 a(i, j) = a(j, i) = model.cov((step - 1) * n * (n + 1) / 2 + ihmssf(i, j, n), irand);
         int nzero = 0;
         eigem(a, eig, vectors, n, numbers.zero, nzero);
-        if (!(eig(n) > 0.0)) return false;
+        if (!(eig(rank) > 0.0)) return false;
     }
     return true;
 }

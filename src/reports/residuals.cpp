@@ -32,8 +32,11 @@ void write_residuals() {
             print_list(out, datavecs.yvec(i + 1), yy[row]);
         }
         for (int i = 0; i < d.nobs; ++i)
-            for (int j = 0; j < d.nobs; ++j)
-                ssres(datavecs.ynq(i + 1), datavecs.ynq(j + 1)) += yy[static_cast<std::size_t>(i)] * yy[static_cast<std::size_t>(j)];
+            for (int j = 0; j < d.nobs; ++j) {
+                const int iq = datavecs.ynq(i + 1), jq = datavecs.ynq(j + 1);
+                if (i != j && iq == jq) continue; // no products between repeated records of a trait
+                ssres(iq, jq) += yy[static_cast<std::size_t>(i)] * yy[static_cast<std::size_t>(j)];
+            }
     }
     if (!options.details) return;
     print_list(screen(), "SS residuals");
