@@ -79,6 +79,20 @@ TEST_F(modelsum_test, pairs_of_more_than_ten_traits_wrap) {
     EXPECT_EQ(text.find("Covariables"), std::string::npos);
 }
 
+TEST_F(modelsum_test, pairs_stand_with_their_traits) {
+    prepare("DAT t.dat\n animal 10\n y1\n y2\n y3\nEND\nPED p\nANA MUV 3\nMOD EQ\n RAN animal NRM\n TRAIT y1 1 -9\n"
+            " TRAIT y2 2 -9\n TRAIT y3 3 -9\nEND\nVAR animal 3\n 2 .1 .1 2 .1 2\nVAR residual 3\n 2 .1 .1 2 .1 2\n",
+            "1 5 6 -9\n2 4 -9 7\n3 3 6 5\n4 -9 5 4\n5 -9 -9 7\n6 2 -9 1\n7 2 -9 3\n8 -9 4 1\n", 8);
+    data_scan1st();
+    write_modelsum();
+    EXPECT_NE(body().find("                         1      2      3\n"
+                          "   1  \"y1\"               5\n"
+                          "   2  \"y2\"               2      4\n"
+                          "   3  \"y3\"               4      3      7\n"),
+              std::string::npos)
+        << body();
+}
+
 TEST_F(modelsum_test, control_variables) {
     prepare(
         "DAT t.dat\n animal 10\n age 40\n y\nEND\nANA RR\nMOD\n RAN animal(2,LEG) IDE\n RRC age\n TRAIT y 1 -9\nEND\n"
