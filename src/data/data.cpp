@@ -44,6 +44,7 @@ bool next_line(data_reader& reader, const char*& b, const char*& e) {
         if (reader.in) {
             reader.in.read(reader.buffer.data() + have, static_cast<std::streamsize>(chunk));
             got = reader.in.gcount();
+            if (reader.in.bad()) data_error(reader.ndatrec);
         }
         reader.end += static_cast<std::size_t>(got);
         if (got == 0) {

@@ -142,7 +142,7 @@ int next_pedrec(ped_reader& reader, long long& ian, long long& idad, long long& 
             if (list.next(*value) != list_read::value) return -1;
         return 1;
     }
-    return 0;
+    return reader.in.bad() ? -1 : 0;
 }
 
 const char* pedrec_fault(long long ian, long long idad, long long imum) {

@@ -142,6 +142,7 @@ void check_ginverse(int irand) {
         nlmax = std::max(nlmax, e.row);
         elements.push_back(e);
     }
+    if (text.in.bad()) read_error(name, nn);
     geninverse.detginv(irand) = detg;
     geninverse.nnginv(irand) = nn;
     if (options.verbose) write(screen(), "(2x,3a,i8)", "File \"", name, "\"  No. records =", nn);

@@ -260,7 +260,25 @@ TEST_F(OptionEffects, NoOperatorIsNeeded) {
     }
 }
 
-// ---- files that cannot be written
+// ---- files that cannot be read or written
+
+// A file may be opened and then fail: that is no end of the records.
+TEST_F(OptionEffects, FilesThatFailWhileTheyAreRead) {
+    const std::string failing = "/proc/self/mem";
+    if (!std::filesystem::exists(failing)) GTEST_SKIP();
+    for (const char* file : {"data.dat", "ped.dat", "textbook_uni.par"}) {
+        ASSERT_TRUE(bring("textbook_uni"));
+        std::filesystem::remove(file);
+        std::filesystem::create_symlink(failing, file);
+        const auto result = run("--blup");
+        std::filesystem::remove(file);
+        EXPECT_EQ(result.status, 1) << file;
+        const std::string words = file[0] == 'd'   ? "***** ERROR : reading data file *****\n"
+                                  : file[0] == 'p' ? "***** ERROR in pedigree file"
+                                                   : "***** ERROR reading parameter file";
+        EXPECT_NE(result.output.find(words), std::string::npos) << file << "\n" << result.output;
+    }
+}
 
 TEST_F(OptionEffects, ReportsOnAFullDisk) {
     for (const char* report : {"SumEstimates.out", "RnSoln_animal.dat", "Iterates", "Residuals.dat"}) {
