@@ -419,6 +419,36 @@ TEST_F(driver_test, TraceWritesRoundsAndNumberedPoints) {
     EXPECT_FALSE(read_file("Estimates").empty());
 }
 
+TEST_F(driver_test, TraceOfAverageInformationAndItsTimes) {
+    set_up(families(1), {"--aireml3", "-zq", "--times"});
+    get_estimates();
+    EXPECT_EQ(count(read_file("AIiterates"), "\n"), static_cast<int>(iterates().size()));
+    EXPECT_EQ(read_file("AIiterates").substr(0, 17), "   0     -135.354");
+    EXPECT_FALSE(read_file(filenames.bestfile + "001").empty());
+    for (const char* words : {"***Time: AI ", "***Time: 1st - residuals ", "***Time: 1st - all "})
+        EXPECT_NE(screen_text().find(words), std::string::npos) << words;
+}
+
+// Steps that lose are taken where this is allowed; the run still ends at the best point.
+TEST_F(driver_test, LosingStepIsTakenWithoutTheStrictRule) {
+    small_model m = families(1);
+    m.random[0].g = {40.0};
+    m.residual = {0.05};
+    set_up(m, {"--aireml1", "--nostrict", "--nologd"});
+    get_estimates();
+    const auto log = iterates();
+    ASSERT_EQ(log.size(), 2u);
+    ASSERT_LT(log[1].logl, log[0].logl) << "the case does not lose";
+    EXPECT_FALSE(maximise.converged);
+    EXPECT_NEAR(estimates.xbest, log[0].logl, 1.0e-3);
+    EXPECT_NEAR(program_logl(estimates.parvec), log[0].logl, 1.0e-3);
+    EXPECT_EQ(maximise.cchanges[2][0], 0.0); // no test, no record of changes
+    std::istringstream in(read_file(filenames.aiparsfile)); // written again for the final point
+    double x = 0.0;
+    in >> x;
+    EXPECT_NEAR(x, log[0].logl, 1.0e-3);
+}
+
 // ---- form of the records
 
 std::string form_for(double dd, double dnorm, double pnorm, double prox, int ncall = 5) {
