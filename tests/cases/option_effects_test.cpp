@@ -126,6 +126,34 @@ TEST_F(OptionEffects, OneParentTwiceOnlyWithSelfing) {
     EXPECT_EQ(read_random_solutions("animal").size(), 8u);
 }
 
+// Few parameters: AI-REML alone, on factors, so that covariance matrices stay such up to the border.
+TEST_F(OptionEffects, SmallAnalysesRunOnFactors) {
+    auto p = make_population(80, 2, 1, 0.0, 71);
+    int k = 0;
+    for (auto& r : p.records) r.y[1] = std::stod(population::text_of(0.5 * r.y[0] + 0.01 * (++k % 7)));
+    write_file("ped.dat", p.pedigree());
+    write_file("data.dat", p.all_traits_lines());
+    write_file("textbook_uni.par",
+               "PED ped.dat\nANA MUV 2\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n"
+               " age 40\n y1\n y2\nEND\nMOD EQ\n FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n"
+               "VAR animal 2\n 4.5 1.5 3.5\nVAR residual 2\n 6.0 0.5 5.5\n");
+    const std::string output = finish("-v").output;
+    for (const char* name : {"CHOL Z 1 1", "CHOL Z 1 2", "CHOL Z 2 2", "CHOL A 1 1", "CHOL A 1 2", "CHOL A 2 2"})
+        EXPECT_NE(output.find(name), std::string::npos) << name;
+    const auto rounds = iterates_of(output);
+    ASSERT_GT(rounds.size(), 2u);
+    for (const auto& round : rounds) EXPECT_EQ(round.kind, "AI");
+    const auto best = read_best_point();
+    ASSERT_EQ(best.values.size(), 6u);
+    for (const std::size_t i : {0u, 3u}) {
+        const double a = best.values[i], c = best.values[i + 1], b = best.values[i + 2];
+        EXPECT_GT(a, 0.0);
+        EXPECT_GT(b, 0.0);
+        EXPECT_GE(a * b - c * c, -1e-12 * a * b);
+    }
+    EXPECT_GT(best.values[1] / std::sqrt(best.values[0] * best.values[2]), 0.99);
+}
+
 // ---- values out of all range
 
 TEST_F(OptionEffects, AnyNumberIsSurvived) {
