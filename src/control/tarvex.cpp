@@ -4,6 +4,8 @@
 #include "support/stop.h"
 
 #include <exception>
+#include <new>
+#include <string>
 
 namespace {
 
@@ -25,7 +27,9 @@ int main(int argc, char** argv) {
         const auto end = checked(stopped);
         if (!end.text.empty()) tarvex::screen().line(end.text);
         status = end.status;
-    } catch (const std::exception& fault) { // out of memory in a small allocation
+    } catch (const std::bad_alloc&) { // in a small allocation; large ones are named
+        tarvex::screen().line("not enough memory");
+    } catch (const std::exception& fault) {
         tarvex::screen().line(fault.what());
     }
     tarvex::flush_all();

@@ -323,6 +323,28 @@ TEST_F(OptionEffects, ReportsOnAFullDisk) {
     EXPECT_EQ(in_shell("> /dev/full", {"--limit"}).status, 1);
 }
 
+#if !defined(__SANITIZE_ADDRESS__)
+// With less and less memory the run stops where it is, and says so.
+TEST_F(OptionEffects, LackOfMemory) {
+    int refused = 0;
+    for (int kilobytes = 60000; kilobytes > 10000; kilobytes -= 2000) {
+        for (const char* file : {"nrminvers1.bin", "eqnsorder.bin", "symbfact.bin"}) std::filesystem::remove(file);
+        const auto result =
+            run_binary("/bin/sh", {"-c", "ulimit -v " + std::to_string(kilobytes) + "; exec \"$0\" \"$@\"", TVX_PROGRAM,
+                                   "--aireml1", name_});
+        if (result.status == 127) break; // the program itself does not fit
+        ASSERT_TRUE(result.status == 0 || result.status == 1) << kilobytes << " " << result.status << "\n"
+                                                              << result.output;
+        if (result.status == 0) continue;
+        ++refused;
+        const auto lines = lines_of(result.output);
+        ASSERT_FALSE(lines.empty());
+        EXPECT_FALSE(lines.back().empty());
+    }
+    EXPECT_GT(refused, 0);
+}
+#endif
+
 TEST_F(OptionEffects, BestPointIsNotReplacedByAPartOfOne) {
     finish("--aireml1");
     const std::string before = read_file("BestPoint");
