@@ -165,7 +165,7 @@ void covariable_type(int i, int iq, const bracket& b) {
     } else if (type == "SPL" || type == "USR") {
         tvx_notyet();
     } else if (type != "POL") {
-        print_list(screen(), "Error : Invalid type of covariable ", b.text.substr(0, 3));
+        print_list(screen(), "Error : Invalid type of covariable ", type);
         stoptarvex();
     }
 }

@@ -188,19 +188,19 @@ void read_option(par_lines& p, int irand) {
 void read_block(par_state& s, const std::string& name) {
     auto& p = s.lines;
     const int n = read_order(p);
-    if (numbers.krand == s.maxblocks) rdpar_err(p, "Max. no. of random effects exceeded !");
-    const int irand = ++numbers.krand;
     int m = n;
     if (options.principal) {
         m = next_digit(p);
         if (m > n) rdpar_err(p, "Reduced rank fit too large");
         if (m < 1) rdpar_err(p, "Reduced rank fit too small");
     }
-    for (int i = 1; i < irand; ++i)
+    for (int i = 1; i <= numbers.krand; ++i)
         if (model.krandom(i) == name) {
             print_list(screen(), " Random effect name used more than once : ", name);
             stoptarvex();
         }
+    if (numbers.krand == s.maxblocks) rdpar_err(p, "Max. no. of random effects exceeded !");
+    const int irand = ++numbers.krand;
     model.krandom(irand) = name;
     model.kkfit(irand) = n;
     model.krfit(irand) = m;

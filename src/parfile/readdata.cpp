@@ -47,8 +47,7 @@ bool block_line(par_state& s) {
 int read_traitno(par_lines& p) {
     int iq = 0;
     if (p.pline[2] == ' ') {
-        if (!next_var(p)) rdpar_err(p, "No trait no. found !");
-        iq = this_digit(p);
+        iq = next_digit(p);
         drop_head(p, p.i2 - 1);
     } else {
         if (!is_digit(p.pline[2])) rdpar_err(p, "No trait no. found !");

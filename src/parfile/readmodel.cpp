@@ -144,7 +144,9 @@ void read_position(par_state& s) {
     auto& p = s.lines;
     if (options.equal_model) rdpar_err(p, "Invalid for \"equal model\" opt.");
     int ii = 0, iq = 0;
-    const bool good = next_var(p) && read_integer(token(p), ii) && next_var(p) && read_integer(token(p), iq);
+    const bool more = next_var(p);
+    list_reader numbers_of(std::string_view(p.pline).substr(static_cast<std::size_t>(p.i1 - 1)));
+    const bool good = more && numbers_of.next(ii) == list_read::value && numbers_of.next(iq) == list_read::value;
     if (!good) rdpar_err(p, "Something wrong parsing line !");
     datafile.trno_pos[check_trait(p, iq)] = ii;
     if (ii != 1) tvx_notyet();

@@ -98,7 +98,8 @@ TEST_F(parfile_messages, analysis) {
 
 TEST_F(parfile_messages, data_columns) {
     fails(uni, " herd ", " treatment ", "No trait no. found !");
-    fails(uni, " herd ", " TR\n herd ", "No trait no. found !");
+    fails(uni, " herd ", " TRx\n herd ", "No trait no. found !");
+    fails(uni, " herd ", " TR\n herd ", "Missing number !");
     fails(uni, " herd ", " TR x\n herd ", "Expect digit !");
     fails(uni, " herd ", " TR0 herd ", "No trait no. found !");
     fails(uni, " herd ", " TR34 herd ", "Trait no. too big");
@@ -133,6 +134,10 @@ TEST_F(parfile_messages, model_lines) {
     fails(uni, " FIX sex", " NUM 1 1", "Invalid for \"equal model\" opt.");
     fails(multi, " FIX herd 1 2", " NUM 3 1", "not yet been fully");
     EXPECT_EQ(datafile.trno_pos[1], 3);
+    EXPECT_NO_THROW(map(with(multi, " FIX herd 1 2", " NUM 1,2")));
+    EXPECT_EQ(datafile.trno_pos[2], 1);
+    EXPECT_EQ(datafile.trno_pos[1], -1);
+    fails(multi, " FIX herd 1 2", " NUM x 1", "Something wrong parsing line !");
     fails(multi, " FIX herd 1 2", " NUM 1", "Something wrong parsing line !");
     fails(multi, " FIX herd 1 2", " NUM 1 3", "Invalid trait no. specified");
     fails(multi, " FIX herd 1 2", " FIX herd 1 2 1", "Invalid no. of traits");
@@ -181,6 +186,7 @@ TEST_F(parfile_messages, covariance_lines) {
     fails("ANA UNI\nVAR animal 1\n 3\n", "Specify model before covariances !");
     fails(uni, "VAR animal 1", "VAR", "Name of effect is missing !");
     fails(rep, "VAR cowpe", "VAR cow", " Random effect name used more than once :  cow");
+    fails(uni, "VAR residual", "VAR animal 1\n 30.0\nVAR residual", " Random effect name used more than once :  animal");
     fails(examples::four_pc, "VAR animal 4 2", "VAR animal 4 5", "Reduced rank fit too large");
     fails(examples::four_pc, "VAR animal 4 2", "VAR animal 4 0", "Reduced rank fit too small");
     fails(examples::four_pc, "VAR animal 4 2", "VAR animal 4 2 DIA",
@@ -292,7 +298,7 @@ TEST_F(parfile_messages, mapping_of_covariables) {
           "Error : Covariable type too short : \"birthweightx*sex(2,P\""); // cut at 20 characters
     fails(uni, "age(1,POL)", "age(x,POL)", "Error reading order of fit in \"age(x,POL)\"");
     fails(uni, "age(1,POL)", "age(0,POL)", "Error reading order of fit in \"age(0,POL)\"");
-    fails(uni, "age(1,POL)", "age(1,XYZ)", "Error : Invalid type of covariable  XYZ");
+    fails(uni, "age(1,POL)", "age(1,xyzw)", "Error : Invalid type of covariable  XYZ\n");
     fails(uni, "age(1,POL)", "age(4,BSPX)", "Invalid option for degree of spline \"X\"");
     fails(uni, "age(1,POL)", "age(3,SPL)", "not yet been fully");
     fails(uni, "age(1,POL)", "age(3,USR)", "not yet been fully");
