@@ -248,6 +248,12 @@ TEST_F(mudmap_build, faults_of_correlated_effects) {
                 "Invalid cov option 2 ");
     EXPECT_STOP(map(correlated("VAR animal 2\n 9 1 9\nVAR dam 2 +\n 9 1 9\n")), "not yet");
     EXPECT_TRUE(options.sigam);
+    EXPECT_STOP(map(with(correlated("VAR animal 2\n 9 1 9\nVAR dam 2\n 9 1 9\n"), "VAR residual 2", "VAR animal 2 +")),
+                "Random effect name used more than once");
+    std::string text = with(examples::growth, "VAR animal 3\n 20 4 1 5 0.5 2\nVAR pe 2\n 15 2 4\n",
+                            "VAR animal+pe 5\n 9 0 0 0 0 9 0 0 0 9 0 0 9 0 9\n");
+    EXPECT_STOP(map(with(text, "RAN pe(2,LEG) IDE", "RAN pe(2,LEG) NRM")), "not yet"); // only of one coefficient each
+    EXPECT_STOP(map(with(examples::growth, "VAR pe 2", "VAR pe 2 +")), "not yet");
     EXPECT_STOP(map(correlated("VAR animal+sire 4\n 9 1 1 1 9 1 1 9 1 9\n")), "not yet");
 }
 

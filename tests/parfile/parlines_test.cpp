@@ -202,12 +202,85 @@ TEST_F(parlines, code_of_the_analysis) {
     EXPECT_EQ(numbers.nq, 4);
 }
 
+TEST_F(parlines, the_last_hash_begins_the_comment_of_the_analysis) {
+    read(with(uni, "ANA UNI         # univariate", "ANA UNI # a # b"));
+    EXPECT_EQ(model.analysis, "UNI # a");
+    EXPECT_EQ(model.anal_type, 1);
+    read(with(examples::growth, "ANA RR", "ANA RR#x"));
+    EXPECT_EQ(model.analysis, "RR");
+    EXPECT_EQ(model.anal_type, 3);
+}
+
+TEST_F(parlines, reduced_rank_of_random_regressions) {
+    std::string text = with(examples::growth, "ANA RR", "ANA rr pC");
+    read(with(with(text, "VAR animal 3", "VAR animal 3 2"), "VAR pe 2", "VAR pe 2 2"));
+    EXPECT_TRUE(options.principal && options.randreg);
+    EXPECT_EQ(numbers.nq, 1);
+    EXPECT_EQ(model.krfit(1), 2);
+    EXPECT_EQ(model.kkfit(1), 3);
+    EXPECT_STOP(read(text), "Missing number !"); // no rank
+}
+
+TEST_F(parlines, lines_of_the_model_in_lower_case) {
+    std::string text = with(examples::grouped, " MEA 3\n", " mu 3\n");
+    read(with(with(text, "RAN animal NRM", "ran animal nrm"), "FIX herd", "fix herd"));
+    EXPECT_EQ(model.fitmean(3), 1);
+    EXPECT_EQ(model.fitmean(2), 0);
+    EXPECT_EQ(model.rnd_opt(1, 3), "NRM");
+    EXPECT_EQ(model.nfix(2), 1);
+    read(with(text, " mu 3\n", " MU\n"));
+    EXPECT_EQ(model.fitmean(1), 1);
+}
+
+TEST_F(parlines, a_plus_behind_the_keyword_ties_effects) {
+    for (const char* line : {"VAR animal 1 # a+b", "VAR animal 1    +"}) {
+        read(with(uni, "VAR animal 1", line));
+        EXPECT_TRUE(options.sigam) << line;
+    }
+    EXPECT_STOP(read(with(uni, "VAR animal 1", "VAR animal 1+")), "Something wrong parsing line !");
+    read(with(uni, "VAR residual 1", "VAR residual 1 +"));
+    EXPECT_FALSE(options.sigam);
+}
+
+TEST_F(parlines, names_that_begin_with_end_close_lists_of_levels) {
+    EXPECT_STOP(read(uni + "ZER\n herd 1\n endow 5\n herd 2\nEND\n"), "Invalid descriptor !");
+    EXPECT_EQ(zerout.nzerout, 1);
+    EXPECT_STOP(read(uni + "PSE\n animal 1\n Endow 5\n animal 2\nEND\n"), "Invalid descriptor !");
+    EXPECT_EQ(randasfix.npsfix, 1);
+    read(uni + "SE+\n SUM a 1 2\neNd\n");
+    EXPECT_EQ(usrdefcovs.ncovadd, 1);
+}
+
+TEST_F(parlines, functions_of_a_later_block_replace_earlier_ones) {
+    read(uni + "SE+\n SUM a 1 2\n VRA h 2 3\nEND\nSE+\n SUM a_name_of_more_than_14 1(-1.5D0)\nEND\n");
+    ASSERT_EQ(usrdefcovs.ncovadd, 1);
+    EXPECT_EQ(usrdefcovs.naddgps, 0);
+    EXPECT_EQ(usrdefcovs.addcovname[0], "a_name_of_more");
+    EXPECT_EQ(usrdefcovs.addcov[0][0].factor, -1.5);
+}
+
+TEST_F(parlines, a_later_model_replaces_an_earlier_one) {
+    const std::string before = "MOD\n FIX dam\n MEA\n NUM 1 2\n TR a \"4\"->1\nEND\n";
+    read(with(examples::renumbered, "MOD\n", before + "MOD\n"));
+    EXPECT_EQ(model.nfix(1), 1);
+    EXPECT_EQ(model.fitmean(1), 0);
+    EXPECT_EQ(d.trno_pos[2], -1);
+    EXPECT_EQ(d.iq_newno[4], -1);
+    EXPECT_EQ(d.iq_newno[3], 1);
+}
+
 TEST_F(parlines, odd_first_words_of_data_columns) {
     read(with(uni, " age\n", " age\n colour 5\n COL treatment 3\n"));
     EXPECT_EQ(d.ndatcol[1], 7);
     EXPECT_EQ(d.colname[5][1], "5");
     EXPECT_EQ(d.colname[6][1], "treatment");
     EXPECT_EQ(d.mlevels[6][1], 3);
+    read(with(uni, " age\n", " age\n tR5 7\n col x\n Tr 1 y 4\n COL\n"));
+    EXPECT_EQ(d.ndatcol[1], 8);
+    EXPECT_EQ(d.colname[5][1], "tR5");
+    EXPECT_EQ(d.colname[6][1], "x");
+    EXPECT_EQ(d.colname[7][1], "y");
+    EXPECT_EQ(d.mlevels[7][1], 4);
     EXPECT_STOP(read(with(uni, " age\n", " endpoint 5\n")), "Invalid descriptor !"); // ends the block
 }
 

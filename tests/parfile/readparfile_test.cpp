@@ -151,6 +151,8 @@ TEST_F(readparfile, grouped_data) {
         EXPECT_EQ(datafile.colname[4][iq], "w" + std::to_string(iq));
         EXPECT_EQ(datafile.name_of_trait[4][iq], 1);
         EXPECT_EQ(datafile.mlevels[3][iq], 30);
+        EXPECT_EQ(datafile.mlevels[4][iq], 0);
+        EXPECT_EQ(datafile.trno_pos[iq], -1);
     }
     EXPECT_EQ(model.fitmean(3), 1);
     EXPECT_EQ(model.fitmean(1), 0);
