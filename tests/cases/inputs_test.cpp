@@ -111,12 +111,14 @@ TEST_F(Faults, NoRecords) {
 
 TEST_F(Faults, IndefiniteStartingMatrices) {
     replace_in("textbook_uni.par", " 20.0", " -20.0");
-    for (const char* options : {"--aireml3", "--pxem3", "--blup"}) expect_fault("Matrix of starting values is \"invalid\"", options);
+    for (const char* options : {"--aireml3", "--pxem3"}) expect_fault("Matrix of starting values is \"invalid\"", options);
+    expect_fault("Invalid random covariance matrix for BLUP", "--blup");
     replace_in("textbook_uni.par", " -20.0", " 0.0");
     expect_fault(" - change, making sure matrix is positive definite !");
     replace_in("textbook_uni.par", " 0.0", " 20.0");
     replace_in("textbook_uni.par", " 40.0", " -40.0");
     expect_fault("Matrix of starting values is \"invalid\"");
+    expect_fault("Invalid residual covariance matrix for BLUP", "--blup");
 
     ASSERT_TRUE(bring("textbook_biv"));
     replace_in("textbook_biv.par", "20.0 18.0 40.0", "20.0 38.0 40.0"); // a correlation above 1
