@@ -2,6 +2,8 @@
 #include "case_run.h"
 #include "population.h"
 
+#include <map>
+
 using namespace tarvex;
 
 namespace {
@@ -70,8 +72,173 @@ TEST_F(Simulate, EffectsThatCannotBeSimulatedAreRefused) {
     std::string text = read_file("model.par");
     text.replace(text.find("RAN animal NRM"), 14, "RAN animal NRM\n RAN perm PEQ");
     write_file("model.par", text + "VAR perm 2\n 1.0 0.1 1.0\n");
-    EXPECT_EQ(run("--simul").status, 1);
+    auto result = run("--simul");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.output.find("Cannot simulate data for this random effect :  perm 2  with covariance structure   PEQ\n"), std::string::npos)
+        << result.output;
     EXPECT_FALSE(std::filesystem::exists("SimData001.dat"));
+    std::string inverse = "0.0\n", codes; // the identity
+    for (int i = 1; i <= p_.animals(); ++i) {
+        inverse += std::to_string(i) + " " + std::to_string(i) + " 1.0\n";
+        codes += std::to_string(i) + " " + std::to_string(i) + "\n";
+    }
+    write_file("animal.gin", inverse);
+    write_file("animal.codes", codes);
+    parameters("model.par", "data.dat", "", "y");
+    text = read_file("model.par");
+    text.erase(0, text.find("ANA"));
+    write_file("model.par", text.replace(text.find("NRM"), 3, "GIN"));
+    result = run("--simul");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.output.find("Cannot simulate data for this random effect :  animal 1  with covariance structure   GIN\n"), std::string::npos)
+        << result.output;
+}
+
+TEST_F(Simulate, InverseOfAnEarlierRunLeavesNoInbreeding) {
+    finish("--aireml1");
+    const auto result = run("--simul");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.output.find("Inbreeding coefficients not set/no success retrieving file  \n"
+                                 "... delete any \"nrminvers*.bin\" files from previous runs ...\n"),
+              std::string::npos)
+        << result.output;
+    std::filesystem::remove("nrminvers1.bin");
+    finish("--simul");
+}
+
+TEST_F(Simulate, NamesAreFilledWithZeros) {
+    write_file("ped.dat", "3 1 2\n");
+    write_file("data.dat", "1 1 0 1 1 20 5 6\n2 2 0 1 1 21 6 7\n3 3 2 1 1 22 8 6\n");
+    std::filesystem::remove("RandomSeeds");
+    const auto one = finish("--simul"); // without a number, and without seeds
+    EXPECT_NE(one.output.find("Initial random no.s = "), std::string::npos);
+    EXPECT_EQ(words_of(read_file("RandomSeeds")).size(), 2u);
+    EXPECT_TRUE(std::filesystem::exists("SimData001.dat"));
+    EXPECT_FALSE(std::filesystem::exists("SimData002.dat"));
+    std::filesystem::remove("nrminvers1.bin");
+    finish("--simul100");
+    for (const char* file : {"SimData009.dat", "SimData010.dat", "SimData099.dat", "SimData100.dat"})
+        EXPECT_EQ(lines_of(read_file(file)).size(), 3u) << file;
+    EXPECT_FALSE(std::filesystem::exists("SimData101.dat"));
+    std::filesystem::remove("nrminvers1.bin");
+    const auto many = run("--simul1000");
+    EXPECT_EQ(many.status, 1);
+    EXPECT_NE(many.output.find("Max. no. of replicates (999) exceeded !\n"), std::string::npos) << many.output;
+}
+
+TEST_F(Simulate, ReportOfSampledCovariances) {
+    const auto result = finish("-v --simul20");
+    const auto at = result.output.find("\nRandom effect no. 1 ");
+    ASSERT_NE(at, std::string::npos) << result.output;
+    const auto lines = lines_of(result.output.substr(at + 1));
+    EXPECT_GT(number_of(words_of(lines[0]).at(4)), 400);
+    const double given[] = {4.0, 2.0, 5.0}, variance[] = {32.0, 24.0, 50.0};
+    const char* head[] = {"   1   1", "   1   2", "   2   2"};
+    for (std::size_t k = 0; k < 3; ++k) {
+        const auto w = words_of(lines.at(k + 1));
+        EXPECT_TRUE(lines[k + 1].starts_with(head[k])) << lines[k + 1];
+        EXPECT_EQ(number_of(w.at(2)), given[k]);
+        EXPECT_NEAR(number_of(w.at(3)), given[k], 4.0 * std::sqrt(variance[k] / (20.0 * 400)));
+    }
+    EXPECT_TRUE(result.output.ends_with("\"Tarvex\" has finished !\n"));
+}
+
+// Lines of the file by animal and trait, the last column.
+using values_of = std::map<std::pair<int, int>, double>;
+static values_of one_trait_values(const std::string& file) {
+    values_of y;
+    for (const auto& line : lines_of(read_file(file))) {
+        const auto w = words_of(line);
+        y[{static_cast<int>(number_of(w.at(1))), static_cast<int>(number_of(w.at(0)))}] = number_of(w.back());
+    }
+    return y;
+}
+
+TEST_F(Simulate, LinesOfOneTraitShareTheirResiduals) {
+    const auto p = make_population(1500, 2, 1, 0.1, 62);
+    write_file("ped.dat", p.pedigree());
+    const std::string lines = p.one_trait_lines();
+    write_file("data.dat", "# head\n# of the file\n" + lines + "1 5 5 0 1 1 20 -999\n"); // the last one has no record
+    std::string columns;
+    for (const char* t : {"1", "2"})
+        columns += std::string(" TR") + t + " tno\n animal 9999\n perm 9999\n dam 9999\n herd 4\n parity 3\n age 40\n y\n";
+    std::string text = "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + columns +
+                       "END\nMOD\n FIX herd\n RAN animal NRM\n TR y 1 -999\n TR y 2 -999\nEND\nVAR animal 2\n 0.0001 0 0.0001\n"
+                       "VAR residual 2\n 4.0 4.8 9.0\n";
+    write_file("model.par", text);
+    finish("--simul");
+    const auto given = lines_of(lines), found = lines_of(read_file("SimData001.dat"));
+    ASSERT_EQ(found.size(), given.size());
+    for (std::size_t i = 0; i < given.size(); ++i) {
+        const auto old = words_of(given[i]), now = words_of(found[i]);
+        ASSERT_EQ(now.size(), old.size() + 1);
+        for (std::size_t k = 0; k < old.size(); ++k) EXPECT_EQ(number_of(now[k]), number_of(old[k])) << found[i];
+    }
+    double v1 = 0, v2 = 0, c = 0;
+    int n = 0;
+    const auto y = one_trait_values("SimData001.dat");
+    for (const auto& [key, value] : y) {
+        const auto other = y.find({key.first, 2});
+        if (key.second != 1 || other == y.end()) continue;
+        v1 += value * value, c += value * other->second, v2 += other->second * other->second, ++n;
+    }
+    ASSERT_GT(n, 900);
+    EXPECT_NEAR(v1 / n, 4.0, 4.0 * std::sqrt(32.0 / n));
+    EXPECT_NEAR(v2 / n, 9.0, 4.0 * std::sqrt(162.0 / n));
+    EXPECT_NEAR(c / n, 4.8, 4.0 * std::sqrt((36.0 + 23.0) / n)); // correlation 0.8
+}
+
+TEST_F(Simulate, CorrelatedDirectAndMaternalEffects) {
+    std::string pedigree, data;
+    constexpr int dams = 1500; // two half-sibs from each
+    for (int d = 1; d <= dams; ++d)
+        for (int k = 1; k <= 2; ++k) {
+            const std::string i = std::to_string(dams + 2 * (d - 1) + k);
+            pedigree += i + " 0 " + std::to_string(d) + "\n";
+            data += i + " " + std::to_string(d) + " 7\n";
+        }
+    write_file("ped.dat", pedigree);
+    write_file("data.dat", data);
+    write_file("model.par", "PED ped.dat\nANA UNI\nDAT data.dat\n animal 9999\n dam 9999\n y\nEND\nMOD\n MEA\n RAN animal NRM\n RAN dam NRM\n"
+                            " TR y 1 -999\nEND\nVAR animal+dam 2\n 4.0 -1.5\n 2.0\nVAR residual 1\n 1.0\n");
+    finish("--simul4");
+    double v = 0, c = 0;
+    int n = 0;
+    for (int r = 1; r <= 4; ++r) {
+        const auto lines = lines_of(read_file("SimData00" + std::to_string(r) + ".dat"));
+        ASSERT_EQ(lines.size(), 2u * dams);
+        for (std::size_t d = 0; d < dams; ++d) {
+            const double x = number_of(words_of(lines[2 * d]).back()), y = number_of(words_of(lines[2 * d + 1]).back());
+            v += 0.5 * (x * x + y * y), c += x * y, ++n;
+        }
+    }
+    // direct and maternal effects of dam and offspring: 4 + 2 - 1.5 + 1, and 4/4 - 1.5 + 2 between half-sibs
+    EXPECT_NEAR(v / n, 5.5, 4.0 * std::sqrt((30.25 + 2.25) / n));
+    EXPECT_NEAR(c / n, 1.5, 4.0 * std::sqrt((30.25 + 2.25) / n));
+}
+
+TEST_F(Simulate, RandomRegression) {
+    std::string data;
+    constexpr int n = 3000;
+    for (int i = 1; i <= n; ++i)
+        for (int age : {2, 4, 10}) data += std::to_string(i) + " " + std::to_string(age) + " 5\n";
+    write_file("data.dat", data);
+    write_file("model.par", "ANA RR\nDAT data.dat\n animal 9999\n age 20\n y\nEND\nMOD\n MEA\n RAN animal(2,LEG) IDE\n RRC age\n TR y 1 -999\nEND\n"
+                            "VAR animal 2\n 4.0 1.0 2.0\nVAR residual 1 HET 2 age\n 1 4 0.5\n 5 10 3.0\n");
+    finish("--simul");
+    const auto lines = lines_of(read_file("SimData001.dat"));
+    ASSERT_EQ(lines.size(), 3u * n);
+    double s[3][3] = {}, truth[3][3];
+    const double t[] = {-1.0, -0.5, 1.0}, e[] = {0.5, 0.5, 3.0};
+    for (std::size_t i = 0; i < 3; ++i)
+        for (std::size_t j = 0; j < 3; ++j) {
+            for (std::size_t k = 0; k < n; ++k)
+                s[i][j] += number_of(words_of(lines[3 * k + i]).back()) * number_of(words_of(lines[3 * k + j]).back()) / n;
+            truth[i][j] = 4.0 * 0.5 + std::sqrt(0.75) * (t[i] + t[j]) + 2.0 * 1.5 * t[i] * t[j] + (i == j ? e[i] : 0.0);
+        }
+    for (std::size_t i = 0; i < 3; ++i)
+        for (std::size_t j = 0; j < 3; ++j)
+            EXPECT_NEAR(s[i][j], truth[i][j], 4.0 * std::sqrt((truth[i][i] * truth[j][j] + truth[i][j] * truth[i][j]) / n)) << i << j;
 }
 
 // The mean of the estimates of some replicates lies within three standard errors of the truth.
