@@ -15,11 +15,12 @@ namespace tarvex {
 
 namespace {
 
-constexpr int largest_seed = 2147483398; // legal for both moduli
+constexpr int largest_seed = 2147483398;       // legal for both moduli
+constexpr int largest_first_seed = 2147483562; // legal for the first
 
 bool read_seeds(long long& seed1, long long& seed2) {
     std::ifstream in(filenames.rnseedfile);
-    return in >> seed1 >> seed2 && seed1 >= 1 && seed1 <= largest_seed && seed2 >= 1 && seed2 <= largest_seed;
+    return in >> seed1 >> seed2 && seed1 >= 1 && seed1 <= largest_first_seed && seed2 >= 1 && seed2 <= largest_seed;
 }
 
 void seeds_from_clock() {

@@ -58,7 +58,7 @@ TEST_F(Simulate, SameSeedsGiveTheSameFiles) {
 }
 
 TEST_F(Simulate, WithoutReadableSeedsTheClockSetsThem) {
-    for (const char* text : {"abc def\n", "12345\n", "0 5\n", ""}) {
+    for (const char* text : {"abc def\n", "12345\n", "0 5\n", "5 -1\n", "2147483563 5\n", "5 2147483399\n", "99999999999 5\n", ""}) {
         write_file("RandomSeeds", text);
         std::filesystem::remove("nrminvers1.bin");
         const auto result = finish("--simul");
@@ -66,6 +66,11 @@ TEST_F(Simulate, WithoutReadableSeedsTheClockSetsThem) {
         EXPECT_NE(result.output.find(" ... switching to initialisation from clock"), std::string::npos);
         EXPECT_EQ(words_of(read_file("RandomSeeds")).size(), 2u);
     }
+}
+
+TEST_F(Simulate, LargestSeeds) {
+    write_file("RandomSeeds", "2147483562 2147483398\n");
+    EXPECT_NE(finish("--simul").output.find("Initial random no.s = 2147483562 2147483398\n"), std::string::npos);
 }
 
 TEST_F(Simulate, EffectsThatCannotBeSimulatedAreRefused) {

@@ -116,5 +116,40 @@ TEST_F(bases_test, splines_sum_to_one_and_match_the_recursion) {
         }
 }
 
+TEST_F(bases_test, splines_at_their_knots) {
+    const std::vector<std::vector<double>> at_knot{{1.0}, {0.5, 0.5}, {1.0 / 6.0, 4.0 / 6.0, 1.0 / 6.0}};
+    for (int degree = 1; degree <= 3; ++degree) {
+        array<double> tvec;
+        knot_vector(-4.0, 5.0, 3, degree, tvec);
+        for (int i = 1; i <= tvec.upper(); ++i) EXPECT_NEAR(tvec(i), -4.0 + 3.0 * (i - 1 - degree), 1e-14);
+        for (int knot = 0; knot <= 3; ++knot) {
+            std::vector<double> row(static_cast<std::size_t>(3 + degree)), wanted(row.size(), 0.0);
+            bspline_row(-4.0 + 3.0 * knot, tvec, degree, row);
+            for (std::size_t k = 0; k < at_knot[static_cast<std::size_t>(degree - 1)].size(); ++k)
+                wanted[static_cast<std::size_t>(knot) + k] = at_knot[static_cast<std::size_t>(degree - 1)][k];
+            for (std::size_t k = 0; k < row.size(); ++k) EXPECT_NEAR(row[k], wanted[k], 1e-14) << degree << " " << knot << " " << k;
+        }
+    }
+}
+
+// The sum over i of the means of the knots inside function i times the function is x itself.
+TEST_F(bases_test, splines_reproduce_a_straight_line) {
+    for (int degree = 1; degree <= 3; ++degree) {
+        array<double> tvec;
+        knot_vector(1.0, 14.0, 5, degree, tvec);
+        std::vector<double> row(static_cast<std::size_t>(5 + degree));
+        for (double x = 1.0; x <= 14.0; x += 0.65) {
+            bspline_row(x, tvec, degree, row);
+            double sum = 0.0;
+            for (int i = 1; i <= 5 + degree; ++i) {
+                double mean = 0.0;
+                for (int k = 1; k <= degree; ++k) mean += tvec(i + k) / degree;
+                sum += mean * row[static_cast<std::size_t>(i - 1)];
+            }
+            EXPECT_NEAR(sum, x, 1e-12) << degree;
+        }
+    }
+}
+
 } // namespace
 } // namespace tarvex

@@ -6,6 +6,7 @@
 #include "randreg/splines.h"
 
 #include <cmath>
+#include <filesystem>
 
 namespace tarvex {
 namespace {
@@ -94,6 +95,100 @@ TEST_F(phimatrix_test, user_defined_functions) {
     EXPECT_EQ(phimat.phi(1)(2, 1), 0.5); // the value in front
     EXPECT_EQ(phimat.phi(1)(3, 3), 9.5);
     EXPECT_EQ(read_file("age_USR3.baf"), file);
+}
+
+// Lines as a Fortran program writes them.
+TEST_F(phimatrix_test, long_tables_go_on_below) {
+    const auto many = [](int n) {
+        std::string text = "VAR animal " + std::to_string(n) + "\n";
+        for (int i = 1; i <= n; ++i)
+            for (int j = i; j <= n; ++j) text += i == j ? " 9\n" : " 0\n";
+        return text;
+    };
+    prepare(par(" RAN animal(12,LEG) IDE\n", hom, many(12)), data);
+    data_scan1st();
+    EXPECT_EQ(phimat.phi_name(1), "age_LEG12");
+    EXPECT_EQ(read_file("age_LEG12.baf"), R"(       2  0.707107 -1.224745  1.581139 -1.870829  2.121320 -2.345208  2.549510 -2.738613  2.915476 -3.082207
+          3.240370 -3.391165
+       4  0.707107 -0.612372 -0.197642  0.818488 -0.613194 -0.210702  0.824109 -0.611106 -0.214692  0.825719
+         -0.609930 -0.216598
+      10  0.707107  1.224745  1.581139  1.870829  2.121320  2.345208  2.549510  2.738613  2.915476  3.082207
+          3.240370  3.391165
+)");
+    reset_modules();
+    prepare(par(" RAN animal(11,POL) IDE\n", hom, many(11)), data);
+    data_scan1st();
+    EXPECT_EQ(read_file("age_POL11.baf"), R"(       2        1.000000        2.000000        4.000000        8.000000       16.000000       32.000000       64.000000      128.000000      256.000000      512.000000
+             1024.000000
+       4        1.000000        4.000000       16.000000       64.000000      256.000000     1024.000000     4096.000000    16384.000000    65536.000000   262144.000000
+          1048576.000000
+      10        1.000000       10.000000      100.000000     1000.000000    10000.000000   100000.000000  1000000.000000 10000000.000000100000000.000000****************
+        ****************
+)");
+}
+
+TEST_F(phimatrix_test, letters_of_degree) {
+    const struct {
+        const char* basis;
+        int degree;
+    } bases[] = {{"BSP", 1}, {"BSPL", 1}, {"bspl", 1}, {"BSPQ", 2}, {"bspq", 2}, {"BSPC", 3}, {"BspC", 3}};
+    for (const auto& b : bases) {
+        reset_modules();
+        prepare(par(std::string(" RAN animal(4,") + b.basis + ") IDE\n", hom, "VAR animal 4\n 9 0 0 0 9 0 0 9 0 9\n"), data);
+        data_scan1st();
+        ASSERT_EQ(splines.nspline, 1) << b.basis;
+        EXPECT_EQ(splines.bsp_degree[0], b.degree) << b.basis;
+        EXPECT_EQ(splines.bsp_nknots[0], 4 - b.degree) << b.basis;
+        EXPECT_EQ(phimat.phi_name(1), "age_BSP4");
+        double sum = 0.0;
+        for (int k = 1; k <= 4; ++k) sum += phimat.phi(1)(3, k); // the highest value
+        EXPECT_NEAR(sum, 1.0, 1e-14) << b.basis;
+    }
+    // one spline, two tables: degree is not part of the file name, but of the table
+    reset_modules();
+    prepare(par(" RAN animal(4,BSPL) IDE\n RAN pe(4,BSPC) IDE\n", hom, "VAR animal 4\n 9 0 0 0 9 0 0 9 0 9\nVAR pe 4\n 9 0 0 0 9 0 0 9 0 9\n"),
+            data);
+    data_scan1st();
+    EXPECT_EQ(phimat.nphi, 2);
+    EXPECT_NEAR(phimat.phi(1)(1, 1), 1.0, 1e-14);       // linear at its first knot
+    EXPECT_NEAR(phimat.phi(2)(1, 1), 1.0 / 6.0, 1e-14); // cubic
+}
+
+TEST_F(phimatrix_test, a_value_that_the_spline_does_not_have) {
+    prepare(par(" RAN animal(4,BSPQ) IDE\n", hom, "VAR animal 4\n 9 0 0 0 9 0 0 9 0 9\n"), data);
+    data_scan1st();
+    EXPECT_EQ(bspline_place(1, 4.0), 2);
+    for (const double x : {1.0, 5.0, 11.0}) EXPECT_STOP(bspline_place(1, x), "bspl code not found");
+}
+
+TEST_F(phimatrix_test, details_of_the_tables) {
+    prepare(par(" RAN animal(2,BSPL) IDE\n RAN pe(2,LEG) IDE\n", hom, "VAR animal 2\n 9 0 9\nVAR pe 2\n 9 0 9\n"), data);
+    options.details = true;
+    data_scan1st();
+    EXPECT_NE(screen_text().find("END setup_legendre\n"), std::string::npos);
+    EXPECT_NE(screen_text().find("bspknots :  -6.0 2.0 10.0 18.0\n"), std::string::npos) << screen_text();
+    EXPECT_NE(screen_text().find("bsp coeffs 1  -6.0 2.0 10.0 18.0 1 4 3\n"), std::string::npos);
+}
+
+TEST_F(phimatrix_test, table_that_cannot_be_written) {
+    prepare(par(" RAN animal(2,LEG) IDE\n", hom, "VAR animal 2\n 9 0 9\n"), data);
+    std::filesystem::create_directory("age_LEG2.baf");
+    EXPECT_STOP(data_scan1st(), "Error open file for output of basis function ");
+}
+
+TEST_F(phimatrix_test, functions_of_the_user_of_order_ten_and_more) {
+    std::string cov = "VAR animal 10\n", line1, line2;
+    for (int i = 1; i <= 10; ++i)
+        for (int j = i; j <= 10; ++j) cov += i == j ? " 9\n" : " 0\n";
+    for (int k = 1; k <= 10; ++k) line1 += " " + std::to_string(k), line2 += " -" + std::to_string(k);
+    prepare(par(" RAN animal(10,USR) IDE\n", hom, cov), data);
+    write_file("age_USR10.baf", line1 + "\n" + line2 + "\n1 2 3\n");
+    EXPECT_STOP(data_scan1st(), "Error reading user-defined basis function\n  ... check file :  age_USR10.baf\n"
+                                "  ... error occured at line 3\n  values read for line 3  : 1.0 2.0 3.0\n");
+    write_file("age_USR10.baf", line1 + "\n" + line2 + "\n" + line1 + "\n");
+    data_scan1st();
+    EXPECT_EQ(phimat.phi(1)(1, 1), 1.0);
+    EXPECT_EQ(phimat.phi(1)(2, 10), -10.0);
 }
 
 TEST_F(phimatrix_test, truncated_power_functions_are_refused) {

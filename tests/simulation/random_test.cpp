@@ -99,12 +99,80 @@ TEST_F(random_numbers, one_of_one_draws_nothing) {
 }
 
 TEST_F(random_numbers, faults_stop) {
-    EXPECT_STOP(irandno(0), "LOW > HIGH in IGNUIN");
+    EXPECT_STOP(irandno(0), "LOW > HIGH in IGNUIN\n LOW:  1  HIGH:  0\n Abort on Fatal ERROR");
     EXPECT_STOP(irandno(2147483562), " ( HIGH - LOW ) > 2,147,483,561 in IGNUIN");
+    EXPECT_STOP(setcgn(0), " Generator number out of range in SETCGN: 0\n Legal range is 1 to  32  -- ABORT!\n"
+                           " Generator number out of range in SETCGN");
     EXPECT_STOP(setcgn(33), " Generator number out of range in SETCGN");
-    EXPECT_STOP(mltmod(0, 5, 7), "MLTMOD requires");
+    const std::string out_of_order = " A, M, S out of order in MLTMOD - ABORT!\n A =  ";
+    EXPECT_STOP(mltmod(0, 5, 7), out_of_order + "0  S =  5  M =  7\n MLTMOD requires: 0 < A < M; 0 < S < M");
+    EXPECT_STOP(mltmod(7, 5, 7), out_of_order + "7");
+    EXPECT_STOP(mltmod(5, 0, 7), out_of_order + "5");
+    EXPECT_STOP(mltmod(5, 7, 7), out_of_order + "5");
     randomgen = {};
-    EXPECT_STOP(initgn(-1), "INITGN called before random number generator");
+    EXPECT_STOP(initgn(-1), " INITGN called before random number generator \n initialized -- abort!\n"
+                            " INITGN called before random number generator initialized");
+}
+
+// a^(2^k) modulo m by squaring.
+long long squared(long long a, int k, long long m) {
+    for (; k > 0; --k) a = a * a % m;
+    return a;
+}
+
+TEST_F(random_numbers, blocks_and_generators_lie_powers_of_the_multiplier_apart) {
+    constexpr long long m1 = 2147483563, m2 = 2147483399;
+    setall(12345, 67890);
+    EXPECT_EQ(randomgen.ig1[1], 12345 * squared(40014, 50, m1) % m1);
+    EXPECT_EQ(randomgen.ig2[1], 67890 * squared(40692, 50, m2) % m2);
+    for (int k = 0; k < 7; ++k) ignlgi();
+    initgn(1); // the next block
+    EXPECT_EQ(randomgen.cg1[0], 12345 * squared(40014, 30, m1) % m1);
+    EXPECT_EQ(randomgen.cg2[0], 67890 * squared(40692, 30, m2) % m2);
+    const int first = ignlgi();
+    for (int k = 0; k < 7; ++k) ignlgi();
+    initgn(0); // the same block again
+    EXPECT_EQ(ignlgi(), first);
+    initgn(-1);
+    EXPECT_EQ(randomgen.cg1[0], 12345);
+    EXPECT_EQ(randomgen.cg2[0], 67890);
+}
+
+TEST_F(random_numbers, each_generator_has_a_stream_of_its_own) {
+    setall(12345, 67890);
+    const int first = ignlgi();
+    int g = 0;
+    setcgn(32);
+    getcgn(g);
+    EXPECT_EQ(g, 32);
+    EXPECT_NE(ignlgi(), first);
+    EXPECT_EQ(randomgen.cg1[0], 40014LL * 12345 % 2147483563LL); // the first one waits where it was
+    setall(12345, 67890); // does not change the generator in use
+    getcgn(g);
+    EXPECT_EQ(g, 32);
+    randomgen.curntg = 1;
+    const int normal = ignlgi();
+    initgn(-1);
+    randomgen.qanti[0] = true;
+    EXPECT_EQ(ignlgi(), 2147483563 - normal);
+    randomgen.qanti[0] = false;
+}
+
+TEST_F(random_numbers, largest_range) {
+    setall(1, 1);
+    for (int k = 0; k < 1000; ++k) {
+        const int i = irandno(2147483561);
+        EXPECT_GE(i, 1);
+        EXPECT_LE(i, 2147483561);
+    }
+    randomgen = {};
+    EXPECT_FALSE(qrgnin());
+    EXPECT_FALSE(rgnqsd());
+    setall(1, 1);
+    EXPECT_TRUE(qrgnin());
+    EXPECT_TRUE(rgnqsd());
+    qrgnsn(false);
+    EXPECT_FALSE(qrgnin());
 }
 
 TEST_F(random_numbers, normals_have_mean_0_and_variance_1) {
