@@ -45,6 +45,48 @@ TEST_F(modelsum_test, one_trait) {
                       "   1  \"herd\"             2\n");
 }
 
+// The lines of a Fortran program; names longer than their place run into the numbers.
+TEST_F(modelsum_test, two_traits) {
+    prepare("DAT t.dat\n animal 10\n herd 5\n age\n y1\n weight_at_weaning_12\nEND\nPED p\nANA MUV 2\nMOD EQ\n FIX herd\n COV age(1,POL)\n"
+            " RAN animal NRM\n EXT herd\n TRAIT y1 1 -9\n TRAIT weight_at_weaning_12 2 -9\nEND\nVAR animal 2\n 1.0 0 1.0\n"
+            "VAR residual 2\n 2.0 0 2.0\n",
+            "1 5 2 5 -9\n2 6 4 8 -1\n3 6 9 5 0.5\n", 4);
+    data_scan1st();
+    write_modelsum();
+    EXPECT_EQ(body(), R"-( No. of traits          =   2
+                      nrec       mean         sdev         min.         max.
+   1  "y1"               3    6.00000      1.73205      5.00000      8.00000    
+   2  "weight_at_we      22"-0.250000      1.06066     -1.00000     0.500000    
+ Same model for all traits
+
+ Numbers of records for pairs of traits 
+                         1      2
+   1  "y1"               3
+   2  "weight_at_we      2      2
+
+ Covariables
+ 1"y1"                nrec       mean         sdev         min.         max.
+   1  "age(1,POL)"       3    5.00000      3.60555      2.00000      9.00000    
+ 2"weight_at_weaning_1nrec       mean         sdev         min.         max.
+   1  "age(1,POL)"       2    6.50000      3.53553      4.00000      9.00000    
+
+ Fixed effects
+ 1 "y1"               nlev
+   1  "herd"             2
+ 2 "weight_at_weaning_nlev
+   1  "herd"             1
+
+ Random effects       nlev
+   1  "animal"           4    NRM
+
+ Extra effects
+ 1 "y1"               nlev
+   1  "herd"             2
+ 2 "weight_at_weaning_nlev
+   1  "herd"             1
+)-");
+}
+
 TEST_F(modelsum_test, pairs_of_more_than_ten_traits_wrap) {
     std::string par = "DAT t.dat\n animal 10\n", traits, line = "1", cov;
     for (int iq = 1; iq <= 11; ++iq) {
