@@ -51,8 +51,8 @@ void pseudo_fix(int irand, text_out& out, int nan, int irun) {
             const int code = randasfix.psfixcode[i - 1], j = find_level(code, irun);
             if (j == 0) continue;
             write(out, "(i4,2x,a,i15,i7,i15)", i, name, code, j, pedigreelist.idwec(irun)[j - 1]);
+            if (randasfix.asfix(j) == 0) ++nn; // a level may be named twice
             randasfix.asfix(j) = 1;
-            ++nn;
         }
     }
     print_list(out, " No. of levels to be treated as fixed =", nn);
