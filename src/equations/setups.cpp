@@ -39,13 +39,7 @@ void setup4mmm() {
 
 void resize_store() {
     if (!sparse.diag.allocated()) return; // not set up yet
-    const bool keeps_data = sparse.diag_data.allocated();
-    sparse.diag_data.deallocate();
-    sparse.xspars_data.deallocate();
     numeric_store();
-    if (!keeps_data) return;
-    allocate("alloc sparse", sparse.diag_data, numbers.nsrow);
-    allocate_large("XSPARS", sparse.xspars_data, sparse.maxlnz);
 }
 
 void setup4like() {

@@ -18,8 +18,6 @@ struct sparse_module {
     array<double> diag;       // (nsrow)   diagonal; after the factorisation L(j,j)
     array<double> xspars;     // (maxlnz)  off-diagonals; after the factorisation L(i,j) at the place of (j,i)
     array<double> xrhs;       // (nsrow)   right-hand sides while they are assembled
-    array<double> diag_data;  // as diag, xspars: the matrix of the data alone, kept in PX-EM runs
-    array<double> xspars_data;
 };
 inline sparse_module sparse;
 

@@ -241,7 +241,7 @@ void rinverse(array<double>& parvec, int, int, int& ifail) {
     allocate_residuals();
     if (model.anal_type == 1 || model.anal_type == 2)
         rinv_muv(parvec, ifail);
-    else if (model.anal_type == 3 || model.anal_type == 4)
+    else if (model.anal_type == 3)
         rinv_ranreg(parvec, ifail);
     else
         stop("rinverse");

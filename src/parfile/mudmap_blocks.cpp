@@ -135,6 +135,12 @@ void check_effects() {
             }
 }
 
+// One repeat effect can go into R, and only where R is formed by pattern of records.
+void check_repeat_effects() {
+    const auto n = std::count(mudmap.kovrnd.begin(), mudmap.kovrnd.end(), "PEQ");
+    if (n > 1 || (n == 1 && options.randreg)) tvx_notyet();
+}
+
 } // namespace
 
 void random_regular(int irand) {
@@ -203,6 +209,7 @@ void tie_blocks() {
             random_regular(irand);
     }
     check_effects();
+    check_repeat_effects();
     number_matrices();
 }
 
