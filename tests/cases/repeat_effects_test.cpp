@@ -1,0 +1,143 @@
+// Whole runs with repeat effects that have no equations, and runs whose first evaluation fails.
+#include "case_run.h"
+#include "population.h"
+
+#include <algorithm>
+#include <cmath>
+
+using namespace tarvex;
+
+namespace {
+
+class RepeatRuns : public CaseRun {
+protected:
+    void SetUp() override {
+        name_ = "model";
+        p_ = make_population(60, 2, 3, 0.25, 4);
+        write_file("ped.dat", p_.pedigree());
+    }
+    // One trait in a line, so that effects may be those of some traits only.
+    void put(const std::string& blocks) const {
+        write_file("data.dat", p_.one_trait_lines());
+        std::string text = "PED ped.dat\nANA MUV 2\nDAT data.dat\n";
+        for (int t = 1; t <= 2; ++t)
+            text += " TR" + std::to_string(t) + " qno\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y" +
+                    std::to_string(t) + "\n";
+        write_file("model.par", text + "END\n" + blocks);
+    }
+    void put_one_trait(const std::string& effects, const std::string& blocks) const {
+        write_file("data.dat", p_.all_traits_lines());
+        const std::string pedigree = effects.find("NRM") == std::string::npos ? "" : "PED ped.dat\n";
+        write_file("model.par", pedigree + "ANA UNI\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n"
+                                " age 40\n y1\n y2\nEND\nMOD\n FIX herd\n" + effects + " TR y1 1 -999\nEND\n" + blocks);
+    }
+    // Restricted log likelihood with matrices e of the residual, b of the repeat effect, g of the animals.
+    double truth(const double (&e)[2][2], const double (&b)[2][2], const double (&g)[2][2]) const {
+        const auto a = tabular(p_.sire, p_.dam);
+        const auto obs = observations_of(p_);
+        dense v(obs.size(), std::vector<double>(obs.size()));
+        for (std::size_t i = 0; i < obs.size(); ++i)
+            for (std::size_t j = 0; j < obs.size(); ++j) {
+                const auto k = static_cast<std::size_t>(p_.records[obs[i].record].code - 1);
+                const auto l = static_cast<std::size_t>(p_.records[obs[j].record].code - 1);
+                const int q = obs[i].trait - 1, r = obs[j].trait - 1;
+                v[i][j] = g[q][r] * a[k][l];
+                if (k != l) continue;
+                if (i == j) v[i][j] += e[q][q] + b[q][q];
+                else v[i][j] += q == r ? b[q][q] : e[q][r] + 2.0 * b[q][r]; // the sum, and the repeat matrix once more
+            }
+        return dense_reml(obs, herds_and_age(p_, obs), v);
+    }
+    double start() const { return loglike_at_start(finish("--aireml1").output); }
+
+    population p_;
+    const std::string animals_ = "MOD\n FIX herd\n RAN animal NRM\n";
+    const std::string traits_ = " TR y1 1 -999\n TR y2 2 -999\nEND\nVAR animal 2\n 4.5 1.5\n 3.5\n";
+};
+
+TEST_F(RepeatRuns, TwoTraits) {
+    put(animals_ + " RAN perm PEQ\n" + traits_ + "VAR perm 2\n 1.5 0.2\n 1.25\nVAR residual 2\n 6.0 0.4\n 5.5\n");
+    expect_relative(start(), truth({{6.0, 0.4}, {0.4, 5.5}}, {{1.5, 0.2}, {0.2, 1.25}}, {{4.5, 1.5}, {1.5, 3.5}}), 1e-8, "log L");
+    // the order of the blocks does not matter
+    std::filesystem::remove("BestPoint");
+    put(animals_ + " RAN perm PEQ\n TR y1 1 -999\n TR y2 2 -999\nEND\nVAR residual 2\n 6.0 0.4\n 5.5\n"
+                   "VAR perm 2\n 1.5 0.2\n 1.25\nVAR animal 2\n 4.5 1.5\n 3.5\n");
+    expect_relative(start(), truth({{6.0, 0.4}, {0.4, 5.5}}, {{1.5, 0.2}, {0.2, 1.25}}, {{4.5, 1.5}, {1.5, 3.5}}), 1e-8,
+                    "log L with the blocks in another order");
+}
+
+TEST_F(RepeatRuns, EffectOfTheSecondTraitOnly) {
+    put(animals_ + " RAN perm PEQ 2\n" + traits_ + "VAR perm 1\n 1.25\nVAR residual 2\n 6.0 0.4\n 5.5\n");
+    expect_relative(start(), truth({{6.0, 0.4}, {0.4, 5.5}}, {{0.0, 0.0}, {0.0, 1.25}}, {{4.5, 1.5}, {1.5, 3.5}}), 1e-8, "log L");
+}
+
+// Estimates are told without the repeat matrix, and a run that begins with them has the same log likelihood.
+TEST_F(RepeatRuns, MaximumHoldsTheMatricesApart) {
+    put(animals_ + " RAN perm PEQ\n" + traits_ + "VAR perm 2\n 1.5 0.2\n 1.25\nVAR residual 2\n 6.0 0.4\n 5.5\n");
+    const double before = start();
+    std::filesystem::remove("BestPoint");
+    finish("--aireml200,1e-9");
+    const auto best = read_best_point();
+    EXPECT_GT(best.loglike, before);
+    ASSERT_EQ(best.values.size(), 9u);
+    // residual, then the random effects in the order of their blocks: animal, perm
+    const auto& x = best.values;
+    const double e[2][2] = {{x[0], x[1]}, {x[1], x[2]}};
+    for (const auto& [i, j] : {std::pair{3u, 6u}, std::pair{6u, 3u}}) {
+        const double g[2][2] = {{x[i], x[i + 1]}, {x[i + 1], x[i + 2]}}, b[2][2] = {{x[j], x[j + 1]}, {x[j + 1], x[j + 2]}};
+        const double value = truth(e, b, g);
+        if (std::fabs(value - best.loglike) < 1e-4) return;
+    }
+    FAIL() << "no order of the blocks gives " << best.loglike;
+}
+
+TEST_F(RepeatRuns, OneRepeatEffectAndNotInRandomRegressions) {
+    const std::string notyet = "*** Tarvex is work in progress !\n";
+    put_one_trait(" RAN animal NRM\n RAN perm PEQ\n RAN dam PEQ\n",
+                  "VAR animal 1\n 4.5\nVAR perm 1\n 1.5\nVAR dam 1\n 1.0\nVAR residual 1\n 5.0\n");
+    auto result = run("--aireml1");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.output.find(notyet), std::string::npos) << result.output;
+    write_file("model.par", "PED ped.dat\nANA RR\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n"
+                            " age 40\n y1\n y2\nEND\nMOD\n FIX herd\n RAN animal(1,LEG) NRM\n RAN perm(1,LEG) PEQ\n RRC age\n"
+                            " TR y1 1 -999\nEND\nVAR animal 1\n 4.5\nVAR perm 1\n 1.5\nVAR residual 1 HOM\n 5.0\n");
+    result = run("--aireml1");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.output.find(notyet), std::string::npos) << result.output;
+    EXPECT_FALSE(std::filesystem::exists("recoded1.bin"));
+}
+
+// With a repeat effect alone its codes are those of the subjects.
+TEST_F(RepeatRuns, NoOtherRandomEffect) {
+    put_one_trait(" RAN perm PEQ\n", "VAR perm 1\n 1.5\nVAR residual 1\n 5.0\n");
+    population q = p_;
+    std::erase_if(q.records, [](const auto& r) { return r.y[0] == population::missing; });
+    for (auto& r : q.records) r.y.pop_back();
+    q.ntraits = 1;
+    const auto obs = observations_of(q);
+    dense v(obs.size(), std::vector<double>(obs.size()));
+    for (std::size_t i = 0; i < obs.size(); ++i)
+        for (std::size_t j = 0; j < obs.size(); ++j)
+            v[i][j] = (i == j ? 5.0 : 0.0) + (q.records[obs[i].record].code == q.records[obs[j].record].code ? 1.5 : 0.0);
+    expect_relative(start(), dense_reml(obs, herds_and_age(q, obs), v), 1e-8, "log L");
+}
+
+TEST_F(RepeatRuns, FirstEvaluationThatFails) {
+    put_one_trait(" RAN animal NRM\n", "VAR animal 1\n 4.5\nVAR residual 1\n 1000000000000.0\n");
+    for (const char* options : {"--aireml1", "--aireml1 --mmmpdst", "--emalg1"}) {
+        const auto result = run(options);
+        EXPECT_EQ(result.status, 1) << options;
+        EXPECT_NE(result.output.find("\n***** ERROR in sparse matrix factorisation \n"
+                                     "      mixed model matrix is not positive definite !!!\n"
+                                     "This occurred in first likelihood evaluation attempted.\n"
+                                     "This indicates that - most likely - this is due to an \n"
+                                     "unidentified dependency among the fixed effects levels fitted.\n"
+                                     "Error ocuured at row no.              = "),
+                  std::string::npos)
+            << options << "\n" << result.output;
+        EXPECT_TRUE(result.output.ends_with("exit \"Tarvex\"\n")) << options << "\n" << result.output;
+        EXPECT_FALSE(std::filesystem::exists("BestPoint")) << options;
+    }
+}
+
+} // namespace
