@@ -391,5 +391,34 @@ TEST_F(best_point_test, ContinuedRunOfRepeatEffectsReturnsToTheSameLikelihood) {
     EXPECT_NEAR(program_logl(estimates.parvec), x, 1.0e-6);
 }
 
+// Whatever the model and the scale, the matrices on file give the likelihood on file.
+TEST_F(best_point_test, ContinuedRunsStartAtTheStoredLikelihood) {
+    small_model diagonal = with_dams();
+    diagonal.random[1] = {"dam", "IDE", 2, 0, {0.9, 0.8}, true};
+    small_model correlated = animal_model(1, {1.3}, {2.1});
+    correlated.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
+    small_model apart = two_traits();
+    for (auto& r : apart.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
+    const std::vector<small_model> models{families(1),  with_dams(),          components(1), components(2), growth(true),
+                                          growth(true, true), repeats_with_peq(2), diagonal,      correlated,    apart};
+    for (std::size_t k = 0; k < models.size(); ++k) {
+        for (const auto& entry : std::filesystem::directory_iterator(".")) std::filesystem::remove(entry.path());
+        reset_modules();
+        set_up(models[k], {"--pxai2,2"});
+        get_estimates();
+        const double x = estimates.xbest;
+        const std::string stored = read_file("BestPoint");
+        for (const char* next : {"--aireml", "--emalg", "--logdia"}) {
+            SCOPED_TRACE(std::to_string(k) + " " + next);
+            write_file("BestPoint", stored);
+            reset_modules();
+            set_up(models[k], {"-c", next});
+            EXPECT_EQ(estimates.xlike_file, x);
+            // on the scale of the matrices themselves eigenvalues below 1e-4 are raised
+            EXPECT_NEAR(program_logl(estimates.parvec), x, std::string(next) == "--emalg" ? 2.0e-3 : 1.0e-7);
+        }
+    }
+}
+
 } // namespace
 } // namespace tarvex
