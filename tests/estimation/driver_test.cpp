@@ -449,6 +449,21 @@ TEST_F(driver_test, LosingStepIsTakenWithoutTheStrictRule) {
     EXPECT_NEAR(x, log[0].logl, 1.0e-3);
 }
 
+TEST_F(driver_test, SecondOrderTermJoinsFromIterate222) {
+    for (int nits : {221, 222}) {
+        reset_modules();
+        for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
+        set_up(families(1, 40), {"--aireml", "--nostrict", "-t"});
+        maximise.aiconv_like = maximise.aiconv_norm = -1.0; // on and on at the maximum
+        double x = program_logl(estimates.parvec, 1);
+        options.aireml = true;
+        int iround = 0;
+        ai_reml(nits, iround, x);
+        ASSERT_EQ(iround, nits);
+        EXPECT_EQ(std::any_of(derivs.der2b.begin(), derivs.der2b.end(), [](double d) { return d != 0.0; }), nits == 222);
+    }
+}
+
 // ---- form of the records
 
 std::string form_for(double dd, double dnorm, double pnorm, double prox, int ncall = 5) {

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <sstream>
 
 namespace tarvex {
 namespace {
@@ -309,6 +310,32 @@ TEST_F(step_test, ChangeOfParametersIsReportedInPercent) {
         for (int i = 1; i <= 2; ++i) most = std::max(most, std::fabs(estimates.parvec(i) - p(i)) / std::fabs(p(i)));
         EXPECT_NEAR(std::stod(log.substr(at + 3)), 100.0 * most, 0.01 * most * 100.0);
     }
+}
+
+TEST_F(step_test, RoundsOfTheSearchAreTold) {
+    start(families(1), {"--powell"});
+    double xbest = 0.0;
+    int flag = 0, count = 0;
+    powell(xbest, estimates.parvec, estimates.nparm, flag, count);
+    std::istringstream log(read_file("Iterates")), way(read_file("directions"));
+    std::string line;
+    double last = xold;
+    for (int round = 1; std::getline(log, line) && line.find("CONVERGENCE") == std::string::npos; ++round) {
+        EXPECT_NE(screen_text().find(line + "\n"), std::string::npos);
+        ASSERT_EQ(line.size(), 68u) << line;
+        EXPECT_EQ(line.substr(0, 13), " IT=   " + std::to_string(round) + "   F=");
+        const double f = std::stod(line.substr(13, 20)), d = std::stod(line.substr(38, 15));
+        EXPECT_NEAR(d, -2.0 * (f - last), 1.0e-6);
+        last = f;
+        for (int idir = 1; idir <= 2; ++idir) {
+            ASSERT_TRUE(std::getline(way, line));
+            EXPECT_EQ(line.substr(0, 17), " IT=    " + std::to_string(round) + " DIR=   ") << line;
+            EXPECT_EQ(line.substr(17, 1), std::to_string(idir));
+            EXPECT_EQ(line.substr(33, 6), " max.L");
+        }
+    }
+    EXPECT_NEAR(last, xbest, 1.0e-6);
+    EXPECT_TRUE(line == "CONVERGENCE : CHANGE IN FUNCTION VALUE 2.0" || line.starts_with("CONVERGENCE : CHANGE IN PARAMETERS ")) << line;
 }
 
 } // namespace
