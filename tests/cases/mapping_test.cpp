@@ -155,6 +155,69 @@ TEST_F(Mapping, OneOfTheTraitsInTheData) {
     EXPECT_EQ(labelled("SumEstimates.out", "No. of records"), static_cast<double>(p.records.size()));
 }
 
+TEST_F(Mapping, CovariableWithinAnEffectThatIsOnlyCounted) {
+    const auto p = make_population(80, 1, 1, 0.0, 55);
+    write_file("ped.dat", p.pedigree());
+    write_file("data.dat", p.all_traits_lines());
+    const auto a = tabular(p.sire, p.dam);
+    const auto obs = observations_of(p);
+    const auto v = matrix(obs, [&](const auto& i, const auto& j) {
+        return 4.5 * a[static_cast<std::size_t>(record(p, i).code - 1)][static_cast<std::size_t>(record(p, j).code - 1)] +
+               6.0 * (i.record == j.record);
+    });
+    double mean = 0.0;
+    for (const auto& r : p.records) mean += r.age / static_cast<double>(p.records.size());
+    dense x(obs.size(), std::vector<double>(5, 0.0)); // a mean, and age in herds
+    for (std::size_t i = 0; i < obs.size(); ++i) {
+        x[i][0] = 1.0;
+        x[i][static_cast<std::size_t>(record(p, obs[i]).herd)] = record(p, obs[i]).age - mean;
+    }
+    const std::string head = "PED ped.dat\nANA UNI\nDAT data.dat\n" + columns(1) + "END\nMOD\n MEA\n";
+    const std::string tail = " COV age*herd(1,POL)\n RAN animal NRM\n TR y1 1 -999\nEND\nVAR animal 1\n 4.5\nVAR residual 1\n 6.0\n";
+    write_file("model.par", head + " EXT herd\n" + tail);
+    expect_relative(start(), dense_reml(obs, x, v), 1e-8, "log L");
+    write_file("model.par", head + tail);
+    EXPECT_NE(run("").output.find("Error : Cannot find FE for nested covariable "), std::string::npos);
+}
+
+// The summary of the model without its lines of dates, times and sizes of files.
+std::string model_summary() {
+    std::string text;
+    for (const auto& line : lines_of(read_file("SumModel.out")))
+        if (line.find("==") == std::string::npos && line.find("ime") == std::string::npos) text += line + "\n";
+    return text;
+}
+
+TEST_F(Mapping, FormsOfTheDataBlockGiveOneSummary) {
+    const auto p = make_population(60, 2, 1, 0.3, 56);
+    write_file("ped.dat", p.pedigree());
+    const std::string head = "PED ped.dat\nANA MUV 2\nDAT data.dat";
+    const std::string blocks = " FIX herd\n COV age(1,POL)\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n"
+                               "VAR animal 2\n 4.5 1.5 3.5\nVAR residual 2\n 6.0 2.0 5.5\n";
+    const auto summary = [&](const std::string& data, const std::string& model) {
+        write_file("model.par", head + data + "END\n" + model + blocks);
+        finish("--setup");
+        return model_summary();
+    };
+    write_file("data.dat", p.all_traits_lines());
+    const auto all_traits = summary("\n" + columns(2), "MOD EQ\n");
+    EXPECT_NE(all_traits.find("y2"), std::string::npos);
+    EXPECT_EQ(summary(" GRP\n TRN\n" + columns(0) + " NAM y1 y2\n", "MOD EQ\n"), all_traits);
+    EXPECT_EQ(summary("\n TR1 " + columns(2).substr(1), "MOD EQ\n"), all_traits);
+    write_file("data.dat", p.one_trait_lines());
+    const auto one_trait = summary("\n" + columns_by_trait(2), "MOD\n");
+    EXPECT_EQ(summary(" GRP\n TRN 1 2\n qno\n" + columns(0) + " NAM y1 y2\n", "MOD\n"), one_trait);
+    EXPECT_EQ(summary(" GRP\n TRN 2\n qno\n" + columns(0) + " y2\n TRN 1\n qno\n" + columns(0) + " y1\n", "MOD\n"), one_trait);
+    // counts and means agree between the two kinds of lines
+    std::size_t n = 0;
+    for (const auto& line : lines_of(all_traits))
+        if (line.find("\"y") != std::string::npos || line.find("animal") != std::string::npos) {
+            EXPECT_NE(one_trait.find(line), std::string::npos) << line;
+            ++n;
+        }
+    EXPECT_GT(n, 0u);
+}
+
 // Direct effect in both traits, maternal effect in one or both.
 class Maternal : public Mapping {
 protected:
