@@ -26,6 +26,12 @@ void set_line(par_lines& p, std::string_view text) {
 
 } // namespace
 
+bool open_text(std::ifstream& in, const std::string& name) {
+    in.open(name);
+    if (in) in.peek();
+    return in.is_open() && !in.bad();
+}
+
 void get_pline(par_lines& p) {
     std::string record;
     while (true) {

@@ -22,6 +22,8 @@ struct par_lines {
     bool print_curline = true; // errors show the line
 };
 
+// Opens a text file; false where there is none that can be read (a directory opens, but cannot be read).
+bool open_text(std::ifstream& in, const std::string& name);
 // Takes the next line that counts; iend is set at the end of the file. Lines with "#" in column 1 and blank ones are
 // passed over; tabs and carriage returns count as blanks. The first token becomes the current one.
 void get_pline(par_lines& p);

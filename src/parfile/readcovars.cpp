@@ -258,8 +258,8 @@ void read_starting(par_state& s) {
     filenames.stvalfile = token(p, file_length);
     options.start_vals = true;
     if (options.verbose) print_list(screen(), "Read starting values from :\"", filenames.stvalfile, "\"");
-    std::ifstream in(filenames.stvalfile);
-    if (!in) {
+    std::ifstream in;
+    if (!open_text(in, filenames.stvalfile)) {
         print_list(screen(), "Can not open file of starting values :\"", filenames.stvalfile, "\"");
         stoptarvex();
     }

@@ -138,8 +138,7 @@ constexpr keyword keywords[] = {
 };
 
 void open_parfile(par_lines& p) {
-    p.in.open(filenames.parfile);
-    if (p.in) return;
+    if (open_text(p.in, filenames.parfile)) return;
     print_list(screen(), "Can not open parameter file !");
     print_list(screen(), "... tried to open \"", filenames.parfile, "\" but failed !");
     stoptarvex();

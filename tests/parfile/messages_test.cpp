@@ -11,6 +11,7 @@
 #include "support/fixture.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 
 namespace tarvex {
@@ -50,7 +51,14 @@ const std::string& rr = examples::growth;
 const std::string& grp = examples::grouped;
 
 TEST_F(parfile_messages, no_parameter_file) {
-    EXPECT_STOP(read_parfile(), "Can not open parameter file !\n... tried to open \" tarvex.par \" but failed !");
+    const std::string words = "Can not open parameter file !\n... tried to open \" tarvex.par \" but failed !";
+    EXPECT_STOP(read_parfile(), words);
+    std::filesystem::create_directory("tarvex.par");
+    EXPECT_STOP(read_parfile(), words);
+    std::filesystem::remove("tarvex.par");
+    fails("", "Type of analysis not given");
+    std::filesystem::create_directory("start");
+    fails(uni, "ANA UNI", "STA start\nANA UNI", "Can not open file of starting values :\" start \"");
 }
 
 TEST_F(parfile_messages, error_shows_the_line) {
