@@ -97,8 +97,8 @@ bool prepare(int iter, double& xold) {
 
 enum class outcome { accepted, rescale, stuck, failed };
 
-// What becomes of the step in parnew: accepted, perhaps after a search along it; no gain, and a block has to change its scale
-// first; no gain; or the search failed.
+// What becomes of the step in parnew: accepted, perhaps after a search along it; no gain, and a block has to change its
+// scale first; no gain; or the search failed.
 outcome judge_step(double xold, double& xnew) {
     if (xnew > xold || (!options.strict_ai && xnew > invalid_logl)) return outcome::accepted;
     bool fail = false;

@@ -174,7 +174,7 @@ void conjugate_gradients(int irand, const std::vector<double>& diagonal, double 
     const std::size_t n = r.size();
     std::vector<double> p(n), h(n), s;
     double rho = 0.0;
-    for (std::size_t turn = 0; turn < 10 * n + 100 && inner(r, r) > goal; ++turn) {
+    for (std::size_t turn = 0; turn < 3 * n + 100 && inner(r, r) > goal; ++turn) {
         for (std::size_t i = 0; i < n; ++i) h[i] = r[i] / diagonal[i];
         const double next = inner(r, h), beta = turn == 0 ? 0.0 : next / rho;
         rho = next;
