@@ -49,6 +49,16 @@ TEST_F(Choices, CorrelatedEffectsCutTheRoundsOfEmToFour) {
     EXPECT_EQ(screen_text(), "");
 }
 
+TEST_F(Choices, CorrelatedEffectsGetALimitForAiReml) {
+    for (const int limit : {0, 1, 60}) {
+        given({"--emai3"});
+        options.sigam = options.aireml = true;
+        maximise.aireml_its = limit;
+        choose_algorithm();
+        EXPECT_EQ(maximise.aireml_its, limit < 1 ? 100 : limit);
+    }
+}
+
 TEST_F(Choices, CorrelatedEffectsByDefaultRunEmAndAiReml) {
     given({});
     options.sigam = true;

@@ -269,6 +269,16 @@ TEST_F(numroutines, invvert_stops_on_singular_matrices) {
     EXPECT_STOP(invvert(a, 2, nrank), "\"INVVRT\" : matrix is singular\nexit \"Tarvex\"");
 }
 
+TEST_F(numroutines, invvert_takes_pivots_down_to_its_limit) {
+    std::vector<double> a{1, 0, 2e-12};
+    int nrank = 0;
+    invvert(a, 2, nrank);
+    EXPECT_EQ(nrank, 2);
+    EXPECT_NEAR(a[2], 5e11, 1e-3);
+    a = {1, 0, 5e-13};
+    EXPECT_STOP(invvert(a, 2, nrank), "matrix is singular");
+}
+
 TEST_F(numroutines, invvert_takes_indefinite_matrices) {
     std::vector<double> a{1, 2, 1};
     int nrank = 0;

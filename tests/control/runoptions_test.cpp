@@ -113,6 +113,8 @@ TEST_F(RunOptions, FlagsThatEachOptionSets) {
     EXPECT_TRUE(options.verbose && options.werbose);
     run({"--best"});
     EXPECT_TRUE(options.bestonly && options.continew && !options.sevars);
+    run({"--aireml", "--blup"});
+    EXPECT_TRUE(options.emalgorithm);
     run({"--pxai", "--blup"});
     EXPECT_TRUE(options.blup && options.emalgorithm && !options.pxem && !options.aireml);
     run({"--setup"});
@@ -202,7 +204,9 @@ TEST_F(RunOptions, AlgorithmsWithTheirDefaultsAndNumbers) {
     run({"--simul"});
     EXPECT_EQ(simulation.nrepsim, 1);
     EXPECT_TRUE(options.simulation);
+    simulation.newseeds = true;
     run({"--simul3"});
+    EXPECT_FALSE(simulation.newseeds);
     EXPECT_EQ(simulation.nrepsim, 3);
     run({"--zero10"});
     EXPECT_EQ(numbers.zero, 1e-10);
@@ -337,6 +341,17 @@ TEST_F(RunOptions, MetisNumbersOutOfRangeAreReplacedWithAMessage) {
                              "    -> set to value = 14\n"
                              " Metis option(1) : Edge matching 0 invalid option  14\n"
                              "    -> set to value = 1\n");
+    EXPECT_EQ(orders.metis_opts[7], 14);
+    EXPECT_EQ(orders.metis_opts[1], 1);
+}
+
+TEST_F(RunOptions, MetisNumbersAtTheEndOfTheirRange) {
+    for (const char* argument : {"--metis20", "--metis20,0,1", "--metis20,0,3"}) {
+        run({argument});
+        EXPECT_EQ(orders.metis_opts[7], 20);
+        EXPECT_EQ(screen_text(), "") << argument;
+    }
+    run({"--metis21,0,4"});
     EXPECT_EQ(orders.metis_opts[7], 14);
     EXPECT_EQ(orders.metis_opts[1], 1);
 }
