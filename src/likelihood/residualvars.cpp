@@ -145,6 +145,14 @@ bool independent_pattern(const std::vector<int>& traits, pattern_matrix& inverse
     return true;
 }
 
+// A pivot so small that gen_inverse has told of it: with the largest pivot first the last one is the smallest, and the
+// reciprocal of a diagonal element of the inverse.
+bool has_small_pivot(const pattern_matrix& inverse) {
+    for (int i = 1; i <= inverse.n; ++i)
+        if (inverse(i, i) * small_pivot > 1.0) return true;
+    return false;
+}
+
 void invert_pattern(int icombi, int& ifail) {
     const std::vector<int> traits = pattern_traits(icombi);
     pattern_matrix& inverse = residualvars.eei[at(icombi - 1)];
@@ -185,11 +193,13 @@ void rinv_muv(array<double>& parvec, int& ifail) {
     if (now == r.formed) return;
     r.formed.clear();
     r.eei.resize(at(combinations.ncombi));
+    bool told = false; // what was told is told again whenever the same matrices are asked for
     for (int icombi = 1; icombi <= combinations.ncombi; ++icombi) {
         invert_pattern(icombi, ifail);
         if (ifail) return;
+        told = told || has_small_pivot(r.eei[at(icombi - 1)]);
     }
-    r.formed = now;
+    if (!told) r.formed = now;
 }
 
 // Every class must have a positive definite matrix; what the records of a subject make of it is found out with them.

@@ -1,0 +1,225 @@
+// What one evaluation leaves behind for the next, through failures and new orderings; models at the edge of what is fitted.
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/parameters.h"
+#include "data/levels.h"
+#include "equations/mmequations.h"
+#include "equations/orders.h"
+#include "equations/sparse.h"
+#include "estimation/derivatives.h"
+#include "estimation/estimates.h"
+#include "estimation/variances.h"
+#include "likelihood/likelihood.h"
+#include "likelihood/randomvars.h"
+#include "likelihood/residualvars.h"
+#include "likelihood/solutions.h"
+#include "likelihood/takahashi.h"
+#include "parfile/model.h"
+#include "support/fixture.h"
+#include "support/small_models.h"
+
+#include <cmath>
+#include <string_view>
+
+namespace tarvex {
+namespace {
+
+using evaluations_test = tarvex_test;
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+small_model traits(int nq, int repeats = 1) {
+    small_model m;
+    m.nq = nq;
+    m.make_pedigree(20, 6, 5);
+    m.make_rows(4, repeats, 2, nq > 1 ? 0.2 : 0.0, 6);
+    m.random = {{"animal", "NRM", nq, 0, nq == 1 ? std::vector<double>{1.3} : std::vector<double>{1.3, 0.5, 1.8}}};
+    m.residual = nq == 1 ? std::vector<double>{2.1} : std::vector<double>{2.1, 0.4, 1.9};
+    return m;
+}
+
+void on_original_scale() {
+    options.emalgorithm = true;
+    covs2parvec();
+    forget_likelihoods();
+}
+
+int count(std::string_view text, std::string_view word) {
+    int n = 0;
+    for (std::size_t k = text.find(word); k != std::string_view::npos; k = text.find(word, k + 1)) ++n;
+    return n;
+}
+
+void expect_dense(const small_model& m, const array<double>& p) {
+    const double want = dense_logl(m, p);
+    EXPECT_NEAR(program_logl(p, 1), want, 1.0e-8 * std::fabs(want));
+}
+
+void expect_blup(const small_model& m, const array<double>& p) {
+    const oracle::analysis a = m.dense();
+    const oracle::point point = point_at(m, p);
+    const oracle::reml e = oracle::evaluate(a, oracle::variance(a, point));
+    const oracle::dense u = oracle::blup(a, point, e, 0);
+    const int n = m.nq;
+    for (int l = 1; l <= levels.rn_nlev(1); ++l)
+        for (int r = 1; r <= n; ++r) {
+            const auto code = static_cast<std::size_t>(levels.rn_codes(1)[at(l - 1)] - 1);
+            EXPECT_NEAR(solutions.solsave(mmequations.rn_start(1) + (l - 1) * n + r), u[code][at(r - 1)], 1.0e-8);
+        }
+}
+
+// The factor of the last good point is overwritten by the one that fails.
+TEST_F(evaluations_test, PointThatFailsInTheFactorLeavesNothingToReuse) {
+    const small_model m = traits(2);
+    set_up(m);
+    on_original_scale();
+    const double x = program_logl(estimates.parvec, 1);
+    const array<double> before = solutions.solns;
+    derivatives_mmm();
+    const array<double> slopes = derivs.devl1;
+    forget_factor();
+    EXPECT_EQ(program_logl(estimates.parvec, 1), x);
+    array<double> q = estimates.parvec;
+    q(1) = q(3) = 1.0e12;
+    EXPECT_EQ(program_logl(q, 1), invalid_logl);
+    EXPECT_NE(screen_text().find("invalid pivot - at row"), std::string::npos);
+    const int nfact = likelihoods.nfact;
+    EXPECT_EQ(program_logl(estimates.parvec, 1), x);
+    EXPECT_EQ(likelihoods.nfact, nfact + 1);
+    for (int i = 1; i <= before.upper(); ++i) EXPECT_EQ(solutions.solns(i), before(i));
+    derivatives_mmm();
+    for (int i = 1; i <= slopes.upper(); ++i) EXPECT_EQ(derivs.devl1(i), slopes(i));
+    EXPECT_EQ(program_logl(q, -1), invalid_logl);
+    EXPECT_EQ(program_logl(estimates.parvec, -1), x);
+}
+
+// A look-up leaves the inverses of another point behind; asking for the factor brings those of its own back.
+TEST_F(evaluations_test, FactorAtHandComesWithItsInverses) {
+    const small_model m = traits(2);
+    set_up(m);
+    program_logl(estimates.parvec);
+    const array<double, 3> own = randomvars.zig;
+    array<double> q = estimates.parvec;
+    q(4) *= 1.3;
+    int ifail = 0;
+    g_inverse(q, estimates.nparm, 0, ifail);
+    EXPECT_NE(randomvars.zig(1, 1, 1), own(1, 1, 1));
+    program_logl(estimates.parvec, -1);
+    EXPECT_EQ(likelihoods.nfact, 1);
+    EXPECT_EQ(randomvars.zig(1, 1, 1), own(1, 1, 1));
+    EXPECT_EQ(randomvars.zig(1, 2, 1), own(1, 2, 1));
+}
+
+// A second ordering in the middle of a run, with equations that were taken out before the first.
+TEST_F(evaluations_test, NewOrderingKeepsEquationsAndSolutions) {
+    small_model zero = traits(2);
+    zero.mean = true; // the means depend on the herds
+    zero.residual[1] = 0.0;
+    set_up(zero);
+    program_logl(estimates.parvec);
+    reset_modules();
+    small_model m = zero;
+    m.residual[1] = 0.3;
+    set_up(m);
+    const int nsrow = numbers.nsrow;
+    EXPECT_LT(nsrow, mmequations.neqns + 1);
+    EXPECT_EQ(orders.nsymb, 1);
+    const double x = program_logl(estimates.parvec);
+    EXPECT_EQ(orders.nsymb, 2);
+    EXPECT_EQ(numbers.nsrow, nsrow);
+    small_model herds = m; // the same columns without those that depend
+    herds.mean = false;
+    EXPECT_NEAR(x, dense_logl(herds, estimates.parvec), 1.0e-7);
+    expect_blup(herds, estimates.parvec);
+    int live = 0;
+    for (int e = 1; e <= mmequations.neqns; ++e)
+        if (orders.ieqnew(e) > 0) {
+            ++live;
+            EXPECT_EQ(orders.ieqold(orders.ieqnew(e)), e);
+        }
+    EXPECT_EQ(live, nsrow - 1);
+    takaha_inverse();
+    EXPECT_NEAR(program_logl(estimates.parvec, 1), x, 1.0e-9);
+}
+
+// Warnings of small pivots come with every evaluation, not with the first one of a point only.
+TEST_F(evaluations_test, SmallPivotsAreToldEveryTime) {
+    small_model m = traits(2);
+    for (auto& r : m.rows)
+        if (r.y[1] != -999.0) r.y[1] *= 1.0e-3;
+    m.random[0].g = {1.3, 0.5e-3, 1.8e-6};
+    m.residual = {2.1, 0.4e-3, 1.9e-6};
+    set_up(m);
+    clear_screen();
+    program_logl(estimates.parvec, 1);
+    const int first = count(screen_text(), "SMALL PIVOT");
+    EXPECT_GT(first, 0);
+    clear_screen();
+    program_logl(estimates.parvec, 1);
+    EXPECT_EQ(count(screen_text(), "SMALL PIVOT"), first);
+    EXPECT_EQ(likelihoods.nreuse, 1);
+}
+
+TEST_F(evaluations_test, EvaluationsAreTimedWhereTimesAreAskedFor) {
+    set_up(traits(1));
+    options.print_times = false;
+    options.verbose = false;
+    clear_screen();
+    program_logl(estimates.parvec);
+    EXPECT_EQ(screen_text(), "");
+    options.print_times = true;
+    array<double> p = estimates.parvec;
+    p(2) *= 1.1;
+    program_logl(p);
+    EXPECT_EQ(count(screen_text(), "***Time:"), 1);
+    EXPECT_EQ(screen_text().find("***Time: Log L "), 0u);
+    clear_screen();
+    program_logl(p);    // from the table
+    program_logl(p, 1); // from the factor
+    EXPECT_EQ(screen_text(), "");
+}
+
+// Repeat effects beside components: the factor carries the weights of the others, R the repeat matrix.
+TEST_F(evaluations_test, RepeatEffectBesideComponents) {
+    small_model m = traits(2, 2);
+    m.principal = true;
+    m.residual[1] = 0.2;
+    m.random[0].rank = 1;
+    m.random.push_back({"pe", "PEQ", 2, 2, {0.4, 0.1, 0.5}});
+    set_up(m);
+    expect_dense(m, estimates.parvec);
+    array<double> p = estimates.parvec;
+    p(1) *= 1.05;
+    p(4) *= 1.1;
+    expect_dense(m, p);
+}
+
+// One level, one record: nothing but y'R^-1 y and the diagonal.
+TEST_F(evaluations_test, SmallestAnalysis) {
+    small_model m;
+    m.herd = false;
+    m.sire = {0, 0};
+    m.dam = {0, 0};
+    m.rows = {{1, 1, 1, 1, 1, 0.0, {3.0}}, {2, 2, 2, 1, 1, 0.0, {-1.0}}};
+    m.random = {{"animal", "NRM", 1, 0, {1.5}}};
+    m.residual = {0.5};
+    set_up(m);
+    // V = 2 I: log|V| = 2 log 2, y'y / 2 = 5
+    EXPECT_NEAR(program_logl(estimates.parvec), -0.5 * (2.0 * std::log(2.0) + 5.0), 1.0e-12);
+    EXPECT_NEAR(solutions.solns(orders.ieqnew(mmequations.rn_start(1) + 1)), 0.75 * 3.0, 1.0e-12);
+    EXPECT_NEAR(likelihoods.ypy, 5.0, 1.0e-12);
+}
+
+TEST_F(evaluations_test, RelationshipDeterminantThatIsNotANumberIsInvalid) {
+    set_up(traits(1));
+    const double x = program_logl(estimates.parvec);
+    randomvars.detl(1) = std::nan("");
+    array<double> p = estimates.parvec;
+    p(2) += 1.0e-9; // the factor is used again, and with it the determinant at hand
+    EXPECT_EQ(program_logl(p), invalid_logl);
+    EXPECT_EQ(likelihoods.nlike, 1);
+    EXPECT_EQ(estimates.xbest, x);
+}
+
+} // namespace
+} // namespace tarvex
