@@ -63,10 +63,12 @@ oracle::analysis with_fixed(const small_model& m, const std::vector<int>& fixed)
         for (int j = 0; j < n; ++j)
             for (int k = 0; k < n; ++k) full.a[0][at(i)][at(j)] += share[at(i)][at(k)] * d[at(k)] * share[at(j)][at(k)];
     for (auto& o : full.obs)
-        for (int f : fixed) {
-            const oracle::term& t = o.terms[0][0];
-            for (double z : t.z) o.x.push_back(z * share[at(t.level - 1)][at(f - 1)]);
-        }
+        for (int f : fixed)
+            for (std::size_t r = 0; r < o.terms[0][0].z.size(); ++r) {
+                double x = 0.0; // of component r of the level
+                for (const oracle::term& t : o.terms[0]) x += t.z[r] * share[at(t.level - 1)][at(f - 1)];
+                o.x.push_back(x);
+            }
     return full;
 }
 
@@ -179,6 +181,51 @@ TEST_F(fixed_levels_test, SireModel) {
     EXPECT_LT(randomvars.detl(1), -0.5);
     EXPECT_NEAR(x, dense_at(m, fixed, estimates.parvec).logl + 0.5 * randomvars.detl(1), 1.0e-8 * std::fabs(x));
     expect_dense_gradient(m, fixed);
+}
+
+TEST_F(fixed_levels_test, CorrelatedEffects) {
+    const std::vector<int> fixed{6};
+    small_model m = animals(1, {}, "0.0");
+    m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
+    m.extra = "PSE 0.0\n animal+dam 6\nEND\n";
+    set_up(m);
+    ASSERT_EQ(randasfix.nasfix(1), 1);
+    expect_dense(m, fixed);
+    expect_dense_gradient(m, fixed);
+}
+
+TEST_F(fixed_levels_test, RandomRegressions) {
+    const std::vector<int> fixed{5, 9};
+    small_model m;
+    m.randreg = true;
+    m.make_pedigree(14, 5, 7);
+    m.make_rows(3, 4, 2, 0.0, 8);
+    m.random = {{"animal", "NRM", 2, 0, {2.0, 0.3, 1.0}}, {"pe", "IDE", 2, 0, {1.0, 0.1, 0.6}}};
+    m.residual = {1.2};
+    m.extra = "PSE 0.0\n animal 5\n animal 9\nEND\n";
+    set_up(m);
+    expect_dense(m, fixed);
+    expect_dense_gradient(m, fixed);
+}
+
+// At reduced rank the levels are fixed in the scale of the components: X holds their weights.
+TEST_F(fixed_levels_test, ReducedRank) {
+    const std::vector<int> fixed{6, 9};
+    small_model m = animals(2, fixed, "0.0");
+    m.principal = true;
+    m.random[0].rank = 1;
+    set_up(m);
+    const double x = program_logl(estimates.parvec);
+    oracle::analysis a = with_fixed(m, fixed);
+    const std::size_t from = m.dense().obs[0].x.size();
+    for (auto& o : a.obs) {
+        oracle::vec w(o.x.begin(), o.x.begin() + static_cast<std::ptrdiff_t>(from));
+        for (std::size_t f = 0; f < fixed.size(); ++f)
+            w.push_back(o.x[from + 2 * f] * randomvars.zig(1, 1, 1) + o.x[from + 2 * f + 1] * randomvars.zig(2, 1, 1));
+        o.x = w;
+    }
+    const double want = oracle::evaluate(a, oracle::variance(a, point_at(m, estimates.parvec))).logl;
+    EXPECT_NEAR(x, want, 1.0e-8 * std::fabs(want));
 }
 
 // The levels are fixed in one of two effects only: the other keeps all of its levels in log|G|.
