@@ -147,6 +147,56 @@ TEST_F(RandomRegression, FixedCurve) {
     }
 }
 
+TEST_F(RandomRegression, NestedCurves) {
+    two_effects("2,LEG", "3,LEG", " COV age*herd(2,LEG)\n");
+    dense x = herds_and_age(p_, obs_);
+    for (std::size_t i = 0; i < obs_.size(); ++i) {
+        const auto& r = p_.records[obs_[i].record];
+        const auto f = legendre(3)(r.age);
+        for (int h = 1; h <= 4; ++h)
+            for (std::size_t c = 1; c <= 2; ++c) x[i].push_back(r.herd == h ? f[c] : 0.0);
+    }
+    expect_relative(start(), truth(legendre(2), legendre(3), x), 1e-8, "curves of herds");
+    const auto coefficients = read_fixed_solutions().covariables; // level by level
+    ASSERT_EQ(coefficients.size(), 8u);
+    std::size_t herd = 0;
+    double records = 0.0;
+    for (const auto& line : lines_of(read_file("Curve_age_herd.dat"))) {
+        const auto w = words_of(line);
+        if (w[0] == "Nested") {
+            ++herd;
+            EXPECT_EQ(line, "Nested curve no. =    " + std::to_string(herd) + "  Code         " + std::to_string(herd));
+            continue;
+        }
+        const auto f = legendre(3)(number_of(w.at(0)));
+        const double fit = f[1] * coefficients[2 * herd - 2].solution + f[2] * coefficients[2 * herd - 1].solution;
+        EXPECT_NEAR(number_of(w.at(1)), fit, 1e-4);
+        records += number_of(w.at(2));
+    }
+    EXPECT_EQ(herd, 4u);
+    EXPECT_EQ(records, static_cast<double>(p_.records.size()));
+}
+
+TEST_F(RandomRegression, FixedSpline) {
+    for (const int degree : {1, 2, 3}) {
+        const std::string letter(1, " LQC"[degree]);
+        parameters("MOD\n COV age(5,BSP" + letter + ")\n RAN animal(2,LEG) NRM\n RAN perm(3,LEG) IDE\n RRC age\n TR y1 1 -999\nEND\n"
+                   "VAR animal 2\n 4.0 0.5 2.0\nVAR perm 3\n 1.5 0.2 0.1 1.0 0.1 0.8\nVAR residual 1 HOM\n 5.0\n");
+        dense x;
+        for (const auto& o : obs_) x.push_back(splines(5, degree)(p_.records[o.record].age));
+        expect_relative(start(), truth(legendre(2), legendre(3), x), 1e-8, "fixed spline");
+        const auto coefficients = read_fixed_solutions().covariables;
+        ASSERT_EQ(coefficients.size(), 5u);
+        for (const auto& line : lines_of(read_file("Curve_age.dat"))) {
+            const auto w = words_of(line);
+            const auto f = splines(5, degree)(number_of(w.at(0)));
+            double fit = 0.0;
+            for (std::size_t c = 0; c < 5; ++c) fit += f[c] * coefficients[c].solution;
+            EXPECT_NEAR(number_of(w.at(1)), fit, 1e-3) << degree << ": " << line;
+        }
+    }
+}
+
 TEST_F(RandomRegression, AllSearchesReachOneMaximum) {
     parameters("MOD\n FIX herd\n RAN animal(2,LEG) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 2\n 8.0 1.0 2.0\n"
                "VAR residual 1 HET 2 age\n 20 28 4.0\n 29 38 6.0\n");
