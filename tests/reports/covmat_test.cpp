@@ -246,6 +246,35 @@ TEST_F(covmat_test, order_and_rank) {
     EXPECT_EQ(words_of(text.substr(at, text.find('\n', at) - at)).size(), 3u); // two eigenvalues
 }
 
+// Phenotypic covariances sum the effects that both traits have.
+TEST_F(covmat_test, phenotypic_sums) {
+    options.emalgorithm = true;
+    prepare("PED p\nANA MUV 2\nDAT t.dat\n TR1 tno\n animal 10\n litter 5\n y1\n TR2 tno\n animal 10\n litter 5\n y2\nEND\nMOD\n MEA\n RAN animal NRM\n RAN litter IDE 2\n"
+            " TRAIT y1 1 -9\n TRAIT y2 2 -9\nEND\nVAR animal 2\n 2.0 0.5 3.0\nVAR litter 1\n 1.5\nVAR residual 2\n 5.0 1.0 4.0\n",
+            "1 1 1 2\n2 1 1 5\n1 2 2 4\n2 2 2 6\n", 3);
+    estimate_at_start();
+    write_estimates();
+    const std::string text = report_from("***** Estimates of residual");
+    EXPECT_NE(text.find(" Matrix of correlations and variance ratios\n   1      0.7143\n   2      0.2236    0.4706\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(" Variance ratios\n   1      0.1765\n"), std::string::npos) << text; // 1.5 of 8.5
+    EXPECT_NE(report_from("***** Estimates of phenotypic").find(" Covariance matrix\n   1     7.0000    \n   2     1.5000       8.5000    \n"),
+              std::string::npos)
+        << text;
+}
+
+TEST_F(covmat_test, permanent_effects_count_in_the_total) {
+    options.emalgorithm = true;
+    prepare("DAT t.dat\n animal 10\n perm 10\n y\nEND\nPED p\nANA UNI\nMOD\n MEA\n RAN animal NRM\n RAN perm PEQ\n TRAIT y 1 -9\nEND\n"
+            "VAR animal 1\n 3.0\nVAR perm 1\n 2.0\nVAR residual 1\n 5.0\n",
+            "1 1 2\n1 1 4\n2 2 6\n3 3 5\n", 3);
+    estimate_at_start();
+    write_estimates();
+    const std::string text = report_from("***** Estimates of residual");
+    EXPECT_NE(text.find(" Variance components\n   1     5.0000    \n\n Variance ratios\n   1      0.5000\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(" Variance components\n   1     2.0000    \n\n Variance ratios\n   1      0.2000\n"), std::string::npos) << text;
+    EXPECT_NE(report_from("***** Estimates of phenotypic").find(" Variance components\n   1     10.000    \n"), std::string::npos) << text;
+}
+
 TEST_F(covmat_test, sum_of_correlated_effects) {
     options.emalgorithm = true;
     prepare("DAT t.dat\n animal 10\n dam 10\n y\nEND\nANA UNI\nPED p\nMOD\n MEA\n RAN animal NRM\n RAN dam NRM\n TRAIT y 1 -9\nEND\n"
