@@ -1,6 +1,8 @@
 // Simulated data on the structure of given ones, and estimates from them.
 #include "case_run.h"
 #include "population.h"
+#include "simulation/ranf.h"
+#include "simulation/setall.h"
 
 #include <map>
 
@@ -65,6 +67,24 @@ TEST_F(Simulate, WithoutReadableSeedsTheClockSetsThem) {
         EXPECT_NE(result.output.find("Error reading random seeds from \"RandomSeeds\""), std::string::npos) << result.output;
         EXPECT_NE(result.output.find(" ... switching to initialisation from clock"), std::string::npos);
         EXPECT_EQ(words_of(read_file("RandomSeeds")).size(), 2u);
+    }
+}
+
+// Effects by level first, then the residuals of the records: exact values from the stream of the printed seeds.
+TEST_F(Simulate, ValuesFollowTheStreamToTheBit) {
+    write_file("data.dat", "1 5\n2 6\n2 7\n");
+    write_file("model.par", "ANA UNI\nDAT data.dat\n animal 9\n y\nEND\nMOD\n MEA\n RAN animal IDE\n TR y 1 -999\nEND\nVAR animal 1\n 4.0\n"
+                            "VAR residual 1\n 9.0\n");
+    finish("--simul2");
+    setall(12345, 67890);
+    for (const char* file : {"SimData001.dat", "SimData002.dat"}) {
+        double z[5];
+        for (double& x : z) x = static_cast<double>(snorm());
+        const auto lines = lines_of(read_file(file));
+        ASSERT_EQ(lines.size(), 3u);
+        EXPECT_EQ(number_of(words_of(lines[0]).at(2)), 2.0 * z[0] + 3.0 * z[2]);
+        EXPECT_EQ(number_of(words_of(lines[1]).at(2)), 2.0 * z[1] + 3.0 * z[3]);
+        EXPECT_EQ(number_of(words_of(lines[2]).at(2)), 2.0 * z[1] + 3.0 * z[4]);
     }
 }
 
