@@ -261,7 +261,7 @@ TEST_F(parfile_messages, functions_of_covariances) {
     const auto ratios = [](int) { return std::string("VRA a 1 2\n"); };
     EXPECT_NO_THROW(map(block(repeated(40, sums) + repeated(120, ratios))));
     fails(block(repeated(41, sums)), "too many additional covariances\nmaximum allowed is 40\n");
-    fails(block(repeated(121, ratios)), "too many additional genetic parameters");
+    fails(block(repeated(121, ratios)), "too many additional genetic parameters\nmaximum allowed is 120\n");
     const auto terms = [](int) { return std::string(" 1"); };
     EXPECT_NO_THROW(map(block("SUM a" + repeated(33, terms) + "\n")));
     fails(block("SUM a" + repeated(34, terms) + "\n"), "too many components in add. cov.");
