@@ -70,7 +70,11 @@ void add_sum(par_lines& p, const std::string& name) {
 // Kind 1, ratio of two variances; kind 2, correlation: covariance and two variances.
 void add_parameter(par_lines& p, const std::string& name, int kind) {
     auto& u = usrdefcovs;
-    if (u.naddgps == maxaddgps) stop_with("too many additional genetic parameters");
+    if (u.naddgps == maxaddgps) {
+        print_list(screen(), "too many additional genetic parameters");
+        print_list(screen(), "maximum allowed is", maxaddgps);
+        stoptarvex();
+    }
     std::array<int, 4> igp{kind, 0, 0, 0};
     for (int i = 1; i <= kind + 1; ++i) igp[static_cast<std::size_t>(i)] = next_digit(p);
     ++u.naddgps;
