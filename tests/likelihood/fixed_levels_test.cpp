@@ -1,9 +1,11 @@
 // Levels of a random effect that are treated as fixed, against dense algebra: their effects are columns of X, and the
 // others follow from their parents, fixed or not, by the recurrence of the pedigree.
 #include "control/numbers.h"
+#include "control/numroutines.h"
 #include "control/options.h"
 #include "data/levels.h"
 #include "estimation/derivatives.h"
+#include "estimation/emsteps.h"
 #include "estimation/estimates.h"
 #include "estimation/variances.h"
 #include "likelihood/likelihood.h"
@@ -101,6 +103,33 @@ void expect_dense_gradient(const small_model& m, const std::vector<int>& fixed) 
     }
 }
 
+// Average information against 1/2 y'P dV P dV P y: the part of the solutions that the fixed levels hand on lies in X.
+void expect_dense_information(const small_model& m, const std::vector<int>& fixed) {
+    program_logl(estimates.parvec, 1);
+    average_info();
+    derivatives_mmm();
+    jacob_var2chol(0);
+    const oracle::analysis a = with_fixed(m, fixed);
+    const oracle::reml e = oracle::evaluate(a, oracle::variance(a, point_at(m, estimates.parvec)));
+    std::vector<oracle::dense> dv;
+    for (int i = 1; i <= estimates.nparm; ++i) {
+        array<double> up = estimates.parvec, down = estimates.parvec;
+        const double h = 1.0e-4; // V is quadratic in the parameters: the difference is exact
+        up(i) += h;
+        down(i) -= h;
+        oracle::dense d = oracle::variance(a, point_at(m, up));
+        const oracle::dense low = oracle::variance(a, point_at(m, down));
+        for (std::size_t r = 0; r < d.size(); ++r)
+            for (std::size_t c = 0; c < d.size(); ++c) d[r][c] = (d[r][c] - low[r][c]) / (2.0 * h);
+        dv.push_back(d);
+    }
+    for (int i = 1; i <= estimates.nparm; ++i)
+        for (int j = i; j <= estimates.nparm; ++j) {
+            const double want = oracle::information(e, dv[at(i - 1)], dv[at(j - 1)]);
+            EXPECT_NEAR(derivs.der2(ihmssf(i, j, estimates.nparm)), want, 1.0e-6 * (1.0 + std::fabs(want))) << i << " " << j;
+        }
+}
+
 void on_original_scale() {
     options.emalgorithm = true;
     covs2parvec();
@@ -115,6 +144,7 @@ TEST_F(fixed_levels_test, OneTrait) {
     ASSERT_EQ(randasfix.nasfix(1), 3);
     expect_dense(m, fixed);
     expect_dense_gradient(m, fixed);
+    expect_dense_information(m, fixed);
     on_original_scale();
     expect_dense(m, fixed);
     expect_dense_gradient(m, fixed);
@@ -126,6 +156,32 @@ TEST_F(fixed_levels_test, TwoTraitsWithMissingRecords) {
     set_up(m);
     expect_dense(m, fixed);
     expect_dense_gradient(m, fixed);
+    expect_dense_information(m, fixed);
+}
+
+// A round moves a variance by 2 g g / n times its slope, n the levels that are random.
+TEST_F(fixed_levels_test, RoundOfEm) {
+    const std::vector<int> fixed{3, 9};
+    const small_model m = animals(1, fixed, "0.0");
+    set_up(m, {"--emalg"});
+    on_original_scale();
+    const oracle::analysis a = with_fixed(m, fixed);
+    const oracle::point p = point_at(m, estimates.parvec);
+    const double r = p.r[0][0][0], g = p.g[0][0][0], h = 1.0e-3;
+    const auto logl = [&](double dr, double dg) {
+        oracle::point q = p;
+        q.r[0][0][0] += dr;
+        q.g[0][0][0] += dg;
+        return oracle::evaluate(a, oracle::variance(a, q)).logl;
+    };
+    const double sr = (8.0 * (logl(h, 0) - logl(-h, 0)) - (logl(2 * h, 0) - logl(-2 * h, 0))) / (12.0 * h);
+    const double sg = (8.0 * (logl(0, h) - logl(0, -h)) - (logl(0, 2 * h) - logl(0, -2 * h))) / (12.0 * h);
+    double xlike = program_logl(estimates.parvec, 1);
+    int iround = 0;
+    em_algorithm(1, iround, xlike, 0.0);
+    const oracle::point after = point_at(m, estimates.parvec);
+    EXPECT_NEAR(after.r[0][0][0], r + 2.0 * r * r * sr / static_cast<double>(a.obs.size()), 1.0e-6);
+    EXPECT_NEAR(after.g[0][0][0], g + 2.0 * g * g * sg / effective_levels(1), 1.0e-6);
 }
 
 // With a factor f on the diagonal the levels are draws with the matrix G/f from which no logarithm is counted.
@@ -153,6 +209,13 @@ TEST_F(fixed_levels_test, RidgeOnTheDiagonal) {
     const double want = oracle::evaluate(a, oracle::variance(a, p)).logl +
                         0.5 * nf * (oracle::log_det(p.g[0]) - 2.0 * std::log(factor));
     EXPECT_NEAR(program_logl(estimates.parvec), want, 1.0e-8 * std::fabs(want));
+    program_logl(estimates.parvec, 1);
+    average_info();
+    derivatives_mmm();
+    jacob_var2chol(0);
+    const array<double> der1 = derivs.der1;
+    const std::vector<double> slopes = difference_gradient(estimates.parvec);
+    for (int i = 1; i <= estimates.nparm; ++i) EXPECT_NEAR(der1(i), slopes[at(i - 1)], 1.0e-5) << "parameter " << i;
 }
 
 TEST_F(fixed_levels_test, LevelNamedTwiceCountsOnce) {
