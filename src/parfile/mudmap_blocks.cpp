@@ -175,7 +175,10 @@ void random_sigam(int irand) {
     const std::string& name = model.krandom(irand);
     const auto plus = name.find(plus_char);
     if (plus == std::string::npos) {
-        if (model.correlated(irand) != 0) tvx_notyet();
+        if (model.correlated(irand) != 0) {
+            print_list(screen(), "Correlated effects are given in one block, named by both with a \"+\" : ", name);
+            tvx_notyet();
+        }
         random_regular(irand);
         return;
     }
@@ -187,7 +190,10 @@ void random_sigam(int irand) {
     }
     m.nnq(irand) = tie_correlated(irand, name1, 1, 0);
     m.nnq2(irand) = tie_correlated(irand, name2, 2, m.nnq(irand));
-    if (m.nnq(irand) == 0 || m.nnq2(irand) == 0) tvx_notyet();
+    if (m.nnq(irand) == 0 || m.nnq2(irand) == 0) {
+        print_list(screen(), "Correlated effects are not both in the model : ", name);
+        tvx_notyet();
+    }
     if (m.nnq(irand) + m.nnq2(irand) != model.kkfit(irand)) {
         print_list(screen(), "Sigam :Mismatch in order of fit ? ", m.nnq(irand), m.nnq2(irand), model.kkfit(irand),
                    name);

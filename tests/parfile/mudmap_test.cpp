@@ -246,7 +246,8 @@ TEST_F(mudmap_build, faults_of_correlated_effects) {
                 "Sigam :Mismatch in order of fit ?  2 2 3 animal+dam");
     EXPECT_STOP(map(with(correlated("VAR animal+dam 4\n 9 1 1 1 9 1 1 9 1 9\n"), "RAN dam NRM", "RAN dam IDE")),
                 "Invalid cov option 2 ");
-    EXPECT_STOP(map(correlated("VAR animal 2\n 9 1 9\nVAR dam 2 +\n 9 1 9\n")), "not yet");
+    EXPECT_STOP(map(correlated("VAR animal 2\n 9 1 9\nVAR dam 2 +\n 9 1 9\n")),
+                "Correlated effects are given in one block, named by both with a \"+\" :  dam\n*** Tarvex is work");
     EXPECT_TRUE(options.sigam);
     EXPECT_STOP(map(with(correlated("VAR animal 2\n 9 1 9\nVAR dam 2\n 9 1 9\n"), "VAR residual 2", "VAR animal 2 +")),
                 "Random effect name used more than once");
@@ -254,7 +255,8 @@ TEST_F(mudmap_build, faults_of_correlated_effects) {
                             "VAR animal+pe 5\n 9 0 0 0 0 9 0 0 0 9 0 0 9 0 9\n");
     EXPECT_STOP(map(with(text, "RAN pe(2,LEG) IDE", "RAN pe(2,LEG) NRM")), "not yet"); // only of one coefficient each
     EXPECT_STOP(map(with(examples::growth, "VAR pe 2", "VAR pe 2 +")), "not yet");
-    EXPECT_STOP(map(correlated("VAR animal+sire 4\n 9 1 1 1 9 1 1 9 1 9\n")), "not yet");
+    EXPECT_STOP(map(correlated("VAR animal+sire 4\n 9 1 1 1 9 1 1 9 1 9\n")),
+                "Correlated effects are not both in the model :  animal+sire\n*** Tarvex is work");
 }
 
 } // namespace
