@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace tarvex {
@@ -22,95 +23,93 @@ namespace {
 
 constexpr int steps = 100000; // subscripts in a record of the file
 
-// Rows in order; mrglnk chains the rows that hand their patterns on to a later one, rchlnk is the sorted list of the row in
-// hand, marker(i) names the row whose stored list last took up subscript i. ixsub(nzbeg..nzend) is the list stored last.
+// Rows in order; mrglnk chains the rows that hand their patterns on to a later one; marker(i) names the row whose stored
+// list last took up subscript i. ixsub(nzbeg..nzend) is the list stored last.
 struct symbolic {
     int n;
     array<int>& ixvec1;
     array<int>& ixvec2;
     array<int>& ixsub;
-    std::vector<int> mrglnk, rchlnk, marker;
+    std::vector<int> mrglnk, marker;
+    std::vector<int> seen;        // row in hand when the subscript was last met
+    std::vector<int> list, extra; // pattern of the row in hand, and what its longest child does not have
     int nzbeg = 1, nzend = 0;
 };
 
-// Merges ascending subscripts into the list that starts at rchlnk[k]. Returns the number of new ones.
-int merge_into(symbolic& s, int k, const int* first, const int* last) {
-    int at = k, added = 0;
-    for (; first != last; ++first) {
-        int next = s.rchlnk[at];
-        while (next < *first) next = s.rchlnk[at = next];
-        if (next != *first) {
-            s.rchlnk[at] = *first;
-            s.rchlnk[*first] = next;
-            ++added;
-        }
-        at = *first;
+// What row i hands on: its subscripts behind the first.
+std::span<const int> handed_on(const symbolic& s, int i) {
+    const int c = s.ixvec1(i + 1) - s.ixvec1(i);
+    return {s.ixsub.data() + s.ixvec2(i), static_cast<std::size_t>(c - 1)};
+}
+
+// Subscripts that row k has not met go into s.extra.
+void meet(symbolic& s, int k, std::span<const int> subscripts) {
+    for (const int i : subscripts) {
+        if (s.seen[i] == k) continue;
+        s.seen[i] = k;
+        s.extra.push_back(i);
     }
-    return added;
 }
 
 // Looks for the list of row k in the list stored last. True if it is the tail of that one. If that one ends where the list
 // begins, its tail is given up, to be stored again as the head of the list.
 bool overlaps(symbolic& s, int k) {
-    if (s.nzbeg > s.nzend) return false;
-    int i = s.rchlnk[k];
+    if (s.nzbeg > s.nzend || s.list.empty()) return false;
     const int* stored = s.ixsub.data();
     const int* end = stored + s.nzend;
-    const int* j = std::lower_bound(stored + s.nzbeg - 1, end, i);
-    if (j == end || *j != i) return false;
-    const int js = static_cast<int>(j - stored) + 1;
-    for (; j != end && i <= s.n; ++j, i = s.rchlnk[i])
-        if (*j != i) return false;
-    if (i > s.n) {
-        if (j != end) return false;
+    const int* first = std::lower_bound(stored + s.nzbeg - 1, end, s.list.front());
+    const auto [j, i] = std::mismatch(first, end, s.list.begin(), s.list.end());
+    const int js = static_cast<int>(first - stored) + 1;
+    if (i == s.list.end() && j == end) {
         s.ixvec2(k) = js;
         return true;
     }
-    s.nzend = js - 1;
+    if (j == end && first != end) s.nzend = js - 1;
     return false;
 }
 
-// Stores the list of row k, of knz subscripts. False where 32 bits do not do.
-bool store_list(symbolic& s, int k, int knz) {
+// Stores the list of row k. False where 32 bits do not do.
+bool store_list(symbolic& s, int k) {
+    const int knz = static_cast<int>(s.list.size());
     s.nzbeg = s.nzend + 1;
     if (knz > INT_MAX - 1 - s.nzend) return false;
     s.nzend += knz;
     if (s.nzend > s.ixsub.size())
         s.ixsub.resize(std::min<long long>(INT_MAX, std::max<long long>(s.nzend, s.ixsub.size() * 3LL / 2 + 1000)));
-    int i = k;
-    for (int j = s.nzbeg; j <= s.nzend; ++j) {
-        i = s.rchlnk[i];
-        s.ixsub(j) = i;
-        s.marker[i] = k;
-    }
+    std::copy(s.list.begin(), s.list.end(), s.ixsub.data() + s.nzbeg - 1);
+    for (const int i : s.list) s.marker[i] = k;
     s.marker[k] = k;
     s.ixvec2(k) = s.nzbeg;
     return true;
 }
 
-// Pattern of row k from its neighbours (ascending) and the rows that hand on to it. Returns its length, -1: too long.
+// Pattern of row k from its neighbours and the rows that hand on to it. Returns its length, -1: too long.
 int row_pattern(symbolic& s, int k, const std::vector<int>& nbs) {
     const int m = s.mrglnk[k];
     s.marker[k] = m > 0 ? s.marker[m] : k;
     s.ixvec2(k) = s.nzend;
-    s.rchlnk[k] = s.n + 1;
     const bool outside = std::any_of(nbs.begin(), nbs.end(), [&](int nb) { return s.marker[nb] != s.marker[k]; });
     if (!outside && m > 0 && s.mrglnk[m] == 0) {
         s.ixvec2(k) = s.ixvec2(m) + 1;
         return s.ixvec1(m + 1) - s.ixvec1(m) - 1;
     }
-    int knz = merge_into(s, k, nbs.data(), nbs.data() + nbs.size());
-    int lmax = 0;
-    for (int i = m; i > 0; i = s.mrglnk[i]) {
-        const int inz = s.ixvec1(i + 1) - s.ixvec1(i) - 1, j0 = s.ixvec2(i) + 1;
-        if (inz > lmax) {
-            lmax = inz;
-            s.ixvec2(k) = j0;
+    std::span<const int> longest;
+    for (int i = m; i > 0; i = s.mrglnk[i])
+        if (const auto part = handed_on(s, i); part.size() > longest.size()) {
+            longest = part;
+            s.ixvec2(k) = s.ixvec2(i) + 1;
         }
-        const int* first = s.ixsub.data() + j0 - 1;
-        knz += merge_into(s, k, first, first + inz);
-    }
-    if (knz != lmax && !overlaps(s, k) && !store_list(s, k, knz)) return -1;
+    for (const int i : longest) s.seen[i] = k;
+    s.extra.clear();
+    meet(s, k, nbs);
+    for (int i = m; i > 0; i = s.mrglnk[i])
+        if (const auto part = handed_on(s, i); part.data() != longest.data()) meet(s, k, part);
+    const auto knz = static_cast<int>(longest.size() + s.extra.size());
+    if (s.extra.empty()) return knz;
+    std::sort(s.extra.begin(), s.extra.end());
+    s.list.resize(longest.size() + s.extra.size());
+    std::merge(longest.begin(), longest.end(), s.extra.begin(), s.extra.end(), s.list.begin());
+    if (!overlaps(s, k) && !store_list(s, k)) return -1;
     return knz;
 }
 
@@ -174,7 +173,7 @@ void ssmbfct(int nsrow, const array<int>& xadj, const array<int>& adjncy, const 
     const auto n = static_cast<std::size_t>(nsrow);
     ixvec1.allocate(nsrow + 1);
     ixvec2.allocate(nsrow);
-    symbolic s{nsrow, ixvec1, ixvec2, ixsub, std::vector<int>(n + 1), std::vector<int>(n + 1), std::vector<int>(n + 1)};
+    symbolic s{nsrow, ixvec1, ixvec2, ixsub, std::vector<int>(n + 1), std::vector<int>(n + 1), std::vector<int>(n + 1), {}, {}};
     const bool renumber = perm.allocated();
     std::vector<int> nbs;
     flag = 0;
@@ -184,7 +183,6 @@ void ssmbfct(int nsrow, const array<int>& xadj, const array<int>& adjncy, const 
         nbs.clear();
         for (int j = xadj(node); j < xadj(node + 1); ++j)
             if (const int nb = renumber ? invp(adjncy(j)) : adjncy(j); nb > k) nbs.push_back(nb);
-        std::sort(nbs.begin(), nbs.end());
         const int knz = row_pattern(s, k, nbs);
         if (knz < 0 || knz > INT_MAX - 1 - ixvec1(k)) {
             flag = 1;
