@@ -145,7 +145,7 @@ void adjacency2() {
     list.nrczhz = static_cast<int>(total);
     adjacency.llxrhs = true;
     tell_growth(before, total, total);
-    tell_count("Elements in MMM - after RHS ", total);
+    print_list(screen(), "Elements in MMM - after RHS ", total);
     write_adjacency();
 }
 

@@ -60,7 +60,7 @@ void zero_out_users(int iq) {
         if (level == 0) not_found('f', name, code, levels.fx_nlev(ifix, iq));
         zero_out(mmequations.fx_start(ifix, iq) + level);
         if (tracing())
-            print_list(screen(), "dep usr", iq, j, mmequations.ieqzero.size(), mmequations.fx_start(ifix, iq) + level);
+            print_list(screen(), "dep usr", iq, j, mmequations.ieqzero.size(), mmequations.ieqzero.back());
     }
 }
 

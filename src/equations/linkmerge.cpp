@@ -89,10 +89,6 @@ void tell_growth(long long before, long long now, long long capacity) {
         print_list(screen(), "lnkzhz", k, capacity);
 }
 
-void tell_count(std::string_view text, long long n) {
-    if (options.werbose) write(screen(), "(1x,a,t36,i14)", text, n);
-}
-
 void merge_links(int n, const clique_lists& data, const std::vector<level_links>& blocks) {
     const membership sets = invert(n, data);
     std::vector<const level_links*> block_of_row(static_cast<std::size_t>(n) + 1, nullptr);
@@ -127,7 +123,7 @@ void merge_links(int n, const clique_lists& data, const std::vector<level_links>
         if (!g.cols.empty()) list.inext(at) = 0;
     });
     tell_growth(0, from_data, capacity);
-    tell_count("Elements in MMM - after data ", from_data);
+    if (options.werbose) write(screen(), "(1x,a,t36,i14)", "Elements in MMM - after data ", from_data);
     for (std::size_t i = 0; i < blocks.size(); ++i) {
         tell_growth(from_data, from_data + added[i], capacity);
         from_data += added[i];

@@ -1,7 +1,6 @@
 // Sorting of links between equations into the row store.
 #pragma once
 #include <cstddef>
-#include <string_view>
 #include <vector>
 
 namespace tarvex {
@@ -30,8 +29,7 @@ struct level_links {
 // the order of the random effects.
 void merge_links(int n, const clique_lists& data, const std::vector<level_links>& blocks);
 
-// A line for every 200000 elements by which the store has grown, and the count behind a step of the work under werbose.
+// A line for every 200000 elements by which the store has grown.
 void tell_growth(long long before, long long now, long long capacity);
-void tell_count(std::string_view text, long long n);
 
 } // namespace tarvex

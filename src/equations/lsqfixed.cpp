@@ -3,10 +3,12 @@
 #include "control/filenames.h"
 #include "control/numbers.h"
 #include "control/options.h"
+#include "control/parameters.h"
 #include "control/tvxroutines.h"
 #include "data/datavecs.h"
 #include "data/recodedata.h"
 #include "data/rowlayout.h"
+#include "equations/linkmerge.h"
 #include "equations/lsqrank.h"
 #include "equations/mmequations.h"
 #include "likelihood/solutions.h"
@@ -14,6 +16,7 @@
 #include "support/stop.h"
 
 #include <algorithm>
+#include <new>
 #include <vector>
 
 namespace tarvex {
@@ -96,16 +99,30 @@ std::vector<int> taken_out(const normal_equations& a, const fixed_rows& rows) {
     return out;
 }
 
+// Elements behind the diagonal, as if held in a store with room for 10000 a row.
+void tell_elements(int n, long long data, long long all) {
+    const long long capacity = std::min(10000LL * n + 10000, static_cast<long long>(maxelements));
+    tell_growth(0, data, capacity);
+    tell_growth(data, std::max(data, all), capacity);
+}
+
+lsq_rank eliminate(const fixed_rows& rows, normal_equations& a) {
+    try {
+        data_pass(a, rows);
+        a.finish();
+        const std::vector<int> out = taken_out(a, rows);
+        return fast_rank(a, out, 100.0 * numbers.zero);
+    } catch (const std::bad_alloc&) { stop("alloc zhz"); }
+}
+
 } // namespace
 
 void lsq_fixed() {
     const fixed_rows rows = make_rows();
     const int n = rows.count();
     normal_equations a(n);
-    data_pass(a, rows);
-    a.finish();
-    const std::vector<int> out = taken_out(a, rows);
-    const lsq_rank r = fast_rank(a, out, 100.0 * numbers.zero);
+    const lsq_rank r = eliminate(rows, a);
+    tell_elements(n, static_cast<long long>(a.col.size()), r.elements);
     for (const auto& [row, pivot] : r.dependent) {
         const int irow = rows.equation(row);
         if (options.verbose) print_list(screen(), "LSQ : small pivot", irow, pivot);

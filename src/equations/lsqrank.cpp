@@ -6,6 +6,7 @@
 #include "support/stop.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <new>
 #include <numeric>
@@ -312,6 +313,7 @@ void normal_equations::grow() {
 }
 
 void normal_equations::finish() {
+    if (used_ >= INT_MAX) stop("alloc zhz");
     std::vector<std::pair<std::uint64_t, double>> all;
     all.reserve(used_);
     for (std::size_t k = 0; k < key_.size(); ++k)
@@ -335,6 +337,7 @@ lsq_rank natural_rank(const normal_equations& a, const std::vector<int>& out, do
     const lsq_factor f = factorise(a, std::move(eq), limit);
     lsq_rank r;
     r.natural = true;
+    r.elements = f.maxlnz;
     for (int j = 1; j <= f.n; ++j)
         if (f.out[j])
             r.dependent.push_back({f.eq[j], f.pivot[j]});
@@ -360,6 +363,7 @@ lsq_rank fast_rank(const normal_equations& a, const std::vector<int>& out, doubl
     const auto vectors = echelon(null_vectors(f, a), a.n);
     if (vectors.size() != vanished || doubtful(vectors)) return natural_rank(a, out, limit);
     r.rank = f.n - static_cast<int>(vanished);
+    r.elements = f.maxlnz;
     r.xsol = back_solution(f, a.n);
     bring_to(r.xsol, vectors, a.diag);
     for (const auto& w : vectors) r.dependent.push_back({w.element.front().first, w.pivot});

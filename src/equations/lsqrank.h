@@ -34,6 +34,7 @@ struct lsq_rank {
     int rank = 0;
     std::vector<dependency> dependent; // ascending rows
     std::vector<double> xsol;          // (n) solutions, 0 for dependent equations and those taken out before
+    std::int64_t elements = 0;         // behind the diagonal, fill-in included
     bool natural = false;              // decided by elimination in natural order
 };
 

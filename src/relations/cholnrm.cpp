@@ -19,8 +19,6 @@ namespace tarvex {
 
 namespace {
 
-constexpr std::int64_t maxlzhz = 294000000; // off-diagonal elements of a factor
-
 void need_inbreeding(int irun) {
     if (nrminverse.ifin.allocated() && irun <= nrminverse.ifin.upper() && nrminverse.ifin(irun) != 0) return;
     screen().line("Inbreeding coefficients not set - cannot calculate NRM ");
@@ -83,7 +81,7 @@ void write_factor(record_writer& out, int irun, int nan) {
         const int s = pedigreelist.sire(irun)[ian - 1], d = pedigreelist.dam(irun)[ian - 1];
         merge_parents(rows[s], rows[d], row);
         nrczhz += static_cast<std::int64_t>(row.col.size());
-        if (nrczhz > maxlzhz) stop_with("\"lnkloc\" : dimensions exceeded !!");
+        if (nrczhz > cholnrm.maxlzhz) stop_with("\"lnkloc\" : dimensions exceeded !!");
         const double zdia = std::sqrt(mendelian(irun, ian));
         out.record(std::int32_t{ian}, std::int32_t{ian}, zdia);
         for (std::size_t k = 0; k < row.col.size(); ++k)

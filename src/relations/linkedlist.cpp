@@ -3,6 +3,7 @@
 #include "relations/linkedlist.h"
 
 #include "control/tvxroutines.h"
+#include "support/stop.h"
 
 namespace tarvex {
 
@@ -10,7 +11,7 @@ namespace {
 
 constexpr int every = 200000; // new elements between two lines of progress
 
-[[noreturn]] void store_full() { stop_with("\"lnkzhz\" : dimensions exceeded !!"); }
+constexpr const char* store_full = "\"lnkzhz\" : dimensions exceeded !!";
 
 // Links a new element of column icol behind element prev (0: at the head of the row). False: no room.
 bool add_element(int irow, int prev, int icol) {
@@ -62,13 +63,13 @@ bool merge(int irow, std::span<const int> icols, std::span<const double> xvals, 
 void lnkzhz(int irow, std::span<const int> icols, std::span<const double> xvals, bool addval, int& ierr) {
     ierr = 0;
     if (merge(irow, icols, xvals, addval)) return;
-    if (addval) store_full();
+    if (addval) stop_with(store_full);
     ierr = 1;
 }
 
 void llnkzhz(int irow, std::span<const int> icols, std::span<const double> xvals, int& ierr) {
     ierr = 0;
-    if (!merge(irow, icols, xvals, true)) store_full();
+    if (!merge(irow, icols, xvals, true)) stop(store_full);
 }
 
 } // namespace tarvex

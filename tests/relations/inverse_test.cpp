@@ -441,6 +441,20 @@ TEST_F(factor_test, line_of_parents_and_offspring) {
     EXPECT_DOUBLE_EQ(l[12][12], std::sqrt(0.75));
 }
 
+TEST_F(factor_test, more_elements_than_allowed_stop_and_leave_no_file) {
+    std::vector<int> sire(13), dam(13);
+    std::iota(sire.begin(), sire.end(), 0); // 78 elements
+    model_by_hand(sire, dam);
+    options.superai = true;
+    gen_inverses();
+    cholnrm.maxlzhz = 77;
+    EXPECT_STOP(cholnrm_animal(), "\"lnkloc\" : dimensions exceeded !!\nexit \"Tarvex\"");
+    EXPECT_FALSE(file_exists("cholnrm1.bin"));
+    cholnrm.maxlzhz = 78;
+    cholnrm_animal();
+    EXPECT_TRUE(file_exists("cholnrm1.bin"));
+}
+
 TEST_F(factor_test, founders_give_the_identity_and_progress_has_no_flag) {
     model_by_hand(std::vector<int>(500), std::vector<int>(500));
     options.superai = true;
@@ -571,8 +585,9 @@ TEST_F(row_store_test, value_calls_without_room_stop) {
     merge(1, {2});
     int ierr = 0;
     EXPECT_STOP(merge(1, {3}), "\"lnkzhz\" : dimensions exceeded !!\nexit \"Tarvex\"");
-    EXPECT_STOP(llnkzhz(1, std::vector<int>{3}, std::vector<double>{1.0}, ierr),
-                "\"lnkzhz\" : dimensions exceeded !!\n");
+    clear_screen();
+    EXPECT_STOP(llnkzhz(1, std::vector<int>{3}, std::vector<double>{1.0}, ierr), "\"lnkzhz\" : dimensions exceeded !!");
+    EXPECT_EQ(screen_text(), "") << "the text is the last line of the run";
 }
 
 TEST_F(row_store_test, progress_every_200000_elements) {
