@@ -157,8 +157,8 @@ void renumbered_pattern(array<int>& xadj, array<int>& adjncy) {
         }
 }
 
-// Structure of the factor in the order in hand.
-void lay_out() {
+// Structure of the factor in the order in hand. False: more than the counts hold.
+bool lay_out() {
     array<int> xadj, adjncy;
     renumbered_pattern(xadj, adjncy);
     int flag = 0;
@@ -172,9 +172,12 @@ void lay_out() {
             sparse.ixsub = std::move(exact);
         }
     } catch (const std::bad_alloc&) { tvx_noalloc("IXSUB", sparse.maxsub); }
-    if (flag == 0) return;
+    return flag == 0 && sparse.maxsub <= orders.maxspa;
+}
+
+[[noreturn]] void too_many_subscripts() {
     print_list(screen(), "routine \"SMBFCT\" : too many subscripts !");
-    print_list(screen(), "max. allowed   =", INT_MAX);
+    print_list(screen(), "max. allowed   =", orders.maxspa);
     print_list(screen(), "no. required   >", sparse.maxsub);
     print_list(screen(), "reset parameter \"maxspa\" !");
     stoptarvex();
@@ -235,15 +238,15 @@ void take_old(trial_state& t) {
     --numbers.nsrow;
     need_pattern(t);
     adjacency2();
-    lay_out();
+    if (!lay_out()) too_many_subscripts();
 }
 
-void take_new(trial_state& t) {
+bool take_new(trial_state& t) {
     need_pattern(t);
     find_order(t.nofsub);
     adjacency2();
     set_maps();
-    lay_out();
+    return lay_out();
 }
 
 // The order of an earlier run: true if it is to be used as it is.
@@ -252,7 +255,7 @@ bool find_old(trial_state& t) {
     case order_file::none: return false;
     case order_file::unreadable:
         if (options.werbose) print_list(screen(), "Error reading previous ordering");
-        t.kkops = stale_order;
+        t = {{}, stale_order, t.preselected};
         return false;
     case order_file::foreign: t.kkops = stale_order; break;
     case order_file::fits:
@@ -278,9 +281,7 @@ void keep_better(trial_state& t, double nnops) {
 // Search over METIS settings, the best of which ends up in the file and in hand.
 void search_settings(trial_state& t) {
     do {
-        take_new(t);
-        const double nnops = count_and_tell(t.kkops);
-        keep_better(t, nnops);
+        if (take_new(t)) keep_better(t, count_and_tell(t.kkops));
         --numbers.nsrow;
     } while (next_setting());
     orders.order_type = 3;
@@ -290,18 +291,19 @@ void search_settings(trial_state& t) {
     }
     adjacency2();
     set_maps();
-    lay_out();
+    if (!lay_out()) too_many_subscripts();
 }
 
 // One new order; the one in the file is used in its place where that is better.
 void try_method(trial_state& t) {
-    take_new(t);
-    const double nnops = count_and_tell(t.kkops);
-    if (nnops <= t.kkops) {
+    const bool fits = take_new(t), another = t.old.invprm.allocated();
+    if (!fits && !another) too_many_subscripts();
+    const double nnops = fits ? count_and_tell(t.kkops) : stale_order;
+    if (fits && nnops <= t.kkops) {
         keep_better(t, nnops); // a tie leaves the files as they are
         return;
     }
-    if (!t.old.invprm.allocated()) return; // dearer than any, but there is nothing else
+    if (!another) return; // dearer than any, but there is nothing else
     tell_worse("Previous ordering better - using that !", t.kkops, nnops);
     if (t.preselected) {
         print_list(screen(), "\"Bad\" ordering scheme has been pre-selected !");
@@ -365,7 +367,7 @@ void redo_eqnorders() {
     find_order(nofsub);
     adjacency2();
     set_maps();
-    lay_out();
+    if (!lay_out()) too_many_subscripts();
     settle();
     const double nnops = count_and_tell(no_order);
     if (nnops > no_order)

@@ -3,6 +3,7 @@
 #include "support/array.h"
 
 #include <array>
+#include <limits>
 
 namespace tarvex {
 
@@ -14,6 +15,7 @@ struct orders_module {
     array<int> invprm;  // (nsrow)   full-rank number to place
     array<int> ivperm;  // (nsrow)   place to full-rank number
     array<int> jeq;     // (neqns)   running number among the equations that stay, 0 for the others
+    int maxspa = std::numeric_limits<int>::max(); // most subscripts of a structure
     int nsymb = 0;      // counts symbolic structures made in this run: cached positions belong to one of them
 };
 inline orders_module orders;
