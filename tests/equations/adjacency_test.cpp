@@ -4,6 +4,7 @@
 #include "control/filenames.h"
 #include "control/numbers.h"
 #include "data/levels.h"
+#include "equations/linkmerge.h"
 #include "equations/mmequations.h"
 #include "equations/orders.h"
 #include "relations/linkedlist.h"
@@ -176,6 +177,16 @@ TEST_F(adjacency_test, counts_are_told_step_by_step) {
     EXPECT_EQ(static_cast<int>(pattern_on_file().size()), all);
     const auto at = screen_text().find(" Elements in MMM - after data ");
     EXPECT_EQ(screen_text().find('\n', at) - at, 49u) << "count in columns 36 to 49";
+}
+
+TEST_F(adjacency_test, growth_is_told_at_every_200000_elements) {
+    tell_growth(0, 199999, 500000);
+    EXPECT_EQ(screen_text(), "");
+    tell_growth(199999, 600001, 700000);
+    EXPECT_EQ(screen_text(), "lnkzhz 200000 700000\nlnkzhz 400000 700000\nlnkzhz 600000 700000\n");
+    clear_screen();
+    tell_growth(600001, 800000, 900000);
+    EXPECT_EQ(screen_text(), "lnkzhz 800000 900000\n");
 }
 
 TEST_F(adjacency_test, whole_chunks_leave_no_rest_records) {
