@@ -2,6 +2,7 @@
 
 #include "control/filenames.h"
 #include "control/numbers.h"
+#include "control/tvxroutines.h"
 #include "data/levels.h"
 #include "estimation/estimates.h"
 #include "parfile/model.h"
@@ -178,6 +179,10 @@ void rrcorrels(text_out& out, const table_columns& columns, int irrc, const std:
     }
 }
 
+void open_table(text_out& out, const std::string& name) {
+    if (!out.open(name)) stop_with("Error opening file \"" + name + "\"");
+}
+
 } // namespace
 
 void rrvariances() {
@@ -185,9 +190,9 @@ void rrvariances() {
     const std::vector<double> cov = all_covariances();
     text_out variances, ratios, correls;
     const bool single = model.nrrc == 1;
-    variances.open(filenames.rrvarsfile);
-    correls.open(filenames.rrcorrelfile);
-    if (single) ratios.open(filenames.rrratiosfile);
+    open_table(variances, filenames.rrvarsfile);
+    open_table(correls, filenames.rrcorrelfile);
+    if (single) open_table(ratios, filenames.rrratiosfile);
     write(variances, trait_line, "Variance components for trait no.", iq);
     if (single) write(ratios, trait_line, "Variance ratios for trait no.", iq);
     write(correls, trait_line, "Selected correlations for trait no.", iq);

@@ -3,6 +3,7 @@
 #include "control/filenames.h"
 #include "control/numbers.h"
 #include "control/options.h"
+#include "control/tvxroutines.h"
 #include "data/datavecs.h"
 #include "equations/orders.h"
 #include "likelihood/solutions.h"
@@ -15,7 +16,7 @@ namespace tarvex {
 
 void write_residuals() {
     text_out out;
-    if (!out.open(filenames.residsfile)) return;
+    if (!out.open(filenames.residsfile)) stop_with("Error opening file \"" + filenames.residsfile + "\"");
     array<double, 2> ssres;
     ssres.allocate(numbers.nq, numbers.nq);
     subject_stream subjects;

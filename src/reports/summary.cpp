@@ -244,7 +244,8 @@ void write_estimates() {
     sampling = {};
     if (options.sevars) approxai_covs();
     text_out out;
-    if (!out.open(options.bestonly ? filenames.best2file : filenames.estfile)) return;
+    const std::string& name = options.bestonly ? filenames.best2file : filenames.estfile;
+    if (!out.open(name)) stop_with("Error opening file \"" + name + "\"");
     write_tvxtop(out, options.bestonly ? "Covariance components specified" : "Estimates of covariance components");
     write_tvxfiles(out);
     write_headlines(out);

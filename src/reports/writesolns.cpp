@@ -87,7 +87,8 @@ void write_curve(int icov, int iq, const level_counts& counts, std::set<std::str
     const code_list* codes = nest_codes(icov, iq);
     const std::string name = "Curve_" + bare_name(model.covar(icov, iq)) + (codes ? "_" + nest_name(icov, iq) : "") + ".dat";
     text_out out;
-    if (!(written.insert(name).second ? out.open(name) : out.open_append(name))) return;
+    if (!(written.insert(name).second ? out.open(name) : out.open_append(name)))
+        stop_with("Error opening file \"" + name + "\"");
     const auto& values = covmeans.cv_values(icov, iq);
     const bool whole = std::all_of(values.begin(), values.end(), [](double v) { return v == std::floor(v) && std::fabs(v) < 1e9; });
     const int order = mudmap.cv_order(icov, iq), curves = codes ? static_cast<int>(codes->size()) : 1;
@@ -223,7 +224,7 @@ void write_fixsolns() {
     solution_counts counts;
     count_levels(counts);
     text_out out;
-    if (!out.open(filenames.fixsolfile)) return;
+    if (!out.open(filenames.fixsolfile)) stop_with("Error opening file \"" + filenames.fixsolfile + "\"");
     const bool wide = options.wide;
     options.wide = false;
     write_tvxtop(out, "GLS solutions for fixed effects");
@@ -239,7 +240,9 @@ void write_randsolns() {
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (mudmap.kovrnd(irand) == "PEQ") continue;
         text_out out;
-        if (out.open("RnSoln_" + model.krandom(irand) + ".dat")) write_random(out, irand);
+        const std::string name = "RnSoln_" + model.krandom(irand) + ".dat";
+        if (!out.open(name)) stop_with("Error opening file \"" + name + "\"");
+        write_random(out, irand);
     }
 }
 

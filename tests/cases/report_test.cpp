@@ -55,6 +55,18 @@ TEST_F(Report, BestPointHasNoErrors) {
     EXPECT_EQ(text.find("AIC"), std::string::npos);
 }
 
+TEST_F(Report, ReportsThatCannotBeWrittenAreFaults) {
+    for (const char* name : {"FixSolutions.out", "RnSoln_animal.dat", "Residuals.dat", "SumEstimates.out", "SumModel.out"}) {
+        std::filesystem::remove(name);
+        std::filesystem::create_directory(name);
+        const auto result = run("--aireml2");
+        EXPECT_EQ(result.status, 1) << name;
+        EXPECT_NE(result.output.find("Error opening file \"" + std::string(name) + "\"\n"), std::string::npos) << result.output;
+        std::filesystem::remove(name);
+    }
+    finish("--aireml2");
+}
+
 // Units of the traits change the estimates and their errors, and nothing else.
 TEST_F(Report, ErrorsFollowTheUnits) {
     finish("--aireml100,1e-10");
