@@ -303,7 +303,7 @@ TEST_F(OptionEffects, FilesThatFailWhileTheyAreRead) {
         EXPECT_EQ(result.status, 1) << file;
         const std::string words = file[0] == 'd'   ? "***** ERROR : reading data file *****\n"
                                   : file[0] == 'p' ? "***** ERROR in pedigree file"
-                                                   : "***** ERROR reading parameter file";
+                                                   : "Can not open parameter file !";
         EXPECT_NE(result.output.find(words), std::string::npos) << file << "\n" << result.output;
     }
 }
