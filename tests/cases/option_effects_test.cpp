@@ -357,7 +357,7 @@ TEST_F(OptionEffects, ReportThatIsADirectory) {
     std::filesystem::create_directory("RnSoln_animal.dat");
     const auto result = run("--aireml2");
     EXPECT_EQ(result.status, 1);
-    EXPECT_TRUE(result.output.ends_with("Error writing file \"RnSoln_animal.dat\"\nexit \"Tarvex\"\n"))
+    EXPECT_TRUE(result.output.ends_with("Error opening file \"RnSoln_animal.dat\"\nexit \"Tarvex\"\n"))
         << result.output;
 }
 
