@@ -41,6 +41,9 @@ struct dense_kernels_table {
     // Triangle u (m x m, column blocks) = -A A', A (m x k), or -= with mode subtract. Lower half; anything may be left
     // above the diagonal.
     void (*minus_square)(store_mode mode, int m, int k, const double* a, std::ptrdiff_t lda, double* u);
+    // Lower part of C (m x n) -= A B', B the first n rows of A (m x k), whose columns stand anywhere, a(0..k-1); n <= 480.
+    // Nothing is read behind row m of A.
+    void (*minus_columns)(int m, int n, int k, const double* const* a, double* c, std::ptrdiff_t ldc);
     // C (m x n) = -U B' for the symmetric matrix whose triangle is u, B (n x m), n <= 480.
     void (*minus_symmetric)(int m, int n, const double* u, const double* b, std::ptrdiff_t ldb, double* c,
                             std::ptrdiff_t ldc);

@@ -208,6 +208,48 @@ void minus_square(store_mode first, int m, int k, const double* a, place_t lda, 
     }
 }
 
+// As pack_a and pack_b, the first row being row `from` of columns that stand anywhere.
+void pack_a_columns(int m, int k, const double* const* a, int from) {
+    for (int i = 0; i < m; i += tile_height) {
+        const int high = least(vectors, (m - i + lanes - 1) / lanes), rows = least(m - i, high * lanes);
+        double* to = packed_a + static_cast<place_t>(i) * k;
+        for (int p = 0; p < k; ++p, to += high * lanes) {
+            const double* column = a[p] + from + i;
+            if (rows == high * lanes) {
+                for (int v = 0; v < high; ++v) save(to + v * lanes, load(column + v * lanes));
+                continue;
+            }
+            for (int q = 0; q < rows; ++q) to[q] = column[q];
+            for (int q = rows; q < high * lanes; ++q) to[q] = 0.0;
+        }
+    }
+}
+void pack_b_columns(int n, int k, const double* const* a) {
+    for (int j = 0; j < n; j += tile_width) {
+        const int wide = least(tile_width, n - j);
+        double* to = packed_b + static_cast<place_t>(j) * k;
+        for (int p = 0; p < k; ++p, to += wide)
+            for (int q = 0; q < wide; ++q) to[q] = a[p][j + q];
+    }
+}
+
+void minus_columns(int m, int n, int k, const double* const* a, double* c, place_t ldc) {
+    for (int pc = 0; pc < k; pc += depth) {
+        const int kc = least(depth, k - pc);
+        pack_b_columns(n, kc, a + pc);
+        for (int ic = 0; ic < m; ic += chunk_rows) {
+            const int mc = least(chunk_rows, m - ic);
+            pack_a_columns(mc, kc, a + pc, ic);
+            for (int j = 0; j < least(n, ic + mc); j += tile_width) {
+                const int skip = j > ic ? (j - ic) / tile_height * tile_height : 0;
+                const int nr = least(tile_width, n - j);
+                strip(store_mode::subtract, mc - skip, nr, kc, packed_a + static_cast<place_t>(skip) * kc, 0, true,
+                      packed_b + static_cast<place_t>(j) * kc, nr, c + ic + skip + j * ldc, ldc);
+            }
+        }
+    }
+}
+
 alignas(64) double expanded[chunk_rows * column_distance(chunk_rows) + lane];
 constexpr place_t expanded_distance = column_distance(chunk_rows);
 
@@ -450,7 +492,8 @@ void collect_four(int m, const int* rows, const double* const* l, double* s, con
 } // namespace
 
 extern const dense_kernels_table TVX_KERNELS;
-const dense_kernels_table TVX_KERNELS{TVX_NAME,  product,   minus_square, minus_symmetric, factor_panel, solve_right,  transpose,
-                                      add_rows,  take_rows, spread_rows,  collect_rows,    spread_four,  collect_four};
+const dense_kernels_table TVX_KERNELS{TVX_NAME,        product,      minus_square, minus_columns, minus_symmetric,
+                                      factor_panel,    solve_right,  transpose,    add_rows,      take_rows,
+                                      spread_rows,     collect_rows, spread_four,  collect_four};
 
 } // namespace tarvex

@@ -83,4 +83,19 @@ inline void find_runs(int m, const int* place, int* runs) {
     }
 }
 
+// Where rows from..m-1 stand in an ascending list that has them all, counted back from its end, and the runs of these places.
+inline void find_spots(const int* list, const int* end, const int* rows, int from, int m, std::vector<int>& spot,
+                       std::vector<int>& runs) {
+    for (int i = from; i < m; ++i, ++list) {
+        if (*list != rows[i]) { // steps grow until they pass the row
+            const std::ptrdiff_t left = end - list;
+            std::ptrdiff_t step = 1;
+            while (step < left && list[step] < rows[i]) step *= 2;
+            list = std::lower_bound(list + step / 2, list + std::min(step, left), rows[i]);
+        }
+        spot[i] = static_cast<int>(list - end);
+    }
+    find_runs(m - from, spot.data() + from, runs.data() + from);
+}
+
 } // namespace tarvex

@@ -8,11 +8,11 @@ namespace {
 struct factor_work {
     std::vector<int> local, place, runs; // rows of the front by row of the system; rows of a child in it
     std::vector<int> has_update;         // (ns) 1: an update matrix waits on the stack
-    std::vector<int> home;               // place of each column in its own front
     std::vector<double> added;           // to the diagonals, by columns whose fronts take updates at once
-    std::vector<double*> early;          // (ns) triangle of a wide front that has been begun by its children
+    std::vector<int> spot, spot_runs;    // rows of a child in the list of a column, counted back from its end
     work_space space;
-    double *columns, *top[2];            // panel; first free place on the stacks of the even and of the odd levels
+    double *columns, *spare;             // panels
+    double* top[2];                      // first free place on the stacks of the even and of the odd levels
 };
 
 int below_of(const supernode_tree& tree, int s) {
@@ -40,53 +40,21 @@ void add_children(const supernode_tree& tree, int s, factor_work& w, int first, 
     }
 }
 
-// Adds the update matrix of s straight to the stored columns of its parent, which is a root but for one row.
-void absorb(const supernode_tree& tree, int s, const front& f, const double* u, factor_work& w) {
-    const front to = front_of(tree, tree.parent[s]);
+// Adds columns first..end-1 of the update matrix of front f to the stored columns that they belong to; column(k)[i] is row i.
+template <class Column> void absorb(const front& f, int first, int end, Column column, factor_work& w) {
     const int m = f.below;
-    int *place = w.place.data(), *runs = w.runs.data();
-    for (int i = 0; i < m; ++i) place[i] = to.below == 1 && f.list[i] == *to.list ? to.width : w.home[f.list[i]];
-    find_runs(m, place, runs);
-    for (int k = 0; k < m; ++k) {
+    const int* known = nullptr; // end of the list that the spots belong to; lists that end alike have the same tail
+    for (int k = first; k < end; ++k) {
         const int j = f.list[k], count = rows_below(j);
-        const double* from = triangle_column(u, m, k);
+        const double* from = column(k);
         w.added[j] += from[k];
         if (k + 1 == m) continue;
+        const int *list = row_list(j), *last = list + count; // the rows below are linked to each other: all are found
+        if (last != known) find_spots(list, last, f.list, k + 1, m, w.spot, w.spot_runs);
+        known = last;
         double* off = sparse.xspars.data() + sparse.ixvec1(j) - 1;
-        if (count == to.rows() - 1 - place[k]) {
-            dense_kernels().add_rows(k + 1, m, place, runs, from, off - place[k] - 1);
-            continue;
-        }
-        const int *list = row_list(j), *at = list;
-        for (int i = k + 1; i < m; ++i, ++at) {
-            if (*at != f.list[i]) at = std::lower_bound(at, list + count, f.list[i]);
-            off[at - list] += from[i];
-        }
+        dense_kernels().add_rows(k + 1, m, w.spot.data(), w.spot_runs.data(), from, off + count);
     }
-}
-
-// Likewise to the triangle of a wide parent, which is begun with the first child.
-void add_early(const supernode_tree& tree, int s, const front& f, const double* u, factor_work& w) {
-    const int p = tree.parent[s], m = f.below;
-    const front to = front_of(tree, p);
-    const int empty = empty_columns(to.width), order = empty + to.rows();
-    if (!w.early[p]) {
-        double*& top = w.top[tree.level[p] % 2];
-        w.early[p] = top;
-        top += triangle_size(order);
-        std::fill_n(w.early[p], triangle_size(order), 0.0);
-    }
-    int *place = w.place.data(), *runs = w.runs.data();
-    int i = 0;
-    for (; i < m && (to.below == 0 || f.list[i] < *to.list); ++i) place[i] = w.home[f.list[i]];
-    for (const int* at = to.list; i < m; ++i) {
-        at = std::lower_bound(at, to.list + to.below, f.list[i]);
-        place[i] = to.width + static_cast<int>(at - to.list);
-    }
-    find_runs(m, place, runs);
-    for (int k = 0; k < m; ++k)
-        dense_kernels().add_rows(k, m, place, runs, triangle_column(u, m, k),
-                                 triangle_column(w.early[p], order, empty + place[k]) + empty);
 }
 
 void drop_children(const supernode_tree& tree, int s, factor_work& w) {
@@ -98,12 +66,8 @@ void drop_children(const supernode_tree& tree, int s, factor_work& w) {
 
 // The update matrix u of s stays at the top of its stack until the parent's turn, or is taken over now.
 void leave_update(const supernode_tree& tree, int s, const front& f, const double* u, factor_work& w) {
-    const int p = tree.parent[s];
-    drop_children(tree, s, w); // the parent's triangle goes onto their stack
-    if (updates_at_once(tree, p)) {
-        absorb(tree, s, f, u, w);
-    } else if (front_of(tree, p).width > wide) {
-        add_early(tree, s, f, u, w);
+    if (updates_at_once(tree, tree.parent[s])) {
+        absorb(f, 0, f.below, [&](int k) { return triangle_column(u, f.below, k); }, w);
     } else {
         w.top[tree.level[s] % 2] += triangle_size(f.below);
         w.has_update[s] = 1;
@@ -146,35 +110,48 @@ int factor_narrow(const supernode_tree& tree, int s, const front& f, int width, 
     return good;
 }
 
-// A front of many columns, gathered in one triangle and factorised in pieces; what is left of it is the update matrix.
-int factor_wide(const supernode_tree& tree, int s, const front& f, int width, factor_work& w, double& pivot) {
-    const dense_kernels_table& kernel = dense_kernels();
-    const int empty = empty_columns(f.width), order = empty + f.rows();
-    double* t = w.top[tree.level[s] % 2];
-    auto column = [&](int c) { return triangle_column(t, order, empty + c) + empty; };
-    if (!w.early[s]) std::fill_n(t, triangle_size(order), 0.0);
-    for (int c = 0; c < f.width; ++c) {
-        const int j = f.col[c];
-        const double* off = sparse.xspars.data() + sparse.ixvec1(j) - 1;
-        column(c)[c] += sparse.diag(j) + w.added[j];
-        for (int q = 0; q < rows_below(j); ++q) column(c)[w.local[row_list(j)[q]]] += off[q];
+// Takes the products of the front's columns 0..done-1 from c (n columns), whose first row and column are row `first` of the
+// front. The columns are used where they stand in the store, but for those that the pattern leaves holes in.
+void subtract_columns(const front& f, int done, int first, int n, double* c, std::ptrdiff_t ldc, factor_work& w) {
+    const std::ptrdiff_t ld = column_distance(f.rows() + 2 * lane);
+    const double* column[wide];
+    for (int from = 0; from < done; from += wide) {
+        const int k = std::min(wide, done - from);
+        for (int i = 0; i < k; ++i) {
+            const int j = f.col[from + i];
+            if (rows_below(j) == f.rows() - 1 - from - i) {
+                column[i] = sparse.xspars.data() + sparse.ixvec1(j) - 1 + (first - from - i - 1);
+            } else {
+                load_column(f, from + i, w.local, w.spare + i * ld);
+                column[i] = w.spare + i * ld + first;
+            }
+        }
+        dense_kernels().minus_columns(f.rows() - first, n, k, column, c, ldc);
     }
+}
+
+// A large front, factorised in pieces; the children have left their updates in the store, and its own goes there.
+int factor_large(const front& f, int width, factor_work& w, double& pivot) {
     for (int c = 0, end; c < width; c = end) {
-        end = std::min(f.width, c + wide - (c == 0 ? empty : 0));
+        end = std::min(f.width, c + wide);
         const panel p = make_panel(w.columns, f.rows(), c, end);
-        for (int k = c; k < end; ++k) std::copy_n(column(k) + k, f.rows() - k, p.column(k) + k);
+        for (int k = c; k < end; ++k) {
+            load_column(f, k, w.local, p.column(k));
+            p.column(k)[k] += w.added[f.col[k]];
+        }
+        subtract_columns(f, c, c, end - c, p.p, p.ld, w);
         const int want = std::min(end, width) - c;
-        const int good = kernel.factor_panel(f.rows() - c, want, p.p, p.ld, numbers.zero, pivot);
+        const int good = dense_kernels().factor_panel(f.rows() - c, want, p.p, p.ld, numbers.zero, pivot);
         if (good < end - c) return c + good;
         save_panel(f, w.local, p);
-        const int left = f.rows() - end;
-        if (left > 0)
-            kernel.minus_square(store_mode::subtract, left, end - c, p.p + end - c, p.ld,
-                                t + triangle_start(order, (empty + end) / block));
     }
-    if (f.below == 0) return width;
-    std::copy_n(t + triangle_start(order, (empty + f.width) / block), triangle_size(f.below), t);
-    leave_update(tree, s, f, t, w);
+    for (int first = 0, end; first < f.below; first = end) {
+        end = std::min(f.below, first + wide);
+        const std::ptrdiff_t ld = column_distance(f.below - first + lane);
+        std::fill_n(w.columns, (end - first) * ld, 0.0);
+        subtract_columns(f, f.width, f.width + first, end - first, w.columns, ld, w);
+        absorb(f, first, end, [&](int k) { return w.columns + (k - first) * ld - first; }, w);
+    }
     return width;
 }
 
@@ -191,14 +168,14 @@ int factorise_supernodes(double& pivot) {
     w.runs.resize(tree.rows);
     w.has_update.assign(ns, 0);
     w.added.assign(numbers.nsrow + 1, 0.0);
-    w.home.assign(numbers.nsrow + 1, 0);
-    for (int s = 0; s < ns; ++s)
-        for (int c = tree.start[s]; c < tree.start[s + 1]; ++c) w.home[tree.order[c]] = c - tree.start[s];
-    w.early.assign(ns, nullptr);
-    w.space = make_space(tree.triangles[0] + tree.triangles[1] + panel_size(tree.rows, tree.width));
+    w.spot.resize(tree.rows);
+    w.spot_runs.resize(tree.rows);
+    const std::ptrdiff_t columns = panel_size(tree.rows, wide);
+    w.space = make_space(tree.triangles[0] + tree.triangles[1] + 2 * columns); // what is not used takes no memory
     w.top[0] = w.space.get();
     w.top[1] = w.top[0] + tree.triangles[0];
     w.columns = w.top[1] + tree.triangles[1];
+    w.spare = w.columns + columns;
     int bad = 0, done = 0;
     for (int s = 0; s < ns; ++s) {
         const front f = front_of(tree, s);
@@ -206,11 +183,11 @@ int factorise_supernodes(double& pivot) {
             if (++done % 20000 == 0 && options.verbose) print_list(screen(), "Factorise MMM", done);
         int width = f.width;
         if (bad != 0) width = static_cast<int>(std::lower_bound(f.col, f.col + f.width, bad) - f.col);
-        if (w.early[s]) w.top[tree.level[s] % 2] = w.early[s];
         if (width > 0) {
             place_rows(f, w.local);
             double d = 0.0;
-            const int good = f.width > wide ? factor_wide(tree, s, f, width, w, d) : factor_narrow(tree, s, f, width, w, d);
+            const bool large = large_front(f.width, f.below);
+            const int good = large ? factor_large(f, width, w, d) : factor_narrow(tree, s, f, width, w, d);
             if (good < width) {
                 bad = f.col[good];
                 pivot = d;

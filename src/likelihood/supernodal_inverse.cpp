@@ -10,6 +10,7 @@ namespace {
 
 struct inverse_work {
     std::vector<int> local, place, runs;
+    std::vector<int> spot, spot_runs;          // rows of a front in the list of a column, counted back from its end
     std::vector<int> link_start, link;         // for each supernode: place of its rows below in the parent's front
     work_space space;
     double *columns, *z, *yt, *zt, *m, *piece, *corner, *triangle;
@@ -53,6 +54,7 @@ void gather_inverse(const supernode_tree& tree, int s, const inverse_front& f, c
     for (int k = 0, a = tree.parent[s]; k < m; a = tree.parent[a]) {
         const front from = front_of(tree, a);
         find_runs(m, place, runs);
+        const int* known = nullptr; // end of the list that the spots belong to; lists that end alike have the same tail
         for (; k < m && place[k] < from.width; ++k) {
             const int j = from.col[place[k]], count = rows_below(j);
             const double* off = zoff.data() + sparse.ixvec1(j) - 1;
@@ -63,11 +65,10 @@ void gather_inverse(const supernode_tree& tree, int s, const inverse_front& f, c
                 dense_kernels().take_rows(k + 1, m, place, runs, off - place[k] - 1, to);
                 continue;
             }
-            const int *list = row_list(j), *at = list; // the rows below s are linked to each other: all are found
-            for (int i = k + 1; i < m; ++i, ++at) {
-                if (*at != f.list[i]) at = std::lower_bound(at, list + count, f.list[i]);
-                to[i] = off[at - list];
-            }
+            const int *list = row_list(j), *end = list + count; // the rows below s are linked to each other: all are found
+            if (end != known) find_spots(list, end, f.list, k + 1, m, w.spot, w.spot_runs);
+            known = end;
+            dense_kernels().take_rows(k + 1, m, w.spot.data(), w.spot_runs.data(), off + count, to);
         }
         for (int i = k; i < m; ++i) place[i] = w.link[w.link_start[a] + place[i] - from.width];
     }
@@ -197,6 +198,8 @@ void inverse_supernodes(array<double>& zdiag, array<double>& zoff, const double*
     w.local.assign(n + 1, 0);
     w.place.resize(tree.rows);
     w.runs.resize(tree.rows);
+    w.spot.resize(tree.rows);
+    w.spot_runs.resize(tree.rows);
     link_fronts(tree, w);
     struct part {
         double*& at;

@@ -154,35 +154,22 @@ std::vector<int> postorder(const std::vector<cluster>& clusters, const std::vect
     return result;
 }
 
-// Space that the passes up and down the tree take: wide fronts from their first child on, update matrices until their
-// parents' turn.
+// Space that the passes up and down the tree take.
 void find_space() {
     const int ns = static_cast<int>(tree.parent.size());
     std::ptrdiff_t held[2]{};
-    std::vector<int> begun(ns, 0);
     auto below_of = [&](int s) { return rows_below(tree.order[tree.start[s + 1] - 1]); };
-    auto width_of = [&](int s) { return tree.start[s + 1] - tree.start[s]; };
-    auto hold = [&](int s, std::ptrdiff_t size) {
-        std::ptrdiff_t& h = held[tree.level[s] % 2];
-        h += size;
-        tree.triangles[tree.level[s] % 2] = std::max(tree.triangles[tree.level[s] % 2], h);
-    };
     for (int s = 0; s < ns; ++s) {
-        const int width = width_of(s), below = below_of(s), p = tree.parent[s];
-        const std::ptrdiff_t whole = whole_front(width, below);
+        const int width = tree.start[s + 1] - tree.start[s], below = below_of(s), odd = tree.level[s] % 2;
+        const std::ptrdiff_t update = large_front(width, below) ? 0 : triangle_size(below);
         tree.rows = std::max(tree.rows, width + below);
         tree.width = std::max(tree.width, width);
-        tree.inverse = std::max(tree.inverse, whole);
-        if (!begun[s]) hold(s, whole);
-        if (!begun[s] && !updates_at_once(tree, s))
-            for (int c = tree.child[s]; c >= 0; c = tree.sibling[c]) hold(c, -triangle_size(below_of(c)));
-        if (p >= 0 && !updates_at_once(tree, p) && width_of(p) > wide && !begun[p]) {
-            begun[p] = 1;
-            hold(p, whole_front(width_of(p), below_of(p)));
-        }
-        hold(s, -whole);
-        const bool waits = p >= 0 && !begun[p] && !updates_at_once(tree, p);
-        if (waits) hold(s, triangle_size(below));
+        tree.inverse = std::max(tree.inverse, whole_front(width, below));
+        tree.triangles[odd] = std::max(tree.triangles[odd], held[odd] + update);
+        if (!updates_at_once(tree, s))
+            for (int c = tree.child[s]; c >= 0; c = tree.sibling[c])
+                if (!large_front(tree.start[c + 1] - tree.start[c], below_of(c))) held[1 - odd] -= triangle_size(below_of(c));
+        if (tree.parent[s] >= 0 && !updates_at_once(tree, tree.parent[s])) held[odd] += update;
     }
 }
 

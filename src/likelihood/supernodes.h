@@ -37,18 +37,20 @@ void supernodes_drop();
 inline int rows_below(int j) { return sparse.ixvec1(j + 1) - sparse.ixvec1(j); }
 inline const int* row_list(int j) { return sparse.ixsub.data() + sparse.ixvec2(j) - 1; }
 
-// A supernode of more than `wide` columns is worked on in pieces, its front held as one triangle. Empty columns in front
-// make its update matrix begin with a block of columns.
+// A supernode of more than `wide` columns is worked on in pieces. For the inverse its front is held as one triangle, with
+// empty columns in front that make the part for the rows below begin with a block of columns.
 inline int empty_columns(int width) { return width > wide ? (block - width % block) % block : 0; }
-// Space for the triangle of such a front, or for the update matrix alone where the columns make one panel.
 inline std::ptrdiff_t whole_front(int width, int below) {
     return triangle_size(width > wide ? empty_columns(width) + width + below : below);
 }
 
-// A front with no more than one row below takes its children's update matrices as soon as they are there: they go into the
-// columns of the store, and do not wait for each other.
+// A large front takes no update matrices: those of its children, and its own by blocks of columns, go straight to the
+// columns of the store, so that they do not wait for each other. So do those for a front with no more than one row below.
+constexpr int many_below = 1000;
+inline bool large_front(int width, int below) { return width > wide || below > many_below; }
 inline bool updates_at_once(const supernode_tree& tree, int s) {
-    return rows_below(tree.order[tree.start[s + 1] - 1]) <= 1;
+    const int below = rows_below(tree.order[tree.start[s + 1] - 1]);
+    return below <= 1 || large_front(tree.start[s + 1] - tree.start[s], below);
 }
 
 // Multiplications of the factorisation by columns.
