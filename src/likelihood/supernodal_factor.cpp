@@ -110,6 +110,16 @@ int factor_narrow(const supernode_tree& tree, int s, const front& f, int width, 
     return good;
 }
 
+// Rows first.. of column c of a front from the store, zeros where the pattern has no element; first > c.
+void load_rows(const front& f, int c, int first, const std::vector<int>& local, double* to) {
+    const int j = f.col[c], count = rows_below(j);
+    const double* off = sparse.xspars.data() + sparse.ixvec1(j) - 1;
+    const int *list = row_list(j), *end = list + count;
+    const int row = first < f.width ? f.col[first] : f.list[first - f.width];
+    std::fill(to + first, to + f.rows(), 0.0);
+    for (const int* at = std::lower_bound(list, end, row); at < end; ++at) to[local[*at]] = off[at - list];
+}
+
 // Takes the products of the front's columns 0..done-1 from c (n columns), whose first row and column are row `first` of the
 // front. The columns are used where they stand in the store, but for those that the pattern leaves holes in.
 void subtract_columns(const front& f, int done, int first, int n, double* c, std::ptrdiff_t ldc, factor_work& w) {
@@ -122,7 +132,7 @@ void subtract_columns(const front& f, int done, int first, int n, double* c, std
             if (rows_below(j) == f.rows() - 1 - from - i) {
                 column[i] = sparse.xspars.data() + sparse.ixvec1(j) - 1 + (first - from - i - 1);
             } else {
-                load_column(f, from + i, w.local, w.spare + i * ld);
+                load_rows(f, from + i, first, w.local, w.spare + i * ld);
                 column[i] = w.spare + i * ld + first;
             }
         }
@@ -130,10 +140,12 @@ void subtract_columns(const front& f, int done, int first, int n, double* c, std
     }
 }
 
+constexpr int broad = 2 * wide; // columns of the pieces of a large front
+
 // A large front, factorised in pieces; the children have left their updates in the store, and its own goes there.
 int factor_large(const front& f, int width, factor_work& w, double& pivot) {
     for (int c = 0, end; c < width; c = end) {
-        end = std::min(f.width, c + wide);
+        end = std::min(f.width, c + broad);
         const panel p = make_panel(w.columns, f.rows(), c, end);
         for (int k = c; k < end; ++k) {
             load_column(f, k, w.local, p.column(k));
@@ -146,7 +158,7 @@ int factor_large(const front& f, int width, factor_work& w, double& pivot) {
         save_panel(f, w.local, p);
     }
     for (int first = 0, end; first < f.below; first = end) {
-        end = std::min(f.below, first + wide);
+        end = std::min(f.below, first + broad);
         const std::ptrdiff_t ld = column_distance(f.below - first + lane);
         std::fill_n(w.columns, (end - first) * ld, 0.0);
         subtract_columns(f, f.width, f.width + first, end - first, w.columns, ld, w);
@@ -171,11 +183,11 @@ int factorise_supernodes(double& pivot) {
     w.spot.resize(tree.rows);
     w.spot_runs.resize(tree.rows);
     const std::ptrdiff_t columns = panel_size(tree.rows, wide);
-    w.space = make_space(tree.triangles[0] + tree.triangles[1] + 2 * columns); // what is not used takes no memory
+    w.space = make_space(tree.triangles[0] + tree.triangles[1] + 3 * columns); // what is not used takes no memory
     w.top[0] = w.space.get();
     w.top[1] = w.top[0] + tree.triangles[0];
     w.columns = w.top[1] + tree.triangles[1];
-    w.spare = w.columns + columns;
+    w.spare = w.columns + 2 * columns;
     int bad = 0, done = 0;
     for (int s = 0; s < ns; ++s) {
         const front f = front_of(tree, s);
