@@ -2,7 +2,6 @@
 #include "relations/animalnrm.h"
 
 #include "control/options.h"
-#include "control/parameters.h"
 #include "control/tvxroutines.h"
 #include "data/pedigreelist.h"
 #include "relations/linkedlist.h"
@@ -102,12 +101,12 @@ void nnrm_count(int jj, int nanim, int cap, int& ierr) {
     nrminverse.nnrm = linked_list.nrczhz += nanim;
 }
 
-void nnrm_count_growing(int jj, int nanim, int cap) {
+void nnrm_count_growing(int jj, int nanim, int cap, int limit) {
     int ierr = 0;
     nnrm_count(jj, nanim, cap, ierr);
     while (ierr != 0) {
         const float more = std::max(1.25F * static_cast<float>(cap), static_cast<float>(cap) + 1.0F);
-        if (more > static_cast<float>(maxelements)) {
+        if (more > static_cast<float>(limit)) {
             screen().line("Max. no. of elements in NRM exceeded !");
             stop_with("Reset parameter \"MAXZHZ\" & recompile ");
         }

@@ -4,6 +4,8 @@
 // the order of the pedigree, sorted by row and column with equal ones summed in that order, and only then linked: every
 // row is filled from the left, whatever the number of mates of a parent.
 #pragma once
+#include "control/parameters.h"
+
 #include <vector>
 
 namespace tarvex {
@@ -21,8 +23,8 @@ void link_terms(const std::vector<nrm_term>& terms, int nan, bool addval, int& i
 // Counts the elements of the inverse of pedigree list jj in a store of capacity cap, without values: nrminverse.nnrm is
 // the off-diagonal pattern and one diagonal an animal. ierr 1: the store is full.
 void nnrm_count(int jj, int nanim, int cap, int& ierr);
-// The same with a store that grows by a quarter until the count goes through; stops at the limit of a store.
-void nnrm_count_growing(int jj, int nanim, int cap);
+// The same with a store that grows by a quarter until the count goes through; stops at `limit` elements.
+void nnrm_count_growing(int jj, int nanim, int cap, int limit = maxelements);
 
 // Henderson's rules for an animal model with the Mendelian sampling variances of nrmdiag, of which it leaves the
 // reciprocals; pseudo-fixed animals (randasfix.asfix) get psfixfact on the diagonal and nrmdiag -1. Leaves the row

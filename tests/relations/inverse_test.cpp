@@ -611,5 +611,14 @@ TEST_F(row_store_test, count_of_elements_grows_a_small_store) {
     EXPECT_EQ(nrminverse.nnrm, large);
 }
 
+TEST_F(row_store_test, count_beyond_the_limit_of_a_store_stops) {
+    pedigree_by_hand({0, 0, 1, 1}, {0, 0, 2, 2}); // elements (2,1), (3,1), (3,2), (4,1), (4,2)
+    nnrm_count_growing(1, 4, 4, 5);
+    EXPECT_EQ(nrminverse.nnrm, 9);
+    clear_screen();
+    EXPECT_STOP(nnrm_count_growing(1, 4, 4, 4), "Reset parameter \"MAXZHZ\" & recompile ");
+    EXPECT_EQ(screen_text().find("Max. no. of elements in NRM exceeded !\n"), 0U) << screen_text();
+}
+
 } // namespace
 } // namespace tarvex
