@@ -6,6 +6,7 @@
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "support/fixture.h"
+#include "support/special_files.h"
 
 namespace tarvex {
 namespace {
@@ -42,6 +43,29 @@ TEST_F(data_reader_test, missing_file_stops) {
     filenames.datfile = "none.dat";
     EXPECT_STOP(open_datfile(reader), "exit \"Tarvex\"");
     EXPECT_EQ(screen_text(), "Looking for data file : \"none.dat\" ...\n***** ERROR : cannot find data file *****\n");
+}
+
+TEST_F(data_reader_test, file_that_cannot_be_opened_stops) {
+    write_unopenable("shut.dat");
+    filenames.datfile = "shut.dat";
+    EXPECT_STOP(open_datfile(reader), "Trying to open  data file : \"shut.dat\" ...\n"
+                                      "***** ERROR : opening data file *****\nexit \"Tarvex\"");
+}
+
+TEST_F(data_reader_test, missing_value_is_compared_as_a_number) {
+    data("1 -999.0\n1 -999.5\n1 -9.99E2\n", 1, 2);
+    open_datfile(reader);
+    for (const bool missing : {true, false, true}) {
+        ASSERT_TRUE(next());
+        EXPECT_EQ(iskip, missing);
+    }
+}
+
+TEST_F(data_reader_test, comments_behind_the_first_record_are_faults) {
+    data("# a\n1 2.5\n# b\n1 3.5\n", 1, 2);
+    open_datfile(reader);
+    ASSERT_TRUE(next());
+    EXPECT_STOP(next(), "***** ERROR : reading data file *****\n      No. of records read successfully =      1\n");
 }
 
 TEST_F(data_reader_test, comments_are_counted_once) {

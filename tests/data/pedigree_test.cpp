@@ -1,4 +1,5 @@
 #include "support/pedigree_model.h"
+#include "support/special_files.h"
 
 #include "data/pedcounts.h"
 #include "data/pedigrees.h"
@@ -55,6 +56,15 @@ TEST_F(pedigree_test, missing_pedigree_stops) {
     filenames.pedfile = "none.ped";
     EXPECT_STOP(pedigree_list(),
                 "Looking for pedigree file : \"none.ped\" ...\n ... file doesn't seem to exist !\nexit \"Tarvex\"");
+}
+
+TEST_F(pedigree_test, pedigree_that_cannot_be_opened_stops) {
+    animal_model("1 1.0\n", "");
+    write_unopenable("shut.ped");
+    filenames.pedfile = "shut.ped";
+    EXPECT_STOP(pedigree_list(), "Trying to open pedigree file : \"shut.ped\"\n ... cannot open file as specified !\n"
+                                 "exit \"Tarvex\"");
+    EXPECT_NE(read_file(filenames.sumpedfile).find("Summary of Pedigree Information"), std::string::npos);
 }
 
 TEST_F(pedigree_test, faulty_records_are_told_by_the_first_broken_rule) {

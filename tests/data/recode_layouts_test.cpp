@@ -40,6 +40,16 @@ TEST_F(layouts_test, random_regression_of_one_trait_gives_form_d) {
     EXPECT_EQ(datavecs.imeta(1, 1), 2);
 }
 
+TEST_F(layouts_test, control_value_that_the_scan_has_not_seen) {
+    prepare(rr, "2 5 3 1.5\n1 6 8 2.5\n", 2);
+    data_scan1st();
+    number_equations();
+    write_file("t.dat", "2 5 3 1.5\n1 6 9 2.5\n");
+    EXPECT_STOP(data_recode(),
+                "***** Error : Routine \"find_code\" \n      Could not find code for RR control variable \"age\"\n"
+                "      Code in data file = 9\n      No. of levels     = 2\n");
+}
+
 TEST_F(layouts_test, control_variable_with_one_value_is_refused) {
     prepare(rr, "2 5 3 1.5\n1 6 3 2.5\n", 2);
     EXPECT_STOP(data_scan1st(), "Control variable has a single value only : \"age\"");

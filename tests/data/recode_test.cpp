@@ -267,6 +267,19 @@ TEST_F(recode_test, code_that_the_scan_has_not_seen) {
                 "      Code in data file = 3\n      No. of levels     = 1\n");
 }
 
+TEST_F(recode_test, codes_of_random_effects_that_the_scan_has_not_seen) {
+    std::string par = uni;
+    par.replace(par.find("animal NRM"), 10, "animal IDE");
+    par.erase(par.find("PED p\n"), 6);
+    prepare(par, "1 1 1 5\n2 1 2 5\n");
+    data_scan1st();
+    number_equations();
+    write_file("t.dat", "1 1 1 5\n3 1 2 5\n");
+    EXPECT_STOP(data_recode(),
+                "***** Error : Routine \"find_code\" \n      Could not find code for random effect \"animal\"\n"
+                "      Code in data file = 3\n      No. of levels     = 2\n");
+}
+
 TEST_F(recode_test, covariable_rows) {
     prepare("DAT t.dat\n animal 10\n herd 5\n age\n y\nEND\nPED p\nANA UNI\nMOD\n FIX herd\n COV age(2,POL)\n"
             " COV age*herd(2,LEG)\n COV age(4,BSPL)\n RAN animal NRM\n TRAIT y 1 -9\nEND\n"
