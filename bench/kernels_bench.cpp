@@ -1,5 +1,5 @@
-// Times of the sparse kernels on one structure, beside CHOLMOD (supernodal, OpenBLAS, one thread) on the same matrix in the
-// same order.
+// Times of the sparse kernels on one structure, beside CHOLMOD (supernodal, OpenBLAS, one thread) on the same matrix in
+// the same order.
 //
 //   kernels_bench SOURCE [benchmark options]     SOURCE as in systems.h
 //
@@ -43,7 +43,8 @@ void factorise(benchmark::State& state, kernel_kind kind) {
         factorise_mmm(logdet, ypy, ifail);
         if (ifail != 0) state.SkipWithError("no factor");
     }
-    state.counters["Mops"] = benchmark::Counter(1e-6 * factor_operations(), benchmark::Counter::kIsIterationInvariantRate);
+    state.counters["Mops"] =
+        benchmark::Counter(1e-6 * factor_operations(), benchmark::Counter::kIsIterationInvariantRate);
 }
 
 void need_factor() {
@@ -109,7 +110,8 @@ void cholmod(benchmark::State& state) {
     const int n = numbers.nsrow;
     set_values();
     factorised = false;
-    cholmod_sparse* a = cholmod_allocate_sparse(n, n, static_cast<std::size_t>(n) + sparse.maxlnz, 1, 1, -1, CHOLMOD_REAL, &c);
+    cholmod_sparse* a =
+        cholmod_allocate_sparse(n, n, static_cast<std::size_t>(n) + sparse.maxlnz, 1, 1, -1, CHOLMOD_REAL, &c);
     int *ap = static_cast<int*>(a->p), *ai = static_cast<int*>(a->i), at = 0;
     double* ax = static_cast<double*>(a->x);
     for (int j = 1; j <= n; ++j) {
@@ -125,7 +127,8 @@ void cholmod(benchmark::State& state) {
     cholmod_factor* l = cholmod_analyze(a, &c);
     for (auto _ : state) cholmod_factorize(a, l, &c);
     if (c.status != CHOLMOD_OK) state.SkipWithError("no factor");
-    state.counters["Mops"] = benchmark::Counter(1e-6 * factor_operations(), benchmark::Counter::kIsIterationInvariantRate);
+    state.counters["Mops"] =
+        benchmark::Counter(1e-6 * factor_operations(), benchmark::Counter::kIsIterationInvariantRate);
     cholmod_free_factor(&l, &c);
     cholmod_free_sparse(&a, &c);
     cholmod_finish(&c);
@@ -185,7 +188,8 @@ int main(int argc, char** argv) {
     std::printf("%s: %d rows, %d elements, %.1f Mops, %.0f an element; %zu supernodes, largest front %d, widest %d; "
                 "update matrices %.0f MB, inverse %.0f MB; kernels %s\n",
                 argv[0], numbers.nsrow, sparse.maxlnz, 1e-6 * factor_operations(), factor_operations() / sparse.maxlnz,
-                tree.parent.size(), tree.rows, tree.width, 8e-6 * static_cast<double>(tree.triangles[0] + tree.triangles[1]),
+                tree.parent.size(), tree.rows, tree.width,
+                8e-6 * static_cast<double>(tree.triangles[0] + tree.triangles[1]),
                 8e-6 * static_cast<double>(tree.inverse), dense_kernels().name);
     if (compare) compare_kernels();
     const bool big = factor_operations() > 2e9;

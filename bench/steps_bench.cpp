@@ -2,11 +2,11 @@
 //
 //   steps_bench [--rounds N] [--columns N] [--small] RUN ARGUMENTS
 //
-// The run arguments are those of the program, with --setup, in the folder of the case. Each round goes through all steps at
-// slightly other parameters, beside CHOLMOD (supernodal, OpenBLAS, one thread) on the same matrix in the same order, so that
-// the ratios are of pairs; --columns times the column kernel as well. --small times the choice that the program makes by
-// itself against the column kernel, many calls in turn. Printed are "time NAME MEDIAN" and "ratio NAME MEDIAN", the ratios to
-// the factorisation of the same round.
+// The run arguments are those of the program, with --setup, in the folder of the case. Each round goes through all
+// steps at slightly other parameters, beside CHOLMOD (supernodal, OpenBLAS, one thread) on the same matrix in the same
+// order, so that the ratios are of pairs; --columns times the column kernel as well. --small times the choice that the
+// program makes by itself against the column kernel, many calls in turn. Printed are "time NAME MEDIAN" and "ratio NAME
+// MEDIAN", the ratios to the factorisation of the same round.
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/phases.h"
@@ -120,7 +120,8 @@ struct cholmod_system {
             }
             p.push_back(static_cast<int>(rows.size()));
         }
-        a = cholmod_allocate_sparse(static_cast<std::size_t>(n), static_cast<std::size_t>(n), rows.size(), 1, 1, -1, CHOLMOD_REAL, &c);
+        a = cholmod_allocate_sparse(static_cast<std::size_t>(n), static_cast<std::size_t>(n), rows.size(), 1, 1, -1,
+                                    CHOLMOD_REAL, &c);
         std::copy(p.begin(), p.end(), static_cast<int*>(a->p));
         std::copy(rows.begin(), rows.end(), static_cast<int*>(a->i));
         set();
@@ -193,7 +194,8 @@ void compare_small() {
     assemble();
     const array<double> diag = sparse.diag, off = sparse.xspars;
     array<double> fdiag, foff;
-    const char* names[2][3] = {{"factor", "inverse", "derivative"}, {"factor_columns", "inverse_columns", "derivative_columns"}};
+    const char* names[2][3] = {{"factor", "inverse", "derivative"},
+                               {"factor_columns", "inverse_columns", "derivative_columns"}};
     std::vector<double> sums[2][3];
     for (int call = 0; call < 2000 && (call < 7 || now() < 20.0); ++call)
         for (int k = 0; k < 2; ++k) {
@@ -230,8 +232,8 @@ void set_up(int argc, char** argv) {
     setup4mmm();
     start_parameters = estimates.parvec;
     evaluate(); // finds the places of the elements
-    std::printf("\nrows %d\nelements %d\noperations %.0f\nbytes %.0f\nkernels %s\ntime setup %.3f\n", numbers.nsrow, sparse.maxlnz,
-                factor_operations(), 8.0 * (sparse.maxlnz + numbers.nsrow), dense_kernels().name, used);
+    std::printf("\nrows %d\nelements %d\noperations %.0f\nbytes %.0f\nkernels %s\ntime setup %.3f\n", numbers.nsrow,
+                sparse.maxlnz, factor_operations(), 8.0 * (sparse.maxlnz + numbers.nsrow), dense_kernels().name, used);
 }
 
 } // namespace

@@ -122,7 +122,8 @@ void factorise_pattern(const graph& g) {
         adjncy.insert(adjncy.end(), row.begin(), row.end());
         xadj.push_back(static_cast<int>(adjncy.size()));
     }
-    if (METIS_NodeND(&n, xadj.data(), adjncy.data(), nullptr, nullptr, perm.data(), place.data()) != METIS_OK) std::exit(1);
+    if (METIS_NodeND(&n, xadj.data(), adjncy.data(), nullptr, nullptr, perm.data(), place.data()) != METIS_OK)
+        std::exit(1);
     numbers.nsrow = n + 1;
     sparse.ixvec1.allocate(n + 2);
     sparse.ixvec2.allocate(n + 1);
@@ -167,7 +168,8 @@ bool read_structure(const std::string& name) {
     if (!in.next() || !in.get(sparse.ixvec2.prefix(sparse.ixvec2.size()))) return false;
     for (int done = 0; done < sparse.maxsub; done += steps) {
         const int count = std::min(steps, sparse.maxsub - done);
-        if (!in.next() || !in.get(std::span<int>(sparse.ixsub.data() + done, static_cast<std::size_t>(count)))) return false;
+        if (!in.next() || !in.get(std::span<int>(sparse.ixsub.data() + done, static_cast<std::size_t>(count))))
+            return false;
     }
     return true;
 }

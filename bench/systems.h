@@ -6,8 +6,8 @@ namespace tarvex {
 
 // Lays the structure of a factor into module sparse, and allocates its values.
 //   symbfact.bin          as a run of the program left it
-//   directory of a case   data.dat, ped.dat and case.meta of the generator: pattern of its mixed model equations, ordered
-//                         by nested dissection
+//   directory of a case   data.dat, ped.dat and case.meta of the generator: pattern of its mixed model equations,
+//                         ordered by nested dissection
 //   grid:N                a grid of N x N points, likewise
 void load_structure(const std::string& source);
 

@@ -65,7 +65,8 @@ bool any_nrm_effect() {
 }
 
 bool choose_small_problem(int nparm) {
-    if (options.algorithm_set || options.blup || nparm >= nparm_for_pxem) return false; // BLUP takes the matrices as given
+    if (options.algorithm_set || options.blup || nparm >= nparm_for_pxem)
+        return false; // BLUP takes the matrices as given
     maximise.search_type = 1;
     options.emalgorithm = options.pxem = false;
     return true;

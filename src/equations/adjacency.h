@@ -1,8 +1,8 @@
 // Pattern of the mixed model equations: lower triangle of the coefficient matrix in the row store, without values.
 //
 // adjacency.bin: nq, nsrow, nrankx, lim1, neqns, neq_fix, neq_rnd, neq_cov, levels of each random effect (krand) |
-// llxrhs | ifirst(nsrow) | nrczhz, kk, kfactor | inext in kk records of kfactor elements, the rest in one more if there is
-// any | ivcol likewise. nsrow counts the right-hand side if llxrhs is 1.
+// llxrhs | ifirst(nsrow) | nrczhz, kk, kfactor | inext in kk records of kfactor elements, the rest in one more if there
+// is any | ivcol likewise. nsrow counts the right-hand side if llxrhs is 1.
 #pragma once
 
 namespace tarvex {

@@ -101,7 +101,9 @@ void check_size(long long neqns) {
     stoptarvex();
 }
 
-int largest(const array<int>& counts) { return counts.size() > 0 ? *std::max_element(counts.begin(), counts.end()) : 0; }
+int largest(const array<int>& counts) {
+    return counts.size() > 0 ? *std::max_element(counts.begin(), counts.end()) : 0;
+}
 
 } // namespace
 

@@ -1,9 +1,10 @@
-// Multiple minimum degree by quotient graphs. Eliminated nodes become elements whose reach sets are kept in the storage of
-// the nodes that they have absorbed: a list in adjncy ends at 0 and goes on in the block of node k where -k stands.
+// Multiple minimum degree by quotient graphs. Eliminated nodes become elements whose reach sets are kept in the storage
+// of the nodes that they have absorbed: a list in adjncy ends at 0 and goes on in the block of node k where -k stands.
 //
-// invp(v) ("forward"): next node of the same degree, or the number of quotient neighbours plus 1 while v waits for its new
-// degree; -number once eliminated, -father once merged into another node. perm(v) ("backward"): the node before it in the
-// degree list, -list for the first one; 0 waiting for its new degree; -maxint merged, or outmatched by another node.
+// invp(v) ("forward"): next node of the same degree, or the number of quotient neighbours plus 1 while v waits for its
+// new degree; -number once eliminated, -father once merged into another node. perm(v) ("backward"): the node before it
+// in the degree list, -list for the first one; 0 waiting for its new degree; -maxint merged, or outmatched by another
+// node.
 #include "equations/genmmd.h"
 
 #include <algorithm>

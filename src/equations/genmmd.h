@@ -1,7 +1,8 @@
 // Multiple minimum degree ordering of a sparse symmetric matrix.
 //
-// Liu, J.W.H. (1985), Modification of the minimum-degree algorithm by multiple elimination, ACM Trans. Math. Software 11,
-// 141-153; George, A. & Liu, J.W.H. (1989), The evolution of the minimum degree ordering algorithm, SIAM Review 31, 1-19.
+// Liu, J.W.H. (1985), Modification of the minimum-degree algorithm by multiple elimination, ACM Trans. Math. Software
+// 11, 141-153; George, A. & Liu, J.W.H. (1989), The evolution of the minimum degree ordering algorithm, SIAM Review 31,
+// 1-19.
 #pragma once
 #include "support/array.h"
 

@@ -16,8 +16,8 @@ struct clique_lists {
     }
 };
 
-// Rows of a random effect: row first+(l-1)*ncoef+r-1 is component r of level l. Levels are linked with those listed (below
-// them) and with themselves.
+// Rows of a random effect: row first+(l-1)*ncoef+r-1 is component r of level l. Levels are linked with those listed
+// (below them) and with themselves.
 struct level_links {
     int irand = 0, first = 0, nlev = 0, ncoef = 0;
     bool diagonal = false; // components are linked with their own kind only
@@ -25,8 +25,8 @@ struct level_links {
     std::vector<int> lower;
 };
 
-// Fills linked_list for n rows: chains ascending, each element once. Counts are told on the way under werbose. `blocks` in
-// the order of the random effects.
+// Fills linked_list for n rows: chains ascending, each element once. Counts are told on the way under werbose. `blocks`
+// in the order of the random effects.
 void merge_links(int n, const clique_lists& data, const std::vector<level_links>& blocks);
 
 // A line for every 200000 elements by which the store has grown.

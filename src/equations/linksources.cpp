@@ -1,7 +1,7 @@
-// A record links the equations of its row; records of a subject are linked where the inverse of their residual covariance
-// matrix is not zero. Links are kept as sets: the records of a subject fall into groups between which that inverse is zero,
-// and all equations of a group are taken as linked, with weights that happen to be zero as well, since pivots and
-// parameters move in the course of a run. A link too many does no harm to the numbers.
+// A record links the equations of its row; records of a subject are linked where the inverse of their residual
+// covariance matrix is not zero. Links are kept as sets: the records of a subject fall into groups between which that
+// inverse is zero, and all equations of a group are taken as linked, with weights that happen to be zero as well, since
+// pivots and parameters move in the course of a run. A link too many does no harm to the numbers.
 #include "equations/linksources.h"
 
 #include "control/filenames.h"
@@ -117,7 +117,7 @@ void form_residual_inverses() {
     rinverse(parvec, estimates.nparm, 0, ifail);
     if (ifail == 0) return;
     if (!options.blup) stop("RE-inv adj");
-    residualvars.eei = {}; // all records of a subject are linked; the run is going to refuse the matrix in its own words
+    residualvars.eei = {}; // links all records of a subject; the run will refuse the matrix in its own words
 }
 
 // Adds the equations of record i that stay to `rows`.

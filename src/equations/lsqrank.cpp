@@ -19,7 +19,8 @@ namespace {
 
 std::size_t hash(std::uint64_t key) { return static_cast<std::size_t>((key * 0x9E3779B97F4A7C15U) >> 20); }
 
-// A = U'D^-1U by rows in elimination order, from 1: row k holds its pivot and its elements x behind the diagonal, not divided.
+// A = U'D^-1U by rows in elimination order, from 1: row k holds its pivot and its elements x behind the diagonal, not
+// divided.
 struct lsq_factor {
     int n = 0;
     std::vector<int> eq;    // (n+1) equation of each row
@@ -42,7 +43,8 @@ void lay_out(lsq_factor& f, const normal_equations& a) {
     auto each = [&](auto visit) {
         for (int i = 0; i < a.n; ++i)
             for (auto k = a.start[i]; place[i] > 0 && k < a.start[i + 1]; ++k)
-                if (const int j = place[a.col[k]]; j > 0) visit(std::min(place[i], j), std::max(place[i], j), a.value[k]);
+                if (const int j = place[a.col[k]]; j > 0)
+                    visit(std::min(place[i], j), std::max(place[i], j), a.value[k]);
     };
     each([&](int low, int, double) { ++xadj(low + 1); });
     xadj(1) = 1;
@@ -154,8 +156,8 @@ column_lists columns(const lsq_factor& f) {
     return c;
 }
 
-// One null vector for each row that was not used: 1 there, 0 at the other ones, the rest by back substitution, which visits
-// only what is not zero.
+// One null vector for each row that was not used: 1 there, 0 at the other ones, the rest by back substitution, which
+// visits only what is not zero.
 std::vector<null_vector> null_vectors(const lsq_factor& f, const normal_equations& a) {
     constexpr double negligible = 1.0e-12;
     const column_lists cols = columns(f);
@@ -211,8 +213,8 @@ void subtract(null_vector& w, const null_vector& u) {
     drop_small(w);
 }
 
-// Echelon form: no two vectors end in the same equation. Returned by that equation, descending; fewer vectors than given
-// mean that they were not told apart.
+// Echelon form: no two vectors end in the same equation. Returned by that equation, descending; fewer vectors than
+// given mean that they were not told apart.
 std::vector<null_vector> echelon(std::vector<null_vector> all, int n) {
     std::vector<std::vector<null_vector>> ending(static_cast<std::size_t>(n));
     auto file = [&](null_vector&& w) {

@@ -1,5 +1,5 @@
-// Rank of a symmetric, positive semi-definite sparse system, with the dependent equations that elimination in natural order
-// would meet: an equation is dependent if its column is a combination of columns in front of it.
+// Rank of a symmetric, positive semi-definite sparse system, with the dependent equations that elimination in natural
+// order would meet: an equation is dependent if its column is a combination of columns in front of it.
 #pragma once
 #include <cstdint>
 #include <vector>
@@ -43,9 +43,9 @@ struct lsq_rank {
 // Elimination in natural order, upper rows.
 lsq_rank natural_rank(const normal_equations& a, const std::vector<int>& out, double limit);
 
-// The same result through a fill-reducing order: null vectors of the vanishing pivots are brought to echelon form from the
-// last equation upwards, and the equations in which they then end are the dependent ones. Where a pivot leaves doubt, the
-// natural order decides, so that the absolute limit keeps its meaning.
+// The same result through a fill-reducing order: null vectors of the vanishing pivots are brought to echelon form from
+// the last equation upwards, and the equations in which they then end are the dependent ones. Where a pivot leaves
+// doubt, the natural order decides, so that the absolute limit keeps its meaning.
 lsq_rank fast_rank(const normal_equations& a, const std::vector<int>& out, double limit);
 
 } // namespace tarvex

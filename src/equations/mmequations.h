@@ -6,9 +6,10 @@
 
 namespace tarvex {
 
-// Equations run from 1 in the order: covariables by trait; fixed effects by trait; IDE random effects; NRM and GIN random
-// effects; means by trait. Starts are offsets: level l of a fixed effect has equation fx_start + l; component r of level l
-// of a random effect rn_start + (l-1)*nfit + r; coefficient c of (nesting) level l of a covariable cv_start + (l-1)*order + c.
+// Equations run from 1 in the order: covariables by trait; fixed effects by trait; IDE random effects; NRM and GIN
+// random effects; means by trait. Starts are offsets: level l of a fixed effect has equation fx_start + l; component r
+// of level l of a random effect rn_start + (l-1)*nfit + r; coefficient c of (nesting) level l of a covariable cv_start
+// + (l-1)*order + c.
 struct mmequations_module {
     int neqns = 0;
     int neq_cov = 0;

@@ -1,8 +1,8 @@
 // Choice of the order of the equations.
 //
 // eqnsorder.bin: neqns, neq_fix, neq_rnd, neq_cov | nq, nsrow (with the right-hand side), nrankx, lim1, krand,
-// krfit(0:krand) | nofsub, maxlnz, nnops, order_type | metis_opts(8), for METIS orders only | invprm | ivperm, both for the
-// equations that stay. OperationCounts gets a line for each order that is tried.
+// krfit(0:krand) | nofsub, maxlnz, nnops, order_type | metis_opts(8), for METIS orders only | invprm | ivperm, both for
+// the equations that stay. OperationCounts gets a line for each order that is tried.
 #pragma once
 #include "support/array.h"
 
@@ -19,8 +19,8 @@ void redo_eqnorders();
 bool choose_method();
 
 // Fills invprm and ivperm for the pattern in linked_list (numbers.nsrow rows, no right-hand side) by the method
-// |orders.order_type|. nofsub: upper limit to the subscripts of the structure, or the fill, as the method tells it; 0: not
-// told. A refusal of the method stops the run.
+// |orders.order_type|. nofsub: upper limit to the subscripts of the structure, or the fill, as the method tells it; 0:
+// not told. A refusal of the method stops the run.
 void find_order(int& nofsub);
 
 // Approximate minimum degree order of n nodes (Amestoy, Davis & Duff 1996, SIAM J. Matrix Anal. Appl. 17, 886-905).

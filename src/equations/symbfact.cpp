@@ -23,8 +23,8 @@ namespace {
 
 constexpr int steps = 100000; // subscripts in a record of the file
 
-// Rows in order; mrglnk chains the rows that hand their patterns on to a later one; marker(i) names the row whose stored
-// list last took up subscript i. ixsub(nzbeg..nzend) is the list stored last.
+// Rows in order; mrglnk chains the rows that hand their patterns on to a later one; marker(i) names the row whose
+// stored list last took up subscript i. ixsub(nzbeg..nzend) is the list stored last.
 struct symbolic {
     int n;
     array<int>& ixvec1;
@@ -51,8 +51,8 @@ void meet(symbolic& s, int k, std::span<const int> subscripts) {
     }
 }
 
-// Looks for the list of row k in the list stored last. True if it is the tail of that one. If that one ends where the list
-// begins, its tail is given up, to be stored again as the head of the list.
+// Looks for the list of row k in the list stored last. True if it is the tail of that one. If that one ends where the
+// list begins, its tail is given up, to be stored again as the head of the list.
 bool overlaps(symbolic& s, int k) {
     if (s.nzbeg > s.nzend || s.list.empty()) return false;
     const int* stored = s.ixsub.data();
@@ -117,7 +117,7 @@ int row_pattern(symbolic& s, int k, const std::vector<int>& nbs) {
 bool sound_structure(int n, int maxlnz, int maxsub, const array<int>& ixvec1, const array<int>& ixvec2,
                      const array<int>& ixsub) {
     if (ixvec1(1) != 1 || ixvec1(n + 1) - 1 != maxlnz) return false;
-    std::vector<int> breaks(static_cast<std::size_t>(maxsub) + 1, 0); // places up to i that are not above the one before
+    std::vector<int> breaks(static_cast<std::size_t>(maxsub) + 1); // places up to i not above the one before
     for (int i = 1; i <= maxsub; ++i) {
         if (ixsub(i) < 1 || ixsub(i) > n) return false;
         breaks[i] = breaks[i - 1] + (i > 1 && ixsub(i) <= ixsub(i - 1) ? 1 : 0);
@@ -132,7 +132,8 @@ bool sound_structure(int n, int maxlnz, int maxsub, const array<int>& ixvec1, co
 }
 
 template <class T> bool get_whole(record_reader& in, array<T>& a) {
-    return in.next() && in.bytes_left() == static_cast<std::uint64_t>(a.size()) * sizeof(T) && in.get(a.prefix(a.size()));
+    return in.next() && in.bytes_left() == static_cast<std::uint64_t>(a.size()) * sizeof(T) &&
+           in.get(a.prefix(a.size()));
 }
 
 // Takes the place of the structure only when all of it could be read.
@@ -168,12 +169,13 @@ bool read_structure(record_reader& in) {
 } // namespace
 
 void ssmbfct(int nsrow, const array<int>& xadj, const array<int>& adjncy, const array<int>& perm,
-             const array<int>& invp, array<int>& ixvec1, int& maxlnz, array<int>& ixvec2, array<int>& ixsub, int& maxsub,
-             int& flag) {
+             const array<int>& invp, array<int>& ixvec1, int& maxlnz, array<int>& ixvec2, array<int>& ixsub,
+             int& maxsub, int& flag) {
     const auto n = static_cast<std::size_t>(nsrow);
     ixvec1.allocate(nsrow + 1);
     ixvec2.allocate(nsrow);
-    symbolic s{nsrow, ixvec1, ixvec2, ixsub, std::vector<int>(n + 1), std::vector<int>(n + 1), std::vector<int>(n + 1), {}, {}};
+    symbolic s{nsrow, ixvec1, ixvec2, ixsub, std::vector<int>(n + 1), std::vector<int>(n + 1), std::vector<int>(n + 1),
+               {}, {}};
     const bool renumber = perm.allocated();
     std::vector<int> nbs;
     flag = 0;

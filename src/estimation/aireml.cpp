@@ -74,7 +74,8 @@ void say_converged(const char* on_screen, const char* in_file, double value, dou
 
 void test_convergence(double xold, double xnew) {
     if (aireml_terms.dnorm < maximise.aiconv_norm)
-        say_converged("   Norm of gradient vector", "    Norm of gradient vector =", aireml_terms.dnorm, maximise.aiconv_norm);
+        say_converged("   Norm of gradient vector", "    Norm of gradient vector =", aireml_terms.dnorm,
+                      maximise.aiconv_norm);
     else if (xnew - xold < maximise.aiconv_like)
         say_converged("   Last change in log L", "    Last change in log L =", xnew - xold, maximise.aiconv_like);
     push_changes(xnew - xold);

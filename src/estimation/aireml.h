@@ -14,7 +14,7 @@ struct aireml_terms_module {
     double prox = 0.0;  // half the slope
     double slope = 0.0; // slope of -log L along the step
     double tau = 0.0;   // added to the diagonal of the information matrix
-    double last_change = 0.0; // change in log L of the last accepted iterate of the last AI-REML phase, 0 if there was none
+    double last_change = 0.0; // in log L, by the last accepted iterate of the last AI-REML phase; 0: there was none
     int accepted = 0;         // iterates accepted in the whole run
     double tt0 = 0.0;         // processor clock at the start of the iterate
 };
@@ -26,8 +26,8 @@ inline aireml_terms_module aireml_terms;
 // Leaves parvec at the best point, maximise.converged and cchanges, AvInfoParms and AvInfoCovs of the last iterate.
 void ai_reml(int nits, int& iround, double& xlike);
 
-// Pivoted rank check of derivs.der2: parameters without information that are exactly 0 are held out. Fills fixpar, nparm2,
-// subset.
+// Pivoted rank check of derivs.der2: parameters without information that are exactly 0 are held out. Fills fixpar,
+// nparm2, subset.
 void rank_check();
 
 // Records an iterate or round on the screen and in Iterates; which of AI, EM and PX it is follows from the flags.

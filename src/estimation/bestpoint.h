@@ -13,8 +13,8 @@ std::vector<double> best_covariances(int irand);
 // records when not null. Faults are ignored.
 void writebestpoint(int iround, text_out* extra = nullptr);
 
-// Reads BestPoint into model.cov and estimates.xlike_file; false (and nothing changed but xlike_file = -1e36) when the file
-// is missing, short, or of another number of parameters. Unless quiet prints two lines.
+// Reads BestPoint into model.cov and estimates.xlike_file; false (and nothing changed but xlike_file = -1e36) when the
+// file is missing, short, or of another number of parameters. Unless quiet prints two lines.
 bool readbestpoint(bool quiet);
 
 } // namespace tarvex

@@ -36,8 +36,8 @@ void average_info();
 // Stops the run (tvx_notyet) where the average information cannot be had: supplied inverse without elements for some
 // level and pseudo-fixed levels where the relationship matrix itself is needed, repeat effect of reduced rank.
 void check_average_info();
-// The same for the repeat effect alone: its matrix is part of the residual one, and no search but that by directions has
-// a reduced rank for it.
+// The same for the repeat effect alone: its matrix is part of the residual one, and no search but that by directions
+// has a reduced rank for it.
 void check_repeat_block();
 
 // der1 = J' devl1, der2 = J' (-devl2) J; flag 1 subtracts the second-order term.

@@ -93,7 +93,8 @@ private:
             for (int f = d.efirst[at(s)]; f < d.efirst[at(s + 1)]; ++f) {
                 if (slot_of_[at(e)] < 0 || slot_of_[at(f)] < 0) continue;
                 if (!request_.joint && d.effects[at(e)].irand != d.effects[at(f)].irand) continue;
-                add_effects(d.effects[at(e)], slots_[at(slot_of_[at(e)])], d.effects[at(f)], slots_[at(slot_of_[at(f)])], rinv);
+                add_effects(d.effects[at(e)], slots_[at(slot_of_[at(e)])], d.effects[at(f)],
+                            slots_[at(slot_of_[at(f)])], rinv);
             }
     }
 
@@ -101,7 +102,8 @@ private:
         int irand, level, from;
     };
 
-    void add_effects(const design_effect& e, const level_slot& es, const design_effect& f, const level_slot& fs, double rinv) {
+    void add_effects(const design_effect& e, const level_slot& es, const design_effect& f, const level_slot& fs,
+                     double rinv) {
         const int ke = model.kkfit(e.irand), kf = model.kkfit(f.irand), ne = nfit(e.irand), nf = nfit(f.irand);
         const std::size_t n = eq_.size();
         for (int i = 1; i <= ke; ++i) {
@@ -113,7 +115,8 @@ private:
                 const int row = first_[at(e.irand - 1)] + (i - 1) * ne, col = first_[at(f.irand - 1)] + (k - 1) * nf;
                 for (int j = 0; j < ne; ++j)
                     for (int l = 0; l < nf; ++l)
-                        q_.lhs(row + j + 1, col + l + 1) += rinv * zi * zk * expect_[at(es.from + j) * n + at(fs.from + l)];
+                        q_.lhs(row + j + 1, col + l + 1) +=
+                            rinv * zi * zk * expect_[at(es.from + j) * n + at(fs.from + l)];
             }
         }
     }
@@ -301,9 +304,9 @@ bool residual_objective(const em_quantities& q, const std::vector<double>& theta
     return true;
 }
 
-// Repeated records or a PEQ effect: W of a pattern is linear in the parameters, and the normal equations of a scoring step
-// give their changes; parameters that the data know only as a sum keep to their values as far as they can. The step is
-// halved while the objective rises.
+// Repeated records or a PEQ effect: W of a pattern is linear in the parameters, and the normal equations of a scoring
+// step give their changes; parameters that the data know only as a sum keep to their values as far as they can. The
+// step is halved while the objective rises.
 std::vector<double> scoring_step(const em_quantities& q) {
     const int n = estimates.nrespeq;
     const std::vector<double> old = current_values();
@@ -327,7 +330,8 @@ std::vector<double> scoring_step(const em_quantities& q) {
         }
     }
     for (int i = 1; i <= n; ++i) // the score is what remains at the old values
-        for (int j = 1; j <= n; ++j) h[at(i - 1)] -= packed[at(ihmssf(std::min(i, j), std::max(i, j), n) - 1)] * old[at(j - 1)];
+        for (int j = 1; j <= n; ++j)
+            h[at(i - 1)] -= packed[at(ihmssf(std::min(i, j), std::max(i, j), n) - 1)] * old[at(j - 1)];
     std::vector<double> scale(at(n), 0.0);
     for (int i = 1; i <= n; ++i) {
         const double d = packed[at(ihmssf(i, i, n) - 1)];
@@ -341,7 +345,8 @@ std::vector<double> scoring_step(const em_quantities& q) {
     std::vector<double> change(at(n), 0.0);
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j)
-            change[at(i - 1)] += packed[at(ihmssf(std::min(i, j), std::max(i, j), n) - 1)] * scale[at(i - 1)] * scale[at(j - 1)] * h[at(j - 1)];
+            change[at(i - 1)] += packed[at(ihmssf(std::min(i, j), std::max(i, j), n) - 1)] * scale[at(i - 1)] *
+                                 scale[at(j - 1)] * h[at(j - 1)];
     double before = 0.0, now = 0.0;
     residual_objective(q, old, before);
     std::vector<double> theta(at(n));

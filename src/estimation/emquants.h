@@ -25,8 +25,8 @@ struct em_quantities {
     array<double, 2> lhs;                     // its coefficient matrix
 };
 
-// What a pass is to collect: the coefficient matrix of the expansion for these blocks (1-based marks by block), jointly over
-// blocks or each block by itself (cross terms left out).
+// What a pass is to collect: the coefficient matrix of the expansion for these blocks (1-based marks by block), jointly
+// over blocks or each block by itself (cross terms left out).
 struct em_request {
     std::vector<int> expand; // [irand-1] 1: block's expansion or loadings are wanted
     bool joint = false;
@@ -34,11 +34,12 @@ struct em_request {
 
 // E-step at the factor in hand, which the derivative of the factorisation takes the place of.
 void em_expectations(const em_request& request, em_quantities& q);
-// Residual quantities alone, with the weights now in randomvars.zig (loadings changed) and the derivative that the E-step left.
+// Residual quantities alone, with the weights now in randomvars.zig (loadings changed) and the derivative that the
+// E-step left.
 void em_residuals(em_quantities& q);
 
-// New residual matrices by EM: the covariances in the layout of parvec on "Original" (sum with the PEQ matrix), and the PEQ
-// matrix behind them.
+// New residual matrices by EM: the covariances in the layout of parvec on "Original" (sum with the PEQ matrix), and the
+// PEQ matrix behind them.
 std::vector<double> covarsres(const em_quantities& q);
 
 } // namespace tarvex

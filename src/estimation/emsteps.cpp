@@ -102,7 +102,8 @@ array<double, 2> full_rank_update(int irand, const em_quantities& q) {
     array<double, 2> alpha;
     pxem_solve(irand, q, alpha);
     for (int i = 1; i <= n; ++i)
-        for (int j = 1; j <= n; ++j) pxempc.aalpha += std::fabs(alpha(i, j) - (i == j ? 1.0 : 0.0)) / (n * n * numbers.krand);
+        for (int j = 1; j <= n; ++j)
+            pxempc.aalpha += std::fabs(alpha(i, j) - (i == j ? 1.0 : 0.0)) / (n * n * numbers.krand);
     if (options.details)
         for (int i = 1; i <= n; ++i)
             for (int j = 1; j <= n; ++j) print_list(screen(), "alpha", i, j, alpha(i, j));

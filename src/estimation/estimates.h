@@ -1,8 +1,9 @@
 // The parameter vector and the driver of the maximisation.
 //
-// parvec: residual block first (step after step), then the PEQ block, then the other random effects in order. A block on the
-// factor scale holds the columns of the (pivoted) lower Cholesky factor: for c = 1..krfit, r = c..kkfit element (r,c); on
-// the "Original" scale its packed upper triangle. A diagonal block holds kkfit (log) root variances, or variances on "Original".
+// parvec: residual block first (step after step), then the PEQ block, then the other random effects in order. A block
+// on the factor scale holds the columns of the (pivoted) lower Cholesky factor: for c = 1..krfit, r = c..kkfit element
+// (r,c); on the "Original" scale its packed upper triangle. A diagonal block holds kkfit (log) root variances, or
+// variances on "Original".
 #pragma once
 #include "control/parameters.h"
 #include "support/array.h"

@@ -31,7 +31,8 @@ void trace_round(int iround, double xlike, double dd, std::string_view note) {
     if (options.aireml) {
         constexpr edit_form form{"(i4,f13.3,f6.2,f6.3,4g12.5,i7,i4)"};
         if (out.open_append("AIiterates"))
-            write(out, form, iround, xlike, t.tau, t.alpha, t.dnorm, t.pnorm, t.prox, dd, static_cast<int>(used), likelihoods.ncall);
+            write(out, form, iround, xlike, t.tau, t.alpha, t.dnorm, t.pnorm, t.prox, dd, static_cast<int>(used),
+                  likelihoods.ncall);
     } else {
         constexpr edit_form form{"(i5,g18.9,2g13.6,f10.1,1x,a,i5)"};
         if (out.open_append("EMrounds")) write(out, form, iround, xlike, dd, t.pnorm, used, note, likelihoods.ncall);
@@ -63,8 +64,8 @@ void print_iterate(int iround, double xlike, double xold, std::string_view note)
     edit_iterate_form(form, {dd, t.dnorm, t.pnorm, t.prox, likelihoods.ncall});
     text_out out;
     if (out.open_append(filenames.iteratesfile))
-        write(out, edit_form::edited(form), std::string_view(label).substr(3, 2), iround, xlike, dd, t.dnorm, t.pnorm, t.prox,
-              t.alpha, seconds, likelihoods.ncall, t.tau, maximise.modify_chol);
+        write(out, edit_form::edited(form), std::string_view(label).substr(3, 2), iround, xlike, dd, t.dnorm, t.pnorm,
+              t.prox, t.alpha, seconds, likelihoods.ncall, t.tau, maximise.modify_chol);
     if (options.devtrace) {
         text_out all;
         writebestpoint(iround, all.open_append("Estimates") ? &all : nullptr);

@@ -1,10 +1,10 @@
-// Factorisations of symmetric matrices that need not be positive definite, for safe Newton-type steps. Dense and pure: no
-// module is read or left. Matrices are full, order n, in the leading part of array<double,2>; only the lower triangle of
-// the argument is read.
+// Factorisations of symmetric matrices that need not be positive definite, for safe Newton-type steps. Dense and pure:
+// no module is read or left. Matrices are full, order n, in the leading part of array<double,2>; only the lower
+// triangle of the argument is read.
 //
 // modchl: revised modified Cholesky factorisation (Schnabel & Eskow 1999, SIAM J. Optim. 9, 1135). ldlfac: symmetric
-// indefinite factorisation with diagonal pivoting by blocks of order 1 and 2 (Bunch & Parlett 1971, SIAM J. Numer. Anal.
-// 8, 639).
+// indefinite factorisation with diagonal pivoting by blocks of order 1 and 2 (Bunch & Parlett 1971, SIAM J. Numer.
+// Anal. 8, 639).
 #pragma once
 #include "support/array.h"
 
@@ -21,8 +21,8 @@ struct modchl_factor {
     bool modified = false;
 };
 
-// Factorises `a`. Rows with a pivot below eps**tol2 times the largest diagonal count as not positive; eps**tol1 bounds the
-// condition of the last block of order 2. Usual powers: 0.5 and 0.6.
+// Factorises `a`. Rows with a pivot below eps**tol2 times the largest diagonal count as not positive; eps**tol1 bounds
+// the condition of the last block of order 2. Usual powers: 0.5 and 0.6.
 void modchl(const array<double, 2>& a, int n, double tol1, double tol2, modchl_factor& f);
 
 // x = (A+E)^-1 r; x may be r.

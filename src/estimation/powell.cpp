@@ -82,8 +82,8 @@ std::size_t lowest(const std::array<point, 3>& p) {
 }
 
 // Search along `dir` from the best point by parabolas through three points. The first step is at most `longest`, later
-// ones ten times the first. Moves best, ffmin to the lowest point met; returns the decrease of -2 log L. curvature: half
-// the second difference of the last parabola, 0 if it has no minimum.
+// ones ten times the first. Moves best, ffmin to the lowest point met; returns the decrease of -2 log L. curvature:
+// half the second difference of the last parabola, 0 if it has no minimum.
 double powell_search::dflmin(const std::vector<double>& dir, double first, double longest, double& curvature) {
     const std::vector<double> from = best;
     const double f0 = ffmin;

@@ -60,7 +60,8 @@ std::vector<double> solve_scaled(const std::vector<double>& lhs, const std::vect
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j) {
             const int a = live[at(i - 1)], b = live[at(j - 1)];
-            x[at(a)] += packed[at(ihmssf(std::min(i, j), std::max(i, j), n) - 1)] * scale[at(a)] * scale[at(b)] * rhs[at(b)];
+            x[at(a)] +=
+                packed[at(ihmssf(std::min(i, j), std::max(i, j), n) - 1)] * scale[at(a)] * scale[at(b)] * rhs[at(b)];
         }
     return x;
 }
@@ -107,7 +108,8 @@ double mean_deviation(const array<double, 2>& change, int irand) {
     std::vector<double> qq(at(r) * at(r + 1) / 2, 0.0);
     for (int c = 1; c <= r; ++c)
         for (int d = c; d <= r; ++d)
-            for (int i = 1; i <= n; ++i) qq[at(ihmssf(c, d, r) - 1)] += randomvars.zig(i, c, irand) * randomvars.zig(i, d, irand);
+            for (int i = 1; i <= n; ++i)
+                qq[at(ihmssf(c, d, r) - 1)] += randomvars.zig(i, c, irand) * randomvars.zig(i, d, irand);
     int rank = 0;
     double ldet = 0.0, sum = 0.0;
     gen_inverse(qq, r, numbers.zero * numbers.zero, rank, ldet);
@@ -116,7 +118,8 @@ double mean_deviation(const array<double, 2>& change, int irand) {
             double s = 0.0;
             for (int c = 1; c <= r; ++c)
                 for (int d = 1; d <= r; ++d)
-                    s += change(i, c) * qq[at(ihmssf(std::min(c, d), std::max(c, d), r) - 1)] * randomvars.zig(j, d, irand);
+                    s += change(i, c) * qq[at(ihmssf(std::min(c, d), std::max(c, d), r) - 1)] *
+                         randomvars.zig(j, d, irand);
             sum += std::fabs(s);
         }
     return sum / (n * n);

@@ -1,5 +1,6 @@
-// Parameter-expanded EM: the random effects are scaled by a matrix alpha, estimated in every round, which takes the slow
-// directions out of EM (Liu, Rubin and Wu 1998, Biometrika 85:755; Foulley and van Dyk 2000, Genet. Sel. Evol. 32:143).
+// Parameter-expanded EM: the random effects are scaled by a matrix alpha, estimated in every round, which takes the
+// slow directions out of EM (Liu, Rubin and Wu 1998, Biometrika 85:755; Foulley and van Dyk 2000, Genet. Sel. Evol.
+// 32:143).
 #pragma once
 #include "estimation/emquants.h"
 #include "support/array.h"
@@ -20,15 +21,16 @@ inline pxempc_module pxempc;
 // Sets up what PX-EM, and EM of reduced-rank fits, need besides the equations of the model.
 void pxem_setup();
 
-// Full-rank runs: expansion alpha of block irand from the quadratics of the E-step; the block's expansion stands in q.lhs.
-// The identity where alpha strays too far.
+// Full-rank runs: expansion alpha of block irand from the quadratics of the E-step; the block's expansion stands in
+// q.lhs. The identity where alpha strays too far.
 void pxem_solve(int irand, const em_quantities& q, array<double, 2>& alpha);
 
-// Principal runs: changes of the loadings Q (kkfit x krfit) of all blocks in q.unknowns, from one joint system; 0 for others.
-// Sets pxempc.aalpha from the blocks' expansions.
+// Principal runs: changes of the loadings Q (kkfit x krfit) of all blocks in q.unknowns, from one joint system; 0 for
+// others. Sets pxempc.aalpha from the blocks' expansions.
 void pxem_solve_all(const em_quantities& q, std::vector<array<double, 2>>& change);
 
-// New covariance matrix of a block with all checks on its eigenvalues: those below 1e-6 (the `rank` leading ones) are raised.
+// New covariance matrix of a block with all checks on its eigenvalues: those below 1e-6 (the `rank` leading ones) are
+// raised.
 void raise_leading(array<double, 2>& g, int n, int rank);
 
 } // namespace tarvex

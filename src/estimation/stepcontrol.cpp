@@ -40,7 +40,8 @@ void get_hessian(array<double>& gradient) {
 }
 
 // True when some eigenvalue below tau was replaced; dvec = modified inverse times gradient.
-void step_from_eigenvalues(const array<double>& eig, const array<double, 2>& vectors, double tau, const array<double>& gradient) {
+void step_from_eigenvalues(const array<double>& eig, const array<double, 2>& vectors, double tau,
+                           const array<double>& gradient) {
     const int n = size();
     for (int k = 1; k <= n; ++k) {
         double s = 0.0;

@@ -1,5 +1,5 @@
-// Step control of AI-REML: modification of the information matrix, trial step, backtracking line search (Dennis and Schnabel
-// 1983, Numerical methods for unconstrained optimization).
+// Step control of AI-REML: modification of the information matrix, trial step, backtracking line search (Dennis and
+// Schnabel 1983, Numerical methods for unconstrained optimization).
 #pragma once
 #include "support/array.h"
 
@@ -22,7 +22,8 @@ void eztimates(int iter, double& xnew);
 // tau to add to the diagonal for largest and smallest eigenvalue e1, en; 0: none needed.
 double set_tau(double e1, double en);
 
-// Searches along dvec after a trial that did not gain. Leaves estimates.parnew, xnew, aireml_terms.alpha. fail: no point found.
+// Searches along dvec after a trial that did not gain. Leaves estimates.parnew, xnew, aireml_terms.alpha. fail: no
+// point found.
 void line_search(double xold, double& xnew, bool& fail);
 
 } // namespace tarvex

@@ -165,7 +165,8 @@ void write_listofcovs() {
     for (const auto& sum : usrdefcovs.addcov) {
         double x = 0.0;
         for (const auto& t : sum)
-            if (t.isig >= 1 && t.isig <= static_cast<int>(all.size())) x += t.factor * all[static_cast<std::size_t>(t.isig - 1)];
+            if (t.isig >= 1 && t.isig <= static_cast<int>(all.size()))
+                x += t.factor * all[static_cast<std::size_t>(t.isig - 1)];
         all.push_back(x);
     }
     for (int k = 1; k <= static_cast<int>(all.size()); ++k) {
@@ -193,8 +194,8 @@ void list_parameters() {
     stoptarvex();
 }
 
-// Pivoted Cholesky of the packed triangle: factor(i,c) by matrix row i, order(1..n) the pivot order. Returns the step of the
-// first pivot below numbers.zero that floor does not mend (0: none) and that pivot.
+// Pivoted Cholesky of the packed triangle: factor(i,c) by matrix row i, order(1..n) the pivot order. Returns the step
+// of the first pivot below numbers.zero that floor does not mend (0: none) and that pivot.
 int pivoted_factor(const double* cc, int n, int rank, bool by_size, double floor, double& bad,
                    array<double, 2>& factor, array<int>& order) {
     array<double, 2> a;
@@ -396,7 +397,8 @@ void transform_covs(int irand, const double* cc, double floor_pivot, array<doubl
         order.allocate(n);
         array<double, 2> factor;
         double bad = 0.0;
-        for (int step = 1; step <= steps && floor_pivot <= 0.0 && !options.blup; ++step) { // the user's matrices must be positive definite
+        // The user's matrices must be positive definite.
+        for (int step = 1; step <= steps && floor_pivot <= 0.0 && !options.blup; ++step) {
             for (int i = 1; i <= n; ++i) order(i) = i;
             const double* one = cc + (step - 1) * step_covs(irand);
             if (model.diagonal(irand)) {
@@ -418,8 +420,8 @@ void transform_covs(int irand, const double* cc, double floor_pivot, array<doubl
         if (irand == 0 && any_fixres())
             for (int i = 1; i <= n; ++i) order(i) = i;
         double bad = 0.0;
-        const int at = pivoted_factor(cc + (step - 1) * step_covs(irand), n, rank, pivot_by_size(irand), floor_pivot, bad,
-                                      factor, order);
+        const int at = pivoted_factor(cc + (step - 1) * step_covs(irand), n, rank, pivot_by_size(irand), floor_pivot,
+                                      bad, factor, order);
         if (at > 0) invalid_start(irand, n, at, bad);
         keep_order(irand, step, order);
         for (int c = 1; c <= rank; ++c) small = small || std::fabs(factor(order(c), c)) < log_at_start;

@@ -15,14 +15,14 @@ void covs2parvec();
 //   ifail 1: not positive definite
 void parvec2covs(array<double>& parvec, int irand, int step, array<double>& cc, array<double, 2>& vv, int& ifail);
 
-// Matrices cc of block irand (layout of model.cov: all steps of the residual; for block 0 with a PEQ effect the sum of both)
-// as parameters on the scale paraform(irand), into parvec. Pivots go by size when estimates.reorder; a factor diagonal below
-// 0.625 turns the block to logarithms. floor_pivot > 0: smaller pivots are set to it; 0: a pivot below numbers.zero stops the
-// run with the message on starting values. Sets cholorder, logdiagonals, logpar.
+// Matrices cc of block irand (layout of model.cov: all steps of the residual; for block 0 with a PEQ effect the sum of
+// both) as parameters on the scale paraform(irand), into parvec. Pivots go by size when estimates.reorder; a factor
+// diagonal below 0.625 turns the block to logarithms. floor_pivot > 0: smaller pivots are set to it; 0: a pivot below
+// numbers.zero stops the run with the message on starting values. Sets cholorder, logdiagonals, logpar.
 void transform_covs(int irand, const double* cc, double floor_pivot, array<double>& parvec);
 
-// Residual components that no record informs: fixes them at zero in model.cov and residualvars.fixres; may turn paraform(0)
-// to "Original".
+// Residual components that no record informs: fixes them at zero in model.cov and residualvars.fixres; may turn
+// paraform(0) to "Original".
 void fixresvars(bool first);
 
 // Turns the diagonals of block irand into logarithms in parvec and parbest without a change of the matrix.

@@ -2,8 +2,8 @@
 //
 // Matrices are stored by columns. Kernels work on whole vectors of rows: an operand's columns must be readable, and a
 // result's writable, up to the next multiple of `lane` rows above its first; what stands in these rows means nothing.
-// Triangles of order m that are updated by their lower half are kept in column blocks of `block` columns, each from the row
-// of its first column on (K. Goto and R. A. van de Geijn, ACM TOMS 34:12, 2008, for the blocking of the products).
+// Triangles of order m that are updated by their lower half are kept in column blocks of `block` columns, each from the
+// row of its first column on (K. Goto and R. A. van de Geijn, ACM TOMS 34:12, 2008, for the blocking of the products).
 #pragma once
 #include <cstddef>
 
@@ -41,15 +41,15 @@ struct dense_kernels_table {
     // Triangle u (m x m, column blocks) = -A A', A (m x k), or -= with mode subtract. Lower half; anything may be left
     // above the diagonal.
     void (*minus_square)(store_mode mode, int m, int k, const double* a, std::ptrdiff_t lda, double* u);
-    // Lower part of C (m x n) -= A B', B the first n rows of A (m x k), whose columns stand anywhere, a(0..k-1); n <= 480.
-    // Nothing is read behind row m of A.
+    // Lower part of C (m x n) -= A B', B the first n rows of A (m x k), whose columns stand anywhere, a(0..k-1); n <=
+    // 480. Nothing is read behind row m of A.
     void (*minus_columns)(int m, int n, int k, const double* const* a, double* c, std::ptrdiff_t ldc);
     // C (m x n) = -U B' for the symmetric matrix whose triangle is u, B (n x m), n <= 480.
     void (*minus_symmetric)(int m, int n, const double* u, const double* b, std::ptrdiff_t ldb, double* c,
                             std::ptrdiff_t ldc);
-    // Panel of m rows and w columns, m >= w: the Cholesky factor of its first w rows, and the solution X of X L' = P below
-    // them. Columns take lane further rows below m. Returns the first column whose pivot is not at least `limit`, with
-    // this pivot, w if there is none; columns from there on are not to be used.
+    // Panel of m rows and w columns, m >= w: the Cholesky factor of its first w rows, and the solution X of X L' = P
+    // below them. Columns take lane further rows below m. Returns the first column whose pivot is not at least `limit`,
+    // with this pivot, w if there is none; columns from there on are not to be used.
     int (*factor_panel)(int m, int w, double* p, std::ptrdiff_t ld, double limit, double& pivot);
     // Y (m x w) is replaced by Y L^-1; lt = L' by columns, upper triangle.
     void (*solve_right)(int m, int w, const double* lt, std::ptrdiff_t ldt, double* y, std::ptrdiff_t ldy);
@@ -70,7 +70,8 @@ struct dense_kernels_table {
 // The kernels of the best instruction set that the processor has, or of the one asked for by set_instruction_set or the
 // environment variable TVX_ISA ("baseline", "avx2", "avx512").
 const dense_kernels_table& dense_kernels();
-// "" goes back to that of the environment, or the best; false, and no change, if this processor or build does not have it.
+// "" goes back to that of the environment, or the best; false, and no change, if this processor or build does not have
+// it.
 bool set_instruction_set(const char* name);
 
 } // namespace tarvex

@@ -105,8 +105,8 @@ static_assert(vectors == 3);
 constexpr tile_routines tiles;
 
 // One column strip of tiles, rows 0..m-1; operands at distance lda, or in panels of full tiles when packed.
-void strip(store_mode mode, int m, int n, int k, const double* a, place_t lda, bool packed, const double* b, place_t ldb,
-           double* c, place_t ldc) {
+void strip(store_mode mode, int m, int n, int k, const double* a, place_t lda, bool packed, const double* b,
+           place_t ldb, double* c, place_t ldc) {
     int i = 0;
     const tile_routine full = tiles.of[vectors][n];
     for (; i + tile_height <= m; i += tile_height)
@@ -115,11 +115,12 @@ void strip(store_mode mode, int m, int n, int k, const double* a, place_t lda, b
     if (left == vectors)
         full(mode, k, packed ? a + static_cast<place_t>(i) * k : a + i, packed ? tile_height : lda, b, ldb, c + i, ldc);
     else if (left > 0)
-        tiles.of[left][n](mode, k, packed ? a + static_cast<place_t>(i) * k : a + i, packed ? left * lanes : lda, b, ldb,
-                          c + i, ldc);
+        tiles.of[left][n](mode, k, packed ? a + static_cast<place_t>(i) * k : a + i, packed ? left * lanes : lda, b,
+                          ldb, c + i, ldc);
 }
 
-// Rows 0..m-1 of a (m x k) in panels of `height` rows, each by columns; the last panel is as high as whole vectors need.
+// Rows 0..m-1 of a (m x k) in panels of `height` rows, each by columns; the last panel is as high as whole vectors
+// need.
 void pack_a(int m, int k, const double* a, place_t lda) {
     for (int i = 0; i < m; i += tile_height) {
         const int high = least(vectors, (m - i + lanes - 1) / lanes);
@@ -147,11 +148,12 @@ void product_unpacked(store_mode mode, int m, int n, int k, const double* a, pla
         strip(mode, m, least(tile_width, n - j), k, a, lda, false, b + j, ldb, c + j * ldc, ldc);
 }
 
-void product(store_mode mode, int m, int n, int k, const double* a, place_t lda, const double* b, place_t ldb, double* c,
-             place_t ldc) {
+void product(store_mode mode, int m, int n, int k, const double* a, place_t lda, const double* b, place_t ldb,
+             double* c, place_t ldc) {
     if (n <= block && k <= 2 * depth) { // too few columns to repay packing: pieces of A that stay in the cache
         const int rows = least(m, static_cast<int>(small / (k > 0 ? k : 1)) / tile_height * tile_height);
-        for (int i = 0; i < m; i += rows) product_unpacked(mode, least(rows, m - i), n, k, a + i, lda, b, ldb, c + i, ldc);
+        for (int i = 0; i < m; i += rows)
+            product_unpacked(mode, least(rows, m - i), n, k, a + i, lda, b, ldb, c + i, ldc);
         return;
     }
     if (static_cast<place_t>(m) * k <= small) {
@@ -288,8 +290,8 @@ void minus_symmetric(int m, int n, const double* u, const double* b, place_t ldb
                 expand(u, m, ic, mc, pc, kc);
                 for (int j = 0; j < n; j += tile_width) {
                     const int nr = least(tile_width, n - j);
-                    strip(mode, mc, nr, kc, expanded, expanded_distance, false, packed_b + static_cast<place_t>(j) * kc, nr,
-                          c + ic + j * ldc, ldc);
+                    strip(mode, mc, nr, kc, expanded, expanded_distance, false, packed_b + static_cast<place_t>(j) * kc,
+                          nr, c + ic + j * ldc, ldc);
                 }
                 continue;
             }
@@ -366,7 +368,8 @@ int factor_panel(int m, int w, double* p, place_t ld, double limit, double& pivo
         for (int j = jb; j < je; j += solve_width) {
             const int n = least(solve_width, je - j);
             double* d = p + j + j * ld;
-            if (j > jb) strip(store_mode::subtract, m - j, n, j - jb, p + j + jb * ld, ld, false, p + j + jb * ld, ld, d, ld);
+            if (j > jb)
+                strip(store_mode::subtract, m - j, n, j - jb, p + j + jb * ld, ld, false, p + j + jb * ld, ld, d, ld);
             const int good = factor_small(n, d, ld, limit, pivot, r);
             if (good < n) return j + good;
             switch (n) {
@@ -385,7 +388,8 @@ void solve_right(int m, int w, const double* lt, place_t ldt, double* y, place_t
     for (int jb = (w - 1) / block * block; jb >= 0; jb -= block) {
         const int je = least(jb + block, w);
         if (je < w)
-            product(store_mode::subtract, m, je - jb, w - je, y + je * ldy, ldy, lt + jb + je * ldt, ldt, y + jb * ldy, ldy);
+            product(store_mode::subtract, m, je - jb, w - je, y + je * ldy, ldy, lt + jb + je * ldt, ldt, y + jb * ldy,
+                    ldy);
         for (int j = jb + (je - jb - 1) / solve_width * solve_width; j >= jb; j -= solve_width) {
             const int n = least(solve_width, je - j), next = j + n;
             if (next < je)
@@ -469,7 +473,8 @@ void spread_four(int m, const int* rows, const double* const* l, const double* s
         double* xi = x + static_cast<place_t>(rows[q] - 1) * 16;
 #pragma GCC unroll 8
         for (int c = 0; c < rhs_vectors; ++c)
-            save(xi + c * lanes, load(xi + c * lanes) - v[0][c] * l0[q] - v[1][c] * l1[q] - v[2][c] * l2[q] - v[3][c] * l3[q]);
+            save(xi + c * lanes,
+                 load(xi + c * lanes) - v[0][c] * l0[q] - v[1][c] * l1[q] - v[2][c] * l2[q] - v[3][c] * l3[q]);
     }
 }
 

@@ -1,8 +1,8 @@
 // Cholesky factorisation of the augmented mixed model matrix in the compressed store, in place.
 //
-// Two kernels give the same factor: the column kernel (general sparse method with linked columns: A. George and J. W. H.
-// Liu, Computer Solution of Large Sparse Positive Definite Systems, 1981), and the one over supernodes (supernodes.h),
-// which is many times faster where the rows are long. They differ in rounding only.
+// Two kernels give the same factor: the column kernel (general sparse method with linked columns: A. George and J. W.
+// H. Liu, Computer Solution of Large Sparse Positive Definite Systems, 1981), and the one over supernodes
+// (supernodes.h), which is many times faster where the rows are long. They differ in rounding only.
 #pragma once
 namespace tarvex {
 

@@ -39,8 +39,8 @@ inline front front_of(const supernode_tree& tree, int s) {
     return f;
 }
 
-// Columns first..end-1 of a front as a panel: row i of column c, i >= first, at column(c)[i]. Row `end` stands on a cache
-// line.
+// Columns first..end-1 of a front as a panel: row i of column c, i >= first, at column(c)[i]. Row `end` stands on a
+// cache line.
 struct panel {
     double* p;
     std::ptrdiff_t ld;
@@ -83,7 +83,8 @@ inline void find_runs(int m, const int* place, int* runs) {
     }
 }
 
-// Where rows from..m-1 stand in an ascending list that has them all, counted back from its end, and the runs of these places.
+// Where rows from..m-1 stand in an ascending list that has them all, counted back from its end, and the runs of these
+// places.
 inline void find_spots(const int* list, const int* end, const int* rows, int from, int m, std::vector<int>& spot,
                        std::vector<int>& runs) {
     for (int i = from; i < m; ++i, ++list) {

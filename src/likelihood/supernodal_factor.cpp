@@ -40,7 +40,8 @@ void add_children(const supernode_tree& tree, int s, factor_work& w, int first, 
     }
 }
 
-// Adds columns first..end-1 of the update matrix of front f to the stored columns that they belong to; column(k)[i] is row i.
+// Adds columns first..end-1 of the update matrix of front f to the stored columns that they belong to; column(k)[i] is
+// row i.
 template <class Column> void absorb(const front& f, int first, int end, Column column, factor_work& w) {
     const int m = f.below;
     const int* known = nullptr; // end of the list that the spots belong to; lists that end alike have the same tail
@@ -89,8 +90,8 @@ void save_panel(const front& f, const std::vector<int>& local, const panel& p) {
     }
 }
 
-// A front whose columns make one panel. Of the columns only the first `width` are wanted; returns the first that fails, or
-// width. The update matrix is left on the stack if all columns are good.
+// A front whose columns make one panel. Of the columns only the first `width` are wanted; returns the first that fails,
+// or width. The update matrix is left on the stack if all columns are good.
 int factor_narrow(const supernode_tree& tree, int s, const front& f, int width, factor_work& w, double& pivot) {
     const dense_kernels_table& kernel = dense_kernels();
     const panel p = make_panel(w.columns, f.rows(), 0, f.width);
@@ -105,7 +106,8 @@ int factor_narrow(const supernode_tree& tree, int s, const front& f, int width, 
     if (f.below == 0) return good;
     double* u = w.top[tree.level[s] % 2];
     kernel.minus_square(store_mode::set_minus, f.below, f.width, p.p + f.width, p.ld, u);
-    add_children(tree, s, w, f.width, f.rows(), [&](int c) { return triangle_column(u, f.below, c - f.width) - f.width; });
+    add_children(tree, s, w, f.width, f.rows(),
+                 [&](int c) { return triangle_column(u, f.below, c - f.width) - f.width; });
     leave_update(tree, s, f, u, w);
     return good;
 }
@@ -120,8 +122,8 @@ void load_rows(const front& f, int c, int first, const std::vector<int>& local, 
     for (const int* at = std::lower_bound(list, end, row); at < end; ++at) to[local[*at]] = off[at - list];
 }
 
-// Takes the products of the front's columns 0..done-1 from c (n columns), whose first row and column are row `first` of the
-// front. The columns are used where they stand in the store, but for those that the pattern leaves holes in.
+// Takes the products of the front's columns 0..done-1 from c (n columns), whose first row and column are row `first` of
+// the front. The columns are used where they stand in the store, but for those that the pattern leaves holes in.
 void subtract_columns(const front& f, int done, int first, int n, double* c, std::ptrdiff_t ldc, factor_work& w) {
     const std::ptrdiff_t ld = column_distance(f.rows() + 2 * lane);
     const double* column[wide];

@@ -1,7 +1,7 @@
 // Sparse inverse over the supernodes, from the root of the tree down.
 //
-// With L11, L21 a supernode's columns of the factor, Y = L21 inv(L11), and Z22 the inverse for the rows below, which stands in
-// the columns of ancestors: Z21 = -Z22 Y, Z11 = inv(L11 L11') - Y' Z21.
+// With L11, L21 a supernode's columns of the factor, Y = L21 inv(L11), and Z22 the inverse for the rows below, which
+// stands in the columns of ancestors: Z21 = -Z22 Y, Z11 = inv(L11 L11') - Y' Z21.
 #include "likelihood/fronts.h"
 
 namespace tarvex {
@@ -65,7 +65,7 @@ void gather_inverse(const supernode_tree& tree, int s, const inverse_front& f, c
                 dense_kernels().take_rows(k + 1, m, place, runs, off - place[k] - 1, to);
                 continue;
             }
-            const int *list = row_list(j), *end = list + count; // the rows below s are linked to each other: all are found
+            const int *list = row_list(j), *end = list + count; // linked to each other below s: all are found
             if (end != known) find_spots(list, end, f.list, k + 1, m, w.spot, w.spot_runs);
             known = end;
             dense_kernels().take_rows(k + 1, m, w.spot.data(), w.spot_runs.data(), off + count, to);
@@ -88,7 +88,8 @@ void mirror(int n, double* a, std::ptrdiff_t ld) {
 }
 
 // Lower triangle of inv(L)' inv(L) - Y' Z21, order n, into z. lt: L with its transpose in the upper triangle; zt: Z21'.
-void invert_corner(int n, int left, const double* lt, std::ptrdiff_t ld, double* z, std::ptrdiff_t ldz, inverse_work& w) {
+void invert_corner(int n, int left, const double* lt, std::ptrdiff_t ld, double* z, std::ptrdiff_t ldz,
+                   inverse_work& w) {
     const dense_kernels_table& kernel = dense_kernels();
     const std::ptrdiff_t ldm = column_distance(n), ldd = column_distance(block);
     double *m = w.m, *d = w.corner, *c = w.piece; // m: inv(L) below, its transpose above the diagonal
@@ -121,8 +122,8 @@ void invert_corner(int n, int left, const double* lt, std::ptrdiff_t ld, double*
 }
 
 // Columns of the inverse from panel z to the store; row n gets -x(j), or the scaled right-hand side if x is not given.
-void save_columns(const inverse_front& f, const panel& z, const inverse_work& w, array<double>& zdiag, array<double>& zoff,
-                  const double* x) {
+void save_columns(const inverse_front& f, const panel& z, const inverse_work& w, array<double>& zdiag,
+                  array<double>& zoff, const double* x) {
     for (int c = z.first; c < z.end; ++c) {
         const int j = f.col[c], start = sparse.ixvec1(j);
         int count = rows_below(j);

@@ -34,8 +34,8 @@ struct cluster {
     double gain;      // work space of the merging
 };
 
-// Time of a panel in nanoseconds: a share for each panel and its elements, the update matrix (stored once, added once to
-// the parent's), and multiplications.
+// Time of a panel in nanoseconds: a share for each panel and its elements, the update matrix (stored once, added once
+// to the parent's), and multiplications.
 double panel_time(double width, double below) {
     const double m = width + below;
     return 400.0 + 1.5 * m * width + 0.6 * below * below + (m * m * m - below * below * below) / 6.0 / 14.0;
@@ -168,7 +168,8 @@ void find_space() {
         tree.triangles[odd] = std::max(tree.triangles[odd], held[odd] + update);
         if (!updates_at_once(tree, s))
             for (int c = tree.child[s]; c >= 0; c = tree.sibling[c])
-                if (!large_front(tree.start[c + 1] - tree.start[c], below_of(c))) held[1 - odd] -= triangle_size(below_of(c));
+                if (!large_front(tree.start[c + 1] - tree.start[c], below_of(c)))
+                    held[1 - odd] -= triangle_size(below_of(c));
         if (tree.parent[s] >= 0 && !updates_at_once(tree, tree.parent[s])) held[odd] += update;
     }
 }
@@ -187,7 +188,8 @@ void make_tree() {
     std::sort(bottom_up.begin(), bottom_up.end(), [&](int a, int b) { return last[a] < last[b]; });
     merge_clusters(clusters, bottom_up, of[n]);
     for (int s = 0; s < nc; ++s)
-        if (clusters[s].into == s && clusters[s].parent >= 0) clusters[s].parent = final_cluster(clusters, clusters[s].parent);
+        if (clusters[s].into == s && clusters[s].parent >= 0)
+            clusters[s].parent = final_cluster(clusters, clusters[s].parent);
     for (int s = 0; s < nc; ++s)
         if (final_cluster(clusters, s) != s) clusters[s].parent = -1;
     const std::vector<int> post = postorder(clusters, bottom_up);

@@ -1,11 +1,11 @@
 // Supernodes of the factor: sets of columns that are worked on as one dense panel.
 //
-// Columns j and j' belong together where row j' is the first of column j and the rest of both columns agrees. A supernode is
-// then merged into its parent in the elimination tree as long as the time gained (fewer, larger dense kernels) exceeds
-// that of the zeros taken in (C. Ashcraft and R. Grimes, ACM TOMS 15:291, 1989). Columns need not be neighbours: the panels
-// are worked on in a postorder of the tree, which leaves the factor as it is. The factor stays in its compressed store;
-// only the columns at hand and the update matrices that wait for their parents are dense (multifrontal method,
-// J. W. H. Liu, SIAM Review 34:82, 1992). Row nsrow is a supernode of its own, the last.
+// Columns j and j' belong together where row j' is the first of column j and the rest of both columns agrees. A
+// supernode is then merged into its parent in the elimination tree as long as the time gained (fewer, larger dense
+// kernels) exceeds that of the zeros taken in (C. Ashcraft and R. Grimes, ACM TOMS 15:291, 1989). Columns need not be
+// neighbours: the panels are worked on in a postorder of the tree, which leaves the factor as it is. The factor stays
+// in its compressed store; only the columns at hand and the update matrices that wait for their parents are dense
+// (multifrontal method, J. W. H. Liu, SIAM Review 34:82, 1992). Row nsrow is a supernode of its own, the last.
 #pragma once
 #include "equations/sparse.h"
 #include "likelihood/dense_kernels.h"
@@ -37,15 +37,16 @@ void supernodes_drop();
 inline int rows_below(int j) { return sparse.ixvec1(j + 1) - sparse.ixvec1(j); }
 inline const int* row_list(int j) { return sparse.ixsub.data() + sparse.ixvec2(j) - 1; }
 
-// A supernode of more than `wide` columns is worked on in pieces. For the inverse its front is held as one triangle, with
-// empty columns in front that make the part for the rows below begin with a block of columns.
+// A supernode of more than `wide` columns is worked on in pieces. For the inverse its front is held as one triangle,
+// with empty columns in front that make the part for the rows below begin with a block of columns.
 inline int empty_columns(int width) { return width > wide ? (block - width % block) % block : 0; }
 inline std::ptrdiff_t whole_front(int width, int below) {
     return triangle_size(width > wide ? empty_columns(width) + width + below : below);
 }
 
 // A large front takes no update matrices: those of its children, and its own by blocks of columns, go straight to the
-// columns of the store, so that they do not wait for each other. So do those for a front with no more than one row below.
+// columns of the store, so that they do not wait for each other. So do those for a front with no more than one row
+// below.
 constexpr int many_below = 1000;
 inline bool large_front(int width, int below) { return width > wide || below > many_below; }
 inline bool updates_at_once(const supernode_tree& tree, int s) {
@@ -56,8 +57,8 @@ inline bool updates_at_once(const supernode_tree& tree, int s) {
 // Multiplications of the factorisation by columns.
 double factor_operations();
 
-// Factorisation as factorise_columns, forcepd true. Columns are not completed in ascending order, but the row returned is the
-// first that fails in this order.
+// Factorisation as factorise_columns, forcepd true. Columns are not completed in ascending order, but the row returned
+// is the first that fails in this order.
 int factorise_supernodes(double& pivot);
 
 // Sparse inverse of the factor in sparse.diag, sparse.xspars, into zdiag, zoff, which may be the same arrays.

@@ -8,8 +8,8 @@
 
 namespace tarvex {
 
-// Factor in sparse.diag, sparse.xspars is replaced by the inverse: diag(i) = Z(i,i), xspars = Z(j,i), i < j < n. Row n keeps
-// the right-hand sides L(n,i)/L(i,i), diag(n) is the last pivot, squared. Leaves the solutions in solutions.solns
+// Factor in sparse.diag, sparse.xspars is replaced by the inverse: diag(i) = Z(i,i), xspars = Z(j,i), i < j < n. Row n
+// keeps the right-hand sides L(n,i)/L(i,i), diag(n) is the last pivot, squared. Leaves the solutions in solutions.solns
 // and marks the factor as used up (likelihoods.lastpar).
 void takaha_inverse();
 

@@ -9,7 +9,8 @@
 
 namespace tarvex {
 
-// Effects are kept per trait: fixed(i,iq), i = 1..nfix(iq). Allocated by read_parfile once the number of traits is known.
+// Effects are kept per trait: fixed(i,iq), i = 1..nfix(iq). Allocated by read_parfile once the number of traits is
+// known.
 struct model_module {
     std::string analysis;     // the analysis code as written, up to 15 characters
     int anal_type = 0;        // 1 UNI, 2 MUV, 3 RR, 4 MRR, 5 SPE

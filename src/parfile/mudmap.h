@@ -7,8 +7,8 @@
 
 namespace tarvex {
 
-// A record is an array dvec of column values, from 1. With `alltraits` one line holds all traits and the columns are those
-// named for trait 1; otherwise a line belongs to one trait and column 1 is the trait's number.
+// A record is an array dvec of column values, from 1. With `alltraits` one line holds all traits and the columns are
+// those named for trait 1; otherwise a line belongs to one trait and column 1 is the trait's number.
 struct mudmap_module {
     bool alltraits = false;            // equal_model and not renumbered
     int maxcol = 0;                    // longest line, in columns
@@ -18,7 +18,7 @@ struct mudmap_module {
     array<std::int64_t, 2> fx_mlev;    // declared limit of levels
     array<int, 2> cv_dcolno;           // (maxcov,nq)
     array<int, 2> cv_nestcolno;        // column of the effect in which the covariable is nested, 0 none
-    array<int, 2> cv_nestfix;          // its number among the trait's fixed effects; minus its number among the extra ones
+    array<int, 2> cv_nestfix; // its number among the trait's fixed effects; minus its number among the extra ones
     array<std::string, 2> cv_type;     // POL, LEG, BSP
     array<int, 2> cv_order;            // coefficients (per level where nested)
     array<int, 2> cv_degree;           // spline degree
@@ -38,7 +38,8 @@ struct mudmap_module {
     array<int, 2> ibsdeg;              // spline degree
     array<int, 2> irmeta;              // number of the control variable within rrcontrol
 
-    // Tie between the effects of the traits and the blocks. With correlated effects two effects of a trait share a block.
+    // Tie between the effects of the traits and the blocks. With correlated effects two effects of a trait share a
+    // block.
     array<int, 2> rn_irand;            // (maxrand,nq) block of random effect i of the trait
     array<int, 2> rn_place;            // place of its (first) equation within a level of the block, 1..kkfit
     array<int> iranno;                 // (krand) number of the relationship matrix, 0 none

@@ -97,7 +97,8 @@ table_columns columns_for(int irrc) {
 }
 
 void write_heads(text_out& variances, text_out* ratios, const table_columns& columns) {
-    constexpr edit_form wide_head{"(5hLevel,2x,5hValue,t13,20(8x,a,8x))"}, ratio_head{"(5hLevel,2x,5hValue,t13,20(6x,a))"};
+    constexpr edit_form wide_head{"(5hLevel,2x,5hValue,t13,20(8x,a,8x))"},
+        ratio_head{"(5hLevel,2x,5hValue,t13,20(6x,a))"};
     constexpr edit_form error_head{"(5hLevel,2x,5hValue,t13,20(1x,a))"};
     std::vector<std::string> names = columns.names;
     if (columns.residual) names.push_back(column_name("Residual"));
@@ -107,7 +108,8 @@ void write_heads(text_out& variances, text_out* ratios, const table_columns& col
 }
 
 // The ratios go only where there is a phenotypic variance.
-void write_variances(text_out& variances, text_out* ratios, const table_columns& columns, int irrc, const std::vector<double>& cov) {
+void write_variances(text_out& variances, text_out* ratios, const table_columns& columns, int irrc,
+                     const std::vector<double>& cov) {
     constexpr edit_form level_item{"(i5,i7)"};
     const code_list& codes = control_codes(irrc);
     write_heads(variances, ratios, columns);
@@ -122,9 +124,10 @@ void write_variances(text_out& variances, text_out* ratios, const table_columns&
         for (const auto& f : parts) {
             const double x = function_value(f, cov);
             line += variance_item(x, sampling.available ? error_of_sum(f) : 0.0);
-            const double se = sampling.available ? error_of_ratio(x, sum, function_covariance(f, f), function_covariance(total, total),
-                                                                  function_covariance(f, total))
-                                                 : 0.0;
+            const double se = sampling.available
+                                  ? error_of_ratio(x, sum, function_covariance(f, f), function_covariance(total, total),
+                                                   function_covariance(f, total))
+                                  : 0.0;
             ratio_line += ratio_item(sum > 0.0 ? x / sum : 0.0, se);
         }
         if (columns.phenotypic) line += variance_item(sum, sampling.available ? error_of_sum(total) : 0.0);
@@ -140,13 +143,15 @@ std::string correlation_item(const regression& r, int a, int i, const std::vecto
     if (!sampling.available) return ratio_item(corr, 0.0);
     if (a == i) return ratio_item(corr, 0.0);
     const auto v = function_covariance;
-    return ratio_item(corr, error_of_correlation(x, y, z, v(c, c), v(va, va), v(vi, vi), v(c, va), v(c, vi), v(va, vi)));
+    return ratio_item(corr,
+                      error_of_correlation(x, y, z, v(c, c), v(va, va), v(vi, vi), v(c, va), v(c, vi), v(va, vi)));
 }
 
 std::vector<int> selected_levels(int n) {
     std::vector<int> list;
     const int m = std::min(n, most_levels);
-    for (int k = 0; k < m; ++k) list.push_back(m == 1 ? 1 : 1 + static_cast<int>(std::lround(static_cast<double>(k) * (n - 1) / (m - 1))));
+    for (int k = 0; k < m; ++k)
+        list.push_back(m == 1 ? 1 : 1 + static_cast<int>(std::lround(static_cast<double>(k) * (n - 1) / (m - 1))));
     return list;
 }
 
@@ -155,10 +160,12 @@ void write_correlation_heads(text_out& out, const table_columns& columns, int ir
     constexpr edit_form head{"(a,i3,a,i7) "}, variable{"(2a)"}, label{"(7x,i5) "}, names{"(t13,20(6x,a))  "};
     if (columns.phenotypic) {
         write(out, head,
-              sampling.available ? "Correlations & approximate sampling errors for level no. " : "Correlations for level no. ", a,
-              "  value", control_codes(irrc)[static_cast<std::size_t>(a - 1)]);
+              sampling.available ? "Correlations & approximate sampling errors for level no. "
+                                 : "Correlations for level no. ",
+              a, "  value", control_codes(irrc)[static_cast<std::size_t>(a - 1)]);
     } else {
-        write(out, variable, sampling.available ? "Correlations & approximate sampling errors for " : "Correlations for ",
+        write(out, variable,
+              sampling.available ? "Correlations & approximate sampling errors for " : "Correlations for ",
               model.rrcontrol[static_cast<std::size_t>(irrc - 1)]);
         write(out, label, a);
     }
@@ -171,8 +178,8 @@ void rrcorrels(text_out& out, const table_columns& columns, int irrc, const std:
     for (int a : selected_levels(static_cast<int>(codes.size()))) {
         write_correlation_heads(out, columns, irrc, a);
         for (int i = 1; i <= static_cast<int>(codes.size()); ++i) {
-            std::string line = without_end(columns.phenotypic ? edit(with_value, i, codes[static_cast<std::size_t>(i - 1)])
-                                                              : edit(level_only, i));
+            std::string line = without_end(
+                columns.phenotypic ? edit(with_value, i, codes[static_cast<std::size_t>(i - 1)]) : edit(level_only, i));
             for (const auto& r : columns.effects) line += correlation_item(r, a, i, cov);
             out.line(line);
         }

@@ -57,7 +57,8 @@ void invert_information(array<double, 2>& a, int n, int& rank) {
     double ldet = 0.0;
     gen_inverse(packed, n, numbers.zero, rank, ldet);
     for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = packed[static_cast<std::size_t>(ihmssf(i, j, n) - 1)] * s(i) * s(j);
+        for (int j = i; j <= n; ++j)
+            a(i, j) = a(j, i) = packed[static_cast<std::size_t>(ihmssf(i, j, n) - 1)] * s(i) * s(j);
 }
 
 int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
@@ -169,10 +170,11 @@ double error_of_ratio(double a, double b, double vaa, double vbb, double vab) {
     return v > 0.0 ? std::sqrt(v) : -1.0;
 }
 
-double error_of_correlation(double c, double a, double b, double vcc, double vaa, double vbb, double vca, double vcb, double vab) {
+double error_of_correlation(double c, double a, double b, double vcc, double vaa, double vbb, double vca, double vcb,
+                            double vab) {
     if (!(a > 0.0) || !(b > 0.0)) return -1.0;
-    const double v = (4.0 * a * a * b * b * vcc + b * b * c * c * vaa + a * a * c * c * vbb - 4.0 * a * b * b * c * vca -
-                      4.0 * a * a * b * c * vcb + 2.0 * a * b * c * c * vab) /
+    const double v = (4.0 * a * a * b * b * vcc + b * b * c * c * vaa + a * a * c * c * vbb -
+                      4.0 * a * b * b * c * vca - 4.0 * a * a * b * c * vcb + 2.0 * a * b * c * c * vab) /
                      (4.0 * a * a * a * b * b * b);
     return v > 0.0 ? std::sqrt(v) : -1.0;
 }

@@ -11,7 +11,7 @@ struct sampling_module {
     bool available = false;  // the average information of this run's final point could be inverted
     int rank = 0;            // rank of the information matrix
     array<double> varpar;    // (nparm) sampling variances of the parameters
-    array<double, 2> vcov;   // (ncovall,ncovall) of the covariances in the order of ListofCovs and the user-defined sums
+    array<double, 2> vcov; // (ncovall,ncovall) of the covariances in the order of ListofCovs and the user-defined sums
 };
 inline sampling_module sampling;
 
@@ -33,6 +33,7 @@ double function_covariance(const cov_function& f, const cov_function& g);     //
 // Errors; -1.0 where the approximation fails.
 double error_of_sum(const cov_function& f);
 double error_of_ratio(double a, double b, double vaa, double vbb, double vab);
-double error_of_correlation(double c, double a, double b, double vcc, double vaa, double vbb, double vca, double vcb, double vab);
+double error_of_correlation(double c, double a, double b, double vcc, double vaa, double vbb, double vca, double vcb,
+                            double vab);
 
 } // namespace tarvex

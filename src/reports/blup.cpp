@@ -23,11 +23,13 @@ namespace tarvex {
 
 namespace {
 
-// The given matrix of a block is positive definite (all steps of the residual), at reduced rank in its leading components.
+// The given matrix of a block is positive definite (all steps of the residual), at reduced rank in its leading
+// components.
 bool positive_definite(int irand) {
     const int n = model.kkfit(irand), rank = model.krfit(irand), steps = irand == 0 ? model.rr_resteps : 1;
     if (model.diagonal(irand))
-        return std::all_of(model.cov.column(irand).begin(), model.cov.column(irand).begin() + n, [](double v) { return v > 0.0; });
+        return std::all_of(model.cov.column(irand).begin(), model.cov.column(irand).begin() + n,
+                           [](double v) { return v > 0.0; });
     for (int step = 1; step <= steps; ++step) {
         array<double, 2> a, vectors;
         array<double> eig;

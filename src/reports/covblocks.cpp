@@ -16,7 +16,9 @@ namespace tarvex {
 
 namespace {
 
-std::size_t packed(int i, int j, int n) { return static_cast<std::size_t>(ihmssf(std::min(i, j), std::max(i, j), n) - 1); }
+std::size_t packed(int i, int j, int n) {
+    return static_cast<std::size_t>(ihmssf(std::min(i, j), std::max(i, j), n) - 1);
+}
 
 // Number in ListofCovs of covariance (i,j) of a step of a block; 0 for an off-diagonal of a diagonal block.
 int cov_number(int irand, int step, int i, int j) {
@@ -126,15 +128,15 @@ void write_eigen(text_out& out, const report_matrix& m, const array<double, 2>& 
 
 double correlation_error(const report_matrix& m, const evaluated& e, int i, int j) {
     const auto &c = m.element[packed(i, j, m.n)], &a = m.element[packed(i, i, m.n)], &b = m.element[packed(j, j, m.n)];
-    return error_of_correlation(e.zig(i, j), e.zig(i, i), e.zig(j, j), function_covariance(c, c), function_covariance(a, a),
-                                function_covariance(b, b), function_covariance(c, a), function_covariance(c, b),
-                                function_covariance(a, b));
+    return error_of_correlation(e.zig(i, j), e.zig(i, i), e.zig(j, j), function_covariance(c, c),
+                                function_covariance(a, a), function_covariance(b, b), function_covariance(c, a),
+                                function_covariance(c, b), function_covariance(a, b));
 }
 
 double ratio_error(const report_matrix& m, const std::vector<double>& cov, int i) {
     const auto &a = m.element[packed(i, i, m.n)], &b = m.total[static_cast<std::size_t>(i - 1)];
-    return error_of_ratio(function_value(a, cov), function_value(b, cov), function_covariance(a, a), function_covariance(b, b),
-                          function_covariance(a, b));
+    return error_of_ratio(function_value(a, cov), function_value(b, cov), function_covariance(a, a),
+                          function_covariance(b, b), function_covariance(a, b));
 }
 
 void write_errors(text_out& out, const report_matrix& m, const evaluated& e, const std::vector<double>& cov) {
@@ -182,7 +184,8 @@ cov_function phenotypic_covariance(int iq, int jq) {
     cov_function f;
     add_term(f, cov_number(0, 1, iq, jq), 1.0);
     for (int irand = 1; irand <= numbers.krand; ++irand)
-        for (const auto& t : tied_covariance(irand, iq, jq, 0.5)) add_term(f, t.number, t.factor); // dam and offspring: 1/2
+        for (const auto& t : tied_covariance(irand, iq, jq, 0.5))
+            add_term(f, t.number, t.factor); // dam and offspring: 1/2
     return f;
 }
 

@@ -72,7 +72,8 @@ void write_parameters(text_out& out) {
     }
     if (sampling.rank < estimated()) {
         out.line("");
-        print_list(out, "WARNING : Matrix of sampling variances not of full rank", sampling.rank, estimated(), estimates.nparm);
+        print_list(out, "WARNING : Matrix of sampling variances not of full rank", sampling.rank, estimated(),
+                   estimates.nparm);
         print_list(out, "          -> approximation of sampling errors may be dubious");
     }
     write(out, head, " Parameter estimates with approx. sampling erors");
@@ -169,8 +170,8 @@ void write_random_block(text_out& out, int irand, const std::vector<double>& cov
     if (sum.n == 0) return;
     const std::string& name = model.krandom(irand);
     const auto plus = name.find('+');
-    std::string title =
-        edit(sum_form, " Estimates for RE", name.substr(0, 1), "+", plus == std::string::npos ? name : name.substr(plus + 1));
+    std::string title = edit(sum_form, " Estimates for RE", name.substr(0, 1), "+",
+                             plus == std::string::npos ? name : name.substr(plus + 1));
     title.pop_back();
     banner(out, title);
     write_covmat(out, sum, cov);
@@ -179,7 +180,8 @@ void write_random_block(text_out& out, int irand, const std::vector<double>& cov
 cov_function component(int number) {
     if (number <= estimates.ncov) return {{number, 1.0}};
     cov_function f;
-    for (const auto& t : usrdefcovs.addcov[static_cast<std::size_t>(number - estimates.ncov - 1)]) f.push_back({t.isig, t.factor});
+    for (const auto& t : usrdefcovs.addcov[static_cast<std::size_t>(number - estimates.ncov - 1)])
+        f.push_back({t.isig, t.factor});
     return f;
 }
 

@@ -85,16 +85,19 @@ void write_coefficients(text_out& out, int icov, int iq) {
 void write_curve(int icov, int iq, const level_counts& counts, std::set<std::string>& written) {
     constexpr edit_form line{"(i6,g20.8,i8,g13.6)"}, head{"(a,i5,a,i10)"};
     const code_list* codes = nest_codes(icov, iq);
-    const std::string name = "Curve_" + bare_name(model.covar(icov, iq)) + (codes ? "_" + nest_name(icov, iq) : "") + ".dat";
+    const std::string name =
+        "Curve_" + bare_name(model.covar(icov, iq)) + (codes ? "_" + nest_name(icov, iq) : "") + ".dat";
     text_out out;
     if (!(written.insert(name).second ? out.open(name) : out.open_append(name)))
         stop_with("Error opening file \"" + name + "\"");
     const auto& values = covmeans.cv_values(icov, iq);
-    const bool whole = std::all_of(values.begin(), values.end(), [](double v) { return v == std::floor(v) && std::fabs(v) < 1e9; });
+    const bool whole =
+        std::all_of(values.begin(), values.end(), [](double v) { return v == std::floor(v) && std::fabs(v) < 1e9; });
     const int order = mudmap.cv_order(icov, iq), curves = codes ? static_cast<int>(codes->size()) : 1;
     std::vector<double> row(static_cast<std::size_t>(order));
     for (int icurve = 1; icurve <= curves; ++icurve) {
-        if (codes) write(out, head, "Nested curve no. =", icurve, "  Code", (*codes)[static_cast<std::size_t>(icurve - 1)]);
+        if (codes)
+            write(out, head, "Nested curve no. =", icurve, "  Code", (*codes)[static_cast<std::size_t>(icurve - 1)]);
         for (std::size_t v = 0; v < values.size(); ++v) {
             const std::size_t at = static_cast<std::size_t>(icurve - 1) * values.size() + v;
             if (counts.nnvec[at] == 0) continue;
@@ -103,8 +106,8 @@ void write_curve(int icov, int iq, const level_counts& counts, std::set<std::str
             for (int j = 1; j <= order; ++j)
                 xx += row[static_cast<std::size_t>(j - 1)] *
                       solutions.solsave(mmequations.cv_start(icov, iq) + (icurve - 1) * order + j);
-            write(out, line, whole ? static_cast<long long>(values[v]) : static_cast<long long>(v + 1), xx, counts.nnvec[at],
-                  counts.fbar[at]);
+            write(out, line, whole ? static_cast<long long>(values[v]) : static_cast<long long>(v + 1), xx,
+                  counts.nnvec[at], counts.fbar[at]);
         }
     }
 }
@@ -126,8 +129,8 @@ void write_covariables(text_out& out, const solution_counts& counts) {
 
 // ---- fixed and extra effects
 
-void level_line(text_out& out, int ifix, const std::string& name, std::int64_t code, int level, int equation, double svec, int n,
-                double mean) {
+void level_line(text_out& out, int ifix, const std::string& name, std::int64_t code, int level, int equation,
+                double svec, int n, double mean) {
     constexpr edit_form errors{"(i3,2x,a,t20,i14,i7,3g16.6,i10,g15.5)"}, plain{"(i3,2x,a,t20,i14,i7,2g16.6,i10,g15.5)"};
     const double solution = solutions.solsave(equation);
     if (with_errors())
@@ -149,7 +152,8 @@ void write_fixed(text_out& out, const solution_counts& counts) {
     for (int iq = 1; iq <= numbers.nq; ++iq) {
         trait_head(out, "Fixed effects for trait no.", iq);
         if (with_errors())
-            write(out, errors, "Effect", "Orig.code", "Level", "Solution", " S.Error", "SolSum=0", "No.recs", "Eff.Mean");
+            write(out, errors, "Effect", "Orig.code", "Level", "Solution", " S.Error", "SolSum=0", "No.recs",
+                  "Eff.Mean");
         else
             write(out, plain, "Effect", "Orig.code", "Level", "Solution", "SolSum=0", "No.recs", "Eff.Mean");
         if (mmequations.ieq_trait(iq) > 0) // the trait's mean
@@ -162,8 +166,8 @@ void write_fixed(text_out& out, const solution_counts& counts) {
             for (int i = 1; i <= n; ++i) mean += solutions.solsave(start + i) / n;
             for (int i = 1; i <= n; ++i) {
                 const auto k = static_cast<std::size_t>(i - 1);
-                level_line(out, ifix, model.fixed(ifix, iq), codes[k], i, start + i, solutions.solsave(start + i) - mean,
-                           c.nnvec[k], c.fbar[k]);
+                level_line(out, ifix, model.fixed(ifix, iq), codes[k], i, start + i,
+                           solutions.solsave(start + i) - mean, c.nnvec[k], c.fbar[k]);
             }
             subclass_lines(out, c.nnvec);
         }

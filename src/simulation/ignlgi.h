@@ -1,5 +1,5 @@
-// Combined multiplicative congruential generator with 32 virtual generators (L'Ecuyer and Cote 1991, ACM Transactions on
-// Mathematical Software 17:98).
+// Combined multiplicative congruential generator with 32 virtual generators (L'Ecuyer and Cote 1991, ACM Transactions
+// on Mathematical Software 17:98).
 #pragma once
 #include <array>
 

@@ -8,8 +8,8 @@ namespace tarvex {
 
 namespace {
 
-// Tables of the FL method with 5 bits: boundaries a of the centre's intervals, widths d of the tail's, and the constants t
-// and h of the rejection within an interval.
+// Tables of the FL method with 5 bits: boundaries a of the centre's intervals, widths d of the tail's, and the
+// constants t and h of the rejection within an interval.
 constexpr float a[32] = {
     0.0f, 0.03917609f, 0.07841241f, 0.1177699f, 0.1573107f, 0.1970991f, 0.2372021f, 0.2776904f, 0.3186394f,
     0.3601299f, 0.4022501f, 0.4450965f, 0.4887764f, 0.5334097f, 0.5791322f, 0.626099f, 0.6744898f, 0.7245144f,

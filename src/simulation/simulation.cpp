@@ -45,7 +45,8 @@ std::vector<int> traits_of(const array<double>& dvec, int iq) {
 
 int random_level(const array<double>& dvec, int i, int iq) {
     const int irand = mudmap.rn_irand(i, iq);
-    const std::int64_t code = effect_code(dvec, mudmap.rn_dcolno(i, iq), mudmap.rn_dcolno2(i, iq), levels.rn_base(irand));
+    const std::int64_t code =
+        effect_code(dvec, mudmap.rn_dcolno(i, iq), mudmap.rn_dcolno2(i, iq), levels.rn_base(irand));
     const int level = find_code(code, levels.rn_codes(irand));
     if (level == 0) not_found('r', model.random(i, iq), code, levels.rn_nlev(irand));
     return level;
@@ -118,7 +119,8 @@ private:
         const int n = static_cast<int>(traits.size());
         std::vector<double> sig;
         for (std::size_t i = 0; i < traits.size(); ++i)
-            for (std::size_t j = i; j < traits.size(); ++j) sig.push_back(model.cov(ihmssf(traits[i], traits[j], numbers.nq), 0));
+            for (std::size_t j = i; j < traits.size(); ++j)
+                sig.push_back(model.cov(ihmssf(traits[i], traits[j], numbers.nq), 0));
         mvnormal_initial(n, sig, chol);
     }
     std::map<std::vector<int>, array<double, 2>> factors_;
@@ -148,7 +150,8 @@ double random_part(const line_levels& line, std::size_t obs, const random_sample
             continue;
         }
         const auto& phi = phimat.phi(phimat.kkphi(i, iq));
-        const int a = line.imeta[obs * static_cast<std::size_t>(model.nrrc) + static_cast<std::size_t>(mudmap.irmeta(i, iq) - 1)];
+        const int a =
+            line.imeta[obs * static_cast<std::size_t>(model.nrrc) + static_cast<std::size_t>(mudmap.irmeta(i, iq) - 1)];
         for (int c = 1; c <= mudmap.kfitrnd(i, iq); ++c) sum += phi(a, c) * ul[place + c - 2];
     }
     return sum;
@@ -165,7 +168,8 @@ double residual_rreg(const line_levels& line, std::size_t obs, const std::vector
     int step = 1;
     if (model.rr_resteps > 1) {
         const int control = phimat.jjmeta(line.ynq[obs]);
-        step = model.me_run(line.imeta[obs * static_cast<std::size_t>(model.nrrc) + static_cast<std::size_t>(control - 1)]);
+        step = model.me_run(
+            line.imeta[obs * static_cast<std::size_t>(model.nrrc) + static_cast<std::size_t>(control - 1)]);
     }
     return z * sd[static_cast<std::size_t>(step - 1)];
 }
@@ -188,7 +192,8 @@ struct subject_lines {
     std::vector<std::string> texts;
 };
 
-// Residuals of a subject: the k-th records of its traits are drawn together, with all traits in a line those of the line.
+// Residuals of a subject: the k-th records of its traits are drawn together, with all traits in a line those of the
+// line.
 std::vector<std::vector<double>> subject_residuals_muv(const subject_lines& s, residual_draws& draws) {
     std::vector<std::vector<double>> e;
     for (const auto& line : s.lines) e.emplace_back(line.ynq.size(), 0.0);
@@ -210,7 +215,8 @@ std::vector<std::vector<double>> subject_residuals_muv(const subject_lines& s, r
     return e;
 }
 
-void write_subject(text_out& out, const subject_lines& s, const random_samples& u, residual_draws& draws, const std::vector<double>& sd) {
+void write_subject(text_out& out, const subject_lines& s, const random_samples& u, residual_draws& draws,
+                   const std::vector<double>& sd) {
     std::vector<std::vector<double>> e;
     if (!options.randreg) e = subject_residuals_muv(s, draws);
     for (std::size_t l = 0; l < s.lines.size(); ++l) {
@@ -220,7 +226,8 @@ void write_subject(text_out& out, const subject_lines& s, const random_samples& 
             for (int iq = 1; iq <= numbers.nq; ++iq) simval[static_cast<std::size_t>(iq - 1)] = datafile.missvalue[iq];
         for (std::size_t obs = 0; obs < line.ynq.size(); ++obs) {
             const double residual = options.randreg ? residual_rreg(line, obs, sd) : e[l][obs];
-            simval[mudmap.alltraits ? static_cast<std::size_t>(line.ynq[obs] - 1) : 0] = random_part(line, obs, u) + residual;
+            simval[mudmap.alltraits ? static_cast<std::size_t>(line.ynq[obs] - 1) : 0] =
+                random_part(line, obs, u) + residual;
         }
         std::string text = s.texts[l];
         for (double x : simval) text += " " + data_item(x);
@@ -272,7 +279,8 @@ void report_covariances(const std::vector<std::vector<double>>& simtot) {
             for (int j = i; j <= n; ++j) {
                 const int ij = ihmssf(i, j, n);
                 const double given = !model.diagonal(irand) ? model.cov(ij, irand) : i == j ? model.cov(i, irand) : 0.0;
-                write(screen(), line, i, j, given, simtot[static_cast<std::size_t>(irand - 1)][static_cast<std::size_t>(ij - 1)] / draws);
+                write(screen(), line, i, j, given,
+                      simtot[static_cast<std::size_t>(irand - 1)][static_cast<std::size_t>(ij - 1)] / draws);
             }
     }
 }

@@ -137,8 +137,8 @@ std::string edit_g(double value, int width, int digits) {
     return adjust_number(std::move(s), width);
 }
 
-// Walks the form from left to right. At a value descriptor for which no value is left the walk ends; at the last bracket
-// values that are left send it back to the last group of the first level, behind a line end.
+// Walks the form from left to right. At a value descriptor for which no value is left the walk ends; at the last
+// bracket values that are left send it back to the last group of the first level, behind a line end.
 std::string edit(std::string_view form, std::span<const edit_value> values) {
     struct group {
         std::size_t start; // behind the opening bracket

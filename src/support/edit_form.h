@@ -27,7 +27,8 @@ struct edit_value {
 class edit_form {
 public:
     consteval edit_form(const char* text) : text_(text) { check(text_); } // NOLINT: a form is written as its text
-    // A form whose text the program has put together or changed; `text` must outlive it. Stops if it is not well formed.
+    // A form whose text the program has put together or changed; `text` must outlive it. Stops if it is not well
+    // formed.
     static edit_form edited(std::string_view text);
     constexpr std::string_view text() const { return text_; }
 
@@ -88,7 +89,8 @@ struct form_item {
     const char* wrong = nullptr;
 };
 
-// Takes the items off the text of a form, one by one. Blanks, commas between items and the case of letters do not count.
+// Takes the items off the text of a form, one by one. Blanks, commas between items and the case of letters do not
+// count.
 class form_reader {
 public:
     constexpr explicit form_reader(std::string_view text) : text_(text) {}
@@ -171,7 +173,8 @@ private:
     }
     constexpr form_item hollerith(form_item& item, int count) {
         if (count < 0) return wrong("h without count in edit form");
-        if (text_.size() - at < static_cast<std::size_t>(count)) return wrong("h reaches over the end of the edit form");
+        if (text_.size() - at < static_cast<std::size_t>(count))
+            return wrong("h reaches over the end of the edit form");
         item.type = form_item::kind::literal;
         item.repeat = 1;
         item.literal = text_.substr(at, static_cast<std::size_t>(count));

@@ -1,5 +1,6 @@
 // Scratch files of binary records. A record is an 8-byte length and then its fields; it is written and read as a unit.
-// Reading goes through a large buffer. A torn frame, a foreign file or a short record reads as "false", never as a fault.
+// Reading goes through a large buffer. A torn frame, a foreign file or a short record reads as "false", never as a
+// fault.
 #pragma once
 #include <cstdint>
 #include <cstdio>

@@ -9,13 +9,14 @@ namespace tarvex {
 void capitalise(std::string& text, int n);            // letters among the first n characters to upper case
 bool is_digit(char ch);                               // one of 1234567890
 int findsym(std::string_view text, char ch);          // first position (from 1) up to the trimmed end, else 0
-// ii as findsym for ch1; jj the first position of ch2 behind ii, else 0. When ch1 stands at the end jj is 0; when ch1 is
-// absent the search for ch2 starts at position 2.
+// ii as findsym for ch1; jj the first position of ch2 behind ii, else 0. When ch1 stands at the end jj is 0; when ch1
+// is absent the search for ch2 starts at position 2.
 void find2sym(std::string_view text, char ch1, char ch2, int& ii, int& jj);
 std::string trim(std::string_view text);              // without leading and trailing blanks
 std::string_view trim_right(std::string_view text);
 
-enum class list_read { value, null, end, error };     // a value was read; empty place between commas; end of text; no number
+// A value was read; empty place between commas; end of text; no number.
+enum class list_read { value, null, end, error };
 
 // Walks a text as list-directed input does: values parted by blanks or a comma (a semicolon counts as one); n*value
 // stands for n values; a slash ends the list, all further places are empty ones.

@@ -19,10 +19,11 @@ protected:
         std::filesystem::remove("BestPoint");
     }
     static void parameters(const std::string& analysis, const std::string& animal) {
-        write_file("model.par", "PED ped.dat\nANA " + analysis +
-                                    "\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y1\n y2\nEND\n"
-                                    "MOD EQ\n FIX herd\n COV age(1,POL)\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n" +
-                                    animal + "VAR residual 2\n 6.0 0.5 5.5\n");
+        write_file("model.par",
+                   "PED ped.dat\nANA " + analysis +
+                       "\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y1\n y2\nEND\n"
+                       "MOD EQ\n FIX herd\n COV age(1,POL)\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n" +
+                       animal + "VAR residual 2\n 6.0 0.5 5.5\n");
     }
     void expect_maximum(const std::string& options, double in_loglike = 1e-4, double relative = 0.01) const {
         SCOPED_TRACE(options);
@@ -31,7 +32,8 @@ protected:
         expect_best(maximum_, in_loglike, relative);
     }
     static std::size_t count(const std::vector<iterate>& list, const std::string& kind) {
-        return static_cast<std::size_t>(std::count_if(list.begin(), list.end(), [&](const auto& i) { return i.kind == kind; }));
+        return static_cast<std::size_t>(
+            std::count_if(list.begin(), list.end(), [&](const auto& i) { return i.kind == kind; }));
     }
 
     best_point maximum_;
@@ -81,7 +83,8 @@ TEST_F(Algorithms, EmAndPxEmReachTheMaximum) {
 }
 
 TEST_F(Algorithms, MixturesOfEmAndAiReml) {
-    for (const char* options : {"--pxai", "--emai", "--pxai5,50,1e-7", "--emai5,50,1e-7", "--good", "--bad", "--cycle2"}) {
+    for (const char* options :
+         {"--pxai", "--emai", "--pxai5,50,1e-7", "--emai5,50,1e-7", "--good", "--bad", "--cycle2"}) {
         SCOPED_TRACE(options);
         std::filesystem::remove("BestPoint");
         finish(options);
@@ -122,9 +125,10 @@ TEST_F(Algorithms, ReducedRankReachesOneMaximumByAllWays) {
 }
 
 TEST_F(Algorithms, SearchWithoutDerivatives) {
-    write_file("model.par", "PED ped.dat\nANA UNI\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n"
-                            " y1\n y2\nEND\nMOD\n FIX herd\n RAN animal NRM\n TR y1 1 -999\nEND\nVAR animal 1\n 2.0\n"
-                            "VAR residual 1\n 9.0\n");
+    write_file("model.par",
+               "PED ped.dat\nANA UNI\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n"
+               " y1\n y2\nEND\nMOD\n FIX herd\n RAN animal NRM\n TR y1 1 -999\nEND\nVAR animal 1\n 2.0\n"
+               "VAR residual 1\n 9.0\n");
     finish("--aireml200,1e-9");
     const auto best = read_best_point();
     std::filesystem::remove("BestPoint");

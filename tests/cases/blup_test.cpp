@@ -16,7 +16,8 @@ protected:
         write_file("data.dat", p.all_traits_lines());
         std::string columns;
         for (int t = 1; t <= p.ntraits; ++t) columns += " y" + std::to_string(t) + "\n";
-        write_file("model.par", "PED ped.dat\nANA " + analysis + "\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n" +
+        write_file("model.par", "PED ped.dat\nANA " + analysis +
+                                    "\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n" +
                                     " parity 3\n age 40\n" + columns + "END\n" + blocks);
     }
     static std::map<std::pair<int, long>, double> solutions_of_effect(const std::string& effect) { // by trait and code
@@ -29,7 +30,8 @@ protected:
 TEST_F(Blup, ResidualsAreWhatTheSolutionsLeave) {
     const auto p = make_population(60, 2, 2, 0.3, 91);
     put(p, "MUV 2",
-        "MOD EQ\n FIX herd\n COV age(1,POL)\n RAN animal NRM\n RAN perm IDE\n TR y1 1 -999\n TR y2 2 -999\nEND\nVAR animal 2\n 4.0 2.0 4.0\n"
+        "MOD EQ\n FIX herd\n COV age(1,POL)\n RAN animal NRM\n RAN perm IDE\n TR y1 1 -999\n TR y2 2 -999\nEND\nVAR "
+        "animal 2\n 4.0 2.0 4.0\n"
         "VAR perm 2\n 1.0 0.2 1.0\nVAR residual 2\n 5.0 0.5 6.0\n");
     const auto result = finish("--blup -d");
     const auto fixed = read_fixed_solutions();
@@ -58,7 +60,8 @@ TEST_F(Blup, ResidualsAreWhatTheSolutionsLeave) {
         const auto& r = p.records[sorted[i].record];
         const int t = sorted[i].trait;
         const double slope = fixed.covariables.at(static_cast<std::size_t>(t - 1)).solution;
-        const double e = sorted[i].y - herd[{t, r.herd}] - slope * (r.age - mean[t] / count[t]) - u.at({t, r.code}) - pe.at({t, r.code});
+        const double e = sorted[i].y - herd[{t, r.herd}] - slope * (r.age - mean[t] / count[t]) - u.at({t, r.code}) -
+                         pe.at({t, r.code});
         EXPECT_EQ(lines[i].observed, sorted[i].y) << i;
         EXPECT_NEAR(lines[i].residual, e, 2e-4) << i;
         ss[t] += lines[i].residual * lines[i].residual;
@@ -93,8 +96,10 @@ TEST_F(Blup, MeansOnly) {
     write_file("data.dat", "1 4 7\n2 -999 9\n3 6 5\n4 8 -999\n");
     name_ = "model";
     write_file("ped.dat", "1 0 0\n2 0 0\n3 0 0\n4 0 0\n");
-    write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n animal 9\n y1\n y2\nEND\nMOD EQ\n MEA\n RAN animal NRM\n TR y1 1 -999\n"
-                            " TR y2 2 -999\nEND\nVAR animal 2\n 0.0001 0 0.0001\nVAR residual 2\n 2.0 0 2.0\n");
+    write_file(
+        "model.par",
+        "PED ped.dat\nANA MUV 2\nDAT data.dat\n animal 9\n y1\n y2\nEND\nMOD EQ\n MEA\n RAN animal NRM\n TR y1 1 -999\n"
+        " TR y2 2 -999\nEND\nVAR animal 2\n 0.0001 0 0.0001\nVAR residual 2\n 2.0 0 2.0\n");
     finish("--blup");
     const auto lines = read_residuals(); // means 6 and 7
     const std::vector<std::pair<double, double>> wanted{{4, -2}, {7, 0}, {9, 2}, {6, 0}, {5, -2}, {8, 2}};
@@ -109,7 +114,8 @@ TEST_F(Blup, RandomRegression) {
     auto p = make_population(50, 1, 4, 0.0, 93);
     for (std::size_t i = 0; i < p.records.size(); ++i) p.records[i].age = 20.0 + static_cast<double>(i % 19);
     put(p, "RR",
-        "MOD\n FIX herd\n RAN animal(2,LEG) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 2\n 8.0 1.0 2.0\nVAR residual 1 HOM\n 4.0\n");
+        "MOD\n FIX herd\n RAN animal(2,LEG) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 2\n 8.0 1.0 2.0\nVAR "
+        "residual 1 HOM\n 4.0\n");
     finish("--blup");
     std::map<std::pair<int, long>, double> herd;
     for (const auto& l : read_fixed_solutions().levels) herd[{1, l.code}] = l.solution;

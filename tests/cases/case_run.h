@@ -62,7 +62,8 @@ inline void expect_best(const best_point& truth, double in_loglike, double relat
     EXPECT_NEAR(found.loglike, truth.loglike, in_loglike);
     ASSERT_EQ(found.values.size(), truth.values.size());
     for (std::size_t i = 0; i < truth.values.size(); ++i)
-        EXPECT_NEAR(found.values[i], truth.values[i], relative * std::max(1.0, std::fabs(truth.values[i]))) << "estimate " << i + 1;
+        EXPECT_NEAR(found.values[i], truth.values[i], relative * std::max(1.0, std::fabs(truth.values[i])))
+            << "estimate " << i + 1;
 }
 
 } // namespace tarvex

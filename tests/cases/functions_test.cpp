@@ -1,5 +1,5 @@
-// Blocks of the parameter file beside model and covariances: user-defined functions, equations taken out, levels treated as
-// fixed, extra effects; and default plans of large models.
+// Blocks of the parameter file beside model and covariances: user-defined functions, equations taken out, levels
+// treated as fixed, extra effects; and default plans of large models.
 #include "case_run.h"
 #include "population.h"
 
@@ -19,11 +19,12 @@ protected:
         std::string columns;
         for (int t = 1; t <= ntraits; ++t) columns += " y" + std::to_string(t) + "\n";
         write_file("model.par", "PED ped.dat\nANA " + analysis +
-                                    "\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n" + columns +
-                                    "END\n" + blocks);
+                                    "\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n" +
+                                    columns + "END\n" + blocks);
     }
-    static constexpr const char* repeated = "MOD\n FIX herd\n FIX parity\n RAN animal NRM\n RAN perm IDE\n TR y1 1 -999\nEND\n"
-                                            "VAR animal 1\n 4.0\nVAR perm 1\n 1.5\nVAR residual 1\n 5.0\n";
+    static constexpr const char* repeated =
+        "MOD\n FIX herd\n FIX parity\n RAN animal NRM\n RAN perm IDE\n TR y1 1 -999\nEND\n"
+        "VAR animal 1\n 4.0\nVAR perm 1\n 1.5\nVAR residual 1\n 5.0\n";
     static constexpr const char* two_traits = "MOD EQ\n FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n"
                                               "VAR animal 2\n 4.0 2.0 4.0\nVAR residual 2\n 6.0 0.5 6.0\n";
     population p_;
@@ -31,7 +32,9 @@ protected:
 
 // Values and errors of functions from the covariances and their sampling covariances on file.
 TEST_F(Blocks, FunctionsOfCovariances) {
-    parameters("UNI", std::string(repeated) + "SE+\n SUM phenvar 1 2 3\n SUM half 2(0.5)\n VRA herit 2 4\n VRA repeat 3 4\nEND\n", 2);
+    parameters(
+        "UNI",
+        std::string(repeated) + "SE+\n SUM phenvar 1 2 3\n SUM half 2(0.5)\n VRA herit 2 4\n VRA repeat 3 4\nEND\n", 2);
     finish("--aireml100,1e-9");
     const auto v = read_triangle("AvInfoCovs").rows; // 3 components, 2 sums
     const auto c = read_best_point().values;
@@ -48,7 +51,8 @@ TEST_F(Blocks, FunctionsOfCovariances) {
     const std::string report = read_file("SumEstimates.out");
     const auto line_of = [&](const std::string& name) {
         for (const auto& line : lines_of(report))
-            if (line.find(" " + name + " ") != std::string::npos || line.find(" " + name) == line.size() - name.size() - 1)
+            if (line.find(" " + name + " ") != std::string::npos ||
+                line.find(" " + name) == line.size() - name.size() - 1)
                 return words_of(line);
         return std::vector<std::string>{};
     };
@@ -113,7 +117,8 @@ TEST_F(Blocks, EquationsTakenOut) {
     const auto after = read_random_solutions("animal");
     ASSERT_EQ(before.size(), after.size());
     bool same = true;
-    for (std::size_t i = 0; i < after.size(); ++i) same = same && std::fabs(before[i].solution - after[i].solution) < 1e-4;
+    for (std::size_t i = 0; i < after.size(); ++i)
+        same = same && std::fabs(before[i].solution - after[i].solution) < 1e-4;
     EXPECT_FALSE(same) << "one level too many is out, which is a smaller model";
     parameters("UNI", std::string(repeated) + "ZER\n parity 3\nEND\n", 2);
     finish("--blup");
@@ -132,7 +137,8 @@ TEST_F(Blocks, LevelsOfARandomEffectTreatedAsFixed) {
     const auto after = read_random_solutions("animal");
     ASSERT_EQ(before.size(), after.size());
     const auto of_40 = [](const auto& line) { return line.code == 40; };
-    const auto old = std::find_if(before.begin(), before.end(), of_40), now = std::find_if(after.begin(), after.end(), of_40);
+    const auto old = std::find_if(before.begin(), before.end(), of_40),
+               now = std::find_if(after.begin(), after.end(), of_40);
     ASSERT_TRUE(old != before.end() && now != after.end());
     EXPECT_GT(std::fabs(old->solution - now->solution), 1e-3);
     EXPECT_GT(now->error, old->error); // no longer shrunk

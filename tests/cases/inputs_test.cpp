@@ -1,5 +1,5 @@
-// Forms of the input files that must not matter, and faults in them: each is told in its words and ends the run with status
-// 1, and reports of an earlier run stay as they are.
+// Forms of the input files that must not matter, and faults in them: each is told in its words and ends the run with
+// status 1, and reports of an earlier run stay as they are.
 #include "case_run.h"
 #include "population.h"
 
@@ -24,7 +24,8 @@ protected:
     void expect_fault(const std::string& words, const std::string& options = "--aireml3") const {
         const auto result = run(options);
         EXPECT_EQ(result.status, 1) << result.output;
-        EXPECT_NE(result.output.find(words), std::string::npos) << "\"" << words << "\" is not told:\n" << result.output;
+        EXPECT_NE(result.output.find(words), std::string::npos) << "\"" << words << "\" is not told:\n"
+                                                                << result.output;
         EXPECT_TRUE(result.output.ends_with("exit \"Tarvex\"\n")) << result.output;
     }
 };
@@ -111,7 +112,8 @@ TEST_F(Faults, NoRecords) {
 
 TEST_F(Faults, IndefiniteStartingMatrices) {
     replace_in("textbook_uni.par", " 20.0", " -20.0");
-    for (const char* options : {"--aireml3", "--pxem3"}) expect_fault("Matrix of starting values is \"invalid\"", options);
+    for (const char* options : {"--aireml3", "--pxem3"})
+        expect_fault("Matrix of starting values is \"invalid\"", options);
     expect_fault("Invalid random covariance matrix for BLUP", "--blup");
     replace_in("textbook_uni.par", " -20.0", " 0.0");
     expect_fault(" - change, making sure matrix is positive definite !");
@@ -127,7 +129,8 @@ TEST_F(Faults, IndefiniteStartingMatrices) {
 
 TEST_F(Faults, IncompleteParameterFiles) {
     const std::string text = read_file("textbook_uni.par");
-    for (const char* block : {"ANA UNI", "VAR animal 1\n  20.0", "VAR residual 1\n  40.0", "TR wwg", "RAN animal NRM", "END"}) {
+    for (const char* block :
+         {"ANA UNI", "VAR animal 1\n  20.0", "VAR residual 1\n  40.0", "TR wwg", "RAN animal NRM", "END"}) {
         const auto at = text.find(block);
         ASSERT_NE(at, std::string::npos) << block;
         std::string rest = text;
@@ -198,12 +201,14 @@ protected:
     static void parameters(const std::vector<int>& order, const std::string& tail = "") {
         const double g[2] = {4.5, 3.5}, r[2] = {6.0, 5.5};
         const auto at = [&](int t) { return static_cast<std::size_t>(order[static_cast<std::size_t>(t)] - 1); };
-        std::string text = "PED ped.dat\nANA MUV 2\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 99\n parity 3\n age 40\n"
-                           " y1\n y2\nEND\nMOD EQ\n FIX herd\n FIX parity\n COV age(1,POL)\n RAN animal NRM\n";
+        std::string text =
+            "PED ped.dat\nANA MUV 2\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 99\n parity 3\n age 40\n"
+            " y1\n y2\nEND\nMOD EQ\n FIX herd\n FIX parity\n COV age(1,POL)\n RAN animal NRM\n";
         for (int t = 0; t < 2; ++t)
-            text += " TR y" + std::to_string(order[static_cast<std::size_t>(t)]) + " " + std::to_string(t + 1) + " -999\n";
-        text += "END\nVAR animal 2\n " + std::to_string(g[at(0)]) + " 1.5 " + std::to_string(g[at(1)]) + "\nVAR residual 2\n " +
-                std::to_string(r[at(0)]) + " 0.5 " + std::to_string(r[at(1)]) + "\n";
+            text +=
+                " TR y" + std::to_string(order[static_cast<std::size_t>(t)]) + " " + std::to_string(t + 1) + " -999\n";
+        text += "END\nVAR animal 2\n " + std::to_string(g[at(0)]) + " 1.5 " + std::to_string(g[at(1)]) +
+                "\nVAR residual 2\n " + std::to_string(r[at(0)]) + " 0.5 " + std::to_string(r[at(1)]) + "\n";
         write_file("model.par", text + tail);
     }
     double start() const { return loglike_at_start(finish("--aireml1").output); }
@@ -257,8 +262,8 @@ TEST_F(Forms, CodesOfLevels) {
     }
     for (int i = 1; i <= p_.animals(); ++i) {
         const auto code = [](int k) { return k > 0 ? std::to_string(3 * k + 7) : std::string("0"); };
-        ped += code(i) + " " + code(p_.sire[static_cast<std::size_t>(i - 1)]) + " " + code(p_.dam[static_cast<std::size_t>(i - 1)]) +
-               "\n";
+        ped += code(i) + " " + code(p_.sire[static_cast<std::size_t>(i - 1)]) + " " +
+               code(p_.dam[static_cast<std::size_t>(i - 1)]) + "\n";
     }
     write_file("data.dat", text);
     write_file("ped.dat", ped);
@@ -270,7 +275,8 @@ TEST_F(Forms, LineEndsTabsAndUnfinishedLines) {
     const auto before = read_best_point();
     for (const char* file : {"data.dat", "ped.dat", "model.par"}) {
         std::string text;
-        for (char c : read_file(file)) text += c == '\n' ? std::string("\r\n") : c == ' ' ? std::string("\t") : std::string(1, c);
+        for (char c : read_file(file))
+            text += c == '\n' ? std::string("\r\n") : c == ' ' ? std::string("\t") : std::string(1, c);
         text.resize(text.size() - 2); // the last line is not finished
         write_file(file, text);
     }
@@ -286,7 +292,8 @@ TEST_F(Forms, CommentsAndWideNumbers) {
     expect_relative(start(), before, 1e-12, "log L with comments");
     std::string text;
     for (const auto& line : lines_of(p_.all_traits_lines())) {
-        for (const auto& word : words_of(line)) text += "     " + word + (word.find('.') != std::string::npos ? "e+00" : "");
+        for (const auto& word : words_of(line))
+            text += "     " + word + (word.find('.') != std::string::npos ? "e+00" : "");
         text += "    \n";
     }
     write_file("data.dat", text);

@@ -104,7 +104,8 @@ TEST_F(Layouts, RepeatedRecordsWithAllExtraBlocks) {
     put(examples::repeatability + examples::extras, 3);
     const auto text = report("--aireml5");
     EXPECT_EQ(labelled("SumEstimates.out", "No. of records"), 150.0);
-    for (const char* name : {"phenvar", "half", "herit", "repeat_cow"}) EXPECT_NE(text.find(name), std::string::npos) << name;
+    for (const char* name : {"phenvar", "half", "herit", "repeat_cow"})
+        EXPECT_NE(text.find(name), std::string::npos) << name;
     EXPECT_NE(read_file("SumPedigree.out").find(" Levels treated as \"fixed\" "), std::string::npos);
 }
 

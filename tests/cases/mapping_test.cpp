@@ -22,8 +22,9 @@ protected:
     static std::string columns_by_trait(int ntraits) {
         std::string text;
         for (int t = 1; t <= ntraits; ++t)
-            text += " TR" + std::to_string(t) + " qno\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y" +
-                    std::to_string(t) + "\n";
+            text += " TR" + std::to_string(t) +
+                    " qno\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y" + std::to_string(t) +
+                    "\n";
         return text;
     }
     double start() const { return loglike_at_start(finish("--aireml1").output); }
@@ -39,7 +40,8 @@ protected:
 
 // log|C| and y'Py of mixed model equations with k traits: columns of each record, then the right-hand side; absorbed by
 // elimination. `prior` is added to the equations.
-double dense_mme(const std::vector<std::vector<std::array<double, 2>>>& rows, dense c, const dense& rinv, double& log_c) {
+double dense_mme(const std::vector<std::vector<std::array<double, 2>>>& rows, dense c, const dense& rinv,
+                 double& log_c) {
     // rows[record][equation] holds the elements for two traits; the last equation is the observation
     const std::size_t n = c.size();
     for (const auto& row : rows)
@@ -119,9 +121,11 @@ TEST_F(Mapping, EffectsWithoutRelationships) {
     for (auto& r : p.records)
         if (r.dam == 0) r.dam = 998; // a code as any other
     write_file("data.dat", p.all_traits_lines());
-    write_file("model.par", head + " RAN parity\n RAN dam IDE\n" + trait + "VAR parity 1\n 1.5\nVAR dam 1\n 2.0\n" + residual);
+    write_file("model.par",
+               head + " RAN parity\n RAN dam IDE\n" + trait + "VAR parity 1\n 1.5\nVAR dam 1\n 2.0\n" + residual);
     expect_relative(start(), truth, 1e-8, "two effects");
-    write_file("model.par", head + " RAN dam\n RAN parity\n" + trait + residual + "VAR dam 1\n 2.0\nVAR parity 1\n 1.5\n");
+    write_file("model.par",
+               head + " RAN dam\n RAN parity\n" + trait + residual + "VAR dam 1\n 2.0\nVAR parity 1\n 1.5\n");
     expect_relative(start(), truth, 1e-8, "in another order");
     std::reverse(p.records.begin(), p.records.end());
     write_file("data.dat", p.all_traits_lines());
@@ -132,7 +136,8 @@ TEST_F(Mapping, EffectsWithoutRelationships) {
         return 1.5 * (r.dam == s.dam && r.herd == s.herd) + 6.0 * (i.record == j.record);
     });
     write_file("model.par", head + " RAN dam*herd\n" + trait + "VAR dam*herd 1\n 1.5\n" + residual);
-    expect_relative(start(), dense_reml(observations_of(p), herds_and_age(p, observations_of(p)), joint), 1e-8, "interaction");
+    expect_relative(start(), dense_reml(observations_of(p), herds_and_age(p, observations_of(p)), joint), 1e-8,
+                    "interaction");
 }
 
 TEST_F(Mapping, OneOfTheTraitsInTheData) {
@@ -148,7 +153,8 @@ TEST_F(Mapping, OneOfTheTraitsInTheData) {
     const auto a = tabular(p.sire, p.dam);
     const auto obs = observations_of(p);
     const auto v = matrix(obs, [&](const auto& i, const auto& j) {
-        return 4.5 * a[static_cast<std::size_t>(record(p, i).code - 1)][static_cast<std::size_t>(record(p, j).code - 1)] +
+        return 4.5 *
+                   a[static_cast<std::size_t>(record(p, i).code - 1)][static_cast<std::size_t>(record(p, j).code - 1)] +
                6.0 * (i.record == j.record);
     });
     expect_relative(start(), dense_reml(obs, herds_and_age(p, obs), v), 1e-8, "log L");
@@ -162,7 +168,8 @@ TEST_F(Mapping, CovariableWithinAnEffectThatIsOnlyCounted) {
     const auto a = tabular(p.sire, p.dam);
     const auto obs = observations_of(p);
     const auto v = matrix(obs, [&](const auto& i, const auto& j) {
-        return 4.5 * a[static_cast<std::size_t>(record(p, i).code - 1)][static_cast<std::size_t>(record(p, j).code - 1)] +
+        return 4.5 *
+                   a[static_cast<std::size_t>(record(p, i).code - 1)][static_cast<std::size_t>(record(p, j).code - 1)] +
                6.0 * (i.record == j.record);
     });
     double mean = 0.0;
@@ -173,7 +180,8 @@ TEST_F(Mapping, CovariableWithinAnEffectThatIsOnlyCounted) {
         x[i][static_cast<std::size_t>(record(p, obs[i]).herd)] = record(p, obs[i]).age - mean;
     }
     const std::string head = "PED ped.dat\nANA UNI\nDAT data.dat\n" + columns(1) + "END\nMOD\n MEA\n";
-    const std::string tail = " COV age*herd(1,POL)\n RAN animal NRM\n TR y1 1 -999\nEND\nVAR animal 1\n 4.5\nVAR residual 1\n 6.0\n";
+    const std::string tail =
+        " COV age*herd(1,POL)\n RAN animal NRM\n TR y1 1 -999\nEND\nVAR animal 1\n 4.5\nVAR residual 1\n 6.0\n";
     write_file("model.par", head + " EXT herd\n" + tail);
     expect_relative(start(), dense_reml(obs, x, v), 1e-8, "log L");
     write_file("model.par", head + tail);
@@ -207,7 +215,8 @@ TEST_F(Mapping, FormsOfTheDataBlockGiveOneSummary) {
     write_file("data.dat", p.one_trait_lines());
     const auto one_trait = summary("\n" + columns_by_trait(2), "MOD\n");
     EXPECT_EQ(summary(" GRP\n TRN 1 2\n qno\n" + columns(0) + " NAM y1 y2\n", "MOD\n"), one_trait);
-    EXPECT_EQ(summary(" GRP\n TRN 2\n qno\n" + columns(0) + " y2\n TRN 1\n qno\n" + columns(0) + " y1\n", "MOD\n"), one_trait);
+    EXPECT_EQ(summary(" GRP\n TRN 2\n qno\n" + columns(0) + " y2\n TRN 1\n qno\n" + columns(0) + " y1\n", "MOD\n"),
+              one_trait);
     // counts and means agree between the two kinds of lines
     std::size_t n = 0;
     for (const auto& line : lines_of(all_traits))
@@ -255,18 +264,22 @@ protected:
 TEST_F(Maternal, TwoTraits) {
     write_file("data.dat", p_.all_traits_lines());
     const dense g{{4.5, 1.5, -0.5, 0.1}, {1.5, 3.5, 0.2, -0.3}, {-0.5, 0.2, 1.5, 0.4}, {0.1, -0.3, 0.4, 1.2}};
-    write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + columns(2) +
-                                "END\nMOD EQ\n FIX herd\n RAN animal NRM\n RAN dam NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n"
-                                "VAR animal+dam 4\n 4.5 1.5 -0.5 0.1 3.5 0.2 -0.3 1.5 0.4 1.2\n" + residual_);
+    write_file("model.par",
+               "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + columns(2) +
+                   "END\nMOD EQ\n FIX herd\n RAN animal NRM\n RAN dam NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n"
+                   "VAR animal+dam 4\n 4.5 1.5 -0.5 0.1 3.5 0.2 -0.3 1.5 0.4 1.2\n" +
+                   residual_);
     expect_relative(start(), truth(g, [](int which, int trait) { return 2 * (which - 1) + trait; }), 1e-8, "log L");
 }
 
 TEST_F(Maternal, OneOfTwoTraits) {
     write_file("data.dat", p_.one_trait_lines());
     const dense g{{4.5, 1.5, -0.5}, {1.5, 3.5, 0.2}, {-0.5, 0.2, 1.5}};
-    write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + columns_by_trait(2) +
-                                "END\nMOD\n FIX herd\n RAN animal NRM\n RAN dam NRM 1\n TR y1 1 -999\n TR y2 2 -999\nEND\n"
-                                "VAR animal+dam 3\n 4.5 1.5 -0.5 3.5 0.2 1.5\n" + residual_);
+    write_file("model.par",
+               "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + columns_by_trait(2) +
+                   "END\nMOD\n FIX herd\n RAN animal NRM\n RAN dam NRM 1\n TR y1 1 -999\n TR y2 2 -999\nEND\n"
+                   "VAR animal+dam 3\n 4.5 1.5 -0.5 3.5 0.2 1.5\n" +
+                   residual_);
     const double at_start = truth(g, [](int which, int trait) { return which == 1 ? trait : trait == 1 ? 3 : 0; });
     expect_relative(start(), at_start, 1e-8, "log L");
     finish("--aireml50,1e-7");
@@ -287,9 +300,11 @@ TEST_F(Maternal, ReducedRank) {
             if (j >= i) values += text;
             if (j == 3) values += "\n";
         }
-    write_file("model.par", "PED ped.dat\nANA MUV PC 2\nDAT data.dat\n" + columns(2) +
-                                "END\nMOD EQ\n FIX herd\n RAN animal NRM\n RAN dam NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n"
-                                "VAR animal+dam 4 2\n" + values + residual_);
+    write_file("model.par",
+               "PED ped.dat\nANA MUV PC 2\nDAT data.dat\n" + columns(2) +
+                   "END\nMOD EQ\n FIX herd\n RAN animal NRM\n RAN dam NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n"
+                   "VAR animal+dam 4 2\n" +
+                   values + residual_);
     expect_relative(start(), truth(g, [](int which, int trait) { return 2 * (which - 1) + trait; }), 1e-7, "log L");
 }
 

@@ -18,8 +18,8 @@ protected:
         write_file("data.dat", one_trait ? p.one_trait_lines() : p.all_traits_lines());
     }
     // Parameter file: columns of the data, then the blocks given.
-    static void parameters(const population& p, const std::string& analysis, const std::string& blocks, bool pedigree = true,
-                           const std::string& columns = "") {
+    static void parameters(const population& p, const std::string& analysis, const std::string& blocks,
+                           bool pedigree = true, const std::string& columns = "") {
         std::string text = "COM Generated population\n";
         if (pedigree) text += "PED ped.dat\n";
         text += "ANA " + analysis + "\nDAT data.dat\n";
@@ -117,12 +117,14 @@ TEST_F(Models, TwoTraitsWithMissingRecords) {
     const std::string columns = [] {
         std::string text;
         for (int t = 1; t <= 2; ++t)
-            text += " TR" + std::to_string(t) + " qno\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y" +
-                    std::to_string(t) + "\n";
+            text += " TR" + std::to_string(t) +
+                    " qno\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y" + std::to_string(t) +
+                    "\n";
         return text;
     }();
     parameters(p, "MUV 2",
-               std::string("MOD\n FIX herd\n COV age(1,POL)\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n") + biv_blocks,
+               std::string("MOD\n FIX herd\n COV age(1,POL)\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n") +
+                   biv_blocks,
                true, columns);
     expect_relative(start(), truth, 1e-8, "one trait a line");
 }
@@ -132,12 +134,13 @@ TEST_F(Models, TraitsWithEffectsOfTheirOwn) {
     put(p, true);
     std::string columns;
     for (int t = 1; t <= 2; ++t)
-        columns += " TR" + std::to_string(t) + " qno\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y" +
-                   std::to_string(t) + "\n";
-    parameters(p, "MUV 2",
-               "MOD\n FIX herd\n COV age(1,POL) 1\n RAN animal NRM\n RAN perm IDE 2\n TR y1 1 -999\n TR y2 2 -999\nEND\n" +
-                   std::string("VAR animal 2\n 4.5 1.5\n 3.5\nVAR residual 2\n 6.0 0.5\n 5.5\nVAR perm 1\n 1.25\n"),
-               true, columns);
+        columns += " TR" + std::to_string(t) +
+                   " qno\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y" + std::to_string(t) + "\n";
+    parameters(
+        p, "MUV 2",
+        "MOD\n FIX herd\n COV age(1,POL) 1\n RAN animal NRM\n RAN perm IDE 2\n TR y1 1 -999\n TR y2 2 -999\nEND\n" +
+            std::string("VAR animal 2\n 4.5 1.5\n 3.5\nVAR residual 2\n 6.0 0.5\n 5.5\nVAR perm 1\n 1.25\n"),
+        true, columns);
     const auto a = tabular(p.sire, p.dam);
     const auto obs = observations_of(p);
     // the residual covariance holds between any two records of an animal in different traits
@@ -305,9 +308,10 @@ TEST_F(Models, RandomRegressionOnTheConstantEqualsRepeatedRecords) {
     put(p);
     parameters(p, "UNI", rep_model);
     const double repeatability = start();
-    parameters(p, "RR",
-               "MOD\n FIX herd\n COV age(1,POL)\n RAN animal(1,LEG) NRM\n RAN perm(1,LEG) IDE\n RRC age\n TR y1 1 -999\nEND\n"
-               "VAR animal 1\n 9.0\nVAR perm 1\n 3.0\nVAR residual 1 HOM\n 5.0\n");
+    parameters(
+        p, "RR",
+        "MOD\n FIX herd\n COV age(1,POL)\n RAN animal(1,LEG) NRM\n RAN perm(1,LEG) IDE\n RRC age\n TR y1 1 -999\nEND\n"
+        "VAR animal 1\n 9.0\nVAR perm 1\n 3.0\nVAR residual 1 HOM\n 5.0\n");
     expect_relative(start(), repeatability, 1e-8, "log L");
 }
 
@@ -316,8 +320,9 @@ TEST_F(Models, RandomRegressionWithResidualClasses) {
     for (std::size_t i = 0; i < p.records.size(); ++i) // no age twice within an animal
         p.records[i].age = 20.0 + static_cast<double>(i % 19);
     put(p);
-    const std::string model = "MOD\n FIX herd\n RAN animal(2,LEG) NRM\n RAN perm(2,LEG) IDE\n RRC age\n TR y1 1 -999\nEND\n"
-                              "VAR animal 2\n 8.0 1.0\n 2.0\nVAR perm 2\n 3.0 0.5\n 1.0\n";
+    const std::string model =
+        "MOD\n FIX herd\n RAN animal(2,LEG) NRM\n RAN perm(2,LEG) IDE\n RRC age\n TR y1 1 -999\nEND\n"
+        "VAR animal 2\n 8.0 1.0\n 2.0\nVAR perm 2\n 3.0 0.5\n 1.0\n";
     const auto a = tabular(p.sire, p.dam);
     const auto obs = observations_of(p);
     const std::vector<std::vector<double>> g{{8.0, 1.0}, {1.0, 2.0}}, q{{3.0, 0.5}, {0.5, 1.0}};
@@ -331,21 +336,26 @@ TEST_F(Models, RandomRegressionWithResidualClasses) {
                               double sum = i.record == j.record ? residual(p.records[i.record].age) : 0.0;
                               for (int c = 1; c <= 2; ++c)
                                   for (int d = 1; d <= 2; ++d)
-                                      sum += phi(i, c) * phi(j, d) * (sym(g, c, d) * a[k][l] + (k == l ? sym(q, c, d) : 0.0));
+                                      sum += phi(i, c) * phi(j, d) *
+                                             (sym(g, c, d) * a[k][l] + (k == l ? sym(q, c, d) : 0.0));
                               return sum;
                           }));
     };
     parameters(p, "RR", model + "VAR residual 1 HOM\n 5.0\n");
     expect_relative(start(), value([](double) { return 5.0; }), 1e-8, "one class");
     parameters(p, "RR", model + "VAR residual 1 HET 3 age\n 20 25 4.0\n 26 30 5.0\n 31 39 6.5\n");
-    expect_relative(start(), value([](double t) { return t < 25.5 ? 4.0 : t < 30.5 ? 5.0 : 6.5; }), 1e-8, "step function");
+    expect_relative(start(), value([](double t) { return t < 25.5   ? 4.0
+                                                         : t < 30.5 ? 5.0
+                                                                    : 6.5; }), 1e-8,
+                    "step function");
     finish("--aireml100,1e-7");
     EXPECT_EQ(read_best_point().values.size(), 9u);
     parameters(p, "RR", model + "VAR residual 1 IND 2\n 4.0\n 6.5\n");
     std::string classes;
     for (int t = 20; t <= 38; ++t) classes += std::to_string(t) + " " + std::to_string(1 + t % 2) + "\n";
     write_file("MEVariances", classes);
-    expect_relative(start(), value([](double t) { return static_cast<int>(t) % 2 == 0 ? 4.0 : 6.5; }), 1e-8, "numbered classes");
+    expect_relative(start(), value([](double t) { return static_cast<int>(t) % 2 == 0 ? 4.0 : 6.5; }), 1e-8,
+                    "numbered classes");
 }
 
 TEST_F(Models, ReducedRankEqualsTheCovarianceMatrixOfItsFactor) {
@@ -375,7 +385,8 @@ TEST_F(Models, FullRankComponentsReachTheOrdinaryMaximum) {
     finish("--aireml200,1e-9");
     const auto ordinary = read_best_point();
     std::filesystem::remove("BestPoint");
-    parameters(p, "MUV PC 2", std::string(biv_model) + "VAR animal 2 2\n 4.5 1.5\n 3.5\nVAR residual 2\n 6.0 2.0\n 5.5\n");
+    parameters(p, "MUV PC 2",
+               std::string(biv_model) + "VAR animal 2 2\n 4.5 1.5\n 3.5\nVAR residual 2\n 6.0 2.0\n 5.5\n");
     finish("--aireml200,1e-9");
     expect_best(ordinary, 1e-4, 0.01);
 }
@@ -405,7 +416,8 @@ TEST_F(Models, TraitsNeverRecordedTogetherHaveNoResidualCovariance) {
     const auto a = tabular(p.sire, p.dam);
     const auto obs = observations_of(p);
     const auto v = matrix(obs, [&](const auto& i, const auto& j) {
-        return sym(g2, i.trait, j.trait) * a[animal(p, i)][animal(p, j)] + (i.record == j.record ? sym(r2, i.trait, j.trait) : 0.0);
+        return sym(g2, i.trait, j.trait) * a[animal(p, i)][animal(p, j)] +
+               (i.record == j.record ? sym(r2, i.trait, j.trait) : 0.0);
     });
     expect_relative(start(), dense_reml(obs, herds_and_age(p, obs, true), v), 1e-8, "log L");
     finish("--aireml100,1e-8");

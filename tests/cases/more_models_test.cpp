@@ -1,5 +1,5 @@
-// Further models and ways to write them: sires, several relationship effects, interactions, renumbered and grouped traits,
-// supplied inverses with faults.
+// Further models and ways to write them: sires, several relationship effects, interactions, renumbered and grouped
+// traits, supplied inverses with faults.
 #include "case_run.h"
 #include "population.h"
 
@@ -53,8 +53,10 @@ TEST_F(MoreModels, SiresWithTheirSiresAndGrandsires) {
     for (auto& r : q.records) r.code = r.sire;
     write_file("ped.dat", ped);
     write_file("data.dat", q.all_traits_lines());
-    write_file("model.par", "PED ped.dat SIR\nANA UNI\nDAT data.dat\n" + columns(1) +
-                                "END\nMOD\n FIX herd\n RAN animal NRM\n TR y1 1 -999\nEND\nVAR animal 1\n 1.1\nVAR residual 1\n 9.0\n");
+    write_file(
+        "model.par",
+        "PED ped.dat SIR\nANA UNI\nDAT data.dat\n" + columns(1) +
+            "END\nMOD\n FIX herd\n RAN animal NRM\n TR y1 1 -999\nEND\nVAR animal 1\n 1.1\nVAR residual 1\n 9.0\n");
     const auto obs = observations_of(q);
     dense v(obs.size(), std::vector<double>(obs.size()));
     for (std::size_t i = 0; i < obs.size(); ++i)
@@ -88,7 +90,9 @@ TEST_F(MoreModels, TwoEffectsOnThePedigree) {
     for (std::size_t i = 0; i < obs.size(); ++i)
         for (std::size_t j = 0; j < obs.size(); ++j) {
             const auto &r = q.records[obs[i].record], &s = q.records[obs[j].record];
-            const auto at = [&](int k, int l) { return a[static_cast<std::size_t>(k - 1)][static_cast<std::size_t>(l - 1)]; };
+            const auto at = [&](int k, int l) {
+                return a[static_cast<std::size_t>(k - 1)][static_cast<std::size_t>(l - 1)];
+            };
             v[i][j] = 4.5 * at(r.code, s.code) + 1.5 * at(r.dam, s.dam) + (i == j ? 5.0 : 0.0);
         }
     const double truth = dense_reml(obs, herds_and_age(q, obs), v);
@@ -136,17 +140,22 @@ TEST_F(MoreModels, InteractionsAndNoFixedEffect) {
 TEST_F(MoreModels, WaysToWriteTwoTraits) {
     write_file("data.dat", p_.all_traits_lines());
     write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + columns(2) +
-                                "END\nMOD EQ\n FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n" + two_traits);
+                                "END\nMOD EQ\n FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n" +
+                                two_traits);
     const double truth = start();
     const std::string model = "MOD\n FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n";
 
     write_file("data.dat", p_.one_trait_lines());
-    write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat GRP\n TRN 1 2\n qno\n animal 999\n perm 999\n dam 999\n herd 4\n"
-                            " parity 3\n age 40\n NAM y1 y2\nEND\n" + model + two_traits);
+    write_file("model.par",
+               "PED ped.dat\nANA MUV 2\nDAT data.dat GRP\n TRN 1 2\n qno\n animal 999\n perm 999\n dam 999\n herd 4\n"
+               " parity 3\n age 40\n NAM y1 y2\nEND\n" +
+                   model + two_traits);
     expect_relative(start(), truth, 1e-8, "grouped columns");
-    write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat GRP\n TRN 1 2\n qno\n animal 999\n perm 999\n dam 999\n herd 4\n"
-                            " parity 3\n age 40\n NAM y1 y2\nEND\n"
-                            "MOD\n FIX herd 1 2\n RAN animal NRM 1 2\n TR y1 1 -999\n TR y2 2 -999\nEND\n" + two_traits);
+    write_file("model.par",
+               "PED ped.dat\nANA MUV 2\nDAT data.dat GRP\n TRN 1 2\n qno\n animal 999\n perm 999\n dam 999\n herd 4\n"
+               " parity 3\n age 40\n NAM y1 y2\nEND\n"
+               "MOD\n FIX herd 1 2\n RAN animal NRM 1 2\n TR y1 1 -999\n TR y2 2 -999\nEND\n" +
+                   two_traits);
     expect_relative(start(), truth, 1e-8, "lists of traits");
 
     std::string text; // traits 3 and 7 of a file that holds others, too
@@ -157,10 +166,13 @@ TEST_F(MoreModels, WaysToWriteTwoTraits) {
     write_file("data.dat", text);
     std::string by_trait;
     for (int t = 1; t <= 2; ++t)
-        by_trait += " TR" + std::to_string(t) + " qno\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y" +
-                    std::to_string(t) + "\n";
-    write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + by_trait +
-                                "END\nMOD\n FIX herd\n RAN animal NRM\n TR y1 \"3\"->1 -999\n TR y2 \"7\"->2 -999\nEND\n" + two_traits);
+        by_trait += " TR" + std::to_string(t) +
+                    " qno\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y" + std::to_string(t) +
+                    "\n";
+    write_file("model.par",
+               "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + by_trait +
+                   "END\nMOD\n FIX herd\n RAN animal NRM\n TR y1 \"3\"->1 -999\n TR y2 \"7\"->2 -999\nEND\n" +
+                   two_traits);
     expect_relative(start(), truth, 1e-8, "renumbered traits");
 }
 
@@ -168,8 +180,10 @@ TEST_F(MoreModels, FaultsOfSuppliedInverses) {
     population q = p_;
     std::erase_if(q.records, [](const auto& r) { return r.y[0] == population::missing; });
     write_file("data.dat", q.all_traits_lines());
-    write_file("model.par", "ANA UNI\nDAT data.dat\n" + columns(2) +
-                                "END\nMOD\n FIX herd\n RAN herd2 GIN\n TR y1 1 -999\nEND\nVAR herd2 1\n 4.5\nVAR residual 1\n 6.0\n");
+    write_file(
+        "model.par",
+        "ANA UNI\nDAT data.dat\n" + columns(2) +
+            "END\nMOD\n FIX herd\n RAN herd2 GIN\n TR y1 1 -999\nEND\nVAR herd2 1\n 4.5\nVAR residual 1\n 6.0\n");
     std::string par = read_file("model.par");
     par.replace(par.find(" parity 3"), 9, " herd2 3"); // parity plays the effect
     par.replace(par.find(" FIX herd\n"), 10, " FIX herd\n");
@@ -177,7 +191,8 @@ TEST_F(MoreModels, FaultsOfSuppliedInverses) {
     const auto fault = [&](const std::string& words) {
         const auto result = run("--aireml1");
         EXPECT_EQ(result.status, 1) << words;
-        EXPECT_NE(result.output.find(words), std::string::npos) << "\"" << words << "\" is not told:\n" << result.output;
+        EXPECT_NE(result.output.find(words), std::string::npos) << "\"" << words << "\" is not told:\n"
+                                                                << result.output;
     };
     fault("**** ERROR : cannot locate generalised inverse");
     write_file("herd2.gin", "0.0\n1 1 1.0\n2 1 0.5\n");
@@ -203,10 +218,12 @@ TEST_F(MoreModels, RepeatEffectOfOneTraitOfTwo) {
     write_file("ped.dat", p.pedigree());
     write_file("data.dat", p.one_trait_lines());
     const auto parameters = [&](const std::string& effect) {
-        std::string names = "END\nMOD\n FIX herd\n RAN animal NRM\n RAN perm " + effect + "\n TR y1 1 -999\n TR y2 2 -999\nEND\n";
-        write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat GRP\n TRN 1 2\n traitno 2\n animal 999\n perm 999\n dam 999\n"
-                                " herd 4\n parity 3\n age 40\n NAM y1 y2\n" + names +
-                                    "VAR animal 2\n 4.5 1.5 3.5\nVAR perm 1\n 1.0\nVAR residual 2\n 6.0 0.5 5.5\n");
+        std::string names =
+            "END\nMOD\n FIX herd\n RAN animal NRM\n RAN perm " + effect + "\n TR y1 1 -999\n TR y2 2 -999\nEND\n";
+        write_file("model.par",
+                   "PED ped.dat\nANA MUV 2\nDAT data.dat GRP\n TRN 1 2\n traitno 2\n animal 999\n perm 999\n dam 999\n"
+                   " herd 4\n parity 3\n age 40\n NAM y1 y2\n" +
+                       names + "VAR animal 2\n 4.5 1.5 3.5\nVAR perm 1\n 1.0\nVAR residual 2\n 6.0 0.5 5.5\n");
     };
     for (const std::string trait : {"1", "2"}) {
         SCOPED_TRACE("trait " + trait);

@@ -19,9 +19,11 @@ protected:
         write_file("data.dat", p.all_traits_lines());
     }
     static void parameters(const std::string& residual) {
-        write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n"
-                                " age 40\n y1\n y2\nEND\nMOD EQ\n FIX herd\n FIX parity\n COV age(1,POL)\n RAN animal NRM\n"
-                                " TR y1 1 -999\n TR y2 2 -999\nEND\nVAR animal 2\n 4.5 1.5 3.5\nVAR residual 2\n " + residual + "\n");
+        write_file("model.par",
+                   "PED ped.dat\nANA MUV 2\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n"
+                   " age 40\n y1\n y2\nEND\nMOD EQ\n FIX herd\n FIX parity\n COV age(1,POL)\n RAN animal NRM\n"
+                   " TR y1 1 -999\n TR y2 2 -999\nEND\nVAR animal 2\n 4.5 1.5 3.5\nVAR residual 2\n " +
+                       residual + "\n");
     }
     static void clean() {
         for (const auto& entry : std::filesystem::directory_iterator("."))

@@ -1,5 +1,5 @@
-// Whatever orders the equations, and whatever of an earlier run is taken over, log L at a point is the same; and the rank
-// of the fixed part as it is told.
+// Whatever orders the equations, and whatever of an earlier run is taken over, log L at a point is the same; and the
+// rank of the fixed part as it is told.
 #include "case_run.h"
 #include "population.h"
 
@@ -18,16 +18,21 @@ protected:
         write_file("data.dat", p.all_traits_lines());
     }
     static void parameters(const std::string& analysis, const std::string& model, const std::string& variances) {
-        write_file("model.par", "PED ped.dat\nANA " + analysis +
-                                    "\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y1\n y2\nEND\n" +
-                                    model + variances);
+        write_file(
+            "model.par",
+            "PED ped.dat\nANA " + analysis +
+                "\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y1\n y2\nEND\n" +
+                model + variances);
     }
     static void two_traits() {
-        parameters("MUV 2", "MOD EQ\n FIX herd\n FIX parity\n COV age(1,POL)\n RAN animal NRM\n RAN perm IDE\n TR y1 1 -999\n TR y2 2 -999\nEND\n",
+        parameters("MUV 2",
+                   "MOD EQ\n FIX herd\n FIX parity\n COV age(1,POL)\n RAN animal NRM\n RAN perm IDE\n TR y1 1 -999\n "
+                   "TR y2 2 -999\nEND\n",
                    "VAR animal 2\n 4.5 1.5 3.5\nVAR perm 2\n 0.8 0.1 0.6\nVAR residual 2\n 6.0 0.5 5.5\n");
     }
     static void one_trait(const std::string& model) {
-        parameters("UNI", "MOD\n" + model + " RAN animal NRM\n TR y1 1 -999\nEND\n", "VAR animal 1\n 4.5\nVAR residual 1\n 6.0\n");
+        parameters("UNI", "MOD\n" + model + " RAN animal NRM\n TR y1 1 -999\nEND\n",
+                   "VAR animal 1\n 4.5\nVAR residual 1\n 6.0\n");
     }
     static void forget(const std::vector<std::string>& names) {
         for (const auto& name : names) std::filesystem::remove(name);
@@ -48,8 +53,8 @@ TEST_F(OrderingRun, EveryMethodAndSetting) {
     const double truth = loglike("");
     ASSERT_LT(truth, 0.0);
     for (const char* option :
-         {"--mmd", "--amd", "--metis", "--metis1", "--metis20", "--metis25", "--metis0", "--metis8,200", "--metis5,60,2,2",
-          "--metis5,0,3,1", "--metis5,0,0,1", "--metisall", "--METISALL", "--setuplrg"}) {
+         {"--mmd", "--amd", "--metis", "--metis1", "--metis20", "--metis25", "--metis0", "--metis8,200",
+          "--metis5,60,2,2", "--metis5,0,3,1", "--metis5,0,0,1", "--metisall", "--METISALL", "--setuplrg"}) {
         fresh();
         if (std::string(option) == "--setuplrg")
             finish(option); // stops before estimation; the next run takes over
@@ -79,7 +84,8 @@ TEST_F(OrderingRun, FilesOfEarlierRunsInAnyCombination) {
 TEST_F(OrderingRun, MethodsOneAfterTheOther) {
     two_traits();
     const double truth = loglike("");
-    for (const char* option : {"--amd", "--metis", "--mmd", "--metis9", "", "--metisall", "--amd", "--metis12,200,3,2", "--mmd"})
+    for (const char* option :
+         {"--amd", "--metis", "--mmd", "--metis9", "", "--metisall", "--amd", "--metis12,200,3,2", "--mmd"})
         expect_relative(loglike(option), truth, 1e-12, option);
 }
 
@@ -109,9 +115,11 @@ TEST_F(OrderingRun, LargeCountsAreTold) {
     }
     write_file("data.dat", data);
     write_file("ped.dat", "1 0 0\n");
-    write_file("model.par", "PED ped.dat\nANA UNI\nDAT data.dat\n id 10\n pe 10\n a 499\n b 499\n c 499\n d 499\n y\nEND\n"
-                            "MOD\n RAN id NRM\n RAN a IDE\n RAN b IDE\n RAN c IDE\n RAN d IDE\n RAN pe PEQ\n TR y 1 -999\nEND\n"
-                            "VAR id 1\n 1\nVAR a 1\n 1\nVAR b 1\n 1\nVAR c 1\n 1\nVAR d 1\n 1\nVAR pe 1\n 0.5\nVAR residual 1\n 2\n");
+    write_file(
+        "model.par",
+        "PED ped.dat\nANA UNI\nDAT data.dat\n id 10\n pe 10\n a 499\n b 499\n c 499\n d 499\n y\nEND\n"
+        "MOD\n RAN id NRM\n RAN a IDE\n RAN b IDE\n RAN c IDE\n RAN d IDE\n RAN pe PEQ\n TR y 1 -999\nEND\n"
+        "VAR id 1\n 1\nVAR a 1\n 1\nVAR b 1\n 1\nVAR c 1\n 1\nVAR d 1\n 1\nVAR pe 1\n 0.5\nVAR residual 1\n 2\n");
     const std::string text = " ***** NB : Factorisation  of the MMM requires more than   1 billion operations !";
     auto result = finish("--setup");
     EXPECT_NE(result.output.find(text), std::string::npos) << result.output;
@@ -152,8 +160,10 @@ TEST_F(OrderingRun, DependentCovariable) {
     }
     write_file("data.dat", data);
     const auto set = [&](const std::string& covariables) {
-        write_file("model.par", "PED ped.dat\nANA UNI\nDAT data.dat\n animal 999\n herd 4\n age 40\n months 40\n y1\nEND\nMOD\n FIX herd\n" +
-                                    covariables + " RAN animal NRM\n TR y1 1 -999\nEND\nVAR animal 1\n 4.5\nVAR residual 1\n 6.0\n");
+        write_file("model.par", "PED ped.dat\nANA UNI\nDAT data.dat\n animal 999\n herd 4\n age 40\n months 40\n "
+                                "y1\nEND\nMOD\n FIX herd\n" +
+                                    covariables +
+                                    " RAN animal NRM\n TR y1 1 -999\nEND\nVAR animal 1\n 4.5\nVAR residual 1\n 6.0\n");
         fresh();
     };
     set(" COV age(1,POL)\n");

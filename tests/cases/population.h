@@ -1,5 +1,5 @@
-// A small generated population with pedigree and records, texts of its input files, and the restricted log likelihood of a
-// model on it from dense matrices.
+// A small generated population with pedigree and records, texts of its input files, and the restricted log likelihood
+// of a model on it from dense matrices.
 #pragma once
 #include "support/fixture.h"
 #include "support/pedigree_model.h"
@@ -59,8 +59,8 @@ struct population {
     }
 };
 
-// Founders without records, then animals with 1 to `repeats` records in 1 to 3 traits; a share of the traits is missing.
-// Heritability is about 0.4, the genetic correlation about 0.5.
+// Founders without records, then animals with 1 to `repeats` records in 1 to 3 traits; a share of the traits is
+// missing. Heritability is about 0.4, the genetic correlation about 0.5.
 inline population make_population(int n, int ntraits, int repeats, double missing_share, unsigned seed) {
     population p;
     p.ntraits = ntraits;

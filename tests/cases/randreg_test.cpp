@@ -1,4 +1,5 @@
-// Whole runs of random regression analyses: bases, fixed curves, reduced rank, reports along the control variable, faults.
+// Whole runs of random regression analyses: bases, fixed curves, reduced rank, reports along the control variable,
+// faults.
 #include "case_run.h"
 #include "population.h"
 
@@ -23,15 +24,17 @@ protected:
         obs_ = observations_of(p_);
     }
     static void parameters(const std::string& blocks, const std::string& analysis = "RR") {
-        write_file("model.par", "PED ped.dat\nANA " + analysis +
-                                    "\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y1\nEND\n" +
-                                    blocks);
+        write_file("model.par",
+                   "PED ped.dat\nANA " + analysis +
+                       "\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y1\nEND\n" +
+                       blocks);
     }
     // Both effects on bases of their own.
     static void two_effects(const std::string& animal, const std::string& perm, const std::string& fixed = "") {
-        parameters("MOD\n FIX herd\n" + fixed + " RAN animal(" + animal + ") NRM\n RAN perm(" + perm +
-                   ") IDE\n RRC age\n TR y1 1 -999\nEND\nVAR animal 2\n 4.0 0.5 2.0\nVAR perm 3\n 1.5 0.2 0.1 1.0 0.1 0.8\n"
-                   "VAR residual 1 HOM\n 5.0\n");
+        parameters(
+            "MOD\n FIX herd\n" + fixed + " RAN animal(" + animal + ") NRM\n RAN perm(" + perm +
+            ") IDE\n RRC age\n TR y1 1 -999\nEND\nVAR animal 2\n 4.0 0.5 2.0\nVAR perm 3\n 1.5 0.2 0.1 1.0 0.1 0.8\n"
+            "VAR residual 1 HOM\n 5.0\n");
     }
     double start(const std::string& options = "--aireml1") const { return loglike_at_start(finish(options).output); }
     double truth(const basis& animal, const basis& perm, const dense& x) const {
@@ -44,7 +47,8 @@ protected:
                 double sum = i == j ? 5.0 : 0.0;
                 for (std::size_t c = 0; c < 2; ++c)
                     for (std::size_t d = 0; d < 2; ++d)
-                        sum += phi[c] * psi[d] * g[c][d] * a_[static_cast<std::size_t>(r.code - 1)][static_cast<std::size_t>(s.code - 1)];
+                        sum += phi[c] * psi[d] * g[c][d] *
+                               a_[static_cast<std::size_t>(r.code - 1)][static_cast<std::size_t>(s.code - 1)];
                 for (std::size_t c = 0; c < 3 && r.code == s.code; ++c)
                     for (std::size_t d = 0; d < 3; ++d) sum += pe[c] * qe[d] * q[c][d];
                 v[i][j] = sum;
@@ -180,7 +184,8 @@ TEST_F(RandomRegression, NestedCurves) {
 TEST_F(RandomRegression, FixedSpline) {
     for (const int degree : {1, 2, 3}) {
         const std::string letter(1, " LQC"[degree]);
-        parameters("MOD\n COV age(5,BSP" + letter + ")\n RAN animal(2,LEG) NRM\n RAN perm(3,LEG) IDE\n RRC age\n TR y1 1 -999\nEND\n"
+        parameters("MOD\n COV age(5,BSP" + letter +
+                   ")\n RAN animal(2,LEG) NRM\n RAN perm(3,LEG) IDE\n RRC age\n TR y1 1 -999\nEND\n"
                    "VAR animal 2\n 4.0 0.5 2.0\nVAR perm 3\n 1.5 0.2 0.1 1.0 0.1 0.8\nVAR residual 1 HOM\n 5.0\n");
         dense x;
         for (const auto& o : obs_) x.push_back(splines(5, degree)(p_.records[o.record].age));
@@ -202,7 +207,8 @@ TEST_F(RandomRegression, AllSearchesReachOneMaximum) {
                "VAR residual 1 HET 2 age\n 20 28 4.0\n 29 38 6.0\n");
     finish("--aireml200,1e-9");
     const auto best = read_best_point();
-    for (const std::string& options : std::vector<std::string>{"", "--pxai3,100,1e-8", "--emai3,100,1e-8", "--emalg200,1e-6", "--pxem200,1e-6"}) {
+    for (const std::string& options :
+         std::vector<std::string>{"", "--pxai3,100,1e-8", "--emai3,100,1e-8", "--emalg200,1e-6", "--pxem200,1e-6"}) {
         SCOPED_TRACE(options);
         std::filesystem::remove("BestPoint");
         const auto list = iterates_of(finish(options).output);
@@ -210,12 +216,16 @@ TEST_F(RandomRegression, AllSearchesReachOneMaximum) {
             if (list[i].kind != "AI") {
                 EXPECT_GE(list[i].loglike, list[i - 1].loglike - 1e-6) << i;
             }
-        EXPECT_NEAR(read_best_point().loglike, best.loglike, options.starts_with("--emalg") ? 0.2 : options.starts_with("--pxem") ? 0.05 : 2e-3);
+        EXPECT_NEAR(read_best_point().loglike, best.loglike,
+                    options.starts_with("--emalg")  ? 0.2
+                    : options.starts_with("--pxem") ? 0.05
+                                                    : 2e-3);
     }
 }
 
 TEST_F(RandomRegression, ReducedRank) {
-    parameters("MOD\n FIX herd\n RAN animal(3,LEG) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 3 1\n 9.0 3.0 1.5 1.0 0.5 0.25\n"
+    parameters("MOD\n FIX herd\n RAN animal(3,LEG) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 3 1\n 9.0 3.0 1.5 1.0 "
+               "0.5 0.25\n"
                "VAR residual 1 HOM\n 5.0\n",
                "RR PC");
     dense v(obs_.size(), std::vector<double>(obs_.size()));
@@ -223,8 +233,9 @@ TEST_F(RandomRegression, ReducedRank) {
         for (std::size_t j = 0; j < obs_.size(); ++j) {
             const auto &r = p_.records[obs_[i].record], &s = p_.records[obs_[j].record];
             const auto f = legendre(3)(r.age), g = legendre(3)(s.age);
-            v[i][j] = (i == j ? 5.0 : 0.0) + (3.0 * f[0] + f[1] + 0.5 * f[2]) * (3.0 * g[0] + g[1] + 0.5 * g[2]) *
-                                                 a_[static_cast<std::size_t>(r.code - 1)][static_cast<std::size_t>(s.code - 1)];
+            v[i][j] = (i == j ? 5.0 : 0.0) +
+                      (3.0 * f[0] + f[1] + 0.5 * f[2]) * (3.0 * g[0] + g[1] + 0.5 * g[2]) *
+                          a_[static_cast<std::size_t>(r.code - 1)][static_cast<std::size_t>(s.code - 1)];
         }
     expect_relative(start(), dense_reml(obs_, herds_and_age(p_, obs_), v), 1e-8, "log L");
     std::filesystem::remove("BestPoint");
@@ -256,7 +267,8 @@ TEST_F(RandomRegression, VariancesAlongTheControlVariable) {
         std::vector<double> numbers;
         for (std::size_t k = 2; k < w.size(); ++k) numbers.push_back(number_of(w[k]));
         const auto has = [&](double x) {
-            return std::any_of(numbers.begin(), numbers.end(), [&](double n) { return std::fabs(n - x) <= 2e-5 * std::fabs(x); });
+            return std::any_of(numbers.begin(), numbers.end(),
+                               [&](double n) { return std::fabs(n - x) <= 2e-5 * std::fabs(x); });
         };
         EXPECT_TRUE(has(variance)) << line << " : " << variance;
         EXPECT_TRUE(has(residual)) << line << " : " << residual;
@@ -277,9 +289,12 @@ protected:
         a_ = tabular(p_.sire, p_.dam);
         obs_ = observations_of(p_);
     }
-    static void two_controls(const std::string& perm, const std::string& residual = "VAR residual 1 HET 2 parity\n 1 1 4.0\n 2 3 6.0\n") {
-        parameters("MOD\n FIX herd\n RAN animal(2,LEG,age) NRM\n RAN perm(" + perm +
-                   ") IDE\n RRC age\n RRC parity\n TR y1 1 -999\nEND\nVAR animal 2\n 4.0 0.5 2.0\nVAR perm 2\n 1.5 0.2 0.8\n" + residual);
+    static void two_controls(const std::string& perm,
+                             const std::string& residual = "VAR residual 1 HET 2 parity\n 1 1 4.0\n 2 3 6.0\n") {
+        parameters(
+            "MOD\n FIX herd\n RAN animal(2,LEG,age) NRM\n RAN perm(" + perm +
+            ") IDE\n RRC age\n RRC parity\n TR y1 1 -999\nEND\nVAR animal 2\n 4.0 0.5 2.0\nVAR perm 2\n 1.5 0.2 0.8\n" +
+            residual);
     }
     double by_two(const basis& perm, double first, double later) const {
         const dense g{{4.0, 0.5}, {0.5, 2.0}}, q{{1.5, 0.2}, {0.2, 0.8}};
@@ -291,7 +306,8 @@ protected:
                 double sum = i != j ? 0.0 : r.parity == 1 ? first : later;
                 for (std::size_t c = 0; c < 2; ++c)
                     for (std::size_t d = 0; d < 2; ++d) {
-                        sum += phi[c] * psi[d] * g[c][d] * a_[static_cast<std::size_t>(r.code - 1)][static_cast<std::size_t>(s.code - 1)];
+                        sum += phi[c] * psi[d] * g[c][d] *
+                               a_[static_cast<std::size_t>(r.code - 1)][static_cast<std::size_t>(s.code - 1)];
                         if (r.code == s.code) sum += pe[c] * qe[d] * q[c][d];
                     }
                 v[i][j] = sum;
@@ -305,12 +321,15 @@ TEST_F(TwoControls, Likelihood) {
     expect_relative(start(), by_two(powers(2), 4.0, 6.0), 1e-8, "powers of the second variable");
     two_controls("2,parity"); // a variable alone stands for powers
     expect_relative(start(), by_two(powers(2), 4.0, 6.0), 1e-8, "the variable alone");
-    const basis scaled = [](double parity) { return std::vector<double>{std::sqrt(0.5), std::sqrt(1.5) * (parity - 2.0)}; };
+    const basis scaled = [](double parity) {
+        return std::vector<double>{std::sqrt(0.5), std::sqrt(1.5) * (parity - 2.0)};
+    };
     two_controls("2,LEG,parity");
     expect_relative(start(), by_two(scaled, 4.0, 6.0), 1e-8, "Legendre polynomials of the second variable");
     two_controls("2,LEG,parity", "VAR residual 1 HOM\n 5.0\n");
     expect_relative(start(), by_two(scaled, 5.0, 5.0), 1e-8, "one residual variance");
-    EXPECT_EQ(read_file("parity_LEG2.baf"), "       1  0.707107 -1.224745\n       2  0.707107  0.000000\n       3  0.707107  1.224745\n");
+    EXPECT_EQ(read_file("parity_LEG2.baf"),
+              "       1  0.707107 -1.224745\n       2  0.707107  0.000000\n       3  0.707107  1.224745\n");
     for (const char* wrong : {"2,LEG", "2,LEG,herd"}) {
         two_controls(wrong);
         const auto result = run("--aireml1");
@@ -329,7 +348,8 @@ TEST_F(TwoControls, ReportsAlongEach) {
     ASSERT_EQ(lines.size(), 1u + 2u + 19u + 2u + 3u);
     EXPECT_EQ(lines[0], "Variance components for trait no.  1");
     EXPECT_EQ(lines[1], "Control variable age");
-    EXPECT_EQ(words_of(lines[2]), (std::vector<std::string>{"Level", "Value", "animal"})); // residual classes go by parity
+    EXPECT_EQ(words_of(lines[2]),
+              (std::vector<std::string>{"Level", "Value", "animal"})); // residual classes go by parity
     EXPECT_EQ(lines[22], "Control variable parity");
     EXPECT_EQ(words_of(lines[23]), (std::vector<std::string>{"Level", "Value", "perm", "Residual"}));
     for (int a = 1; a <= 19; ++a) {
@@ -338,7 +358,8 @@ TEST_F(TwoControls, ReportsAlongEach) {
         ASSERT_EQ(w.size(), 4u);
         EXPECT_EQ(number_of(w[0]), a);
         EXPECT_EQ(number_of(w[1]), 19 + a);
-        expect_relative(number_of(w[2]), f[0] * f[0] * k[2] + 2 * f[0] * f[1] * k[3] + f[1] * f[1] * k[4], 1e-5, "animal");
+        expect_relative(number_of(w[2]), f[0] * f[0] * k[2] + 2 * f[0] * f[1] * k[3] + f[1] * f[1] * k[4], 1e-5,
+                        "animal");
     }
     for (int a = 1; a <= 3; ++a) {
         const auto w = words_of(lines[static_cast<std::size_t>(a + 23)]);
@@ -364,19 +385,24 @@ TEST_F(RandomRegression, FaultsAreTold) {
     const auto fault = [&](const std::string& words) {
         const auto result = run("--aireml2");
         EXPECT_EQ(result.status, 1) << words;
-        EXPECT_NE(result.output.find(words), std::string::npos) << "\"" << words << "\" is not told:\n" << result.output;
+        EXPECT_NE(result.output.find(words), std::string::npos) << "\"" << words << "\" is not told:\n"
+                                                                << result.output;
         EXPECT_GT(lines_of(result.output).size(), 1u);
     };
-    const std::string model = "MOD\n FIX herd\n RAN animal(2,LEG) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 2\n 8.0 1.0 2.0\n";
+    const std::string model =
+        "MOD\n FIX herd\n RAN animal(2,LEG) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 2\n 8.0 1.0 2.0\n";
     parameters(model + "VAR residual 1 HET 2 age\n 20 28 4.0\n 29 35 6.0\n"); // 36 to 38 have no class
     fault("");
     parameters(model + "VAR residual 1 FUN\n 4.0\n");
     fault("");
-    parameters("MOD\n FIX herd\n RAN animal(2,SPL) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 2\n 8.0 1.0 2.0\nVAR residual 1 HOM\n 4.0\n");
+    parameters("MOD\n FIX herd\n RAN animal(2,SPL) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 2\n 8.0 1.0 2.0\nVAR "
+               "residual 1 HOM\n 4.0\n");
     fault("");
-    parameters("MOD\n FIX herd\n RAN animal(3,LEG) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 2\n 8.0 1.0 2.0\nVAR residual 1 HOM\n 4.0\n");
+    parameters("MOD\n FIX herd\n RAN animal(3,LEG) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 2\n 8.0 1.0 2.0\nVAR "
+               "residual 1 HOM\n 4.0\n");
     fault("Miss-match RR order of fit");
-    parameters("MOD\n FIX herd\n RAN animal(2,LEG) NRM\n TR y1 1 -999\nEND\nVAR animal 2\n 8.0 1.0 2.0\nVAR residual 1 HOM\n 4.0\n");
+    parameters("MOD\n FIX herd\n RAN animal(2,LEG) NRM\n TR y1 1 -999\nEND\nVAR animal 2\n 8.0 1.0 2.0\nVAR residual 1 "
+               "HOM\n 4.0\n");
     fault("No match for RR control variable found");
     parameters(model + "VAR residual 1 HOM\n 4.0\n");
     const std::string lines = p_.all_traits_lines();

@@ -1,4 +1,5 @@
-// Log likelihoods, estimates, sampling errors and solutions of whole runs against figures of independent programs and books.
+// Log likelihoods, estimates, sampling errors and solutions of whole runs against figures of independent programs and
+// books.
 #include "case_run.h"
 
 #include <cstdio>
@@ -32,7 +33,8 @@ protected:
             EXPECT_NEAR(labelled(report, "log determinant   ="), nrm["logdet"].number, 1e-8) << effect;
             if (std::isnan(labelled(report, "No. of inbred animals"))) continue; // inverse taken over from a run before
             EXPECT_EQ(labelled(report, "No. of inbred animals"), nrm["n_inbred"].number) << effect;
-            EXPECT_NEAR(labelled(report, "Average inbreeding coefficient"), nrm["mean_F_percent"].number, 5.1e-5) << effect;
+            EXPECT_NEAR(labelled(report, "Average inbreeding coefficient"), nrm["mean_F_percent"].number, 5.1e-5)
+                << effect;
         }
     }
 
@@ -53,10 +55,12 @@ protected:
             } else {
                 ++levels;
                 const auto at = std::find_if(found.levels.begin(), found.levels.end(), [&](const auto& l) {
-                    return l.trait == trait && l.effect == f["effect"].text && static_cast<double>(l.code) == f["code"].number;
+                    return l.trait == trait && l.effect == f["effect"].text &&
+                           static_cast<double>(l.code) == f["code"].number;
                 });
                 ASSERT_NE(at, found.levels.end()) << f["effect"].text << " code " << f["code"].number;
-                EXPECT_NEAR(at->solution, value, slack) << f["effect"].text << " code " << at->code << " trait " << trait;
+                EXPECT_NEAR(at->solution, value, slack)
+                    << f["effect"].text << " code " << at->code << " trait " << trait;
                 EXPECT_EQ(at->records, f["nrec"].number);
                 expect_relative(at->mean, f["mean"].number, 1e-4, "mean of a level");
             }
@@ -72,7 +76,8 @@ protected:
             const auto lines = read_random_solutions(effect);
             const auto nfit = static_cast<std::size_t>(figures["nfit"].number);
             const json& nrm = expected()["nrm"][effect];
-            const double nlev = whole_pedigree && nrm.has("n") ? nrm["without_pruning"]["n"].number : figures["nlev"].number;
+            const double nlev =
+                whole_pedigree && nrm.has("n") ? nrm["without_pruning"]["n"].number : figures["nlev"].number;
             EXPECT_EQ(static_cast<double>(lines.size()), nlev * figures["nfit"].number) << effect;
             for (const auto& line : lines) found[{line.code, line.iq}] = line.solution;
             for (const auto& level : figures["levels"].items)
@@ -112,7 +117,8 @@ protected:
         EXPECT_EQ(best.nparm, expected()["n_parameters"].number);
         for (std::size_t i = 0; i < components.size(); ++i) {
             const double value = components[i]["estimate"].number, error = components[i]["se"].number;
-            EXPECT_NEAR(best.values[i], value, std::max(relative * std::fabs(value), in_errors * error)) << "component " << i + 1;
+            EXPECT_NEAR(best.values[i], value, std::max(relative * std::fabs(value), in_errors * error))
+                << "component " << i + 1;
         }
     }
 
@@ -132,7 +138,8 @@ protected:
         ASSERT_EQ(information.size(), truth.size());
         for (std::size_t i = 0; i < truth.size(); ++i)
             for (std::size_t j = 0; j <= i; ++j)
-                EXPECT_NEAR(information[i][j], truth[i][j].number, 0.01 * std::sqrt(truth[i][i].number * truth[j][j].number))
+                EXPECT_NEAR(information[i][j], truth[i][j].number,
+                            0.01 * std::sqrt(truth[i][i].number * truth[j][j].number))
                     << "average information " << i + 1 << " " << j + 1;
     }
 };
@@ -142,7 +149,8 @@ TEST_P(Reference, LogLikelihoodAtTheStart) {
     check_start(result);
     check_nrm(true);
     const json& dependent = expected()["dependent"];
-    EXPECT_EQ(result.output.find("LSQ : additional dependency") != std::string::npos, dependent.size() > 0) << result.output;
+    EXPECT_EQ(result.output.find("LSQ : additional dependency") != std::string::npos, dependent.size() > 0)
+        << result.output;
 }
 
 TEST_P(Reference, SolutionsAtTheStart) {
@@ -211,14 +219,15 @@ TEST_P(Reference, WithoutPruning) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, Reference,
-                         testing::Values("milk_uni", "textbook_uni", "textbook_rep", "textbook_biv", "milk_rep", "milk_biv",
-                                         "rr_chick", "rr_small", "rr_milk"),
+                         testing::Values("milk_uni", "textbook_uni", "textbook_rep", "textbook_biv", "milk_rep",
+                                         "milk_biv", "rr_chick", "rr_small", "rr_milk"),
                          [](const auto& at) { return std::string(at.param); });
 
 // Figures as printed in the book.
 class Textbook : public CaseRun {
 protected:
-    void expect_printed(const std::vector<double>& found, const std::vector<double>& printed, double digits = 5.1e-4) const {
+    void expect_printed(const std::vector<double>& found, const std::vector<double>& printed,
+                        double digits = 5.1e-4) const {
         ASSERT_EQ(found.size(), printed.size());
         for (std::size_t i = 0; i < printed.size(); ++i) EXPECT_NEAR(found[i], printed[i], digits) << i + 1;
     }
@@ -258,8 +267,8 @@ TEST_F(Textbook, TwoTraits) {
     expect_printed({random("animal", 1).at(7), random("animal", 2).at(7)}, {0.244, 0.392});
 }
 
-// Sampling errors of solutions and accuracies of the animal model, by the inverse of the eight-animal system of equations
-// written out densely.
+// Sampling errors of solutions and accuracies of the animal model, by the inverse of the eight-animal system of
+// equations written out densely.
 TEST_F(Textbook, ErrorsOfSolutions) {
     ASSERT_TRUE(bring("textbook_uni"));
     finish("--blup");
@@ -292,9 +301,9 @@ TEST_F(Textbook, ErrorsOfSolutions) {
     }
 }
 
-// Every step of AI-REML on five records, from starting values far off, where the estimates go to the border of the parameter
-// space: log L, norm of the gradient, change of the parameters, half the slope, step length and addition to the diagonal as a
-// separate calculation on the dense matrices gives them.
+// Every step of AI-REML on five records, from starting values far off, where the estimates go to the border of the
+// parameter space: log L, norm of the gradient, change of the parameters, half the slope, step length and addition to
+// the diagonal as a separate calculation on the dense matrices gives them.
 struct step {
     double loglike, dnorm, pnorm, prox, alpha, tau;
 };

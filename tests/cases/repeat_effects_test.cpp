@@ -21,15 +21,18 @@ protected:
         write_file("data.dat", p_.one_trait_lines());
         std::string text = "PED ped.dat\nANA MUV 2\nDAT data.dat\n";
         for (int t = 1; t <= 2; ++t)
-            text += " TR" + std::to_string(t) + " qno\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y" +
-                    std::to_string(t) + "\n";
+            text += " TR" + std::to_string(t) +
+                    " qno\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y" + std::to_string(t) +
+                    "\n";
         write_file("model.par", text + "END\n" + blocks);
     }
     void put_one_trait(const std::string& effects, const std::string& blocks) const {
         write_file("data.dat", p_.all_traits_lines());
         const std::string pedigree = effects.find("NRM") == std::string::npos ? "" : "PED ped.dat\n";
-        write_file("model.par", pedigree + "ANA UNI\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n"
-                                " age 40\n y1\n y2\nEND\nMOD\n FIX herd\n" + effects + " TR y1 1 -999\nEND\n" + blocks);
+        write_file("model.par", pedigree +
+                                    "ANA UNI\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n"
+                                    " age 40\n y1\n y2\nEND\nMOD\n FIX herd\n" +
+                                    effects + " TR y1 1 -999\nEND\n" + blocks);
     }
     // Restricted log likelihood with matrices e of the residual, b of the repeat effect, g of the animals.
     double truth(const double (&e)[2][2], const double (&b)[2][2], const double (&g)[2][2]) const {
@@ -57,7 +60,8 @@ protected:
 
 TEST_F(RepeatRuns, TwoTraits) {
     put(animals_ + " RAN perm PEQ\n" + traits_ + "VAR perm 2\n 1.5 0.2\n 1.25\nVAR residual 2\n 6.0 0.4\n 5.5\n");
-    expect_relative(start(), truth({{6.0, 0.4}, {0.4, 5.5}}, {{1.5, 0.2}, {0.2, 1.25}}, {{4.5, 1.5}, {1.5, 3.5}}), 1e-8, "log L");
+    expect_relative(start(), truth({{6.0, 0.4}, {0.4, 5.5}}, {{1.5, 0.2}, {0.2, 1.25}}, {{4.5, 1.5}, {1.5, 3.5}}), 1e-8,
+                    "log L");
     // the order of the blocks does not matter
     std::filesystem::remove("BestPoint");
     put(animals_ + " RAN perm PEQ\n TR y1 1 -999\n TR y2 2 -999\nEND\nVAR residual 2\n 6.0 0.4\n 5.5\n"
@@ -68,7 +72,8 @@ TEST_F(RepeatRuns, TwoTraits) {
 
 TEST_F(RepeatRuns, EffectOfTheSecondTraitOnly) {
     put(animals_ + " RAN perm PEQ 2\n" + traits_ + "VAR perm 1\n 1.25\nVAR residual 2\n 6.0 0.4\n 5.5\n");
-    expect_relative(start(), truth({{6.0, 0.4}, {0.4, 5.5}}, {{0.0, 0.0}, {0.0, 1.25}}, {{4.5, 1.5}, {1.5, 3.5}}), 1e-8, "log L");
+    expect_relative(start(), truth({{6.0, 0.4}, {0.4, 5.5}}, {{0.0, 0.0}, {0.0, 1.25}}, {{4.5, 1.5}, {1.5, 3.5}}), 1e-8,
+                    "log L");
     std::filesystem::remove("BestPoint");
     finish("--aireml200,1e-9");
     const auto best = read_best_point();
@@ -109,9 +114,10 @@ TEST_F(RepeatRuns, OneRepeatEffectAndNotInRandomRegressions) {
     auto result = run("--aireml1");
     EXPECT_EQ(result.status, 1);
     EXPECT_NE(result.output.find(notyet), std::string::npos) << result.output;
-    write_file("model.par", "PED ped.dat\nANA RR\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n"
-                            " age 40\n y1\n y2\nEND\nMOD\n FIX herd\n RAN animal(1,LEG) NRM\n RAN perm(1,LEG) PEQ\n RRC age\n"
-                            " TR y1 1 -999\nEND\nVAR animal 1\n 4.5\nVAR perm 1\n 1.5\nVAR residual 1 HOM\n 5.0\n");
+    write_file("model.par",
+               "PED ped.dat\nANA RR\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n"
+               " age 40\n y1\n y2\nEND\nMOD\n FIX herd\n RAN animal(1,LEG) NRM\n RAN perm(1,LEG) PEQ\n RRC age\n"
+               " TR y1 1 -999\nEND\nVAR animal 1\n 4.5\nVAR perm 1\n 1.5\nVAR residual 1 HOM\n 5.0\n");
     result = run("--aireml1");
     EXPECT_EQ(result.status, 1);
     EXPECT_NE(result.output.find(notyet), std::string::npos) << result.output;
@@ -129,7 +135,8 @@ TEST_F(RepeatRuns, NoOtherRandomEffect) {
     dense v(obs.size(), std::vector<double>(obs.size()));
     for (std::size_t i = 0; i < obs.size(); ++i)
         for (std::size_t j = 0; j < obs.size(); ++j)
-            v[i][j] = (i == j ? 5.0 : 0.0) + (q.records[obs[i].record].code == q.records[obs[j].record].code ? 1.5 : 0.0);
+            v[i][j] =
+                (i == j ? 5.0 : 0.0) + (q.records[obs[i].record].code == q.records[obs[j].record].code ? 1.5 : 0.0);
     expect_relative(start(), dense_reml(obs, herds_and_age(q, obs), v), 1e-8, "log L");
 }
 

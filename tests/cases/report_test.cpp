@@ -14,7 +14,8 @@ protected:
         p_ = make_population(120, 2, 1, 0.1, 97);
         write_file("ped.dat", p_.pedigree());
         write_file("data.dat", p_.all_traits_lines());
-        write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y1\n y2\n"
+        write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n "
+                                "parity 3\n age 40\n y1\n y2\n"
                                 "END\nMOD EQ\n FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n"
                                 "VAR animal 2\n 4.0 2.0 4.0\nVAR residual 2\n 6.0 0.5 6.0\n");
     }
@@ -34,14 +35,16 @@ TEST_F(Report, WithoutAiRemlThereAreNoErrorsAndNoCriteria) {
         EXPECT_FALSE(has("sampling er")) << options;
         EXPECT_FALSE(has("Convergence criteria")) << options;
         EXPECT_FALSE(has("... not estimated")) << options;
-        const double aic = labelled("SumEstimates.out", "-1/2 AIC & AICC"), log_l = labelled("SumEstimates.out", "Maximum log L");
+        const double aic = labelled("SumEstimates.out", "-1/2 AIC & AICC"),
+                     log_l = labelled("SumEstimates.out", "Maximum log L");
         EXPECT_NEAR(aic, log_l - 6.0, 0.0011) << options; // all parameters count
     }
 }
 
 TEST_F(Report, IterationsThatRanOutAreTold) {
     finish("--aireml1,1e-12");
-    EXPECT_TRUE(has("\n*** \"Tarvex\" : Full convergence has not been achieved \n               Treat results with caution !!!  \n"));
+    EXPECT_TRUE(has("\n*** \"Tarvex\" : Full convergence has not been achieved \n               Treat results with "
+                    "caution !!!  \n"));
 }
 
 TEST_F(Report, BestPointHasNoErrors) {
@@ -56,12 +59,14 @@ TEST_F(Report, BestPointHasNoErrors) {
 }
 
 TEST_F(Report, ReportsThatCannotBeWrittenAreFaults) {
-    for (const char* name : {"FixSolutions.out", "RnSoln_animal.dat", "Residuals.dat", "SumEstimates.out", "SumModel.out"}) {
+    for (const char* name :
+         {"FixSolutions.out", "RnSoln_animal.dat", "Residuals.dat", "SumEstimates.out", "SumModel.out"}) {
         std::filesystem::remove(name);
         std::filesystem::create_directory(name);
         const auto result = run("--aireml2");
         EXPECT_EQ(result.status, 1) << name;
-        EXPECT_NE(result.output.find("Error opening file \"" + std::string(name) + "\"\n"), std::string::npos) << result.output;
+        EXPECT_NE(result.output.find("Error opening file \"" + std::string(name) + "\"\n"), std::string::npos)
+            << result.output;
         std::filesystem::remove(name);
     }
     finish("--aireml2");
@@ -86,7 +91,9 @@ TEST_F(Report, ErrorsFollowTheUnits) {
     ASSERT_EQ(before.size(), 9u);
     const double factor[] = {1e4, 1e2, 1};
     for (std::size_t i = 0; i < before.size(); ++i) {
-        EXPECT_NEAR(after[i].value, factor[i % 3] * before[i].value, 2e-3 * std::fabs(after[i].value) + 1e-3 * factor[i % 3]) << i;
+        EXPECT_NEAR(after[i].value, factor[i % 3] * before[i].value,
+                    2e-3 * std::fabs(after[i].value) + 1e-3 * factor[i % 3])
+            << i;
         EXPECT_NEAR(after[i].error, factor[i % 3] * before[i].error, 2e-3 * after[i].error) << i;
         if (i < 6) {
             EXPECT_NEAR(after[i].ratio_error, before[i].ratio_error, 0.0021) << i;

@@ -1,5 +1,5 @@
-// Runs in a directory that earlier runs have used: what still holds is taken over and told, what is stale, torn or foreign
-// is made anew, and the figures are those of a fresh directory.
+// Runs in a directory that earlier runs have used: what still holds is taken over and told, what is stale, torn or
+// foreign is made anew, and the figures are those of a fresh directory.
 #include "case_run.h"
 #include "population.h"
 
@@ -24,10 +24,11 @@ protected:
         write_file("data.dat", p.all_traits_lines());
     }
     static void parameters(const std::string& analysis, const std::string& animal) {
-        write_file("model.par", "PED ped.dat\nANA " + analysis +
-                                    "\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y1\n y2\nEND\n"
-                                    "MOD EQ\n FIX herd\n COV age(1,POL)\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n" +
-                                    animal + "VAR residual 2\n 6.0 0.5 5.5\n");
+        write_file("model.par",
+                   "PED ped.dat\nANA " + analysis +
+                       "\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y1\n y2\nEND\n"
+                       "MOD EQ\n FIX herd\n COV age(1,POL)\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n" +
+                       animal + "VAR residual 2\n 6.0 0.5 5.5\n");
     }
     void expect_same(const char* what) const {
         std::filesystem::remove("BestPoint");
@@ -44,7 +45,8 @@ TEST_F(Reuse, SecondRunTakesOverWhatStillHolds) {
     const auto result = finish("--aireml50,1e-8");
     EXPECT_NE(result.output.find("NRM inverse found"), std::string::npos) << result.output;
     EXPECT_NE(result.output.find("Previous equation ordering found"), std::string::npos) << result.output;
-    EXPECT_NE(result.output.find("***AI iterate     0"), std::string::npos) << "a best point that is not asked for is not used";
+    EXPECT_NE(result.output.find("***AI iterate     0"), std::string::npos)
+        << "a best point that is not asked for is not used";
     expect_best(best_, 1e-6, 1e-4);
 }
 
@@ -127,8 +129,8 @@ TEST_F(Reuse, ContinuationStartsAtTheBestPoint) {
 
 TEST_F(Reuse, BestPointThatIsTornOrForeignIsPassedOver) {
     const std::string whole = read_file("BestPoint");
-    for (const std::string& text : {std::string(), whole.substr(0, whole.size() / 2), std::string("-1.0 5\n1 2 3\n4 5\n"),
-                                   std::string("no numbers at all\n")}) {
+    for (const std::string& text : {std::string(), whole.substr(0, whole.size() / 2),
+                                    std::string("-1.0 5\n1 2 3\n4 5\n"), std::string("no numbers at all\n")}) {
         write_file("BestPoint", text);
         const auto list = iterates_of(finish("-c --aireml50,1e-8").output);
         ASSERT_FALSE(list.empty());

@@ -20,7 +20,8 @@ protected:
         parameters("model.par", "data.dat", "", "y");
         write_file("RandomSeeds", "12345 67890\n");
     }
-    static void parameters(const std::string& file, const std::string& data, const std::string& columns, const std::string& trait) {
+    static void parameters(const std::string& file, const std::string& data, const std::string& columns,
+                           const std::string& trait) {
         write_file(file, "PED ped.dat\nANA MUV 2\nDAT " + data +
                              "\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y1\n y2\n" + columns +
                              "END\nMOD EQ\n FIX herd\n RAN animal NRM\n TR " + trait + "1 1 -999\n TR " + trait +
@@ -39,7 +40,8 @@ TEST_F(Simulate, LinesOfTheDataGetNewValues) {
     for (std::size_t i = 0; i < given.size(); ++i) {
         const auto old = words_of(given[i]), now = words_of(simulated[i]);
         ASSERT_EQ(old.size() + 2, now.size()) << simulated[i];
-        for (std::size_t k = 0; k < old.size(); ++k) EXPECT_NEAR(number_of(now[k]), number_of(old[k]), 1e-6) << simulated[i];
+        for (std::size_t k = 0; k < old.size(); ++k)
+            EXPECT_NEAR(number_of(now[k]), number_of(old[k]), 1e-6) << simulated[i];
         for (std::size_t t = 0; t < 2; ++t)
             EXPECT_EQ(number_of(old[6 + t]) == -999.0, number_of(now[8 + t]) == -999.0) << simulated[i];
     }
@@ -60,11 +62,13 @@ TEST_F(Simulate, SameSeedsGiveTheSameFiles) {
 }
 
 TEST_F(Simulate, WithoutReadableSeedsTheClockSetsThem) {
-    for (const char* text : {"abc def\n", "12345\n", "0 5\n", "5 -1\n", "2147483563 5\n", "5 2147483399\n", "99999999999 5\n", ""}) {
+    for (const char* text :
+         {"abc def\n", "12345\n", "0 5\n", "5 -1\n", "2147483563 5\n", "5 2147483399\n", "99999999999 5\n", ""}) {
         write_file("RandomSeeds", text);
         std::filesystem::remove("nrminvers1.bin");
         const auto result = finish("--simul");
-        EXPECT_NE(result.output.find("Error reading random seeds from \"RandomSeeds\""), std::string::npos) << result.output;
+        EXPECT_NE(result.output.find("Error reading random seeds from \"RandomSeeds\""), std::string::npos)
+            << result.output;
         EXPECT_NE(result.output.find(" ... switching to initialisation from clock"), std::string::npos);
         EXPECT_EQ(words_of(read_file("RandomSeeds")).size(), 2u);
     }
@@ -73,8 +77,10 @@ TEST_F(Simulate, WithoutReadableSeedsTheClockSetsThem) {
 // Effects by level first, then the residuals of the records: exact values from the stream of the printed seeds.
 TEST_F(Simulate, ValuesFollowTheStreamToTheBit) {
     write_file("data.dat", "1 5\n2 6\n2 7\n");
-    write_file("model.par", "ANA UNI\nDAT data.dat\n animal 9\n y\nEND\nMOD\n MEA\n RAN animal IDE\n TR y 1 -999\nEND\nVAR animal 1\n 4.0\n"
-                            "VAR residual 1\n 9.0\n");
+    write_file(
+        "model.par",
+        "ANA UNI\nDAT data.dat\n animal 9\n y\nEND\nMOD\n MEA\n RAN animal IDE\n TR y 1 -999\nEND\nVAR animal 1\n 4.0\n"
+        "VAR residual 1\n 9.0\n");
     finish("--simul2");
     setall(12345, 67890);
     for (const char* file : {"SimData001.dat", "SimData002.dat"}) {
@@ -99,7 +105,9 @@ TEST_F(Simulate, EffectsThatCannotBeSimulatedAreRefused) {
     write_file("model.par", text + "VAR perm 2\n 1.0 0.1 1.0\n");
     auto result = run("--simul");
     EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.output.find("Cannot simulate data for this random effect :  perm 2  with covariance structure   PEQ\n"), std::string::npos)
+    EXPECT_NE(
+        result.output.find("Cannot simulate data for this random effect :  perm 2  with covariance structure   PEQ\n"),
+        std::string::npos)
         << result.output;
     EXPECT_FALSE(std::filesystem::exists("SimData001.dat"));
     std::string inverse = "0.0\n", codes; // the identity
@@ -115,7 +123,9 @@ TEST_F(Simulate, EffectsThatCannotBeSimulatedAreRefused) {
     write_file("model.par", text.replace(text.find("NRM"), 3, "GIN"));
     result = run("--simul");
     EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.output.find("Cannot simulate data for this random effect :  animal 1  with covariance structure   GIN\n"), std::string::npos)
+    EXPECT_NE(result.output.find(
+                  "Cannot simulate data for this random effect :  animal 1  with covariance structure   GIN\n"),
+              std::string::npos)
         << result.output;
 }
 
@@ -186,10 +196,12 @@ TEST_F(Simulate, LinesOfOneTraitShareTheirResiduals) {
     write_file("data.dat", "# head\n# of the file\n" + lines + "1 5 5 0 1 1 20 -999\n"); // the last one has no record
     std::string columns;
     for (const char* t : {"1", "2"})
-        columns += std::string(" TR") + t + " tno\n animal 9999\n perm 9999\n dam 9999\n herd 4\n parity 3\n age 40\n y\n";
-    std::string text = "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + columns +
-                       "END\nMOD\n FIX herd\n RAN animal NRM\n TR y 1 -999\n TR y 2 -999\nEND\nVAR animal 2\n 0.0001 0 0.0001\n"
-                       "VAR residual 2\n 4.0 4.8 9.0\n";
+        columns +=
+            std::string(" TR") + t + " tno\n animal 9999\n perm 9999\n dam 9999\n herd 4\n parity 3\n age 40\n y\n";
+    std::string text =
+        "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + columns +
+        "END\nMOD\n FIX herd\n RAN animal NRM\n TR y 1 -999\n TR y 2 -999\nEND\nVAR animal 2\n 0.0001 0 0.0001\n"
+        "VAR residual 2\n 4.0 4.8 9.0\n";
     write_file("model.par", text);
     finish("--simul");
     const auto given = lines_of(lines), found = lines_of(read_file("SimData001.dat"));
@@ -224,7 +236,8 @@ TEST_F(Simulate, CorrelatedDirectAndMaternalEffects) {
         }
     write_file("ped.dat", pedigree);
     write_file("data.dat", data);
-    write_file("model.par", "PED ped.dat\nANA UNI\nDAT data.dat\n animal 9999\n dam 9999\n y\nEND\nMOD\n MEA\n RAN animal NRM\n RAN dam NRM\n"
+    write_file("model.par", "PED ped.dat\nANA UNI\nDAT data.dat\n animal 9999\n dam 9999\n y\nEND\nMOD\n MEA\n RAN "
+                            "animal NRM\n RAN dam NRM\n"
                             " TR y 1 -999\nEND\nVAR animal+dam 2\n 4.0 -1.5\n 2.0\nVAR residual 1\n 1.0\n");
     finish("--simul4");
     double v = 0, c = 0;
@@ -248,7 +261,8 @@ TEST_F(Simulate, RandomRegression) {
     for (int i = 1; i <= n; ++i)
         for (int age : {2, 4, 10}) data += std::to_string(i) + " " + std::to_string(age) + " 5\n";
     write_file("data.dat", data);
-    write_file("model.par", "ANA RR\nDAT data.dat\n animal 9999\n age 20\n y\nEND\nMOD\n MEA\n RAN animal(2,LEG) IDE\n RRC age\n TR y 1 -999\nEND\n"
+    write_file("model.par", "ANA RR\nDAT data.dat\n animal 9999\n age 20\n y\nEND\nMOD\n MEA\n RAN animal(2,LEG) IDE\n "
+                            "RRC age\n TR y 1 -999\nEND\n"
                             "VAR animal 2\n 4.0 1.0 2.0\nVAR residual 1 HET 2 age\n 1 4 0.5\n 5 10 3.0\n");
     finish("--simul");
     const auto lines = lines_of(read_file("SimData001.dat"));
@@ -258,12 +272,15 @@ TEST_F(Simulate, RandomRegression) {
     for (std::size_t i = 0; i < 3; ++i)
         for (std::size_t j = 0; j < 3; ++j) {
             for (std::size_t k = 0; k < n; ++k)
-                s[i][j] += number_of(words_of(lines[3 * k + i]).back()) * number_of(words_of(lines[3 * k + j]).back()) / n;
+                s[i][j] +=
+                    number_of(words_of(lines[3 * k + i]).back()) * number_of(words_of(lines[3 * k + j]).back()) / n;
             truth[i][j] = 4.0 * 0.5 + std::sqrt(0.75) * (t[i] + t[j]) + 2.0 * 1.5 * t[i] * t[j] + (i == j ? e[i] : 0.0);
         }
     for (std::size_t i = 0; i < 3; ++i)
         for (std::size_t j = 0; j < 3; ++j)
-            EXPECT_NEAR(s[i][j], truth[i][j], 4.0 * std::sqrt((truth[i][i] * truth[j][j] + truth[i][j] * truth[i][j]) / n)) << i << j;
+            EXPECT_NEAR(s[i][j], truth[i][j],
+                        4.0 * std::sqrt((truth[i][i] * truth[j][j] + truth[i][j] * truth[i][j]) / n))
+                << i << j;
 }
 
 // The mean of the estimates of some replicates lies within three standard errors of the truth.
@@ -287,7 +304,8 @@ TEST_F(Simulate, EstimatesComeBackToTheTruth) {
             error[i] += std::fabs(lines[i].error) / replicates;
         }
     }
-    for (std::size_t i = 0; i < truth.size(); ++i) EXPECT_NEAR(mean[i], truth[i], 3.0 * error[i] / std::sqrt(replicates)) << i + 1;
+    for (std::size_t i = 0; i < truth.size(); ++i)
+        EXPECT_NEAR(mean[i], truth[i], 3.0 * error[i] / std::sqrt(replicates)) << i + 1;
 }
 
 } // namespace

@@ -293,9 +293,11 @@ TEST_F(numroutines, solve_by_the_factor) {
     const std::vector<double> x{1, -2, 3};
     std::vector<double> lx(3), r(3);
     for (int i = 1; i <= 3; ++i)
-        for (int k = i; k <= 3; ++k) lx[static_cast<std::size_t>(i - 1)] += l(k, i) * x[static_cast<std::size_t>(k - 1)];
+        for (int k = i; k <= 3; ++k)
+            lx[static_cast<std::size_t>(i - 1)] += l(k, i) * x[static_cast<std::size_t>(k - 1)];
     for (int i = 1; i <= 3; ++i)
-        for (int k = 1; k <= i; ++k) r[static_cast<std::size_t>(i - 1)] += l(i, k) * lx[static_cast<std::size_t>(k - 1)];
+        for (int k = 1; k <= i; ++k)
+            r[static_cast<std::size_t>(i - 1)] += l(i, k) * lx[static_cast<std::size_t>(k - 1)];
     solve(3, l, r, r);
     for (std::size_t i = 0; i < 3; ++i) EXPECT_NEAR(r[i], x[i], 1e-14);
 }

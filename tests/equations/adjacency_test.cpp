@@ -227,8 +227,8 @@ TEST_F(adjacency_test, a_file_without_the_right_hand_side_is_completed) {
 
 TEST_F(adjacency_test, every_number_of_the_header_must_fit) {
     full_store(3000);
-    for (int* number : {&numbers.nq, &numbers.nsrow, &numbers.nrankx, &numbers.lim1, &mmequations.neqns, &mmequations.neq_fix,
-                        &mmequations.neq_rnd, &mmequations.neq_cov}) {
+    for (int* number : {&numbers.nq, &numbers.nsrow, &numbers.nrankx, &numbers.lim1, &mmequations.neqns,
+                        &mmequations.neq_fix, &mmequations.neq_rnd, &mmequations.neq_cov}) {
         ++*number;
         EXPECT_FALSE(find_adjacency());
         --*number;

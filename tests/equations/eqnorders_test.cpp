@@ -108,9 +108,10 @@ TEST_F(eqnorders_test, method_follows_the_number_of_equations) {
         int neqns, type;
         std::array<int, 8> metis;
     };
-    const std::array<int, 8> none{}, five{3, 1, 2, 1, 0, 1, 0, 5}, ten{3, 1, 2, 1, 0, 1, 0, 10}, most{3, 3, 1, 2, 0, 1, 0, 14};
-    for (const row& r : {row{24999, 1, none}, row{25000, 2, none}, row{49999, 2, none}, row{50000, 3, five}, row{199999, 3, five},
-                         row{200000, 3, ten}, row{749999, 3, ten}, row{750000, 3, most}}) {
+    const std::array<int, 8> none{}, five{3, 1, 2, 1, 0, 1, 0, 5}, ten{3, 1, 2, 1, 0, 1, 0, 10},
+        most{3, 3, 1, 2, 0, 1, 0, 14};
+    for (const row& r : {row{24999, 1, none}, row{25000, 2, none}, row{49999, 2, none}, row{50000, 3, five},
+                         row{199999, 3, five}, row{200000, 3, ten}, row{749999, 3, ten}, row{750000, 3, most}}) {
         orders = {};
         mmequations.neqns = r.neqns;
         EXPECT_FALSE(choose_method());

@@ -43,7 +43,8 @@ TEST_F(lsqfixed_test, solutions_of_one_effect_are_means) {
         EXPECT_NEAR(solutions.xsol(herd), sum.first / sum.second, 1e-12);
         EXPECT_NEAR(solutions.rhs(herd), sum.first, 1e-10);
     }
-    EXPECT_TRUE(told("\nEND data\n Coefficient matrix fixed effects - rank =     3  no. of rows =     3\nEND \"lsqfixed\"\n"))
+    EXPECT_TRUE(
+        told("\nEND data\n Coefficient matrix fixed effects - rank =     3  no. of rows =     3\nEND \"lsqfixed\"\n"))
         << screen_text();
 }
 
@@ -92,7 +93,8 @@ TEST_F(lsqfixed_test, equations_taken_out_before_are_told_in_detail) {
     lsq_fixed();
     double n = 0.0;
     for (const auto& r : m.rows) n += r.herd == 2 ? 1.0 : 0.0;
-    EXPECT_EQ(screen_text(), "zero out 2 " + std::to_string(static_cast<int>(n)) + ".0\n") << "the mean takes its place";
+    EXPECT_EQ(screen_text(), "zero out 2 " + std::to_string(static_cast<int>(n)) + ".0\n")
+        << "the mean takes its place";
     EXPECT_EQ(mmequations.ieqzero, std::vector<int>{2});
     EXPECT_EQ(numbers.nrankx, 3);
     EXPECT_EQ(solutions.xsol(2), 0.0);
@@ -112,8 +114,9 @@ TEST_F(lsqfixed_test, numbering_is_traced) {
     equation_nos();
     const int pe = 2 * levels.rn_nlev(2), animals = 2 * levels.rn_nlev(1);
     std::ostringstream expected;
-    expected << "cov 1 1 1 0\ncov 2 1 2 1\nfix 1 1 5 2\nfix 2 1 8 5\nrn 2 " << 8 + pe << " 8\nrn 1 " << 8 + pe + animals << " " << 8 + pe
-             << "\n" << 8 + pe + animals << " " << pe + animals << " 6 2\nlim1 0\n";
+    expected << "cov 1 1 1 0\ncov 2 1 2 1\nfix 1 1 5 2\nfix 2 1 8 5\nrn 2 " << 8 + pe << " 8\nrn 1 " << 8 + pe + animals
+             << " " << 8 + pe << "\n"
+             << 8 + pe + animals << " " << pe + animals << " 6 2\nlim1 0\n";
     EXPECT_EQ(screen_text(), expected.str());
 }
 

@@ -228,8 +228,10 @@ TEST(lsqrank, large_designs_take_no_time) {
     constexpr int herds = 3000, years = 30, cells = 9000;
     d.n = 2 + herds + years + cells;
     for (int i = 0; i < 60000; ++i) {
-        const int h = std::uniform_int_distribution<>(0, herds - 1)(gen), s = std::uniform_int_distribution<>(0, 2)(gen);
-        const int x = std::uniform_int_distribution<>(-20, 20)(gen), year = std::uniform_int_distribution<>(0, years - 1)(gen);
+        const int h = std::uniform_int_distribution<>(0, herds - 1)(gen),
+                  s = std::uniform_int_distribution<>(0, 2)(gen);
+        const int x = std::uniform_int_distribution<>(-20, 20)(gen),
+                  year = std::uniform_int_distribution<>(0, years - 1)(gen);
         d.rows.push_back({{0, 0.1 * x}, {1, 0.01 * x * x}, {2 + h, 1.0}, {2 + herds + year, 1.0},
                           {2 + herds + years + 3 * h + s, 1.0}});
         d.y.push_back(x);

@@ -67,7 +67,8 @@ protected:
             file.copy(reinterpret_cast<char*>(&length), sizeof length, at);
             at += sizeof length + length;
         }
-        file.replace(at + sizeof(std::uint64_t) + 2 * sizeof(int), sizeof count, reinterpret_cast<const char*>(&count), sizeof count);
+        file.replace(at + sizeof(std::uint64_t) + 2 * sizeof(int), sizeof count, reinterpret_cast<const char*>(&count),
+                     sizeof count);
         write_file(filenames.ordersfile, file);
     }
     small_model m;
@@ -81,7 +82,8 @@ TEST_F(ordering_files, every_method_tells_what_it_has_done) {
     EXPECT_TRUE(told(line("\n End of \"GENMMD\"%9d  nofsub =", nbase)));
     EXPECT_TRUE(told(line("\n%-32s%17d\n", " End of \"SMBFCT\": maxsub", sparse.maxsub)));
     EXPECT_TRUE(told(line("\n%-32s%17d\n", "                  maxlnz", sparse.maxlnz)));
-    EXPECT_TRUE(told(line("\n%-32s%17.0f.  999999999999999.\n", "                  nnops", operations()))) << screen_text();
+    EXPECT_TRUE(told(line("\n%-32s%17.0f.  999999999999999.\n", "                  nnops", operations())))
+        << screen_text();
     EXPECT_TRUE(told("\nEND \"eqnorders\" \n"));
     fresh();
     run({"--amd", "-v", "--aireml"});
@@ -89,12 +91,14 @@ TEST_F(ordering_files, every_method_tells_what_it_has_done) {
     fresh();
     run({"--metis7,0,3,2", "-v", "--aireml"});
     EXPECT_TRUE(told(line("\n Start of \"METIS\"%7d\n", nbase)));
-    EXPECT_TRUE(told(line("\n End of \"METIS\"%9d     Options used =    3   2   2   0   1   0   7\n", nbase))) << screen_text();
+    EXPECT_TRUE(told(line("\n End of \"METIS\"%9d     Options used =    3   2   2   0   1   0   7\n", nbase)))
+        << screen_text();
     fresh();
     run({"--metisall", "--aireml"});
     EXPECT_FALSE(told("Start of \"METIS\""));
-    for (const char* setting : {"   1   2   1   0   1   0   5", "   1   2   1   0   1   0  15", "   3   2   2   0   1   0   5",
-                                "   3   2   2   0   1   0  15", "   1   2   1   0   1 200   5", "   3   2   2   0   1 200  15"})
+    for (const char* setting :
+         {"   1   2   1   0   1   0   5", "   1   2   1   0   1   0  15", "   3   2   2   0   1   0   5",
+          "   3   2   2   0   1   0  15", "   1   2   1   0   1 200   5", "   3   2   2   0   1 200  15"})
         EXPECT_TRUE(told(line("\n End of \"METIS\"%9d     Options used = %s\n", nbase, setting))) << setting;
 }
 
@@ -177,7 +181,8 @@ TEST_F(ordering_files, order_file_has_its_layout) {
 TEST_F(ordering_files, an_order_of_the_users_method_is_taken_over_and_told) {
     run({"--amd", "--aireml"});
     const double count = operations();
-    for (const auto& given : {std::vector<std::string>{"--aireml"}, {"--amd", "--aireml"}, {"--metisall", "--aireml"}}) {
+    for (const auto& given :
+         {std::vector<std::string>{"--aireml"}, {"--amd", "--aireml"}, {"--metisall", "--aireml"}}) {
         run(given);
         EXPECT_TRUE(told(line(" Previous equation ordering found : Order type = 2  Operation count =%19.0f.\n", count)))
             << screen_text();

@@ -50,7 +50,8 @@ inline dense em_residual(const analysis& m, const dense& r, const dense& h) {
         last = m.obs[o].subject;
         for (std::size_t w = 0; w < m.obs.size(); ++w)
             if (m.obs[w].subject == last)
-                s[static_cast<std::size_t>(m.obs[o].trait - 1)][static_cast<std::size_t>(m.obs[w].trait - 1)] += h[o][w];
+                s[static_cast<std::size_t>(m.obs[o].trait - 1)][static_cast<std::size_t>(m.obs[w].trait - 1)] +=
+                    h[o][w];
     }
     return plus(r, product(product(r, s), r), 1.0 / subjects);
 }
@@ -138,7 +139,8 @@ inline vec em_scoring(const analysis& m, const point& at, const dense& h) {
     return old;
 }
 
-// Equations with loadings: u_k = Q_k u*_k for levels x columns standardised effects (var A x I), or u itself with prior G.
+// Equations with loadings: u_k = Q_k u*_k for levels x columns standardised effects (var A x I), or u itself with prior
+// G.
 struct equations {
     std::vector<std::size_t> start, nfit; // of each effect
     vec solution;
@@ -203,8 +205,9 @@ inline dense moments(const analysis& m, const equations& e, std::size_t k, doubl
         for (std::size_t b = 0; b < ainv.size(); ++b)
             for (std::size_t i = 0; i < e.nfit[k]; ++i)
                 for (std::size_t j = 0; j < e.nfit[k]; ++j)
-                    t[i][j] += ainv[a][b] / nlev *
-                               e.expectation(e.place(k, static_cast<int>(a) + 1, i), e.place(k, static_cast<int>(b) + 1, j));
+                    t[i][j] +=
+                        ainv[a][b] / nlev *
+                        e.expectation(e.place(k, static_cast<int>(a) + 1, i), e.place(k, static_cast<int>(b) + 1, j));
     return t;
 }
 
@@ -243,7 +246,8 @@ inline regression loadings_regression(const analysis& m, const point& at, const 
                     q.rhs[a] += r * za * resid;
                     for (std::size_t b = 0; b < n; ++b)
                         for (const term& u : s.terms[q.block[b]])
-                            q.lhs[a][b] += r * za * u.z[q.row[b]] * e.expectation(ia, e.place(q.block[b], u.level, q.col[b]));
+                            q.lhs[a][b] +=
+                                r * za * u.z[q.row[b]] * e.expectation(ia, e.place(q.block[b], u.level, q.col[b]));
                 }
         }
     return q;

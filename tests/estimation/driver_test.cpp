@@ -97,7 +97,8 @@ TEST_F(driver_test, DefaultPlanGoesFromExpandedRoundsToAverageInformation) {
     while (log[px + 1].label == "PX") ++px;
     EXPECT_GE(px, 1u);
     EXPECT_LE(px, 3u);
-    for (std::size_t k = 1; k < px; ++k) EXPECT_GE(log[k].logl - log[k - 1].logl, 2.0 - 1.0e-3) << "worth another round";
+    for (std::size_t k = 1; k < px; ++k)
+        EXPECT_GE(log[k].logl - log[k - 1].logl, 2.0 - 1.0e-3) << "worth another round";
     for (std::size_t k = 0; k < log.size(); ++k) EXPECT_EQ(log[k].round, static_cast<int>(k));
     EXPECT_EQ(log.back().label, "AI");
     EXPECT_TRUE(maximise.converged);
@@ -163,7 +164,8 @@ TEST_F(driver_test, AverageInformationTellsHowItEnds) {
     maximise.aiconv_like = 0.0;
     maximise.aiconv_norm = 0.5;
     get_estimates();
-    EXPECT_NE(read_file("Iterates").find("*** AIREML has converged\n    Norm of gradient vector = "), std::string::npos);
+    EXPECT_NE(read_file("Iterates").find("*** AIREML has converged\n    Norm of gradient vector = "),
+              std::string::npos);
 }
 
 TEST_F(driver_test, SearchWithoutAGainTellsSo) {
@@ -460,7 +462,8 @@ TEST_F(driver_test, SecondOrderTermJoinsFromIterate222) {
         int iround = 0;
         ai_reml(nits, iround, x);
         ASSERT_EQ(iround, nits);
-        EXPECT_EQ(std::any_of(derivs.der2b.begin(), derivs.der2b.end(), [](double d) { return d != 0.0; }), nits == 222);
+        EXPECT_EQ(std::any_of(derivs.der2b.begin(), derivs.der2b.end(), [](double d) { return d != 0.0; }),
+                  nits == 222);
     }
 }
 

@@ -18,8 +18,8 @@
 
 namespace tarvex {
 
-inline small_model animal_model(int nq, std::vector<double> g, std::vector<double> r, double missing = 0.2, int repeats = 1,
-                                int animals = 30) {
+inline small_model animal_model(int nq, std::vector<double> g, std::vector<double> r, double missing = 0.2,
+                                int repeats = 1, int animals = 30) {
     small_model m;
     m.nq = nq;
     m.make_pedigree(animals, 8, 5);
@@ -128,7 +128,8 @@ inline void write_supplied(const small_model& m, std::size_t missing = 0) {
     write_file("animal.gin", text);
 }
 
-// Three traits with a supplied inverse; all animals have records, so that their codes are the levels. rank 0: no components.
+// Three traits with a supplied inverse; all animals have records, so that their codes are the levels. rank 0: no
+// components.
 inline small_model supplied(int rank) {
     small_model m = animal_model(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5});
     m.rows.clear();

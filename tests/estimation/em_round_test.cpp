@@ -20,7 +20,8 @@ void expect_matrix(const dense& got, const dense& want, const char* what, double
     ASSERT_EQ(got.size(), want.size()) << what;
     for (std::size_t i = 0; i < got.size(); ++i)
         for (std::size_t j = 0; j < got.size(); ++j)
-            EXPECT_NEAR(got[i][j], want[i][j], tolerance * std::max(1.0, std::fabs(want[i][j]))) << what << " " << i << j;
+            EXPECT_NEAR(got[i][j], want[i][j], tolerance * std::max(1.0, std::fabs(want[i][j])))
+                << what << " " << i << j;
 }
 
 struct before_round {
@@ -56,7 +57,8 @@ void expect_em_round(const small_model& m, residual_form form) {
         for (std::size_t c = 0; c < want.size(); ++c) EXPECT_NEAR(after.r[c][0][0], want[c], 1.0e-9);
     }
     if (form == residual_form::scoring) {
-        // With a repeat effect the covariances of two traits are only known as a sum: the matrices of the records count.
+        // With a repeat effect the covariances of two traits are only known as a sum: the matrices of the records
+        // count.
         oracle::point want;
         unpack(em_scoring(b.a, b.at, b.h), b.at.r[0].size(), b.at.b.size(), want);
         expect_matrix(within(b.a, after), within(b.a, want), "records of subjects");
@@ -195,7 +197,8 @@ TEST_F(em_round_test, ExpansionsOfTwoEffectsAreSolvedApart) {
     const small_model m = with_dams();
     set_up(m, {"--pxem"});
     const before_round b(m);
-    const dense g1 = px_effect(b.a, b.at, b.h, 0, effective_levels(1)), g2 = px_effect(b.a, b.at, b.h, 1, effective_levels(2));
+    const dense g1 = px_effect(b.a, b.at, b.h, 0, effective_levels(1)),
+                g2 = px_effect(b.a, b.at, b.h, 1, effective_levels(2));
     const dense r = em_residual(b.a, b.at.r[0], b.h);
     em_rounds(1);
     ASSERT_TRUE(options.pxem);
@@ -209,7 +212,8 @@ TEST_F(em_round_test, ExpansionOfRandomRegressions) {
     const small_model m = growth(true);
     set_up(m, {"--pxem"});
     const before_round b(m);
-    const dense g1 = px_effect(b.a, b.at, b.h, 0, effective_levels(1)), g2 = px_effect(b.a, b.at, b.h, 1, effective_levels(2));
+    const dense g1 = px_effect(b.a, b.at, b.h, 0, effective_levels(1)),
+                g2 = px_effect(b.a, b.at, b.h, 1, effective_levels(2));
     em_rounds(1);
     ASSERT_TRUE(options.pxem);
     const oracle::point after = point_at(m, estimates.parvec);
@@ -231,7 +235,8 @@ TEST_F(em_round_test, ExpandedRoundsListWhatTheyDo) {
     set_up(two_traits(), {"--pxem", "-d"});
     em_rounds(1);
     const std::string text = screen_text();
-    for (const char* words : {" est ", "  rhs ", "\nalpha 1 2 ", "\n var(u*)  1  2", "\ncov 2 2 3 ", "COVS Z 1 1   Old =", " New ="})
+    for (const char* words :
+         {" est ", "  rhs ", "\nalpha 1 2 ", "\n var(u*)  1  2", "\ncov 2 2 3 ", "COVS Z 1 1   Old =", " New ="})
         EXPECT_NE(text.find(words), std::string::npos) << words;
 }
 
@@ -271,7 +276,9 @@ TEST_F(em_round_test, ExpandedRoundIsTakenBack) {
     expect_taken_back(with_dams(), "full rank");
     EXPECT_NE(screen_text().find("switch to EM algorithm !  "), std::string::npos);
 }
-TEST_F(em_round_test, ExpandedRoundOfRandomRegressionsIsTakenBack) { expect_taken_back(growth(false), "random regression"); }
+TEST_F(em_round_test, ExpandedRoundOfRandomRegressionsIsTakenBack) {
+    expect_taken_back(growth(false), "random regression");
+}
 TEST_F(em_round_test, ExpandedRoundOfReducedRankIsTakenBack) {
     expect_taken_back(components(2), "components");
     EXPECT_NE(screen_text().find("switch to EM algorithm !  "), std::string::npos);

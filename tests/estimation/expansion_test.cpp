@@ -13,8 +13,8 @@ namespace {
 
 class expansion_test : public tarvex_test {
 protected:
-    // Quadratics such that G^-1 G_EM = I + E for a full block, with `weight` times the identity as coefficient matrix: the
-    // expansion is I + nlev/weight E.
+    // Quadratics such that G^-1 G_EM = I + E for a full block, with `weight` times the identity as coefficient matrix:
+    // the expansion is I + nlev/weight E.
     static em_quantities quantities(const array<double, 2>& e, int n, double weight) {
         em_quantities q;
         const double nlev = effective_levels(1);

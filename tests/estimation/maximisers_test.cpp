@@ -38,7 +38,9 @@ TEST_F(maximisers_test, NoLossInRoundsOfRepeatEffect) { expect_no_loss(rounds(re
 TEST_F(maximisers_test, NoLossInRoundsOfRepeatEffectOfTwoTraits) {
     expect_no_loss(rounds(repeats_with_peq(2), "--emalg", 50));
 }
-TEST_F(maximisers_test, NoLossInRoundsOfRepeatedTraits) { expect_no_loss(rounds(families(2, 80, 0.2, 2), "--emalg", 50)); }
+TEST_F(maximisers_test, NoLossInRoundsOfRepeatedTraits) {
+    expect_no_loss(rounds(families(2, 80, 0.2, 2), "--emalg", 50));
+}
 TEST_F(maximisers_test, NoLossInRoundsOfRandomRegressions) { expect_no_loss(rounds(growth(true), "--emalg", 50)); }
 TEST_F(maximisers_test, NoLossInRoundsOfReducedRank) { expect_no_loss(rounds(components(2), "--emalg", 50)); }
 TEST_F(maximisers_test, NoLossInRoundsOfReducedRankRandomRegressions) {
@@ -85,8 +87,17 @@ void expect_one_maximum(const small_model& m, const std::vector<std::vector<std:
 }
 
 TEST_F(maximisers_test, OneMaximumForOneTrait) {
-    expect_one_maximum(families(1), {{"--emalg"}, {"--pxem"}, {"--emai4,100"}, {"--pxai4,100"}, {"--cycle3"}, {"--good"},
-                                     {"--bad"}, {"--modaim0"}, {"--modaim1"}, {"--modaim3"}, {"--modaim4"}});
+    expect_one_maximum(families(1), {{"--emalg"},
+                                     {"--pxem"},
+                                     {"--emai4,100"},
+                                     {"--pxai4,100"},
+                                     {"--cycle3"},
+                                     {"--good"},
+                                     {"--bad"},
+                                     {"--modaim0"},
+                                     {"--modaim1"},
+                                     {"--modaim3"},
+                                     {"--modaim4"}});
 }
 TEST_F(maximisers_test, OneMaximumForTwoTraits) {
     expect_one_maximum(families(2), {{"--emalg"}, {"--pxem"}, {"--emai4,100"}, {"--pxai4,100"}, {"--cycle3"}});

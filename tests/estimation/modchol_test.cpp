@@ -56,7 +56,8 @@ protected:
         const int n = static_cast<int>(x.size());
         std::vector<double> y(x.size());
         for (int i = 1; i <= n; ++i)
-            for (int j = 1; j <= n; ++j) y[static_cast<std::size_t>(i - 1)] += a(i, j) * x[static_cast<std::size_t>(j - 1)];
+            for (int j = 1; j <= n; ++j)
+                y[static_cast<std::size_t>(i - 1)] += a(i, j) * x[static_cast<std::size_t>(j - 1)];
         return y;
     }
     static std::vector<double> counting(int n) {

@@ -293,7 +293,8 @@ TEST_F(step_test, InvalidStartStopsTheSearch) {
     estimates.parvec(2) = 1.5;
     double xbest = 0.0;
     int flag = 0, count = 0;
-    EXPECT_STOP(powell(xbest, estimates.parvec, estimates.nparm, flag, count), "Routine \"POWELL\" : Invalid starting point \nexit");
+    EXPECT_STOP(powell(xbest, estimates.parvec, estimates.nparm, flag, count),
+                "Routine \"POWELL\" : Invalid starting point \nexit");
 }
 
 TEST_F(step_test, ChangeOfParametersIsReportedInPercent) {
@@ -335,7 +336,9 @@ TEST_F(step_test, RoundsOfTheSearchAreTold) {
         }
     }
     EXPECT_NEAR(last, xbest, 1.0e-6);
-    EXPECT_TRUE(line == "CONVERGENCE : CHANGE IN FUNCTION VALUE 2.0" || line.starts_with("CONVERGENCE : CHANGE IN PARAMETERS ")) << line;
+    EXPECT_TRUE(line == "CONVERGENCE : CHANGE IN FUNCTION VALUE 2.0" ||
+                line.starts_with("CONVERGENCE : CHANGE IN PARAMETERS "))
+        << line;
 }
 
 } // namespace

@@ -205,11 +205,12 @@ TEST_F(variances_test, StartingMatricesMustBePositiveDefinite) {
     m.random[0].g = {1.0, 2.0, 1.0};
     for (const char* plan : {"--aireml", "--emalg"}) {
         reset_modules();
-        EXPECT_STOP(set_up(m, {plan}), "***** Routine \"CHOLESKY\": negative/small pivot encountered\n"
-                                       "      Random effect no. = 1\n      No. of effects    = 2\n      Pivot no.         = 2 -3.0\n"
-                                       "Matrix of starting values is \"invalid\" \n"
-                                       " - change, making sure matrix is positive definite !\n"
-                                       "   (check that UPPER triangle of matrix is given)\nexit");
+        EXPECT_STOP(set_up(m, {plan}),
+                    "***** Routine \"CHOLESKY\": negative/small pivot encountered\n"
+                    "      Random effect no. = 1\n      No. of effects    = 2\n      Pivot no.         = 2 -3.0\n"
+                    "Matrix of starting values is \"invalid\" \n"
+                    " - change, making sure matrix is positive definite !\n"
+                    "   (check that UPPER triangle of matrix is given)\nexit");
     }
 }
 
@@ -278,7 +279,8 @@ TEST_F(best_point_test, ValuesReturnToTheBit) {
     writebestpoint(0);
     ASSERT_TRUE(readbestpoint(true));
     EXPECT_EQ(estimates.xlike_file, estimates.xbest);
-    for (int k = 1; k <= 6; ++k) EXPECT_EQ(model.cov((k - 1) % 3 + 1, (k - 1) / 3), covs[static_cast<std::size_t>(k - 1)]) << k;
+    for (int k = 1; k <= 6; ++k)
+        EXPECT_EQ(model.cov((k - 1) % 3 + 1, (k - 1) / 3), covs[static_cast<std::size_t>(k - 1)]) << k;
     reset_modules();
     set_up(two_traits(), {"-c", "--emalg"}); // on the scale of the matrices the parameters are the values of the file
     ASSERT_EQ(estimates.paraform(1), "Original");
@@ -313,12 +315,14 @@ TEST_F(best_point_test, ReadsWhatWasWrittenAndSaysSo) {
     EXPECT_TRUE(readbestpoint(false));
     EXPECT_NEAR(model.cov(1, 1), 1.3, 1.0e-14);
     EXPECT_EQ(estimates.xlike_file, -123.25);
-    EXPECT_NE(screen_text().find("\"BestPoint\" from previous run  successfully read\n maximum of log L so far = -123.25\n"),
-              std::string::npos);
+    EXPECT_NE(
+        screen_text().find("\"BestPoint\" from previous run  successfully read\n maximum of log L so far = -123.25\n"),
+        std::string::npos);
 }
 
 TEST_F(best_point_test, ForeignShortOrMissingFilesChangeNothing) {
-    for (const char* text : {"", "-1.0", "-1.0 7\n1 0 1\n1 0 1\n", "-1.0 6\n1 0 1\n1 0\n", "x 6\n1 0 1 1 0 1\n", "-1.0 6\n1 0 1\n1 0 z\n"}) {
+    for (const char* text : {"", "-1.0", "-1.0 7\n1 0 1\n1 0 1\n", "-1.0 6\n1 0 1\n1 0\n", "x 6\n1 0 1 1 0 1\n",
+                             "-1.0 6\n1 0 1\n1 0 z\n"}) {
         write_file("BestPoint", text);
         EXPECT_FALSE(readbestpoint(true)) << text;
         EXPECT_EQ(model.cov(1, 1), 1.3) << text;
@@ -399,8 +403,9 @@ TEST_F(best_point_test, ContinuedRunsStartAtTheStoredLikelihood) {
     correlated.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
     small_model apart = two_traits();
     for (auto& r : apart.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
-    const std::vector<small_model> models{families(1),  with_dams(),          components(1), components(2), growth(true),
-                                          growth(true, true), repeats_with_peq(2), diagonal,      correlated,    apart};
+    const std::vector<small_model> models{
+        families(1),        with_dams(),         components(1), components(2), growth(true),
+        growth(true, true), repeats_with_peq(2), diagonal,      correlated,    apart};
     for (std::size_t k = 0; k < models.size(); ++k) {
         for (const auto& entry : std::filesystem::directory_iterator(".")) std::filesystem::remove(entry.path());
         reset_modules();

@@ -39,7 +39,8 @@ std::vector<std::vector<std::string>> table_rows() {
 }
 
 std::string with_line_ends(std::string text) {
-    for (std::size_t at = text.find("\\n"); at != std::string::npos; at = text.find("\\n", at)) text.replace(at, 2, "\n");
+    for (std::size_t at = text.find("\\n"); at != std::string::npos; at = text.find("\\n", at))
+        text.replace(at, 2, "\n");
     return text;
 }
 
@@ -96,7 +97,8 @@ TEST(edit_form, reads_every_text_of_the_table) {
         if (row[0].starts_with("READ (i")) {
             long long value = -77;
             const bool ok = read_i(text, row[0][7] - '0', value);
-            EXPECT_EQ((ok ? "ok" : "error") + std::string(" | i:") + (value == -77 ? "unchanged" : std::to_string(value)),
+            EXPECT_EQ((ok ? "ok" : "error") + std::string(" | i:") +
+                          (value == -77 ? "unchanged" : std::to_string(value)),
                       row[2])
                 << row[0] << text;
         } else if (text == ".") {
@@ -127,8 +129,9 @@ TEST(edit_form, writes_to_an_output) {
 }
 
 TEST(edit_form, ill_formed_texts_are_found) {
-    for (const char* form : {"", "a", "(a", "(a))", "(a) b", "(,a)", "(a,,a)", "(a,)", "(q)", "(i)", "(f6)", "(g12)", "(t)",
-                             "(5hab)", "('ab)", "(h)", "(0x)", "(a i3)", "(2)a)", "((((((((((a))))))))))"})
+    for (const char* form :
+         {"",     "a",     "(a",  "(a))",   "(a) b", "(,a)", "(a,,a)", "(a,)",   "(q)",   "(i)",
+          "(f6)", "(g12)", "(t)", "(5hab)", "('ab)", "(h)",  "(0x)",   "(a i3)", "(2)a)", "((((((((((a))))))))))"})
         EXPECT_NE(edit_form::fault(form), nullptr) << form;
     for (const char* form : {"(A,I3,F6.2,G13.6)", "(/)", "()", "(x,a)", "( i 3 , f 10 . 4 )  ", "(3a,t30)", "(i2/i2)"})
         EXPECT_EQ(edit_form::fault(form), nullptr) << form;

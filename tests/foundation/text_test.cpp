@@ -92,7 +92,8 @@ TEST(text, reals) {
     EXPECT_TRUE(std::isinf(real("1e400")));
     EXPECT_TRUE(std::isnan(real("NaN")));
     EXPECT_EQ(real("-inf"), -HUGE_VAL);
-    for (const char* t : {"", ".", "-", "+", "e5", "1e", "1e5e5", "1.2.3", "1..2", "1x", "x1", "--1", "+-1", "1-", "in", "d"})
+    for (const char* t :
+         {"", ".", "-", "+", "e5", "1e", "1e5e5", "1.2.3", "1..2", "1x", "x1", "--1", "+-1", "1-", "in", "d"})
         EXPECT_EQ(real(t), -77) << t;
 }
 

@@ -1,5 +1,5 @@
-// The assembled matrix, element by element, against W'R^-1 W with the inverses of the covariance blocks added; positions
-// and weights of design rows; inverses of the residual matrices of single subjects.
+// The assembled matrix, element by element, against W'R^-1 W with the inverses of the covariance blocks added;
+// positions and weights of design rows; inverses of the residual matrices of single subjects.
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/parameters.h"
@@ -82,7 +82,8 @@ dense_equations data_part(const small_model& m, const oracle::analysis& a, const
             for (const oracle::term& t : a.obs[o].terms[k])
                 for (int c = 0; c < model.kkfit(irand); ++c)
                     if (t.z[at(c)] != 0.0)
-                        e.emplace_back(mmequations.rn_start(irand) + (level_number(irand, t.level) - 1) * model.kkfit(irand) + c + 1,
+                        e.emplace_back(mmequations.rn_start(irand) +
+                                           (level_number(irand, t.level) - 1) * model.kkfit(irand) + c + 1,
                                        t.z[at(c)]);
         }
         ++o;
@@ -120,8 +121,8 @@ void expect_assembled(const small_model& m) {
             for (int j = 0; j < nlev; ++j)
                 for (int r = 0; r < n; ++r)
                     for (int c = 0; c < n; ++c)
-                        d.c[at(mmequations.rn_start(irand) + i * n + r + 1)][at(mmequations.rn_start(irand) + j * n + c + 1)] +=
-                            s[at(i)][at(j)] * ginv[at(r)][at(c)];
+                        d.c[at(mmequations.rn_start(irand) + i * n + r + 1)]
+                           [at(mmequations.rn_start(irand) + j * n + c + 1)] += s[at(i)][at(j)] * ginv[at(r)][at(c)];
     }
     program_logl(estimates.parvec);
     int iflag = 0;
@@ -129,7 +130,8 @@ void expect_assembled(const small_model& m) {
     ASSERT_EQ(iflag, 0);
     for (int e = 1; e <= mmequations.neqns; ++e) {
         if (orders.ieqnew(e) <= 0) continue;
-        EXPECT_NEAR(sparse.xspars(locate(orders.ieqnew(e), numbers.nsrow)), d.rhs[at(e)], 1.0e-9) << "right-hand side " << e;
+        EXPECT_NEAR(sparse.xspars(locate(orders.ieqnew(e), numbers.nsrow)), d.rhs[at(e)], 1.0e-9)
+            << "right-hand side " << e;
         for (int f = 1; f <= e; ++f)
             if (orders.ieqnew(f) > 0) {
                 EXPECT_NEAR(stored(e, f), d.c[at(e)][at(f)], 1.0e-9) << e << " " << f;
@@ -194,7 +196,9 @@ TEST_F(assembly_test, PositionsOfAPlainModel) {
     m.nq = 2;
     m.make_pedigree(20, 6, 5);
     m.make_rows(4, 1, 2, 0.2, 6);
-    m.random = {{"animal", "NRM", 2, 0, {1.3, 0.5, 1.8}}, {"pe", "PEQ", 2, 0, {0.4, 0.1, 0.5}}, {"dam", "IDE", 2, 0, {0.9, 0.1, 0.8}}};
+    m.random = {{"animal", "NRM", 2, 0, {1.3, 0.5, 1.8}},
+                {"pe", "PEQ", 2, 0, {0.4, 0.1, 0.5}},
+                {"dam", "IDE", 2, 0, {0.9, 0.1, 0.8}}};
     m.residual = {2.1, 0.2, 1.9};
     set_up(m);
     dpositions();
@@ -231,7 +235,8 @@ TEST_F(assembly_test, WeightsOfReducedRankAreRowsOfTheFactor) {
     m.principal = true;
     m.make_pedigree(20, 6, 5);
     m.make_rows(4, 1, 2, 0.2, 6);
-    m.random = {{"animal", "NRM", 3, 2, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}}, {"dam", "IDE", 3, 1, {0.5, 0.1, 0.1, 0.4, 0.1, 0.6}}};
+    m.random = {{"animal", "NRM", 3, 2, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}},
+                {"dam", "IDE", 3, 1, {0.5, 0.1, 0.1, 0.4, 0.1, 0.6}}};
     m.residual = {2.1, 0.4, 0.1, 1.9, 0.2, 1.5};
     set_up(m);
     program_logl(estimates.parvec);
@@ -250,7 +255,8 @@ TEST_F(assembly_test, WeightsOfReducedRankAreRowsOfTheFactor) {
         for (int j = 1; j <= 3; ++j) EXPECT_NEAR(product(i, j), g[at(i - 1)][at(j - 1)], 1.0e-10);
         for (int p = 1; p <= 4; ++p) EXPECT_EQ(ddvecs.kk(p, i), ddvecs.dd(p, i) != 0.0 ? 1 : 0);
     }
-    EXPECT_TRUE(std::find(ddvecs.kk.begin(), ddvecs.kk.end(), 0) != ddvecs.kk.end()); // above the diagonal of the factor
+    EXPECT_TRUE(std::find(ddvecs.kk.begin(), ddvecs.kk.end(), 0) !=
+                ddvecs.kk.end()); // above the diagonal of the factor
     array<double> p = estimates.parvec;
     p(7) *= 1.5; // first element of the factor of the animals
     program_logl(p);

@@ -1,4 +1,5 @@
-// What one evaluation leaves behind for the next, through failures and new orderings; models at the edge of what is fitted.
+// What one evaluation leaves behind for the next, through failures and new orderings; models at the edge of what is
+// fitted.
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/parameters.h"

@@ -126,7 +126,8 @@ void expect_dense_information(const small_model& m, const std::vector<int>& fixe
     for (int i = 1; i <= estimates.nparm; ++i)
         for (int j = i; j <= estimates.nparm; ++j) {
             const double want = oracle::information(e, dv[at(i - 1)], dv[at(j - 1)]);
-            EXPECT_NEAR(derivs.der2(ihmssf(i, j, estimates.nparm)), want, 1.0e-6 * (1.0 + std::fabs(want))) << i << " " << j;
+            EXPECT_NEAR(derivs.der2(ihmssf(i, j, estimates.nparm)), want, 1.0e-6 * (1.0 + std::fabs(want)))
+                << i << " " << j;
         }
 }
 

@@ -324,8 +324,9 @@ sparse_pattern wide_blocks(int width1, int width2, int shared) {
     return p;
 }
 
-// Full blocks in a tree of four levels, each linked to a few equations of its ancestors: fronts too different to be merged.
-// Update matrices of the leaves wait for their parents where `width1` makes these narrow, beside the begun fronts above.
+// Full blocks in a tree of four levels, each linked to a few equations of its ancestors: fronts too different to be
+// merged. Update matrices of the leaves wait for their parents where `width1` makes these narrow, beside the begun
+// fronts above.
 sparse_pattern tree_of_blocks(int width1) {
     const int width[] = {20, width1, 300, 280}, links[] = {15, 40, 80};
     sparse_pattern p(1);

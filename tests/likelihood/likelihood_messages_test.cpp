@@ -140,7 +140,8 @@ TEST_F(likelihood_messages_test, DiagnosisOfTheFirstEvaluationLineByLine) {
                              "This indicates that - most likely - this is due to an \n"
                              "unidentified dependency among the fixed effects levels fitted.\n"
                              "Error ocuured at row no.              = ";
-    EXPECT_EQ(screen_text(), head + std::to_string(row) + "\nCorresponding \"original\" equation no. = " + std::to_string(eq) +
+    EXPECT_EQ(screen_text(), head + std::to_string(row) +
+                                 "\nCorresponding \"original\" equation no. = " + std::to_string(eq) +
                                  "\nThis belongs to fixed effect \"herd\"\nand trait no. 1\n"
                                  "Problem occurs for level no.          = 3\n"
                                  "No. of levels fitted for this effect  = 3\n"
@@ -183,7 +184,8 @@ TEST_F(likelihood_messages_test, ResidualMatrixIsShownUnderDetails) {
     clear_screen();
     int ifail = 0;
     rinverse(estimates.parvec, estimates.nparm, 0, ifail);
-    EXPECT_TRUE(told(screen_text(), "sigr  1  2.10000     0.400000    \nsigr  2 0.400000      1.90000    \n")) << screen_text();
+    EXPECT_TRUE(told(screen_text(), "sigr  1  2.10000     0.400000    \nsigr  2 0.400000      1.90000    \n"))
+        << screen_text();
     options.details = false;
     clear_screen();
     rinverse(estimates.parvec, estimates.nparm, 0, ifail);

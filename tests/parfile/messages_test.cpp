@@ -194,7 +194,8 @@ TEST_F(parfile_messages, covariance_lines) {
     fails("ANA UNI\nVAR animal 1\n 3\n", "Specify model before covariances !");
     fails(uni, "VAR animal 1", "VAR", "Name of effect is missing !");
     fails(rep, "VAR cowpe", "VAR cow", " Random effect name used more than once :  cow");
-    fails(uni, "VAR residual", "VAR animal 1\n 30.0\nVAR residual", " Random effect name used more than once :  animal");
+    fails(uni, "VAR residual", "VAR animal 1\n 30.0\nVAR residual",
+          " Random effect name used more than once :  animal");
     fails(examples::four_pc, "VAR animal 4 2", "VAR animal 4 5", "Reduced rank fit too large");
     fails(examples::four_pc, "VAR animal 4 2", "VAR animal 4 0", "Reduced rank fit too small");
     fails(examples::four_pc, "VAR animal 4 2", "VAR animal 4 2 DIA",

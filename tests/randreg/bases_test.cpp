@@ -127,7 +127,8 @@ TEST_F(bases_test, splines_at_their_knots) {
             bspline_row(-4.0 + 3.0 * knot, tvec, degree, row);
             for (std::size_t k = 0; k < at_knot[static_cast<std::size_t>(degree - 1)].size(); ++k)
                 wanted[static_cast<std::size_t>(knot) + k] = at_knot[static_cast<std::size_t>(degree - 1)][k];
-            for (std::size_t k = 0; k < row.size(); ++k) EXPECT_NEAR(row[k], wanted[k], 1e-14) << degree << " " << knot << " " << k;
+            for (std::size_t k = 0; k < row.size(); ++k)
+                EXPECT_NEAR(row[k], wanted[k], 1e-14) << degree << " " << knot << " " << k;
         }
     }
 }

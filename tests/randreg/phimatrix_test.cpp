@@ -108,7 +108,9 @@ TEST_F(phimatrix_test, long_tables_go_on_below) {
     prepare(par(" RAN animal(12,LEG) IDE\n", hom, many(12)), data);
     data_scan1st();
     EXPECT_EQ(phimat.phi_name(1), "age_LEG12");
-    EXPECT_EQ(read_file("age_LEG12.baf"), R"(       2  0.707107 -1.224745  1.581139 -1.870829  2.121320 -2.345208  2.549510 -2.738613  2.915476 -3.082207
+    EXPECT_EQ(
+        read_file("age_LEG12.baf"),
+        R"(       2  0.707107 -1.224745  1.581139 -1.870829  2.121320 -2.345208  2.549510 -2.738613  2.915476 -3.082207
           3.240370 -3.391165
        4  0.707107 -0.612372 -0.197642  0.818488 -0.613194 -0.210702  0.824109 -0.611106 -0.214692  0.825719
          -0.609930 -0.216598
@@ -118,7 +120,9 @@ TEST_F(phimatrix_test, long_tables_go_on_below) {
     reset_modules();
     prepare(par(" RAN animal(11,POL) IDE\n", hom, many(11)), data);
     data_scan1st();
-    EXPECT_EQ(read_file("age_POL11.baf"), R"(       2        1.000000        2.000000        4.000000        8.000000       16.000000       32.000000       64.000000      128.000000      256.000000      512.000000
+    EXPECT_EQ(
+        read_file("age_POL11.baf"),
+        R"(       2        1.000000        2.000000        4.000000        8.000000       16.000000       32.000000       64.000000      128.000000      256.000000      512.000000
              1024.000000
        4        1.000000        4.000000       16.000000       64.000000      256.000000     1024.000000     4096.000000    16384.000000    65536.000000   262144.000000
           1048576.000000
@@ -134,7 +138,8 @@ TEST_F(phimatrix_test, letters_of_degree) {
     } bases[] = {{"BSP", 1}, {"BSPL", 1}, {"bspl", 1}, {"BSPQ", 2}, {"bspq", 2}, {"BSPC", 3}, {"BspC", 3}};
     for (const auto& b : bases) {
         reset_modules();
-        prepare(par(std::string(" RAN animal(4,") + b.basis + ") IDE\n", hom, "VAR animal 4\n 9 0 0 0 9 0 0 9 0 9\n"), data);
+        prepare(par(std::string(" RAN animal(4,") + b.basis + ") IDE\n", hom, "VAR animal 4\n 9 0 0 0 9 0 0 9 0 9\n"),
+                data);
         data_scan1st();
         ASSERT_EQ(splines.nspline, 1) << b.basis;
         EXPECT_EQ(splines.bsp_degree[0], b.degree) << b.basis;
@@ -146,7 +151,8 @@ TEST_F(phimatrix_test, letters_of_degree) {
     }
     // one spline, two tables: degree is not part of the file name, but of the table
     reset_modules();
-    prepare(par(" RAN animal(4,BSPL) IDE\n RAN pe(4,BSPC) IDE\n", hom, "VAR animal 4\n 9 0 0 0 9 0 0 9 0 9\nVAR pe 4\n 9 0 0 0 9 0 0 9 0 9\n"),
+    prepare(par(" RAN animal(4,BSPL) IDE\n RAN pe(4,BSPC) IDE\n", hom,
+                "VAR animal 4\n 9 0 0 0 9 0 0 9 0 9\nVAR pe 4\n 9 0 0 0 9 0 0 9 0 9\n"),
             data);
     data_scan1st();
     EXPECT_EQ(phimat.nphi, 2);
@@ -162,7 +168,8 @@ TEST_F(phimatrix_test, a_value_that_the_spline_does_not_have) {
 }
 
 TEST_F(phimatrix_test, details_of_the_tables) {
-    prepare(par(" RAN animal(2,BSPL) IDE\n RAN pe(2,LEG) IDE\n", hom, "VAR animal 2\n 9 0 9\nVAR pe 2\n 9 0 9\n"), data);
+    prepare(par(" RAN animal(2,BSPL) IDE\n RAN pe(2,LEG) IDE\n", hom, "VAR animal 2\n 9 0 9\nVAR pe 2\n 9 0 9\n"),
+            data);
     options.details = true;
     data_scan1st();
     EXPECT_NE(screen_text().find("END setup_legendre\n"), std::string::npos);

@@ -1,5 +1,5 @@
-// Tables along the control variable. The expected lines were made by a Fortran program with the same edit forms; errors of
-// correlations by differences.
+// Tables along the control variable. The expected lines were made by a Fortran program with the same edit forms; errors
+// of correlations by differences.
 #include "randreg/rrvariances.h"
 
 #include "data/recode_fixture.h"
@@ -15,10 +15,13 @@ namespace {
 class rrvariances_test : public recode_test {
 protected:
     // Intercept and slope with variances 4 and 1, residual variances 2 (up to age 4) and 3.
-    void two_coefficients(const std::string& data = "1 2 5\n1 10 6\n2 4 5\n", const std::string& ages = " 1 4 2.0\n 5 10 3.0\n") {
+    void two_coefficients(const std::string& data = "1 2 5\n1 10 6\n2 4 5\n",
+                          const std::string& ages = " 1 4 2.0\n 5 10 3.0\n") {
         options.emalgorithm = true;
-        prepare("DAT t.dat\n animal 10\n age 40\n y\nEND\nANA RR\nMOD\n RAN animal(2,LEG) IDE\n RRC age\n TRAIT y 1 -9\nEND\n"
-                "VAR animal 2\n 4 0 1\nVAR residual 1 HET 2 age\n" + ages,
+        prepare("DAT t.dat\n animal 10\n age 40\n y\nEND\nANA RR\nMOD\n RAN animal(2,LEG) IDE\n RRC age\n TRAIT y 1 "
+                "-9\nEND\n"
+                "VAR animal 2\n 4 0 1\nVAR residual 1 HET 2 age\n" +
+                    ages,
                 data);
         data_scan1st();
         covs2parvec();
@@ -104,7 +107,8 @@ TEST_F(rrvariances_test, failed_errors) {
     options.saverr_ready = true;
     approxai_covs();
     rrvariances();
-    EXPECT_EQ(lines_of(read_file("RanRegVariances.dat"))[2], "    1      2    3.50000             fail    2.00000     0.500000        5.50000             fail");
+    EXPECT_EQ(lines_of(read_file("RanRegVariances.dat"))[2],
+              "    1      2    3.50000             fail    2.00000     0.500000        5.50000             fail");
     EXPECT_EQ(lines_of(read_file("RanRegVarRatios.dat"))[2], "    1      2     0.636    fail     0.364    fail");
 }
 
@@ -112,7 +116,8 @@ TEST_F(rrvariances_test, twenty_blocks_of_a_long_list) {
     for (const int most : {39, 20}) {
         reset_modules();
         std::string used;
-        for (int a = 0; a < most; ++a) used += std::to_string(a % 9 + 1) + " " + std::to_string(a + 1) + " " + std::to_string(a % 7) + "\n";
+        for (int a = 0; a < most; ++a)
+            used += std::to_string(a % 9 + 1) + " " + std::to_string(a + 1) + " " + std::to_string(a % 7) + "\n";
         two_coefficients(used, " 1 4 2.0\n 5 39 3.0\n");
         rrvariances();
         std::vector<int> levels;

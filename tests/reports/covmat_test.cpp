@@ -1,5 +1,5 @@
-// Matrices of the estimates report: wrapped rows, wide output, residual classes, reduced rank and sums of correlated effects.
-// The expected lines were made by a Fortran program with the same edit forms.
+// Matrices of the estimates report: wrapped rows, wide output, residual classes, reduced rank and sums of correlated
+// effects. The expected lines were made by a Fortran program with the same edit forms.
 #include "reports/covblocks.h"
 #include "reports/summary.h"
 
@@ -152,24 +152,29 @@ TEST_F(covmat_test, eigenvalues_stay_six_a_line) {
 )");
     options.wide = true;
     const std::string wide = printed(plain_matrix(7, 7), packed(7, 0.0, 10.0, -1.0));
-    EXPECT_NE(wide.find("\n Value         9.00         8.00         7.00         6.00         5.00         4.00\n               3.00\n"),
+    EXPECT_NE(wide.find("\n Value         9.00         8.00         7.00         6.00         5.00         4.00\n      "
+                        "         3.00\n"),
               std::string::npos)
         << wide;
-    EXPECT_NE(wide.find("\n   1     1.0000       0.0000       0.0000       0.0000       0.0000       0.0000       0.0000    \n"),
-              std::string::npos)
+    EXPECT_NE(
+        wide.find(
+            "\n   1     1.0000       0.0000       0.0000       0.0000       0.0000       0.0000       0.0000    \n"),
+        std::string::npos)
         << wide;
 }
 
 TEST_F(covmat_test, a_variance_of_zero_has_correlations_of_zero) {
     const std::string text = printed(plain_matrix(2, 1), {0.0, 0.0, 4.0});
-    EXPECT_NE(text.find(" Correlation matrix\n   1      1.0000\n   2      0.0000    1.0000\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(" Correlation matrix\n   1      1.0000\n   2      0.0000    1.0000\n"), std::string::npos)
+        << text;
 }
 
 TEST_F(covmat_test, residual_classes) {
     options.emalgorithm = true;
-    prepare("DAT t.dat\n animal 10\n age 40\n y\nEND\nANA RR\nMOD\n RAN animal(2,LEG) IDE\n RRC age\n TRAIT y 1 -9\nEND\n"
-            "VAR animal 2\n 4 0 1\nVAR residual 1 HET 2 age\n 1 4 2.0\n 5 10 3.0\n",
-            "1 2 5\n1 10 6\n2 4 5\n");
+    prepare(
+        "DAT t.dat\n animal 10\n age 40\n y\nEND\nANA RR\nMOD\n RAN animal(2,LEG) IDE\n RRC age\n TRAIT y 1 -9\nEND\n"
+        "VAR animal 2\n 4 0 1\nVAR residual 1 HET 2 age\n 1 4 2.0\n 5 10 3.0\n",
+        "1 2 5\n1 10 6\n2 4 5\n");
     estimate_at_start();
     write_file("AvInfoParms", "-10\n1 1 4\n2 2 25\n3 3 1\n4 4 4\n5 5 16\n");
     options.saverr_ready = true;
@@ -222,19 +227,22 @@ No. of measurement error variance classes = 2
 
 TEST_F(covmat_test, classes_from_a_file_have_no_range) {
     options.emalgorithm = true;
-    prepare("DAT t.dat\n animal 10\n age 40\n y\nEND\nANA RR\nMOD\n RAN animal(2,LEG) IDE\n RRC age\n TRAIT y 1 -9\nEND\n"
-            "VAR animal 2\n 4 0 1\nVAR residual 1 IND 2\n 2.0\n 3.0\n",
-            "1 2 5\n1 10 6\n2 4 5\n");
+    prepare(
+        "DAT t.dat\n animal 10\n age 40\n y\nEND\nANA RR\nMOD\n RAN animal(2,LEG) IDE\n RRC age\n TRAIT y 1 -9\nEND\n"
+        "VAR animal 2\n 4 0 1\nVAR residual 1 IND 2\n 2.0\n 3.0\n",
+        "1 2 5\n1 10 6\n2 4 5\n");
     write_file("MEVariances", "2 1\n4 2\n10 1\n");
     estimate_at_start();
     write_estimates();
-    EXPECT_NE(report_from("\n***** Estimates of residual").find("No. of measurement error variance classes = 2\n Class no.   1\n"
-                                                                "(Co)Variance components\n   1     2.0000    \n Class no.   2\n"),
+    EXPECT_NE(report_from("\n***** Estimates of residual")
+                  .find("No. of measurement error variance classes = 2\n Class no.   1\n"
+                        "(Co)Variance components\n   1     2.0000    \n Class no.   2\n"),
               std::string::npos);
 }
 
 TEST_F(covmat_test, order_and_rank) {
-    prepare("DAT t.dat\n animal 10\n y1\n y2\n y3\nEND\nANA MUV PC 3\nMOD EQ\n MEA\n RAN animal IDE\n TRAIT y1 1 -9\n TRAIT y2 2 -9\n"
+    prepare("DAT t.dat\n animal 10\n y1\n y2\n y3\nEND\nANA MUV PC 3\nMOD EQ\n MEA\n RAN animal IDE\n TRAIT y1 1 -9\n "
+            "TRAIT y2 2 -9\n"
             " TRAIT y3 3 -9\nEND\nVAR animal 3 2\n 9 3 1 5 1 1\nVAR residual 3\n 5 0 0 5 0 5\n",
             "1 2 5 4\n2 4 6 5\n3 6 1 2\n");
     estimate_at_start();
@@ -249,42 +257,56 @@ TEST_F(covmat_test, order_and_rank) {
 // Phenotypic covariances sum the effects that both traits have.
 TEST_F(covmat_test, phenotypic_sums) {
     options.emalgorithm = true;
-    prepare("PED p\nANA MUV 2\nDAT t.dat\n TR1 tno\n animal 10\n litter 5\n y1\n TR2 tno\n animal 10\n litter 5\n y2\nEND\nMOD\n MEA\n RAN animal NRM\n RAN litter IDE 2\n"
-            " TRAIT y1 1 -9\n TRAIT y2 2 -9\nEND\nVAR animal 2\n 2.0 0.5 3.0\nVAR litter 1\n 1.5\nVAR residual 2\n 5.0 1.0 4.0\n",
+    prepare("PED p\nANA MUV 2\nDAT t.dat\n TR1 tno\n animal 10\n litter 5\n y1\n TR2 tno\n animal 10\n litter 5\n "
+            "y2\nEND\nMOD\n MEA\n RAN animal NRM\n RAN litter IDE 2\n"
+            " TRAIT y1 1 -9\n TRAIT y2 2 -9\nEND\nVAR animal 2\n 2.0 0.5 3.0\nVAR litter 1\n 1.5\nVAR residual 2\n 5.0 "
+            "1.0 4.0\n",
             "1 1 1 2\n2 1 1 5\n1 2 2 4\n2 2 2 6\n", 3);
     estimate_at_start();
     write_estimates();
     const std::string text = report_from("***** Estimates of residual");
-    EXPECT_NE(text.find(" Matrix of correlations and variance ratios\n   1      0.7143\n   2      0.2236    0.4706\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(" Matrix of correlations and variance ratios\n   1      0.7143\n   2      0.2236    0.4706\n"),
+              std::string::npos)
+        << text;
     EXPECT_NE(text.find(" Variance ratios\n   1      0.1765\n"), std::string::npos) << text; // 1.5 of 8.5
-    EXPECT_NE(report_from("***** Estimates of phenotypic").find(" Covariance matrix\n   1     7.0000    \n   2     1.5000       8.5000    \n"),
+    EXPECT_NE(report_from("***** Estimates of phenotypic")
+                  .find(" Covariance matrix\n   1     7.0000    \n   2     1.5000       8.5000    \n"),
               std::string::npos)
         << text;
 }
 
 TEST_F(covmat_test, permanent_effects_count_in_the_total) {
     options.emalgorithm = true;
-    prepare("DAT t.dat\n animal 10\n perm 10\n y\nEND\nPED p\nANA UNI\nMOD\n MEA\n RAN animal NRM\n RAN perm PEQ\n TRAIT y 1 -9\nEND\n"
+    prepare("DAT t.dat\n animal 10\n perm 10\n y\nEND\nPED p\nANA UNI\nMOD\n MEA\n RAN animal NRM\n RAN perm PEQ\n "
+            "TRAIT y 1 -9\nEND\n"
             "VAR animal 1\n 3.0\nVAR perm 1\n 2.0\nVAR residual 1\n 5.0\n",
             "1 1 2\n1 1 4\n2 2 6\n3 3 5\n", 3);
     estimate_at_start();
     write_estimates();
     const std::string text = report_from("***** Estimates of residual");
-    EXPECT_NE(text.find(" Variance components\n   1     5.0000    \n\n Variance ratios\n   1      0.5000\n"), std::string::npos) << text;
-    EXPECT_NE(text.find(" Variance components\n   1     2.0000    \n\n Variance ratios\n   1      0.2000\n"), std::string::npos) << text;
-    EXPECT_NE(report_from("***** Estimates of phenotypic").find(" Variance components\n   1     10.000    \n"), std::string::npos) << text;
+    EXPECT_NE(text.find(" Variance components\n   1     5.0000    \n\n Variance ratios\n   1      0.5000\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find(" Variance components\n   1     2.0000    \n\n Variance ratios\n   1      0.2000\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(report_from("***** Estimates of phenotypic").find(" Variance components\n   1     10.000    \n"),
+              std::string::npos)
+        << text;
 }
 
 TEST_F(covmat_test, sum_of_correlated_effects) {
     options.emalgorithm = true;
-    prepare("DAT t.dat\n animal 10\n dam 10\n y\nEND\nANA UNI\nPED p\nMOD\n MEA\n RAN animal NRM\n RAN dam NRM\n TRAIT y 1 -9\nEND\n"
+    prepare("DAT t.dat\n animal 10\n dam 10\n y\nEND\nANA UNI\nPED p\nMOD\n MEA\n RAN animal NRM\n RAN dam NRM\n TRAIT "
+            "y 1 -9\nEND\n"
             "VAR animal+dam 2\n 4.0 -0.5 2.0\nVAR residual 1\n 5.0\n",
             "1 2 5\n3 2 6\n4 1 7\n", 4);
     estimate_at_start();
     write_estimates();
     const std::string text = report_from("***** Estimates for RE  1   \"animal+dam\"");
     // 4 + 2 - 2 times 0.5, and 10.5 = 5 + 4 + 2 - 0.5 in total: dam and offspring share half their genes
-    const std::string wanted = "\n***** Estimates for RE      \"a+dam\"  *****************************************\n" + std::string(78, '*') +
+    const std::string wanted = "\n***** Estimates for RE      \"a+dam\"  *****************************************\n" +
+                               std::string(78, '*') +
                                "\n\n Variance components\n   1     5.0000    \n\n Variance ratios\n   1      0.4762\n";
     EXPECT_NE(text.find(wanted), std::string::npos) << text;
     EXPECT_NE(text.find("covariances  ***********************************\n" + std::string(78, '*') +

@@ -1,5 +1,5 @@
-// The estimates report line by line. The expected lines were made by a Fortran program with the same edit forms, errors of
-// ratios and correlations by differences; the signs of eigenvectors are free.
+// The estimates report line by line. The expected lines were made by a Fortran program with the same edit forms, errors
+// of ratios and correlations by differences; the signs of eigenvectors are free.
 #include "reports/summary.h"
 
 #include "data/recode_fixture.h"
@@ -150,11 +150,14 @@ protected:
     // 15 animals with both traits; parameters are the covariances themselves.
     void two_trait_model(const std::string& functions = "") {
         std::string data;
-        for (int i = 1; i <= 15; ++i) data += std::to_string(i) + " " + std::to_string(i % 4) + " " + std::to_string(i % 3) + "\n";
+        for (int i = 1; i <= 15; ++i)
+            data += std::to_string(i) + " " + std::to_string(i % 4) + " " + std::to_string(i % 3) + "\n";
         options.emalgorithm = true;
-        prepare("DAT t.dat\n animal 99\n y1\n y2\nEND\nPED p\nANA MUV 2\nMOD EQ\n MEA\n RAN animal NRM\n TRAIT y1 1 -999\n"
-                " TRAIT y2 2 -999\nEND\nVAR animal 2\n 2.0 0.5 3.0\nVAR residual 2\n 5.0 1.0 4.0\n" + functions,
-                data, 15);
+        prepare(
+            "DAT t.dat\n animal 99\n y1\n y2\nEND\nPED p\nANA MUV 2\nMOD EQ\n MEA\n RAN animal NRM\n TRAIT y1 1 -999\n"
+            " TRAIT y2 2 -999\nEND\nVAR animal 2\n 2.0 0.5 3.0\nVAR residual 2\n 5.0 1.0 4.0\n" +
+                functions,
+            data, 15);
         data_scan1st();
         covs2parvec();
         estimates.parbest = estimates.parvec;
@@ -178,12 +181,14 @@ protected:
     }
     // Information with the inverse: variances 0.25, 0.125, 0.5, 0.2, 0.04, 0.2, covariance -0.1 between 1 and 4.
     static void information(const std::string& third = "2", double log_l = -123.456) {
-        write_file("AvInfoParms", std::to_string(log_l) + "\n1 1 5\n1 4 2.5\n4 4 6.25\n2 2 8\n3 3 " + third + "\n5 5 25\n6 6 5\n");
+        write_file("AvInfoParms",
+                   std::to_string(log_l) + "\n1 1 5\n1 4 2.5\n4 4 6.25\n2 2 8\n3 3 " + third + "\n5 5 25\n6 6 5\n");
         options.saverr_ready = true;
     }
     static void last_iterates() {
         aireml_terms.accepted = 3;
-        const double c[3][4] = {{1.5, 0.5, 12345.67891, -2.0}, {0.25, 0.0625, 3.25, -0.5}, {-0.0001234, 0.0000125, 0.00125, -0.0625}};
+        const double c[3][4] = {
+            {1.5, 0.5, 12345.67891, -2.0}, {0.25, 0.0625, 3.25, -0.5}, {-0.0001234, 0.0000125, 0.00125, -0.0625}};
         std::copy_n(&c[0][0], 12, &maximise.cchanges[0][0]);
     }
 };
@@ -195,7 +200,8 @@ TEST_F(estimates_report, two_traits_with_errors_and_functions) {
     derivs.nparm2 = 5;
     write_estimates();
     expect_lines(report(), two_traits);
-    EXPECT_NE(screen_text().find(" Cannot calculate  none   invalid denominator -5"), std::string::npos) << screen_text();
+    EXPECT_NE(screen_text().find(" Cannot calculate  none   invalid denominator -5"), std::string::npos)
+        << screen_text();
     const auto v = read_triangle("AvInfoCovs");
     EXPECT_EQ(v.loglike, -123.456);
     ASSERT_EQ(v.rows.size(), 8u); // six covariances and both sums
@@ -307,9 +313,11 @@ TEST_F(estimates_report, negative_sampling_variances_are_marked) {
     information("-2");
     write_estimates();
     const std::string text = report(), note = "Negative values for s.e. indicate failed approximation !\n";
-    EXPECT_NE(text.find("   3   COVS Z 2 2              4.00000         -0.707107    \n"), std::string::npos) << text; // minus root
+    EXPECT_NE(text.find("   3   COVS Z 2 2              4.00000         -0.707107    \n"), std::string::npos)
+        << text; // minus root
     EXPECT_NE(text.find("   6   COVS A 2 2              3.00000          0.447214    \n" + note), std::string::npos);
-    EXPECT_NE(text.find("   3  COVS Z 2 2    4.00000       -1.00000       vrat     0.571  failed\n\n " + note), std::string::npos);
+    EXPECT_NE(text.find("   3  COVS Z 2 2    4.00000       -1.00000       vrat     0.571  failed\n\n " + note),
+              std::string::npos);
     EXPECT_NE(text.find("   7  third    4.00000       -1.00000    \n\n " + note), std::string::npos);
     EXPECT_NE(text.find("   1  ratio   0.800000       -1.00000       vrat\n\n " + note), std::string::npos);
     EXPECT_EQ(text.find("not of full rank"), std::string::npos); // negative, but not singular
@@ -334,11 +342,13 @@ TEST_F(estimates_report, information_of_another_point_is_not_used) {
     EXPECT_NE(report().find("sampling erors"), std::string::npos);
     information("2", -123.015625);
     write_estimates();
-    EXPECT_NE(screen_text().find("Approximation of sampling covariances failed\n-> discrepancy in log L too big -123.0 -123.015625\n"),
+    EXPECT_NE(screen_text().find(
+                  "Approximation of sampling covariances failed\n-> discrepancy in log L too big -123.0 -123.015625\n"),
               std::string::npos)
         << screen_text();
     EXPECT_EQ(report().find("sampling er"), std::string::npos);
-    EXPECT_NE(report().find("\n Parameter estimates\n   1   COVS Z 1 1              5.00000    \n"), std::string::npos) << report();
+    EXPECT_NE(report().find("\n Parameter estimates\n   1   COVS Z 1 1              5.00000    \n"), std::string::npos)
+        << report();
     std::filesystem::remove("AvInfoParms");
     clear_screen();
     write_estimates();
@@ -349,7 +359,8 @@ TEST_F(estimates_report, information_of_another_point_is_not_used) {
 // A report of estimates in the metric of the variances holds errors that follow a change of units.
 TEST_F(estimates_report, errors_follow_the_units) {
     two_trait_model();
-    write_file("AvInfoParms", "-123.456\n1 1 5e-12\n1 4 2.5e-12\n4 4 6.25e-12\n2 2 8e-12\n3 3 2e-12\n5 5 25e-12\n6 6 5e-12\n");
+    write_file("AvInfoParms",
+               "-123.456\n1 1 5e-12\n1 4 2.5e-12\n4 4 6.25e-12\n2 2 8e-12\n3 3 2e-12\n5 5 25e-12\n6 6 5e-12\n");
     options.saverr_ready = true;
     write_estimates();
     EXPECT_EQ(report().find("not of full rank"), std::string::npos);

@@ -47,10 +47,12 @@ TEST_F(modelsum_test, one_trait) {
 
 // The lines of a Fortran program; names longer than their place run into the numbers.
 TEST_F(modelsum_test, two_traits) {
-    prepare("DAT t.dat\n animal 10\n herd 5\n age\n y1\n weight_at_weaning_12\nEND\nPED p\nANA MUV 2\nMOD EQ\n FIX herd\n COV age(1,POL)\n"
-            " RAN animal NRM\n EXT herd\n TRAIT y1 1 -9\n TRAIT weight_at_weaning_12 2 -9\nEND\nVAR animal 2\n 1.0 0 1.0\n"
-            "VAR residual 2\n 2.0 0 2.0\n",
-            "1 5 2 5 -9\n2 6 4 8 -1\n3 6 9 5 0.5\n", 4);
+    prepare(
+        "DAT t.dat\n animal 10\n herd 5\n age\n y1\n weight_at_weaning_12\nEND\nPED p\nANA MUV 2\nMOD EQ\n FIX herd\n "
+        "COV age(1,POL)\n"
+        " RAN animal NRM\n EXT herd\n TRAIT y1 1 -9\n TRAIT weight_at_weaning_12 2 -9\nEND\nVAR animal 2\n 1.0 0 1.0\n"
+        "VAR residual 2\n 2.0 0 2.0\n",
+        "1 5 2 5 -9\n2 6 4 8 -1\n3 6 9 5 0.5\n", 4);
     data_scan1st();
     write_modelsum();
     EXPECT_EQ(body(), R"-( No. of traits          =   2

@@ -1,5 +1,5 @@
-// Sampling covariances of the covariance components against dense algebra: the average information of the parameters from
-// P and the derivatives of V, its inverse, and the slopes of the components by differences.
+// Sampling covariances of the covariance components against dense algebra: the average information of the parameters
+// from P and the derivatives of V, its inverse, and the slopes of the components by differences.
 #include "reports/apprxaicovs.h"
 
 #include "control/options.h"

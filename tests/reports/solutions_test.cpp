@@ -16,8 +16,10 @@ class solutions_test : public recode_test {
 protected:
     // Five records in three herds; animals 10 to 50. The last herd is taken out of the equations.
     void records(const std::string& covariable, bool errors) {
-        prepare("COM A small herd\nDAT t.dat\n animal 99\n herd 9\n age\n sex 2\n y\nEND\nANA UNI\nMOD\n COV " + covariable +
-                    "\n FIX herd\n EXT sex\n RAN animal IDE\n TRAIT y 1 -9\nEND\nVAR animal 1\n 1.0\nVAR residual 1\n 2.0\n",
+        prepare("COM A small herd\nDAT t.dat\n animal 99\n herd 9\n age\n sex 2\n y\nEND\nANA UNI\nMOD\n COV " +
+                    covariable +
+                    "\n FIX herd\n EXT sex\n RAN animal IDE\n TRAIT y 1 -9\nEND\nVAR animal 1\n 1.0\nVAR residual 1\n "
+                    "2.0\n",
                 "10 5 2 1 10\n20 5 4 2 12.5\n30 7 4 1 20\n40 7 6 1 18\n50 9 8 2 30\n");
         model.trait(1) = "weight";
         data_scan1st();
@@ -61,7 +63,9 @@ TEST_F(solutions_test, covariable_with_errors) {
     write_fixsolns();
     EXPECT_TRUE(options.wide);
     const std::string text = read_file("FixSolutions.out");
-    EXPECT_NE(text.find(" GLS solutions for fixed effects\n" + std::string(78, '=') + "\n\n A small herd\n\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(" GLS solutions for fixed effects\n" + std::string(78, '=') + "\n\n A small herd\n\n"),
+              std::string::npos)
+        << text;
     EXPECT_EQ(fixed_report(), R"(
  Covariables for trait no.       1   "weight"
      Covariable                     Reg.coeff    Solution        S.Error
@@ -189,7 +193,8 @@ TEST_F(solutions_test, random_effect) {
 }
 
 TEST_F(solutions_test, second_traits_leave_the_code_blank) {
-    prepare("DAT t.dat\n animal 9\n y1\n y2\nEND\nPED p\nANA MUV 2\nMOD EQ\n MEA\n RAN animal NRM\n TRAIT y1 1 -9\n TRAIT y2 2 -9\nEND\n"
+    prepare("DAT t.dat\n animal 9\n y1\n y2\nEND\nPED p\nANA MUV 2\nMOD EQ\n MEA\n RAN animal NRM\n TRAIT y1 1 -9\n "
+            "TRAIT y2 2 -9\nEND\n"
             "VAR animal 2\n 4.0 0.5 9.0\nVAR residual 2\n 5.0 1.0 4.0\n",
             "1 2 5\n2 4 6\n", 2);
     data_scan1st();
@@ -213,7 +218,8 @@ TEST_F(solutions_test, second_traits_leave_the_code_blank) {
 TEST_F(solutions_test, torn_data_stop_the_report) {
     records("age(1,POL)", false);
     write_file("t.dat", "10 5 2 1 10\n20 5 4 2 12.5\n30 seven 4 1 20\n");
-    EXPECT_STOP(write_fixsolns(), "***** ERROR : reading data file *****\n      No. of records read successfully =      2\n");
+    EXPECT_STOP(write_fixsolns(),
+                "***** ERROR : reading data file *****\n      No. of records read successfully =      2\n");
 }
 
 TEST_F(solutions_test, curves_of_splines_and_polynomials) {
@@ -222,7 +228,8 @@ TEST_F(solutions_test, curves_of_splines_and_polynomials) {
     auto lines = lines_of(read_file("Curve_age.dat"));
     ASSERT_EQ(lines.size(), 4u);
     for (std::size_t k = 0; k < 4; ++k)
-        EXPECT_NEAR(number_of(words_of(lines[k])[1]), 0.5 * std::sqrt(1.5) * (-1.0 + 2.0 * static_cast<double>(k) / 3.0), 1e-7);
+        EXPECT_NEAR(number_of(words_of(lines[k])[1]),
+                    0.5 * std::sqrt(1.5) * (-1.0 + 2.0 * static_cast<double>(k) / 3.0), 1e-7);
     reset_modules();
     records("age(2,BSPL)", false);
     write_fixsolns(); // a straight line from 0.5 to -0.25

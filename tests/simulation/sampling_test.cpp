@@ -43,8 +43,12 @@ protected:
         gen_inverses();
     }
     static std::string two_traits(const std::string& kov, const std::string& ped = "PED ped.dat\n") {
-        return ped + "ANA MUV 2\nDAT data.dat\n animal 99\n perm 99\n y1\n y2\nEND\nMOD EQ\n MEA\n RAN animal NRM\n RAN perm " + kov +
-               "\n TR y1 1 -999\n TR y2 2 -999\nEND\nVAR animal 2\n 4.0 2.0 5.0\nVAR perm 2\n 1.0 0.5 4.25\nVAR residual 2\n 6.0 1.0 5.0\n";
+        return ped +
+               "ANA MUV 2\nDAT data.dat\n animal 99\n perm 99\n y1\n y2\nEND\nMOD EQ\n MEA\n RAN animal NRM\n RAN "
+               "perm " +
+               kov +
+               "\n TR y1 1 -999\n TR y2 2 -999\nEND\nVAR animal 2\n 4.0 2.0 5.0\nVAR perm 2\n 1.0 0.5 4.25\nVAR "
+               "residual 2\n 6.0 1.0 5.0\n";
     }
     static std::vector<double> normals(int n) {
         std::vector<double> z;
@@ -73,9 +77,10 @@ TEST_F(sampling_test, factor_and_draw) {
 TEST_F(sampling_test, small_pivots_stop) {
     array<double, 2> chol;
     const double singular[] = {4.0, 2.0, 1.0}, tiny[] = {0.9e-11}, small[] = {1.1e-11};
-    EXPECT_STOP(mvnormal_initial(2, singular, chol), "***** Routine \"MVNORMAL_INITIAL\": negative/small pivot encountered\n"
-                                                     "      No. of effects    = 2\n"
-                                                     "      Pivot no.         = 2 0.0\n4.0 2.0\n2.0 1.0\n");
+    EXPECT_STOP(mvnormal_initial(2, singular, chol),
+                "***** Routine \"MVNORMAL_INITIAL\": negative/small pivot encountered\n"
+                "      No. of effects    = 2\n"
+                "      Pivot no.         = 2 0.0\n4.0 2.0\n2.0 1.0\n");
     EXPECT_STOP(mvnormal_initial(1, tiny, chol), "      Pivot no.         = 1 ");
     mvnormal_initial(1, small, chol);
     EXPECT_EQ(chol(1, 1), std::sqrt(1.1e-11));
@@ -113,12 +118,14 @@ TEST_F(sampling_test, animals_take_parent_means_and_shares) {
         EXPECT_NEAR(u[1][2 * i], p, 1e-13);
         EXPECT_NEAR(u[1][2 * i + 1], q, 1e-13);
     }
-    for (std::size_t k = 0; k < 3; ++k) EXPECT_NEAR(total[0][k], sum[k], 1e-12); // of the draws, before share and parents
+    for (std::size_t k = 0; k < 3; ++k)
+        EXPECT_NEAR(total[0][k], sum[k], 1e-12); // of the draws, before share and parents
 }
 
 TEST_F(sampling_test, sires_take_a_quarter_of_the_maternal_grandsire) {
-    const std::string model = "PED ped.dat SIR\nANA UNI\nDAT data.dat\n sire 99\n perm 99\n y1\n y2\nEND\nMOD\n MEA\n RAN sire NRM\n"
-                              " TR y1 1 -999\nEND\nVAR sire 1\n 4.0\nVAR residual 1\n 6.0\n";
+    const std::string model =
+        "PED ped.dat SIR\nANA UNI\nDAT data.dat\n sire 99\n perm 99\n y1\n y2\nEND\nMOD\n MEA\n RAN sire NRM\n"
+        " TR y1 1 -999\nEND\nVAR sire 1\n 4.0\nVAR residual 1\n 6.0\n";
     prepare(model, "3 1 2\n4 3 0\n5 0 3\n6 4 3\n", 6);
     setall(31, 41);
     const auto z = normals(6);
@@ -137,7 +144,8 @@ TEST_F(sampling_test, sires_take_a_quarter_of_the_maternal_grandsire) {
     }
 }
 
-// Over many samples the covariances of the draws come to the given ones, those of the animals to relationships times them.
+// Over many samples the covariances of the draws come to the given ones, those of the animals to relationships times
+// them.
 TEST_F(sampling_test, covariances_of_many_samples) {
     prepare(two_traits("IDE"), "3 1 2\n4 1 2\n5 3 4\n6 5 0\n7 5 2\n", 7);
     setall(12345, 67890);
@@ -188,7 +196,8 @@ TEST_F(sampling_test, effects_without_a_way_to_sample) {
     prepare(two_traits("PEQ"), "3 1 2\n", 3);
     random_samples u;
     std::vector<std::vector<double>> total;
-    EXPECT_STOP(sample_randeffs(u, total), "Cannot simulate data for this random effect :  perm 2  with covariance structure   PEQ\n");
+    EXPECT_STOP(sample_randeffs(u, total),
+                "Cannot simulate data for this random effect :  perm 2  with covariance structure   PEQ\n");
 }
 
 TEST_F(sampling_test, inbreeding_that_cannot_be_had) {

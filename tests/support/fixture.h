@@ -1,5 +1,5 @@
-// Fixture of all tests that touch modules, files or the screen: fresh modules, an empty working directory of its own and
-// a captured screen.
+// Fixture of all tests that touch modules, files or the screen: fresh modules, an empty working directory of its own
+// and a captured screen.
 #pragma once
 #include "support/stop.h"
 
@@ -55,7 +55,8 @@ private:
         } catch (const tarvex::program_stop& tvx_stop) {                                                               \
             tvx_stopped = true;                                                                                        \
             const std::string tvx_told = this->screen_text().substr(tvx_from) + tvx_stop.text;                         \
-            EXPECT_NE(tvx_told.find(words), std::string::npos) << "stop without \"" << (words) << "\" :\n" << tvx_told; \
+            EXPECT_NE(tvx_told.find(words), std::string::npos) << "stop without \"" << (words) << "\" :\n"             \
+                                                               << tvx_told;                                            \
         }                                                                                                              \
         EXPECT_TRUE(tvx_stopped) << "no stop by " #statement;                                                          \
     } while (false)

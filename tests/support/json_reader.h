@@ -7,7 +7,8 @@
 
 namespace tarvex {
 
-// One value: an object has members, an array items, a number and a flag (0 or 1) stand in `number`, `null` is none of them.
+// One value: an object has members, an array items, a number and a flag (0 or 1) stand in `number`, `null` is none of
+// them.
 struct json {
     enum kind { none, flag, number_value, text_value, array_value, object_value } is = none;
     double number = 0.0;

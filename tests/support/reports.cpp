@@ -18,7 +18,9 @@ bool is_real(const std::string& word) { return word.find('.') != std::string::np
 int whole(const std::string& word) { return static_cast<int>(number_of(word)); }
 
 // Word i of a line as a number, NaN behind its end.
-double at(const std::vector<std::string>& words, std::size_t i) { return i < words.size() ? number_of(words[i]) : not_there; }
+double at(const std::vector<std::string>& words, std::size_t i) {
+    return i < words.size() ? number_of(words[i]) : not_there;
+}
 
 } // namespace
 
@@ -158,8 +160,8 @@ fixed_solutions read_fixed_solutions() {
             errors = line.find("S.Error") != std::string::npos ? 1 : 0;
             nested = line.find(" Nested") != std::string::npos ? 1 : 0;
         } else if (part == covariables && w.size() == 4 + nested + errors) {
-            s.covariables.push_back({trait, w[1], nested == 1 ? whole(w[2]) : 0, whole(w[2 + nested]), at(w, 3 + nested),
-                                     errors == 1 ? at(w, 4 + nested) : not_there});
+            s.covariables.push_back({trait, w[1], nested == 1 ? whole(w[2]) : 0, whole(w[2 + nested]),
+                                     at(w, 3 + nested), errors == 1 ? at(w, 4 + nested) : not_there});
         } else if (part == levels && w.size() == 8 + errors && !std::isnan(number_of(w[0]))) {
             s.levels.push_back({trait, w[1], static_cast<long>(number_of(w[2])), whole(w[3]), at(w, 4),
                                 errors == 1 ? at(w, 5) : not_there, whole(w[6 + errors]), at(w, 7 + errors)});
@@ -176,8 +178,8 @@ std::vector<random_line> read_random_solutions(const std::string& effect) {
         const auto field = words_of(line.substr(6, 14));
         if (!field.empty()) code = static_cast<long>(number_of(field[0]));
         const auto w = words_of(line.substr(23));
-        list.push_back({whole(words_of(line.substr(0, 6)).at(0)), code, whole(words_of(line.substr(20, 3)).at(0)), at(w, 0),
-                        at(w, 1), at(w, 2)});
+        list.push_back({whole(words_of(line.substr(0, 6)).at(0)), code, whole(words_of(line.substr(20, 3)).at(0)),
+                        at(w, 0), at(w, 1), at(w, 2)});
     }
     return list;
 }

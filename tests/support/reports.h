@@ -1,5 +1,5 @@
-// Readers of what a run of the program leaves: the screen, the best point, reports, solutions and residuals. All files are
-// those of the working directory.
+// Readers of what a run of the program leaves: the screen, the best point, reports, solutions and residuals. All files
+// are those of the working directory.
 #pragma once
 #include <string>
 #include <string_view>

@@ -1,5 +1,5 @@
-// Generated systems for tests and benchmarks of the sparse kernels: a symmetric pattern is factorised symbolically in the
-// given order and laid into module sparse, with values that make the matrix positive definite.
+// Generated systems for tests and benchmarks of the sparse kernels: a symmetric pattern is factorised symbolically in
+// the given order and laid into module sparse, with values that make the matrix positive definite.
 #pragma once
 #include "control/numbers.h"
 #include "equations/sparse.h"
