@@ -161,7 +161,7 @@ bool getrec_dvec(data_reader& reader, array<double>& dvec, int& iq, bool& iskip)
         }
         dvec(1) = iq;
         first = 2;
-        last = datafile.ndatcol[iq];
+        last = datafile.ndatcol[column_set(iq)];
     }
     for (int i = first; i <= last; ++i)
         if (!take_number(p, e, dvec(i))) data_error(reader.ndatrec);

@@ -53,6 +53,10 @@ struct mudmap_module {
 };
 inline mudmap_module mudmap;
 
+// Trait whose columns name the values in a line of trait iq: the first where a line holds all traits, or where traits
+// of one model share a list of columns.
+int column_set(int iq);
+
 // Fitted components of a block: krfit in reduced-rank runs, else kkfit.
 int nfit(int irand);
 

@@ -18,12 +18,6 @@ namespace {
 
 constexpr int maxfitorder = 99; // coefficients of a regression
 
-// Trait whose columns hold the names of trait iq.
-int column_set(int iq) {
-    if (mudmap.alltraits) return 1;
-    return options.equal_model && datafile.ndatcol[iq] == 0 ? 1 : iq;
-}
-
 [[noreturn]] void name_err(std::string_view text, std::string_view name) {
     model_err(std::string(text) + std::string(name) + "\"");
 }
@@ -266,6 +260,11 @@ void check_residual() {
 }
 
 } // namespace
+
+int column_set(int iq) {
+    if (mudmap.alltraits) return 1;
+    return options.equal_model && datafile.ndatcol[iq] == 0 ? 1 : iq;
+}
 
 void model_err(std::string_view errmsg) {
     print_list(screen(), "***** ERROR  mapping model to data file *****");

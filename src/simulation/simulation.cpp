@@ -236,7 +236,7 @@ void write_subject(text_out& out, const subject_lines& s, const random_samples& 
 }
 
 std::string columns_text(const array<double>& dvec, int iq) {
-    const int n = datafile.ndatcol[iq > 0 ? iq : 1];
+    const int n = datafile.ndatcol[column_set(iq > 0 ? iq : 1)];
     std::string text = iq > 0 ? std::to_string(number_in_data(iq)) : data_item(dvec(1));
     for (int c = 2; c <= (iq > 0 ? n : mudmap.maxcol); ++c) text += " " + data_item(dvec(c));
     return text;

@@ -225,6 +225,34 @@ TEST_F(Simulate, LinesOfOneTraitShareTheirResiduals) {
     EXPECT_NEAR(c / n, 4.8, 4.0 * std::sqrt((36.0 + 23.0) / n)); // correlation 0.8
 }
 
+// Traits that are renumbered may name their columns once.
+TEST_F(Simulate, LinesOfTraitsWithOneListOfColumns) {
+    const auto p = make_population(60, 2, 1, 0.1, 63);
+    write_file("ped.dat", p.pedigree());
+    std::string lines;
+    for (const auto& line : lines_of(p.one_trait_lines())) lines += (line[0] == '1' ? "3" : "7") + line.substr(1) + "\n";
+    write_file("data.dat", lines);
+    const std::string columns = " tno\n animal 9999\n perm 9999\n dam 9999\n herd 4\n parity 3\n age 40\n y\n";
+    const auto simulated = [&](const std::string& block, const std::string& equal) {
+        write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + block + "END\nMOD" + equal +
+                                    "\n FIX herd\n RAN animal NRM\n TR y \"3\"->1 -999\n TR y \"7\"->2 -999\nEND\n"
+                                    "VAR animal 2\n 4 2 5\nVAR residual 2\n 6 1 5\n");
+        write_file("RandomSeeds", "12345 67890\n");
+        std::filesystem::remove("nrminvers1.bin");
+        finish("--simul");
+        return read_file("SimData001.dat");
+    };
+    const std::string once = simulated(columns, " EQ");
+    const auto given = lines_of(lines), found = lines_of(once);
+    ASSERT_EQ(found.size(), given.size());
+    for (std::size_t i = 0; i < given.size(); ++i) {
+        const auto old = words_of(given[i]), now = words_of(found[i]);
+        ASSERT_EQ(now.size(), old.size() + 1);
+        for (std::size_t k = 0; k < old.size(); ++k) EXPECT_EQ(number_of(now[k]), number_of(old[k])) << found[i];
+    }
+    EXPECT_EQ(simulated(" TR1" + columns + " TR2" + columns, ""), once);
+}
+
 TEST_F(Simulate, CorrelatedDirectAndMaternalEffects) {
     std::string pedigree, data;
     constexpr int dams = 1500; // two half-sibs from each

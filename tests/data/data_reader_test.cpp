@@ -161,6 +161,24 @@ TEST_F(data_reader_test, renumbered_traits) {
     EXPECT_EQ(iq, 2);
 }
 
+TEST_F(data_reader_test, renumbered_traits_that_share_a_list_of_columns) {
+    data("17 1 5\n2 1 6\n17 2 -999\n2 3 -999\n2 4 8\n", 2, 3, false);
+    options.renumbered = options.equal_model = true;
+    datafile.iq_newno[17] = 1;
+    datafile.ndatcol[2] = 0; // those of the first trait
+    open_datfile(reader);
+    const double codes[] = {1, 1, 2, 3, 4};
+    const int traits[] = {1, 2, 1, 2, 2}, skips[] = {0, 0, 1, 1, 0};
+    for (int i = 0; i < 5; ++i) {
+        SCOPED_TRACE(i);
+        ASSERT_TRUE(next());
+        EXPECT_EQ(iq, traits[i]);
+        EXPECT_EQ(dvec(2), codes[i]);
+        EXPECT_EQ(iskip, skips[i] != 0);
+    }
+    EXPECT_EQ(dvec(3), 8.0);
+}
+
 TEST_F(data_reader_test, lines_longer_than_the_buffer_part) {
     std::string text;
     for (int i = 1; i <= 60000; ++i) text += std::to_string(i) + " " + std::to_string(i) + ".25\n";
