@@ -136,7 +136,7 @@ void scan_random(scan_state& s, int iq) {
         const bool nrm = m.kovrnd(irand) == "NRM";
         const effect_columns e{
             model.random(i, iq), i, iq, m.rn_dcolno(i, iq), m.rn_dcolno2(i, iq), 1, nrm ? INT64_MAX : m.rn_mlev(i, iq)};
-        if (nrm && e.icol2 <= 0)
+        if (nrm)
             check_pedlist(checked_code(s, e), s.reader.ndatrec);
         else
             accum_levels(s, e, s.rn(irand));
@@ -304,7 +304,6 @@ void set_random_levels(const scan_state& s) {
     for (int irand = 1; irand <= krand; ++irand) {
         l.rn_base(irand) = final_codes(s.rn(irand), interaction(irand) != 0, l.rn_codes(irand));
         if (mudmap.kovrnd(irand) == "NRM") {
-            for (const auto icode : l.rn_codes(irand)) check_pedlist(icode, s.reader.ndatrec);
             const int irun = mudmap.iranno(irand);
             const auto& ids = pedigreelist.idwec(irun);
             l.rn_codes(irand).assign(ids.begin(), ids.end());
