@@ -3,6 +3,10 @@
 #include "case_run.h"
 #include "population.h"
 
+#include <algorithm>
+#include <map>
+#include <set>
+
 using namespace tarvex;
 
 namespace {
@@ -174,6 +178,63 @@ TEST_F(MoreModels, WaysToWriteTwoTraits) {
                    "END\nMOD\n FIX herd\n RAN animal NRM\n TR y1 \"3\"->1 -999\n TR y2 \"7\"->2 -999\nEND\n" +
                    two_traits);
     expect_relative(start(), truth, 1e-8, "renumbered traits");
+    write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n qno\n" + columns(0) +
+                                " y\nEND\nMOD EQ\n FIX herd\n RAN animal NRM\n TR y \"3\"->1 -999\n"
+                                " TR y \"7\"->2 -999\nEND\n" +
+                                two_traits);
+    expect_relative(start(), truth, 1e-8, "renumbered traits of one list of columns");
+}
+
+// Codes of the animals that are left when one after the other of those that add nothing has been taken out.
+std::set<long> pruned_codes(const population& p) {
+    const std::size_t n = p.sire.size();
+    std::vector<int> sire = p.sire, dam = p.dam, left(n, 1), recorded(n, 0);
+    for (const auto& r : p.records) recorded[static_cast<std::size_t>(r.code - 1)] = 1;
+    for (bool found = true; found;) {
+        found = false;
+        for (std::size_t i = 0; i < n && !found; ++i) {
+            if (left[i] == 0 || recorded[i] != 0) continue;
+            const int code = static_cast<int>(i) + 1;
+            int offspring = 0;
+            for (std::size_t j = 0; j < n; ++j) offspring += left[j] * ((sire[j] == code) + (dam[j] == code));
+            const bool founder = sire[i] == 0 && dam[i] == 0;
+            if (offspring > 1 || (offspring == 1 && !founder)) continue;
+            found = true;
+            left[i] = 0;
+            std::replace(sire.begin(), sire.end(), code, 0);
+            std::replace(dam.begin(), dam.end(), code, 0);
+        }
+    }
+    std::set<long> codes;
+    for (std::size_t i = 0; i < n; ++i)
+        if (left[i] != 0) codes.insert(static_cast<long>(i) + 1);
+    return codes;
+}
+
+// Solutions stand under the codes of the pedigree; parents without records have them, too, and pruning changes none.
+TEST_F(MoreModels, SolutionsOfAPrunedPedigree) {
+    std::erase_if(p_.records, [](const auto& r) { return r.code % 3 != 0; });
+    write_file("data.dat", p_.all_traits_lines());
+    write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + columns(2) +
+                                "END\nMOD EQ\n FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n" +
+                                two_traits);
+    finish("--aireml1");
+    const auto pruned = read_random_solutions("animal");
+    std::filesystem::remove("BestPoint");
+    finish("--aireml1 --nopru");
+    const auto whole = read_random_solutions("animal");
+    std::map<std::pair<long, int>, double> solutions;
+    for (const auto& line : whole) solutions[{line.code, line.iq}] = line.solution;
+    std::set<long> codes;
+    for (const auto& line : pruned) {
+        codes.insert(line.code);
+        ASSERT_TRUE(solutions.count({line.code, line.iq}) > 0) << line.code;
+        EXPECT_NEAR(line.solution, solutions.at({line.code, line.iq}), 1e-5) << line.code;
+    }
+    EXPECT_EQ(codes, pruned_codes(p_));
+    EXPECT_EQ(pruned.size(), 2 * codes.size());
+    EXPECT_LT(pruned.size(), whole.size());
+    EXPECT_TRUE(std::any_of(codes.begin(), codes.end(), [](long code) { return code % 3 != 0; }));
 }
 
 TEST_F(MoreModels, FaultsOfSuppliedInverses) {

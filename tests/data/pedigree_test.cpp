@@ -6,7 +6,10 @@
 #include "data/reducepeds.h"
 #include "support/edit_form.h"
 
-#include <chrono>
+#include <algorithm>
+#include <ctime>
+#include <numeric>
+#include <random>
 
 namespace tarvex {
 namespace {
@@ -35,6 +38,9 @@ TEST_F(pedigree_test, list_is_sorted_and_parents_are_running_numbers) {
     EXPECT_NE(text.find("No. of animal IDs in total     = 4\n"), std::string::npos);
     EXPECT_NE(text.find("Pedigree file                  =    test.ped\nTotal no. of animal IDs found  = 4\n"),
               std::string::npos);
+    const std::string report = read_file(filenames.sumpedfile);
+    EXPECT_NE(report.find("Summary of Pedigree Information\n"), std::string::npos) << report;
+    EXPECT_NE(report.find(" Pedigree file          :   \"test.ped\"\n"), std::string::npos) << report;
     EXPECT_TRUE(reported(" No. of animal IDs in data file =           =         2\n"));
     EXPECT_TRUE(reported(" No. of animal IDs in total     =           =         4\n"));
 }
@@ -88,6 +94,8 @@ TEST_F(pedigree_test, faulty_records_are_told_by_the_first_broken_rule) {
 TEST_F(pedigree_test, codes_outside_the_list_stop) {
     animal_model("1 1.0\n", "399999 0 0\n400000 0 0\n");
     EXPECT_STOP(pedigree_list(), "Error reading pedigrees : invalid animal ID\n");
+    animal_model("400000 1.0\n", "1 0 0\n");
+    EXPECT_STOP(pedigree_list(), "Error reading pedigrees : invalid animal ID\n");
     animal_model("0 1.0\n", "1 0 0\n");
     EXPECT_STOP(pedigree_list(), "Error reading pedigrees : invalid animal ID\n");
 }
@@ -106,6 +114,24 @@ TEST_F(pedigree_test, parent_in_both_roles_stops_but_not_a_bull_as_grandsire) {
     options.siremodel = true;
     pedigree_list();
     EXPECT_EQ(pedigreelist.jdvec(2, 4), 1);
+}
+
+TEST_F(pedigree_test, sires_must_have_smaller_codes_too) {
+    options.siremodel = true;
+    for (const char* record : {"3 4 0", "3 1 4"}) {
+        animal_model("1 1.0\n", "1 0 0\n" + std::string(record) + "\n");
+        EXPECT_STOP(pedigree_list(), "Animal ID smaller than parent ID " + std::string(record) + "\n");
+    }
+}
+
+TEST_F(pedigree_test, sire_that_is_its_own_parent_is_told_as_its_own_grandparent) {
+    options.siremodel = true;
+    for (const char* record : {"3 3 0", "3 1 3"}) {
+        animal_model("3 1.0\n", "1 0 0\n" + std::string(record) + "\n");
+        pedigree_list();
+        EXPECT_STOP(secateurs(), "animal & grandparent identical 3\n  ... animal no.  2\n  ... parent no.  2\n"
+                                 "Pedigree error ??");
+    }
 }
 
 TEST_F(pedigree_test, animals_of_the_data_without_pedigree_become_founders) {
@@ -133,6 +159,29 @@ TEST_F(pedigree_test, progress_and_speed_of_a_large_list) {
     EXPECT_EQ(pedigreelist.nanim, 20001);
     EXPECT_NE(screen_text().find("Pedigree file : at record 10000\nPedigree file : at record 20000\n"),
               std::string::npos);
+}
+
+// Codes in random order: the time must not grow with the square of their number.
+TEST_F(pedigree_test, list_of_300000_animals_in_random_order) {
+    constexpr int n = 300000;
+    std::vector<int> codes(n);
+    std::iota(codes.begin(), codes.end(), 1);
+    std::shuffle(codes.begin(), codes.end(), std::mt19937(7));
+    std::string ped, data;
+    for (const int i : codes) {
+        const std::string code = std::to_string(i);
+        ped += code + " " + std::to_string(i / 2 & ~1) + " " + std::to_string(i > 2 ? (i - 2) / 3 | 1 : 0) + "\n";
+        data += code + " 1.5\n";
+    }
+    animal_model(data, ped);
+    const std::clock_t start = std::clock();
+    reducepeds();
+    pedigree_list();
+    secateurs();
+    EXPECT_LT(static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC, 30.0);
+    EXPECT_EQ(pedigreelist.nannew(1), n);
+    EXPECT_EQ(pedigreelist.idvec(n), n);
+    EXPECT_EQ(pedigreelist.sire(1)[99999 - 1], 49998);
 }
 
 TEST_F(pedigree_test, reduction_keeps_ancestors_and_writes_the_new_file) {

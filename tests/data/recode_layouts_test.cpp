@@ -3,6 +3,8 @@
 
 #include "randreg/phimatrix.h"
 
+#include <cmath>
+
 namespace tarvex {
 namespace {
 
@@ -38,6 +40,22 @@ TEST_F(layouts_test, random_regression_of_one_trait_gives_form_d) {
     ASSERT_TRUE(next_subject(pass));
     EXPECT_EQ(row(1), (ints{1, 3, 4, 5}));
     EXPECT_EQ(datavecs.imeta(1, 1), 2);
+}
+
+// The sizes of tables of records and of tables of equations differ.
+TEST_F(layouts_test, one_record_with_many_equations) {
+    prepare(rr, "2 5 3.5 1.5\n1 6 8 2.5\n", 2);
+    recode();
+    EXPECT_EQ(numbers.maxnr, 1);
+    EXPECT_EQ(numbers.maxnreq, 4);
+    EXPECT_EQ(covmeans.mm_nrec(1, 1), 2);
+    EXPECT_EQ(covmeans.mm_xbar(1, 1), 5.75);
+    EXPECT_DOUBLE_EQ(covmeans.mm_var(1, 1), 4.5 / std::sqrt(2.0));
+    EXPECT_EQ(covmeans.mm_min(1, 1), 3.5);
+    EXPECT_EQ(covmeans.mm_max(1, 1), 8.0);
+    setup_recdata(pass, filenames.recdatfil2);
+    ASSERT_TRUE(next_subject(pass) && next_subject(pass));
+    EXPECT_EQ(datavecs.nr, 4);
 }
 
 TEST_F(layouts_test, control_value_that_the_scan_has_not_seen) {

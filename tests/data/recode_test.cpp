@@ -250,6 +250,44 @@ TEST_F(recode_test, faults_of_the_scan) {
                                 "  Max.  no. of levels allowed :  5\nexit");
 }
 
+TEST_F(recode_test, trait_without_any_record_is_refused) {
+    prepare(eq2, "1 7 1.5 -9\n2 7 2.5 -9\n", 3);
+    EXPECT_STOP(data_scan1st(), "No records found for trait \"y2\"\nexit");
+}
+
+TEST_F(recode_test, limit_that_was_never_declared) {
+    prepare(uni, "1 1 1 5\n", 4);
+    mudmap.fx_mlev(1, 1) = 0;
+    EXPECT_STOP(data_scan1st(), "  Max.  no. of levels allowed :  0\n"
+                                "  Could you have forgotten to specify the maximum no. of \n"
+                                "  levels in the parameter file (description of data) ??? \nexit");
+}
+
+TEST_F(recode_test, details_of_scan_and_recoding) {
+    prepare(uni, "3 1 1 5\n2 1 2 6\n2 2 4 7\n1 1 3 -9\n", 4);
+    options.details = options.verbose = true;
+    datalines.nskip_drecs = 0;
+    clear_screen();
+    data_scan1st();
+    EXPECT_EQ(screen_text(), "Start \"DATA_SCAN1ST\" \nEND data_scan1st\n");
+    number_equations();
+    clear_screen();
+    data_recode();
+    EXPECT_EQ(screen_text(), "Start DATA_RECODE\nCombination    1 1   1\nCombination    2 2   2\n"
+                             "No. of \"subjects\" in data 2  maxnr = 2   ncombi = 2\n"
+                             "End of routine \"data_recode\" \n");
+}
+
+TEST_F(recode_test, texts_of_patterns_of_ten_and_more_records) {
+    std::string data;
+    for (int i = 1; i <= 12; ++i) data += "1 7 1.5 " + std::string(i < 4 ? "2.5" : "-9") + "\n";
+    prepare(eq2, data + "2 7 1.5 2.5\n", 3);
+    options.details = true;
+    recode();
+    EXPECT_EQ(combinations.xcombi, (std::vector<std::string>{"12 3", " 1 1"}));
+    EXPECT_NE(screen_text().find("Combination    1 12 3  12  3\nCombination    2  1 1   1  1\n"), std::string::npos);
+}
+
 TEST_F(recode_test, constant_legendre_covariable_is_refused) {
     std::string par = uni;
     par.replace(par.find("POL"), 3, "LEG");
@@ -278,6 +316,34 @@ TEST_F(recode_test, codes_of_random_effects_that_the_scan_has_not_seen) {
     EXPECT_STOP(data_recode(),
                 "***** Error : Routine \"find_code\" \n      Could not find code for random effect \"animal\"\n"
                 "      Code in data file = 3\n      No. of levels     = 2\n");
+}
+
+TEST_F(recode_test, codes_of_extra_effects_that_the_scan_has_not_seen) {
+    prepare("DAT t.dat\n animal 10\n herd 5\n age\n y\nEND\nPED p\nANA UNI\nMOD\n MEA\n EXT herd\n"
+            " COV age*herd(1,POL)\n RAN animal NRM\n TRAIT y 1 -9\nEND\nVAR animal 1\n 1.0\nVAR residual 1\n 2.0\n",
+            "1 1 1 5\n2 3 2 5\n", 4);
+    data_scan1st();
+    number_equations();
+    write_file("t.dat", "1 1 1 5\n2 2 2 5\n");
+    EXPECT_STOP(data_recode(),
+                "***** Error : Routine \"find_code\" \n      Could not find code for extra effect \"herd\"\n"
+                "      Code in data file = 2\n      No. of levels     = 2\nexit");
+}
+
+TEST_F(recode_test, larger_subject_than_the_scan_has_seen) {
+    prepare(uni, "1 1 1 5\n2 1 2 5\n", 4);
+    data_scan1st();
+    number_equations();
+    write_file("t.dat", "1 1 1 5\n1 1 2 5\n");
+    EXPECT_STOP(data_recode(), "this should not happen");
+}
+
+TEST_F(recode_test, files_without_animal_levels_are_not_read_as_files_with_them) {
+    prepare(uni, "3 1 1 5\n2 1 2 6\n", 4);
+    recode();
+    options.superai = true;
+    setup_recdata(pass, filenames.recdatfil2);
+    EXPECT_STOP(while (next_subject(pass)){}, "Error reading recoded data !");
 }
 
 TEST_F(recode_test, covariable_rows) {
