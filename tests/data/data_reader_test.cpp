@@ -8,6 +8,8 @@
 #include "support/fixture.h"
 #include "support/special_files.h"
 
+#include <utility>
+
 namespace tarvex {
 namespace {
 
@@ -145,6 +147,12 @@ TEST_F(data_reader_test, trait_numbers_outside_the_analysis_are_skipped) {
     EXPECT_EQ(reader.ndatrec, 6);
 }
 
+TEST_F(data_reader_test, trait_numbers_are_whole) {
+    data("1.5 1 5\n", 2, 3, false);
+    open_datfile(reader);
+    EXPECT_STOP(next(), "      No. of records read successfully =      0\n");
+}
+
 TEST_F(data_reader_test, renumbered_traits) {
     data("17 1 5\n2 1 6\n1 1 7\n", 2, 3, false);
     options.renumbered = true;
@@ -205,6 +213,15 @@ TEST_F(data_reader_test, codes_are_truncated) {
     dvec(1) = 12;
     dvec(2) = 2004;
     EXPECT_EQ(effect_code(dvec, 1, 2, 10000), 122004);
+    for (const double bad : {5000000000.0, -1.0, -2147483649.0}) {
+        dvec(2) = bad;
+        EXPECT_EQ(effect_code(dvec, 1, 2, 10000), -1) << bad;
+        std::swap(dvec(1), dvec(2));
+        EXPECT_EQ(effect_code(dvec, 1, 2, 10000), -1) << bad;
+        std::swap(dvec(1), dvec(2));
+    }
+    dvec(1) = -0.5;
+    EXPECT_EQ(effect_code(dvec, 1, 0, 1), 0);
 }
 
 TEST_F(data_reader_test, subjects_are_runs_of_one_code) {
@@ -224,6 +241,24 @@ TEST_F(data_reader_test, subjects_are_runs_of_one_code) {
     mudmap.subj_dcolno(1) = -1;
     EXPECT_TRUE(starts(0));
     EXPECT_TRUE(starts(0));
+    mudmap.subj_dcolno(1) = 1; // a record of its own is not gone on with
+    EXPECT_TRUE(starts(0));
+    EXPECT_FALSE(starts(0));
+}
+
+TEST_F(data_reader_test, traits_may_have_subject_columns_of_their_own) {
+    data("", 2, 3, false);
+    mudmap.subj_dcolno(2) = 3;
+    subject_run run;
+    auto starts = [&](int trait, double code2, double code3) {
+        dvec(2) = code2;
+        dvec(3) = code3;
+        return starts_subject(run, dvec, trait);
+    };
+    EXPECT_TRUE(starts(1, 4, 9));
+    EXPECT_FALSE(starts(2, 9, 4));
+    EXPECT_TRUE(starts(2, 9, 5));
+    EXPECT_FALSE(starts(1, 5, 9));
 }
 
 } // namespace

@@ -58,6 +58,14 @@ TEST_F(layouts_test, one_record_with_many_equations) {
     EXPECT_EQ(datavecs.nr, 4);
 }
 
+TEST_F(layouts_test, zero_is_a_value_of_a_control_variable) {
+    prepare(rr, "2 5 0.7 1.5\n1 6 8 2.5\n", 2);
+    data_scan1st();
+    EXPECT_EQ(levels.mm_codes(1, 1), (code_list{0, 8}));
+    write_file("t.dat", "2 5 -1 1.5\n");
+    EXPECT_STOP(data_scan1st(), "Invalid effect code :  age -1.0 -1\n");
+}
+
 TEST_F(layouts_test, control_value_that_the_scan_has_not_seen) {
     prepare(rr, "2 5 3 1.5\n1 6 8 2.5\n", 2);
     data_scan1st();

@@ -153,6 +153,14 @@ TEST_F(recode_test, counts_of_100_and_101_records_are_two_patterns) {
     EXPECT_EQ(combinations.nqcombi[1], (ints{101}));
 }
 
+TEST_F(recode_test, text_of_ten_records) {
+    std::string data = "2 1 2 5\n";
+    for (int i = 1; i <= 10; ++i) data += "1 1 1 5\n";
+    prepare(uni, data, 4);
+    recode();
+    EXPECT_EQ(combinations.xcombi, (std::vector<std::string>{" 1", "10"}));
+}
+
 TEST_F(recode_test, combination_1000_stops) {
     numbers.maxnr = 50;
     combinations.ncomb_pairs.allocate(1);
@@ -221,6 +229,67 @@ TEST_F(recode_test, interaction_codes) {
     EXPECT_EQ(row(1), (ints{2, 4}));
     ASSERT_TRUE(next_subject(pass));
     EXPECT_EQ(row(1), (ints{1, 5}));
+}
+
+TEST_F(recode_test, codes_of_interactions_stay_apart) {
+    const std::string par = "DAT t.dat\n a 12\n b 20\n y\nEND\nANA UNI\nMOD\n FIX a*b\n RAN b*a\n TRAIT y 1 -9\nEND\n"
+                            "VAR b*a 1\n 1.0\nVAR residual 1\n 2.0\n";
+    prepare(par, "1 10 5\n2 0 6\n0 7 4\n");
+    recode();
+    EXPECT_EQ(levels.fx_base(1, 1), 100);
+    EXPECT_EQ(levels.fx_codes(1, 1), (code_list{7, 110, 200}));
+    EXPECT_EQ(levels.rn_base(1), 10);
+    EXPECT_EQ(levels.rn_codes(1), (code_list{2, 70, 101}));
+    setup_recdata(pass, filenames.recdatfil2);
+    for (const ints& want : {ints{2, 6}, ints{3, 4}, ints{1, 5}}) {
+        ASSERT_TRUE(next_subject(pass));
+        EXPECT_EQ(row(1), want);
+    }
+    write_file("t.dat", "3 -1 5\n");
+    EXPECT_STOP(data_scan1st(), "Invalid effect code :  a*b 3.0");
+    write_file("t.dat", "-1 3 5\n");
+    EXPECT_STOP(data_scan1st(), "Invalid effect code :  a*b -1.0 -1\n");
+    write_file("t.dat", "0 0 5\n"); // a level of the fixed effect, none of the random one
+    EXPECT_STOP(data_scan1st(), "Invalid effect code :  b*a 0.0 0\n");
+}
+
+TEST_F(recode_test, zero_is_a_level_of_extra_effects) {
+    prepare("DAT t.dat\n animal 10\n herd 5\n y\nEND\nPED p\nANA UNI\nMOD\n MEA\n EXT herd\n RAN animal NRM\n"
+            " TRAIT y 1 -9\nEND\nVAR animal 1\n 1.0\nVAR residual 1\n 2.0\n",
+            "1 0 5\n2 3 5\n", 4);
+    data_scan1st();
+    EXPECT_EQ(levels.ex_codes(1, 1), (code_list{0, 3}));
+    write_file("t.dat", "1 -1 5\n");
+    EXPECT_STOP(data_scan1st(), "Invalid effect code :  herd -1.0 -1\n");
+}
+
+// Lines of a subject by trait, and from the last trait to the first: with regressions, with levels of animals, and long
+// enough for a sort that is not stable to be seen.
+TEST_F(recode_test, all_tables_of_a_subject_follow_the_order_of_traits) {
+    const std::string par = "ANA MUV 2\nDAT t.dat\n TR1 tno\n animal 10\n pe 50\n age\n y1\n TR2 tno\n animal 10\n pe 50\n"
+                            " age\n y2\nEND\nPED p\nMOD\n COV age(2,POL)\n RAN animal NRM\n RAN pe IDE\n"
+                            " TRAIT y1 1 -9\n TRAIT y2 2 -9\nEND\nVAR animal 2\n 1.0 0.2 1.0\nVAR pe 2\n 1 0 1\n"
+                            "VAR residual 2\n 2.0 0.1 2.0\n";
+    std::string first, second, mixed;
+    for (int i = 1; i <= 24; ++i) {
+        const std::string rest =
+            " 1 " + std::to_string(i) + " " + std::to_string(i * i % 17) + " " + std::to_string(i) + ".5\n";
+        first += "1" + rest;
+        second += "2" + rest;
+        mixed += "2" + rest + "1" + rest;
+    }
+    options.superai = true;
+    prepare(par, first + second, 3);
+    recode();
+    const std::string want1 = read_file("recoded1.bin"), want2 = read_file("recoded2.bin");
+    for (const auto& data : {second + first, mixed}) {
+        reset_modules();
+        options.superai = true;
+        prepare(par, data, 3);
+        recode();
+        EXPECT_EQ(read_file("recoded1.bin"), want1);
+        EXPECT_EQ(read_file("recoded2.bin"), want2);
+    }
 }
 
 TEST_F(recode_test, records_of_all_traits_missing_leave_no_trace) {
@@ -293,6 +362,19 @@ TEST_F(recode_test, constant_legendre_covariable_is_refused) {
     par.replace(par.find("POL"), 3, "LEG");
     prepare(par, "1 1 3 5\n2 1 3 6\n", 4);
     EXPECT_STOP(data_scan1st(), "Covariable has a single value only : \"age(1,LEG)\"");
+    par.replace(par.find("1,LEG"), 5, "3,BSP");
+    prepare(par, "1 1 3 5\n2 1 3 6\n", 4);
+    EXPECT_STOP(data_scan1st(), "Covariable has a single value only : \"age(3,BSP)\"");
+    par.replace(par.find("3,BSP"), 5, "1,POL");
+    prepare(par, "1 1 3 5\n2 1 3 6\n", 4);
+    data_scan1st();
+    EXPECT_EQ(covmeans.cv_var(1, 1), 0.0);
+}
+
+TEST_F(recode_test, values_of_a_covariable_are_listed_in_ascending_order) {
+    prepare(uni, "1 1 -3 5\n2 1 2.5 6\n3 1 -0.0 6\n4 1 -3.5 7\n1 1 0 5\n2 1 -3 5\n", 4);
+    data_scan1st();
+    EXPECT_EQ(covmeans.cv_values(1, 1), (std::vector<double>{-3.5, -3.0, 0.0, 2.5}));
 }
 
 TEST_F(recode_test, code_that_the_scan_has_not_seen) {
