@@ -230,7 +230,8 @@ TEST_F(Simulate, LinesOfTraitsWithOneListOfColumns) {
     const auto p = make_population(60, 2, 1, 0.1, 63);
     write_file("ped.dat", p.pedigree());
     std::string lines;
-    for (const auto& line : lines_of(p.one_trait_lines())) lines += (line[0] == '1' ? "3" : "7") + line.substr(1) + "\n";
+    for (const auto& line : lines_of(p.one_trait_lines()))
+        lines += (line[0] == '1' ? "3" : "7") + line.substr(1) + "\n";
     write_file("data.dat", lines);
     const std::string columns = " tno\n animal 9999\n perm 9999\n dam 9999\n herd 4\n parity 3\n age 40\n y\n";
     const auto simulated = [&](const std::string& block, const std::string& equal) {

@@ -482,8 +482,8 @@ TEST_F(pruning_test, classes_of_many_records_and_orders_of_fit) {
     EXPECT_TRUE(reported(edit("(1x,a,t45,1h=,i10,f7.1,1h%)", " ... 11-20 record(s) ", 2, 40.0)));
     EXPECT_TRUE(reported(edit("(1x,a,t45,1h=,i10,f7.1,1h%)", " ... >20 record(s) ", 1, 20.0)));
     EXPECT_TRUE(reported(counted("Minimum no. of records specified", 9)));
-    EXPECT_TRUE(reported(
-        edit("(1x,a,i2,a,t45,1h=,i10,f7.1,1h%) ", "No. of animals with at least ", 9, " records", 4, 80.0)));
+    EXPECT_TRUE(
+        reported(edit("(1x,a,i2,a,t45,1h=,i10,f7.1,1h%) ", "No. of animals with at least ", 9, " records", 4, 80.0)));
 }
 
 TEST_F(pruning_test, animal_as_its_own_grandparent_stops) {

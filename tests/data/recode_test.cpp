@@ -266,10 +266,11 @@ TEST_F(recode_test, zero_is_a_level_of_extra_effects) {
 // Lines of a subject by trait, and from the last trait to the first: with regressions, with levels of animals, and long
 // enough for a sort that is not stable to be seen.
 TEST_F(recode_test, all_tables_of_a_subject_follow_the_order_of_traits) {
-    const std::string par = "ANA MUV 2\nDAT t.dat\n TR1 tno\n animal 10\n pe 50\n age\n y1\n TR2 tno\n animal 10\n pe 50\n"
-                            " age\n y2\nEND\nPED p\nMOD\n COV age(2,POL)\n RAN animal NRM\n RAN pe IDE\n"
-                            " TRAIT y1 1 -9\n TRAIT y2 2 -9\nEND\nVAR animal 2\n 1.0 0.2 1.0\nVAR pe 2\n 1 0 1\n"
-                            "VAR residual 2\n 2.0 0.1 2.0\n";
+    const std::string par =
+        "ANA MUV 2\nDAT t.dat\n TR1 tno\n animal 10\n pe 50\n age\n y1\n TR2 tno\n animal 10\n pe 50\n"
+        " age\n y2\nEND\nPED p\nMOD\n COV age(2,POL)\n RAN animal NRM\n RAN pe IDE\n"
+        " TRAIT y1 1 -9\n TRAIT y2 2 -9\nEND\nVAR animal 2\n 1.0 0.2 1.0\nVAR pe 2\n 1 0 1\n"
+        "VAR residual 2\n 2.0 0.1 2.0\n";
     std::string first, second, mixed;
     for (int i = 1; i <= 24; ++i) {
         const std::string rest =
