@@ -259,6 +259,8 @@ TEST_F(data_reader_test, traits_may_have_subject_columns_of_their_own) {
     EXPECT_FALSE(starts(2, 9, 4));
     EXPECT_TRUE(starts(2, 9, 5));
     EXPECT_FALSE(starts(1, 5, 9));
+    options.siremodel = true; // only a line with all traits tells a progeny of a sire from the next
+    EXPECT_FALSE(starts(1, 5, 9));
 }
 
 } // namespace

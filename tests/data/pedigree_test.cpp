@@ -53,9 +53,11 @@ TEST_F(pedigree_test, empty_line_at_the_head_is_no_comment) {
 }
 
 TEST_F(pedigree_test, carriage_returns_tabs_and_unfinished_last_line_are_read) {
-    animal_model("3 1.0\n", "1\t0 0\r\n2 0 0\r\n\r\n3 1 2");
+    animal_model("3 1.0\n", "# head\r\n1\t0 0\r\n2 0 0\r\n\r\n3 1 2");
     pedigree_list();
     EXPECT_EQ(pedigreelist.jdvec(2, 3), 2);
+    EXPECT_EQ(screen_text(),
+              "Pedigree file                  =    test.ped\nTotal no. of animal IDs found  = 3\n"); // no more
 }
 
 TEST_F(pedigree_test, missing_pedigree_stops) {
@@ -148,7 +150,9 @@ TEST_F(pedigree_test, find_anim_names_the_neighbours) {
     EXPECT_EQ(find_anim(8), 3);
     EXPECT_STOP(find_anim(5), "Error in \"find_anim\" : animal/dam code not found !\nID in data = 5\n"
                               "pedigree list 2 3\npedigree list 3 8\n");
-    EXPECT_STOP(find_anim(9), "pedigree list 3 8\nexit");
+    EXPECT_STOP(find_anim(9), "ID in data = 9\npedigree list 3 8\nexit");
+    EXPECT_STOP(find_anim(2), "ID in data = 2\npedigree list 1 1\npedigree list 2 3\nexit");
+    EXPECT_STOP(find_anim(0), "ID in data = 0\npedigree list 1 1\nexit");
 }
 
 TEST_F(pedigree_test, progress_and_speed_of_a_large_list) {
@@ -289,6 +293,7 @@ TEST_F(pruning_test, line_without_records_goes_from_the_bottom_up) {
                                  "    Pruning : loop=   3      0      1\n"),
               std::string::npos)
         << screen_text();
+    EXPECT_TRUE(reported(" ... proportion (%) remaining               =      50.0\n"));
     EXPECT_NE(screen_text().find("Pruned pedigree for random effect no. 1\nOriginal no. of animals = 6\n"
                                  "New no. of animals      = 3\n"),
               std::string::npos);
@@ -315,6 +320,16 @@ TEST_F(pruning_test, each_effect_has_its_own_pedigree) {
     secateurs();
     EXPECT_EQ(pedigreelist.idwec(1), (std::vector<int>{1, 5, 6}));
     EXPECT_EQ(pedigreelist.idwec(2), (std::vector<int>{1}));
+    EXPECT_TRUE(reported("*****Pedigree Structure for random effect :      2****************************\n"));
+}
+
+TEST_F(pruning_test, report_names_the_effect_and_not_its_matrix) {
+    animal_model("5 6 1.0\n6 5 1.0\n", "5 0 0\n6 0 0\n", 2);
+    mudmap.kovrnd(1) = "IDE";
+    mudmap.iranno(1) = 0;
+    mudmap.nrunno = mudmap.iranno(2) = 1;
+    pedigree_list();
+    secateurs();
     EXPECT_TRUE(reported("*****Pedigree Structure for random effect :      2****************************\n"));
 }
 

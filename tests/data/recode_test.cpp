@@ -45,6 +45,7 @@ TEST_F(recode_test, one_record_a_subject_gives_form_a) {
     setup_recdata(pass, filenames.recdatfil2);
     ASSERT_TRUE(next_subject(pass));
     EXPECT_EQ(datavecs.icombi, 1);
+    EXPECT_EQ(datavecs.ynq(1), 1);
     EXPECT_EQ(datavecs.nobs, 1);
     EXPECT_EQ(datavecs.kk, 1);
     EXPECT_EQ(row(1), (ints{2, 3 + 3})); // covariable 1, sex 2 and 3, animals from 4
@@ -263,6 +264,29 @@ TEST_F(recode_test, zero_is_a_level_of_extra_effects) {
     EXPECT_STOP(data_scan1st(), "Invalid effect code :  herd -1.0 -1\n");
 }
 
+// The first trait has the larger model, the second other means of its covariable.
+TEST_F(recode_test, rows_hold_the_largest_model_and_means_are_those_of_the_trait) {
+    prepare("ANA MUV 2\nDAT t.dat\n TR1 tno\n animal 10\n herd 5\n age\n y1\n TR2 tno\n animal 10\n herd 5\n age\n"
+            " y2\nEND\nPED p\nMOD\n FIX herd 1\n MEA 2\n FIX animal 1\n COV age(2,POL) 1\n COV age(1,POL) 2\n"
+            " RAN animal NRM\n TRAIT y1 1 -9\n TRAIT y2 2 -9\nEND\nVAR animal 2\n 1.0 0.2 1.0\n"
+            "VAR residual 2\n 2.0 0.1 2.0\n",
+            "1 1 3 1 5\n1 2 3 4 5\n2 2 9 10 5\n2 3 9 20 6\n", 3);
+    recode();
+    EXPECT_EQ(row_length(1), 3);
+    EXPECT_EQ(row_length(2), 2);
+    EXPECT_EQ(max_row_length(), 3);
+    EXPECT_EQ(max_covariable_width(), 2);
+    setup_recdata(pass, filenames.recdatfil2);
+    ASSERT_TRUE(next_subject(pass) && next_subject(pass));
+    EXPECT_EQ(datavecs.nobs, 2);
+    EXPECT_EQ(datavecs.xcov(1, 1), 1.5);
+    EXPECT_EQ(datavecs.xcov(2, 1), 2.25);
+    EXPECT_EQ(datavecs.xcov(1, 2), -5.0);
+    EXPECT_EQ(datavecs.xcov(2, 2), 0.0);
+    EXPECT_EQ(datavecs.icov(2, 2), 0);
+    EXPECT_EQ(row(2).back(), 0);
+}
+
 // Lines of a subject by trait, and from the last trait to the first: with regressions, with levels of animals, and long
 // enough for a sort that is not stable to be seen.
 TEST_F(recode_test, all_tables_of_a_subject_follow_the_order_of_traits) {
@@ -373,7 +397,7 @@ TEST_F(recode_test, constant_legendre_covariable_is_refused) {
 }
 
 TEST_F(recode_test, values_of_a_covariable_are_listed_in_ascending_order) {
-    prepare(uni, "1 1 -3 5\n2 1 2.5 6\n3 1 -0.0 6\n4 1 -3.5 7\n1 1 0 5\n2 1 -3 5\n", 4);
+    prepare(uni, "1 1 -3 5\n2 1 2.5 6\n3 1 -0.0 6\n4 1 -3.5 7\n1 1 2.5 5\n2 1 -3 5\n", 4);
     data_scan1st();
     EXPECT_EQ(covmeans.cv_values(1, 1), (std::vector<double>{-3.5, -3.0, 0.0, 2.5}));
 }
