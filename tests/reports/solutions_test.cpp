@@ -12,6 +12,34 @@
 namespace tarvex {
 namespace {
 
+// What stands below the covariables.
+const std::string effects_with_errors = R"( Fixed effects for trait no.     1   "weight"
+     Effect             Orig.code  Level    Solution         S.Error        SolSum=0       No.recs   Eff.Mean
+  1  herd                       5      1     1.00000        0.500000       -0.166667             2     11.250    
+  1  herd                       7      2     2.50000        0.707107         1.33333             2     19.000    
+  1  herd                       9      3     0.00000         0.00000        -1.16667             1     30.000    
+     No. of subclasses with only 1 record  =       1
+     No. of subclasses with only 2 records =       2
+
+ Extra effects for trait no.     1   "weight"
+     Effect             Orig.code  Level   No.recs   Eff.Mean
+  1  sex                        1      1         3     16.000    
+  1  sex                        2      2         2     21.250    
+)";
+const std::string effects_without_errors = R"( Fixed effects for trait no.     1   "weight"
+     Effect             Orig.code  Level    Solution        SolSum=0       No.recs   Eff.Mean
+  1  herd                       5      1     1.00000       -0.166667             2     11.250    
+  1  herd                       7      2     2.50000         1.33333             2     19.000    
+  1  herd                       9      3     0.00000        -1.16667             1     30.000    
+     No. of subclasses with only 1 record  =       1
+     No. of subclasses with only 2 records =       2
+
+ Extra effects for trait no.     1   "weight"
+     Effect             Orig.code  Level   No.recs   Eff.Mean
+  1  sex                        1      1         3     16.000    
+  1  sex                        2      2         2     21.250    
+)";
+
 class solutions_test : public recode_test {
 protected:
     // Five records in three herds; animals 10 to 50. The last herd is taken out of the equations.
@@ -71,19 +99,7 @@ TEST_F(solutions_test, covariable_with_errors) {
      Covariable                     Reg.coeff    Solution        S.Error
   1  age(1,POL)                             1    0.500000        0.200000    
 
- Fixed effects for trait no.     1   "weight"
-     Effect             Orig.code  Level    Solution         S.Error        SolSum=0       No.recs   Eff.Mean
-  1  herd                       5      1     1.00000        0.500000       -0.166667             2     11.250    
-  1  herd                       7      2     2.50000        0.707107         1.33333             2     19.000    
-  1  herd                       9      3     0.00000         0.00000        -1.16667             1     30.000    
-     No. of subclasses with only 1 record  =       1
-     No. of subclasses with only 2 records =       2
-
- Extra effects for trait no.     1   "weight"
-     Effect             Orig.code  Level   No.recs   Eff.Mean
-  1  sex                        1      1         3     16.000    
-  1  sex                        2      2         2     21.250    
-)");
+)" + effects_with_errors);
     EXPECT_EQ(read_file("Curve_age.dat"), R"(     2      -1.4000000           1  10.0000    
      4     -0.40000000           2  16.2500    
      6      0.60000000           1  18.0000    
@@ -99,19 +115,7 @@ TEST_F(solutions_test, covariable_without_errors) {
      Covariable                     Reg.coeff    Solution
   1  age(1,POL)                             1    0.500000    
 
- Fixed effects for trait no.     1   "weight"
-     Effect             Orig.code  Level    Solution        SolSum=0       No.recs   Eff.Mean
-  1  herd                       5      1     1.00000       -0.166667             2     11.250    
-  1  herd                       7      2     2.50000         1.33333             2     19.000    
-  1  herd                       9      3     0.00000        -1.16667             1     30.000    
-     No. of subclasses with only 1 record  =       1
-     No. of subclasses with only 2 records =       2
-
- Extra effects for trait no.     1   "weight"
-     Effect             Orig.code  Level   No.recs   Eff.Mean
-  1  sex                        1      1         3     16.000    
-  1  sex                        2      2         2     21.250    
-)");
+)" + effects_without_errors);
 }
 
 TEST_F(solutions_test, nested_covariable_with_errors) {
@@ -124,19 +128,7 @@ TEST_F(solutions_test, nested_covariable_with_errors) {
   1  age*herd(1,POL)              2         1   -0.250000        0.300000    
   1  age*herd(1,POL)              3         1    0.125000       -0.500000    
 
- Fixed effects for trait no.     1   "weight"
-     Effect             Orig.code  Level    Solution         S.Error        SolSum=0       No.recs   Eff.Mean
-  1  herd                       5      1     1.00000        0.500000       -0.166667             2     11.250    
-  1  herd                       7      2     2.50000        0.707107         1.33333             2     19.000    
-  1  herd                       9      3     0.00000         0.00000        -1.16667             1     30.000    
-     No. of subclasses with only 1 record  =       1
-     No. of subclasses with only 2 records =       2
-
- Extra effects for trait no.     1   "weight"
-     Effect             Orig.code  Level   No.recs   Eff.Mean
-  1  sex                        1      1         3     16.000    
-  1  sex                        2      2         2     21.250    
-)");
+)" + effects_with_errors);
     EXPECT_EQ(read_file("Curve_age_herd.dat"), R"(Nested curve no. =    1  Code         5
      2      -1.4000000           1  10.0000    
      4     -0.40000000           1  12.5000    
@@ -158,19 +150,7 @@ TEST_F(solutions_test, nested_covariable_without_errors) {
   1  age*herd(1,POL)              2         1   -0.250000    
   1  age*herd(1,POL)              3         1    0.125000    
 
- Fixed effects for trait no.     1   "weight"
-     Effect             Orig.code  Level    Solution        SolSum=0       No.recs   Eff.Mean
-  1  herd                       5      1     1.00000       -0.166667             2     11.250    
-  1  herd                       7      2     2.50000         1.33333             2     19.000    
-  1  herd                       9      3     0.00000        -1.16667             1     30.000    
-     No. of subclasses with only 1 record  =       1
-     No. of subclasses with only 2 records =       2
-
- Extra effects for trait no.     1   "weight"
-     Effect             Orig.code  Level   No.recs   Eff.Mean
-  1  sex                        1      1         3     16.000    
-  1  sex                        2      2         2     21.250    
-)");
+)" + effects_without_errors);
 }
 
 TEST_F(solutions_test, random_effect) {
