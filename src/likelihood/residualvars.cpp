@@ -110,9 +110,7 @@ void show_singular(int n, int rank, int icombi, const std::vector<double>& w) {
     print_list(screen(), "***** ERROR : Residual covariance matrix not of full rank");
     print_list(screen(), "      Dimension   =", n);
     print_list(screen(), "      Rank        =", rank);
-    std::string line = "      Combination =";
-    for (int k : combinations.nqcombi[at(icombi - 1)]) line += " " + std::to_string(k);
-    print_list(screen(), line);
+    show_combination(icombi);
     for (int i = 1; i <= n; ++i) {
         std::vector<double> row;
         for (int j = 1; j <= i; ++j) row.push_back(w[at(ihmssf(j, i, n) - 1)]);
@@ -168,6 +166,7 @@ void invert_pattern(int icombi, int& ifail) {
         gen_inverse(w, n, numbers.zero * 0.01, rank, ldet, &negative);
         if (rank < n) show_singular(n, rank, icombi, kept);
         if (rank < n || negative > 0) {
+            inverse = {};
             ifail = 1;
             return;
         }
@@ -245,6 +244,12 @@ bool all_independent(const std::vector<int>& age, const std::vector<int>& iclass
 }
 
 } // namespace
+
+void show_combination(int icombi) {
+    std::string line = "      Combination =";
+    for (int k : combinations.nqcombi[at(icombi - 1)]) line += " " + std::to_string(k);
+    print_list(screen(), line);
+}
 
 void rinverse(array<double>& parvec, int, int, int& ifail) {
     ifail = 0;

@@ -43,6 +43,9 @@ void get_rinv_rreg(int isubj, std::vector<double>& zig2, bool& diagonal, double&
 // Random regression: level of the control variable and residual class of the records of the subject in datavecs.
 void residual_classes(std::vector<int>& age, std::vector<int>& iclass);
 
+// Prints the line with the number of records of each trait in a pattern.
+void show_combination(int icombi);
+
 // Traits of the records of a pattern, in their order.
 std::vector<int> pattern_traits(int icombi);
 

@@ -46,8 +46,10 @@ protected:
                 const int q = obs[i].trait - 1, r = obs[j].trait - 1;
                 v[i][j] = g[q][r] * a[k][l];
                 if (k != l) continue;
-                if (i == j) v[i][j] += e[q][q] + b[q][q];
-                else v[i][j] += q == r ? b[q][q] : e[q][r] + 2.0 * b[q][r]; // the sum, and the repeat matrix once more
+                if (i == j)
+                    v[i][j] += e[q][q] + b[q][q];
+                else
+                    v[i][j] += q == r ? b[q][q] : e[q][r] + 2.0 * b[q][r]; // the sum, and the repeat matrix once more
             }
         return dense_reml(obs, herds_and_age(p_, obs), v);
     }
@@ -107,6 +109,36 @@ TEST_F(RepeatRuns, MaximumHoldsTheMatricesApart) {
     EXPECT_NEAR(truth(e, b, g), best.loglike, 1e-4);
 }
 
+// A repeat matrix of rank one.
+TEST_F(RepeatRuns, ReducedRank) {
+    const auto model = [&](const std::string& analysis, const std::string& animal, const std::string& perm) {
+        std::string traits = traits_;
+        traits.replace(traits.find("VAR animal 2"), 12, "VAR animal " + animal);
+        put(animals_ + " RAN perm PEQ\n" + traits + "VAR perm " + perm + "VAR residual 2\n 6.0 0.4\n 5.5\n");
+        std::string text = read_file("model.par");
+        write_file("model.par", text.replace(text.find("ANA MUV 2"), 9, "ANA " + analysis));
+    };
+    model("MUV PC 2", "2 2", "2 1\n 1.6 0.8\n 0.4\n");
+    finish("--powell"); // the way that needs no derivatives
+    const auto best = read_best_point();
+    ASSERT_EQ(best.values.size(), 9u);
+    const auto& x = best.values;
+    EXPECT_NEAR(x[7] * x[7], x[6] * x[8], 1e-8);
+    EXPECT_NEAR(truth({{x[0], x[1]}, {x[1], x[2]}}, {{x[6], x[7]}, {x[7], x[8]}}, {{x[3], x[4]}, {x[4], x[5]}}),
+                best.loglike, 1e-4);
+    EXPECT_GT(best.loglike, truth({{6.0, 0.4}, {0.4, 5.5}}, {{1.6, 0.8}, {0.8, 0.4}}, {{4.5, 1.5}, {1.5, 3.5}}));
+    // residuals as with a matrix that is hardly of full rank
+    std::filesystem::remove("BestPoint");
+    finish("--blup");
+    const auto reduced = read_residuals();
+    model("MUV 2", "2", "2\n 1.6 0.8\n 0.400001\n");
+    for (const char* file : {"adjacency.bin", "eqnsorder.bin", "symbfact.bin"}) std::filesystem::remove(file);
+    finish("--blup");
+    const auto full = read_residuals();
+    ASSERT_EQ(reduced.size(), full.size());
+    for (std::size_t i = 0; i < full.size(); ++i) EXPECT_NEAR(reduced[i].residual, full[i].residual, 1e-3) << i;
+}
+
 TEST_F(RepeatRuns, OneRepeatEffectAndNotInRandomRegressions) {
     const std::string notyet = "*** Tarvex is work in progress !\n";
     put_one_trait(" RAN animal NRM\n RAN perm PEQ\n RAN dam PEQ\n",
@@ -140,6 +172,18 @@ TEST_F(RepeatRuns, NoOtherRandomEffect) {
     expect_relative(start(), dense_reml(obs, herds_and_age(q, obs), v), 1e-8, "log L");
 }
 
+// A covariance that the traits allow, but not their repeated records: 5*5*2 is above 6*5.5.
+TEST_F(RepeatRuns, RecordsOfASubjectWithoutAPositiveDefiniteMatrix) {
+    put(animals_ + traits_ + "VAR residual 2\n 6.0 5.0\n 5.5\n");
+    const auto result = run("--aireml1");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.output.find("***** ERROR : Residual covariance matrix of the records of a subject is not positive "
+                                 "definite\n      Combination = "),
+              std::string::npos)
+        << result.output;
+    EXPECT_TRUE(result.output.ends_with("RE-inv adj\n")) << result.output;
+}
+
 TEST_F(RepeatRuns, FirstEvaluationThatFails) {
     put_one_trait(" RAN animal NRM\n", "VAR animal 1\n 4.5\nVAR residual 1\n 1000000000000.0\n");
     for (const char* options : {"--aireml1", "--aireml1 --mmmpdst", "--emalg1"}) {
@@ -152,7 +196,8 @@ TEST_F(RepeatRuns, FirstEvaluationThatFails) {
                                      "unidentified dependency among the fixed effects levels fitted.\n"
                                      "Error ocuured at row no.              = "),
                   std::string::npos)
-            << options << "\n" << result.output;
+            << options << "\n"
+            << result.output;
         EXPECT_TRUE(result.output.ends_with("exit \"Tarvex\"\n")) << options << "\n" << result.output;
         EXPECT_FALSE(std::filesystem::exists("BestPoint")) << options;
     }
