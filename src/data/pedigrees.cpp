@@ -23,7 +23,7 @@ using pedrec = std::array<int, 3>; // animal, sire, dam
 
 // Codes met so far; all lie between 1 and maxan.
 struct code_marks {
-    array<int> seen;
+    array<signed char> seen;
     int n = 0;
 };
 
@@ -40,7 +40,7 @@ bool next_line(ped_reader& reader) {
 
 void add_list(code_marks& marks, long long id) {
     if (id > maxan || id < 1) stop_with("Error reading pedigrees : invalid animal ID");
-    int& seen = marks.seen(id);
+    auto& seen = marks.seen(id);
     if (seen == 0) ++marks.n;
     seen = 1;
 }
@@ -159,7 +159,11 @@ const char* pedrec_fault(long long ian, long long idad, long long imum) {
 
 int find_anim(int id) {
     const auto first = pedigreelist.idvec.begin(), last = first + pedigreelist.nanim;
-    const auto at = std::lower_bound(first, last, id);
+    // Codes are distinct whole numbers from 1: one stands no later than its value tells, and leaves no more places
+    // behind it than there are numbers up to the last code.
+    const long long n = pedigreelist.nanim, behind = n > 0 ? pedigreelist.idvec(n) - static_cast<long long>(id) : 0;
+    const long long from = std::clamp(n - 1 - behind, 0LL, n), to = std::clamp<long long>(id, from, n);
+    const auto at = std::lower_bound(first + from, first + to, id);
     const int i = static_cast<int>(at - first) + 1;
     if (at != last && *at == id) return i;
     screen().line("Error in \"find_anim\" : animal/dam code not found !");

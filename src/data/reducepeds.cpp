@@ -12,6 +12,7 @@
 #include "support/edit_form.h"
 #include "support/stop.h"
 
+#include <algorithm>
 #include <array>
 #include <new>
 #include <unordered_map>
@@ -24,25 +25,33 @@ namespace {
 constexpr int maxhash = 524827; // distinct codes that can be held
 
 struct hash_tables {
-    std::unordered_map<long long, int> number;
+    std::vector<int> number;                  // [code] running number of a code up to maxan, 0: not met
+    std::unordered_map<long long, int> large; // those of larger codes, which pedigree_list will refuse
     std::vector<std::array<long long, 3>> id; // [number-1] codes of animal, sire, dam; last record of an animal
     int nlevels[2] = {};                      // codes in the data, in total
 };
 
 void hash_setup(hash_tables& tables) {
     try {
-        tables.number.reserve(maxhash);
         tables.id.reserve(maxhash);
     } catch (const std::bad_alloc&) { stop("alloc hashtabs"); }
 }
 
+// Place for the running number of a code.
+int& number_of(hash_tables& tables, long long code) {
+    if (code > maxan) return tables.large[code];
+    auto& number = tables.number;
+    const auto c = static_cast<std::size_t>(code);
+    if (c >= number.size()) number.resize(std::max(2 * c, std::size_t{1024}));
+    return number[c];
+}
+
 int hash_code(hash_tables& tables, long long code) {
-    const int next = static_cast<int>(tables.id.size()) + 1;
-    const auto [at, fresh] = tables.number.try_emplace(code, next);
-    if (!fresh) return at->second;
-    if (next > maxhash) stop("HASH : increase size");
+    int& number = number_of(tables, code);
+    if (number != 0) return number;
+    if (tables.id.size() == maxhash) stop("HASH : increase size");
     tables.id.push_back({code, 0, 0});
-    return next;
+    return number = static_cast<int>(tables.id.size());
 }
 
 // Enters all records; false if one of them is faulty, which pedigree_list then has to tell.
@@ -65,7 +74,7 @@ bool read_records(hash_tables& tables) {
 }
 
 // Carries the marks up to all ancestors; returns the number of marks. nback: parents visited.
-int mark_ancestors(const hash_tables& tables, std::vector<char>& mm, int& nback) {
+int mark_ancestors(hash_tables& tables, std::vector<char>& mm, int& nback) {
     std::vector<int> todo;
     for (int i = 0; i < tables.nlevels[0]; ++i) todo.push_back(i);
     int n = tables.nlevels[0];
@@ -76,7 +85,7 @@ int mark_ancestors(const hash_tables& tables, std::vector<char>& mm, int& nback)
             const long long code = tables.id[i][j];
             if (code < 1) continue;
             ++nback;
-            const int k = tables.number.at(code) - 1;
+            const int k = number_of(tables, code) - 1;
             if (mm[k] != 0) continue;
             mm[k] = 1;
             ++n;

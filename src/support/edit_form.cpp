@@ -16,7 +16,9 @@ std::string asterisks(int width) { return std::string(static_cast<std::size_t>(w
 std::string right_adjusted(std::string_view text, int width) {
     const auto w = static_cast<std::size_t>(width);
     if (text.size() > w) return asterisks(width);
-    std::string s(w - text.size(), ' ');
+    std::string s;
+    s.reserve(w);
+    s.append(w - text.size(), ' ');
     return s += text;
 }
 
@@ -41,14 +43,18 @@ struct record_text {
     std::string done, line;
     std::size_t at = 0;
 
+    record_text() { line.reserve(160); }
     void put(std::string_view text) {
         if (line.size() < at + text.size()) line.resize(at + text.size(), ' ');
         std::copy(text.begin(), text.end(), line.begin() + static_cast<std::ptrdiff_t>(at));
         at += text.size();
     }
     void end() {
-        done += line;
-        done += '\n';
+        line += '\n';
+        if (done.empty())
+            done.swap(line);
+        else
+            done += line;
         line.clear();
         at = 0;
     }

@@ -70,6 +70,7 @@ void push(std::vector<edit_value>& v, const R& range) {
 
 template <class... V> std::string edit(const edit_form& form, const V&... values) {
     std::vector<edit_value> list;
+    list.reserve(sizeof...(values));
     (detail::push(list, values), ...);
     return edit(form.text(), std::span<const edit_value>(list));
 }

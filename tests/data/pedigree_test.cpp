@@ -155,6 +155,30 @@ TEST_F(pedigree_test, find_anim_names_the_neighbours) {
     EXPECT_STOP(find_anim(0), "ID in data = 0\npedigree list 1 1\nexit");
 }
 
+TEST_F(pedigree_test, find_anim_in_lists_with_gaps) {
+    for (const int step : {1, 2, 3, 7}) {
+        std::string ped;
+        std::vector<int> codes;
+        for (int k = 0, code = 1; k < 40; ++k, code += k % step == 0 ? step : 1) { // runs and gaps
+            ped += std::to_string(code + 4 * (step == 7)) + " 0 0\n";
+            codes.push_back(code + 4 * (step == 7));
+        }
+        animal_model(std::to_string(codes.front()) + " 1.0\n", ped);
+        pedigree_list();
+        ASSERT_EQ(idvec(), codes);
+        for (int i = 0; i < 40; ++i) EXPECT_EQ(find_anim(codes[static_cast<std::size_t>(i)]), i + 1) << step;
+        for (int id = 1; id <= codes.back() + 2; ++id) {
+            const auto above = std::lower_bound(codes.begin(), codes.end(), id);
+            if (above != codes.end() && *above == id) continue;
+            const auto place = above - codes.begin() + 1; // the neighbours are those of a search through the whole list
+            const std::string told = place <= 40
+                                         ? "pedigree list " + std::to_string(place) + " " + std::to_string(*above)
+                                         : "pedigree list 40 " + std::to_string(codes.back());
+            EXPECT_STOP(find_anim(id), told + "\n");
+        }
+    }
+}
+
 TEST_F(pedigree_test, progress_and_speed_of_a_large_list) {
     std::string ped;
     for (int i = 20001; i >= 1; --i) ped += std::to_string(i) + " 0 0\n";
