@@ -309,11 +309,11 @@ void minus_symmetric(int m, int n, const double* u, const double* b, place_t ldb
 }
 
 // Rows 0..m-1 of N columns at x: X L' = X for the triangle l (by columns), reciprocals of its diagonal in r.
-template <int N> void solve_rows(int m, const double* l, place_t ld, const double* r, double* x) {
+template <int N> void solve_rows(int m, const double* l, place_t ld, const double* r, double* x, place_t ldx) {
     for (int i = 0; i < m; i += lanes, x += lanes) {
         vec v[N];
 #pragma GCC unroll 8
-        for (int j = 0; j < N; ++j) v[j] = load(x + j * ld);
+        for (int j = 0; j < N; ++j) v[j] = load(x + j * ldx);
 #pragma GCC unroll 8
         for (int j = 0; j < N; ++j) {
             v[j] *= r[j];
@@ -321,7 +321,7 @@ template <int N> void solve_rows(int m, const double* l, place_t ld, const doubl
             for (int k = j + 1; k < N; ++k) v[k] -= v[j] * l[k + j * ld];
         }
 #pragma GCC unroll 8
-        for (int j = 0; j < N; ++j) save(x + j * ld, v[j]);
+        for (int j = 0; j < N; ++j) save(x + j * ldx, v[j]);
     }
 }
 // Likewise X L = X, by the transpose lt.
@@ -341,7 +341,24 @@ template <int N> void solve_rows_back(int m, const double* lt, place_t ldt, cons
     }
 }
 
-constexpr int solve_width = 4; // columns solved for in registers
+constexpr int solve_width = tile_width; // columns solved for in registers
+
+using solve_routine = void (*)(int, const double*, place_t, const double*, double*, place_t);
+
+struct solve_routines {
+    solve_routine forward[solve_width + 1]{}, back[solve_width + 1]{}; // by number of columns
+    template <int N> constexpr void enter() {
+        forward[N] = solve_rows<N>;
+        back[N] = solve_rows_back<N>;
+        if constexpr (N > 1) enter<N - 1>();
+    }
+    constexpr solve_routines() { enter<solve_width>(); }
+};
+constexpr solve_routines solves;
+
+constexpr int near_rows = 72; // rows of `block` columns that stay in the first-level cache
+constexpr place_t near_elements = lanes == 8 ? 4500 : 12000; // of a panel that is best worked on as a whole
+static_assert(near_rows % lane == 0);
 
 // Factor of a triangle of n columns, n <= solve_width; returns the first failing column, n if none.
 int factor_small(int n, double* p, place_t ld, double limit, double& pivot, double* r) {
@@ -360,51 +377,85 @@ int factor_small(int n, double* p, place_t ld, double limit, double& pivot, doub
     return n;
 }
 
-int factor_panel(int m, int w, double* p, place_t ld, double limit, double& pivot) {
+// A panel that stays in the cache, factorised where it stands.
+int factor_near(int m, int w, double* p, place_t ld, double limit, double& pivot) {
+    const int width = w < 32 ? 4 : solve_width; // a short corner repays less work out of the registers
     double r[solve_width];
-    for (int jb = 0; jb < w; jb += block) {
-        const int je = least(jb + block, w);
-        if (jb > 0) product(store_mode::subtract, m - jb, je - jb, jb, p + jb, ld, p + jb, ld, p + jb + jb * ld, ld);
-        for (int j = jb; j < je; j += solve_width) {
-            const int n = least(solve_width, je - j);
-            double* d = p + j + j * ld;
-            if (j > jb)
-                strip(store_mode::subtract, m - j, n, j - jb, p + j + jb * ld, ld, false, p + j + jb * ld, ld, d, ld);
-            const int good = factor_small(n, d, ld, limit, pivot, r);
-            if (good < n) return j + good;
-            switch (n) {
-            case 1: solve_rows<1>(m - j - n, d, ld, r, d + n); break;
-            case 2: solve_rows<2>(m - j - n, d, ld, r, d + n); break;
-            case 3: solve_rows<3>(m - j - n, d, ld, r, d + n); break;
-            default: solve_rows<4>(m - j - n, d, ld, r, d + n);
-            }
-        }
+    for (int j = 0; j < w; j += width) {
+        const int n = least(width, w - j);
+        double* d = p + j + j * ld;
+        if (j > 0) strip(store_mode::subtract, m - j, n, j, p + j, ld, false, p + j, ld, d, ld);
+        const int good = factor_small(n, d, ld, limit, pivot, r);
+        if (good < n) return j + good;
+        solves.forward[n](m - j - n, d, ld, r, d + n, ld);
     }
     return w;
 }
 
-void solve_right(int m, int w, const double* lt, place_t ldt, double* y, place_t ldy) {
-    double r[solve_width];
-    for (int jb = (w - 1) / block * block; jb >= 0; jb -= block) {
-        const int je = least(jb + block, w);
-        if (je < w)
-            product(store_mode::subtract, m, je - jb, w - je, y + je * ldy, ldy, lt + jb + je * ldt, ldt, y + jb * ldy,
-                    ldy);
-        for (int j = jb + (je - jb - 1) / solve_width * solve_width; j >= jb; j -= solve_width) {
-            const int n = least(solve_width, je - j), next = j + n;
-            if (next < je)
-                strip(store_mode::subtract, m, n, je - next, y + next * ldy, ldy, false, lt + j + next * ldt, ldt,
-                      y + j * ldy, ldy);
-            const double* d = lt + j + j * ldt;
-            for (int k = 0; k < n; ++k) r[k] = 1.0 / d[k + k * ldt];
-            switch (n) {
-            case 1: solve_rows_back<1>(m, d, ldt, r, y + j * ldy, ldy); break;
-            case 2: solve_rows_back<2>(m, d, ldt, r, y + j * ldy, ldy); break;
-            case 3: solve_rows_back<3>(m, d, ldt, r, y + j * ldy, ldy); break;
-            default: solve_rows_back<4>(m, d, ldt, r, y + j * ldy, ldy);
-            }
+constexpr place_t corner_distance = column_distance(block + lane);
+alignas(64) double corner[corner_distance * block];
+
+// A panel of n <= block columns: its corner is factorised in a place of its own, the rows below it in pieces that stay
+// in the cache for all columns.
+int factor_block(int m, int n, double* p, place_t ld, double limit, double& pivot) {
+    for (int j = 0; j < n; ++j) {
+        double* to = corner + j * corner_distance;
+        for (int i = j; i < n; ++i) to[i] = p[i + j * ld];
+        for (int i = n; i < n + lane; ++i) to[i] = 0.0;
+    }
+    const int good = factor_near(n, n, corner, corner_distance, limit, pivot);
+    for (int j = 0; j < good; ++j)
+        for (int i = j; i < n; ++i) p[i + j * ld] = corner[i + j * corner_distance];
+    if (good < n) return good;
+    double r[block];
+    for (int j = 0; j < n; ++j) r[j] = 1.0 / corner[j + j * corner_distance];
+    for (int i = n; i < m; i += near_rows) {
+        const int rows = least(near_rows, m - i);
+        for (int j = 0; j < n; j += solve_width) {
+            const int nj = least(solve_width, n - j);
+            double* x = p + i + j * ld;
+            if (j > 0) strip(store_mode::subtract, rows, nj, j, p + i, ld, false, corner + j, corner_distance, x, ld);
+            solves.forward[nj](rows, corner + j + j * corner_distance, corner_distance, r + j, x, ld);
         }
     }
+    return n;
+}
+
+// The left half first, then the right half less its products (S. Toledo, SIAM J. Matrix Anal. Appl. 18:1065, 1997).
+int factor_panel(int m, int w, double* p, place_t ld, double limit, double& pivot) {
+    if (static_cast<place_t>(m) * w <= near_elements) return factor_near(m, w, p, ld, limit, pivot);
+    if (w <= block) return factor_block(m, w, p, ld, limit, pivot);
+    const int half = w / 2 / block * block > 0 ? w / 2 / block * block : block;
+    const int good = factor_panel(m, half, p, ld, limit, pivot);
+    if (good < half) return good;
+    double* right = p + half + half * ld;
+    product(store_mode::subtract, m - half, w - half, half, p + half, ld, p + half, ld, right, ld);
+    return half + factor_panel(m - half, w - half, right, ld, limit, pivot);
+}
+
+// Y (m x n) L^-1, n <= block.
+void solve_block(int m, int n, const double* lt, place_t ldt, double* y, place_t ldy) {
+    double r[block];
+    for (int j = 0; j < n; ++j) r[j] = 1.0 / lt[j + j * ldt];
+    for (int i = 0; i < m; i += near_rows) {
+        const int rows = least(near_rows, m - i);
+        for (int j = (n - 1) / solve_width * solve_width; j >= 0; j -= solve_width) {
+            const int nj = least(solve_width, n - j), next = j + nj;
+            double* x = y + i + j * ldy;
+            if (next < n)
+                strip(store_mode::subtract, rows, nj, n - next, y + i + next * ldy, ldy, false, lt + j + next * ldt,
+                      ldt, x, ldy);
+            solves.back[nj](rows, lt + j + j * ldt, ldt, r + j, x, ldy);
+        }
+    }
+}
+
+void solve_right(int m, int w, const double* lt, place_t ldt, double* y, place_t ldy) {
+    if (w <= block) return solve_block(m, w, lt, ldt, y, ldy);
+    const int half = w / 2 / block * block > 0 ? w / 2 / block * block : block;
+    solve_right(m, w - half, lt + half + half * ldt, ldt, y + half * ldy, ldy);
+    product(store_mode::subtract, m, half, w - half, y + half * ldy, ldy, lt + half * ldt, ldt, y, ldy);
+    solve_right(m, half, lt, ldt, y, ldy);
 }
 
 void transpose(int m, int n, const double* a, place_t lda, double* t, place_t ldt) {

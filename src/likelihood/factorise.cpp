@@ -92,7 +92,15 @@ int factorise_columns(double& pivot, bool forcepd) {
 
 bool supernodes_wanted() {
     if (kernels.choice != kernel_kind::automatic) return kernels.choice == kernel_kind::supernodes;
-    return sparse.maxlnz > 0 && factor_operations() > 20.0 * sparse.maxlnz;
+    // Counted anew when the size of the factor changes: a stale answer could only cost time.
+    static int rows = 0, elements = 0;
+    static bool wanted = false;
+    if (rows != numbers.nsrow || elements != sparse.maxlnz) {
+        rows = numbers.nsrow;
+        elements = sparse.maxlnz;
+        wanted = elements > 0 && factor_operations() > 20.0 * elements;
+    }
+    return wanted;
 }
 
 void factorise_mmm(double& detc, double& ypy, int& ifail) {
