@@ -10,10 +10,10 @@ namespace {
 
 struct inverse_work {
     std::vector<int> local, place, runs;
-    std::vector<int> spot, spot_runs;          // rows of a front in the list of a column, counted back from its end
-    std::vector<int> link_start, link;         // for each supernode: place of its rows below in the parent's front
+    std::vector<int> spot, spot_runs;  // rows of a front in the list of a column, counted back from its end
+    std::vector<int> link_start, link; // for each supernode: place of its rows below in the parent's front
     work_space space;
-    double *columns, *z, *yt, *zt, *m, *piece, *corner, *triangle;
+    double *columns, *z, *yt, *zt, *m, *piece, *corner, *stored, *triangle;
 };
 
 // A front without the row of the right-hand sides.
@@ -115,30 +115,74 @@ void invert_corner(int n, int left, const double* lt, std::ptrdiff_t ld, double*
                 kernel.product(store_mode::add, ni, nj, rest, m + i + (i + ni) * ldm, ldm, m + j + (i + ni) * ldm, ldm,
                                c + i - j, ldc);
         }
-        if (left > 0)
-            kernel.product(store_mode::subtract, n - j, nj, left, w.yt + j, ldm, w.zt + j, ldm, c, ldc);
+        if (left > 0) kernel.product(store_mode::subtract, n - j, nj, left, w.yt + j, ldm, w.zt + j, ldm, c, ldc);
         for (int k = 0; k < nj; ++k) std::copy_n(c + k + k * ldc, n - j - k, z + j + k + (j + k) * ldz);
     }
+}
+
+// Rows below column c of a front that it has in the store, without row n.
+int stored_rows(const inverse_front& f, int c) {
+    const int j = f.col[c], count = rows_below(j);
+    return f.rhs && count > 0 && row_list(j)[count - 1] == numbers.nsrow ? count - 1 : count;
 }
 
 // Columns of the inverse from panel z to the store; row n gets -x(j), or the scaled right-hand side if x is not given.
 void save_columns(const inverse_front& f, const panel& z, const inverse_work& w, array<double>& zdiag,
                   array<double>& zoff, const double* x) {
     for (int c = z.first; c < z.end; ++c) {
-        const int j = f.col[c], start = sparse.ixvec1(j);
-        int count = rows_below(j);
-        const int* list = count > 0 ? row_list(j) : nullptr;
+        const int j = f.col[c], start = sparse.ixvec1(j), count = stored_rows(f, c);
         const double* from = z.column(c);
         double* off = zoff.data() + start - 1;
-        if (f.rhs && count > 0 && list[count - 1] == numbers.nsrow) {
-            --count;
-            off[count] = x ? -x[j - 1] : sparse.xspars(start + count) / sparse.diag(j);
-        }
-        if (count == f.order() - 1 - c)
+        if (count < rows_below(j)) off[count] = x ? -x[j - 1] : sparse.xspars(start + count) / sparse.diag(j);
+        if (count == f.order() - 1 - c) {
             std::copy_n(from + c + 1, count, off);
-        else
+        } else {
+            const int* list = row_list(j);
             for (int q = 0; q < count; ++q) off[q] = from[w.local[list[q]]];
+        }
         zdiag(j) = from[c];
+    }
+}
+
+// Column c of a front's inverse out of the store: to[i] for row i >= c. Elements that merged columns have no place for
+// are taken as 0, since they would only meet zeros: column e of Y has rows of columns d alone to which e leads in the
+// tree; the rows of e behind the piece are rows of d as well, and the rows of a column have places among each other.
+void load_inverse(const inverse_front& f, int c, const std::vector<int>& local, const array<double>& zdiag,
+                  const array<double>& zoff, double* to) {
+    const int j = f.col[c], count = stored_rows(f, c);
+    const double* off = zoff.data() + sparse.ixvec1(j) - 1;
+    to[c] = zdiag(j);
+    if (count == f.order() - 1 - c) {
+        std::copy_n(off, count, to + c + 1);
+        return;
+    }
+    std::fill(to + c + 1, to + f.order(), 0.0);
+    const int* list = row_list(j);
+    for (int q = 0; q < count; ++q) to[local[list[q]]] = off[q];
+}
+
+// Z21 = -Z22 Y for the rows from `end` on: n columns, row i of the front at c[i]. Of Z22 the rows below the front stand
+// in the triangle, columns of the front in the store.
+void multiply_inverse(const inverse_front& f, int end, int n, const array<double>& zdiag, const array<double>& zoff,
+                      double* c, std::ptrdiff_t ldc, inverse_work& w) {
+    const dense_kernels_table& kernel = dense_kernels();
+    const std::ptrdiff_t ldy = column_distance(n);
+    auto y = [&](int row) { return w.yt + (row - end) * ldy; };
+    if (f.inner() > 0) kernel.minus_symmetric(f.inner(), n, w.triangle, y(f.width), ldy, c + f.width, ldc);
+    for (int k = 0; k < n; ++k) std::fill(c + end + k * ldc, c + f.width + k * ldc, 0.0);
+    for (int q = end, next; q < f.width; q = next) {
+        next = std::min(f.width, q + wide);
+        const int k = next - q, rest = f.order() - next;
+        const std::ptrdiff_t ld = column_distance(f.order() - q + lane), ldt = column_distance(padded(k));
+        for (int i = q; i < next; ++i) load_inverse(f, i, w.local, zdiag, zoff, w.stored + (i - q) * ld - q);
+        mirror(k, w.stored, ld);
+        kernel.product(store_mode::subtract, f.order() - q, n, k, w.stored, ld, y(q), ldy, c + q, ldc);
+        if (rest == 0) continue;
+        double* transposed = w.zt; // not yet in use
+        kernel.transpose(rest, k, w.stored + k, ld, transposed, ldt);
+        for (int i = 0; i < rest && k < padded(k); ++i) // rows that the product takes along must not change the result
+            std::fill(transposed + i * ldt + k, transposed + i * ldt + padded(k), 0.0);
+        kernel.product(store_mode::subtract, k, n, rest, transposed, ldt, y(next), ldy, c + q, ldc);
     }
 }
 
@@ -146,14 +190,10 @@ void invert_front(const supernode_tree& tree, int s, array<double>& zdiag, array
                   inverse_work& w) {
     const dense_kernels_table& kernel = dense_kernels();
     const inverse_front f = inverse_front_of(tree, s);
-    const int empty = empty_columns(f.width), order = f.width > wide ? empty + f.order() : f.inner();
-    const int offset = f.width > wide ? empty : -f.width; // of the front's columns in the triangle
-    double* t = w.triangle;
-    auto rest = [&](int end) { return t + triangle_start(order, (offset + end) / block); };
-    if (f.inner() > 0) gather_inverse(tree, s, f, zdiag, zoff, w, rest(f.width));
+    if (f.inner() > 0) gather_inverse(tree, s, f, zdiag, zoff, w, w.triangle);
     place_rows(f, w.local);
     for (int end = f.width, first; end > 0; end = first) {
-        first = std::max(0, f.width > wide ? (offset + end - 1) / wide * wide - empty : 0);
+        first = (end - 1) / wide * wide;
         const int n = end - first, left = f.order() - end;
         const panel l = make_panel(w.columns, f.rows(), first, end), z = make_panel(w.z, f.rows(), first, end);
         for (int c = first; c < end; ++c) load_column(f, c, w.local, l.column(c));
@@ -162,14 +202,11 @@ void invert_front(const supernode_tree& tree, int s, array<double>& zdiag, array
         if (left > 0) {
             kernel.solve_right(left, n, l.p, l.ld, l.p + n, l.ld);
             kernel.transpose(left, n, l.p + n, l.ld, w.yt, ldy);
-            kernel.minus_symmetric(left, n, rest(end), w.yt, ldy, z.p + n, z.ld);
+            multiply_inverse(f, end, n, zdiag, zoff, z.p - first, z.ld, w);
             kernel.transpose(left, n, z.p + n, z.ld, w.zt, ldy);
         }
         invert_corner(n, left, l.p, l.ld, z.p, z.ld, w);
         save_columns(f, z, w, zdiag, zoff, x);
-        if (first > 0)
-            for (int c = first; c < end; ++c)
-                std::copy_n(z.column(c) + c, f.order() - c, triangle_column(t, order, offset + c) + offset + c);
     }
 }
 
@@ -214,6 +251,7 @@ void inverse_supernodes(array<double>& zdiag, array<double>& zoff, const double*
                           {w.m, width * column_distance(width) + lane},
                           {w.piece, block * column_distance(width) + lane},
                           {w.corner, block * column_distance(block) + lane},
+                          {w.stored, tree.width > wide ? columns : 0}, // columns of a wide front
                           {w.triangle, tree.inverse}};
     std::ptrdiff_t size = 0;
     for (const part& p : parts) size += p.size;

@@ -164,7 +164,7 @@ void find_space() {
         const std::ptrdiff_t update = large_front(width, below) ? 0 : triangle_size(below);
         tree.rows = std::max(tree.rows, width + below);
         tree.width = std::max(tree.width, width);
-        tree.inverse = std::max(tree.inverse, whole_front(width, below));
+        tree.inverse = std::max(tree.inverse, triangle_size(below));
         tree.triangles[odd] = std::max(tree.triangles[odd], held[odd] + update);
         if (!updates_at_once(tree, s))
             for (int c = tree.child[s]; c >= 0; c = tree.sibling[c])

@@ -17,16 +17,16 @@
 namespace tarvex {
 
 struct supernode_tree {
-    std::vector<int> order;         // columns, supernode by supernode, ascending within each
-    std::vector<int> start;         // (ns+1) place in order of the first column of each; children before their parents
-    std::vector<int> parent;        // (ns) -1: root
-    std::vector<int> child;         // (ns) first child, -1: none
-    std::vector<int> sibling;       // (ns) next child of the same parent
-    std::vector<int> level;         // (ns) distance from the root
-    std::ptrdiff_t triangles[2]{};  // space for update matrices: even and odd levels
-    std::ptrdiff_t inverse = 0;     // space for the inverse of one front
-    int rows = 0, width = 0;        // of the largest front and the widest panel
-    double operations = 0.0;        // multiplications of the factorisation, without the zeros taken in
+    std::vector<int> order;        // columns, supernode by supernode, ascending within each
+    std::vector<int> start;        // (ns+1) place in order of the first column of each; children before their parents
+    std::vector<int> parent;       // (ns) -1: root
+    std::vector<int> child;        // (ns) first child, -1: none
+    std::vector<int> sibling;      // (ns) next child of the same parent
+    std::vector<int> level;        // (ns) distance from the root
+    std::ptrdiff_t triangles[2]{}; // space for update matrices: even and odd levels
+    std::ptrdiff_t inverse = 0;    // space for the inverse of the rows below a front
+    int rows = 0, width = 0;       // of the largest front and the widest panel
+    double operations = 0.0;       // multiplications of the factorisation, without the zeros taken in
 };
 
 // The partition for the structure in module sparse, kept until the structure changes.
@@ -37,16 +37,9 @@ void supernodes_drop();
 inline int rows_below(int j) { return sparse.ixvec1(j + 1) - sparse.ixvec1(j); }
 inline const int* row_list(int j) { return sparse.ixsub.data() + sparse.ixvec2(j) - 1; }
 
-// A supernode of more than `wide` columns is worked on in pieces. For the inverse its front is held as one triangle,
-// with empty columns in front that make the part for the rows below begin with a block of columns.
-inline int empty_columns(int width) { return width > wide ? (block - width % block) % block : 0; }
-inline std::ptrdiff_t whole_front(int width, int below) {
-    return triangle_size(width > wide ? empty_columns(width) + width + below : below);
-}
-
-// A large front takes no update matrices: those of its children, and its own by blocks of columns, go straight to the
-// columns of the store, so that they do not wait for each other. So do those for a front with no more than one row
-// below.
+// A supernode of more than `wide` columns is worked on in pieces. A large front takes no update matrices: those of its
+// children, and its own by blocks of columns, go straight to the columns of the store, so that they do not wait for
+// each other. So do those for a front with no more than one row below.
 constexpr int many_below = 1000;
 inline bool large_front(int width, int below) { return width > wide || below > many_below; }
 inline bool updates_at_once(const supernode_tree& tree, int s) {
