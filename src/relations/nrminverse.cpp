@@ -74,7 +74,7 @@ void check_nrmhead(record_reader& in, bool& lex, int irand) {
     double detl = 0.0;
     if (!in.record(nan, ian1, ian2, sm) || nan != pedigreelist.nannew(irun)) return no_match(lex);
     if (nan < 1 || ian1 != idwec.front() || ian2 != idwec.back()) return no_match(lex);
-    if (!in.record(nnrm, detl)) return no_match(lex);
+    if (!in.record(nnrm, detl) || nnrm < nan) return no_match(lex); // each animal has a diagonal
     for (int k = 1; k <= nnrm; ++k) {
         std::int32_t icol = 0, irow = 0;
         double xx = 0.0;

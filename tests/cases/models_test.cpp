@@ -2,6 +2,7 @@
 #include "case_run.h"
 #include "population.h"
 
+#include <algorithm>
 #include <functional>
 
 using namespace tarvex;
@@ -231,6 +232,54 @@ TEST_F(Models, SuppliedInverseEqualsTheRelationshipMatrix) {
     expect_best(pedigree, 1e-6, 1e-3);
     finish("--blup");
     EXPECT_EQ(read_random_solutions("animal").size(), static_cast<std::size_t>(p.animals()));
+}
+
+// Levels of a supplied inverse stand for animals as the list of codes says, or else as their numbers do; founders have
+// no records, so that the inverse has more levels than the data.
+TEST_F(Models, LevelsOfASuppliedInverse) {
+    const auto p = make_population(60, 1, 1, 0.0, 6);
+    put(p);
+    parameters(p, "UNI", uni_model);
+    const double truth = start("--nopru --aireml1");
+    finish("--nopru --blup");
+    const auto breeding = read_random_solutions("animal");
+    std::string model = uni_model;
+    model.replace(model.find("NRM"), 3, "GIN");
+    parameters(p, "UNI", model, false);
+    const auto a = tabular(p.sire, p.dam);
+    write_supplied_inverse("animal", a);
+    std::filesystem::remove("animal.codes");
+    expect_relative(start(), truth, 1e-8, "codes that are running numbers");
+
+    const std::size_t n = a.size();
+    dense backwards(n, std::vector<double>(n));
+    std::string codes;
+    for (std::size_t i = 0; i < n; ++i) {
+        for (std::size_t j = 0; j < n; ++j) backwards[i][j] = a[n - 1 - i][n - 1 - j];
+        codes += std::to_string(i + 1) + " " + std::to_string(n - i) + "\n";
+    }
+    write_supplied_inverse("animal", backwards);
+    write_file("animal.codes", codes);
+    for (const char* file : {"adjacency.bin", "eqnsorder.bin", "symbfact.bin"}) std::filesystem::remove(file);
+    expect_relative(start(), truth, 1e-8, "levels in descending order of codes");
+    finish("--blup");
+    const auto found = read_random_solutions("animal");
+    ASSERT_EQ(found.size(), breeding.size());
+    for (const auto& b : breeding) {
+        const auto at =
+            std::find_if(found.begin(), found.end(), [&](const auto& line) { return line.code == b.code; });
+        ASSERT_NE(at, found.end()) << b.code;
+        EXPECT_NEAR(at->solution, b.solution, 1e-5) << b.code;
+    }
+
+    codes.replace(0, codes.find('\n'), "1 777"); // in place of the youngest animal
+    write_file("animal.codes", codes);
+    const auto lost = run("--aireml1");
+    EXPECT_EQ(lost.status, 1);
+    EXPECT_NE(lost.output.find("      Could not find code for random effect \"animal\"\n"
+                               "      Code in data file = 60\n"),
+              std::string::npos)
+        << lost.output;
 }
 
 TEST_F(Models, CorrelatedDirectAndMaternalEffects) {
