@@ -1,7 +1,8 @@
 // An animal's coefficient is half the relationship between its parents. With A = T D T' the relationships of one sire
 // with all of its mates are a column of A: one sweep up from the sire, a scaling by D, and one sweep down to the mates,
 // both restricted to ancestors and each visiting an ancestor once. Sires are taken in ascending order, so that D is
-// known for all ancestors of the sire in hand.
+// known for all ancestors of the sire in hand. In deep pedigrees sires born about the same time have most of their
+// ancestors in common: as many as D allows are swept together, each in a column of its own.
 //   Colleau, Genet. Sel. Evol. 34 (2002) 409; Sargolzaei, Iwaisaki and Colleau, J. Anim. Breed. Genet. 122 (2005) 325.
 #include "relations/inbreeding.h"
 
@@ -12,75 +13,163 @@
 #include "support/edit_form.h"
 #include "support/stop.h"
 
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstdint>
 #include <utility>
 
 namespace tarvex {
 
 namespace {
 
-struct lineage {
-    const std::vector<int>&sire, &dam;
-    std::vector<double> f; // by animal from [0]; all that follows from [1]
-    std::vector<double> d;
-    std::vector<double> v; // scaled contribution of the sire's ancestors, all zero between sires
-    std::vector<double> a; // relationship with the sire in hand, valid where stamp is this sire
-    std::vector<int> stamp, upmark;
-    std::vector<int> list, stack;
+constexpr int most_sires = 8;      // swept together
+constexpr int most_waiting = 2048; // sires that are sorted into groups of relatives
+
+// Sets of animals, a bit each: word i/64.
+using bit_set = std::vector<std::uint64_t>;
+
+void insert(bit_set& set, int i) {
+    set[static_cast<std::size_t>(i) / 64] |= std::uint64_t{1} << (static_cast<unsigned>(i) % 64);
+}
+
+// Animal whose relationships with the sires in hand are formed, and places of its parents.
+struct relative {
+    int animal, sire, dam;
+    bool up, down; // ancestor of a sire, of a mate (or one itself)
 };
 
-// Lists the ancestors of s and s itself, ancestors before their offspring.
-void list_ancestors(lineage& w, int s) {
+struct lineage {
+    const std::vector<int>&sire, &dam;
+    std::vector<double> f;             // by animal from [0]; all that follows by animal or by place from [1]
+    std::vector<double> d;             // -1: not known yet
+    std::vector<int> place;            // of the animals in the list
+    std::vector<relative> list;        // by place, ascending animals; place 0 stands for an unknown parent
+    std::vector<double> v;             // by place, one column for each sire of the group
+    bit_set up, down;                  // empty between groups
+    std::vector<int> group;            // sires in hand
+    std::vector<int> start, offspring; // offspring with two known parents of sire s: start[s] to start[s+1]-1
+};
+
+// Visits the mates of the group: visit(column, offspring, mate).
+template <class Visit> void each_mate(const lineage& w, Visit visit) {
+    for (std::size_t k = 0; k < w.group.size(); ++k)
+        for (int at = w.start[w.group[k]]; at < w.start[w.group[k] + 1]; ++at)
+            visit(k, w.offspring[at], w.dam[w.offspring[at] - 1]);
+}
+
+// Lists the ancestors of the sires and of their mates, and these themselves.
+void list_relatives(lineage& w) {
+    int youngest = 0;
+    for (const int s : w.group) {
+        insert(w.up, s);
+        youngest = std::max(youngest, s);
+    }
+    each_mate(w, [&](std::size_t, int, int mate) {
+        insert(w.down, mate);
+        youngest = std::max(youngest, mate);
+    });
     w.list.clear();
-    w.stack.assign(1, s);
-    while (!w.stack.empty()) {
-        const int i = w.stack.back();
-        if (i < 0) {
-            w.list.push_back(-i);
-            w.stack.pop_back();
-            continue;
+    for (std::size_t word = static_cast<std::size_t>(youngest) / 64 + 1; word-- > 0;) {
+        while (const std::uint64_t either = w.up[word] | w.down[word]) { // parents may fall into the same word
+            const int bit = 63 - std::countl_zero(either), i = static_cast<int>(word * 64) + bit;
+            const std::uint64_t mask = std::uint64_t{1} << static_cast<unsigned>(bit);
+            const relative r{i, w.sire[i - 1], w.dam[i - 1], (w.up[word] & mask) != 0, (w.down[word] & mask) != 0};
+            for (const int p : {r.sire, r.dam}) {
+                if (p > 0 && r.up) insert(w.up, p);
+                if (p > 0 && r.down) insert(w.down, p);
+            }
+            w.list.push_back(r);
+            w.up[word] &= ~mask;
+            w.down[word] &= ~mask;
         }
-        if (w.upmark[i] == s) {
-            w.stack.pop_back();
-            continue;
-        }
-        w.upmark[i] = s;
-        w.stack.back() = -i; // comes back when both parents are listed
-        for (const int p : {w.sire[i - 1], w.dam[i - 1]})
-            if (p > 0 && w.upmark[p] != s) w.stack.push_back(p);
+    }
+    w.list.push_back({0, 0, 0, false, false});
+    std::reverse(w.list.begin(), w.list.end());
+    for (std::size_t i = 1; i < w.list.size(); ++i) {
+        relative& r = w.list[i];
+        r.sire = r.sire > 0 ? w.place[r.sire] : 0;
+        r.dam = r.dam > 0 ? w.place[r.dam] : 0;
+        w.place[r.animal] = static_cast<int>(i);
     }
 }
 
-// v = D T' e(s) over the ancestors of s.
-void sweep_up(lineage& w, int s) {
-    list_ancestors(w, s);
-    w.v[s] = 1.0;
-    for (auto at = w.list.rbegin(); at != w.list.rend(); ++at) {
-        const int i = *at;
-        const double half = 0.5 * w.v[i];
-        if (w.sire[i - 1] > 0) w.v[w.sire[i - 1]] += half;
-        if (w.dam[i - 1] > 0) w.v[w.dam[i - 1]] += half;
+// v = D T' e(s) for each sire s of the group, over the ancestors of all of them.
+template <int width> void sweep_up(lineage& w) {
+    for (std::size_t i = w.list.size() - 1; i > 0; --i) {
+        const relative& r = w.list[i];
+        if (!r.up) continue;
+        double& d = w.d[r.animal];
+        if (d < 0.0) d = mendelian_variance(w.sire[r.animal - 1], w.dam[r.animal - 1], w.f);
+        double* v = w.v.data() + i * width;
+        std::array<double, width> half;
+        for (int k = 0; k < width; ++k) half[k] = 0.5 * v[k];
+        for (int k = 0; k < width; ++k) v[k] *= d;
+        for (const int parent : {r.sire, r.dam}) {
+            double* p = w.v.data() + static_cast<std::size_t>(parent) * width;
+            for (int k = 0; k < width; ++k) p[k] += half[k];
+        }
     }
-    for (const int i : w.list) w.v[i] *= w.d[i];
+    std::fill_n(w.v.begin(), width, 0.0);
 }
 
-// Relationship of s with animal j: a(j) = v(j) + (a(sire) + a(dam)) / 2.
-double sweep_down(lineage& w, int s, int j) {
-    w.stack.assign(1, j);
-    while (!w.stack.empty()) {
-        const int i = w.stack.back(), p = w.sire[i - 1], q = w.dam[i - 1];
-        if (w.stamp[i] == s) {
-            w.stack.pop_back();
-            continue;
-        }
-        const bool wait_p = p > 0 && w.stamp[p] != s, wait_q = q > 0 && w.stamp[q] != s;
-        if (wait_p) w.stack.push_back(p);
-        if (wait_q) w.stack.push_back(q);
-        if (wait_p || wait_q) continue;
-        w.a[i] = w.v[i] + 0.5 * ((p > 0 ? w.a[p] : 0.0) + (q > 0 ? w.a[q] : 0.0));
-        w.stamp[i] = s;
-        w.stack.pop_back();
+// v becomes the relationships of the sires with the ancestors of mates: a = v + (a(sire) + a(dam)) / 2.
+template <int width> void sweep_down(lineage& w) {
+    for (std::size_t i = 1; i < w.list.size(); ++i) {
+        const relative& r = w.list[i];
+        if (!r.down) continue;
+        double* v = w.v.data() + i * width;
+        const double* p = w.v.data() + static_cast<std::size_t>(r.sire) * width;
+        const double* q = w.v.data() + static_cast<std::size_t>(r.dam) * width;
+        std::array<double, width> a;
+        for (int k = 0; k < width; ++k) a[k] = v[k] + 0.5 * (p[k] + q[k]);
+        for (int k = 0; k < width; ++k) v[k] = a[k];
     }
-    return w.a[j];
+}
+
+// Coefficients of all offspring of the group.
+template <int width> void sweep(lineage& w) {
+    list_relatives(w);
+    w.v.assign(w.list.size() * width, 0.0);
+    for (std::size_t k = 0; k < w.group.size(); ++k)
+        w.v[static_cast<std::size_t>(w.place[w.group[k]]) * width + k] = 1.0;
+    sweep_up<width>(w);
+    sweep_down<width>(w);
+    each_mate(w, [&](std::size_t k, int child, int mate) {
+        w.f[child - 1] = 0.5 * w.v[static_cast<std::size_t>(w.place[mate]) * width + k];
+    });
+}
+
+// Coefficients of the offspring of sires between which D does not matter: brothers go together.
+void sweep_sires(lineage& w, std::vector<int>& waiting) {
+    std::sort(waiting.begin(), waiting.end(), [&](int i, int j) {
+        const auto key = [&](int s) { return std::array{w.sire[s - 1], w.dam[s - 1], s}; };
+        return key(i) < key(j);
+    });
+    for (std::size_t at = 0; at < waiting.size(); at += most_sires) {
+        const std::size_t count = std::min<std::size_t>(most_sires, waiting.size() - at);
+        const auto from = waiting.begin() + static_cast<std::ptrdiff_t>(at);
+        w.group.assign(from, from + static_cast<std::ptrdiff_t>(count));
+        if (count == 1)
+            sweep<1>(w);
+        else if (count <= 4)
+            sweep<4>(w);
+        else
+            sweep<most_sires>(w);
+    }
+    waiting.clear();
+}
+
+// Last sire whose offspring must have their coefficients before D is known for an animal and all its ancestors.
+std::vector<int> last_needed(const std::vector<int>& sire, const std::vector<int>& dam) {
+    std::vector<int> need(sire.size() + 1);
+    for (std::size_t i = 1; i < need.size(); ++i)
+        for (const int p : {sire[i - 1], dam[i - 1]}) {
+            if (p <= 0) continue;
+            need[i] = std::max(need[i], need[p]);
+            if (dam[p - 1] > 0) need[i] = std::max(need[i], sire[p - 1]);
+        }
+    return need;
 }
 
 // Offspring with two known parents, by sire: those of sire s are list[start[s]] to list[start[s+1]-1].
@@ -109,28 +198,33 @@ std::vector<double> inbreeding(const std::vector<int>& sire, const std::vector<i
                                const std::function<void(int)>& done) {
     const int n = static_cast<int>(sire.size());
     const std::size_t m = sire.size() + 1;
-    std::vector<int> start, list;
-    offspring_by_sire(sire, dam, start, list);
+    const std::size_t words = m / 64 + 1;
     lineage w{sire,
               dam,
               std::vector<double>(sire.size()),
-              std::vector<double>(m),
-              std::vector<double>(m),
-              std::vector<double>(m),
-              std::vector<int>(m),
+              std::vector<double>(m, -1.0),
               std::vector<int>(m),
               {},
+              {},
+              bit_set(words),
+              bit_set(words),
+              {},
+              {},
               {}};
-    auto& f = w.f;
+    offspring_by_sire(sire, dam, w.start, w.offspring);
+    const std::vector<int> need = last_needed(sire, dam);
+    int told = 0;
+    std::vector<int> waiting; // ascending
+    const auto finish = [&](int last) {
+        sweep_sires(w, waiting);
+        while (done && told < last) done(++told);
+    };
     for (int s = 1; s <= n; ++s) {
-        w.d[s] = mendelian_variance(sire[s - 1], dam[s - 1], f);
-        if (start[s] < start[s + 1]) {
-            sweep_up(w, s);
-            for (int k = start[s]; k < start[s + 1]; ++k) f[list[k] - 1] = 0.5 * sweep_down(w, s, dam[list[k] - 1]);
-            for (const int i : w.list) w.v[i] = 0.0;
-        }
-        if (done) done(s);
+        if (w.start[s] == w.start[s + 1]) continue;
+        if (waiting.size() == most_waiting || (!waiting.empty() && need[s] >= waiting.front())) finish(s - 1);
+        waiting.push_back(s);
     }
+    finish(n);
     return std::move(w.f);
 }
 
