@@ -124,7 +124,7 @@ void animal_nrm(int jj, int nanim) {
         if (!options.terse && ian % 20000 == 0) write(screen(), "(a,i10,a,i10)", "  NRM : at", ian, "  of", nanim);
         const double ddd = nrmdiag(ian);
         if (randasfix.asfix(ian) != 0) {
-            nrmdiag(ian) = -1.0;
+            nrmdiag(ian) = fixed_level_weight;
             terms.push_back({ian, ian, randasfix.psfixfact});
             continue;
         }

@@ -64,8 +64,17 @@ void no_match(bool& lex) {
     lex = false;
 }
 
-// Tests whether an existing file belongs to this analysis: size, first and last code, and completeness as far as the
-// last but one element. Leaves nnrm and detl.
+// Takes the weights of the animals off the file; false if it ends before, or if levels were treated as fixed in the run
+// that made it.
+bool plain_weights(record_reader& in) {
+    if (!in.next() || in.bytes_left() < 2 * sizeof(double)) return false;
+    for (double weight = 0.0; in.get(weight);)
+        if (weight == fixed_level_weight) return false;
+    return true;
+}
+
+// Tests whether an existing file belongs to this analysis: size, first and last code, no levels treated as fixed, and
+// completeness as far as the last but one element. Leaves nnrm and detl.
 void check_nrmhead(record_reader& in, bool& lex, int irand) {
     lex = true;
     const int irun = mudmap.iranno(irand);
@@ -75,11 +84,11 @@ void check_nrmhead(record_reader& in, bool& lex, int irand) {
     if (!in.record(nan, ian1, ian2, sm) || nan != pedigreelist.nannew(irun)) return no_match(lex);
     if (nan < 1 || ian1 != idwec.front() || ian2 != idwec.back()) return no_match(lex);
     if (!in.record(nnrm, detl) || nnrm < nan) return no_match(lex); // each animal has a diagonal
-    for (int k = 1; k <= nnrm; ++k) {
+    if (!plain_weights(in)) return no_match(lex);
+    for (int k = 2; k <= nnrm; ++k) {
         std::int32_t icol = 0, irow = 0;
         double xx = 0.0;
-        if (!in.record(icol, irow, xx)) return no_match(lex);
-        if (k > 1 && (icol < 1 || icol > irow || irow > nan)) return no_match(lex);
+        if (!in.record(icol, irow, xx) || icol < 1 || icol > irow || irow > nan) return no_match(lex);
     }
     nrminverse.nnrm = nnrm;
     nrminverse.detl = detl;

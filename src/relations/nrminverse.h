@@ -37,6 +37,8 @@ struct randasfix_module {
 };
 inline randasfix_module randasfix;
 
+constexpr double fixed_level_weight = -1.0; // in place of the reciprocal variance of an animal treated as fixed
+
 // Makes the inverse of every NRM effect and checks that of every GIN effect; leaves geninverse and the scratch files.
 void gen_inverses();
 

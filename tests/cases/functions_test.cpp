@@ -142,6 +142,11 @@ TEST_F(Blocks, LevelsOfARandomEffectTreatedAsFixed) {
     ASSERT_TRUE(old != before.end() && now != after.end());
     EXPECT_GT(std::fabs(old->solution - now->solution), 1e-3);
     EXPECT_GT(now->error, old->error); // no longer shrunk
+    parameters("UNI", repeated, 2);    // the inverse with the marks does not serve a run without
+    finish("--blup");
+    const auto again = read_random_solutions("animal");
+    ASSERT_EQ(before.size(), again.size());
+    for (std::size_t i = 0; i < before.size(); ++i) EXPECT_EQ(again[i].solution, before[i].solution) << i;
 }
 
 TEST_F(Blocks, ExtraEffectsAreOnlyCounted) {

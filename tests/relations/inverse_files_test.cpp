@@ -171,6 +171,24 @@ TEST_F(inverse_files, heads_without_elements_are_no_match) {
     }
 }
 
+TEST_F(inverse_files, inverse_with_levels_treated_as_fixed_is_no_match_for_a_run_without) {
+    family();
+    gen_inverses();
+    const std::string whole = read_file("nrminvers1.bin");
+    options.pseudofix = true;
+    randasfix.npsfix = 1;
+    randasfix.psfixname = {"animal"};
+    randasfix.psfixcode = {40};
+    gen_inverses();
+    EXPECT_NE(read_file("nrminvers1.bin"), whole);
+    randasfix = {};
+    options.pseudofix = false;
+    clear_screen();
+    gen_inverses();
+    EXPECT_EQ(screen_text(), "File with NRM-inverse found - but no match for analysis !\n");
+    EXPECT_EQ(read_file("nrminvers1.bin"), whole);
+}
+
 TEST_F(inverse_files, first_two_animals_match_by_one_record_of_elements) {
     animal_model("", "");
     pedigree_by_hand({0, 1}, {0, 0});
