@@ -10,8 +10,9 @@
 namespace tarvex {
 
 constexpr int lane = 8;   // rows are padded to the longest vector of doubles
-constexpr int wide = 240; // columns of a supernode worked on at a time; a multiple of block
-constexpr int block = 48; // columns of a block; a multiple of the tile heights of all instruction sets
+constexpr int wide = 240;       // columns of a supernode worked on at a time; a multiple of block
+constexpr int broad = 4 * wide; // columns of a large front that take its finished columns at a time
+constexpr int block = 48;       // columns of a block; a multiple of the tile heights of all instruction sets
 
 constexpr std::ptrdiff_t padded(std::ptrdiff_t rows) { return (rows + lane - 1) / lane * lane; }
 // Distance of columns for `rows` rows: an odd number of cache lines, which spreads a row over the cache.
@@ -42,9 +43,9 @@ struct dense_kernels_table {
     // above the diagonal.
     void (*minus_square)(store_mode mode, int m, int k, const double* a, std::ptrdiff_t lda, double* u);
     // Lower part of C (m x n) -= A B', B the first n rows of A (m x k), whose columns stand anywhere, a(0..k-1); n <=
-    // 480. Nothing is read behind row m of A.
+    // broad. Nothing is read behind row m of A.
     void (*minus_columns)(int m, int n, int k, const double* const* a, double* c, std::ptrdiff_t ldc);
-    // C (m x n) = -U B' for the symmetric matrix whose triangle is u, B (n x m), n <= 480.
+    // C (m x n) = -U B' for the symmetric matrix whose triangle is u, B (n x m), n <= broad.
     void (*minus_symmetric)(int m, int n, const double* u, const double* b, std::ptrdiff_t ldb, double* c,
                             std::ptrdiff_t ldc);
     // Panel of m rows and w columns, m >= w: the Cholesky factor of its first w rows, and the solution X of X L' = P

@@ -142,8 +142,6 @@ void subtract_columns(const front& f, int done, int first, int n, double* c, std
     }
 }
 
-constexpr int broad = 2 * wide; // columns of the pieces of a large front
-
 // A large front, factorised in pieces; the children have left their updates in the store, and its own goes there.
 int factor_large(const front& f, int width, factor_work& w, double& pivot) {
     for (int c = 0, end; c < width; c = end) {
@@ -185,11 +183,12 @@ int factorise_supernodes(double& pivot) {
     w.spot.resize(tree.rows);
     w.spot_runs.resize(tree.rows);
     const std::ptrdiff_t columns = panel_size(tree.rows, wide);
-    w.space = make_space(tree.triangles[0] + tree.triangles[1] + 3 * columns); // what is not used takes no memory
+    // what is not used takes no memory
+    w.space = make_space(tree.triangles[0] + tree.triangles[1] + (broad / wide + 1) * columns);
     w.top[0] = w.space.get();
     w.top[1] = w.top[0] + tree.triangles[0];
     w.columns = w.top[1] + tree.triangles[1];
-    w.spare = w.columns + 2 * columns;
+    w.spare = w.columns + broad / wide * columns;
     int bad = 0, done = 0;
     for (int s = 0; s < ns; ++s) {
         const front f = front_of(tree, s);

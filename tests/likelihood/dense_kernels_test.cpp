@@ -186,7 +186,7 @@ TEST_F(dense_kernels_test, products_of_all_shapes) {
 
 TEST_F(dense_kernels_test, squares_and_products_of_scattered_columns) {
     for (const auto& [m, n, k] :
-         {std::array{1, 1, 1}, {10, 4, 3}, {49, 48, 20}, {97, 50, 260}, {490, 480, 20}, {245, 17, 300}}) {
+         {std::array{1, 1, 1}, {10, 4, 3}, {49, 48, 20}, {97, 50, 260}, {980, 960, 12}, {245, 17, 300}}) {
         SCOPED_TRACE(std::to_string(m) + " " + std::to_string(n) + " " + std::to_string(k));
         const matrix a = random(m, k), c = random(m, n);
         matrix square(m, m);
