@@ -9,7 +9,7 @@
 
 namespace tarvex {
 
-constexpr int lane = 8;   // rows are padded to the longest vector of doubles
+constexpr int lane = 8;         // rows are padded to the longest vector of doubles
 constexpr int wide = 240;       // columns of a supernode worked on at a time; a multiple of block
 constexpr int broad = 4 * wide; // columns of a large front that take its finished columns at a time
 constexpr int block = 48;       // columns of a block; a multiple of the tile heights of all instruction sets

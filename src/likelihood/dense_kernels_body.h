@@ -13,10 +13,10 @@ namespace {
 
 using place_t = std::ptrdiff_t;
 constexpr int lanes = TVX_LANES, vectors = TVX_VECTORS, tile_width = TVX_WIDTH, tile_height = lanes * vectors;
-constexpr int depth = 256;       // columns of A and B multiplied at a time
-constexpr int chunk_rows = 240;  // rows of A held in the second-level cache
+constexpr int depth = 256;        // columns of A and B multiplied at a time
+constexpr int chunk_rows = 240;   // rows of A held in the second-level cache
 constexpr int chunk_cols = broad; // rows of B packed at a time
-constexpr place_t small = 24000; // elements of A that are used where they stand
+constexpr place_t small = 24000;  // elements of A that are used where they stand
 
 typedef double vec __attribute__((vector_size(8 * TVX_LANES), aligned(8), may_alias));
 

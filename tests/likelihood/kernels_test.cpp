@@ -385,7 +385,8 @@ TEST_P(instruction_sets, supernodes_worked_on_in_pieces) {
 
 TEST_P(instruction_sets, large_sparse_systems_agree_with_the_column_kernel) {
     tolerance = 1e-9;
-    for (const auto& p : {random_pattern(900, 2, 12), tree_of_blocks(250), tree_of_blocks(90)}) {
+    for (const auto& p : {random_pattern(900, 2, 12), tree_of_blocks(250), tree_of_blocks(90),
+                          wide_blocks(40, 50, broad + 10)}) { // a front whose last columns take finished ones
         make_system(p, 12);
         array<double> fd, fo, fd2, fo2;
         double detc = 0.0, ypy = 0.0, detc2 = 0.0, ypy2 = 0.0;
