@@ -60,18 +60,24 @@ inline void place_rows(const front& f, std::vector<int>& local) {
     for (int i = 0; i < f.below; ++i) local[f.list[i]] = f.width + i;
 }
 
-// Column c of a front from the store: to[i] for row i >= c, zeros where the pattern has no element.
-inline void load_column(const front& f, int c, const std::vector<int>& local, double* to) {
-    const int j = f.col[c], count = rows_below(j);
-    const double* off = sparse.xspars.data() + sparse.ixvec1(j) - 1;
-    to[c] = sparse.diag(j);
-    if (count == f.rows() - 1 - c) {
-        std::copy_n(off, count, to + c + 1);
+// Column c of a front of `rows` rows out of diag, off, which has `count` rows below its diagonal: to[i] for row i >= c,
+// zeros where the pattern has no element.
+inline void load_column(const front& f, int c, int count, int rows, const array<double>& diag, const array<double>& off,
+                        const std::vector<int>& local, double* to) {
+    const int j = f.col[c];
+    const double* from = off.data() + sparse.ixvec1(j) - 1;
+    to[c] = diag(j);
+    if (count == rows - 1 - c) {
+        std::copy_n(from, count, to + c + 1);
         return;
     }
-    std::fill(to + c + 1, to + f.rows(), 0.0);
+    std::fill(to + c + 1, to + rows, 0.0);
     const int* list = row_list(j);
-    for (int q = 0; q < count; ++q) to[local[list[q]]] = off[q];
+    for (int q = 0; q < count; ++q) to[local[list[q]]] = from[q];
+}
+// Column c of the matrix or of its factor.
+inline void load_column(const front& f, int c, const std::vector<int>& local, double* to) {
+    load_column(f, c, rows_below(f.col[c]), f.rows(), sparse.diag, sparse.xspars, local, to);
 }
 
 // runs(i) = number of rows from i on whose places stay together.

@@ -144,25 +144,10 @@ void save_columns(const inverse_front& f, const panel& z, const inverse_work& w,
     }
 }
 
-// Column c of a front's inverse out of the store: to[i] for row i >= c. Elements that merged columns have no place for
-// are taken as 0, since they would only meet zeros: column e of Y has rows of columns d alone to which e leads in the
-// tree; the rows of e behind the piece are rows of d as well, and the rows of a column have places among each other.
-void load_inverse(const inverse_front& f, int c, const std::vector<int>& local, const array<double>& zdiag,
-                  const array<double>& zoff, double* to) {
-    const int j = f.col[c], count = stored_rows(f, c);
-    const double* off = zoff.data() + sparse.ixvec1(j) - 1;
-    to[c] = zdiag(j);
-    if (count == f.order() - 1 - c) {
-        std::copy_n(off, count, to + c + 1);
-        return;
-    }
-    std::fill(to + c + 1, to + f.order(), 0.0);
-    const int* list = row_list(j);
-    for (int q = 0; q < count; ++q) to[local[list[q]]] = off[q];
-}
-
 // Z21 = -Z22 Y for the rows from `end` on: n columns, row i of the front at c[i]. Of Z22 the rows below the front stand
-// in the triangle, columns of the front in the store.
+// in the triangle, columns of the front in the store. Elements that merged columns have no place for are taken as 0,
+// since they would only meet zeros: column e of Y has rows of columns d alone to which e leads in the tree; the rows of
+// e behind the piece are rows of d as well, and the rows of a column have places among each other.
 void multiply_inverse(const inverse_front& f, int end, int n, const array<double>& zdiag, const array<double>& zoff,
                       double* c, std::ptrdiff_t ldc, inverse_work& w) {
     const dense_kernels_table& kernel = dense_kernels();
@@ -174,7 +159,8 @@ void multiply_inverse(const inverse_front& f, int end, int n, const array<double
         next = std::min(f.width, q + wide);
         const int k = next - q, rest = f.order() - next;
         const std::ptrdiff_t ld = column_distance(f.order() - q + lane), ldt = column_distance(padded(k));
-        for (int i = q; i < next; ++i) load_inverse(f, i, w.local, zdiag, zoff, w.stored + (i - q) * ld - q);
+        for (int i = q; i < next; ++i)
+            load_column(f, i, stored_rows(f, i), f.order(), zdiag, zoff, w.local, w.stored + (i - q) * ld - q);
         mirror(k, w.stored, ld);
         kernel.product(store_mode::subtract, f.order() - q, n, k, w.stored, ld, y(q), ldy, c + q, ldc);
         if (rest == 0) continue;
