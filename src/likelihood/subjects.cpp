@@ -226,8 +226,9 @@ bool part_splitter::next(design_part& part) {
     if (at_ >= (rowwise_ ? d.nobs : 1)) return false;
     part.obs = at_;
     part.y = datavecs.yvec.data() + at_;
-    part.r = stream_.rinv().data() + at_;
-    part.diagonal = stream_.rinv_diagonal();
+    part.diagonal = rowwise_ || stream_.rinv_diagonal();
+    // A record of its own takes its diagonal element, also of an inverse that is held in full.
+    part.r = stream_.rinv().data() + (stream_.rinv_diagonal() ? at_ : at_ * (d.nobs + 1));
     part.design = &d;
     if (rowwise_) {
         cut_row(at_);
