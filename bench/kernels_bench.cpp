@@ -6,13 +6,13 @@
 // Each benchmark is one call on fresh values; medians are shown. "Mops" are millions of multiplications in a second.
 #include "control/numbers.h"
 #include "control/options.h"
-#include "equations/sparse.h"
-#include "estimation/autodiff.h"
-#include "likelihood/dense_kernels.h"
-#include "likelihood/factorise.h"
-#include "likelihood/forward.h"
-#include "likelihood/supernodes.h"
-#include "likelihood/takahashi.h"
+#include "sparse/autodiff.h"
+#include "sparse/dense_kernels.h"
+#include "sparse/factorise.h"
+#include "sparse/forward.h"
+#include "sparse/sparse.h"
+#include "sparse/supernodes.h"
+#include "sparse/takahashi.h"
 #include "systems.h"
 
 #include <benchmark/benchmark.h>

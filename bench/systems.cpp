@@ -1,7 +1,7 @@
 #include "systems.h"
 
 #include "control/numbers.h"
-#include "equations/sparse.h"
+#include "sparse/sparse.h"
 #include "support/record_file.h"
 
 #include <algorithm>

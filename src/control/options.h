@@ -13,51 +13,51 @@ struct options_module {
     bool details = false;       // most talkative; an error dies by an arithmetic fault
     bool devtrace = false;      // trace of the options
     bool emai = false;
-    bool emalgorithm = true;    // EM family of steps in use: covariances are the parameters
-    bool forchol = false;       // keep the factor scale of the residual block
+    bool emalgorithm = true;     // EM family of steps in use: covariances are the parameters
+    bool forchol = false;        // keep the factor scale of the residual block
     std::array<int, 8> logdia{}; // by block, 0 residual: diagonals on the log scale
-    bool mmmposdef = false;     // an indefinite coefficient matrix is an error
-    bool nologd = false;        // never switch to log diagonals
-    bool nopru = false;         // no pruning of pedigrees
+    bool mmmposdef = false;      // an indefinite coefficient matrix is an error
+    bool nologd = false;         // never switch to log diagonals
+    bool nopru = false;          // no pruning of pedigrees
     bool optim_ai = false;
     bool print_times = false;
     bool pxai = true;
     bool pxem = true;
     bool reco_set = false;
-    bool reconstruct = true;    // rebuild the parameters from the best point after an accepted step
-    bool selfing = false;       // sire and dam of an animal may be the same
+    bool reconstruct = true; // rebuild the parameters from the best point after an accepted step
+    bool selfing = false;    // sire and dam of an animal may be the same
     bool setup_lrg = false;
     bool setup_only = false;
     bool simulation = false;
-    bool strict_ai = true;      // an AI step must raise log L
-    bool superai = false;       // work through the factor of the relationship matrix
+    bool strict_ai = true; // an AI step must raise log L
+    bool superai = false;  // work through the factor of the relationship matrix
     bool tensor_ai = false;
     bool terse = false;
     bool verbose = false;
     bool werbose = false;
     bool wide = false;
-    bool sevars = true;         // sampling errors in the report (off with --best)
+    bool sevars = true; // sampling errors in the report (off with --best)
 
     // From the parameter file and the model.
-    bool comment = false;       // a COM line was given
-    bool pedigrees = false;     // a PED line was given
+    bool comment = false;   // a COM line was given
+    bool pedigrees = false; // a PED line was given
     bool siremodel = false;
-    bool start_vals = false;    // starting values come from a file
-    bool equal_model = false;   // all traits have the same model
-    bool randreg = false;       // random regression analysis
-    bool principal = false;     // reduced rank, factor scale
-    bool sigam = false;         // some random effects are correlated
-    bool pseudofix = false;     // levels of random effects treated as fixed
-    bool renumbered = false;    // trait numbers of the data are renumbered
-    bool legendre = false;      // Legendre polynomials are needed
-    bool bsplines = false;      // B-splines are needed
-    bool usrfuncs = false;      // user-defined basis functions are needed
-    bool nestcov = false;       // there are nested covariables
+    bool start_vals = false;  // starting values come from a file
+    bool equal_model = false; // all traits have the same model
+    bool randreg = false;     // random regression analysis
+    bool principal = false;   // reduced rank, factor scale
+    bool sigam = false;       // some random effects are correlated
+    bool pseudofix = false;   // levels of random effects treated as fixed
+    bool renumbered = false;  // trait numbers of the data are renumbered
+    bool legendre = false;    // Legendre polynomials are needed
+    bool bsplines = false;    // B-splines are needed
+    bool usrfuncs = false;    // user-defined basis functions are needed
+    bool nestcov = false;     // there are nested covariables
 
     // Of the run.
-    bool first = true;          // no evaluation of the likelihood has succeeded yet
-    bool newbest = false;       // the last evaluation improved the best point
-    bool saverr_ready = false;  // the average information belongs to the final point
+    bool first = true;         // no evaluation of the likelihood has succeeded yet
+    bool newbest = false;      // the last evaluation improved the best point
+    bool saverr_ready = false; // the average information belongs to the final point
 };
 inline options_module options;
 

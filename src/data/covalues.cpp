@@ -1,9 +1,9 @@
 // Regression values of covariables.
+#include "basis/legendre.h"
+#include "basis/splines.h"
 #include "data/data.h"
 #include "data/levels.h"
 #include "parfile/mudmap.h"
-#include "randreg/legendre.h"
-#include "randreg/splines.h"
 #include "support/stop.h"
 
 #include <vector>

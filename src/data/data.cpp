@@ -3,9 +3,9 @@
 #include "data/data.h"
 
 #include "control/filenames.h"
+#include "control/limits.h"
 #include "control/numbers.h"
 #include "control/options.h"
-#include "control/parameters.h"
 #include "control/tvxroutines.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"

@@ -3,8 +3,8 @@
 #include "data/pedigrees.h"
 
 #include "control/filenames.h"
+#include "control/limits.h"
 #include "control/options.h"
-#include "control/parameters.h"
 #include "control/tvxroutines.h"
 #include "data/nrmcodes.h"
 #include "support/edit_form.h"

@@ -5,15 +5,15 @@
 #include "data/levels.h"
 #include "data/rowlayout.h"
 
+#include "basis/phimatrix.h"
 #include "control/filenames.h"
+#include "control/limits.h"
 #include "control/numbers.h"
 #include "control/options.h"
-#include "control/parameters.h"
 #include "control/tvxroutines.h"
 #include "equations/mmequations.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
-#include "randreg/phimatrix.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
 

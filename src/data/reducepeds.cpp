@@ -4,8 +4,8 @@
 #include "data/reducepeds.h"
 
 #include "control/filenames.h"
+#include "control/limits.h"
 #include "control/options.h"
-#include "control/parameters.h"
 #include "control/tvxroutines.h"
 #include "data/nrmcodes.h"
 #include "data/pedigrees.h"
@@ -34,7 +34,9 @@ struct hash_tables {
 void hash_setup(hash_tables& tables) {
     try {
         tables.id.reserve(maxhash);
-    } catch (const std::bad_alloc&) { stop("alloc hashtabs"); }
+    } catch (const std::bad_alloc&) {
+        stop("alloc hashtabs");
+    }
 }
 
 // Place for the running number of a code.

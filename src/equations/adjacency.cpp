@@ -1,14 +1,14 @@
 #include "equations/adjacency.h"
 
 #include "control/filenames.h"
+#include "control/limits.h"
 #include "control/numbers.h"
 #include "control/options.h"
-#include "control/parameters.h"
 #include "control/tvxroutines.h"
 #include "data/levels.h"
 #include "equations/linksources.h"
 #include "equations/mmequations.h"
-#include "relations/linkedlist.h"
+#include "sparse/linkedlist.h"
 #include "support/record_file.h"
 #include "support/stop.h"
 
@@ -23,8 +23,10 @@ namespace {
 constexpr int kfactor = 100000; // elements in a record of the file
 
 std::vector<int> header() {
-    std::vector<int> h{numbers.nq,          0,                   numbers.nrankx,      numbers.lim1,
-                       mmequations.neqns,   mmequations.neq_fix, mmequations.neq_rnd, mmequations.neq_cov};
+    std::vector<int> h{numbers.nq,          0,
+                       numbers.nrankx,      numbers.lim1,
+                       mmequations.neqns,   mmequations.neq_fix,
+                       mmequations.neq_rnd, mmequations.neq_cov};
     for (int irand = 1; irand <= numbers.krand; ++irand) h.push_back(levels.rn_nlev(irand));
     return h;
 }
@@ -135,7 +137,9 @@ void adjacency2() {
         list.ifirst.resize(numbers.nsrow);
         if (list.inext.size() < total) list.inext.resize(total);
         if (list.ivcol.size() < total) list.ivcol.resize(total);
-    } catch (const std::bad_alloc&) { tvx_noalloc("IVCOL", total); }
+    } catch (const std::bad_alloc&) {
+        tvx_noalloc("IVCOL", total);
+    }
     for (int k = 1; k <= nbase; ++k) {
         const auto at = static_cast<int>(before + k);
         list.ivcol(at) = k;

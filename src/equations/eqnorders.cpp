@@ -1,18 +1,20 @@
 // Trial orders, their operation counts, and the files in which the best order and its structure stay for later runs.
+#include "equations/eqnorders.h"
 #include "control/filenames.h"
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "equations/adjacency.h"
 #include "equations/mmequations.h"
-#include "equations/orderings.h"
 #include "equations/orders.h"
 #include "equations/setups.h"
-#include "equations/sparse.h"
-#include "equations/symbfact.h"
-#include "likelihood/supernodes.h"
+#include "equations/symfacfile.h"
 #include "parfile/model.h"
-#include "relations/linkedlist.h"
+#include "sparse/linkedlist.h"
+#include "sparse/orderings.h"
+#include "sparse/sparse.h"
+#include "sparse/supernodes.h"
+#include "sparse/symbfact.h"
 #include "support/edit_form.h"
 #include "support/record_file.h"
 #include "support/stop.h"
@@ -171,7 +173,9 @@ bool lay_out() {
             std::copy_n(sparse.ixsub.begin(), sparse.maxsub, exact.begin());
             sparse.ixsub = std::move(exact);
         }
-    } catch (const std::bad_alloc&) { tvx_noalloc("IXSUB", sparse.maxsub); }
+    } catch (const std::bad_alloc&) {
+        tvx_noalloc("IXSUB", sparse.maxsub);
+    }
     return flag == 0 && sparse.maxsub <= orders.maxspa;
 }
 
@@ -214,8 +218,8 @@ struct trial_state {
     stored_order old;
     double kkops = no_order;
     bool preselected = false;
-    bool pattern = false;   // the row store holds the pattern
-    bool store = false;     // symbfact.bin does not hold the structure of the order in eqnsorder.bin
+    bool pattern = false; // the row store holds the pattern
+    bool store = false;   // symbfact.bin does not hold the structure of the order in eqnsorder.bin
     int nofsub = 0;
 };
 
@@ -252,12 +256,15 @@ bool take_new(trial_state& t) {
 // The order of an earlier run: true if it is to be used as it is.
 bool find_old(trial_state& t) {
     switch (read_order(t.old)) {
-    case order_file::none: return false;
+    case order_file::none:
+        return false;
     case order_file::unreadable:
         if (options.werbose) print_list(screen(), "Error reading previous ordering");
         t = {{}, stale_order, t.preselected};
         return false;
-    case order_file::foreign: t.kkops = stale_order; break;
+    case order_file::foreign:
+        t.kkops = stale_order;
+        break;
     case order_file::fits:
         t.kkops = t.old.kkops; // to be beaten, also by another method
         if (!t.preselected || (t.old.kortype == orders.order_type &&

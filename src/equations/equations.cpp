@@ -1,9 +1,9 @@
 #include "equations/equations.h"
 
 #include "control/filenames.h"
+#include "control/limits.h"
 #include "control/numbers.h"
 #include "control/options.h"
-#include "control/parameters.h"
 #include "control/tvxroutines.h"
 #include "data/levels.h"
 #include "data/recodedata.h"
@@ -59,8 +59,7 @@ void zero_out_users(int iq) {
         const int level = find_code(code, levels.fx_codes(ifix, iq));
         if (level == 0) not_found('f', name, code, levels.fx_nlev(ifix, iq));
         zero_out(mmequations.fx_start(ifix, iq) + level);
-        if (tracing())
-            print_list(screen(), "dep usr", iq, j, mmequations.ieqzero.size(), mmequations.ieqzero.back());
+        if (tracing()) print_list(screen(), "dep usr", iq, j, mmequations.ieqzero.size(), mmequations.ieqzero.back());
     }
 }
 
@@ -137,7 +136,8 @@ void equation_nos() {
 void equation_nos_full() {
     allocate("alloc start", mmequations.rn_start_full, numbers.krand);
     long long ibegin = mmequations.neq_cov + mmequations.neq_fix;
-    number_random(mmequations.rn_start_full, ibegin, [](int irand) { return model.kkfit(irand); }, false);
+    number_random(
+        mmequations.rn_start_full, ibegin, [](int irand) { return model.kkfit(irand); }, false);
     for (int iq = 1; iq <= numbers.nq; ++iq)
         if (model.fitmean(iq)) ++ibegin;
     check_size(ibegin);

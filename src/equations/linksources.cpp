@@ -4,6 +4,7 @@
 // pivots and parameters move in the course of a run. A link too many does no harm to the numbers.
 #include "equations/linksources.h"
 
+#include "basis/phimatrix.h"
 #include "control/filenames.h"
 #include "control/numbers.h"
 #include "control/options.h"
@@ -13,10 +14,9 @@
 #include "equations/mmequations.h"
 #include "equations/orders.h"
 #include "estimation/estimates.h"
-#include "likelihood/residualvars.h"
+#include "parameters/residualvars.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
-#include "randreg/phimatrix.h"
 #include "relations/inverse_stream.h"
 #include "support/screen.h"
 #include "support/stop.h"

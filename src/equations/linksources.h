@@ -1,6 +1,6 @@
 // Where the links between equations come from: the records of the data and the inverses of the relationship matrices.
 #pragma once
-#include "equations/linkmerge.h"
+#include "sparse/linkmerge.h"
 
 namespace tarvex {
 

@@ -1,17 +1,17 @@
 #include "equations/lsqfixed.h"
 
 #include "control/filenames.h"
+#include "control/limits.h"
 #include "control/numbers.h"
 #include "control/options.h"
-#include "control/parameters.h"
 #include "control/tvxroutines.h"
 #include "data/datavecs.h"
 #include "data/recodedata.h"
 #include "data/rowlayout.h"
-#include "equations/linkmerge.h"
-#include "equations/lsqrank.h"
 #include "equations/mmequations.h"
 #include "likelihood/solutions.h"
+#include "sparse/linkmerge.h"
+#include "sparse/lsqrank.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
 
@@ -79,13 +79,13 @@ void data_pass(normal_equations& a, const fixed_rows& rows) {
 }
 
 void warn_covariable() {
-    for (const char* line : {"    Rows/columns to be zero-ed out to account for the",
-                             "    additional dependency among fixed effects found  ",
-                             "    corresponds to a (nested ?) regression coefficient !        ",
-                             "    This may cause problems - it would be highly advisable to",
-                             "    identify the level(s) of fixed effects fitted which",
-                             "    cause this & specify these explicitely (in the .par file)",
-                             "    as to be zero-ed out instead !!! "})
+    for (const char* line :
+         {"    Rows/columns to be zero-ed out to account for the",
+          "    additional dependency among fixed effects found  ",
+          "    corresponds to a (nested ?) regression coefficient !        ",
+          "    This may cause problems - it would be highly advisable to",
+          "    identify the level(s) of fixed effects fitted which",
+          "    cause this & specify these explicitely (in the .par file)", "    as to be zero-ed out instead !!! "})
         print_list(screen(), line);
     tvx_caution();
 }
@@ -112,7 +112,9 @@ lsq_rank eliminate(const fixed_rows& rows, normal_equations& a) {
         a.finish();
         const std::vector<int> out = taken_out(a, rows);
         return fast_rank(a, out, 100.0 * numbers.zero);
-    } catch (const std::bad_alloc&) { stop("alloc zhz"); }
+    } catch (const std::bad_alloc&) {
+        stop("alloc zhz");
+    }
 }
 
 } // namespace

@@ -4,11 +4,11 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "data/datavecs.h"
-#include "equations/sparse.h"
 #include "estimation/estimates.h"
 #include "likelihood/likelihood.h"
-#include "likelihood/residualvars.h"
 #include "likelihood/solutions.h"
+#include "parameters/residualvars.h"
+#include "sparse/sparse.h"
 #include "support/screen.h"
 #include "support/stop.h"
 

@@ -3,15 +3,15 @@
 #include "control/filenames.h"
 #include "control/maximise.h"
 #include "control/numbers.h"
-#include "control/numroutines.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "dense/numroutines.h"
 #include "estimation/bestpoint.h"
-#include "estimation/derivatives.h"
 #include "estimation/estimates.h"
 #include "estimation/stepcontrol.h"
-#include "estimation/variances.h"
+#include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
+#include "parameters/variances.h"
 #include "support/edit_form.h"
 
 #include <algorithm>

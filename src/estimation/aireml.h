@@ -8,12 +8,12 @@
 namespace tarvex {
 
 struct aireml_terms_module {
-    double alpha = 1.0; // step length
-    double dnorm = 0.0; // Euclidean norm of the gradient
-    double pnorm = 0.0; // relative change of the parameters in the accepted step
-    double prox = 0.0;  // half the slope
-    double slope = 0.0; // slope of -log L along the step
-    double tau = 0.0;   // added to the diagonal of the information matrix
+    double alpha = 1.0;       // step length
+    double dnorm = 0.0;       // Euclidean norm of the gradient
+    double pnorm = 0.0;       // relative change of the parameters in the accepted step
+    double prox = 0.0;        // half the slope
+    double slope = 0.0;       // slope of -log L along the step
+    double tau = 0.0;         // added to the diagonal of the information matrix
     double last_change = 0.0; // in log L, by the last accepted iterate of the last AI-REML phase; 0: there was none
     int accepted = 0;         // iterates accepted in the whole run
     double tt0 = 0.0;         // processor clock at the start of the iterate

@@ -2,11 +2,11 @@
 
 #include "control/filenames.h"
 #include "control/numbers.h"
-#include "control/numroutines.h"
 #include "control/options.h"
+#include "dense/numroutines.h"
 #include "estimation/estimates.h"
-#include "estimation/variances.h"
-#include "likelihood/residualvars.h"
+#include "parameters/residualvars.h"
+#include "parameters/variances.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 

@@ -7,14 +7,14 @@
 #include "control/tvxroutines.h"
 #include "estimation/aireml.h"
 #include "estimation/bestpoint.h"
-#include "estimation/derivatives.h"
 #include "estimation/emsteps.h"
 #include "estimation/powell.h"
-#include "estimation/variances.h"
+#include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
-#include "likelihood/residualvars.h"
 #include "likelihood/solutions.h"
 #include "likelihood/warnfix.h"
+#include "parameters/residualvars.h"
+#include "parameters/variances.h"
 #include "support/stop.h"
 
 #include <algorithm>

@@ -1,11 +1,11 @@
 #include "estimation/pxem.h"
 
 #include "control/numbers.h"
-#include "control/numroutines.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "dense/numroutines.h"
 #include "likelihood/likelihood.h"
-#include "likelihood/randomvars.h"
+#include "parameters/randomvars.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "support/edit_form.h"
@@ -17,10 +17,10 @@ namespace tarvex {
 
 namespace {
 
-constexpr double largest_deviation = 1.5;   // root mean square of alpha - I: beyond it the identity serves
+constexpr double largest_deviation = 1.5;     // root mean square of alpha - I: beyond it the identity serves
 constexpr double smallest_deviation = 1.0e-4; // mean deviation below which the expansion has stopped mattering
-constexpr double eigen_floor = 1.0e-6;      // of a new covariance matrix
-constexpr double system_floor = 1.0e-5;     // eigenvalues of the scaled joint system that count as none
+constexpr double eigen_floor = 1.0e-6;        // of a new covariance matrix
+constexpr double system_floor = 1.0e-5;       // eigenvalues of the scaled joint system that count as none
 
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
 

@@ -2,7 +2,7 @@
 // slow directions out of EM (Liu, Rubin and Wu 1998, Biometrika 85:755; Foulley and van Dyk 2000, Genet. Sel. Evol.
 // 32:143).
 #pragma once
-#include "estimation/emquants.h"
+#include "likelihood/emquants.h"
 #include "support/array.h"
 
 #include <vector>
@@ -10,11 +10,11 @@
 namespace tarvex {
 
 struct pxempc_module {
-    array<double, 2> alpha;  // (n,n) expansion of the effect at hand
-    int skippx = 0;          // 1: the round had no expansion
-    bool skip_px = false;    // the expansion is no longer worth its cost
-    double aalpha = 0.0;     // mean absolute deviation of the expansions from the identity
-    bool rebuild = false;    // the equations have been reordered
+    array<double, 2> alpha; // (n,n) expansion of the effect at hand
+    int skippx = 0;         // 1: the round had no expansion
+    bool skip_px = false;   // the expansion is no longer worth its cost
+    double aalpha = 0.0;    // mean absolute deviation of the expansions from the identity
+    bool rebuild = false;   // the equations have been reordered
 };
 inline pxempc_module pxempc;
 

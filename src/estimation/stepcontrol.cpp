@@ -2,12 +2,12 @@
 
 #include "control/maximise.h"
 #include "control/numbers.h"
-#include "control/numroutines.h"
 #include "control/options.h"
+#include "dense/modchol.h"
+#include "dense/numroutines.h"
 #include "estimation/aireml.h"
-#include "estimation/derivatives.h"
 #include "estimation/estimates.h"
-#include "estimation/modchol.h"
+#include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
 #include "parfile/model.h"
 #include "support/edit_form.h"
@@ -21,9 +21,9 @@ namespace tarvex {
 
 namespace {
 
-constexpr double no_value = 9.9e35;         // -log L above it: the point is invalid
+constexpr double no_value = 9.9e35;          // -log L above it: the point is invalid
 constexpr double largest_decrease = 10000.0; // of -log L that a step may predict
-constexpr double residual_floor = 1.0e-4;   // smallest eigenvalue of a residual block on the "Original" scale
+constexpr double residual_floor = 1.0e-4;    // smallest eigenvalue of a residual block on the "Original" scale
 
 int size() { return derivs.nparm2; }
 
@@ -229,8 +229,7 @@ void eztimates(int iter, double& xnew) {
     list_changes(estimates.parvec, estimates.parnew);
     double dev = 0.0;
     loglike(estimates.parnew, estimates.nparm, dev, xnew, 0);
-    if (options.verbose)
-        write(screen(), trial_line, " Tau =", at.tau, " Alpha =", at.alpha, "  log L =", xnew);
+    if (options.verbose) write(screen(), trial_line, " Tau =", at.tau, " Alpha =", at.alpha, "  log L =", xnew);
 }
 
 void line_search(double xold, double& xnew, bool& fail) {

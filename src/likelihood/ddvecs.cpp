@@ -1,10 +1,10 @@
 #include "likelihood/ddvecs.h"
 
+#include "control/limits.h"
 #include "control/numbers.h"
 #include "control/options.h"
-#include "control/parameters.h"
 #include "data/rowlayout.h"
-#include "likelihood/randomvars.h"
+#include "parameters/randomvars.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "support/stop.h"

@@ -5,19 +5,19 @@
 namespace tarvex {
 
 struct likelihoods_module {
-    double detc = 0.0;   // log determinant of the coefficient matrix
-    double ypy = 0.0;    // y'Py
-    int ncall = 0;       // completed evaluations
-    int nfact = 0;       // factorisations
-    int nlike = 0;       // rows in use in likesav
-    int nreuse = 0;      // evaluations that used the factor at hand
-    double tprev = 0.0;  // clock at the start of the evaluation
-    double xlast = 0.0;  // log L of the last evaluation
-    array<double> lastpar;        // (nparm) parameters of the factor at hand
-    int failrow = 0;              // row of the last invalid pivot, 0 none
-    bool factor_valid = false;    // diag, xspars hold the factor of lastpar
-    array<double, 2, 1> likesav;  // (nparm+1,200) table of evaluations: log L, parameters
-    bool built = false;           // a matrix of this run has found all its places
+    double detc = 0.0;           // log determinant of the coefficient matrix
+    double ypy = 0.0;            // y'Py
+    int ncall = 0;               // completed evaluations
+    int nfact = 0;               // factorisations
+    int nlike = 0;               // rows in use in likesav
+    int nreuse = 0;              // evaluations that used the factor at hand
+    double tprev = 0.0;          // clock at the start of the evaluation
+    double xlast = 0.0;          // log L of the last evaluation
+    array<double> lastpar;       // (nparm) parameters of the factor at hand
+    int failrow = 0;             // row of the last invalid pivot, 0 none
+    bool factor_valid = false;   // diag, xspars hold the factor of lastpar
+    array<double, 2, 1> likesav; // (nparm+1,200) table of evaluations: log L, parameters
+    bool built = false;          // a matrix of this run has found all its places
 };
 inline likelihoods_module likelihoods;
 

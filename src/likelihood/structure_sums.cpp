@@ -5,10 +5,10 @@
 #include "data/levels.h"
 #include "equations/mmequations.h"
 #include "equations/orders.h"
-#include "equations/sparse.h"
 #include "likelihood/buildmmm.h"
 #include "parfile/mudmap.h"
 #include "relations/inverse_stream.h"
+#include "sparse/sparse.h"
 
 namespace tarvex {
 

@@ -5,8 +5,8 @@
 // (off 0.5): X = (C^-1 + x x')/2 for the equations, X(n,i) = -x(i)/2, X(n,n) = 1/2 for the row of right-hand sides,
 // x being the solutions. From the sparse inverse (off 1, without y): X = C^-1.
 #pragma once
-#include "likelihood/residualvars.h"
 #include "likelihood/subjects.h"
+#include "parameters/residualvars.h"
 #include "support/array.h"
 
 #include <functional>

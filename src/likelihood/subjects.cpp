@@ -1,5 +1,6 @@
 #include "likelihood/subjects.h"
 
+#include "basis/phimatrix.h"
 #include "control/filenames.h"
 #include "control/numbers.h"
 #include "control/options.h"
@@ -7,12 +8,11 @@
 #include "equations/mmequations.h"
 #include "equations/orders.h"
 #include "likelihood/ddvecs.h"
-#include "likelihood/randomvars.h"
-#include "likelihood/residualvars.h"
 #include "likelihood/solutions.h"
+#include "parameters/randomvars.h"
+#include "parameters/residualvars.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
-#include "randreg/phimatrix.h"
 #include "support/stop.h"
 
 #include <algorithm>

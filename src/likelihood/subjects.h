@@ -40,7 +40,7 @@ public:
     ~subject_stream();
     subject_stream(const subject_stream&) = delete;
     subject_stream& operator=(const subject_stream&) = delete;
-    bool next();                   // false at the end; fills datavecs, design and rinv
+    bool next(); // false at the end; fills datavecs, design and rinv
     int isubj() const { return isubj_; }
     const subject_design& design() const { return design_; }
     // R^-1 of the subject: nobs x nobs by columns, or its nobs diagonal elements where it is diagonal.
@@ -67,9 +67,9 @@ private:
     bool diagonal_ = false, with_effects_ = false;
     double ldet_ = 0.0;
     int isubj_ = 0;
-    std::vector<int> jlocal_;    // local equation of each place in jvec, -1 taken out, -2 not met yet
-    std::vector<int> clocal_;    // the same by covariable
-    std::vector<int> cmet_;      // covariables of the subject
+    std::vector<int> jlocal_;                  // local equation of each place in jvec, -1 taken out, -2 not met yet
+    std::vector<int> clocal_;                  // the same by covariable
+    std::vector<int> cmet_;                    // covariables of the subject
     std::vector<std::vector<double>> basis_;   // [irand-1] basis values, kkfit for each level of the control variable
     std::vector<std::vector<double>> weights_; // [irand-1] weights, nfit for each level (empty at full rank)
 };
@@ -81,9 +81,9 @@ void subject_residuals(const subject_stream& stream, std::vector<double>& ehat);
 // its own, which keeps the local matrices small; otherwise the subject is one part.
 struct design_part {
     const subject_design* design = nullptr;
-    int obs = 0;                   // record (from 0) of the subject that row 0 is
-    const double* y = nullptr;     // observations of the rows
-    const double* r = nullptr;     // their R^-1, full by columns or diagonal
+    int obs = 0;               // record (from 0) of the subject that row 0 is
+    const double* y = nullptr; // observations of the rows
+    const double* r = nullptr; // their R^-1, full by columns or diagonal
     bool diagonal = false;
     double rinv(int i, int j) const {
         if (diagonal) return i == j ? r[i] : 0.0;
@@ -93,7 +93,7 @@ struct design_part {
 class part_splitter {
 public:
     explicit part_splitter(const subject_stream& stream) : stream_(stream) {}
-    void start();                  // begins with the subject now in the stream
+    void start(); // begins with the subject now in the stream
     bool next(design_part& part);
 
 private:

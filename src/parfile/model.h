@@ -1,6 +1,6 @@
 // The model of analysis and the columns of the data, as the parameter file gives them.
 #pragma once
-#include "control/parameters.h"
+#include "control/limits.h"
 #include "support/array.h"
 
 #include <array>
@@ -12,17 +12,17 @@ namespace tarvex {
 // Effects are kept per trait: fixed(i,iq), i = 1..nfix(iq). Allocated by read_parfile once the number of traits is
 // known.
 struct model_module {
-    std::string analysis;     // the analysis code as written, up to 15 characters
-    int anal_type = 0;        // 1 UNI, 2 MUV, 3 RR, 4 MRR, 5 SPE
+    std::string analysis; // the analysis code as written, up to 15 characters
+    int anal_type = 0;    // 1 UNI, 2 MUV, 3 RR, 4 MRR, 5 SPE
     std::string commentline;
-    array<std::string, 2> fixed;      // (maxfix,nq)
-    array<int> nfix;                  // (nq)
-    array<std::string, 2> covar;      // (maxcov,nq) with bracket
+    array<std::string, 2> fixed; // (maxfix,nq)
+    array<int> nfix;             // (nq)
+    array<std::string, 2> covar; // (maxcov,nq) with bracket
     array<int> ncov;
-    array<std::string, 2> random;     // (maxrand,nq) with bracket in random regression analyses
-    array<std::string, 2> rnd_opt;    // (maxrand,nq) NRM, GIN, IDE or PEQ
+    array<std::string, 2> random;  // (maxrand,nq) with bracket in random regression analyses
+    array<std::string, 2> rnd_opt; // (maxrand,nq) NRM, GIN, IDE or PEQ
     array<int> nrnd;
-    array<std::string, 2> extra;      // (maxext,nq)
+    array<std::string, 2> extra; // (maxext,nq)
     array<int> nextra;
     array<std::string, 2> rricontrol; // (maxmeta,nq)
     array<int> nmeta;
@@ -38,12 +38,12 @@ struct model_module {
     array<int, 1, 0> correlated;      // 1: a "+" stood on the VAR line
     // Covariances: packed upper triangle row by row; kkfit variances where diagonal; for a residual with steps one
     // triangle after the other.
-    array<double, 2, 0> cov;          // (maxij,0:krand)
-    int rr_resteps = 1;               // classes of residual variances
-    std::string me_type;              // HOM, HET, IND or FUN in random regression analyses
-    array<int, 2> me_range;           // (2,rr_resteps) bounds of the classes of HET, both included
-    std::string me_control;           // control variable that selects the class; blank: the only (first) one
-    array<int> me_run;                // (levels of the control variable) residual class of each running number
+    array<double, 2, 0> cov; // (maxij,0:krand)
+    int rr_resteps = 1;      // classes of residual variances
+    std::string me_type;     // HOM, HET, IND or FUN in random regression analyses
+    array<int, 2> me_range;  // (2,rr_resteps) bounds of the classes of HET, both included
+    std::string me_control;  // control variable that selects the class; blank: the only (first) one
+    array<int> me_run;       // (levels of the control variable) residual class of each running number
 };
 inline model_module model;
 
@@ -51,10 +51,10 @@ inline model_module model;
 int cov_length(int irand);
 
 struct datafile_module {
-    int ndatcol[maxnq + 1] = {};                    // columns named for a trait, from 1
-    std::string colname[maxcols + 1][maxnq + 1];    // [column][trait]
-    int mlevels[maxcols + 1][maxnq + 1] = {};       // largest number of levels declared, 0 none
-    bool grouped = false;                           // GRP form of the DAT block
+    int ndatcol[maxnq + 1] = {};                 // columns named for a trait, from 1
+    std::string colname[maxcols + 1][maxnq + 1]; // [column][trait]
+    int mlevels[maxcols + 1][maxnq + 1] = {};    // largest number of levels declared, 0 none
+    bool grouped = false;                        // GRP form of the DAT block
     struct column {
         std::string name;
         int mlev;
@@ -77,13 +77,16 @@ inline zerout_module zerout;
 
 // User-defined functions of covariances (SE+).
 struct usrdefcovs_module {
-    struct term { int isig; double factor; };
+    struct term {
+        int isig;
+        double factor;
+    };
     int ncovadd = 0;
-    std::vector<std::string> addcovname;     // names of the sums
-    std::vector<std::vector<term>> addcov;   // their terms; numbers are those of ListofCovs
+    std::vector<std::string> addcovname;   // names of the sums
+    std::vector<std::vector<term>> addcov; // their terms; numbers are those of ListofCovs
     int naddgps = 0;
-    std::vector<std::string> addgpname;      // names of the ratios and correlations
-    std::vector<std::array<int, 4>> igpadd;  // kind (1 ratio, 2 correlation) and covariance numbers
+    std::vector<std::string> addgpname;     // names of the ratios and correlations
+    std::vector<std::array<int, 4>> igpadd; // kind (1 ratio, 2 correlation) and covariance numbers
 };
 inline usrdefcovs_module usrdefcovs;
 inline constexpr int maxaddcovs = 40, maxaddterms = 33, maxaddgps = 120;

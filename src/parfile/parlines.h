@@ -3,7 +3,7 @@
 // A line is left-adjusted text of plinelen columns; columns count from 1. A token is what stands between blanks. What
 // is behind column plinelen of the file is lost without a message.
 #pragma once
-#include "control/parameters.h"
+#include "control/limits.h"
 
 #include <fstream>
 #include <string>

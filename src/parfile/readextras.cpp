@@ -4,6 +4,7 @@
 #include "control/tvxroutines.h"
 #include "parfile/model.h"
 #include "parfile/parblocks.h"
+#include "parfile/randasfix.h"
 #include "relations/nrminverse.h"
 #include "support/edit_form.h"
 #include "support/text.h"

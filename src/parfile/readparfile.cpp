@@ -1,4 +1,5 @@
 #include "parfile/readparfile.h"
+#include "parfile/randasfix.h"
 
 #include "control/filenames.h"
 #include "control/numbers.h"

@@ -1,11 +1,12 @@
 //   Henderson, Biometrics 32 (1976) 69; with inbreeding Quaas, Biometrics 32 (1976) 949.
 #include "relations/animalnrm.h"
+#include "parfile/randasfix.h"
 
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "data/pedigreelist.h"
-#include "relations/linkedlist.h"
 #include "relations/nrminverse.h"
+#include "sparse/linkedlist.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
 

@@ -4,7 +4,8 @@
 // the order of the pedigree, sorted by row and column with equal ones summed in that order, and only then linked: every
 // row is filled from the left, whatever the number of mates of a parent.
 #pragma once
-#include "control/parameters.h"
+#include "control/limits.h"
+#include "parfile/randasfix.h"
 
 #include <vector>
 

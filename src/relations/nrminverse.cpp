@@ -1,11 +1,12 @@
 // The inverses of all random effects, made once and kept in scratch files that later runs in the same directory take
 // over.
 #include "relations/nrminverse.h"
+#include "parfile/randasfix.h"
 
 #include "control/filenames.h"
+#include "control/limits.h"
 #include "control/numbers.h"
 #include "control/options.h"
-#include "control/parameters.h"
 #include "control/tvxroutines.h"
 #include "data/pedigreelist.h"
 #include "parfile/model.h"
@@ -13,7 +14,7 @@
 #include "relations/animalnrm.h"
 #include "relations/geninverse.h"
 #include "relations/inbreeding.h"
-#include "relations/linkedlist.h"
+#include "sparse/linkedlist.h"
 #include "support/edit_form.h"
 #include "support/record_file.h"
 #include "support/stop.h"

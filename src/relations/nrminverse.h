@@ -26,23 +26,9 @@ struct geninverse_module {
 };
 inline geninverse_module geninverse;
 
-struct randasfix_module {
-    int npsfix = 0;                     // entries of the PSE block
-    double psfixfact = 0.0;             // diagonal of the inverse for each of them
-    std::vector<std::string> psfixname; // effect
-    std::vector<int> psfixcode;         // code of the level
-    array<int> asfix;                   // (nan) 1: level of the matrix in hand is pseudo-fixed
-    array<int> nasfix;                  // (krand) levels found
-    array<int> iasfix;                  // (krand) 1: named in some entry
-};
-inline randasfix_module randasfix;
-
 constexpr double fixed_level_weight = -1.0; // in place of the reciprocal variance of an animal treated as fixed
 
 // Makes the inverse of every NRM effect and checks that of every GIN effect; leaves geninverse and the scratch files.
 void gen_inverses();
-
-// Visits the stored elements of the inverse of block irand (NRM or GIN file), lower triangle: visit(column, row,
-// value). Defined for buffered reading: see relations/inverse_stream.h.
 
 } // namespace tarvex

@@ -2,9 +2,10 @@
 //   Henderson, J. Dairy Sci. 58 (1975) 1727.
 #include "control/tvxroutines.h"
 #include "data/pedigreelist.h"
+#include "parfile/randasfix.h"
 #include "relations/animalnrm.h"
-#include "relations/linkedlist.h"
 #include "relations/nrminverse.h"
+#include "sparse/linkedlist.h"
 #include "support/stop.h"
 
 #include <array>

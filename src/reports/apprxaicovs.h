@@ -8,10 +8,10 @@
 namespace tarvex {
 
 struct sampling_module {
-    bool available = false;  // the average information of this run's final point could be inverted
-    int rank = 0;            // rank of the information matrix
-    array<double> varpar;    // (nparm) sampling variances of the parameters
-    array<double, 2> vcov; // (ncovall,ncovall) of the covariances in the order of ListofCovs and the user-defined sums
+    bool available = false; // the average information of this run's final point could be inverted
+    int rank = 0;           // rank of the information matrix
+    array<double> varpar;   // (nparm) sampling variances of the parameters
+    array<double, 2> vcov;  // (ncovall,ncovall) of the covariances in the order of ListofCovs and the user-defined sums
 };
 inline sampling_module sampling;
 

@@ -1,8 +1,8 @@
 #include "reports/covblocks.h"
 
 #include "control/numbers.h"
-#include "control/numroutines.h"
 #include "control/options.h"
+#include "dense/numroutines.h"
 #include "estimation/bestpoint.h"
 #include "estimation/estimates.h"
 #include "parfile/model.h"
@@ -143,8 +143,9 @@ void write_errors(text_out& out, const report_matrix& m, const evaluated& e, con
     constexpr edit_form line{"(i4,2x,a,2g15.6,3x,a,2x,2f8.3)"}, failed_line{"(i4,2x,a,2g15.6,3x,a,2x,f8.3,a)"},
         plain_line{"(i4,2x,a,2g15.6)"};
     bool warn = false;
-    write(out, title, m.n == 1 ? "Covariance components with approximate sampling errors"
-                               : "Covariances & correlations with approximate sampling errors");
+    write(out, title,
+          m.n == 1 ? "Covariance components with approximate sampling errors"
+                   : "Covariances & correlations with approximate sampling errors");
     for (int i = 1; i <= m.n; ++i)
         for (int j = i; j <= (m.diagonal ? i : m.n); ++j) {
             const std::size_t k = packed(i, j, m.n);

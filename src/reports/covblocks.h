@@ -11,12 +11,12 @@ namespace tarvex {
 // A symmetric matrix of functions of the covariance components, as the report shows it.
 struct report_matrix {
     int n = 0;
-    int rank = 0;                        // eigenvalues and vectors shown
-    bool ratios = false;                 // diagonal of the correlation matrix holds variance ratios
-    bool diagonal = false;               // only variances
-    std::vector<cov_function> element;   // (packed) each covariance as a linear function of the components
-    std::vector<cov_function> total;     // (n) phenotypic variance of each row's trait, empty functions: no ratios
-    std::vector<int> ipar;               // (packed) running numbers, and names
+    int rank = 0;                      // eigenvalues and vectors shown
+    bool ratios = false;               // diagonal of the correlation matrix holds variance ratios
+    bool diagonal = false;             // only variances
+    std::vector<cov_function> element; // (packed) each covariance as a linear function of the components
+    std::vector<cov_function> total;   // (n) phenotypic variance of each row's trait, empty functions: no ratios
+    std::vector<int> ipar;             // (packed) running numbers, and names
     std::vector<std::string> name;
 };
 

@@ -1,7 +1,7 @@
 #include "reports/levelcounts.h"
 
+#include "control/limits.h"
 #include "control/numbers.h"
-#include "control/parameters.h"
 #include "data/data.h"
 #include "data/levels.h"
 #include "data/recodedata.h"

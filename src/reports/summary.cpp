@@ -7,13 +7,13 @@
 #include "control/tvxroutines.h"
 #include "data/levels.h"
 #include "estimation/aireml.h"
-#include "estimation/derivatives.h"
 #include "estimation/estimates.h"
+#include "likelihood/derivatives.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
-#include "randreg/rrvariances.h"
 #include "reports/apprxaicovs.h"
 #include "reports/covblocks.h"
+#include "reports/rrvariances.h"
 #include "support/edit_form.h"
 
 #include <cmath>

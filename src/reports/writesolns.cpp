@@ -2,11 +2,11 @@
 
 #include "control/filenames.h"
 #include "control/numbers.h"
-#include "control/numroutines.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "data/data.h"
 #include "data/levels.h"
+#include "dense/numroutines.h"
 #include "equations/mmequations.h"
 #include "equations/orders.h"
 #include "likelihood/solutions.h"

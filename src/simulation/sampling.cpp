@@ -2,11 +2,11 @@
 
 #include "control/filenames.h"
 #include "control/numbers.h"
-#include "control/numroutines.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "data/levels.h"
 #include "data/pedigreelist.h"
+#include "dense/numroutines.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "simulation/ranf.h"

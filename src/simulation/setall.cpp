@@ -9,8 +9,8 @@ namespace tarvex {
 namespace {
 
 constexpr int m1 = 2147483563, m2 = 2147483399;
-constexpr int a1w = 1033780774, a2w = 1494757890;   // multipliers of a jump by one block
-constexpr int a1vw = 2082007225, a2vw = 784306273;  // multipliers of a jump to the next generator
+constexpr int a1w = 1033780774, a2w = 1494757890;  // multipliers of a jump by one block
+constexpr int a1vw = 2082007225, a2vw = 784306273; // multipliers of a jump to the next generator
 
 } // namespace
 

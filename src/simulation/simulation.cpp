@@ -1,17 +1,17 @@
 #include "simulation/simulation.h"
 
+#include "basis/phimatrix.h"
 #include "control/filenames.h"
+#include "control/limits.h"
 #include "control/numbers.h"
-#include "control/numroutines.h"
 #include "control/options.h"
-#include "control/parameters.h"
 #include "control/tvxroutines.h"
 #include "data/data.h"
 #include "data/levels.h"
 #include "data/recodedata.h"
+#include "dense/numroutines.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
-#include "randreg/phimatrix.h"
 #include "simulation/randomseeds.h"
 #include "simulation/sampling.h"
 #include "support/edit_form.h"
@@ -59,8 +59,9 @@ void control_levels(const array<double>& dvec, int iq, std::vector<int>& imeta) 
         if (i > 0) {
             const std::int64_t code = effect_code(dvec, mudmap.rr_dcolno(i, iq), 0, 1);
             level = find_code(code, control_codes(irrc));
-            if (level == 0) not_found('m', model.rrcontrol[static_cast<std::size_t>(irrc - 1)], code,
-                                      static_cast<int>(control_codes(irrc).size()));
+            if (level == 0)
+                not_found('m', model.rrcontrol[static_cast<std::size_t>(irrc - 1)], code,
+                          static_cast<int>(control_codes(irrc).size()));
         }
         imeta.push_back(level);
     }
@@ -201,8 +202,8 @@ std::vector<std::vector<double>> subject_residuals_muv(const subject_lines& s, r
         for (std::size_t l = 0; l < s.lines.size(); ++l) draws.draw(s.lines[l].ynq, e[l]);
         return e;
     }
-    std::map<int, int> met;                                  // records of each trait so far
-    std::map<int, std::map<int, std::size_t>> occurrences;   // k-th record: trait -> line
+    std::map<int, int> met;                                // records of each trait so far
+    std::map<int, std::map<int, std::size_t>> occurrences; // k-th record: trait -> line
     for (std::size_t l = 0; l < s.lines.size(); ++l) occurrences[++met[s.lines[l].ynq[0]]][s.lines[l].ynq[0]] = l;
     for (const auto& [k, by_trait] : occurrences) {
         std::vector<int> traits;

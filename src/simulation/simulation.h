@@ -4,8 +4,8 @@
 namespace tarvex {
 
 struct simulation_module {
-    int nrepsim = 0;       // replicates
-    int iseed1 = 0;        // seeds of the random number generator
+    int nrepsim = 0; // replicates
+    int iseed1 = 0;  // seeds of the random number generator
     int iseed2 = 0;
     bool newseeds = false; // seeds do not come from the file
 };

@@ -77,10 +77,14 @@ std::string edit_item(const form_item& item, const edit_value& value) {
         stop("edit form does not fit its values");
     const double x = value.type == type::integer ? static_cast<double>(value.integer) : value.real;
     switch (item.type) {
-    case kind::a: return edit_text(value.text, item.width);
-    case kind::i: return edit_i(value.integer, item.width);
-    case kind::f: return edit_f(x, item.width, item.decimals);
-    default: return edit_g(x, item.width, item.decimals);
+    case kind::a:
+        return edit_text(value.text, item.width);
+    case kind::i:
+        return edit_i(value.integer, item.width);
+    case kind::f:
+        return edit_f(x, item.width, item.decimals);
+    default:
+        return edit_g(x, item.width, item.decimals);
     }
 }
 
@@ -181,11 +185,20 @@ std::string edit(std::string_view form, std::span<const edit_value> values) {
             out.end();
             reader.at = back;
             break;
-        case kind::slash: out.end(); break;
-        case kind::x: out.at += static_cast<std::size_t>(item.width); break;
-        case kind::t: out.at = static_cast<std::size_t>(item.width - 1); break;
-        case kind::literal: put_literal(out, item); break;
-        case kind::fault: stop(std::string(item.wrong) + " : " + std::string(form));
+        case kind::slash:
+            out.end();
+            break;
+        case kind::x:
+            out.at += static_cast<std::size_t>(item.width);
+            break;
+        case kind::t:
+            out.at = static_cast<std::size_t>(item.width - 1);
+            break;
+        case kind::literal:
+            put_literal(out, item);
+            break;
+        case kind::fault:
+            stop(std::string(item.wrong) + " : " + std::string(form));
         default:
             for (int k = 0; k < item.repeat; ++k) {
                 if (taken == values.size()) return out.end(), std::move(out.done);

@@ -56,14 +56,13 @@ inline void push(std::vector<edit_value>& v, const std::string& s) { v.push_back
 inline void push(std::vector<edit_value>& v, const char* s) { v.push_back({edit_value::kind::text, s}); }
 inline void push(std::vector<edit_value>& v, double x) { v.push_back({edit_value::kind::real, {}, 0, x}); }
 template <class I>
-    requires(std::is_integral_v<I> && !std::is_same_v<I, char>)
-void push(std::vector<edit_value>& v, I i) {
+requires(std::is_integral_v<I> && !std::is_same_v<I, char>) void push(std::vector<edit_value>& v, I i) {
     v.push_back({edit_value::kind::integer, {}, static_cast<long long>(i)});
 }
 inline void push(std::vector<edit_value>& v, const char& c) { v.push_back({edit_value::kind::text, {&c, 1}}); }
 template <class R>
-    requires(std::ranges::input_range<const R> && !std::is_convertible_v<const R&, std::string_view>)
-void push(std::vector<edit_value>& v, const R& range) {
+requires(std::ranges::input_range<const R> &&
+         !std::is_convertible_v<const R&, std::string_view>) void push(std::vector<edit_value>& v, const R& range) {
     for (const auto& x : range) push(v, x);
 }
 } // namespace detail
@@ -118,25 +117,43 @@ public:
         if (count > 0) item.repeat = count;
         if (at_end()) return wrong("edit form ends inside");
         switch (text_[at++]) {
-        case '(': item.type = kind::open; return item;
-        case ')': return plain(item, kind::close, count);
-        case '/': return plain(item, kind::slash, count);
-        case '\'': return quoted(item);
-        case 'h': case 'H': return hollerith(item, count);
-        case 'x': case 'X':
+        case '(':
+            item.type = kind::open;
+            return item;
+        case ')':
+            return plain(item, kind::close, count);
+        case '/':
+            return plain(item, kind::slash, count);
+        case '\'':
+            return quoted(item);
+        case 'h':
+        case 'H':
+            return hollerith(item, count);
+        case 'x':
+        case 'X':
             item.type = kind::x;
             item.width = item.repeat;
             item.repeat = 1;
             return item;
-        case 't': case 'T': return place(item, count);
-        case 'a': case 'A':
+        case 't':
+        case 'T':
+            return place(item, count);
+        case 'a':
+        case 'A':
             item.type = kind::a;
             item.width = number();
             return item.width == 0 ? wrong("width of 0 in edit form") : item;
-        case 'i': case 'I': return sized(item, kind::i);
-        case 'f': case 'F': return sized(item, kind::f);
-        case 'g': case 'G': return sized(item, kind::g);
-        default: return wrong("unknown descriptor in edit form");
+        case 'i':
+        case 'I':
+            return sized(item, kind::i);
+        case 'f':
+        case 'F':
+            return sized(item, kind::f);
+        case 'g':
+        case 'G':
+            return sized(item, kind::g);
+        default:
+            return wrong("unknown descriptor in edit form");
         }
     }
 

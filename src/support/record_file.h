@@ -35,18 +35,14 @@ public:
 
 private:
     template <class T>
-        requires std::is_arithmetic_v<T>
-    static std::uint64_t bytes_of(const T&) {
-        return sizeof(T);
-    }
+    requires std::is_arithmetic_v<T>
+    static std::uint64_t bytes_of(const T&) { return sizeof(T); }
     template <class T> static std::uint64_t bytes_of(const std::span<T>& s) { return s.size_bytes(); }
     template <class T> static std::uint64_t bytes_of(const std::vector<T>& s) { return s.size() * sizeof(T); }
     static std::uint64_t bytes_of(const std::string& s) { return s.size(); }
     template <class T>
-        requires std::is_arithmetic_v<T>
-    void put_field(const T& x) {
-        put(&x, sizeof x);
-    }
+    requires std::is_arithmetic_v<T>
+    void put_field(const T& x) { put(&x, sizeof x); }
     template <class T> void put_field(const std::span<T>& s) { put(s.data(), s.size_bytes()); }
     template <class T> void put_field(const std::vector<T>& s) { put(s.data(), s.size() * sizeof(T)); }
     void put_field(const std::string& s) { put(s.data(), s.size()); }
@@ -85,13 +81,11 @@ public:
     [[nodiscard]] bool next();
     // Takes the next field of the record; false when the record is too short for it.
     template <class T>
-        requires std::is_arithmetic_v<T>
-    [[nodiscard]] bool get(T& x) {
-        return take(&x, sizeof x);
-    }
+    requires std::is_arithmetic_v<T>
+    [[nodiscard]] bool get(T& x) { return take(&x, sizeof x); }
     template <class T> [[nodiscard]] bool get(std::span<T> s) { return take(s.data(), s.size_bytes()); }
     [[nodiscard]] bool get(std::string& s) { return take(s.data(), s.size()); } // s.size() bytes
-    std::uint64_t bytes_left() const { return left_; } // of the current record
+    std::uint64_t bytes_left() const { return left_; }                          // of the current record
     // Reads the next record whole: next() and all fields.
     template <class... F> [[nodiscard]] bool record(F&&... fields) { return next() && (get(fields) && ...); }
 

@@ -53,10 +53,7 @@ inline std::string list_item(const std::string& s) { return s; }
 inline std::string list_item(const char* s) { return s; }
 inline std::string list_item(bool b) { return b ? "T" : "F"; }
 template <class I>
-    requires(std::is_integral_v<I> && !std::is_same_v<I, bool>)
-std::string list_item(I i) {
-    return std::to_string(i);
-}
+requires(std::is_integral_v<I> && !std::is_same_v<I, bool>) std::string list_item(I i) { return std::to_string(i); }
 
 // One list-directed line: the items parted by one blank, no blank in front.
 template <class... V> void print_list(text_out& out, const V&... items) {

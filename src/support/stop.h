@@ -25,6 +25,8 @@ namespace tarvex {
 template <class A, class... N> void allocate(const char* tag, A& a, N... n) {
     try {
         a.allocate(n...);
-    } catch (const std::bad_alloc&) { stop(tag); }
+    } catch (const std::bad_alloc&) {
+        stop(tag);
+    }
 }
 } // namespace tarvex

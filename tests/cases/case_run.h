@@ -16,7 +16,7 @@ protected:
     // Folder of a case, empty where it is not at hand.
     static std::string case_folder(const std::string& name) {
         for (const char* place : {"/examples/", "/../shared/data/", "/../../shared/data/"}) {
-            const std::string folder = std::string(TVX_SOURCE_DIR) + place + name;
+            const std::string folder = source_dir() + place + name;
             if (std::filesystem::exists(folder + "/" + name + ".par")) return folder;
         }
         return {};

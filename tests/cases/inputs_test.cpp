@@ -150,8 +150,8 @@ TEST_F(Faults, IncompleteParameterFiles) {
 
 TEST_F(Faults, ReportsOfAnEarlierRunStay) {
     finish("--aireml5");
-    const std::vector<std::string> reports{"BestPoint", "SumEstimates.out", "FixSolutions.out", "RnSoln_animal.dat",
-                                           "Residuals.dat", "Iterates"};
+    const std::vector<std::string> reports{"BestPoint",         "SumEstimates.out", "FixSolutions.out",
+                                           "RnSoln_animal.dat", "Residuals.dat",    "Iterates"};
     std::map<std::string, std::string> before;
     for (const auto& name : reports) before[name] = read_file(name);
     const std::string par = read_file("textbook_uni.par"), data = read_file("data.dat"), ped = read_file("ped.dat");

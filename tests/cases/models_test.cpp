@@ -154,8 +154,10 @@ TEST_F(Models, TraitsWithEffectsOfTheirOwn) {
             v[i][j] = sym(g2, obs[i].trait, obs[j].trait) * a[k][l];
             if (k != l) continue;
             if (obs[i].trait == 2 && obs[j].trait == 2) v[i][j] += 1.25;
-            if (i == j) v[i][j] += sym(r2, obs[i].trait, obs[i].trait);
-            else if (obs[i].trait != obs[j].trait) v[i][j] += 0.5;
+            if (i == j)
+                v[i][j] += sym(r2, obs[i].trait, obs[i].trait);
+            else if (obs[i].trait != obs[j].trait)
+                v[i][j] += 0.5;
         }
     expect_relative(start(), dense_reml(obs, x, v), 1e-8, "log L");
 }
@@ -266,8 +268,7 @@ TEST_F(Models, LevelsOfASuppliedInverse) {
     const auto found = read_random_solutions("animal");
     ASSERT_EQ(found.size(), breeding.size());
     for (const auto& b : breeding) {
-        const auto at =
-            std::find_if(found.begin(), found.end(), [&](const auto& line) { return line.code == b.code; });
+        const auto at = std::find_if(found.begin(), found.end(), [&](const auto& line) { return line.code == b.code; });
         ASSERT_NE(at, found.end()) << b.code;
         EXPECT_NEAR(at->solution, b.solution, 1e-5) << b.code;
     }
@@ -489,8 +490,10 @@ TEST_F(Models, RegressionsOnCovariables) {
         high = std::max(high, r.age);
     }
     const auto with = [&](const std::string& regression) {
-        parameters(p, "UNI", "MOD\n FIX herd\n COV " + regression + "\n RAN animal NRM\n TR y1 1 -999\nEND\n"
-                             "VAR animal 1\n 4.5\nVAR residual 1\n 6.0\n");
+        parameters(p, "UNI",
+                   "MOD\n FIX herd\n COV " + regression +
+                       "\n RAN animal NRM\n TR y1 1 -999\nEND\n"
+                       "VAR animal 1\n 4.5\nVAR residual 1\n 6.0\n");
         return start();
     };
     const auto truth = [&](const std::function<void(std::vector<double>&, const animal_record&)>& add) {
@@ -501,15 +504,18 @@ TEST_F(Models, RegressionsOnCovariables) {
     expect_relative(with("age(2,POL)"), truth([&](auto& row, const auto& r) {
                         row.push_back(r.age - mean);
                         row.push_back((r.age - mean) * (r.age - mean));
-                    }), 1e-8, "quadratic");
+                    }),
+                    1e-8, "quadratic");
     expect_relative(with("age(2,LEG)"), truth([&](auto& row, const auto& r) {
                         const double t = 2.0 * (r.age - low) / (high - low) - 1.0;
                         row.push_back(std::sqrt(1.5) * t);
                         row.push_back(std::sqrt(2.5) * (1.5 * t * t - 0.5));
-                    }), 1e-8, "Legendre");
+                    }),
+                    1e-8, "Legendre");
     expect_relative(with("age*herd(1,POL)"), truth([&](auto& row, const auto& r) {
                         for (int h = 1; h <= 4; ++h) row.push_back(r.herd == h ? r.age - mean : 0.0);
-                    }), 1e-8, "nested");
+                    }),
+                    1e-8, "nested");
 }
 
 } // namespace

@@ -123,7 +123,8 @@ TEST_F(MoreModels, InteractionsAndNoFixedEffect) {
     for (std::size_t i = 0; i < obs.size(); ++i)
         for (std::size_t j = 0; j < obs.size(); ++j)
             v[i][j] = 4.5 * a[static_cast<std::size_t>(q.records[obs[i].record].code - 1)]
-                             [static_cast<std::size_t>(q.records[obs[j].record].code - 1)] + (i == j ? 6.0 : 0.0);
+                             [static_cast<std::size_t>(q.records[obs[j].record].code - 1)] +
+                      (i == j ? 6.0 : 0.0);
     write_file("model.par", head + tail);
     expect_relative(start(), dense_reml(obs, {}, v), 1e-8, "no fixed effect");
 

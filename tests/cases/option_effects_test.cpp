@@ -15,7 +15,7 @@ protected:
 
     // Through a shell, so that redirections can be told; no run may need more than some seconds of processor time.
     program_result in_shell(const std::string& redirection, std::vector<std::string> options) const {
-        options.insert(options.begin(), {"-c", "ulimit -t 10; exec \"$0\" \"$@\" " + redirection, TVX_PROGRAM});
+        options.insert(options.begin(), {"-c", "ulimit -t 10; exec \"$0\" \"$@\" " + redirection, program_path()});
         options.push_back(name_);
         return run_binary("/bin/sh", options);
     }
@@ -330,8 +330,8 @@ TEST_F(OptionEffects, LackOfMemory) {
     for (int kilobytes = 60000; kilobytes > 10000; kilobytes -= 2000) {
         for (const char* file : {"nrminvers1.bin", "eqnsorder.bin", "symbfact.bin"}) std::filesystem::remove(file);
         const auto result =
-            run_binary("/bin/sh", {"-c", "ulimit -v " + std::to_string(kilobytes) + "; exec \"$0\" \"$@\"", TVX_PROGRAM,
-                                   "--aireml1", name_});
+            run_binary("/bin/sh", {"-c", "ulimit -v " + std::to_string(kilobytes) + "; exec \"$0\" \"$@\"",
+                                   program_path(), "--aireml1", name_});
         if (result.status == 127) break; // the program itself does not fit
         ASSERT_TRUE(result.status == 0 || result.status == 1) << kilobytes << " " << result.status << "\n"
                                                               << result.output;

@@ -56,8 +56,7 @@ TEST_F(OrderingRun, EveryMethodAndSetting) {
          {"--mmd", "--amd", "--metis", "--metis1", "--metis20", "--metis25", "--metis0", "--metis8,200",
           "--metis5,60,2,2", "--metis5,0,3,1", "--metis5,0,0,1", "--metisall", "--METISALL", "--setuplrg"}) {
         fresh();
-        if (std::string(option) == "--setuplrg")
-            finish(option); // stops before estimation; the next run takes over
+        if (std::string(option) == "--setuplrg") finish(option); // stops before estimation; the next run takes over
         const double x = loglike(std::string(option) == "--setuplrg" ? "" : option);
         expect_relative(x, truth, 1e-12, option);
     }

@@ -12,16 +12,16 @@
 namespace tarvex {
 
 struct animal_record {
-    int code, sire, dam; // 0: unknown
-    int herd;            // 1..4
-    int parity;          // 1..3
-    double age;          // 20..39
+    int code, sire, dam;   // 0: unknown
+    int herd;              // 1..4
+    int parity;            // 1..3
+    double age;            // 20..39
     std::vector<double> y; // by trait, the missing value where there is none
 };
 
 struct population {
     static constexpr int missing = -999, herds = 4;
-    std::vector<int> sire, dam; // by code - 1
+    std::vector<int> sire, dam;         // by code - 1
     std::vector<animal_record> records; // of one animal together, animals in the order of their codes
     int ntraits = 0;
 

@@ -14,7 +14,7 @@ protected:
     // The working directory as that of a bundled example.
     void example(const std::string& name) {
         namespace fs = std::filesystem;
-        for (const auto& file : fs::directory_iterator(std::string(TVX_SOURCE_DIR) + "/examples/" + name))
+        for (const auto& file : fs::directory_iterator(source_dir() + "/examples/" + name))
             fs::copy(file.path(), fs::current_path() / file.path().filename());
     }
     static std::string last_line(const std::string& output) {

@@ -53,7 +53,7 @@ protected:
             const std::string& option = options[draw(options.size())];
             // no run may need more than some seconds of processor time
             const auto result =
-                run_binary("/bin/sh", {"-c", "ulimit -t 10; exec \"$0\" \"$@\"", TVX_PROGRAM, option, name_});
+                run_binary("/bin/sh", {"-c", "ulimit -t 10; exec \"$0\" \"$@\"", program_path(), option, name_});
             SCOPED_TRACE(name_ + " " + option + ", run " + std::to_string(k));
             ASSERT_TRUE(result.status == 0 || result.status == 1) << result.status << "\n"
                                                                   << inputs(files) << result.output;

@@ -1,7 +1,7 @@
 // Recoded records of random regression, reduced-rank, correlated and permanent-environment models.
 #include "recode_fixture.h"
 
-#include "randreg/phimatrix.h"
+#include "basis/phimatrix.h"
 
 #include <cmath>
 

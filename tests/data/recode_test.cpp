@@ -1,7 +1,7 @@
 // Scan and recoding of small data sets, against figures by hand; equation numbers are laid out here independently.
 #include "recode_fixture.h"
 
-#include "randreg/splines.h"
+#include "basis/splines.h"
 
 #include <cmath>
 

@@ -4,14 +4,15 @@
 #include "control/options.h"
 #include "data/levels.h"
 #include "equations/adjacency.h"
+#include "equations/eqnorders.h"
 #include "equations/equations.h"
 #include "equations/mmequations.h"
-#include "equations/orderings.h"
 #include "equations/orders.h"
-#include "equations/sparse.h"
 #include "estimation/estimates.h"
 #include "parfile/model.h"
-#include "relations/linkedlist.h"
+#include "sparse/linkedlist.h"
+#include "sparse/orderings.h"
+#include "sparse/sparse.h"
 #include "support/fixture.h"
 #include "support/record_file.h"
 #include "support/small_models.h"
@@ -39,9 +40,7 @@ small_model two_traits() {
     return m;
 }
 
-void fresh_process() {
-    reset_modules();
-}
+void fresh_process() { reset_modules(); }
 
 TEST_F(eqnorders_test, covariables_then_fixed_then_identity_then_pedigree_effects) {
     set_up(two_traits());

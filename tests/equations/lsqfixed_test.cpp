@@ -2,9 +2,9 @@
 // numbering on which it rests, as it is traced.
 #include "equations/lsqfixed.h"
 
+#include "control/limits.h"
 #include "control/numbers.h"
 #include "control/options.h"
-#include "control/parameters.h"
 #include "data/levels.h"
 #include "equations/equations.h"
 #include "equations/mmequations.h"

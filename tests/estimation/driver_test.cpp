@@ -1,14 +1,14 @@
 #include "control/filenames.h"
 #include "control/maximise.h"
-#include "control/numroutines.h"
 #include "control/options.h"
-#include "em_fixture.h"
+#include "dense/numroutines.h"
 #include "estimation/aireml.h"
 #include "estimation/bestpoint.h"
-#include "estimation/derivatives.h"
 #include "estimation/pxem.h"
-#include "estimation/variances.h"
+#include "likelihood/derivatives.h"
+#include "parameters/variances.h"
 #include "parfile/model.h"
+#include "support/em_fixture.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -444,7 +444,7 @@ TEST_F(driver_test, LosingStepIsTakenWithoutTheStrictRule) {
     EXPECT_FALSE(maximise.converged);
     EXPECT_NEAR(estimates.xbest, log[0].logl, 1.0e-3);
     EXPECT_NEAR(program_logl(estimates.parvec), log[0].logl, 1.0e-3);
-    EXPECT_EQ(maximise.cchanges[2][0], 0.0); // no test, no record of changes
+    EXPECT_EQ(maximise.cchanges[2][0], 0.0);                // no test, no record of changes
     std::istringstream in(read_file(filenames.aiparsfile)); // written again for the final point
     double x = 0.0;
     in >> x;
@@ -484,7 +484,7 @@ TEST(iterate_record_test, DecimalsFollowTheSize) {
     EXPECT_EQ(form_for(0.02, 1, 1, 1), "5464");
     EXPECT_EQ(form_for(0.002, 1, 1, 1)[0], '6');
     EXPECT_EQ(form_for(-500, 1, 1, 1)[0], '6');
-    EXPECT_EQ(form_for(0.1, 1, 1, 1)[0], '5');  // the limits are short reals
+    EXPECT_EQ(form_for(0.1, 1, 1, 1)[0], '5'); // the limits are short reals
     EXPECT_EQ(form_for(0.01, 1, 1, 1)[0], '5');
     EXPECT_EQ(form_for(1, 1, 1, 2000, 10000)[3], '6');
 }

@@ -1,10 +1,10 @@
 #include "control/maximise.h"
 #include "control/options.h"
-#include "em_fixture.h"
-#include "dense_em.h"
-#include "estimation/variances.h"
-#include "likelihood/residualvars.h"
+#include "estimation/dense_em.h"
+#include "parameters/residualvars.h"
+#include "parameters/variances.h"
 #include "parfile/mudmap.h"
+#include "support/em_fixture.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,10 +1,10 @@
 // The expansion of a block from its system of equations, and what becomes of expansions that stray or no longer matter.
 #include "control/maximise.h"
 #include "control/options.h"
-#include "em_fixture.h"
 #include "estimation/pxem.h"
-#include "estimation/variances.h"
-#include "likelihood/randomvars.h"
+#include "parameters/randomvars.h"
+#include "parameters/variances.h"
+#include "support/em_fixture.h"
 
 #include <cmath>
 

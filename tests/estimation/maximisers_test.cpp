@@ -1,11 +1,11 @@
 // Log L never falls in EM, and all maximisers end at one maximum.
 #include "control/maximise.h"
 #include "control/options.h"
-#include "em_fixture.h"
 #include "estimation/aireml.h"
 #include "estimation/pxem.h"
-#include "estimation/variances.h"
+#include "parameters/variances.h"
 #include "parfile/model.h"
+#include "support/em_fixture.h"
 
 #include <algorithm>
 
@@ -149,7 +149,7 @@ TEST_F(maximisers_test, OneComponentTurnsToTheMaximumFromAWrongDirection) {
     m.principal = true;
     m.random[0].rank = 1;
     const maximum ai = run(m, {"--aireml200"});
-    m.random[0].g = {1.0, -0.9, 1.0}; // the contrast of the traits
+    m.random[0].g = {1.0, -0.9, 1.0};                      // the contrast of the traits
     for (const char* plan : {"--emalg300", "--pxem300"}) { // the column space of the start is far below
         SCOPED_TRACE(plan);
         expect_same(run(m, {plan}), ai, 0.02);

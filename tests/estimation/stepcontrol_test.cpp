@@ -1,13 +1,13 @@
 #include "estimation/stepcontrol.h"
 
 #include "control/maximise.h"
-#include "control/numroutines.h"
 #include "control/options.h"
-#include "em_fixture.h"
+#include "dense/numroutines.h"
 #include "estimation/aireml.h"
-#include "estimation/derivatives.h"
 #include "estimation/powell.h"
-#include "estimation/variances.h"
+#include "likelihood/derivatives.h"
+#include "parameters/variances.h"
+#include "support/em_fixture.h"
 
 #include <algorithm>
 #include <cmath>

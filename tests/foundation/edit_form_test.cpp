@@ -1,5 +1,6 @@
 // Edit forms against a table of forms, values and exact records, and the descriptors one by one.
 #include "support/edit_form.h"
+#include "support/paths.h"
 
 #include "support/array.h"
 #include "support/stop.h"
@@ -28,7 +29,7 @@ std::vector<std::string> parted(const std::string& text, const std::string& by) 
 }
 
 std::vector<std::vector<std::string>> table_rows() {
-    std::ifstream in(TVX_SOURCE_DIR "/tests/support/data/editforms.tsv");
+    std::ifstream in(source_dir() + "/tests/support/data/editforms.tsv");
     std::vector<std::vector<std::string>> rows;
     for (std::string line; std::getline(in, line);) {
         if (line.starts_with("#") || line.starts_with("form\t")) continue;

@@ -121,7 +121,8 @@ TEST_F(record_file, rewind_starts_again) {
     write_three();
     record_reader in;
     ASSERT_TRUE(in.open(name));
-    while (in.next()) {}
+    while (in.next()) {
+    }
     in.rewind();
     int i = 0;
     ASSERT_TRUE(in.record(i));

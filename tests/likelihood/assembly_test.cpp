@@ -1,24 +1,24 @@
 // The assembled matrix, element by element, against W'R^-1 W with the inverses of the covariance blocks added;
 // positions and weights of design rows; inverses of the residual matrices of single subjects.
+#include "control/limits.h"
 #include "control/numbers.h"
 #include "control/options.h"
-#include "control/parameters.h"
 #include "data/datavecs.h"
 #include "data/levels.h"
 #include "data/rowlayout.h"
 #include "equations/mmequations.h"
 #include "equations/orders.h"
-#include "equations/sparse.h"
 #include "estimation/estimates.h"
-#include "estimation/variances.h"
 #include "likelihood/buildmmm.h"
 #include "likelihood/ddvecs.h"
 #include "likelihood/likelihood.h"
-#include "likelihood/randomvars.h"
-#include "likelihood/residualvars.h"
 #include "likelihood/solutions.h"
+#include "parameters/randomvars.h"
+#include "parameters/residualvars.h"
+#include "parameters/variances.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
+#include "sparse/sparse.h"
 #include "support/fixture.h"
 #include "support/small_models.h"
 
@@ -51,7 +51,7 @@ double stored(int old1, int old2) {
 
 // W'R^-1 W, W'R^-1 y and y'R^-1 y of the dense model in the numbering before ordering.
 struct dense_equations {
-    oracle::dense c;        // coefficient matrix without the blocks of the random effects
+    oracle::dense c; // coefficient matrix without the blocks of the random effects
     oracle::vec rhs;
     double yy = 0.0;
 };

@@ -2,10 +2,10 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "estimation/estimates.h"
-#include "estimation/variances.h"
 #include "likelihood/likelihood.h"
-#include "likelihood/randomvars.h"
-#include "likelihood/residualvars.h"
+#include "parameters/randomvars.h"
+#include "parameters/residualvars.h"
+#include "parameters/variances.h"
 #include "parfile/model.h"
 #include "support/fixture.h"
 #include "support/small_models.h"
@@ -57,8 +57,10 @@ oracle::dense by_hand(const small_model& m, const oracle::dense& e, const oracle
             const auto l = static_cast<std::size_t>(w.terms[0][0].level - 1);
             v[i][j] = a.a[0][k][l] * g[q][p];
             if (o.subject != w.subject) continue;
-            if (i == j) v[i][j] += e[q][q] + b[q][q];
-            else v[i][j] += q == p ? b[q][q] : e[q][p] + 2.0 * b[q][p];
+            if (i == j)
+                v[i][j] += e[q][q] + b[q][q];
+            else
+                v[i][j] += q == p ? b[q][q] : e[q][p] + 2.0 * b[q][p];
         }
     return v;
 }
@@ -169,8 +171,10 @@ TEST_F(repeat_effects_test, VanishingVarianceNeverPassesTheBoundary) {
         p(4) = slope;
         const double x = program_logl(p);
         EXPECT_LT(x, boundary + 0.5) << slope;
-        if (x == invalid_logl) ++invalid;
-        else EXPECT_NEAR(x, dense_logl(m, p), 1.0e-6) << slope;
+        if (x == invalid_logl)
+            ++invalid;
+        else
+            EXPECT_NEAR(x, dense_logl(m, p), 1.0e-6) << slope;
     }
     RecordProperty("invalid", invalid);
 }

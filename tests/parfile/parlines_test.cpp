@@ -1,5 +1,6 @@
 // How lines are taken and cut into tokens, seen through whole parameter files, and what the blocks make of odd lines.
 #include "parfile/parlines.h"
+#include "parfile/randasfix.h"
 
 #include "control/filenames.h"
 #include "control/numbers.h"

@@ -1,4 +1,5 @@
 // Whole parameter files: what they leave in the modules.
+#include "parfile/randasfix.h"
 #include "parfile/readparfile.h"
 
 #include "control/filenames.h"
@@ -177,8 +178,8 @@ TEST_F(readparfile, diagonal_block_turns_log_scale_and_factor_scale_on) {
 }
 
 TEST_F(readparfile, sets_of_shared_data) {
-    std::string folder = std::string(TVX_SOURCE_DIR) + "/../shared/data";
-    if (!std::filesystem::exists(folder)) folder = std::string(TVX_SOURCE_DIR) + "/../../shared/data";
+    std::string folder = source_dir() + "/../shared/data";
+    if (!std::filesystem::exists(folder)) folder = source_dir() + "/../../shared/data";
     if (!std::filesystem::exists(folder)) GTEST_SKIP() << "no folder of shared data beside the sources";
     int n = 0;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {

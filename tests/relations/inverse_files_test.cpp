@@ -1,4 +1,5 @@
 // Files of the relationship matrices to the byte, and when those of an earlier run serve again.
+#include "parfile/randasfix.h"
 #include "support/pedigree_model.h"
 
 #include "relations/cholnrm.h"

@@ -1,3 +1,4 @@
+#include "parfile/randasfix.h"
 #include "support/pedigree_model.h"
 
 #include "data/pedigrees.h"
@@ -5,8 +6,8 @@
 #include "relations/cholnrm.h"
 #include "relations/inbreeding.h"
 #include "relations/inverse_stream.h"
-#include "relations/linkedlist.h"
 #include "relations/nrminverse.h"
+#include "sparse/linkedlist.h"
 #include "support/edit_form.h"
 #include "support/record_file.h"
 

@@ -5,9 +5,9 @@
 
 #include "data/recode_fixture.h"
 
-#include "estimation/derivatives.h"
 #include "estimation/estimates.h"
-#include "estimation/variances.h"
+#include "likelihood/derivatives.h"
+#include "parameters/variances.h"
 #include "support/reports.h"
 
 namespace tarvex {

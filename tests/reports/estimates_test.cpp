@@ -4,11 +4,11 @@
 
 #include "data/recode_fixture.h"
 
-#include "estimation/aireml.h"
-#include "estimation/derivatives.h"
-#include "estimation/estimates.h"
-#include "estimation/variances.h"
 #include "control/maximise.h"
+#include "estimation/aireml.h"
+#include "estimation/estimates.h"
+#include "likelihood/derivatives.h"
+#include "parameters/variances.h"
 #include "reports/apprxaicovs.h"
 #include "support/reports.h"
 

@@ -3,10 +3,10 @@
 #include "reports/apprxaicovs.h"
 
 #include "control/options.h"
-#include "estimation/derivatives.h"
 #include "estimation/estimates.h"
-#include "estimation/variances.h"
+#include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
+#include "parameters/variances.h"
 #include "parfile/model.h"
 #include "reports/covblocks.h"
 #include "support/fixture.h"

@@ -21,7 +21,7 @@ struct vector_row {
 };
 
 std::vector<vector_row> rows() {
-    std::ifstream in(std::string(TVX_SOURCE_DIR) + "/tests/support/data/random-numbers.tsv");
+    std::ifstream in(source_dir() + "/tests/support/data/random-numbers.tsv");
     std::vector<vector_row> list;
     std::string line;
     while (std::getline(in, line)) {
@@ -57,8 +57,8 @@ TEST_F(random_numbers, follow_the_reference_streams) {
         const int wanted = std::stoi(r.place);
         double value = 0.0;
         for (; place < wanted; ++place)
-            value = r.kind == "ignlgi" ? ignlgi()
-                    : r.kind == "ranf" ? static_cast<double>(ranf())
+            value = r.kind == "ignlgi"  ? ignlgi()
+                    : r.kind == "ranf"  ? static_cast<double>(ranf())
                     : r.kind == "snorm" ? static_cast<double>(snorm())
                                         : irandno(std::stoi(r.arg));
         if (r.kind == "ranf" || r.kind == "snorm")
@@ -88,7 +88,9 @@ TEST_F(random_numbers, seeds_of_all_generators_follow_from_the_first) {
 TEST_F(random_numbers, default_seeds_serve_without_setall) {
     randomgen = {};
     for (const auto& r : rows())
-        if (r.kind == "ignlgi_without_setall") { EXPECT_EQ(ignlgi(), std::stoi(r.value)); }
+        if (r.kind == "ignlgi_without_setall") {
+            EXPECT_EQ(ignlgi(), std::stoi(r.value));
+        }
 }
 
 TEST_F(random_numbers, one_of_one_draws_nothing) {
@@ -147,7 +149,7 @@ TEST_F(random_numbers, each_generator_has_a_stream_of_its_own) {
     EXPECT_EQ(g, 32);
     EXPECT_NE(ignlgi(), first);
     EXPECT_EQ(randomgen.cg1[0], 40014LL * 12345 % 2147483563LL); // the first one waits where it was
-    setall(12345, 67890); // does not change the generator in use
+    setall(12345, 67890);                                        // does not change the generator in use
     getcgn(g);
     EXPECT_EQ(g, 32);
     randomgen.curntg = 1;

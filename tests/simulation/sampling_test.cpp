@@ -1,9 +1,9 @@
 // Normal samples and sampled random effects, draw by draw.
 #include "simulation/sampling.h"
 
-#include "control/choices.h"
+#include "app/choices.h"
+#include "app/runoptions.h"
 #include "control/numbers.h"
-#include "control/runoptions.h"
 #include "data/data.h"
 #include "data/levels.h"
 #include "data/pedigrees.h"

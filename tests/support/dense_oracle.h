@@ -11,8 +11,8 @@ using vec = std::vector<double>;
 dense zeros(std::size_t n, std::size_t m);
 dense product(const dense& a, const dense& b);
 dense transpose(const dense& a);
-dense inverse(const dense& a);           // of a symmetric positive definite matrix
-double log_det(const dense& a);          // the same; not a number where it is not positive definite
+dense inverse(const dense& a);  // of a symmetric positive definite matrix
+double log_det(const dense& a); // the same; not a number where it is not positive definite
 double trace_of_product(const dense& a, const dense& b);
 vec times(const dense& a, const vec& x);
 double dot(const vec& a, const vec& b);
@@ -57,7 +57,7 @@ struct reml {
 };
 reml evaluate(const analysis& m, const dense& v);
 
-double gradient(const reml& e, const dense& dv);                   // d log L
+double gradient(const reml& e, const dense& dv);                     // d log L
 double information(const reml& e, const dense& dv, const dense& dw); // 0.5 y'P dV P dW P y
 // Predictions of random effect k: levels x kkfit.
 dense blup(const analysis& m, const point& at, const reml& e, std::size_t k);

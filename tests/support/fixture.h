@@ -1,6 +1,7 @@
 // Fixture of all tests that touch modules, files or the screen: fresh modules, an empty working directory of its own
 // and a captured screen.
 #pragma once
+#include "support/paths.h"
 #include "support/stop.h"
 
 #include <cstddef>
@@ -25,9 +26,9 @@ struct program_result {
 };
 // Runs a binary in the current directory; standard input is empty.
 program_result run_binary(const std::string& binary, const std::vector<std::string>& args);
-#ifdef TVX_PROGRAM
-inline program_result run_program(const std::vector<std::string>& args = {}) { return run_binary(TVX_PROGRAM, args); }
-#endif
+inline program_result run_program(const std::vector<std::string>& args = {}) {
+    return run_binary(program_path(), args);
+}
 
 class tarvex_test : public testing::Test {
 protected:

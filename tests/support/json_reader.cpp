@@ -54,13 +54,18 @@ private:
     json value() {
         json v;
         switch (next()) {
-        case '{': object(v); break;
-        case '[': array(v); break;
+        case '{':
+            object(v);
+            break;
+        case '[':
+            array(v);
+            break;
         case '"':
             v.is = json::text_value;
             v.text = quoted();
             break;
-        default: word_or_number(v);
+        default:
+            word_or_number(v);
         }
         return v;
     }

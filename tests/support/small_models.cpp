@@ -1,27 +1,28 @@
 #include "support/small_models.h"
+#include "equations/eqnorders.h"
 
-#include "control/choices.h"
+#include "app/choices.h"
+#include "app/runoptions.h"
 #include "control/numbers.h"
 #include "control/options.h"
-#include "control/runoptions.h"
 #include "data/data.h"
 #include "data/pedigrees.h"
 #include "data/recodedata.h"
 #include "data/reducepeds.h"
 #include "equations/equations.h"
 #include "equations/lsqfixed.h"
-#include "equations/orderings.h"
 #include "equations/setups.h"
 #include "estimation/estimates.h"
-#include "estimation/variances.h"
 #include "likelihood/likelihood.h"
-#include "likelihood/residualvars.h"
+#include "parameters/residualvars.h"
+#include "parameters/variances.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "parfile/mudmap_build.h"
 #include "parfile/readparfile.h"
 #include "relations/cholnrm.h"
 #include "relations/nrminverse.h"
+#include "sparse/orderings.h"
 #include "support/fixture.h"
 
 #include <algorithm>
@@ -120,9 +121,12 @@ std::string small_model::parameters() const {
     s << "END\n";
     if (!sire.empty()) s << "PED model.ped" << (sires ? " SIR" : "") << "\n";
     const std::string pc = principal ? " PC" : "";
-    if (randreg) s << "ANA RR" << pc << "\nMOD\n";
-    else if (nq == 1 && !principal) s << "ANA UNI\nMOD\n";
-    else s << "ANA MUV" << pc << " " << nq << "\nMOD EQ\n";
+    if (randreg)
+        s << "ANA RR" << pc << "\nMOD\n";
+    else if (nq == 1 && !principal)
+        s << "ANA UNI\nMOD\n";
+    else
+        s << "ANA MUV" << pc << " " << nq << "\nMOD EQ\n";
     if (herd) s << " FIX herd\n";
     if (covariable) s << " COV x(1,POL)\n";
     if (mean) s << " MEA\n";
@@ -142,8 +146,10 @@ std::string small_model::parameters() const {
         s << number_list(e.g) << "\n";
     }
     s << "VAR residual " << nq;
-    if (!randreg) s << number_list(residual) << "\n";
-    else if (class_bounds.empty()) s << " HOM" << number_list(residual) << "\n";
+    if (!randreg)
+        s << number_list(residual) << "\n";
+    else if (class_bounds.empty())
+        s << " HOM" << number_list(residual) << "\n";
     else {
         s << " HET " << class_bounds.size() << " age\n";
         int low = 1;
@@ -206,8 +212,10 @@ oracle::analysis small_model::dense() const {
                 int place = q;
                 for (const std::string& name : names(e)) {
                     oracle::vec z(at(e.order), 0.0);
-                    if (randreg) z = legendre(r.age, low, high, e.order);
-                    else z[at(place - 1)] = 1.0;
+                    if (randreg)
+                        z = legendre(r.age, low, high, e.order);
+                    else
+                        z[at(place - 1)] = 1.0;
                     o.terms.back().push_back({name == "animal" ? r.animal : name == "pe" ? r.pe : r.dam, z});
                     place += nq;
                 }

@@ -11,10 +11,10 @@
 namespace tarvex {
 
 struct small_effect {
-    std::string name;            // animal, pe or dam; animal+dam: correlated effects
-    std::string kov;             // NRM, IDE, PEQ, GIN
-    int order = 1, rank = 0;     // rank 0: as order
-    std::vector<double> g;       // packed upper triangle; variances where diagonal
+    std::string name;        // animal, pe or dam; animal+dam: correlated effects
+    std::string kov;         // NRM, IDE, PEQ, GIN
+    int order = 1, rank = 0; // rank 0: as order
+    std::vector<double> g;   // packed upper triangle; variances where diagonal
     bool diagonal = false;
 };
 
@@ -28,13 +28,13 @@ struct small_model {
     int nq = 1;
     bool randreg = false, principal = false;
     bool herd = true, covariable = false, mean = false;
-    bool sires = false;             // sire model: the second parent is the maternal grandsire
+    bool sires = false; // sire model: the second parent is the maternal grandsire
     std::vector<small_effect> random;
-    std::vector<double> residual;   // packed; with classes one after the other
-    std::vector<int> class_bounds;  // HET: last control value of each class
+    std::vector<double> residual;  // packed; with classes one after the other
+    std::vector<int> class_bounds; // HET: last control value of each class
     std::vector<small_row> rows;
-    std::vector<int> sire, dam;     // pedigree, animals 1..n, parents first
-    std::string extra;              // lines at the end of the parameter file
+    std::vector<int> sire, dam; // pedigree, animals 1..n, parents first
+    std::string extra;          // lines at the end of the parameter file
 
     // Animals in n0 founders and the rest with random parents among the earlier ones (inbreeding occurs).
     void make_pedigree(int n, int founders, unsigned seed);

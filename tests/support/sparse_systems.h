@@ -2,7 +2,7 @@
 // the given order and laid into module sparse, with values that make the matrix positive definite.
 #pragma once
 #include "control/numbers.h"
-#include "equations/sparse.h"
+#include "sparse/sparse.h"
 
 #include <algorithm>
 #include <cmath>

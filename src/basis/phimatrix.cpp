@@ -1,0 +1,244 @@
+#include "basis/phimatrix.h"
+
+#include "basis/legendre.h"
+#include "basis/splines.h"
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "support/edit_form.h"
+#include "support/stop.h"
+#include "support/text.h"
+
+#include <algorithm>
+#include <fstream>
+
+namespace tarvex {
+
+namespace {
+
+enum basis { pol = 0, leg = 1, bsp = 2, spl = 3, usr = 9 };
+
+std::string basis_name(int irropt) {
+    switch (irropt) {
+    case pol:
+        return "POL";
+    case leg:
+        return "LEG";
+    case bsp:
+        return "BSP";
+    case spl:
+        return "SPL";
+    default:
+        return "USR";
+    }
+}
+
+struct table_key {
+    int irrc, irropt, order, degree, isp;
+    bool operator==(const table_key&) const = default;
+};
+
+std::string table_name(const table_key& key) {
+    const std::string name = model.rrcontrol[static_cast<std::size_t>(key.irrc - 1)];
+    const std::string type = basis_name(key.irropt);
+    std::string file = key.order < 10 ? edit("(a,1h_,a,i1,4h.baf) ", name, type, key.order)
+                                      : edit("(a,1h_,a,i2,4h.baf) ", name, type, key.order);
+    while (!file.empty() && file.back() == '\n') file.pop_back();
+    return file;
+}
+
+[[noreturn]] void class_error(const char* what, long long a, long long b) {
+    print_list(screen(), "Error reading running no.s for ME variances");
+    print_list(screen(), what, a, b);
+    stoptarvex();
+}
+
+[[noreturn]] void class_error(const char* what, long long a, long long b, long long c) {
+    print_list(screen(), "Error reading running no.s for ME variances");
+    print_list(screen(), what, a, b, c);
+    stoptarvex();
+}
+
+// Class of each value from the intervals of a step function.
+void classes_of_intervals(const code_list& codes) {
+    for (std::size_t a = 0; a < codes.size(); ++a) {
+        int& run = model.me_run(a + 1);
+        run = -1;
+        for (int step = model.rr_resteps; step >= 1; --step)
+            if (codes[a] >= model.me_range(1, step) && codes[a] <= model.me_range(2, step)) run = step;
+        if (run > 0) continue;
+        print_list(screen(), "Definition of ME variance step function incomplete");
+        print_list(screen(), "  ... no interval found for value ", codes[a]);
+        stoptarvex();
+    }
+}
+
+// Class of each value from the user's file: a line with value and class for every level, in order.
+void classes_of_file(const code_list& codes) {
+    std::ifstream in(filenames.me_varfile, std::ios::binary);
+    std::string line;
+    for (std::size_t a = 0; a < codes.size(); ++a) {
+        const auto level = static_cast<long long>(a) + 1;
+        long long jage = 0, jj = 0;
+        bool good = false;
+        while (std::getline(in, line)) {
+            std::replace_if(
+                line.begin(), line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
+            if (trim(line).empty()) continue;
+            list_reader list(line);
+            good = list.next(jage) == list_read::value && list.next(jj) == list_read::value;
+            break;
+        }
+        if (!good) class_error("   ... current level no.", level, codes[a]);
+        if (jage != codes[a]) class_error("   ... levels do not match", level, codes[a], jage);
+        if (jj < 1 || jj > model.rr_resteps)
+            class_error("   ... running no. out of range", codes[a], jj, model.rr_resteps);
+        model.me_run(level) = static_cast<int>(jj);
+    }
+}
+
+void read_table(array<double, 2>& phi, const code_list& codes, const std::string& file) {
+    std::ifstream in(file, std::ios::binary);
+    if (!in) {
+        print_list(screen(), "Error opening file with user-defined basis function");
+        print_list(screen(), " ... check file : ", file);
+        stoptarvex();
+    }
+    const auto nord = static_cast<std::size_t>(phi.upper(2));
+    std::string line;
+    for (std::size_t a = 1; a <= codes.size(); ++a) {
+        std::vector<double> row;
+        line.clear(); // also left empty by a read behind the end
+        std::getline(in, line);
+        std::replace_if(
+            line.begin(), line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
+        list_reader list(line);
+        double x = 0.0;
+        while (row.size() <= nord && list.next(x) == list_read::value) row.push_back(x);
+        if (row.size() > nord && row.front() == static_cast<double>(codes[a - 1])) row.erase(row.begin());
+        if (row.size() < nord) {
+            std::string values;
+            for (double v : row) values += " " + list_item(v);
+            print_list(screen(), "Error reading user-defined basis function");
+            print_list(screen(), "  ... check file : ", file);
+            print_list(screen(), "  ... error occured at line", a);
+            print_list(screen(), "  values read for line", a, " :" + values);
+            stoptarvex();
+        }
+        for (std::size_t k = 1; k <= nord; ++k) phi(a, k) = row[k - 1];
+    }
+}
+
+void write_table(const array<double, 2>& phi, const code_list& codes, const std::string& file, int irropt) {
+    text_out out;
+    if (!out.open(file)) {
+        print_list(screen(), "Error open file for output of basis function ", file);
+        stoptarvex();
+    }
+    for (std::size_t a = 1; a <= codes.size(); ++a) {
+        std::vector<double> row;
+        for (int k = 1; k <= phi.upper(2); ++k) row.push_back(phi(a, k));
+        if (irropt == pol)
+            write(out, "(i8,(t9,10f16.6))   ", codes[a - 1], row);
+        else
+            write(out, "(i8,(t9,10f10.6))   ", codes[a - 1], row);
+    }
+    out.close();
+}
+
+void fill_table(array<double, 2>& phi, const table_key& key) {
+    const code_list& codes = control_codes(key.irrc);
+    const std::string file = table_name(key);
+    allocate("all phi", phi, codes.size(), key.order);
+    if (key.irropt == usr) return read_table(phi, codes, file);
+    if (key.irropt == spl) stop("tpf splines not yet");
+    const auto tmin = static_cast<double>(codes.front()), tmax = static_cast<double>(codes.back());
+    std::vector<double> row(static_cast<std::size_t>(key.order), 1.0);
+    for (std::size_t a = 1; a <= codes.size(); ++a) {
+        const auto x = static_cast<double>(codes[a - 1]);
+        if (key.irropt == pol)
+            for (std::size_t k = 1; k < row.size(); ++k) row[k] = row[k - 1] * x;
+        else if (key.irropt == leg)
+            legendre_row(-1.0 + 2.0 * (x - tmin) / (tmax - tmin), row);
+        else if (key.irropt == bsp)
+            for (std::size_t k = 0; k < row.size(); ++k)
+                row[k] = splines.bspmat[static_cast<std::size_t>(key.isp - 1)](bspline_place(key.isp, x), k + 1);
+        else
+            stop("error phi");
+        for (std::size_t k = 0; k < row.size(); ++k) phi(a, k + 1) = row[k];
+    }
+    write_table(phi, codes, file, key.irropt);
+}
+
+// Number of the control variable that selects the residual class; 1 where none is named.
+int class_control() {
+    if (model.me_control.empty()) return 1;
+    for (int irrc = 1; irrc <= model.nrrc; ++irrc)
+        if (model.rrcontrol[static_cast<std::size_t>(irrc - 1)] == model.me_control) return irrc;
+    stop_with("Control variable for ME var.s not matched \"" + model.me_control + "\"");
+}
+
+} // namespace
+
+int control_place(int irrc, int iq) {
+    for (int i = 1; i <= model.nmeta(iq); ++i)
+        if (model.rricontrol(i, iq) == model.rrcontrol[static_cast<std::size_t>(irrc - 1)]) return i;
+    return 0;
+}
+
+const code_list& control_codes(int irrc) {
+    for (int iq = 1; iq <= numbers.nq; ++iq)
+        if (const int i = control_place(irrc, iq); i > 0) return levels.mm_codes(i, iq);
+    stop("this should not happen");
+}
+
+void mm2ages() {
+    const int kcontrol = class_control();
+    allocate("alloc jjmeta", phimat.jjmeta, numbers.nq);
+    for (int iq = 1; iq <= numbers.nq; ++iq) {
+        phimat.jjmeta(iq) = kcontrol;
+        if (control_place(kcontrol, iq) > 0) continue;
+        if (model.rr_resteps > 1)
+            stop_with("Trait without the control variable of the ME variances : \"" + model.trait(iq) + "\"");
+        for (int irrc = model.nrrc; irrc >= 1; --irrc)
+            if (control_place(irrc, iq) > 0) phimat.jjmeta(iq) = irrc;
+    }
+    const code_list& codes = control_codes(kcontrol);
+    allocate("all me_run", model.me_run, codes.size());
+    model.me_run.fill(1);
+    if (model.me_type == "HET") classes_of_intervals(codes);
+    if (model.me_type == "IND") classes_of_file(codes);
+    phimatrix();
+}
+
+void phimatrix() {
+    int mrnd = 0;
+    for (int iq = 1; iq <= numbers.nq; ++iq) mrnd = std::max(mrnd, model.nrnd(iq));
+    allocate("all kkphi", phimat.kkphi, mrnd, numbers.nq);
+    std::vector<table_key> keys;
+    for (int iq = 1; iq <= numbers.nq; ++iq)
+        for (int i = 1; i <= model.nrnd(iq); ++i) {
+            const int irropt = mudmap.irropt(i, iq);
+            const table_key key{mudmap.irmeta(i, iq), irropt, mudmap.kfitrnd(i, iq),
+                                irropt == bsp ? mudmap.ibsdeg(i, iq) : 0, irropt == bsp ? splines.rn_spline(i, iq) : 0};
+            const auto at = std::find(keys.begin(), keys.end(), key);
+            phimat.kkphi(i, iq) = static_cast<int>(at - keys.begin()) + 1;
+            if (at == keys.end()) keys.push_back(key);
+        }
+    phimat.nphi = static_cast<int>(keys.size());
+    allocate("all phi", phimat.phi, phimat.nphi);
+    allocate("all phi", phimat.phi_control, phimat.nphi);
+    allocate("all phi", phimat.phi_name, phimat.nphi);
+    for (int t = 1; t <= phimat.nphi; ++t) {
+        const table_key& key = keys[static_cast<std::size_t>(t - 1)];
+        phimat.phi_control(t) = key.irrc;
+        const std::string file = table_name(key);
+        phimat.phi_name(t) = file.substr(0, file.size() - 4);
+        fill_table(phimat.phi(t), key);
+    }
+}
+
+} // namespace tarvex

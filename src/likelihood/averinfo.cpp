@@ -1,0 +1,438 @@
+// Average information: working variables b_k = dV/dk Py, and b_k'P b_l = b_k'R^-1 b_l - s_k's_l with L s = W'R^-1 b.
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "data/datavecs.h"
+#include "data/levels.h"
+#include "data/pedigreelist.h"
+#include "dense/numroutines.h"
+#include "equations/mmequations.h"
+#include "equations/orders.h"
+#include "estimation/estimates.h"
+#include "likelihood/derivatives.h"
+#include "likelihood/solutions.h"
+#include "likelihood/subjects.h"
+#include "parameters/randomvars.h"
+#include "parameters/residualvars.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "relations/cholnrm.h"
+#include "relations/inverse_stream.h"
+#include "sparse/forward.h"
+#include "sparse/sparse.h"
+#include "support/record_file.h"
+#include "support/stop.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+namespace tarvex {
+
+namespace {
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+constexpr int columns_at_once = 16; // working variables in one pass over the factor
+
+// What the working variables of a random effect take from the solutions, by level.
+struct effect_vectors {
+    int n = 0;             // kkfit
+    int rank = 0;          // equations of a level
+    std::vector<double> u; // solutions, rank for each level
+    std::vector<double> v; // full rank: G^-1 u; principal: x = (A x I) Z'R^-1 e, n for each level
+    std::vector<int> par;  // principal: parameter (from 1) of element (r,c) of the factor at r-1 + (c-1) n, 0 none
+    const double* level_u(int l) const { return u.data() + at(l - 1) * at(rank); }
+    const double* level_v(int l) const { return v.data() + at(l - 1) * at(n); }
+};
+
+bool fitted(int irand) { return mudmap.kovrnd(irand) != "PEQ"; }
+
+effect_vectors get_solutions(int irand) {
+    effect_vectors e;
+    e.n = model.kkfit(irand);
+    e.rank = nfit(irand);
+    const int count = levels.rn_nlev(irand) * e.rank;
+    e.u.resize(at(count));
+    for (int k = 1; k <= count; ++k) {
+        const int eq = orders.ieqnew(mmequations.rn_start(irand) + k);
+        e.u[at(k - 1)] = eq > 0 ? solutions.solns(eq) : 0.0;
+    }
+    return e;
+}
+
+void scale_by_inverse(int irand, effect_vectors& e) {
+    const int nlev = levels.rn_nlev(irand);
+    e.v.assign(at(nlev) * at(e.n), 0.0);
+    for (int l = 0; l < nlev; ++l)
+        for (int j = 0; j < e.n; ++j) {
+            const double uj = e.u[at(l) * at(e.n) + at(j)];
+            for (int i = 0; i < e.n; ++i) e.v[at(l) * at(e.n) + at(i)] += randomvars.zig(i + 1, j + 1, irand) * uj;
+        }
+}
+
+void map_factor(int irand, effect_vectors& e) {
+    e.par.assign(at(e.n) * at(e.rank), 0);
+    for (int k = 1; k <= block_size(irand); ++k) {
+        const factor_place f = factor_element(irand, 1, k);
+        e.par[at(f.row - 1) + at(f.col - 1) * at(e.n)] = block_start(irand) + k - 1;
+    }
+}
+
+// True if x of a principal block has to be had from the data and the relationship matrix.
+bool needs_relationships(int irand) { return options.superai || model.krfit(irand) < model.kkfit(irand); }
+
+// x = (I x Q'^-1) u for a square factor, by elimination with row interchanges.
+void solve_transposed(int irand, effect_vectors& e) {
+    const int n = e.n, nlev = levels.rn_nlev(irand);
+    std::vector<double> a(at(n) * at(n)), inverse(at(n) * at(n), 0.0); // rows of Q'
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) a[at(i * n + j)] = randomvars.zig(j + 1, i + 1, irand);
+    for (int i = 0; i < n; ++i) inverse[at(i * n + i)] = 1.0;
+    for (int c = 0; c < n; ++c) {
+        int p = c;
+        for (int i = c + 1; i < n; ++i)
+            if (std::fabs(a[at(i * n + c)]) > std::fabs(a[at(p * n + c)])) p = i;
+        for (int j = 0; j < n; ++j) {
+            std::swap(a[at(c * n + j)], a[at(p * n + j)]);
+            std::swap(inverse[at(c * n + j)], inverse[at(p * n + j)]);
+        }
+        const double d = a[at(c * n + c)];
+        for (int j = 0; j < n; ++j) {
+            a[at(c * n + j)] /= d;
+            inverse[at(c * n + j)] /= d;
+        }
+        for (int i = 0; i < n; ++i) {
+            const double f = a[at(i * n + c)];
+            if (i == c || f == 0.0) continue;
+            for (int j = 0; j < n; ++j) {
+                a[at(i * n + j)] -= f * a[at(c * n + j)];
+                inverse[at(i * n + j)] -= f * inverse[at(c * n + j)];
+            }
+        }
+    }
+    e.v.assign(at(nlev) * at(n), 0.0);
+    for (int l = 0; l < nlev; ++l)
+        for (int i = 0; i < n; ++i)
+            for (int j = 0; j < n; ++j)
+                e.v[at(l) * at(n) + at(i)] += inverse[at(i * n + j)] * e.u[at(l) * at(n) + at(j)];
+}
+
+// R^-1 e of the subject in the stream.
+void weighted_residuals(const subject_stream& stream, std::vector<double>& ehat, std::vector<double>& re) {
+    subject_residuals(stream, ehat);
+    const int n = stream.design().nobs;
+    re.assign(at(n), 0.0);
+    for (int i = 0; i < n; ++i) {
+        if (stream.rinv_diagonal())
+            re[at(i)] = stream.rinv(i, i) * ehat[at(i)];
+        else
+            for (int j = 0; j < n; ++j) re[at(i)] += stream.rinv(i, j) * ehat[at(j)];
+    }
+}
+
+// The factor of the relationship matrix that belongs to effect irand must be of this pedigree.
+void check_cholnrm(int irand) {
+    const int iirand = mudmap.iranno(irand);
+    const std::string name = cholnrm_name(iirand);
+    const int expected = pedigreelist.nannew(iirand);
+    int found = -1;
+    record_reader in;
+    if (in.open(name) && in.next() && in.get(found) && found == expected) return;
+    print_list(screen(), name, found, iirand, expected);
+    stoptarvex();
+}
+
+// y = S x for the supplied inverse S of effect irand.
+void multiply_given(int irand, const std::vector<double>& x, std::vector<double>& y) {
+    y.assign(x.size(), 0.0);
+    inverse_stream elements(irand);
+    for (inverse_element e; elements.next(e);) {
+        y[at(e.row - 1)] += e.value * x[at(e.col - 1)];
+        if (e.row != e.col) y[at(e.col - 1)] += e.value * x[at(e.row - 1)];
+    }
+}
+
+std::vector<double> given_diagonal(int irand) {
+    std::vector<double> d(at(levels.rn_nlev(irand)), 0.0);
+    inverse_stream elements(irand);
+    for (inverse_element e; elements.next(e);)
+        if (e.row == e.col) d[at(e.row - 1)] += e.value;
+    return d;
+}
+
+double inner(const std::vector<double>& a, const std::vector<double>& b) {
+    double s = 0.0;
+    for (std::size_t i = 0; i < a.size(); ++i) s += a[i] * b[i];
+    return s;
+}
+
+// x += S^-1 r by conjugate gradients, scaled by the diagonal (Hestenes and Stiefel 1952). r becomes what is left of it.
+void conjugate_gradients(int irand, const std::vector<double>& diagonal, double goal, std::vector<double>& r,
+                         std::vector<double>& x) {
+    const std::size_t n = r.size();
+    std::vector<double> p(n), h(n), s;
+    double rho = 0.0;
+    for (std::size_t turn = 0; turn < 3 * n + 100 && inner(r, r) > goal; ++turn) {
+        for (std::size_t i = 0; i < n; ++i) h[i] = r[i] / diagonal[i];
+        const double next = inner(r, h), beta = turn == 0 ? 0.0 : next / rho;
+        rho = next;
+        for (std::size_t i = 0; i < n; ++i) p[i] = h[i] + beta * p[i];
+        multiply_given(irand, p, s);
+        const double curvature = inner(p, s);
+        if (!(curvature > 0.0)) return;
+        const double step = rho / curvature;
+        for (std::size_t i = 0; i < n; ++i) {
+            x[i] += step * p[i];
+            r[i] -= step * s[i];
+        }
+    }
+}
+
+// x = S^-1 z.
+void solve_given(int irand, const std::vector<double>& z, std::vector<double>& x) {
+    const std::vector<double> diagonal = given_diagonal(irand);
+    x.assign(z.size(), 0.0);
+    std::vector<double> r = z, s;
+    for (int pass = 1; pass <= 2; ++pass) { // the second starts from the residual as it is, not as it was updated
+        conjugate_gradients(irand, diagonal, 1.0e-26 * inner(z, z), r, x);
+        multiply_given(irand, x, s);
+        for (std::size_t i = 0; i < r.size(); ++i) r[i] = z[i] - s[i];
+    }
+}
+
+// A z by place of the block.
+void multiply_relationships(int irand, effect_vectors& e) {
+    if (mudmap.kovrnd(irand) == "IDE") return;
+    const bool given = mudmap.kovrnd(irand) == "GIN";
+    if (options.superai && !given) check_cholnrm(irand);
+    const int nlev = levels.rn_nlev(irand);
+    std::vector<double> z(at(nlev)), az;
+    for (int p = 0; p < e.n; ++p) {
+        for (int l = 0; l < nlev; ++l) z[at(l)] = e.v[at(l) * at(e.n) + at(p)];
+        if (given)
+            solve_given(irand, z, az);
+        else
+            nrm_product(mudmap.iranno(irand), z, az);
+        for (int l = 0; l < nlev; ++l) e.v[at(l) * at(e.n) + at(p)] = az[at(l)];
+    }
+}
+
+// z = Z'R^-1 e of all blocks that need it, by one pass over the data.
+void collect_z(std::vector<effect_vectors>& all) {
+    subject_stream stream(true);
+    std::vector<double> ehat, re;
+    while (stream.next()) {
+        const subject_design& d = stream.design();
+        weighted_residuals(stream, ehat, re);
+        for (int i = 0; i < d.nobs; ++i)
+            for (int k = d.efirst[at(i)]; k < d.efirst[at(i + 1)]; ++k) {
+                const design_effect& f = d.effects[at(k)];
+                effect_vectors& e = all[at(f.irand - 1)];
+                if (!needs_relationships(f.irand)) continue;
+                double* v = e.v.data() + at(f.level - 1) * at(e.n);
+                if (!f.raw)
+                    v[f.place - 1] += re[at(i)];
+                else
+                    for (int p = 0; p < e.n; ++p) v[p] += f.raw[p] * re[at(i)];
+            }
+    }
+}
+
+std::vector<effect_vectors> set_bmat() {
+    std::vector<effect_vectors> all(at(numbers.krand));
+    bool wanted = false;
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (!fitted(irand)) continue;
+        effect_vectors& e = all[at(irand - 1)];
+        e = get_solutions(irand);
+        if (!options.principal) {
+            scale_by_inverse(irand, e);
+            continue;
+        }
+        map_factor(irand, e);
+        if (!needs_relationships(irand)) {
+            solve_transposed(irand, e);
+            continue;
+        }
+        wanted = true;
+        e.v.assign(at(levels.rn_nlev(irand)) * at(e.n), 0.0);
+    }
+    if (!wanted) return all;
+    collect_z(all);
+    for (int irand = 1; irand <= numbers.krand; ++irand)
+        if (fitted(irand) && needs_relationships(irand)) multiply_relationships(irand, all[at(irand - 1)]);
+    return all;
+}
+
+// Working variables of the records of a subject, nparm for each record.
+class working_variables {
+public:
+    explicit working_variables(const std::vector<effect_vectors>& effects) : effects_(effects) {}
+
+    void form(const subject_stream& stream) {
+        const subject_design& d = stream.design();
+        const std::size_t np = at(estimates.nparm);
+        b.assign(at(d.nobs) * np, 0.0);
+        weighted_residuals(stream, ehat_, re_);
+        residual_columns(d.nobs);
+        for (int i = 0; i < d.nobs; ++i)
+            for (int k = d.efirst[at(i)]; k < d.efirst[at(i + 1)]; ++k) {
+                const design_effect& f = d.effects[at(k)];
+                const effect_vectors& e = effects_[at(f.irand - 1)];
+                for (int p = 1; p <= e.n; ++p) {
+                    const double z = f.raw ? f.raw[p - 1] : p == f.place ? 1.0 : 0.0;
+                    if (z == 0.0) continue;
+                    if (options.principal)
+                        factor_columns(f, e, p, z, b.data() + at(i) * np);
+                    else
+                        full_columns(f, e, p, z, b.data() + at(i) * np);
+                }
+            }
+    }
+    std::vector<double> b;
+
+private:
+    // dR R^-1 e.
+    void residual_columns(int nobs) {
+        const std::size_t np = at(estimates.nparm);
+        if (options.randreg) residual_classes(age_, iclass_);
+        int pars[2];
+        const bool independent = numbers.nq == 1 && residualvars.ipeq == 0;
+        for (int i = 0; i < nobs; ++i)
+            for (int j = i; j < (independent ? i + 1 : nobs); ++j) {
+                if (options.randreg && age_[at(i)] != age_[at(j)]) continue;
+                const int c = options.randreg ? iclass_[at(i)] : 1;
+                const int n = residual_pars(datavecs.ynq(i + 1), datavecs.ynq(j + 1), c, i == j, pars);
+                for (int k = 0; k < n; ++k) {
+                    b[at(i) * np + at(pars[k] - 1)] += re_[at(j)];
+                    if (i != j) b[at(j) * np + at(pars[k] - 1)] += re_[at(i)];
+                }
+            }
+    }
+    // Covariance (p,j): z v(j), and the same from the record's own place j for p.
+    void full_columns(const design_effect& f, const effect_vectors& e, int p, double z, double* row) const {
+        const double* v = e.level_v(f.level);
+        const int from = block_start(f.irand);
+        if (model.diagonal(f.irand)) {
+            row[from + p - 2] += z * v[p - 1];
+            return;
+        }
+        for (int j = 1; j <= e.n; ++j) row[from + ihmssf(std::min(p, j), std::max(p, j), e.n) - 2] += z * v[j - 1];
+    }
+    // Q(r,c): z u(c) where p is r, and z Q(p,c) x(r).
+    void factor_columns(const design_effect& f, const effect_vectors& e, int p, double z, double* row) const {
+        const double* u = e.level_u(f.level);
+        const double* x = e.level_v(f.level);
+        for (int c = 1; c <= e.rank; ++c) {
+            const double q = z * randomvars.zig(p, c, f.irand);
+            for (int r = 1; r <= e.n; ++r) {
+                const int par = e.par[at(r - 1) + at(c - 1) * at(e.n)];
+                if (par == 0) continue;
+                row[par - 1] += q * x[r - 1] + (r == p ? z * u[c - 1] : 0.0);
+            }
+        }
+    }
+
+    const std::vector<effect_vectors>& effects_;
+    std::vector<double> ehat_, re_;
+    std::vector<int> age_, iclass_;
+};
+
+// aimat += B'R^-1 B and brx += W'R^-1 B for the subject in the stream; brx has the parameters of an equation together.
+void b_matrix(const subject_stream& stream, const std::vector<double>& b, std::vector<double>& rb, array<double>& brx) {
+    const subject_design& d = stream.design();
+    const int np = estimates.nparm;
+    rb.assign(b.size(), 0.0);
+    for (int i = 0; i < d.nobs; ++i)
+        for (int j = 0; j < d.nobs; ++j) {
+            const double r = stream.rinv(i, j);
+            if (r == 0.0) continue;
+            for (int k = 0; k < np; ++k) rb[at(i) * at(np) + at(k)] += r * b[at(j) * at(np) + at(k)];
+        }
+    for (int i = 0; i < d.nobs; ++i) {
+        const double* bi = b.data() + at(i) * at(np);
+        const double* ri = rb.data() + at(i) * at(np);
+        double* a = derivs.aimat.data();
+        for (int k = 0; k < np; a += np - k, ++k) {
+            if (bi[k] == 0.0) continue;
+            for (int l = k; l < np; ++l) a[l - k] += bi[k] * ri[l];
+        }
+        for (int e = d.first[at(i)]; e < d.first[at(i + 1)]; ++e) {
+            double* column = brx.data() + static_cast<std::ptrdiff_t>(d.eq[at(d.local[at(e)])] - 1) * np;
+            const double w = d.weight[at(e)];
+            for (int k = 0; k < np; ++k) column[k] += w * ri[k];
+        }
+    }
+}
+
+// L s = W'R^-1 B, some columns at a time, in place of brx.
+void substitute(array<double>& brx) {
+    const int np = estimates.nparm, n = numbers.nsrow - 1;
+    array<double, 2> block;
+    for (int from = 0; from < np; from += columns_at_once) {
+        const int k = std::min(columns_at_once, np - from);
+        if (block.upper(2) != k) block.allocate(numbers.nsrow, k);
+        for (int i = 1; i <= n; ++i)
+            for (int c = 1; c <= k; ++c) block(i, c) = brx(static_cast<std::ptrdiff_t>(i - 1) * np + from + c);
+        forward_columns(block);
+        for (int i = 1; i <= n; ++i)
+            for (int c = 1; c <= k; ++c) brx(static_cast<std::ptrdiff_t>(i - 1) * np + from + c) = block(i, c);
+    }
+}
+
+void subtract_products(const array<double>& brx) {
+    const int np = estimates.nparm, n = numbers.nsrow - 1;
+    for (int i = 1; i <= n; ++i) {
+        const double* s = brx.data() + static_cast<std::ptrdiff_t>(i - 1) * np;
+        double* a = derivs.aimat.data();
+        for (int k = 0; k < np; a += np - k, ++k) {
+            if (s[k] == 0.0) continue;
+            for (int l = k; l < np; ++l) a[l - k] -= s[k] * s[l];
+        }
+    }
+}
+
+} // namespace
+
+void check_repeat_block() {
+    const int irand = residualvars.ipeq;
+    if (irand > 0 && model.krfit(irand) < model.kkfit(irand)) tvx_notyet();
+}
+
+void check_average_info() {
+    check_repeat_block();
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (!fitted(irand) || !options.principal || !needs_relationships(irand)) continue;
+        if (mudmap.kovrnd(irand) == "NRM" && options.pseudofix) tvx_notyet();
+        if (mudmap.kovrnd(irand) != "GIN") continue;
+        const std::vector<double> d = given_diagonal(irand); // every level needs a variance
+        if (!std::all_of(d.begin(), d.end(), [](double x) { return x > 0.0; })) tvx_notyet();
+    }
+}
+
+void average_info() {
+    const int np = estimates.nparm;
+    check_average_info();
+    allocate("all zre", derivs.aimat, np * (np + 1) / 2);
+    allocate("all zre", derivs.devl2, np * (np + 1) / 2);
+    array<double> brx;
+    allocate_large("brx", brx, static_cast<long long>(numbers.nsrow) * np);
+    const std::vector<effect_vectors> effects = set_bmat();
+    working_variables work(effects);
+    std::vector<double> rb;
+    {
+        subject_stream stream(true);
+        while (stream.next()) {
+            work.form(stream);
+            b_matrix(stream, work.b, rb, brx);
+        }
+    }
+    substitute(brx);
+    subtract_products(brx);
+    for (int k = 1; k <= derivs.aimat.upper(); ++k) derivs.devl2(k) = -0.5 * derivs.aimat(k);
+    if (options.print_times) tvxtimes(2, "AI");
+}
+
+} // namespace tarvex

@@ -1,0 +1,192 @@
+#include "likelihood/derivatives.h"
+
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "data/datavecs.h"
+#include "dense/numroutines.h"
+#include "estimation/estimates.h"
+#include "likelihood/likelihood.h"
+#include "likelihood/structure_sums.h"
+#include "parameters/randomvars.h"
+#include "parameters/residualvars.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "sparse/autodiff.h"
+#include "sparse/sparse.h"
+#include "support/stop.h"
+
+#include <algorithm>
+
+namespace tarvex {
+
+namespace {
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+// Derivatives with respect to the elements of the factors, kkfit x krfit for each block (principal runs).
+using factor_sums = std::vector<array<double, 2>>;
+
+// Part of the residual parameters in log L: K = R^-1 M R^-1 against dR, less half the trace of R^-1 dR.
+struct residual_part {
+    std::vector<double> data, trace;
+    std::vector<int> traits, age, iclass;
+
+    residual_part() : data(at(estimates.nrespeq), 0.0), trace(at(estimates.nrespeq), 0.0) {}
+
+    void add_patterns(const std::vector<pattern_matrix>& sums) {
+        for (int k = 1; k <= combinations.ncombi; ++k) {
+            const pattern_matrix& rinv = residualvars.eei[at(k - 1)];
+            const std::vector<int> q = pattern_traits(k);
+            const pattern_matrix& m = sums[at(k - 1)];
+            if (m.n > 0) add_residual_terms(between_inverses(rinv, m), q, {}, {}, 1.0, data);
+            add_residual_terms(rinv, q, {}, {}, -0.5 * combinations.ncomb_subj[at(k - 1)], trace);
+        }
+    }
+    void add_subject(const part_products& p) {
+        residual_classes(age, iclass);
+        const std::span<const int> q(datavecs.ynq.data(), at(datavecs.nobs));
+        const std::size_t from = at(p.part.obs), n = at(p.part.design->nobs);
+        pattern_matrix rinv;
+        rinv.n = p.part.design->nobs;
+        rinv.diagonal = p.part.diagonal;
+        rinv.v.assign(p.part.r, p.part.r + (rinv.diagonal ? n : n * n));
+        const auto cut = [&](std::span<const int> s) { return s.subspan(from, n); };
+        add_residual_terms(between_inverses(rinv, p.m), cut(q), cut(age), cut(iclass), 1.0, data);
+        add_residual_terms(rinv, cut(q), cut(age), cut(iclass), -0.5, trace);
+    }
+};
+
+// dM = dWy' R^-1 Wy + its transpose for the elements of the factors: d(r,c) += 2 z_r (X W' R^-1)(level, c) by records.
+void mmm_princ_der1(const part_products& products, factor_sums& d) {
+    const design_part& part = products.part;
+    const subject_design& s = *part.design;
+    const std::size_t nl = at(s.nl);
+    std::vector<double> h(nl);
+    for (int i = 0; i < s.nobs; ++i) {
+        std::fill(h.begin(), h.end(), 0.0);
+        for (int j = 0; j < s.nobs; ++j) {
+            const double r = part.rinv(j, i);
+            if (r == 0.0) continue;
+            for (std::size_t l = 0; l < nl; ++l) h[l] += r * products.p[at(j) * nl + l];
+        }
+        for (int e = s.efirst[at(i)]; e < s.efirst[at(i + 1)]; ++e) {
+            const design_effect& effect = s.effects[at(e)];
+            auto& block = d[at(effect.irand - 1)];
+            for (int c = 1; c <= model.krfit(effect.irand); ++c) {
+                const double g = 2.0 * h[at(s.local[at(effect.entry + c - 1)])];
+                if (!effect.raw) {
+                    block(effect.place, c) += g;
+                    continue;
+                }
+                for (int r = 1; r <= model.kkfit(effect.irand); ++r) block(r, c) += effect.raw[r - 1] * g;
+            }
+        }
+    }
+}
+
+void set_principal(const factor_sums& d) {
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (mudmap.kovrnd(irand) == "PEQ") continue;
+        const int from = block_start(irand);
+        for (int k = 1; k <= block_size(irand); ++k) {
+            const factor_place f = factor_element(irand, 1, k);
+            derivs.devc(from + k - 1) = d[at(irand - 1)](f.row, f.col);
+            derivs.devl1(from + k - 1) = -derivs.devc(from + k - 1);
+        }
+    }
+}
+
+// Covariances of a full-rank block, from T(i,j) = sum of A^-1 times X: K = G^-1 T G^-1.
+void block_derivatives(int irand, const pattern_values& x) {
+    array<double, 2> t;
+    structure_sums(irand, x, t);
+    const int n = model.kkfit(irand);
+    const auto& g = randomvars.zig;
+    const double nlev = effective_levels(irand);
+    int par = block_start(irand);
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j, ++par) {
+            double k = 0.0;
+            for (int r = 1; r <= n; ++r)
+                for (int s = 1; s <= n; ++s) k += g(i, r, irand) * t(r, s) * g(s, j, irand);
+            const double times = i == j ? 1.0 : 2.0;
+            derivs.devc(par) = -times * k;
+            derivs.devl1(par) = times * (k - 0.5 * nlev * g(i, j, irand));
+        }
+}
+
+void set_residual(const residual_part& r) {
+    for (int k = 1; k <= estimates.nrespeq; ++k) {
+        derivs.devc(k) = -r.data[at(k - 1)];
+        derivs.devl1(k) = r.data[at(k - 1)] + r.trace[at(k - 1)];
+    }
+}
+
+void data_pass(const pattern_values& x) {
+    residual_part residual;
+    std::vector<pattern_matrix> sums;
+    factor_sums factors(at(numbers.krand));
+    if (options.principal)
+        for (int irand = 1; irand <= numbers.krand; ++irand)
+            factors[at(irand - 1)].allocate(model.kkfit(irand), model.krfit(irand));
+    if (!options.randreg) sums.assign(at(combinations.ncombi), {});
+    walk_products(x, options.principal, [&](const subject_stream&, const part_products& p) {
+        if (options.randreg)
+            residual.add_subject(p);
+        else
+            add_products(p, sums);
+        if (options.principal) mmm_princ_der1(p, factors);
+    });
+    if (!options.randreg) residual.add_patterns(sums);
+    set_residual(residual);
+    if (options.principal) set_principal(factors);
+}
+
+} // namespace
+
+int block_size(int irand) {
+    if (model.diagonal(irand)) return model.kkfit(irand);
+    return model.krfit(irand) * (2 * model.kkfit(irand) - model.krfit(irand) + 1) / 2;
+}
+
+factor_place factor_element(int irand, int step, int k) {
+    if (model.diagonal(irand)) return {k, k};
+    const int n = model.kkfit(irand);
+    int c = 1;
+    for (int length = n; k > length; ++c, --length) k -= length;
+    return {estimates.cholorder((step - 1) * n + c + k - 1, irand), c};
+}
+
+void derivatives_mmm() {
+    const int nparm = estimates.nparm;
+    check_repeat_block();
+    allocate("all devl1", derivs.devc, nparm);
+    allocate("all devl1", derivs.devl1, nparm);
+    autodiff_in_place();
+    if (options.details) print_list(screen(), " Auto differentiation complete");
+
+    const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
+    data_pass(x);
+    if (options.print_times) tvxtimes(2, "1st - residuals");
+    for (int irand = 1; irand <= numbers.krand; ++irand)
+        if (mudmap.kovrnd(irand) != "PEQ" && !options.principal) block_derivatives(irand, x);
+    if (options.details)
+        for (int i = 1; i <= nparm; ++i) print_list(screen(), "devc", i, derivs.devc(i));
+    if (options.print_times) tvxtimes(2, "1st - all");
+}
+
+void write_avinfo(double xlike) {
+    const auto put = [xlike](const std::string& name, const array<double>& a, double sign) {
+        text_out out;
+        if (!out.open(name)) return;
+        print_list(out, xlike);
+        for (int i = 1; i <= estimates.nparm; ++i)
+            for (int j = i; j <= estimates.nparm; ++j) print_list(out, i, j, sign * a(ihmssf(i, j, estimates.nparm)));
+    };
+    put(filenames.aiparsfile, derivs.der2, 1.0);
+    if (!options.principal) put(filenames.aicovsfile, derivs.devl2, -1.0);
+}
+
+} // namespace tarvex

@@ -1,0 +1,63 @@
+// First derivatives and average information of log L.
+//
+// Gradient by reverse differentiation of the factor (S. P. Smith 1995), average information by working variables pushed
+// through the factor (D. L. Johnson and R. Thompson, J. Dairy Sci. 78:449, 1995; A. R. Gilmour et al., Biometrics
+// 51:1440, 1995); reduced rank: K. Meyer and M. Kirkpatrick, Genet. Sel. Evol. 37:1, 2005.
+//
+// AvInfoParms: log L; then i, j, der2(i,j) for i = 1..nparm, j = i..nparm. AvInfoCovs: the same with minus devl2.
+#pragma once
+#include "support/array.h"
+
+namespace tarvex {
+
+struct derivs_module {
+    int nparm2 = 0;      // parameters in the current subset
+    array<double> devc;  // (nparm) derivatives of the half-sum log|C| + y'Py, covariance scale
+    array<double> devl1; // (nparm) derivatives of log L, covariance scale (random blocks when principal: factor)
+    array<double> devl2; // packed triangle: minus the average information, covariance scale
+    array<double> aimat; // accumulator: devl2 = -0.5 aimat
+    array<double> der1;  // (nparm) gradient, parameter scale
+    array<double> der2;  // packed triangle: average information, parameter scale
+    array<double> der2b; // curvature term of the transformation
+    array<int> fixpar;   // (nparm) 1: held out by the rank check
+    array<int> subset;   // (nparm2) full index of each parameter of the subset
+    array<double> dvec;  // (nparm2) step
+    array<double> hess;  // packed triangle of the subset
+};
+inline derivs_module derivs;
+
+// Both are called right after loglike with iopt 1 at the same point, estimates.parvec. derivatives_mmm fills devl1 (and
+// devc), average_info devl2. Parameters of the covariance scale are in the order of parvec with a block's packed upper
+// triangle row by row (full-rank blocks: the same count); reduced-rank and principal blocks have their factor elements
+// instead. Residual components fixed at zero have zeros. The factor is not changed.
+void derivatives_mmm();
+void average_info();
+
+// Stops the run (tvx_notyet) where the average information cannot be had: supplied inverse without elements for some
+// level and pseudo-fixed levels where the relationship matrix itself is needed, repeat effect of reduced rank.
+void check_average_info();
+// The same for the repeat effect alone: its matrix is part of the residual one, and no search but that by directions
+// has a reduced rank for it.
+void check_repeat_block();
+
+// der1 = J' devl1, der2 = J' (-devl2) J; flag 1 subtracts the second-order term.
+void jacob_var2chol(int flag);
+
+// Derivatives of the covariances of block irand (irand 0: of residual class `step`; PEQ and principal blocks too) with
+// respect to its parameters, at estimates.parvec: jac(k,p), k over the packed triangle (the variances of a diagonal
+// block), p over the parameters of the block (of the class). Reduced rank: derivatives of QQ'.
+void block_jacobian(int irand, int step, array<double, 2>& jac);
+
+// Row of the factor and column that parameter k (from 1) of block irand, class step, stands for.
+struct factor_place {
+    int row, col;
+};
+factor_place factor_element(int irand, int step, int k);
+
+// Parameters of one class of block irand.
+int block_size(int irand);
+
+// AvInfoParms with xlike in front; AvInfoCovs unless principal.
+void write_avinfo(double xlike);
+
+} // namespace tarvex

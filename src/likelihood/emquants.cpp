@@ -1,0 +1,407 @@
+#include "likelihood/emquants.h"
+
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "data/datavecs.h"
+#include "dense/numroutines.h"
+#include "equations/mmequations.h"
+#include "equations/orders.h"
+#include "estimation/estimates.h"
+#include "likelihood/buildmmm.h"
+#include "likelihood/likelihood.h"
+#include "likelihood/solutions.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "sparse/autodiff.h"
+#include "sparse/sparse.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace tarvex {
+
+namespace {
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+// Gathers the coefficient matrix of the expansion over the records of a part:
+// sum over records of R^-1(r,s) z_r(i) z_s(k) E(u_j(level of r) u_l(level of s)).
+class expansion_sums {
+public:
+    expansion_sums(const em_request& request, em_quantities& q) : request_(request), q_(q) {
+        first_.assign(at(numbers.krand), -1);
+        q.unknowns.clear();
+        for (int irand = 1; irand <= numbers.krand; ++irand) {
+            if (!wanted(irand)) continue;
+            first_[at(irand - 1)] = static_cast<int>(q.unknowns.size());
+            for (int i = 1; i <= model.kkfit(irand); ++i)
+                for (int c = 1; c <= nfit(irand); ++c) q.unknowns.push_back({irand, i, c});
+        }
+        q.lhs.allocate(q.unknowns.size(), q.unknowns.size());
+    }
+    bool any() const { return !q_.unknowns.empty(); }
+
+    void add(const design_part& part) {
+        const subject_design& d = *part.design;
+        collect_levels(d);
+        for (int r = 0; r < d.nobs; ++r)
+            for (int s = part.diagonal ? r : 0; s < (part.diagonal ? r + 1 : d.nobs); ++s) {
+                const double rinv = part.rinv(r, s);
+                if (rinv != 0.0) add_pair(d, r, s, rinv);
+            }
+    }
+
+private:
+    bool wanted(int irand) const { return request_.expand[at(irand - 1)] != 0 && mudmap.kovrnd(irand) != "PEQ"; }
+
+    // Distinct levels of the wanted effects in the part, and E(uu') between all their components.
+    void collect_levels(const subject_design& d) {
+        slots_.clear();
+        slot_of_.assign(d.effects.size(), -1);
+        eq_.clear();
+        for (int e = d.efirst[0]; e < d.efirst[at(d.nobs)]; ++e) {
+            const design_effect& f = d.effects[at(e)];
+            if (!wanted(f.irand)) continue;
+            int slot = 0;
+            while (slot < static_cast<int>(slots_.size()) &&
+                   (slots_[at(slot)].irand != f.irand || slots_[at(slot)].level != f.level))
+                ++slot;
+            if (slot == static_cast<int>(slots_.size())) {
+                slots_.push_back({f.irand, f.level, static_cast<int>(eq_.size())});
+                const int n = nfit(f.irand), start = mmequations.rn_start(f.irand) + (f.level - 1) * n;
+                for (int c = 1; c <= n; ++c) eq_.push_back(orders.ieqnew(start + c));
+            }
+            slot_of_[at(e)] = slot;
+        }
+        const std::size_t n = eq_.size();
+        expect_.assign(n * n, 0.0);
+        for (std::size_t a = 0; a < n; ++a) {
+            expect_[a * n + a] = 2.0 * sparse.diag(eq_[a]);
+            for (std::size_t b = 0; b < a; ++b) expect_[a * n + b] = expect_[b * n + a] = expectation(eq_[a], eq_[b]);
+        }
+    }
+    // Outside the pattern only the solutions are at hand.
+    double expectation(int a, int b) const {
+        const int place = locate(a, b);
+        if (place > 0) return sparse.xspars(place);
+        return solutions.solns(a) * solutions.solns(b);
+    }
+
+    void add_pair(const subject_design& d, int r, int s, double rinv) {
+        for (int e = d.efirst[at(r)]; e < d.efirst[at(r + 1)]; ++e)
+            for (int f = d.efirst[at(s)]; f < d.efirst[at(s + 1)]; ++f) {
+                if (slot_of_[at(e)] < 0 || slot_of_[at(f)] < 0) continue;
+                if (!request_.joint && d.effects[at(e)].irand != d.effects[at(f)].irand) continue;
+                add_effects(d.effects[at(e)], slots_[at(slot_of_[at(e)])], d.effects[at(f)],
+                            slots_[at(slot_of_[at(f)])], rinv);
+            }
+    }
+
+    struct level_slot {
+        int irand, level, from;
+    };
+
+    void add_effects(const design_effect& e, const level_slot& es, const design_effect& f, const level_slot& fs,
+                     double rinv) {
+        const int ke = model.kkfit(e.irand), kf = model.kkfit(f.irand), ne = nfit(e.irand), nf = nfit(f.irand);
+        const std::size_t n = eq_.size();
+        for (int i = 1; i <= ke; ++i) {
+            const double zi = e.raw ? e.raw[i - 1] : i == e.place ? 1.0 : 0.0;
+            if (zi == 0.0) continue;
+            for (int k = 1; k <= kf; ++k) {
+                const double zk = f.raw ? f.raw[k - 1] : k == f.place ? 1.0 : 0.0;
+                if (zk == 0.0) continue;
+                const int row = first_[at(e.irand - 1)] + (i - 1) * ne, col = first_[at(f.irand - 1)] + (k - 1) * nf;
+                for (int j = 0; j < ne; ++j)
+                    for (int l = 0; l < nf; ++l)
+                        q_.lhs(row + j + 1, col + l + 1) +=
+                            rinv * zi * zk * expect_[at(es.from + j) * n + at(fs.from + l)];
+            }
+        }
+    }
+
+    const em_request& request_;
+    em_quantities& q_;
+    std::vector<int> first_;
+    std::vector<level_slot> slots_;
+    std::vector<int> slot_of_, eq_;
+    std::vector<double> expect_;
+};
+
+// loads(place, c) += E(z R^-1 e u_c) over the records of a part.
+void add_loads(const part_products& products, std::vector<array<double, 2>>& loads) {
+    const design_part& part = products.part;
+    const subject_design& s = *part.design;
+    const std::size_t nl = at(s.nl);
+    std::vector<double> h(nl);
+    for (int i = 0; i < s.nobs; ++i) {
+        std::fill(h.begin(), h.end(), 0.0);
+        for (int j = part.diagonal ? i : 0; j < (part.diagonal ? i + 1 : s.nobs); ++j)
+            for (std::size_t l = 0; l < nl; ++l) h[l] -= 2.0 * part.rinv(j, i) * products.p[at(j) * nl + l];
+        for (int e = s.efirst[at(i)]; e < s.efirst[at(i + 1)]; ++e) {
+            const design_effect& effect = s.effects[at(e)];
+            auto& block = loads[at(effect.irand - 1)];
+            for (int c = 1; c <= model.krfit(effect.irand); ++c) {
+                const double g = h[at(s.local[at(effect.entry + c - 1)])];
+                if (!effect.raw) {
+                    block(effect.place, c) += g;
+                    continue;
+                }
+                for (int r = 1; r <= model.kkfit(effect.irand); ++r) block(r, c) += effect.raw[r - 1] * g;
+            }
+        }
+    }
+}
+
+class residual_sums {
+public:
+    explicit residual_sums(em_quantities& q) : q_(q) {
+        if (options.randreg) {
+            q.class_ss.assign(at(model.rr_resteps), 0.0);
+            q.class_n.assign(at(model.rr_resteps), 0.0);
+        } else
+            q.residuals.assign(at(combinations.ncombi), {});
+    }
+    void add(const part_products& p) {
+        if (!options.randreg) return add_products(p, q_.residuals);
+        residual_classes(age_, class_);
+        for (int i = 0; i < p.part.design->nobs; ++i) {
+            const std::size_t c = at(class_[at(p.part.obs + i)] - 1);
+            q_.class_ss[c] += 2.0 * p.m(i + 1, i + 1);
+            q_.class_n[c] += 1.0;
+        }
+    }
+    void finish() {
+        if (options.randreg) return;
+        for (auto& s : q_.residuals)
+            for (double& x : s.v) x *= 2.0;
+    }
+
+private:
+    em_quantities& q_;
+    std::vector<int> age_, class_;
+};
+
+// ---- residual covariances
+
+bool single_records() {
+    if (residualvars.peqsum) return false;
+    for (const auto& counts : combinations.nqcombi)
+        for (int n : counts)
+            if (n > 1) return false;
+    return true;
+}
+
+std::vector<double> current_values() {
+    std::vector<double> theta;
+    for (int k = 1; k <= estimates.nresparm; ++k) theta.push_back(residualvars.rpars(k));
+    if (!residualvars.peqsum) return theta;
+    const int irand = residualvars.ipeq, n = model.kkfit(irand);
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j) {
+            const int iq = mudmap.rn_trait(i, irand), jq = mudmap.rn_trait(j, irand);
+            theta.push_back(residualvars.sigpeq(ihmssf(std::min(iq, jq), std::max(iq, jq), numbers.nq)));
+        }
+    return theta;
+}
+
+// At most one record a trait: the missing residuals of a pattern are completed by regression on those observed.
+std::vector<double> complete_patterns(const em_quantities& q) {
+    const int nq = numbers.nq;
+    array<double, 2> R, sum;
+    R.allocate(nq, nq);
+    sum.allocate(nq, nq);
+    for (int i = 1; i <= nq; ++i)
+        for (int j = i; j <= nq; ++j) R(i, j) = R(j, i) = residualvars.rpars(ihmssf(i, j, nq));
+    double subjects = 0.0;
+    for (int k = 1; k <= combinations.ncombi; ++k) {
+        const pattern_matrix& s = q.residuals[at(k - 1)];
+        if (s.n == 0) continue;
+        const double np = combinations.ncomb_subj[at(k - 1)];
+        subjects += np;
+        const std::vector<int> o = pattern_traits(k);
+        const pattern_matrix& inv = residualvars.eei[at(k - 1)];
+        array<double, 2> B;
+        B.allocate(nq, s.n);
+        for (int i = 1; i <= nq; ++i)
+            for (int j = 1; j <= s.n; ++j)
+                for (int l = 1; l <= s.n; ++l) B(i, j) += R(i, o[at(l - 1)]) * inv(l, j);
+        for (int i = 1; i <= nq; ++i)
+            for (int j = 1; j <= nq; ++j) {
+                double x = np * R(i, j);
+                for (int l = 1; l <= s.n; ++l) {
+                    x -= np * B(i, l) * R(o[at(l - 1)], j);
+                    for (int m = 1; m <= s.n; ++m) x += B(i, l) * s(l, m) * B(j, m);
+                }
+                sum(i, j) += x;
+            }
+    }
+    std::vector<double> theta;
+    for (int i = 1; i <= nq; ++i)
+        for (int j = i; j <= nq; ++j) {
+            const int k = ihmssf(i, j, nq);
+            theta.push_back(residualvars.fixres(k) ? 0.0 : 0.5 * (sum(i, j) + sum(j, i)) / subjects);
+        }
+    return theta;
+}
+
+// One trait with independent records: the mean square.
+double one_variance(const em_quantities& q) {
+    double ss = 0.0, n = 0.0;
+    for (int k = 1; k <= combinations.ncombi; ++k) {
+        const pattern_matrix& s = q.residuals[at(k - 1)];
+        for (int i = 1; i <= s.n; ++i) ss += s(i, i);
+        n += static_cast<double>(s.n) * combinations.ncomb_subj[at(k - 1)];
+    }
+    return residualvars.fixres(1) ? 0.0 : ss / n;
+}
+
+// Matrix of a pattern at the parameters theta (residual sum, PEQ behind it).
+void pattern_variance(const std::vector<int>& traits, const std::vector<double>& theta, std::vector<double>& w) {
+    const int n = static_cast<int>(traits.size());
+    w.assign(at(n) * at(n), 0.0);
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) {
+            int pars[2];
+            const int np = residual_pars(traits[at(i)], traits[at(j)], 1, i == j, pars);
+            for (int p = 0; p < np; ++p) w[at(i) + at(j) * at(n)] += theta[at(pars[p] - 1)];
+        }
+}
+
+// -2 times the expected log density of the residuals at theta; false where a pattern's matrix is not positive definite.
+bool residual_objective(const em_quantities& q, const std::vector<double>& theta, double& value) {
+    value = 0.0;
+    std::vector<double> w;
+    for (int k = 1; k <= combinations.ncombi; ++k) {
+        const pattern_matrix& s = q.residuals[at(k - 1)];
+        const int n = s.n;
+        if (n == 0) continue;
+        pattern_variance(pattern_traits(k), theta, w);
+        for (int j = 0; j < n; ++j) { // Cholesky factor in the lower triangle
+            for (int i = j; i < n; ++i) {
+                double x = w[at(i) + at(j) * at(n)];
+                for (int l = 0; l < j; ++l) x -= w[at(i) + at(l) * at(n)] * w[at(j) + at(l) * at(n)];
+                if (i == j && !(x > 0.0)) return false;
+                w[at(i) + at(j) * at(n)] = i == j ? std::sqrt(x) : x / w[at(j) + at(j) * at(n)];
+            }
+            value += 2.0 * combinations.ncomb_subj[at(k - 1)] * std::log(w[at(j) + at(j) * at(n)]);
+        }
+        for (int c = 0; c < n; ++c) { // trace of W^-1 S, column by column
+            std::vector<double> x(at(n));
+            for (int i = 0; i < n; ++i) {
+                x[at(i)] = s(i + 1, c + 1);
+                for (int l = 0; l < i; ++l) x[at(i)] -= w[at(i) + at(l) * at(n)] * x[at(l)];
+                x[at(i)] /= w[at(i) + at(i) * at(n)];
+            }
+            for (int i = n - 1; i >= 0; --i) {
+                for (int l = i + 1; l < n; ++l) x[at(i)] -= w[at(l) + at(i) * at(n)] * x[at(l)];
+                x[at(i)] /= w[at(i) + at(i) * at(n)];
+            }
+            value += x[at(c)];
+        }
+    }
+    return true;
+}
+
+// Repeated records or a PEQ effect: W of a pattern is linear in the parameters, and the normal equations of a scoring
+// step give their changes; parameters that the data know only as a sum keep to their values as far as they can. The
+// step is halved while the objective rises.
+std::vector<double> scoring_step(const em_quantities& q) {
+    const int n = estimates.nrespeq;
+    const std::vector<double> old = current_values();
+    std::vector<double> h(at(n), 0.0), packed(at(n) * at(n + 1) / 2, 0.0);
+    for (int k = 1; k <= combinations.ncombi; ++k) {
+        const pattern_matrix& s = q.residuals[at(k - 1)];
+        if (s.n == 0) continue;
+        const pattern_matrix& inv = residualvars.eei[at(k - 1)];
+        const std::vector<int> traits = pattern_traits(k);
+        add_residual_terms(between_inverses(inv, s), traits, {}, {}, 1.0, h);
+        for (int l = 1; l <= n; ++l) {
+            std::vector<double> unit(at(n), 0.0), w, f(at(n), 0.0);
+            unit[at(l - 1)] = 1.0;
+            pattern_variance(traits, unit, w);
+            if (std::all_of(w.begin(), w.end(), [](double x) { return x == 0.0; })) continue;
+            pattern_matrix wl;
+            wl.n = s.n;
+            wl.v = w;
+            add_residual_terms(between_inverses(inv, wl), traits, {}, {}, combinations.ncomb_subj[at(k - 1)], f);
+            for (int m = l; m <= n; ++m) packed[at(ihmssf(l, m, n) - 1)] += f[at(m - 1)];
+        }
+    }
+    for (int i = 1; i <= n; ++i) // the score is what remains at the old values
+        for (int j = 1; j <= n; ++j)
+            h[at(i - 1)] -= packed[at(ihmssf(std::min(i, j), std::max(i, j), n) - 1)] * old[at(j - 1)];
+    std::vector<double> scale(at(n), 0.0);
+    for (int i = 1; i <= n; ++i) {
+        const double d = packed[at(ihmssf(i, i, n) - 1)];
+        if (d > 0.0) scale[at(i - 1)] = 1.0 / std::sqrt(d);
+    }
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) packed[at(ihmssf(i, j, n) - 1)] *= scale[at(i - 1)] * scale[at(j - 1)];
+    int rank = 0;
+    double ldet = 0.0;
+    gen_inverse(packed, n, numbers.zero, rank, ldet);
+    std::vector<double> change(at(n), 0.0);
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j)
+            change[at(i - 1)] += packed[at(ihmssf(std::min(i, j), std::max(i, j), n) - 1)] * scale[at(i - 1)] *
+                                 scale[at(j - 1)] * h[at(j - 1)];
+    double before = 0.0, now = 0.0;
+    residual_objective(q, old, before);
+    std::vector<double> theta(at(n));
+    for (double step = 1.0; step > 1.0e-6; step *= 0.5) {
+        for (std::size_t i = 0; i < theta.size(); ++i) theta[i] = old[i] + step * change[i];
+        if (residual_objective(q, theta, now) && now <= before) return theta;
+    }
+    return old;
+}
+
+} // namespace
+
+void em_expectations(const em_request& request, em_quantities& q) {
+    autodiff_in_place();
+    const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
+    const auto krand = at(numbers.krand);
+    q.quads.assign(krand, {});
+    q.loads.assign(krand, {});
+    if (options.principal)
+        for (int irand = 1; irand <= numbers.krand; ++irand)
+            q.loads[at(irand - 1)].allocate(model.kkfit(irand), model.krfit(irand));
+    residual_sums residual(q);
+    expansion_sums expansion(request, q);
+    walk_products(x, options.principal || expansion.any(), [&](const subject_stream&, const part_products& p) {
+        residual.add(p);
+        if (options.principal) add_loads(p, q.loads);
+        if (expansion.any()) expansion.add(p.part);
+    });
+    residual.finish();
+    if (options.principal) return;
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (mudmap.kovrnd(irand) == "PEQ") continue;
+        auto& t = q.quads[at(irand - 1)];
+        structure_sums(irand, x, t);
+        for (double& v : t) v *= 2.0;
+    }
+}
+
+void em_residuals(em_quantities& q) {
+    const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
+    residual_sums residual(q);
+    walk_products(x, false, [&](const subject_stream&, const part_products& p) { residual.add(p); });
+    residual.finish();
+}
+
+std::vector<double> covarsres(const em_quantities& q) {
+    if (!options.randreg && numbers.nq == 1 && !residualvars.peqsum) return {one_variance(q)};
+    if (!options.randreg) return single_records() ? complete_patterns(q) : scoring_step(q);
+    std::vector<double> theta;
+    for (std::size_t c = 0; c < q.class_ss.size(); ++c) {
+        const bool fixed = residualvars.fixres(static_cast<int>(c) + 1) != 0;
+        const double old = residualvars.sigres(1, static_cast<int>(c) + 1);
+        theta.push_back(fixed ? 0.0 : q.class_n[c] > 0.0 ? q.class_ss[c] / q.class_n[c] : old);
+    }
+    return theta;
+}
+
+} // namespace tarvex

@@ -1,0 +1,45 @@
+// Expectations that EM and PX-EM rounds need, from one reverse sweep of the factor and one pass over the data.
+//
+// With F the derivative of the factorisation, twice the symmetric matrix X of structure_sums.h is C^-1 + xx' for the
+// equations: products of solutions plus their prediction error covariances.
+#pragma once
+#include "likelihood/structure_sums.h"
+#include "parameters/residualvars.h"
+#include "support/array.h"
+
+#include <vector>
+
+namespace tarvex {
+
+// Unknown of a joint system: element (row, col) of the expansion or of the loadings of a block.
+struct px_unknown {
+    int irand, row, col;
+};
+
+struct em_quantities {
+    std::vector<array<double, 2>> quads;   // [irand-1] U'A^-1 U + traces (full-rank runs)
+    std::vector<array<double, 2>> loads;   // [irand-1] kkfit x krfit: E(z_i' R^-1 e u_c), principal runs
+    std::vector<pattern_matrix> residuals; // [icombi-1] sums of E(e e') by pattern (multivariate analyses)
+    std::vector<double> class_ss, class_n; // random regression: sums of squares and records by residual class
+    std::vector<px_unknown> unknowns;      // of the expansion
+    array<double, 2> lhs;                  // its coefficient matrix
+};
+
+// What a pass is to collect: the coefficient matrix of the expansion for these blocks (1-based marks by block), jointly
+// over blocks or each block by itself (cross terms left out).
+struct em_request {
+    std::vector<int> expand; // [irand-1] 1: block's expansion or loadings are wanted
+    bool joint = false;
+};
+
+// E-step at the factor in hand, which the derivative of the factorisation takes the place of.
+void em_expectations(const em_request& request, em_quantities& q);
+// Residual quantities alone, with the weights now in randomvars.zig (loadings changed) and the derivative that the
+// E-step left.
+void em_residuals(em_quantities& q);
+
+// New residual matrices by EM: the covariances in the layout of parvec on "Original" (sum with the PEQ matrix), and the
+// PEQ matrix behind them.
+std::vector<double> covarsres(const em_quantities& q);
+
+} // namespace tarvex

@@ -1,0 +1,171 @@
+// From the covariance scale to the scale of the parameters.
+#include "control/numbers.h"
+#include "control/options.h"
+#include "dense/numroutines.h"
+#include "estimation/estimates.h"
+#include "likelihood/derivatives.h"
+#include "parameters/variances.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "support/stop.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace tarvex {
+
+namespace {
+
+int packed(int i, int j, int n) { return ihmssf(std::min(i, j), std::max(i, j), n); }
+int block_covs(int irand) {
+    const int n = model.kkfit(irand);
+    return model.diagonal(irand) ? n : n * (n + 1) / 2;
+}
+
+// Derivatives are on the factor scale already.
+bool factor_derivatives(int irand) { return irand > 0 && options.principal && mudmap.kovrnd(irand) != "PEQ"; }
+
+// Factor of a block at estimates.parvec, rows in the order of the matrix.
+array<double, 2> block_factor(int irand, int step) {
+    array<double> cc;
+    array<double, 2> vv;
+    const auto marks = estimates.switchlog;
+    int ifail = 0;
+    parvec2covs(estimates.parvec, irand, step, cc, vv, ifail);
+    estimates.switchlog = marks;
+    return vv;
+}
+
+// Factor by which a logarithmic parameter is multiplied: its diagonal element; 1 for others.
+double log_factor(int irand, factor_place f, int diagonal_row, const array<double, 2>& vv) {
+    return estimates.logdiagonals(irand) && f.row == diagonal_row ? vv(f.row, f.col) : 1.0;
+}
+
+// Row of the diagonal element of column c.
+int pivot_row(int irand, int step, int c) {
+    return model.diagonal(irand) ? c : estimates.cholorder((step - 1) * model.kkfit(irand) + c, irand);
+}
+
+void transform_gradient(const array<double, 2>& jac, int from) {
+    for (int p = 1; p <= jac.upper(2); ++p) {
+        double s = 0.0;
+        for (int k = 1; k <= jac.upper(1); ++k) s += jac(k, p) * derivs.devl1(from + k - 1);
+        derivs.der1(from + p - 1) = s;
+    }
+}
+
+// One class of a block: its place in the parameter vector and its Jacobian.
+struct class_jacobian {
+    int irand, step, from;
+    array<double, 2> jac;
+};
+
+// Jacobian between derivatives as they are formed and the parameters.
+array<double, 2> derivative_jacobian(int irand, int step) {
+    array<double, 2> jac;
+    if (!factor_derivatives(irand)) {
+        block_jacobian(irand, step, jac);
+        return jac;
+    }
+    const array<double, 2> vv = block_factor(irand, step);
+    const int n = block_size(irand);
+    jac.allocate(n, n);
+    for (int k = 1; k <= n; ++k) {
+        const factor_place f = factor_element(irand, step, k);
+        jac(k, k) = log_factor(irand, f, pivot_row(irand, step, f.col), vv);
+    }
+    return jac;
+}
+
+std::vector<class_jacobian> all_jacobians() {
+    std::vector<class_jacobian> list;
+    for (int irand = 0; irand <= numbers.krand; ++irand)
+        for (int step = 1; step <= (irand == 0 ? model.rr_resteps : 1); ++step)
+            if (estimates.nnparm(irand) > 0)
+                list.push_back({irand, step, block_start(irand, step), derivative_jacobian(irand, step)});
+    return list;
+}
+
+double& der2(int i, int j) { return derivs.der2(packed(i, j, estimates.nparm)); }
+
+// der2 for the parameters of classes a and b: Ja' (-devl2) Jb.
+void transform_information(const class_jacobian& a, const class_jacobian& b) {
+    const int ka = static_cast<int>(a.jac.upper(1)), kb = static_cast<int>(b.jac.upper(1));
+    array<double, 2> left;
+    left.allocate(a.jac.upper(2), kb);
+    for (int p = 1; p <= a.jac.upper(2); ++p)
+        for (int l = 1; l <= kb; ++l) {
+            double s = 0.0;
+            for (int k = 1; k <= ka; ++k)
+                s -= a.jac(k, p) * derivs.devl2(packed(a.from + k - 1, b.from + l - 1, estimates.nparm));
+            left(p, l) = s;
+        }
+    for (int p = 1; p <= a.jac.upper(2); ++p)
+        for (int q = 1; q <= b.jac.upper(2); ++q) {
+            double s = 0.0;
+            for (int l = 1; l <= kb; ++l) s += left(p, l) * b.jac(l, q);
+            der2(a.from + p - 1, b.from + q - 1) = s;
+        }
+}
+
+// Second-order term of one class: derivatives of log L on the covariance scale times the second derivatives of the
+// covariances, which are not zero for elements of one column of the factor.
+void subtract_curvature(const class_jacobian& c) {
+    if (estimates.paraform(c.irand) == "Original") return;
+    const array<double, 2> vv = block_factor(c.irand, c.step);
+    const int n = block_size(c.irand), order = model.kkfit(c.irand);
+    for (int p = 1; p <= n; ++p) {
+        const factor_place fp = factor_element(c.irand, c.step, p);
+        const double lp = log_factor(c.irand, fp, pivot_row(c.irand, c.step, fp.col), vv);
+        const int ip = c.from + p - 1;
+        for (int q = p; q <= n && !factor_derivatives(c.irand); ++q) {
+            const factor_place fq = factor_element(c.irand, c.step, q);
+            if (fq.col != fp.col) continue;
+            const int k = model.diagonal(c.irand) ? fp.row : packed(fp.row, fq.row, order);
+            const double lq = log_factor(c.irand, fq, pivot_row(c.irand, c.step, fq.col), vv);
+            const double d2 = derivs.devl1(c.from + k - 1) * (fp.row == fq.row ? 2.0 : 1.0) * lp * lq;
+            derivs.der2b(packed(ip, c.from + q - 1, estimates.nparm)) += d2;
+        }
+        const bool logarithm = estimates.logdiagonals(c.irand) && fp.row == pivot_row(c.irand, c.step, fp.col);
+        if (logarithm) derivs.der2b(packed(ip, ip, estimates.nparm)) += derivs.der1(ip);
+    }
+}
+
+} // namespace
+
+void block_jacobian(int irand, int step, array<double, 2>& jac) {
+    const int n = model.kkfit(irand), ncov = block_covs(irand);
+    if (estimates.paraform(irand) == "Original") {
+        jac.allocate(ncov, ncov);
+        for (int k = 1; k <= ncov; ++k) jac(k, k) = 1.0;
+        return;
+    }
+    const array<double, 2> vv = block_factor(irand, step);
+    const int npar = block_size(irand);
+    jac.allocate(ncov, npar);
+    for (int p = 1; p <= npar; ++p) {
+        const factor_place f = factor_element(irand, step, p);
+        const double times = log_factor(irand, f, pivot_row(irand, step, f.col), vv);
+        if (model.diagonal(irand)) {
+            jac(p, p) = 2.0 * vv(p, p) * times;
+            continue;
+        }
+        for (int i = 1; i <= n; ++i) jac(packed(i, f.row, n), p) = (i == f.row ? 2.0 : 1.0) * vv(i, f.col) * times;
+    }
+}
+
+void jacob_var2chol(int flag) {
+    const int nparm = estimates.nparm;
+    allocate("all der2", derivs.der1, nparm);
+    allocate("all der2", derivs.der2, nparm * (nparm + 1) / 2);
+    allocate("all der2", derivs.der2b, nparm * (nparm + 1) / 2);
+    const std::vector<class_jacobian> list = all_jacobians();
+    for (const class_jacobian& c : list) transform_gradient(c.jac, c.from);
+    for (std::size_t i = 0; i < list.size(); ++i)
+        for (std::size_t j = i; j < list.size(); ++j) transform_information(list[i], list[j]);
+    if (flag != 1) return;
+    for (const class_jacobian& c : list) subtract_curvature(c);
+    for (int k = 1; k <= derivs.der2.upper(); ++k) derivs.der2(k) -= derivs.der2b(k);
+}
+
+} // namespace tarvex

@@ -1,0 +1,22 @@
+// Inverses of the covariance blocks of the random effects.
+#pragma once
+#include "support/array.h"
+
+namespace tarvex {
+
+struct randomvars_module {
+    array<double> detl;   // (krand) log determinant of the relationship matrix, set with its inverse; 0 for IDE
+    array<double> detg;   // (krand) log|G|; 0 in reduced-rank runs
+    array<double, 3> zig; // (maxk,maxk,krand) G^-1; with paraform "Cholesky" the factor Q (kkfit rows, krfit columns)
+    array<int> deficient; // (krand) 1: G has a vanishing eigenvalue, the point is invalid
+};
+inline randomvars_module randomvars;
+
+// Block inverses at parvec. A block with vanishing eigenvalues (below 100 numbers.zero) gets the generalised inverse
+// over the others and the mark `deficient`. ifail 1: invalid point.
+void g_inverse(array<double>& parvec, int nparm, int iopt, int& ifail);
+
+// True if some block is marked as deficient.
+bool any_deficient();
+
+} // namespace tarvex

@@ -1,0 +1,353 @@
+#include "parameters/residualvars.h"
+
+#include "basis/phimatrix.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "data/datavecs.h"
+#include "dense/numroutines.h"
+#include "estimation/estimates.h"
+#include "parameters/variances.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "support/edit_form.h"
+#include "support/stop.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace tarvex {
+
+namespace {
+
+constexpr double small_pivot = 1.0e-5; // gen_inverse tells of pivots below it
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+int triangle(int n) { return n * (n + 1) / 2; }
+int packed(int i, int j, int n) { return ihmssf(std::min(i, j), std::max(i, j), n); }
+
+// Parameters of one class of the residual on the covariance scale.
+int class_covs() { return model.diagonal(0) ? numbers.nq : triangle(numbers.nq); }
+
+bool fixed_at_zero(int iclass, int i, int j) {
+    if (model.diagonal(0)) {
+        if (i != j) return false;
+    }
+    const int k = (iclass - 1) * class_covs() + (model.diagonal(0) ? i : packed(i, j, numbers.nq));
+    return k <= residualvars.fixres.upper() && residualvars.fixres(k) != 0;
+}
+
+void allocate_residuals() {
+    auto& r = residualvars;
+    const int n = triangle(numbers.nq);
+    if (!r.sigres.allocated() || r.sigres.upper(1) != n || r.sigres.upper(2) != model.rr_resteps) {
+        allocate("alloc sige", r.sigres, n, model.rr_resteps);
+        allocate("alloc sige", r.sigpeq, n);
+        r.formed.clear();
+    }
+    const int npar = model.rr_resteps * class_covs();
+    if (!r.rpars.allocated() || r.rpars.upper() != npar) allocate("alloc sige", r.rpars, npar);
+    const int ndet = options.randreg ? 1 : std::max(combinations.ncombi, 1);
+    if (!r.detres.allocated() || r.detres.upper() != ndet) {
+        allocate("alloc detres", r.detres, ndet);
+        r.formed.clear();
+    }
+}
+
+// Residual covariances of all classes: sigres, and rpars with the fixed components at zero.
+void residual_matrices(array<double>& parvec, int& ifail) {
+    auto& r = residualvars;
+    const int nq = numbers.nq;
+    array<double> cc;
+    array<double, 2> vv;
+    for (int step = 1; step <= model.rr_resteps; ++step) {
+        parvec2covs(parvec, 0, step, cc, vv, ifail);
+        if (ifail) return;
+        for (int i = 1; i <= nq; ++i)
+            for (int j = i; j <= nq; ++j) {
+                const int k = ihmssf(i, j, nq);
+                r.sigres(k, step) = fixed_at_zero(step, i, j) ? 0.0 : cc(k);
+                if (!model.diagonal(0))
+                    r.rpars((step - 1) * class_covs() + k) = r.sigres(k, step);
+                else if (i == j)
+                    r.rpars((step - 1) * class_covs() + i) = r.sigres(k, step);
+            }
+    }
+}
+
+// PEQ matrix, spread over the traits that fit the effect.
+void peq_matrix(array<double>& parvec, int& ifail) {
+    auto& r = residualvars;
+    r.sigpeq.fill(0.0);
+    if (!r.peqsum) return;
+    array<double> cc;
+    array<double, 2> vv;
+    parvec2covs(parvec, r.ipeq, 1, cc, vv, ifail);
+    if (ifail) return;
+    const int n = model.kkfit(r.ipeq);
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j)
+            r.sigpeq(packed(mudmap.rn_trait(i, r.ipeq), mudmap.rn_trait(j, r.ipeq), numbers.nq)) = cc(ihmssf(i, j, n));
+}
+
+void show_residual() {
+    if (!options.details) return;
+    const int nq = numbers.nq;
+    for (int i = 1; i <= nq; ++i) {
+        std::vector<double> row;
+        for (int j = 1; j <= nq; ++j) row.push_back(residualvars.sigres(packed(i, j, nq), 1));
+        write(screen(), "(a,i3,24g13.6)", "sigr", i, row);
+    }
+}
+
+// Covariance of two records of a pattern.
+double record_covariance(int iq, int jq, bool same) {
+    const auto& r = residualvars;
+    const int k = packed(iq, jq, numbers.nq);
+    if (same) return r.sigres(k, 1);
+    return iq == jq ? r.sigpeq(k) : r.sigres(k, 1) + r.sigpeq(k);
+}
+
+void show_singular(int n, int rank, int icombi, const std::vector<double>& w) {
+    print_list(screen(), "***** ERROR : Residual covariance matrix not of full rank");
+    print_list(screen(), "      Dimension   =", n);
+    print_list(screen(), "      Rank        =", rank);
+    show_combination(icombi);
+    for (int i = 1; i <= n; ++i) {
+        std::vector<double> row;
+        for (int j = 1; j <= i; ++j) row.push_back(w[at(ihmssf(j, i, n) - 1)]);
+        write(screen(), "(i3,10(t4,8f13.6)/)", i, row);
+    }
+}
+
+// A pattern whose records are independent: true if that could be settled by its diagonal alone.
+bool independent_pattern(const std::vector<int>& traits, pattern_matrix& inverse, double& ldet) {
+    const auto& r = residualvars;
+    const int nq = numbers.nq;
+    std::vector<int> count(at(nq + 1), 0);
+    for (int q : traits) ++count[at(q)];
+    for (int i = 1; i <= nq; ++i) {
+        if (count[at(i)] == 0) continue;
+        if (!(r.sigres(ihmssf(i, i, nq), 1) >= small_pivot)) return false;
+        if (count[at(i)] > 1 && r.sigpeq(ihmssf(i, i, nq)) != 0.0) return false;
+        for (int j = i + 1; j <= nq; ++j)
+            if (count[at(j)] > 0 && record_covariance(i, j, false) != 0.0) return false;
+    }
+    inverse.n = static_cast<int>(traits.size());
+    inverse.diagonal = true;
+    inverse.v.clear();
+    ldet = 0.0;
+    for (int q : traits) {
+        const double s = r.sigres(ihmssf(q, q, nq), 1);
+        inverse.v.push_back(1.0 / s);
+        ldet += std::log(s);
+    }
+    return true;
+}
+
+// A pivot so small that gen_inverse has told of it: with the largest pivot first the last one is the smallest, and the
+// reciprocal of a diagonal element of the inverse.
+bool has_small_pivot(const pattern_matrix& inverse) {
+    for (int i = 1; i <= inverse.n; ++i)
+        if (inverse(i, i) * small_pivot > 1.0) return true;
+    return false;
+}
+
+void invert_pattern(int icombi, int& ifail) {
+    const std::vector<int> traits = pattern_traits(icombi);
+    pattern_matrix& inverse = residualvars.eei[at(icombi - 1)];
+    double ldet = 0.0;
+    if (!independent_pattern(traits, inverse, ldet)) {
+        const int n = static_cast<int>(traits.size());
+        std::vector<double> w(at(n) * at(n + 1) / 2), kept;
+        for (int i = 1; i <= n; ++i)
+            for (int j = i; j <= n; ++j)
+                w[at(ihmssf(i, j, n) - 1)] = record_covariance(traits[at(i - 1)], traits[at(j - 1)], i == j);
+        kept = w;
+        int rank = 0, negative = 0;
+        gen_inverse(w, n, numbers.zero * 0.01, rank, ldet, &negative);
+        if (rank < n) show_singular(n, rank, icombi, kept);
+        if (rank < n || negative > 0) {
+            inverse = {};
+            ifail = 1;
+            return;
+        }
+        inverse.n = n;
+        inverse.diagonal = false;
+        inverse.v.resize(at(n) * at(n));
+        for (int i = 1; i <= n; ++i)
+            for (int j = i; j <= n; ++j)
+                inverse.v[at(i - 1) + at(j - 1) * at(n)] = inverse.v[at(j - 1) + at(i - 1) * at(n)] =
+                    w[at(ihmssf(i, j, n) - 1)];
+    }
+    residualvars.detres(icombi) = ldet;
+}
+
+void rinv_muv(array<double>& parvec, int& ifail) {
+    auto& r = residualvars;
+    residual_matrices(parvec, ifail);
+    if (!ifail) peq_matrix(parvec, ifail);
+    if (ifail) return;
+    show_residual();
+    std::vector<double> now(r.sigres.begin(), r.sigres.end());
+    now.insert(now.end(), r.sigpeq.begin(), r.sigpeq.end());
+    if (now == r.formed) return;
+    r.formed.clear();
+    r.eei.resize(at(combinations.ncombi));
+    bool told = false; // what was told is told again whenever the same matrices are asked for
+    for (int icombi = 1; icombi <= combinations.ncombi; ++icombi) {
+        invert_pattern(icombi, ifail);
+        if (ifail) return;
+        told = told || has_small_pivot(r.eei[at(icombi - 1)]);
+    }
+    if (!told) r.formed = now;
+}
+
+// Every class must have a positive definite matrix; what the records of a subject make of it is found out with them.
+void rinv_ranreg(array<double>& parvec, int& ifail) {
+    if (model.me_type == "FUN") stop("FUN not yet");
+    if (residualvars.peqsum) tvx_notyet();
+    residual_matrices(parvec, ifail);
+    if (ifail) return;
+    const int nq = numbers.nq;
+    array<double, 2> a, vectors;
+    array<double> eig;
+    a.allocate(nq, nq);
+    for (int step = 1; step <= model.rr_resteps; ++step) {
+        for (int i = 1; i <= nq; ++i)
+            for (int j = i; j <= nq; ++j) a(i, j) = a(j, i) = residualvars.sigres(ihmssf(i, j, nq), step);
+        int nzero = 0;
+        eigem(a, eig, vectors, nq, numbers.zero, nzero);
+        if (nzero > 0) ifail = 1;
+    }
+}
+
+[[noreturn]] void singular_subject(int isubj, int nobs, int rank) {
+    print_list(screen(), "Residual covariance matrix not of full rank !");
+    print_list(screen(), "   Individual no.      =", isubj);
+    print_list(screen(), "   No. of observations =", nobs);
+    print_list(screen(), "   Rank found          =", rank);
+    if (nobs > 1) {
+        print_list(screen(), " ... this could be due to different records with the same");
+        print_list(screen(), "     value of the covariable ... ");
+    }
+    stoptarvex();
+}
+
+bool all_independent(const std::vector<int>& age, const std::vector<int>& iclass) {
+    const int n = datavecs.nobs;
+    for (int i = 1; i <= n; ++i) {
+        const int q = datavecs.ynq(i);
+        if (residualvars.sigres(ihmssf(q, q, numbers.nq), iclass[at(i - 1)]) < small_pivot) return false;
+        for (int j = i + 1; j <= n; ++j)
+            if (age[at(i - 1)] == age[at(j - 1)]) return false;
+    }
+    return true;
+}
+
+} // namespace
+
+void show_combination(int icombi) {
+    std::string line = "      Combination =";
+    for (int k : combinations.nqcombi[at(icombi - 1)]) line += " " + std::to_string(k);
+    print_list(screen(), line);
+}
+
+void rinverse(array<double>& parvec, int, int, int& ifail) {
+    ifail = 0;
+    allocate_residuals();
+    if (model.anal_type == 1 || model.anal_type == 2)
+        rinv_muv(parvec, ifail);
+    else if (model.anal_type == 3)
+        rinv_ranreg(parvec, ifail);
+    else
+        stop("rinverse");
+}
+
+void residual_classes(std::vector<int>& age, std::vector<int>& iclass) {
+    const int n = datavecs.nobs;
+    age.resize(at(n));
+    iclass.resize(at(n));
+    for (int i = 1; i <= n; ++i) {
+        const int iq = datavecs.ynq(i), control = phimat.jjmeta.allocated() ? phimat.jjmeta(iq) : 1;
+        age[at(i - 1)] = datavecs.imeta(control, i);
+        iclass[at(i - 1)] = model.rr_resteps == 1 ? 1 : model.me_run(age[at(i - 1)]);
+    }
+}
+
+void get_rinv_rreg(int isubj, std::vector<double>& zig2, bool& diagonal, double& ldet) {
+    const int n = datavecs.nobs, nq = numbers.nq;
+    std::vector<int> age, iclass;
+    residual_classes(age, iclass);
+    diagonal = all_independent(age, iclass);
+    zig2.clear();
+    ldet = 0.0;
+    if (diagonal) {
+        for (int i = 1; i <= n; ++i) {
+            const int q = datavecs.ynq(i);
+            const double s = residualvars.sigres(ihmssf(q, q, nq), iclass[at(i - 1)]);
+            zig2.push_back(1.0 / s);
+            ldet += std::log(s);
+        }
+        return;
+    }
+    std::vector<double> w(at(n) * at(n + 1) / 2, 0.0);
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j)
+            if (age[at(i - 1)] == age[at(j - 1)])
+                w[at(ihmssf(i, j, n) - 1)] =
+                    residualvars.sigres(packed(datavecs.ynq(i), datavecs.ynq(j), nq), iclass[at(i - 1)]);
+    int rank = 0, negative = 0;
+    gen_inverse(w, n, numbers.zero, rank, ldet, &negative);
+    if (rank < n || negative > 0) singular_subject(isubj, n, rank);
+    zig2.resize(at(n) * at(n));
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j)
+            zig2[at(i - 1) + at(j - 1) * at(n)] = zig2[at(j - 1) + at(i - 1) * at(n)] = w[at(ihmssf(i, j, n) - 1)];
+}
+
+std::vector<int> pattern_traits(int icombi) {
+    std::vector<int> traits;
+    const std::vector<int>& count = combinations.nqcombi[at(icombi - 1)];
+    for (int iq = 1; iq <= numbers.nq; ++iq) traits.insert(traits.end(), at(count[at(iq - 1)]), iq);
+    return traits;
+}
+
+int residual_pars(int iq, int jq, int iclass, bool same, int pars[2]) {
+    const int nq = numbers.nq;
+    int n = 0;
+    if (same || iq != jq) {
+        if (!fixed_at_zero(iclass, iq, jq) && (iq == jq || !model.diagonal(0)))
+            pars[n++] = (iclass - 1) * class_covs() + (model.diagonal(0) ? iq : packed(iq, jq, nq));
+    }
+    if (same || !residualvars.peqsum) return n;
+    const int ipeq = residualvars.ipeq, k = model.kkfit(ipeq);
+    int pi = 0, pj = 0;
+    for (int p = 1; p <= k; ++p) {
+        if (mudmap.rn_trait(p, ipeq) == iq) pi = p;
+        if (mudmap.rn_trait(p, ipeq) == jq) pj = p;
+    }
+    if (pi == 0 || pj == 0) return n;
+    if (model.diagonal(ipeq)) {
+        if (pi == pj) pars[n++] = estimates.nresparm + pi;
+    } else {
+        pars[n++] = estimates.nresparm + packed(pi, pj, k);
+    }
+    return n;
+}
+
+void add_residual_terms(const pattern_matrix& x, std::span<const int> traits, std::span<const int> age,
+                        std::span<const int> iclass, double factor, std::vector<double>& g) {
+    int pars[2];
+    for (int k = 1; k <= x.n; ++k) {
+        const int c = iclass.empty() ? 1 : iclass[at(k - 1)];
+        for (int l = k; l <= (x.diagonal ? k : x.n); ++l) {
+            if (!age.empty() && age[at(k - 1)] != age[at(l - 1)]) continue;
+            const double value = factor * (k == l ? 1.0 : 2.0) * x(k, l);
+            const int n = residual_pars(traits[at(k - 1)], traits[at(l - 1)], c, k == l, pars);
+            for (int p = 0; p < n; ++p) g[at(pars[p] - 1)] += value;
+        }
+    }
+}
+
+} // namespace tarvex

@@ -1,0 +1,63 @@
+// Inverses of the residual covariance matrices: by pattern of records in multivariate analyses, by subject in random
+// regression analyses.
+#pragma once
+#include "support/array.h"
+
+#include <cstddef>
+#include <span>
+#include <vector>
+
+namespace tarvex {
+
+// Symmetric matrix of the order of a pattern; a diagonal one is kept as its diagonal.
+struct pattern_matrix {
+    int n = 0;
+    bool diagonal = false;
+    std::vector<double> v; // n*n by columns, or n
+    double operator()(int i, int j) const {
+        if (diagonal) return i == j ? v[static_cast<std::size_t>(i - 1)] : 0.0;
+        return v[static_cast<std::size_t>(i - 1) + static_cast<std::size_t>(j - 1) * static_cast<std::size_t>(n)];
+    }
+};
+
+struct residualvars_module {
+    int ipeq = 0;                    // block of the PEQ effect, 0 none
+    bool peqsum = false;             // there is one: parvec's block 0 holds the sum of the residual and its matrix
+    array<double> detres;            // (ncombi) log|R| of a pattern; random regression: element 1, summed over subjects
+    std::vector<pattern_matrix> eei; // [icombi-1] R^-1, records sorted by trait
+    array<double, 2> sigres;         // (nq(nq+1)/2, rr_resteps) residual covariances in use, packed, by class
+    array<double> sigpeq;            // (nq(nq+1)/2) PEQ covariances spread over all traits
+    array<double> rpars;             // (nresparm) residual parameters on the natural scale, compared by loglike
+    array<int> fixres;               // (nresparm as covariances: steps times triangle) 1: fixed at zero
+    std::vector<double> formed;      // covariances (residual, PEQ) that eei belongs to
+};
+inline residualvars_module residualvars;
+
+// Residual inverses at parvec (which clamps may change); iopt as of loglike. ifail 1: invalid point.
+void rinverse(array<double>& parvec, int nparm, int iopt, int& ifail);
+
+// Random regression: R^-1 of the subject in datavecs, nobs*nobs by columns or, where it is diagonal, its nobs diagonal
+// elements, and log|R|. Two records of a trait at one value of the control variable stop the run.
+void get_rinv_rreg(int isubj, std::vector<double>& zig2, bool& diagonal, double& ldet);
+
+// Random regression: level of the control variable and residual class of the records of the subject in datavecs.
+void residual_classes(std::vector<int>& age, std::vector<int>& iclass);
+
+// Prints the line with the number of records of each trait in a pattern.
+void show_combination(int icombi);
+
+// Traits of the records of a pattern, in their order.
+std::vector<int> pattern_traits(int icombi);
+
+// Covariances in the residual (and PEQ) block by the parameters of parvec's order, on the covariance scale.
+//   same   k and l are one record
+//   pars   numbers of the parameters whose derivative of R has a 1 at (k,l); components fixed at zero are left out
+// Returns how many there are (at most 2).
+int residual_pars(int iq, int jq, int iclass, bool same, int pars[2]);
+
+// g(par) += sum over k,l of dR(k,l)/dpar * x(k,l) for a symmetric x of the records with these traits (and in random
+// regression analyses these control values and classes). g: nrespeq values.
+void add_residual_terms(const pattern_matrix& x, std::span<const int> traits, std::span<const int> age,
+                        std::span<const int> iclass, double factor, std::vector<double>& g);
+
+} // namespace tarvex

@@ -1,0 +1,525 @@
+#include "parameters/variances.h"
+
+#include "control/filenames.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "data/levels.h"
+#include "dense/numroutines.h"
+#include "estimation/bestpoint.h"
+#include "estimation/estimates.h"
+#include "likelihood/likelihood.h"
+#include "parameters/residualvars.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "support/edit_form.h"
+#include "support/stop.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+#include <vector>
+
+namespace tarvex {
+
+namespace {
+
+constexpr double log_at_start = 0.625; // factor diagonals below it go to the log scale when a block is built
+constexpr double log_in_run = 0.25;    // ... and below it ask for the switch during the iterations
+constexpr double log_low = -9.0, log_high = 22.0;
+constexpr double eigen_floor = 1.0e-4; // smallest eigenvalue of a block on the "Original" scale
+constexpr double pivot_floor = 0.0005; // pivot of its factor when it is smaller than numbers.zero
+
+int triangle(int n) { return n * (n + 1) / 2; }
+int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
+
+// A variance function of the control variable stands for the residual: no covariances of its own.
+bool empty_block(int irand) { return irand == 0 && model.rr_resteps > 1 && model.me_type == "FUN"; }
+
+// Parameters of one step of a block.
+int step_size(int irand) {
+    if (empty_block(irand)) return 0;
+    if (model.diagonal(irand)) return model.kkfit(irand);
+    return model.krfit(irand) * (2 * model.kkfit(irand) - model.krfit(irand) + 1) / 2;
+}
+int step_covs(int irand) {
+    if (empty_block(irand)) return 0;
+    return model.diagonal(irand) ? model.kkfit(irand) : triangle(model.kkfit(irand));
+}
+
+std::string label(const edit_form& form, const std::string& letter, std::initializer_list<int> places) {
+    const std::vector<int> list(places);
+    std::string s = edit(form, letter, list);
+    s.pop_back();
+    return s;
+}
+
+constexpr edit_form covs_form{"(4hCOVS,1x,a,2i2)"};
+constexpr edit_form covs_step_form{"(4hCOVS,1x,a,3i2)"};
+constexpr edit_form chol_form{"(4hCHOL,1x,a,2i2)"};
+constexpr edit_form chol_step_form{"(4hCHOL,1x,a,3i2)"};
+
+std::string block_letter(int irand) { return std::string(1, std::string("ZABCDEFGHIJKLM").at(irand)); }
+
+void count_parameters() {
+    auto& e = estimates;
+    const int krand = numbers.krand;
+    allocate("all nnparm", e.nnparm, krand);
+    e.nparm = e.npeqparm = e.ncov = 0;
+    for (int irand = 0; irand <= krand; ++irand) {
+        e.nnparm(irand) = steps_of(irand) * step_size(irand);
+        e.ncov += steps_of(irand) * step_covs(irand);
+        if (irand == 0) e.nresparm = e.nnparm(0);
+        if (irand > 0 && mudmap.kovrnd(irand) == "PEQ") {
+            e.npeqparm = e.nnparm(irand);
+            residualvars.ipeq = irand;
+            residualvars.peqsum = true;
+        }
+        e.nparm += e.nnparm(irand);
+    }
+    e.nrespeq = e.nresparm + e.npeqparm;
+    e.nother = e.nparm - e.nrespeq;
+    e.ncovall = e.ncov + usrdefcovs.ncovadd;
+}
+
+void allocate_parameters() {
+    auto& e = estimates;
+    const int krand = numbers.krand;
+    allocate("all parname", e.parnames, e.nparm);
+    allocate("all parname", e.covnames, e.ncovall);
+    allocate("all paraform", e.paraform, krand);
+    allocate("all paraform", e.logdiagonals, krand);
+    allocate("all paraform", e.switchlog, krand);
+    allocate("all nnparm", e.parvec, e.nparm);
+    allocate("all nnparm", e.parnew, e.nparm);
+    allocate("all nnparm", e.parbest, e.nparm);
+    allocate("all nnparm", e.logpar, e.nparm);
+    allocate("all nnparm", e.ispar, e.nparm);
+    e.ispar.fill(1);
+    allocate("alloc fixres", residualvars.fixres, steps_of(0) * step_covs(0));
+    int longest = 0;
+    for (int irand = 0; irand <= krand; ++irand) longest = std::max(longest, steps_of(irand) * model.kkfit(irand));
+    allocate("all paraform", e.cholorder, longest, krand);
+    for (int irand = 0; irand <= krand; ++irand) {
+        for (int step = 1; step <= steps_of(irand); ++step)
+            for (int i = 1; i <= model.kkfit(irand); ++i) e.cholorder((step - 1) * model.kkfit(irand) + i, irand) = i;
+        e.logdiagonals(irand) =
+            !options.nologd && (model.diagonal(irand) || options.logdia[static_cast<std::size_t>(std::min(irand, 7))])
+                ? 1
+                : 0;
+    }
+    e.allocated = true;
+}
+
+void choose_scale() {
+    const bool em = options.emalgorithm, pc = options.principal;
+    for (int irand = 0; irand <= numbers.krand; ++irand)
+        estimates.paraform(irand) = em && (irand == 0 || !pc) ? "Original" : pc ? "Cholesky" : "Variance";
+}
+
+void label_parameters() {
+    for (int irand = empty_block(0) ? 1 : 0; irand <= numbers.krand; ++irand) {
+        const bool factor = estimates.paraform(irand) != "Original";
+        const int n = model.kkfit(irand), rank = factor ? model.krfit(irand) : n, steps = steps_of(irand);
+        const std::string letter = block_letter(irand);
+        for (int step = 1; step <= steps; ++step) {
+            int ipar = block_start(irand, step);
+            if (model.diagonal(irand)) {
+                for (int i = 1; i <= n; ++i)
+                    estimates.parnames(ipar++) = label(factor ? chol_form : covs_form, letter, {i, i});
+                continue;
+            }
+            for (int i = 1; i <= rank; ++i)
+                for (int j = i; j <= n; ++j)
+                    estimates.parnames(ipar++) =
+                        steps > 1 ? label(factor ? chol_step_form : covs_step_form, letter, {i, j, step})
+                                  : label(factor ? chol_form : covs_form, letter, {i, j});
+        }
+    }
+}
+
+void label_covariances() {
+    for (int irand = empty_block(0) ? 1 : 0; irand <= numbers.krand; ++irand) {
+        const int n = model.kkfit(irand), steps = steps_of(irand);
+        const std::string letter = block_letter(irand);
+        for (int step = 1; step <= steps; ++step) {
+            int k = cov_start(irand, step);
+            for (int i = 1; i <= n; ++i)
+                for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j)
+                    estimates.covnames(k++) =
+                        steps > 1 ? label(covs_step_form, letter, {i, j, step}) : label(covs_form, letter, {i, j});
+        }
+    }
+    for (int i = 1; i <= usrdefcovs.ncovadd; ++i)
+        estimates.covnames(estimates.ncov + i) = usrdefcovs.addcovname[static_cast<std::size_t>(i - 1)].substr(0, 14);
+}
+
+void write_listofcovs() {
+    constexpr edit_form item{"(i4,2x,a,g20.8)"};
+    if (options.details) print_list(screen(), "Covariances to be estimated & their starting values");
+    text_out out;
+    const bool open = out.open(filenames.covlstfile);
+    std::vector<double> all;
+    for (int irand = empty_block(0) ? 1 : 0; irand <= numbers.krand; ++irand)
+        for (int k = 1; k <= cov_length(irand); ++k) all.push_back(model.cov(k, irand));
+    for (const auto& sum : usrdefcovs.addcov) {
+        double x = 0.0;
+        for (const auto& t : sum)
+            if (t.isig >= 1 && t.isig <= static_cast<int>(all.size()))
+                x += t.factor * all[static_cast<std::size_t>(t.isig - 1)];
+        all.push_back(x);
+    }
+    for (int k = 1; k <= static_cast<int>(all.size()); ++k) {
+        const double x = all[static_cast<std::size_t>(k - 1)];
+        if (open) write(out, item, k, estimates.covnames(k), x);
+        if (options.details) write(screen(), item, k, estimates.covnames(k), x);
+    }
+}
+
+void list_parameters() {
+    constexpr edit_form item{"(i5,2x,a,g20.8)"};
+    if (!options.verbose) return;
+    print_list(screen(), "Parameters to be estimated & their starting values");
+    for (int i = 1; i <= estimates.nparm; ++i) write(screen(), item, i, estimates.parnames(i), estimates.parvec(i));
+}
+
+[[noreturn]] void invalid_start(int irand, int kfit, int row, double pivot) {
+    print_list(screen(), "***** Routine \"CHOLESKY\": negative/small pivot encountered");
+    print_list(screen(), "      Random effect no. =", irand);
+    print_list(screen(), "      No. of effects    =", kfit);
+    print_list(screen(), "      Pivot no.         =", row, pivot);
+    print_list(screen(), "Matrix of starting values is \"invalid\" ");
+    print_list(screen(), " - change, making sure matrix is positive definite !");
+    print_list(screen(), "   (check that UPPER triangle of matrix is given)");
+    stoptarvex();
+}
+
+// Pivoted Cholesky of the packed triangle: factor(i,c) by matrix row i, order(1..n) the pivot order. Returns the step
+// of the first pivot below numbers.zero that floor does not mend (0: none) and that pivot.
+int pivoted_factor(const double* cc, int n, int rank, bool by_size, double floor, double& bad, array<double, 2>& factor,
+                   array<int>& order) {
+    array<double, 2> a;
+    a.allocate(n, n);
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = cc[ihmssf(i, j, n) - 1];
+    factor.allocate(n, rank);
+    for (int c = 1; c <= rank; ++c) {
+        if (by_size) {
+            int at = c;
+            double most = -1.0e10;
+            for (int p = c; p <= n; ++p)
+                if (a(order(p), order(p)) > most) {
+                    most = a(order(p), order(p));
+                    at = p;
+                }
+            std::swap(order(c), order(at));
+        }
+        const int row = order(c);
+        double pivot = a(row, row);
+        if (!(pivot >= numbers.zero)) {
+            bad = pivot;
+            if (floor <= 0.0) return c;
+            pivot = floor;
+        }
+        const double root = std::sqrt(pivot);
+        factor(row, c) = root;
+        for (int p = c + 1; p <= n; ++p) factor(order(p), c) = a(order(p), row) / root;
+        for (int p = c + 1; p <= n; ++p)
+            for (int q = c + 1; q <= n; ++q) a(order(p), order(q)) -= factor(order(p), c) * factor(order(q), c);
+    }
+    return 0;
+}
+
+bool any_fixres() {
+    return std::any_of(residualvars.fixres.begin(), residualvars.fixres.end(), [](int f) { return f != 0; });
+}
+
+// A zero pattern of the residual block survives in its factor only in the order of the traits.
+bool pivot_by_size(int irand) { return estimates.reorder && !(irand == 0 && any_fixres()); }
+
+void block_order(int irand, int step, array<int>& order) {
+    const int n = model.kkfit(irand);
+    order.allocate(n);
+    for (int i = 1; i <= n; ++i) order(i) = estimates.cholorder((step - 1) * n + i, irand);
+}
+void keep_order(int irand, int step, const array<int>& order) {
+    const int n = model.kkfit(irand);
+    for (int i = 1; i <= n; ++i) estimates.cholorder((step - 1) * n + i, irand) = order(i);
+}
+
+void transform_diagonal(int irand, const double* cc, double floor_pivot, array<double>& parvec) {
+    const int n = model.kkfit(irand), from = block_start(irand);
+    if (!options.nologd) estimates.logdiagonals(irand) = 1;
+    for (int i = 1; i <= n; ++i) {
+        double pivot = cc[i - 1];
+        if (!(pivot >= numbers.zero)) {
+            if (floor_pivot <= 0.0) invalid_start(irand, n, i, pivot);
+            pivot = floor_pivot;
+        }
+        const double root = std::sqrt(pivot);
+        estimates.logpar(from + i - 1) = estimates.logdiagonals(irand);
+        parvec(from + i - 1) = estimates.logdiagonals(irand) ? std::log(root) : root;
+    }
+}
+
+// Adds the PEQ matrix, spread over the traits that fit it, to the residual triangle.
+void add_peq(std::vector<double>& res) {
+    const int irand = residualvars.ipeq, n = model.kkfit(irand);
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) {
+            if (model.diagonal(irand) && i != j) continue;
+            const int iq = mudmap.rn_trait(i, irand), jq = mudmap.rn_trait(j, irand);
+            const double b = model.diagonal(irand) ? model.cov(i, irand) : model.cov(ihmssf(i, j, n), irand);
+            res[static_cast<std::size_t>(ihmssf(std::min(iq, jq), std::max(iq, jq), numbers.nq) - 1)] += b;
+        }
+}
+
+void factor_to_matrix(const array<double, 2>& vv, int n, int rank, array<double>& cc) {
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) {
+            double s = 0.0;
+            for (int c = 1; c <= rank; ++c) s += vv(i, c) * vv(j, c);
+            cc(ihmssf(i, j, n)) = s;
+        }
+}
+
+// One diagonal element of a factor from its parameter: clamps, exponential, mark for the switch to logarithms.
+double factor_diagonal(array<double>& parvec, int ipar, int irand) {
+    double& p = parvec(ipar);
+    if (estimates.logdiagonals(irand)) {
+        p = std::clamp(p, log_low, log_high);
+        estimates.logpar(ipar) = 1;
+        return std::exp(p);
+    }
+    const double least = std::sqrt(numbers.zero);
+    if (std::fabs(p) < least) p = p < 0.0 ? -least : least;
+    if (std::fabs(p) < log_in_run && !options.nologd) estimates.switchlog(irand) = 1;
+    return p;
+}
+
+void from_factor(array<double>& parvec, int irand, int step, array<double>& cc, array<double, 2>& vv) {
+    const int n = model.kkfit(irand), rank = model.krfit(irand);
+    int ipar = block_start(irand, step);
+    vv.allocate(n, rank);
+    if (model.diagonal(irand)) {
+        for (int i = 1; i <= rank; ++i) vv(i, i) = factor_diagonal(parvec, ipar++, irand);
+    } else {
+        array<int> order;
+        block_order(irand, step, order);
+        for (int c = 1; c <= rank; ++c) {
+            vv(order(c), c) = factor_diagonal(parvec, ipar++, irand);
+            for (int r = c + 1; r <= n; ++r) vv(order(r), c) = parvec(ipar++);
+        }
+    }
+    factor_to_matrix(vv, n, rank, cc);
+}
+
+// Raises eigenvalues below the floor, in the matrix only.
+void raise_eigenvalues(array<double>& cc, int n) {
+    array<double, 2> a, vectors;
+    array<double> eig;
+    a.allocate(n, n);
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = cc(ihmssf(i, j, n));
+    int nzero = 0;
+    eigem(a, eig, vectors, n, eigen_floor, nzero);
+    if (nzero == 0) return;
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) {
+            double s = 0.0;
+            for (int k = 1; k <= n; ++k) s += vectors(i, k) * vectors(j, k) * std::max(eig(k), eigen_floor);
+            cc(ihmssf(i, j, n)) = s;
+        }
+}
+
+void from_original(array<double>& parvec, int irand, int step, array<double>& cc, array<double, 2>& vv) {
+    const int n = model.kkfit(irand), from = block_start(irand, step);
+    if (model.diagonal(irand)) {
+        cc.fill(0.0);
+        vv.allocate(n, n);
+        for (int i = 1; i <= n; ++i) {
+            double v = parvec(from + i - 1);
+            if (!options.blup) v = std::max(v, eigen_floor);
+            cc(ihmssf(i, i, n)) = v;
+            vv(i, i) = std::sqrt(std::max(v, 0.0));
+        }
+        return;
+    }
+    for (int k = 1; k <= triangle(n); ++k) cc(k) = parvec(from + k - 1);
+    if (!options.blup) raise_eigenvalues(cc, n);
+    array<int> order;
+    order.allocate(n);
+    for (int i = 1; i <= n; ++i) order(i) = i;
+    double bad = 0.0;
+    pivoted_factor(cc.data(), n, n, true, pivot_floor, bad, vv, order);
+}
+
+bool occur_together(int i, int j) { return means.pairs(ihmssf(std::min(i, j), std::max(i, j), numbers.nq)) > 0; }
+
+// True if trait i or j of a flagged pair is recorded together with a trait before it.
+bool linked_to_earlier(int i, int j) {
+    for (int k = 1; k < j; ++k) {
+        if (k < i && occur_together(k, i)) return true;
+        if (k != i && occur_together(k, j)) return true;
+    }
+    return false;
+}
+
+} // namespace
+
+int block_start(int irand, int step) {
+    const auto& e = estimates;
+    const int within = (step - 1) * step_size(irand) + 1;
+    if (irand == 0) return within;
+    if (irand == residualvars.ipeq) return e.nresparm + within;
+    int from = e.nrespeq;
+    for (int k = 1; k < irand; ++k)
+        if (k != residualvars.ipeq) from += e.nnparm(k);
+    return from + within;
+}
+
+int cov_start(int irand, int step) {
+    int from = 0;
+    for (int k = 0; k < irand; ++k) from += steps_of(k) * step_covs(k);
+    return from + (step - 1) * step_covs(irand) + 1;
+}
+
+void transform_covs(int irand, const double* cc, double floor_pivot, array<double>& parvec) {
+    if (empty_block(irand)) return;
+    const int n = model.kkfit(irand), rank = model.krfit(irand), steps = steps_of(irand);
+    if (estimates.paraform(irand) == "Original") {
+        const int length = steps * step_covs(irand), from = block_start(irand);
+        for (int k = 0; k < length; ++k) {
+            parvec(from + k) = cc[k];
+            estimates.logpar(from + k) = 0;
+        }
+        array<int> order;
+        order.allocate(n);
+        array<double, 2> factor;
+        double bad = 0.0;
+        // The user's matrices must be positive definite.
+        for (int step = 1; step <= steps && floor_pivot <= 0.0 && !options.blup; ++step) {
+            for (int i = 1; i <= n; ++i) order(i) = i;
+            const double* one = cc + (step - 1) * step_covs(irand);
+            if (model.diagonal(irand)) {
+                for (int i = 1; i <= n; ++i)
+                    if (!(one[i - 1] >= numbers.zero)) invalid_start(irand, n, i, one[i - 1]);
+            } else if (const int at = pivoted_factor(one, n, n, true, 0.0, bad, factor, order); at > 0)
+                invalid_start(irand, n, at, bad);
+        }
+        return;
+    }
+    if (model.diagonal(irand)) return transform_diagonal(irand, cc, floor_pivot, parvec);
+
+    std::vector<array<double, 2>> factors(static_cast<std::size_t>(steps));
+    bool small = false;
+    for (int step = 1; step <= steps; ++step) {
+        auto& factor = factors[static_cast<std::size_t>(step - 1)];
+        array<int> order;
+        block_order(irand, step, order);
+        if (irand == 0 && any_fixres())
+            for (int i = 1; i <= n; ++i) order(i) = i;
+        double bad = 0.0;
+        const int at = pivoted_factor(cc + (step - 1) * step_covs(irand), n, rank, pivot_by_size(irand), floor_pivot,
+                                      bad, factor, order);
+        if (at > 0) invalid_start(irand, n, at, bad);
+        keep_order(irand, step, order);
+        for (int c = 1; c <= rank; ++c) small = small || std::fabs(factor(order(c), c)) < log_at_start;
+    }
+    if (small && !options.nologd) estimates.logdiagonals(irand) = 1;
+    for (int step = 1; step <= steps; ++step) {
+        const auto& factor = factors[static_cast<std::size_t>(step - 1)];
+        array<int> order;
+        block_order(irand, step, order);
+        int ipar = block_start(irand, step);
+        for (int c = 1; c <= rank; ++c)
+            for (int r = c; r <= n; ++r, ++ipar) {
+                const bool log = r == c && estimates.logdiagonals(irand);
+                estimates.logpar(ipar) = log ? 1 : 0;
+                parvec(ipar) = log ? std::log(factor(order(c), c)) : factor(order(r), c);
+            }
+    }
+}
+
+void parvec2covs(array<double>& parvec, int irand, int step, array<double>& cc, array<double, 2>& vv, int& ifail) {
+    ifail = 0;
+    const int n = model.kkfit(irand);
+    cc.allocate(triangle(n));
+    if (step == 1) estimates.switchlog(irand) = 0;
+    if (estimates.paraform(irand) == "Original")
+        from_original(parvec, irand, step, cc, vv);
+    else
+        from_factor(parvec, irand, step, cc, vv);
+    if (irand == 0)
+        for (int k = 1; k <= step_covs(0); ++k)
+            if (residualvars.fixres((step - 1) * step_covs(0) + k)) cc(k) = 0.0;
+    for (double x : cc)
+        if (!std::isfinite(x)) ifail = 1;
+}
+
+void fixresvars(bool first) {
+    (void)first;
+    if (options.bestonly || empty_block(0)) return;
+    const int n = model.kkfit(0);
+    bool original = false;
+    for (int step = 1; step <= steps_of(0); ++step)
+        for (int i = 1; i <= n; ++i)
+            for (int j = i; j <= n; ++j) {
+                const int k = (step - 1) * step_covs(0) + ihmssf(i, j, n);
+                const bool never = j > i && n == numbers.nq && !occur_together(i, j);
+                if (never) model.cov(k, 0) = 0.0;
+                const bool fixed = never || model.cov(k, 0) == 0.0;
+                residualvars.fixres(k) = fixed ? 1 : 0;
+                if (fixed && j > i && linked_to_earlier(i, j)) original = true;
+            }
+    if (original && !options.forchol) estimates.paraform(0) = "Original";
+    if (estimates.paraform(0) == "Original")
+        for (int k = 1; k <= estimates.nresparm; ++k) estimates.ispar(k) = residualvars.fixres(k) ? 0 : 1;
+}
+
+void switch_to_logs(int irand) {
+    const int n = model.kkfit(irand), rank = model.krfit(irand);
+    for (array<double>* p : {&estimates.parvec, &estimates.parbest})
+        for (int step = 1; step <= steps_of(irand); ++step) {
+            int ipar = block_start(irand, step);
+            for (int c = 1; c <= rank; ++c) {
+                const int below = model.diagonal(irand) ? 0 : n - c;
+                double& d = (*p)(ipar);
+                if (d < 0.0)
+                    for (int r = 0; r <= below; ++r) (*p)(ipar + r) = -(*p)(ipar + r);
+                d = std::log(std::max(std::fabs(d), std::sqrt(numbers.zero)));
+                estimates.logpar(ipar) = 1;
+                ipar += below + 1;
+            }
+        }
+    estimates.logdiagonals(irand) = 1;
+    forget_likelihoods();
+}
+
+void covs2parvec() {
+    const bool first = !estimates.allocated;
+    if (first) {
+        count_parameters();
+        allocate_parameters();
+        label_covariances();
+        if (options.continew || options.bestonly) readbestpoint(false);
+        if (options.bestonly) estimates.xbest = estimates.xlike_file;
+    }
+    choose_scale();
+    estimates.logpar.fill(0);
+    fixresvars(first);
+    label_parameters();
+    const double floor_pivot = estimates.from_best ? numbers.zero : 0.0;
+    for (int irand = 0; irand <= numbers.krand; ++irand) {
+        std::vector<double> cc(model.cov.column(irand).begin(), model.cov.column(irand).end());
+        if (irand == 0 && residualvars.peqsum) add_peq(cc);
+        transform_covs(irand, cc.data(), floor_pivot, estimates.parvec);
+    }
+    estimates.parbest = estimates.parvec;
+    estimates.switchlog.fill(0); // asked for by the vector that has been replaced
+    forget_likelihoods();
+    write_listofcovs();
+    list_parameters();
+}
+
+} // namespace tarvex

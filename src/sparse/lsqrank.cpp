@@ -1,0 +1,378 @@
+#include "sparse/lsqrank.h"
+
+#include "sparse/orderings.h"
+#include "sparse/symbfact.h"
+#include "support/array.h"
+#include "support/stop.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <new>
+#include <numeric>
+#include <queue>
+#include <utility>
+
+namespace tarvex {
+
+namespace {
+
+std::size_t hash(std::uint64_t key) { return static_cast<std::size_t>((key * 0x9E3779B97F4A7C15U) >> 20); }
+
+// A = U'D^-1U by rows in elimination order, from 1: row k holds its pivot and its elements x behind the diagonal, not
+// divided.
+struct lsq_factor {
+    int n = 0;
+    std::vector<int> eq; // (n+1) equation of each row
+    array<int> ixvec1, ixvec2, ixsub;
+    int maxlnz = 0, maxsub = 0;
+    std::vector<double> x;     // (maxlnz)
+    std::vector<double> pivot; // (n+1)
+    std::vector<double> rhs;   // (n+1) reduced
+    std::vector<int> out;      // (n+1) 1: pivot below the limit, row not used
+
+    int sub(int row, int place) const { return ixsub(ixvec2(row) + place - ixvec1(row)); }
+};
+
+// Structure of the rows `eq` in the given order, with the coefficients in their places.
+void lay_out(lsq_factor& f, const normal_equations& a) {
+    std::vector<int> place(static_cast<std::size_t>(a.n), 0);
+    for (int k = 1; k <= f.n; ++k) place[f.eq[k]] = k;
+    array<int> xadj, adjncy;
+    xadj.allocate(f.n + 1);
+    auto each = [&](auto visit) {
+        for (int i = 0; i < a.n; ++i)
+            for (auto k = a.start[i]; place[i] > 0 && k < a.start[i + 1]; ++k)
+                if (const int j = place[a.col[k]]; j > 0)
+                    visit(std::min(place[i], j), std::max(place[i], j), a.value[k]);
+    };
+    each([&](int low, int, double) { ++xadj(low + 1); });
+    xadj(1) = 1;
+    for (int i = 1; i <= f.n; ++i) xadj(i + 1) += xadj(i);
+    adjncy.allocate(xadj(f.n + 1) - 1);
+    array<int> next = xadj;
+    each([&](int low, int high, double) { adjncy(next(low)++) = high; });
+    int flag = 0;
+    ssmbfct(f.n, xadj, adjncy, {}, {}, f.ixvec1, f.maxlnz, f.ixvec2, f.ixsub, f.maxsub, flag);
+    if (flag != 0) stop("alloc zhz");
+    f.x.assign(static_cast<std::size_t>(f.maxlnz), 0.0);
+    each([&](int low, int high, double value) {
+        const int c = f.ixvec1(low + 1) - f.ixvec1(low);
+        const int* first = f.ixsub.data() + f.ixvec2(low) - 1;
+        const auto at = std::lower_bound(first, first + c, high) - first;
+        f.x[static_cast<std::size_t>(f.ixvec1(low) - 1 + at)] = value;
+    });
+}
+
+// Elimination row by row; a row gathers the updates of all rows in front of it that reach its column.
+void eliminate(lsq_factor& f, const normal_equations& a, double limit) {
+    const auto n = static_cast<std::size_t>(f.n) + 1;
+    f.pivot.assign(n, 0.0);
+    f.rhs.assign(n, 0.0);
+    f.out.assign(n, 0);
+    std::vector<double> temp(n, 0.0);
+    std::vector<int> link(n, 0), first(n, 0); // rows by the column that they reach next, and their place there
+    for (int j = 1; j <= f.n; ++j) {
+        double dia = a.diag[f.eq[j]], rhs = a.rhs[f.eq[j]];
+        for (int k = link[j], next; k > 0; k = next) {
+            next = link[k];
+            const int p = first[k], end = f.ixvec1(k + 1);
+            const double xj = f.x[p - 1], t = -xj / f.pivot[k];
+            dia += t * xj;
+            rhs += t * f.rhs[k];
+            const int* sub = f.ixsub.data() + f.ixvec2(k) - 1 - f.ixvec1(k);
+            for (int q = p + 1; q < end; ++q) temp[sub[q]] += t * f.x[q - 1];
+            if (p + 1 < end) {
+                first[k] = p + 1;
+                link[k] = std::exchange(link[sub[p + 1]], k);
+            }
+        }
+        for (int q = f.ixvec1(j); q < f.ixvec1(j + 1); ++q) f.x[q - 1] += std::exchange(temp[f.sub(j, q)], 0.0);
+        f.pivot[j] = dia;
+        f.rhs[j] = rhs;
+        f.out[j] = dia < limit ? 1 : 0;
+        if (f.out[j] == 0 && f.ixvec1(j) < f.ixvec1(j + 1)) {
+            first[j] = f.ixvec1(j);
+            link[j] = std::exchange(link[f.sub(j, first[j])], j);
+        }
+    }
+}
+
+lsq_factor factorise(const normal_equations& a, std::vector<int> eq, double limit) {
+    lsq_factor f;
+    f.n = static_cast<int>(eq.size()) - 1;
+    f.eq = std::move(eq);
+    try {
+        lay_out(f, a);
+        eliminate(f, a, limit);
+    } catch (const std::bad_alloc&) {
+        stop("alloc zhz");
+    }
+    return f;
+}
+
+// Solutions by equation, 0 for rows that were not used.
+std::vector<double> back_solution(const lsq_factor& f, int n) {
+    std::vector<double> xsol(static_cast<std::size_t>(n), 0.0);
+    for (int j = f.n; j >= 1; --j) {
+        if (f.out[j]) continue;
+        double s = f.rhs[j];
+        for (int q = f.ixvec1(j); q < f.ixvec1(j + 1); ++q) s -= f.x[q - 1] * xsol[f.eq[f.sub(j, q)]];
+        xsol[f.eq[j]] = s / f.pivot[j];
+    }
+    return xsol;
+}
+
+// True if a pivot leaves doubt whether it vanishes, or would in another order.
+bool unclear(const lsq_factor& f, const normal_equations& a, double limit) {
+    for (int j = 1; j <= f.n; ++j) {
+        const double p = f.pivot[j], d = a.diag[f.eq[j]];
+        if (f.out[j] ? std::fabs(p) > 1.0e-11 * d : p < 1.0e4 * limit || p < 1.0e-9 * d) return true;
+    }
+    return false;
+}
+
+// Null vector in terms of equations scaled to unit diagonal, descending equations.
+struct null_vector {
+    std::vector<std::pair<int, double>> element;
+    double pivot = 0.0, diagonal = 0.0; // of the row from which it was made
+};
+
+// Rows that hold an element of each column, and its place.
+struct column_lists {
+    std::vector<std::size_t> start;
+    std::vector<std::pair<int, int>> row_place;
+};
+column_lists columns(const lsq_factor& f) {
+    column_lists c;
+    c.start.assign(static_cast<std::size_t>(f.n) + 2, 0);
+    c.row_place.resize(f.x.size());
+    auto each = [&](auto visit) {
+        for (int k = 1; k <= f.n; ++k)
+            for (int q = f.ixvec1(k); f.out[k] == 0 && q < f.ixvec1(k + 1); ++q) visit(f.sub(k, q), k, q);
+    };
+    each([&](int col, int, int) { ++c.start[col + 1]; });
+    std::partial_sum(c.start.begin(), c.start.end(), c.start.begin());
+    auto next = c.start;
+    each([&](int col, int k, int q) { c.row_place[next[col]++] = {k, q}; });
+    return c;
+}
+
+// One null vector for each row that was not used: 1 there, 0 at the other ones, the rest by back substitution, which
+// visits only what is not zero.
+std::vector<null_vector> null_vectors(const lsq_factor& f, const normal_equations& a) {
+    constexpr double negligible = 1.0e-12;
+    const column_lists cols = columns(f);
+    std::vector<double> v(static_cast<std::size_t>(f.n) + 1, 0.0);
+    std::vector<int> waiting(v.size(), 0);
+    std::vector<null_vector> all;
+    std::priority_queue<int> rows;
+    for (int p = 1; p <= f.n; ++p) {
+        if (!f.out[p]) continue;
+        null_vector w;
+        w.pivot = f.pivot[p];
+        w.diagonal = a.diag[f.eq[p]];
+        v[p] = 1.0 / std::sqrt(w.diagonal);
+        for (rows.push(p); !rows.empty(); rows.pop()) {
+            const int i = rows.top();
+            waiting[i] = 0;
+            double vi = std::exchange(v[i], 0.0);
+            if (i != p) vi /= -f.pivot[i];
+            const double wi = vi * std::sqrt(a.diag[f.eq[i]]);
+            if (std::fabs(wi) > negligible) {
+                w.element.emplace_back(f.eq[i], wi);
+                for (std::size_t k = cols.start[i]; k < cols.start[i + 1]; ++k) {
+                    const auto [row, place] = cols.row_place[k];
+                    v[row] += vi * f.x[place - 1];
+                    if (!std::exchange(waiting[row], 1)) rows.push(row);
+                }
+            }
+        }
+        std::sort(w.element.rbegin(), w.element.rend());
+        all.push_back(std::move(w));
+    }
+    return all;
+}
+
+void drop_small(null_vector& w) {
+    std::erase_if(w.element, [](const auto& e) { return std::fabs(e.second) < 1.0e-8; });
+}
+
+// w -= t u for descending elements; the leading ones cancel.
+void subtract(null_vector& w, const null_vector& u) {
+    const double t = w.element.front().second / u.element.front().second;
+    std::vector<std::pair<int, double>> sum;
+    auto i = w.element.begin() + 1;
+    for (auto j = u.element.begin() + 1; j != u.element.end(); ++j) {
+        for (; i != w.element.end() && i->first > j->first; ++i) sum.push_back(*i);
+        if (i != w.element.end() && i->first == j->first)
+            sum.emplace_back(j->first, i++->second - t * j->second);
+        else
+            sum.emplace_back(j->first, -t * j->second);
+    }
+    sum.insert(sum.end(), i, w.element.end());
+    w.element = std::move(sum);
+    drop_small(w);
+}
+
+// Echelon form: no two vectors end in the same equation. Returned by that equation, descending; fewer vectors than
+// given mean that they were not told apart.
+std::vector<null_vector> echelon(std::vector<null_vector> all, int n) {
+    std::vector<std::vector<null_vector>> ending(static_cast<std::size_t>(n));
+    auto file = [&](null_vector&& w) {
+        if (!w.element.empty()) ending[w.element.front().first].push_back(std::move(w));
+    };
+    for (auto& w : all) {
+        drop_small(w);
+        file(std::move(w));
+    }
+    std::vector<null_vector> result;
+    for (int j = n - 1; j >= 0; --j) {
+        auto& here = ending[j];
+        if (here.empty()) continue;
+        const auto largest = std::max_element(here.begin(), here.end(), [](const auto& a, const auto& b) {
+            return std::fabs(a.element.front().second) < std::fabs(b.element.front().second);
+        });
+        std::swap(*largest, here.front());
+        for (std::size_t k = 1; k < here.size(); ++k) {
+            subtract(here[k], here.front());
+            file(std::move(here[k]));
+        }
+        result.push_back(std::move(here.front()));
+        here.clear();
+    }
+    return result;
+}
+
+// An element of a null vector is uncertain by about the root of the pivot that did not quite vanish, relative to its
+// diagonal. True if an equation is chosen by an element that may be nothing but that.
+bool doubtful(const std::vector<null_vector>& vectors) {
+    double noise = 0.0;
+    for (const auto& w : vectors) noise = std::max(noise, 100.0 * std::sqrt(std::fabs(w.pivot) / w.diagonal));
+    return std::any_of(vectors.begin(), vectors.end(), [&](const auto& w) {
+        double largest = 0.0;
+        for (const auto& e : w.element) largest = std::max(largest, std::fabs(e.second));
+        return std::fabs(w.element.front().second) < noise * largest;
+    });
+}
+
+// Moves the solutions to those in which the last equation of every null vector is 0.
+void bring_to(std::vector<double>& xsol, const std::vector<null_vector>& vectors, const std::vector<double>& diag) {
+    for (const auto& w : vectors) {
+        const auto [j, wj] = w.element.front();
+        const double t = xsol[j] * std::sqrt(diag[j]) / wj;
+        for (const auto& [i, wi] : w.element) xsol[i] -= t * wi / std::sqrt(diag[i]);
+        xsol[j] = 0.0;
+    }
+}
+
+// Equations that take part, in a fill-reducing order.
+std::vector<int> fill_reducing_order(const normal_equations& a, const std::vector<int>& part) {
+    const int n = static_cast<int>(part.size());
+    std::vector<int> local(static_cast<std::size_t>(a.n), -1), start{0}, adjacent;
+    for (int k = 0; k < n; ++k) local[part[k]] = k;
+    for (int i : part) {
+        for (auto k = a.start[i]; k < a.start[i + 1]; ++k)
+            if (local[a.col[k]] >= 0) adjacent.push_back(local[a.col[k]]);
+        start.push_back(static_cast<int>(adjacent.size()));
+    }
+    array<int> ivperm, invprm;
+    amd_permutation(n, start.data(), adjacent.data(), ivperm, invprm);
+    std::vector<int> eq{0};
+    for (int p : ivperm) eq.push_back(part[p - 1]);
+    return eq;
+}
+
+} // namespace
+
+normal_equations::normal_equations(int size)
+    : n(size), diag(static_cast<std::size_t>(size), 0.0), rhs(static_cast<std::size_t>(size), 0.0), key_(1024, 0),
+      sum_(1024, 0.0) {}
+
+void normal_equations::add(int i, int j, double x) {
+    if (2 * used_ > key_.size()) grow();
+    const auto row = static_cast<std::uint64_t>(std::min(i, j)), column = static_cast<std::uint64_t>(std::max(i, j));
+    const std::uint64_t key = (row << 32U) | column; // never 0, as column > row
+    std::size_t at = hash(key) & (key_.size() - 1);
+    while (key_[at] != 0 && key_[at] != key) at = (at + 1) & (key_.size() - 1);
+    if (key_[at] == 0) {
+        key_[at] = key;
+        ++used_;
+    }
+    sum_[at] += x;
+}
+
+void normal_equations::grow() {
+    const auto keys = std::move(key_);
+    const auto sums = std::move(sum_);
+    key_.assign(2 * keys.size(), 0);
+    sum_.assign(2 * keys.size(), 0.0);
+    for (std::size_t k = 0; k < keys.size(); ++k) {
+        if (keys[k] == 0) continue;
+        std::size_t at = hash(keys[k]) & (key_.size() - 1);
+        while (key_[at] != 0) at = (at + 1) & (key_.size() - 1);
+        key_[at] = keys[k];
+        sum_[at] = sums[k];
+    }
+}
+
+void normal_equations::finish() {
+    if (used_ >= INT_MAX) stop("alloc zhz");
+    std::vector<std::pair<std::uint64_t, double>> all;
+    all.reserve(used_);
+    for (std::size_t k = 0; k < key_.size(); ++k)
+        if (key_[k] != 0) all.emplace_back(key_[k], sum_[k]);
+    key_ = {};
+    sum_ = {};
+    std::sort(all.begin(), all.end());
+    start.assign(static_cast<std::size_t>(n) + 1, 0);
+    for (const auto& [key, x] : all) {
+        ++start[(key >> 32U) + 1];
+        col.push_back(static_cast<int>(key & 0xFFFFFFFFU));
+        value.push_back(x);
+    }
+    std::partial_sum(start.begin(), start.end(), start.begin());
+}
+
+lsq_rank natural_rank(const normal_equations& a, const std::vector<int>& out, double limit) {
+    std::vector<int> eq{0};
+    for (int i = 0; i < a.n; ++i)
+        if (!out[i]) eq.push_back(i);
+    const lsq_factor f = factorise(a, std::move(eq), limit);
+    lsq_rank r;
+    r.natural = true;
+    r.elements = f.maxlnz;
+    for (int j = 1; j <= f.n; ++j)
+        if (f.out[j])
+            r.dependent.push_back({f.eq[j], f.pivot[j]});
+        else
+            ++r.rank;
+    r.xsol = back_solution(f, a.n);
+    return r;
+}
+
+lsq_rank fast_rank(const normal_equations& a, const std::vector<int>& out, double limit) {
+    lsq_rank r;
+    std::vector<int> part;
+    for (int i = 0; i < a.n; ++i) {
+        if (out[i]) continue;
+        if (a.diag[i] == 0.0)
+            r.dependent.push_back({i, 0.0}); // no records
+        else
+            part.push_back(i);
+    }
+    const lsq_factor f = factorise(a, fill_reducing_order(a, part), limit);
+    if (unclear(f, a, limit)) return natural_rank(a, out, limit);
+    const auto vanished = static_cast<std::size_t>(std::count(f.out.begin(), f.out.end(), 1));
+    const auto vectors = echelon(null_vectors(f, a), a.n);
+    if (vectors.size() != vanished || doubtful(vectors)) return natural_rank(a, out, limit);
+    r.rank = f.n - static_cast<int>(vanished);
+    r.elements = f.maxlnz;
+    r.xsol = back_solution(f, a.n);
+    bring_to(r.xsol, vectors, a.diag);
+    for (const auto& w : vectors) r.dependent.push_back({w.element.front().first, w.pivot});
+    std::sort(r.dependent.begin(), r.dependent.end(), [](const auto& x, const auto& y) { return x.row < y.row; });
+    return r;
+}
+
+} // namespace tarvex

@@ -1,0 +1,246 @@
+#include "sparse/supernodes.h"
+
+#include "control/numbers.h"
+#include "sparse/dense_kernels.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <numeric>
+
+namespace tarvex {
+
+namespace {
+
+supernode_tree tree;
+std::uint64_t tree_structure = 0; // fingerprint of the structure that tree belongs to, 0: none
+
+std::uint64_t fingerprint() {
+    std::uint64_t h = 1469598103934665603u;
+    auto mix = [&](std::uint64_t v) { h = (h ^ v) * 1099511628211u + (h >> 29); };
+    mix(static_cast<std::uint64_t>(numbers.nsrow));
+    for (int i = 1; i <= numbers.nsrow; ++i) {
+        mix(static_cast<std::uint64_t>(sparse.ixvec1(i + 1)));
+        mix(static_cast<std::uint64_t>(sparse.ixvec2(i)));
+    }
+    for (int q = 1; q <= sparse.maxsub; ++q) mix(static_cast<std::uint64_t>(sparse.ixsub(q)));
+    return h | 1u;
+}
+
+// A supernode while the partition is made.
+struct cluster {
+    int width, below; // columns and rows below them
+    int parent;       // -1: root
+    int into;         // cluster that this one has been merged into, itself if none
+    double gain;      // work space of the merging
+};
+
+// Time of a panel in nanoseconds: a share for each panel and its elements, the update matrix (stored once, added once
+// to the parent's), and multiplications.
+double panel_time(double width, double below) {
+    const double m = width + below;
+    return 400.0 + 1.5 * m * width + 0.6 * below * below + (m * m * m - below * below * below) / 6.0 / 14.0;
+}
+
+// Columns whose patterns are nested without a gap. Returns the cluster of each column (from 1).
+std::vector<int> nested_columns(std::vector<cluster>& clusters) {
+    const int n = numbers.nsrow;
+    std::vector<int> of(n + 1, -1), continued(n + 1, 0);
+    for (int j = 1; j <= n; ++j) {
+        if (of[j] < 0) {
+            of[j] = static_cast<int>(clusters.size());
+            clusters.push_back({0, 0, -1, of[j], 0.0});
+        }
+        cluster& c = clusters[of[j]];
+        ++c.width;
+        c.below = rows_below(j);
+        if (c.below == 0) continue;
+        const int p = *row_list(j);
+        if (p == n || continued[p] || rows_below(p) + 1 != c.below) continue;
+        continued[p] = 1;
+        of[p] = of[j];
+    }
+    for (int j = 1; j <= n; ++j) // the last column of a cluster has its first row in the parent
+        if (rows_below(j) > 0 && of[*row_list(j)] != of[j]) clusters[of[j]].parent = of[*row_list(j)];
+    return of;
+}
+
+// Children of each cluster as lists, by the clusters' last columns ascending.
+struct child_lists {
+    std::vector<int> first, next;
+};
+child_lists list_children(const std::vector<cluster>& clusters) {
+    child_lists c;
+    c.first.assign(clusters.size(), -1);
+    c.next.assign(clusters.size(), -1);
+    for (int s = static_cast<int>(clusters.size()) - 1; s >= 0; --s)
+        if (clusters[s].parent >= 0) {
+            c.next[s] = c.first[clusters[s].parent];
+            c.first[clusters[s].parent] = s;
+        }
+    return c;
+}
+
+// Merges children into parents where that saves time; `bottom_up` has children before parents.
+void merge_clusters(std::vector<cluster>& clusters, const std::vector<int>& bottom_up, int last) {
+    const child_lists lists = list_children(clusters);
+    std::vector<int> children;
+    for (int p : bottom_up) {
+        if (p == last) continue;
+        children.clear();
+        for (int c = lists.first[p]; c >= 0; c = lists.next[c]) children.push_back(c);
+        std::sort(children.begin(), children.end(), [&](int a, int b) {
+            return clusters[a].below != clusters[b].below ? clusters[a].below > clusters[b].below : a > b;
+        });
+        cluster& to = clusters[p];
+        for (int c : children) {
+            const cluster& of = clusters[c];
+            const double apart = panel_time(of.width, of.below) + panel_time(to.width, to.below);
+            if (panel_time(of.width + to.width, to.below) > apart) continue;
+            to.width += of.width;
+            clusters[c].into = p;
+        }
+    }
+}
+
+int final_cluster(std::vector<cluster>& clusters, int s) {
+    int root = s;
+    while (clusters[root].into != root) root = clusters[root].into;
+    for (int next; s != root; s = next) {
+        next = clusters[s].into;
+        clusters[s].into = root;
+    }
+    return root;
+}
+
+// Postorder of the tree of clusters, the child that needs most space above what it leaves coming first.
+std::vector<int> postorder(const std::vector<cluster>& clusters, const std::vector<int>& bottom_up) {
+    const std::size_t ns = clusters.size();
+    child_lists lists = list_children(clusters);
+    std::vector<double> need(ns, 0.0), left(ns, 0.0);
+    std::vector<int> children, roots, result, stack;
+    for (int s : bottom_up) {
+        if (clusters[s].into != s) continue;
+        left[s] = static_cast<double>(triangle_size(clusters[s].below));
+        children.clear();
+        for (int c = lists.first[s]; c >= 0; c = lists.next[c]) children.push_back(c);
+        std::sort(children.begin(), children.end(), [&](int a, int b) {
+            const double da = need[a] - left[a], db = need[b] - left[b];
+            return da != db ? da > db : a < b;
+        });
+        double held = 0.0;
+        lists.first[s] = children.empty() ? -1 : children.front();
+        for (std::size_t i = 0; i < children.size(); ++i) {
+            lists.next[children[i]] = i + 1 < children.size() ? children[i + 1] : -1;
+            need[s] = std::max(need[s], held + need[children[i]]);
+            held += left[children[i]];
+        }
+        need[s] = std::max(need[s], held + left[s]);
+        if (clusters[s].parent < 0) roots.push_back(s);
+    }
+    std::vector<int> next = lists.first; // child to be visited next
+    for (int root : roots) {
+        stack.push_back(root);
+        while (!stack.empty()) {
+            const int s = stack.back(), c = next[s];
+            if (c >= 0) {
+                next[s] = lists.next[c];
+                stack.push_back(c);
+            } else {
+                result.push_back(s);
+                stack.pop_back();
+            }
+        }
+    }
+    return result;
+}
+
+// Space that the passes up and down the tree take.
+void find_space() {
+    const int ns = static_cast<int>(tree.parent.size());
+    std::ptrdiff_t held[2]{};
+    auto below_of = [&](int s) { return rows_below(tree.order[tree.start[s + 1] - 1]); };
+    for (int s = 0; s < ns; ++s) {
+        const int width = tree.start[s + 1] - tree.start[s], below = below_of(s), odd = tree.level[s] % 2;
+        const std::ptrdiff_t update = large_front(width, below) ? 0 : triangle_size(below);
+        tree.rows = std::max(tree.rows, width + below);
+        tree.width = std::max(tree.width, width);
+        tree.inverse = std::max(tree.inverse, triangle_size(below));
+        tree.triangles[odd] = std::max(tree.triangles[odd], held[odd] + update);
+        if (!updates_at_once(tree, s))
+            for (int c = tree.child[s]; c >= 0; c = tree.sibling[c])
+                if (!large_front(tree.start[c + 1] - tree.start[c], below_of(c)))
+                    held[1 - odd] -= triangle_size(below_of(c));
+        if (tree.parent[s] >= 0 && !updates_at_once(tree, tree.parent[s])) held[odd] += update;
+    }
+}
+
+void make_tree() {
+    tree = {};
+    const int n = numbers.nsrow;
+    if (n == 0) return;
+    tree.operations = factor_operations();
+    std::vector<cluster> clusters;
+    const std::vector<int> of = nested_columns(clusters);
+    const int nc = static_cast<int>(clusters.size());
+    std::vector<int> last(nc, 0), bottom_up(nc);
+    for (int j = 1; j <= n; ++j) last[of[j]] = j;
+    std::iota(bottom_up.begin(), bottom_up.end(), 0);
+    std::sort(bottom_up.begin(), bottom_up.end(), [&](int a, int b) { return last[a] < last[b]; });
+    merge_clusters(clusters, bottom_up, of[n]);
+    for (int s = 0; s < nc; ++s)
+        if (clusters[s].into == s && clusters[s].parent >= 0)
+            clusters[s].parent = final_cluster(clusters, clusters[s].parent);
+    for (int s = 0; s < nc; ++s)
+        if (final_cluster(clusters, s) != s) clusters[s].parent = -1;
+    const std::vector<int> post = postorder(clusters, bottom_up);
+    const int ns = static_cast<int>(post.size());
+    std::vector<int> number(nc, -1);
+    tree.start.assign(ns + 1, 0);
+    for (int k = 0; k < ns; ++k) {
+        number[post[k]] = k;
+        tree.start[k + 1] = tree.start[k] + clusters[post[k]].width;
+    }
+    tree.order.resize(n);
+    std::vector<int> at(tree.start.begin(), tree.start.end() - 1);
+    for (int j = 1; j <= n; ++j) tree.order[at[number[final_cluster(clusters, of[j])]]++] = j;
+    tree.parent.assign(ns, -1);
+    tree.child.assign(ns, -1);
+    tree.sibling.assign(ns, -1);
+    tree.level.assign(ns, 0);
+    for (int k = ns - 1; k >= 0; --k) {
+        const int p = clusters[post[k]].parent;
+        if (p < 0) continue;
+        tree.parent[k] = number[p];
+        tree.level[k] = tree.level[number[p]] + 1;
+        tree.sibling[k] = tree.child[number[p]];
+        tree.child[number[p]] = k;
+    }
+    find_space();
+}
+
+} // namespace
+
+double factor_operations() {
+    double sum = 0.0;
+    for (int j = 1; j <= numbers.nsrow; ++j) {
+        const double c = rows_below(j);
+        sum += 0.5 * c * (c + 3.0);
+    }
+    return sum;
+}
+
+const supernode_tree& supernodes() {
+    const std::uint64_t now = fingerprint();
+    if (now != tree_structure) {
+        make_tree();
+        tree_structure = now;
+    }
+    return tree;
+}
+
+void supernodes_drop() {
+    tree = {};
+    tree_structure = 0;
+}
+
+} // namespace tarvex

@@ -1,0 +1,444 @@
+#include "app/runoptions.h"
+
+#include "control/filenames.h"
+#include "control/maximise.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "equations/orders.h"
+#include "estimation/estimates.h"
+#include "simulation/simulation.h"
+#include "support/fixture.h"
+#include "support/record_file.h"
+#include "support/screen.h"
+
+using namespace tarvex;
+
+namespace {
+
+// Everything that options set, as one text.
+std::string state() {
+    const auto& o = options;
+    const auto& m = maximise;
+    std::string s;
+    for (bool flag : {o.aireml,      o.algorithm_set, o.bestonly,    o.blup,
+                      o.continew,    o.details,       o.devtrace,    o.emai,
+                      o.emalgorithm, o.forchol,       o.mmmposdef,   o.nologd,
+                      o.nopru,       o.optim_ai,      o.print_times, o.pxai,
+                      o.pxem,        o.reco_set,      o.reconstruct, o.selfing,
+                      o.setup_lrg,   o.setup_only,    o.simulation,  o.strict_ai,
+                      o.superai,     o.tensor_ai,     o.terse,       o.verbose,
+                      o.werbose,     o.wide,          o.sevars,      bool(estimates.reorder)})
+        s += flag ? 'T' : 'F';
+    for (int l : o.logdia) s += ' ' + std::to_string(l);
+    for (int l : orders.metis_opts) s += ' ' + std::to_string(l);
+    for (int n : {m.search_type, m.pxem_its, m.aireml_its, m.modify_chol, m.ncycle, m.powell_its, m.simplx_its,
+                  orders.order_type, simulation.nrepsim})
+        s += ' ' + std::to_string(n);
+    for (double x :
+         {m.aiconv_like, m.aiconv_norm, m.emconv_like, m.powell_scale, m.simplx_conv, m.simplx_step, numbers.zero})
+        s += ' ' + list_item(x);
+    return s + ' ' + filenames.parfile;
+}
+
+class RunOptions : public tarvex_test {
+protected:
+    void run(std::vector<const char*> arguments) {
+        arguments.insert(arguments.begin(), "tarvex");
+        runoptions(static_cast<int>(arguments.size()), arguments.data());
+    }
+    std::string after(std::vector<const char*> arguments) {
+        run(std::move(arguments));
+        return state();
+    }
+    bool told(std::string_view text) const { return screen_text().find(text) != std::string::npos; }
+    bool unknown(const char* argument) {
+        clear_screen();
+        run({argument, "x.par"});
+        return screen_text() == "option not recognised " + std::string(argument) + "\n";
+    }
+};
+
+TEST_F(RunOptions, DefaultsAreThoseOfTheGuide) {
+    run({});
+    EXPECT_TRUE(options.emalgorithm && options.pxai && options.pxem && options.reconstruct && options.strict_ai);
+    EXPECT_FALSE(options.aireml || options.algorithm_set || options.verbose || options.terse || options.optim_ai);
+    EXPECT_EQ(maximise.search_type, 6);
+    EXPECT_EQ(maximise.pxem_its, 3);
+    EXPECT_EQ(maximise.aireml_its, 0);
+    EXPECT_EQ(maximise.aiconv_like, 0.0005);
+    EXPECT_EQ(maximise.aiconv_norm, 0.0001);
+    EXPECT_EQ(maximise.emconv_like, 0.000001);
+    EXPECT_EQ(maximise.modify_chol, 2);
+    EXPECT_EQ(maximise.ncycle, 1);
+    EXPECT_EQ(orders.order_type, 0);
+    EXPECT_EQ(numbers.zero, 1.0e-8);
+    EXPECT_TRUE(estimates.reorder);
+    EXPECT_EQ(filenames.parfile, "tarvex.par");
+    EXPECT_EQ(screen_text(), "");
+}
+
+TEST_F(RunOptions, EverySpellingOfTheTableIsTakenAndBothMeanTheSame) {
+    for (const option_record& option : option_table()) {
+        if (option.lower == "--limit") continue;
+        const std::string lower(option.lower), upper(option.upper);
+        clear_screen();
+        const std::string by_lower = after({lower.c_str()}), by_upper = after({upper.c_str()});
+        EXPECT_EQ(by_lower, by_upper) << lower;
+        if (lower == "--tensor") {
+            EXPECT_EQ(screen_text(), "option not recognised --tensor\noption not recognised --TENSOR\n");
+            EXPECT_FALSE(options.tensor_ai);
+            continue;
+        }
+        EXPECT_EQ(screen_text(), "") << lower;
+    }
+}
+
+TEST_F(RunOptions, MixedCaseIsNotRecognised) {
+    for (const option_record& option : option_table()) {
+        if (option.lower.size() < 4) continue;
+        std::string mixed(option.lower);
+        mixed[2] = option.upper[2];
+        EXPECT_TRUE(unknown(mixed.c_str())) << mixed;
+    }
+}
+
+TEST_F(RunOptions, FlagsThatEachOptionSets) {
+    run({"-t"});
+    EXPECT_TRUE(options.terse && !options.verbose && !options.werbose);
+    run({"-v2", "-t"});
+    EXPECT_TRUE(options.terse && !options.verbose && !options.werbose);
+    run({"-t", "-v"});
+    EXPECT_TRUE(options.verbose && !options.terse && !options.werbose);
+    run({"-v2"});
+    EXPECT_TRUE(options.verbose && options.werbose);
+    run({"--best"});
+    EXPECT_TRUE(options.bestonly && options.continew && !options.sevars);
+    run({"--aireml", "--blup"});
+    EXPECT_TRUE(options.emalgorithm);
+    run({"--pxai", "--blup"});
+    EXPECT_TRUE(options.blup && options.emalgorithm && !options.pxem && !options.aireml);
+    run({"--setup"});
+    EXPECT_TRUE(options.setup_only && options.verbose && !options.setup_lrg);
+    run({"--setuplrg"});
+    EXPECT_TRUE(options.setup_only && options.setup_lrg);
+    run({"-d"});
+    EXPECT_TRUE(options.details && options.verbose && options.print_times);
+    run({"--norecon"});
+    EXPECT_TRUE(!options.reconstruct && options.reco_set);
+    run({"--reconst"});
+    EXPECT_TRUE(options.reconstruct && options.reco_set);
+    run({"--noreord"});
+    EXPECT_FALSE(estimates.reorder);
+    run({"--noreord", "--reorder"});
+    EXPECT_TRUE(estimates.reorder);
+    run({"--mmmpdst"});
+    EXPECT_TRUE(options.mmmposdef);
+    run({"--mmmpdst", "--nommmpd"});
+    EXPECT_FALSE(options.mmmposdef);
+    run({"--strictai"});
+    EXPECT_TRUE(options.strict_ai && options.optim_ai);
+    run({"--optimai", "--nostrict"});
+    EXPECT_TRUE(!options.strict_ai && options.optim_ai);
+    run({"--optimai", "--nooptai"});
+    EXPECT_TRUE(options.strict_ai && !options.optim_ai);
+    run({"--self", "--nopru", "--times", "--super", "--wide", "--forchol"});
+    EXPECT_TRUE(options.selfing && options.nopru && options.print_times && options.superai && options.wide &&
+                options.forchol);
+    run({"--amd"});
+    EXPECT_EQ(orders.order_type, 2);
+    run({"--mmd"});
+    EXPECT_EQ(orders.order_type, 1);
+}
+
+TEST_F(RunOptions, LogDiagonalsOfAllBlocksTheResidualIncluded) {
+    run({"--logdia"});
+    for (int l : options.logdia) EXPECT_EQ(l, 1);
+    EXPECT_FALSE(options.nologd);
+    run({"--logdia", "--nologd"});
+    for (int l : options.logdia) EXPECT_EQ(l, 0);
+    EXPECT_TRUE(options.nologd);
+}
+
+TEST_F(RunOptions, AlgorithmsWithTheirDefaultsAndNumbers) {
+    run({"--aireml50,0.001"});
+    EXPECT_EQ(maximise.aireml_its, 50);
+    EXPECT_EQ(maximise.aiconv_like, 0.001);
+    EXPECT_TRUE(options.algorithm_set && !options.emalgorithm && !options.pxem);
+    EXPECT_EQ(maximise.search_type, 1);
+    run({"--simplex"});
+    EXPECT_EQ(maximise.search_type, 2);
+    EXPECT_EQ(maximise.simplx_its, 1000);
+    EXPECT_EQ(maximise.simplx_step, 0.2);
+    run({"--simplex9,0.5,0.1"});
+    EXPECT_EQ(maximise.simplx_its, 9);
+    EXPECT_EQ(maximise.simplx_conv, 0.5);
+    EXPECT_EQ(maximise.simplx_step, 0.1);
+    run({"--powell"});
+    EXPECT_EQ(maximise.search_type, 3);
+    EXPECT_EQ(maximise.powell_its, 0);
+    EXPECT_EQ(maximise.powell_scale, 0.2);
+    run({"--powell7,0.3"});
+    EXPECT_EQ(maximise.powell_its, 7);
+    EXPECT_EQ(maximise.powell_scale, 0.3);
+    run({"--pownew"});
+    EXPECT_EQ(maximise.search_type, 4);
+    EXPECT_FALSE(options.algorithm_set || options.emalgorithm || options.pxem);
+    run({"--emalg100"});
+    EXPECT_EQ(maximise.search_type, 5);
+    EXPECT_EQ(maximise.pxem_its, 100);
+    EXPECT_TRUE(options.algorithm_set && options.emalgorithm && !options.pxem && !options.pxai);
+    run({"--emai5,60,0.01"});
+    EXPECT_EQ(maximise.search_type, 6);
+    EXPECT_EQ(maximise.pxem_its, 5);
+    EXPECT_EQ(maximise.aireml_its, 60);
+    EXPECT_EQ(maximise.aiconv_like, 0.01);
+    EXPECT_TRUE(options.emai && options.algorithm_set && options.pxai && options.emalgorithm && !options.pxem);
+    run({"--pxai"});
+    EXPECT_TRUE(options.algorithm_set && options.pxai && options.pxem && options.emalgorithm);
+    EXPECT_EQ(maximise.pxem_its, 3);
+    run({"--cycle"});
+    EXPECT_EQ(maximise.ncycle, 222);
+    EXPECT_TRUE(options.algorithm_set);
+    run({"--cycle4"});
+    EXPECT_EQ(maximise.ncycle, 4);
+    run({"--simul"});
+    EXPECT_EQ(simulation.nrepsim, 1);
+    EXPECT_TRUE(options.simulation);
+    simulation.newseeds = true;
+    run({"--simul3"});
+    EXPECT_FALSE(simulation.newseeds);
+    EXPECT_EQ(simulation.nrepsim, 3);
+    run({"--zero10"});
+    EXPECT_EQ(numbers.zero, 1e-10);
+}
+
+TEST_F(RunOptions, CommandLineComesAfterTheFile) {
+    write_file("RunOptions", "--aireml\n");
+    run({"--pxem"});
+    EXPECT_EQ(maximise.search_type, 5);
+    EXPECT_TRUE(options.pxem);
+}
+
+TEST_F(RunOptions, PxemAloneHasManyRoundsAndPxaiFew) {
+    run({"--pxem"});
+    EXPECT_EQ(maximise.pxem_its, 5000);
+    EXPECT_FALSE(options.pxai);
+    run({"--pxem", "--pxai"});
+    EXPECT_EQ(maximise.pxem_its, 3);
+}
+
+TEST_F(RunOptions, UpperCaseEmalgAndPxemMatchAsBareWordsOnly) {
+    EXPECT_TRUE(unknown("--EMALG100"));
+    EXPECT_TRUE(unknown("--PXEM100"));
+    EXPECT_FALSE(unknown("--emalg100"));
+    EXPECT_FALSE(unknown("--EMALG"));
+    EXPECT_FALSE(unknown("--PXEM"));
+}
+
+TEST_F(RunOptions, UnknownOptionIsToldInOneLineAndTheRunGoesOn) {
+    run({"--foo", "--amd"});
+    EXPECT_EQ(screen_text(), "option not recognised --foo\n");
+    EXPECT_EQ(orders.order_type, 2);
+}
+
+TEST_F(RunOptions, WhatFollowsAnOptionIsFree) {
+    run({"-vfoo", "--setupxyz", "-threads"});
+    EXPECT_EQ(screen_text(), "");
+    EXPECT_TRUE(options.setup_only && options.terse && !options.verbose);
+}
+
+TEST_F(RunOptions, ContinuationChoosesAiRemlUnlessAnAlgorithmIsChosen) {
+    run({"-c"});
+    EXPECT_EQ(maximise.search_type, 1);
+    EXPECT_TRUE(options.continew && options.algorithm_set && !options.emalgorithm && !options.pxem);
+    run({"-c", "--pxem"});
+    EXPECT_EQ(maximise.search_type, 5);
+    EXPECT_TRUE(options.pxem);
+}
+
+TEST_F(RunOptions, GoodAndBadReturnToTheAutomaticSequence) {
+    run({"--aireml", "--good"});
+    EXPECT_FALSE(options.algorithm_set);
+    EXPECT_EQ(maximise.search_type, 6);
+    EXPECT_EQ(maximise.pxem_its, 1);
+    EXPECT_TRUE(options.pxai && options.pxem && options.emalgorithm);
+    run({"--bad"});
+    EXPECT_EQ(maximise.pxem_its, 8);
+    EXPECT_EQ(maximise.aireml_its, 0);
+    run({"--aireml30", "--bad"});
+    EXPECT_EQ(maximise.aireml_its, 60);
+    run({"--aireml2000000000", "--bad"}); // doubled as far as it goes
+    EXPECT_GT(maximise.aireml_its, 2000000000);
+}
+
+TEST_F(RunOptions, NumbersThatAreNotGivenLeaveTheSetting) {
+    run({"--aireml50"});
+    EXPECT_EQ(maximise.aireml_its, 50);
+    EXPECT_EQ(maximise.aiconv_like, 0.0005);
+    run({"--aireml,0.001"});
+    EXPECT_EQ(maximise.aireml_its, 0);
+    EXPECT_EQ(maximise.aiconv_like, 0.001);
+    run({"--modaim"});
+    EXPECT_EQ(maximise.modify_chol, 2);
+    run({"--zero"});
+    EXPECT_EQ(numbers.zero, 1e-8);
+    run({"--pxai,,0.01"});
+    EXPECT_EQ(maximise.pxem_its, 3);
+    EXPECT_EQ(maximise.aireml_its, 0);
+    EXPECT_EQ(maximise.aiconv_like, 0.01);
+}
+
+TEST_F(RunOptions, NumberThatCannotBeReadEndsTheRun) {
+    for (const char* argument :
+         {"--airemlx", "--zerox", "--aireml3.0", "--cycle12abc", "--emalg99999999999", "--powell3,y"}) {
+        try {
+            run({argument});
+            ADD_FAILURE() << argument;
+        } catch (const program_stop& end) {
+            EXPECT_EQ(end.status, 1);
+            EXPECT_EQ(end.text, std::string("invalid number in option ") + argument);
+        }
+    }
+}
+
+TEST_F(RunOptions, ModificationOfTheAiMatrixFallsBackToTwo) {
+    for (const char* argument : {"--modaim5", "--modaim9", "--modaim-1"}) {
+        run({argument});
+        EXPECT_EQ(maximise.modify_chol, 2) << argument;
+    }
+    run({"--modaim0"});
+    EXPECT_EQ(maximise.modify_chol, 0);
+    run({"--MODAIM4"});
+    EXPECT_EQ(maximise.modify_chol, 4);
+}
+
+TEST_F(RunOptions, SecondNumberOfEmSetsTheLimitOfAiReml) {
+    run({"--emalg50,0.25"});
+    EXPECT_EQ(maximise.aiconv_like, 0.25);
+    EXPECT_EQ(maximise.emconv_like, 0.000001);
+}
+
+TEST_F(RunOptions, MetisTakesItsFourNumbersInOrder) {
+    run({"--metis"});
+    EXPECT_EQ(orders.order_type, 3);
+    EXPECT_EQ(orders.metis_opts, (std::array<int, 8>{3, 1, 2, 1, 0, 1, 0, 5}));
+    run({"--metis7,60,3,2"});
+    EXPECT_EQ(orders.metis_opts, (std::array<int, 8>{3, 3, 2, 2, 0, 1, 60, 7}));
+    run({"--metis,,2"});
+    EXPECT_EQ(orders.metis_opts, (std::array<int, 8>{3, 2, 2, 1, 0, 1, 0, 5}));
+    run({"--metisall"});
+    EXPECT_EQ(orders.order_type, -3);
+    EXPECT_EQ(orders.metis_opts, (std::array<int, 8>{3, 1, 2, 1, 0, 1, 0, 5}));
+    run({"--METISALL,2"});
+    EXPECT_EQ(orders.order_type, -3);
+    EXPECT_EQ(orders.metis_opts[6], 2);
+    EXPECT_EQ(screen_text(), "");
+}
+
+TEST_F(RunOptions, MetisNumbersOutOfRangeAreReplacedWithAMessage) {
+    run({"--metis25,0,7,1"});
+    EXPECT_EQ(screen_text(), " Metis option(7) : No. graph separators too large  25\n"
+                             "    -> set to value = 14\n"
+                             " Metis option(1) : Edge matching 0 invalid option  14\n"
+                             "    -> set to value = 1\n");
+    EXPECT_EQ(orders.metis_opts[7], 14);
+    EXPECT_EQ(orders.metis_opts[1], 1);
+}
+
+TEST_F(RunOptions, MetisNumbersAtTheEndOfTheirRange) {
+    for (const char* argument : {"--metis20", "--metis20,0,1", "--metis20,0,3"}) {
+        run({argument});
+        EXPECT_EQ(orders.metis_opts[7], 20);
+        EXPECT_EQ(screen_text(), "") << argument;
+    }
+    run({"--metis21,0,4"});
+    EXPECT_EQ(orders.metis_opts[7], 14);
+    EXPECT_EQ(orders.metis_opts[1], 1);
+}
+
+TEST_F(RunOptions, NameOfTheParameterFile) {
+    const std::string name26(26, 'n'), name25(25, 'n'), name27(27, 'n'), name35(35, 'n');
+    EXPECT_EQ(parfile_name("analysis7"), "analysis7.par");
+    EXPECT_EQ(parfile_name("run1.par"), "run1.par");
+    EXPECT_EQ(parfile_name("abc"), "abc.par");
+    EXPECT_EQ(parfile_name("a"), "a.par");
+    EXPECT_EQ(parfile_name(".par"), ".par");
+    EXPECT_EQ(parfile_name(name25), name25 + ".par");
+    EXPECT_EQ(parfile_name(name26), name26);
+    EXPECT_EQ(parfile_name(name27), name27);
+    EXPECT_EQ(parfile_name(name35), std::string(30, 'n'));
+    run({"-v", "analysis7"});
+    EXPECT_EQ(filenames.parfile, "analysis7.par");
+}
+
+TEST_F(RunOptions, NameThatIsNotLastIsNoName) {
+    run({"run1", "-v"});
+    EXPECT_EQ(screen_text(), "option not recognised run1\n");
+    EXPECT_EQ(filenames.parfile, "tarvex.par");
+}
+
+TEST_F(RunOptions, EveryLineOfTheFileMayBeTheName) {
+    write_file("RunOptions", "first\n--amd\nsecond\n--wide\n");
+    run({});
+    EXPECT_EQ(filenames.parfile, "second.par");
+    EXPECT_TRUE(options.wide);
+    EXPECT_EQ(screen_text(), "");
+}
+
+TEST_F(RunOptions, BlankLinesOfTheFileArePassedOverAndOthersLeftAdjusted) {
+    write_file("RunOptions", "  --amd\r\n\n\t-v\n   \n");
+    run({});
+    EXPECT_EQ(orders.order_type, 2);
+    EXPECT_TRUE(options.verbose);
+    EXPECT_EQ(filenames.parfile, "tarvex.par");
+}
+
+TEST_F(RunOptions, LastLineOfTheFileNeedsNoEnd) {
+    write_file("RunOptions", "--amd\n--wide");
+    run({});
+    EXPECT_TRUE(options.wide);
+}
+
+TEST_F(RunOptions, OptionsAreCutAtFortyCharacters) {
+    const std::string option = "--f" + std::string(60, 'o');
+    run({option.c_str(), "x"});
+    EXPECT_EQ(screen_text(), "option not recognised " + option.substr(0, 40) + "\n");
+}
+
+TEST_F(RunOptions, LimitsPrintTheTableAndFinish) {
+    EXPECT_STOP(run({"--limit"}), "\"Tarvex\" done");
+    EXPECT_TRUE(screen_text().starts_with("********  Hard-coded program limits for \"Tarvex\"     ***********\n"
+                                          " Maximum number of traits                          =          33\n"));
+    EXPECT_TRUE(told(" Maximum number of combinations of records/animal  =         999\n"));
+    EXPECT_TRUE(screen_text().ends_with(" Maximum number of equations in MMM                =     2222222\n"
+                                        "\n"
+                                        "All other limits on variables are set dynamically & essentially\n"
+                                        " only limited by the amount of memory available\n"));
+}
+
+TEST_F(RunOptions, TraceGoesToUnitOneAndMakesNoFileOfItsOwn) {
+    run({"-zq", "--emalg50,0.25", "an1"});
+    EXPECT_FALSE(file_exists("CurrentOptions"));
+    const std::string text = read_file("fort.1");
+    EXPECT_TRUE(text.starts_with("Read from command line :     --emalg50,0.25\n"
+                                 "Read from command line :     an1\n"
+                                 "======= Version "));
+    EXPECT_NE(text.find("        Program Tarvex : Current Run options\n"), std::string::npos);
+    EXPECT_NE(text.find("reconstruct     T\nlogdiagonals    F F F F F F F F\nreorder         T\n"), std::string::npos);
+    EXPECT_NE(text.find("pxem_its        50\naireml_its      0\naiconv_like     0.25\naiconv_norm     1e-04\n"
+                        "parameter file  an1.par\n======== end of file =="),
+              std::string::npos);
+}
+
+TEST_F(RunOptions, TraceOfTheFileBreaksTheLine) {
+    write_file("RunOptions", "-zq\n--amd\n");
+    run({});
+    EXPECT_TRUE(read_file("fort.1").starts_with("Read from \"RunOptions\" : \n--amd\n"));
+}
+
+TEST_F(RunOptions, WithoutTraceNothingIsWritten) {
+    run({"-v", "--amd"});
+    EXPECT_FALSE(file_exists("fort.1"));
+}
+
+} // namespace

@@ -1,0 +1,542 @@
+#include "likelihood/derivatives.h"
+
+#include "control/numbers.h"
+#include "control/options.h"
+#include "data/levels.h"
+#include "data/pedigreelist.h"
+#include "dense/numroutines.h"
+#include "estimation/estimates.h"
+#include "likelihood/likelihood.h"
+#include "likelihood/solutions.h"
+#include "parameters/residualvars.h"
+#include "parameters/variances.h"
+#include "support/em_fixture.h"
+#include "support/fixture.h"
+#include "support/record_file.h"
+#include "support/small_models.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace tarvex {
+namespace {
+
+using derivatives_test = tarvex_test;
+
+small_model traits(int nq, std::vector<double> g, std::vector<double> r, int repeats = 1) {
+    small_model m;
+    m.nq = nq;
+    m.make_pedigree(20, 6, 5);
+    m.make_rows(4, repeats, 2, nq > 1 ? 0.2 : 0.0, 6);
+    m.random = {{"animal", "NRM", nq, 0, std::move(g)}};
+    m.residual = std::move(r);
+    return m;
+}
+
+small_model two_effects() {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    m.random.push_back({"dam", "IDE", 2, 0, {0.9, 0.1, 0.8}});
+    return m;
+}
+
+small_model regressions(bool principal = false) {
+    small_model m;
+    m.randreg = true;
+    m.principal = principal;
+    m.make_pedigree(14, 5, 7);
+    m.make_rows(3, 4, 2, 0.0, 8);
+    m.random = {{"animal", "NRM", 2, principal ? 1 : 0, {2.0, 0.3, 1.0}},
+                {"pe", "IDE", 2, principal ? 2 : 0, {1.0, 0.1, 0.6}}};
+    m.residual = {1.2, 0.9, 2.0};
+    m.class_bounds = {3, 7, 11};
+    return m;
+}
+
+void derivatives_here() {
+    program_logl(estimates.parvec, 1);
+    average_info();
+    derivatives_mmm();
+    jacob_var2chol(0);
+}
+
+void expect_gradient() {
+    derivatives_here();
+    const array<double> der1 = derivs.der1;
+    const std::vector<double> want = difference_gradient(estimates.parvec);
+    double largest = 0.0;
+    for (double g : want) largest = std::max(largest, std::fabs(g));
+    for (int i = 1; i <= estimates.nparm; ++i)
+        EXPECT_NEAR(der1(i), want[static_cast<std::size_t>(i - 1)], 1.0e-5 * largest) << "parameter " << i;
+}
+
+// Derivatives of V with respect to the parameters, by differences of V itself.
+std::vector<oracle::dense> variance_slopes(const small_model& m) {
+    const oracle::analysis a = m.dense();
+    std::vector<oracle::dense> list;
+    for (int i = 1; i <= estimates.nparm; ++i) {
+        const auto v = [&](double step) {
+            array<double> p = estimates.parvec;
+            p(i) += step;
+            return oracle::variance(a, point_at(m, p));
+        };
+        const double h = 1.0e-3;
+        const oracle::dense a1 = v(h), a2 = v(-h), b1 = v(0.5 * h), b2 = v(-0.5 * h);
+        oracle::dense d = a1;
+        for (std::size_t r = 0; r < d.size(); ++r)
+            for (std::size_t c = 0; c < d.size(); ++c)
+                d[r][c] = (4.0 * (b1[r][c] - b2[r][c]) / h - (a1[r][c] - a2[r][c]) / (2.0 * h)) / 3.0;
+        list.push_back(d);
+    }
+    return list;
+}
+
+void expect_information(const small_model& m) {
+    derivatives_here();
+    const oracle::analysis a = m.dense();
+    const oracle::reml e = oracle::evaluate(a, oracle::variance(a, point_at(m, estimates.parvec)));
+    const std::vector<oracle::dense> dv = variance_slopes(m);
+    double largest = 0.0;
+    for (double x : derivs.der2) largest = std::max(largest, std::fabs(x));
+    for (int i = 1; i <= estimates.nparm; ++i) {
+        const auto k = static_cast<std::size_t>(i - 1);
+        EXPECT_NEAR(derivs.der1(i), oracle::gradient(e, dv[k]), 1.0e-5 * largest) << "parameter " << i;
+        for (int j = i; j <= estimates.nparm; ++j)
+            EXPECT_NEAR(derivs.der2(ihmssf(i, j, estimates.nparm)),
+                        oracle::information(e, dv[k], dv[static_cast<std::size_t>(j - 1)]), 1.0e-6 * largest)
+                << i << " " << j;
+    }
+}
+
+void expect_derivatives(const small_model& m) {
+    expect_gradient();
+    expect_information(m);
+}
+
+void on_original_scale() {
+    options.emalgorithm = true;
+    covs2parvec();
+    forget_likelihoods();
+}
+
+TEST_F(derivatives_test, OneTraitOnBothScales) {
+    const small_model m = traits(1, {1.3}, {2.1});
+    set_up(m);
+    expect_derivatives(m);
+    on_original_scale();
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RepeatedRecordsRowByRow) {
+    small_model m = traits(1, {1.3}, {2.1}, 6);
+    m.random.push_back({"pe", "IDE", 1, 0, {0.8}});
+    m.covariable = true;
+    set_up(m);
+    expect_derivatives(m);
+}
+
+// Residual variances below 1e-5 have an inverse held in full; every record must still get its own element.
+TEST_F(derivatives_test, RepeatedRecordsRowByRowWithATinyResidual) {
+    small_model m = traits(1, {1.3e-3}, {4.0e-6}, 6);
+    m.random.push_back({"pe", "IDE", 1, 0, {0.8e-3}});
+    m.covariable = true;
+    for (auto& r : m.rows)
+        for (double& y : r.y) y *= 1.0e-3;
+    set_up(m);
+    const double x = program_logl(estimates.parvec), want = dense_logl(m, estimates.parvec);
+    EXPECT_NEAR(x, want, 1.0e-8 * std::fabs(want));
+}
+
+TEST_F(derivatives_test, RegressionWithATinyResidualClass) {
+    small_model m;
+    m.randreg = true;
+    m.make_pedigree(20, 6, 31);
+    m.make_rows(5, 6, 3, 0.0, 32);
+    m.random = {{"animal", "NRM", 2, 0, {1.3, 0.2, 0.9}}, {"pe", "IDE", 2, 0, {0.8, 0.1, 0.6}}};
+    m.class_bounds = {5, 11};
+    m.residual = {2.0, 6.0e-6};
+    set_up(m, {"--nologd"});
+    const double x = program_logl(estimates.parvec), want = dense_logl(m, estimates.parvec);
+    EXPECT_NEAR(x, want, 1.0e-8 * std::fabs(want));
+}
+
+TEST_F(derivatives_test, TwoTraitsTwoEffectsOnTheFactorScale) {
+    const small_model m = two_effects();
+    set_up(m);
+    EXPECT_EQ(estimates.paraform(1), "Variance");
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, TwoTraitsWithLogarithms) {
+    const small_model m = two_effects();
+    set_up(m, {"--aireml", "--logdia"});
+    EXPECT_EQ(estimates.logdiagonals(1), 1);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, TwoTraitsOnTheOriginalScale) {
+    const small_model m = two_effects();
+    set_up(m);
+    on_original_scale();
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, ThreeTraitsTwoRecordsASubject) {
+    const small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5}, 2);
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RepeatEffect) {
+    small_model m = traits(1, {1.3}, {2.1}, 3);
+    m.random.push_back({"pe", "PEQ", 1, 0, {0.7}});
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RepeatEffectOfTwoTraits) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.2, 1.9}, 2);
+    m.random.push_back({"pe", "PEQ", 2, 0, {0.4, 0.1, 0.5}});
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RandomRegressionOneClass) {
+    small_model m = regressions();
+    m.residual = {1.2};
+    m.class_bounds.clear();
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RandomRegressionClasses) {
+    const small_model m = regressions();
+    set_up(m);
+    expect_derivatives(m);
+    const double x = program_logl(estimates.parvec, 1);
+    derivatives_here();
+    EXPECT_EQ(program_logl(estimates.parvec, 1), x); // log|R| of the data has not been touched
+}
+
+TEST_F(derivatives_test, ReducedRankRandomRegression) {
+    const small_model m = regressions(true);
+    set_up(m);
+    EXPECT_EQ(estimates.paraform(1), "Cholesky");
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, ReducedRankTraits) {
+    small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5});
+    m.principal = true;
+    m.random[0].rank = 2;
+    m.random.push_back({"dam", "IDE", 3, 1, {0.9, 0.1, 0.1, 0.8, 0.1, 0.7}});
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, FactorScaleAtFullRankSolvesForTheEffects) {
+    small_model m = two_effects();
+    m.principal = true;
+    m.random[0].rank = m.random[1].rank = 2;
+    set_up(m, {"--aireml", "--logdia"});
+    EXPECT_FALSE(options.superai);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, DiagonalBlock) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    m.random.push_back({"dam", "IDE", 2, 0, {0.9, 0.8}, true});
+    set_up(m);
+    EXPECT_TRUE(options.principal);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, DiagonalBlockWithoutLogarithms) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    m.random.push_back({"dam", "IDE", 2, 0, {0.9, 0.8}, true});
+    set_up(m, {"--aireml", "--nologd"});
+    EXPECT_FALSE(options.principal);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, CorrelatedEffects) {
+    small_model m = traits(1, {1.3}, {2.1});
+    m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, CorrelatedEffectsWithLogarithmsAndOnTheOriginalScale) {
+    small_model m = traits(1, {1.3}, {2.1});
+    m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
+    set_up(m, {"--aireml", "--logdia"});
+    expect_derivatives(m);
+    on_original_scale();
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RepeatEffectOfTwoTraitsWithLogarithmsAndOnTheOriginalScale) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.2, 1.9}, 2);
+    m.random.push_back({"pe", "PEQ", 2, 0, {0.4, 0.1, 0.5}});
+    set_up(m, {"--aireml", "--logdia"});
+    EXPECT_EQ(estimates.logdiagonals(2), 1);
+    expect_derivatives(m);
+    on_original_scale();
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RandomRegressionClassesWithLogarithmsAndOnTheOriginalScale) {
+    const small_model m = regressions();
+    set_up(m, {"--aireml", "--logdia"});
+    EXPECT_EQ(estimates.logdiagonals(0), 1);
+    expect_derivatives(m);
+    on_original_scale();
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, ReducedRankWithLogarithms) {
+    small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5});
+    m.principal = true;
+    m.random[0].rank = 2;
+    set_up(m, {"--aireml", "--logdia"});
+    EXPECT_EQ(estimates.logdiagonals(1), 1);
+    expect_derivatives(m);
+    reset_modules();
+    const small_model rr = regressions(true);
+    std::remove("cholnrm1.bin");
+    std::remove("nrminvers1.bin");
+    set_up(rr, {"--aireml", "--logdia"});
+    expect_derivatives(rr);
+}
+
+TEST_F(derivatives_test, OrderOfTheMatrixWithoutPivoting) {
+    const small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 2.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 2.5});
+    set_up(m, {"--aireml", "--noreord"});
+    EXPECT_EQ(estimates.cholorder(1, 1), 1);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, SireModel) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    std::fill(m.dam.begin(), m.dam.end(), 0); // the rules for sires alone give the relationships of the pedigree
+    m.sires = true;
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, LevelsTreatedAsFixed) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    m.extra = "PSE 0.0\n animal 6\n animal 9\nEND\n";
+    set_up(m);
+    ASSERT_TRUE(options.pseudofix);
+    EXPECT_EQ(effective_levels(1), levels.rn_nlev(1) - 2.0);
+    expect_gradient();
+    on_original_scale();
+    expect_gradient();
+}
+
+// Jacobian of every block against differences of its matrix.
+void expect_jacobian(int irand, int step) {
+    array<double, 2> jac;
+    block_jacobian(irand, step, jac);
+    array<double> up, down;
+    array<double, 2> vv;
+    int ifail = 0;
+    for (int p = 1; p <= jac.upper(2); ++p) {
+        const double h = 1.0e-5;
+        array<double> par = estimates.parvec;
+        par(block_start(irand, step) + p - 1) += h;
+        parvec2covs(par, irand, step, up, vv, ifail);
+        par(block_start(irand, step) + p - 1) -= 2.0 * h;
+        parvec2covs(par, irand, step, down, vv, ifail);
+        for (int k = 1; k <= jac.upper(1); ++k)
+            EXPECT_NEAR(jac(k, p), (up(k) - down(k)) / (2.0 * h), 1.0e-8) << k << " " << p;
+    }
+}
+
+TEST_F(derivatives_test, JacobianOfReducedRankAndLogarithms) {
+    small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5});
+    m.principal = true;
+    m.random[0].rank = 2;
+    set_up(m, {"--aireml", "--logdia"});
+    EXPECT_EQ(block_size(1), 5);
+    expect_jacobian(0, 1);
+    expect_jacobian(1, 1);
+}
+
+TEST_F(derivatives_test, JacobianOfResidualClasses) {
+    set_up(regressions());
+    for (int step = 1; step <= 3; ++step) expect_jacobian(0, step);
+    expect_jacobian(1, 1);
+    expect_jacobian(2, 1);
+}
+
+void expect_supplied(int rank, const std::vector<std::string>& list) {
+    const small_model m = supplied(rank);
+    set_up_supplied(m, list);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, SuppliedInverse) { expect_supplied(0, {"--aireml"}); }
+TEST_F(derivatives_test, SuppliedInverseAtFullRankOfComponents) { expect_supplied(3, {"--aireml", "--super"}); }
+TEST_F(derivatives_test, SuppliedInverseAtReducedRank) { expect_supplied(2, {"--aireml"}); }
+TEST_F(derivatives_test, SuppliedInverseAtReducedRankWithLogarithms) { expect_supplied(1, {"--aireml", "--logdia"}); }
+
+TEST_F(derivatives_test, SuppliedInverseWithoutSomeLevelsIsRefusedAtReducedRankBeforeEstimation) {
+    set_up_supplied(supplied(2), {"--aireml"}, 2);
+    EXPECT_STOP(get_estimates(), "not yet");
+    EXPECT_EQ(likelihoods.ncall, 0);
+}
+
+TEST_F(derivatives_test, RepeatEffectOfReducedRankIsRefusedBeforeEstimation) {
+    for (const char* plan : {"--aireml", "--emalg", "--pxem", "--pxai"}) {
+        reset_modules();
+        std::remove("nrminvers1.bin");
+        small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}, 2);
+        m.random.push_back({"pe", "PEQ", 2, 1, {0.4, 0.1, 0.5}});
+        m.principal = true;
+        m.random[0].rank = 2;
+        set_up(m, {plan});
+        EXPECT_STOP(get_estimates(), "not yet");
+        EXPECT_EQ(likelihoods.ncall, 0) << plan;
+    }
+}
+
+TEST_F(derivatives_test, FactorOfAnotherPedigreeStopsTheRun) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    m.principal = true;
+    m.random[0].rank = 1;
+    set_up(m);
+    program_logl(estimates.parvec, 1);
+    average_info();
+    {
+        record_writer out;
+        ASSERT_TRUE(out.open("cholnrm1.bin"));
+        out.record(std::int32_t{33});
+    }
+    EXPECT_STOP(average_info(), "cholnrm1.bin 33 1 " + std::to_string(pedigreelist.nannew(1)) + "\nexit");
+}
+
+TEST_F(derivatives_test, FixedLevelsAreRefusedAtReducedRankBeforeEstimation) {
+    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    m.principal = true;
+    m.random[0].rank = 1;
+    set_up(m);
+    options.pseudofix = true;
+    EXPECT_STOP(get_estimates(), "not yet");
+    EXPECT_EQ(likelihoods.ncall, 0);
+}
+
+TEST_F(derivatives_test, ResidualCovarianceFixedAtZeroHasNoDerivative) {
+    const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.0, 1.9});
+    set_up(m);
+    derivatives_here();
+    EXPECT_EQ(residualvars.fixres(2), 1);
+    EXPECT_EQ(derivs.devl1(2), 0.0);
+    for (int i = 1; i <= estimates.nparm; ++i)
+        EXPECT_EQ(derivs.devl2(ihmssf(std::min(i, 2), std::max(i, 2), estimates.nparm)), 0.0);
+    expect_gradient();
+}
+
+// Traits 2 and 3 never meet, each of them meets trait 1.
+small_model apart() {
+    small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5});
+    for (auto& r : m.rows) {
+        r.y = {r.y[0] == -999.0 ? 11.0 : r.y[0], 20.0 + r.animal % 3, 30.0 + r.animal % 5};
+        r.y[r.animal % 2 ? 1 : 2] = -999.0;
+    }
+    return m;
+}
+
+TEST_F(derivatives_test, ZeroPatternOfTheResidualOnBothScales) {
+    for (const char* option : {"--reorder", "--forchol"}) {
+        reset_modules();
+        const small_model m = apart();
+        set_up(m, {"--aireml", option});
+        EXPECT_EQ(estimates.paraform(0), std::string(option) == "--forchol" ? "Variance" : "Original");
+        EXPECT_EQ(residualvars.fixres(5), 1);
+        EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(m, estimates.parvec), 1.0e-7);
+        expect_derivatives(m);
+    }
+}
+
+TEST_F(derivatives_test, SolutionsAndLogLikelihoodAreTheSameAfterDerivatives) {
+    set_up(two_effects());
+    const double x = program_logl(estimates.parvec, 1);
+    const array<double> before = solutions.solns;
+    derivatives_here();
+    EXPECT_EQ(program_logl(estimates.parvec, 1), x);
+    for (int i = 1; i <= before.upper(); ++i) EXPECT_NEAR(solutions.solns(i), before(i), 1.0e-10);
+}
+
+// Derivatives of V with respect to the six covariances of two traits, residual ones first.
+std::vector<oracle::dense> unit_slopes(const oracle::analysis& a) {
+    std::vector<oracle::dense> dv;
+    for (int k = 0; k < 6; ++k) {
+        oracle::point p{{oracle::zeros(2, 2)}, {}, {oracle::zeros(2, 2)}};
+        auto& block = k < 3 ? p.r[0] : p.g[0];
+        const std::size_t i = k % 3 == 2 ? 1 : 0, j = k % 3 == 0 ? 0 : 1;
+        block[i][j] = block[j][i] = 1.0;
+        dv.push_back(oracle::variance(a, p));
+    }
+    return dv;
+}
+
+// Observed information in the place of the average one.
+void put_observed_information(const small_model& m) {
+    const oracle::analysis a = m.dense();
+    const std::vector<oracle::dense> dv = unit_slopes(a);
+    const oracle::reml e = oracle::evaluate(a, oracle::variance(a, point_at(m, estimates.parvec)));
+    for (int i = 1; i <= 6; ++i)
+        for (int j = i; j <= 6; ++j) {
+            const auto& x = dv[static_cast<std::size_t>(i - 1)];
+            const auto& y = dv[static_cast<std::size_t>(j - 1)];
+            const double expected = 0.5 * oracle::trace_of_product(oracle::product(e.p, x), oracle::product(e.p, y));
+            derivs.devl2(ihmssf(i, j, 6)) = -(2.0 * oracle::information(e, x, y) - expected);
+        }
+}
+
+// With the observed information der2 is minus the Hessian of log L.
+void expect_hessian(const small_model& m) {
+    derivatives_here();
+    put_observed_information(m);
+    jacob_var2chol(1);
+    const double h = 2.0e-3;
+    for (int i = 1; i <= 6; ++i)
+        for (int j = i; j <= 6; ++j) {
+            const auto f = [&](double di, double dj) {
+                array<double> p = estimates.parvec;
+                p(i) += di;
+                p(j) += dj;
+                return dense_logl(m, p);
+            };
+            const double hessian = (f(h, h) - f(h, -h) - f(-h, h) + f(-h, -h)) / (4.0 * h * h);
+            const double tolerance = 1.0e-3 * std::max(1.0, std::fabs(hessian));
+            EXPECT_NEAR(derivs.der2(ihmssf(i, j, 6)), -hessian, tolerance) << i << " " << j;
+        }
+}
+
+TEST_F(derivatives_test, SecondOrderTermCompletesTheHessian) {
+    const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    set_up(m);
+    expect_hessian(m);
+}
+
+TEST_F(derivatives_test, SecondOrderTermCompletesTheHessianWithLogarithms) {
+    const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    set_up(m, {"--aireml", "--logdia"});
+    expect_hessian(m);
+}
+
+TEST_F(derivatives_test, InformationFilesHoldTheUpperTriangle) {
+    const small_model m = traits(1, {1.3}, {2.1});
+    set_up(m);
+    derivatives_here();
+    write_avinfo(-12.5);
+    const std::string text = read_file("AvInfoParms");
+    EXPECT_EQ(text.substr(0, text.find('\n')), "-12.5");
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4);
+    EXPECT_FALSE(read_file("AvInfoCovs").empty());
+}
+
+} // namespace
+} // namespace tarvex

@@ -1,0 +1,429 @@
+#include "parameters/variances.h"
+
+#include "control/filenames.h"
+#include "control/options.h"
+#include "dense/numroutines.h"
+#include "estimation/bestpoint.h"
+#include "parameters/residualvars.h"
+#include "parfile/model.h"
+#include "parfile/mudmap_build.h"
+#include "parfile/readparfile.h"
+#include "support/em_fixture.h"
+
+#include <cmath>
+#include <filesystem>
+
+namespace tarvex {
+namespace {
+
+using variances_test = tarvex_test;
+
+struct block {
+    array<double> cc;
+    array<double, 2> vv;
+    int ifail = 0;
+    explicit block(int irand, array<double>& parvec = estimates.parvec, int step = 1) {
+        parvec2covs(parvec, irand, step, cc, vv, ifail);
+    }
+};
+
+void expect_covs(int irand, const std::vector<double>& want, double tolerance = 1.0e-12) {
+    const block b(irand);
+    for (std::size_t k = 0; k < want.size(); ++k) EXPECT_NEAR(b.cc(k + 1), want[k], tolerance) << irand << ": " << k;
+}
+
+TEST_F(variances_test, RankOneOfThreeHasThreeParametersAndSixCovariances) {
+    const small_model m = components(1);
+    set_up(m, {"--aireml"});
+    EXPECT_EQ(estimates.nnparm(1), 3);
+    EXPECT_EQ(estimates.ncov, 12);
+    EXPECT_EQ(estimates.nparm, 9);
+    EXPECT_EQ(estimates.paraform(0), "Cholesky");
+    EXPECT_EQ(estimates.parnames(7), "CHOL A 1 1");
+    EXPECT_EQ(estimates.parnames(9), "CHOL A 1 3");
+    const block b(1); // the leading column of the pivoted factor
+    EXPECT_EQ(estimates.cholorder(1, 1), 2);
+    EXPECT_NEAR(b.cc(ihmssf(2, 2, 3)), 1.8, 1.0e-12);
+    EXPECT_NEAR(b.cc(ihmssf(1, 2, 3)), 0.5, 1.0e-12);
+    EXPECT_NEAR(b.cc(ihmssf(1, 1, 3)), 0.25 / 1.8, 1.0e-12);
+    EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(m, estimates.parvec), 1.0e-7);
+}
+
+TEST_F(variances_test, ListOfCovariancesShowsTheGivenMatrix) {
+    set_up(components(1), {"--aireml"});
+    const std::string list = read_file(filenames.covlstfile);
+    EXPECT_NE(list.find("   7  COVS A 1 1"), std::string::npos) << list;
+    EXPECT_NE(list.find("1.3000000"), std::string::npos);
+    EXPECT_EQ(std::count(list.begin(), list.end(), '\n'), 12);
+}
+
+TEST_F(variances_test, ScaleFollowsTheAlgorithm) {
+    set_up(two_traits(), {"--aireml"});
+    EXPECT_EQ(estimates.paraform(0), "Variance");
+    EXPECT_EQ(estimates.parnames(4), "CHOL A 1 1");
+    EXPECT_EQ(estimates.parnames(5), "CHOL A 1 2");
+    expect_covs(1, {1.3, 0.5, 1.8});
+    options.emalgorithm = true;
+    covs2parvec();
+    EXPECT_EQ(estimates.paraform(1), "Original");
+    EXPECT_EQ(estimates.parnames(5), "COVS A 1 2");
+    EXPECT_EQ(estimates.parvec(5), 0.5);
+    reset_modules();
+    std::filesystem::remove("nrminvers1.bin"); // comes without the inbreeding coefficients that components need
+    set_up(components(2), {"--emalg"});
+    EXPECT_EQ(estimates.paraform(0), "Original");
+    EXPECT_EQ(estimates.paraform(1), "Cholesky");
+}
+
+TEST_F(variances_test, ResidualByClassesIsLabelledByClass) {
+    set_up(growth(true), {"--aireml"});
+    EXPECT_EQ(estimates.nresparm, 3);
+    EXPECT_EQ(estimates.parnames(3), "CHOL Z 1 1 3");
+    EXPECT_EQ(estimates.covnames(2), "COVS Z 1 1 2");
+}
+
+TEST_F(variances_test, ResidualFunctionLeavesAnEmptyBlock) {
+    set_up(growth(true), {"--aireml"});
+    model.me_type = "FUN";
+    estimates = {};
+    covs2parvec();
+    EXPECT_EQ(estimates.nresparm, 0);
+    EXPECT_EQ(estimates.nparm, 6);
+    EXPECT_EQ(block_start(1), 1);
+    EXPECT_EQ(estimates.parnames(1).substr(0, 6), "CHOL A");
+}
+
+TEST_F(variances_test, LargeAndSmallLogarithmsAreWrittenBack) {
+    set_up(two_traits(), {"--aireml", "--logdia"});
+    ASSERT_EQ(estimates.logdiagonals(1), 1);
+    EXPECT_NEAR(estimates.parvec(4), 0.5 * std::log(1.8), 1.0e-12);
+    expect_covs(1, {1.3, 0.5, 1.8});
+    estimates.parvec(4) = 23.0;
+    estimates.parvec(6) = -12.0;
+    block b(1);
+    EXPECT_EQ(estimates.parvec(4), 22.0);
+    EXPECT_EQ(estimates.parvec(6), -9.0);
+}
+
+TEST_F(variances_test, NothingSwitchesWhereLogarithmsAreBarred) {
+    small_model m = two_traits();
+    m.random[0].g = {0.01, 0.0, 0.02};
+    set_up(m, {"--aireml", "--nologd"});
+    EXPECT_EQ(estimates.logdiagonals(1), 0);
+    estimates.parvec(4) = 0.0;
+    estimates.parvec(6) = -1.0e-9;
+    block b(1);
+    EXPECT_EQ(estimates.parvec(4), 1.0e-4);
+    EXPECT_EQ(estimates.parvec(6), -1.0e-4);
+    EXPECT_EQ(estimates.switchlog(1), 0);
+}
+
+TEST_F(variances_test, SmallDiagonalsTurnTheBlockAtTheStartAndAskDuringTheRun) {
+    small_model m = two_traits();
+    m.random[0].g = {0.39, 0.0, 0.5}; // roots 0.6245 and 0.707
+    set_up(m, {"--aireml"});
+    EXPECT_EQ(estimates.logdiagonals(1), 1);
+    EXPECT_EQ(estimates.logdiagonals(0), 0);
+    reset_modules();
+    m.random[0].g = {0.4, 0.0, 0.5};
+    set_up(m, {"--aireml"});
+    EXPECT_EQ(estimates.logdiagonals(1), 0);
+    { block b(1); }
+    EXPECT_EQ(estimates.switchlog(1), 0);
+    estimates.parvec(4) = 0.24;
+    { block b(1); }
+    EXPECT_EQ(estimates.switchlog(1), 1);
+    { block b(0); }
+    EXPECT_EQ(estimates.switchlog(1), 1) << "another block clears only its own mark";
+}
+
+TEST_F(variances_test, SwitchToLogarithmsKeepsTheMatrixOfANegativeDiagonal) {
+    const small_model m = two_traits();
+    set_up(m, {"--aireml"});
+    estimates.parvec(4) = -0.2;
+    estimates.parvec(5) = 0.5;
+    estimates.parbest = estimates.parvec;
+    const std::vector<double> before = [] {
+        block b(1);
+        return std::vector<double>{b.cc(1), b.cc(2), b.cc(3)};
+    }();
+    const double x = program_logl(estimates.parvec);
+    switch_to_logs(1);
+    EXPECT_EQ(estimates.logdiagonals(1), 1);
+    expect_covs(1, before);
+    EXPECT_NEAR(program_logl(estimates.parvec), x, 1.0e-9);
+    EXPECT_EQ(estimates.parbest(4), estimates.parvec(4));
+    EXPECT_EQ(estimates.parbest(5), -0.5);
+}
+
+TEST_F(variances_test, TraitsNeverTogetherHaveNoResidualCovariance) {
+    small_model m = two_traits();
+    for (auto& r : m.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
+    set_up(m, {"--aireml"});
+    expect_covs(0, {2.1, 0.0, 1.9});
+    EXPECT_EQ(residualvars.fixres(2), 1);
+    EXPECT_EQ(residualvars.fixres(1), 0);
+    EXPECT_EQ(estimates.paraform(0), "Variance"); // no earlier trait is linked to them
+    EXPECT_EQ(estimates.parvec(2), 0.0);
+}
+
+TEST_F(variances_test, ZeroPatternThatNoFactorKeepsGoesToCovariances) {
+    small_model m = components(3);
+    m.principal = false;
+    for (auto& r : m.rows) { // traits 2 and 3 never meet, each of them meets trait 1
+        r.y = {r.y[0] == -999.0 ? 11.0 : r.y[0], 20.0 + r.animal % 3, 30.0 + r.animal % 5};
+        r.y[r.animal % 2 ? 1 : 2] = -999.0;
+    }
+    set_up(m, {"--aireml"});
+    EXPECT_EQ(estimates.paraform(0), "Original");
+    EXPECT_EQ(estimates.paraform(1), "Variance");
+    EXPECT_EQ(residualvars.fixres(5), 1);
+    EXPECT_EQ(estimates.ispar(5), 0);
+    EXPECT_EQ(estimates.ispar(4), 1);
+    EXPECT_EQ(estimates.parvec(5), 0.0);
+    EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(m, estimates.parvec), 1.0e-7);
+}
+
+TEST_F(variances_test, RebuildMayChangeThePivotOrder) {
+    set_up(two_traits(), {"--aireml"});
+    EXPECT_EQ(estimates.cholorder(1, 1), 2);
+    model.cov(1, 1) = 3.0;
+    covs2parvec();
+    EXPECT_EQ(estimates.cholorder(1, 1), 1);
+    expect_covs(1, {3.0, 0.5, 1.8});
+}
+
+TEST_F(variances_test, OrderOfTheMatrixWithoutPivoting) {
+    set_up(two_traits(), {"--aireml", "--noreord"});
+    EXPECT_EQ(estimates.cholorder(1, 1), 1);
+    EXPECT_NEAR(estimates.parvec(4), std::sqrt(1.3), 1.0e-12);
+    expect_covs(1, {1.3, 0.5, 1.8});
+}
+
+TEST_F(variances_test, StartingMatricesMustBePositiveDefinite) {
+    small_model m = two_traits();
+    m.random[0].g = {1.0, 2.0, 1.0};
+    for (const char* plan : {"--aireml", "--emalg"}) {
+        reset_modules();
+        EXPECT_STOP(set_up(m, {plan}),
+                    "***** Routine \"CHOLESKY\": negative/small pivot encountered\n"
+                    "      Random effect no. = 1\n      No. of effects    = 2\n      Pivot no.         = 2 -3.0\n"
+                    "Matrix of starting values is \"invalid\" \n"
+                    " - change, making sure matrix is positive definite !\n"
+                    "   (check that UPPER triangle of matrix is given)\nexit");
+    }
+}
+
+TEST_F(variances_test, SmallEigenvaluesAreRaisedInTheMatrixOnly) {
+    set_up(two_traits(), {"--emalg"});
+    for (int k = 4; k <= 6; ++k) estimates.parvec(k) = 1.0;
+    const block b(1);
+    EXPECT_EQ(b.ifail, 0);
+    EXPECT_EQ(estimates.parvec(5), 1.0);
+    EXPECT_NEAR(b.cc(1), 1.0 + 0.5e-4, 1.0e-10); // (1,1) keeps 2, (1,-1) gets 1e-4
+    EXPECT_NEAR(b.cc(2), 1.0 - 0.5e-4, 1.0e-10);
+}
+
+TEST_F(variances_test, RepeatEffectMakesTheResidualBlockASum) {
+    set_up(repeats_with_peq(), {"--emalg"});
+    EXPECT_EQ(estimates.npeqparm, 1);
+    EXPECT_EQ(estimates.nrespeq, 2);
+    EXPECT_NEAR(estimates.parvec(1), 2.8, 1.0e-12);
+    EXPECT_EQ(estimates.parvec(2), 0.7);
+    EXPECT_EQ(block_start(1), 3);
+    EXPECT_EQ(block_start(2), 2);
+}
+
+TEST_F(variances_test, DiagonalBlockHoldsLogarithmsInTheOrderOfTheMatrix) {
+    small_model m = with_dams();
+    m.random[1] = {"dam", "IDE", 2, 0, {0.9, 0.8}, true};
+    set_up(m, {"--aireml"});
+    EXPECT_TRUE(options.principal);
+    EXPECT_EQ(estimates.nnparm(2), 2);
+    EXPECT_NEAR(estimates.parvec(7), 0.5 * std::log(0.9), 1.0e-12);
+    EXPECT_NEAR(estimates.parvec(8), 0.5 * std::log(0.8), 1.0e-12);
+    expect_covs(2, {0.9, 0.0, 0.8});
+    EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(m, estimates.parvec), 1.0e-7);
+}
+
+// ---- best point
+
+class best_point_test : public tarvex_test {
+protected:
+    void SetUp() override {
+        set_up(two_traits(), {"--aireml"});
+        estimates.parbest = estimates.parvec;
+        estimates.xbest = -123.25;
+    }
+};
+
+TEST_F(best_point_test, WritesCovariancesWhateverTheScale) {
+    writebestpoint(0);
+    std::istringstream in(read_file("BestPoint"));
+    double x = 0.0, v = 0.0;
+    int n = 0;
+    in >> x >> n;
+    EXPECT_EQ(x, -123.25);
+    EXPECT_EQ(n, 6);
+    for (double want : {2.1, 0.4, 1.9, 1.3, 0.5, 1.8}) {
+        in >> v;
+        EXPECT_NEAR(v, want, 1.0e-14);
+    }
+}
+
+TEST_F(best_point_test, ValuesReturnToTheBit) {
+    std::vector<double> covs;
+    for (int irand = 0; irand <= 1; ++irand)
+        for (double x : best_covariances(irand)) covs.push_back(x);
+    estimates.xbest = -1234.5678901234567;
+    writebestpoint(0);
+    ASSERT_TRUE(readbestpoint(true));
+    EXPECT_EQ(estimates.xlike_file, estimates.xbest);
+    for (int k = 1; k <= 6; ++k)
+        EXPECT_EQ(model.cov((k - 1) % 3 + 1, (k - 1) / 3), covs[static_cast<std::size_t>(k - 1)]) << k;
+    reset_modules();
+    set_up(two_traits(), {"-c", "--emalg"}); // on the scale of the matrices the parameters are the values of the file
+    ASSERT_EQ(estimates.paraform(1), "Original");
+    for (int k = 1; k <= 6; ++k) EXPECT_EQ(estimates.parvec(k), covs[static_cast<std::size_t>(k - 1)]) << k;
+    estimates.xbest = -1234.5678901234567;
+    const std::string before = read_file("BestPoint");
+    writebestpoint(0);
+    EXPECT_EQ(read_file("BestPoint"), before);
+}
+
+TEST_F(best_point_test, OpenUnitTakesTheSameRecords) {
+    text_out all;
+    ASSERT_TRUE(all.open("Estimates"));
+    writebestpoint(3, &all);
+    writebestpoint(1000, &all); // neither file nor unit
+    all.close();
+    EXPECT_EQ(read_file("Estimates"), read_file("BestPoint003"));
+}
+
+TEST_F(best_point_test, NumberedCopies) {
+    for (int round : {1, 10, 999, 1000}) writebestpoint(round);
+    EXPECT_TRUE(std::filesystem::exists("BestPoint001"));
+    EXPECT_TRUE(std::filesystem::exists("BestPoint010"));
+    EXPECT_TRUE(std::filesystem::exists("BestPoint999"));
+    EXPECT_FALSE(std::filesystem::exists("BestPoint1000"));
+    EXPECT_FALSE(std::filesystem::exists("BestPoint"));
+}
+
+TEST_F(best_point_test, ReadsWhatWasWrittenAndSaysSo) {
+    writebestpoint(0);
+    model.cov(1, 1) = 99.0;
+    EXPECT_TRUE(readbestpoint(false));
+    EXPECT_NEAR(model.cov(1, 1), 1.3, 1.0e-14);
+    EXPECT_EQ(estimates.xlike_file, -123.25);
+    EXPECT_NE(
+        screen_text().find("\"BestPoint\" from previous run  successfully read\n maximum of log L so far = -123.25\n"),
+        std::string::npos);
+}
+
+TEST_F(best_point_test, ForeignShortOrMissingFilesChangeNothing) {
+    for (const char* text : {"", "-1.0", "-1.0 7\n1 0 1\n1 0 1\n", "-1.0 6\n1 0 1\n1 0\n", "x 6\n1 0 1 1 0 1\n",
+                             "-1.0 6\n1 0 1\n1 0 z\n"}) {
+        write_file("BestPoint", text);
+        EXPECT_FALSE(readbestpoint(true)) << text;
+        EXPECT_EQ(model.cov(1, 1), 1.3) << text;
+        EXPECT_EQ(estimates.xlike_file, invalid_logl) << text;
+    }
+    std::filesystem::remove("BestPoint");
+    EXPECT_FALSE(readbestpoint(true));
+}
+
+TEST_F(best_point_test, NumbersMayStandOnAnyLines) {
+    write_file("BestPoint", "-1.5\n6 1.0 0.1\n1.0 2.0\n0.2\n\n3.0\n");
+    EXPECT_TRUE(readbestpoint(true));
+    EXPECT_EQ(model.cov(2, 0), 0.1);
+    EXPECT_EQ(model.cov(3, 1), 3.0);
+}
+
+TEST_F(best_point_test, AnyFileServesBeforeTheParametersAreCounted) {
+    write_file("BestPoint", "-1.5 99\n1.0 0.1 1.0\n2.0 0.2 3.0\n");
+    EXPECT_FALSE(readbestpoint(true));
+    estimates.nparm = 0;
+    EXPECT_TRUE(readbestpoint(true));
+}
+
+TEST_F(best_point_test, ContinuedRunStartsThere) {
+    write_file("BestPoint", "-1.5 6\n2.5 0.3 2.0\n1.0 0.2 1.5\n");
+    reset_modules();
+    set_up(two_traits(), {"-c"});
+    EXPECT_EQ(estimates.xlike_file, -1.5);
+    EXPECT_NEAR(point_at(two_traits(), estimates.parvec).g[0][0][0], 1.0, 1.0e-12);
+    std::istringstream first(read_file("BestPoint"));
+    double x = 0.0, y = 0.0;
+    get_estimates();
+    std::istringstream second(read_file("BestPoint"));
+    first >> x;
+    second >> y;
+    EXPECT_EQ(y, estimates.xbest);
+}
+
+TEST_F(best_point_test, MatricesOfABestPointNeedNoPositivePivots) {
+    write_file("BestPoint", "-1.5 6\n2.5 0.3 2.0\n1.0 1.0 1.0\n");
+    ASSERT_TRUE(readbestpoint(true));
+    covs2parvec(); // rank 1: no stop
+    EXPECT_NEAR(point_at(two_traits(), estimates.parvec).g[0][0][1], 1.0, 1.0e-7);
+}
+
+TEST_F(best_point_test, DiagonalBlocksAreStoredAsVariancesAndRepeatsApart) {
+    reset_modules();
+    small_model m = with_dams();
+    m.random[1] = {"dam", "IDE", 2, 0, {0.9, 0.8}, true};
+    set_up(m, {"--aireml"});
+    EXPECT_EQ(best_covariances(2).size(), 2u);
+    EXPECT_NEAR(best_covariances(2)[1], 0.8, 1.0e-12);
+    reset_modules();
+    set_up(repeats_with_peq(2), {"--aireml"});
+    EXPECT_NEAR(best_covariances(0)[0], 2.1, 1.0e-12);
+    EXPECT_NEAR(best_covariances(0)[1], 0.4, 1.0e-12);
+    EXPECT_NEAR(best_covariances(2)[1], 0.1, 1.0e-12);
+    reset_modules();
+    set_up(components(2), {"--aireml"});
+    EXPECT_EQ(best_covariances(1).size(), 6u);
+}
+
+TEST_F(best_point_test, ContinuedRunOfRepeatEffectsReturnsToTheSameLikelihood) {
+    reset_modules();
+    set_up(repeats_with_peq(2), {"--emalg4"});
+    get_estimates();
+    const double x = estimates.xbest;
+    reset_modules();
+    set_up(repeats_with_peq(2), {"-c", "--aireml"});
+    EXPECT_NEAR(program_logl(estimates.parvec), x, 1.0e-6);
+}
+
+// Whatever the model and the scale, the matrices on file give the likelihood on file.
+TEST_F(best_point_test, ContinuedRunsStartAtTheStoredLikelihood) {
+    small_model diagonal = with_dams();
+    diagonal.random[1] = {"dam", "IDE", 2, 0, {0.9, 0.8}, true};
+    small_model correlated = animal_model(1, {1.3}, {2.1});
+    correlated.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
+    small_model apart = two_traits();
+    for (auto& r : apart.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
+    const std::vector<small_model> models{
+        families(1),        with_dams(),         components(1), components(2), growth(true),
+        growth(true, true), repeats_with_peq(2), diagonal,      correlated,    apart};
+    for (std::size_t k = 0; k < models.size(); ++k) {
+        for (const auto& entry : std::filesystem::directory_iterator(".")) std::filesystem::remove(entry.path());
+        reset_modules();
+        set_up(models[k], {"--pxai2,2"});
+        get_estimates();
+        const double x = estimates.xbest;
+        const std::string stored = read_file("BestPoint");
+        for (const char* next : {"--aireml", "--emalg", "--logdia"}) {
+            SCOPED_TRACE(std::to_string(k) + " " + next);
+            write_file("BestPoint", stored);
+            reset_modules();
+            set_up(models[k], {"-c", next});
+            EXPECT_EQ(estimates.xlike_file, x);
+            // on the scale of the matrices themselves eigenvalues below 1e-4 are raised
+            EXPECT_NEAR(program_logl(estimates.parvec), x, std::string(next) == "--emalg" ? 2.0e-3 : 1.0e-7);
+        }
+    }
+}
+
+} // namespace
+} // namespace tarvex
