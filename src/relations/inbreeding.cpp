@@ -9,6 +9,7 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "data/pedigreelist.h"
+#include "relations/inbreeding_cuts.h"
 #include "relations/nrminverse.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
@@ -23,8 +24,9 @@ namespace tarvex {
 
 namespace {
 
-constexpr int most_sires = 8;      // swept together
-constexpr int most_waiting = 2048; // sires that are sorted into groups of relatives
+constexpr std::int64_t few_steps = 1 << 24; // sweeps by sires take no time to speak of
+constexpr int most_sires = 8;               // swept together
+constexpr int most_waiting = 2048;          // sires that are sorted into groups of relatives
 
 // Sets of animals, a bit each: word i/64.
 using bit_set = std::vector<std::uint64_t>;
@@ -194,8 +196,8 @@ void write_summary(text_out& out, int jj, int n, double fbar) {
 
 } // namespace
 
-std::vector<double> inbreeding(const std::vector<int>& sire, const std::vector<int>& dam,
-                               const std::function<void(int)>& done) {
+std::vector<double> inbreeding_by_sires(const std::vector<int>& sire, const std::vector<int>& dam,
+                                        const std::function<void(int)>& done) {
     const int n = static_cast<int>(sire.size());
     const std::size_t m = sire.size() + 1;
     const std::size_t words = m / 64 + 1;
@@ -226,6 +228,20 @@ std::vector<double> inbreeding(const std::vector<int>& sire, const std::vector<i
     }
     finish(n);
     return std::move(w.f);
+}
+
+std::vector<double> inbreeding(const std::vector<int>& sire, const std::vector<int>& dam,
+                               const std::function<void(int)>& done) {
+    const std::int64_t steps = sweep_steps(sire, dam);
+    if (steps < few_steps) return inbreeding_by_sires(sire, dam, done);
+    const pedigree_cuts cuts = cut_pedigree(sire, dam);
+    if (cuts.steps >= steps) return inbreeding_by_sires(sire, dam, done);
+    std::vector<int> youngest(sire.size() + 1); // offspring of each sire
+    for (std::size_t i = 0; i < sire.size(); ++i) youngest[sire[i]] = static_cast<int>(i) + 1;
+    int told = 0;
+    return inbreeding_by_cuts(sire, dam, cuts.last, [&](int m) {
+        while (done && told < static_cast<int>(sire.size()) && youngest[told + 1] <= m) done(++told);
+    });
 }
 
 void inbreed_coeffs(int jj, int nanim, text_out& out) {

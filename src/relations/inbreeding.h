@@ -11,8 +11,13 @@ class text_out;
 //   sire, dam  parents of animal i at [i-1], numbers from 1, 0 unknown
 //   done       called with s = 1, 2, .. once the coefficients of all offspring of sires up to s are known
 //   returns    F of animal i at [i-1]; exactly 0 where sire and dam have no common ancestor
+// By sweeps over the relatives of each sire, or by stretches of the list (inbreeding_cuts.h) where the pedigree is
+// large and these count fewer steps.
 std::vector<double> inbreeding(const std::vector<int>& sire, const std::vector<int>& dam,
                                const std::function<void(int)>& done = {});
+// The same by sweeps over the relatives of each sire.
+std::vector<double> inbreeding_by_sires(const std::vector<int>& sire, const std::vector<int>& dam,
+                                        const std::function<void(int)>& done = {});
 
 // Mendelian sampling variance of an animal as part of the additive variance, from the coefficients of its parents:
 // 1 - (1+Fs)/4 - (1+Fd)/4, without the terms of unknown parents.

@@ -1,6 +1,7 @@
 // Inbreeding coefficients of pedigrees in which many sires are swept together.
 #include "relations/inbreeding.h"
 
+#include "relations/inbreeding_cuts.h"
 #include "support/pedigree_model.h"
 
 namespace tarvex {
@@ -72,6 +73,77 @@ TEST(inbreeding, sires_of_overlapping_generations) {
         const std::vector<double> f = inbreeding(sire, dam);
         for (std::size_t i = 0; i < f.size(); ++i) EXPECT_NEAR(f[i], a[i][i] - 1.0, 1e-13) << seed << " " << i;
     }
+}
+
+// Generations of `size`, the first `sires` of each its males; one parent in 13 unknown, one in 40 from any generation.
+family_book generations(int count, int size, int sires, unsigned seed) {
+    std::mt19937 rng(seed);
+    family_book book;
+    const auto draw = [&](int from, int n) { return from + static_cast<int>(rng() % static_cast<unsigned>(n)); };
+    for (int g = 0; g < count; ++g)
+        for (int k = 0; k < size; ++k) {
+            const int from = size * ((rng() % 40 == 0 ? draw(0, std::max(g, 1)) : g - 1)) + 1;
+            const bool s = g > 0 && rng() % 13 > 0, d = g > 0 && rng() % 13 > 0;
+            book.add(s ? draw(from, sires) : 0, d ? draw(from, size) : 0, 0.0);
+        }
+    return book;
+}
+
+TEST(inbreeding, stretches_that_end_anywhere_equal_the_tabular_method) {
+    for (const unsigned seed : {1u, 2u, 3u}) {
+        const family_book book = generations(9, 50, 25, seed);
+        const int n = static_cast<int>(book.sire.size());
+        const dense a = tabular(book.sire, book.dam);
+        for (const std::vector<int>& last :
+             {std::vector<int>{n}, {200, n}, {50, 100, 237, n}, {1, 7, 90, 91, 399, n}}) {
+            std::vector<int> told;
+            const std::vector<double> f =
+                inbreeding_by_cuts(book.sire, book.dam, last, [&](int m) { told.push_back(m); });
+            EXPECT_EQ(told, last);
+            double inbred = 0.0;
+            for (std::size_t i = 0; i < f.size(); ++i) {
+                ASSERT_NEAR(f[i], a[i][i] - 1.0, 1e-13) << last.size() << " stretches, animal " << i + 1;
+                inbred += f[i];
+            }
+            EXPECT_GT(inbred, 1.0);
+        }
+    }
+}
+
+TEST(inbreeding, selfing_and_backcrosses_over_a_border) {
+    family_book book;
+    const int a = book.add(0, 0, 0.0), b = book.add(0, 0, 0.0);
+    const int c = book.add(a, b, 0.0), e = book.add(c, c, 0.5);
+    const int g = book.add(a, c, 0.25), h = book.add(e, c, 0.5); // a(e,c) = a(c,c) = 1
+    book.add(h, g, 0.375);                                       // a(h,g) = a(c,g) = (1/2 + 1) / 2
+    const int n = static_cast<int>(book.sire.size());
+    for (int cut = 1; cut < n; ++cut) {
+        const std::vector<double> f = inbreeding_by_cuts(book.sire, book.dam, {cut, n});
+        for (std::size_t i = 0; i < f.size(); ++i) EXPECT_EQ(f[i], book.f[i]) << cut << " " << i;
+    }
+}
+
+TEST(inbreeding, the_list_is_cut_where_steps_are_saved) {
+    const family_book book = generations(20, 400, 200, 11);
+    const int n = static_cast<int>(book.sire.size());
+    const pedigree_cuts cuts = cut_pedigree(book.sire, book.dam);
+    EXPECT_GT(cuts.last.size(), 1u);
+    EXPECT_EQ(cuts.last.back(), n);
+    EXPECT_TRUE(std::is_sorted(cuts.last.begin(), cuts.last.end()));
+    EXPECT_LT(2 * cuts.steps, sweep_steps(book.sire, book.dam));
+    const family_book dairy = generations(20, 400, 4, 11);
+    EXPECT_GT(cut_pedigree(dairy.sire, dairy.dam).steps, sweep_steps(dairy.sire, dairy.dam)) << "few sires are swept";
+}
+
+TEST(inbreeding, a_large_pedigree_takes_the_stretches_and_tells_each_number_once) {
+    const family_book book = generations(20, 1400, 700, 5);
+    const int n = static_cast<int>(book.sire.size());
+    int last = 0;
+    const std::vector<double> f = inbreeding(book.sire, book.dam, [&](int s) { EXPECT_EQ(s, ++last); });
+    EXPECT_EQ(last, n);
+    EXPECT_EQ(f, inbreeding_by_cuts(book.sire, book.dam, cut_pedigree(book.sire, book.dam).last));
+    const std::vector<double> g = inbreeding_by_sires(book.sire, book.dam);
+    for (std::size_t i = 0; i < f.size(); ++i) ASSERT_NEAR(f[i], g[i], 1e-13) << i;
 }
 
 } // namespace
