@@ -4,6 +4,7 @@
 #include "data/data.h"
 #include "data/levels.h"
 #include "data/pedigreelist.h"
+#include "data/units.h"
 
 #include "basis/legendre.h"
 #include "basis/phimatrix.h"
@@ -232,6 +233,7 @@ void set_means(const scan_state& s) {
         means.tr_min(iq) = t.lowest;
         means.tr_max(iq) = t.highest;
     }
+    set_units();
     auto& c = covmeans;
     set_moments(c.cv_nrec, c.cv_xbar, c.cv_var, c.cv_min, c.cv_max, s.cv);
     set_moments(c.mm_nrec, c.mm_xbar, c.mm_var, c.mm_min, c.mm_max, s.mm);

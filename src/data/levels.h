@@ -34,6 +34,7 @@ inline levels_module levels;
 struct means_module {
     array<int> nrec;                               // (nq) records
     array<double> tr_xbar, tr_var, tr_min, tr_max; // (nq) mean, standard deviation, extremes
+    array<double> unit;                            // (nq) what records are divided by when they are recoded
     array<int> pairs;                              // (nq(nq+1)/2) records of pairs of traits, counted within subjects
 };
 inline means_module means;

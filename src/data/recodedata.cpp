@@ -4,6 +4,7 @@
 #include "data/data.h"
 #include "data/levels.h"
 #include "data/rowlayout.h"
+#include "data/units.h"
 
 #include "basis/phimatrix.h"
 #include "control/filenames.h"
@@ -158,7 +159,7 @@ void gather_controls(recoder& r, const array<double>& dvec, int iq, int k) {
 void gather(recoder& r, const array<double>& dvec, int iq, double y) {
     if (r.nobs == numbers.maxnr) stop("this should not happen"); // the data have changed since the scan
     const int k = ++r.nobs;
-    r.yvec(k) = y;
+    r.yvec(k) = y / trait_unit(iq);
     r.ynq(k) = iq;
     ++r.mark(iq);
     for (auto* a : {&r.ieqnr, &r.icov, &r.iraand, &r.imeta}) std::fill(a->column(k).begin(), a->column(k).end(), 0);

@@ -166,6 +166,19 @@ void eigem(const array<double, 2>& a, array<double>& eig, array<double, 2>& vect
     }
 }
 
+void eigem_any_size(const array<double, 2>& a, array<double>& eig, array<double, 2>& vectors, int n) {
+    double largest = 0.0;
+    for (int j = 1; j <= n; ++j)
+        for (int i = 1; i <= n; ++i) largest = std::max(largest, std::abs(a(i, j)));
+    const bool ordinary = (largest >= 1.0e-2 && largest <= 1.0e8) || !(largest > 0.0) || !std::isfinite(largest);
+    const double unit = ordinary ? 1.0 : std::exp2(std::round(std::log2(largest)));
+    array<double, 2> scaled = a;
+    for (double& x : scaled) x /= unit;
+    int nzero = 0;
+    eigem(scaled, eig, vectors, n, 0.0, nzero);
+    for (int k = 1; k <= n; ++k) eig(k) *= unit;
+}
+
 void gen_inverse(std::span<double> a, int n, double tol, int& rank, double& ldet, int* negative) {
     rank = 0;
     ldet = 0.0;

@@ -31,6 +31,9 @@ void full2vec(const array<double, 2>& full, std::span<double> packed, int n);
 // 1e-6 and less are not told from zero, scale such matrices. Stops for n below 1 and after 500 sweeps.
 void eigem(const array<double, 2>& a, array<double>& eig, array<double, 2>& vectors, int n, double tol, int& nzero);
 
+// The same for a matrix in any unit: one without elements from 0.01 to 1e8 is divided by a power of two meanwhile.
+void eigem_any_size(const array<double, 2>& a, array<double>& eig, array<double, 2>& vectors, int n);
+
 // Generalised inverse of the packed triangle `a` of order n, in place: rows without a pivot above tol in magnitude are
 // zero. rank: number of pivots; ldet: log of the product of their magnitudes; negative: how many of them were negative.
 // Small and negative pivots are told on the screen. n = 1 takes the signed element: not above tol gives 0.

@@ -5,6 +5,7 @@
 #include "control/options.h"
 #include "dense/numroutines.h"
 #include "estimation/estimates.h"
+#include "parameters/parunits.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
@@ -60,6 +61,8 @@ std::vector<double> best_covariances(int irand) {
     std::vector<double> cov = get_cov(irand);
     if (irand == 0 && residualvars.peqsum) subtract_peq(cov, get_cov(residualvars.ipeq));
     estimates.switchlog = marks;
+    const std::vector<double> units = block_units(irand);
+    for (std::size_t k = 0; k < units.size(); ++k) cov[k] *= units[k];
     return cov;
 }
 

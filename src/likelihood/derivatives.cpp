@@ -7,6 +7,7 @@
 #include "data/datavecs.h"
 #include "dense/numroutines.h"
 #include "estimation/estimates.h"
+#include "parameters/parunits.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/structure_sums.h"
 #include "parameters/randomvars.h"
@@ -178,15 +179,18 @@ void derivatives_mmm() {
 }
 
 void write_avinfo(double xlike) {
-    const auto put = [xlike](const std::string& name, const array<double>& a, double sign) {
+    const auto put = [xlike](const std::string& name, const array<double>& a, const std::vector<double>& unit,
+                             double sign) {
         text_out out;
         if (!out.open(name)) return;
         print_list(out, xlike);
         for (int i = 1; i <= estimates.nparm; ++i)
-            for (int j = i; j <= estimates.nparm; ++j) print_list(out, i, j, sign * a(ihmssf(i, j, estimates.nparm)));
+            for (int j = i; j <= estimates.nparm; ++j) print_list(out, i, j, sign * a(ihmssf(i, j, estimates.nparm)) / (unit[at(i - 1)] * unit[at(j - 1)]));
     };
-    put(filenames.aiparsfile, derivs.der2, 1.0);
-    if (!options.principal) put(filenames.aicovsfile, derivs.devl2, -1.0);
+    std::vector<double> factors;
+    for (const auto& u : parameter_units()) factors.push_back(u.factor);
+    put(filenames.aiparsfile, derivs.der2, factors, 1.0);
+    if (!options.principal) put(filenames.aicovsfile, derivs.devl2, covariance_units(), -1.0);
 }
 
 } // namespace tarvex

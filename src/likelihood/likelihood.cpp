@@ -8,6 +8,7 @@
 #include "control/tvxroutines.h"
 #include "data/datavecs.h"
 #include "data/levels.h"
+#include "data/units.h"
 #include "equations/equations.h"
 #include "equations/mmequations.h"
 #include "equations/orders.h"
@@ -15,6 +16,7 @@
 #include "estimation/estimates.h"
 #include "likelihood/buildmmm.h"
 #include "likelihood/solutions.h"
+#include "parameters/parunits.h"
 #include "parameters/randomvars.h"
 #include "parameters/residualvars.h"
 #include "parfile/model.h"
@@ -112,8 +114,41 @@ bool new_factor() {
     return ifail == 0;
 }
 
+// Equations of the fixed part of trait iq that are in the system.
+int fixed_equations(int iq) {
+    const auto count = [](int start, int n) {
+        int m = 0;
+        for (int e = start + 1; e <= start + n; ++e) m += orders.ieqnew(e) > 0 ? 1 : 0;
+        return m;
+    };
+    int n = 0;
+    for (int i = 1; i <= model.nfix(iq); ++i) n += count(mmequations.fx_start(i, iq), levels.fx_nlev(i, iq));
+    for (int i = 1; i <= model.ncov(iq); ++i) {
+        const int nest = mudmap.cv_nestfix(i, iq);
+        const int curves = nest == 0 ? 1 : nest > 0 ? levels.fx_nlev(nest, iq) : levels.ex_nlev(-nest, iq);
+        n += count(mmequations.cv_start(i, iq), curves * mudmap.cv_order(i, iq));
+    }
+    if (mmequations.ieq_trait(iq) > 0) n += count(mmequations.ieq_trait(iq) - 1, 1);
+    return n;
+}
+
+// What log L of the records as recoded lacks to that of the data: traits are worked out in units of their own.
+double logl_shift() {
+    double s = 0.0;
+    for (int iq = 1; iq <= numbers.nq; ++iq)
+        if (const double u = trait_unit(iq); u != 1.0) s -= (means.nrec(iq) - fixed_equations(iq)) * std::log(u);
+    if (!options.pseudofix || !randasfix.nasfix.allocated() || !any_unit()) return s;
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (mudmap.kovrnd(irand) == "PEQ" || estimates.paraform(irand) == "Cholesky") continue;
+        for (int i = 1; i <= model.kkfit(irand); ++i)
+            s += randasfix.nasfix(irand) * std::log(row_unit(irand, i)); // estimated as fixed ones
+    }
+    return s;
+}
+
 double assembled_dev() {
     double dev = likelihoods.detc + likelihoods.ypy;
+    if (any_unit()) dev -= 2.0 * logl_shift();
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (mudmap.kovrnd(irand) == "PEQ") continue;
         const double nlev = effective_levels(irand);

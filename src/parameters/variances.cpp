@@ -5,10 +5,12 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "data/levels.h"
+#include "data/units.h"
 #include "dense/numroutines.h"
 #include "estimation/bestpoint.h"
 #include "estimation/estimates.h"
 #include "likelihood/likelihood.h"
+#include "parameters/parunits.h"
 #include "parameters/residualvars.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
@@ -274,6 +276,12 @@ void add_peq(std::vector<double>& res) {
         }
 }
 
+// Covariances in the units in which the traits are worked out.
+void divide_by_units(int irand, std::vector<double>& cc) {
+    const std::vector<double> units = block_units(irand);
+    for (std::size_t k = 0; k < units.size(); ++k) cc[k] /= units[k];
+}
+
 void factor_to_matrix(const array<double, 2>& vv, int n, int rank, array<double>& cc) {
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j) {
@@ -503,7 +511,10 @@ void covs2parvec() {
         allocate_parameters();
         label_covariances();
         if (options.continew || options.bestonly) readbestpoint(false);
-        if (options.bestonly) estimates.xbest = estimates.xlike_file;
+        if (options.bestonly) {
+            estimates.xbest = estimates.xlike_file;
+            set_units_from_covariances();
+        }
     }
     choose_scale();
     estimates.logpar.fill(0);
@@ -513,6 +524,7 @@ void covs2parvec() {
     for (int irand = 0; irand <= numbers.krand; ++irand) {
         std::vector<double> cc(model.cov.column(irand).begin(), model.cov.column(irand).end());
         if (irand == 0 && residualvars.peqsum) add_peq(cc);
+        if (any_unit()) divide_by_units(irand, cc);
         transform_covs(irand, cc.data(), floor_pivot, estimates.parvec);
     }
     estimates.parbest = estimates.parvec;

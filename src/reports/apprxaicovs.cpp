@@ -8,6 +8,7 @@
 #include "estimation/aireml.h"
 #include "estimation/estimates.h"
 #include "likelihood/derivatives.h"
+#include "parameters/parunits.h"
 #include "parameters/residualvars.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
@@ -121,10 +122,18 @@ void approxai_covs() {
     invert_information(hess2, nparm, sampling.rank);
     sampling.varpar.allocate(nparm);
     for (int i = 1; i <= nparm; ++i) sampling.varpar(i) = hess2(i, i);
+    const std::vector<parameter_unit> units = parameter_units(); // the Jacobians are those of the parameters in use
+    for (int i = 1; i <= nparm; ++i)
+        for (int j = 1; j <= nparm; ++j)
+            hess2(i, j) /=
+                units[static_cast<std::size_t>(i - 1)].factor * units[static_cast<std::size_t>(j - 1)].factor;
 
     allocate("alloc linfun", linfun, nall, nparm);
     for (int irand = 0; irand <= numbers.krand; ++irand) block_rows(irand, linfun);
     if (residualvars.peqsum) peq_rows(linfun);
+    const std::vector<double> cov_units = all_cov_units();
+    for (int c = 1; c <= estimates.ncov; ++c)
+        for (int k = 1; k <= nparm; ++k) linfun(c, k) *= cov_units[static_cast<std::size_t>(c - 1)];
     for (int i = 1; i <= usrdefcovs.ncovadd; ++i)
         for (const auto& t : usrdefcovs.addcov[static_cast<std::size_t>(i - 1)])
             for (int k = 1; k <= nparm; ++k) linfun(estimates.ncov + i, k) += t.factor * linfun(t.isig, k);

@@ -37,8 +37,7 @@ bool positive_definite(int irand) {
         for (int i = 1; i <= n; ++i)
             for (int j = i; j <= n; ++j)
                 a(i, j) = a(j, i) = model.cov((step - 1) * n * (n + 1) / 2 + ihmssf(i, j, n), irand);
-        int nzero = 0;
-        eigem(a, eig, vectors, n, numbers.zero, nzero);
+        eigem_any_size(a, eig, vectors, n);
         if (!(eig(rank) > 0.0)) return false;
     }
     return true;

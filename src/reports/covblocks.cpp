@@ -110,8 +110,7 @@ void write_eigen(text_out& out, const report_matrix& m, const array<double, 2>& 
     constexpr edit_form value_line{"(1x,5hValue,(t7,6f13.2))"}, share_line{"(1x,5h  (%),(t7,6f13.2))"};
     array<double> eig;
     array<double, 2> vv;
-    int nzero = 0;
-    eigem(zig, eig, vv, m.n, numbers.zero, nzero);
+    eigem_any_size(zig, eig, vv, m.n);
     std::vector<double> values, shares;
     double sum = 0.0;
     for (int k = 1; k <= m.rank; ++k) sum += eig(k);

@@ -5,6 +5,7 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "data/datavecs.h"
+#include "data/units.h"
 #include "equations/orders.h"
 #include "likelihood/solutions.h"
 #include "likelihood/subjects.h"
@@ -30,7 +31,9 @@ void write_residuals() {
             for (auto k = static_cast<std::size_t>(d.first[row]); k < static_cast<std::size_t>(d.first[row + 1]); ++k)
                 fit += d.weight[k] * solutions.solsave(orders.ieqold(d.eq[static_cast<std::size_t>(d.local[k])]));
             yy[row] = datavecs.yvec(i + 1) - fit;
-            print_list(out, datavecs.yvec(i + 1), yy[row]);
+            const double unit = trait_unit(datavecs.ynq(i + 1));
+            yy[row] *= unit;
+            print_list(out, datavecs.yvec(i + 1) * unit, yy[row]);
         }
         for (int i = 0; i < d.nobs; ++i)
             for (int j = 0; j < d.nobs; ++j) {

@@ -9,6 +9,7 @@
 #include "estimation/aireml.h"
 #include "estimation/estimates.h"
 #include "likelihood/derivatives.h"
+#include "parameters/parunits.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "reports/apprxaicovs.h"
@@ -63,11 +64,18 @@ void write_headlines(text_out& out) {
         write_criteria(out);
 }
 
+// Parameter at the best point in the units of the data.
+double reported(int ipar, const std::vector<parameter_unit>& units) {
+    const parameter_unit& u = units[static_cast<std::size_t>(ipar - 1)];
+    return estimates.parbest(ipar) * u.factor + u.shift;
+}
+
 void write_parameters(text_out& out) {
+    const std::vector<parameter_unit> units = parameter_units();
     constexpr edit_form head{"(/a)"}, with_error{"(i4,3x,a,t25,2g18.6)"}, plain{"(i4,3x,a,t25,g18.6)"};
     if (!sampling.available) {
         write(out, head, " Parameter estimates");
-        for (int i = 1; i <= estimates.nparm; ++i) write(out, plain, i, estimates.parnames(i), estimates.parbest(i));
+        for (int i = 1; i <= estimates.nparm; ++i) write(out, plain, i, estimates.parnames(i), reported(i, units));
         return;
     }
     if (sampling.rank < estimated()) {
@@ -82,7 +90,7 @@ void write_parameters(text_out& out) {
         const double v = sampling.varpar(i);
         const double xx = v < 0.0 ? -std::sqrt(-v) : std::sqrt(v);
         warn = warn || v < 0.0;
-        write(out, with_error, i, estimates.parnames(i), estimates.parbest(i), xx);
+        write(out, with_error, i, estimates.parnames(i), reported(i, units), xx);
     }
     if (warn) print_list(out, failed_note);
 }

@@ -6,10 +6,12 @@
 #include "control/tvxroutines.h"
 #include "data/data.h"
 #include "data/levels.h"
+#include "data/units.h"
 #include "dense/numroutines.h"
 #include "equations/mmequations.h"
 #include "equations/orders.h"
 #include "likelihood/solutions.h"
+#include "parameters/parunits.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "reports/levelcounts.h"
@@ -27,10 +29,10 @@ namespace {
 
 bool with_errors() { return solutions.nsolerrs != 0; }
 
-// Prediction error variance of an equation, 0 where it was taken out.
-double error_variance(int equation) {
+// Prediction error variance of an equation whose solution has this unit, 0 where it was taken out.
+double error_variance(int equation, double unit) {
     const int e = orders.ieqnew(equation);
-    return e > 0 ? solutions.solerrs(e) : 0.0;
+    return e > 0 ? solutions.solerrs(e) * unit * unit : 0.0;
 }
 double root_or_raw(double v) { return v > 0.0 ? std::sqrt(v) : v; }
 
@@ -72,8 +74,8 @@ void write_coefficients(text_out& out, int icov, int iq) {
     for (int icurve = 1; icurve <= curves; ++icurve)
         for (int j = 1; j <= order; ++j) {
             const int k1 = mmequations.cv_start(icov, iq) + (icurve - 1) * order + j;
-            std::vector<double> values{solutions.solsave(k1)};
-            if (with_errors()) values.push_back(root_or_raw(error_variance(k1)));
+            std::vector<double> values{solutions.solsave(k1) * trait_unit(iq)};
+            if (with_errors()) values.push_back(root_or_raw(error_variance(k1, trait_unit(iq))));
             if (codes)
                 write(out, nested_line, icov, model.covar(icov, iq), icurve, j, values);
             else
@@ -105,7 +107,7 @@ void write_curve(int icov, int iq, const level_counts& counts, std::set<std::str
             double xx = 0.0;
             for (int j = 1; j <= order; ++j)
                 xx += row[static_cast<std::size_t>(j - 1)] *
-                      solutions.solsave(mmequations.cv_start(icov, iq) + (icurve - 1) * order + j);
+                      solutions.solsave(mmequations.cv_start(icov, iq) + (icurve - 1) * order + j) * trait_unit(iq);
             write(out, line, whole ? static_cast<long long>(values[v]) : static_cast<long long>(v + 1), xx,
                   counts.nnvec[at], counts.fbar[at]);
         }
@@ -130,11 +132,12 @@ void write_covariables(text_out& out, const solution_counts& counts) {
 // ---- fixed and extra effects
 
 void level_line(text_out& out, int ifix, const std::string& name, std::int64_t code, int level, int equation,
-                double svec, int n, double mean) {
+                double unit, double svec, int n, double mean) {
     constexpr edit_form errors{"(i3,2x,a,t20,i14,i7,3g16.6,i10,g15.5)"}, plain{"(i3,2x,a,t20,i14,i7,2g16.6,i10,g15.5)"};
-    const double solution = solutions.solsave(equation);
+    const double solution = solutions.solsave(equation) * unit;
     if (with_errors())
-        write(out, errors, ifix, name, code, level, solution, root_or_raw(error_variance(equation)), svec, n, mean);
+        write(out, errors, ifix, name, code, level, solution, root_or_raw(error_variance(equation, unit)), svec, n,
+              mean);
     else
         write(out, plain, ifix, name, code, level, solution, svec, n, mean);
 }
@@ -157,7 +160,8 @@ void write_fixed(text_out& out, const solution_counts& counts) {
         else
             write(out, plain, "Effect", "Orig.code", "Level", "Solution", "SolSum=0", "No.recs", "Eff.Mean");
         if (mmequations.ieq_trait(iq) > 0) // the trait's mean
-            level_line(out, 0, "Mean", 0, 1, mmequations.ieq_trait(iq), 0.0, means.nrec(iq), means.tr_xbar(iq));
+            level_line(out, 0, "Mean", 0, 1, mmequations.ieq_trait(iq), trait_unit(iq), 0.0, means.nrec(iq),
+                       means.tr_xbar(iq));
         for (int ifix = 1; ifix <= model.nfix(iq); ++ifix) {
             const auto& codes = levels.fx_codes(ifix, iq);
             const auto& c = counts.fixed(ifix, iq);
@@ -166,8 +170,8 @@ void write_fixed(text_out& out, const solution_counts& counts) {
             for (int i = 1; i <= n; ++i) mean += solutions.solsave(start + i) / n;
             for (int i = 1; i <= n; ++i) {
                 const auto k = static_cast<std::size_t>(i - 1);
-                level_line(out, ifix, model.fixed(ifix, iq), codes[k], i, start + i,
-                           solutions.solsave(start + i) - mean, c.nnvec[k], c.fbar[k]);
+                level_line(out, ifix, model.fixed(ifix, iq), codes[k], i, start + i, trait_unit(iq),
+                           (solutions.solsave(start + i) - mean) * trait_unit(iq), c.nnvec[k], c.fbar[k]);
             }
             subclass_lines(out, c.nnvec);
         }
@@ -205,9 +209,10 @@ void write_random(text_out& out, int irand) {
         const std::int64_t icode = levels.rn_codes(irand)[static_cast<std::size_t>(i - 1)];
         for (int r = 1; r <= n; ++r) {
             const int k1 = mmequations.rn_start(irand) + (i - 1) * n + r;
-            const double solution = solutions.solsave(k1);
+            const double unit = options.principal ? 1.0 : row_unit(irand, r);
+            const double solution = solutions.solsave(k1) * unit;
             if (with_errors()) {
-                const double v = error_variance(k1);
+                const double v = error_variance(k1, unit);
                 const double yy = root_or_raw(1.0 - v / component_variance(irand, r));
                 if (r == 1)
                     write(out, coded, i, icode, r, solution, root_or_raw(v), yy);

@@ -41,7 +41,7 @@ std::string number_list(const std::vector<double>& v) {
     std::ostringstream s;
     s.precision(17);
     int k = 0;
-    for (double x : v) s << (k++ % 4 == 0 ? "\n " : " ") << x;
+    for (double x : v) s << (k++ % 3 == 0 ? "\n " : " ") << x;
     return s.str();
 }
 
