@@ -14,6 +14,7 @@
 #include "equations/setups.h"
 #include "estimation/estimates.h"
 #include "likelihood/likelihood.h"
+#include "parameters/parunits.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
@@ -268,6 +269,16 @@ void set_up(const small_model& m, const std::vector<std::string>& arguments) {
     setup4mmm();
 }
 
+namespace {
+
+void in_units_of_the_data(int irand, int n, array<double>& cc) {
+    int k = 0;
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) cc(++k) *= cov_unit(irand, i, j);
+}
+
+} // namespace
+
 oracle::point point_at(const small_model& m, array<double> parvec) {
     oracle::point p;
     array<double> cc;
@@ -275,6 +286,7 @@ oracle::point point_at(const small_model& m, array<double> parvec) {
     int ifail = 0;
     for (int step = 1; step <= model.rr_resteps; ++step) {
         parvec2covs(parvec, 0, step, cc, vv, ifail);
+        in_units_of_the_data(0, m.nq, cc);
         p.r.push_back(unpacked(cc.data(), m.nq));
         int k = (step - 1) * m.nq * (m.nq + 1) / 2;
         for (int i = 0; i < m.nq; ++i)
@@ -284,6 +296,7 @@ oracle::point point_at(const small_model& m, array<double> parvec) {
     for (std::size_t k = 0; k < m.random.size(); ++k) {
         const int irand = static_cast<int>(k) + 1;
         parvec2covs(parvec, irand, 1, cc, vv, ifail);
+        in_units_of_the_data(irand, model.kkfit(irand), cc);
         const oracle::dense g = unpacked(cc.data(), model.kkfit(irand));
         if (m.random[k].kov == "PEQ") {
             p.b = g;
