@@ -21,7 +21,7 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(study_input, file, sum, lines, separator, dec
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(study_residual_class, from, to)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(study, name, command, formula, analysis, rank, sire_model, one_line, subject,
                                    run_options, data, pedigree, columns, traits, effects, classes, residuals, control,
-                                   control_column, dropped, remarks, born)
+                                   control_column, control_power, control_shift, dropped, remarks, born)
 
 namespace {
 

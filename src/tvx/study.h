@@ -101,6 +101,8 @@ struct study {
     std::vector<study_residual_class> residuals; // random regression: classes of residual variances; empty: one
     std::string control;                         // random regression: the user's name of the control variable
     std::string control_column;
+    int control_power = 0; // value in NAME.dat = user's value * 10^control_power - control_shift
+    double control_shift = 0.0;
     std::vector<study_drop> dropped;
     std::vector<std::string> remarks;  // what prep told
     std::vector<study_animal> animals; // code k is animals[k-1]; empty without pedigree
