@@ -6,13 +6,11 @@
 // Each benchmark is one call on fresh values; medians are shown. "Mops" are millions of multiplications in a second.
 #include "control/numbers.h"
 #include "control/options.h"
-#include "sparse/autodiff.h"
+#include "equations/mmmatrix.h"
+#include "likelihood/factormmm.h"
 #include "sparse/dense_kernels.h"
-#include "sparse/factorise.h"
-#include "sparse/forward.h"
-#include "sparse/sparse.h"
 #include "sparse/supernodes.h"
-#include "sparse/takahashi.h"
+#include "sparse/symbfact.h"
 #include "systems.h"
 
 #include <benchmark/benchmark.h>
@@ -44,7 +42,7 @@ void factorise(benchmark::State& state, kernel_kind kind) {
         if (ifail != 0) state.SkipWithError("no factor");
     }
     state.counters["Mops"] =
-        benchmark::Counter(1e-6 * factor_operations(), benchmark::Counter::kIsIterationInvariantRate);
+        benchmark::Counter(1e-6 * count_operations(sparse.n, sparse.ixvec1), benchmark::Counter::kIsIterationInvariantRate);
 }
 
 void need_factor() {
@@ -95,8 +93,8 @@ void forward(benchmark::State& state, kernel_kind kind) {
 
 void partition(benchmark::State& state) {
     for (auto _ : state) {
-        supernodes_drop();
-        supernodes();
+        kernels.work.tree = {};
+        supernodes(sparse, kernels.work);
     }
 }
 
@@ -128,7 +126,7 @@ void cholmod(benchmark::State& state) {
     for (auto _ : state) cholmod_factorize(a, l, &c);
     if (c.status != CHOLMOD_OK) state.SkipWithError("no factor");
     state.counters["Mops"] =
-        benchmark::Counter(1e-6 * factor_operations(), benchmark::Counter::kIsIterationInvariantRate);
+        benchmark::Counter(1e-6 * count_operations(sparse.n, sparse.ixvec1), benchmark::Counter::kIsIterationInvariantRate);
     cholmod_free_factor(&l, &c);
     cholmod_free_sparse(&a, &c);
     cholmod_finish(&c);
@@ -184,15 +182,15 @@ int main(int argc, char** argv) {
             argv[kept++] = argv[i];
     }
     argc = kept;
-    const supernode_tree& tree = supernodes();
+    const supernode_tree& tree = supernodes(sparse, kernels.work);
     std::printf("%s: %d rows, %d elements, %.1f Mops, %.0f an element; %zu supernodes, largest front %d, widest %d; "
                 "update matrices %.0f MB, inverse %.0f MB; kernels %s\n",
-                argv[0], numbers.nsrow, sparse.maxlnz, 1e-6 * factor_operations(), factor_operations() / sparse.maxlnz,
+                argv[0], numbers.nsrow, sparse.maxlnz, 1e-6 * count_operations(sparse.n, sparse.ixvec1), count_operations(sparse.n, sparse.ixvec1) / sparse.maxlnz,
                 tree.parent.size(), tree.rows, tree.width,
                 8e-6 * static_cast<double>(tree.triangles[0] + tree.triangles[1]),
                 8e-6 * static_cast<double>(tree.inverse), dense_kernels().name);
     if (compare) compare_kernels();
-    const bool big = factor_operations() > 2e9;
+    const bool big = count_operations(sparse.n, sparse.ixvec1) > 2e9;
     add("factor/cholmod", 5, cholmod);
     add("factor/supernodes", 5, [](benchmark::State& s) { factorise(s, kernel_kind::supernodes); });
     add("factor/columns", big ? 1 : 3, [](benchmark::State& s) { factorise(s, kernel_kind::columns); });

@@ -10,18 +10,16 @@
 #include "app/phases.h"
 #include "control/numbers.h"
 #include "control/options.h"
+#include "equations/mmmatrix.h"
 #include "equations/setups.h"
 #include "estimation/emsteps.h"
 #include "estimation/estimates.h"
 #include "likelihood/buildmmm.h"
 #include "likelihood/derivatives.h"
+#include "likelihood/factormmm.h"
 #include "likelihood/likelihood.h"
-#include "sparse/autodiff.h"
 #include "sparse/dense_kernels.h"
-#include "sparse/factorise.h"
-#include "sparse/sparse.h"
-#include "sparse/supernodes.h"
-#include "sparse/takahashi.h"
+#include "sparse/symbfact.h"
 #include "support/screen.h"
 #include "support/stop.h"
 
@@ -203,6 +201,7 @@ void compare_small() {
             auto& times = sums[(call + k) % 2];
             sparse.diag = diag;
             sparse.xspars = off;
+            sparse.state = store_state::assembled;
             times[0].push_back(timed(factorise));
             times[2].push_back(timed([&] { autodiff_1(fdiag, foff); }));
             times[1].push_back(timed(takaha_inverse));
@@ -233,7 +232,7 @@ void set_up(int argc, char** argv) {
     start_parameters = estimates.parvec;
     evaluate(); // finds the places of the elements
     std::printf("\nrows %d\nelements %d\noperations %.0f\nbytes %.0f\nkernels %s\ntime setup %.3f\n", numbers.nsrow,
-                sparse.maxlnz, factor_operations(), 8.0 * (sparse.maxlnz + numbers.nsrow), dense_kernels().name, used);
+                sparse.maxlnz, count_operations(sparse.n, sparse.ixvec1), 8.0 * (sparse.maxlnz + numbers.nsrow), dense_kernels().name, used);
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 #include "systems.h"
 
 #include "control/numbers.h"
-#include "sparse/sparse.h"
+#include "equations/mmmatrix.h"
 #include "support/record_file.h"
 
 #include <algorithm>
@@ -124,7 +124,7 @@ void factorise_pattern(const graph& g) {
     }
     if (METIS_NodeND(&n, xadj.data(), adjncy.data(), nullptr, nullptr, perm.data(), place.data()) != METIS_OK)
         std::exit(1);
-    numbers.nsrow = n + 1;
+    numbers.nsrow = sparse.n = n + 1;
     sparse.ixvec1.allocate(n + 2);
     sparse.ixvec2.allocate(n + 1);
     std::vector<int> sub, mark(n + 2, 0), list;
@@ -186,6 +186,7 @@ void load_structure(const std::string& source) {
         }
     } else
         factorise_pattern(case_graph(source));
+    sparse.n = numbers.nsrow;
     sparse.maxlnz = sparse.ixvec1(numbers.nsrow + 1) - 1;
     sparse.diag.allocate(numbers.nsrow);
     sparse.xspars.allocate(sparse.maxlnz);
@@ -205,6 +206,7 @@ void set_values() {
             sparse.diag(sparse.ixsub(q + shift)) += 1.05 * std::fabs(v);
         }
     }
+    sparse.state = store_state::assembled;
 }
 
 } // namespace tarvex

@@ -6,14 +6,13 @@
 #include "control/tvxroutines.h"
 #include "equations/adjacency.h"
 #include "equations/mmequations.h"
+#include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "equations/setups.h"
 #include "equations/symfacfile.h"
 #include "parfile/model.h"
 #include "sparse/linkedlist.h"
 #include "sparse/orderings.h"
-#include "sparse/sparse.h"
-#include "sparse/supernodes.h"
 #include "sparse/symbfact.h"
 #include "support/edit_form.h"
 #include "support/record_file.h"
@@ -164,6 +163,8 @@ bool lay_out() {
     array<int> xadj, adjncy;
     renumbered_pattern(xadj, adjncy);
     int flag = 0;
+    sparse.n = numbers.nsrow;
+    sparse.state = store_state::empty;
     try {
         ssmbfct(numbers.nsrow, xadj, adjncy, {}, {}, sparse.ixvec1, sparse.maxlnz, sparse.ixvec2, sparse.ixsub,
                 sparse.maxsub, flag);
@@ -326,7 +327,7 @@ void try_method(trial_state& t) {
 void settle() {
     linked_list = {};
     adjacency = {};
-    supernodes_drop();
+    kernels.work.tree = {};
     ++orders.nsymb;
 }
 

@@ -4,11 +4,11 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "data/datavecs.h"
+#include "equations/mmmatrix.h"
 #include "estimation/estimates.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
 #include "parameters/residualvars.h"
-#include "sparse/sparse.h"
 #include "support/screen.h"
 #include "support/stop.h"
 
@@ -26,6 +26,7 @@ void numeric_store() {
     allocate("alloc sparse", sparse.xrhs, n);
     sparse.xspars.deallocate(); // the old store goes before the new one comes
     allocate_large("XSPARS", sparse.xspars, sparse.maxlnz);
+    sparse.state = store_state::empty;
     if (options.blup) allocate("alloc solerrs", solutions.solerrs, n);
 }
 

@@ -5,8 +5,8 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "equations/mmequations.h"
+#include "equations/mmmatrix.h"
 #include "equations/orders.h"
-#include "sparse/sparse.h"
 #include "support/edit_form.h"
 #include "support/record_file.h"
 #include "support/stop.h"
@@ -70,6 +70,8 @@ bool read_structure(record_reader& in) {
         got += chunk;
     }
     if (!sound_structure(n, kaxlnz, kaxsub, sparse.ixvec1, sparse.ixvec2, sparse.ixsub)) return false;
+    sparse.n = n;
+    sparse.state = store_state::empty;
     sparse.maxlnz = kaxlnz;
     sparse.maxsub = kaxsub;
     return true;

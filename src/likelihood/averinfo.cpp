@@ -8,9 +8,11 @@
 #include "data/pedigreelist.h"
 #include "dense/numroutines.h"
 #include "equations/mmequations.h"
+#include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "estimation/estimates.h"
 #include "likelihood/derivatives.h"
+#include "likelihood/factormmm.h"
 #include "likelihood/solutions.h"
 #include "likelihood/subjects.h"
 #include "parameters/randomvars.h"
@@ -19,8 +21,6 @@
 #include "parfile/mudmap.h"
 #include "relations/cholnrm.h"
 #include "relations/inverse_stream.h"
-#include "sparse/forward.h"
-#include "sparse/sparse.h"
 #include "support/record_file.h"
 #include "support/stop.h"
 
@@ -414,6 +414,7 @@ void check_average_info() {
 
 void average_info() {
     const int np = estimates.nparm;
+    need_state(sparse, store_state::factor, "average_info");
     check_average_info();
     allocate("all zre", derivs.aimat, np * (np + 1) / 2);
     allocate("all zre", derivs.devl2, np * (np + 1) / 2);

@@ -5,6 +5,7 @@
 #include "data/datavecs.h"
 #include "data/levels.h"
 #include "equations/mmequations.h"
+#include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "likelihood/subjects.h"
 #include "parameters/randomvars.h"
@@ -12,7 +13,6 @@
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "relations/inverse_stream.h"
-#include "sparse/sparse.h"
 #include "support/screen.h"
 #include "support/stop.h"
 
@@ -249,6 +249,7 @@ bool links_diagonal(int irand) { return options.principal || model.diagonal(iran
 void build_mmm(int& iflag) {
     iflag = 0;
     if (model.anal_type < 1 || model.anal_type > 4) stop("error mmm_data");
+    sparse.state = store_state::empty;
     sparse.diag.fill(0.0);
     sparse.xspars.fill(0.0);
     if (sparse.xrhs.size() != numbers.nsrow) allocate("alloc sparse", sparse.xrhs, numbers.nsrow);
@@ -257,6 +258,7 @@ void build_mmm(int& iflag) {
     if (iflag) return;
     xrhs2spar();
     mmm_peds_muv(iflag);
+    if (iflag == 0) sparse.state = store_state::assembled;
 }
 
 } // namespace tarvex

@@ -6,15 +6,15 @@
 #include "data/datavecs.h"
 #include "dense/numroutines.h"
 #include "equations/mmequations.h"
+#include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "estimation/estimates.h"
 #include "likelihood/buildmmm.h"
+#include "likelihood/factormmm.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
-#include "sparse/autodiff.h"
-#include "sparse/sparse.h"
 
 #include <algorithm>
 #include <cmath>
@@ -386,6 +386,7 @@ void em_expectations(const em_request& request, em_quantities& q) {
 }
 
 void em_residuals(em_quantities& q) {
+    need_state(sparse, store_state::derivative, "em_residuals");
     const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
     residual_sums residual(q);
     walk_products(x, false, [&](const subject_stream&, const part_products& p) { residual.add(p); });

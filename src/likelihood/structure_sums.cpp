@@ -4,11 +4,11 @@
 #include "data/datavecs.h"
 #include "data/levels.h"
 #include "equations/mmequations.h"
+#include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "likelihood/buildmmm.h"
 #include "parfile/mudmap.h"
 #include "relations/inverse_stream.h"
-#include "sparse/sparse.h"
 
 namespace tarvex {
 

@@ -4,17 +4,16 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "dense/numroutines.h"
+#include "equations/mmmatrix.h"
 #include "estimation/estimates.h"
 #include "likelihood/buildmmm.h"
+#include "likelihood/factormmm.h"
 #include "likelihood/solutions.h"
 #include "parameters/randomvars.h"
 #include "parameters/residualvars.h"
 #include "parfile/model.h"
 #include "reports/residuals.h"
 #include "reports/writesolns.h"
-#include "sparse/factorise.h"
-#include "sparse/sparse.h"
-#include "sparse/takahashi.h"
 #include "support/stop.h"
 
 #include <algorithm>
@@ -73,6 +72,7 @@ void get_ebvs() {
     takaha_inverse();
     save_solutions();
     if (solutions.nsolerrs != 0) {
+        need_state(sparse, store_state::inverse, "get_ebvs");
         if (solutions.solerrs.size() != numbers.nsrow) allocate("alloc solerrs", solutions.solerrs, numbers.nsrow);
         for (int i = 1; i < numbers.nsrow; ++i) solutions.solerrs(i) = sparse.diag(i);
     }

@@ -5,20 +5,13 @@
 // Over supernodes F is had from the sparse inverse Z and the solutions x: F(i,i) = (Z(i,i) + x(i)^2)/2, F(j,i) = Z(j,i)
 // + x(j) x(i), F(n,i) = -x(i), F(n,n) = 1/2.
 #pragma once
-#include "support/array.h"
+#include "sparse/sparse.h"
 
 namespace tarvex {
 
-// fdiag (nsrow) and foff (maxlnz, places as sparse.xspars) are allocated here if need be. An off-diagonal element
-// counts (j,i) and (i,j) as one variable, so that a trace is sum(fdiag dM(i,i)) + sum(foff dM(j,i)) without factor 2.
-// The factor in sparse is not changed.
-void autodiff_1(array<double>& fdiag, array<double>& foff);
-
-// The same in place of the factor, which saves the memory of a second store: sparse.diag and sparse.xspars hold F on
-// return, and the factor counts as used up.
-void autodiff_in_place();
-
-// The column sweep.
-void autodiff_columns(array<double>& fdiag, array<double>& foff);
+// The column sweep. fdiag (n) and foff (maxlnz, places as s.xspars) are of their sizes. An off-diagonal element counts
+// (j,i) and (i,j) as one variable, so that a trace is sum(fdiag dM(i,i)) + sum(foff dM(j,i)) without factor 2. The
+// factor in s is not changed.
+void autodiff_columns(const sparse_store& s, array<double>& fdiag, array<double>& foff, const progress& tell);
 
 } // namespace tarvex

@@ -12,6 +12,7 @@ namespace tarvex {
 constexpr int lane = 8;         // rows are padded to the longest vector of doubles
 constexpr int wide = 240;       // columns of a supernode worked on at a time; a multiple of block
 constexpr int broad = 4 * wide; // columns of a large front that take its finished columns at a time
+constexpr int solve_columns = 16; // right-hand sides solved for together: two cache lines for each equation
 constexpr int block = 48;       // columns of a block; a multiple of the tile heights of all instruction sets
 
 constexpr std::ptrdiff_t padded(std::ptrdiff_t rows) { return (rows + lane - 1) / lane * lane; }
@@ -32,47 +33,59 @@ template <class T> T* triangle_column(T* u, std::ptrdiff_t m, std::ptrdiff_t j) 
     return u + triangle_start(m, b) + (j - b * block) * (padded(m) - b * block) - b * block;
 }
 
+// Work space of the kernels; a caller that has another kernel at work at the same time gives each its own.
+//   each   nullptr: pieces of a kernel are worked on in turn; else calls body(arg, i, scratch) for i = 0..count-1, in
+//          any order and by several threads, each with a scratch of its own, and returns when all are done
+constexpr int packed_rows = 240;  // rows of A held in the second-level cache
+constexpr int packed_depth = 256; // columns of A and B multiplied at a time
+constexpr std::ptrdiff_t scratch_size = packed_rows * packed_depth;
+constexpr std::ptrdiff_t corner_size = column_distance(block + lane) * block;
+constexpr std::ptrdiff_t kernel_space_size = scratch_size + broad * packed_depth + corner_size;
+struct kernel_space {
+    double* scratch = nullptr;  // (scratch_size)
+    double* packed_b = nullptr; // (broad*packed_depth)
+    double* corner = nullptr;   // (corner_size)
+    using piece = void (*)(const void* arg, int i, double* scratch);
+    void (*each)(void* pool, int count, piece body, const void* arg) = nullptr;
+    void* pool = nullptr;
+};
+
 enum class store_mode { subtract, add, set_minus, set }; // C -= AB', C += AB', C = -AB', C = AB'
 
 struct dense_kernels_table {
     const char* name;
     // C (m x n) from A (m x k) and B (n x k).
-    void (*product)(store_mode mode, int m, int n, int k, const double* a, std::ptrdiff_t lda, const double* b,
+    void (*product)(const kernel_space& w, store_mode mode, int m, int n, int k, const double* a, std::ptrdiff_t lda, const double* b,
                     std::ptrdiff_t ldb, double* c, std::ptrdiff_t ldc);
     // Triangle u (m x m, column blocks) = -A A', A (m x k), or -= with mode subtract. Lower half; anything may be left
     // above the diagonal.
-    void (*minus_square)(store_mode mode, int m, int k, const double* a, std::ptrdiff_t lda, double* u);
+    void (*minus_square)(const kernel_space& w, store_mode mode, int m, int k, const double* a, std::ptrdiff_t lda, double* u);
     // Lower part of C (m x n) -= A B', B the first n rows of A (m x k), whose columns stand anywhere, a(0..k-1); n <=
     // broad. Nothing is read behind row m of A.
-    void (*minus_columns)(int m, int n, int k, const double* const* a, double* c, std::ptrdiff_t ldc);
+    void (*minus_columns)(const kernel_space& w, int m, int n, int k, const double* const* a, double* c, std::ptrdiff_t ldc);
     // C (m x n) = -U B' for the symmetric matrix whose triangle is u, B (n x m), n <= broad.
-    void (*minus_symmetric)(int m, int n, const double* u, const double* b, std::ptrdiff_t ldb, double* c,
+    void (*minus_symmetric)(const kernel_space& w, int m, int n, const double* u, const double* b, std::ptrdiff_t ldb, double* c,
                             std::ptrdiff_t ldc);
-    // Panel of m rows and w columns, m >= w: the Cholesky factor of its first w rows, and the solution X of X L' = P
+    // Panel of m rows and n columns, m >= n: the Cholesky factor of its first n rows, and the solution X of X L' = P
     // below them. Columns take lane further rows below m. Returns the first column whose pivot is not at least `limit`,
-    // with this pivot, w if there is none; columns from there on are not to be used.
-    int (*factor_panel)(int m, int w, double* p, std::ptrdiff_t ld, double limit, double& pivot);
-    // Y (m x w) is replaced by Y L^-1; lt = L' by columns, upper triangle.
-    void (*solve_right)(int m, int w, const double* lt, std::ptrdiff_t ldt, double* y, std::ptrdiff_t ldy);
+    // with this pivot, n if there is none; columns from there on are not to be used.
+    int (*factor_panel)(const kernel_space& w, int m, int n, double* p, std::ptrdiff_t ld, double limit, double& pivot);
+    // Y (m x n) is replaced by Y L^-1; lt = L' by columns, upper triangle.
+    void (*solve_right)(const kernel_space& w, int m, int n, const double* lt, std::ptrdiff_t ldt, double* y, std::ptrdiff_t ldy);
     // t (n x m) = transpose of a (m x n).
     void (*transpose)(int m, int n, const double* a, std::ptrdiff_t lda, double* t, std::ptrdiff_t ldt);
     // dst(place(i)) += src(i), i from..m-1; place ascends, runs(i) is the number of rows from i on that stay together.
     void (*add_rows)(int from, int m, const int* place, const int* runs, const double* src, double* dst);
     // dst(i) = src(place(i)), i = from..m-1.
     void (*take_rows)(int from, int m, const int* place, const int* runs, const double* src, double* dst);
-    // Row r of x (16 a row) -= l(q) s, for q = 0..m-1, r = rows(q)-1; and s -= sum of l(q) times row r.
+    // Row r of x (solve_columns a row) -= l(q) s, for q = 0..m-1, r = rows(q)-1.
     void (*spread_rows)(int m, const int* rows, const double* l, const double* s, double* x);
-    void (*collect_rows)(int m, const int* rows, const double* l, double* s, const double* x);
-    // The same for four columns with the same rows: l(0..3), and s with 16 values for each.
+    // The same for four columns with the same rows: l(0..3), and s with solve_columns values for each.
     void (*spread_four)(int m, const int* rows, const double* const* l, const double* s, double* x);
-    void (*collect_four)(int m, const int* rows, const double* const* l, double* s, const double* x);
 };
 
-// The kernels of the best instruction set that the processor has, or of the one asked for by set_instruction_set or the
-// environment variable TVX_ISA ("baseline", "avx2", "avx512").
-const dense_kernels_table& dense_kernels();
-// "" goes back to that of the environment, or the best; false, and no change, if this processor or build does not have
-// it.
-bool set_instruction_set(const char* name);
+// The kernels of an instruction set by its name ("baseline", "avx2", "avx512"), of the best that the processor has for
+// "". nullptr if this processor or build does not have it.
+const dense_kernels_table* find_kernels(const char* name);
 
 } // namespace tarvex

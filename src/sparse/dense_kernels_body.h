@@ -13,8 +13,8 @@ namespace {
 
 using place_t = std::ptrdiff_t;
 constexpr int lanes = TVX_LANES, vectors = TVX_VECTORS, tile_width = TVX_WIDTH, tile_height = lanes * vectors;
-constexpr int depth = 256;        // columns of A and B multiplied at a time
-constexpr int chunk_rows = 240;   // rows of A held in the second-level cache
+constexpr int depth = packed_depth;
+constexpr int chunk_rows = packed_rows;
 constexpr int chunk_cols = broad; // rows of B packed at a time
 constexpr place_t small = 24000;  // elements of A that are used where they stand
 
@@ -22,8 +22,16 @@ typedef double vec __attribute__((vector_size(8 * TVX_LANES), aligned(8), may_al
 
 static_assert(block % tile_height == 0 && chunk_rows % block == 0 && chunk_cols % block == 0 && lane % lanes == 0);
 
-alignas(64) double packed_a[chunk_rows * depth];
-alignas(64) double packed_b[chunk_cols * depth];
+// body(i, scratch) for i = 0..count-1, by whoever the caller lets take part. Pieces must not depend on each other.
+template <class F> void each(const kernel_space& w, int count, const F& body) {
+    if (count > 1 && w.each) {
+        w.each(w.pool, count, [](const void* f, int i, double* scratch) { (*static_cast<const F*>(f))(i, scratch); },
+               &body);
+        return;
+    }
+    for (int i = 0; i < count; ++i) body(i, w.scratch);
+}
+inline int pieces(int m, int rows) { return (m + rows - 1) / rows; }
 
 inline vec load(const double* p) { return *reinterpret_cast<const vec*>(p); }
 inline void save(double* p, vec v) { *reinterpret_cast<vec*>(p) = v; }
@@ -127,9 +135,12 @@ void strip(store_mode mode, int m, int n, int k, const double* a, place_t lda, b
                           ldb, c + i, ldc);
 }
 
+// Rows of A packed at a time: the most that the cache holds, or fewer where others take part.
+inline int rows_at_a_time(const kernel_space& w) { return w.each ? 2 * block : chunk_rows; }
+
 // Rows 0..m-1 of a (m x k) in panels of `height` rows, each by columns; the last panel is as high as whole vectors
 // need.
-void pack_a(int m, int k, const double* a, place_t lda) {
+void pack_a(double* packed_a, int m, int k, const double* a, place_t lda) {
     for (int i = 0; i < m; i += tile_height) {
         const int high = least(vectors, (m - i + lanes - 1) / lanes);
         double* to = packed_a + static_cast<place_t>(i) * k;
@@ -137,7 +148,7 @@ void pack_a(int m, int k, const double* a, place_t lda) {
             for (int v = 0; v < high; ++v) save(to + v * lanes, load(a + i + p * lda + v * lanes));
     }
 }
-void pack_b(int n, int k, const double* b, place_t ldb) {
+void pack_b(double* packed_b, int n, int k, const double* b, place_t ldb) {
     for (int j = 0; j < n; j += tile_width) {
         const int wide = least(tile_width, n - j);
         double* to = packed_b + static_cast<place_t>(j) * k;
@@ -156,38 +167,44 @@ void product_unpacked(store_mode mode, int m, int n, int k, const double* a, pla
         strip(mode, m, least(tile_width, n - j), k, a, lda, false, b + j, ldb, c + j * ldc, ldc);
 }
 
-void product(store_mode mode, int m, int n, int k, const double* a, place_t lda, const double* b, place_t ldb,
-             double* c, place_t ldc) {
+// How the sums of an element are cut depends on the whole product only, never on the piece of C that it stands in: the
+// result is the same in however many pieces it is made.
+void product(const kernel_space& w, store_mode mode, int m, int n, int k, const double* a, place_t lda, const double* b,
+             place_t ldb, double* c, place_t ldc) {
     if (n <= block && k <= 2 * depth) { // too few columns to repay packing: pieces of A that stay in the cache
+        if (m <= 0) return;
         const int rows = least(m, static_cast<int>(small / (k > 0 ? k : 1)) / tile_height * tile_height);
-        for (int i = 0; i < m; i += rows)
+        each(w, pieces(m, rows), [=](int piece, double*) {
+            const int i = piece * rows;
             product_unpacked(mode, least(rows, m - i), n, k, a + i, lda, b, ldb, c + i, ldc);
+        });
         return;
     }
     if (static_cast<place_t>(m) * k <= small) {
         product_unpacked(mode, m, n, k, a, lda, b, ldb, c, ldc);
         return;
     }
+    const int rows = rows_at_a_time(w);
     for (int jc = 0; jc < n; jc += chunk_cols) {
         const int nc = least(chunk_cols, n - jc);
         for (int pc = 0; pc < k; pc += depth) {
             const int kc = least(depth, k - pc);
             const store_mode mode_now = pc == 0 ? mode : going_on(mode);
-            pack_b(nc, kc, b + jc + pc * ldb, ldb);
-            for (int ic = 0; ic < m; ic += chunk_rows) {
-                const int mc = least(chunk_rows, m - ic);
-                pack_a(mc, kc, a + ic + pc * lda, lda);
+            pack_b(w.packed_b, nc, kc, b + jc + pc * ldb, ldb);
+            each(w, pieces(m, rows), [&, jc, pc](int piece, double* packed_a) {
+                const int ic = piece * rows, mc = least(rows, m - ic);
+                pack_a(packed_a, mc, kc, a + ic + pc * lda, lda);
                 for (int j = 0; j < nc; j += tile_width) {
                     const int nr = least(tile_width, nc - j);
-                    strip(mode_now, mc, nr, kc, packed_a, 0, true, packed_b + static_cast<place_t>(j) * kc, nr,
+                    strip(mode_now, mc, nr, kc, packed_a, 0, true, w.packed_b + static_cast<place_t>(j) * kc, nr,
                           c + ic + (jc + j) * ldc, ldc);
                 }
-            }
+            });
         }
     }
 }
 
-void minus_square(store_mode first, int m, int k, const double* a, place_t lda, double* u) {
+void minus_square(const kernel_space& w, store_mode first, int m, int k, const double* a, place_t lda, double* u) {
     if (static_cast<place_t>(m) * k <= small) {
         for (int j = 0; j < m; j += tile_width) {
             const int i0 = j / tile_height * tile_height, b = j / block * block;
@@ -196,29 +213,30 @@ void minus_square(store_mode first, int m, int k, const double* a, place_t lda, 
         }
         return;
     }
+    const int rows = rows_at_a_time(w);
     for (int jc = 0; jc < m; jc += chunk_cols) {
         const int nc = least(chunk_cols, m - jc);
         for (int pc = 0; pc < k; pc += depth) {
             const int kc = least(depth, k - pc);
             const store_mode mode = pc == 0 ? first : store_mode::subtract;
-            pack_b(nc, kc, a + jc + pc * lda, lda);
-            for (int ic = jc; ic < m; ic += chunk_rows) {
-                const int mc = least(chunk_rows, m - ic), end = least(nc, ic + mc - jc);
-                pack_a(mc, kc, a + ic + pc * lda, lda);
+            pack_b(w.packed_b, nc, kc, a + jc + pc * lda, lda);
+            each(w, pieces(m - jc, rows), [&, jc, pc](int piece, double* packed_a) {
+                const int ic = jc + piece * rows, mc = least(rows, m - ic), end = least(nc, ic + mc - jc);
+                pack_a(packed_a, mc, kc, a + ic + pc * lda, lda);
                 for (int j = 0; j < end; j += tile_width) {
                     const int jj = jc + j, skip = jj > ic ? (jj - ic) / tile_height * tile_height : 0;
                     const int nr = least(tile_width, nc - j);
                     strip(mode, mc - skip, nr, kc, packed_a + static_cast<place_t>(skip) * kc, 0, true,
-                          packed_b + static_cast<place_t>(j) * kc, nr, triangle_column(u, m, jj) + ic + skip,
+                          w.packed_b + static_cast<place_t>(j) * kc, nr, triangle_column(u, m, jj) + ic + skip,
                           padded(m) - jj / block * block);
                 }
-            }
+            });
         }
     }
 }
 
 // As pack_a and pack_b, the first row being row `from` of columns that stand anywhere.
-void pack_a_columns(int m, int k, const double* const* a, int from) {
+void pack_a_columns(double* packed_a, int m, int k, const double* const* a, int from) {
     for (int i = 0; i < m; i += tile_height) {
         const int high = least(vectors, (m - i + lanes - 1) / lanes), rows = least(m - i, high * lanes);
         double* to = packed_a + static_cast<place_t>(i) * k;
@@ -233,7 +251,7 @@ void pack_a_columns(int m, int k, const double* const* a, int from) {
         }
     }
 }
-void pack_b_columns(int n, int k, const double* const* a) {
+void pack_b_columns(double* packed_b, int n, int k, const double* const* a) {
     for (int j = 0; j < n; j += tile_width) {
         const int wide = least(tile_width, n - j);
         double* to = packed_b + static_cast<place_t>(j) * k;
@@ -242,29 +260,30 @@ void pack_b_columns(int n, int k, const double* const* a) {
     }
 }
 
-void minus_columns(int m, int n, int k, const double* const* a, double* c, place_t ldc) {
+void minus_columns(const kernel_space& w, int m, int n, int k, const double* const* a, double* c, place_t ldc) {
+    const int rows = rows_at_a_time(w);
     for (int pc = 0; pc < k; pc += depth) {
         const int kc = least(depth, k - pc);
-        pack_b_columns(n, kc, a + pc);
-        for (int ic = 0; ic < m; ic += chunk_rows) {
-            const int mc = least(chunk_rows, m - ic);
-            pack_a_columns(mc, kc, a + pc, ic);
+        pack_b_columns(w.packed_b, n, kc, a + pc);
+        each(w, pieces(m, rows), [&, pc](int piece, double* packed_a) {
+            const int ic = piece * rows, mc = least(rows, m - ic);
+            pack_a_columns(packed_a, mc, kc, a + pc, ic);
             for (int j = 0; j < least(n, ic + mc); j += tile_width) {
                 const int skip = j > ic ? (j - ic) / tile_height * tile_height : 0;
                 const int nr = least(tile_width, n - j);
                 strip(store_mode::subtract, mc - skip, nr, kc, packed_a + static_cast<place_t>(skip) * kc, 0, true,
-                      packed_b + static_cast<place_t>(j) * kc, nr, c + ic + skip + j * ldc, ldc);
+                      w.packed_b + static_cast<place_t>(j) * kc, nr, c + ic + skip + j * ldc, ldc);
             }
-        }
+        });
     }
 }
 
-alignas(64) double expanded[chunk_rows * column_distance(chunk_rows) + lane];
 constexpr place_t expanded_distance = column_distance(chunk_rows);
+static_assert(chunk_rows * expanded_distance + lane <= scratch_size);
 
 // Rows pc..pc+kc-1, columns ic..ic+mc-1 of the triangle u, ic <= pc, as columns of their transpose; the part of a
 // diagonal piece that is not stored is filled in.
-void expand(const double* u, place_t m, int ic, int mc, int pc, int kc) {
+void expand(double* expanded, const double* u, place_t m, int ic, int mc, int pc, int kc) {
     constexpr int step = 8; // columns taken together, whole in a column block
     for (int j = 0; j < mc; j += step) {
         const int n = least(step, mc - j);
@@ -286,21 +305,22 @@ void expand(const double* u, place_t m, int ic, int mc, int pc, int kc) {
     }
 }
 
-void minus_symmetric(int m, int n, const double* u, const double* b, place_t ldb, double* c, place_t ldc) {
+void minus_symmetric(const kernel_space& w, int m, int n, const double* u, const double* b, place_t ldb, double* c,
+                     place_t ldc) {
     for (int pc = 0; pc < m; pc += chunk_rows) {
         const int kc = least(chunk_rows, m - pc);
         const store_mode mode = pc == 0 ? store_mode::set_minus : store_mode::subtract;
-        pack_b(n, kc, b + pc * ldb, ldb);
-        for (int ic = 0; ic < m; ic += chunk_rows) {
-            const int mc = least(chunk_rows, m - ic);
+        pack_b(w.packed_b, n, kc, b + pc * ldb, ldb);
+        each(w, pieces(m, chunk_rows), [&, pc](int piece, double* expanded) {
+            const int ic = piece * chunk_rows, mc = least(chunk_rows, m - ic);
             if (ic <= pc) {
-                expand(u, m, ic, mc, pc, kc);
+                expand(expanded, u, m, ic, mc, pc, kc);
                 for (int j = 0; j < n; j += tile_width) {
                     const int nr = least(tile_width, n - j);
-                    strip(mode, mc, nr, kc, expanded, expanded_distance, false, packed_b + static_cast<place_t>(j) * kc,
-                          nr, c + ic + j * ldc, ldc);
+                    strip(mode, mc, nr, kc, expanded, expanded_distance, false,
+                          w.packed_b + static_cast<place_t>(j) * kc, nr, c + ic + j * ldc, ldc);
                 }
-                continue;
+                return;
             }
             for (int q = 0; q < kc; q += block) {
                 const int kb = least(block, kc - q);
@@ -308,10 +328,10 @@ void minus_symmetric(int m, int n, const double* u, const double* b, place_t ldb
                 for (int j = 0; j < n; j += tile_width) {
                     const int nr = least(tile_width, n - j);
                     strip(q == 0 ? mode : store_mode::subtract, mc, nr, kb, a, padded(m) - pc - q, false,
-                          packed_b + static_cast<place_t>(j) * kc + q * nr, nr, c + ic + j * ldc, ldc);
+                          w.packed_b + static_cast<place_t>(j) * kc + q * nr, nr, c + ic + j * ldc, ldc);
                 }
             }
-        }
+        });
     }
 }
 
@@ -400,11 +420,13 @@ int factor_near(int m, int w, double* p, place_t ld, double limit, double& pivot
 }
 
 constexpr place_t corner_distance = column_distance(block + lane);
-alignas(64) double corner[corner_distance * block];
+static_assert(corner_distance * block <= corner_size);
+constexpr int rows_of_piece = 4 * near_rows; // what repays handing a piece of a panel to another thread
 
 // A panel of n <= block columns: its corner is factorised in a place of its own, the rows below it in pieces that stay
 // in the cache for all columns.
-int factor_block(int m, int n, double* p, place_t ld, double limit, double& pivot) {
+int factor_block(const kernel_space& w, int m, int n, double* p, place_t ld, double limit, double& pivot) {
+    double* corner = w.corner;
     for (int j = 0; j < n; ++j) {
         double* to = corner + j * corner_distance;
         for (int i = j; i < n; ++i) to[i] = p[i + j * ld];
@@ -416,53 +438,60 @@ int factor_block(int m, int n, double* p, place_t ld, double limit, double& pivo
     if (good < n) return good;
     double r[block];
     for (int j = 0; j < n; ++j) r[j] = 1.0 / corner[j + j * corner_distance];
-    for (int i = n; i < m; i += near_rows) {
-        const int rows = least(near_rows, m - i);
-        for (int j = 0; j < n; j += solve_width) {
-            const int nj = least(solve_width, n - j);
-            double* x = p + i + j * ld;
-            if (j > 0) strip(store_mode::subtract, rows, nj, j, p + i, ld, false, corner + j, corner_distance, x, ld);
-            solves.forward[nj](rows, corner + j + j * corner_distance, corner_distance, r + j, x, ld);
+    each(w, pieces(m - n, rows_of_piece), [&](int piece, double*) {
+        const int from = n + piece * rows_of_piece, end = least(m, from + rows_of_piece);
+        for (int i = from; i < end; i += near_rows) {
+            const int rows = least(near_rows, m - i);
+            for (int j = 0; j < n; j += solve_width) {
+                const int nj = least(solve_width, n - j);
+                double* x = p + i + j * ld;
+                if (j > 0)
+                    strip(store_mode::subtract, rows, nj, j, p + i, ld, false, corner + j, corner_distance, x, ld);
+                solves.forward[nj](rows, corner + j + j * corner_distance, corner_distance, r + j, x, ld);
+            }
         }
-    }
+    });
     return n;
 }
 
 // The left half first, then the right half less its products (S. Toledo, SIAM J. Matrix Anal. Appl. 18:1065, 1997).
-int factor_panel(int m, int w, double* p, place_t ld, double limit, double& pivot) {
-    if (static_cast<place_t>(m) * w <= near_elements) return factor_near(m, w, p, ld, limit, pivot);
-    if (w <= block) return factor_block(m, w, p, ld, limit, pivot);
-    const int half = w / 2 / block * block > 0 ? w / 2 / block * block : block;
-    const int good = factor_panel(m, half, p, ld, limit, pivot);
+int factor_panel(const kernel_space& w, int m, int n, double* p, place_t ld, double limit, double& pivot) {
+    if (static_cast<place_t>(m) * n <= near_elements) return factor_near(m, n, p, ld, limit, pivot);
+    if (n <= block) return factor_block(w, m, n, p, ld, limit, pivot);
+    const int half = n / 2 / block * block > 0 ? n / 2 / block * block : block;
+    const int good = factor_panel(w, m, half, p, ld, limit, pivot);
     if (good < half) return good;
     double* right = p + half + half * ld;
-    product(store_mode::subtract, m - half, w - half, half, p + half, ld, p + half, ld, right, ld);
-    return half + factor_panel(m - half, w - half, right, ld, limit, pivot);
+    product(w, store_mode::subtract, m - half, n - half, half, p + half, ld, p + half, ld, right, ld);
+    return half + factor_panel(w, m - half, n - half, right, ld, limit, pivot);
 }
 
 // Y (m x n) L^-1, n <= block.
-void solve_block(int m, int n, const double* lt, place_t ldt, double* y, place_t ldy) {
+void solve_block(const kernel_space& w, int m, int n, const double* lt, place_t ldt, double* y, place_t ldy) {
     double r[block];
     for (int j = 0; j < n; ++j) r[j] = 1.0 / lt[j + j * ldt];
-    for (int i = 0; i < m; i += near_rows) {
-        const int rows = least(near_rows, m - i);
-        for (int j = (n - 1) / solve_width * solve_width; j >= 0; j -= solve_width) {
-            const int nj = least(solve_width, n - j), next = j + nj;
-            double* x = y + i + j * ldy;
-            if (next < n)
-                strip(store_mode::subtract, rows, nj, n - next, y + i + next * ldy, ldy, false, lt + j + next * ldt,
-                      ldt, x, ldy);
-            solves.back[nj](rows, lt + j + j * ldt, ldt, r + j, x, ldy);
+    each(w, pieces(m, rows_of_piece), [&](int piece, double*) {
+        const int from = piece * rows_of_piece, end = least(m, from + rows_of_piece);
+        for (int i = from; i < end; i += near_rows) {
+            const int rows = least(near_rows, m - i);
+            for (int j = (n - 1) / solve_width * solve_width; j >= 0; j -= solve_width) {
+                const int nj = least(solve_width, n - j), next = j + nj;
+                double* x = y + i + j * ldy;
+                if (next < n)
+                    strip(store_mode::subtract, rows, nj, n - next, y + i + next * ldy, ldy, false,
+                          lt + j + next * ldt, ldt, x, ldy);
+                solves.back[nj](rows, lt + j + j * ldt, ldt, r + j, x, ldy);
+            }
         }
-    }
+    });
 }
 
-void solve_right(int m, int w, const double* lt, place_t ldt, double* y, place_t ldy) {
-    if (w <= block) return solve_block(m, w, lt, ldt, y, ldy);
-    const int half = w / 2 / block * block > 0 ? w / 2 / block * block : block;
-    solve_right(m, w - half, lt + half + half * ldt, ldt, y + half * ldy, ldy);
-    product(store_mode::subtract, m, half, w - half, y + half * ldy, ldy, lt + half * ldt, ldt, y, ldy);
-    solve_right(m, half, lt, ldt, y, ldy);
+void solve_right(const kernel_space& w, int m, int n, const double* lt, place_t ldt, double* y, place_t ldy) {
+    if (n <= block) return solve_block(w, m, n, lt, ldt, y, ldy);
+    const int half = n / 2 / block * block > 0 ? n / 2 / block * block : block;
+    solve_right(w, m, n - half, lt + half + half * ldt, ldt, y + half * ldy, ldy);
+    product(w, store_mode::subtract, m, half, n - half, y + half * ldy, ldy, lt + half * ldt, ldt, y, ldy);
+    solve_right(w, m, half, lt, ldt, y, ldy);
 }
 
 void transpose(int m, int n, const double* a, place_t lda, double* t, place_t ldt) {
@@ -498,37 +527,27 @@ void take_rows(int from, int m, const int* place, const int* runs, const double*
     }
 }
 
-constexpr int rhs_vectors = 16 / lanes;
+constexpr int rhs_vectors = solve_columns / lanes;
+static_assert(solve_columns % lanes == 0);
 
 void spread_rows(int m, const int* rows, const double* l, const double* s, double* x) {
     vec v[rhs_vectors];
     for (int c = 0; c < rhs_vectors; ++c) v[c] = load(s + c * lanes);
     for (int q = 0; q < m; ++q) {
-        double* xi = x + static_cast<place_t>(rows[q] - 1) * 16;
+        double* xi = x + static_cast<place_t>(rows[q] - 1) * solve_columns;
 #pragma GCC unroll 8
         for (int c = 0; c < rhs_vectors; ++c) save(xi + c * lanes, load(xi + c * lanes) - v[c] * l[q]);
     }
 }
 
-void collect_rows(int m, const int* rows, const double* l, double* s, const double* x) {
-    vec v[rhs_vectors];
-    for (int c = 0; c < rhs_vectors; ++c) v[c] = load(s + c * lanes);
-    for (int q = 0; q < m; ++q) {
-        const double* xi = x + static_cast<place_t>(rows[q] - 1) * 16;
-#pragma GCC unroll 8
-        for (int c = 0; c < rhs_vectors; ++c) v[c] -= load(xi + c * lanes) * l[q];
-    }
-    for (int c = 0; c < rhs_vectors; ++c) save(s + c * lanes, v[c]);
-}
-
-// The same for four columns of the factor with the same rows, l(k) and 16 values s(16k..) for each.
+// The same for four columns of the factor with the same rows, l(k) and solve_columns values of s for each.
 void spread_four(int m, const int* rows, const double* const* l, const double* s, double* x) {
     const double *l0 = l[0], *l1 = l[1], *l2 = l[2], *l3 = l[3];
     vec v[4][rhs_vectors];
     for (int k = 0; k < 4; ++k)
-        for (int c = 0; c < rhs_vectors; ++c) v[k][c] = load(s + 16 * k + c * lanes);
+        for (int c = 0; c < rhs_vectors; ++c) v[k][c] = load(s + solve_columns * k + c * lanes);
     for (int q = 0; q < m; ++q) {
-        double* xi = x + static_cast<place_t>(rows[q] - 1) * 16;
+        double* xi = x + static_cast<place_t>(rows[q] - 1) * solve_columns;
 #pragma GCC unroll 8
         for (int c = 0; c < rhs_vectors; ++c)
             save(xi + c * lanes,
@@ -536,27 +555,11 @@ void spread_four(int m, const int* rows, const double* const* l, const double* s
     }
 }
 
-void collect_four(int m, const int* rows, const double* const* l, double* s, const double* x) {
-    const double *l0 = l[0], *l1 = l[1], *l2 = l[2], *l3 = l[3];
-    for (int c = 0; c < rhs_vectors; ++c) {
-        vec v[4];
-        for (int k = 0; k < 4; ++k) v[k] = load(s + 16 * k + c * lanes);
-        for (int q = 0; q < m; ++q) {
-            const vec xi = load(x + static_cast<place_t>(rows[q] - 1) * 16 + c * lanes);
-            v[0] -= xi * l0[q];
-            v[1] -= xi * l1[q];
-            v[2] -= xi * l2[q];
-            v[3] -= xi * l3[q];
-        }
-        for (int k = 0; k < 4; ++k) save(s + 16 * k + c * lanes, v[k]);
-    }
-}
-
 } // namespace
 
 extern const dense_kernels_table TVX_KERNELS;
-const dense_kernels_table TVX_KERNELS{TVX_NAME,     product,      minus_square, minus_columns, minus_symmetric,
-                                      factor_panel, solve_right,  transpose,    add_rows,      take_rows,
-                                      spread_rows,  collect_rows, spread_four,  collect_four};
+const dense_kernels_table TVX_KERNELS{TVX_NAME,     product,     minus_square, minus_columns, minus_symmetric,
+                                      factor_panel, solve_right, transpose,    add_rows,      take_rows,
+                                      spread_rows,  spread_four};
 
 } // namespace tarvex

@@ -1,63 +1,46 @@
 #include "sparse/factorise.h"
 
-#include "control/numbers.h"
-#include "control/options.h"
-#include "control/tvxroutines.h"
-#include "likelihood/likelihood.h"
-#include "likelihood/warnfix.h"
-#include "sparse/sparse.h"
-#include "sparse/supernodes.h"
-#include "support/screen.h"
+#include "sparse/symbfact.h"
 
 #include <cmath>
-#include <vector>
 
 namespace tarvex {
 
 namespace {
 
-// Work of the column kernel, kept between calls.
-std::vector<int> link, first; // columns waiting for a row; next unused place of each column
-std::vector<double> temp;     // updates of the current column, all zero between columns
+constexpr double operations_for_each_element = 20.0; // from which on supernodes are faster, measured
 
-// Repairs the pivot of column j where pivots that vanish are not errors; false if it cannot be.
-bool repair_pivot(int j, double& diagj) {
-    const double zero = numbers.zero, d = sparse.diag(j);
+// Repairs the pivot of column j, with the diagonal d, where it vanishes; false if it cannot be.
+bool repair_pivot(int j, double d, double& diagj, const pivot_rule& rule) {
+    const double zero = rule.limit;
     if (d >= zero && diagj >= zero * d) return true;
-    if (d >= zero) {
-        print_list(screen(), "pivot close to tol - at row", j, diagj, d, zero);
-    } else {
-        if (std::fabs(diagj) >= zero) return false;
-        print_list(screen(), "pivot close to zero - at row", j, 1.0 / zero, d);
-    }
+    if (d < zero && std::fabs(diagj) >= zero) return false;
+    rule.tell_repair(j, diagj, d);
     diagj = zero * zero; // its root is zero
     return true;
 }
 
-[[noreturn]] void report_indefinite(int irow) {
-    screen().line("***** ERROR in sparse matrix factorisation ");
-    screen().line("      mixed model matrix is not positive definite !!!");
-    if (options.first) write_warnfix(irow);
-    stoptarvex();
-}
-
 } // namespace
 
-int factorise_columns(double& pivot, bool forcepd) {
-    const int n = numbers.nsrow;
-    const auto &ixvec1 = sparse.ixvec1, &ixvec2 = sparse.ixvec2, &ixsub = sparse.ixsub;
-    auto &diag = sparse.diag, &xspars = sparse.xspars;
+int factorise_columns(sparse_store& s, sparse_work& w, const pivot_rule& rule, double& pivot, const progress& tell) {
+    need_state(s, store_state::assembled, "factorise_columns");
+    const int n = s.n;
+    const auto &ixvec1 = s.ixvec1, &ixvec2 = s.ixvec2, &ixsub = s.ixsub;
+    auto &diag = s.diag, &xspars = s.xspars;
+    auto &link = w.link, &first = w.first;
+    auto& temp = w.temp;
     link.assign(n + 1, 0);
     first.assign(n + 1, 0);
     temp.assign(n + 1, 0.0);
-    for (int j = 1; j <= n; ++j) {
-        if (options.verbose && j % 20000 == 0) print_list(screen(), "Factorise MMM", j);
-        double s = 0.0;
+    s.state = store_state::empty;
+    for (int j = 1; j <= n; ++j) { // temp is all zero; link[j] chains the columns whose next row is j
+        if (tell && j % tell_every == 0) tell(j);
+        double sum = 0.0;
         for (int k = link[j], next; k != 0; k = next) {
             next = link[k];
             const int p = first[k], end = ixvec1(k + 1);
             const double l = xspars(p);
-            s += l * l;
+            sum += l * l;
             if (p + 1 == end) continue;
             const int shift = ixvec2(k) - ixvec1(k);
             const int i = ixsub(p + 1 + shift);
@@ -66,8 +49,8 @@ int factorise_columns(double& pivot, bool forcepd) {
             link[i] = k;
             for (int q = p + 1; q < end; ++q) temp[ixsub(q + shift)] += l * xspars(q);
         }
-        double diagj = diag(j) - s;
-        const bool accepted = forcepd ? diagj >= numbers.zero : repair_pivot(j, diagj);
+        double diagj = diag(j) - sum;
+        const bool accepted = rule.repair ? repair_pivot(j, diag(j), diagj, rule) : diagj >= rule.limit;
         if (!accepted) {
             pivot = diagj;
             return j;
@@ -87,39 +70,12 @@ int factorise_columns(double& pivot, bool forcepd) {
             temp[i] = 0.0;
         }
     }
+    s.state = store_state::factor;
     return 0;
 }
 
-bool supernodes_wanted() {
-    if (kernels.choice != kernel_kind::automatic) return kernels.choice == kernel_kind::supernodes;
-    // Counted anew when the size of the factor changes: a stale answer could only cost time.
-    static int rows = 0, elements = 0;
-    static bool wanted = false;
-    if (rows != numbers.nsrow || elements != sparse.maxlnz) {
-        rows = numbers.nsrow;
-        elements = sparse.maxlnz;
-        wanted = elements > 0 && factor_operations() > 20.0 * elements;
-    }
-    return wanted;
-}
-
-void factorise_mmm(double& detc, double& ypy, int& ifail) {
-    double pivot = 0.0;
-    ifail = 0;
-    const int irow = supernodes_wanted() ? factorise_supernodes(pivot) : factorise_columns(pivot);
-    likelihoods.failrow = irow;
-    if (irow != 0) {
-        print_list(screen(), "invalid pivot - at row", irow, pivot, sparse.diag(irow));
-        if (options.mmmposdef) report_indefinite(irow);
-        ifail = 1;
-        return;
-    }
-    const int n = numbers.nsrow;
-    double sum = 0.0;
-    for (int j = 1; j < n; ++j)
-        if (sparse.diag(j) > numbers.zero) sum += std::log(sparse.diag(j));
-    detc = 2.0 * sum;
-    ypy = n > 0 ? sparse.diag(n) * sparse.diag(n) : 0.0;
+bool worth_supernodes(const sparse_store& s) {
+    return s.maxlnz > 0 && count_operations(s.n, s.ixvec1) > operations_for_each_element * s.maxlnz;
 }
 
 } // namespace tarvex

@@ -1,32 +1,29 @@
-// Cholesky factorisation of the augmented mixed model matrix in the compressed store, in place.
+// Cholesky factorisation of the augmented matrix in the compressed store, in place, by columns.
 //
-// Two kernels give the same factor: the column kernel (general sparse method with linked columns: A. George and J. W.
-// H. Liu, Computer Solution of Large Sparse Positive Definite Systems, 1981), and the one over supernodes
+// Two kernels give the same factor: the column kernel here (general sparse method with linked columns: A. George and J.
+// W. H. Liu, Computer Solution of Large Sparse Positive Definite Systems, 1981), and the one over supernodes
 // (supernodes.h), which is many times faster where the rows are long. They differ in rounding only.
 #pragma once
+#include "sparse/sparse.h"
+#include "sparse/workspace.h"
+
 namespace tarvex {
 
 enum class kernel_kind { automatic, columns, supernodes };
 
-// Which kernels the routines of the sparse system use; automatic decides by the work for each stored element.
-struct kernels_module {
-    kernel_kind choice = kernel_kind::automatic;
+// Which pivots are accepted: those not below `limit`. With repair, one that vanishes (below limit times its diagonal,
+// or limit where the diagonal does) is replaced by limit in place of failing, and told: row, pivot, diagonal.
+struct pivot_rule {
+    double limit = 0.0;
+    bool repair = false;
+    std::function<void(int, double, double)> tell_repair;
 };
-inline kernels_module kernels;
 
-// Replaces the assembled matrix by its Cholesky factor.
-//   in     sparse: diag, xspars as assembled; ixvec1, ixvec2, ixsub, not changed
-//   out    sparse: diag(j) = L(j,j), xspars = L(i,j) for i > j
-//   detc   log determinant of the coefficient matrix (natural log)
-//   ypy    y'Py, the square of the last pivot
-//   ifail  1: invalid pivot; factor, detc and ypy are not to be used. Stops if options.mmmposdef.
-void factorise_mmm(double& detc, double& ypy, int& ifail);
+// Replaces the assembled matrix by its factor. Returns 0, or the first row whose pivot is not accepted: `pivot` is its
+// value, diag of that row is as assembled, and the store counts as empty.
+int factorise_columns(sparse_store& s, sparse_work& w, const pivot_rule& rule, double& pivot, const progress& tell);
 
-// Column kernel. Returns the row of the first pivot below numbers.zero, 0 if there is none; pivot is its value. diag of
-// that row is as assembled. With forcepd false pivots that vanish are set to numbers.zero instead, with a message.
-int factorise_columns(double& pivot, bool forcepd = true);
-
-// True if a system of this structure is worth the supernodes, or they are asked for.
-bool supernodes_wanted();
+// True if a system of this structure is worth the supernodes.
+bool worth_supernodes(const sparse_store& s);
 
 } // namespace tarvex

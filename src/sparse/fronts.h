@@ -1,27 +1,13 @@
 // Dense fronts of the supernodal routines: aligned work space, a supernode's columns as a panel, and places of rows.
 #pragma once
-#include "control/numbers.h"
-#include "control/options.h"
 #include "sparse/dense_kernels.h"
 #include "sparse/supernodes.h"
-#include "support/screen.h"
+#include "sparse/workspace.h"
 
 #include <algorithm>
-#include <memory>
-#include <new>
 #include <vector>
 
 namespace tarvex {
-
-// Work space on cache lines, not cleared: what is never used takes no memory.
-struct free_aligned {
-    void operator()(double* p) const { ::operator delete (p, std::align_val_t{64}); }
-};
-using work_space = std::unique_ptr<double, free_aligned>;
-inline work_space make_space(std::ptrdiff_t size) {
-    return work_space(static_cast<double*>(
-        ::operator new (static_cast<std::size_t>(size + 2 * lane) * sizeof(double), std::align_val_t{64})));
-}
 
 // A supernode: columns col(0..width-1), `below` rows under them in list.
 struct front {
@@ -30,12 +16,12 @@ struct front {
     int width, below;
     int rows() const { return width + below; }
 };
-inline front front_of(const supernode_tree& tree, int s) {
+inline front front_of(const sparse_store& m, const supernode_tree& tree, int s) {
     front f{};
     f.col = tree.order.data() + tree.start[s];
     f.width = tree.start[s + 1] - tree.start[s];
-    f.below = rows_below(f.col[f.width - 1]);
-    f.list = f.below > 0 ? row_list(f.col[f.width - 1]) : nullptr;
+    f.below = rows_below(m, f.col[f.width - 1]);
+    f.list = f.below > 0 ? row_list(m, f.col[f.width - 1]) : nullptr;
     return f;
 }
 
@@ -62,22 +48,22 @@ inline void place_rows(const front& f, std::vector<int>& local) {
 
 // Column c of a front of `rows` rows out of diag, off, which has `count` rows below its diagonal: to[i] for row i >= c,
 // zeros where the pattern has no element.
-inline void load_column(const front& f, int c, int count, int rows, const array<double>& diag, const array<double>& off,
+inline void load_column(const sparse_store& m, const front& f, int c, int count, int rows, const array<double>& diag, const array<double>& off,
                         const std::vector<int>& local, double* to) {
     const int j = f.col[c];
-    const double* from = off.data() + sparse.ixvec1(j) - 1;
+    const double* from = off.data() + m.ixvec1(j) - 1;
     to[c] = diag(j);
     if (count == rows - 1 - c) {
         std::copy_n(from, count, to + c + 1);
         return;
     }
     std::fill(to + c + 1, to + rows, 0.0);
-    const int* list = row_list(j);
+    const int* list = row_list(m, j);
     for (int q = 0; q < count; ++q) to[local[list[q]]] = from[q];
 }
 // Column c of the matrix or of its factor.
-inline void load_column(const front& f, int c, const std::vector<int>& local, double* to) {
-    load_column(f, c, rows_below(f.col[c]), f.rows(), sparse.diag, sparse.xspars, local, to);
+inline void load_column(const sparse_store& m, const front& f, int c, const std::vector<int>& local, double* to) {
+    load_column(m, f, c, rows_below(m, f.col[c]), f.rows(), m.diag, m.xspars, local, to);
 }
 
 // runs(i) = number of rows from i on whose places stay together.

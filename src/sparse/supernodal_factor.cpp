@@ -6,34 +6,37 @@ namespace tarvex {
 namespace {
 
 struct factor_work {
-    std::vector<int> local, place, runs; // rows of the front by row of the system; rows of a child in it
-    std::vector<int> has_update;         // (ns) 1: an update matrix waits on the stack
-    std::vector<double> added;           // to the diagonals, by columns whose fronts take updates at once
-    std::vector<int> spot, spot_runs;    // rows of a child in the list of a column, counted back from its end
-    work_space space;
-    double *columns, *spare; // panels
-    double* top[2];          // first free place on the stacks of the even and of the odd levels
+    sparse_store& m;
+    const supernode_tree& tree;
+    const dense_kernels_table& kernel;
+    kernel_space packing;
+    double limit; // smallest pivot
+    std::vector<int> local{}, place{}, runs{}; // rows of the front by row of the system; rows of a child in it
+    std::vector<int> has_update{};             // (ns) 1: an update matrix waits on the stack
+    std::vector<double> added{};               // to the diagonals, by columns whose fronts take updates at once
+    std::vector<int> spot{}, spot_runs{};      // rows of a child in the list of a column, counted back from its end
+    work_space space{};
+    double *columns = nullptr, *spare = nullptr; // panels
+    double* top[2]{}; // first free place on the stacks of the even and of the odd levels
 };
-
-int below_of(const supernode_tree& tree, int s) { return rows_below(tree.order[tree.start[s + 1] - 1]); }
 
 // Adds the children's update matrices to columns first..end-1 of front s; target(c)[i] is row i of its column c.
 template <class Target>
-void add_children(const supernode_tree& tree, int s, factor_work& w, int first, int end, Target target) {
-    const dense_kernels_table& kernel = dense_kernels();
+void add_children(int s, factor_work& w, int first, int end, Target target) {
+    const supernode_tree& tree = w.tree;
     double* at = w.top[1 - tree.level[s] % 2]; // the last child is on top; theirs lie in the order of the children
     for (int c = tree.child[s]; c >= 0; c = tree.sibling[c])
-        if (w.has_update[c]) at -= triangle_size(below_of(tree, c));
+        if (w.has_update[c]) at -= triangle_size(below_of(w.m, tree, c));
     for (int c = tree.child[s]; c >= 0; c = tree.sibling[c]) {
         if (!w.has_update[c]) continue;
-        const int m = below_of(tree, c);
-        const int* list = row_list(tree.order[tree.start[c + 1] - 1]);
+        const int m = below_of(w.m, tree, c);
+        const int* list = row_list(w.m, tree.order[tree.start[c + 1] - 1]);
         int *place = w.place.data(), *runs = w.runs.data();
         for (int i = 0; i < m; ++i) place[i] = w.local[list[i]];
         find_runs(m, place, runs);
         int j = static_cast<int>(std::lower_bound(place, place + m, first) - place);
         for (; j < m && place[j] < end; ++j)
-            kernel.add_rows(j, m, place, runs, triangle_column(at, m, j), target(place[j]));
+            w.kernel.add_rows(j, m, place, runs, triangle_column(at, m, j), target(place[j]));
         at += triangle_size(m);
     }
 }
@@ -44,28 +47,30 @@ template <class Column> void absorb(const front& f, int first, int end, Column c
     const int m = f.below;
     const int* known = nullptr; // end of the list that the spots belong to; lists that end alike have the same tail
     for (int k = first; k < end; ++k) {
-        const int j = f.list[k], count = rows_below(j);
+        const int j = f.list[k], count = rows_below(w.m, j);
         const double* from = column(k);
         w.added[j] += from[k];
         if (k + 1 == m) continue;
-        const int *list = row_list(j), *last = list + count; // the rows below are linked to each other: all are found
+        const int *list = row_list(w.m, j), *last = list + count; // the rows below are linked to each other: all are found
         if (last != known) find_spots(list, last, f.list, k + 1, m, w.spot, w.spot_runs);
         known = last;
-        double* off = sparse.xspars.data() + sparse.ixvec1(j) - 1;
-        dense_kernels().add_rows(k + 1, m, w.spot.data(), w.spot_runs.data(), from, off + count);
+        double* off = w.m.xspars.data() + w.m.ixvec1(j) - 1;
+        w.kernel.add_rows(k + 1, m, w.spot.data(), w.spot_runs.data(), from, off + count);
     }
 }
 
-void drop_children(const supernode_tree& tree, int s, factor_work& w) {
+void drop_children(int s, factor_work& w) {
+    const supernode_tree& tree = w.tree;
     for (int c = tree.child[s]; c >= 0; c = tree.sibling[c]) {
-        if (w.has_update[c]) w.top[1 - tree.level[s] % 2] -= triangle_size(below_of(tree, c));
+        if (w.has_update[c]) w.top[1 - tree.level[s] % 2] -= triangle_size(below_of(w.m, tree, c));
         w.has_update[c] = 0;
     }
 }
 
 // The update matrix u of s stays at the top of its stack until the parent's turn, or is taken over now.
-void leave_update(const supernode_tree& tree, int s, const front& f, const double* u, factor_work& w) {
-    if (updates_at_once(tree, tree.parent[s])) {
+void leave_update(int s, const front& f, const double* u, factor_work& w) {
+    const supernode_tree& tree = w.tree;
+    if (updates_at_once(w.m, tree, tree.parent[s])) {
         absorb(
             f, 0, f.below, [&](int k) { return triangle_column(u, f.below, k); }, w);
     } else {
@@ -74,51 +79,51 @@ void leave_update(const supernode_tree& tree, int s, const front& f, const doubl
     }
 }
 
-void save_panel(const front& f, const std::vector<int>& local, const panel& p) {
+void save_panel(const front& f, factor_work& w, const panel& p) {
     for (int c = p.first; c < p.end; ++c) {
-        const int j = f.col[c], count = rows_below(j);
+        const int j = f.col[c], count = rows_below(w.m, j);
         const double* from = p.column(c);
-        double* off = sparse.xspars.data() + sparse.ixvec1(j) - 1;
-        sparse.diag(j) = from[c];
+        double* off = w.m.xspars.data() + w.m.ixvec1(j) - 1;
+        w.m.diag(j) = from[c];
         if (count == f.rows() - 1 - c) {
             std::copy_n(from + c + 1, count, off);
             continue;
         }
-        const int* list = row_list(j);
-        for (int q = 0; q < count; ++q) off[q] = from[local[list[q]]];
+        const int* list = row_list(w.m, j);
+        for (int q = 0; q < count; ++q) off[q] = from[w.local[list[q]]];
     }
 }
 
 // A front whose columns make one panel. Of the columns only the first `width` are wanted; returns the first that fails,
 // or width. The update matrix is left on the stack if all columns are good.
-int factor_narrow(const supernode_tree& tree, int s, const front& f, int width, factor_work& w, double& pivot) {
-    const dense_kernels_table& kernel = dense_kernels();
+int factor_narrow(int s, const front& f, int width, factor_work& w, double& pivot) {
+    const dense_kernels_table& kernel = w.kernel;
     const panel p = make_panel(w.columns, f.rows(), 0, f.width);
     for (int c = 0; c < f.width; ++c) {
-        load_column(f, c, w.local, p.column(c));
+        load_column(w.m, f, c, w.local, p.column(c));
         p.column(c)[c] += w.added[f.col[c]];
     }
-    add_children(tree, s, w, 0, f.width, [&](int c) { return p.column(c); });
-    const int good = kernel.factor_panel(f.rows(), width, p.p, p.ld, numbers.zero, pivot);
+    add_children(s, w, 0, f.width, [&](int c) { return p.column(c); });
+    const int good = kernel.factor_panel(w.packing, f.rows(), width, p.p, p.ld, w.limit, pivot);
     if (good < f.width) return good;
-    save_panel(f, w.local, p);
+    save_panel(f, w, p);
     if (f.below == 0) return good;
-    double* u = w.top[tree.level[s] % 2];
-    kernel.minus_square(store_mode::set_minus, f.below, f.width, p.p + f.width, p.ld, u);
-    add_children(tree, s, w, f.width, f.rows(),
+    double* u = w.top[w.tree.level[s] % 2];
+    kernel.minus_square(w.packing, store_mode::set_minus, f.below, f.width, p.p + f.width, p.ld, u);
+    add_children(s, w, f.width, f.rows(),
                  [&](int c) { return triangle_column(u, f.below, c - f.width) - f.width; });
-    leave_update(tree, s, f, u, w);
+    leave_update(s, f, u, w);
     return good;
 }
 
 // Rows first.. of column c of a front from the store, zeros where the pattern has no element; first > c.
-void load_rows(const front& f, int c, int first, const std::vector<int>& local, double* to) {
-    const int j = f.col[c], count = rows_below(j);
-    const double* off = sparse.xspars.data() + sparse.ixvec1(j) - 1;
-    const int *list = row_list(j), *end = list + count;
+void load_rows(const front& f, int c, int first, const factor_work& w, double* to) {
+    const int j = f.col[c], count = rows_below(w.m, j);
+    const double* off = w.m.xspars.data() + w.m.ixvec1(j) - 1;
+    const int *list = row_list(w.m, j), *end = list + count;
     const int row = first < f.width ? f.col[first] : f.list[first - f.width];
     std::fill(to + first, to + f.rows(), 0.0);
-    for (const int* at = std::lower_bound(list, end, row); at < end; ++at) to[local[*at]] = off[at - list];
+    for (const int* at = std::lower_bound(list, end, row); at < end; ++at) to[w.local[*at]] = off[at - list];
 }
 
 // Takes the products of the front's columns 0..done-1 from c (n columns), whose first row and column are row `first` of
@@ -130,14 +135,14 @@ void subtract_columns(const front& f, int done, int first, int n, double* c, std
         const int k = std::min(wide, done - from);
         for (int i = 0; i < k; ++i) {
             const int j = f.col[from + i];
-            if (rows_below(j) == f.rows() - 1 - from - i) {
-                column[i] = sparse.xspars.data() + sparse.ixvec1(j) - 1 + (first - from - i - 1);
+            if (rows_below(w.m, j) == f.rows() - 1 - from - i) {
+                column[i] = w.m.xspars.data() + w.m.ixvec1(j) - 1 + (first - from - i - 1);
             } else {
-                load_rows(f, from + i, first, w.local, w.spare + i * ld);
+                load_rows(f, from + i, first, w, w.spare + i * ld);
                 column[i] = w.spare + i * ld + first;
             }
         }
-        dense_kernels().minus_columns(f.rows() - first, n, k, column, c, ldc);
+        w.kernel.minus_columns(w.packing, f.rows() - first, n, k, column, c, ldc);
     }
 }
 
@@ -147,14 +152,14 @@ int factor_large(const front& f, int width, factor_work& w, double& pivot) {
         end = std::min(f.width, c + broad);
         const panel p = make_panel(w.columns, f.rows(), c, end);
         for (int k = c; k < end; ++k) {
-            load_column(f, k, w.local, p.column(k));
+            load_column(w.m, f, k, w.local, p.column(k));
             p.column(k)[k] += w.added[f.col[k]];
         }
         subtract_columns(f, c, c, end - c, p.p, p.ld, w);
         const int want = std::min(end, width) - c;
-        const int good = dense_kernels().factor_panel(f.rows() - c, want, p.p, p.ld, numbers.zero, pivot);
+        const int good = w.kernel.factor_panel(w.packing, f.rows() - c, want, p.p, p.ld, w.limit, pivot);
         if (good < end - c) return c + good;
-        save_panel(f, w.local, p);
+        save_panel(f, w, p);
     }
     for (int first = 0, end; first < f.below; first = end) {
         end = std::min(f.below, first + broad);
@@ -171,15 +176,16 @@ int factor_large(const front& f, int width, factor_work& w, double& pivot) {
 
 // After a failure at row `bad` only columns before it matter: none of them has a descendant that failed, so whatever a
 // failed front would have added is not missed.
-int factorise_supernodes(double& pivot) {
-    const supernode_tree& tree = supernodes();
+int factorise_supernodes(sparse_store& m, sparse_work& work, double limit, double& pivot, const progress& tell) {
+    need_state(m, store_state::assembled, "factorise_supernodes");
+    const supernode_tree& tree = supernodes(m, work);
     const int ns = static_cast<int>(tree.parent.size());
-    factor_work w;
-    w.local.assign(numbers.nsrow + 1, 0);
+    factor_work w{m, tree, dense_of(work), packing_of(work), limit};
+    w.local.assign(m.n + 1, 0);
     w.place.resize(tree.rows);
     w.runs.resize(tree.rows);
     w.has_update.assign(ns, 0);
-    w.added.assign(numbers.nsrow + 1, 0.0);
+    w.added.assign(m.n + 1, 0.0);
     w.spot.resize(tree.rows);
     w.spot_runs.resize(tree.rows);
     const std::ptrdiff_t columns = panel_size(tree.rows, wide);
@@ -191,23 +197,24 @@ int factorise_supernodes(double& pivot) {
     w.spare = w.columns + broad / wide * columns;
     int bad = 0, done = 0;
     for (int s = 0; s < ns; ++s) {
-        const front f = front_of(tree, s);
+        const front f = front_of(m, tree, s);
         for (const int end = done + f.width; done < end;)
-            if (++done % 20000 == 0 && options.verbose) print_list(screen(), "Factorise MMM", done);
+            if (++done % tell_every == 0 && tell) tell(done);
         int width = f.width;
         if (bad != 0) width = static_cast<int>(std::lower_bound(f.col, f.col + f.width, bad) - f.col);
         if (width > 0) {
             place_rows(f, w.local);
             double d = 0.0;
             const bool large = large_front(f.width, f.below);
-            const int good = large ? factor_large(f, width, w, d) : factor_narrow(tree, s, f, width, w, d);
+            const int good = large ? factor_large(f, width, w, d) : factor_narrow(s, f, width, w, d);
             if (good < width) {
                 bad = f.col[good];
                 pivot = d;
             }
         }
-        drop_children(tree, s, w);
+        drop_children(s, w);
     }
+    m.state = bad == 0 ? store_state::factor : store_state::empty;
     return bad;
 }
 

@@ -1,7 +1,8 @@
 #include "sparse/supernodes.h"
 
-#include "control/numbers.h"
 #include "sparse/dense_kernels.h"
+#include "sparse/symbfact.h"
+#include "sparse/workspace.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -11,18 +12,15 @@ namespace tarvex {
 
 namespace {
 
-supernode_tree tree;
-std::uint64_t tree_structure = 0; // fingerprint of the structure that tree belongs to, 0: none
-
-std::uint64_t fingerprint() {
+std::uint64_t fingerprint(const sparse_store& s) {
     std::uint64_t h = 1469598103934665603u;
     auto mix = [&](std::uint64_t v) { h = (h ^ v) * 1099511628211u + (h >> 29); };
-    mix(static_cast<std::uint64_t>(numbers.nsrow));
-    for (int i = 1; i <= numbers.nsrow; ++i) {
-        mix(static_cast<std::uint64_t>(sparse.ixvec1(i + 1)));
-        mix(static_cast<std::uint64_t>(sparse.ixvec2(i)));
+    mix(static_cast<std::uint64_t>(s.n));
+    for (int i = 1; i <= s.n; ++i) {
+        mix(static_cast<std::uint64_t>(s.ixvec1(i + 1)));
+        mix(static_cast<std::uint64_t>(s.ixvec2(i)));
     }
-    for (int q = 1; q <= sparse.maxsub; ++q) mix(static_cast<std::uint64_t>(sparse.ixsub(q)));
+    for (int q = 1; q <= s.maxsub; ++q) mix(static_cast<std::uint64_t>(s.ixsub(q)));
     return h | 1u;
 }
 
@@ -42,8 +40,8 @@ double panel_time(double width, double below) {
 }
 
 // Columns whose patterns are nested without a gap. Returns the cluster of each column (from 1).
-std::vector<int> nested_columns(std::vector<cluster>& clusters) {
-    const int n = numbers.nsrow;
+std::vector<int> nested_columns(const sparse_store& s, std::vector<cluster>& clusters) {
+    const int n = s.n;
     std::vector<int> of(n + 1, -1), continued(n + 1, 0);
     for (int j = 1; j <= n; ++j) {
         if (of[j] < 0) {
@@ -52,15 +50,15 @@ std::vector<int> nested_columns(std::vector<cluster>& clusters) {
         }
         cluster& c = clusters[of[j]];
         ++c.width;
-        c.below = rows_below(j);
+        c.below = rows_below(s, j);
         if (c.below == 0) continue;
-        const int p = *row_list(j);
-        if (p == n || continued[p] || rows_below(p) + 1 != c.below) continue;
+        const int p = *row_list(s, j);
+        if (p == n || continued[p] || rows_below(s, p) + 1 != c.below) continue;
         continued[p] = 1;
         of[p] = of[j];
     }
     for (int j = 1; j <= n; ++j) // the last column of a cluster has its first row in the parent
-        if (rows_below(j) > 0 && of[*row_list(j)] != of[j]) clusters[of[j]].parent = of[*row_list(j)];
+        if (rows_below(s, j) > 0 && of[*row_list(s, j)] != of[j]) clusters[of[j]].parent = of[*row_list(s, j)];
     return of;
 }
 
@@ -155,32 +153,31 @@ std::vector<int> postorder(const std::vector<cluster>& clusters, const std::vect
 }
 
 // Space that the passes up and down the tree take.
-void find_space() {
+void find_space(const sparse_store& m, supernode_tree& tree) {
     const int ns = static_cast<int>(tree.parent.size());
     std::ptrdiff_t held[2]{};
-    auto below_of = [&](int s) { return rows_below(tree.order[tree.start[s + 1] - 1]); };
     for (int s = 0; s < ns; ++s) {
-        const int width = tree.start[s + 1] - tree.start[s], below = below_of(s), odd = tree.level[s] % 2;
+        const int width = tree.start[s + 1] - tree.start[s], below = below_of(m, tree, s), odd = tree.level[s] % 2;
         const std::ptrdiff_t update = large_front(width, below) ? 0 : triangle_size(below);
         tree.rows = std::max(tree.rows, width + below);
         tree.width = std::max(tree.width, width);
         tree.inverse = std::max(tree.inverse, triangle_size(below));
         tree.triangles[odd] = std::max(tree.triangles[odd], held[odd] + update);
-        if (!updates_at_once(tree, s))
+        if (!updates_at_once(m, tree, s))
             for (int c = tree.child[s]; c >= 0; c = tree.sibling[c])
-                if (!large_front(tree.start[c + 1] - tree.start[c], below_of(c)))
-                    held[1 - odd] -= triangle_size(below_of(c));
-        if (tree.parent[s] >= 0 && !updates_at_once(tree, tree.parent[s])) held[odd] += update;
+                if (!large_front(tree.start[c + 1] - tree.start[c], below_of(m, tree, c)))
+                    held[1 - odd] -= triangle_size(below_of(m, tree, c));
+        if (tree.parent[s] >= 0 && !updates_at_once(m, tree, tree.parent[s])) held[odd] += update;
     }
 }
 
-void make_tree() {
+void make_tree(const sparse_store& m, supernode_tree& tree) {
     tree = {};
-    const int n = numbers.nsrow;
+    const int n = m.n;
     if (n == 0) return;
-    tree.operations = factor_operations();
+    tree.operations = count_operations(n, m.ixvec1);
     std::vector<cluster> clusters;
-    const std::vector<int> of = nested_columns(clusters);
+    const std::vector<int> of = nested_columns(m, clusters);
     const int nc = static_cast<int>(clusters.size());
     std::vector<int> last(nc, 0), bottom_up(nc);
     for (int j = 1; j <= n; ++j) last[of[j]] = j;
@@ -215,32 +212,32 @@ void make_tree() {
         tree.sibling[k] = tree.child[number[p]];
         tree.child[number[p]] = k;
     }
-    find_space();
+    find_space(m, tree);
 }
 
 } // namespace
 
-double factor_operations() {
-    double sum = 0.0;
-    for (int j = 1; j <= numbers.nsrow; ++j) {
-        const double c = rows_below(j);
-        sum += 0.5 * c * (c + 3.0);
+const supernode_tree& supernodes(const sparse_store& s, sparse_work& w) {
+    const std::uint64_t now = fingerprint(s);
+    if (now != w.tree.structure) {
+        make_tree(s, w.tree);
+        w.tree.structure = now;
     }
-    return sum;
+    return w.tree;
 }
 
-const supernode_tree& supernodes() {
-    const std::uint64_t now = fingerprint();
-    if (now != tree_structure) {
-        make_tree();
-        tree_structure = now;
-    }
-    return tree;
+const dense_kernels_table& dense_of(sparse_work& w) {
+    if (!w.dense) w.dense = find_kernels("");
+    return *w.dense;
 }
 
-void supernodes_drop() {
-    tree = {};
-    tree_structure = 0;
+kernel_space packing_of(sparse_work& w) {
+    if (!w.packing) w.packing = make_space(kernel_space_size);
+    kernel_space k;
+    k.scratch = w.packing.get();
+    k.packed_b = k.scratch + scratch_size;
+    k.corner = k.packed_b + broad * packed_depth;
+    return k;
 }
 
 } // namespace tarvex

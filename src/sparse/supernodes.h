@@ -5,13 +5,14 @@
 // kernels) exceeds that of the zeros taken in (C. Ashcraft and R. Grimes, ACM TOMS 15:291, 1989). Columns need not be
 // neighbours: the panels are worked on in a postorder of the tree, which leaves the factor as it is. The factor stays
 // in its compressed store; only the columns at hand and the update matrices that wait for their parents are dense
-// (multifrontal method, J. W. H. Liu, SIAM Review 34:82, 1992). Row nsrow is a supernode of its own, the last.
+// (multifrontal method, J. W. H. Liu, SIAM Review 34:82, 1992). Row n is a supernode of its own, the last.
 #pragma once
 #include "sparse/dense_kernels.h"
 #include "sparse/sparse.h"
 #include "support/array.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 namespace tarvex {
@@ -27,37 +28,37 @@ struct supernode_tree {
     std::ptrdiff_t inverse = 0;    // space for the inverse of the rows below a front
     int rows = 0, width = 0;       // of the largest front and the widest panel
     double operations = 0.0;       // multiplications of the factorisation, without the zeros taken in
+    std::uint64_t structure = 0;   // fingerprint of the structure that all this belongs to, 0: none
 };
 
-// The partition for the structure in module sparse, kept until the structure changes.
-const supernode_tree& supernodes();
-void supernodes_drop();
+struct sparse_work; // workspace.h
 
-// Rows below the supernode whose last column is j are those of this column.
-inline int rows_below(int j) { return sparse.ixvec1(j + 1) - sparse.ixvec1(j); }
-inline const int* row_list(int j) { return sparse.ixsub.data() + sparse.ixvec2(j) - 1; }
+// The partition for the structure of s, kept in w.tree until the structure changes. The rows below a supernode are
+// those below its last column.
+const supernode_tree& supernodes(const sparse_store& s, sparse_work& w);
 
 // A supernode of more than `wide` columns is worked on in pieces. A large front takes no update matrices: those of its
 // children, and its own by blocks of columns, go straight to the columns of the store, so that they do not wait for
 // each other. So do those for a front with no more than one row below.
 constexpr int many_below = 1000;
 inline bool large_front(int width, int below) { return width > wide || below > many_below; }
-inline bool updates_at_once(const supernode_tree& tree, int s) {
-    const int below = rows_below(tree.order[tree.start[s + 1] - 1]);
+inline int below_of(const sparse_store& m, const supernode_tree& tree, int s) {
+    return rows_below(m, tree.order[tree.start[s + 1] - 1]);
+}
+inline bool updates_at_once(const sparse_store& m, const supernode_tree& tree, int s) {
+    const int below = below_of(m, tree, s);
     return below <= 1 || large_front(tree.start[s + 1] - tree.start[s], below);
 }
 
-// Multiplications of the factorisation by columns.
-double factor_operations();
+// Replaces the assembled matrix by its factor. Returns 0, or the first row in ascending order whose pivot is below
+// `limit`: `pivot` is its value, diag of that row is as assembled, and the store counts as empty. Columns are not
+// completed in ascending order.
+int factorise_supernodes(sparse_store& m, sparse_work& w, double limit, double& pivot, const progress& tell);
 
-// Factorisation as factorise_columns, forcepd true. Columns are not completed in ascending order, but the row returned
-// is the first that fails in this order.
-int factorise_supernodes(double& pivot);
-
-// Sparse inverse of the factor in sparse.diag, sparse.xspars, into zdiag, zoff, which may be the same arrays.
+// Sparse inverse of the factor in m into zdiag, zoff, which may be the arrays of m; its state is left to the caller.
 //   x   nullptr: row n gets L(n,i)/L(i,i), zdiag(n) the last pivot, squared
-//       else the solutions: the derivatives of the factorisation are formed in place of the inverse
-// `word` heads the progress lines.
-void inverse_supernodes(array<double>& zdiag, array<double>& zoff, const double* x, const char* word);
+//       else the solutions (n): the derivatives of the factorisation are formed in place of the inverse
+void inverse_supernodes(const sparse_store& m, sparse_work& w, array<double>& zdiag, array<double>& zoff,
+                        const double* x, const progress& tell);
 
 } // namespace tarvex

@@ -7,6 +7,7 @@
 #include "data/levels.h"
 #include "data/rowlayout.h"
 #include "equations/mmequations.h"
+#include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "estimation/estimates.h"
 #include "likelihood/buildmmm.h"
@@ -18,7 +19,6 @@
 #include "parameters/variances.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
-#include "sparse/sparse.h"
 #include "support/fixture.h"
 #include "support/small_models.h"
 

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <algorithm>
 #include <cmath>
 #include <random>
 #include <vector>
@@ -26,10 +28,6 @@ struct matrix {
 
 class dense_kernels_test : public tarvex_test {
 protected:
-    void TearDown() override {
-        set_instruction_set("");
-        tarvex_test::TearDown();
-    }
     matrix random(int m, int n) {
         matrix a(m, n);
         for (int j = 0; j < n; ++j)
@@ -42,16 +40,37 @@ protected:
         for (int j = 0; j < w; ++j) a(j, j) += 2.0 + std::sqrt(static_cast<double>(w)) * 2.0;
         return a;
     }
-    // Calls f with the kernels of each set that this processor has.
-    template <class F> static void each_set(F f) {
-        for (const char* name : {"baseline", "avx2", "avx512"}) {
-            if (!set_instruction_set(name)) continue;
-            SCOPED_TRACE(name);
-            f(dense_kernels());
-        }
+    // Calls f with the kernels of each set that this processor has: whole, and in pieces from the last to the first.
+    template <class F> void each_set(F f) {
+        for (const char* name : {"baseline", "avx2", "avx512"})
+            for (const bool in_pieces : {false, true}) {
+                const dense_kernels_table* kernel = find_kernels(name);
+                if (!kernel) continue;
+                SCOPED_TRACE(name);
+                space.each = in_pieces ? backwards : nullptr;
+                space.pool = this;
+                f(*kernel);
+            }
+        space.each = nullptr;
     }
+    static void backwards(void* pool, int count, kernel_space::piece body, const void* arg) {
+        auto& test = *static_cast<dense_kernels_test*>(pool);
+        for (int i = count - 1; i >= 0; --i) {
+            std::fill(test.scratch_.begin(), test.scratch_.end(), std::nan(""));
+            body(arg, i, test.scratch_.data());
+        }
+        test.most_pieces = std::max(test.most_pieces, count);
+    }
+    dense_kernels_test() {
+        space.scratch = room_.data();
+        space.packed_b = space.scratch + scratch_size;
+        space.corner = space.packed_b + broad * packed_depth;
+    }
+    kernel_space space;
+    int most_pieces = 0;
 
 private:
+    std::vector<double> room_ = std::vector<double>(kernel_space_size), scratch_ = std::vector<double>(scratch_size);
     std::mt19937 rng_{20261121};
     std::uniform_real_distribution<double> uniform_{-1.0, 1.0};
 };
@@ -82,7 +101,7 @@ TEST_F(dense_kernels_test, panels_are_factorised) {
         each_set([&](const dense_kernels_table& kernel) {
             matrix p = a;
             double failed = 0.0;
-            ASSERT_EQ(kernel.factor_panel(m, w, p.data(), p.ld, 1e-8, failed), w);
+            ASSERT_EQ(kernel.factor_panel(space, m, w, p.data(), p.ld, 1e-8, failed), w);
             double worst = 0.0;
             for (int j = 0; j < w; ++j)
                 for (int i = j; i < m; ++i) worst = std::max(worst, std::fabs(p(i, j) - truth(i, j)));
@@ -107,7 +126,7 @@ TEST_F(dense_kernels_test, first_failing_pivot_of_a_panel_is_told) {
             each_set([&](const dense_kernels_table& kernel) {
                 matrix p = spoilt;
                 double failed = 0.0;
-                ASSERT_EQ(kernel.factor_panel(m, w, p.data(), p.ld, 1e-8, failed), bad);
+                ASSERT_EQ(kernel.factor_panel(space, m, w, p.data(), p.ld, 1e-8, failed), bad);
                 EXPECT_NEAR(failed, pivot, 1e-12);
             });
         }
@@ -121,7 +140,7 @@ TEST_F(dense_kernels_test, not_a_number_is_a_failing_pivot) {
         each_set([&](const dense_kernels_table& kernel) {
             matrix p = a;
             double failed = 0.0;
-            EXPECT_EQ(kernel.factor_panel(400, w, p.data(), p.ld, 1e-8, failed), w / 2);
+            EXPECT_EQ(kernel.factor_panel(space, 400, w, p.data(), p.ld, 1e-8, failed), w / 2);
             EXPECT_TRUE(std::isnan(failed));
         });
     }
@@ -140,7 +159,7 @@ TEST_F(dense_kernels_test, triangle_is_solved_from_the_right) {
         const matrix y = random(m, w);
         each_set([&](const dense_kernels_table& kernel) {
             matrix x = y;
-            kernel.solve_right(m, w, lt.data(), lt.ld, x.data(), x.ld);
+            kernel.solve_right(space, m, w, lt.data(), lt.ld, x.data(), x.ld);
             double worst = 0.0; // X L = Y
             for (int j = 0; j < w; ++j)
                 for (int i = 0; i < m; ++i) {
@@ -173,7 +192,7 @@ TEST_F(dense_kernels_test, products_of_all_shapes) {
             const double old = mode == store_mode::subtract || mode == store_mode::add ? 1.0 : 0.0;
             each_set([&](const dense_kernels_table& kernel) {
                 matrix r = c;
-                kernel.product(mode, m, n, k, a.data(), a.ld, b.data(), b.ld, r.data(), r.ld);
+                kernel.product(space, mode, m, n, k, a.data(), a.ld, b.data(), b.ld, r.data(), r.ld);
                 double worst = 0.0;
                 for (int j = 0; j < n; ++j)
                     for (int i = 0; i < m; ++i)
@@ -197,10 +216,10 @@ TEST_F(dense_kernels_test, squares_and_products_of_scattered_columns) {
         for (int q = 0; q < k; ++q) column.push_back(a.data() + q * a.ld);
         each_set([&](const dense_kernels_table& kernel) {
             std::vector<double> u(static_cast<std::size_t>(triangle_size(m) + 2 * lane), 0.0);
-            kernel.minus_square(store_mode::set_minus, m, k, a.data(), a.ld, u.data());
-            kernel.minus_square(store_mode::subtract, m, k, a.data(), a.ld, u.data());
+            kernel.minus_square(space, store_mode::set_minus, m, k, a.data(), a.ld, u.data());
+            kernel.minus_square(space, store_mode::subtract, m, k, a.data(), a.ld, u.data());
             matrix r = c;
-            kernel.minus_columns(m, n, k, column.data(), r.data(), r.ld);
+            kernel.minus_columns(space, m, n, k, column.data(), r.data(), r.ld);
             double worst = 0.0;
             for (int j = 0; j < m; ++j)
                 for (int i = j; i < m; ++i) {
@@ -226,13 +245,64 @@ TEST_F(dense_kernels_test, products_with_a_symmetric_matrix) {
             for (int i = j; i < m; ++i) triangle_column(u.data(), m, j)[i] = a(i, j);
         each_set([&](const dense_kernels_table& kernel) {
             matrix c(m, n);
-            kernel.minus_symmetric(m, n, u.data(), b.data(), b.ld, c.data(), c.ld);
+            kernel.minus_symmetric(space, m, n, u.data(), b.data(), b.ld, c.data(), c.ld);
             double worst = 0.0;
             for (int j = 0; j < n; ++j)
                 for (int i = 0; i < m; ++i) worst = std::max(worst, std::fabs(c(i, j) - truth(i, j)));
             EXPECT_LT(worst, 1e-12);
         });
     }
+}
+
+// In however many pieces: the same bits.
+TEST_F(dense_kernels_test, pieces_change_no_digit) {
+    for (const char* name : {"baseline", "avx2", "avx512"}) {
+        const dense_kernels_table* kernel = find_kernels(name);
+        if (!kernel) continue;
+        for (const auto& [m, n, k] : {std::array{700, 30, 300}, {700, 130, 270}, {900, 240, 520}}) {
+            SCOPED_TRACE(std::string(name) + " " + std::to_string(n));
+            const matrix a = random(m, k), b = random(n, k), c = random(m, n), p = positive_panel(m, n),
+                         wide_b = random(n, m);
+            std::vector<const double*> column;
+            for (int q = 0; q < k; ++q) column.push_back(a.data() + q * a.ld);
+            std::vector<double> results[2];
+            for (const bool in_pieces : {false, true}) {
+                space.each = in_pieces ? backwards : nullptr;
+                space.pool = this;
+                most_pieces = 0;
+                auto& all = results[in_pieces];
+                auto keep = [&](const matrix& r, bool lower) {
+                    for (int j = 0; j < r.n; ++j)
+                        for (int i = lower ? j : 0; i < r.m; ++i) all.push_back(r(i, j));
+                };
+                matrix r = c;
+                kernel->product(space, store_mode::add, m, n, k, a.data(), a.ld, b.data(), b.ld, r.data(), r.ld);
+                keep(r, false);
+                r = c;
+                kernel->minus_columns(space, m, n, k, column.data(), r.data(), r.ld);
+                keep(r, true);
+                r = p;
+                double pivot = 0.0;
+                EXPECT_EQ(kernel->factor_panel(space, m, n, r.data(), r.ld, 1e-8, pivot), n);
+                keep(r, true);
+                std::vector<double> u(static_cast<std::size_t>(triangle_size(m) + 2 * lane), 0.0);
+                kernel->minus_square(space, store_mode::set_minus, m, k, a.data(), a.ld, u.data());
+                for (int j = 0; j < m; ++j)
+                    for (int i = j; i < m; ++i) all.push_back(triangle_column(u.data(), m, j)[i]);
+                matrix s(m, n);
+                kernel->minus_symmetric(space, m, n, u.data(), wide_b.data(), wide_b.ld, s.data(), s.ld);
+                keep(s, false);
+                if (in_pieces) {
+                    EXPECT_GT(most_pieces, 2);
+                }
+            }
+            ASSERT_EQ(results[0].size(), results[1].size());
+            std::size_t different = 0;
+            for (std::size_t i = 0; i < results[0].size(); ++i) different += results[0][i] != results[1][i];
+            EXPECT_EQ(different, 0u);
+        }
+    }
+    space.each = nullptr;
 }
 
 } // namespace

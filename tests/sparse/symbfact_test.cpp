@@ -4,10 +4,10 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "equations/mmequations.h"
+#include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "sparse/genmmd.h"
 #include "sparse/graphs.h"
-#include "sparse/sparse.h"
 #include "support/fixture.h"
 #include "support/record_file.h"
 
@@ -66,6 +66,7 @@ protected:
         orders.ieqnew = identity(nbase + 1);
         orders.ivperm = identity(nbase);
         auto s = factor_structure(full, {}, {});
+        sparse.n = nbase + 1;
         sparse.ixvec1 = s.ixvec1;
         sparse.ixvec2 = s.ixvec2;
         sparse.ixsub = s.ixsub;

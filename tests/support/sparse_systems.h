@@ -2,7 +2,7 @@
 // the given order and laid into module sparse, with values that make the matrix positive definite.
 #pragma once
 #include "control/numbers.h"
-#include "sparse/sparse.h"
+#include "equations/mmmatrix.h"
 
 #include <algorithm>
 #include <cmath>
@@ -41,7 +41,7 @@ inline sparse_pattern fill_in(const sparse_pattern& given, bool with_rhs = true)
 // Lays a pattern closed under elimination into module sparse; lists that end the list before are shared.
 inline void store_structure(const sparse_pattern& l) {
     const int n = static_cast<int>(l.size()) - 1;
-    numbers.nsrow = n;
+    numbers.nsrow = sparse.n = n;
     sparse.ixvec1.allocate(n + 1);
     sparse.ixvec2.allocate(n);
     std::vector<int> sub;
@@ -78,6 +78,7 @@ inline void store_values(const sparse_pattern& given, unsigned seed, double domi
             sparse.diag(j) += std::fabs(v);
         }
     for (int i = 1; i <= n; ++i) sparse.diag(i) = dominance * sparse.diag(i) + 0.01;
+    sparse.state = store_state::assembled;
 }
 
 } // namespace tarvex
