@@ -12,6 +12,7 @@
 #include "equations/symfacfile.h"
 #include "parfile/model.h"
 #include "sparse/linkedlist.h"
+#include "sparse/order_race.h"
 #include "sparse/orderings.h"
 #include "sparse/symbfact.h"
 #include "support/edit_form.h"
@@ -41,7 +42,7 @@ enum class order_file { none, unreadable, foreign, fits };
 
 int base_rows() { return mmequations.neqns - static_cast<int>(mmequations.ieqzero.size()); }
 
-bool is_metis(int type) { return std::abs(type) == 3; }
+bool is_metis(int type) { return has_settings(std::abs(type)); }
 
 std::vector<int> order_header() {
     std::vector<int> h{numbers.nq, base_rows() + 1, numbers.nrankx, numbers.lim1, numbers.krand};
@@ -58,8 +59,8 @@ bool inverse_pair(const array<int>& invprm, const array<int>& ivperm) {
 
 bool read_maps(record_reader& in, stored_order& s) {
     if (!in.record(s.nofsub, s.maxlnz, s.kkops, s.kortype)) return false;
-    if (s.kortype < 1 || s.kortype > 3 || !(s.kkops >= 0.0)) return false;
-    if (s.kortype == 3 && !in.record(std::span<int>(s.ketis_opts))) return false;
+    if (s.kortype < 1 || s.kortype > last_order_code || !(s.kkops >= 0.0)) return false;
+    if (is_metis(s.kortype) && !in.record(std::span<int>(s.ketis_opts))) return false;
     s.invprm.allocate(base_rows());
     s.ivperm.allocate(base_rows());
     for (auto* map : {&s.invprm, &s.ivperm})
@@ -188,8 +189,20 @@ bool lay_out() {
     stoptarvex();
 }
 
-// Operations of the structure in hand, told and appended to OperationCounts.
-double count_and_tell(double kkops) {
+// Adds a line for the order of this method and these counts to OperationCounts.
+void append_counts(int type, const metis_settings& m, long long maxlnz, double nnops) {
+    text_out out;
+    if (!out.open_append("OperationCounts")) return;
+    if (std::abs(type) == 5)
+        write(out, "(a,i4,i6,2i3,t23,i14,f20.0)", "Heavy", m[7], m[4], m[1], m[3], maxlnz, nnops);
+    else if (is_metis(type))
+        write(out, "(a,i4,i6,2i3,t23,i14,f20.0)", "Metis", m[7], m[6], m[1], m[3], maxlnz, nnops);
+    else
+        write(out, "(a,t23,i14,f20.0)", type == 1 ? "MMD" : type == 2 ? "AMD" : "Scotch", maxlnz, nnops);
+}
+
+// Operations of the structure in hand, told.
+double tell_operations(double kkops) {
     const double nnops = count_operations(numbers.nsrow, sparse.ixvec1);
     if (options.verbose) {
         write(screen(), "(1x,a,t33,i17)", "End of \"SMBFCT\": maxsub", sparse.maxsub);
@@ -199,13 +212,13 @@ double count_and_tell(double kkops) {
     if (nnops > 1.0e9 && !options.terse)
         write(screen(), "(1x,2a,i4,a)", "***** NB : Factorisation  of the MMM ", "requires more than",
               static_cast<long long>(nnops * 1.0e-9), " billion operations !");
-    text_out out;
-    if (!out.open_append("OperationCounts")) return nnops;
-    const auto& m = orders.metis_opts;
-    if (is_metis(orders.order_type))
-        write(out, "(a,i4,i6,2i3,t23,i14,f20.0)", "Metis", m[7], m[6], m[1], m[3], sparse.maxlnz, nnops);
-    else
-        write(out, "(a,t23,i14,f20.0)", orders.order_type == 1 ? "MMD" : "AMD", sparse.maxlnz, nnops);
+    return nnops;
+}
+
+// The same, with a line in OperationCounts.
+double count_and_tell(double kkops) {
+    const double nnops = tell_operations(kkops);
+    append_counts(orders.order_type, orders.metis_opts, sparse.maxlnz, nnops);
     return nnops;
 }
 
@@ -219,8 +232,10 @@ struct trial_state {
     stored_order old;
     double kkops = no_order;
     bool preselected = false;
-    bool pattern = false; // the row store holds the pattern
-    bool store = false;   // symbfact.bin does not hold the structure of the order in eqnsorder.bin
+    bool automatic = false; // no method was named: further orders may be tried
+    bool raced = false;     // they were, and OperationCounts has their lines
+    bool pattern = false;   // the row store holds the pattern
+    bool store = false;     // symbfact.bin does not hold the structure of the order in eqnsorder.bin
     int nofsub = 0;
 };
 
@@ -246,9 +261,58 @@ void take_old(trial_state& t) {
     if (!lay_out()) too_many_subscripts();
 }
 
+// An order that fails drops out, with a line.
+node_order try_order(const order_graph& g, const entrant& e) {
+    node_order order;
+    try {
+        order = order_by(g, e.code, e.settings);
+    } catch (const std::bad_alloc&) {
+        order.status = out_of_memory;
+    }
+    if (order.status != 0)
+        print_list(screen(), "Ordering method dropped :", e.code == order_code::scotch ? "SCOTCH" : "METIS",
+                   " status =", order.status);
+    return order;
+}
+
+// Races the order in hand against further ones, the best of which stays in hand. False: it is the only one, and has
+// not been told.
+bool race(trial_state& t) {
+    const order_graph g = pattern_graph();
+    std::vector<int> node(orders.ivperm.begin(), orders.ivperm.end()),
+        place(orders.invprm.begin(), orders.invprm.end());
+    for (auto* map : {&node, &place})
+        for (int& k : *map) --k;
+    factor_counts best = count_factor(g, node, place);
+    if (best.operations < orders.race_from) return false;
+    append_counts(orders.order_type, orders.metis_opts, best.elements, best.operations);
+    node_order winner;
+    double spent = 0.0;
+    for (const entrant& e : entrants()) {
+        if (orders.race_price > 0.0 && !affordable(e, best.operations, spent, g.n)) break;
+        spent += orders.race_price * e.cost * g.n;
+        const node_order order = try_order(g, e);
+        const int type = static_cast<int>(e.code);
+        if (order.node.empty()) continue;
+        const factor_counts c = count_factor(g, order.node, order.place);
+        append_counts(type, e.settings, c.elements, c.operations);
+        if (options.verbose)
+            write(screen(), "(1x,a,i2,2x,a,f20.0)", "Order tried : type =", type, "Operation count =", c.operations);
+        if (c.operations >= best.operations) continue;
+        best = c;
+        winner = order;
+        orders.order_type = type;
+        orders.metis_opts = e.settings;
+        t.nofsub = 0;
+    }
+    if (!winner.node.empty()) take_order(winner);
+    return true;
+}
+
 bool take_new(trial_state& t) {
     need_pattern(t);
     find_order(t.nofsub);
+    t.raced = t.automatic && race(t);
     adjacency2();
     set_maps();
     return lay_out();
@@ -261,7 +325,7 @@ bool find_old(trial_state& t) {
         return false;
     case order_file::unreadable:
         if (options.werbose) print_list(screen(), "Error reading previous ordering");
-        t = {{}, stale_order, t.preselected};
+        t = {{}, stale_order, t.preselected, t.automatic};
         return false;
     case order_file::foreign:
         t.kkops = stale_order;
@@ -306,7 +370,7 @@ void search_settings(trial_state& t) {
 void try_method(trial_state& t) {
     const bool fits = take_new(t), another = t.old.invprm.allocated();
     if (!fits && !another) too_many_subscripts();
-    const double nnops = fits ? count_and_tell(t.kkops) : stale_order;
+    const double nnops = !fits ? stale_order : t.raced ? tell_operations(t.kkops) : count_and_tell(t.kkops);
     if (fits && nnops <= t.kkops) {
         keep_better(t, nnops); // a tie leaves the files as they are
         return;
@@ -353,6 +417,7 @@ void eqnorders() {
     allocate("alloc ifirst", orders.ieqnew, mmequations.neqns + 1);
     allocate("alloc ifirst", orders.ieqold, mmequations.neqns + 1);
     trial_state t;
+    t.automatic = orders.order_type == 0;
     t.preselected = choose_method();
     if (find_old(t)) {
         take_old(t);

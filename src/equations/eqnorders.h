@@ -1,14 +1,15 @@
 // Choice of the order of the equations.
 //
 // eqnsorder.bin: neqns, neq_fix, neq_rnd, neq_cov | nq, nsrow (with the right-hand side), nrankx, lim1, krand,
-// krfit(0:krand) | nofsub, maxlnz, nnops, order_type | metis_opts(8), for METIS orders only | invprm | ivperm, both for
-// the equations that stay. OperationCounts gets a line for each order that is tried.
+// krfit(0:krand) | nofsub, maxlnz, nnops, order_type | metis_opts(8), for METIS orders (codes 3 and 5) only | invprm |
+// ivperm, both for the equations that stay. OperationCounts gets a line for each order that is tried.
 #pragma once
 
 namespace tarvex {
 
 // Chooses the order, lays out the factor, and leaves the maps in `orders`; nsrow counts the right-hand side on return.
-// Takes over the order and the structure of an earlier run where they fit this one.
+// Takes over the order and the structure of an earlier run where they fit this one. Otherwise, where no method was
+// named and the order chosen by size takes orders.race_from operations or more, further ones are raced against it.
 void eqnorders();
 // Anew in mid-run, with the covariances in hand (residualvars, randomvars); the numeric store takes the new size. The
 // caller then runs new_eqnnos.

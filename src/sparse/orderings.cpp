@@ -1,6 +1,4 @@
-// The three ordering methods on the pattern in the row store.
-//
-// METIS: Karypis, G. & Kumar, V. (1998), SIAM J. Sci. Comput. 20, 359-392.
+// The ordering methods on the pattern in the row store.
 #include "sparse/orderings.h"
 
 #include "control/numbers.h"
@@ -9,21 +7,18 @@
 #include "equations/orders.h"
 #include "sparse/genmmd.h"
 #include "sparse/linkedlist.h"
+#include "sparse/order_race.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
 
 #include <algorithm>
-#include <amd.h>
 #include <climits>
 #include <cstdlib>
-#include <metis.h>
 #include <span>
 
 namespace tarvex {
 
 namespace {
-
-static_assert(sizeof(idx_t) == sizeof(int), "METIS with 32-bit indices is needed");
 
 // Both directions of every element of the row store, from index `low` on.
 void symmetric_graph(int n, int low, array<int>& xadj, array<int>& adjncy) {
@@ -72,62 +67,62 @@ void order_amd(int n, int& nofsub) {
     if (options.verbose) write(screen(), "(a,i9,a,i14)", " End of \"AMD\"", n, "  nofsub =", nofsub);
 }
 
-// The eight integers are those of METIS 4; METIS 5 has an array of its own.
-void metis_settings(idx_t* o) {
-    const auto& m = orders.metis_opts;
-    METIS_SetDefaultOptions(o);
-    o[METIS_OPTION_NUMBERING] = 0;
-    if (m[0] == 0) return;
-    o[METIS_OPTION_CTYPE] = m[1] == 1 ? METIS_CTYPE_RM : METIS_CTYPE_SHEM;
-    o[METIS_OPTION_IPTYPE] = m[2] == 1 ? METIS_IPTYPE_EDGE : METIS_IPTYPE_NODE;
-    o[METIS_OPTION_RTYPE] = m[3] == 1 ? METIS_RTYPE_SEP2SIDED : METIS_RTYPE_SEP1SIDED;
-    o[METIS_OPTION_DBGLVL] = 0;
-    o[METIS_OPTION_COMPRESS] = m[5] & 1;
-    o[METIS_OPTION_CCORDER] = (m[5] >> 1) & 1;
-    o[METIS_OPTION_PFACTOR] = std::max(m[6], 0);
-    o[METIS_OPTION_NSEPS] = std::max(m[7], 1);
-}
-
 void order_metis(int n) {
     if (options.verbose) write(screen(), "(1x,a,i7,a,8i4)", "Start of \"METIS\"", n);
-    array<int> xadj, adjncy;
-    symmetric_graph(n, 0, xadj, adjncy);
-    orders.ivperm.allocate(n);
-    orders.invprm.allocate(n);
-    idx_t o[METIS_NOPTIONS], nn = n;
-    metis_settings(o);
-    const int status =
-        n == 0 ? METIS_OK
-               : METIS_NodeND(&nn, xadj.data(), adjncy.data(), nullptr, o, orders.ivperm.data(), orders.invprm.data());
-    if (status != METIS_OK) {
-        print_list(screen(), "Ordering by METIS failed : status =", status);
+    const order_graph g = pattern_graph();
+    node_order order = order_by(g, static_cast<order_code>(std::abs(orders.order_type)), orders.metis_opts);
+    if (order.node.empty() && orders.order_type == 5) order = metis_order(g, orders.metis_opts); // no heavy row now
+    if (order.status != 0) {
+        print_list(screen(), "Ordering by METIS failed : status =", order.status);
         stoptarvex();
     }
-    for (int k = 1; k <= n; ++k) {
-        ++orders.ivperm(k);
-        ++orders.invprm(k);
-    }
+    take_order(order);
     if (options.verbose || orders.order_type == -3)
         write(screen(), "(1x,a,i9,a,8i4)", "End of \"METIS\"", n,
               "     Options used = ", std::span<const int>(orders.metis_opts).subspan(1));
 }
 
-} // namespace
-
-double amd_permutation(int n, const int* start, const int* adjacent, array<int>& ivperm, array<int>& invprm) {
-    ivperm.allocate(n);
-    invprm.allocate(n);
-    double info[AMD_INFO];
-    constexpr int none = 0; // the library takes no null pointer for an empty graph
-    const int* rows = adjacent ? adjacent : &none;
-    const int status = n == 0 ? AMD_OK : amd_order(n, start, rows, ivperm.data(), nullptr, info);
-    if (status == AMD_OUT_OF_MEMORY) stop("all iwork");
-    if (status != AMD_OK && status != AMD_OK_BUT_JUMBLED) {
-        print_list(screen(), "Ordering by AMD failed : status =", status);
+void order_scotch() {
+    const node_order order = scotch_order(pattern_graph());
+    if (order.status != 0) {
+        print_list(screen(), "Ordering by SCOTCH failed : status =", order.status);
         stoptarvex();
     }
-    for (int k = 1; k <= n; ++k) invprm(++ivperm(k)) = k;
-    return n == 0 ? 0.0 : info[AMD_LNZ];
+    take_order(order);
+}
+
+} // namespace
+
+order_graph pattern_graph() {
+    array<int> xadj, adjncy;
+    symmetric_graph(numbers.nsrow, 0, xadj, adjncy);
+    return {numbers.nsrow, {xadj.begin(), xadj.end()}, {adjncy.begin(), adjncy.end()}};
+}
+
+void take_order(const node_order& order) {
+    const int n = static_cast<int>(order.node.size());
+    orders.ivperm.allocate(n);
+    orders.invprm.allocate(n);
+    for (int k = 1; k <= n; ++k) {
+        orders.ivperm(k) = order.node[k - 1] + 1;
+        orders.invprm(k) = order.place[k - 1] + 1;
+    }
+}
+
+double amd_permutation(int n, const int* start, const int* adjacent, array<int>& ivperm, array<int>& invprm) {
+    const node_order order = amd_node_order(n, start, adjacent);
+    if (order.status == out_of_memory) stop("all iwork");
+    if (order.status != 0) {
+        print_list(screen(), "Ordering by AMD failed : status =", order.status);
+        stoptarvex();
+    }
+    ivperm.allocate(n);
+    invprm.allocate(n);
+    for (int k = 1; k <= n; ++k) {
+        ivperm(k) = order.node[k - 1] + 1;
+        invprm(k) = order.place[k - 1] + 1;
+    }
+    return order.fill;
 }
 
 void find_order(int& nofsub) {
@@ -139,6 +134,9 @@ void find_order(int& nofsub) {
         break;
     case 2:
         order_amd(n, nofsub);
+        break;
+    case 4:
+        order_scotch();
         break;
     default:
         order_metis(n);

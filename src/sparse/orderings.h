@@ -1,5 +1,6 @@
-// The three ordering methods on the pattern in the row store.
+// The ordering methods on the pattern in the row store.
 #pragma once
+#include "sparse/order_methods.h"
 #include "support/array.h"
 
 namespace tarvex {
@@ -8,6 +9,10 @@ namespace tarvex {
 // |orders.order_type|. nofsub: upper limit to the subscripts of the structure, or the fill, as the method tells it; 0:
 // not told. A refusal of the method stops the run.
 void find_order(int& nofsub);
+
+// The pattern in linked_list as a graph, and an order of it into invprm and ivperm.
+order_graph pattern_graph();
+void take_order(const node_order& order);
 
 // Approximate minimum degree order of n nodes (Amestoy, Davis & Duff 1996, SIAM J. Matrix Anal. Appl. 17, 886-905).
 //   start (n+1), adjacent   0-based compressed rows of either triangle, ascending

@@ -318,5 +318,63 @@ TEST_F(ordering_files, too_many_subscripts_give_way_to_a_stored_order) {
     EXPECT_NEAR(program_logl(estimates.parvec), truth, 1e-9);
 }
 
+TEST_F(ordering_files, further_orders_are_raced_where_no_method_is_named) {
+    const double truth = run({"--aireml"});
+    EXPECT_EQ(lines_of(read_file("OperationCounts")).size(), 1u) << "none in a small case";
+    const auto raced = [&](const std::vector<std::string>& given) {
+        reset_modules();
+        clear_screen();
+        orders.race_from = orders.race_price = 0.0;
+        set_up(m, given);
+        EXPECT_NEAR(program_logl(estimates.parvec), truth, 1e-10 * std::fabs(truth));
+    };
+    for (const char* named : {"--mmd", "--amd", "--metis"}) {
+        fresh();
+        raced({named, "--aireml"});
+        EXPECT_EQ(lines_of(read_file("OperationCounts")).size(), 1u) << named << " stays alone";
+    }
+    fresh();
+    raced({"-v", "--aireml"});
+    const auto lines = lines_of(read_file("OperationCounts"));
+    ASSERT_GE(lines.size(), 4u);
+    EXPECT_EQ(lines[0].substr(0, 21), line("%-21s", "MMD"));
+    EXPECT_EQ(lines[1].substr(0, 21), "Metis   0     0  0  0");
+    double best = 1e300;
+    int scotch = 0;
+    for (const auto& l : lines) {
+        best = std::min(best, number_of(words_of(l).back()));
+        scotch += l.substr(0, 21) == line("%-21s", "Scotch");
+    }
+    EXPECT_EQ(scotch, 1);
+    EXPECT_EQ(operations(), best) << "the structure in hand is that of the best order";
+    const int type = orders.order_type;
+    raced({"--aireml"});
+    EXPECT_TRUE(told(line("Previous equation ordering found : Order type =%2d", type))) << screen_text();
+    EXPECT_EQ(operations(), best);
+    EXPECT_EQ(lines_of(read_file("OperationCounts")).size(), lines.size() + 1);
+}
+
+// Whatever method the file names, its order is taken over; a code that there is not makes the order anew.
+TEST_F(ordering_files, orders_of_all_methods_are_taken_over) {
+    const double truth = run({"--aireml"});
+    for (const int code : {4, 5, 6, 0}) {
+        fresh();
+        run({code == 5 ? "--metis" : "--mmd", "--aireml"});
+        std::string file = read_file(filenames.ordersfile);
+        std::size_t at = 0;
+        for (int record = 0; record < 2; ++record) {
+            std::uint64_t length = 0;
+            file.copy(reinterpret_cast<char*>(&length), sizeof length, at);
+            at += sizeof length + length;
+        }
+        file.replace(at + 24, sizeof code, reinterpret_cast<const char*>(&code), sizeof code);
+        write_file(filenames.ordersfile, file);
+        EXPECT_NEAR(run({"--aireml"}), truth, 1e-10 * std::fabs(truth)) << code;
+        const bool known = code == 4 || code == 5;
+        EXPECT_EQ(orders.order_type, known ? code : 1);
+        EXPECT_EQ(told(line("Previous equation ordering found : Order type =%2d", code)), known) << code;
+    }
+}
+
 } // namespace
 } // namespace tarvex
