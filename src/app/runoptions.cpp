@@ -277,6 +277,7 @@ constexpr option_record table[] = {
     {"--aireml", 8, "--AIREML", 8, aireml},
     {"--strictai", 10, "--STRICTAI", 10, optimai},
     {"--nostrict", 10, "--NOSTRICT", 10, set_flag<&om::strict_ai, false>},
+    {"--nosure", 8, "--NOSURE", 8, set_flag<&om::sure, false>},
     {"--nooptai", 9, "--NOOPTAI", 9, nooptai},
     {"--optimai", 9, "--OPTIMAI", 9, optimai},
     {"--tensor", 7, "--TENSOR", 7, tensor},

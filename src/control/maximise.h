@@ -17,6 +17,7 @@ struct maximise_module {
     int simplx_its = 0;
     double simplx_conv = 0.0;
     double simplx_step = 0.0;
+    bool limit_given = false; // the user set the limit of AI-REML iterates
     bool converged = false;
     // Last three accepted iterates, oldest first: change in log L (column 1), relative parameter change, gradient norm,
     // Newton decrement (column 4).

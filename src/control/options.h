@@ -29,6 +29,7 @@ struct options_module {
     bool setup_lrg = false;
     bool setup_only = false;
     bool simulation = false;
+    bool sure = true;           // a search that ends short of a maximum goes on (off: the stated plan alone)
     bool strict_ai = true; // an AI step must raise log L
     bool superai = false;  // work through the factor of the relationship matrix
     bool tensor_ai = false;

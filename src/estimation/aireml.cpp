@@ -72,11 +72,15 @@ void say_converged(const char* on_screen, const char* in_file, double value, dou
     print_list(out, in_file, value, limit);
 }
 
+// A step that the search along it has cut short may gain little and yet be far from a maximum: what the quadratic model
+// promised from the whole step has to be small as well.
+bool promises_little() { return -aireml_terms.prox < std::max(0.01, 10.0 * maximise.aiconv_like); }
+
 void test_convergence(double xold, double xnew) {
     if (aireml_terms.dnorm < maximise.aiconv_norm)
         say_converged("   Norm of gradient vector", "    Norm of gradient vector =", aireml_terms.dnorm,
                       maximise.aiconv_norm);
-    else if (xnew - xold < maximise.aiconv_like)
+    else if (xnew - xold < maximise.aiconv_like && promises_little())
         say_converged("   Last change in log L", "    Last change in log L =", xnew - xold, maximise.aiconv_like);
     push_changes(xnew - xold);
 }

@@ -8,13 +8,16 @@
 #include "estimation/aireml.h"
 #include "estimation/bestpoint.h"
 #include "estimation/emsteps.h"
+#include "estimation/lastpoint.h"
 #include "estimation/powell.h"
+#include "estimation/pxem.h"
 #include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
 #include "likelihood/warnfix.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
+#include "parfile/model.h"
 #include "support/stop.h"
 
 #include <algorithm>
@@ -87,21 +90,88 @@ void cycle_of_em_and_ai(int& iround, double& xlike) {
     }
 }
 
-// Average information at the final point, for the sampling errors.
+// The point of the reports: the best one. Average information there, for the sampling errors, and the verdict.
 void final_step() {
     double dev = 0.0, xlike = 0.0;
     estimates.parvec = estimates.parbest; // a last round may have lost by rounding
     loglike(estimates.parvec, estimates.nparm, dev, xlike, 1);
-    if (xlike > invalid_logl) save_solutions(); // on the scale of the final parameters
-    if (!options.aireml || !(xlike > invalid_logl)) return;
+    if (!(xlike > invalid_logl)) return;
+    save_solutions(); // on the scale of the final parameters
+    const derivs_module search = derivs;
+    judge_last_point();
     estimates.xlike_file = stored_best_value();
-    if (!(std::fabs(xlike - estimates.xlike_file) < 0.001)) return;
-    average_info();
-    allocate("all devl1", derivs.devl1, estimates.nparm); // the gradient of another point would be of no use
+    if (!options.aireml || !(std::fabs(xlike - estimates.xlike_file) < 0.001)) {
+        derivs = search;
+        return;
+    }
+    allocate("all devl1", derivs.devl1, estimates.nparm); // the report wants no curvature of the transformation
     jacob_var2chol(0);
     write_avinfo(xlike);
     rank_check();
     options.saverr_ready = true;
+}
+
+// Adds a change of parameters on the covariance scale to model.cov; the repeat effect is left as it is.
+void add_change(const std::vector<parameter_change>& change, double factor) {
+    for (const parameter_change& c : change)
+        for (int irand = 0; irand <= numbers.krand; ++irand) {
+            const int k = c.par - block_start(irand) + 1;
+            if (irand != residualvars.ipeq && k >= 1 && k <= cov_length(irand)) model.cov(k, irand) += factor * c.change;
+        }
+}
+
+// Steps away from the border where log L rises there: the better point is the best one then.
+void leave_border() {
+    const auto lifts = verdict.last.lifts;
+    for (const auto& lift : lifts) {
+        const double before = estimates.xbest;
+        for (double factor = 1.0; factor > 0.01 && !(estimates.xbest > before); factor *= 0.25) {
+            from_best_point();
+            add_change(lift, factor);
+            covs2parvec();
+            double dev = 0.0, x = 0.0;
+            loglike(estimates.parvec, estimates.nparm, dev, x, 0);
+        }
+    }
+}
+
+// Rounds of EM, and AI-REML again, from an end that is short of a maximum: parameters are laid out anew by each change
+// of scale. False: nothing was gained.
+bool resume(int& iround, double& xlike) {
+    constexpr int rounds = 20;
+    constexpr double least_gain = 0.01; // of a round that calls for another
+    const double before = estimates.xbest;
+    const options_module kept = options;
+    const int search_type = maximise.search_type;
+    options.emalgorithm = true;
+    options.aireml = options.algorithm_set = false; // rounds end by their gain
+    options.pxem = !options.sigam;
+    maximise.search_type = 6;
+    if (options.pxem) pxem_setup();
+    leave_border();
+    from_best_point();
+    em_algorithm(rounds, iround, xlike, least_gain);
+    options.pxem = kept.pxem;
+    ai_phase(iround, xlike);
+    options.algorithm_set = kept.algorithm_set;
+    maximise.search_type = search_type;
+    return estimates.xbest > before;
+}
+
+// The verdict, and the search again where it is not at a maximum and the user has set no limit of iterates.
+void judge_and_resume(int& iround, double& xlike) {
+    constexpr int most = 3;
+    const bool planned = maximise.search_type == 1 || maximise.search_type == 6;
+    for (verdict.resumed = 0;;) {
+        final_step();
+        if (verdict.last.kind != search_end::not_maximum || !planned || !options.sure) return;
+        if (verdict.resumed == most || maximise.limit_given) return;
+        screen().line(verdict_line(verdict.last) + " - the search goes on");
+        ++verdict.resumed;
+        if (resume(iround, xlike)) continue;
+        final_step();
+        return;
+    }
 }
 
 } // namespace
@@ -117,8 +187,10 @@ void get_estimates() {
     std::fill_n(&maximise.cchanges[0][0], 12, 0.0);
     estimates.logpar.fill(0);
     derivs.nparm2 = estimates.nparm;
+    maximise.limit_given = maximise.aireml_its != 0;
     if ((type == 1 || type == 6) && maximise.aireml_its == 0)
         maximise.aireml_its = std::max(10, static_cast<int>(1.4f * static_cast<float>(estimates.nparm)));
+    verdict = {};
     int iround = 0;
     switch (type) {
     case 1:
@@ -142,7 +214,8 @@ void get_estimates() {
     default:
         break;
     }
-    final_step();
+    judge_and_resume(iround, xlike);
+    if (verdict.last.kind != search_end::none) screen().line(verdict_line(verdict.last));
 }
 
 } // namespace tarvex

@@ -396,20 +396,29 @@ void subtract_products(const array<double>& brx) {
 
 } // namespace
 
-void check_repeat_block() {
+static bool repeat_block_reduced() {
     const int irand = residualvars.ipeq;
-    if (irand > 0 && model.krfit(irand) < model.kkfit(irand)) tvx_notyet();
+    return irand > 0 && model.krfit(irand) < model.kkfit(irand);
+}
+
+void check_repeat_block() {
+    if (repeat_block_reduced()) tvx_notyet();
+}
+
+bool average_info_available() {
+    if (repeat_block_reduced()) return false;
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (!fitted(irand) || !options.principal || !needs_relationships(irand)) continue;
+        if (mudmap.kovrnd(irand) == "NRM" && options.pseudofix) return false;
+        if (mudmap.kovrnd(irand) != "GIN") continue;
+        const std::vector<double> d = given_diagonal(irand); // every level needs a variance
+        if (!std::all_of(d.begin(), d.end(), [](double x) { return x > 0.0; })) return false;
+    }
+    return true;
 }
 
 void check_average_info() {
-    check_repeat_block();
-    for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (!fitted(irand) || !options.principal || !needs_relationships(irand)) continue;
-        if (mudmap.kovrnd(irand) == "NRM" && options.pseudofix) tvx_notyet();
-        if (mudmap.kovrnd(irand) != "GIN") continue;
-        const std::vector<double> d = given_diagonal(irand); // every level needs a variance
-        if (!std::all_of(d.begin(), d.end(), [](double x) { return x > 0.0; })) tvx_notyet();
-    }
+    if (!average_info_available()) tvx_notyet();
 }
 
 void average_info() {

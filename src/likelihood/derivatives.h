@@ -33,6 +33,8 @@ inline derivs_module derivs;
 void derivatives_mmm();
 void average_info();
 
+// False where the average information cannot be had; check_average_info stops the run (tvx_notyet) there.
+bool average_info_available();
 // Stops the run (tvx_notyet) where the average information cannot be had: supplied inverse without elements for some
 // level and pseudo-fixed levels where the relationship matrix itself is needed, repeat effect of reduced rank.
 void check_average_info();

@@ -8,6 +8,7 @@
 #include "data/levels.h"
 #include "estimation/aireml.h"
 #include "estimation/estimates.h"
+#include "estimation/lastpoint.h"
 #include "likelihood/derivatives.h"
 #include "parameters/parunits.h"
 #include "parfile/model.h"
@@ -271,6 +272,7 @@ void write_estimates() {
         write_covmat(out, phenotypic_matrix(), cov);
     }
     write_functions(out, cov);
+    if (!options.bestonly) write_verdict(out);
     write_tvxbottom(out);
 }
 

@@ -1,0 +1,203 @@
+#include "estimation/lastpoint.h"
+
+#include "basis/phimatrix.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "data/levels.h"
+#include "dense/numroutines.h"
+#include "estimation/estimates.h"
+#include "likelihood/derivatives.h"
+#include "parameters/residualvars.h"
+#include "parameters/variances.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "support/edit_form.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+namespace tarvex {
+
+namespace {
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+std::vector<double> block_covariances(int irand, int step, array<double, 2>& factor) {
+    array<double> parvec = estimates.parvec, cc;
+    const auto marks = estimates.switchlog;
+    int ifail = 0;
+    parvec2covs(parvec, irand, step, cc, factor, ifail);
+    estimates.switchlog = marks;
+    const int n = model.kkfit(irand);
+    std::vector<double> cov;
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j) cov.push_back(cc(ihmssf(i, j, n)));
+    return cov;
+}
+
+int residual_classes_fitted() { return model.rr_resteps; }
+
+int trait_of(int irand, int row) { return irand == 0 ? row : mudmap.rn_trait(row, irand); }
+
+std::string row_name(int irand, int row) {
+    if (options.randreg && irand > 0) return "coefficient " + std::to_string(row);
+    const int iq = trait_of(irand, row);
+    std::string name = model.trait(iq).empty() ? "trait " + std::to_string(iq) : model.trait(iq);
+    if (irand > 0 && mudmap.rn_which.allocated() && mudmap.rn_which(row, irand) == 2) name += " (second effect)";
+    return name;
+}
+
+// Sum of the variances of each trait over all blocks: the phenotypic variance at the point. The residual block holds
+// the sum with a repeat effect already.
+std::vector<double> phenotypic_variances() {
+    std::vector<double> v(at(numbers.nq), 0.0);
+    array<double, 2> factor;
+    for (int irand = 0; irand <= numbers.krand; ++irand) {
+        if (irand > 0 && (irand == residualvars.ipeq || options.randreg)) continue;
+        const std::vector<double> cov = block_covariances(irand, 1, factor);
+        const int n = model.kkfit(irand);
+        for (int i = 1; i <= n; ++i)
+            v[at(trait_of(irand, i) - 1)] += cov[at((model.diagonal(irand) ? i : ihmssf(i, i, n)) - 1)];
+    }
+    if (options.randreg)
+        for (int iq = 1; iq <= numbers.nq; ++iq)
+            if (means.tr_var.allocated()) v[at(iq - 1)] = means.tr_var(iq) * means.tr_var(iq);
+    for (double& x : v)
+        if (!(x > 0.0)) x = 1.0;
+    return v;
+}
+
+// Mean square of a basis function over the values of its control variable.
+double mean_square(int irand, int row) {
+    for (int i = 1; i <= model.nrnd(1); ++i) {
+        if (mudmap.rn_irand(i, 1) != irand) continue;
+        const auto& phi = phimat.phi(phimat.kkphi(i, 1));
+        double s = 0.0;
+        for (int a = 1; a <= phi.upper(1); ++a) s += phi(a, row) * phi(a, row);
+        return s > 0.0 ? s / static_cast<double>(phi.upper(1)) : 1.0;
+    }
+    return 1.0;
+}
+
+std::vector<double> row_scales(int irand, const std::vector<double>& phenotypic) {
+    std::vector<double> s;
+    for (int row = 1; row <= model.kkfit(irand); ++row) {
+        if (options.randreg && irand > 0)
+            s.push_back(phenotypic.front() / mean_square(irand, row));
+        else
+            s.push_back(phenotypic[at(trait_of(irand, row) - 1)]);
+    }
+    return s;
+}
+
+std::string block_name(int irand, int step) {
+    if (irand > 0) return model.krandom(irand);
+    return residual_classes_fitted() > 1 ? "residual, class " + std::to_string(step) : "residual";
+}
+
+judged_block covariance_block(int irand, int step, const std::vector<double>& scale) {
+    judged_block b;
+    array<double, 2> factor;
+    b.name = block_name(irand, step);
+    for (int row = 1; row <= model.kkfit(irand); ++row) b.rows.push_back(row_name(irand, row));
+    b.first = block_start(irand, step);
+    b.diagonal = model.diagonal(irand) != 0;
+    b.cov = block_covariances(irand, step, factor);
+    b.scale = scale;
+    if (irand == 0 && residualvars.fixres.allocated())
+        for (std::size_t k = 0; k < b.cov.size(); ++k) {
+            const int par = b.first + static_cast<int>(k);
+            b.fixed.push_back(par <= residualvars.fixres.upper() ? residualvars.fixres(par) : 0);
+        }
+    return b;
+}
+
+// Elements of the factor of a principal block. A column whose leading element has gone counts by that element alone.
+void factor_parameters(int irand, const std::vector<double>& scale, judged_point& p) {
+    array<double, 2> factor;
+    block_covariances(irand, 1, factor);
+    const int from = block_start(irand);
+    int column = 0;
+    bool gone = false;
+    for (int k = 1; k <= block_size(irand); ++k) {
+        const factor_place f = factor_element(irand, 1, k);
+        judged_parameter q;
+        q.par = from + k - 1;
+        q.scale = std::sqrt(scale[at(f.row - 1)]);
+        q.name = "factor element " + std::to_string(f.row) + "," + std::to_string(f.col) + " of " + model.krandom(irand);
+        if (f.col != column) { // the first element of a column is the pivot
+            column = f.col;
+            q.value = factor(f.row, f.col);
+            gone = std::fabs(q.value) < 0.01 * q.scale;
+        } else if (gone) {
+            continue;
+        } else {
+            q.value = 1.0e36; // never at a border
+        }
+        p.others.push_back(q);
+    }
+}
+
+judged_point gather() {
+    judged_point p;
+    const int n = estimates.nparm;
+    p.gradient.assign(derivs.devl1.begin(), derivs.devl1.begin() + n);
+    for (int k = 1; k <= n * (n + 1) / 2; ++k) p.information.push_back(-derivs.devl2(k));
+    const std::vector<double> phenotypic = phenotypic_variances();
+    for (int irand = estimates.nresparm == 0 ? 1 : 0; irand <= numbers.krand; ++irand) {
+        const std::vector<double> scale = row_scales(irand, phenotypic);
+        if (irand > 0 && options.principal && irand != residualvars.ipeq) {
+            factor_parameters(irand, scale, p);
+            continue;
+        }
+        for (int step = 1; step <= (irand == 0 ? residual_classes_fitted() : 1); ++step)
+            p.blocks.push_back(covariance_block(irand, step, scale));
+    }
+    return p;
+}
+
+constexpr const char* titles[] = {"not judged", "at a maximum of log L", "at the border of the parameter space",
+                                  "log L is flat", "NOT at a maximum of log L"};
+
+} // namespace
+
+void judge_last_point() {
+    verdict.last = {};
+    if (!average_info_available()) return;
+    average_info();
+    derivatives_mmm();
+    verdict.last = judge(gather());
+}
+
+std::string verdict_line(const search_verdict& v) {
+    char gain[32];
+    std::snprintf(gain, sizeof gain, "%.6f", v.promised);
+    return std::string("Verdict: ") + titles[static_cast<int>(v.kind)] + ", promised gain in log L = " + gain;
+}
+
+void write_verdict(text_out& out) {
+    const search_verdict& v = verdict.last;
+    if (v.kind == search_end::none) return;
+    constexpr edit_form head{"(/1x,a)"}, count{"(1x,a,t30,1h=,i12)"}, value{"(1x,a,t30,1h=,g16.6)"},
+        word{"(1x,a,t30,1h=,1x,a)"};
+    write(out, head, "Verdict on the end of the search");
+    write(out, word, "The last point is", titles[static_cast<int>(v.kind)]);
+    write(out, value, "Gain in log L promised", v.promised);
+    write(out, value, "Newton decrement", 2.0 * v.promised);
+    write(out, value, "Norm of scaled gradient", v.gradient_norm);
+    write(out, value, "Least eigenvalue of AI", v.least);
+    write(out, value, "Largest eigenvalue of AI", v.largest);
+    if (verdict.resumed > 0) write(out, count, "Times the search went on", verdict.resumed);
+    for (const std::string& s : v.border) print_list(out, " At the border: " + s);
+    for (const std::string& s : v.flat) print_list(out, " No information: " + s);
+    if (!v.void_errors.empty()) {
+        std::string names;
+        for (int par : v.void_errors) names += " " + std::to_string(par);
+        print_list(out, " Sampling errors are void for parameters no." + names);
+    }
+    if (v.kind == search_end::not_maximum)
+        print_list(out, " Go on with \"-c\", or start from other values; see the page on algorithms");
+}
+
+} // namespace tarvex

@@ -1,0 +1,303 @@
+#include "estimation/verdict.h"
+
+#include "dense/numroutines.h"
+#include "support/edit_form.h"
+#include "support/screen.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+namespace tarvex {
+
+namespace {
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+struct share { // change `coef` of parameter `par` for one unit along the direction
+    int par;
+    double coef;
+};
+// A way in which the point may move.
+struct direction {
+    std::vector<share> shares;
+    double curvature = 0.0; // of the border, beyond that of the likelihood
+};
+
+struct judgement {
+    const judged_point& point;
+    search_verdict verdict;
+    std::vector<direction> free;
+    int size() const { return static_cast<int>(point.gradient.size()); }
+    double information(int i, int j) const {
+        return point.information[at(ihmssf(std::min(i, j), std::max(i, j), size()) - 1)];
+    }
+    double slope(const direction& d) const {
+        double s = 0.0;
+        for (const share& x : d.shares) s += x.coef * point.gradient[at(x.par - 1)];
+        return s;
+    }
+    // Information times the direction.
+    std::vector<double> image(const direction& d) const {
+        std::vector<double> h(at(size()), 0.0);
+        for (const share& x : d.shares)
+            for (int i = 1; i <= size(); ++i) h[at(i - 1)] += x.coef * information(i, x.par);
+        return h;
+    }
+};
+
+std::string number(double x) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.3g", x);
+    return text;
+}
+
+int packed(const judged_block& b, int i, int j) { return ihmssf(std::min(i, j), std::max(i, j), b.order()); }
+bool held(const judged_block& b, int element) { return !b.fixed.empty() && b.fixed[at(element - 1)] != 0; }
+
+// Notes the Newton step along a direction that leads away from the border, at most a quarter of the scale.
+void note_lift(judgement& j, const direction& d) {
+    const double slope = j.slope(d);
+    const std::vector<double> image = j.image(d);
+    double curvature = 0.0;
+    for (const share& x : d.shares) curvature += x.coef * image[at(x.par - 1)];
+    const double step = curvature > 4.0 * slope ? slope / curvature : 0.25;
+    if (0.5 * step * slope < verdict_limit) return;
+    std::vector<parameter_change> lift;
+    for (const share& x : d.shares) lift.push_back({x.par, step * x.coef});
+    j.verdict.lifts.push_back(std::move(lift));
+}
+
+// ---- blocks of variances, and blocks with elements held at 0
+
+void judge_variance(judgement& j, const judged_block& b, int element, int row) {
+    if (held(b, element)) return;
+    const int par = b.first + element - 1;
+    const double value = b.cov[at(element - 1)], scale = b.scale[at(row - 1)];
+    const double slope = j.point.gradient[at(par - 1)];
+    if (value < vanished_variance * scale && slope <= 0.0) {
+        j.verdict.promised += std::max(value, 0.0) * -slope;
+        j.verdict.border.push_back("variance of " + b.name + ", " + b.rows[at(row - 1)] + " is " + number(value));
+        j.verdict.void_errors.push_back(par);
+        return;
+    }
+    j.free.push_back({{{par, scale}}});
+    if (value < vanished_variance * scale) note_lift(j, j.free.back());
+}
+
+void judge_elements(judgement& j, const judged_block& b) {
+    const int n = b.order();
+    for (int i = 1; i <= n; ++i) {
+        judge_variance(j, b, b.diagonal ? i : packed(b, i, i), i);
+        for (int k = i + 1; k <= n && !b.diagonal; ++k)
+            if (const int e = packed(b, i, k); !held(b, e))
+                j.free.push_back({{{b.first + e - 1, std::sqrt(b.scale[at(i - 1)] * b.scale[at(k - 1)])}}});
+    }
+}
+
+// ---- full matrices
+
+struct scaled_matrix {
+    array<double, 2> s, vectors; // matrix in units of the scales, its eigenvectors by columns
+    array<double> eig;           // eigenvalues, descending
+};
+
+scaled_matrix scaled(const judged_block& b) {
+    const int n = b.order();
+    scaled_matrix m;
+    m.s.allocate(n, n);
+    for (int i = 1; i <= n; ++i)
+        for (int k = i; k <= n; ++k)
+            m.s(i, k) = m.s(k, i) = b.cov[at(packed(b, i, k) - 1)] / std::sqrt(b.scale[at(i - 1)] * b.scale[at(k - 1)]);
+    int nzero = 0;
+    eigem(m.s, m.eig, m.vectors, n, 0.0, nzero);
+    return m;
+}
+
+// Change of the matrix by v_p v_q' + v_q v_p' (once for p = q).
+direction eigen_direction(const judged_block& b, const scaled_matrix& m, int p, int q) {
+    const int n = b.order();
+    direction d;
+    for (int i = 1; i <= n; ++i)
+        for (int k = i; k <= n; ++k) {
+            double e = m.vectors(i, p) * m.vectors(k, q);
+            if (p != q) e += m.vectors(i, q) * m.vectors(k, p);
+            d.shares.push_back(
+                {b.first + packed(b, i, k) - 1, e * std::sqrt(b.scale[at(i - 1)] * b.scale[at(k - 1)])});
+        }
+    return d;
+}
+
+// The eigenvalue has all but gone: against the phenotypic variances, or against the variances that its vector weighs.
+bool vanishing(const scaled_matrix& m, int k, int n) {
+    double weighed = 0.0;
+    for (int i = 1; i <= n; ++i) weighed += m.vectors(i, k) * m.vectors(i, k) * m.s(i, i);
+    return m.eig(k) < vanished_variance || m.eig(k) < vanished_correlation * weighed;
+}
+
+void name_border(judgement& j, const judged_block& b, const scaled_matrix& m, const std::vector<int>& gone) {
+    const int n = b.order();
+    auto& told = j.verdict.border;
+    const std::size_t before = told.size();
+    for (int i = 1; i <= n; ++i)
+        if (m.s(i, i) < vanished_variance)
+            told.push_back("variance of " + b.name + ", " + b.rows[at(i - 1)] + " is " +
+                           number(b.cov[at(packed(b, i, i) - 1)]));
+    for (int i = 1; i <= n; ++i)
+        for (int k = i + 1; k <= n; ++k) {
+            const double r = m.s(i, k) / std::sqrt(m.s(i, i) * m.s(k, k));
+            if (m.s(i, i) >= vanished_variance && m.s(k, k) >= vanished_variance &&
+                std::fabs(r) > 1.0 - vanished_correlation)
+                told.push_back("correlation of " + b.name + ", " + b.rows[at(i - 1)] + " and " + b.rows[at(k - 1)] +
+                               " is " + number(r));
+        }
+    if (told.size() == before)
+        for (int k : gone)
+            told.push_back("eigenvalue " + std::to_string(k) + " of " + std::to_string(n) + " of " + b.name + " is " +
+                           number(m.eig(k)) + " of the phenotypic variance");
+}
+
+void judge_matrix(judgement& j, const judged_block& b) {
+    const int n = b.order();
+    const scaled_matrix m = scaled(b);
+    std::vector<int> gone;
+    std::vector<double> fall(at(n + 1), 0.0);
+    for (int k = 1; k <= n; ++k) {
+        if (!vanishing(m, k, n)) continue;
+        const double slope = j.slope(eigen_direction(b, m, k, k));
+        if (slope > 0.0) {
+            note_lift(j, eigen_direction(b, m, k, k));
+            continue;
+        }
+        gone.push_back(k);
+        fall[at(k)] = -slope;
+        j.verdict.promised += std::max(m.eig(k), 0.0) * -slope;
+    }
+    const auto is_gone = [&](int k) { return std::find(gone.begin(), gone.end(), k) != gone.end(); };
+    for (int p = 1; p <= n; ++p)
+        for (int q = p; q <= n; ++q) {
+            if (is_gone(p) && is_gone(q)) continue;
+            direction d = eigen_direction(b, m, p, q);
+            for (const auto& [low, high] : {std::pair{p, q}, std::pair{q, p}})
+                if (is_gone(low)) d.curvature += 2.0 * fall[at(low)] / std::max(m.eig(high) - m.eig(low), 1.0e-12);
+            j.free.push_back(std::move(d));
+        }
+    if (gone.empty()) return;
+    name_border(j, b, m, gone);
+    for (int e = 1; e <= n * (n + 1) / 2; ++e) j.verdict.void_errors.push_back(b.first + e - 1);
+}
+
+void judge_parameter(judgement& j, const judged_parameter& p) {
+    const double slope = j.point.gradient[at(p.par - 1)];
+    if (std::fabs(p.value) < 0.01 * p.scale && slope * p.value <= 0.0) {
+        j.verdict.promised += std::fabs(p.value * slope);
+        j.verdict.border.push_back(p.name + " is " + number(p.value));
+        j.verdict.void_errors.push_back(p.par);
+        return;
+    }
+    j.free.push_back({{{p.par, p.scale}}});
+}
+
+// ---- the quadratic model over the free directions
+
+std::string parameter_name(const judged_point& point, int par) {
+    for (const judged_block& b : point.blocks)
+        for (int i = 1; i <= b.order(); ++i)
+            for (int k = i; k <= (b.diagonal ? i : b.order()); ++k)
+                if (par == b.first + (b.diagonal ? i : packed(b, i, k)) - 1)
+                    return b.name + (i == k ? " variance " + b.rows[at(i - 1)]
+                                            : " covariance " + b.rows[at(i - 1)] + "," + b.rows[at(k - 1)]);
+    for (const judged_parameter& p : point.others)
+        if (p.par == par) return p.name;
+    return "parameter " + std::to_string(par);
+}
+
+// The parameters that weigh most in a combination of the free directions.
+std::string combination(const judgement& j, const std::vector<double>& weight) {
+    std::vector<double> total(at(j.size()), 0.0), scale(at(j.size()), 1.0);
+    for (const judged_block& b : j.point.blocks)
+        for (int i = 1; i <= b.order(); ++i)
+            for (int k = i; k <= (b.diagonal ? i : b.order()); ++k)
+                scale[at(b.first + (b.diagonal ? i : packed(b, i, k)) - 2)] =
+                    std::sqrt(b.scale[at(i - 1)] * b.scale[at(k - 1)]);
+    for (const judged_parameter& p : j.point.others) scale[at(p.par - 1)] = p.scale;
+    for (std::size_t d = 0; d < j.free.size(); ++d)
+        for (const share& s : j.free[d].shares) total[at(s.par - 1)] += weight[d] * s.coef / scale[at(s.par - 1)];
+    double most = 0.0;
+    for (double x : total) most = std::max(most, std::fabs(x));
+    std::string text;
+    for (int par = 1; par <= j.size(); ++par) {
+        const double x = total[at(par - 1)] / most;
+        if (!(std::fabs(x) >= 0.3)) continue;
+        char coef[16];
+        std::snprintf(coef, sizeof coef, "%+.2f ", x);
+        text += (text.empty() ? "" : " ") + std::string(coef) + parameter_name(j.point, par);
+    }
+    return text;
+}
+
+void solve_model(judgement& j) {
+    const int m = static_cast<int>(j.free.size());
+    if (m == 0) return;
+    std::vector<double> s(at(m)), unit(at(m), 0.0);
+    array<double, 2> h, vectors;
+    array<double> eig;
+    h.allocate(m, m);
+    for (int a = 1; a <= m; ++a) {
+        s[at(a - 1)] = j.slope(j.free[at(a - 1)]);
+        j.verdict.gradient_norm += s[at(a - 1)] * s[at(a - 1)];
+        const std::vector<double> image = j.image(j.free[at(a - 1)]);
+        for (int b = a; b <= m; ++b) {
+            for (const share& x : j.free[at(b - 1)].shares) h(a, b) += x.coef * image[at(x.par - 1)];
+            h(b, a) = h(a, b);
+        }
+        h(a, a) += j.free[at(a - 1)].curvature;
+    }
+    j.verdict.gradient_norm = std::sqrt(j.verdict.gradient_norm);
+    double largest = 0.0;
+    for (int a = 1; a <= m; ++a) largest = std::max(largest, h(a, a));
+    for (int a = 1; a <= m; ++a) unit[at(a - 1)] = h(a, a) > 1.0e-12 * largest ? 1.0 / std::sqrt(h(a, a)) : 0.0;
+    for (int a = 1; a <= m; ++a)
+        for (int b = 1; b <= m; ++b) h(a, b) *= unit[at(a - 1)] * unit[at(b - 1)];
+    int nzero = 0;
+    eigem(h, eig, vectors, m, 0.0, nzero);
+    j.verdict.largest = eig(1);
+    j.verdict.least = eig(m);
+    for (int k = 1; k <= m; ++k) {
+        double g = 0.0;
+        std::vector<double> weight(at(m));
+        for (int a = 1; a <= m; ++a) {
+            g += vectors(a, k) * unit[at(a - 1)] * s[at(a - 1)];
+            weight[at(a - 1)] = vectors(a, k) * (unit[at(a - 1)] > 0.0 ? unit[at(a - 1)] : 1.0);
+        }
+        if (eig(k) > flat_information * eig(1))
+            j.verdict.promised += 0.5 * g * g / eig(k);
+        else
+            j.verdict.flat.push_back(combination(j, weight));
+    }
+}
+
+} // namespace
+
+search_verdict judge(const judged_point& point) {
+    judgement j{point, {}, {}};
+    for (const judged_block& b : point.blocks) {
+        const bool elements = std::any_of(b.fixed.begin(), b.fixed.end(), [](int f) { return f != 0; });
+        if (b.diagonal || elements)
+            judge_elements(j, b);
+        else
+            judge_matrix(j, b);
+    }
+    for (const judged_parameter& p : point.others) judge_parameter(j, p);
+    solve_model(j);
+    auto& v = j.verdict;
+    if (!(v.promised < verdict_limit))
+        v.kind = search_end::not_maximum;
+    else if (!v.border.empty())
+        v.kind = search_end::border;
+    else
+        v.kind = v.flat.empty() ? search_end::maximum : search_end::flat;
+    return v;
+}
+
+} // namespace tarvex

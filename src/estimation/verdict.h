@@ -1,0 +1,71 @@
+// Where a search has ended: at a maximum of the likelihood, at the border of the parameter space, on a flat part, or
+// short of a maximum.
+//
+// The point is judged by what a quadratic model of log L promises from it: half the Newton decrement, 0.5 g'H^-1 g with
+// gradient g and average information H on the scale of the covariances (the decrement does not depend on the scale).
+// A covariance matrix near the edge of the positive semi-definite cone is taken apart by its eigenvectors: an
+// eigenvalue e that has all but gone, and along which log L falls, is held there (Karush, Kuhn and Tucker; Nocedal and
+// Wright, Numerical Optimization, chapter 12). What moving it to zero would still gain counts as promised, and
+// directions between such an eigenvector and the others carry the curvature of the edge.
+#pragma once
+#include "support/array.h"
+
+#include <string>
+#include <vector>
+
+namespace tarvex {
+
+enum class search_end { none, maximum, border, flat, not_maximum };
+
+// A covariance matrix at the point to be judged.
+struct judged_block {
+    std::string name;               // of the effect
+    std::vector<std::string> rows;  // names of its traits or coefficients
+    int first = 1;                  // parameter of its first element
+    bool diagonal = false;          // variances only
+    std::vector<double> cov;        // packed upper triangle row by row (diagonal: the variances)
+    std::vector<double> scale;      // size against which the variance of each row is small or not
+    std::vector<int> fixed;         // by element, 1: held; empty: none
+    int order() const { return static_cast<int>(rows.size()); }
+};
+// Parameters that are judged as they stand (elements of factors), with their names.
+struct judged_parameter {
+    int par = 0;
+    double value = 0.0, scale = 1.0; // its size; a value below 0.01 of it is at the border
+    std::string name;
+};
+
+struct judged_point {
+    std::vector<double> gradient;    // of log L, by parameter (from 0)
+    std::vector<double> information; // packed upper triangle, positive
+    std::vector<judged_block> blocks;
+    std::vector<judged_parameter> others;
+};
+
+// A change of covariance parameters.
+struct parameter_change {
+    int par;
+    double change;
+};
+
+struct search_verdict {
+    search_end kind = search_end::none;
+    double promised = 0.0;             // gain in log L that the quadratic model promises
+    double gradient_norm = 0.0;        // in units of the scales
+    double least = 0.0, largest = 0.0; // eigenvalues of the information, scaled to a unit diagonal
+    std::vector<std::string> border;   // what is at the border, in words
+    std::vector<std::string> flat;     // combinations of parameters without information
+    // Steps away from the border along which log L rises: a search by logarithms or factors cannot take them.
+    std::vector<std::vector<parameter_change>> lifts;
+    std::vector<int> void_errors;      // covariance parameters (from 1) whose sampling errors mean nothing
+};
+
+constexpr double verdict_limit = 0.001;         // promised gain below which a point counts as a maximum
+constexpr double vanished_variance = 1.0e-4;    // of the phenotypic one
+constexpr double vanished_correlation = 0.005;  // distance of a correlation from 1
+constexpr double flat_information = 1.0e-7;     // eigenvalue of the information, unit diagonal
+
+// Judges a point from its gradient and information.
+search_verdict judge(const judged_point& point);
+
+} // namespace tarvex

@@ -1,0 +1,100 @@
+// Ends of searches from poor starting values: the program goes on to a maximum, and says where it ended.
+#include "cases/case_run.h"
+
+#include <regex>
+#include <sstream>
+
+namespace tarvex {
+namespace {
+
+class VerdictRuns : public CaseRun {
+protected:
+    // Multiplies the starting values of a block.
+    void scale_block(const std::string& block, double factor) {
+        std::istringstream in(read_file(name_ + ".par"));
+        std::string text, line;
+        for (bool inside = false; std::getline(in, line); text += line + "\n") {
+            const auto words = words_of(line);
+            if (words.empty()) continue;
+            const bool numbers = words[0].find_first_not_of("0123456789.-+eE") == std::string::npos;
+            if (words[0] == "VAR")
+                inside = words[1] == block;
+            else if (!numbers)
+                inside = false;
+            else if (inside) {
+                line.clear();
+                for (const auto& w : words) line += " " + std::to_string(std::stod(w) * factor);
+            }
+        }
+        write_file(name_ + ".par", text);
+    }
+    static std::string last_verdict(const std::string& output) {
+        const std::size_t at = output.rfind("Verdict: ");
+        return at == std::string::npos ? "" : output.substr(at, output.find('\n', at) - at);
+    }
+};
+
+TEST_F(VerdictRuns, GoodStartEndsAtAMaximumAndTheReportSaysSo) {
+    ASSERT_TRUE(bring("rr_chick"));
+    const auto r = finish("");
+    EXPECT_NE(last_verdict(r.output).find("at a maximum of log L"), std::string::npos) << r.output;
+    EXPECT_EQ(r.output.find("the search goes on"), std::string::npos);
+    const std::string report = read_file("SumEstimates.out");
+    EXPECT_NE(report.find(" Verdict on the end of the search"), std::string::npos);
+    EXPECT_NE(report.find("The last point is           = at a maximum of log L"), std::string::npos);
+}
+
+// The genetic matrix a hundred times too small: AI-REML alone stops short.
+TEST_F(VerdictRuns, SearchGoesOnFromAnEndShortOfTheMaximum) {
+    ASSERT_TRUE(bring("rr_chick"));
+    scale_block("chick", 0.01);
+    const auto plain = finish("--nosure");
+    EXPECT_NE(last_verdict(plain.output).find("NOT at a maximum"), std::string::npos) << plain.output;
+    EXPECT_EQ(plain.output.find("the search goes on"), std::string::npos);
+    std::filesystem::remove("BestPoint");
+    const auto sure = finish("");
+    EXPECT_NE(sure.output.find("the search goes on"), std::string::npos);
+    EXPECT_NE(last_verdict(sure.output).find("Verdict: at a maximum"), std::string::npos) << sure.output;
+    EXPECT_NEAR(read_best_point().loglike, -216.3352, 0.001); // an independent program's maximum
+}
+
+TEST_F(VerdictRuns, VarianceThatStartsTooNearToZeroIsLiftedOffTheBorder) {
+    ASSERT_TRUE(bring("textbook_rep"));
+    const auto r = finish("");
+    const double maximum = read_best_point().loglike;
+    EXPECT_NE(last_verdict(r.output).find("Verdict: at a maximum"), std::string::npos) << r.output;
+    std::filesystem::remove("BestPoint");
+    scale_block("cow", 0.01);
+    const auto poor = finish("");
+    EXPECT_NE(last_verdict(poor.output).find("Verdict: at a maximum"), std::string::npos) << poor.output;
+    EXPECT_NEAR(read_best_point().loglike, maximum, 0.001);
+}
+
+TEST_F(VerdictRuns, LimitOfIteratesThatTheUserSetsIsKept) {
+    ASSERT_TRUE(bring("rr_chick"));
+    const auto r = finish("--aireml1");
+    EXPECT_EQ(r.output.find("the search goes on"), std::string::npos);
+    EXPECT_NE(last_verdict(r.output).find("NOT at a maximum"), std::string::npos);
+    EXPECT_NE(read_file("SumEstimates.out").find("Go on with \"-c\""), std::string::npos);
+}
+
+TEST_F(VerdictRuns, EveryAlgorithmBearsAVerdict) {
+    ASSERT_TRUE(bring("rr_chick"));
+    for (const char* option : {"--aireml", "--pxai", "--emai", "--emalg5", "--pxem5", "--powell"}) {
+        std::filesystem::remove("BestPoint");
+        const auto r = run(option);
+        EXPECT_EQ(r.status, 0) << option;
+        EXPECT_NE(last_verdict(r.output), "") << option << r.output;
+    }
+}
+
+// Genetic matrix of a residual kind: the border is named.
+TEST_F(VerdictRuns, BorderIsNamedWithItsEffect) {
+    ASSERT_TRUE(bring("textbook_uni"));
+    const auto r = finish("");
+    EXPECT_NE(last_verdict(r.output).find("at the border"), std::string::npos) << r.output;
+    EXPECT_NE(read_file("SumEstimates.out").find(" At the border: variance of "), std::string::npos);
+}
+
+} // namespace
+} // namespace tarvex

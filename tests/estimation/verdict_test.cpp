@@ -1,0 +1,134 @@
+#include "estimation/verdict.h"
+
+#include "support/fixture.h"
+
+#include <cmath>
+
+namespace tarvex {
+namespace {
+
+class verdict_test : public tarvex_test {
+protected:
+    // One block of two traits, residual variances of the order 10 beside it: scales 20 and 40.
+    static judged_point two_traits(std::vector<double> cov, std::vector<double> gradient,
+                                   std::vector<double> information) {
+        judged_point p;
+        p.blocks = {{"animal", {"milk", "fat"}, 1, false, std::move(cov), {20.0, 40.0}, {}}};
+        p.gradient = std::move(gradient);
+        p.information = std::move(information);
+        return p;
+    }
+    static bool says(const std::vector<std::string>& lines, const std::string& words) {
+        for (const auto& line : lines)
+            if (line.find(words) != std::string::npos) return true;
+        return false;
+    }
+};
+
+// g'H^-1 g / 2 for H = [4 1 0; 1 3 1; 0 1 2], g = (a, b, c), by Cramer's rule.
+double half_decrement(double a, double b, double c) {
+    const double det = 4 * (3 * 2 - 1) - 1 * (2 - 0);
+    const double x = (a * (6 - 1) - 1 * (2 * b - c) + 0) / det;
+    const double y = (4 * (2 * b - c) - a * 2) / det;
+    const double z = (c - y) / 2;
+    return 0.5 * (a * x + b * y + c * z);
+}
+
+TEST_F(verdict_test, PromisedGainIsHalfTheNewtonDecrementInsideTheParameterSpace) {
+    const auto v = judge(two_traits({10, 3, 20}, {0.3, -0.2, 0.1}, {4, 1, 0, 3, 1, 2}));
+    EXPECT_NEAR(v.promised, half_decrement(0.3, -0.2, 0.1), 1.0e-10);
+    EXPECT_EQ(v.kind, search_end::not_maximum);
+    EXPECT_TRUE(v.border.empty());
+}
+
+TEST_F(verdict_test, SmallGradientIsAMaximum) {
+    const auto v = judge(two_traits({10, 3, 20}, {0.003, -0.002, 0.001}, {4, 1, 0, 3, 1, 2}));
+    EXPECT_EQ(v.kind, search_end::maximum);
+    EXPECT_LT(v.promised, 1.0e-4);
+    EXPECT_TRUE(v.flat.empty());
+}
+
+TEST_F(verdict_test, TheLimitIsOnHalfTheDecrement) {
+    // One variance with information 1: the gradient g promises g^2/2.
+    judged_point p;
+    p.blocks = {{"animal", {"milk"}, 1, false, {10.0}, {20.0}, {}}};
+    p.information = {1.0};
+    p.gradient = {std::sqrt(2.0 * 0.00099)};
+    EXPECT_EQ(judge(p).kind, search_end::maximum);
+    p.gradient = {std::sqrt(2.0 * 0.00101)};
+    EXPECT_EQ(judge(p).kind, search_end::not_maximum);
+}
+
+TEST_F(verdict_test, VarianceThatHasGoneIsAtTheBorderWhereLogLFalls) {
+    // Scaled by 40 the last variance is 1e-5; log L falls with it.
+    const auto v = judge(two_traits({10, 0.0, 0.0004}, {0.0, 0.0, -1.0}, {4, 0, 0, 3, 0, 2}));
+    EXPECT_EQ(v.kind, search_end::border);
+    EXPECT_TRUE(says(v.border, "variance of animal, fat"));
+    EXPECT_NEAR(v.promised, 0.0004, 1.0e-7); // what zero would still gain
+    EXPECT_FALSE(v.void_errors.empty());
+}
+
+TEST_F(verdict_test, VarianceThatHasGoneIsNoBorderWhereLogLRises) {
+    const auto v = judge(two_traits({10, 0.0, 0.0004}, {0.0, 0.0, 1.0}, {4, 0, 0, 3, 0, 2}));
+    EXPECT_EQ(v.kind, search_end::not_maximum);
+    EXPECT_NEAR(v.promised, 0.25, 1.0e-9);
+    EXPECT_TRUE(v.border.empty());
+}
+
+TEST_F(verdict_test, GainThatTheBorderStillPromisesIsNoMaximum) {
+    const auto v = judge(two_traits({10, 0.0, 0.002}, {0.0, 0.0, -3.0}, {4, 0, 0, 3, 0, 2}));
+    EXPECT_EQ(v.kind, search_end::not_maximum);
+    EXPECT_NEAR(v.promised, 0.006, 1.0e-6);
+}
+
+TEST_F(verdict_test, CorrelationNearOneIsAtTheBorder) {
+    // Along the vanishing vector (1/sqrt 2, -1/sqrt 2) in units of the scales: slope 20 g11/2 + 40 g22/2 - sqrt(800) g12.
+    const double c = 0.999 * std::sqrt(10.0 * 20.0);
+    const auto v = judge(two_traits({10, c, 20}, {-0.0002, 0.0002, 0.0}, {4, 1, 0, 3, 1, 2}));
+    EXPECT_EQ(v.kind, search_end::border);
+    EXPECT_TRUE(says(v.border, "correlation of animal, milk and fat is 0.999"));
+}
+
+TEST_F(verdict_test, CombinationWithoutInformationIsNamed) {
+    // Information of the sum of two effects' variances only.
+    judged_point p;
+    p.blocks = {{"animal", {"milk"}, 1, false, {10.0}, {20.0}, {}}, {"dam", {"milk"}, 2, false, {5.0}, {20.0}, {}}};
+    p.gradient = {0.0, 0.0};
+    p.information = {1, 1, 1};
+    const auto v = judge(p);
+    EXPECT_EQ(v.kind, search_end::flat);
+    ASSERT_EQ(v.flat.size(), 1u);
+    EXPECT_TRUE(says(v.flat, "animal variance milk"));
+    EXPECT_TRUE(says(v.flat, "dam variance milk"));
+}
+
+TEST_F(verdict_test, ElementsHeldAtZeroDoNotCount) {
+    judged_point p = two_traits({10, 0, 20}, {0.0, 5.0, 0.0}, {4, 0, 0, 3, 0, 2});
+    p.blocks[0].fixed = {0, 1, 0};
+    EXPECT_EQ(judge(p).kind, search_end::maximum);
+    p.blocks[0].fixed = {0, 0, 0};
+    EXPECT_EQ(judge(p).kind, search_end::not_maximum);
+}
+
+TEST_F(verdict_test, DirectionsAcrossTheBorderCarryItsCurvature) {
+    // At G = diag(10, 0) (scales 20, 20): moving the covariance by t needs a variance t^2/10 beside it, which costs
+    // 2 t^2/10: curvature 2*2/10 on top of that of the likelihood.
+    judged_point p = two_traits({10, 0, 0}, {0.0, 0.02, -2.0}, {4, 0, 0, 0.3, 0, 2});
+    p.blocks[0].scale = {20.0, 20.0};
+    const auto v = judge(p);
+    EXPECT_NEAR(v.promised, 0.5 * 0.02 * 0.02 / (0.3 + 0.4), 1.0e-9);
+    EXPECT_EQ(v.kind, search_end::border);
+}
+
+TEST_F(verdict_test, DoesNotDependOnTheUnitsOfTheTraits) {
+    const auto one = judge(two_traits({10, 3, 20}, {0.3, -0.2, 0.1}, {4, 1, 0, 3, 1, 2}));
+    // The first trait in units 1000 times as small.
+    judged_point p = two_traits({10e6, 3e3, 20}, {0.3e-6, -0.2e-3, 0.1}, {4e-12, 1e-9, 0, 3e-6, 1e-3, 2});
+    p.blocks[0].scale = {20.0e6, 40.0};
+    const auto other = judge(p);
+    EXPECT_NEAR(one.promised, other.promised, 1.0e-8 * one.promised);
+    EXPECT_NEAR(one.gradient_norm, other.gradient_norm, 1.0e-8 * one.gradient_norm);
+}
+
+} // namespace
+} // namespace tarvex
