@@ -191,7 +191,7 @@ std::int64_t effect_code(const array<double>& dvec, int icol, int icol2, std::in
 
 bool starts_subject(subject_run& run, const array<double>& dvec, int iq) {
     const int icol = mudmap.subj_dcolno(iq > 0 ? iq : 1);
-    const bool own = icol < 1 || (options.siremodel && mudmap.alltraits);
+    const bool own = icol < 1 || (options.siremodel && mudmap.alltraits) || mudmap.subject == subject_rule::line;
     const std::int64_t icode = own ? 0 : effect_code(dvec, icol, 0, 1);
     const bool starts = own || !run.open || icode != run.icode;
     run.open = !own;

@@ -4,6 +4,7 @@
 #include "data/data.h"
 #include "data/levels.h"
 #include "data/pedigreelist.h"
+#include "data/subjectpass.h"
 #include "data/units.h"
 
 #include "basis/legendre.h"
@@ -42,15 +43,15 @@ struct moments {
 };
 
 struct scan_state {
-    data_reader reader;
+    subject_pass pass;
     array<double> dvec;
     array<moments> tr;
     array<moments, 2> cv, mm;
     array<code_set, 2> fx, ex, meta, values; // values: bits of the covariables' values
     array<code_set> rn;
-    subject_run run;
-    int nobs = 0;      // observations of the subject in hand
-    array<int> counts; // (nq) its records by trait
+    int nobs = 0;         // observations of the subject in hand
+    array<int> counts;    // (nq) its records by trait
+    bool repeats = false; // some subject has several records of a trait
 };
 
 // An effect of a trait in the data.
@@ -83,7 +84,7 @@ std::int64_t checked_code(const scan_state& s, const effect_columns& e) {
     const bool valid = e.icol2 > 0 ? icode >= 0 && icode2 >= 0 && icode + icode2 >= e.least : icode >= e.least;
     if (!valid) {
         print_list(screen(), "Invalid effect code : ", e.name, s.dvec(e.icol), icode);
-        data_error(s.reader.ndatrec);
+        data_error(s.pass.reader.ndatrec);
     }
     return e.icol2 > 0 ? icode * word + icode2 : icode;
 }
@@ -93,7 +94,7 @@ void accum_levels(scan_state& s, const effect_columns& e, code_set& set) {
     if (!set.insert(icode) || set.size() <= e.mlev) return;
     const std::int64_t word = std::int64_t{1} << 31;
     too_many_levels(e, e.icol2 > 0 ? list_item(icode / word) + "*" + list_item(icode % word) : list_item(icode),
-                    s.reader.ndatrec);
+                    s.pass.reader.ndatrec);
 }
 
 void check_pedlist(std::int64_t icode, int ndatrec) {
@@ -126,8 +127,15 @@ void close_subject(scan_state& s) {
     numbers.maxnr = std::max(numbers.maxnr, s.nobs);
     for (int iq = 1, ij = 0; iq <= nq; ++iq)
         for (int jq = iq; jq <= nq; ++jq) means.pairs(++ij) += std::min(s.counts(iq), s.counts(jq));
+    s.repeats = s.repeats || std::any_of(s.counts.begin(), s.counts.end(), [](int n) { return n > 1; });
     s.counts.fill(0);
     s.nobs = 0;
+}
+
+void warn_repeats(const scan_state& s) {
+    if (!s.repeats || numbers.nq == 1 || mudmap.subject != subject_rule::effect) return;
+    print_list(screen(), "WARNING : subjects with several records of a trait - the residual of each is correlated with "
+                         "those of all their records of other traits; see \"SUBject\" in the user's guide");
 }
 
 void scan_random(scan_state& s, int iq) {
@@ -138,7 +146,7 @@ void scan_random(scan_state& s, int iq) {
         const effect_columns e{
             model.random(i, iq), i, iq, m.rn_dcolno(i, iq), m.rn_dcolno2(i, iq), 1, nrm ? INT64_MAX : m.rn_mlev(i, iq)};
         if (nrm)
-            check_pedlist(checked_code(s, e), s.reader.ndatrec);
+            check_pedlist(checked_code(s, e), s.pass.reader.ndatrec);
         else
             accum_levels(s, e, s.rn(irand));
     }
@@ -175,12 +183,11 @@ void scan_trait(scan_state& s, int iq, double y) {
 }
 
 void scan_records(scan_state& s) {
-    open_datfile(s.reader);
+    open_subjects(s.pass);
     int iq = 0;
-    bool iskip = false;
-    while (getrec_dvec(s.reader, s.dvec, iq, iskip)) {
-        if (iskip) continue;
-        if (starts_subject(s.run, s.dvec, iq)) close_subject(s);
+    bool starts = false;
+    while (next_record(s.pass, s.dvec, iq, starts)) {
+        if (starts) close_subject(s);
         const int first = iq > 0 ? iq : 1, last = iq > 0 ? iq : numbers.nq;
         for (int jq = first; jq <= last; ++jq) {
             const double y = s.dvec(mudmap.tr_dcolno(jq));
@@ -188,6 +195,7 @@ void scan_records(scan_state& s) {
         }
     }
     close_subject(s);
+    warn_repeats(s);
 }
 
 // Final codes of an effect. Those of an interaction become first * base + second, with the smallest power of ten that

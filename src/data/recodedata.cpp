@@ -4,6 +4,7 @@
 #include "data/data.h"
 #include "data/levels.h"
 #include "data/rowlayout.h"
+#include "data/subjectpass.h"
 #include "data/units.h"
 
 #include "basis/phimatrix.h"
@@ -273,16 +274,14 @@ void recode_data(bool full) {
     const std::string& name = full ? filenames.recdatfil4 : filenames.recdatfil1;
     if (!r.heads.open(name)) write_fault(name);
     if (!full && !r.lists.open(filenames.recdatfil2)) write_fault(filenames.recdatfil2);
-    data_reader reader;
+    subject_pass pass;
     array<double> dvec;
     allocate("alloc dvec", dvec, mudmap.maxcol);
-    subject_run run;
     int iq = 0;
-    bool iskip = false;
-    open_datfile(reader);
-    while (getrec_dvec(reader, dvec, iq, iskip)) {
-        if (iskip) continue;
-        if (starts_subject(run, dvec, iq) && r.nobs > 0) recode(r);
+    bool starts = false;
+    open_subjects(pass);
+    while (next_record(pass, dvec, iq, starts)) {
+        if (starts && r.nobs > 0) recode(r);
         gather2(r, dvec, iq);
     }
     if (r.nobs > 0) recode(r);

@@ -30,6 +30,8 @@ struct model_module {
     int nrrc = 0;                       // their number
     array<int> fitmean;                 // (nq) 1: a mean is fitted (MEA, MU)
     array<std::string> trait;           // (nq) name of the trait's column
+    bool subject_line = false;          // SUBject LINE
+    std::vector<std::string> subject;   // SUBject: columns that make a subject
     // Covariance blocks, 0 is the residual.
     array<std::string, 1, 0> krandom; // (0:krand)
     array<int, 1, 0> kkfit;           // order of the matrix

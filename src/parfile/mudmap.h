@@ -7,6 +7,9 @@
 
 namespace tarvex {
 
+// What makes a subject: the code of a random effect in neighbouring lines, one line, or named columns.
+enum class subject_rule { effect, line, columns };
+
 // A record is an array dvec of column values, from 1. With `alltraits` one line holds all traits and the columns are
 // those named for trait 1; otherwise a line belongs to one trait and column 1 is the trait's number.
 struct mudmap_module {
@@ -30,7 +33,9 @@ struct mudmap_module {
     array<std::int64_t, 2> ex_mlev;
     array<int, 2> rr_dcolno; // (maxmeta,nq)
     array<std::int64_t, 2> mm_mlev;
-    array<int> subj_dcolno; // (nq) subject column, -1: every record is its own subject
+    subject_rule subject = subject_rule::effect; // which records have correlated residuals
+    array<int, 2> subj_column;                   // (2,nq) columns of the subject, 0 none; with subject_rule::columns
+    array<int> subj_dcolno;                      // (nq) subject column, -1: every record is its own subject
 
     // Random regression: basis 0 POL, 1 LEG, 2 BSP, 3 SPL, 9 USR.
     array<int, 2> irropt;  // (maxrand,nq)

@@ -139,6 +139,8 @@ void check_effects() {
 void check_repeat_effects() {
     const auto n = std::count(mudmap.kovrnd.begin(), mudmap.kovrnd.end(), "PEQ");
     if (n > 1 || (n == 1 && options.randreg)) tvx_notyet();
+    if (n == 1 && mudmap.subject != subject_rule::effect)
+        stop_with("PEQ is an effect of the subject : it cannot be fitted with \"SUBject\" !");
 }
 
 } // namespace

@@ -58,6 +58,9 @@ void allocate_map() {
     allocate("alloc cv_type", m.cv_type, maxcov, nq);
     for (auto* a : {&m.tr_dcolno, &m.subj_dcolno}) allocate("alloc tr_dcolno", *a, nq);
     m.subj_dcolno.fill(-1);
+    allocate("alloc tr_dcolno", m.subj_column, 2, nq);
+    if (model.subject_line) m.subject = subject_rule::line;
+    if (!model.subject.empty()) m.subject = subject_rule::columns;
 }
 
 // Column of an effect, or the two columns of an interaction a*b, and its largest number of levels.
@@ -253,6 +256,14 @@ void map_controls(int iq) {
     }
 }
 
+// Columns that tell the subjects.
+void map_subject(int iq) {
+    for (std::size_t k = 0; k < model.subject.size(); ++k) {
+        std::int64_t mlev = 0;
+        datposition(model.subject[k], iq, mudmap.subj_column(static_cast<int>(k) + 1, iq), mlev);
+    }
+}
+
 void check_residual() {
     if (model.kkfit(0) == 0) stop_with("No residual covariances given !");
     if (model.kkfit(0) == numbers.nq) return;
@@ -323,6 +334,7 @@ void model2mudmap() {
         map_random(iq);
         map_extra(iq);
         map_controls(iq);
+        map_subject(iq);
     }
     if (!model.me_control.empty() && control_number(model.me_control) == 0)
         name_err("Control variable for ME var.s not matched \"", model.me_control);

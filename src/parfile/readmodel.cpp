@@ -206,19 +206,36 @@ void read_trait(par_state& s) {
         write(screen(), "(2x,a,i3,3a,i12)", "Trait no.", iq, "  \"", name, "\"  Missing value", datafile.missvalue[iq]);
 }
 
+// Which records have correlated residuals: those of a line, or those that agree in one or two columns.
+void read_subject(par_state& s) {
+    auto& p = s.lines;
+    if (model.subject_line || !model.subject.empty()) rdpar_err(p, "More than one line \"SUBject\" !");
+    if (!next_var(p)) rdpar_err(p, "\"LINE\" or name of column is missing !");
+    std::string word = token(p, name_length);
+    capitalise(word, static_cast<int>(word.size()));
+    model.subject_line = word == "LINE";
+    if (!model.subject_line) model.subject.push_back(token(p, name_length));
+    while (next_var(p)) {
+        if (model.subject_line || model.subject.size() == 2) rdpar_err(p, "Too many columns for a subject !");
+        model.subject.push_back(token(p, name_length));
+    }
+}
+
 struct model_line {
     const char* code; // letters that count
     void (*read)(par_state&);
 };
 constexpr model_line model_lines[] = {
     {"FIX", read_fixed},    {"COV", read_covar}, {"RAN", read_random}, {"TR", read_trait},  {"RRC", read_control},
-    {"NUM", read_position}, {"MEA", read_mean},  {"MU", read_mean},    {"EXT", read_extra},
+    {"NUM", read_position}, {"MEA", read_mean},  {"MU", read_mean},    {"EXT", read_extra}, {"SUB", read_subject},
 };
 
 void clear_model(par_state& s) {
     auto& m = model;
     for (auto* a : {&m.nfix, &m.ncov, &m.nrnd, &m.nextra, &m.nmeta, &m.fitmean}) a->fill(0);
     m.trait.fill("");
+    m.subject_line = false;
+    m.subject.clear();
     m.rrcontrol.clear();
     m.nrrc = 0;
     m.rr_resteps = 1;

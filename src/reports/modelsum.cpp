@@ -28,6 +28,9 @@ void trait_table(text_out& out) {
 void pairs_table(text_out& out) {
     const int nq = numbers.nq;
     if (options.equal_model) write(out, "(1x,a)", "Same model for all traits");
+    if (mudmap.subject == subject_rule::line) write(out, "(1x,a)", "Residuals are correlated within lines of data");
+    if (mudmap.subject == subject_rule::columns)
+        write(out, "(1x,a,2(1x,1h\",a,1h\"))", "Residuals are correlated within equal values of", model.subject);
     write(out, "(/1x,a)", "Numbers of records for pairs of traits ");
     std::vector<int> row(static_cast<std::size_t>(nq));
     for (int iq = 1; iq <= nq; ++iq) row[static_cast<std::size_t>(iq - 1)] = iq;

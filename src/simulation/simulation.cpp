@@ -9,6 +9,7 @@
 #include "data/data.h"
 #include "data/levels.h"
 #include "data/recodedata.h"
+#include "data/subjectpass.h"
 #include "dense/numroutines.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
@@ -69,19 +70,17 @@ void control_levels(const array<double>& dvec, int iq, std::vector<int>& imeta) 
 
 // Reads all records and writes their levels to recoded5.bin.
 void gather_sim() {
-    data_reader reader;
-    open_datfile(reader);
+    subject_pass pass;
+    open_subjects(pass);
     record_writer file;
     if (!file.open(filenames.recdatfil5)) stop_with("Cannot open file \"" + filenames.recdatfil5 + "\"");
     array<double> dvec;
     allocate("alloc dvecsim", dvec, mudmap.maxcol);
     int iq = 0;
-    bool iskip = false;
-    subject_run run;
-    while (getrec_dvec(reader, dvec, iq, iskip)) {
-        if (iskip) continue;
+    bool starts = false;
+    while (next_record(pass, dvec, iq, starts)) {
         line_levels line;
-        line.first_of_subject = starts_subject(run, dvec, iq) ? 1 : 0;
+        line.first_of_subject = starts ? 1 : 0;
         line.ynq = traits_of(dvec, iq);
         for (int t : line.ynq) {
             for (int i = 1; i <= maxrand; ++i) line.iraand.push_back(i <= model.nrnd(t) ? random_level(dvec, i, t) : 0);
@@ -191,6 +190,13 @@ int number_in_data(int iq) {
 struct subject_lines {
     std::vector<line_levels> lines;
     std::vector<std::string> texts;
+    std::vector<int> records; // their numbers in the data file
+};
+
+// Lines that do not come in the order of the data file wait for its end.
+struct simulated_lines {
+    bool hold = false;
+    std::map<int, std::string> held;
 };
 
 // Residuals of a subject: the k-th records of its traits are drawn together, with all traits in a line those of the
@@ -216,8 +222,8 @@ std::vector<std::vector<double>> subject_residuals_muv(const subject_lines& s, r
     return e;
 }
 
-void write_subject(text_out& out, const subject_lines& s, const random_samples& u, residual_draws& draws,
-                   const std::vector<double>& sd) {
+void write_subject(simulated_lines& lines, text_out& out, const subject_lines& s, const random_samples& u,
+                   residual_draws& draws, const std::vector<double>& sd) {
     std::vector<std::vector<double>> e;
     if (!options.randreg) e = subject_residuals_muv(s, draws);
     for (std::size_t l = 0; l < s.lines.size(); ++l) {
@@ -232,7 +238,10 @@ void write_subject(text_out& out, const subject_lines& s, const random_samples& 
         }
         std::string text = s.texts[l];
         for (double x : simval) text += " " + data_item(x);
-        out.line(text);
+        if (lines.hold)
+            lines.held.emplace(s.records[l], text);
+        else
+            out.line(text);
     }
 }
 
@@ -246,27 +255,29 @@ std::string columns_text(const array<double>& dvec, int iq) {
 void make_data(const std::string& name, const random_samples& u, residual_draws& draws, const std::vector<double>& sd) {
     text_out out;
     if (!out.open(name)) stop_with("Cannot open file \"" + name + "\"");
-    data_reader reader;
-    open_datfile(reader);
+    subject_pass pass;
+    open_subjects(pass);
     record_reader file;
     if (!file.open(filenames.recdatfil5)) stop_with("Cannot open file \"" + filenames.recdatfil5 + "\"");
     array<double> dvec;
     dvec.allocate(mudmap.maxcol);
     int iq = 0;
-    bool iskip = false;
+    bool starts = false;
     subject_lines subject;
-    while (getrec_dvec(reader, dvec, iq, iskip)) {
-        if (iskip) continue;
+    simulated_lines lines{pass.sorted, {}};
+    while (next_record(pass, dvec, iq, starts)) {
         line_levels line;
         if (!next_line(file, line)) stop_with("Error reading file \"" + filenames.recdatfil5 + "\"");
         if (line.first_of_subject && !subject.lines.empty()) {
-            write_subject(out, subject, u, draws, sd);
+            write_subject(lines, out, subject, u, draws, sd);
             subject = {};
         }
         subject.lines.push_back(line);
         subject.texts.push_back(columns_text(dvec, iq));
+        subject.records.push_back(pass.record);
     }
-    if (!subject.lines.empty()) write_subject(out, subject, u, draws, sd);
+    if (!subject.lines.empty()) write_subject(lines, out, subject, u, draws, sd);
+    for (const auto& [record, text] : lines.held) out.line(text);
 }
 
 void report_covariances(const std::vector<std::vector<double>>& simtot) {
