@@ -45,7 +45,7 @@ protected:
                 text += " TR" + std::to_string(t) + " qno\n" + columns + " y" + std::to_string(t) + "\n";
         } else {
             write_file("data.dat", p_.all_traits_lines());
-            text += columns + " y1\n y2\n";
+            text += columns + (p_.ntraits == 1 ? " y1\n" : " y1\n y2\n");
         }
         if (model.find("NRM") == std::string::npos) text.erase(0, text.find("ANA"));
         write_file("model.par", text + "END\n" + model);
@@ -78,14 +78,15 @@ TEST_F(Subjects, LinesWithAllTraits) {
     EXPECT_EQ(output_.find("several records of a trait"), std::string::npos);
     EXPECT_NE(read_file("SumModel.out").find("within lines of data"), std::string::npos);
     expect_relative(start("--emalg1"), want, 1e-8, "log L at the start of EM");
-    expect_relative(start("--powell1"), want, 1e-8, "log L at the start of Powell's method");
     // without the word every record is joined with all of the other trait, and a line tells
-    put("MOD EQ\n" + repeats_ + traits_ + repeat_blocks_);
+    std::string weak = repeat_blocks_;
+    weak.replace(weak.rfind("2.0"), 3, "0.3");
+    put("MOD EQ\n" + repeats_ + traits_ + weak);
     const double joined = truth([&](const observation& i, const observation& j) {
         double v = of(g_, i, j) * a_[animal(i)][animal(j)];
         if (animal(i) != animal(j)) return v;
         v += of(p2_, i, j);
-        return i.trait != j.trait || record(i, j) ? v + of(r_, i, j) : v;
+        return i.trait != j.trait ? v + 0.3 : record(i, j) ? v + of(r_, i, j) : v;
     });
     expect_relative(start(), joined, 1e-8, "log L without the word");
     EXPECT_NE(output_.find("several records of a trait"), std::string::npos);
