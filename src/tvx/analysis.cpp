@@ -333,6 +333,8 @@ void write_analysis(draft& d, const std::vector<start_block>& blocks) {
     const auto file = [&](const char* end) { return (std::filesystem::path(d.s.folder) / (d.s.name + end)).string(); };
     write_text(file(".dat"), d.s.one_line ? data_in_lines(d) : data_by_trait(d));
     if (!d.s.animals.empty()) write_text(file(".ped"), pedigree_text(d));
+    for (const auto& c : d.classes)
+        if (c.matrix) write_inverse(*c.matrix, (std::filesystem::path(d.s.folder) / c.name).string());
     if (!d.request.start.empty()) write_text(file(".start"), read_text(d.request.start));
     write_text(file(".par"), parameter_file(d, blocks));
     write_study(d.s);

@@ -323,6 +323,30 @@ void number_own(draft& d, draft_class& c, const std::vector<char>& used) {
                               few_lines(twins, 3));
 }
 
+// Codes in the order of a relationship matrix, which may have more levels than the records.
+void number_by_matrix(draft& d, draft_class& c, const std::vector<char>& used) {
+    c.matrix = std::make_shared<relationship>(read_relationship(c.file));
+    if (d.request.blend > 0) blend(*c.matrix, d.request.blend);
+    sort_levels(*c.matrix);
+    c.ids = c.matrix->ids;
+    c.levels = static_cast<int>(c.ids.size());
+    std::unordered_map<std::string_view, int> code;
+    for (int i = 0; i < c.levels; ++i)
+        if (!code.emplace(c.ids[i], i + 1).second)
+            throw fault{"\"" + c.file + "\": " + shown(c.ids[i]) + " stands twice"};
+    std::vector<std::string> unknown;
+    std::string buffer;
+    for (std::size_t row = 0; row < d.table.rows; ++row) {
+        if (used[row] == 0) continue;
+        const auto at = code.find(class_text(d, c, row, buffer));
+        if (at != code.end())
+            c.code[row] = at->second;
+        else
+            unknown.push_back(place(d, row, c.cols[0]));
+    }
+    if (!unknown.empty()) throw fault{"levels that \"" + c.file + "\" does not have:\n" + few_lines(unknown, 10)};
+}
+
 // Rows whose class is needed by a trait that is recorded there.
 std::vector<char> rows_of_class(const draft& d, std::size_t which) {
     std::vector<char> used(d.table.rows, 0);
@@ -423,7 +447,10 @@ void number_animals(draft& d) {
 void number_classes(draft& d) {
     for (auto& c : d.classes) c.code.assign(d.table.rows, 0);
     for (std::size_t k = 0; k < d.classes.size(); ++k)
-        if (!d.classes[k].animals) number_own(d, d.classes[k], rows_of_class(d, k));
+        if (!d.classes[k].file.empty())
+            number_by_matrix(d, d.classes[k], rows_of_class(d, k));
+        else if (!d.classes[k].animals)
+            number_own(d, d.classes[k], rows_of_class(d, k));
     const bool animals = std::any_of(d.classes.begin(), d.classes.end(), [](const auto& c) { return c.animals; });
     if (animals) number_animals(d);
     std::string key;

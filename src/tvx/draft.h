@@ -2,6 +2,7 @@
 #pragma once
 #include "tvx/csv.h"
 #include "tvx/formula.h"
+#include "tvx/gin.h"
 #include "tvx/pedigree.h"
 #include "tvx/prep.h"
 
@@ -14,11 +15,13 @@ struct draft_class {
     std::vector<std::size_t> cols; // columns of the table that are joined
     std::vector<std::string> from; // their names
     std::string prefix;            // parts copies of one column for several effects: "pe_"
-    int parent = 0;                // 1, 2: sire, dam of the animal in cols, out of the pedigree
-    bool animals = false;          // codes are those of the pedigree
-    std::vector<int> code;         // (rows) 0: missing
-    std::vector<std::string> ids;  // own identifiers, by code
-    int levels = 0;                // largest code
+    std::string file;              // of a relationship matrix
+    std::shared_ptr<relationship> matrix;
+    int parent = 0;               // 1, 2: sire, dam of the animal in cols, out of the pedigree
+    bool animals = false;         // codes are those of the pedigree
+    std::vector<int> code;        // (rows) 0: missing
+    std::vector<std::string> ids; // own identifiers, by code
+    int levels = 0;               // largest code
 };
 
 // Column of numbers: a covariable or a control variable.

@@ -84,14 +84,17 @@ std::size_t number_length(const draft& d, const std::string& from) {
 }
 
 // Class column for these columns of the table.
-int class_column(draft& d, const std::vector<std::string>& from, bool animals, const std::string& prefix) {
+int class_column(draft& d, const std::vector<std::string>& from, bool animals, const std::string& prefix,
+                 const std::string& file) {
     for (std::size_t i = 0; i < d.classes.size(); ++i)
-        if (d.classes[i].from == from && d.classes[i].animals == animals && d.classes[i].prefix == prefix)
+        if (d.classes[i].from == from && d.classes[i].animals == animals && d.classes[i].prefix == prefix &&
+            d.classes[i].file == file)
             return static_cast<int>(i);
     draft_class c;
     c.from = from;
     c.animals = animals;
     c.prefix = prefix;
+    c.file = file;
     if (!(from.size() == 1 && take_parent(d, c, from[0])))
         for (const auto& name : from) c.cols.push_back(csv_column(d.table, name, "formula"));
     c.name = column_name(d, prefix + joined(from, "_"), class_length(d, from));
@@ -137,7 +140,7 @@ bool has_animals(const draft& d, const formula_term& t) {
 void classes_of(draft& d, const formula_term& t, draft_effect& f) {
     if (t.columns.empty()) return;
     const std::string prefix = t.kind == term_kind::pe ? "pe_" : "";
-    f.cls = class_column(d, t.columns, has_animals(d, t), prefix);
+    f.cls = class_column(d, t.columns, has_animals(d, t), prefix, t.file);
     f.e.column = d.classes[f.cls].name;
 }
 
@@ -173,7 +176,6 @@ void take_term(draft& d, const formula_term& term, const std::vector<int>& trait
     formula_term t = term;
     if (t.kind == term_kind::residual) return take_residual(d, t);
     if (t.kind == term_kind::mean) return;
-    if (t.kind == term_kind::gin) throw fault{"formula: " + t.text + ": matrices of one's own are not there yet"};
     if (t.plain_regression && !d.has_ped) t.kind = term_kind::random;
     if (pedigree_kind(t.kind) && !d.has_ped) throw fault{"formula: " + t.text + " needs a pedigree: give it with -p"};
     draft_effect f = make_effect(d, t);

@@ -123,6 +123,7 @@ void add_prep_options(CLI::App& app, prep_request& r) {
     app.add_option("--born", r.born, "column of the pedigree with births");
     app.add_option("--rank", r.rank, "fit covariance matrices of random effects at this rank");
     app.add_option("--start", r.start, "file of starting values");
+    app.add_option("--blend", r.blend, "share of the identity matrix in those of gin()");
     app.add_flag("--keep-units", r.keep_units, "do not scale traits by powers of ten");
     app.add_flag("--keep-codes", r.keep_codes, "-999 and its like are values");
     app.add_option("--candidates", r.candidates, "animals without records to keep: all, or a file of identifiers");

@@ -15,6 +15,7 @@ struct prep_request {
     std::string data, formula, pedigree, out;
     std::string pedcols, na, zero_missing, born, start, candidates;
     int rank = 0;
+    double blend = 0.0;      // share of the identity in matrices of gin()
     bool keep_units = false; // no powers of ten
     bool keep_codes = false; // -999 and its like are values
     bool force = false;      // an existing study is replaced
