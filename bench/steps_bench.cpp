@@ -22,6 +22,7 @@
 #include "sparse/symbfact.h"
 #include "support/screen.h"
 #include "support/stop.h"
+#include "yardstick.h"
 
 #include <algorithm>
 #include <cholmod.h>
@@ -31,8 +32,6 @@
 #include <ctime>
 #include <string>
 #include <vector>
-
-extern "C" void openblas_set_num_threads(int);
 
 namespace tarvex {
 namespace {
@@ -85,10 +84,11 @@ void check(bool good, const char* what) {
 
 // The assembled matrix for CHOLMOD, without the places of the fill-in; the pattern is that of the first call.
 struct cholmod_system {
+    bool own_order = false; // METIS as CHOLMOD calls it by itself, in place of the program's order
     cholmod_common c{};
     cholmod_sparse* a = nullptr;
     cholmod_factor* l = nullptr;
-    std::vector<int> place; // in xspars, 0: diagonal element
+    std::vector<int> place{}; // in xspars, 0: diagonal element
 
     void set() {
         if (!a) start();
@@ -104,7 +104,7 @@ struct cholmod_system {
         const int n = numbers.nsrow;
         cholmod_start(&c);
         c.nmethods = 1;
-        c.method[0].ordering = CHOLMOD_NATURAL;
+        c.method[0].ordering = own_order ? CHOLMOD_METIS : CHOLMOD_NATURAL;
         c.postorder = 1;
         c.supernodal = CHOLMOD_SUPERNODAL;
         std::vector<int> p(1, 0), rows;
@@ -124,6 +124,7 @@ struct cholmod_system {
         std::copy(rows.begin(), rows.end(), static_cast<int*>(a->i));
         set();
         l = cholmod_analyze(a, &c);
+        if (own_order) std::printf("cholmod_operations %.0f\n", 0.5 * c.fl); // it counts multiplications and additions
     }
     void factorise() {
         cholmod_factorize(a, l, &c);
@@ -158,13 +159,29 @@ void assemble() {
     check(iflag == 0, "assembly");
 }
 
-void one_round(int round, bool columns, cholmod_system& other) {
+// The same matrix by CHOLMOD, in the program's order and in its own.
+struct cholmod_pair {
+    bool wanted = true;
+    cholmod_system same{}, own{true};
+    void set() {
+        if (!wanted) return;
+        same.set();
+        own.set();
+    }
+    void factorise() {
+        if (!wanted) return;
+        keep("cholmod", timed([&] { same.factorise(); }));
+        keep("cholmod_own_order", timed([&] { own.factorise(); }));
+    }
+};
+
+void one_round(int round, bool columns, cholmod_pair& other) {
     set_parameters(round);
     const double like = timed(evaluate), information = timed(average_info), gradient = timed(derivatives_mmm);
     keep("assembly", timed(assemble));
     other.set();
     keep("factor", timed(factorise));
-    keep("cholmod", timed([&] { other.factorise(); }));
+    other.factorise();
     keep("inverse", timed(takaha_inverse));
     assemble();
     factorise();
@@ -232,7 +249,8 @@ void set_up(int argc, char** argv) {
     start_parameters = estimates.parvec;
     evaluate(); // finds the places of the elements
     std::printf("\nrows %d\nelements %d\noperations %.0f\nbytes %.0f\nkernels %s\ntime setup %.3f\n", numbers.nsrow,
-                sparse.maxlnz, count_operations(sparse.n, sparse.ixvec1), 8.0 * (sparse.maxlnz + numbers.nsrow), dense_kernels().name, used);
+                sparse.maxlnz, count_operations(sparse.n, sparse.ixvec1), 8.0 * (sparse.maxlnz + numbers.nsrow),
+                dense_kernels().name, used);
 }
 
 } // namespace
@@ -252,14 +270,14 @@ int main(int argc, char** argv) {
         else
             argv[kept++] = argv[i];
     }
-    openblas_set_num_threads(1);
+    const bool honest = honest_openblas(argv);
     try {
         set_up(kept, argv);
         if (small) {
             compare_small();
             return 0;
         }
-        cholmod_system other;
+        cholmod_pair other{honest};
         for (int round = 1; round <= rounds; ++round) one_round(round, round <= columns, other);
     } catch (const program_stop& stopped) {
         std::fprintf(stderr, "%s\n", stopped.text.c_str());
