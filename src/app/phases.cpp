@@ -2,6 +2,7 @@
 #include "equations/eqnorders.h"
 
 #include "app/choices.h"
+#include "app/forecast.h"
 #include "app/runoptions.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
@@ -71,6 +72,7 @@ void set_up_equations() {
     lsq_fixed();
     eqnorders();
     new_eqnnos();
+    forecast();
     if (options.details || options.setup_only) screen().line("Set-up complete");
     if (options.setup_only) finish_run();
     if (choose_small_problem(estimates.nparm)) covs2parvec();
