@@ -35,7 +35,7 @@ protected:
 };
 
 TEST_F(VerdictRuns, GoodStartEndsAtAMaximumAndTheReportSaysSo) {
-    ASSERT_TRUE(bring("rr_chick"));
+    ASSERT_TRUE(bring("textbook_rep"));
     const auto r = finish("");
     EXPECT_NE(last_verdict(r.output).find("at a maximum of log L"), std::string::npos) << r.output;
     EXPECT_EQ(r.output.find("the search goes on"), std::string::npos);
