@@ -11,7 +11,7 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "equations/mmmatrix.h"
-#include "equations/setups.h"
+#include "likelihood/setups.h"
 #include "estimation/emsteps.h"
 #include "estimation/estimates.h"
 #include "likelihood/buildmmm.h"
@@ -141,9 +141,7 @@ void set_parameters(int round) {
 }
 
 void evaluate() {
-    double dev = 0.0, xlike = 0.0;
-    loglike(estimates.parvec, estimates.nparm, dev, xlike, 1);
-    check(xlike > invalid_logl, "log L");
+    check(loglike(estimates.parvec, 1).valid, "log L");
 }
 
 void factorise() {

@@ -12,9 +12,10 @@
 #include "data/reducepeds.h"
 #include "equations/equations.h"
 #include "equations/lsqfixed.h"
-#include "equations/setups.h"
+#include "estimation/covs2parvec.h"
 #include "estimation/estimates.h"
 #include "estimation/pxem.h"
+#include "likelihood/setups.h"
 #include "parameters/variances.h"
 #include "parfile/mudmap_build.h"
 #include "parfile/readparfile.h"
@@ -65,7 +66,7 @@ void read_pedigree_and_data() {
 
 void set_up_equations() {
     equation_nos();
-    data_recode();
+    data_recode(starts_of_equations());
     write_modelsum();
     covs2parvec();
     check_usrdefcovs();

@@ -63,7 +63,7 @@ std::string table_name(const table_key& key) {
 }
 
 // Class of each value from the intervals of a step function.
-void classes_of_intervals(const code_list& codes) {
+void classes_of_intervals(const control_list& codes) {
     for (std::size_t a = 0; a < codes.size(); ++a) {
         int& run = model.me_run(a + 1);
         run = -1;
@@ -77,7 +77,7 @@ void classes_of_intervals(const code_list& codes) {
 }
 
 // Class of each value from the user's file: a line with value and class for every level, in order.
-void classes_of_file(const code_list& codes) {
+void classes_of_file(const control_list& codes) {
     std::ifstream in(filenames.me_varfile, std::ios::binary);
     std::string line;
     for (std::size_t a = 0; a < codes.size(); ++a) {
@@ -100,7 +100,7 @@ void classes_of_file(const code_list& codes) {
     }
 }
 
-void read_table(array<double, 2>& phi, const code_list& codes, const std::string& file) {
+void read_table(array<double, 2>& phi, const control_list& codes, const std::string& file) {
     std::ifstream in(file, std::ios::binary);
     if (!in) {
         print_list(screen(), "Error opening file with user-defined basis function");
@@ -132,7 +132,7 @@ void read_table(array<double, 2>& phi, const code_list& codes, const std::string
     }
 }
 
-void write_table(const array<double, 2>& phi, const code_list& codes, const std::string& file, int irropt) {
+void write_table(const array<double, 2>& phi, const control_list& codes, const std::string& file, int irropt) {
     text_out out;
     if (!out.open(file)) {
         print_list(screen(), "Error open file for output of basis function ", file);
@@ -150,7 +150,7 @@ void write_table(const array<double, 2>& phi, const code_list& codes, const std:
 }
 
 void fill_table(array<double, 2>& phi, const table_key& key) {
-    const code_list& codes = control_codes(key.irrc);
+    const control_list& codes = control_codes(key.irrc);
     const std::string file = table_name(key);
     allocate("all phi", phi, codes.size(), key.order);
     if (key.irropt == usr) return read_table(phi, codes, file);
@@ -189,10 +189,10 @@ int control_place(int irrc, int iq) {
     return 0;
 }
 
-const code_list& control_codes(int irrc) {
-    for (int iq = 1; iq <= numbers.nq; ++iq)
-        if (const int i = control_place(irrc, iq); i > 0) return levels.mm_codes(i, iq);
-    stop("this should not happen");
+const control_list& control_codes(int irrc) {
+    const auto k = static_cast<std::size_t>(irrc);
+    if (k > phimat.control_values.size()) stop("this should not happen");
+    return phimat.control_values[k - 1];
 }
 
 void mm2ages() {
@@ -206,7 +206,7 @@ void mm2ages() {
         for (int irrc = model.nrrc; irrc >= 1; --irrc)
             if (control_place(irrc, iq) > 0) phimat.jjmeta(iq) = irrc;
     }
-    const code_list& codes = control_codes(kcontrol);
+    const control_list& codes = control_codes(kcontrol);
     allocate("all me_run", model.me_run, codes.size());
     model.me_run.fill(1);
     if (model.me_type == "HET") classes_of_intervals(codes);

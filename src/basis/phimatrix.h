@@ -4,15 +4,19 @@
 // Files: <variable>_<type><order>.baf, one line for each value: the value, then the functions. Tables of type USR are
 // read from such a file (the value in front may be left out), all others are written to one.
 #pragma once
-#include "data/levels.h"
 #include "support/array.h"
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
 namespace tarvex {
 
+using control_list = std::vector<std::int64_t>;
+
 struct phimat_module {
+    // [irrc-1] values of the control variables, ascending; the traits share them. Set by the first scan of the data.
+    std::vector<control_list> control_values;
     int nphi = 0;                // tables
     array<int, 2> kkphi;         // (maxrand,nq) table of random effect i of trait iq
     array<array<double, 2>> phi; // (nphi)(levels, order) value of function k at level a of the control variable
@@ -25,10 +29,10 @@ inline phimat_module phimat;
 // Place of control variable irrc (number within rrcontrol) among those of trait iq, 0 if the trait has not got it.
 int control_place(int irrc, int iq);
 // Its values, which the traits share.
-const code_list& control_codes(int irrc);
+const control_list& control_codes(int irrc);
 
-// Fills jjmeta and model.me_run, then the tables. Values outside all classes, or a faulty file of classes, stop the
-// run.
+// From control_values: fills jjmeta and model.me_run, then the tables. Values outside all classes, or a faulty file of
+// classes, stop the run.
 void mm2ages();
 // Fills kkphi and phi, and writes the tables.
 void phimatrix();

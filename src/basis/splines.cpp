@@ -4,7 +4,6 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
-#include "data/levels.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "support/screen.h"
@@ -92,14 +91,13 @@ void find_splines() {
     }
 }
 
-} // namespace
-
-void collect_bspvalues(int isp) {
+// Distinct values of spline isp, ascending, from the traits that have its variable.
+void collect_bspvalues(int isp, const array<std::vector<double>, 2>& cv_values) {
     auto& values = splines.bsp_values[static_cast<std::size_t>(isp - 1)];
     for (int iq = 1; iq <= numbers.nq; ++iq) {
         for (int i = 1; i <= model.ncov(iq); ++i)
             if (splines.cv_spline(i, iq) == isp)
-                values.insert(values.end(), covmeans.cv_values(i, iq).begin(), covmeans.cv_values(i, iq).end());
+                values.insert(values.end(), cv_values(i, iq).begin(), cv_values(i, iq).end());
         if (!options.randreg) continue;
         for (int i = 1; i <= model.nrnd(iq); ++i)
             if (splines.rn_spline(i, iq) == isp)
@@ -109,6 +107,8 @@ void collect_bspvalues(int isp) {
     std::sort(values.begin(), values.end());
     values.erase(std::unique(values.begin(), values.end()), values.end());
 }
+
+} // namespace
 
 void knot_vector(double tmin, double tmax, int nint, int degree, array<double>& tvec) {
     const double h = (tmax - tmin) / nint;
@@ -138,7 +138,7 @@ int bspline_place(int isp, double x) {
     return static_cast<int>(at - values.begin()) + 1;
 }
 
-void setup_bsplines() {
+void setup_bsplines(const array<std::vector<double>, 2>& cv_values) {
     splines = {};
     int mcov = 0, mrnd = 0;
     for (int iq = 1; iq <= numbers.nq; ++iq) {
@@ -152,7 +152,7 @@ void setup_bsplines() {
     splines.bspmat.resize(static_cast<std::size_t>(splines.nspline));
     for (int isp = 1; isp <= splines.nspline; ++isp) {
         const auto k = static_cast<std::size_t>(isp - 1);
-        collect_bspvalues(isp);
+        collect_bspvalues(isp, cv_values);
         const auto& values = splines.bsp_values[k];
         const int degree = splines.bsp_degree[k];
         const int nfun = splines.bsp_nknots[k] + degree;

@@ -26,9 +26,8 @@ inline splines_module splines;
 
 // Finds the splines of the covariables and of the random effects, gathers their values over the traits and tabulates
 // the functions. Covariables of one name must agree in type and degree over the traits, as must random effects.
-void setup_bsplines();
-// Distinct values of spline isp, ascending, from the traits that have its variable.
-void collect_bspvalues(int isp);
+// cv_values (maxcov,nq): distinct values of the covariables; those of the control variables are phimat.control_values.
+void setup_bsplines(const array<std::vector<double>, 2>& cv_values);
 // Knots for nint intervals from tmin to tmax, with `degree` further ones at each side.
 void knot_vector(double tmin, double tmax, int nint, int degree, array<double>& tvec);
 // Values at x of all functions of the given degree on tvec: row has tvec.upper() - 1 - degree elements.

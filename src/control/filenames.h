@@ -28,7 +28,6 @@ struct filenames_module {
     std::string recdatfil1 = "recoded1.bin";
     std::string recdatfil2 = "recoded2.bin";
     std::string recdatfil3 = "recoded3.bin";
-    std::string recdatfil4 = "recoded4.bin";
     std::string recdatfil5 = "recoded5.bin";
     std::string residsfile = "Residuals.dat";
     std::string rnseedfile = "RandomSeeds";

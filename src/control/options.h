@@ -57,7 +57,6 @@ struct options_module {
 
     // Of the run.
     bool first = true;         // no evaluation of the likelihood has succeeded yet
-    bool newbest = false;      // the last evaluation improved the best point
     bool saverr_ready = false; // the average information belongs to the final point
 };
 inline options_module options;

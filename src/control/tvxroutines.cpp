@@ -2,7 +2,6 @@
 
 #include "control/filenames.h"
 #include "control/options.h"
-#include "parfile/model.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
 
@@ -111,16 +110,6 @@ void write_tvxtop(text_out& out, std::string_view message) {
         write(out, "(112(1h=) ,/)");
     else
         write(out, "(78(1h=) ,/)");
-}
-
-void write_tvxfiles(text_out& out) {
-    constexpr edit_form entry{"(1x,a,t25,1h:,3x,1h\",a,1h\") "};
-    if (options.comment) write(out, "(1x,a/) ", model.commentline);
-    write(out, entry, "Analysis type", model.analysis);
-    write(out, entry, "Data file", filenames.datfile);
-    if (options.pedigrees) write(out, entry, "Pedigree file", filenames.pedfile);
-    write(out, entry, "Parameter file", filenames.parfile);
-    write(out, "(/) ");
 }
 
 void write_tvxbottom(text_out& out) {

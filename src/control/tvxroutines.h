@@ -36,8 +36,6 @@ void pause_for_operator();
 
 // Report header with title `message`, 78 columns wide (112 with options.wide).
 void write_tvxtop(text_out& out, std::string_view message);
-// Comment line, analysis type and the input files, below the header.
-void write_tvxfiles(text_out& out);
 // Footer with date and time; closes the output.
 void write_tvxbottom(text_out& out);
 

@@ -23,6 +23,7 @@
 #include <bit>
 #include <cmath>
 #include <string>
+#include <utility>
 
 namespace tarvex {
 
@@ -279,6 +280,7 @@ void set_fixed_levels(const scan_state& s) {
 void set_control_levels(const scan_state& s) {
     allocate("alloc dvec-mm", levels.mm_codes, maxmeta, numbers.nq);
     allocate("alloc dvec-mm", levels.mm_nlev, maxmeta, numbers.nq);
+    phimat.control_values.clear();
     for (int irrc = 1; irrc <= model.nrrc; ++irrc) {
         code_list all;
         for (int iq = 1; iq <= numbers.nq; ++iq)
@@ -292,6 +294,7 @@ void set_control_levels(const scan_state& s) {
                 levels.mm_codes(i, iq) = all;
                 levels.mm_nlev(i, iq) = static_cast<int>(all.size());
             }
+        phimat.control_values.push_back(std::move(all));
     }
 }
 
@@ -350,7 +353,7 @@ void setup_bases() {
         }
     }
     if (nord > 0) setup_legendre(nord);
-    if (spline) setup_bsplines();
+    if (spline) setup_bsplines(covmeans.cv_values);
 }
 
 } // namespace

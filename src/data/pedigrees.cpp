@@ -7,6 +7,7 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "data/nrmcodes.h"
+#include "parfile/model.h"
 #include "support/edit_form.h"
 #include "support/record_file.h"
 #include "support/stop.h"

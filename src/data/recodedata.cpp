@@ -13,7 +13,6 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
-#include "equations/mmequations.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "support/edit_form.h"
@@ -54,7 +53,8 @@ int find_level(const level_finder& f, std::int64_t icode) {
 
 // The subject in hand, observations as they come in the file.
 struct recoder {
-    bool full = false; // second numbering, all effects at full rank
+    explicit recoder(const equation_starts& where) : starts(where) {}
+    equation_starts starts;
     int mrow = 0, mcov = 0, nmeta = 0, krand = 0;
     int nobs = 0;
     array<double> yvec;          // (maxnr)
@@ -71,10 +71,9 @@ struct recoder {
     record_writer heads, lists;
 };
 
-void allocate_recoder(recoder& r, bool full) {
+void allocate_recoder(recoder& r) {
     const int maxnr = numbers.maxnr, nq = numbers.nq;
-    r.full = full;
-    r.mrow = max_row_length(full);
+    r.mrow = max_row_length();
     r.mcov = max_covariable_width();
     r.nmeta = options.randreg ? model.nrrc : 0;
     r.krand = numbers.krand;
@@ -100,10 +99,9 @@ int gather_fixed(recoder& r, const array<double>& dvec, int iq, int k) {
         const int ilev = find_code(icode, levels.fx_codes(i, iq));
         if (ilev == 0) not_found('f', model.fixed(i, iq), icode, levels.fx_nlev(i, iq));
         r.ilev(i) = ilev;
-        r.ieqnr(++pos, k) = mmequations.fx_start(i, iq) + ilev;
+        r.ieqnr(++pos, k) = r.starts.fixed(i, iq) + ilev;
     }
-    if (model.fitmean(iq) != 0)
-        r.ieqnr(++pos, k) = mmequations.ieq_trait(iq) + (r.full ? mmequations.neqns_full - mmequations.neqns : 0);
+    if (model.fitmean(iq) != 0) r.ieqnr(++pos, k) = r.starts.means(iq);
     return pos;
 }
 
@@ -114,11 +112,10 @@ void gather_random(recoder& r, const array<double>& dvec, int iq, int k, int pos
         const int ilev = find_level(r.finders(irand), icode);
         if (ilev == 0) not_found('r', model.random(i, iq), icode, levels.rn_nlev(irand));
         if (r.iraand(irand, k) == 0) r.iraand(irand, k) = ilev;
-        const int width = position_width(i, iq, r.full);
+        const int width = position_width(i, iq);
         if (width == 0) continue;
-        const int start = r.full ? mmequations.rn_start_full(irand) : mmequations.rn_start(irand);
-        const int place = options.principal && !r.full ? 1 : mudmap.rn_place(i, iq);
-        const int first = start + (ilev - 1) * block_width(irand, r.full) + place;
+        const int place = options.principal ? 1 : mudmap.rn_place(i, iq);
+        const int first = r.starts.random(irand) + (ilev - 1) * nfit(irand) + place;
         for (int c = 0; c < width; ++c) r.ieqnr(++pos, k) = first + c;
     }
 }
@@ -141,7 +138,7 @@ void gather_covariables(recoder& r, const array<double>& dvec, int iq, int k) {
         const int order = mudmap.cv_order(i, iq);
         covariable_row(i, iq, dvec(mudmap.cv_dcolno(i, iq)) + 0.0,
                        r.xcov.column(k).subspan(static_cast<std::size_t>(pos)));
-        const int first = mmequations.cv_start(i, iq) + (nest_level(r, dvec, i, iq) - 1) * order;
+        const int first = r.starts.covariables(i, iq) + (nest_level(r, dvec, i, iq) - 1) * order;
         for (int c = 1; c <= order; ++c) r.icov(++pos, k) = first + c;
     }
 }
@@ -257,36 +254,33 @@ void recode(recoder& r) {
         r.heads.record(r.icov.prefix(static_cast<std::ptrdiff_t>(r.mcov) * r.nobs));
     }
     r.heads.record(r.ieqnr.prefix(static_cast<std::ptrdiff_t>(r.mrow) * r.nobs));
-    if (options.superai && !r.full) r.heads.record(r.iraand.prefix(static_cast<std::ptrdiff_t>(r.krand) * r.nobs));
-    (r.full ? r.heads : r.lists).record(nr, jvec);
+    if (options.superai) r.heads.record(r.iraand.prefix(static_cast<std::ptrdiff_t>(r.krand) * r.nobs));
+    r.lists.record(nr, jvec);
     r.nobs = 0;
     r.mark.fill(0);
 }
 
 void write_fault(const std::string& name) { stop_with("Error writing file \"" + name + "\""); }
 
-// The pass over the data that both recodings share.
-void recode_data(bool full) {
-    recoder r;
-    allocate_recoder(r, full);
-    numbers.nsubject = 0;
-    if (!full) numbers.maxnreq = 0;
-    const std::string& name = full ? filenames.recdatfil4 : filenames.recdatfil1;
-    if (!r.heads.open(name)) write_fault(name);
-    if (!full && !r.lists.open(filenames.recdatfil2)) write_fault(filenames.recdatfil2);
+void recode_data(const equation_starts& starts) {
+    recoder r(starts);
+    allocate_recoder(r);
+    numbers.nsubject = numbers.maxnreq = 0;
+    if (!r.heads.open(filenames.recdatfil1)) write_fault(filenames.recdatfil1);
+    if (!r.lists.open(filenames.recdatfil2)) write_fault(filenames.recdatfil2);
     subject_pass pass;
     array<double> dvec;
     allocate("alloc dvec", dvec, mudmap.maxcol);
     int iq = 0;
-    bool starts = false;
+    bool begins = false;
     open_subjects(pass);
-    while (next_record(pass, dvec, iq, starts)) {
-        if (starts && r.nobs > 0) recode(r);
+    while (next_record(pass, dvec, iq, begins)) {
+        if (begins && r.nobs > 0) recode(r);
         gather2(r, dvec, iq);
     }
     if (r.nobs > 0) recode(r);
-    if (!r.heads.close()) write_fault(name);
-    if (!full && !r.lists.close()) write_fault(filenames.recdatfil2);
+    if (!r.heads.close()) write_fault(filenames.recdatfil1);
+    if (!r.lists.close()) write_fault(filenames.recdatfil2);
 }
 
 } // namespace
@@ -333,15 +327,13 @@ void not_found(char kind, std::string_view name, std::int64_t icode, int nlev) {
     stoptarvex();
 }
 
-void data_recode() {
+void data_recode(const equation_starts& starts) {
     if (options.details) print_list(screen(), "Start DATA_RECODE");
-    recode_data(false);
+    recode_data(starts);
     if (options.verbose)
         print_list(screen(), "No. of \"subjects\" in data", numbers.nsubject, " maxnr =", numbers.maxnr,
                    "  ncombi =", combinations.ncombi);
     if (options.details) print_list(screen(), "End of routine \"data_recode\" ");
 }
-
-void data_recode_full() { recode_data(true); }
 
 } // namespace tarvex

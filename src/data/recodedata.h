@@ -8,9 +8,7 @@
 //   D  one trait, random regression:              nobs, yvec(:nobs), imeta(:,:nobs)  (kk = nobs, icombi 0)
 //   E  several traits, random regression:         icombi, nobs, ynq(:nobs), yvec(:nobs), imeta(:,:nobs)
 // recoded2.bin: nr, jvec(:nr) in equation numbers before ordering; recoded3.bin: the same after ordering.
-// recoded4.bin: as recoded1.bin with the design of the full-rank model, without iraand, followed by nr, jvec(:nr)
-// (PX-EM of reduced rank). In the second numbering the equations of the means move up by neqns_full - neqns, as they
-// stand last. Observations of a subject are sorted by trait, those of one trait as they come. imeta has one row for
+// Observations of a subject are sorted by trait, those of one trait as they come. imeta has one row for
 // each of the control variables rrcontrol, 0 where the trait has not got it. Integers are 32 bits, reals 64 bits.
 #pragma once
 #include "data/datavecs.h"
@@ -21,20 +19,25 @@
 
 namespace tarvex {
 
+// Where the equations of each effect start, in the numbering of mmequations.h.
+struct equation_starts {
+    const array<int, 2>& covariables; // (maxcov,nq)
+    const array<int, 2>& fixed;       // (maxfix,nq)
+    const array<int>& random;         // (krand)
+    const array<int>& means;          // (nq) the equation itself
+};
+
 // Reads the data once more and writes recoded1.bin and recoded2.bin; sets numbers.nsubject, numbers.maxnreq,
 // combinations.
-void data_recode();
-// The same with kkfit components for every effect and the equation starts given by rn_start_full: writes recoded4.bin.
-void data_recode_full();
+void data_recode(const equation_starts& starts);
 
 // Open reading pass over the recoded subjects.
 struct recdata_pass {
-    record_reader heads; // recoded1.bin (recoded4.bin)
-    record_reader lists; // recoded2.bin or recoded3.bin; closed for recoded4.bin, whose lists stand in `heads`
+    record_reader heads; // recoded1.bin
+    record_reader lists; // recoded2.bin or recoded3.bin
 };
 // Allocates datavecs and opens the files: `lists_file` is filenames.recdatfil2 or recdatfil3. Faults stop the run.
 void setup_recdata(recdata_pass& pass, const std::string& lists_file);
-void setup_recdata_full(recdata_pass& pass); // recoded4.bin
 // Reads the next subject into datavecs. False at the end.
 bool next_subject(recdata_pass& pass);
 void deall_recdata(recdata_pass& pass);

@@ -16,10 +16,10 @@ namespace {
 
 [[noreturn]] void read_fault(const std::string& name) { stop_with("Error reading file \"" + name + "\""); }
 
-void setup_tables(bool full) {
+void setup_tables() {
     auto& d = datavecs;
     const int maxnr = numbers.maxnr;
-    d.mrow = max_row_length(full);
+    d.mrow = max_row_length();
     d.mcov = max_covariable_width();
     d.nmeta = options.randreg ? model.nrrc : 0;
     allocate("alloc 52", d.yvec, maxnr);
@@ -29,7 +29,7 @@ void setup_tables(bool full) {
     allocate("alloc 52", d.xcov, d.mcov, maxnr);
     allocate("alloc 52", d.icov, d.mcov, maxnr);
     allocate("alloc 52", d.jvec, numbers.maxnreq);
-    allocate("all 52b", d.iraand, numbers.krand, options.superai && !full ? maxnr : 0);
+    allocate("all 52b", d.iraand, numbers.krand, options.superai ? maxnr : 0);
     allocate("all 52b", d.imeta, d.nmeta, maxnr);
 }
 
@@ -71,27 +71,20 @@ bool get_list(record_reader& in) {
 } // namespace
 
 void setup_recdata(recdata_pass& pass, const std::string& lists_file) {
-    setup_tables(false);
+    setup_tables();
     if (!pass.heads.open(filenames.recdatfil1)) read_fault(filenames.recdatfil1);
     if (!pass.lists.open(lists_file)) read_fault(lists_file);
-}
-
-void setup_recdata_full(recdata_pass& pass) {
-    setup_tables(true);
-    pass.lists.close();
-    if (!pass.heads.open(filenames.recdatfil4)) read_fault(filenames.recdatfil4);
 }
 
 bool next_subject(recdata_pass& pass) {
     auto& d = datavecs;
     auto& in = pass.heads;
-    const bool full = !pass.lists.is_open();
     if (!in.next()) return false;
     bool good = get_head(in);
     if (good && d.mcov > 0) good = in.record(columns(d.xcov, d.mcov, d.kk)) && in.record(columns(d.icov, d.mcov, d.kk));
     good = good && in.record(columns(d.ieqnr, d.mrow, d.kk));
-    if (good && options.superai && !full) good = in.record(columns(d.iraand, numbers.krand, d.nobs));
-    good = good && get_list(full ? in : pass.lists);
+    if (good && options.superai) good = in.record(columns(d.iraand, numbers.krand, d.nobs));
+    good = good && get_list(pass.lists);
     if (!good) stop_with("Error reading recoded data !");
     return true;
 }

@@ -11,25 +11,21 @@ namespace tarvex {
 
 int lead_positions(int iq) { return model.nfix(iq) + (model.fitmean(iq) != 0 ? 1 : 0); }
 
-int block_width(int irand, bool full_rank) {
-    return options.principal && !full_rank ? model.krfit(irand) : model.kkfit(irand);
-}
-
-int position_width(int i, int iq, bool full_rank) {
+int position_width(int i, int iq) {
     const int irand = mudmap.rn_irand(i, iq);
     if (mudmap.kovrnd(irand) == "PEQ") return 0;
-    return options.principal && !full_rank ? model.krfit(irand) : mudmap.kfitrnd(i, iq);
+    return options.principal ? model.krfit(irand) : mudmap.kfitrnd(i, iq);
 }
 
-int row_length(int iq, bool full_rank) {
+int row_length(int iq) {
     int n = lead_positions(iq);
-    for (int i = 1; i <= model.nrnd(iq); ++i) n += position_width(i, iq, full_rank);
+    for (int i = 1; i <= model.nrnd(iq); ++i) n += position_width(i, iq);
     return n;
 }
 
-int max_row_length(bool full_rank) {
+int max_row_length() {
     int n = 0;
-    for (int iq = 1; iq <= numbers.nq; ++iq) n = std::max(n, row_length(iq, full_rank));
+    for (int iq = 1; iq <= numbers.nq; ++iq) n = std::max(n, row_length(iq));
     return n;
 }
 

@@ -7,14 +7,11 @@
 
 namespace tarvex {
 
-int lead_positions(int iq);                                // positions in front of the random effects
-int position_width(int i, int iq, bool full_rank = false); // positions of random effect i of trait iq
-int row_length(int iq, bool full_rank = false);            // all positions of a row of trait iq
-int max_row_length(bool full_rank = false);                // the largest over traits
-int block_width(int irand, bool full_rank = false);        // equations of a level of block irand
-int covariable_width(int iq);                              // regression values of a row of trait iq
+int lead_positions(int iq);        // positions in front of the random effects
+int position_width(int i, int iq); // positions of random effect i of trait iq
+int row_length(int iq);            // all positions of a row of trait iq
+int max_row_length();              // the largest over traits
+int covariable_width(int iq);      // regression values of a row of trait iq
 int max_covariable_width();
-
-// full_rank: the second numbering, in which all effects are fitted at full rank although the run is not.
 
 } // namespace tarvex

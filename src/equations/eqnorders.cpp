@@ -8,7 +8,6 @@
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
-#include "equations/setups.h"
 #include "equations/symfacfile.h"
 #include "parfile/model.h"
 #include "sparse/linkedlist.h"
@@ -449,7 +448,6 @@ void redo_eqnorders() {
         write_order(nofsub, nnops);
         write_symfac();
     }
-    resize_store();
     if (options.verbose) print_list(screen(), "END \"redo_eqnorders\" ");
 }
 

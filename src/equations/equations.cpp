@@ -133,15 +133,9 @@ void equation_nos() {
     }
 }
 
-void equation_nos_full() {
-    allocate("alloc start", mmequations.rn_start_full, numbers.krand);
-    long long ibegin = mmequations.neq_cov + mmequations.neq_fix;
-    number_random(
-        mmequations.rn_start_full, ibegin, [](int irand) { return model.kkfit(irand); }, false);
-    for (int iq = 1; iq <= numbers.nq; ++iq)
-        if (model.fitmean(iq)) ++ibegin;
-    check_size(ibegin);
-    mmequations.neqns_full = cut(ibegin);
+equation_starts starts_of_equations() {
+    const auto& m = mmequations;
+    return {m.cv_start, m.fx_start, m.rn_start, m.ieq_trait};
 }
 
 void new_eqnnos() {

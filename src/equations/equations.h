@@ -1,5 +1,7 @@
 // Equation numbering, before and after ordering.
 #pragma once
+#include "data/recodedata.h"
+
 namespace tarvex {
 
 // Gives every effect its block of equations and starts the list of those to be taken out: the first level of each fixed
@@ -7,9 +9,8 @@ namespace tarvex {
 // More than maxeqns equations, or a level to be taken out that does not exist, stop the run.
 void equation_nos();
 
-// rn_start_full, neqns_full: the numbering with every random effect at full rank. Means stand behind the random effects
-// in both, so that their numbers differ by neqns_full - neqns.
-void equation_nos_full();
+// For the recoding of the data.
+equation_starts starts_of_equations();
 
 // recoded2.bin -> recoded3.bin: the same lists in the numbers of the factorisation order (orders.ieqnew, 0 for
 // equations taken out), in the order of the old numbers.

@@ -13,7 +13,7 @@
 #include "data/recodedata.h"
 #include "equations/mmequations.h"
 #include "equations/orders.h"
-#include "estimation/estimates.h"
+#include "parameters/parvec.h"
 #include "parameters/residualvars.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
@@ -126,7 +126,7 @@ void form_residual_inverses() {
     if (!options.randreg && numbers.nq == 1 && !peq_effect()) return;
     array<double> parvec = estimates.parvec; // clamps must not touch the starting point
     int ifail = 0;
-    rinverse(parvec, estimates.nparm, 0, ifail);
+    rinverse(parvec, ifail);
     if (ifail == 0) return;
     if (!options.blup) {
         if (!options.randreg) show_indefinite_pattern();

@@ -9,7 +9,6 @@
 #include "data/recodedata.h"
 #include "data/rowlayout.h"
 #include "equations/mmequations.h"
-#include "likelihood/solutions.h"
 #include "sparse/linkmerge.h"
 #include "sparse/lsqrank.h"
 #include "support/edit_form.h"
@@ -135,10 +134,10 @@ void lsq_fixed() {
     numbers.nrankx = r.rank;
     if (options.verbose)
         write(screen(), "(1x,2(a,i6))", "Coefficient matrix fixed effects - rank =", r.rank, "  no. of rows =", n);
-    allocate("alloc zhz", solutions.rhs, n);
-    allocate("alloc zhz", solutions.xsol, n);
-    std::copy(a.rhs.begin(), a.rhs.end(), solutions.rhs.begin());
-    std::copy(r.xsol.begin(), r.xsol.end(), solutions.xsol.begin());
+    allocate("alloc zhz", lsqsolutions.rhs, n);
+    allocate("alloc zhz", lsqsolutions.xsol, n);
+    std::copy(a.rhs.begin(), a.rhs.end(), lsqsolutions.rhs.begin());
+    std::copy(r.xsol.begin(), r.xsol.end(), lsqsolutions.xsol.begin());
     if (options.verbose) print_list(screen(), "END \"lsqfixed\"");
 }
 

@@ -21,9 +21,6 @@ struct mmequations_module {
     array<int> ieq_trait;     // (nq) equation of the trait's mean, 0 none
     std::vector<int> ieqzero; // equations taken out, in order of finding; always numbers before ordering
     // int nzero is ieqzero.size()
-    // Second numbering, all effects at full rank (PX-EM of reduced-rank models).
-    int neqns_full = 0;
-    array<int> rn_start_full; // (krand)
 };
 inline mmequations_module mmequations;
 

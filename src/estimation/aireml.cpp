@@ -7,7 +7,10 @@
 #include "control/tvxroutines.h"
 #include "dense/numroutines.h"
 #include "estimation/bestpoint.h"
+#include "estimation/covs2parvec.h"
 #include "estimation/estimates.h"
+#include "estimation/evaluate.h"
+#include "estimation/searchstate.h"
 #include "estimation/stepcontrol.h"
 #include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
@@ -87,8 +90,7 @@ void test_convergence(double xold, double xnew) {
 
 // Gradient and information at parvec. False where the point has no value.
 bool prepare(int iter, double& xold) {
-    double dev = 0.0;
-    loglike(estimates.parvec, estimates.nparm, dev, xold, 1);
+    xold = evaluate_point(estimates.parvec, 1);
     if (!(xold > invalid_logl)) return false;
     average_info();
     derivatives_mmm();
@@ -114,14 +116,14 @@ outcome judge_step(double xold, double& xnew) {
 }
 
 void take_step(int& iround, double xold, double xnew) {
-    aireml_terms.pnorm = relative_change(estimates.parvec, estimates.parnew);
+    aireml_terms.pnorm = relative_change(estimates.parvec, search_state.parnew);
     if (aireml_terms.pnorm < 1.0e-8) maximise.converged = true;
     ++iround;
     ++aireml_terms.accepted;
     aireml_terms.last_change = xnew - xold;
     print_iterate(iround, xnew, xold);
     list_step();
-    estimates.parvec = estimates.parnew;
+    estimates.parvec = search_state.parnew;
     if (options.reconstruct && readbestpoint(true)) covs2parvec();
     maximise.converged = false; // only the tests on gradient and log L count
     if (xnew >= xold) test_convergence(xold, xnew);
@@ -129,7 +131,7 @@ void take_step(int& iround, double xold, double xnew) {
 }
 
 void close_phase(int iter, int nits, bool search_failed) {
-    estimates.parvec = estimates.parbest;
+    estimates.parvec = bestpoint.parbest;
     if (maximise.ncycle != 1 || maximise.converged) return;
     if (!search_failed) print_list(screen(), "*** AIREML : No convergence");
     text_out out;
@@ -182,7 +184,7 @@ void list_step() {
     if (!options.verbose) return;
     const auto& t = aireml_terms;
     write(screen(), head, "Estimates for \"tau\" =", t.tau, "\"alpha\" =", t.alpha, "\"norm\" =", t.dnorm);
-    list_changes(estimates.parvec, estimates.parnew);
+    list_changes(estimates.parvec, search_state.parnew);
 }
 
 void list_changes(const array<double>& from, const array<double>& to) {

@@ -30,7 +30,7 @@ std::vector<double> get_cov(int irand) {
     const int steps = irand == 0 ? model.rr_resteps : 1, n = model.kkfit(irand);
     for (int step = 1; step <= steps; ++step) {
         int ifail = 0;
-        parvec2covs(estimates.parbest, irand, step, cc, vv, ifail);
+        parvec2covs(bestpoint.parbest, irand, step, cc, vv, ifail);
         for (int i = 1; i <= n; ++i)
             for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j) all.push_back(cc(ihmssf(i, j, n)));
     }
@@ -76,7 +76,7 @@ void writebestpoint(int iround, text_out* extra) {
     text_out out;
     if (!out.open(temporary)) return;
     const auto put = [&](text_out& to) {
-        print_list(to, estimates.xbest, estimates.nparm);
+        print_list(to, bestpoint.xbest, estimates.nparm);
         for (const auto& block : blocks) {
             std::string line;
             for (double x : block) line += (line.empty() ? "" : " ") + list_item(x);
@@ -90,7 +90,7 @@ void writebestpoint(int iround, text_out* extra) {
 }
 
 bool readbestpoint(bool quiet) {
-    estimates.xlike_file = invalid_logl;
+    bestpoint.xlike_file = invalid_logl;
     std::ifstream in(filenames.bestfile);
     double xlike = 0.0;
     int nprm = 0;
@@ -109,8 +109,8 @@ bool readbestpoint(bool quiet) {
     for (int irand = 0; irand <= numbers.krand; ++irand)
         for (int k = 1; k <= cov_length(irand); ++k)
             model.cov(k, irand) = blocks[static_cast<std::size_t>(irand)][static_cast<std::size_t>(k - 1)];
-    estimates.xlike_file = xlike;
-    estimates.from_best = true;
+    bestpoint.xlike_file = xlike;
+    bestpoint.from_best = true;
     return true;
 }
 

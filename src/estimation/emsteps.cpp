@@ -8,7 +8,9 @@
 #include "dense/numroutines.h"
 #include "estimation/aireml.h"
 #include "estimation/bestpoint.h"
+#include "estimation/covs2parvec.h"
 #include "estimation/estimates.h"
+#include "estimation/evaluate.h"
 #include "estimation/pxem.h"
 #include "likelihood/ddvecs.h"
 #include "likelihood/emquants.h"
@@ -203,11 +205,7 @@ void em_step() {
     if (options.principal) forget_likelihoods();
 }
 
-double evaluate(int iopt) {
-    double dev = 0.0, x = 0.0;
-    loglike(estimates.parvec, estimates.nparm, dev, x, iopt);
-    return x;
-}
+double evaluate(int iopt) { return evaluate_point(estimates.parvec, iopt); }
 
 double relative_change(const array<double>& from, const array<double>& to) {
     double change = 0.0, size = 0.0;
@@ -304,7 +302,7 @@ void em_algorithm(int nits, int& iround, double& xlike, double xlimit) {
         print_iterate(iround, xnew, xold, std::to_string(pxempc.skippx));
         push_changes(dd);
         // A new pivot order leaves the best point in the old one unless this round has become the best.
-        const bool lost = options.principal && xnew < estimates.xbest;
+        const bool lost = options.principal && xnew < bestpoint.xbest;
         if ((options.reconstruct || lost) && readbestpoint(true)) covs2parvec();
         if (traced(iround)) writebestpoint(iround);
         if (in_cycle) {

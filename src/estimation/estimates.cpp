@@ -7,7 +7,9 @@
 #include "control/tvxroutines.h"
 #include "estimation/aireml.h"
 #include "estimation/bestpoint.h"
+#include "estimation/covs2parvec.h"
 #include "estimation/emsteps.h"
+#include "estimation/evaluate.h"
 #include "estimation/lastpoint.h"
 #include "estimation/powell.h"
 #include "estimation/pxem.h"
@@ -41,8 +43,7 @@ double stored_best_value() {
 }
 
 void first_evaluation(double& xlike) {
-    double dev = 0.0;
-    loglike(estimates.parvec, estimates.nparm, dev, xlike, 1);
+    xlike = evaluate_point(estimates.parvec, 1);
     if (xlike > invalid_logl) return;
     print_list(screen(), "***** ERROR in sparse matrix factorisation ");
     print_list(screen(), "      mixed model matrix is not positive definite !!!");
@@ -67,7 +68,7 @@ void cycle_of_em_and_ai(int& iround, double& xlike) {
             options.pxem = pxem;
             from_best_point();
             int ifail = 0;
-            rinverse(estimates.parvec, estimates.nparm, 0, ifail);
+            rinverse(estimates.parvec, ifail);
         }
         em_algorithm(maximise.pxem_its, iround, xlike, maximise.ncycle == 1 ? 2.0 : 0.0);
         if (maximise.converged) return;
@@ -92,15 +93,14 @@ void cycle_of_em_and_ai(int& iround, double& xlike) {
 
 // The point of the reports: the best one. Average information there, for the sampling errors, and the verdict.
 void final_step() {
-    double dev = 0.0, xlike = 0.0;
-    estimates.parvec = estimates.parbest; // a last round may have lost by rounding
-    loglike(estimates.parvec, estimates.nparm, dev, xlike, 1);
+    estimates.parvec = bestpoint.parbest; // a last round may have lost by rounding
+    const double xlike = evaluate_point(estimates.parvec, 1);
     if (!(xlike > invalid_logl)) return;
     save_solutions(); // on the scale of the final parameters
     const derivs_module search = derivs;
     judge_last_point();
-    estimates.xlike_file = stored_best_value();
-    if (!options.aireml || !(std::fabs(xlike - estimates.xlike_file) < 0.001)) {
+    bestpoint.xlike_file = stored_best_value();
+    if (!options.aireml || !(std::fabs(xlike - bestpoint.xlike_file) < 0.001)) {
         derivs = search;
         return;
     }
@@ -116,7 +116,8 @@ void add_change(const std::vector<parameter_change>& change, double factor) {
     for (const parameter_change& c : change)
         for (int irand = 0; irand <= numbers.krand; ++irand) {
             const int k = c.par - block_start(irand) + 1;
-            if (irand != residualvars.ipeq && k >= 1 && k <= cov_length(irand)) model.cov(k, irand) += factor * c.change;
+            if (irand != residualvars.ipeq && k >= 1 && k <= cov_length(irand))
+                model.cov(k, irand) += factor * c.change;
         }
 }
 
@@ -124,13 +125,12 @@ void add_change(const std::vector<parameter_change>& change, double factor) {
 void leave_border() {
     const auto lifts = verdict.last.lifts;
     for (const auto& lift : lifts) {
-        const double before = estimates.xbest;
-        for (double factor = 1.0; factor > 0.01 && !(estimates.xbest > before); factor *= 0.25) {
+        const double before = bestpoint.xbest;
+        for (double factor = 1.0; factor > 0.01 && !(bestpoint.xbest > before); factor *= 0.25) {
             from_best_point();
             add_change(lift, factor);
             covs2parvec();
-            double dev = 0.0, x = 0.0;
-            loglike(estimates.parvec, estimates.nparm, dev, x, 0);
+            evaluate_point(estimates.parvec, 0);
         }
     }
 }
@@ -140,7 +140,7 @@ void leave_border() {
 bool resume(int& iround, double& xlike) {
     constexpr int rounds = 20;
     constexpr double least_gain = 0.01; // of a round that calls for another
-    const double before = estimates.xbest;
+    const double before = bestpoint.xbest;
     const options_module kept = options;
     const int search_type = maximise.search_type;
     options.emalgorithm = true;
@@ -155,7 +155,7 @@ bool resume(int& iround, double& xlike) {
     ai_phase(iround, xlike);
     options.algorithm_set = kept.algorithm_set;
     maximise.search_type = search_type;
-    return estimates.xbest > before;
+    return bestpoint.xbest > before;
 }
 
 // The verdict, and the search again where it is not at a maximum and the user has set no limit of iterates.

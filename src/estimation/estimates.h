@@ -1,47 +1,9 @@
-// The parameter vector and the driver of the maximisation.
-//
-// parvec: residual block first (step after step), then the PEQ block, then the other random effects in order. A block
-// on the factor scale holds the columns of the (pivoted) lower Cholesky factor: for c = 1..krfit, r = c..kkfit element
-// (r,c); on the "Original" scale its packed upper triangle. A diagonal block holds kkfit (log) root variances, or
-// variances on "Original".
+// The driver of the maximisation.
 #pragma once
-#include "control/limits.h"
-#include "support/array.h"
-
-#include <string>
+#include "estimation/bestpoint.h"
+#include "parameters/parvec.h"
 
 namespace tarvex {
-
-struct estimates_module {
-    int nparm = 0;                         // length of parvec
-    int nresparm = 0;                      // parameters of the residual block
-    int npeqparm = 0;                      // parameters of the PEQ block
-    int nrespeq = 0;                       // nresparm + npeqparm
-    int nother = 0;                        // nparm - nrespeq
-    int ncov = 0;                          // covariance components
-    int ncovall = 0;                       // ncov and user-defined sums
-    double xlike_file = invalid_logl;      // log L last read from BestPoint
-    double xbest = invalid_logl;           // best log L of the run
-    array<double> parvec, parnew, parbest; // (nparm)
-    array<std::string> parnames;           // (nparm)
-    array<std::string> covnames;           // (ncovall)
-    array<int, 1, 0> nnparm;               // (0:krand) block sizes
-    array<std::string, 1, 0> paraform;     // (0:krand) "Variance", "Cholesky" or "Original"
-    array<int, 1, 0> logdiagonals;         // (0:krand) diagonals of the factor are held as logarithms
-    array<int, 1, 0> switchlog;            // (0:krand) a diagonal fell below 0.25: ask for logarithms
-    array<int> logpar;                     // (nparm) this element is a logarithm
-    array<int> ispar;                      // (nparm) takes part in derivative-free maximisation
-    array<int, 2, 0> cholorder;            // (maxk*steps,0:krand) pivot order; step s of block 0 at (s-1)*kkfit+1
-    bool reorder = true;                   // pivot the factorisation
-    bool allocated = false;
-    bool from_best = false; // model.cov was read from BestPoint, not given by the user
-};
-inline estimates_module estimates;
-
-// First parameter of block irand (0 residual) in parvec; step of the residual from 1.
-int block_start(int irand, int step = 1);
-// Number of the first covariance of block irand in ListofCovs.
-int cov_start(int irand, int step = 1);
 
 void get_estimates(); // maximises log L by the plan of maximise.search_type
 

@@ -5,7 +5,7 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "estimation/estimates.h"
-#include "likelihood/likelihood.h"
+#include "estimation/evaluate.h"
 #include "support/edit_form.h"
 
 #include <algorithm>
@@ -53,8 +53,7 @@ double powell_search::at(const std::vector<double>& from, const std::vector<doub
         const auto k = static_cast<std::size_t>(i - 1);
         parvec(i) = from[k] + (estimates.ispar(i) ? d * dir[k] : 0.0);
     }
-    double dev = 0.0, xlike = 0.0;
-    loglike(parvec, nparm, dev, xlike, 0);
+    const double xlike = evaluate_point(parvec, 0);
     ++count;
     return xlike > invalid_logl + ztol ? -2.0 * xlike : no_value;
 }
@@ -175,8 +174,8 @@ void start(powell_search& s) {
         s.step.push_back(first_step);
     }
     s.ztol = 20.0 * numbers.zero;
-    if (options.continew && estimates.xlike_file > invalid_logl + s.ztol)
-        s.ffmin = -2.0 * estimates.xlike_file;
+    if (options.continew && bestpoint.xlike_file > invalid_logl + s.ztol)
+        s.ffmin = -2.0 * bestpoint.xlike_file;
     else
         s.ffmin = s.at(s.best, s.best, 0.0);
     if (s.ffmin < no_value) return;
@@ -255,9 +254,8 @@ void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& cou
         flag = 1;
         break;
     }
-    double dev = 0.0;
     for (int i = 1; i <= nparm; ++i) parvec(i) = s.best[static_cast<std::size_t>(i - 1)];
-    loglike(parvec, nparm, dev, xbest, 0);
+    xbest = evaluate_point(parvec, 0);
     count = s.count;
 }
 

@@ -7,8 +7,9 @@
 #include "dense/numroutines.h"
 #include "estimation/aireml.h"
 #include "estimation/estimates.h"
+#include "estimation/evaluate.h"
+#include "estimation/searchstate.h"
 #include "likelihood/derivatives.h"
-#include "likelihood/likelihood.h"
 #include "parfile/model.h"
 #include "support/edit_form.h"
 
@@ -124,7 +125,7 @@ void damage_control() {
         array<double> eig;
         a.allocate(n, n);
         for (int i = 1; i <= n; ++i)
-            for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = estimates.parnew(from + ihmssf(i, j, n) - 1);
+            for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = search_state.parnew(from + ihmssf(i, j, n) - 1);
         int nzero = 0;
         eigem(a, eig, vectors, n, residual_floor, nzero);
         if (nzero == 0) continue;
@@ -132,21 +133,19 @@ void damage_control() {
             for (int j = i; j <= n; ++j) {
                 double s = 0.0;
                 for (int k = 1; k <= n; ++k) s += vectors(i, k) * vectors(j, k) * std::max(eig(k), residual_floor);
-                estimates.parnew(from + ihmssf(i, j, n) - 1) = s;
+                search_state.parnew(from + ihmssf(i, j, n) - 1) = s;
             }
     }
 }
 
 void move(double length) {
-    estimates.parnew = estimates.parvec;
-    for (int i = 1; i <= size(); ++i) estimates.parnew(derivs.subset(i)) += length * derivs.dvec(i);
+    search_state.parnew = estimates.parvec;
+    for (int i = 1; i <= size(); ++i) search_state.parnew(derivs.subset(i)) += length * derivs.dvec(i);
 }
 
 double evaluate(double length) {
-    double dev = 0.0, x = 0.0;
     move(length);
-    loglike(estimates.parnew, estimates.nparm, dev, x, 0);
-    return -x;
+    return -evaluate_point(search_state.parnew, 0);
 }
 
 // Minimiser of the cubic through the last two lengths and values (0, f0, slope known).
@@ -226,9 +225,8 @@ void eztimates(int iter, double& xnew) {
     if (options.details)
         write(screen(), step_line, "Estimates for \"tau\" =", at.tau, "\"alpha\" =", at.alpha, "\"slope\" =", at.slope,
               "norm =", at.dnorm);
-    list_changes(estimates.parvec, estimates.parnew);
-    double dev = 0.0;
-    loglike(estimates.parnew, estimates.nparm, dev, xnew, 0);
+    list_changes(estimates.parvec, search_state.parnew);
+    xnew = evaluate_point(search_state.parnew, 0);
     if (options.verbose) write(screen(), trial_line, " Tau =", at.tau, " Alpha =", at.alpha, "  log L =", xnew);
 }
 

@@ -1,6 +1,7 @@
 // Step control of AI-REML: modification of the information matrix, trial step, backtracking line search (Dennis and
 // Schnabel 1983, Numerical methods for unconstrained optimization).
 #pragma once
+#include "estimation/searchstate.h"
 #include "support/array.h"
 
 namespace tarvex {
@@ -16,13 +17,13 @@ inline linesearch_module linesearch;
 void set_linesearch(); // constants at the start of AI-REML
 
 // Step from derivs.der1, der2 (subset of nparm2 parameters) and the trial evaluation: aireml_terms.tau, alpha, slope,
-// derivs.dvec, estimates.parnew; xnew is its log L.
+// derivs.dvec, search_state.parnew; xnew is its log L.
 void eztimates(int iter, double& xnew);
 
 // tau to add to the diagonal for largest and smallest eigenvalue e1, en; 0: none needed.
 double set_tau(double e1, double en);
 
-// Searches along dvec after a trial that did not gain. Leaves estimates.parnew, xnew, aireml_terms.alpha. fail: no
+// Searches along dvec after a trial that did not gain. Leaves search_state.parnew, xnew, aireml_terms.alpha. fail: no
 // point found.
 void line_search(double xold, double& xnew, bool& fail);
 

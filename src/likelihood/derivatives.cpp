@@ -7,11 +7,11 @@
 #include "data/datavecs.h"
 #include "dense/numroutines.h"
 #include "equations/mmmatrix.h"
-#include "estimation/estimates.h"
 #include "likelihood/factormmm.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/structure_sums.h"
 #include "parameters/parunits.h"
+#include "parameters/parvec.h"
 #include "parameters/randomvars.h"
 #include "parameters/residualvars.h"
 #include "parfile/model.h"
@@ -185,7 +185,8 @@ void write_avinfo(double xlike) {
         if (!out.open(name)) return;
         print_list(out, xlike);
         for (int i = 1; i <= estimates.nparm; ++i)
-            for (int j = i; j <= estimates.nparm; ++j) print_list(out, i, j, sign * a(ihmssf(i, j, estimates.nparm)) / (unit[at(i - 1)] * unit[at(j - 1)]));
+            for (int j = i; j <= estimates.nparm; ++j)
+                print_list(out, i, j, sign * a(ihmssf(i, j, estimates.nparm)) / (unit[at(i - 1)] * unit[at(j - 1)]));
     };
     std::vector<double> factors;
     for (const auto& u : parameter_units()) factors.push_back(u.factor);

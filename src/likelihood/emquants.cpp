@@ -8,11 +8,11 @@
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
-#include "estimation/estimates.h"
 #include "likelihood/buildmmm.h"
 #include "likelihood/factormmm.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
+#include "parameters/parvec.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 

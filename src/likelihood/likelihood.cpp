@@ -13,12 +13,12 @@
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
-#include "estimation/bestpoint.h"
-#include "estimation/estimates.h"
 #include "likelihood/buildmmm.h"
 #include "likelihood/factormmm.h"
+#include "likelihood/setups.h"
 #include "likelihood/solutions.h"
 #include "parameters/parunits.h"
+#include "parameters/parvec.h"
 #include "parameters/randomvars.h"
 #include "parameters/residualvars.h"
 #include "parfile/model.h"
@@ -58,14 +58,13 @@ array<double> compared(const array<double>& parvec, int nparm) {
     return p;
 }
 
-bool lookuplike(const array<double>& p, int nparm, double& dev, double& xlike) {
+bool lookuplike(const array<double>& p, int nparm, double& xlike) {
     const auto& l = likelihoods;
     for (int row = l.nlike; row >= 1; --row) {
         int i = 1;
         while (i <= nparm && l.likesav(i + 1, row) == p(i)) ++i;
         if (i <= nparm) continue;
         xlike = l.likesav(1, row);
-        dev = -2.0 * xlike;
         if (options.verbose) print_list(screen(), row - l.nlike, xlike, "logl found");
         return true;
     }
@@ -83,30 +82,33 @@ bool has_changed(const array<double>& p, int nparm) {
 void redo_structure() {
     sparse.xspars.deallocate();
     redo_eqnorders();
+    resize_store();
     new_eqnnos();
     if (sparse.xspars.size() != sparse.maxlnz) allocate_large("XSPARS", sparse.xspars, sparse.maxlnz);
 }
 
-void build_with_redo() {
+// True if the equations had to be ordered anew.
+bool build_with_redo() {
     int iflag = 0;
     places.lenient = !likelihoods.built; // a structure taken over from an earlier run may not fit
     build_mmm(iflag);
-    if (iflag) {
+    places.lenient = false;
+    const bool redone = iflag != 0;
+    if (redone) {
         redo_structure();
-        places.lenient = false;
         build_mmm(iflag);
         if (iflag) stop("this should not happen");
     }
-    places.lenient = false;
     likelihoods.built = true;
+    return redone;
 }
 
 // Builds and factorises at the covariances in hand. False: invalid pivot.
-bool new_factor() {
+bool new_factor(evaluation& e) {
     auto& l = likelihoods;
     l.factor_valid = false;
     l.failrow = 0;
-    build_with_redo();
+    e.reordered = build_with_redo();
     ++l.nfact;
     int ifail = 0;
     factorise_mmm(l.detc, l.ypy, ifail);
@@ -160,14 +162,10 @@ double assembled_dev() {
     return dev;
 }
 
-void log_evaluation(double xlike) {
+void tell_evaluation(double xlike) {
     constexpr edit_form told{"(a,i5,3x,f15.3,3x,a,i8) "};
-    constexpr edit_form logged{"(i5,f22.6,i6)   "};
-    const int seconds = static_cast<int>(cpu_time());
-    if (options.verbose) write(screen(), told, "***log L", likelihoods.ncall, xlike, "Time", seconds);
-    if (!options.details) return;
-    text_out log;
-    if (log.open_append("logL.dat")) write(log, logged, likelihoods.ncall, xlike, seconds);
+    if (!options.verbose) return;
+    write(screen(), told, "***log L", likelihoods.ncall, xlike, "Time", static_cast<int>(cpu_time()));
 }
 
 void table_evaluation(const array<double>& p, int nparm, double xlike) {
@@ -183,23 +181,16 @@ void table_evaluation(const array<double>& p, int nparm, double xlike) {
     for (int i = 1; i <= nparm; ++i) l.likesav(i + 1, l.nlike) = p(i);
 }
 
-void housekeeping(const array<double>& parvec, const array<double>& p, int nparm, bool changed, double xlike) {
+void housekeeping(const array<double>& p, int nparm, bool changed, double xlike) {
     auto& l = likelihoods;
     if (changed) {
         if (options.print_times) tvxtimes(2, "Log L");
         ++l.ncall;
-        log_evaluation(xlike);
+        tell_evaluation(xlike);
     }
     l.lastpar = p;
     table_evaluation(p, nparm, xlike);
     l.xlast = xlike;
-    if (xlike > estimates.xbest) {
-        estimates.xbest = xlike;
-        estimates.parbest = parvec;
-        writebestpoint(0);
-        save_solutions();
-        options.newbest = true;
-    }
     options.first = false;
 }
 
@@ -211,39 +202,42 @@ double effective_levels(int irand) {
     return n;
 }
 
-void loglike(array<double>& parvec, int nparm, double& dev, double& xlike, int iopt) {
+evaluation loglike(array<double>& parvec, int iopt) {
     auto& l = likelihoods;
-    l.tprev = cpu_time();
-    xlike = invalid_logl;
-    dev = -invalid_logl;
-    options.newbest = false;
+    const int nparm = estimates.nparm;
+    evaluation e;
     allocate_table(nparm);
 
     int ifail = 0;
-    rinverse(parvec, nparm, iopt, ifail);
-    if (ifail) return;
-    if (iopt == 0 && lookuplike(compared(parvec, nparm), nparm, dev, xlike)) return;
-    bool changed = has_changed(compared(parvec, nparm), nparm);
-    g_inverse(parvec, nparm, iopt, ifail);
-    if (ifail || any_deficient()) return;
+    rinverse(parvec, ifail);
+    if (ifail) return e;
+    if (iopt == 0 && lookuplike(compared(parvec, nparm), nparm, e.xlike)) {
+        e.valid = true;
+        return e;
+    }
+    const bool changed = has_changed(compared(parvec, nparm), nparm);
+    g_inverse(parvec, ifail);
+    if (ifail || any_deficient()) return e;
     if (iopt == -1 && !changed) {
-        xlike = l.xlast;
-        dev = -2.0 * xlike;
-        return;
+        e.xlike = l.xlast;
+        e.valid = true;
+        return e;
     }
     const array<double> p = compared(parvec, nparm); // as clamped by both
     if (changed) {
-        if (!new_factor()) return;
+        if (!new_factor(e)) return e;
+        e.new_factor = true;
     } else {
         ++l.nreuse;
     }
-    const double value = assembled_dev();
-    if (!std::isfinite(value)) return;
+    const double dev = assembled_dev();
+    if (!std::isfinite(dev)) return e;
     l.factor_valid = true;
-    dev = value;
-    xlike = -0.5 * dev;
+    e.xlike = -0.5 * dev;
+    e.valid = e.solved = true;
     back_solutions();
-    housekeeping(parvec, p, nparm, changed, xlike);
+    housekeeping(p, nparm, changed, e.xlike);
+    return e;
 }
 
 void forget_factor() { likelihoods.factor_valid = false; }

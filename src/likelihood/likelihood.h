@@ -1,5 +1,6 @@
 // One evaluation of the REML log likelihood.
 #pragma once
+#include "control/limits.h"
 #include "support/array.h"
 
 namespace tarvex {
@@ -11,7 +12,6 @@ struct likelihoods_module {
     int nfact = 0;               // factorisations
     int nlike = 0;               // rows in use in likesav
     int nreuse = 0;              // evaluations that used the factor at hand
-    double tprev = 0.0;          // clock at the start of the evaluation
     double xlast = 0.0;          // log L of the last evaluation
     array<double> lastpar;       // (nparm) parameters of the factor at hand
     int failrow = 0;             // row of the last invalid pivot, 0 none
@@ -21,13 +21,20 @@ struct likelihoods_module {
 };
 inline likelihoods_module likelihoods;
 
-// -2 log L (dev) and log L (xlike) at parvec (which clamps may change).
+// What an evaluation has found.
+struct evaluation {
+    double xlike = invalid_logl; // log L, -1.0e36 at an invalid point
+    bool valid = false;          // xlike is the log L of the point
+    bool solved = false;     // worked out now, not taken from an earlier evaluation: factor and solutions belong to it
+    bool new_factor = false; // they were made for it
+    bool reordered = false;  // the equations have been ordered anew
+};
+
+// log L at parvec (nparm values, which clamps may change).
 //   iopt 0   plain: the table of earlier evaluations may answer, then the factor at hand belongs to another point
 //       -1   the factor is wanted: returns at once when it belongs to parvec, xlike is its log L
 //       >0   for derivatives: the table is not consulted, factor and solutions are those of parvec on return
-// An invalid point gives xlike = -1.0e36. A new best value is written to BestPoint, estimates.parbest and
-// solutions.solsave.
-void loglike(array<double>& parvec, int nparm, double& dev, double& xlike, int iopt);
+evaluation loglike(array<double>& parvec, int iopt);
 
 // Levels of block irand that count in log|G|: those treated as fixed are left out.
 double effective_levels(int irand);

@@ -3,11 +3,10 @@
 #include "support/array.h"
 namespace tarvex {
 struct solutions_module {
-    array<double> solns;     // (nsrow) of the factor in hand, new numbering
-    array<double> solsave;   // (neqns) at the best point, old numbering; 0 for equations taken out
-    array<double> solerrs;   // (nsrow) diagonal of the inverse coefficient matrix, new numbering; BLUP runs only
-    array<double> rhs, xsol; // least squares of the fixed part
-    int nsolerrs = 0;        // not 0: solerrs is wanted
+    array<double> solns;   // (nsrow) of the factor in hand, new numbering
+    array<double> solsave; // (neqns) at the best point, old numbering; 0 for equations taken out
+    array<double> solerrs; // (nsrow) diagonal of the inverse coefficient matrix, new numbering; BLUP runs only
+    int nsolerrs = 0;      // not 0: solerrs is wanted
 };
 inline solutions_module solutions;
 

@@ -5,7 +5,7 @@
 #include "data/levels.h"
 #include "data/units.h"
 #include "dense/numroutines.h"
-#include "estimation/estimates.h"
+#include "parameters/parvec.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 

@@ -2,7 +2,7 @@
 
 #include "control/numbers.h"
 #include "dense/numroutines.h"
-#include "estimation/estimates.h"
+#include "parameters/parvec.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
@@ -122,7 +122,7 @@ void ginv_muv(array<double>& parvec, int& ifail) {
 
 } // namespace
 
-void g_inverse(array<double>& parvec, int, int, int& ifail) {
+void g_inverse(array<double>& parvec, int& ifail) {
     ifail = 0;
     if (model.anal_type < 1 || model.anal_type > 4) stop("ginverse");
     allocate_blocks();

@@ -14,7 +14,7 @@ inline randomvars_module randomvars;
 
 // Block inverses at parvec. A block with vanishing eigenvalues (below 100 numbers.zero) gets the generalised inverse
 // over the others and the mark `deficient`. ifail 1: invalid point.
-void g_inverse(array<double>& parvec, int nparm, int iopt, int& ifail);
+void g_inverse(array<double>& parvec, int& ifail);
 
 // True if some block is marked as deficient.
 bool any_deficient();

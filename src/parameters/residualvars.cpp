@@ -6,7 +6,7 @@
 #include "control/tvxroutines.h"
 #include "data/datavecs.h"
 #include "dense/numroutines.h"
-#include "estimation/estimates.h"
+#include "parameters/parvec.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
@@ -253,7 +253,7 @@ void show_combination(int icombi) {
     print_list(screen(), line);
 }
 
-void rinverse(array<double>& parvec, int, int, int& ifail) {
+void rinverse(array<double>& parvec, int& ifail) {
     ifail = 0;
     allocate_residuals();
     if (model.anal_type == 1 || model.anal_type == 2)

@@ -33,8 +33,8 @@ struct residualvars_module {
 };
 inline residualvars_module residualvars;
 
-// Residual inverses at parvec (which clamps may change); iopt as of loglike. ifail 1: invalid point.
-void rinverse(array<double>& parvec, int nparm, int iopt, int& ifail);
+// Residual inverses at parvec (which clamps may change). ifail 1: invalid point.
+void rinverse(array<double>& parvec, int& ifail);
 
 // Random regression: R^-1 of the subject in datavecs, nobs*nobs by columns or, where it is diagonal, its nobs diagonal
 // elements, and log|R|. Two records of a trait at one value of the control variable stop the run.

@@ -7,10 +7,8 @@
 #include "data/levels.h"
 #include "data/units.h"
 #include "dense/numroutines.h"
-#include "estimation/bestpoint.h"
-#include "estimation/estimates.h"
-#include "likelihood/likelihood.h"
 #include "parameters/parunits.h"
+#include "parameters/parvec.h"
 #include "parameters/residualvars.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
@@ -80,7 +78,6 @@ void count_parameters() {
         e.nparm += e.nnparm(irand);
     }
     e.nrespeq = e.nresparm + e.npeqparm;
-    e.nother = e.nparm - e.nrespeq;
     e.ncovall = e.ncov + usrdefcovs.ncovadd;
 }
 
@@ -93,8 +90,6 @@ void allocate_parameters() {
     allocate("all paraform", e.logdiagonals, krand);
     allocate("all paraform", e.switchlog, krand);
     allocate("all nnparm", e.parvec, e.nparm);
-    allocate("all nnparm", e.parnew, e.nparm);
-    allocate("all nnparm", e.parbest, e.nparm);
     allocate("all nnparm", e.logpar, e.nparm);
     allocate("all nnparm", e.ispar, e.nparm);
     e.ispar.fill(1);
@@ -113,8 +108,8 @@ void allocate_parameters() {
     e.allocated = true;
 }
 
-void choose_scale() {
-    const bool em = options.emalgorithm, pc = options.principal;
+void choose_scale(bool em) {
+    const bool pc = options.principal;
     for (int irand = 0; irand <= numbers.krand; ++irand)
         estimates.paraform(irand) = em && (irand == 0 || !pc) ? "Original" : pc ? "Cholesky" : "Variance";
 }
@@ -465,8 +460,7 @@ void parvec2covs(array<double>& parvec, int irand, int step, array<double>& cc, 
         if (!std::isfinite(x)) ifail = 1;
 }
 
-void fixresvars(bool first) {
-    (void)first;
+void fixresvars() {
     if (options.bestonly || empty_block(0)) return;
     const int n = model.kkfit(0);
     bool original = false;
@@ -485,51 +479,41 @@ void fixresvars(bool first) {
         for (int k = 1; k <= estimates.nresparm; ++k) estimates.ispar(k) = residualvars.fixres(k) ? 0 : 1;
 }
 
-void switch_to_logs(int irand) {
+void diagonals_to_logs(int irand, array<double>& parvec) {
     const int n = model.kkfit(irand), rank = model.krfit(irand);
-    for (array<double>* p : {&estimates.parvec, &estimates.parbest})
-        for (int step = 1; step <= steps_of(irand); ++step) {
-            int ipar = block_start(irand, step);
-            for (int c = 1; c <= rank; ++c) {
-                const int below = model.diagonal(irand) ? 0 : n - c;
-                double& d = (*p)(ipar);
-                if (d < 0.0)
-                    for (int r = 0; r <= below; ++r) (*p)(ipar + r) = -(*p)(ipar + r);
-                d = std::log(std::max(std::fabs(d), std::sqrt(numbers.zero)));
-                estimates.logpar(ipar) = 1;
-                ipar += below + 1;
-            }
-        }
-    estimates.logdiagonals(irand) = 1;
-    forget_likelihoods();
-}
-
-void covs2parvec() {
-    const bool first = !estimates.allocated;
-    if (first) {
-        count_parameters();
-        allocate_parameters();
-        label_covariances();
-        if (options.continew || options.bestonly) readbestpoint(false);
-        if (options.bestonly) {
-            estimates.xbest = estimates.xlike_file;
-            set_units_from_covariances();
+    for (int step = 1; step <= steps_of(irand); ++step) {
+        int ipar = block_start(irand, step);
+        for (int c = 1; c <= rank; ++c) {
+            const int below = model.diagonal(irand) ? 0 : n - c;
+            double& d = parvec(ipar);
+            if (d < 0.0)
+                for (int r = 0; r <= below; ++r) parvec(ipar + r) = -parvec(ipar + r);
+            d = std::log(std::max(std::fabs(d), std::sqrt(numbers.zero)));
+            estimates.logpar(ipar) = 1;
+            ipar += below + 1;
         }
     }
-    choose_scale();
+    estimates.logdiagonals(irand) = 1;
+}
+
+void lay_out_parameters() {
+    count_parameters();
+    allocate_parameters();
+    label_covariances();
+}
+
+void parvec_from_covs(bool em_scale, double floor_pivot) {
+    choose_scale(em_scale);
     estimates.logpar.fill(0);
-    fixresvars(first);
+    fixresvars();
     label_parameters();
-    const double floor_pivot = estimates.from_best ? numbers.zero : 0.0;
     for (int irand = 0; irand <= numbers.krand; ++irand) {
         std::vector<double> cc(model.cov.column(irand).begin(), model.cov.column(irand).end());
         if (irand == 0 && residualvars.peqsum) add_peq(cc);
         if (any_unit()) divide_by_units(irand, cc);
         transform_covs(irand, cc.data(), floor_pivot, estimates.parvec);
     }
-    estimates.parbest = estimates.parvec;
     estimates.switchlog.fill(0); // asked for by the vector that has been replaced
-    forget_likelihoods();
     write_listofcovs();
     list_parameters();
 }

@@ -4,10 +4,12 @@
 
 namespace tarvex {
 
-// Builds estimates.parvec from model.cov. First call: counts, allocates, labels; reads BestPoint with options.continew.
-// Every call: chooses the scale by the flags emalgorithm and principal, fixes residual components without information,
-// factorises, writes ListofCovs. Starting matrices that are not positive definite stop the run.
-void covs2parvec();
+// Counts the parameters and allocates and labels what estimates holds; finds the PEQ block.
+void lay_out_parameters();
+
+// Builds estimates.parvec from model.cov: chooses the scale ("Original" for EM, the loadings of reduced rank excepted),
+// fixes residual components without information, factorises, writes ListofCovs. floor_pivot as of transform_covs.
+void parvec_from_covs(bool em_scale, double floor_pivot);
 
 // Matrix of block irand (irand 0: of residual step `step`) from parvec, which clamps may change.
 //   cc  (kkfit(kkfit+1)/2) packed upper triangle, order of the matrix
@@ -21,11 +23,11 @@ void parvec2covs(array<double>& parvec, int irand, int step, array<double>& cc, 
 // numbers.zero stops the run with the message on starting values. Sets cholorder, logdiagonals, logpar.
 void transform_covs(int irand, const double* cc, double floor_pivot, array<double>& parvec);
 
-// Residual components that no record informs: fixes them at zero in model.cov and residualvars.fixres; may turn
-// paraform(0) to "Original".
-void fixresvars(bool first);
+// Residual components that no record informs, or given as 0: fixes them at zero in model.cov and residualvars.fixres;
+// may turn paraform(0) to "Original".
+void fixresvars();
 
-// Turns the diagonals of block irand into logarithms in parvec and parbest without a change of the matrix.
-void switch_to_logs(int irand);
+// Turns the diagonals of block irand into logarithms in parvec without a change of the matrix.
+void diagonals_to_logs(int irand, array<double>& parvec);
 
 } // namespace tarvex

@@ -1,7 +1,9 @@
 #include "parfile/model.h"
 
+#include "control/filenames.h"
 #include "control/options.h"
 #include "parfile/mudmap.h"
+#include "support/edit_form.h"
 
 namespace tarvex {
 
@@ -12,5 +14,15 @@ int cov_length(int irand) {
 }
 
 int nfit(int irand) { return options.principal ? model.krfit(irand) : model.kkfit(irand); }
+
+void write_tvxfiles(text_out& out) {
+    constexpr edit_form entry{"(1x,a,t25,1h:,3x,1h\",a,1h\") "};
+    if (options.comment) write(out, "(1x,a/) ", model.commentline);
+    write(out, entry, "Analysis type", model.analysis);
+    write(out, entry, "Data file", filenames.datfile);
+    if (options.pedigrees) write(out, entry, "Pedigree file", filenames.pedfile);
+    write(out, entry, "Parameter file", filenames.parfile);
+    write(out, "(/) ");
+}
 
 } // namespace tarvex

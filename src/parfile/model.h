@@ -2,6 +2,7 @@
 #pragma once
 #include "control/limits.h"
 #include "support/array.h"
+#include "support/screen.h"
 
 #include <array>
 #include <string>
@@ -51,6 +52,9 @@ inline model_module model;
 
 // Packed length of a block's stored covariances: kkfit for a diagonal one, steps times the triangle for block 0.
 int cov_length(int irand);
+
+// Comment line, analysis type and the input files, below the header of a report.
+void write_tvxfiles(text_out& out);
 
 struct datafile_module {
     int ndatcol[maxnq + 1] = {};                 // columns named for a trait, from 1

@@ -5,7 +5,6 @@
 #include "parfile/model.h"
 #include "parfile/parblocks.h"
 #include "parfile/randasfix.h"
-#include "relations/nrminverse.h"
 #include "support/edit_form.h"
 #include "support/text.h"
 

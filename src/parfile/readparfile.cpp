@@ -7,7 +7,6 @@
 #include "control/tvxroutines.h"
 #include "parfile/model.h"
 #include "parfile/parblocks.h"
-#include "relations/nrminverse.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
 #include "support/text.h"

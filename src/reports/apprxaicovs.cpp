@@ -30,7 +30,7 @@ bool read_information(array<double, 2>& hess2, double& xl2) {
     if (!options.saverr_ready && !(options.aireml && aireml_terms.accepted > 0)) return false;
     std::ifstream in(filenames.aiparsfile);
     if (!in || !(in >> xl2)) return false;
-    const double xl1 = estimates.xbest;
+    const double xl1 = bestpoint.xbest;
     if (std::fabs(xl1 - xl2) > largest_discrepancy) {
         print_list(screen(), "Approximation of sampling covariances failed");
         print_list(screen(), "-> discrepancy in log L too big", xl1, xl2);

@@ -49,11 +49,11 @@ bool positive_definite(int irand) {
 
 void invert_given_matrices() {
     int ifail = positive_definite(0) ? 0 : 1;
-    if (ifail == 0) rinverse(estimates.parvec, estimates.nparm, 0, ifail);
+    if (ifail == 0) rinverse(estimates.parvec, ifail);
     if (ifail != 0) invalid("Invalid residual covariance matrix for BLUP");
     for (int irand = 1; irand <= numbers.krand; ++irand)
         if (!positive_definite(irand)) ifail = 1;
-    if (ifail == 0) g_inverse(estimates.parvec, estimates.nparm, 0, ifail);
+    if (ifail == 0) g_inverse(estimates.parvec, ifail);
     const auto& deficient = randomvars.deficient;
     if (ifail != 0 || std::any_of(deficient.begin(), deficient.end(), [](int d) { return d != 0; }))
         invalid("Invalid random covariance matrix for BLUP");

@@ -41,7 +41,7 @@ int records() {
 void write_criteria(text_out& out) {
     constexpr edit_form pair_line{"(1x,a,t25,1h=,2f18.3)"}, penalty_line{"(1x,a,t25,1h=,f18.3,4x,a,2f8.3)"};
     const double undefined = -std::numeric_limits<double>::max(); // edited as asterisks
-    const double p = estimated(), n = records(), free = n - numbers.nrankx, xbest = estimates.xbest;
+    const double p = estimated(), n = records(), free = n - numbers.nrankx, xbest = bestpoint.xbest;
     const double aic = xbest - p;
     const double aicc = n - p - 1.0 > 0.0 ? aic - p * (p + 1.0) / (n - p - 1.0) : undefined;
     const double xx = free > 0.0 ? 0.5 * std::log(free) : undefined;
@@ -60,7 +60,7 @@ void write_headlines(text_out& out) {
     write(out, count_line, "No. of parameters", estimates.nparm);
     if (estimated() < estimates.nparm) write(out, count_line, "  ... not estimated", estimates.nparm - estimated());
     if (options.bestonly)
-        write(out, value_line, "Maximum log L so far", estimates.xbest);
+        write(out, value_line, "Maximum log L so far", bestpoint.xbest);
     else
         write_criteria(out);
 }
@@ -68,7 +68,7 @@ void write_headlines(text_out& out) {
 // Parameter at the best point in the units of the data.
 double reported(int ipar, const std::vector<parameter_unit>& units) {
     const parameter_unit& u = units[static_cast<std::size_t>(ipar - 1)];
-    return estimates.parbest(ipar) * u.factor + u.shift;
+    return bestpoint.parbest(ipar) * u.factor + u.shift;
 }
 
 void write_parameters(text_out& out) {

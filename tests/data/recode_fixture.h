@@ -10,6 +10,7 @@
 #include "control/filenames.h"
 #include "control/numbers.h"
 #include "control/options.h"
+#include "equations/equations.h"
 #include "equations/mmequations.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
@@ -49,7 +50,6 @@ protected:
         e.cv_start.allocate(19, numbers.nq);
         e.fx_start.allocate(29, numbers.nq);
         e.rn_start.allocate(numbers.krand);
-        e.rn_start_full.allocate(numbers.krand);
         e.ieq_trait.allocate(numbers.nq);
         for (int iq = 1; iq <= numbers.nq; ++iq)
             for (int i = 1; i <= model.ncov(iq); ++i) {
@@ -64,29 +64,25 @@ protected:
                 e.fx_start(i, iq) = at;
                 at += levels.fx_nlev(i, iq);
             }
-        e.neqns = random_blocks(e.rn_start, at, false);
-        e.neqns_full = random_blocks(e.rn_start_full, at, true);
+        e.neqns = random_blocks(e.rn_start, at);
         for (int iq = 1; iq <= numbers.nq; ++iq)
-            if (model.fitmean(iq) != 0) {
-                e.ieq_trait(iq) = ++e.neqns;
-                ++e.neqns_full;
-            }
+            if (model.fitmean(iq) != 0) e.ieq_trait(iq) = ++e.neqns;
     }
-    int random_blocks(array<int>& start, int at, bool full) {
+    int random_blocks(array<int>& start, int at) {
         for (int round = 1; round <= 2; ++round)
             for (int irand = 1; irand <= numbers.krand; ++irand) {
                 const std::string& kind = mudmap.kovrnd(irand);
                 if (kind == "PEQ") start(irand) = -1;
                 if (kind == "PEQ" || (kind == "IDE") != (round == 1)) continue;
                 start(irand) = at;
-                at += levels.rn_nlev(irand) * block_width(irand, full);
+                at += levels.rn_nlev(irand) * nfit(irand);
             }
         return at;
     }
     void recode() {
         data_scan1st();
         number_equations();
-        data_recode();
+        data_recode(starts_of_equations());
     }
     // Equations of row k of the subject in hand.
     static std::vector<int> row(int k) {

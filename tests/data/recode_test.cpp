@@ -194,7 +194,7 @@ TEST_F(recode_test, model_without_covariables_has_no_such_records) {
     ASSERT_TRUE(in.record(y) && in.record(place) && in.record(y) && in.record(place));
     EXPECT_FALSE(in.next());
     options.superai = true;
-    data_recode();
+    data_recode(starts_of_equations());
     ASSERT_TRUE(in.open("recoded1.bin"));
     int level = 0;
     ASSERT_TRUE(in.record(y) && in.record(place) && in.record(level));
@@ -366,7 +366,7 @@ TEST_F(recode_test, details_of_scan_and_recoding) {
     EXPECT_EQ(screen_text(), "Start \"DATA_SCAN1ST\" \nEND data_scan1st\n");
     number_equations();
     clear_screen();
-    data_recode();
+    data_recode(starts_of_equations());
     EXPECT_EQ(screen_text(), "Start DATA_RECODE\nCombination    1 1   1\nCombination    2 2   2\n"
                              "No. of \"subjects\" in data 2  maxnr = 2   ncombi = 2\n"
                              "End of routine \"data_recode\" \n");
@@ -407,7 +407,7 @@ TEST_F(recode_test, code_that_the_scan_has_not_seen) {
     data_scan1st();
     number_equations();
     write_file("t.dat", "1 1 1 5\n2 3 2 5\n");
-    EXPECT_STOP(data_recode(),
+    EXPECT_STOP(data_recode(starts_of_equations()),
                 "***** Error : Routine \"find_code\" \n      Could not find code for fixed effect \"sex\"\n"
                 "      Code in data file = 3\n      No. of levels     = 1\n");
 }
@@ -420,7 +420,7 @@ TEST_F(recode_test, codes_of_random_effects_that_the_scan_has_not_seen) {
     data_scan1st();
     number_equations();
     write_file("t.dat", "1 1 1 5\n3 1 2 5\n");
-    EXPECT_STOP(data_recode(),
+    EXPECT_STOP(data_recode(starts_of_equations()),
                 "***** Error : Routine \"find_code\" \n      Could not find code for random effect \"animal\"\n"
                 "      Code in data file = 3\n      No. of levels     = 2\n");
 }
@@ -432,7 +432,7 @@ TEST_F(recode_test, codes_of_extra_effects_that_the_scan_has_not_seen) {
     data_scan1st();
     number_equations();
     write_file("t.dat", "1 1 1 5\n2 2 2 5\n");
-    EXPECT_STOP(data_recode(),
+    EXPECT_STOP(data_recode(starts_of_equations()),
                 "***** Error : Routine \"find_code\" \n      Could not find code for extra effect \"herd\"\n"
                 "      Code in data file = 2\n      No. of levels     = 2\nexit");
 }
@@ -442,7 +442,7 @@ TEST_F(recode_test, larger_subject_than_the_scan_has_seen) {
     data_scan1st();
     number_equations();
     write_file("t.dat", "1 1 1 5\n1 1 2 5\n");
-    EXPECT_STOP(data_recode(), "this should not happen");
+    EXPECT_STOP(data_recode(starts_of_equations()), "this should not happen");
 }
 
 TEST_F(recode_test, files_without_animal_levels_are_not_read_as_files_with_them) {
@@ -488,7 +488,7 @@ TEST_F(recode_test, supplied_level_order_is_kept) {
     levels.rn_codes(1) = {9, 1, 5, 2};
     levels.rn_nlev(1) = 4;
     number_equations();
-    data_recode();
+    data_recode(starts_of_equations());
     setup_recdata(pass, filenames.recdatfil2);
     for (int want : {4, 2, 1}) {
         ASSERT_TRUE(next_subject(pass));

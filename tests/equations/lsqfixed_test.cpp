@@ -8,7 +8,6 @@
 #include "data/levels.h"
 #include "equations/equations.h"
 #include "equations/mmequations.h"
-#include "likelihood/solutions.h"
 #include "support/fixture.h"
 #include "support/small_models.h"
 
@@ -40,8 +39,8 @@ TEST_F(lsqfixed_test, solutions_of_one_effect_are_means) {
     EXPECT_EQ(numbers.nrankx, 3);
     EXPECT_TRUE(mmequations.ieqzero.empty());
     for (const auto& [herd, sum] : herds) {
-        EXPECT_NEAR(solutions.xsol(herd), sum.first / sum.second, 1e-12);
-        EXPECT_NEAR(solutions.rhs(herd), sum.first, 1e-10);
+        EXPECT_NEAR(lsqsolutions.xsol(herd), sum.first / sum.second, 1e-12);
+        EXPECT_NEAR(lsqsolutions.rhs(herd), sum.first, 1e-10);
     }
     EXPECT_TRUE(
         told("\nEND data\n Coefficient matrix fixed effects - rank =     3  no. of rows =     3\nEND \"lsqfixed\"\n"))
@@ -58,7 +57,7 @@ TEST_F(lsqfixed_test, the_mean_is_what_depends_on_a_complete_effect) {
     EXPECT_TRUE(told("LSQ : small pivot " + std::to_string(mean) + " "));
     EXPECT_TRUE(told("\nLSQ : additional dependency " + std::to_string(mean) + "\n"));
     EXPECT_FALSE(told("(nested ?)"));
-    EXPECT_EQ(solutions.xsol(4), 0.0);
+    EXPECT_EQ(lsqsolutions.xsol(4), 0.0);
 }
 
 TEST_F(lsqfixed_test, a_covariable_of_tiny_scale_vanishes_with_a_warning) {
@@ -97,8 +96,8 @@ TEST_F(lsqfixed_test, equations_taken_out_before_are_told_in_detail) {
         << "the mean takes its place";
     EXPECT_EQ(mmequations.ieqzero, std::vector<int>{2});
     EXPECT_EQ(numbers.nrankx, 3);
-    EXPECT_EQ(solutions.xsol(2), 0.0);
-    EXPECT_NEAR(solutions.xsol(4) * n, solutions.rhs(2), 1e-9) << "the mean is that of the herd";
+    EXPECT_EQ(lsqsolutions.xsol(2), 0.0);
+    EXPECT_NEAR(lsqsolutions.xsol(4) * n, lsqsolutions.rhs(2), 1e-9) << "the mean is that of the herd";
 }
 
 TEST_F(lsqfixed_test, numbering_is_traced) {

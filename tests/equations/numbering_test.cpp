@@ -113,11 +113,6 @@ TEST_F(numbering_test, regressions_within_an_effect_that_is_only_counted_and_red
     EXPECT_EQ(mmequations.rn_start(1), 24);
     EXPECT_EQ(mmequations.rn_start(4), 29);
     EXPECT_EQ(mmequations.ieq_trait(2), 32);
-    equation_nos_full();
-    EXPECT_EQ(mmequations.rn_start_full(3), 18);
-    EXPECT_EQ(mmequations.rn_start_full(1), 24);
-    EXPECT_EQ(mmequations.rn_start_full(4), 34);
-    EXPECT_EQ(mmequations.neqns_full, 37);
 }
 
 TEST_F(numbering_test, levels_of_the_user_are_found_by_name_code_and_trait) {

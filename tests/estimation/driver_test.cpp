@@ -4,6 +4,8 @@
 #include "dense/numroutines.h"
 #include "estimation/aireml.h"
 #include "estimation/bestpoint.h"
+#include "estimation/covs2parvec.h"
+#include "estimation/evaluate.h"
 #include "estimation/pxem.h"
 #include "likelihood/derivatives.h"
 #include "parameters/variances.h"
@@ -68,7 +70,7 @@ TEST_F(driver_test, SimplexPlanReportsTheStart) {
     get_estimates();
     for (int i = 1; i <= estimates.nparm; ++i) EXPECT_EQ(estimates.parvec(i), start(i));
     EXPECT_EQ(maximise.simplx_its, 1000);
-    EXPECT_NEAR(estimates.xbest, program_logl(start), 1.0e-9);
+    EXPECT_NEAR(bestpoint.xbest, program_logl(start), 1.0e-9);
     EXPECT_FALSE(options.saverr_ready);
     EXPECT_TRUE(iterates().empty());
 }
@@ -78,7 +80,7 @@ TEST_F(driver_test, EmptyPlanOfManyParametersReportsTheStart) {
     ASSERT_EQ(estimates.nparm, 18);
     get_estimates();
     EXPECT_TRUE(iterates().empty());
-    EXPECT_GT(estimates.xbest, invalid_logl);
+    EXPECT_GT(bestpoint.xbest, invalid_logl);
 }
 
 TEST_F(driver_test, EmptyPlanOfFewParametersTurnsToAverageInformation) {
@@ -188,7 +190,7 @@ TEST_F(driver_test, InformationIsNotWrittenWhereTheStoredPointIsAnother) {
     std::istringstream in(read_file(filenames.aiparsfile)); // that of the last iterate stays
     double x = 0.0;
     in >> x;
-    EXPECT_EQ(x, iterates().empty() ? 0.0 : estimates.xbest);
+    EXPECT_EQ(x, iterates().empty() ? 0.0 : bestpoint.xbest);
 }
 
 TEST_F(driver_test, StepsAreListed) {
@@ -202,7 +204,7 @@ TEST_F(driver_test, StepsAreListed) {
 TEST_F(driver_test, ContinuedRunGoesOnByAverageInformation) {
     set_up(many_parameters(), {"--pxai2,1"});
     get_estimates();
-    const double x = estimates.xbest;
+    const double x = bestpoint.xbest;
     reset_modules();
     std::remove("Iterates");
     run(many_parameters(), {"-c"});
@@ -282,8 +284,8 @@ TEST_F(driver_test, RunAtTheBorderEndsNormally) {
         set_up(m, {"--aireml60", option});
         const double start = program_logl(estimates.parvec);
         get_estimates();
-        EXPECT_GT(estimates.xbest, start) << option;
-        EXPECT_NEAR(program_logl(estimates.parvec, 1), estimates.xbest, 1.0e-5) << option;
+        EXPECT_GT(bestpoint.xbest, start) << option;
+        EXPECT_NEAR(program_logl(estimates.parvec, 1), bestpoint.xbest, 1.0e-5) << option;
     }
 }
 
@@ -295,7 +297,7 @@ TEST_F(driver_test, StoredPointIsNotReadByIterateOfAFullRankRun) {
     int iround = 0;
     ai_reml(3, iround, x);
     EXPECT_EQ(iround, 3);
-    EXPECT_EQ(estimates.xlike_file, invalid_logl);
+    EXPECT_EQ(bestpoint.xlike_file, invalid_logl);
 }
 
 TEST_F(driver_test, LastChangesAreKeptOldestFirst) {
@@ -327,13 +329,13 @@ TEST_F(driver_test, NoIterateAllowedLeavesTheBestPoint) {
     set_up(families(1), {"--aireml"});
     maximise.ncycle = 1;
     double x = program_logl(estimates.parvec, 1);
-    estimates.parbest = estimates.parvec;
+    bestpoint.parbest = estimates.parvec;
     estimates.parvec(1) += 0.1;
     int iround = 0;
     options.aireml = true;
     ai_reml(0, iround, x);
     EXPECT_EQ(iround, 0);
-    EXPECT_EQ(estimates.parvec(1), estimates.parbest(1));
+    EXPECT_EQ(estimates.parvec(1), bestpoint.parbest(1));
     EXPECT_NE(read_file("Iterates").find("Max. no. of iterates reached"), std::string::npos);
     EXPECT_EQ(labels(), "A");
 }
@@ -379,10 +381,9 @@ TEST_F(driver_test, FinalInformationBelongsToTheBestPoint) {
     std::istringstream in(read_file(filenames.aiparsfile));
     double x = 0.0, value = 0.0;
     in >> x;
-    EXPECT_NEAR(x, estimates.xbest, 1.0e-6);
+    EXPECT_NEAR(x, bestpoint.xbest, 1.0e-6);
     array<double> p = estimates.parvec;
-    double dev = 0.0;
-    loglike(p, estimates.nparm, dev, x, 1);
+    evaluate_point(p, 1);
     average_info();
     jacob_var2chol(0);
     int i = 0, j = 0, n = 0;
@@ -442,7 +443,7 @@ TEST_F(driver_test, LosingStepIsTakenWithoutTheStrictRule) {
     ASSERT_EQ(log.size(), 2u);
     ASSERT_LT(log[1].logl, log[0].logl) << "the case does not lose";
     EXPECT_FALSE(maximise.converged);
-    EXPECT_NEAR(estimates.xbest, log[0].logl, 1.0e-3);
+    EXPECT_NEAR(bestpoint.xbest, log[0].logl, 1.0e-3);
     EXPECT_NEAR(program_logl(estimates.parvec), log[0].logl, 1.0e-3);
     EXPECT_EQ(maximise.cchanges[2][0], 0.0);                // no test, no record of changes
     std::istringstream in(read_file(filenames.aiparsfile)); // written again for the final point

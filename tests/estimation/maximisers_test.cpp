@@ -2,6 +2,7 @@
 #include "control/maximise.h"
 #include "control/options.h"
 #include "estimation/aireml.h"
+#include "estimation/bestpoint.h"
 #include "estimation/pxem.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
@@ -68,9 +69,9 @@ maximum run(const small_model& m, const std::vector<std::string>& list, bool tig
     }
     get_estimates();
     const double final_point = program_logl(estimates.parvec);
-    EXPECT_NEAR(final_point, estimates.xbest, 1.0e-7) << "the last point is not the best one";
+    EXPECT_NEAR(final_point, bestpoint.xbest, 1.0e-7) << "the last point is not the best one";
     const auto log = iterates();
-    return {estimates.xbest, log.empty() ? 0 : log.back().round, point_at(m, estimates.parvec)};
+    return {bestpoint.xbest, log.empty() ? 0 : log.back().round, point_at(m, estimates.parvec)};
 }
 
 void expect_same(const maximum& got, const maximum& want, double tolerance = 1.0e-3) {

@@ -1,3 +1,5 @@
+#include "estimation/covs2parvec.h"
+#include "estimation/searchstate.h"
 #include "estimation/stepcontrol.h"
 
 #include "control/maximise.h"
@@ -56,10 +58,10 @@ protected:
     // The trial at parvec + dvec.
     void trial(const std::vector<double>& d) {
         std::copy(d.begin(), d.end(), derivs.dvec.begin());
-        estimates.parnew = estimates.parvec;
-        for (int i = 1; i <= estimates.nparm; ++i) estimates.parnew(i) += derivs.dvec(i);
+        search_state.parnew = estimates.parvec;
+        for (int i = 1; i <= estimates.nparm; ++i) search_state.parnew(i) += derivs.dvec(i);
         aireml_terms.alpha = 1.0;
-        xnew = program_logl(estimates.parnew);
+        xnew = program_logl(search_state.parnew);
     }
     double xold = 0.0, xnew = 0.0;
 };
@@ -74,8 +76,8 @@ TEST_F(step_test, AllMethodsTakeTheNewtonStepOfASafeMatrix) {
         EXPECT_NEAR(derivs.dvec(2), 0.04, 1.0e-10) << method;
         EXPECT_EQ(aireml_terms.tau, 0.0);
         EXPECT_NEAR(aireml_terms.slope, -0.14 * 0.06, 1.0e-10);
-        EXPECT_NEAR(estimates.parnew(2), estimates.parvec(2) + 0.04, 1.0e-10);
-        EXPECT_NEAR(xnew, program_logl(estimates.parnew), 1.0e-12);
+        EXPECT_NEAR(search_state.parnew(2), estimates.parvec(2) + 0.04, 1.0e-10);
+        EXPECT_NEAR(xnew, program_logl(search_state.parnew), 1.0e-12);
     }
 }
 
@@ -146,7 +148,7 @@ TEST_F(step_test, ResidualCovariancesStayPositiveDefinite) {
     for (int i = 1; i <= 6; ++i) unit[static_cast<std::size_t>(ihmssf(i, i, 6) - 1)] = 1.0;
     quadratic(unit, {-7.0, 0, 0, 0, 0, 0});
     eztimates(1, xnew);
-    const double a = estimates.parnew(1), b = estimates.parnew(2), c = estimates.parnew(3);
+    const double a = search_state.parnew(1), b = search_state.parnew(2), c = search_state.parnew(3);
     const double smallest = 0.5 * (a + c) - std::sqrt(0.25 * (a - c) * (a - c) + b * b);
     EXPECT_NEAR(smallest, 1.0e-4, 1.0e-9);
 }
@@ -166,9 +168,9 @@ TEST_F(step_test, SearchBringsBackALongStep) {
     EXPECT_FALSE(fail);
     EXPECT_GT(xnew, xold);
     EXPECT_LE(aireml_terms.alpha, 0.5);
-    EXPECT_NEAR(xnew, program_logl(estimates.parnew), 1.0e-10);
+    EXPECT_NEAR(xnew, program_logl(search_state.parnew), 1.0e-10);
     for (int i = 1; i <= 2; ++i)
-        EXPECT_NEAR(estimates.parnew(i), estimates.parvec(i) + aireml_terms.alpha * derivs.dvec(i), 1.0e-12);
+        EXPECT_NEAR(search_state.parnew(i), estimates.parvec(i) + aireml_terms.alpha * derivs.dvec(i), 1.0e-12);
 }
 
 TEST_F(step_test, SearchDownhillFailsAfterSevenTries) {

@@ -9,6 +9,7 @@
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
+#include "estimation/covs2parvec.h"
 #include "estimation/estimates.h"
 #include "likelihood/buildmmm.h"
 #include "likelihood/ddvecs.h"
@@ -383,18 +384,16 @@ TEST_F(assembly_test, BestPointIsKeptWithItsSolutions) {
     set_up(m);
     options.first = true;
     const double x = program_logl(estimates.parvec);
-    EXPECT_TRUE(options.newbest);
     EXPECT_FALSE(options.first);
-    EXPECT_EQ(estimates.xbest, x);
+    EXPECT_EQ(bestpoint.xbest, x);
     const double solution = solutions.solsave(mmequations.rn_start(1) + 1);
     array<double> p = estimates.parvec;
     p(2) = 20.0;
     ASSERT_LT(program_logl(p), x);
-    EXPECT_FALSE(options.newbest);
-    EXPECT_EQ(estimates.xbest, x);
+    EXPECT_EQ(bestpoint.xbest, x);
     EXPECT_EQ(solutions.solsave(mmequations.rn_start(1) + 1), solution);
     EXPECT_NE(solutions.solns(orders.ieqnew(mmequations.rn_start(1) + 1)), solution);
-    for (int i = 1; i <= estimates.nparm; ++i) EXPECT_EQ(estimates.parbest(i), estimates.parvec(i));
+    for (int i = 1; i <= estimates.nparm; ++i) EXPECT_EQ(bestpoint.parbest(i), estimates.parvec(i));
 }
 
 } // namespace

@@ -1,3 +1,4 @@
+#include "estimation/covs2parvec.h"
 #include "likelihood/derivatives.h"
 
 #include "control/numbers.h"

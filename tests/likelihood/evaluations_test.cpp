@@ -7,6 +7,7 @@
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
+#include "estimation/covs2parvec.h"
 #include "estimation/estimates.h"
 #include "likelihood/derivatives.h"
 #include "likelihood/factormmm.h"
@@ -103,7 +104,7 @@ TEST_F(evaluations_test, FactorAtHandComesWithItsInverses) {
     array<double> q = estimates.parvec;
     q(4) *= 1.3;
     int ifail = 0;
-    g_inverse(q, estimates.nparm, 0, ifail);
+    g_inverse(q, ifail);
     EXPECT_NE(randomvars.zig(1, 1, 1), own(1, 1, 1));
     program_logl(estimates.parvec, -1);
     EXPECT_EQ(likelihoods.nfact, 1);
@@ -216,7 +217,7 @@ TEST_F(evaluations_test, RelationshipDeterminantThatIsNotANumberIsInvalid) {
     p(2) += 1.0e-9; // the factor is used again, and with it the determinant at hand
     EXPECT_EQ(program_logl(p), invalid_logl);
     EXPECT_EQ(likelihoods.nlike, 1);
-    EXPECT_EQ(estimates.xbest, x);
+    EXPECT_EQ(bestpoint.xbest, x);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "control/options.h"
 #include "data/levels.h"
 #include "dense/numroutines.h"
+#include "estimation/covs2parvec.h"
 #include "estimation/emsteps.h"
 #include "estimation/estimates.h"
 #include "likelihood/derivatives.h"

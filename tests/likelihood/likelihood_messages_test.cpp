@@ -6,11 +6,12 @@
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
-#include "equations/setups.h"
+#include "estimation/covs2parvec.h"
 #include "estimation/estimates.h"
 #include "likelihood/buildmmm.h"
 #include "likelihood/factormmm.h"
 #include "likelihood/likelihood.h"
+#include "likelihood/setups.h"
 #include "likelihood/solutions.h"
 #include "likelihood/warnfix.h"
 #include "parameters/randomvars.h"
@@ -57,11 +58,11 @@ TEST_F(likelihood_messages_test, UnknownTypesOfAnalysis) {
     for (int type : {0, 5}) {
         model.anal_type = type;
         EXPECT_STOP(build_mmm(ifail), "error mmm_data");
-        EXPECT_STOP(g_inverse(estimates.parvec, estimates.nparm, 0, ifail), "ginverse");
-        EXPECT_STOP(rinverse(estimates.parvec, estimates.nparm, 0, ifail), "rinverse");
+        EXPECT_STOP(g_inverse(estimates.parvec, ifail), "ginverse");
+        EXPECT_STOP(rinverse(estimates.parvec, ifail), "rinverse");
     }
     model.anal_type = 4;
-    EXPECT_STOP(rinverse(estimates.parvec, estimates.nparm, 0, ifail), "rinverse");
+    EXPECT_STOP(rinverse(estimates.parvec, ifail), "rinverse");
 }
 
 TEST_F(likelihood_messages_test, VarianceFunctionsOfTheResidualAreNotThere) {
@@ -74,7 +75,7 @@ TEST_F(likelihood_messages_test, VarianceFunctionsOfTheResidualAreNotThere) {
     set_up(m);
     model.me_type = "FUN";
     int ifail = 0;
-    EXPECT_STOP(rinverse(estimates.parvec, estimates.nparm, 0, ifail), "FUN not yet");
+    EXPECT_STOP(rinverse(estimates.parvec, ifail), "FUN not yet");
 }
 
 // The numbers before ordering are those of the equations as they were counted, taken-out ones included.
@@ -182,12 +183,12 @@ TEST_F(likelihood_messages_test, ResidualMatrixIsShownUnderDetails) {
     options.details = true;
     clear_screen();
     int ifail = 0;
-    rinverse(estimates.parvec, estimates.nparm, 0, ifail);
+    rinverse(estimates.parvec, ifail);
     EXPECT_TRUE(told(screen_text(), "sigr  1  2.10000     0.400000    \nsigr  2 0.400000      1.90000    \n"))
         << screen_text();
     options.details = false;
     clear_screen();
-    rinverse(estimates.parvec, estimates.nparm, 0, ifail);
+    rinverse(estimates.parvec, ifail);
     EXPECT_EQ(screen_text(), "");
 }
 
@@ -202,7 +203,7 @@ TEST_F(likelihood_messages_test, SingularPatternIsShownWithItsTriangle) {
     estimates.parvec(1) = estimates.parvec(2) = 1.25;
     clear_screen();
     int ifail = 0;
-    rinverse(estimates.parvec, estimates.nparm, 0, ifail);
+    rinverse(estimates.parvec, ifail);
     EXPECT_EQ(ifail, 1);
     EXPECT_TRUE(told(screen_text(), "***** ERROR : Residual covariance matrix not of full rank\n"
                                     "      Dimension   = 2\n"

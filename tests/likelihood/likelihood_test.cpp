@@ -1,3 +1,4 @@
+#include "estimation/covs2parvec.h"
 #include "likelihood/likelihood.h"
 
 #include "control/limits.h"

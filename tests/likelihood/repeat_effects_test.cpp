@@ -1,6 +1,7 @@
 // Repeat effects that have no equations (PEQ), and what makes a point invalid.
 #include "control/numbers.h"
 #include "control/options.h"
+#include "estimation/covs2parvec.h"
 #include "estimation/estimates.h"
 #include "likelihood/likelihood.h"
 #include "parameters/randomvars.h"
@@ -188,7 +189,7 @@ TEST_F(repeat_effects_test, BlockWithAVanishingEigenvalueIsAGeneralisedInverse) 
     p(5) = 2.0;
     p(6) = 1.0e-5; // G = (1 2; 2 4) and next to nothing: eigenvalues 5 and 2e-11
     int ifail = 0;
-    g_inverse(p, estimates.nparm, 0, ifail);
+    g_inverse(p, ifail);
     EXPECT_EQ(ifail, 0);
     EXPECT_EQ(randomvars.deficient(1), 1);
     EXPECT_TRUE(any_deficient());

@@ -1,3 +1,4 @@
+#include "estimation/covs2parvec.h"
 #include "parameters/variances.h"
 
 #include "control/filenames.h"
@@ -142,7 +143,7 @@ TEST_F(variances_test, SwitchToLogarithmsKeepsTheMatrixOfANegativeDiagonal) {
     set_up(m, {"--aireml"});
     estimates.parvec(4) = -0.2;
     estimates.parvec(5) = 0.5;
-    estimates.parbest = estimates.parvec;
+    bestpoint.parbest = estimates.parvec;
     const std::vector<double> before = [] {
         block b(1);
         return std::vector<double>{b.cc(1), b.cc(2), b.cc(3)};
@@ -152,8 +153,8 @@ TEST_F(variances_test, SwitchToLogarithmsKeepsTheMatrixOfANegativeDiagonal) {
     EXPECT_EQ(estimates.logdiagonals(1), 1);
     expect_covs(1, before);
     EXPECT_NEAR(program_logl(estimates.parvec), x, 1.0e-9);
-    EXPECT_EQ(estimates.parbest(4), estimates.parvec(4));
-    EXPECT_EQ(estimates.parbest(5), -0.5);
+    EXPECT_EQ(bestpoint.parbest(4), estimates.parvec(4));
+    EXPECT_EQ(bestpoint.parbest(5), -0.5);
 }
 
 TEST_F(variances_test, TraitsNeverTogetherHaveNoResidualCovariance) {
@@ -252,8 +253,8 @@ class best_point_test : public tarvex_test {
 protected:
     void SetUp() override {
         set_up(two_traits(), {"--aireml"});
-        estimates.parbest = estimates.parvec;
-        estimates.xbest = -123.25;
+        bestpoint.parbest = estimates.parvec;
+        bestpoint.xbest = -123.25;
     }
 };
 
@@ -275,17 +276,17 @@ TEST_F(best_point_test, ValuesReturnToTheBit) {
     std::vector<double> covs;
     for (int irand = 0; irand <= 1; ++irand)
         for (double x : best_covariances(irand)) covs.push_back(x);
-    estimates.xbest = -1234.5678901234567;
+    bestpoint.xbest = -1234.5678901234567;
     writebestpoint(0);
     ASSERT_TRUE(readbestpoint(true));
-    EXPECT_EQ(estimates.xlike_file, estimates.xbest);
+    EXPECT_EQ(bestpoint.xlike_file, bestpoint.xbest);
     for (int k = 1; k <= 6; ++k)
         EXPECT_EQ(model.cov((k - 1) % 3 + 1, (k - 1) / 3), covs[static_cast<std::size_t>(k - 1)]) << k;
     reset_modules();
     set_up(two_traits(), {"-c", "--emalg"}); // on the scale of the matrices the parameters are the values of the file
     ASSERT_EQ(estimates.paraform(1), "Original");
     for (int k = 1; k <= 6; ++k) EXPECT_EQ(estimates.parvec(k), covs[static_cast<std::size_t>(k - 1)]) << k;
-    estimates.xbest = -1234.5678901234567;
+    bestpoint.xbest = -1234.5678901234567;
     const std::string before = read_file("BestPoint");
     writebestpoint(0);
     EXPECT_EQ(read_file("BestPoint"), before);
@@ -314,7 +315,7 @@ TEST_F(best_point_test, ReadsWhatWasWrittenAndSaysSo) {
     model.cov(1, 1) = 99.0;
     EXPECT_TRUE(readbestpoint(false));
     EXPECT_NEAR(model.cov(1, 1), 1.3, 1.0e-14);
-    EXPECT_EQ(estimates.xlike_file, -123.25);
+    EXPECT_EQ(bestpoint.xlike_file, -123.25);
     EXPECT_NE(
         screen_text().find("\"BestPoint\" from previous run  successfully read\n maximum of log L so far = -123.25\n"),
         std::string::npos);
@@ -326,7 +327,7 @@ TEST_F(best_point_test, ForeignShortOrMissingFilesChangeNothing) {
         write_file("BestPoint", text);
         EXPECT_FALSE(readbestpoint(true)) << text;
         EXPECT_EQ(model.cov(1, 1), 1.3) << text;
-        EXPECT_EQ(estimates.xlike_file, invalid_logl) << text;
+        EXPECT_EQ(bestpoint.xlike_file, invalid_logl) << text;
     }
     std::filesystem::remove("BestPoint");
     EXPECT_FALSE(readbestpoint(true));
@@ -350,7 +351,7 @@ TEST_F(best_point_test, ContinuedRunStartsThere) {
     write_file("BestPoint", "-1.5 6\n2.5 0.3 2.0\n1.0 0.2 1.5\n");
     reset_modules();
     set_up(two_traits(), {"-c"});
-    EXPECT_EQ(estimates.xlike_file, -1.5);
+    EXPECT_EQ(bestpoint.xlike_file, -1.5);
     EXPECT_NEAR(point_at(two_traits(), estimates.parvec).g[0][0][0], 1.0, 1.0e-12);
     std::istringstream first(read_file("BestPoint"));
     double x = 0.0, y = 0.0;
@@ -358,7 +359,7 @@ TEST_F(best_point_test, ContinuedRunStartsThere) {
     std::istringstream second(read_file("BestPoint"));
     first >> x;
     second >> y;
-    EXPECT_EQ(y, estimates.xbest);
+    EXPECT_EQ(y, bestpoint.xbest);
 }
 
 TEST_F(best_point_test, MatricesOfABestPointNeedNoPositivePivots) {
@@ -389,7 +390,7 @@ TEST_F(best_point_test, ContinuedRunOfRepeatEffectsReturnsToTheSameLikelihood) {
     reset_modules();
     set_up(repeats_with_peq(2), {"--emalg4"});
     get_estimates();
-    const double x = estimates.xbest;
+    const double x = bestpoint.xbest;
     reset_modules();
     set_up(repeats_with_peq(2), {"-c", "--aireml"});
     EXPECT_NEAR(program_logl(estimates.parvec), x, 1.0e-6);
@@ -411,14 +412,14 @@ TEST_F(best_point_test, ContinuedRunsStartAtTheStoredLikelihood) {
         reset_modules();
         set_up(models[k], {"--pxai2,2"});
         get_estimates();
-        const double x = estimates.xbest;
+        const double x = bestpoint.xbest;
         const std::string stored = read_file("BestPoint");
         for (const char* next : {"--aireml", "--emalg", "--logdia"}) {
             SCOPED_TRACE(std::to_string(k) + " " + next);
             write_file("BestPoint", stored);
             reset_modules();
             set_up(models[k], {"-c", next});
-            EXPECT_EQ(estimates.xlike_file, x);
+            EXPECT_EQ(bestpoint.xlike_file, x);
             // on the scale of the matrices themselves eigenvalues below 1e-4 are raised
             EXPECT_NEAR(program_logl(estimates.parvec), x, std::string(next) == "--emalg" ? 2.0e-3 : 1.0e-7);
         }

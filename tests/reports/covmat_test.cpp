@@ -1,5 +1,6 @@
 // Matrices of the estimates report: wrapped rows, wide output, residual classes, reduced rank and sums of correlated
 // effects. The expected lines were made by a Fortran program with the same edit forms.
+#include "estimation/covs2parvec.h"
 #include "reports/covblocks.h"
 #include "reports/summary.h"
 
@@ -40,8 +41,8 @@ protected:
     void estimate_at_start() {
         data_scan1st();
         covs2parvec();
-        estimates.parbest = estimates.parvec;
-        estimates.xbest = -10.0;
+        bestpoint.parbest = estimates.parvec;
+        bestpoint.xbest = -10.0;
         derivs.nparm2 = estimates.nparm;
         numbers.nrankx = 1;
     }

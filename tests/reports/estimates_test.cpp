@@ -1,5 +1,6 @@
 // The estimates report line by line. The expected lines were made by a Fortran program with the same edit forms, errors
 // of ratios and correlations by differences; the signs of eigenvectors are free.
+#include "estimation/covs2parvec.h"
 #include "reports/summary.h"
 
 #include "data/recode_fixture.h"
@@ -160,8 +161,8 @@ protected:
             data, 15);
         data_scan1st();
         covs2parvec();
-        estimates.parbest = estimates.parvec;
-        estimates.xbest = -123.456;
+        bestpoint.parbest = estimates.parvec;
+        bestpoint.xbest = -123.456;
         numbers.nrankx = 3;
         derivs.nparm2 = 6;
     }
@@ -174,8 +175,8 @@ protected:
                 data, 30);
         data_scan1st();
         covs2parvec();
-        estimates.parbest = estimates.parvec;
-        estimates.xbest = -50.0;
+        bestpoint.parbest = estimates.parvec;
+        bestpoint.xbest = -50.0;
         numbers.nrankx = 1;
         derivs.nparm2 = 2;
     }
@@ -336,7 +337,7 @@ TEST_F(estimates_report, information_of_short_rank_gives_a_warning) {
 
 TEST_F(estimates_report, information_of_another_point_is_not_used) {
     two_trait_model();
-    estimates.xbest = -123.0;
+    bestpoint.xbest = -123.0;
     information("2", -123.0078125); // near enough
     write_estimates();
     EXPECT_NE(report().find("sampling erors"), std::string::npos);

@@ -1,5 +1,6 @@
 // Tables along the control variable. The expected lines were made by a Fortran program with the same edit forms; errors
 // of correlations by differences.
+#include "estimation/covs2parvec.h"
 #include "reports/rrvariances.h"
 
 #include "data/recode_fixture.h"
@@ -25,8 +26,8 @@ protected:
                 data);
         data_scan1st();
         covs2parvec();
-        estimates.parbest = estimates.parvec;
-        estimates.xbest = -10.0;
+        bestpoint.parbest = estimates.parvec;
+        bestpoint.xbest = -10.0;
     }
 };
 

@@ -52,10 +52,10 @@ oracle::dense true_sampling_covariances(const small_model& m) {
         return flat;
     };
     const auto components = [&](const array<double>& p) {
-        const array<double> keep = estimates.parbest;
-        estimates.parbest = p;
+        const array<double> keep = bestpoint.parbest;
+        bestpoint.parbest = p;
         const oracle::vec all = all_covariances();
-        estimates.parbest = keep;
+        bestpoint.parbest = keep;
         return all;
     };
     const oracle::reml e = oracle::evaluate(a, oracle::variance(a, point_at(m, estimates.parvec)));
@@ -76,12 +76,12 @@ oracle::dense true_sampling_covariances(const small_model& m) {
 }
 
 void expect_sampling_covariances(const small_model& m) {
-    estimates.parbest = estimates.parvec;
-    estimates.xbest = program_logl(estimates.parvec, 1);
+    bestpoint.parbest = estimates.parvec;
+    bestpoint.xbest = program_logl(estimates.parvec, 1);
     average_info();
     derivatives_mmm();
     jacob_var2chol(0);
-    write_avinfo(estimates.xbest);
+    write_avinfo(bestpoint.xbest);
     options.saverr_ready = true;
     approxai_covs();
     ASSERT_TRUE(sampling.available);

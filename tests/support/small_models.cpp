@@ -11,9 +11,11 @@
 #include "data/reducepeds.h"
 #include "equations/equations.h"
 #include "equations/lsqfixed.h"
-#include "equations/setups.h"
+#include "estimation/covs2parvec.h"
 #include "estimation/estimates.h"
+#include "estimation/evaluate.h"
 #include "likelihood/likelihood.h"
+#include "likelihood/setups.h"
 #include "parameters/parunits.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
@@ -259,7 +261,7 @@ void set_up(const small_model& m, const std::vector<std::string>& arguments) {
     gen_inverses();
     if (options.superai) cholnrm_animal();
     equation_nos();
-    data_recode();
+    data_recode(starts_of_equations());
     covs2parvec();
     lsq_fixed();
     eqnorders();
@@ -313,11 +315,7 @@ double dense_logl(const small_model& m, const array<double>& parvec) {
     return oracle::evaluate(a, oracle::variance(a, point_at(m, parvec))).logl;
 }
 
-double program_logl(array<double> parvec, int iopt) {
-    double dev = 0.0, xlike = 0.0;
-    loglike(parvec, estimates.nparm, dev, xlike, iopt);
-    return xlike;
-}
+double program_logl(array<double> parvec, int iopt) { return evaluate_point(parvec, iopt); }
 
 std::vector<double> difference_gradient(const array<double>& parvec, double h) {
     std::vector<double> g;

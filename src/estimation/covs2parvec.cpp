@@ -1,0 +1,36 @@
+#include "estimation/covs2parvec.h"
+
+#include "control/numbers.h"
+#include "control/options.h"
+#include "estimation/bestpoint.h"
+#include "estimation/searchstate.h"
+#include "likelihood/likelihood.h"
+#include "parameters/parunits.h"
+#include "parameters/parvec.h"
+#include "parameters/variances.h"
+#include "support/stop.h"
+
+namespace tarvex {
+
+void covs2parvec() {
+    if (!estimates.allocated) {
+        lay_out_parameters();
+        allocate("all nnparm", search_state.parnew, estimates.nparm);
+        if (options.continew || options.bestonly) readbestpoint(false);
+        if (options.bestonly) {
+            bestpoint.xbest = bestpoint.xlike_file;
+            set_units_from_covariances();
+        }
+    }
+    parvec_from_covs(options.emalgorithm, bestpoint.from_best ? numbers.zero : 0.0);
+    bestpoint.parbest = estimates.parvec;
+    forget_likelihoods();
+}
+
+void switch_to_logs(int irand) {
+    diagonals_to_logs(irand, estimates.parvec);
+    diagonals_to_logs(irand, bestpoint.parbest);
+    forget_likelihoods();
+}
+
+} // namespace tarvex

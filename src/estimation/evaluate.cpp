@@ -1,0 +1,34 @@
+#include "estimation/evaluate.h"
+
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "estimation/bestpoint.h"
+#include "likelihood/likelihood.h"
+#include "likelihood/solutions.h"
+#include "support/edit_form.h"
+
+namespace tarvex {
+
+namespace {
+
+void log_evaluation(double xlike) {
+    constexpr edit_form logged{"(i5,f22.6,i6)   "};
+    if (!options.details) return;
+    text_out log;
+    if (log.open_append("logL.dat")) write(log, logged, likelihoods.ncall, xlike, static_cast<int>(cpu_time()));
+}
+
+} // namespace
+
+double evaluate_point(array<double>& parvec, int iopt) {
+    const evaluation e = loglike(parvec, iopt);
+    if (e.new_factor) log_evaluation(e.xlike);
+    if (!e.solved || !(e.xlike > bestpoint.xbest)) return e.xlike;
+    bestpoint.xbest = e.xlike;
+    bestpoint.parbest = parvec;
+    writebestpoint(0);
+    save_solutions();
+    return e.xlike;
+}
+
+} // namespace tarvex
