@@ -146,9 +146,10 @@ void note_value(pass& p, int col) {
     p.high[col] = std::max(p.high[col], x);
 }
 
+// Without the word SUBject a subject is a run of lines with one code.
 void check_subject(pass& p, int q) {
     const int col = mudmap.subj_dcolno(q);
-    if (col < 1) return;
+    if (col < 1 || model.subject_line || !model.subject.empty()) return;
     const auto code = static_cast<long long>(p.value[col]);
     if (!p.open || code != p.subject) {
         if (p.open) p.closed.insert(p.subject);

@@ -88,6 +88,8 @@ TEST_F(checks, tell_what_nobody_wants) {
 TEST_F(checks, tell_of_several_traits) {
     two_traits("3 1 4 5\n3 1 6 7\n4 2 5 -999\n5 1 -999 8\n6 2 4 4\n");
     expect(0, "W408 several traits with repeated records");
+    mod.insert(mod.find("\n") + 1, " SUBject LINE\n");
+    EXPECT_FALSE(holds(check().output, "W408")) << check().output;
     two_traits("3 1 4 -999\n4 2 5 -999\n5 1 -999 8\n6 2 -999 4\n");
     expect(0, "W407 no subject has records of both traits: their residual covariance is not in the data\n     \"y\" "
               "and \"z\"");

@@ -256,6 +256,66 @@ TEST_F(prep_numbers, of_a_sire_model_are_those_of_the_one_by_hand) {
     expect_same_maximum("weight ~ herd + sire(sire)", "5 30", {"-p", "ped.csv"});
 }
 
+// Cows with several records of two traits: residuals are correlated within a record.
+TEST_F(prep_numbers, of_repeated_records_of_two_traits_are_those_of_the_one_by_hand) {
+    auto p = make_population(40, 80, 2);
+    text_table csv{{"animal", "day", "weight", "fat"}, {}};
+    std::string hand;
+    for (std::size_t k = 41; k <= p.animals.size(); ++k) {
+        const auto& a = p.animals[k - 1];
+        const double other = 1.5 * p.normal();
+        for (int i = 0; i < 3; ++i) {
+            const double e = p.normal();
+            const std::string day = std::to_string(1 + p.below(5)),
+                              y = number_text(a.genetic + a.permanent + 2.0 * e + p.normal()),
+                              z = number_text(0.5 * a.genetic - 0.4 * a.permanent + other + a.maternal + e +
+                                              p.normal());
+            const bool both = i < 2 || k % 2 == 0;
+            csv.rows.push_back({id_of(static_cast<int>(k)), day, y, both ? z : ""});
+            hand +=
+                std::to_string(k) + " " + std::to_string(k) + " " + day + " " + y + " " + (both ? z : "-999") + "\n";
+        }
+    }
+    write_inputs(p, csv, hand);
+    write_file(
+        "hand.par",
+        "ANA MUV 2\nDAT hand.dat\n animal 999\n perm 999\n day 9\n y\n z\nEND\nPED hand.ped\n"
+        "MOD EQ\n SUBject LINE\n FIX day\n RAN animal NRM\n RAN perm IDE\n TRAIT y 1 -999\n TRAIT z 2 -999\nEND\n"
+        "VAR animal 2\n 9 4 6\nVAR perm 2\n 4 -1 2\nVAR residual 2\n 5 2 2\n");
+    const std::string formula = "weight + fat ~ day + nrm(animal) + pe(animal)", start = "9 4 6 4 -1 2 5 2 2";
+    expect_same_maximum(formula, start, {"-p", "ped.csv"});
+    EXPECT_TRUE(holds(read_file("made/made.par"), "\n  SUBject LINE\n"));
+    std::filesystem::remove_all("made"); // and with one trait a line
+    std::filesystem::remove_all("own");
+    expect_same_maximum("weight ~ day + nrm(animal) + pe(animal); fat ~ day + nrm(animal) + pe(animal)", start,
+                        {"-p", "ped.csv"});
+    EXPECT_TRUE(holds(read_file("made/made.par"), "\n  SUBject record\n")) << read_file("made/made.par");
+}
+
+TEST_F(prep_numbers, of_a_sire_model_of_two_traits_are_those_of_the_one_by_hand) {
+    auto p = make_population(60, 400, 2);
+    text_table csv{{"animal", "herd", "weight", "fat"}, {}}; // the sire comes from the pedigree
+    std::string hand, sires;
+    for (std::size_t k = 1; k <= p.animals.size(); ++k) {
+        const auto& a = p.animals[k - 1];
+        const int mgs = a.dam > 0 ? p.animals[a.dam - 1].sire : 0;
+        sires += std::to_string(k) + " " + std::to_string(a.sire) + " " + std::to_string(mgs) + "\n";
+        if (k <= 460) continue;
+        const auto& s = p.animals[a.sire - 1];
+        const double e = p.normal();
+        const std::string y = number_text(a.herd + 2.0 * s.genetic + 3.0 * e + 3.0 * p.normal()),
+                          z = number_text(s.genetic + s.maternal + 2.0 * e + 2.0 * p.normal());
+        csv.rows.push_back({id_of(static_cast<int>(k)), herd_name(a.herd), y, z});
+        hand += std::to_string(a.sire) + " " + std::to_string(a.herd) + " " + y + " " + z + "\n";
+    }
+    write_inputs(p, csv, hand);
+    write_file("hand.ped", sires);
+    write_file("hand.par", "ANA MUV 2\nDAT hand.dat\n sire 999\n herd 6\n y\n z\nEND\nPED hand.ped SIR\n"
+                           "MOD EQ\n FIX herd\n RAN sire NRM\n TRAIT y 1 -999\n TRAIT z 2 -999\nEND\n"
+                           "VAR sire 2\n 5 2 3\nVAR residual 2\n 18 6 8\n");
+    expect_same_maximum("weight + fat ~ herd + sire(sire)", "5 2 3 18 6 8", {"-p", "ped.csv"});
+}
+
 class prep_files : public tarvex::tarvex_test {
 protected:
     static std::vector<std::string> made(const std::string& formula) {
