@@ -51,14 +51,6 @@ double numeric_bytes() {
     return 8.0 * words;
 }
 
-[[noreturn]] void too_little_memory(const cost_forecast& c) {
-    screen().line(forecast_line(c));
-    screen().line("The memory of this machine does not suffice for the factorisation !");
-    screen().line("What helps: other programs stopped, a better order (--setup --metisall), fewer effects or traits, "
-                  "reduced rank, or a larger machine.");
-    stoptarvex();
-}
-
 } // namespace
 
 double iterate_seconds(const cost_forecast& c) {
@@ -91,6 +83,19 @@ double free_memory(std::string_view meminfo) {
     return known ? sum : -1.0;
 }
 
+void tell_forecast(const cost_forecast& c) {
+    const bool known = c.free >= 0.0;
+    const bool short_of_memory = known && c.bytes > c.free;
+    const bool much = iterate_seconds(c) > 60.0 || (known && c.bytes > 0.5 * c.free);
+    if (options.print_times || options.setup_only || short_of_memory || (much && !options.terse))
+        screen().line(forecast_line(c));
+    if (!short_of_memory || options.setup_only) return;
+    screen().line("The memory of this machine does not suffice for the factorisation !");
+    screen().line("What helps: other programs stopped, a better order (--setup --metisall), fewer effects or traits, "
+                  "reduced rank, or a larger machine.");
+    stoptarvex();
+}
+
 void forecast() {
     const bool always = options.print_times || options.setup_only;
     cost_forecast c;
@@ -104,10 +109,8 @@ void forecast() {
     std::ostringstream meminfo;
     meminfo << in.rdbuf();
     c.free = free_memory(meminfo.str());
-    if (c.free >= 0.0 && c.bytes > c.free && !options.setup_only) too_little_memory(c);
     c.rate = dense_rate();
-    const bool much = iterate_seconds(c) > 60.0 || (c.free >= 0.0 && c.bytes > 0.5 * c.free);
-    if (always || (much && !options.terse)) screen().line(forecast_line(c));
+    tell_forecast(c);
 }
 
 } // namespace tarvex

@@ -21,9 +21,12 @@ std::string forecast_line(const cost_forecast& c);
 // Bytes free by the text of /proc/meminfo: available memory and free swap space. -1: the text does not tell.
 double free_memory(std::string_view meminfo);
 
-// Tells the forecast for the equations in hand in one line: always with --times and --setup, at the default level only
-// when an iterate will take more than a minute or more than half of the free memory is needed. Stops where the memory
-// cannot suffice.
+// Tells a forecast in one line: always with --times and --setup, at the default level only when an iterate will take
+// more than a minute or more than half of the free memory is needed. Stops where the memory cannot suffice, but for
+// --setup.
+void tell_forecast(const cost_forecast& c);
+
+// The forecast for the equations in hand. Small systems are not looked at unless the line is asked for.
 void forecast();
 
 } // namespace tarvex

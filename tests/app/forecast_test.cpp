@@ -1,6 +1,9 @@
 // The line that tells what an analysis is about to cost.
 #include "app/forecast.h"
 
+#include "control/options.h"
+#include "support/fixture.h"
+
 #include <gtest/gtest.h>
 
 namespace tarvex {
@@ -27,6 +30,41 @@ TEST(forecast, free_memory_is_what_is_available_and_the_swap_space) {
     EXPECT_EQ(free_memory("MemTotal:  100 kB\nSwapFree: 2 kB\n"), -1.0) << "an old kernel";
     EXPECT_EQ(free_memory(""), -1.0);
     EXPECT_EQ(free_memory("MemAvailable: 0 kB\n"), 0.0);
+}
+
+class forecast_test : public tarvex_test {
+protected:
+    // Lines on the screen at the default level, for this need of memory and this rate.
+    std::string told(double bytes, double rate) {
+        clear_screen();
+        cost_forecast c;
+        c.operations = 10.0e9;
+        c.bytes = bytes;
+        c.free = 8.0e9;
+        c.rate = rate;
+        tell_forecast(c);
+        return screen_text();
+    }
+};
+
+TEST_F(forecast_test, is_shown_when_an_iterate_takes_a_minute_or_half_of_the_memory) {
+    const double minute = 3.7 * 10.0e9 / 0.4 / 60.0; // rate at which an iterate takes one
+    EXPECT_EQ(told(3.9e9, 1.01 * minute), "");
+    EXPECT_NE(told(3.9e9, 0.99 * minute).find("Forecast : "), std::string::npos);
+    EXPECT_NE(told(4.1e9, 1.01 * minute).find("4.10 GB of 8.00 GB free"), std::string::npos);
+    options.terse = true;
+    EXPECT_EQ(told(4.1e9, 0.1 * minute), "");
+    options.print_times = true;
+    EXPECT_NE(told(1.0e9, 9.0 * minute).find("Forecast : "), std::string::npos);
+}
+
+TEST_F(forecast_test, a_run_stops_where_memory_cannot_suffice_and_a_set_up_run_does_not) {
+    EXPECT_ANY_THROW(told(8.1e9, 1.0e12));
+    EXPECT_NE(screen_text().find("8.10 GB of 8.00 GB free"), std::string::npos);
+    EXPECT_NE(screen_text().find("The memory of this machine does not suffice for the factorisation !\nWhat helps: "),
+              std::string::npos);
+    options.setup_only = true;
+    EXPECT_NE(told(8.1e9, 1.0e12).find("8.10 GB of 8.00 GB free"), std::string::npos);
 }
 
 } // namespace
