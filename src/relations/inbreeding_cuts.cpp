@@ -20,7 +20,7 @@ namespace {
 constexpr int width = 8;        // border animals swept together
 constexpr int most_places = 48; // places at which the list may be cut
 
-using column_block = std::array<double, width>;
+struct alignas(64) column_block : std::array<double, width> {}; // a cache line
 
 // Animal of a column sweep. Its column and those of its parents stand in slots, which are given on after the last
 // offspring, so that what is in use stays close together. Slot 0 stands for an unknown parent.
