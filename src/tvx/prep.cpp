@@ -75,15 +75,38 @@ void check_folder(const prep_request& r, const study& s) {
                 "\" is there already: --force replaces the study in it, -o gives another name"};
 }
 
-void make_folder(const study& s) {
+void make_folder(const std::string& folder) {
     std::error_code ec;
-    fs::create_directories(s.folder, ec);
-    if (ec) throw fault{"cannot make folder \"" + s.folder + "\": " + ec.message()};
+    fs::create_directories(folder, ec);
+    if (ec) throw fault{"cannot make folder \"" + folder + "\": " + ec.message()};
     // keys of an earlier study are no part of this one
-    for (const auto& entry : fs::directory_iterator(s.folder, ec)) {
+    for (const auto& entry : fs::directory_iterator(folder, ec)) {
         const std::string name = entry.path().filename().string();
         if (name.starts_with("key_") && name.ends_with(".tsv")) fs::remove(entry.path(), ec);
     }
+}
+
+// Writes the study: a new folder gets its name when it is complete, so that a run that is stopped leaves none.
+void write_folder(draft& d, const std::vector<start_block>& blocks) {
+    std::error_code ec;
+    const std::string folder = d.s.folder;
+    if (fs::exists(folder, ec)) {
+        make_folder(folder);
+        return write_analysis(d, blocks);
+    }
+    const std::string part = folder + ".part";
+    fs::remove_all(part, ec);
+    d.s.folder = part;
+    try {
+        make_folder(part);
+        write_analysis(d, blocks);
+        fs::rename(part, folder, ec);
+        if (ec) throw fault{"cannot make folder \"" + folder + "\": " + ec.message()};
+    } catch (...) {
+        fs::remove_all(part, ec);
+        throw;
+    }
+    d.s.folder = folder;
 }
 
 void finish_classes(draft& d) {
@@ -154,8 +177,7 @@ study prepare(const prep_request& request) {
     order_records(d);
     finish_classes(d);
     const auto blocks = starting_values(d);
-    make_folder(d.s);
-    write_analysis(d, blocks);
+    write_folder(d, blocks);
     return d.s;
 }
 

@@ -137,6 +137,21 @@ TEST_F(prep_faults, of_folders_leave_them_alone) {
     fs::remove_all("t");
 }
 
+// A file-size limit stands for a full disk: the file that does not fit is told, and no folder is left.
+TEST_F(prep_faults, of_a_full_disk_leave_nothing) {
+    std::string table = "id,herd,weight\n";
+    for (int i = 0; i < 4000; ++i)
+        table +=
+            "a" + std::to_string(i % 900) + ",h" + std::to_string(i % 7) + "," + std::to_string(i * 7919 % 1000) + "\n";
+    write_file("t.csv", table);
+    const auto r = tarvex::run_binary("/bin/sh", {"-c", std::string("trap '' XFSZ; ulimit -f 8; exec ") +
+                                                            TVX_COMPANION + " prep t.csv 'weight ~ herd + (1|id)'"});
+    EXPECT_EQ(r.status, 1) << r.output;
+    EXPECT_TRUE(holds(r.output, "cannot write file")) << r.output;
+    EXPECT_FALSE(fs::exists("t"));
+    EXPECT_FALSE(fs::exists("t.part"));
+}
+
 TEST_F(prep_faults, tell_near_twins) {
     write_file("t.csv", "id,herd,weight\nA 1,1,2\na1,1,3\nA01,2,5\nb,2,7\nA 1,1,4\n");
     const auto r = run_tvx({"prep", "t.csv", "weight ~ herd + (1|id)", "-o", "u"});
