@@ -8,6 +8,7 @@
 #include "control/tvxroutines.h"
 #include "equations/orders.h"
 #include "estimation/estimates.h"
+#include "likelihood/solutions.h"
 #include "simulation/simulation.h"
 #include "support/edit_form.h"
 #include "support/record_file.h"
@@ -246,6 +247,8 @@ void zero(text rest, text arg) {
     if (n != INT_MIN) numbers.zero = std::pow(10.0, -static_cast<double>(n));
 }
 
+void accinb(text, text) { solutions.accinb = true; }
+
 template <bool options_module::*flag, bool value> void set_flag(text, text) { options.*flag = value; }
 template <bool value> void set_reorder(text, text) { estimates.reorder = value; }
 
@@ -299,6 +302,7 @@ constexpr option_record table[] = {
     {"--wide", 6, "--WIDE", 6, set_flag<&om::wide, true>},
     {"--forchol", 9, "--FORCHOL", 9, set_flag<&om::forchol, true>},
     {"--zero", 6, "--ZERO", 6, zero},
+    {"--accinb", 8, "--ACCINB", 8, accinb},
 };
 
 // The first n characters of `arg`, blanks behind its end, against the spelling with blanks behind its own.
@@ -329,6 +333,7 @@ std::string left_adjusted(text line) {
 void set_defaults() {
     options = {};
     maximise = {};
+    solutions.accinb = false;
     numbers.zero = 1.0e-8;
     orders.order_type = 0;
     orders.metis_opts = {};

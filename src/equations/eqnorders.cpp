@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <span>
 
@@ -394,6 +395,12 @@ void settle() {
     ++orders.nsymb;
 }
 
+// The components of a level are linked in these runs: a pattern without these elements would not do.
+void forget_patterns() {
+    for (const auto* name : {&filenames.adjacfile, &filenames.ordersfile, &filenames.symfacfile})
+        std::remove(name->c_str());
+}
+
 } // namespace
 
 bool choose_method() {
@@ -412,6 +419,7 @@ bool choose_method() {
 }
 
 void eqnorders() {
+    if (options.blup && options.principal) forget_patterns();
     set_jeq();
     allocate("alloc ifirst", orders.ieqnew, mmequations.neqns + 1);
     allocate("alloc ifirst", orders.ieqold, mmequations.neqns + 1);

@@ -175,6 +175,7 @@ level_links covar2adjac(int irand) {
     b.ncoef = nfit(irand);
     b.first = b.nlev > 0 ? orders.jeq(mmequations.rn_start(irand) + 1) : 1;
     b.diagonal = options.principal || model.diagonal(irand);
+    b.within = options.blup && options.principal && model.diagonal(irand) == 0; // for the errors of breeding values
     if (trim(mudmap.kovrnd(irand)) == "IDE") return b;
     std::vector<int> rows, cols;
     b.start.assign(static_cast<std::size_t>(b.nlev) + 1, 0);

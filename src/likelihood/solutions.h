@@ -7,6 +7,7 @@ struct solutions_module {
     array<double> solsave; // (neqns) at the best point, old numbering; 0 for equations taken out
     array<double> solerrs; // (nsrow) diagonal of the inverse coefficient matrix, new numbering; BLUP runs only
     int nsolerrs = 0;      // not 0: solerrs is wanted
+    bool accinb = false;   // accuracies allow for inbreeding
 };
 inline solutions_module solutions;
 

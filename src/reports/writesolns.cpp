@@ -14,6 +14,7 @@
 #include "parameters/parunits.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
+#include "reports/ebvs.h"
 #include "reports/levelcounts.h"
 #include "support/edit_form.h"
 
@@ -195,35 +196,58 @@ void write_extra(text_out& out, const solution_counts& counts) {
 
 // ---- random effects
 
-// Variance of component r of a level of the block, on the scale in which its solutions stand.
-double component_variance(int irand, int r) {
-    if (options.principal) return 1.0;
-    return model.diagonal(irand) ? model.cov(r, irand) : model.cov(ihmssf(r, r, model.kkfit(irand)), irand);
+// Solution of component r of a level, its prediction error variance and the variance of the component.
+struct random_value {
+    double solution, pev, variance;
+};
+
+// At reduced rank these are scores, with unit variances; at full rank effects of traits or coefficients.
+std::vector<random_value> level_solutions(int irand, int level) {
+    const int n = nfit(irand), first = mmequations.rn_start(irand) + (level - 1) * n;
+    std::vector<random_value> all;
+    if (options.principal && !reduced_rank(irand)) {
+        const level_values values = breeding_values(irand, level);
+        for (int r = 1; r <= n; ++r) {
+            const auto k = static_cast<std::size_t>(r - 1);
+            all.push_back({values.u[k], with_errors() ? values.pev[k] : 0.0, fitted_variance(irand, r)});
+        }
+        return all;
+    }
+    for (int r = 1; r <= n; ++r) {
+        const double unit = options.principal ? 1.0 : row_unit(irand, r);
+        const double variance = options.principal       ? 1.0
+                                : model.diagonal(irand) ? model.cov(r, irand)
+                                                        : model.cov(ihmssf(r, r, model.kkfit(irand)), irand);
+        all.push_back(
+            {solutions.solsave(first + r) * unit, with_errors() ? error_variance(first + r, unit) : 0.0, variance});
+    }
+    return all;
 }
 
-void write_random(text_out& out, int irand) {
+// Returns how many accuracies are negative.
+int write_random(text_out& out, int irand) {
     constexpr edit_form coded{"(i6,i14,i3,2g16.6, f8.3)"}, further{"(i6,14x,i3,2g16.6, f8.3)"};
     constexpr edit_form coded_only{"(i6,i14,i3,3g16.6)"}, further_only{"(i6,14x,i3,3g16.6)"};
-    const int n = nfit(irand);
+    const std::vector<double> factors = variance_factors(irand);
+    int negative = 0;
     for (int i = 1; i <= levels.rn_nlev(irand); ++i) {
         const std::int64_t icode = levels.rn_codes(irand)[static_cast<std::size_t>(i - 1)];
-        for (int r = 1; r <= n; ++r) {
-            const int k1 = mmequations.rn_start(irand) + (i - 1) * n + r;
-            const double unit = options.principal ? 1.0 : row_unit(irand, r);
-            const double solution = solutions.solsave(k1) * unit;
-            if (with_errors()) {
-                const double v = error_variance(k1, unit);
-                const double yy = root_or_raw(1.0 - v / component_variance(irand, r));
+        int r = 0;
+        for (const random_value& x : level_solutions(irand, i)) {
+            if (++r; with_errors()) {
+                const double yy = accuracy(x.pev, x.variance * factors[static_cast<std::size_t>(i - 1)]);
+                negative += yy < -0.0005 ? 1 : 0;
                 if (r == 1)
-                    write(out, coded, i, icode, r, solution, root_or_raw(v), yy);
+                    write(out, coded, i, icode, r, x.solution, root_or_raw(x.pev), yy);
                 else
-                    write(out, further, i, r, solution, root_or_raw(v), yy);
+                    write(out, further, i, r, x.solution, root_or_raw(x.pev), yy);
             } else if (r == 1)
-                write(out, coded_only, i, icode, r, solution);
+                write(out, coded_only, i, icode, r, x.solution);
             else
-                write(out, further_only, i, r, solution);
+                write(out, further_only, i, r, x.solution);
         }
     }
+    return negative;
 }
 
 } // namespace
@@ -251,7 +275,11 @@ void write_randsolns() {
         text_out out;
         const std::string name = "RnSoln_" + model.krandom(irand) + ".dat";
         if (!out.open(name)) stop_with("Error opening file \"" + name + "\"");
-        write_random(out, irand);
+        if (const int negative = write_random(out, irand); negative > 0)
+            print_list(screen(), "\"" + name + "\" :", negative,
+                       "accuracies are negative: 1 - PEV / variance, as the error variance of an inbred animal exceeds"
+                       " the variance; see option --accinb");
+        if (reduced_rank(irand)) write_ebvs(irand);
     }
 }
 

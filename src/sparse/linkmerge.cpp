@@ -61,7 +61,7 @@ struct row_gatherer {
                 else
                     for (int s = 0; s < b.ncoef; ++s) take(row, base + s);
             }
-        if (!b.diagonal)
+        if (!b.diagonal || b.within)
             for (int s = 0; s < r; ++s) take(row, row - r + s);
     }
 };

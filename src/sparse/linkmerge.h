@@ -21,6 +21,7 @@ struct clique_lists {
 struct level_links {
     int irand = 0, first = 0, nlev = 0, ncoef = 0;
     bool diagonal = false;          // components are linked with their own kind only
+    bool within = false;            // ... but within a level with each other
     std::vector<std::size_t> start; // (nlev+1) or empty: no links between levels
     std::vector<int> lower;
 };

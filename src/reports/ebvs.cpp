@@ -1,0 +1,129 @@
+#include "reports/ebvs.h"
+
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "data/levels.h"
+#include "data/pedigreelist.h"
+#include "equations/mmequations.h"
+#include "equations/mmmatrix.h"
+#include "equations/orders.h"
+#include "estimation/estimates.h"
+#include "likelihood/buildmmm.h"
+#include "likelihood/solutions.h"
+#include "parameters/parunits.h"
+#include "parameters/randomvars.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "relations/inbreeding.h"
+#include "support/edit_form.h"
+
+#include <cmath>
+#include <string>
+
+namespace tarvex {
+
+namespace {
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+bool with_errors() { return solutions.nsolerrs != 0; }
+
+// Element of the inverse coefficient matrix, old numbers; 0 for equations taken out.
+double inverse_element(int i, int j) {
+    const int a = orders.ieqnew(i), b = orders.ieqnew(j);
+    if (a < 1 || b < 1) return 0.0;
+    if (a == b) return solutions.solerrs(a);
+    const int p = locate(a, b);
+    if (p == 0) stop_with("No place for the errors of breeding values : delete \"adjacency.bin\" !");
+    return sparse.xspars(p);
+}
+
+void write_loadings(int irand) {
+    constexpr edit_form row{"(i4,(t7, 6g13.5))"};
+    const int n = model.kkfit(irand), rank = model.krfit(irand);
+    std::string order;
+    for (int r = 1; r <= rank; ++r) order += " " + std::to_string(estimates.cholorder(r, irand));
+    print_list(screen(), "Loadings of the components of \"" + model.krandom(irand) + "\", order of pivots :" + order);
+    for (int i = 1; i <= n; ++i) {
+        std::vector<double> q;
+        for (int c = 1; c <= rank; ++c) q.push_back(randomvars.zig(i, c, irand) * row_unit(irand, i));
+        write(screen(), row, i, q);
+    }
+}
+
+} // namespace
+
+bool reduced_rank(int irand) { return options.principal && model.krfit(irand) < model.kkfit(irand); }
+
+level_values breeding_values(int irand, int level) {
+    const int n = model.kkfit(irand), rank = model.krfit(irand);
+    const int first = mmequations.rn_start(irand) + (level - 1) * rank;
+    const auto& q = randomvars.zig;
+    level_values values;
+    values.u.assign(at(n), 0.0);
+    for (int i = 1; i <= n; ++i)
+        for (int c = 1; c <= rank; ++c)
+            values.u[at(i - 1)] += q(i, c, irand) * solutions.solsave(first + c) * row_unit(irand, i);
+    if (!with_errors()) return values;
+    values.pev.assign(at(n), 0.0);
+    for (int c = 1; c <= rank; ++c)
+        for (int d = 1; d <= c; ++d) {
+            bool used = false; // a diagonal matrix needs no elements between components
+            for (int i = 1; i <= n; ++i) used = used || q(i, c, irand) * q(i, d, irand) != 0.0;
+            if (!used) continue;
+            const double x = (c == d ? 1.0 : 2.0) * inverse_element(first + c, first + d);
+            for (int i = 1; i <= n; ++i) {
+                const double unit = row_unit(irand, i);
+                values.pev[at(i - 1)] += q(i, c, irand) * q(i, d, irand) * x * unit * unit;
+            }
+        }
+    return values;
+}
+
+double fitted_variance(int irand, int r) {
+    double s = 0.0;
+    for (int c = 1; c <= model.krfit(irand); ++c) s += randomvars.zig(r, c, irand) * randomvars.zig(r, c, irand);
+    return s * cov_unit(irand, r, r);
+}
+
+double accuracy(double pev, double variance) {
+    const double v = 1.0 - pev / variance;
+    return v > 0.0 ? std::sqrt(v) : v;
+}
+
+std::vector<double> variance_factors(int irand) {
+    std::vector<double> factors(at(levels.rn_nlev(irand)), 1.0);
+    if (!solutions.accinb || options.siremodel || mudmap.kovrnd(irand) != "NRM") return factors;
+    const int irun = mudmap.iranno(irand);
+    const std::vector<double> f = inbreeding(pedigreelist.sire(irun), pedigreelist.dam(irun));
+    for (std::size_t l = 0; l < factors.size() && l < f.size(); ++l) factors[l] += f[l];
+    return factors;
+}
+
+void write_ebvs(int irand) {
+    constexpr edit_form head{"(1x,5hLevel,6x,8hOrg.code,1x,2hNo,10x,6hB.Valu,10x,6hS.Erro,2x,6hAccur.)"};
+    constexpr edit_form errors{"(i6,i14,i3,2g16.6,f8.3)"}, plain{"(i6,i14,i3,g16.6)"};
+    const std::string name = "EBV_" + model.krandom(irand) + ".dat";
+    text_out out;
+    if (!out.open(name)) stop_with("Error opening file \"" + name + "\"");
+    write(out, head);
+    const std::vector<double> factors = variance_factors(irand);
+    for (int l = 1; l <= levels.rn_nlev(irand); ++l) {
+        const level_values values = breeding_values(irand, l);
+        for (int i = 1; i <= model.kkfit(irand); ++i) {
+            const std::int64_t code = levels.rn_codes(irand)[at(l - 1)];
+            const double u = values.u[at(i - 1)];
+            if (!with_errors()) {
+                write(out, plain, l, code, i, u);
+                continue;
+            }
+            const double v = values.pev[at(i - 1)];
+            write(out, errors, l, code, i, u, v > 0.0 ? std::sqrt(v) : v,
+                  accuracy(v, fitted_variance(irand, i) * factors[at(l - 1)]));
+        }
+    }
+    write_loadings(irand);
+}
+
+} // namespace tarvex

@@ -1,0 +1,172 @@
+// Solutions of random effects as files hold them: breeding values where matrices have full rank, scores and breeding
+// values at reduced rank, with errors and accuracies, against dense algebra.
+#include "case_run.h"
+#include "support/small_models.h"
+
+#include <map>
+
+using namespace tarvex;
+
+namespace {
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+class BreedingValues : public CaseRun {
+protected:
+    void SetUp() override { name_ = "model"; }
+
+    static small_model three_traits() {
+        const double f[3][2] = {{1.2, 0.0}, {0.5, 1.1}, {0.3, 0.4}}; // a matrix of rank 2
+        small_model m;
+        m.nq = 3;
+        m.make_pedigree(30, 6, 61);
+        m.sire[26] = m.sire[27] = 1;
+        m.dam[26] = m.dam[27] = 2;
+        m.sire[29] = 27; // of full sibs
+        m.dam[29] = 28;
+        m.make_rows(5, 1, 2, 0.2, 62);
+        m.random = {{"animal", "NRM", 3, 2, {}}};
+        for (int i = 0; i < 3; ++i)
+            for (int j = i; j < 3; ++j) m.random[0].g.push_back(f[i][0] * f[j][0] + f[i][1] * f[j][1]);
+        m.residual = {2.1, 0.4, 0.1, 1.9, 0.2, 1.5};
+        m.principal = true;
+        return m;
+    }
+    static oracle::dense square(const std::vector<double>& packed, int n) {
+        oracle::dense a = oracle::zeros(at(n), at(n));
+        std::size_t k = 0;
+        for (int i = 0; i < n; ++i)
+            for (int j = i; j < n; ++j) a[at(i)][at(j)] = a[at(j)][at(i)] = packed[k++];
+        return a;
+    }
+    struct truth {
+        oracle::dense u, pev, a, g;
+    };
+    // Predictions and their error variances, A(l,l) g(r,r) - c'Pc, c the covariances of the effect with the records.
+    static truth dense_solutions(const small_model& m) {
+        const oracle::analysis an = m.dense();
+        oracle::point p;
+        p.r = {square(m.residual, m.nq)};
+        p.g = {square(m.random[0].g, m.nq)};
+        const oracle::reml e = oracle::evaluate(an, oracle::variance(an, p));
+        truth t{oracle::blup(an, p, e, 0), {}, an.a[0], p.g[0]};
+        t.pev = t.u;
+        for (std::size_t l = 0; l < t.u.size(); ++l)
+            for (std::size_t r = 0; r < at(m.nq); ++r) {
+                oracle::vec c(an.obs.size());
+                for (std::size_t i = 0; i < c.size(); ++i) {
+                    const oracle::term& term = an.obs[i].terms[0][0];
+                    c[i] = t.a[l][at(term.level - 1)] * oracle::dot(t.g[r], term.z);
+                }
+                t.pev[l][r] = t.a[l][l] * t.g[r][r] - oracle::dot(c, oracle::times(e.p, c));
+            }
+        return t;
+    }
+    static double accuracy(double v) { return v > 0.0 ? std::sqrt(v) : v; }
+};
+
+TEST_F(BreedingValues, ReducedRankHasAFileOfEachTrait) {
+    const small_model m = three_traits();
+    m.write_files("model");
+    finish("--aireml1"); // leaves a pattern in which the components of a level are not linked
+    std::filesystem::remove("BestPoint");
+    for (const bool inbreeding : {false, true}) {
+        const auto output = finish(inbreeding ? "--blup --accinb" : "--blup").output;
+        EXPECT_NE(output.find("Loadings of the components of \"animal\", order of pivots : "), std::string::npos);
+        const truth t = dense_solutions(m);
+        const auto lines = lines_of(read_file("EBV_animal.dat"));
+        ASSERT_GE(lines.size(), 1 + 3 * 25u);
+        EXPECT_NE(lines[0].find("Accur."), std::string::npos);
+        bool inbred = false;
+        for (std::size_t k = 1; k < lines.size(); ++k) {
+            const auto w = words_of(lines[k]);
+            if (w.size() != 6) continue;
+            const std::size_t l = at(std::stoi(w[1]) - 1), r = at(std::stoi(w[2]) - 1);
+            EXPECT_NEAR(number_of(w[3]), t.u[l][r], 1e-5) << lines[k];
+            EXPECT_NEAR(number_of(w[4]), std::sqrt(t.pev[l][r]), 1e-5) << lines[k];
+            const double share = inbreeding ? t.a[l][l] : 1.0;
+            inbred = inbred || t.a[l][l] > 1.01;
+            EXPECT_NEAR(number_of(w[5]), accuracy(1.0 - t.pev[l][r] / (share * t.g[r][r])), 6e-4) << lines[k];
+        }
+        EXPECT_TRUE(inbred);
+    }
+}
+
+TEST_F(BreedingValues, DiagonalMatricesHaveThemInTheirOrder) {
+    small_model m;
+    m.nq = 2;
+    m.make_pedigree(30, 6, 63);
+    m.make_rows(5, 1, 2, 0.2, 64);
+    m.random = {{"animal", "NRM", 2, 0, {0.7, 1.8}, true}}; // pivots would go by size
+    m.residual = {2.1, 0.4, 1.9};
+    m.write_files("model");
+    small_model full = m;
+    full.random[0] = {"animal", "NRM", 2, 0, {0.7, 0.0, 1.8}};
+    const truth t = dense_solutions(full);
+    for (const char* options : {"--blup", "--blup --nologd"}) {
+        finish(options);
+        for (const auto& line : read_random_solutions("animal")) {
+            const std::size_t l = at(static_cast<int>(line.code) - 1), r = at(line.iq - 1);
+            EXPECT_NEAR(line.solution, t.u[l][r], 1e-5) << options;
+            EXPECT_NEAR(line.error, std::sqrt(t.pev[l][r]), 1e-5) << options;
+            EXPECT_NEAR(line.accuracy, accuracy(1.0 - t.pev[l][r] / t.g[r][r]), 6e-4) << options;
+        }
+    }
+    // after an estimation they are those of a run at its estimates
+    finish("--aireml30,1e-9");
+    const auto estimated = read_random_solutions("animal");
+    finish("-c --blup");
+    const auto given = read_random_solutions("animal");
+    std::map<std::pair<long, int>, double> of; // estimation leaves out animals that tell nothing
+    for (const auto& line : given) of[{line.code, line.iq}] = line.solution;
+    ASSERT_GE(estimated.size(), 2 * 25u);
+    for (const auto& line : estimated) EXPECT_NEAR(line.solution, of.at({line.code, line.iq}), 1e-4);
+}
+
+TEST_F(BreedingValues, MixedRanksGiveScoresOnlyWhereTheRankIsReduced) {
+    small_model m = three_traits();
+    m.random.push_back({"pe", "IDE", 3, 3, {0.5, 0.1, 0.0, 0.4, 0.1, 0.6}});
+    m.write_files("model");
+    finish("--blup");
+    EXPECT_FALSE(std::filesystem::exists("EBV_pe.dat"));
+    const oracle::analysis an = m.dense();
+    oracle::point p;
+    p.r = {square(m.residual, 3)};
+    p.g = {square(m.random[0].g, 3), square(m.random[1].g, 3)};
+    const oracle::reml e = oracle::evaluate(an, oracle::variance(an, p));
+    const oracle::dense u = oracle::blup(an, p, e, 1);
+    for (const auto& line : read_random_solutions("pe"))
+        EXPECT_NEAR(line.solution, u[at(static_cast<int>(line.code) - 1)][at(line.iq - 1)], 1e-5);
+}
+
+// Accuracies of inbred animals without information are negative: a line tells, and the option mends it.
+TEST_F(BreedingValues, NegativeAccuraciesAreTold) {
+    small_model m;
+    m.make_pedigree(12, 4, 65);
+    m.sire = {0, 0, 1, 1, 3, 5};
+    m.dam = {0, 0, 2, 2, 4, 4};
+    m.random = {{"animal", "NRM", 1, 0, {0.02}}};
+    m.residual = {2.0};
+    for (int i : {3, 4, 5, 6}) m.rows.push_back({i, i, 1, 1, 1, 0.0, {1.0 * i}});
+    m.write_files("model");
+    EXPECT_NE(finish("--blup").output.find("accuracies are negative"), std::string::npos);
+    EXPECT_EQ(finish("--blup --accinb").output.find("accuracies are negative"), std::string::npos);
+    for (const auto& line : read_random_solutions("animal")) EXPECT_GE(line.accuracy, 0.0);
+}
+
+// Levels treated as fixed have no log L at reduced rank.
+TEST_F(BreedingValues, MarkedLevelsAreRefusedAtReducedRank) {
+    small_model m = three_traits();
+    m.extra = "PSE 0.0\n animal 9\nEND\n";
+    m.write_files("model");
+    for (const char* options : {"--aireml", "--emalg", "--powell", "--blup", "--setup"}) {
+        const auto result = run(options);
+        EXPECT_EQ(result.status, 1) << options;
+        EXPECT_NE(result.output.find("Levels treated as fixed (PSE) need covariance matrices of full rank"),
+                  std::string::npos)
+            << options << result.output;
+        EXPECT_FALSE(std::filesystem::exists("eqnsorder.bin"));
+    }
+}
+
+} // namespace
