@@ -175,6 +175,19 @@ void set_logdia() {
         }
 }
 
+// On the factor scale log L lacks the levels treated as fixed. At full rank the matrices themselves will do.
+void leave_factor_scale() {
+    if (!options.principal || !options.pseudofix) return;
+    for (int irand = 0; irand <= numbers.krand; ++irand) {
+        if (model.krfit(irand) == model.kkfit(irand)) continue;
+        print_list(screen(),
+                   "Levels treated as fixed (PSE) need covariance matrices of full rank : ", model.krandom(irand));
+        stoptarvex();
+    }
+    options.principal = false;
+    options.logdia.fill(0);
+}
+
 } // namespace
 
 void read_parfile() {
@@ -197,6 +210,7 @@ void read_parfile() {
     check_complete(s);
     store_covars(s);
     set_logdia();
+    leave_factor_scale();
 }
 
 } // namespace tarvex

@@ -274,24 +274,42 @@ TEST_F(fixed_levels_test, RandomRegressions) {
     expect_dense_gradient(m, fixed);
 }
 
-// At reduced rank the levels are fixed in the scale of the components: X holds their weights.
-TEST_F(fixed_levels_test, ReducedRank) {
+TEST_F(fixed_levels_test, DiagonalMatrix) {
+    const std::vector<int> fixed{6, 9};
+    small_model m = animals(2, fixed, "0.0");
+    m.random[0] = {"animal", "NRM", 2, 0, {1.3, 1.8}, true};
+    for (const char* option : {"--aireml", "--emalg", "--powell"}) {
+        reset_modules();
+        set_up(m, {option});
+        expect_dense(m, fixed);
+    }
+    reset_modules();
+    set_up(m);
+    expect_dense_gradient(m, fixed);
+    expect_dense_information(m, fixed);
+    reset_modules();
+    set_up(m, {"--aireml", "--nologd"});
+    expect_dense(m, fixed);
+    expect_dense_gradient(m, fixed);
+    expect_dense_information(m, fixed);
+}
+
+TEST_F(fixed_levels_test, ComponentsOfFullRank) {
     const std::vector<int> fixed{6, 9};
     small_model m = animals(2, fixed, "0.0");
     m.principal = true;
-    m.random[0].rank = 1;
+    m.random[0].rank = 2;
     set_up(m);
-    const double x = program_logl(estimates.parvec);
-    oracle::analysis a = with_fixed(m, fixed);
-    const std::size_t from = m.dense().obs[0].x.size();
-    for (auto& o : a.obs) {
-        oracle::vec w(o.x.begin(), o.x.begin() + static_cast<std::ptrdiff_t>(from));
-        for (std::size_t f = 0; f < fixed.size(); ++f)
-            w.push_back(o.x[from + 2 * f] * randomvars.zig(1, 1, 1) + o.x[from + 2 * f + 1] * randomvars.zig(2, 1, 1));
-        o.x = w;
-    }
-    const double want = oracle::evaluate(a, oracle::variance(a, point_at(m, estimates.parvec))).logl;
-    EXPECT_NEAR(x, want, 1.0e-8 * std::fabs(want));
+    expect_dense(m, fixed);
+    expect_dense_gradient(m, fixed);
+    expect_dense_information(m, fixed);
+}
+
+TEST_F(fixed_levels_test, ReducedRankIsRefused) {
+    small_model m = animals(2, {6, 9}, "0.0");
+    m.principal = true;
+    m.random[0].rank = 1;
+    EXPECT_STOP(set_up(m), "Levels treated as fixed (PSE) need covariance matrices of full rank");
 }
 
 // The levels are fixed in one of two effects only: the other keeps all of its levels in log|G|.
