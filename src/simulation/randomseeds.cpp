@@ -8,8 +8,12 @@
 #include "support/record_file.h"
 #include "support/screen.h"
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
 
 namespace tarvex {
 
@@ -19,7 +23,10 @@ constexpr int largest_seed = 2147483398;       // legal for both moduli
 constexpr int largest_first_seed = 2147483562; // legal for the first
 
 bool read_seeds(long long& seed1, long long& seed2) {
-    std::ifstream in(filenames.rnseedfile);
+    std::ifstream file(filenames.rnseedfile);
+    std::string text(std::istreambuf_iterator<char>(file), {});
+    std::replace(text.begin(), text.end(), ',', ' ');
+    std::istringstream in(text);
     return in >> seed1 >> seed2 && seed1 >= 1 && seed1 <= largest_first_seed && seed2 >= 1 && seed2 <= largest_seed;
 }
 

@@ -1,7 +1,9 @@
 #include "simulation/ignlgi.h"
+#include "simulation/randomseeds.h"
 #include "simulation/ranf.h"
 #include "simulation/setall.h"
 
+#include "simulation/simulation.h"
 #include "support/fixture.h"
 
 #include <cmath>
@@ -188,6 +190,15 @@ TEST_F(random_numbers, normals_have_mean_0_and_variance_1) {
     }
     EXPECT_NEAR(sum / n, 0.0, 4.0 / std::sqrt(n));
     EXPECT_NEAR(squares / n, 1.0, 4.0 * std::sqrt(2.0 / n));
+}
+
+TEST_F(random_numbers, seeds_may_be_parted_by_a_comma) {
+    for (const char* text : {"1234 56789\n", "1234,56789\n", " 1234 , 56789 \n", "1234,\n56789\n"}) {
+        write_file("RandomSeeds", text);
+        setup_randnos();
+        EXPECT_EQ(simulation.iseed1, 1234) << text;
+        EXPECT_EQ(simulation.iseed2, 56789) << text;
+    }
 }
 
 } // namespace
