@@ -108,15 +108,29 @@ void sample_block(int irand, std::vector<double>& u, std::vector<double>& total)
     }
 }
 
+// Nothing is left of row j but rounding: its column of the factor is zero.
+bool dependent_row(int n, int j, std::span<const double> sig, const array<double, 2>& chol) {
+    constexpr double negligible = 1.0e-5;
+    const auto element = [&](int i, int k) { return sig[static_cast<std::size_t>(ihmssf(i, k, n) - 1)]; };
+    for (int i = j + 1; i <= n; ++i) {
+        double s = element(j, i);
+        for (int k = 1; k < j; ++k) s -= chol(i, k) * chol(j, k);
+        if (std::fabs(s) > negligible * std::sqrt(std::fabs(element(i, i) * element(j, j)))) return false;
+    }
+    return true;
+}
+
 } // namespace
 
 void mvnormal_initial(int n, std::span<const double> sig, array<double, 2>& chol) {
     allocate("all chol", chol, n, n);
-    const double least = numbers.zero * 0.001;
+    constexpr double vanishing = 1.0e-10; // of its diagonal element: the matrix is deficient there
     for (int j = 1; j <= n; ++j) {
-        double pivot = sig[static_cast<std::size_t>(ihmssf(j, j, n) - 1)];
+        const double diagonal = sig[static_cast<std::size_t>(ihmssf(j, j, n) - 1)];
+        double pivot = diagonal;
         for (int k = 1; k < j; ++k) pivot -= chol(j, k) * chol(j, k);
-        if (!(pivot >= least)) {
+        if (std::fabs(pivot) <= vanishing * std::fabs(diagonal) && dependent_row(n, j, sig, chol)) continue;
+        if (!(pivot > 0.0)) {
             print_list(screen(), "***** Routine \"MVNORMAL_INITIAL\": negative/small pivot encountered");
             print_list(screen(), "      No. of effects    =", n);
             print_list(screen(), "      Pivot no.         =", j, pivot);

@@ -74,16 +74,35 @@ TEST_F(sampling_test, factor_and_draw) {
     EXPECT_DOUBLE_EQ(x[2], -z[0] + z[1] + 3 * z[2]);
 }
 
-TEST_F(sampling_test, small_pivots_stop) {
+TEST_F(sampling_test, negative_pivots_stop) {
     array<double, 2> chol;
-    const double singular[] = {4.0, 2.0, 1.0}, tiny[] = {0.9e-11}, small[] = {1.1e-11};
-    EXPECT_STOP(mvnormal_initial(2, singular, chol),
+    const double indefinite[] = {4.0, 2.0, 0.5}, negative[] = {-1.0}, unequal[] = {0.0, 1.0, 2.0};
+    EXPECT_STOP(mvnormal_initial(2, indefinite, chol),
                 "***** Routine \"MVNORMAL_INITIAL\": negative/small pivot encountered\n"
                 "      No. of effects    = 2\n"
-                "      Pivot no.         = 2 0.0\n4.0 2.0\n2.0 1.0\n");
-    EXPECT_STOP(mvnormal_initial(1, tiny, chol), "      Pivot no.         = 1 ");
-    mvnormal_initial(1, small, chol);
-    EXPECT_EQ(chol(1, 1), std::sqrt(1.1e-11));
+                "      Pivot no.         = 2 -0.5\n4.0 2.0\n2.0 0.5\n");
+    EXPECT_STOP(mvnormal_initial(1, negative, chol), "      Pivot no.         = 1 ");
+    EXPECT_STOP(mvnormal_initial(2, unequal, chol), "      Pivot no.         = 1 ");
+}
+
+// Products of the factor with itself give back matrices of any rank and size.
+TEST_F(sampling_test, deficient_matrices_have_zero_columns) {
+    array<double, 2> chol;
+    const double zero_row[] = {0.0, 0.0, 0.0, 2.0, 1.0, 3.0}, rank_two[] = {1.44, 0.6, 0.36, 1.46, 0.59, 0.25},
+                 small[] = {4.0e-12, 2.0e-12, 0.0, 1.0e-12, 0.0, 9.0e-12};
+    for (const double* sig : {zero_row, rank_two, small}) {
+        mvnormal_initial(3, std::span<const double>(sig, 6), chol);
+        int zeros = 0;
+        for (int i = 1, k = 0; i <= 3; ++i) {
+            zeros += chol(i, i) == 0.0 ? 1 : 0;
+            for (int j = i; j <= 3; ++j, ++k) {
+                double s = 0.0;
+                for (int c = 1; c <= 3; ++c) s += chol(i, c) * chol(j, c);
+                EXPECT_NEAR(s, sig[k], 1.0e-9 * (sig[0] + sig[5])) << i << " " << j;
+            }
+        }
+        EXPECT_EQ(zeros, 1);
+    }
 }
 
 // Full sibs 3 and 4 have the inbred offspring 5, which has one known mate less: 6 has one parent.
