@@ -98,6 +98,14 @@ void write_sampling(double xl2) {
         for (int j = i; j <= estimates.ncovall; ++j) print_list(out, i, j, sampling.vcov(j, i));
 }
 
+// Error from a variance that is a difference of terms of this size: 0 where only their rounding is left, as for a
+// correlation that cannot be but 1.
+double root_of_difference(double v, double size) {
+    constexpr double rounding = 1.0e-10;
+    if (size > 0.0 && std::fabs(v) <= rounding * size) return 0.0;
+    return v > 0.0 ? std::sqrt(v) : -1.0;
+}
+
 } // namespace
 
 void check_usrdefcovs() {
@@ -176,7 +184,8 @@ double error_of_sum(const cov_function& f) {
 double error_of_ratio(double a, double b, double vaa, double vbb, double vab) {
     if (!(b > 0.0)) return -1.0;
     const double v = (b * b * vaa + a * a * vbb - 2.0 * a * b * vab) / (b * b * b * b);
-    return v > 0.0 ? std::sqrt(v) : -1.0;
+    const double size = (b * b * vaa + a * a * vbb + std::fabs(2.0 * a * b * vab)) / (b * b * b * b);
+    return root_of_difference(v, size);
 }
 
 double error_of_correlation(double c, double a, double b, double vcc, double vaa, double vbb, double vca, double vcb,
@@ -185,7 +194,11 @@ double error_of_correlation(double c, double a, double b, double vcc, double vaa
     const double v = (4.0 * a * a * b * b * vcc + b * b * c * c * vaa + a * a * c * c * vbb -
                       4.0 * a * b * b * c * vca - 4.0 * a * a * b * c * vcb + 2.0 * a * b * c * c * vab) /
                      (4.0 * a * a * a * b * b * b);
-    return v > 0.0 ? std::sqrt(v) : -1.0;
+    const double size =
+        (4.0 * a * a * b * b * vcc + b * b * c * c * vaa + a * a * c * c * vbb + std::fabs(4.0 * a * b * b * c * vca) +
+         std::fabs(4.0 * a * a * b * c * vcb) + std::fabs(2.0 * a * b * c * c * vab)) /
+        (4.0 * a * a * a * b * b * b);
+    return root_of_difference(v, size);
 }
 
 } // namespace tarvex

@@ -149,5 +149,19 @@ TEST_F(sampling_errors, CorrelatedEffects) {
     expect_sampling_covariances(m);
 }
 
+// Matrix (a, f a; f a, f f a): the correlation is 1 whatever a is, and its error vanishes but for rounding.
+TEST_F(sampling_errors, ExactCorrelationsHaveNoError) {
+    for (double f : {0.1, 0.7, 1.3, 3.3}) {
+        const double a = 1.7, v = 0.31;
+        EXPECT_EQ(
+            error_of_correlation(f * a, a, f * f * a, f * f * v, v, f * f * f * f * v, f * v, f * f * f * v, f * f * v),
+            0.0);
+        EXPECT_EQ(error_of_ratio(a, a / f, v, v / (f * f), v / f), 0.0);
+    }
+    EXPECT_EQ(error_of_correlation(0.5, 1.0, 1.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0), -1.0);
+    EXPECT_EQ(error_of_ratio(1.0, 2.0, 0.01, 0.01, 0.5), -1.0);
+    EXPECT_NEAR(error_of_correlation(0.5, 1.0, 1.0, 0.04, 0.0, 0.0, 0.0, 0.0, 0.0), 0.2, 1.0e-12);
+}
+
 } // namespace
 } // namespace tarvex
