@@ -3,8 +3,11 @@
 
 #include "app/choices.h"
 #include "app/forecast.h"
+#include "app/inputfiles.h"
 #include "app/runoptions.h"
+#include "control/interrupts.h"
 #include "control/options.h"
+#include "control/runlock.h"
 #include "control/tvxroutines.h"
 #include "data/data.h"
 #include "data/pedigrees.h"
@@ -38,10 +41,13 @@ namespace {
 void read_analysis(int argc, const char* const* argv) {
     tvxtimes(1);
     runoptions(argc, argv);
+    if (!options.bestonly) lock_folder();
     read_parfile();
+    check_inputs();
     choose_algorithm();
     choose_reconstruct();
     model2mudmap();
+    put_old_reports_aside();
 }
 
 // Report of the stored best point: neither data nor pedigree are looked at.
@@ -93,10 +99,13 @@ void estimate_and_report() {
 } // namespace
 
 void run_phases(int argc, const char* const* argv) {
+    catch_signals();
     read_analysis(argc, argv);
     if (options.bestonly) report_best_point();
     read_pedigree_and_data();
+    end_if_asked(false);
     set_up_equations();
+    end_if_asked(false);
     if (options.blup) get_ebvs();
     estimate_and_report();
     finish_run();

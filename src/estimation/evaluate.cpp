@@ -1,5 +1,7 @@
 #include "estimation/evaluate.h"
 
+#include "control/interrupts.h"
+#include "control/limits.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "estimation/bestpoint.h"
@@ -23,11 +25,13 @@ void log_evaluation(double xlike) {
 double evaluate_point(array<double>& parvec, int iopt) {
     const evaluation e = loglike(parvec, iopt);
     if (e.new_factor) log_evaluation(e.xlike);
-    if (!e.solved || !(e.xlike > bestpoint.xbest)) return e.xlike;
-    bestpoint.xbest = e.xlike;
-    bestpoint.parbest = parvec;
-    writebestpoint(0);
-    save_solutions();
+    if (e.solved && e.xlike > bestpoint.xbest) {
+        bestpoint.xbest = e.xlike;
+        bestpoint.parbest = parvec;
+        writebestpoint(0);
+        save_solutions();
+    }
+    end_if_asked(bestpoint.xbest > invalid_logl);
     return e.xlike;
 }
 
