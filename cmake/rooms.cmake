@@ -1,0 +1,30 @@
+# Rooms of the house and the arrows between them: what a room may include beside itself is what it uses, and what these
+# use in turn. The build targets and the test of the includes (tests/includes.cmake) are made from this table.
+set(TVX_ROOMS support dense sparse control parfile basis data relations parameters equations likelihood estimation
+  reports simulation app)
+set(support_uses)
+set(dense_uses support)
+set(sparse_uses support)
+set(control_uses support)
+set(parfile_uses control dense sparse)
+set(basis_uses parfile)
+set(data_uses basis)
+set(relations_uses data)
+set(parameters_uses relations)
+set(equations_uses parameters)
+set(likelihood_uses equations)
+set(estimation_uses likelihood)
+set(reports_uses estimation)
+set(simulation_uses estimation)
+set(app_uses reports simulation)
+
+# All rooms that headers may be taken from by a file of `room`, itself included.
+function(tvx_reach room result)
+  set(reach ${room})
+  foreach(below ${${room}_uses})
+    tvx_reach(${below} more)
+    list(APPEND reach ${more})
+  endforeach()
+  list(REMOVE_DUPLICATES reach)
+  set(${result} ${reach} PARENT_SCOPE)
+endfunction()
