@@ -44,27 +44,6 @@ bool any_switch() {
     return std::any_of(estimates.switchlog.begin(), estimates.switchlog.end(), [](int f) { return f != 0; });
 }
 
-double relative_change(const array<double>& from, const array<double>& to) {
-    double change = 0.0, size = 0.0;
-    for (int i = 1; i <= estimates.nparm; ++i) {
-        change += (from(i) - to(i)) * (from(i) - to(i));
-        size += to(i) * to(i);
-    }
-    return size > 0.0 ? std::sqrt(change / size) : 0.0;
-}
-
-void push_changes(double dd) {
-    auto& c = maximise.cchanges;
-    for (int k = 0; k < 4; ++k) {
-        c[0][k] = c[1][k];
-        c[1][k] = c[2][k];
-    }
-    c[2][0] = dd;
-    c[2][1] = aireml_terms.pnorm;
-    c[2][2] = aireml_terms.dnorm;
-    c[2][3] = aireml_terms.slope;
-}
-
 void say_converged(const char* on_screen, const char* in_file, double value, double limit) {
     maximise.converged = true;
     if (!options.terse) print_list(screen(), "*** AIREML has converged");
@@ -85,7 +64,7 @@ void test_convergence(double xold, double xnew) {
                       maximise.aiconv_norm);
     else if (xnew - xold < maximise.aiconv_like && promises_little())
         say_converged("   Last change in log L", "    Last change in log L =", xnew - xold, maximise.aiconv_like);
-    push_changes(xnew - xold);
+    push_changes(xnew - xold, aireml_terms.dnorm, aireml_terms.slope);
 }
 
 // Gradient and information at parvec. False where the point has no value.

@@ -30,6 +30,12 @@ void ai_reml(int nits, int& iround, double& xlike);
 // nparm2, subset.
 void rank_check();
 
+// Length of the step to `to`, relative to the length of `to` itself.
+double relative_change(const array<double>& from, const array<double>& to);
+// Moves maximise.cchanges up by one and takes in the last step: change in log L, aireml_terms.pnorm, norm of the
+// gradient and Newton decrement (0 for rounds of EM).
+void push_changes(double dd, double dnorm, double slope);
+
 // Records an iterate or round on the screen and in Iterates; which of AI, EM and PX it is follows from the flags.
 // `note` stands beside the EM labels in the developer's trace.
 void print_iterate(int iround, double xlike, double xold, std::string_view note = {});

@@ -64,7 +64,7 @@ std::vector<double> packed_block(const array<double, 2>& g, int irand) {
     return cc;
 }
 
-// Q chol-free product: Q M Q'.
+// Q M Q' of the leading r columns of Q (n rows).
 array<double, 2> between(const array<double, 2>& Q, const array<double, 2>& M, int n, int r) {
     array<double, 2> g;
     g.allocate(n, n);
@@ -207,26 +207,6 @@ void em_step() {
 
 double evaluate(int iopt) { return evaluate_point(estimates.parvec, iopt); }
 
-double relative_change(const array<double>& from, const array<double>& to) {
-    double change = 0.0, size = 0.0;
-    for (int i = 1; i <= estimates.nparm; ++i) {
-        change += (from(i) - to(i)) * (from(i) - to(i));
-        size += to(i) * to(i);
-    }
-    return size > 0.0 ? std::sqrt(change / size) : 0.0;
-}
-
-void push_changes(double dd) {
-    auto& c = maximise.cchanges;
-    for (int k = 0; k < 4; ++k) {
-        c[0][k] = c[1][k];
-        c[1][k] = c[2][k];
-    }
-    c[2][0] = dd;
-    c[2][1] = aireml_terms.pnorm;
-    c[2][2] = c[2][3] = 0.0;
-}
-
 // One round; false where no valid point was found. xold, xnew: log L before and behind.
 bool one_round(double& xold, double& xnew) {
     xold = evaluate(-1);
@@ -300,7 +280,7 @@ void em_algorithm(int nits, int& iround, double& xlike, double xlimit) {
         t.alpha = pxempc.aalpha;
         ++iround;
         print_iterate(iround, xnew, xold, std::to_string(pxempc.skippx));
-        push_changes(dd);
+        push_changes(dd, 0.0, 0.0);
         // A new pivot order leaves the best point in the old one unless this round has become the best.
         const bool lost = options.principal && xnew < bestpoint.xbest;
         if ((options.reconstruct || lost) && readbestpoint(true)) covs2parvec();

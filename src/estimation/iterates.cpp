@@ -6,6 +6,7 @@
 #include "estimation/aireml.h"
 #include "estimation/bestpoint.h"
 #include "likelihood/likelihood.h"
+#include "parameters/parvec.h"
 #include "support/edit_form.h"
 
 #include <cmath>
@@ -40,6 +41,27 @@ void trace_round(int iround, double xlike, double dd, std::string_view note) {
 }
 
 } // namespace
+
+double relative_change(const array<double>& from, const array<double>& to) {
+    double change = 0.0, size = 0.0;
+    for (int i = 1; i <= estimates.nparm; ++i) {
+        change += (from(i) - to(i)) * (from(i) - to(i));
+        size += to(i) * to(i);
+    }
+    return size > 0.0 ? std::sqrt(change / size) : 0.0;
+}
+
+void push_changes(double dd, double dnorm, double slope) {
+    auto& c = maximise.cchanges;
+    for (int k = 0; k < 4; ++k) {
+        c[0][k] = c[1][k];
+        c[1][k] = c[2][k];
+    }
+    c[2][0] = dd;
+    c[2][1] = aireml_terms.pnorm;
+    c[2][2] = dnorm;
+    c[2][3] = slope;
+}
 
 void edit_iterate_form(char* form, const iterate_form_values& v) {
     form[17] = decimals(v.dd, {1000.0, 100.0, 10.0, 1.0, static_cast<double>(0.1f), static_cast<double>(0.01f)}, 0);

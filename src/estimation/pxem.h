@@ -10,15 +10,13 @@
 namespace tarvex {
 
 struct pxempc_module {
-    array<double, 2> alpha; // (n,n) expansion of the effect at hand
-    int skippx = 0;         // 1: the round had no expansion
-    bool skip_px = false;   // the expansion is no longer worth its cost
-    double aalpha = 0.0;    // mean absolute deviation of the expansions from the identity
-    bool rebuild = false;   // the equations have been reordered
+    int skippx = 0;       // 1: the round had no expansion
+    bool skip_px = false; // the expansion is no longer worth its cost
+    double aalpha = 0.0;  // mean absolute deviation of the expansions from the identity
 };
 inline pxempc_module pxempc;
 
-// Sets up what PX-EM, and EM of reduced-rank fits, need besides the equations of the model.
+// Fresh state before rounds of PX-EM or EM of reduced rank.
 void pxem_setup();
 
 // Full-rank runs: expansion alpha of block irand from the quadratics of the E-step; the block's expansion stands in
@@ -29,8 +27,8 @@ void pxem_solve(int irand, const em_quantities& q, array<double, 2>& alpha);
 // others. Sets pxempc.aalpha from the blocks' expansions.
 void pxem_solve_all(const em_quantities& q, std::vector<array<double, 2>>& change);
 
-// New covariance matrix of a block with all checks on its eigenvalues: those below 1e-6 (the `rank` leading ones) are
-// raised.
+// Covariance matrix g of a block (n x n): where one of its `rank` leading eigenvalues is below 1e-6 the matrix is made
+// up anew from these, the small ones raised to that; otherwise it stays as it is.
 void raise_leading(array<double, 2>& g, int n, int rank);
 
 } // namespace tarvex

@@ -40,7 +40,7 @@ void get_hessian(array<double>& gradient) {
     }
 }
 
-// True when some eigenvalue below tau was replaced; dvec = modified inverse times gradient.
+// dvec = inverse times gradient, eigenvalues below tau replaced by it; those that are 0 have no part in it.
 void step_from_eigenvalues(const array<double>& eig, const array<double, 2>& vectors, double tau,
                            const array<double>& gradient) {
     const int n = size();

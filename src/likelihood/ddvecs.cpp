@@ -26,22 +26,17 @@ void dpositions() {
         ddvecs.maxeff = std::max(ddvecs.maxeff, from - 1);
     }
     allocate("alloc dd", ddvecs.dd, std::max(ddvecs.maxeff, 1), nq);
-    allocate("alloc dd", ddvecs.kk, std::max(ddvecs.maxeff, 1), nq);
 }
 
 void dvec_combs_muv() {
     if (!ddvecs.kkst.allocated()) dpositions();
     ddvecs.dd.fill(1.0);
-    ddvecs.kk.fill(1);
     if (!options.principal || options.randreg || !randomvars.zig.allocated()) return;
     for (int iq = 1; iq <= numbers.nq; ++iq)
         for (int j = 1; j <= model.nrnd(iq); ++j) {
             const int irand = mudmap.rn_irand(j, iq), place = mudmap.rn_place(j, iq);
             const int from = ddvecs.kkst(j, iq), to = ddvecs.kkst(j + 1, iq);
-            for (int p = from; p < to; ++p) {
-                ddvecs.dd(p, iq) = randomvars.zig(place, p - from + 1, irand);
-                ddvecs.kk(p, iq) = ddvecs.dd(p, iq) != 0.0 ? 1 : 0;
-            }
+            for (int p = from; p < to; ++p) ddvecs.dd(p, iq) = randomvars.zig(place, p - from + 1, irand);
         }
 }
 

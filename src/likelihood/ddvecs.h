@@ -8,7 +8,6 @@ struct ddvecs_module {
     array<int, 2> kkst;  // (maxrand+1,nq) first position of random effect j in a row of trait iq
     int maxeff = 0;      // positions of the longest row
     array<double, 2> dd; // (maxeff,nq) weights of a row of the trait: 1, elements of the factor when principal
-    array<int, 2> kk;    // (maxeff,nq) 1 where the weight is not zero
 };
 inline ddvecs_module ddvecs;
 

@@ -59,34 +59,6 @@ struct residual_part {
     }
 };
 
-// dM = dWy' R^-1 Wy + its transpose for the elements of the factors: d(r,c) += 2 z_r (X W' R^-1)(level, c) by records.
-void mmm_princ_der1(const part_products& products, factor_sums& d) {
-    const design_part& part = products.part;
-    const subject_design& s = *part.design;
-    const std::size_t nl = at(s.nl);
-    std::vector<double> h(nl);
-    for (int i = 0; i < s.nobs; ++i) {
-        std::fill(h.begin(), h.end(), 0.0);
-        for (int j = 0; j < s.nobs; ++j) {
-            const double r = part.rinv(j, i);
-            if (r == 0.0) continue;
-            for (std::size_t l = 0; l < nl; ++l) h[l] += r * products.p[at(j) * nl + l];
-        }
-        for (int e = s.efirst[at(i)]; e < s.efirst[at(i + 1)]; ++e) {
-            const design_effect& effect = s.effects[at(e)];
-            auto& block = d[at(effect.irand - 1)];
-            for (int c = 1; c <= model.krfit(effect.irand); ++c) {
-                const double g = 2.0 * h[at(s.local[at(effect.entry + c - 1)])];
-                if (!effect.raw) {
-                    block(effect.place, c) += g;
-                    continue;
-                }
-                for (int r = 1; r <= model.kkfit(effect.irand); ++r) block(r, c) += effect.raw[r - 1] * g;
-            }
-        }
-    }
-}
-
 void set_principal(const factor_sums& d) {
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (mudmap.kovrnd(irand) == "PEQ") continue;
@@ -138,7 +110,7 @@ void data_pass(const pattern_values& x) {
             residual.add_subject(p);
         else
             add_products(p, sums);
-        if (options.principal) mmm_princ_der1(p, factors);
+        if (options.principal) add_loads(p, 2.0, factors);
     });
     if (!options.randreg) residual.add_patterns(sums);
     set_residual(residual);

@@ -129,31 +129,6 @@ private:
     std::vector<double> expect_;
 };
 
-// loads(place, c) += E(z R^-1 e u_c) over the records of a part.
-void add_loads(const part_products& products, std::vector<array<double, 2>>& loads) {
-    const design_part& part = products.part;
-    const subject_design& s = *part.design;
-    const std::size_t nl = at(s.nl);
-    std::vector<double> h(nl);
-    for (int i = 0; i < s.nobs; ++i) {
-        std::fill(h.begin(), h.end(), 0.0);
-        for (int j = part.diagonal ? i : 0; j < (part.diagonal ? i + 1 : s.nobs); ++j)
-            for (std::size_t l = 0; l < nl; ++l) h[l] -= 2.0 * part.rinv(j, i) * products.p[at(j) * nl + l];
-        for (int e = s.efirst[at(i)]; e < s.efirst[at(i + 1)]; ++e) {
-            const design_effect& effect = s.effects[at(e)];
-            auto& block = loads[at(effect.irand - 1)];
-            for (int c = 1; c <= model.krfit(effect.irand); ++c) {
-                const double g = h[at(s.local[at(effect.entry + c - 1)])];
-                if (!effect.raw) {
-                    block(effect.place, c) += g;
-                    continue;
-                }
-                for (int r = 1; r <= model.kkfit(effect.irand); ++r) block(r, c) += effect.raw[r - 1] * g;
-            }
-        }
-    }
-}
-
 class residual_sums {
 public:
     explicit residual_sums(em_quantities& q) : q_(q) {
@@ -372,7 +347,7 @@ void em_expectations(const em_request& request, em_quantities& q) {
     expansion_sums expansion(request, q);
     walk_products(x, options.principal || expansion.any(), [&](const subject_stream&, const part_products& p) {
         residual.add(p);
-        if (options.principal) add_loads(p, q.loads);
+        if (options.principal) add_loads(p, -2.0, q.loads);
         if (expansion.any()) expansion.add(p.part);
     });
     residual.finish();

@@ -9,7 +9,7 @@ void setup4like();
 // runs).
 void setup4mmm();
 
-// New sizes after a reordering in mid-run: diag, xrhs, xspars, solerrs, and the matrix of the data where it is kept.
+// New sizes after a reordering in mid-run: diag, xrhs, xspars, solerrs. Nothing before setup4mmm.
 void resize_store();
 
 } // namespace tarvex

@@ -7,6 +7,7 @@
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "likelihood/buildmmm.h"
+#include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "relations/inverse_stream.h"
 
@@ -137,9 +138,31 @@ void add_products(const part_products& products, std::vector<pattern_matrix>& su
     for (std::size_t k = 0; k < products.m.v.size(); ++k) s.v[from + k] += products.m.v[k];
 }
 
-void pattern_products(const pattern_values& x, std::vector<pattern_matrix>& sums) {
-    sums.assign(at(combinations.ncombi), {});
-    walk_products(x, false, [&](const subject_stream&, const part_products& p) { add_products(p, sums); });
+void add_loads(const part_products& products, double factor, std::vector<array<double, 2>>& loads) {
+    const design_part& part = products.part;
+    const subject_design& s = *part.design;
+    const std::size_t nl = at(s.nl);
+    std::vector<double> h(nl); // R^-1 X w of record i, by local equation
+    for (int i = 0; i < s.nobs; ++i) {
+        std::fill(h.begin(), h.end(), 0.0);
+        for (int j = part.diagonal ? i : 0; j < (part.diagonal ? i + 1 : s.nobs); ++j) {
+            const double r = part.rinv(j, i);
+            if (r == 0.0) continue;
+            for (std::size_t l = 0; l < nl; ++l) h[l] += r * products.p[at(j) * nl + l];
+        }
+        for (int e = s.efirst[at(i)]; e < s.efirst[at(i + 1)]; ++e) {
+            const design_effect& effect = s.effects[at(e)];
+            auto& mine = loads[at(effect.irand - 1)];
+            for (int c = 1; c <= model.krfit(effect.irand); ++c) {
+                const double g = factor * h[at(s.local[at(effect.entry + c - 1)])];
+                if (!effect.raw) {
+                    mine(effect.place, c) += g;
+                    continue;
+                }
+                for (int r = 1; r <= model.kkfit(effect.irand); ++r) mine(r, c) += effect.raw[r - 1] * g;
+            }
+        }
+    }
 }
 
 pattern_matrix between_inverses(const pattern_matrix& rinv, const pattern_matrix& m) {

@@ -11,10 +11,12 @@ void lay_out_parameters();
 // fixes residual components without information, factorises, writes ListofCovs. floor_pivot as of transform_covs.
 void parvec_from_covs(bool em_scale, double floor_pivot);
 
-// Matrix of block irand (irand 0: of residual step `step`) from parvec, which clamps may change.
+// Matrix of block irand (irand 0: of residual step `step`) from parvec. Clamps parvec: logarithms to [-9,22], other
+// diagonals of a factor away from 0; a matrix on "Original" has its eigenvalues raised to 1e-4, parvec stays. Marks
+// estimates.switchlog.
 //   cc  (kkfit(kkfit+1)/2) packed upper triangle, order of the matrix
 //   vv  (kkfit,krfit) its factor, rows in the order of the matrix (row cholorder(j) of the factor's row j)
-//   ifail 1: not positive definite
+//   ifail 1: not finite
 void parvec2covs(array<double>& parvec, int irand, int step, array<double>& cc, array<double, 2>& vv, int& ifail);
 
 // Matrices cc of block irand (layout of model.cov: all steps of the residual; for block 0 with a PEQ effect the sum of
