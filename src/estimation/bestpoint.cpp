@@ -39,14 +39,8 @@ std::vector<double> get_cov(int irand) {
 
 // The stored sum of residual and PEQ matrix less the latter.
 void subtract_peq(std::vector<double>& res, const std::vector<double>& peq) {
-    const int irand = residualvars.ipeq, n = model.kkfit(irand);
-    for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j) {
-            const int iq = mudmap.rn_trait(i, irand), jq = mudmap.rn_trait(j, irand);
-            const int k = model.diagonal(irand) ? i : ihmssf(i, j, n);
-            res[static_cast<std::size_t>(ihmssf(std::min(iq, jq), std::max(iq, jq), numbers.nq) - 1)] -=
-                peq[static_cast<std::size_t>(k - 1)];
-        }
+    std::size_t k = 0;
+    for (const peq_place& p : peq_places()) res[static_cast<std::size_t>(p.residual - 1)] -= peq[k++];
 }
 
 std::string copy_name(int iround) {

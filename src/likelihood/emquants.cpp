@@ -171,13 +171,7 @@ bool single_records() {
 std::vector<double> current_values() {
     std::vector<double> theta;
     for (int k = 1; k <= estimates.nresparm; ++k) theta.push_back(residualvars.rpars(k));
-    if (!residualvars.peqsum) return theta;
-    const int irand = residualvars.ipeq, n = model.kkfit(irand);
-    for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j) {
-            const int iq = mudmap.rn_trait(i, irand), jq = mudmap.rn_trait(j, irand);
-            theta.push_back(residualvars.sigpeq(ihmssf(std::min(iq, jq), std::max(iq, jq), numbers.nq)));
-        }
+    for (const peq_place& p : peq_places()) theta.push_back(residualvars.sigpeq(p.residual));
     return theta;
 }
 

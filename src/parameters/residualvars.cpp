@@ -85,9 +85,7 @@ void peq_matrix(array<double>& parvec, int& ifail) {
     parvec2covs(parvec, r.ipeq, 1, cc, vv, ifail);
     if (ifail) return;
     const int n = model.kkfit(r.ipeq);
-    for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= n; ++j)
-            r.sigpeq(packed(mudmap.rn_trait(i, r.ipeq), mudmap.rn_trait(j, r.ipeq), numbers.nq)) = cc(ihmssf(i, j, n));
+    for (const peq_place& p : peq_places()) r.sigpeq(p.residual) = cc(ihmssf(p.i, p.j, n));
 }
 
 void show_residual() {
@@ -246,6 +244,15 @@ bool all_independent(const std::vector<int>& age, const std::vector<int>& iclass
 }
 
 } // namespace
+
+std::vector<peq_place> peq_places() {
+    std::vector<peq_place> places;
+    const int irand = residualvars.ipeq, n = irand > 0 ? model.kkfit(irand) : 0;
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j)
+            places.push_back({i, j, packed(mudmap.rn_trait(i, irand), mudmap.rn_trait(j, irand), numbers.nq)});
+    return places;
+}
 
 void show_combination(int icombi) {
     std::string line = "      Combination =";

@@ -33,6 +33,13 @@ struct residualvars_module {
 };
 inline residualvars_module residualvars;
 
+// Stored covariances of the PEQ matrix (row i, column j of it), in their order, and the place of each in the packed
+// triangle of the residual: the effect is fitted for some traits, in an order of its own. Empty without such an effect.
+struct peq_place {
+    int i, j, residual;
+};
+std::vector<peq_place> peq_places();
+
 // Residual inverses at parvec (which clamps may change). ifail 1: invalid point.
 void rinverse(array<double>& parvec, int& ifail);
 

@@ -261,14 +261,9 @@ void transform_diagonal(int irand, const double* cc, double floor_pivot, array<d
 
 // Adds the PEQ matrix, spread over the traits that fit it, to the residual triangle.
 void add_peq(std::vector<double>& res) {
-    const int irand = residualvars.ipeq, n = model.kkfit(irand);
-    for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= n; ++j) {
-            if (model.diagonal(irand) && i != j) continue;
-            const int iq = mudmap.rn_trait(i, irand), jq = mudmap.rn_trait(j, irand);
-            const double b = model.diagonal(irand) ? model.cov(i, irand) : model.cov(ihmssf(i, j, n), irand);
-            res[static_cast<std::size_t>(ihmssf(std::min(iq, jq), std::max(iq, jq), numbers.nq) - 1)] += b;
-        }
+    int k = 0;
+    for (const peq_place& p : peq_places())
+        res[static_cast<std::size_t>(p.residual - 1)] += model.cov(++k, residualvars.ipeq);
 }
 
 // Covariances in the units in which the traits are worked out.

@@ -77,17 +77,15 @@ void block_rows(int irand, array<double, 2>& linfun) {
 
 // The residual block of the parameters is a sum with the PEQ matrix: its own covariances depend on both.
 void peq_rows(array<double, 2>& linfun) {
-    const int irand = residualvars.ipeq, n = model.kkfit(irand), col = block_start(irand);
+    const int irand = residualvars.ipeq, col = block_start(irand);
     array<double, 2> J;
     block_jacobian(irand, 1, J);
     int row = 0;
-    for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j) {
-            ++row;
-            const int iq = mudmap.rn_trait(i, irand), jq = mudmap.rn_trait(j, irand);
-            const int at = cov_start(0) - 1 + ihmssf(std::min(iq, jq), std::max(iq, jq), numbers.nq);
-            for (int k = 1; k <= J.upper(2); ++k) linfun(at, col + k - 1) -= J(row, k);
-        }
+    for (const peq_place& p : peq_places()) {
+        ++row;
+        const int at = cov_start(0) - 1 + p.residual;
+        for (int k = 1; k <= J.upper(2); ++k) linfun(at, col + k - 1) -= J(row, k);
+    }
 }
 
 void write_sampling(double xl2) {
