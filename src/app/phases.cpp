@@ -28,6 +28,7 @@
 #include "reports/blup.h"
 #include "reports/modelsum.h"
 #include "reports/residuals.h"
+#include "reports/results_json.h"
 #include "reports/summary.h"
 #include "reports/writesolns.h"
 #include "simulation/simulation.h"
@@ -55,6 +56,7 @@ void read_analysis(int argc, const char* const* argv) {
     covs2parvec();
     check_usrdefcovs();
     write_estimates();
+    write_results(run_kind::best_point);
     finish_run();
 }
 
@@ -94,6 +96,7 @@ void estimate_and_report() {
     write_randsolns();
     write_residuals();
     write_estimates();
+    write_results(run_kind::search);
 }
 
 } // namespace
@@ -101,6 +104,7 @@ void estimate_and_report() {
 void run_phases(int argc, const char* const* argv) {
     catch_signals();
     read_analysis(argc, argv);
+    note_inputs();
     if (options.bestonly) report_best_point();
     read_pedigree_and_data();
     end_if_asked(false);

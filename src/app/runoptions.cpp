@@ -303,6 +303,7 @@ constexpr option_record table[] = {
     {"--forchol", 9, "--FORCHOL", 9, set_flag<&om::forchol, true>},
     {"--zero", 6, "--ZERO", 6, zero},
     {"--accinb", 8, "--ACCINB", 8, accinb},
+    {"--json", 6, "--JSON", 6, set_flag<&om::json, true>},
 };
 
 // The first n characters of `arg`, blanks behind its end, against the spelling with blanks behind its own.

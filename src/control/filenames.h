@@ -30,6 +30,7 @@ struct filenames_module {
     std::string recdatfil3 = "recoded3.bin";
     std::string recdatfil5 = "recoded5.bin";
     std::string residsfile = "Residuals.dat";
+    std::string resultsfile = "Results.json";
     std::string rnseedfile = "RandomSeeds";
     std::string rrcorrelfile = "RanRegCorrels.dat";
     std::string rrratiosfile = "RanRegVarRatios.dat";

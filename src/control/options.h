@@ -37,6 +37,7 @@ struct options_module {
     bool verbose = false;
     bool werbose = false;
     bool wide = false;
+    bool json = false;  // write Results.json
     bool sevars = true; // sampling errors in the report (off with --best)
 
     // From the parameter file and the model.

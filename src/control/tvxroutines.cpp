@@ -38,6 +38,8 @@ std::string two_digits(int n) {
 
 } // namespace
 
+std::string program_version() { return version_text(); }
+
 double cpu_time() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
 
 void tvxtimes(int mode, std::string_view label) {

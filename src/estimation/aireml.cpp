@@ -10,6 +10,7 @@
 #include "estimation/covs2parvec.h"
 #include "estimation/estimates.h"
 #include "estimation/evaluate.h"
+#include "estimation/iteratelog.h"
 #include "estimation/searchstate.h"
 #include "estimation/stepcontrol.h"
 #include "likelihood/derivatives.h"
@@ -59,6 +60,8 @@ void say_converged(const char* on_screen, const char* in_file, double value, dou
 bool promises_little() { return -aireml_terms.prox < std::max(0.01, 10.0 * maximise.aiconv_like); }
 
 void test_convergence(double xold, double xnew) {
+    iterate_log.ended = aireml_terms.dnorm < maximise.aiconv_norm ? "gradient below its limit"
+                                                                  : "change in log L below its limit";
     if (aireml_terms.dnorm < maximise.aiconv_norm)
         say_converged("   Norm of gradient vector", "    Norm of gradient vector =", aireml_terms.dnorm,
                       maximise.aiconv_norm);
@@ -111,6 +114,7 @@ void take_step(int& iround, double xold, double xnew) {
 
 void close_phase(int iter, int nits, bool search_failed) {
     estimates.parvec = bestpoint.parbest;
+    if (!maximise.converged) iterate_log.ended = iter > nits ? "limit of iterates" : "no better point found";
     if (maximise.ncycle != 1 || maximise.converged) return;
     if (!search_failed) print_list(screen(), "*** AIREML : No convergence");
     text_out out;

@@ -11,6 +11,7 @@
 #include "estimation/covs2parvec.h"
 #include "estimation/estimates.h"
 #include "estimation/evaluate.h"
+#include "estimation/iteratelog.h"
 #include "estimation/pxem.h"
 #include "likelihood/ddvecs.h"
 #include "likelihood/emquants.h"
@@ -292,6 +293,9 @@ void em_algorithm(int nits, int& iround, double& xlike, double xlimit) {
             break;
         }
     }
+    iterate_log.ended = !maximise.converged         ? "limit of rounds"
+                        : dd < maximise.emconv_like ? "change in log L below its limit"
+                                                    : "change in parameters below its limit";
     if (maximise.converged)
         close_converged(dd);
     else

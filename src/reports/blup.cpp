@@ -13,6 +13,7 @@
 #include "parameters/residualvars.h"
 #include "parfile/model.h"
 #include "reports/residuals.h"
+#include "reports/results_json.h"
 #include "reports/writesolns.h"
 #include "support/stop.h"
 
@@ -79,6 +80,7 @@ void get_ebvs() {
     write_fixsolns();
     write_randsolns();
     write_residuals();
+    write_results(run_kind::blup_run);
     print_list(screen(), "\"Tarvex\" has finished !");
     stop("\"Tarvex\" done", 0);
 }

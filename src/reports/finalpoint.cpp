@@ -1,0 +1,252 @@
+#include "reports/finalpoint.h"
+
+#include "control/numbers.h"
+#include "control/options.h"
+#include "data/levels.h"
+#include "dense/numroutines.h"
+#include "estimation/bestpoint.h"
+#include "estimation/estimates.h"
+#include "likelihood/derivatives.h"
+#include "likelihood/likelihood.h"
+#include "parameters/parunits.h"
+#include "parameters/residualvars.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "reports/covblocks.h"
+
+#include <Eigen/Eigenvalues>
+
+#include <algorithm>
+#include <cmath>
+
+namespace tarvex {
+
+namespace {
+
+using matrix = Eigen::MatrixXd;
+using column = Eigen::VectorXd;
+
+constexpr double small_variance = 1.0e-4, high_correlation = 0.995, gone = 1.0e-4;
+constexpr double near_border = 0.005; // eigenvalues of a scaled block below this belong to the border
+
+int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
+bool on_factor_scale(int irand) { return irand > 0 && options.principal && mudmap.kovrnd(irand) != "PEQ"; }
+
+// Covariances of one class of a block as a matrix; for block 0 without what a PEQ effect takes.
+matrix block_of(int irand, int step) {
+    const std::vector<double> cov = best_covariances(irand);
+    const int n = model.kkfit(irand);
+    matrix k = matrix::Zero(n, n);
+    std::size_t at = static_cast<std::size_t>((step - 1) * (model.diagonal(irand) ? n : n * (n + 1) / 2));
+    for (int i = 0; i < n; ++i)
+        for (int j = i; j < (model.diagonal(irand) ? i + 1 : n); ++j) k(i, j) = k(j, i) = cov[at++];
+    return k;
+}
+
+// Phenotypic variance that row i of a block is compared with.
+double phenotypic(int irand, int i, const std::vector<double>& cov) {
+    const int iq = options.randreg ? 1 : irand == 0 ? i : mudmap.rn_trait(i, irand);
+    if (options.randreg) return means.tr_var.upper() >= iq ? means.tr_var(iq) * means.tr_var(iq) : 1.0;
+    return function_value(phenotypic_covariance(iq, iq), cov);
+}
+
+// The block scaled to unit diagonal, but for small variances: one at the border has a diagonal of near_border.
+matrix scaled(const matrix& k, int irand, const std::vector<double>& cov, column& scale) {
+    const auto n = k.rows();
+    scale.resize(n);
+    for (Eigen::Index i = 0; i < n; ++i) {
+        const double floor = small_variance / near_border * std::fabs(phenotypic(irand, static_cast<int>(i) + 1, cov));
+        scale(i) = std::sqrt(std::max({k(i, i), floor, 1.0e-300}));
+    }
+    return scale.cwiseInverse().asDiagonal() * k * scale.cwiseInverse().asDiagonal();
+}
+
+void border_of(int irand, int step, const std::vector<double>& cov) {
+    const matrix k = block_of(irand, step);
+    const int n = static_cast<int>(k.rows());
+    auto& list = final_point.border;
+    const std::size_t before = list.size();
+    for (int i = 1; i <= n; ++i) {
+        const double part = k(i - 1, i - 1) / phenotypic(irand, i, cov);
+        if (!(part >= small_variance)) list.push_back({irand, step, "variance", i, i, part});
+    }
+    if (model.diagonal(irand) || n < 2) return;
+    for (int i = 1; i <= n; ++i)
+        for (int j = i + 1; j <= n; ++j) {
+            const double r = k(i - 1, j - 1) / std::sqrt(k(i - 1, i - 1) * k(j - 1, j - 1));
+            if (std::fabs(r) > high_correlation && model.krfit(irand) > 1)
+                list.push_back({irand, step, "correlation", i, j, r});
+        }
+    if (list.size() > before) return;
+    column scale;
+    const column eig = Eigen::SelfAdjointEigenSolver<matrix>(scaled(k, irand, cov, scale)).eigenvalues();
+    for (int r = n - model.krfit(irand); r < n; ++r)
+        if (eig(r) < gone) list.push_back({irand, step, "eigenvalue", 0, 0, eig(r)});
+}
+
+// Coordinates of the parameter vector without information of their own are left out.
+bool informative(Eigen::Index k, const matrix& info) { return info(k, k) > 0.0; }
+
+void coordinates(int from, int count, const matrix& info, std::vector<column>& directions) {
+    for (int k = from - 1; k < from - 1 + count; ++k)
+        if (informative(k, info)) directions.push_back(column::Unit(info.rows(), k));
+}
+
+// Directions in which a covariance matrix may move and stay one: all but those that lie across the border, unless the
+// likelihood rises into the inside.
+void free_directions(int irand, int step, const std::vector<double>& cov, const column& g, const matrix& info,
+                     std::vector<column>& directions) {
+    const int from = block_start(irand, step), count = block_size(irand), n = model.kkfit(irand);
+    bool whole = !on_factor_scale(irand) && !model.diagonal(irand) && count == n * (n + 1) / 2;
+    for (int k = from - 1; whole && k < from - 1 + count; ++k) whole = informative(k, info);
+    if (model.diagonal(irand) && !on_factor_scale(irand)) {
+        const matrix k = block_of(irand, step);
+        for (int i = 1; i <= n; ++i) {
+            const bool edge = k(i - 1, i - 1) < small_variance * phenotypic(irand, i, cov);
+            if (informative(from + i - 2, info) && (!edge || g(from + i - 2) > 0.0))
+                directions.push_back(column::Unit(g.size(), from + i - 2));
+        }
+        return;
+    }
+    if (!whole) return coordinates(from, count, info, directions);
+    column scale;
+    const Eigen::SelfAdjointEigenSolver<matrix> own(scaled(block_of(irand, step), irand, cov, scale));
+    matrix q = own.eigenvectors(), m(n, n);
+    for (int i = 1, k = from - 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j, ++k) m(i - 1, j - 1) = m(j - 1, i - 1) = g(k) * (i == j ? 1.0 : 0.5);
+    m = (scale.asDiagonal() * m * scale.asDiagonal()).eval();
+    Eigen::Index edge = 0;
+    while (edge < n && own.eigenvalues()(edge) < near_border) ++edge;
+    column slope = column::Zero(n);
+    if (edge > 0) {
+        const Eigen::SelfAdjointEigenSolver<matrix> across(q.leftCols(edge).transpose() * m * q.leftCols(edge));
+        q.leftCols(edge) = (q.leftCols(edge) * across.eigenvectors()).eval();
+        slope.head(edge) = across.eigenvalues();
+    }
+    for (Eigen::Index a = 0; a < n; ++a)
+        for (Eigen::Index b = a; b < n; ++b) {
+            if (b < edge && (a != b || slope(a) <= 0.0)) continue;
+            const matrix e = scale.asDiagonal() * (q.col(a) * q.col(b).transpose() + q.col(b) * q.col(a).transpose()) *
+                             scale.asDiagonal();
+            column d = column::Zero(g.size());
+            for (int i = 0, k = from - 1; i < n; ++i)
+                for (int j = i; j < n; ++j, ++k) d(k) = e(i, j);
+            directions.push_back(d);
+        }
+}
+
+// 1/2 g' I^- g over the directions, which are scaled to unit information first.
+double gain(const std::vector<column>& directions, const column& g, const matrix& info) {
+    matrix t(g.size(), static_cast<Eigen::Index>(directions.size()));
+    for (std::size_t k = 0; k < directions.size(); ++k) {
+        const double v = directions[k].dot(info * directions[k]);
+        t.col(static_cast<Eigen::Index>(k)) = v > 0.0 ? (directions[k] / std::sqrt(v)).eval() : column::Zero(g.size());
+    }
+    if (t.cols() == 0) return 0.0;
+    const Eigen::SelfAdjointEigenSolver<matrix> own(t.transpose() * info * t);
+    const column slope = own.eigenvectors().transpose() * (t.transpose() * g);
+    double sum = 0.0;
+    for (Eigen::Index k = 0; k < slope.size(); ++k)
+        if (own.eigenvalues()(k) > numbers.zero) sum += 0.5 * slope(k) * slope(k) / own.eigenvalues()(k);
+    return sum;
+}
+
+// Rank of the information scaled to unit diagonal, and what its null vectors combine.
+void rank_of(const matrix& info, const column& size) {
+    std::vector<Eigen::Index> use;
+    for (Eigen::Index k = 0; k < info.rows(); ++k)
+        if (informative(k, info)) use.push_back(k);
+    auto& f = final_point;
+    f.estimated = static_cast<int>(use.size());
+    if (use.empty()) return;
+    const column s = info(use, use).diagonal().cwiseSqrt().cwiseInverse();
+    const Eigen::SelfAdjointEigenSolver<matrix> own(s.asDiagonal() * info(use, use) * s.asDiagonal());
+    for (Eigen::Index k = 0; k < own.eigenvalues().size(); ++k) {
+        if (own.eigenvalues()(k) > numbers.zero) {
+            ++f.rank;
+            continue;
+        }
+        const column d = (own.eigenvectors().col(k).cwiseProduct(s)).cwiseQuotient(size(use));
+        std::vector<flat_item> items;
+        const double most = d.cwiseAbs().maxCoeff();
+        for (Eigen::Index l = 0; l < d.size(); ++l)
+            if (std::fabs(d(l)) > 0.1 * most)
+                items.push_back({f.names[static_cast<std::size_t>(use[static_cast<std::size_t>(l)])], d(l) / most});
+        f.flat.push_back(items);
+    }
+}
+
+// Name and size of each coordinate: covariances by the root of the product of their variances.
+void name_coordinates(const std::vector<double>& cov, column& size) {
+    auto& names = final_point.names;
+    names.resize(static_cast<std::size_t>(estimates.nparm));
+    for (int i = 1; i <= estimates.nparm; ++i) names[static_cast<std::size_t>(i - 1)] = estimates.parnames(i);
+    size = column::Ones(estimates.nparm);
+    for (int irand = 0; irand <= numbers.krand; ++irand)
+        for (int step = 1; step <= steps_of(irand); ++step) {
+            if (on_factor_scale(irand) || estimates.nnparm(irand) == 0) continue;
+            const int n = model.kkfit(irand), start = cov_start(irand, step);
+            int k = block_start(irand, step) - 1, number = start;
+            for (int i = 1; i <= n; ++i)
+                for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j, ++k, ++number) {
+                    names[static_cast<std::size_t>(k)] = estimates.covnames(number);
+                    size(k) = std::sqrt(std::fabs(phenotypic(irand, i, cov) * phenotypic(irand, j, cov)));
+                }
+        }
+}
+
+// Units of the quantities that derivatives are taken with respect to: covariances, or elements of factors.
+std::vector<double> derivative_units() {
+    if (!options.principal) return covariance_units();
+    std::vector<double> units(static_cast<std::size_t>(estimates.nparm), 1.0);
+    for (int irand = 0; irand <= numbers.krand; ++irand) {
+        if (estimates.nnparm(irand) == 0) continue;
+        auto at = static_cast<std::size_t>(block_start(irand) - 1);
+        if (!on_factor_scale(irand))
+            for (const double u : block_units(irand)) units[at++] = u;
+        else
+            for (int k = 1; k <= block_size(irand); ++k) units[at++] = row_unit(irand, factor_element(irand, 1, k).row);
+    }
+    return units;
+}
+
+} // namespace
+
+void look_at_final_point() {
+    final_point = {};
+    auto& f = final_point;
+    const std::vector<double> cov = all_covariances();
+    for (int irand = 0; irand <= numbers.krand; ++irand)
+        for (int step = 1; step <= steps_of(irand); ++step) border_of(irand, step, cov);
+    if (estimates.nparm == 0 || !average_info_available()) return;
+    estimates.parvec = bestpoint.parbest;
+    forget_factor(); // the verdict has used it up
+    if (!loglike(estimates.parvec, 1).valid) return;
+    average_info();
+    derivatives_mmm();
+    jacob_var2chol(0);
+    const int n = estimates.nparm;
+    column g(n), size;
+    matrix info(n, n);
+    double norm = 0.0;
+    const std::vector<double> units = derivative_units();
+    const auto unit = [&](int i) { return units[static_cast<std::size_t>(i - 1)]; };
+    for (int i = 1; i <= n; ++i) {
+        g(i - 1) = derivs.devl1(i) / unit(i);
+        norm += derivs.der1(i) * derivs.der1(i);
+        for (int j = i; j <= n; ++j) info(i - 1, j - 1) = info(j - 1, i - 1) = -derivs.devl2(ihmssf(i, j, n)) / (unit(i) * unit(j));
+    }
+    f.available = true;
+    f.gradient_norm = std::sqrt(norm);
+    f.gradient.assign(g.data(), g.data() + n);
+    f.information.assign(info.data(), info.data() + info.size());
+    name_coordinates(cov, size);
+    rank_of(info, size);
+    std::vector<column> directions;
+    for (int irand = 0; irand <= numbers.krand; ++irand)
+        for (int step = 1; step <= steps_of(irand); ++step)
+            if (estimates.nnparm(irand) > 0) free_directions(irand, step, cov, g, info, directions);
+    f.half_decrement = gain(directions, g, info);
+}
+
+} // namespace tarvex

@@ -1,0 +1,19 @@
+// Results.json: what a run found, at full precision, for other programs. Written with --json beside the reports.
+//
+// Top level: format, program, run, inputs, traits, effects, blocks, estimates, covariance_of_estimates, functions,
+// phenotype, user_functions, likelihood, iterates, end, equations, resources, solutions. docs/results.md describes
+// each.
+#pragma once
+
+namespace tarvex {
+
+enum class run_kind { search, best_point, blup_run };
+
+// With --json: takes the sums over the input files as they stand at the start, and removes an earlier Results.json, so
+// that one that is there belongs to a run that came to its end.
+void note_inputs();
+
+// With --json: writes the file; the run stops where it cannot be opened. Last of all reports.
+void write_results(run_kind kind);
+
+} // namespace tarvex
