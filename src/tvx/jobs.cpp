@@ -1,0 +1,78 @@
+#include "tvx/jobs.h"
+
+#include "tvx/commands.h"
+#include "tvx/tables.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdio>
+#include <filesystem>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace tvx {
+
+namespace fs = std::filesystem;
+
+extern const unsigned char job_rules[];
+extern const unsigned long job_rules_size;
+
+namespace {
+
+int start(const std::string& folder, const std::vector<std::string>& args) {
+    std::fflush(stdout);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        std::vector<std::string> all = args;
+        std::vector<char*> argv;
+        for (auto& a : all) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        const int out = open((folder + "/snakemake.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (out < 0 || chdir(folder.c_str()) != 0) _exit(126);
+        dup2(out, 1);
+        dup2(out, 2);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    int state = 0;
+    if (pid < 0 || waitpid(pid, &state, 0) != pid) return 126;
+    return WIFEXITED(state) ? WEXITSTATUS(state) : 128 + WTERMSIG(state);
+}
+
+} // namespace
+
+std::string shell_quoted(const std::string& text) {
+    std::string quoted = "'";
+    for (const char c : text) quoted += c == '\'' ? "'\\''" : std::string(1, c);
+    return quoted + "'";
+}
+
+std::vector<std::string> run_jobs(const std::string& folder, const std::map<std::string, std::string>& jobs,
+                                  const job_settings& settings) {
+    write_text(folder + "/Snakefile", {reinterpret_cast<const char*>(job_rules), job_rules_size});
+    write_text(folder + "/jobs.json", nlohmann::json{{"jobs", jobs}}.dump(1, '\t') + "\n");
+    const int n = settings.jobs > 0 ? settings.jobs : static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+    std::vector<std::string> args{"snakemake", "-s", "Snakefile", "-j", std::to_string(n), "--keep-going", "--nolock",
+                                  "--rerun-incomplete", "--rerun-triggers", "mtime"};
+    if (!settings.profile.empty()) args.insert(args.end(), {"--profile", settings.profile});
+    if (!display.quiet && !display.json) {
+        std::printf("%zu runs by Snakemake, %d at a time; %s/snakemake.log\n", jobs.size(), n, folder.c_str());
+        std::fflush(stdout);
+    }
+    const int status = start(folder, args);
+    if (status == 127) throw fault{"Snakemake is not installed: apt-get install snakemake", program_stopped};
+    std::vector<std::string> done;
+    std::size_t failed = 0;
+    for (const auto& [name, command] : jobs) {
+        if (fs::exists(folder + "/" + name + "/done"))
+            done.push_back(name);
+        else if (++failed <= 3 && !display.quiet && !display.json)
+            std::printf("failed: %s/%s/job.log\n", folder.c_str(), name.c_str());
+    }
+    if (done.empty()) throw fault{"no job came to its end: see " + folder + "/snakemake.log", program_stopped};
+    return done;
+}
+
+} // namespace tvx

@@ -1,0 +1,213 @@
+#include "tvx/program.h"
+
+#include "tvx/commands.h"
+#include "tvx/study.h"
+#include "tvx/tables.h"
+
+#include <xxhash.h>
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace tvx {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::vector<std::string> words_of(const std::string& line) {
+    std::istringstream in(line);
+    return {std::istream_iterator<std::string>(in), {}};
+}
+
+std::string keyword(const std::string& word) {
+    std::string key = word.substr(0, 3);
+    for (char& c : key) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return key;
+}
+
+volatile std::sig_atomic_t stop_wanted = 0;
+extern "C" void note_stop(int) { stop_wanted = 1; }
+
+// Takes note of Ctrl-C while it lives.
+class stop_watch {
+public:
+    stop_watch() {
+        stop_wanted = 0;
+        struct sigaction action {};
+        action.sa_handler = note_stop;
+        sigaction(SIGINT, &action, &before_);
+    }
+    ~stop_watch() { sigaction(SIGINT, &before_, nullptr); }
+    stop_watch(const stop_watch&) = delete;
+    stop_watch& operator=(const stop_watch&) = delete;
+
+private:
+    struct sigaction before_ {};
+};
+
+[[noreturn]] void child(const std::string& folder, const std::vector<std::string>& args, const std::string& log) {
+    std::vector<std::string> all{program_path()};
+    all.insert(all.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (auto& a : all) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    const int in = open("/dev/null", O_RDONLY);
+    const bool there = chdir(folder.c_str()) == 0;
+    const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (!there || in < 0 || out < 0) _exit(126);
+    dup2(in, 0);
+    dup2(out, 1);
+    dup2(out, 2);
+    signal(SIGINT, SIG_DFL);
+    execvp(argv[0], argv.data());
+    _exit(127);
+}
+
+// The last line of rounds in a log, for the terminal.
+void show_round(const std::string& file, double seconds) {
+    std::ifstream in(file);
+    std::string last;
+    for (std::string line; std::getline(in, line);)
+        if (line.starts_with("***") && line.find("log L =") != std::string::npos) last = line.substr(3, 55);
+    std::printf("\r%-60s %7.0f s", last.empty() ? "setting up" : last.c_str(), seconds);
+    std::fflush(stdout);
+}
+
+} // namespace
+
+std::string parameter_file(const std::string& place) {
+    std::string name = place;
+    while (name.size() > 1 && name.back() == '/') name.pop_back();
+    if (fs::is_regular_file(name)) return name;
+    if (fs::is_regular_file(name + ".par")) return name + ".par";
+    if (fs::is_directory(name)) {
+        if (has_study(name)) return name + "/" + read_study(name, false).name + ".par";
+        const std::string same = name + "/" + fs::path(name).filename().string() + ".par";
+        if (fs::is_regular_file(same)) return same;
+    }
+    throw fault{"no parameter file \"" + place + "\": give NAME.par or the folder of a study"};
+}
+
+std::vector<std::string> files_of_analysis(const std::string& parameter_file) {
+    const fs::path folder = fs::path(parameter_file).parent_path();
+    std::vector<std::string> files{fs::path(parameter_file).filename().string()};
+    const auto add = [&](const std::string& name) {
+        if (fs::path(name).is_absolute() || name.find('/') != std::string::npos)
+            throw fault{"\"" + name + "\" lies in another folder: put all files of the analysis beside the parameter file"};
+        if (fs::is_regular_file(folder / name) && std::find(files.begin(), files.end(), name) == files.end())
+            files.push_back(name);
+    };
+    std::istringstream in(read_text(parameter_file));
+    for (std::string line; std::getline(in, line);) {
+        const auto w = words_of(line);
+        if (w.size() < 2 || w[0][0] == '#') continue;
+        const std::string key = keyword(w[0]);
+        if (key == "DAT" || key == "PED" || key == "STA") add(w[1]);
+        if (key == "RAN" && w.size() > 2 && keyword(w[2]) == "GIN") {
+            const std::string effect = w[1].substr(0, w[1].find('('));
+            add(effect + ".gin");
+            add(effect + ".codes");
+        }
+        if (key == "VAR" && w.size() > 3 && keyword(w[3]) == "IND") {
+            add("MEVariances");
+            if (w.size() > 5) add(w[5]);
+        }
+        if (key == "RAN" && w[1].find("USR") != std::string::npos)
+            for (const auto& entry : fs::directory_iterator(folder.empty() ? "." : folder))
+                if (entry.path().extension() == ".baf") add(entry.path().filename().string());
+    }
+    return files;
+}
+
+std::string program_path() {
+    std::error_code ec;
+    const fs::path own = fs::read_symlink("/proc/self/exe", ec);
+    if (!ec && fs::is_regular_file(own.parent_path() / "tarvex")) return (own.parent_path() / "tarvex").string();
+    if (const char* named = std::getenv("TVX_TARVEX")) return named;
+    return "tarvex";
+}
+
+std::string sum_of_analysis(const std::string& parameter_file, const std::vector<std::string>& options) {
+    XXH3_state_t* state = XXH3_createState();
+    XXH3_128bits_reset(state);
+    const auto add = [&](std::string_view text) {
+        const auto n = static_cast<std::uint64_t>(text.size());
+        XXH3_128bits_update(state, &n, sizeof n);
+        XXH3_128bits_update(state, text.data(), text.size());
+    };
+    const fs::path folder = fs::path(parameter_file).parent_path();
+    for (const auto& name : files_of_analysis(parameter_file)) {
+        add(name);
+        add(read_text((folder / name).string()));
+    }
+    for (const auto& o : options) add(o);
+    if (const std::string program = program_path(); fs::is_regular_file(program)) add(read_text(program));
+    XXH128_canonical_t bytes;
+    XXH128_canonicalFromHash(&bytes, XXH3_128bits_digest(state));
+    XXH3_freeState(state);
+    std::string hex;
+    for (const unsigned char c : bytes.digest) {
+        char two[3];
+        std::snprintf(two, sizeof two, "%02x", c);
+        hex += two;
+    }
+    return hex;
+}
+
+program_run run_program(const std::string& folder, const std::vector<std::string>& args, const std::string& log) {
+    const auto start = std::chrono::steady_clock::now();
+    const stop_watch watch;
+    std::fflush(stdout);
+    const pid_t pid = fork();
+    if (pid == 0) child(folder, args, log);
+    if (pid < 0) throw fault{"cannot start the program", program_stopped};
+    const bool show = !display.quiet && !display.json && isatty(1);
+    bool shown = false;
+    program_run run;
+    double last = 2.0;
+    for (int state = 0;;) {
+        const pid_t done = waitpid(pid, &state, show ? WNOHANG : 0);
+        run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        if (done == pid) {
+            run.status = WIFEXITED(state) ? WEXITSTATUS(state) : 128 + WTERMSIG(state);
+            break;
+        }
+        if (stop_wanted) kill(pid, SIGINT); // it came to this process alone
+        if (done < 0) continue;
+        usleep(20000);
+        if (run.seconds < last) continue;
+        last = run.seconds + 0.5;
+        show_round(folder + "/" + log, run.seconds);
+        shown = true;
+    }
+    if (shown) std::printf("\r%70s\r", "");
+    if (run.status == 127 || run.status == 126)
+        throw fault{"cannot start the program \"" + program_path() + "\": install tarvex beside tvx", program_stopped};
+    if (stop_wanted || run.status == 128 + SIGINT) throw interrupted{};
+    return run;
+}
+
+std::string last_lines(const std::string& file, int n) {
+    std::ifstream in(file);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty()) lines.push_back(line);
+    std::string text;
+    const std::size_t from = lines.size() > static_cast<std::size_t>(n) ? lines.size() - static_cast<std::size_t>(n) : 0;
+    for (std::size_t i = from; i < lines.size(); ++i) text += "  " + lines[i] + "\n";
+    return text;
+}
+
+} // namespace tvx
