@@ -157,13 +157,13 @@ inline double em_rounds(int nits) {
 }
 
 // First lines' log L values of Iterates, by label.
-struct iterate_record {
+struct listed_iterate {
     std::string label;
     int round;
     double logl;
 };
-inline std::vector<iterate_record> iterates() {
-    std::vector<iterate_record> list;
+inline std::vector<listed_iterate> iterates() {
+    std::vector<listed_iterate> list;
     if (!std::filesystem::exists("Iterates")) return list;
     std::istringstream in(read_file("Iterates"));
     std::string line;
