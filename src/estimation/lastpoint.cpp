@@ -36,8 +36,6 @@ std::vector<double> block_covariances(int irand, int step, array<double, 2>& fac
     return cov;
 }
 
-int residual_classes_fitted() { return model.rr_resteps; }
-
 int trait_of(int irand, int row) { return irand == 0 ? row : mudmap.rn_trait(row, irand); }
 
 std::string row_name(int irand, int row) {
@@ -93,7 +91,7 @@ std::vector<double> row_scales(int irand, const std::vector<double>& phenotypic)
 
 std::string block_name(int irand, int step) {
     if (irand > 0) return model.krandom(irand);
-    return residual_classes_fitted() > 1 ? "residual, class " + std::to_string(step) : "residual";
+    return model.rr_resteps > 1 ? "residual, class " + std::to_string(step) : "residual";
 }
 
 judged_block covariance_block(int irand, int step, const std::vector<double>& scale) {
@@ -151,7 +149,7 @@ judged_point gather() {
             factor_parameters(irand, scale, p);
             continue;
         }
-        for (int step = 1; step <= (irand == 0 ? residual_classes_fitted() : 1); ++step)
+        for (int step = 1; step <= (irand == 0 ? model.rr_resteps : 1); ++step)
             p.blocks.push_back(covariance_block(irand, step, scale));
     }
     return p;
