@@ -17,6 +17,7 @@
 #include "equations/lsqfixed.h"
 #include "estimation/covs2parvec.h"
 #include "estimation/estimates.h"
+#include "estimation/modelsums.h"
 #include "estimation/pxem.h"
 #include "likelihood/setups.h"
 #include "parameters/variances.h"
@@ -49,6 +50,7 @@ void read_analysis(int argc, const char* const* argv) {
     choose_reconstruct();
     model2mudmap();
     put_old_reports_aside();
+    sum_model();
 }
 
 // Report of the stored best point: neither data nor pedigree are looked at.
@@ -69,12 +71,13 @@ void read_pedigree_and_data() {
     data_scan1st();
     gen_inverses();
     if (options.simulation) simulate_data();
-    if (options.superai) cholnrm_animal();
+    if (options.write_factor && !options.siremodel) cholnrm_animal();
 }
 
 void set_up_equations() {
     equation_nos();
     data_recode(starts_of_equations());
+    sum_inputs();
     write_modelsum();
     covs2parvec();
     check_usrdefcovs();

@@ -248,6 +248,7 @@ void zero(text rest, text arg) {
 }
 
 void accinb(text, text) { solutions.accinb = true; }
+void super(text, text) { options.superai = options.write_factor = true; }
 
 template <bool options_module::*flag, bool value> void set_flag(text, text) { options.*flag = value; }
 template <bool value> void set_reorder(text, text) { estimates.reorder = value; }
@@ -298,7 +299,7 @@ constexpr option_record table[] = {
     {"--self", 6, "--SELF", 6, set_flag<&om::selfing, true>},
     {"--nopru", 7, "--NOPRU", 7, set_flag<&om::nopru, true>},
     {"--times", 7, "--TIMES", 7, set_flag<&om::print_times, true>},
-    {"--super", 7, "--SUPER", 7, set_flag<&om::superai, true>},
+    {"--super", 7, "--SUPER", 7, super},
     {"--wide", 6, "--WIDE", 6, set_flag<&om::wide, true>},
     {"--forchol", 9, "--FORCHOL", 9, set_flag<&om::forchol, true>},
     {"--zero", 6, "--ZERO", 6, zero},

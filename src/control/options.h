@@ -29,9 +29,10 @@ struct options_module {
     bool setup_lrg = false;
     bool setup_only = false;
     bool simulation = false;
-    bool sure = true;           // a search that ends short of a maximum goes on (off: the stated plan alone)
-    bool strict_ai = true; // an AI step must raise log L
-    bool superai = false;  // work through the factor of the relationship matrix
+    bool sure = true;          // a search that ends short of a maximum goes on (off: the stated plan alone)
+    bool strict_ai = true;     // an AI step must raise log L
+    bool superai = false;      // work through the relationship matrix, not its inverse
+    bool write_factor = false; // leave the factor of the relationship matrix in a file (--super)
     bool tensor_ai = false;
     bool terse = false;
     bool verbose = false;

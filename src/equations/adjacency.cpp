@@ -8,6 +8,7 @@
 #include "data/levels.h"
 #include "equations/linksources.h"
 #include "equations/mmequations.h"
+#include "equations/orders.h"
 #include "sparse/linkedlist.h"
 #include "support/record_file.h"
 #include "support/stop.h"
@@ -90,7 +91,7 @@ bool read_adjacency(record_reader& in) {
 bool find_adjacency() {
     record_reader in;
     adjacency.llxrhs = false;
-    if (in.open(filenames.adjacfile) && read_adjacency(in)) return true;
+    if (sealed(filenames.adjacfile, orders.links) && in.open(filenames.adjacfile) && read_adjacency(in)) return true;
     linked_list = {};
     adjacency.llxrhs = false;
     return false;
@@ -109,7 +110,7 @@ void write_adjacency() {
     out.record(list.nrczhz, list.nrczhz / kfactor, kfactor);
     write_chunks(out, list.inext, list.nrczhz);
     write_chunks(out, list.ivcol, list.nrczhz);
-    out.close();
+    out.close({orders.links, {}});
 }
 
 void adjacency1(bool lnew) {
@@ -118,7 +119,7 @@ void adjacency1(bool lnew) {
     adjacency.found = lnew && find_adjacency();
     if (!adjacency.found) {
         clique_lists data;
-        data2adjac(data, lnew);
+        data2adjac(data);
         std::vector<level_links> blocks;
         for (int irand = 1; irand <= numbers.krand; ++irand)
             if (mmequations.rn_start(irand) >= 0) blocks.push_back(covar2adjac(irand));

@@ -2,7 +2,7 @@
 //
 // adjacency.bin: nq, nsrow, nrankx, lim1, neqns, neq_fix, neq_rnd, neq_cov, levels of each random effect (krand) |
 // llxrhs | ifirst(nsrow) | nrczhz, kk, kfactor | inext in kk records of kfactor elements, the rest in one more if there
-// is any | ivcol likewise. nsrow counts the right-hand side if llxrhs is 1.
+// is any | ivcol likewise. nsrow counts the right-hand side if llxrhs is 1. The seal has links_sum.
 #pragma once
 
 namespace tarvex {
@@ -14,9 +14,8 @@ struct adjacency_module {
 inline adjacency_module adjacency;
 
 // Pattern of the numbers.nsrow equations that stay (orders.jeq), without the right-hand side, into linked_list.
-//   lnew  true: at the start of a run. adjacency.bin is tried; otherwise residual inverses are formed at
-//         estimates.parvec to see which records of a subject are linked.
-//         false: in mid-run, from the residual inverses in hand.
+//   lnew  true: at the start of a run. adjacency.bin is tried. Otherwise, and in mid-run, the residual inverses in hand
+//         show which records of a subject are linked.
 void adjacency1(bool lnew);
 
 // The right-hand side as one more row, linked to all others: raises numbers.nsrow by 1. The first time the pattern is

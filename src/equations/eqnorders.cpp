@@ -5,6 +5,7 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "equations/adjacency.h"
+#include "equations/linksources.h"
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
@@ -20,7 +21,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <span>
 
@@ -73,6 +73,9 @@ bool read_maps(record_reader& in, stored_order& s) {
 order_file read_order(stored_order& s) {
     record_reader in;
     if (!in.open(filenames.ordersfile)) return order_file::none;
+    seal sums;
+    if (!read_seal(filenames.ordersfile, sums)) return order_file::unreadable;
+    if (sums.made_from != orders.links) return order_file::foreign;
     const std::vector<int> sizes{mmequations.neqns, mmequations.neq_fix, mmequations.neq_rnd, mmequations.neq_cov};
     const std::vector<int> head = order_header();
     std::vector<int> ksizes(4), khead(head.size());
@@ -92,7 +95,7 @@ void write_order(int nofsub, double nnops) {
     if (is_metis(orders.order_type)) out.record(std::span<const int>(orders.metis_opts));
     out.record(orders.invprm.prefix(base_rows()));
     out.record(orders.ivperm.prefix(base_rows()));
-    out.close();
+    out.close({orders.links, {}});
 }
 
 void adopt(const stored_order& s) {
@@ -395,12 +398,6 @@ void settle() {
     ++orders.nsymb;
 }
 
-// The components of a level are linked in these runs: a pattern without these elements would not do.
-void forget_patterns() {
-    for (const auto* name : {&filenames.adjacfile, &filenames.ordersfile, &filenames.symfacfile})
-        std::remove(name->c_str());
-}
-
 } // namespace
 
 bool choose_method() {
@@ -419,10 +416,10 @@ bool choose_method() {
 }
 
 void eqnorders() {
-    if (options.blup && options.principal) forget_patterns();
     set_jeq();
     allocate("alloc ifirst", orders.ieqnew, mmequations.neqns + 1);
     allocate("alloc ifirst", orders.ieqold, mmequations.neqns + 1);
+    orders.links = links_sum(true);
     trial_state t;
     t.automatic = orders.order_type == 0;
     t.preselected = choose_method();
@@ -442,6 +439,7 @@ void redo_eqnorders() {
     if (options.verbose) print_list(screen(), "BEGIN \"redo_eqnorders\" ");
     sparse.ixsub.deallocate();
     --numbers.nsrow;
+    orders.links = links_sum(false);
     adjacency1(false);
     int nofsub = 0;
     find_order(nofsub);

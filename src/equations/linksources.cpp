@@ -145,10 +145,68 @@ void record_rows(int i, std::vector<int>& rows) {
             if (const int e = orders.jeq(datavecs.jvec(p)); e > 0) rows.push_back(e);
 }
 
+void add_numbering(digest_maker& sum) {
+    const auto& m = mmequations;
+    for (const int n : {numbers.nq, numbers.krand, numbers.nrankx, numbers.nsrow, m.neqns, m.neq_cov, m.neq_fix,
+                        m.neq_rnd, options.principal ? 1 : 0,
+                        options.blup && options.principal ? 1 : 0})
+        sum.add(n);
+    for (const auto* start : {&m.cv_start, &m.fx_start}) sum.add(start->prefix(start->size()));
+    const auto& jeq = orders.jeq;
+    for (const auto* start : {&m.rn_start, &m.ieq_trait, &jeq}) sum.add(start->prefix(start->size()));
+}
+
+// Links between levels: those of an inverse follow from its pedigree, or are listed.
+void add_blocks(digest_maker& sum) {
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        const std::string kind = trim(mudmap.kovrnd(irand));
+        sum.add(kind);
+        for (const int n : {levels.rn_nlev(irand), nfit(irand), model.kkfit(irand), model.diagonal(irand)}) sum.add(n);
+        if (kind != "NRM" && kind != "GIN") continue;
+        inverse_stream inverse(irand);
+        for (inverse_element e; inverse.next(e);) {
+            const int place[2] = {e.col, e.row};
+            sum.bytes(place, sizeof place);
+        }
+    }
+}
+
+template <class T> void add_part(digest_maker& sum, const array<T, 2>& a, int rows, int n) {
+    sum.bytes(a.data(), sizeof(T) * static_cast<std::size_t>(rows) * static_cast<std::size_t>(n));
+}
+
+void add_records(digest_maker& sum) {
+    const record_groups groups = make_groups();
+    recdata_pass pass;
+    setup_recdata(pass, filenames.recdatfil2);
+    const auto& d = datavecs;
+    sum.add(d.mcov);
+    sum.add(d.mrow);
+    std::vector<int> group;
+    while (next_subject(pass)) {
+        groups.of_subject(group);
+        const int head[3] = {d.nobs, d.kk, d.nr};
+        sum.bytes(head, sizeof head);
+        sum.bytes(group.data(), group.size() * sizeof(int));
+        add_part(sum, d.icov, d.mcov, d.kk);
+        add_part(sum, d.ieqnr, d.mrow, d.kk);
+        sum.bytes(d.jvec.data(), sizeof(int) * static_cast<std::size_t>(d.nr));
+    }
+    deall_recdata(pass);
+}
+
 } // namespace
 
-void data2adjac(clique_lists& data, bool lnew) {
+digest links_sum(bool lnew) {
     if (lnew) form_residual_inverses();
+    digest_maker sum;
+    add_numbering(sum);
+    add_blocks(sum);
+    add_records(sum);
+    return sum.value();
+}
+
+void data2adjac(clique_lists& data) {
     const record_groups groups = make_groups();
     recdata_pass pass;
     setup_recdata(pass, filenames.recdatfil2);

@@ -1,6 +1,7 @@
 // Order of the equations in the factorisation.
 #pragma once
 #include "support/array.h"
+#include "support/digest.h"
 
 #include <array>
 #include <limits>
@@ -20,6 +21,7 @@ struct orders_module {
     array<int> ivperm;        // (nsrow)   place to full-rank number
     array<int> jeq;           // (neqns)   running number among the equations that stay, 0 for the others
     int maxspa = std::numeric_limits<int>::max(); // most subscripts of a structure
+    digest links;                                 // of the pattern in use: links_sum
     int nsymb = 0; // counts symbolic structures made in this run: cached positions belong to one of them
 };
 inline orders_module orders;

@@ -77,6 +77,15 @@ bool read_structure(record_reader& in) {
     return true;
 }
 
+// A structure belongs to a pattern and an order.
+digest structure_sum() {
+    digest_maker sum;
+    sum.add(orders.links);
+    sum.add(orders.ieqnew.prefix(mmequations.neqns + 1));
+    sum.add(orders.ivperm.prefix(numbers.nsrow - 1));
+    return sum.value();
+}
+
 } // namespace
 
 void write_symfac() {
@@ -92,12 +101,12 @@ void write_symfac() {
         const int chunk = std::min(steps, sparse.maxsub - got);
         out.record(std::span<const int>(sparse.ixsub.data() + got, static_cast<std::size_t>(chunk)));
     }
-    out.close();
+    out.close({structure_sum(), {}});
 }
 
 void read_symfac(bool& lfound) {
     record_reader in;
-    lfound = in.open(filenames.symfacfile) && read_structure(in);
+    lfound = sealed(filenames.symfacfile, structure_sum()) && in.open(filenames.symfacfile) && read_structure(in);
     if (!lfound) {
         sparse.ixsub.deallocate();
         sparse.maxlnz = sparse.maxsub = 0;

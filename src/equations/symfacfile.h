@@ -2,6 +2,7 @@
 //
 // symbfact.bin: neqns, nsrow, maxlnz, maxsub, steps | ieqnew(neqns+1) | ivperm(nsrow, the right-hand side last) |
 // ixvec1(nsrow+1) | ixvec2(nsrow) | ixsub in records of `steps` subscripts, the rest in a last one if there is any.
+// The seal has a sum over the pattern (orders.links) and the order.
 #pragma once
 
 namespace tarvex {

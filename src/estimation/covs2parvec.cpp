@@ -16,7 +16,7 @@ void covs2parvec() {
     if (!estimates.allocated) {
         lay_out_parameters();
         allocate("all nnparm", search_state.parnew, estimates.nparm);
-        if (options.continew || options.bestonly) readbestpoint(false);
+        if (options.continew || options.bestonly) take_stored_point();
         if (options.bestonly) {
             bestpoint.xbest = bestpoint.xlike_file;
             set_units_from_covariances();

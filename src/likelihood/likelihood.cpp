@@ -87,28 +87,12 @@ void redo_structure() {
     if (sparse.xspars.size() != sparse.maxlnz) allocate_large("XSPARS", sparse.xspars, sparse.maxlnz);
 }
 
-// True if the equations had to be ordered anew.
-bool build_with_redo() {
-    int iflag = 0;
-    places.lenient = !likelihoods.built; // a structure taken over from an earlier run may not fit
-    build_mmm(iflag);
-    places.lenient = false;
-    const bool redone = iflag != 0;
-    if (redone) {
-        redo_structure();
-        build_mmm(iflag);
-        if (iflag) stop("this should not happen");
-    }
-    likelihoods.built = true;
-    return redone;
-}
-
 // Builds and factorises at the covariances in hand. False: invalid pivot.
 bool new_factor(evaluation& e) {
     auto& l = likelihoods;
     l.factor_valid = false;
     l.failrow = 0;
-    e.reordered = build_with_redo();
+    e.reordered = build_with_new_order();
     ++l.nfact;
     int ifail = 0;
     factorise_mmm(l.detc, l.ypy, ifail);
@@ -238,6 +222,18 @@ evaluation loglike(array<double>& parvec, int iopt) {
     back_solutions();
     housekeeping(p, nparm, changed, e.xlike);
     return e;
+}
+
+bool build_with_new_order() {
+    int iflag = 0;
+    places.lenient = true; // covariances that were zero when the structure was laid out may have become free
+    build_mmm(iflag);
+    places.lenient = false;
+    if (!iflag) return false;
+    redo_structure();
+    build_mmm(iflag);
+    if (iflag) stop("this should not happen");
+    return true;
 }
 
 void forget_factor() { likelihoods.factor_valid = false; }

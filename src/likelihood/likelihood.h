@@ -17,7 +17,6 @@ struct likelihoods_module {
     int failrow = 0;             // row of the last invalid pivot, 0 none
     bool factor_valid = false;   // diag, xspars hold the factor of lastpar
     array<double, 2, 1> likesav; // (nparm+1,200) table of evaluations: log L, parameters
-    bool built = false;          // a matrix of this run has found all its places
 };
 inline likelihoods_module likelihoods;
 
@@ -35,6 +34,9 @@ struct evaluation {
 //       -1   the factor is wanted: returns at once when it belongs to parvec, xlike is its log L
 //       >0   for derivatives: the table is not consulted, factor and solutions are those of parvec on return
 evaluation loglike(array<double>& parvec, int iopt);
+
+// build_mmm, with a new order and structure where an element has no place in those in hand: true if so.
+bool build_with_new_order();
 
 // Levels of block irand that count in log|G|: those treated as fixed are left out.
 double effective_levels(int irand);

@@ -9,6 +9,7 @@
 #include "parfile/mudmap.h"
 #include "relations/inbreeding.h"
 #include "relations/nrminverse.h"
+#include "relations/pedigreesum.h"
 #include "support/record_file.h"
 
 #include <cmath>
@@ -19,19 +20,11 @@ namespace tarvex {
 
 namespace {
 
+// Coefficients that are missing, as the inverse was taken over from an earlier run, are computed.
 void need_inbreeding(int irun) {
-    if (nrminverse.ifin.allocated() && irun <= nrminverse.ifin.upper() && nrminverse.ifin(irun) != 0) return;
-    screen().line("Inbreeding coefficients not set - cannot calculate NRM ");
-    stop_with("... try deleting any \"nrminvers*.bin\" files ... ");
-}
-
-// Coefficients of a pedigree whose inverse was taken over from an earlier run.
-void restore_inbreeding(int irun) {
-    if (!nrminverse.ifin.allocated() || irun > nrminverse.ifin.upper()) need_inbreeding(irun);
-    if (nrminverse.ifin(irun) != 0) return;
-    const std::vector<double> f = inbreeding(pedigreelist.sire(irun), pedigreelist.dam(irun));
-    for (std::size_t i = 0; i < f.size(); ++i) nrminverse.inbreed(static_cast<int>(i) + 1, irun) = f[i];
-    nrminverse.ifin(irun) = 1;
+    if (!nrminverse.ifin.allocated() || irun > nrminverse.ifin.upper())
+        stop_with("Inbreeding coefficients not set - cannot calculate NRM ");
+    compute_inbreeding(irun);
 }
 
 double mendelian(int irun, int ian) {
@@ -96,11 +89,11 @@ void write_factor(record_writer& out, int irun, int nan) {
     }
 }
 
-// The factor of an earlier run is taken over if it has the size of this pedigree.
-bool factor_found(const std::string& name, int nan) {
-    record_reader in;
-    std::int32_t n = 0;
-    return in.open(name) && in.record(n) && n == nan;
+digest factor_sum(int irun) {
+    digest_maker sum;
+    sum.add("factor");
+    sum.add(pedigree_sum(irun));
+    return sum.value();
 }
 
 } // namespace
@@ -110,18 +103,19 @@ void cholnrm_animal() {
         if (mudmap.kovrnd(irand) != "NRM") continue;
         const int iirand = mudmap.iranno(irand), nan = pedigreelist.nannew(iirand);
         const std::string name = cholnrm_name(iirand);
-        if (factor_found(name, nan)) continue;
+        const seal s{factor_sum(iirand), {}};
+        if (sealed(name, s.made_from)) continue;
         need_inbreeding(iirand);
         record_writer out;
         if (!out.open(name, true)) stop_with("Cannot open file \"" + name + "\"");
         out.record(std::int32_t{nan});
         write_factor(out, iirand, nan);
-        if (!out.close()) stop_with("Cannot write file \"" + name + "\"");
+        if (!out.close(s)) stop_with("Cannot write file \"" + name + "\"");
     }
 }
 
 void nrm_product(int irun, const std::vector<double>& x, std::vector<double>& y) {
-    restore_inbreeding(irun);
+    need_inbreeding(irun);
     const auto& sire = pedigreelist.sire(irun);
     const auto& dam = pedigreelist.dam(irun);
     const int nan = pedigreelist.nannew(irun);

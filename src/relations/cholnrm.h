@@ -10,12 +10,11 @@ struct cholnrm_module {
 };
 inline cholnrm_module cholnrm;
 
-// Writes the factor of each relationship matrix in use; one of the same size is taken over. Needs the inbreeding
-// coefficients of this run.
+// Writes the factor of each relationship matrix in use (option --super: the estimation itself goes through the
+// pedigree); one of the same pedigree is taken over.
 void cholnrm_animal();
 // y = A x for relationship matrix irun through the pedigree, A = T D T', in linear time; x and y by animal of the
-// pruned list (0-based vectors). Inbreeding coefficients are computed where the inverse was taken over from an earlier
-// run.
+// pruned list (0-based vectors). Parents stand before their offspring: not for sire models.
 void nrm_product(int irun, const std::vector<double>& x, std::vector<double>& y);
 
 } // namespace tarvex

@@ -188,12 +188,6 @@ void offspring_by_sire(const std::vector<int>& sire, const std::vector<int>& dam
         if (sire[i] > 0 && dam[i] > 0) list[at[sire[i]]++] = static_cast<int>(i) + 1;
 }
 
-void write_summary(text_out& out, int jj, int n, double fbar) {
-    write(out, "(/a,i4,a)", "Inbreeding coefficients for random effect", jj, " computed");
-    write(out, "(a,i8)", "No. of inbred animals          =", n);
-    write(out, "(a,f8.4,a)", "Average inbreeding coefficient =", fbar, " (in %)");
-}
-
 } // namespace
 
 std::vector<double> inbreeding_by_sires(const std::vector<int>& sire, const std::vector<int>& dam,
@@ -244,28 +238,43 @@ std::vector<double> inbreeding(const std::vector<int>& sire, const std::vector<i
     });
 }
 
-void inbreed_coeffs(int jj, int nanim, text_out& out) {
+void write_inbreeding(text_out& out, int jj, int nanim, const inbreeding_sums& inbred) {
+    write(out, "(/a,i4,a)", "Inbreeding coefficients for random effect", jj, " computed");
+    write(out, "(a,i8)", "No. of inbred animals          =", inbred.count);
+    write(out, "(a,f8.4,a)", "Average inbreeding coefficient =", nanim > 0 ? 100.0 * inbred.total / nanim : 0.0,
+          " (in %)");
+}
+
+inbreeding_sums inbreed_coeffs(int jj, int nanim, text_out& out) {
     const auto& sire = pedigreelist.sire(jj);
     const auto& dam = pedigreelist.dam(jj);
     const std::vector<double> f = inbreeding(sire, dam, [&](int ia) {
         if (!options.terse && ia % 5000 == 0) write(screen(), "(2x,a,i10,a,i10)", "inbreed : at", ia, "  of", nanim);
     });
-    double sum = 0.0;
-    int n = 0;
+    inbreeding_sums inbred;
     for (int i = 1; i <= nanim; ++i) {
         nrminverse.nrmdiag(i) = mendelian_variance(sire[i - 1], dam[i - 1], f);
-        sum += f[i - 1];
-        if (f[i - 1] > 0.0) ++n;
+        inbred.total += f[i - 1];
+        if (f[i - 1] > 0.0) ++inbred.count;
     }
     if (nrminverse.ifin.allocated()) {
         for (int i = 1; i <= nanim; ++i) nrminverse.inbreed(i, jj) = f[i - 1];
         nrminverse.ifin(jj) = 1;
     }
-    const double fbar = nanim > 0 ? 100.0 * sum / nanim : 0.0;
-    write_summary(out, jj, n, fbar);
-    if (!options.verbose) return;
-    write_summary(screen(), jj, n, fbar);
-    if (n > 0) write(screen(), "(a,f8.4,a)", "... amongst inbred animals     =", 100.0 * sum / n, " (in %)");
+    write_inbreeding(out, jj, nanim, inbred);
+    if (!options.verbose) return inbred;
+    write_inbreeding(screen(), jj, nanim, inbred);
+    if (inbred.count > 0)
+        write(screen(), "(a,f8.4,a)", "... amongst inbred animals     =", 100.0 * inbred.total / inbred.count,
+              " (in %)");
+    return inbred;
+}
+
+void compute_inbreeding(int jj) {
+    if (nrminverse.ifin(jj) != 0) return;
+    const std::vector<double> f = inbreeding(pedigreelist.sire(jj), pedigreelist.dam(jj));
+    for (std::size_t i = 0; i < f.size(); ++i) nrminverse.inbreed(static_cast<int>(i) + 1, jj) = f[i];
+    nrminverse.ifin(jj) = 1;
 }
 
 } // namespace tarvex

@@ -25,8 +25,18 @@ inline double mendelian_variance(int s, int d, const std::vector<double>& f) {
     return 1.0 - 0.25 * ((s > 0 ? 1.0 + f[s - 1] : 0.0) + (d > 0 ? 1.0 + f[d - 1] : 0.0));
 }
 
+// Inbred animals of a pedigree, and the sum of all coefficients.
+struct inbreeding_sums {
+    int count = 0;
+    double total = 0.0;
+};
+
 // Computes the coefficients of pedigree list jj; leaves nrminverse.nrmdiag (Mendelian sampling variances) and, where
 // they are kept, nrminverse.inbreed and ifin. The summary goes to `out` and under verbose to the screen.
-void inbreed_coeffs(int jj, int nanim, text_out& out);
+inbreeding_sums inbreed_coeffs(int jj, int nanim, text_out& out);
+// Lines of the summary for pedigree list jj of nanim animals.
+void write_inbreeding(text_out& out, int jj, int nanim, const inbreeding_sums& inbred);
+// Fills the column of nrminverse.inbreed of list jj, unless this run has done it.
+void compute_inbreeding(int jj);
 
 } // namespace tarvex

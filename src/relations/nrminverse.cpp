@@ -14,6 +14,7 @@
 #include "relations/animalnrm.h"
 #include "relations/geninverse.h"
 #include "relations/inbreeding.h"
+#include "relations/pedigreesum.h"
 #include "sparse/linkedlist.h"
 #include "support/edit_form.h"
 #include "support/record_file.h"
@@ -65,34 +66,40 @@ void no_match(bool& lex) {
     lex = false;
 }
 
-// Takes the weights of the animals off the file; false if it ends before, or if levels were treated as fixed in the run
-// that made it.
-bool plain_weights(record_reader& in) {
-    if (!in.next() || in.bytes_left() < 2 * sizeof(double)) return false;
-    for (double weight = 0.0; in.get(weight);)
-        if (weight == fixed_level_weight) return false;
-    return true;
+// Of what the inverse in hand is made: the pedigree and the levels treated as fixed.
+digest inverse_sum(int irun) {
+    digest_maker sum;
+    sum.add(pedigree_sum(irun));
+    sum.add(options.pseudofix ? 1 : 0);
+    if (options.pseudofix) {
+        sum.add(randasfix.asfix.prefix(randasfix.asfix.size()));
+        sum.add(randasfix.psfixfact);
+    }
+    return sum.value();
 }
 
-// Tests whether an existing file belongs to this analysis: size, first and last code, no levels treated as fixed, and
-// completeness as far as the last but one element. Leaves nnrm and detl.
-void check_nrmhead(record_reader& in, bool& lex, int irand) {
+// Tests whether an existing file belongs to this analysis: its seal, size, first and last code, and indices of all
+// elements. Leaves nnrm and detl, and in `note` the count of inbred animals and the sum of their coefficients.
+void check_nrmhead(record_reader& in, bool& lex, int irand, const std::string& name, inbreeding_sums& inbred) {
     lex = true;
     const int irun = mudmap.iranno(irand);
     const auto& idwec = pedigreelist.idwec(irun);
     std::int32_t nan = 0, ian1 = 0, ian2 = 0, sm = 0, nnrm = 0;
     double detl = 0.0;
+    seal s;
+    if (!read_seal(name, s) || s.made_from != inverse_sum(irun)) return no_match(lex);
     if (!in.record(nan, ian1, ian2, sm) || nan != pedigreelist.nannew(irun)) return no_match(lex);
     if (nan < 1 || ian1 != idwec.front() || ian2 != idwec.back()) return no_match(lex);
     if (!in.record(nnrm, detl) || nnrm < nan) return no_match(lex); // each animal has a diagonal
-    if (!plain_weights(in)) return no_match(lex);
-    for (int k = 2; k <= nnrm; ++k) {
+    if (!in.next()) return no_match(lex);
+    for (int k = 1; k <= nnrm; ++k) {
         std::int32_t icol = 0, irow = 0;
         double xx = 0.0;
         if (!in.record(icol, irow, xx) || icol < 1 || icol > irow || irow > nan) return no_match(lex);
     }
     nrminverse.nnrm = nnrm;
     nrminverse.detl = detl;
+    inbred = {static_cast<int>(s.note[0]), s.note[1]};
 }
 
 void write_nrm(record_writer& iun, int irand, int nan, int jj) {
@@ -112,10 +119,11 @@ void write_nrm(record_writer& iun, int irand, int nan, int jj) {
 }
 
 // Inverse of a relationship matrix from the pedigree, by the rules for animals or for sires, into the open file.
-void nrm_inverse(int irand, record_writer& iun, text_out& sumped) {
+inbreeding_sums nrm_inverse(int irand, record_writer& iun, text_out& sumped) {
+    inbreeding_sums inbred;
     const int jj = mudmap.iranno(irand), nan = pedigreelist.nannew(jj);
     allocate(options.siremodel ? "alloc nrmdiag" : "alloc nrmdia", nrminverse.nrmdiag, nan);
-    if (!options.siremodel) inbreed_coeffs(jj, nan, sumped);
+    if (!options.siremodel) inbred = inbreed_coeffs(jj, nan, sumped);
     pseudo_fix(irand, sumped, nan, jj);
     if (options.siremodel) {
         sire_nrm(jj, nan);
@@ -126,7 +134,13 @@ void nrm_inverse(int irand, record_writer& iun, text_out& sumped) {
     write_nrm(iun, irand, nan, jj);
     deall_store();
     nrminverse.nrmdiag.deallocate();
-    randasfix.asfix.deallocate();
+    return inbred;
+}
+
+// The lines that a run which makes the inverse has in its summary of the pedigree.
+void summary_of_taken_over(int irun, const inbreeding_sums& inbred, text_out& sumped) {
+    if (!options.siremodel) write_inbreeding(sumped, irun, pedigreelist.nannew(irun), inbred);
+    print_list(sumped, " No. of levels to be treated as fixed =", 0);
 }
 
 // Makes the inverse of an effect, or takes over the file of an earlier run or of another effect on the same pedigree.
@@ -136,18 +150,22 @@ void one_inverse(int irand, text_out& sumped) {
     bool lex = false;
     if (!options.pseudofix && file_exists(name)) {
         record_reader in;
+        inbreeding_sums inbred;
         if (in.open(name))
-            check_nrmhead(in, lex, irand);
+            check_nrmhead(in, lex, irand, name, inbred);
         else
             no_match(lex);
         if (lex && !options.terse) print_list(screen(), "NRM inverse found", irand, iirand);
+        if (lex) summary_of_taken_over(iirand, inbred, sumped);
     }
     if (!lex) {
         record_writer iun;
         if (!iun.open(name, true)) stop_with("Cannot open file \"" + name + "\"");
         if (options.verbose && options.siremodel) screen().line("sire model");
-        nrm_inverse(irand, iun, sumped);
-        if (!iun.close()) stop_with("Cannot write file \"" + name + "\"");
+        const inbreeding_sums inbred = nrm_inverse(irand, iun, sumped);
+        const seal s{inverse_sum(iirand), {static_cast<double>(inbred.count), inbred.total}};
+        randasfix.asfix.deallocate();
+        if (!iun.close(s)) stop_with("Cannot write file \"" + name + "\"");
     }
     geninverse.detginv(irand) = nrminverse.detl;
     geninverse.nnginv(irand) = nrminverse.nnrm;
@@ -175,11 +193,29 @@ void allocate_inbreed() {
     allocate("alloc inbreed", nrminverse.ifin, n);
 }
 
-// Keeps the coefficients for a simulation, if all of them were computed in this run.
+// Coefficients of the pedigrees whose inverse was taken over: from the file of an earlier run, or computed.
+void restore_inbreed() {
+    auto& ifin = nrminverse.ifin;
+    if (std::find(ifin.begin(), ifin.end(), 0) == ifin.end()) return;
+    int m = 0, n = 0, nan = 0;
+    record_reader in;
+    const bool known = !options.siremodel && sealed(filenames.inbrdfile, all_pedigrees_sum()) &&
+                       in.open(filenames.inbrdfile) && in.record(m, n, nan) && m == nrminverse.inbreed.upper(1) &&
+                       n == nrminverse.inbreed.upper(2) &&
+                       in.record(nrminverse.inbreed.prefix(nrminverse.inbreed.size()));
+    if (known)
+        ifin.fill(1);
+    else if (!options.siremodel)
+        for (int irun = 1; irun <= static_cast<int>(ifin.upper()); ++irun) compute_inbreeding(irun);
+}
+
+// Keeps the coefficients for a simulation.
 void write_inbreed() {
     const auto& ifin = nrminverse.ifin;
     const int n = static_cast<int>(ifin.upper());
     if (n < 1 || std::find(ifin.begin(), ifin.end(), 0) != ifin.end()) return;
+    const digest made_from = all_pedigrees_sum();
+    if (sealed(filenames.inbrdfile, made_from)) return;
     std::string pedfile = filenames.pedfile;
     pedfile.resize(30, ' ');
     record_writer iun;
@@ -187,7 +223,7 @@ void write_inbreed() {
     iun.record(static_cast<std::int32_t>(nrminverse.inbreed.upper(1)), std::int32_t{n},
                std::int32_t{pedigreelist.nannew(1)}, pedfile);
     iun.record(nrminverse.inbreed.prefix(nrminverse.inbreed.size()));
-    if (!iun.close()) stop_with("Cannot write file \"" + filenames.inbrdfile + "\"");
+    if (!iun.close({made_from, {}})) stop_with("Cannot write file \"" + filenames.inbrdfile + "\"");
 }
 
 } // namespace
@@ -216,7 +252,9 @@ void gen_inverses() {
     }
     if (options.details) screen().line("END gen_inverses");
     write_tvxbottom(sumped);
-    if (keep) write_inbreed();
+    if (!keep) return;
+    restore_inbreed();
+    write_inbreed();
 }
 
 } // namespace tarvex

@@ -6,8 +6,8 @@
 #include "dense/numroutines.h"
 #include "equations/mmmatrix.h"
 #include "estimation/estimates.h"
-#include "likelihood/buildmmm.h"
 #include "likelihood/factormmm.h"
+#include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
 #include "parameters/randomvars.h"
 #include "parameters/residualvars.h"
@@ -64,11 +64,10 @@ void invert_given_matrices() {
 
 void get_ebvs() {
     invert_given_matrices();
-    int iflag = 0;
-    build_mmm(iflag);
+    build_with_new_order();
     double detc = 0.0, ypy = 0.0;
-    int ifail = iflag;
-    if (iflag == 0) factorise_mmm(detc, ypy, ifail);
+    int ifail = 0;
+    factorise_mmm(detc, ypy, ifail);
     if (ifail != 0) invalid("Error in factorisation of MMM ");
     takaha_inverse();
     save_solutions();

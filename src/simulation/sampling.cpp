@@ -1,6 +1,5 @@
 #include "simulation/sampling.h"
 
-#include "control/filenames.h"
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
@@ -9,9 +8,10 @@
 #include "dense/numroutines.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
+#include "relations/inbreeding.h"
+#include "relations/nrminverse.h"
 #include "simulation/ranf.h"
 #include "support/edit_form.h"
-#include "support/record_file.h"
 #include "support/stop.h"
 
 #include <cmath>
@@ -20,26 +20,6 @@
 namespace tarvex {
 
 namespace {
-
-// Inbreeding coefficients by animal and relationship matrix, from inbreed.bin.
-const array<double, 2>& inbreeding() {
-    static array<double, 2> f;
-    record_reader file;
-    int m = 0, n = 0, nan = 0, most = 0;
-    for (int k : pedigreelist.nannew) most = std::max(most, k);
-    const bool head = file.open(filenames.inbrdfile) && file.record(m, n, nan);
-    bool good = head && m == most && n == pedigreelist.nrunno && nan == pedigreelist.nannew(1);
-    if (good) {
-        f.allocate(m, n);
-        good = file.record(f.prefix(f.size()));
-    }
-    if (!good) {
-        print_list(screen(), "Inbreeding coefficients not set/no success retrieving file  ");
-        print_list(screen(), "... delete any \"nrminvers*.bin\" files from previous runs ...");
-        stoptarvex();
-    }
-    return f;
-}
 
 // Share of the variance that Mendelian sampling adds, and the parents' contributions.
 struct pedigree_rule {
@@ -81,8 +61,8 @@ void sample_block(int irand, std::vector<double>& u, std::vector<double>& total)
     const auto width = static_cast<std::size_t>(n);
     array<double, 2> chol;
     block_factor(irand, chol);
-    static const array<double, 2> none;
-    const array<double, 2>& f = nrm && !options.siremodel ? inbreeding() : none;
+    if (nrm && !options.siremodel) compute_inbreeding(irun); // where the inverse was taken over from an earlier run
+    const array<double, 2>& f = nrminverse.inbreed;
     u.assign(static_cast<std::size_t>(nlev) * width, 0.0);
     std::vector<double> w(width);
     for (int l = 1; l <= nlev; ++l) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <unistd.h>
 
 namespace tarvex {
 
@@ -21,13 +22,25 @@ bool record_writer::open(const std::string& name, bool final_on_close) {
     std::setvbuf(file_, nullptr, _IONBF, 0);
     buffer_.clear();
     buffer_.reserve(capacity);
+    content_ = final_on_close ? std::make_unique<digest_maker>() : nullptr;
     good_ = true;
     return true;
+}
+
+bool record_writer::close(const seal& s) {
+    if (!file_ || !content_) return close();
+    flush();
+    const std::string text = seal_text(s, *content_);
+    content_.reset();
+    write_through(text.data(), text.size());
+    return close();
 }
 
 bool record_writer::close() {
     if (!file_) return false;
     flush();
+    // the content reaches the disk before the name does
+    if (!temporary_.empty() && good_ && fsync(fileno(file_)) != 0) good_ = false;
     if (std::fclose(file_) != 0) good_ = false;
     file_ = nullptr;
     if (!temporary_.empty()) {
@@ -44,7 +57,9 @@ void record_writer::flush() {
 }
 
 void record_writer::write_through(const void* p, std::size_t n) {
-    if (n > 0 && std::fwrite(p, 1, n, file_) != n) good_ = false;
+    if (n == 0) return;
+    if (content_) content_->bytes(p, n);
+    if (std::fwrite(p, 1, n, file_) != n) good_ = false;
 }
 
 bool record_reader::open(const std::string& name) {

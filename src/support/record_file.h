@@ -2,9 +2,12 @@
 // Reading goes through a large buffer. A torn frame, a foreign file or a short record reads as "false", never as a
 // fault.
 #pragma once
+#include "support/seal.h"
+
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -23,7 +26,8 @@ public:
     // Opens `name` for writing. With `final_on_close` the records go to a temporary name that takes the place of `name`
     // when close() is called, so that later runs never see a half-written file.
     bool open(const std::string& name, bool final_on_close = false);
-    bool close(); // false if anything could not be written
+    bool close();              // false if anything could not be written
+    bool close(const seal& s); // the same with a seal behind the records; for files opened with `final_on_close`
     bool is_open() const { return file_ != nullptr; }
 
     // One record of the given fields: numbers, spans of numbers, or text (its bytes).
@@ -61,6 +65,7 @@ private:
     std::FILE* file_ = nullptr;
     std::vector<char> buffer_;
     std::string name_, temporary_;
+    std::unique_ptr<digest_maker> content_; // of a file that later runs may take over
     bool good_ = true;
 };
 

@@ -80,7 +80,7 @@ best_point read_best_point() {
     if (words.size() < 3) return best;
     best.loglike = number_of(words[0]);
     best.nparm = whole(words[1]);
-    for (std::size_t i = 2; i < words.size(); ++i) best.values.push_back(number_of(words[i]));
+    for (std::size_t i = 2; i < words.size() && words[i] != "sums"; ++i) best.values.push_back(number_of(words[i]));
     return best;
 }
 
