@@ -18,7 +18,7 @@ namespace {
 
 digest analysis_sum() {
     digest_maker sum;
-    for (const int n : {model.anal_type, int{options.randreg}, int{options.principal}, int{options.siremodel}})
+    for (const int n : {model.anal_type, int{options.randreg}, int{options.siremodel}})
         sum.add(n);
     return sum.value();
 }

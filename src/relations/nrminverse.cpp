@@ -140,7 +140,6 @@ inbreeding_sums nrm_inverse(int irand, record_writer& iun, text_out& sumped) {
 // The lines that a run which makes the inverse has in its summary of the pedigree.
 void summary_of_taken_over(int irun, const inbreeding_sums& inbred, text_out& sumped) {
     if (!options.siremodel) write_inbreeding(sumped, irun, pedigreelist.nannew(irun), inbred);
-    print_list(sumped, " No. of levels to be treated as fixed =", 0);
 }
 
 // Makes the inverse of an effect, or takes over the file of an earlier run or of another effect on the same pedigree.

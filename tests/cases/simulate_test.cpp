@@ -129,18 +129,6 @@ TEST_F(Simulate, EffectsThatCannotBeSimulatedAreRefused) {
         << result.output;
 }
 
-TEST_F(Simulate, InverseOfAnEarlierRunLeavesNoInbreeding) {
-    finish("--aireml1");
-    const auto result = run("--simul");
-    EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.output.find("Inbreeding coefficients not set/no success retrieving file  \n"
-                                 "... delete any \"nrminvers*.bin\" files from previous runs ...\n"),
-              std::string::npos)
-        << result.output;
-    std::filesystem::remove("nrminvers1.bin");
-    finish("--simul");
-}
-
 TEST_F(Simulate, NamesAreFilledWithZeros) {
     write_file("ped.dat", "3 1 2\n");
     write_file("data.dat", "1 1 0 1 1 20 5 6\n2 2 0 1 1 21 6 7\n3 3 2 1 1 22 8 6\n");

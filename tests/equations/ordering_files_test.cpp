@@ -13,6 +13,7 @@
 #include "support/fixture.h"
 #include "support/record_file.h"
 #include "support/reports.h"
+#include "support/resealed.h"
 #include "support/small_models.h"
 
 #include <cmath>
@@ -70,7 +71,7 @@ protected:
         }
         file.replace(at + sizeof(std::uint64_t) + 2 * sizeof(int), sizeof count, reinterpret_cast<const char*>(&count),
                      sizeof count);
-        write_file(filenames.ordersfile, file);
+        write_file(filenames.ordersfile, resealed(file));
     }
     small_model m;
 };

@@ -412,6 +412,8 @@ TEST_F(derivatives_test, FactorOfAnotherPedigreeStopsTheRun) {
         ASSERT_TRUE(out.open("cholnrm1.bin"));
         out.record(std::int32_t{33});
     }
+    average_info(); // goes through the pedigree
+    options.write_factor = true;
     EXPECT_STOP(average_info(), "cholnrm1.bin 33 1 " + std::to_string(pedigreelist.nannew(1)) + "\nexit");
 }
 

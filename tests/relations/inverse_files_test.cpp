@@ -92,7 +92,7 @@ TEST_F(inverse_files, rows_of_the_factor_follow_the_number_of_animals) {
                                                       {5, 4, 0.5 * h}}));
 }
 
-TEST_F(inverse_files, factor_of_another_size_is_made_again) {
+TEST_F(inverse_files, factor_of_another_pedigree_or_spoilt_is_made_again) {
     family();
     options.superai = true;
     gen_inverses();
@@ -108,9 +108,14 @@ TEST_F(inverse_files, factor_of_another_size_is_made_again) {
     }
     EXPECT_LT(read_file("cholnrm1.bin").size(), whole.size());
     pedigreelist.nannew(1) = 5;
-    write_file("cholnrm1.bin", whole.substr(0, whole.size() / 2)); // only the size counts
+    for (const std::string& spoilt : {whole.substr(0, whole.size() / 2), std::string(whole).replace(60, 1, "q")}) {
+        write_file("cholnrm1.bin", spoilt);
+        cholnrm_animal();
+        EXPECT_EQ(read_file("cholnrm1.bin"), whole);
+    }
+    pedigreelist.sire(1)[4] = 0; // a corrected parent
     cholnrm_animal();
-    EXPECT_EQ(read_file("cholnrm1.bin").size(), whole.size() / 2);
+    EXPECT_NE(read_file("cholnrm1.bin"), whole);
 }
 
 TEST_F(inverse_files, coefficients_of_pedigrees_of_different_size_stand_side_by_side) {
@@ -134,10 +139,11 @@ TEST_F(inverse_files, coefficients_of_pedigrees_of_different_size_stand_side_by_
     ASSERT_TRUE(in.record(std::span<double>(f)));
     EXPECT_EQ(in.bytes_left(), 0u);
     EXPECT_EQ(std::vector<double>(f, f + 10), (std::vector<double>{0, 0, 0, 0, 0, 0, 0, 0, 0, 0.25}));
+    const std::string whole = read_file("inbreed.bin");
     write_file("inbreed.bin", "older");
-    std::remove("nrminvers2.bin"); // one of the two is taken over: the older file stands
+    std::remove("nrminvers2.bin"); // one of the two is taken over: its coefficients are computed
     gen_inverses();
-    EXPECT_EQ(read_file("inbreed.bin"), "older");
+    EXPECT_EQ(read_file("inbreed.bin"), whole);
 }
 
 TEST_F(inverse_files, each_pedigree_has_a_file_of_its_own) {
@@ -190,18 +196,39 @@ TEST_F(inverse_files, inverse_with_levels_treated_as_fixed_is_no_match_for_a_run
     EXPECT_EQ(read_file("nrminvers1.bin"), whole);
 }
 
-TEST_F(inverse_files, first_two_animals_match_by_one_record_of_elements) {
+TEST_F(inverse_files, other_parents_under_the_same_codes_are_no_match) {
+    family();
+    gen_inverses();
+    pedigreelist.sire(1)[4] = 2;
+    pedigreelist.dam(1)[4] = 0;
+    clear_screen();
+    gen_inverses();
+    EXPECT_EQ(screen_text(), "File with NRM-inverse found - but no match for analysis !\n");
+    EXPECT_DOUBLE_EQ(geninverse.detginv(1), 2.0 * std::log(0.5) + std::log(0.75));
+}
+
+TEST_F(inverse_files, summary_of_inbreeding_is_that_of_the_run_that_made_the_inverse) {
+    family();
+    gen_inverses();
+    const std::string summary = read_file(filenames.sumpedfile);
+    EXPECT_NE(summary.find("No. of inbred animals          =       1\n"), std::string::npos) << summary;
+    gen_inverses();
+    const auto body = [](const std::string& text) { return text.substr(0, text.find(" end of file ")); };
+    EXPECT_EQ(body(read_file(filenames.sumpedfile)), body(summary));
+}
+
+TEST_F(inverse_files, any_cut_is_no_match) {
     animal_model("", "");
     pedigree_by_hand({0, 1}, {0, 0});
     gen_inverses();
-    const std::string whole = read_file("nrminvers1.bin"); // three elements of 8 + 16 bytes
-    write_file("nrminvers1.bin", whole.substr(0, whole.size() - 24));
-    clear_screen();
-    gen_inverses();
-    EXPECT_EQ(screen_text(), "") << "the record of diagonals counts as one of the three";
-    write_file("nrminvers1.bin", whole.substr(0, whole.size() - 25));
-    gen_inverses();
-    EXPECT_NE(screen_text().find("no match"), std::string::npos);
+    const std::string whole = read_file("nrminvers1.bin");
+    for (std::size_t n = 0; n < whole.size(); ++n) {
+        write_file("nrminvers1.bin", whole.substr(0, n));
+        clear_screen();
+        gen_inverses();
+        EXPECT_NE(screen_text().find("no match"), std::string::npos) << n;
+        EXPECT_EQ(read_file("nrminvers1.bin"), whole);
+    }
 }
 
 } // namespace

@@ -468,22 +468,29 @@ TEST_F(factor_test, founders_give_the_identity_and_progress_has_no_flag) {
     EXPECT_EQ(l[7][6], 0.0);
 }
 
-TEST_F(factor_test, taken_over_inverse_leaves_no_coefficients) {
-    model_by_hand({0, 0, 1}, {0, 0, 2});
+TEST_F(factor_test, coefficients_of_a_taken_over_inverse_are_read_or_computed) {
+    const auto [sire, dam] = random_pedigree(50, 27, true);
+    model_by_hand(sire, dam);
     options.superai = true;
     gen_inverses();
-    EXPECT_TRUE(file_exists("inbreed.bin"));
-    std::remove("inbreed.bin");
-    gen_inverses();
-    EXPECT_FALSE(file_exists("inbreed.bin"));
-    EXPECT_STOP(cholnrm_animal(), "Inbreeding coefficients not set - cannot calculate NRM \n"
-                                  "... try deleting any \"nrminvers*.bin\" files ... \n");
-    std::remove("nrminvers1.bin");
-    gen_inverses();
+    ASSERT_TRUE(file_exists("inbreed.bin"));
     cholnrm_animal();
-    gen_inverses();
-    cholnrm_animal(); // the factor is there: no coefficients are asked for
-    EXPECT_EQ(factor()[2][0], 0.5);
+    const dense l = factor(), a = tabular(sire, dam);
+    const std::string whole = read_file("inbreed.bin");
+    for (const bool keep : {true, false}) {
+        if (!keep) std::remove("inbreed.bin");
+        std::remove("cholnrm1.bin");
+        nrminverse = {};
+        gen_inverses();
+        EXPECT_NE(screen_text().find("NRM inverse found"), std::string::npos);
+        for (int i = 1; i <= 50; ++i) EXPECT_NEAR(nrminverse.inbreed(i, 1), a[i - 1][i - 1] - 1.0, 1e-14);
+        cholnrm_animal();
+        EXPECT_EQ(factor(), l);
+        EXPECT_EQ(read_file("inbreed.bin"), whole);
+    }
+    nrminverse = {}; // of a run that has not kept them
+    std::remove("cholnrm1.bin");
+    EXPECT_STOP(cholnrm_animal(), "Inbreeding coefficients not set - cannot calculate NRM \n");
 }
 
 TEST_F(factor_test, coefficients_are_kept_for_simulation_only_where_asked) {
