@@ -5,6 +5,7 @@
 #include "control/options.h"
 #include "data/pedigreelist.h"
 #include "data/recodedata.h"
+#include "data/units.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "relations/inverse_stream.h"
@@ -18,8 +19,7 @@ namespace {
 
 digest analysis_sum() {
     digest_maker sum;
-    for (const int n : {model.anal_type, int{options.randreg}, int{options.siremodel}})
-        sum.add(n);
+    for (const int n : {model.anal_type, int{options.randreg}, int{options.siremodel}}) sum.add(n);
     return sum.value();
 }
 
@@ -45,6 +45,8 @@ digest effects_sum() {
         list(model.rricontrol, model.nmeta(iq), iq);
         sum.add(model.fitmean(iq));
     }
+    sum.add(model.subject_line ? 1 : 0);
+    for (const auto& column : model.subject) sum.add(column);
     return sum.value();
 }
 
@@ -81,6 +83,7 @@ digest data_sum() {
     recdata_pass pass;
     setup_recdata(pass, filenames.recdatfil2);
     const auto& d = datavecs;
+    for (int iq = 1; iq <= numbers.nq; ++iq) sum.add(trait_unit(iq));
     while (next_subject(pass)) {
         const int head[4] = {d.nobs, d.kk, d.nr, d.mcov};
         sum.bytes(head, sizeof head);

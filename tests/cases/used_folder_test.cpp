@@ -2,6 +2,8 @@
 // and starting values, and scratch files that are spoilt.
 #include "used_folder.h"
 
+#include "support/screen.h"
+
 #include <algorithm>
 
 using namespace tarvex;
