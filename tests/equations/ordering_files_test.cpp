@@ -369,7 +369,7 @@ TEST_F(ordering_files, orders_of_all_methods_are_taken_over) {
             at += sizeof length + length;
         }
         file.replace(at + 24, sizeof code, reinterpret_cast<const char*>(&code), sizeof code);
-        write_file(filenames.ordersfile, file);
+        write_file(filenames.ordersfile, resealed(file));
         EXPECT_NEAR(run({"--aireml"}), truth, 1e-10 * std::fabs(truth)) << code;
         const bool known = code == 4 || code == 5;
         EXPECT_EQ(orders.order_type, known ? code : 1);
