@@ -15,6 +15,7 @@
 #include "sparse/orderings.h"
 #include "support/fixture.h"
 #include "support/record_file.h"
+#include "support/resealed.h"
 #include "support/small_models.h"
 
 #include <cmath>
@@ -151,7 +152,7 @@ void set_stored_count(double count) {
         at += sizeof length + length;
     }
     std::memcpy(file.data() + at + sizeof(std::uint64_t) + 2 * sizeof(int), &count, sizeof count);
-    write_file(filenames.ordersfile, file);
+    write_file(filenames.ordersfile, resealed(file));
 }
 
 TEST_F(eqnorders_test, an_old_order_that_costs_more_than_it_says_does_not_loop) {
