@@ -1,9 +1,9 @@
 #include "app/phases.h"
-#include "equations/eqnorders.h"
 
 #include "app/choices.h"
 #include "app/forecast.h"
 #include "app/inputfiles.h"
+#include "app/new_analysis.h"
 #include "app/runoptions.h"
 #include "control/interrupts.h"
 #include "control/options.h"
@@ -13,6 +13,7 @@
 #include "data/pedigrees.h"
 #include "data/recodedata.h"
 #include "data/reducepeds.h"
+#include "equations/eqnorders.h"
 #include "equations/equations.h"
 #include "equations/lsqfixed.h"
 #include "estimation/covs2parvec.h"
@@ -35,14 +36,21 @@
 #include "simulation/simulation.h"
 #include "sparse/orderings.h"
 #include "support/screen.h"
+#include "support/stop.h"
+
+#include <exception>
+#include <filesystem>
+#include <new>
+#include <utility>
 
 namespace tarvex {
 
 namespace {
 
-void read_analysis(int argc, const char* const* argv) {
-    tvxtimes(1);
-    runoptions(argc, argv);
+// The last line of a run that ends with a phase; nothing: the run goes on.
+using ending = std::optional<std::string>;
+
+ending read_analysis() {
     if (!options.bestonly) lock_folder();
     read_parfile();
     check_inputs();
@@ -51,18 +59,21 @@ void read_analysis(int argc, const char* const* argv) {
     model2mudmap();
     put_old_reports_aside();
     sum_model();
+    note_inputs();
+    return {};
 }
 
 // Report of the stored best point: neither data nor pedigree are looked at.
-[[noreturn]] void report_best_point() {
+ending report_best_point() {
+    if (!options.bestonly) return {};
     covs2parvec();
     check_usrdefcovs();
     write_estimates();
     write_results(run_kind::best_point);
-    finish_run();
+    return finish_run();
 }
 
-void read_pedigree_and_data() {
+ending read_pedigree_and_data() {
     if (options.pedigrees || any_nrm_effect()) {
         reducepeds();
         pedigree_list();
@@ -70,11 +81,16 @@ void read_pedigree_and_data() {
     }
     data_scan1st();
     gen_inverses();
-    if (options.simulation) simulate_data();
+    if (options.simulation) {
+        simulate_data();
+        return finish_run();
+    }
     if (options.write_factor && !options.siremodel) cholnrm_animal();
+    end_if_asked(false);
+    return {};
 }
 
-void set_up_equations() {
+ending set_up_equations() {
     equation_nos();
     data_recode(starts_of_equations());
     sum_inputs();
@@ -86,36 +102,116 @@ void set_up_equations() {
     new_eqnnos();
     forecast();
     if (options.details || options.setup_only) screen().line("Set-up complete");
-    if (options.setup_only) finish_run();
+    if (options.setup_only) return finish_run();
+    return {};
+}
+
+ending set_up_stores() {
     if (choose_small_problem(estimates.nparm)) covs2parvec();
     if (options.pxem || (options.emalgorithm && options.principal)) pxem_setup();
     setup4like();
     setup4mmm();
+    end_if_asked(false);
+    return {};
 }
 
-void estimate_and_report() {
+ending solve_or_estimate() {
+    if (options.blup) {
+        get_ebvs();
+        screen().line("\"Tarvex\" has finished !");
+        return "\"Tarvex\" done";
+    }
     get_estimates();
     write_fixsolns();
     write_randsolns();
     write_residuals();
     write_estimates();
     write_results(run_kind::search);
+    return finish_run();
+}
+
+struct phase {
+    run_stage stage; // that the phase belongs to
+    ending (*run)();
+};
+constexpr phase phases[] = {
+    {run_stage::model, read_analysis},         {run_stage::data, report_best_point},
+    {run_stage::data, read_pedigree_and_data}, {run_stage::equations, set_up_equations},
+    {run_stage::stores, set_up_stores},        {run_stage::reports, solve_or_estimate},
+};
+
+// Working directory and screen of an analysis; its end puts back what was there.
+class at_place {
+public:
+    explicit at_place(const run_place& place) : before_(std::filesystem::current_path()) {
+        if (!place.directory.empty()) std::filesystem::current_path(place.directory);
+        if (place.screen) sink_ = screen().redirect(*place.screen);
+    }
+    ~at_place() {
+        if (sink_) screen().redirect(*sink_);
+        unlock_folder();
+        std::error_code gone;
+        std::filesystem::current_path(before_, gone);
+    }
+    at_place(const at_place&) = delete;
+    at_place& operator=(const at_place&) = delete;
+
+private:
+    std::filesystem::path before_;
+    std::ostream* sink_ = nullptr;
+};
+
+// Tells the end of a finished run. A run that could not write all of its reports is none.
+int tell_end(std::string last_line) {
+    flush_all();
+    const bool good = outputs.failed.empty();
+    if (!good) {
+        screen().line("Error writing file \"" + outputs.failed + "\"");
+        last_line = "exit \"Tarvex\"";
+    }
+    if (!last_line.empty()) screen().line(last_line);
+    return good ? 0 : 1;
+}
+
+int run_here(int argc, const char* const* argv) {
+    int status = 1;
+    try {
+        status = tell_end(*run_to(run_stage::reports, argc, argv));
+    } catch (const program_stop& stopped) {
+        if (!stopped.text.empty()) screen().line(stopped.text);
+        status = stopped.status;
+    } catch (const std::bad_alloc&) { // in a small allocation; large ones are named
+        screen().line("not enough memory");
+    } catch (const std::exception& fault) {
+        screen().line(fault.what());
+    }
+    flush_all();
+    return outputs.failed.empty() ? status : 1;
 }
 
 } // namespace
 
-void run_phases(int argc, const char* const* argv) {
-    catch_signals();
-    read_analysis(argc, argv);
-    note_inputs();
-    if (options.bestonly) report_best_point();
-    read_pedigree_and_data();
-    end_if_asked(false);
-    set_up_equations();
-    end_if_asked(false);
-    if (options.blup) get_ebvs();
-    estimate_and_report();
-    finish_run();
+std::optional<std::string> run_to(run_stage last, int argc, const char* const* argv) {
+    tvxtimes(1);
+    if (!runoptions(argc, argv)) return finish_run();
+    for (const phase& p : phases) {
+        if (p.stage > last) return {};
+        if (auto end = p.run()) return end;
+    }
+    return {};
+}
+
+int run_phases(int argc, const char* const* argv, const run_place& place) {
+    try {
+        const at_place here(place);
+        catch_signals();
+        new_analysis();
+        return run_here(argc, argv);
+    } catch (const std::filesystem::filesystem_error&) {
+        screen().line("Cannot work in directory \"" + place.directory + "\"");
+        screen().flush();
+        return 1;
+    }
 }
 
 } // namespace tarvex

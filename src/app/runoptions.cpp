@@ -115,7 +115,7 @@ void limit(text, text) {
     screen().line("");
     screen().line("All other limits on variables are set dynamically & essentially");
     screen().line(" only limited by the amount of memory available");
-    finish_run();
+    options.limits = true;
 }
 void details(text, text) { options.details = options.verbose = options.print_times = true; }
 void devtrace(text, text) { options.devtrace = true; }
@@ -319,10 +319,9 @@ bool matches(text arg, text spelling, int n) {
 // ---- developer's trace --------------------------------------------------------------------------------------------
 
 // Unit 1 as a unit that nobody has opened: the first line written to it makes the file.
-text_out& unit1() {
-    static text_out out;
-    if (!out.is_open()) out.open("fort.1");
-    return out;
+text_out& unit1(text_out& trace) {
+    if (!trace.is_open()) trace.open("fort.1");
+    return trace;
 }
 
 std::string left_adjusted(text line) {
@@ -343,53 +342,31 @@ void set_defaults() {
     filenames.parfile = "tarvex.par";
 }
 
-void read_runoptions() {
+void read_runoptions(text_out& trace) {
     if (!file_exists(filenames.runopfile)) return;
     std::ifstream file(filenames.runopfile);
     for (std::string line; std::getline(file, line);) {
         const std::string arg = left_adjusted(line);
         if (arg.empty()) continue; // would be taken for a name
-        if (options.devtrace) write(unit1(), "(3a,t30)", "Read from \"", filenames.runopfile, "\" : ", arg);
+        if (options.devtrace) write(unit1(trace), "(3a,t30)", "Read from \"", filenames.runopfile, "\" : ", arg);
         get_option(arg, true);
+        if (options.limits) return;
     }
 }
 
-void read_command_line(int argc, const char* const* argv) {
+void read_command_line(int argc, const char* const* argv, text_out& trace) {
     for (int i = 1; i < argc; ++i) {
         const std::string arg = left_adjusted(argv[i]);
         if (arg.empty()) continue;
-        if (options.devtrace) write(unit1(), "(a,t30,a)", "Read from command line : ", arg);
+        if (options.devtrace) write(unit1(trace), "(a,t30,a)", "Read from command line : ", arg);
         get_option(arg, i == argc - 1);
+        if (options.limits) return;
     }
 }
 
-} // namespace
-
-std::span<const option_record> option_table() { return table; }
-
-std::string parfile_name(std::string_view arg) {
-    std::string name(trim_right(arg.substr(0, parfile_length)));
-    if (name.size() >= 26 || name.ends_with(".par")) return name;
-    return name + ".par";
-}
-
-void get_option(std::string_view text, bool last) {
-    const std::string arg = left_adjusted(text);
-    if (last && !arg.starts_with('-')) {
-        filenames.parfile = parfile_name(arg);
-        return;
-    }
-    for (const option_record& option : table) {
-        if (!matches(arg, option.lower, option.n_lower) && !matches(arg, option.upper, option.n_upper)) continue;
-        option.apply(std::string_view(arg).substr(std::min(option.lower.size(), arg.size())), arg);
-        return;
-    }
-    print_list(screen(), "option not recognised", arg);
-}
-
-void write_curropts() {
-    if (!options.devtrace) return;
-    text_out& out = unit1();
+// The settings, below the report header.
+void write_curropts(text_out& trace) {
+    text_out& out = unit1(trace);
     const auto& ld = options.logdia;
     write_tvxtop(out, "Current Run options");
     print_list(out, "reconstruct    ", options.reconstruct);
@@ -417,12 +394,39 @@ void write_curropts() {
     write_tvxbottom(out);
 }
 
-void runoptions(int argc, const char* const* argv) {
+} // namespace
+
+std::span<const option_record> option_table() { return table; }
+
+std::string parfile_name(std::string_view arg) {
+    std::string name(trim_right(arg.substr(0, parfile_length)));
+    if (name.size() >= 26 || name.ends_with(".par")) return name;
+    return name + ".par";
+}
+
+void get_option(std::string_view text, bool last) {
+    const std::string arg = left_adjusted(text);
+    if (last && !arg.starts_with('-')) {
+        filenames.parfile = parfile_name(arg);
+        return;
+    }
+    for (const option_record& option : table) {
+        if (!matches(arg, option.lower, option.n_lower) && !matches(arg, option.upper, option.n_upper)) continue;
+        option.apply(std::string_view(arg).substr(std::min(option.lower.size(), arg.size())), arg);
+        return;
+    }
+    print_list(screen(), "option not recognised", arg);
+}
+
+bool runoptions(int argc, const char* const* argv) {
+    text_out trace;
     set_defaults();
-    read_runoptions();
-    read_command_line(argc, argv);
-    write_curropts();
+    read_runoptions(trace);
+    if (!options.limits) read_command_line(argc, argv, trace);
+    if (options.limits) return false;
+    if (options.devtrace) write_curropts(trace);
     if (options.continew && !options.algorithm_set) choose_search(1);
+    return true;
 }
 
 } // namespace tarvex

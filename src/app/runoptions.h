@@ -24,8 +24,9 @@ struct option_record {
 std::span<const option_record> option_table();
 
 // Sets all defaults, applies the lines of RunOptions and then the arguments 1 to argc-1, so that the command line wins,
-// and settles the algorithm of a continued run. Ends the run inside --limit and at a number that cannot be read.
-void runoptions(int argc, const char* const* argv);
+// and settles the algorithm of a continued run. Under the developer's trace the options and the settings go to unit 1.
+// False: --limit has told the limits, and the run ends with that. A number that cannot be read stops the run.
+bool runoptions(int argc, const char* const* argv);
 
 // Applies one argument; `last` tells that it may be the name of the parameter file. An unknown option gives a message
 // only.
@@ -34,8 +35,5 @@ void get_option(std::string_view text, bool last);
 // Name of the parameter file from an argument: ".par" is added unless it is there or the name has 26 or more
 // characters.
 std::string parfile_name(std::string_view arg);
-
-// Developer's trace: the settings, below the report header, on unit 1. Nothing unless options.devtrace.
-void write_curropts();
 
 } // namespace tarvex

@@ -14,6 +14,7 @@ struct options_module {
     bool devtrace = false;      // trace of the options
     bool emai = false;
     bool emalgorithm = true;     // EM family of steps in use: covariances are the parameters
+    bool limits = false;         // the limits are told and the run ends
     bool forchol = false;        // keep the factor scale of the residual block
     std::array<int, 8> logdia{}; // by block, 0 residual: diagonals on the log scale
     bool mmmposdef = false;      // an indefinite coefficient matrix is an error

@@ -14,6 +14,8 @@ namespace tarvex {
 
 namespace {
 
+int held = -1; // the locked file, open until the lock is given back; -1: none
+
 // What the run that holds the lock has written.
 std::string holder(int file) {
     char text[256];
@@ -31,14 +33,23 @@ void sign(int file) {
 
 } // namespace
 
+void unlock_folder() {
+    if (held >= 0) close(held);
+    held = -1;
+}
+
 void lock_folder() {
-    const int file = open(lock_name, O_RDWR | O_CREAT | O_CLOEXEC, 0666); // open until the end
+    unlock_folder();
+    const int file = open(lock_name, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (file < 0) {
         print_list(screen(), "Cannot lock this folder (" + std::string(std::strerror(errno)) +
                                  ") - make sure that no other run works in it");
         return;
     }
-    if (flock(file, LOCK_EX | LOCK_NB) == 0) return sign(file);
+    if (flock(file, LOCK_EX | LOCK_NB) == 0) {
+        held = file;
+        return sign(file);
+    }
     const int fault = errno;
     if (fault == EWOULDBLOCK) {
         print_list(screen(), "***** ERROR : Another run is at work in this folder : " + holder(file));

@@ -73,12 +73,10 @@ void tvx_notyet() {
     stoptarvex();
 }
 
-void finish_run() {
-    if (options.verbose) {
-        screen().line("\"Tarvex\" has finished !");
-        stop("", 0);
-    }
-    stop("\"Tarvex\" done", 0);
+std::string finish_run() {
+    if (!options.verbose) return "\"Tarvex\" done";
+    screen().line("\"Tarvex\" has finished !");
+    return {};
 }
 
 void tvx_noalloc(std::string_view name, long long n) {

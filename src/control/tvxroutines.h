@@ -26,8 +26,8 @@ void tvxtimes(int mode, std::string_view label = {});
 [[noreturn]] void stop_with(std::string_view line);
 // Exit for a combination of features that the program refuses.
 [[noreturn]] void tvx_notyet();
-// Finish of a run: status 0.
-[[noreturn]] void finish_run();
+// Finish of a run: tells it under verbose. Returns the last line of the run, empty: none.
+[[nodiscard]] std::string finish_run();
 // Failed allocation of a large array of n elements.
 [[noreturn]] void tvx_noalloc(std::string_view name, long long n);
 // Warning for a combination that runs unproved; waits for a line of input, or its end.

@@ -19,8 +19,7 @@ void covariable_row(int icov, int iq, double x, std::span<double> row) {
         for (std::size_t k = 0; k < order; ++k) row[k] = power *= dev;
     } else if (type == "LEG") {
         const double cmin = covmeans.cv_min(icov, iq), cmax = covmeans.cv_max(icov, iq);
-        static std::vector<double> all;
-        all.resize(order + 1);
+        std::vector<double> all(order + 1);
         legendre_row(-1.0 + 2.0 * (x - cmin) / (cmax - cmin), all);
         for (std::size_t k = 0; k < order; ++k) row[k] = all[k + 1]; // the constant would repeat the mean
     } else if (type == "BSP") {

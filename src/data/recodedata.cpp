@@ -68,6 +68,9 @@ struct recoder {
     array<int> ilev;             // (maxfix) levels of the fixed effects of the observation
     array<int> mark;             // (nq) records by trait
     std::vector<int> order;      // observations in trait order
+    std::vector<int> jvec;       // equations of the subject
+    std::vector<double> real;    // work space of the sort
+    std::vector<int> whole;
     record_writer heads, lists;
 };
 
@@ -198,19 +201,18 @@ void sort_by_trait(recoder& r) {
     r.order.resize(static_cast<std::size_t>(r.nobs));
     std::iota(r.order.begin(), r.order.end(), 1);
     std::stable_sort(r.order.begin(), r.order.end(), [&](int a, int b) { return r.ynq(a) < r.ynq(b); });
-    static std::vector<double> real;
-    static std::vector<int> whole;
-    sort_columns(r.order, r.ieqnr, whole);
-    sort_columns(r.order, r.icov, whole);
-    sort_columns(r.order, r.iraand, whole);
-    sort_columns(r.order, r.imeta, whole);
-    sort_columns(r.order, r.xcov, real);
-    sort_elements(r.order, r.yvec, real);
-    sort_elements(r.order, r.ynq, whole);
+    sort_columns(r.order, r.ieqnr, r.whole);
+    sort_columns(r.order, r.icov, r.whole);
+    sort_columns(r.order, r.iraand, r.whole);
+    sort_columns(r.order, r.imeta, r.whole);
+    sort_columns(r.order, r.xcov, r.real);
+    sort_elements(r.order, r.yvec, r.real);
+    sort_elements(r.order, r.ynq, r.whole);
 }
 
 // Distinct equations of the subject, ascending; ieqnr becomes places in that list.
-void new_codes(recoder& r, std::vector<int>& jvec) {
+void new_codes(recoder& r) {
+    auto& jvec = r.jvec;
     jvec.clear();
     const auto all = r.ieqnr.prefix(static_cast<std::ptrdiff_t>(r.mrow) * r.nobs);
     for (int ieq : all)
@@ -240,10 +242,10 @@ void write_head(recoder& r, int icombi) {
 
 // Writes the finished subject and clears the tables.
 void recode(recoder& r) {
-    static std::vector<int> jvec;
     ++numbers.nsubject;
     sort_by_trait(r);
-    new_codes(r, jvec);
+    new_codes(r);
+    const auto& jvec = r.jvec;
     const int nr = static_cast<int>(jvec.size());
     numbers.maxnreq = std::max(numbers.maxnreq, nr);
     int icombi = 0;

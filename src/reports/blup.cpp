@@ -80,8 +80,6 @@ void get_ebvs() {
     write_randsolns();
     write_residuals();
     write_results(run_kind::blup_run);
-    print_list(screen(), "\"Tarvex\" has finished !");
-    stop("\"Tarvex\" done", 0);
 }
 
 } // namespace tarvex

@@ -158,11 +158,12 @@ double random_part(const line_levels& line, std::size_t obs, const random_sample
 }
 
 double residual_rreg(const line_levels& line, std::size_t obs, const std::vector<double>& sd) {
-    static array<double, 2> unit;
-    if (!unit.allocated()) {
-        unit.allocate(1, 1);
-        unit(1, 1) = 1.0;
-    }
+    static const array<double, 2> unit = [] {
+        array<double, 2> one;
+        one.allocate(1, 1);
+        one(1, 1) = 1.0;
+        return one;
+    }();
     double z = 0.0;
     mvnormal_draw(1, unit, std::span<double>(&z, 1));
     int step = 1;
@@ -314,7 +315,6 @@ void simulate_data() {
         make_data("SimData" + std::string(3 - digits.size(), '0') + digits + ".dat", u, draws, sd);
     }
     report_covariances(simtot);
-    finish_run();
 }
 
 } // namespace tarvex

@@ -11,7 +11,7 @@ struct simulation_module {
 };
 inline simulation_module simulation;
 
-// Writes nrepsim data files with sampled effects at the given covariances and finishes the run.
-[[noreturn]] void simulate_data();
+// Writes nrepsim data files with sampled effects at the given covariances.
+void simulate_data();
 
 } // namespace tarvex

@@ -63,22 +63,31 @@ public:
     auto begin() const { return store_.begin(); }
     auto end() const { return store_.end(); }
     // The first n elements in memory order.
-    std::span<T> prefix(index n) { return {store_.data(), static_cast<std::size_t>(n)}; }
-    std::span<const T> prefix(index n) const { return {store_.data(), static_cast<std::size_t>(n)}; }
+    std::span<T> prefix(index n) { return {store_.data(), checked_length(n)}; }
+    std::span<const T> prefix(index n) const { return {store_.data(), checked_length(n)}; }
     // Rank 2: column j, all rows.
-    std::span<T> column(index j) {
-        static_assert(rank == 2);
-        return {store_.data() + (j - low) * upper_[0], static_cast<std::size_t>(upper_[0])};
-    }
+    std::span<T> column(index j) { return {store_.data() + column_offset(j), static_cast<std::size_t>(upper_[0])}; }
     std::span<const T> column(index j) const {
-        static_assert(rank == 2);
-        return {store_.data() + (j - low) * upper_[0], static_cast<std::size_t>(upper_[0])};
+        return {store_.data() + column_offset(j), static_cast<std::size_t>(upper_[0])};
     }
 
     template <class... I> T& operator()(I... i) { return store_[static_cast<std::size_t>(offset(i...))]; }
     template <class... I> const T& operator()(I... i) const { return store_[static_cast<std::size_t>(offset(i...))]; }
 
 private:
+    std::size_t checked_length(index n) const {
+#ifdef TVX_BOUNDS
+        if (n < 0 || n > size()) std::abort();
+#endif
+        return static_cast<std::size_t>(n);
+    }
+    index column_offset(index j) const {
+        static_assert(rank == 2);
+#ifdef TVX_BOUNDS
+        if (j < low || j > upper_[1]) std::abort();
+#endif
+        return (j - low) * upper_[0];
+    }
     template <class... I> index offset(I... i) const {
         static_assert(sizeof...(I) == rank);
         const index at[rank] = {static_cast<index>(i)...};

@@ -69,9 +69,11 @@ void text_out::flush() {
     if (sink_ && !sink_->flush()) note_failure();
 }
 
-void text_out::redirect(std::ostream& sink) {
+std::ostream* text_out::redirect(std::ostream& sink) {
+    std::ostream* before = file_.is_open() ? nullptr : sink_;
     close();
     sink_ = &sink;
+    return before;
 }
 
 text_out& screen() {

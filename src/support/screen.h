@@ -27,7 +27,7 @@ public:
     void line(std::string_view text); // text and a line end
     void raw(std::string_view text);  // text as it stands
     void flush();
-    void redirect(std::ostream& sink); // tests: another sink
+    std::ostream* redirect(std::ostream& sink); // another sink; returns the one before, null: none
 
 private:
     bool start(const std::string& name, std::ios::openmode mode);

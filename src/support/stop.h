@@ -1,4 +1,4 @@
-// The one way in which a run ends: an exception that only the main program catches.
+// The one way in which a run ends early by an error: an exception that only run_phases catches.
 #pragma once
 #include <string>
 #include <string_view>
@@ -7,12 +7,13 @@ namespace tarvex {
 
 struct program_stop {
     std::string text; // last line on standard output; nothing is printed when empty
-    int status;       // exit status: 0 finished run, 1 error
+    int status = 1;   // exit status of the program
 };
 
 // Ends the run as an error with `text` as its last line (the short tags of failed allocations, "numerical problems").
 [[noreturn]] void stop(std::string_view text);
-// Ends the run with the given status.
+
+// The same with another status than 1.
 [[noreturn]] void stop(std::string_view text, int status);
 
 // Allocates and turns a failure into the stop text `tag`.

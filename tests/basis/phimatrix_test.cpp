@@ -117,7 +117,7 @@ TEST_F(phimatrix_test, long_tables_go_on_below) {
       10  0.707107  1.224745  1.581139  1.870829  2.121320  2.345208  2.549510  2.738613  2.915476  3.082207
           3.240370  3.391165
 )");
-    reset_modules();
+    new_analysis();
     prepare(par(" RAN animal(11,POL) IDE\n", hom, many(11)), data);
     data_scan1st();
     EXPECT_EQ(
@@ -137,7 +137,7 @@ TEST_F(phimatrix_test, letters_of_degree) {
         int degree;
     } bases[] = {{"BSP", 1}, {"BSPL", 1}, {"bspl", 1}, {"BSPQ", 2}, {"bspq", 2}, {"BSPC", 3}, {"BspC", 3}};
     for (const auto& b : bases) {
-        reset_modules();
+        new_analysis();
         prepare(par(std::string(" RAN animal(4,") + b.basis + ") IDE\n", hom, "VAR animal 4\n 9 0 0 0 9 0 0 9 0 9\n"),
                 data);
         data_scan1st();
@@ -150,7 +150,7 @@ TEST_F(phimatrix_test, letters_of_degree) {
         EXPECT_NEAR(sum, 1.0, 1e-14) << b.basis;
     }
     // one spline, two tables: degree is not part of the file name, but of the table
-    reset_modules();
+    new_analysis();
     prepare(par(" RAN animal(4,BSPL) IDE\n RAN pe(4,BSPC) IDE\n", hom,
                 "VAR animal 4\n 9 0 0 0 9 0 0 9 0 9\nVAR pe 4\n 9 0 0 0 9 0 0 9 0 9\n"),
             data);
@@ -242,10 +242,10 @@ TEST_F(phimatrix_test, splines_of_one_covariable_must_agree_over_traits) {
     const auto with = [&](const std::string& type) { return std::string(form).replace(form.find('@'), 1, type); };
     prepare(with("BSPC"), records);
     EXPECT_STOP(data_scan1st(), "Error : mismatch in covariable degree across traits");
-    reset_modules();
+    new_analysis();
     prepare(with("POL"), records);
     EXPECT_STOP(data_scan1st(), "Error : mismatch in covariable type across traits");
-    reset_modules();
+    new_analysis();
     prepare(with("BSPL"), records);
     data_scan1st();
     EXPECT_EQ(splines.nspline, 1);

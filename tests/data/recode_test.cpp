@@ -125,7 +125,7 @@ TEST_F(recode_test, one_trait_lines_in_any_order_give_the_same_records) {
     recode();
     const std::string want1 = read_file("recoded1.bin"), want2 = read_file("recoded2.bin");
     const int pairs = means.pairs(2);
-    reset_modules();
+    new_analysis();
     prepare(par, "2 1 7 2.5\n1 1 7 1.5\n1 2 8 5.5\n0 9 9 9\n2 2 8 6.5\n", 3);
     recode();
     EXPECT_EQ(read_file("recoded1.bin"), want1);
@@ -308,7 +308,7 @@ TEST_F(recode_test, all_tables_of_a_subject_follow_the_order_of_traits) {
     recode();
     const std::string want1 = read_file("recoded1.bin"), want2 = read_file("recoded2.bin");
     for (const auto& data : {second + first, mixed}) {
-        reset_modules();
+        new_analysis();
         options.superai = true;
         prepare(par, data, 3);
         recode();

@@ -122,7 +122,7 @@ TEST_F(adjacency_test, repeats_in_the_residual_link_the_records_of_a_subject) {
     const auto herd = [&](std::size_t row) { return orders.jeq(mmequations.fx_start(1, 1) + m.rows[row].herd); };
     pattern p = pattern_on_file();
     EXPECT_FALSE(p.contains({herd(1), herd(0)}));
-    reset_modules();
+    new_analysis();
     std::filesystem::remove(filenames.adjacfile);
     std::filesystem::remove(filenames.ordersfile);
     m.random.push_back({"pe", "PEQ", 1, 0, {1.0}});
@@ -144,7 +144,7 @@ TEST_F(adjacency_test, traits_without_residual_covariance_are_not_linked_by_the_
     set_up(m);
     const int first = mmequations.fx_start(1, 1) + 1, second = mmequations.fx_start(1, 2) + 1;
     EXPECT_FALSE(pattern_on_file().contains({second, first}));
-    reset_modules();
+    new_analysis();
     std::filesystem::remove(filenames.adjacfile);
     std::filesystem::remove(filenames.ordersfile);
     m.residual[1] = 0.1;

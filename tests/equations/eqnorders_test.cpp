@@ -41,7 +41,7 @@ small_model two_traits() {
     return m;
 }
 
-void fresh_process() { reset_modules(); }
+void fresh_process() { new_analysis(); }
 
 TEST_F(eqnorders_test, covariables_then_fixed_then_identity_then_pedigree_effects) {
     set_up(two_traits());

@@ -75,7 +75,7 @@ TEST_F(lsqfixed_test, a_covariable_of_tiny_scale_vanishes_with_a_warning) {
                      "    cause this & specify these explicitely (in the .par file)\n"
                      "    as to be zero-ed out instead !!! \n"));
     EXPECT_FALSE(told("small pivot")) << "not told without the flag";
-    reset_modules();
+    new_analysis();
     clear_screen();
     set_up(m, {"--zero12", "--aireml"}); // the limit goes with the operational zero
     EXPECT_TRUE(mmequations.ieqzero.empty());

@@ -36,7 +36,7 @@ protected:
     }
     // A run up to the stores in the same directory. Returns log L at the starting values.
     double run(const std::vector<std::string>& given) {
-        reset_modules();
+        new_analysis();
         clear_screen();
         set_up(m, given);
         return program_logl(estimates.parvec);
@@ -299,7 +299,7 @@ TEST_F(ordering_files, ordering_in_mid_run_keeps_the_equations) {
 }
 
 TEST_F(ordering_files, too_many_subscripts_stop_the_run) {
-    reset_modules();
+    new_analysis();
     orders.maxspa = 20;
     EXPECT_STOP(set_up(m, {"--mmd", "--aireml"}), "routine \"SMBFCT\" : too many subscripts !\nmax. allowed   = 20\n"
                                                   "no. required   > ");
@@ -309,7 +309,7 @@ TEST_F(ordering_files, too_many_subscripts_stop_the_run) {
 
 TEST_F(ordering_files, too_many_subscripts_give_way_to_a_stored_order) {
     const double truth = run({"--mmd", "--aireml"});
-    reset_modules();
+    new_analysis();
     clear_screen();
     orders.maxspa = 20;
     set_up(m, {"--amd", "--aireml"});
@@ -323,7 +323,7 @@ TEST_F(ordering_files, further_orders_are_raced_where_no_method_is_named) {
     const double truth = run({"--aireml"});
     EXPECT_EQ(lines_of(read_file("OperationCounts")).size(), 1u) << "none in a small case";
     const auto raced = [&](const std::vector<std::string>& given) {
-        reset_modules();
+        new_analysis();
         clear_screen();
         orders.race_from = orders.race_price = 0.0;
         set_up(m, given);

@@ -48,7 +48,7 @@ TEST_F(driver_test, LimitOfIteratesFollowsTheParameters) {
     run(m, {"--aireml"});
     EXPECT_EQ(estimates.nparm, 7);
     EXPECT_EQ(maximise.aireml_its, 10); // 1.4 times 7 is 9.8
-    reset_modules();
+    new_analysis();
     m = with_dams();
     m.random[1] = {"dam", "IDE", 2, 0, {0.9, 0.8}, true};
     run(m, {"--aireml"});
@@ -115,7 +115,7 @@ TEST_F(driver_test, FirstPhaseEndsWithTheFirstSmallGain) {
     run(m, {"--aireml200"});
     std::vector<std::vector<double>> best;
     for (int irand = 0; irand <= 2; ++irand) best.push_back(best_covariances(irand));
-    reset_modules();
+    new_analysis();
     std::remove("Iterates");
     m.residual = best[0]; // next to the maximum
     for (double& x : m.residual) x *= 1.05;
@@ -130,7 +130,7 @@ TEST_F(driver_test, NamedPlansRunTheirRoundsFirst) {
     run(families(2), {"--pxai4,60"});
     EXPECT_EQ(labels().substr(0, 6), "PPPPPA");
     EXPECT_TRUE(maximise.converged);
-    reset_modules();
+    new_analysis();
     std::remove("Iterates");
     run(families(2), {"--emai2,60"});
     EXPECT_EQ(labels().substr(0, 4), "EEEA");
@@ -142,7 +142,7 @@ TEST_F(driver_test, PlainRoundsTellHowTheyEnd) {
     EXPECT_NE(read_file("Iterates").find("*** (PX-) EM has not converged !\n"), std::string::npos);
     EXPECT_NE(screen_text().find("*** (PX-) EM has not converged !"), std::string::npos);
     EXPECT_FALSE(options.saverr_ready);
-    reset_modules();
+    new_analysis();
     std::remove("Iterates");
     run(families(1), {"--pxem", "-v"});
     EXPECT_TRUE(maximise.converged);
@@ -155,12 +155,12 @@ TEST_F(driver_test, AverageInformationTellsHowItEnds) {
     run(families(1), {"--aireml1"});
     EXPECT_NE(read_file("Iterates").find("Max. no. of iterates reached - not converged !\n"), std::string::npos);
     EXPECT_NE(screen_text().find("*** AIREML : No convergence"), std::string::npos);
-    reset_modules();
+    new_analysis();
     std::remove("Iterates");
     run(families(1), {"--aireml200"});
     const std::string log = read_file("Iterates");
     EXPECT_NE(log.find("*** AIREML has converged\n    Last change in log L = "), std::string::npos) << log;
-    reset_modules();
+    new_analysis();
     std::remove("Iterates");
     set_up(families(1), {"--aireml200"});
     maximise.aiconv_like = 0.0;
@@ -201,7 +201,7 @@ TEST_F(driver_test, ContinuedRunGoesOnByAverageInformation) {
     set_up(many_parameters(), {"--pxai2,1"});
     get_estimates();
     const double x = bestpoint.xbest;
-    reset_modules();
+    new_analysis();
     std::remove("Iterates");
     run(many_parameters(), {"-c"});
     EXPECT_EQ(maximise.search_type, 1);
@@ -245,7 +245,7 @@ TEST_F(driver_test, SearchThatFailsInTheLastIterateAllowedSaysThatTheLimitIsReac
     maximise.aiconv_like = maximise.aiconv_norm = -1.0;
     get_estimates();
     const int last = iterates().back().round + 1; // the one that failed
-    reset_modules();
+    new_analysis();
     std::remove("Iterates");
     set_up(families(1), {"--aireml" + std::to_string(last)});
     maximise.aiconv_like = maximise.aiconv_norm = -1.0;
@@ -257,7 +257,7 @@ TEST_F(driver_test, SearchThatFailsInTheLastIterateAllowedSaysThatTheLimitIsReac
 TEST_F(driver_test, GoodStartTakesOneRoundAndBadOnesUpToEight) {
     run(many_parameters(), {"--good"});
     EXPECT_EQ(labels().substr(0, 3), "PPA");
-    reset_modules();
+    new_analysis();
     std::remove("Iterates");
     small_model m = many_parameters();
     for (double& x : m.residual) x *= 1000.0; // the first rounds gain much
@@ -275,7 +275,7 @@ TEST_F(driver_test, RunAtTheBorderEndsNormally) {
     for (auto& r : m.rows) r.y = {r.y[0] == -999.0 ? 10.0 : r.y[0], 0.0};
     for (auto& r : m.rows) r.y[1] = 1.5 * r.y[0] + 0.2 * ((r.animal * 37) % 11); // one genetic value for both traits
     for (const char* option : {"--reconst", "--norecon"}) {
-        reset_modules();
+        new_analysis();
         for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
         set_up(m, {"--aireml60", option});
         const double start = program_logl(estimates.parvec);
@@ -450,7 +450,7 @@ TEST_F(driver_test, LosingStepIsTakenWithoutTheStrictRule) {
 
 TEST_F(driver_test, SecondOrderTermJoinsFromIterate222) {
     for (int nits : {221, 222}) {
-        reset_modules();
+        new_analysis();
         for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
         set_up(families(1, 40), {"--aireml", "--nostrict", "-t"});
         maximise.aiconv_like = maximise.aiconv_norm = -1.0; // on and on at the maximum

@@ -251,7 +251,7 @@ void expect_taken_back(const small_model& m, const std::string& told) {
     set_up(m, {"--emalg"});
     const double want = em_rounds(1);
     const std::vector<dense> plain = covariances(m);
-    reset_modules();
+    new_analysis();
     for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
     set_up(m, {"--pxem", "-v"});
     double x = program_logl(estimates.parvec, 1);

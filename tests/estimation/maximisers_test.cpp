@@ -59,7 +59,7 @@ struct maximum {
 };
 
 maximum run(const small_model& m, const std::vector<std::string>& list, bool tight = true) {
-    reset_modules();
+    new_analysis();
     for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
     set_up(m, list);
     if (tight) {

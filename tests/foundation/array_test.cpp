@@ -95,4 +95,15 @@ TEST(array, bounds_are_checked) {
     EXPECT_DEATH(a(1, 3) = 1, "");
     EXPECT_DEATH(a(1, -1) = 1, "");
 }
+
+TEST(array, bounds_of_views_are_checked) {
+    array<int, 2, 0> a;
+    a.allocate(2, 2);
+    EXPECT_EQ(a.prefix(6).size(), 6u);
+    EXPECT_DEATH((void)a.prefix(7), "");
+    EXPECT_DEATH((void)a.prefix(-1), "");
+    EXPECT_EQ(a.column(0).size(), 2u);
+    EXPECT_DEATH((void)a.column(3), "");
+    EXPECT_DEATH((void)a.column(-1), "");
+}
 #endif

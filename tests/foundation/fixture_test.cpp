@@ -37,7 +37,7 @@ TEST_F(fixture, modules_are_reset) {
     options.verbose = true;
     options.logdia[7] = 1;
     numbers = {};
-    reset_modules();
+    new_analysis();
     EXPECT_FALSE(options.verbose);
     EXPECT_EQ(options.logdia[7], 0);
 }

@@ -299,7 +299,7 @@ TEST_F(derivatives_test, ReducedRankWithLogarithms) {
     set_up(m, {"--aireml", "--logdia"});
     EXPECT_EQ(estimates.logdiagonals(1), 1);
     expect_derivatives(m);
-    reset_modules();
+    new_analysis();
     const small_model rr = regressions(true);
     std::remove("cholnrm1.bin");
     std::remove("nrminvers1.bin");
@@ -388,7 +388,7 @@ TEST_F(derivatives_test, SuppliedInverseWithoutSomeLevelsIsRefusedAtReducedRankB
 
 TEST_F(derivatives_test, RepeatEffectOfReducedRankIsRefusedBeforeEstimation) {
     for (const char* plan : {"--aireml", "--emalg", "--pxem", "--pxai"}) {
-        reset_modules();
+        new_analysis();
         std::remove("nrminvers1.bin");
         small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}, 2);
         m.random.push_back({"pe", "PEQ", 2, 1, {0.4, 0.1, 0.5}});
@@ -450,7 +450,7 @@ small_model apart() {
 
 TEST_F(derivatives_test, ZeroPatternOfTheResidualOnBothScales) {
     for (const char* option : {"--reorder", "--forchol"}) {
-        reset_modules();
+        new_analysis();
         const small_model m = apart();
         set_up(m, {"--aireml", option});
         EXPECT_EQ(estimates.paraform(0), std::string(option) == "--forchol" ? "Variance" : "Original");

@@ -121,7 +121,7 @@ TEST_F(evaluations_test, NewOrderingKeepsEquationsAndSolutions) {
     m.residual[1] = 0.3;
     set_up(m);
     const array<double> free = estimates.parvec;
-    reset_modules();
+    new_analysis();
     set_up(zero);
     residualvars.fixres.fill(0); // the covariance is zero no longer
     estimates.parvec = free;

@@ -279,15 +279,15 @@ TEST_F(fixed_levels_test, DiagonalMatrix) {
     small_model m = animals(2, fixed, "0.0");
     m.random[0] = {"animal", "NRM", 2, 0, {1.3, 1.8}, true};
     for (const char* option : {"--aireml", "--emalg", "--powell"}) {
-        reset_modules();
+        new_analysis();
         set_up(m, {option});
         expect_dense(m, fixed);
     }
-    reset_modules();
+    new_analysis();
     set_up(m);
     expect_dense_gradient(m, fixed);
     expect_dense_information(m, fixed);
-    reset_modules();
+    new_analysis();
     set_up(m, {"--aireml", "--nologd"});
     expect_dense(m, fixed);
     expect_dense_gradient(m, fixed);

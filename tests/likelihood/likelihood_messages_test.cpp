@@ -240,8 +240,8 @@ TEST_F(likelihood_messages_test, EvaluationsAreToldAndLogged) {
     options.verbose = true;
     clear_screen();
     const double x = program_logl(estimates.parvec);
-    char line[80];
-    std::snprintf(line, sizeof line, "***log L    1   %15.3f   Time       0\n", x);
+    char line[80]; // the time is that of the process, which may have run other tests
+    std::snprintf(line, sizeof line, "***log L    1   %15.3f   Time ", x);
     EXPECT_TRUE(told(screen_text(), line)) << screen_text();
     EXPECT_FALSE(std::filesystem::exists("logL.dat"));
     array<double> p = estimates.parvec;
@@ -259,7 +259,7 @@ TEST_F(likelihood_messages_test, EvaluationsAreToldAndLogged) {
     p(2) += 0.1;
     const double x3 = program_logl(p);
     char logged[80];
-    std::snprintf(logged, sizeof logged, "    3%22.6f     0", x3);
+    std::snprintf(logged, sizeof logged, "    3%22.6f ", x3);
     EXPECT_EQ(read_file("logL.dat").find(std::string("an older line\n") + logged), 0u) << read_file("logL.dat");
 }
 

@@ -341,7 +341,7 @@ TEST_F(likelihood_test, StructureOfAnEarlierRunWithAZeroCovarianceIsMadeAnew) {
     set_up(bivariate(0.0));
     EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(bivariate(0.0), estimates.parvec), 1.0e-7);
     EXPECT_EQ(orders.nsymb, 1);
-    reset_modules();
+    new_analysis();
     const small_model m = bivariate(0.3);
     set_up(m);
     expect_dense(m);
@@ -352,7 +352,7 @@ TEST_F(likelihood_test, CovarianceThatIsZeroNoLongerAsksForOneNewOrdering) {
     const small_model m = bivariate(0.3);
     set_up(m);
     array<double> p = estimates.parvec;
-    reset_modules();
+    new_analysis();
     set_up(bivariate(0.0));
     EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(bivariate(0.0), estimates.parvec), 1.0e-7);
     EXPECT_EQ(orders.nsymb, 1);

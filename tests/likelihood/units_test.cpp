@@ -75,13 +75,13 @@ outcome at_start(const small_model& m, const std::vector<std::string>& arguments
 }
 
 void expect_same_in_any_unit(const small_model& m, const std::vector<std::string>& arguments = {"--aireml"}) {
-    reset_modules();
+    new_analysis();
     const outcome plain = at_start(m, arguments);
     ASSERT_GT(plain.logl, invalid_logl);
     ASSERT_FALSE(any_unit());
     for (const std::vector<double>& c :
          {std::vector<double>{1.0e-6, 1.0e6}, {1.0e6, 1.0e-6}, {1.0e-3}, {3.0e3, 0.02}, {0.07, 0.3, 9.0}}) {
-        reset_modules();
+        new_analysis();
         const outcome o = at_start(scaled(m, c), arguments);
         double shift = 0.0, size = 1.0;
         std::vector<double> factor(plain.solutions.size(), 1.0);

@@ -69,7 +69,7 @@ TEST_F(variances_test, ScaleFollowsTheAlgorithm) {
     EXPECT_EQ(estimates.paraform(1), "Original");
     EXPECT_EQ(estimates.parnames(5), "COVS A 1 2");
     EXPECT_EQ(estimates.parvec(5), 0.5);
-    reset_modules();
+    new_analysis();
     std::filesystem::remove("nrminvers1.bin"); // comes without the inbreeding coefficients that components need
     set_up(components(2), {"--emalg"});
     EXPECT_EQ(estimates.paraform(0), "Original");
@@ -125,7 +125,7 @@ TEST_F(variances_test, SmallDiagonalsTurnTheBlockAtTheStartAndAskDuringTheRun) {
     set_up(m, {"--aireml"});
     EXPECT_EQ(estimates.logdiagonals(1), 1);
     EXPECT_EQ(estimates.logdiagonals(0), 0);
-    reset_modules();
+    new_analysis();
     m.random[0].g = {0.4, 0.0, 0.5};
     set_up(m, {"--aireml"});
     EXPECT_EQ(estimates.logdiagonals(1), 0);
@@ -205,7 +205,7 @@ TEST_F(variances_test, StartingMatricesMustBePositiveDefinite) {
     small_model m = two_traits();
     m.random[0].g = {1.0, 2.0, 1.0};
     for (const char* plan : {"--aireml", "--emalg"}) {
-        reset_modules();
+        new_analysis();
         EXPECT_STOP(set_up(m, {plan}),
                     "***** Routine \"CHOLESKY\": negative/small pivot encountered\n"
                     "      Random effect no. = 1\n      No. of effects    = 2\n      Pivot no.         = 2 -3.0\n"
@@ -283,7 +283,7 @@ TEST_F(best_point_test, ValuesReturnToTheBit) {
     EXPECT_EQ(bestpoint.xlike_file, bestpoint.xbest);
     for (int k = 1; k <= 6; ++k)
         EXPECT_EQ(model.cov((k - 1) % 3 + 1, (k - 1) / 3), covs[static_cast<std::size_t>(k - 1)]) << k;
-    reset_modules();
+    new_analysis();
     set_up(two_traits(), {"-c", "--emalg"}); // on the scale of the matrices the parameters are the values of the file
     ASSERT_EQ(estimates.paraform(1), "Original");
     for (int k = 1; k <= 6; ++k) EXPECT_EQ(estimates.parvec(k), covs[static_cast<std::size_t>(k - 1)]) << k;
@@ -351,7 +351,7 @@ TEST_F(best_point_test, AnyFileServesBeforeTheParametersAreCounted) {
 
 TEST_F(best_point_test, ContinuedRunStartsThere) {
     write_point("-1.5 6\n2.5 0.3 2.0\n1.0 0.2 1.5\n");
-    reset_modules();
+    new_analysis();
     set_up(two_traits(), {"-c"});
     EXPECT_EQ(bestpoint.xlike_file, -1.5);
     EXPECT_NEAR(point_at(two_traits(), estimates.parvec).g[0][0][0], 1.0, 1.0e-12);
@@ -372,28 +372,28 @@ TEST_F(best_point_test, MatricesOfABestPointNeedNoPositivePivots) {
 }
 
 TEST_F(best_point_test, DiagonalBlocksAreStoredAsVariancesAndRepeatsApart) {
-    reset_modules();
+    new_analysis();
     small_model m = with_dams();
     m.random[1] = {"dam", "IDE", 2, 0, {0.9, 0.8}, true};
     set_up(m, {"--aireml"});
     EXPECT_EQ(best_covariances(2).size(), 2u);
     EXPECT_NEAR(best_covariances(2)[1], 0.8, 1.0e-12);
-    reset_modules();
+    new_analysis();
     set_up(repeats_with_peq(2), {"--aireml"});
     EXPECT_NEAR(best_covariances(0)[0], 2.1, 1.0e-12);
     EXPECT_NEAR(best_covariances(0)[1], 0.4, 1.0e-12);
     EXPECT_NEAR(best_covariances(2)[1], 0.1, 1.0e-12);
-    reset_modules();
+    new_analysis();
     set_up(components(2), {"--aireml"});
     EXPECT_EQ(best_covariances(1).size(), 6u);
 }
 
 TEST_F(best_point_test, ContinuedRunOfRepeatEffectsReturnsToTheSameLikelihood) {
-    reset_modules();
+    new_analysis();
     set_up(repeats_with_peq(2), {"--emalg4"});
     get_estimates();
     const double x = bestpoint.xbest;
-    reset_modules();
+    new_analysis();
     set_up(repeats_with_peq(2), {"-c", "--aireml"});
     EXPECT_NEAR(program_logl(estimates.parvec), x, 1.0e-6);
 }
@@ -411,7 +411,7 @@ TEST_F(best_point_test, ContinuedRunsStartAtTheStoredLikelihood) {
         growth(true, true), repeats_with_peq(2), diagonal,      correlated,    apart};
     for (std::size_t k = 0; k < models.size(); ++k) {
         for (const auto& entry : std::filesystem::directory_iterator(".")) std::filesystem::remove(entry.path());
-        reset_modules();
+        new_analysis();
         set_up(models[k], {"--pxai2,2"});
         get_estimates();
         const double x = bestpoint.xbest;
@@ -419,7 +419,7 @@ TEST_F(best_point_test, ContinuedRunsStartAtTheStoredLikelihood) {
         for (const char* next : {"--aireml", "--emalg", "--logdia"}) {
             SCOPED_TRACE(std::to_string(k) + " " + next);
             write_file("BestPoint", stored);
-            reset_modules();
+            new_analysis();
             set_up(models[k], {"-c", next});
             EXPECT_EQ(bestpoint.xlike_file, x);
             // on the scale of the matrices themselves eigenvalues below 1e-4 are raised

@@ -383,7 +383,7 @@ TEST_F(parlines, spoilt_files_end_in_a_stop_or_are_read) {
             EXPECT_EQ(stopped.status, 1);
         }
         clear_screen();
-        reset_modules();
+        new_analysis();
     }
 }
 

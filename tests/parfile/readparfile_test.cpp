@@ -184,7 +184,7 @@ TEST_F(readparfile, sets_of_shared_data) {
     int n = 0;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
         if (entry.path().extension() != ".par") continue;
-        reset_modules();
+        new_analysis();
         filenames.parfile = entry.path();
         EXPECT_NO_THROW(read_parfile()) << entry.path();
         EXPECT_GT(numbers.krand, 0);

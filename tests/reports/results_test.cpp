@@ -171,7 +171,7 @@ TEST_F(results_test, EigenvalueThatIsGoneThoughNoCorrelationIsOne) {
 // What lies across the border promises nothing where the likelihood falls into the inside: only that may be left out.
 TEST_F(results_test, PromiseIsThatOfTheParameterSpace) {
     for (const double size : {0.3, 3.0}) { // records vary less, or more, than the starting values say
-        reset_modules();
+        new_analysis();
         small_model m = traits(1, {1.0e-5}, {2.0});
         for (auto& r : m.rows) r.y = {10.0 + (m.sire[static_cast<std::size_t>(r.animal - 1)] % 2 ? size : -size)};
         set_up(m);

@@ -115,7 +115,7 @@ TEST_F(rrvariances_test, failed_errors) {
 
 TEST_F(rrvariances_test, twenty_blocks_of_a_long_list) {
     for (const int most : {39, 20}) {
-        reset_modules();
+        new_analysis();
         std::string used;
         for (int a = 0; a < most; ++a)
             used += std::to_string(a % 9 + 1) + " " + std::to_string(a + 1) + " " + std::to_string(a % 7) + "\n";

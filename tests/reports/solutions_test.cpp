@@ -210,7 +210,7 @@ TEST_F(solutions_test, curves_of_splines_and_polynomials) {
     for (std::size_t k = 0; k < 4; ++k)
         EXPECT_NEAR(number_of(words_of(lines[k])[1]),
                     0.5 * std::sqrt(1.5) * (-1.0 + 2.0 * static_cast<double>(k) / 3.0), 1e-7);
-    reset_modules();
+    new_analysis();
     records("age(2,BSPL)", false);
     write_fixsolns(); // a straight line from 0.5 to -0.25
     lines = lines_of(read_file("Curve_age.dat"));

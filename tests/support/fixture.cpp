@@ -59,11 +59,11 @@ tarvex_test::tarvex_test() : before_(std::filesystem::current_path()) {
     directory_ = name;
     std::filesystem::current_path(directory_);
     screen().redirect(text_);
-    reset_modules();
+    new_analysis();
 }
 
 tarvex_test::~tarvex_test() {
-    reset_modules();
+    new_analysis();
     screen().redirect(std::cout);
     std::error_code ec;
     std::filesystem::current_path(before_, ec);

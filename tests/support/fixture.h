@@ -1,6 +1,7 @@
 // Fixture of all tests that touch modules, files or the screen: fresh modules, an empty working directory of its own
 // and a captured screen.
 #pragma once
+#include "app/new_analysis.h"
 #include "support/paths.h"
 #include "support/stop.h"
 
@@ -13,8 +14,6 @@
 
 namespace tarvex {
 
-// Every module as at the start of the process. Made by tests/support/reset_modules.cmake from the headers under src.
-void reset_modules();
 
 // Files of the working directory.
 void write_file(const std::string& name, std::string_view text);

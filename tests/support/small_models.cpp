@@ -1,31 +1,13 @@
 #include "support/small_models.h"
-#include "equations/eqnorders.h"
 
-#include "app/choices.h"
-#include "app/runoptions.h"
-#include "control/numbers.h"
-#include "control/options.h"
-#include "data/data.h"
-#include "data/pedigrees.h"
-#include "data/recodedata.h"
-#include "data/reducepeds.h"
-#include "equations/equations.h"
-#include "equations/lsqfixed.h"
-#include "estimation/covs2parvec.h"
+#include "app/phases.h"
 #include "estimation/estimates.h"
 #include "estimation/evaluate.h"
 #include "likelihood/likelihood.h"
-#include "likelihood/setups.h"
 #include "parameters/parunits.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
-#include "parfile/mudmap.h"
-#include "parfile/mudmap_build.h"
-#include "parfile/readparfile.h"
-#include "relations/cholnrm.h"
-#include "relations/nrminverse.h"
-#include "sparse/orderings.h"
 #include "support/fixture.h"
 
 #include <algorithm>
@@ -247,28 +229,8 @@ void set_up(const small_model& m, const std::vector<std::string>& arguments) {
     list.push_back("model.par");
     std::vector<const char*> argv;
     for (const auto& s : list) argv.push_back(s.c_str());
-    runoptions(static_cast<int>(argv.size()), argv.data());
-    read_parfile();
-    choose_algorithm();
-    choose_reconstruct();
-    model2mudmap();
-    if (options.pedigrees || any_nrm_effect()) {
-        reducepeds();
-        pedigree_list();
-        secateurs();
-    }
-    data_scan1st();
-    gen_inverses();
-    if (options.superai) cholnrm_animal();
-    equation_nos();
-    data_recode(starts_of_equations());
-    covs2parvec();
-    lsq_fixed();
-    eqnorders();
-    new_eqnnos();
-    if (choose_small_problem(estimates.nparm)) covs2parvec();
-    setup4like();
-    setup4mmm();
+    const auto ended = run_to(run_stage::stores, static_cast<int>(argv.size()), argv.data());
+    EXPECT_FALSE(ended) << "the run ended before the stores were set up";
 }
 
 namespace {

@@ -47,7 +47,7 @@ struct small_model {
     oracle::analysis dense() const;
 };
 
-// Writes the files and runs all phases up to the stores of the likelihood, as the program does: options first.
+// Writes the files and runs the program's phases to the end of the stores of the likelihood; a stop is thrown.
 void set_up(const small_model& m, const std::vector<std::string>& options = {"--aireml"});
 
 // Covariance matrices that a parameter vector stands for. class 0 of R: the sum with a repeat matrix where there is
