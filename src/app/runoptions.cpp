@@ -6,6 +6,7 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "estimation/estimates.h"
 #include "likelihood/solutions.h"
@@ -250,6 +251,12 @@ void zero(text rest, text arg) {
 void accinb(text, text) { solutions.accinb = true; }
 void super(text, text) { options.superai = options.write_factor = true; }
 
+constexpr int most_threads = 1024;
+void threads(text rest, text arg) {
+    option_numbers(rest, arg).take(kernels.threads);
+    if (kernels.threads < 0 || kernels.threads > most_threads) unreadable(arg);
+}
+
 template <bool options_module::*flag, bool value> void set_flag(text, text) { options.*flag = value; }
 template <bool value> void set_reorder(text, text) { estimates.reorder = value; }
 
@@ -299,6 +306,7 @@ constexpr option_record table[] = {
     {"--self", 6, "--SELF", 6, set_flag<&om::selfing, true>},
     {"--nopru", 7, "--NOPRU", 7, set_flag<&om::nopru, true>},
     {"--times", 7, "--TIMES", 7, set_flag<&om::print_times, true>},
+    {"--threads", 9, "--THREADS", 9, threads},
     {"--super", 7, "--SUPER", 7, super},
     {"--wide", 6, "--WIDE", 6, set_flag<&om::wide, true>},
     {"--forchol", 9, "--FORCHOL", 9, set_flag<&om::forchol, true>},
@@ -336,6 +344,7 @@ void set_defaults() {
     maximise = {};
     solutions.accinb = false;
     numbers.zero = 1.0e-8;
+    kernels.threads = 1;
     orders.order_type = 0;
     orders.metis_opts = {};
     estimates.reorder = true;
@@ -354,11 +363,13 @@ void read_runoptions(text_out& trace) {
     }
 }
 
+// True for an option whose number may be the next argument.
+bool number_may_follow(text arg) { return arg == "--threads" || arg == "--THREADS"; }
+
 void read_command_line(int argc, const char* const* argv, text_out& trace) {
     for (int i = 1; i < argc; ++i) {
-        const std::string arg = left_adjusted(argv[i]);
+        std::string arg = left_adjusted(argv[i]);
         if (arg.empty()) continue;
-        if (options.devtrace) write(unit1(trace), "(a,t30,a)", "Read from command line : ", arg);
         get_option(arg, i == argc - 1);
         if (options.limits) return;
     }

@@ -9,9 +9,9 @@ namespace tarvex {
 // True if the equations are worth the kernels over supernodes, or these are asked for (kernels.choice).
 bool supernodes_wanted();
 
-// The instruction set of the dense kernels: the best that the processor has, or the one asked for by set_instruction_set
-// or the environment variable TVX_ISA ("baseline", "avx2", "avx512"). A name that this processor or build does not have
-// is told on the screen.
+// The instruction set of the dense kernels: the best that the processor has, or the one asked for by
+// set_instruction_set or the environment variable TVX_ISA ("baseline", "avx2", "avx512"). A name that this processor or
+// build does not have is told on the screen.
 const dense_kernels_table& dense_kernels();
 // "" goes back to that of the environment, or the best; false, and no change, if this processor or build does not have
 // it.

@@ -25,8 +25,9 @@ static_assert(block % tile_height == 0 && chunk_rows % block == 0 && chunk_cols 
 // body(i, scratch) for i = 0..count-1, by whoever the caller lets take part. Pieces must not depend on each other.
 template <class F> void each(const kernel_space& w, int count, const F& body) {
     if (count > 1 && w.each) {
-        w.each(w.pool, count, [](const void* f, int i, double* scratch) { (*static_cast<const F*>(f))(i, scratch); },
-               &body);
+        w.each(
+            w.pool, count, [](const void* f, int i, double* scratch) { (*static_cast<const F*>(f))(i, scratch); },
+            &body);
         return;
     }
     for (int i = 0; i < count; ++i) body(i, w.scratch);
@@ -478,8 +479,8 @@ void solve_block(const kernel_space& w, int m, int n, const double* lt, place_t 
                 const int nj = least(solve_width, n - j), next = j + nj;
                 double* x = y + i + j * ldy;
                 if (next < n)
-                    strip(store_mode::subtract, rows, nj, n - next, y + i + next * ldy, ldy, false,
-                          lt + j + next * ldt, ldt, x, ldy);
+                    strip(store_mode::subtract, rows, nj, n - next, y + i + next * ldy, ldy, false, lt + j + next * ldt,
+                          ldt, x, ldy);
                 solves.back[nj](rows, lt + j + j * ldt, ldt, r + j, x, ldy);
             }
         }
@@ -558,8 +559,8 @@ void spread_four(int m, const int* rows, const double* const* l, const double* s
 } // namespace
 
 extern const dense_kernels_table TVX_KERNELS;
-const dense_kernels_table TVX_KERNELS{TVX_NAME,     product,     minus_square, minus_columns, minus_symmetric,
-                                      factor_panel, solve_right, transpose,    add_rows,      take_rows,
-                                      spread_rows,  spread_four};
+const dense_kernels_table TVX_KERNELS{TVX_NAME,        product,      minus_square, minus_columns,
+                                      minus_symmetric, factor_panel, solve_right,  transpose,
+                                      add_rows,        take_rows,    spread_rows,  spread_four};
 
 } // namespace tarvex

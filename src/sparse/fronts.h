@@ -48,8 +48,8 @@ inline void place_rows(const front& f, std::vector<int>& local) {
 
 // Column c of a front of `rows` rows out of diag, off, which has `count` rows below its diagonal: to[i] for row i >= c,
 // zeros where the pattern has no element.
-inline void load_column(const sparse_store& m, const front& f, int c, int count, int rows, const array<double>& diag, const array<double>& off,
-                        const std::vector<int>& local, double* to) {
+inline void load_column(const sparse_store& m, const front& f, int c, int count, int rows, const array<double>& diag,
+                        const array<double>& off, const std::vector<int>& local, double* to) {
     const int j = f.col[c];
     const double* from = off.data() + m.ixvec1(j) - 1;
     to[c] = diag(j);

@@ -152,26 +152,93 @@ std::vector<int> postorder(const std::vector<cluster>& clusters, const std::vect
     return result;
 }
 
-// Space that the passes up and down the tree take.
+// A place of kernel_space_size elements as the space of the kernels.
+kernel_space space_at(double* p) {
+    kernel_space k;
+    k.scratch = p;
+    k.packed_b = k.scratch + scratch_size;
+    k.corner = k.packed_b + broad * packed_depth;
+    return k;
+}
+
+// Multiplications of the front of a supernode.
+double front_operations(double width, double below) {
+    const double m = width + below;
+    return (m * m * m - below * below * below) / 6.0;
+}
+
+constexpr double pieces_wanted = 256; // of all operations below the top
+
+// Cuts the tree: supernodes at the top, one by one, and pieces of whole subtrees below them, in the order of the tree.
+// It follows from the structure alone, so that the result does not depend on who does what.
+void find_steps(const sparse_store& m, double few_operations, supernode_tree& tree) {
+    const int ns = static_cast<int>(tree.parent.size()), last = ns - 1; // the last is that of row n
+    std::vector<double> under(ns, 0.0), own(ns, 0.0);
+    std::vector<char> top(ns, 0);
+    double total = 0.0;
+    for (int s = 0; s < ns; ++s) {
+        own[s] = front_operations(tree.start[s + 1] - tree.start[s], below_of(m, tree, s));
+        total += own[s];
+    }
+    const double grain = total < few_operations ? total + 1.0 : total / pieces_wanted;
+    for (int s = 0; s < ns; ++s) {
+        under[s] += own[s];
+        const bool large = large_front(tree.start[s + 1] - tree.start[s], below_of(m, tree, s));
+        if (s == last || large || under[s] > grain) top[s] = 1;
+        if (const int p = tree.parent[s]; p >= 0) {
+            under[p] += under[s];
+            top[p] = static_cast<char>(top[p] | top[s]);
+        }
+    }
+    int first = -1; // of the piece that is open
+    double sum = 0.0;
+    for (int s = 0; s < ns; ++s) {
+        if (top[s]) {
+            if (first >= 0) tree.steps.push_back({first, s, true});
+            tree.steps.push_back({s, s + 1, false});
+            first = -1;
+            continue;
+        }
+        if (first < 0) {
+            first = s;
+            sum = 0.0;
+        }
+        if (tree.parent[s] >= 0 && !top[tree.parent[s]]) continue; // not the root of a subtree
+        sum += under[s];
+        if (sum > 0.5 * grain) {
+            tree.steps.push_back({first, s + 1, true});
+            first = -1;
+        }
+    }
+    tree.in_piece.assign(ns, 0);
+    for (const auto& step : tree.steps)
+        if (step.piece) std::fill(tree.in_piece.begin() + step.first, tree.in_piece.begin() + step.end, char{1});
+}
+
+// Space that the work on the fronts takes: of all, and of those in pieces.
 void find_space(const sparse_store& m, supernode_tree& tree) {
     const int ns = static_cast<int>(tree.parent.size());
-    std::ptrdiff_t held[2]{};
+    std::ptrdiff_t held[2]{}; // on the stacks of a piece
     for (int s = 0; s < ns; ++s) {
         const int width = tree.start[s + 1] - tree.start[s], below = below_of(m, tree, s), odd = tree.level[s] % 2;
-        const std::ptrdiff_t update = large_front(width, below) ? 0 : triangle_size(below);
         tree.rows = std::max(tree.rows, width + below);
         tree.width = std::max(tree.width, width);
         tree.inverse = std::max(tree.inverse, triangle_size(below));
+        if (!tree.in_piece[s]) continue;
+        tree.piece_rows = std::max(tree.piece_rows, width + below);
+        tree.piece_width = std::max(tree.piece_width, width);
+        tree.piece_inverse = std::max(tree.piece_inverse, triangle_size(below));
+        const std::ptrdiff_t update = leaves_piece(tree, s) ? 0 : triangle_size(below);
         tree.triangles[odd] = std::max(tree.triangles[odd], held[odd] + update);
         if (!updates_at_once(m, tree, s))
             for (int c = tree.child[s]; c >= 0; c = tree.sibling[c])
-                if (!large_front(tree.start[c + 1] - tree.start[c], below_of(m, tree, c)))
-                    held[1 - odd] -= triangle_size(below_of(m, tree, c));
-        if (tree.parent[s] >= 0 && !updates_at_once(m, tree, tree.parent[s])) held[odd] += update;
+                held[1 - odd] -= triangle_size(below_of(m, tree, c));
+        if (tree.parent[s] >= 0 && tree.in_piece[tree.parent[s]] && !updates_at_once(m, tree, tree.parent[s]))
+            held[odd] += update;
     }
 }
 
-void make_tree(const sparse_store& m, supernode_tree& tree) {
+void make_tree(const sparse_store& m, double few_operations, supernode_tree& tree) {
     tree = {};
     const int n = m.n;
     if (n == 0) return;
@@ -212,6 +279,7 @@ void make_tree(const sparse_store& m, supernode_tree& tree) {
         tree.sibling[k] = tree.child[number[p]];
         tree.child[number[p]] = k;
     }
+    find_steps(m, few_operations, tree);
     find_space(m, tree);
 }
 
@@ -220,7 +288,7 @@ void make_tree(const sparse_store& m, supernode_tree& tree) {
 const supernode_tree& supernodes(const sparse_store& s, sparse_work& w) {
     const std::uint64_t now = fingerprint(s);
     if (now != w.tree.structure) {
-        make_tree(s, w.tree);
+        make_tree(s, w.few_operations, w.tree);
         w.tree.structure = now;
     }
     return w.tree;
@@ -233,11 +301,33 @@ const dense_kernels_table& dense_of(sparse_work& w) {
 
 kernel_space packing_of(sparse_work& w) {
     if (!w.packing) w.packing = make_space(kernel_space_size);
-    kernel_space k;
-    k.scratch = w.packing.get();
-    k.packed_b = k.scratch + scratch_size;
-    k.corner = k.packed_b + broad * packed_depth;
+    return space_at(w.packing.get());
+}
+
+shared_work::shared_work(sparse_work& w) : w_(w), pool_(w.pool && w.pool->threads() > 1 ? w.pool.get() : nullptr) {
+    if (!pool_) return;
+    w.of_thread.resize(static_cast<std::size_t>(pool_->threads()));
+    for (auto& space : w.of_thread)
+        if (!space) space = make_space(kernel_space_size);
+}
+
+kernel_space shared_work::packing(bool shared) {
+    kernel_space k = packing_of(w_);
+    if (!shared || !pool_) return k;
+    k.each = share;
+    k.pool = this;
     return k;
+}
+
+kernel_space shared_work::packing_of_slot(int slot) {
+    return pool_ ? space_at(w_.of_thread[static_cast<std::size_t>(slot)].get()) : packing_of(w_);
+}
+
+void shared_work::share(void* self, int count, kernel_space::piece body, const void* arg) {
+    auto* work = static_cast<shared_work*>(self);
+    const auto f = [&](int i, int slot) { body(arg, i, work->w_.of_thread[static_cast<std::size_t>(slot)].get()); };
+    work->pool_->each(
+        count, [](const void* g, int i, int slot) { (*static_cast<const decltype(f)*>(g))(i, slot); }, &f);
 }
 
 } // namespace tarvex

@@ -18,15 +18,25 @@
 namespace tarvex {
 
 struct supernode_tree {
-    std::vector<int> order;        // columns, supernode by supernode, ascending within each
-    std::vector<int> start;        // (ns+1) place in order of the first column of each; children before their parents
-    std::vector<int> parent;       // (ns) -1: root
-    std::vector<int> child;        // (ns) first child, -1: none
-    std::vector<int> sibling;      // (ns) next child of the same parent
-    std::vector<int> level;        // (ns) distance from the root
-    std::ptrdiff_t triangles[2]{}; // space for update matrices: even and odd levels
-    std::ptrdiff_t inverse = 0;    // space for the inverse of the rows below a front
-    int rows = 0, width = 0;       // of the largest front and the widest panel
+    std::vector<int> order;   // columns, supernode by supernode, ascending within each
+    std::vector<int> start;   // (ns+1) place in order of the first column of each; children before their parents
+    std::vector<int> parent;  // (ns) -1: root
+    std::vector<int> child;   // (ns) first child, -1: none
+    std::vector<int> sibling; // (ns) next child of the same parent
+    std::vector<int> level;   // (ns) distance from the root
+    // The order of the work: supernodes at the top of the tree one by one, and pieces, consecutive whole subtrees below
+    // them that do not depend on each other.
+    struct step {
+        int first, end; // supernodes
+        bool piece;
+    };
+    std::vector<step> steps;
+    std::vector<char> in_piece;       // (ns)
+    std::ptrdiff_t inverse = 0;       // space for the inverse of the rows below a front
+    int rows = 0, width = 0;          // of the largest front and the widest panel
+    std::ptrdiff_t piece_inverse = 0; // the same of fronts in pieces
+    int piece_rows = 0, piece_width = 0;
+    std::ptrdiff_t triangles[2]{}; // space for update matrices of a piece: even and odd levels
     double operations = 0.0;       // multiplications of the factorisation, without the zeros taken in
     std::uint64_t structure = 0;   // fingerprint of the structure that all this belongs to, 0: none
 };
@@ -48,6 +58,13 @@ inline int below_of(const sparse_store& m, const supernode_tree& tree, int s) {
 inline bool updates_at_once(const sparse_store& m, const supernode_tree& tree, int s) {
     const int below = below_of(m, tree, s);
     return below <= 1 || large_front(tree.start[s + 1] - tree.start[s], below);
+}
+
+// True for the root of a piece whose update matrix waits for its turn at the top; that of one whose only row below is
+// row n goes there at once.
+inline bool leaves_piece(const supernode_tree& tree, int s) {
+    const int p = tree.parent[s];
+    return p >= 0 && !tree.in_piece[p] && p + 1 < static_cast<int>(tree.parent.size());
 }
 
 // Replaces the assembled matrix by its factor. Returns 0, or the first row in ascending order whose pivot is below
