@@ -23,6 +23,7 @@
 #include "estimation/estimates.h"
 #include "estimation/iteratelog.h"
 #include "estimation/lastpoint.h"
+#include "estimation/modelsums.h"
 #include "estimation/pxem.h"
 #include "estimation/searchstate.h"
 #include "estimation/stepcontrol.h"
@@ -70,7 +71,8 @@ void new_analysis() {
     anew(randomvars, residualvars);
     anew(adjacency, kernels, lsqsolutions, mmequations, orders, sparse);
     anew(ddvecs, derivs, likelihoods, places, solutions);
-    anew(aireml_terms, bestpoint, estimates, iterate_log, linesearch, pxempc, search_state, verdict);
+    anew(aireml_terms, bestpoint, estimates, iterate_log, linesearch, modelsums,
+         pxempc, search_state, verdict);
     anew(final_point, sampling);
     anew(randomgen, simulation);
     anew(linked_list);

@@ -370,6 +370,12 @@ void read_command_line(int argc, const char* const* argv, text_out& trace) {
     for (int i = 1; i < argc; ++i) {
         std::string arg = left_adjusted(argv[i]);
         if (arg.empty()) continue;
+        if (number_may_follow(arg) && i + 1 < argc) {
+            const text next = argv[i + 1]; // the last one is the parameter file unless it is a number
+            const bool number = !next.empty() && next.find_first_not_of("+-0123456789") == text::npos;
+            if (number || (i + 2 < argc && !next.starts_with('-'))) arg += " " + left_adjusted(argv[++i]);
+        }
+        if (options.devtrace) write(unit1(trace), "(a,t30,a)", "Read from command line : ", arg);
         get_option(arg, i == argc - 1);
         if (options.limits) return;
     }

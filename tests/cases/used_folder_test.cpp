@@ -5,6 +5,7 @@
 #include "support/screen.h"
 
 #include <algorithm>
+#include <filesystem>
 
 using namespace tarvex;
 
@@ -244,8 +245,9 @@ TEST_F(Trust, SpoiltFilesAreMadeAnew) {
             else
                 spoilt[at] = static_cast<char>(spoilt[at] ^ (1 << (rng() % 8)));
             write_file(name, spoilt);
+            if (name == "adjacency.bin") std::filesystem::remove("eqnsorder.bin"); // or the pattern is not looked at
             expect_as_fresh(s, name + " spoilt at " + std::to_string(at));
-            EXPECT_EQ(read_file(name), whole) << name;
+            EXPECT_TRUE(read_file(name) == whole) << name << " spoilt at " << at;
         }
 }
 
