@@ -1,6 +1,7 @@
 // Parts of the user's guide on the screen.
 #include "tvx/commands.h"
 #include "tvx/guide_text.h"
+#include "tvx/plain_page.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>
@@ -31,7 +32,7 @@ std::string_view section(std::string_view heading) {
 int help_command(const std::string& word) {
     for (const auto& t : topics)
         if (word == t.word) {
-            std::cout << section(t.heading);
+            std::cout << plain_page(section(t.heading));
             return fine;
         }
     std::string text = "tvx help TOPIC, where TOPIC is one of";

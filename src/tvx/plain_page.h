@@ -1,0 +1,11 @@
+// Pages of docs/ as text on the screen.
+#pragma once
+#include <string>
+#include <string_view>
+
+namespace tvx {
+
+// The page without fences, its blocks set in, and without what is meant for the tests only (<!-- ... -->).
+std::string plain_page(std::string_view page);
+
+} // namespace tvx
