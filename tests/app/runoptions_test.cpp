@@ -4,6 +4,7 @@
 #include "control/maximise.h"
 #include "control/numbers.h"
 #include "control/options.h"
+#include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "estimation/estimates.h"
 #include "simulation/simulation.h"
@@ -286,6 +287,64 @@ TEST_F(RunOptions, NumbersThatAreNotGivenLeaveTheSetting) {
     EXPECT_EQ(maximise.pxem_its, 3);
     EXPECT_EQ(maximise.aireml_its, 0);
     EXPECT_EQ(maximise.aiconv_like, 0.01);
+}
+
+TEST_F(RunOptions, ThreadsAreOneUnlessTheyAreGiven) {
+    run({});
+    EXPECT_EQ(kernels.threads, 1);
+    for (const std::vector<const char*>& given : {std::vector<const char*>{"--threads8", "mt3"},
+                                                  {"--threads", "8", "mt3"},
+                                                  {"--THREADS", "8"},
+                                                  {"--threads,", "--threads8"}}) {
+        run(given);
+        EXPECT_EQ(kernels.threads, 8) << given[0];
+    }
+    run({"--threads", "8", "mt3"});
+    EXPECT_EQ(filenames.parfile, "mt3.par");
+    run({"--threads", "0"});
+    EXPECT_EQ(kernels.threads, 0);
+    run({"--threads", "1024"});
+    EXPECT_EQ(kernels.threads, 1024);
+    run({"--threads8", "--threads"}); // no number: the setting stays
+    EXPECT_EQ(kernels.threads, 8);
+}
+
+TEST_F(RunOptions, ThreadsWithoutANumberTakeNoneFromTheParameterFile) {
+    run({"--threads", "mt3"});
+    EXPECT_EQ(kernels.threads, 1);
+    EXPECT_EQ(filenames.parfile, "mt3.par");
+    run({"--threads", "--amd", "mt3"});
+    EXPECT_EQ(orders.order_type, 2);
+}
+
+TEST_F(RunOptions, ThreadsInTheFileOfOptions) {
+    write_file("RunOptions", "--threads 3\n");
+    run({});
+    EXPECT_EQ(kernels.threads, 3);
+    run({"--threads", "2"});
+    EXPECT_EQ(kernels.threads, 2);
+}
+
+TEST_F(RunOptions, ThreadsThatCannotBeEndTheRun) {
+    for (const std::vector<const char*>& given : {std::vector<const char*>{"--threads-1"},
+                                                  {"--threads", "-1", "mt3"},
+                                                  {"--threads", "-1"},
+                                                  {"--threads", "1025"},
+                                                  {"--threads1025"},
+                                                  {"--threads", "99999999999"},
+                                                  {"--threads", "2.5", "mt3"},
+                                                  {"--threads", "two", "mt3"},
+                                                  {"--threadsx"}}) {
+        std::string told = given[0];
+        if (told == "--threads") told += std::string(" ") + given[1];
+        try {
+            run(given);
+            ADD_FAILURE() << told;
+        } catch (const program_stop& end) {
+            EXPECT_EQ(end.status, 1);
+            EXPECT_EQ(end.text, "invalid number in option " + told);
+        }
+    }
 }
 
 TEST_F(RunOptions, NumberThatCannotBeReadEndsTheRun) {

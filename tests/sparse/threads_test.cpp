@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <cstring>
 #include <numeric>
 #include <stdexcept>
 
@@ -95,16 +96,14 @@ struct threads_test : tarvex_test {
     }
     void expect_same(int bad_row = 0, int other = 0) {
         const outcome one = work_through(1, bad_row, other);
-        for (int threads : {2, 3, 8, 2}) {
+        for (int threads : {2, 8}) {
             SCOPED_TRACE(std::to_string(threads) + " threads");
             const outcome o = work_through(threads, bad_row, other);
             EXPECT_EQ(o.ifail, one.ifail);
             EXPECT_EQ(o.failrow, one.failrow);
             EXPECT_EQ(o.screen, one.screen);
             ASSERT_EQ(o.numbers.size(), one.numbers.size());
-            std::size_t different = 0;
-            for (std::size_t i = 0; i < o.numbers.size(); ++i) different += o.numbers[i] != one.numbers[i];
-            EXPECT_EQ(different, 0u);
+            EXPECT_EQ(std::memcmp(o.numbers.data(), one.numbers.data(), one.numbers.size() * sizeof(double)), 0);
         }
     }
     std::size_t pieces() const {
@@ -120,13 +119,13 @@ TEST_F(threads_test, many_small_fronts) {
 }
 
 TEST_F(threads_test, fronts_that_are_cut_into_pieces) {
-    lay_out(nested_blocks(6, 4, 5, 12));
+    lay_out(nested_blocks(5, 4, 6, 12));
     expect_same();
     EXPECT_GT(pieces(), 2u);
 }
 
 TEST_F(threads_test, large_fronts_that_take_updates_at_once) {
-    lay_out(nested_blocks(6, 4, 8, 12)); // 292 columns at the root
+    lay_out(nested_blocks(5, 4, 11, 12)); // 279 columns at the root
     expect_same();
     EXPECT_GT(kernels.work.tree.width, wide);
     EXPECT_GT(pieces(), 1u);
@@ -143,7 +142,7 @@ TEST_F(threads_test, separate_systems_that_meet_in_the_right_hand_side) {
 
 // One piece in place of many: the sums of an element have the same order.
 TEST_F(threads_test, the_cut_of_the_tree_changes_no_digit) {
-    for (const auto& p : {nested_blocks(6, 8, 1, 4), nested_blocks(6, 4, 8, 12)}) {
+    for (const auto& p : {nested_blocks(6, 8, 1, 4), nested_blocks(5, 4, 11, 12)}) {
         lay_out(p);
         kernels.work.tree = {};
         kernels.work.few_operations = 0.0;
@@ -160,7 +159,7 @@ TEST_F(threads_test, the_cut_of_the_tree_changes_no_digit) {
 TEST_F(threads_test, failing_pivots_are_told_alike) {
     lay_out(nested_blocks(5, 10, 2, 5));
     const int n = sparse.n;
-    for (int bad : {1, 2, 40, n / 3, n / 2, n - 30, n - 1}) expect_same(bad);
+    for (int bad : {1, 40, n / 2, n - 1}) expect_same(bad);
     expect_same(n / 2, n / 4);
     EXPECT_EQ(work_through(3, n / 2, n / 4).failrow, n / 4);
 }
