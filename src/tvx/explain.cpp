@@ -1,13 +1,15 @@
 // What findings of tvx check and messages of the program mean, and what to do.
 #include "tvx/commands.h"
 #include "tvx/csv.h"
-#include "tvx/guide_text.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
 
 namespace tvx {
+
+extern const unsigned char messages_page[]; // docs/messages.md
+extern const unsigned long messages_page_size;
 
 namespace {
 
@@ -77,19 +79,30 @@ std::string upper(std::string text) {
     return text;
 }
 
-// Lines of the guide's table of messages that hold the text.
-std::string guide_lines(const std::string& message) {
+// Whether one of the texts in backquotes of a heading is meant: both begin alike, or words of it are given.
+bool heading_meant(std::string_view heading, const std::string& wanted) {
+    while (true) {
+        const auto from = heading.find('`');
+        if (from == std::string_view::npos) return false;
+        const auto to = heading.find('`', from + 1);
+        if (to == std::string_view::npos) return false;
+        const std::string text = upper(std::string(heading.substr(from + 1, to - from - 1)));
+        if (text.find(wanted) != std::string::npos || (text.size() > 4 && wanted.find(text) != std::string::npos))
+            return true;
+        heading.remove_prefix(to + 1);
+    }
+}
+
+// Entries of the page of messages that hold the text.
+std::string message_entries(const std::string& message) {
     std::string found;
-    std::string_view text = guide_text();
-    text.remove_prefix(std::min(text.find("## When something goes wrong"), text.size()));
+    std::string_view text(reinterpret_cast<const char*>(messages_page), messages_page_size);
     const std::string wanted = upper(message);
-    while (!text.empty()) {
-        const auto line = text.substr(0, text.find('\n'));
-        text.remove_prefix(std::min(line.size() + 1, text.size()));
-        if (!line.starts_with("| \"")) continue;
-        const std::string quoted(line.substr(3, line.find('"', 3) - 3));
-        const bool holds = upper(std::string(line)).find(wanted) != std::string::npos;
-        if (holds || wanted.find(upper(quoted)) != std::string::npos) found += std::string(line) + "\n";
+    for (auto at = text.find("\n### "); at != std::string_view::npos;) {
+        const auto next = std::min(text.find("\n#", at + 1), text.size());
+        const auto entry = text.substr(at + 1, next - at);
+        if (heading_meant(entry.substr(0, entry.find('\n')), wanted)) found += std::string(entry);
+        at = text.find("\n### ", next);
     }
     return found;
 }
@@ -102,7 +115,7 @@ int explain_command(const std::string& what) {
             found = true;
         }
     if (what.size() > 3) {
-        const std::string lines = guide_lines(what);
+        const std::string lines = message_entries(what);
         std::cout << lines;
         found = found || !lines.empty();
     }

@@ -109,7 +109,7 @@ TEST_F(examples, are_explained) {
     const auto r = run_tvx({"explain", "w408"});
     EXPECT_EQ(r.status, 0);
     EXPECT_TRUE(holds(r.output, "SUBject LINE")) << r.output;
-    EXPECT_TRUE(holds(run_tvx({"explain", "Invalid effect code : herd"}).output, "a code in the data above the limit"));
+    EXPECT_TRUE(holds(run_tvx({"explain", "Invalid effect code : herd"}).output, "A code below 1 in a random effect"));
     expect_fault({"explain", "W999"}, "nothing is known of \"W999\"");
     EXPECT_TRUE(holds(run_tvx({"help", "par"}).output, "### VAR: starting values of a covariance matrix"));
     EXPECT_TRUE(holds(run_tvx({"help", "options"}).output, "`--blup`"));
