@@ -14,7 +14,7 @@ namespace tarvex {
 
 namespace {
 
-constexpr std::array<int, 3> version{2026, 11, 21}; // year, month, day
+constexpr std::array<int, 3> version{TVX_VERSION}; // year, month, day
 
 // "dd-mm-yyyy"; a number of one digit leaves the zero in front of it.
 std::string version_text() {
@@ -39,6 +39,10 @@ std::string two_digits(int n) {
 } // namespace
 
 std::string program_version() { return version_text(); }
+
+std::string version_number() {
+    return std::to_string(version[0]) + "." + std::to_string(version[1]) + "." + std::to_string(version[2]);
+}
 
 double cpu_time() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
 

@@ -1,5 +1,7 @@
 #include "tvx/commands.h"
 
+#include "control/tvxroutines.h"
+
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
@@ -38,6 +40,7 @@ std::span<const registrar> commands() { return table; }
 int run_command_line(int argc, const char* const* argv) {
     CLI::App app{"From a table of records to genetic parameters that one can believe.", "tvx"};
     action chosen;
+    app.set_version_flag("--version", "Tarvex " + tarvex::version_number());
     app.add_flag("--json", display.json, "results for machines: one JSON object on standard output");
     app.add_flag("--quiet", display.quiet, "no progress and no remarks");
     app.require_subcommand(1);
