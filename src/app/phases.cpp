@@ -28,6 +28,7 @@
 #include "relations/nrminverse.h"
 #include "reports/apprxaicovs.h"
 #include "reports/blup.h"
+#include "reports/ebvs.h"
 #include "reports/modelsum.h"
 #include "reports/residuals.h"
 #include "reports/results_json.h"
@@ -69,6 +70,7 @@ ending report_best_point() {
     covs2parvec();
     check_usrdefcovs();
     write_estimates();
+    write_given_loadings();
     write_results(run_kind::best_point);
     return finish_run();
 }
@@ -83,6 +85,7 @@ ending read_pedigree_and_data() {
     gen_inverses();
     if (options.simulation) {
         simulate_data();
+        write_given_loadings();
         return finish_run();
     }
     if (options.write_factor && !options.siremodel) cholnrm_animal();
@@ -102,8 +105,9 @@ ending set_up_equations() {
     new_eqnnos();
     forecast();
     if (options.details || options.setup_only) screen().line("Set-up complete");
-    if (options.setup_only) return finish_run();
-    return {};
+    if (!options.setup_only) return {};
+    write_given_loadings();
+    return finish_run();
 }
 
 ending set_up_stores() {

@@ -474,6 +474,25 @@ void fixresvars() {
         for (int k = 1; k <= estimates.nresparm; ++k) estimates.ispar(k) = residualvars.fixres(k) ? 0 : 1;
 }
 
+bool start_factor(int irand, array<double, 2>& q, array<int>& order) {
+    const int n = model.kkfit(irand);
+    std::vector<double> cc(model.cov.column(irand).begin(), model.cov.column(irand).end());
+    if (any_unit()) divide_by_units(irand, cc);
+    double largest = 0.0, bad = 0.0;
+    for (int i = 1; i <= n; ++i)
+        largest = std::max(largest, std::fabs(cc[static_cast<std::size_t>(ihmssf(i, i, n) - 1)]));
+    bool vanishes = false;
+    for (const bool by_size : {estimates.reorder, true}) { // in a given order nothing may follow a pivot that vanishes
+        order.allocate(n);
+        for (int i = 1; i <= n; ++i) order(i) = i;
+        vanishes = pivoted_factor(cc.data(), n, model.krfit(irand), by_size, 0.0, bad, q, order) > 0;
+        if (!vanishes || by_size) break;
+    }
+    for (int i = 1; i <= n; ++i)
+        for (int c = 1; c <= model.krfit(irand); ++c) q(i, c) *= row_unit(irand, i);
+    return !vanishes || bad >= -1.0e-10 * largest;
+}
+
 void diagonals_to_logs(int irand, array<double>& parvec) {
     const int n = model.kkfit(irand), rank = model.krfit(irand);
     for (int step = 1; step <= steps_of(irand); ++step) {

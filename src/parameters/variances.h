@@ -29,6 +29,12 @@ void transform_covs(int irand, const double* cc, double floor_pivot, array<doubl
 // may turn paraform(0) to "Original".
 void fixresvars();
 
+// Factor of the matrix of block irand (a random effect, not diagonal) in model.cov as a search starts from it: columns
+// in the order of pivots, cut to krfit; vanishing pivots leave columns of zeros. False: the matrix has negative pivots.
+//   q      (kkfit,krfit) rows in the order of the matrix, in the units of the data
+//   order  (kkfit) rows in the order of pivots
+bool start_factor(int irand, array<double, 2>& q, array<int>& order);
+
 // Turns the diagonals of block irand into logarithms in parvec without a change of the matrix.
 void diagonals_to_logs(int irand, array<double>& parvec);
 

@@ -13,12 +13,14 @@
 #include "likelihood/solutions.h"
 #include "parameters/parunits.h"
 #include "parameters/randomvars.h"
+#include "parameters/variances.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "relations/inbreeding.h"
 #include "support/edit_form.h"
 
 #include <cmath>
+#include <span>
 #include <string>
 
 namespace tarvex {
@@ -39,17 +41,27 @@ double inverse_element(int i, int j) {
     return sparse.xspars(p);
 }
 
-void write_loadings(int irand) {
+void show_loadings(int irand, const array<double, 2>& q, std::span<const int> order) {
     constexpr edit_form row{"(i4,(t7, 6g13.5))"};
     const int n = model.kkfit(irand), rank = model.krfit(irand);
-    std::string order;
-    for (int r = 1; r <= rank; ++r) order += " " + std::to_string(estimates.cholorder(r, irand));
-    print_list(screen(), "Loadings of the components of \"" + model.krandom(irand) + "\", order of pivots :" + order);
+    std::string pivots;
+    for (int r = 0; r < rank; ++r) pivots += " " + std::to_string(order[at(r)]);
+    print_list(screen(), "Loadings of the components of \"" + model.krandom(irand) + "\", order of pivots :" + pivots);
     for (int i = 1; i <= n; ++i) {
-        std::vector<double> q;
-        for (int c = 1; c <= rank; ++c) q.push_back(randomvars.zig(i, c, irand) * row_unit(irand, i));
-        write(screen(), row, i, q);
+        std::vector<double> loadings;
+        for (int c = 1; c <= rank; ++c) loadings.push_back(q(i, c));
+        write(screen(), row, i, loadings);
     }
+}
+
+// Those of the solutions.
+void write_loadings(int irand) {
+    const int n = model.kkfit(irand), rank = model.krfit(irand);
+    array<double, 2> q;
+    q.allocate(n, rank);
+    for (int i = 1; i <= n; ++i)
+        for (int c = 1; c <= rank; ++c) q(i, c) = randomvars.zig(i, c, irand) * row_unit(irand, i);
+    show_loadings(irand, q, estimates.cholorder.column(irand));
 }
 
 } // namespace
@@ -99,6 +111,16 @@ std::vector<double> variance_factors(int irand) {
     const std::vector<double> f = inbreeding(pedigreelist.sire(irun), pedigreelist.dam(irun));
     for (std::size_t l = 0; l < factors.size() && l < f.size(); ++l) factors[l] += f[l];
     return factors;
+}
+
+void write_given_loadings() {
+    array<double, 2> q;
+    array<int> order;
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (!reduced_rank(irand) || mudmap.kovrnd(irand) == "PEQ") continue;
+        start_factor(irand, q, order);
+        show_loadings(irand, q, order);
+    }
 }
 
 void write_ebvs(int irand) {

@@ -17,6 +17,8 @@ double fitted_variance(int irand, int r);
 // Reduced rank: file EBV_<effect>.dat, and the loadings with the order of their pivots on the screen.
 bool reduced_rank(int irand);
 void write_ebvs(int irand);
+// The loadings of all blocks of reduced rank at the matrices in model.cov, for runs without solutions.
+void write_given_loadings();
 
 // Accuracy as reports have it: root of 1 - pev / var, or the negative difference itself.
 double accuracy(double pev, double variance);

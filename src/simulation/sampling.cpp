@@ -6,11 +6,14 @@
 #include "data/levels.h"
 #include "data/pedigreelist.h"
 #include "dense/numroutines.h"
+#include "parameters/variances.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
+#include "relations/geninverse.h"
 #include "relations/inbreeding.h"
 #include "relations/nrminverse.h"
 #include "simulation/ranf.h"
+#include "sparse/lsqrank.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
 
@@ -41,12 +44,36 @@ pedigree_rule sire_rule(int s, int m) {
     return {1.0, 0.0, 0.0};
 }
 
-void block_factor(int irand, array<double, 2>& chol) {
-    const int n = model.kkfit(irand);
-    if (!model.diagonal(irand)) return mvnormal_initial(n, model.cov.column(irand), chol);
-    allocate("all chol", chol, n, n);
-    for (int i = 1; i <= n; ++i) chol(i, i) = std::sqrt(std::max(model.cov(i, irand), 0.0));
-}
+// Draws of the effects of a block for a level: w = Q z, Q triangular or, at reduced rank, the loadings.
+struct block_draws {
+    bool cut = false;
+    array<double, 2> q;
+
+    explicit block_draws(int irand) : cut(options.principal && model.krfit(irand) < model.kkfit(irand)) {
+        const int n = model.kkfit(irand);
+        if (cut) {
+            array<int> order;
+            if (start_factor(irand, q, order)) return;
+            cut = false; // tells of the negative pivot and stops
+        }
+        if (!model.diagonal(irand)) {
+            mvnormal_initial(n, model.cov.column(irand), q);
+            return;
+        }
+        allocate("all chol", q, n, n);
+        for (int i = 1; i <= n; ++i) q(i, i) = std::sqrt(std::max(model.cov(i, irand), 0.0));
+    }
+    void draw(std::span<double> w) const {
+        if (!cut) return mvnormal_draw(static_cast<int>(w.size()), q, w);
+        std::vector<double> z(static_cast<std::size_t>(q.upper(2)));
+        for (double& x : z) x = static_cast<double>(snorm());
+        for (int i = 1; i <= q.upper(1); ++i) {
+            double s = 0.0;
+            for (int c = 1; c <= q.upper(2); ++c) s += q(i, c) * z[static_cast<std::size_t>(c - 1)];
+            w[static_cast<std::size_t>(i - 1)] = s;
+        }
+    }
+};
 
 [[noreturn]] void cannot_simulate(int irand) {
     print_list(screen(), "Cannot simulate data for this random effect : ", model.krandom(irand), irand,
@@ -54,38 +81,73 @@ void block_factor(int irand, array<double, 2>& chol) {
     stoptarvex();
 }
 
-void sample_block(int irand, std::vector<double>& u, std::vector<double>& total) {
-    const bool nrm = mudmap.kovrnd(irand) == "NRM";
-    if (!nrm && mudmap.kovrnd(irand) != "IDE") cannot_simulate(irand);
+// Animals (or sires) from their parents: w holds the draws and becomes the effects, parents first.
+void follow_pedigree(int irand, std::vector<double>& w) {
     const int n = model.kkfit(irand), nlev = levels.rn_nlev(irand), irun = mudmap.iranno(irand);
     const auto width = static_cast<std::size_t>(n);
-    array<double, 2> chol;
-    block_factor(irand, chol);
-    if (nrm && !options.siremodel) compute_inbreeding(irun); // where the inverse was taken over from an earlier run
+    if (!options.siremodel) compute_inbreeding(irun); // where the inverse was taken over from an earlier run
     const array<double, 2>& f = nrminverse.inbreed;
-    u.assign(static_cast<std::size_t>(nlev) * width, 0.0);
-    std::vector<double> w(width);
     for (int l = 1; l <= nlev; ++l) {
-        mvnormal_draw(n, chol, w);
-        for (int i = 1; i <= n; ++i)
-            for (int j = i; j <= n; ++j)
-                total[static_cast<std::size_t>(ihmssf(i, j, n) - 1)] +=
-                    w[static_cast<std::size_t>(i - 1)] * w[static_cast<std::size_t>(j - 1)];
-        double* ul = u.data() + static_cast<std::size_t>(l - 1) * width;
-        if (!nrm) {
-            for (std::size_t k = 0; k < width; ++k) ul[k] = w[k];
-            continue;
-        }
         const auto at = static_cast<std::size_t>(l - 1);
         const int s = pedigreelist.sire(irun)[at], d = pedigreelist.dam(irun)[at];
         const pedigree_rule rule = options.siremodel ? sire_rule(s, d) : animal_rule(f, irun, s, d);
         const double root = std::sqrt(rule.share);
+        double* ul = w.data() + at * width;
         for (std::size_t k = 0; k < width; ++k) {
-            const double from_sire = s > 0 ? u[static_cast<std::size_t>(s - 1) * width + k] : 0.0;
-            const double from_dam = d > 0 ? u[static_cast<std::size_t>(d - 1) * width + k] : 0.0;
-            ul[k] = root * w[k] + rule.by_sire * from_sire + rule.by_dam * from_dam;
+            const double from_sire = s > 0 ? w[static_cast<std::size_t>(s - 1) * width + k] : 0.0;
+            const double from_dam = d > 0 ? w[static_cast<std::size_t>(d - 1) * width + k] : 0.0;
+            ul[k] = root * ul[k] + rule.by_sire * from_sire + rule.by_dam * from_dam;
         }
     }
+}
+
+// Levels whose relationships are given by their inverse. Its factor is formed for each replicate anew: that takes less
+// time than writing the data.
+void follow_inverse(int irand, std::vector<double>& w) {
+    const int nlev = levels.rn_nlev(irand);
+    const auto width = static_cast<std::size_t>(model.kkfit(irand));
+    normal_equations a(nlev);
+    for (const inverse_element& e : gin_store.elements[static_cast<std::size_t>(irand - 1)])
+        if (e.row == e.col)
+            a.diag[static_cast<std::size_t>(e.row - 1)] += e.value;
+        else
+            a.add(e.row - 1, e.col - 1, e.value);
+    a.finish();
+    const row_factor factor = factor_of(a);
+    for (int j = 1; j <= factor.n; ++j) {
+        const auto k = static_cast<std::size_t>(j);
+        if (factor.pivot[k] > 1.0e-10 * a.diag[static_cast<std::size_t>(factor.eq[k])]) continue;
+        print_list(screen(),
+                   "***** ERROR : Inverse of effect \"" + model.krandom(irand) + "\" is not positive definite - level",
+                   factor.eq[k] + 1);
+        cannot_simulate(irand);
+    }
+    std::vector<double> x(static_cast<std::size_t>(nlev));
+    for (std::size_t k = 0; k < width; ++k) {
+        for (std::size_t l = 0; l < x.size(); ++l) x[l] = w[l * width + k];
+        sample_inverse(factor, x);
+        for (std::size_t l = 0; l < x.size(); ++l) w[l * width + k] = x[l];
+    }
+}
+
+void sample_block(int irand, std::vector<double>& u, std::vector<double>& total) {
+    const std::string& kov = mudmap.kovrnd(irand);
+    const int n = model.kkfit(irand), nlev = levels.rn_nlev(irand);
+    const auto width = static_cast<std::size_t>(n);
+    u.assign(static_cast<std::size_t>(nlev) * width, 0.0);
+    if (kov == "PEQ" && options.randreg) cannot_simulate(irand);
+    if (kov == "PEQ") return; // comes with the residuals
+    const block_draws draws(irand);
+    for (int l = 1; l <= nlev; ++l) {
+        const std::span<double> w(u.data() + static_cast<std::size_t>(l - 1) * width, width);
+        draws.draw(w);
+        for (int i = 1; i <= n; ++i)
+            for (int j = i; j <= n; ++j)
+                total[static_cast<std::size_t>(ihmssf(i, j, n) - 1)] +=
+                    w[static_cast<std::size_t>(i - 1)] * w[static_cast<std::size_t>(j - 1)];
+    }
+    if (kov == "NRM") follow_pedigree(irand, u);
+    if (kov == "GIN") follow_inverse(irand, u);
 }
 
 // Nothing is left of row j but rounding: its column of the factor is zero.

@@ -11,6 +11,9 @@
 #include "data/recodedata.h"
 #include "data/subjectpass.h"
 #include "dense/numroutines.h"
+#include "estimation/bestpoint.h"
+#include "parameters/residualvars.h"
+#include "parameters/variances.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "simulation/randomseeds.h"
@@ -19,7 +22,9 @@
 #include "support/record_file.h"
 #include "support/stop.h"
 
+#include <algorithm>
 #include <cmath>
+#include <compare>
 #include <map>
 #include <string>
 #include <vector>
@@ -103,27 +108,51 @@ bool next_line(record_reader& file, line_levels& line) {
     return file.record(std::span<int>(line.imeta));
 }
 
-// Draws of residuals for any set of traits; the factor of each set is formed once.
+// The PEQ matrix, packed as the residual one; zero without such an effect.
+std::vector<double> repeat_covariances() {
+    std::vector<double> peq(static_cast<std::size_t>(numbers.nq * (numbers.nq + 1) / 2), 0.0);
+    int k = 0;
+    for (const peq_place& p : peq_places())
+        peq[static_cast<std::size_t>(p.residual - 1)] = model.cov(++k, residualvars.ipeq);
+    return peq;
+}
+
+// A record of a subject: its trait and the line it stands in.
+struct subject_record {
+    int iq;
+    std::size_t line;
+    auto operator<=>(const subject_record&) const = default;
+};
+
+// Covariance of two records of a subject that are not one: those of a trait share the repeat effect alone.
+double subject_covariance(const subject_record& a, const subject_record& b, const std::vector<double>& peq) {
+    const int k = ihmssf(std::min(a.iq, b.iq), std::max(a.iq, b.iq), numbers.nq);
+    const double p = peq[static_cast<std::size_t>(k - 1)];
+    if (a.iq == b.iq) return a.line == b.line ? model.cov(k, 0) + p : p;
+    return model.cov(k, 0) + 2.0 * p;
+}
+
+// Draws of residuals, the repeat effect included; the factor of each set of records is formed once.
 class residual_draws {
 public:
-    // One draw for the traits of the set (ascending); x by place in the set.
-    void draw(const std::vector<int>& traits, std::span<double> x) {
-        auto& chol = factors_[traits];
-        const int n = static_cast<int>(traits.size());
-        if (!chol.allocated()) set_sigres_muv(traits, chol);
+    // One draw for records in ascending order.
+    void draw(const std::vector<subject_record>& records, std::span<double> x) {
+        auto& chol = factors_[records];
+        const int n = static_cast<int>(records.size());
+        if (!chol.allocated()) set_sigres_muv(records, chol);
         mvnormal_draw(n, chol, x);
     }
 
 private:
-    static void set_sigres_muv(const std::vector<int>& traits, array<double, 2>& chol) {
-        const int n = static_cast<int>(traits.size());
+    static void set_sigres_muv(const std::vector<subject_record>& records, array<double, 2>& chol) {
+        const std::vector<double> peq = repeat_covariances();
         std::vector<double> sig;
-        for (std::size_t i = 0; i < traits.size(); ++i)
-            for (std::size_t j = i; j < traits.size(); ++j)
-                sig.push_back(model.cov(ihmssf(traits[i], traits[j], numbers.nq), 0));
-        mvnormal_initial(n, sig, chol);
+        for (std::size_t i = 0; i < records.size(); ++i)
+            for (std::size_t j = i; j < records.size(); ++j)
+                sig.push_back(subject_covariance(records[i], records[j], peq));
+        mvnormal_initial(static_cast<int>(records.size()), sig, chol);
     }
-    std::map<std::vector<int>, array<double, 2>> factors_;
+    std::map<std::vector<subject_record>, array<double, 2>> factors_;
 };
 
 // Residual standard deviations by class, random regression analyses.
@@ -200,25 +229,38 @@ struct simulated_lines {
     std::map<int, std::string> held;
 };
 
-// Residuals of a subject: the k-th records of its traits are drawn together, with all traits in a line those of the
-// line.
+// The records that are drawn together: with a repeat effect, or where the model says what a subject is, all of the
+// subject; else the k-th records of its traits, with all traits in a line those of the line.
+std::map<int, std::vector<subject_record>> drawn_together(const subject_lines& s) {
+    const bool whole = residualvars.ipeq > 0 || !model.subject.empty();
+    std::map<int, std::vector<subject_record>> sets;
+    std::map<int, int> met; // records of each trait so far
+    for (std::size_t l = 0; l < s.lines.size(); ++l)
+        for (const int iq : s.lines[l].ynq) {
+            const int k = whole ? 0 : mudmap.alltraits ? static_cast<int>(l) : ++met[iq];
+            sets[k].push_back({iq, l});
+        }
+    for (auto& [k, records] : sets) std::sort(records.begin(), records.end());
+    return sets;
+}
+
 std::vector<std::vector<double>> subject_residuals_muv(const subject_lines& s, residual_draws& draws) {
     std::vector<std::vector<double>> e;
     for (const auto& line : s.lines) e.emplace_back(line.ynq.size(), 0.0);
-    if (mudmap.alltraits) {
-        for (std::size_t l = 0; l < s.lines.size(); ++l) draws.draw(s.lines[l].ynq, e[l]);
-        return e;
-    }
-    std::map<int, int> met;                                // records of each trait so far
-    std::map<int, std::map<int, std::size_t>> occurrences; // k-th record: trait -> line
-    for (std::size_t l = 0; l < s.lines.size(); ++l) occurrences[++met[s.lines[l].ynq[0]]][s.lines[l].ynq[0]] = l;
-    for (const auto& [k, by_trait] : occurrences) {
-        std::vector<int> traits;
-        for (const auto& [iq, l] : by_trait) traits.push_back(iq);
-        std::vector<double> x(traits.size());
-        draws.draw(traits, x);
-        std::size_t i = 0;
-        for (const auto& [iq, l] : by_trait) e[l][0] = x[i++];
+    for (const auto& [k, records] : drawn_together(s)) {
+        std::vector<double> x(records.size());
+        std::vector<subject_record> form = records; // lines by their rank among those of the set
+        std::map<std::size_t, std::size_t> rank;
+        for (const auto& r : records) rank[r.line] = 0;
+        std::size_t n = 0;
+        for (auto& [line, at] : rank) at = n++;
+        for (auto& r : form) r.line = rank[r.line];
+        draws.draw(form, x);
+        for (std::size_t i = 0; i < records.size(); ++i) {
+            const auto& ynq = s.lines[records[i].line].ynq;
+            const auto place = std::find(ynq.begin(), ynq.end(), records[i].iq) - ynq.begin();
+            e[records[i].line][static_cast<std::size_t>(place)] = x[i];
+        }
     }
     return e;
 }
@@ -285,6 +327,7 @@ void report_covariances(const std::vector<std::vector<double>>& simtot) {
     constexpr edit_form line{"(2i4,2g16.6)"};
     if (!options.verbose) return;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
+        if (irand == residualvars.ipeq) continue; // drawn with the residuals
         const int n = model.kkfit(irand);
         print_list(screen(), "Random effect no.", irand, levels.rn_nlev(irand));
         const double draws = static_cast<double>(levels.rn_nlev(irand)) * simulation.nrepsim;
@@ -298,10 +341,21 @@ void report_covariances(const std::vector<std::vector<double>>& simtot) {
     }
 }
 
+// Simulation at the estimates.
+void take_estimates() {
+    if (readbestpoint(false)) return;
+    print_list(screen(),
+               "***** ERROR : No usable \"" + filenames.bestfile + "\" found - no estimates to simulate from !");
+    stoptarvex();
+}
+
 } // namespace
 
 void simulate_data() {
     if (simulation.nrepsim > 999) stop_with("Max. no. of replicates (999) exceeded !");
+    if (simulation.nrepsim < 1) stop_with("No. of replicates must be at least 1 !");
+    lay_out_parameters(); // finds the repeat effect
+    if (options.continew) take_estimates();
     gather_sim();
     setup_randnos();
     residual_draws draws;

@@ -19,23 +19,8 @@ namespace {
 
 std::size_t hash(std::uint64_t key) { return static_cast<std::size_t>((key * 0x9E3779B97F4A7C15U) >> 20); }
 
-// A = U'D^-1U by rows in elimination order, from 1: row k holds its pivot and its elements x behind the diagonal, not
-// divided.
-struct lsq_factor {
-    int n = 0;
-    std::vector<int> eq; // (n+1) equation of each row
-    array<int> ixvec1, ixvec2, ixsub;
-    int maxlnz = 0, maxsub = 0;
-    std::vector<double> x;     // (maxlnz)
-    std::vector<double> pivot; // (n+1)
-    std::vector<double> rhs;   // (n+1) reduced
-    std::vector<int> out;      // (n+1) 1: pivot below the limit, row not used
-
-    int sub(int row, int place) const { return ixsub(ixvec2(row) + place - ixvec1(row)); }
-};
-
 // Structure of the rows `eq` in the given order, with the coefficients in their places.
-void lay_out(lsq_factor& f, const normal_equations& a) {
+void lay_out(row_factor& f, const normal_equations& a) {
     std::vector<int> place(static_cast<std::size_t>(a.n), 0);
     for (int k = 1; k <= f.n; ++k) place[f.eq[k]] = k;
     array<int> xadj, adjncy;
@@ -65,7 +50,7 @@ void lay_out(lsq_factor& f, const normal_equations& a) {
 }
 
 // Elimination row by row; a row gathers the updates of all rows in front of it that reach its column.
-void eliminate(lsq_factor& f, const normal_equations& a, double limit) {
+void eliminate(row_factor& f, const normal_equations& a, double limit) {
     const auto n = static_cast<std::size_t>(f.n) + 1;
     f.pivot.assign(n, 0.0);
     f.rhs.assign(n, 0.0);
@@ -98,8 +83,8 @@ void eliminate(lsq_factor& f, const normal_equations& a, double limit) {
     }
 }
 
-lsq_factor factorise(const normal_equations& a, std::vector<int> eq, double limit) {
-    lsq_factor f;
+row_factor factorise(const normal_equations& a, std::vector<int> eq, double limit) {
+    row_factor f;
     f.n = static_cast<int>(eq.size()) - 1;
     f.eq = std::move(eq);
     try {
@@ -112,7 +97,7 @@ lsq_factor factorise(const normal_equations& a, std::vector<int> eq, double limi
 }
 
 // Solutions by equation, 0 for rows that were not used.
-std::vector<double> back_solution(const lsq_factor& f, int n) {
+std::vector<double> back_solution(const row_factor& f, int n) {
     std::vector<double> xsol(static_cast<std::size_t>(n), 0.0);
     for (int j = f.n; j >= 1; --j) {
         if (f.out[j]) continue;
@@ -124,7 +109,7 @@ std::vector<double> back_solution(const lsq_factor& f, int n) {
 }
 
 // True if a pivot leaves doubt whether it vanishes, or would in another order.
-bool unclear(const lsq_factor& f, const normal_equations& a, double limit) {
+bool unclear(const row_factor& f, const normal_equations& a, double limit) {
     for (int j = 1; j <= f.n; ++j) {
         const double p = f.pivot[j], d = a.diag[f.eq[j]];
         if (f.out[j] ? std::fabs(p) > 1.0e-11 * d : p < 1.0e4 * limit || p < 1.0e-9 * d) return true;
@@ -143,7 +128,7 @@ struct column_lists {
     std::vector<std::size_t> start;
     std::vector<std::pair<int, int>> row_place;
 };
-column_lists columns(const lsq_factor& f) {
+column_lists columns(const row_factor& f) {
     column_lists c;
     c.start.assign(static_cast<std::size_t>(f.n) + 2, 0);
     c.row_place.resize(f.x.size());
@@ -160,7 +145,7 @@ column_lists columns(const lsq_factor& f) {
 
 // One null vector for each row that was not used: 1 there, 0 at the other ones, the rest by back substitution, which
 // visits only what is not zero.
-std::vector<null_vector> null_vectors(const lsq_factor& f, const normal_equations& a) {
+std::vector<null_vector> null_vectors(const row_factor& f, const normal_equations& a) {
     constexpr double negligible = 1.0e-12;
     const column_lists cols = columns(f);
     std::vector<double> v(static_cast<std::size_t>(f.n) + 1, 0.0);
@@ -334,11 +319,25 @@ void normal_equations::finish() {
     std::partial_sum(start.begin(), start.end(), start.begin());
 }
 
+row_factor factor_of(const normal_equations& a) {
+    std::vector<int> part(static_cast<std::size_t>(a.n));
+    std::iota(part.begin(), part.end(), 0);
+    return factorise(a, fill_reducing_order(a, part), 0.0);
+}
+
+void sample_inverse(const row_factor& f, std::vector<double>& x) {
+    for (int j = f.n; j >= 1; --j) {
+        double s = std::sqrt(f.pivot[j]) * x[f.eq[j]];
+        for (int q = f.ixvec1(j); q < f.ixvec1(j + 1); ++q) s -= f.x[q - 1] * x[f.eq[f.sub(j, q)]];
+        x[f.eq[j]] = s / f.pivot[j];
+    }
+}
+
 lsq_rank natural_rank(const normal_equations& a, const std::vector<int>& out, double limit) {
     std::vector<int> eq{0};
     for (int i = 0; i < a.n; ++i)
         if (!out[i]) eq.push_back(i);
-    const lsq_factor f = factorise(a, std::move(eq), limit);
+    const row_factor f = factorise(a, std::move(eq), limit);
     lsq_rank r;
     r.natural = true;
     r.elements = f.maxlnz;
@@ -361,7 +360,7 @@ lsq_rank fast_rank(const normal_equations& a, const std::vector<int>& out, doubl
         else
             part.push_back(i);
     }
-    const lsq_factor f = factorise(a, fill_reducing_order(a, part), limit);
+    const row_factor f = factorise(a, fill_reducing_order(a, part), limit);
     if (unclear(f, a, limit)) return natural_rank(a, out, limit);
     const auto vanished = static_cast<std::size_t>(std::count(f.out.begin(), f.out.end(), 1));
     const auto vectors = echelon(null_vectors(f, a), a.n);

@@ -1,6 +1,8 @@
 // Rank of a symmetric, positive semi-definite sparse system, with the dependent equations that elimination in natural
 // order would meet: an equation is dependent if its column is a combination of columns in front of it.
 #pragma once
+#include "support/array.h"
+
 #include <cstdint>
 #include <vector>
 
@@ -25,6 +27,26 @@ private:
     std::vector<double> sum_;
     std::size_t used_ = 0;
 };
+
+// A = U'D^-1U by rows in elimination order, from 1: row k holds its pivot and its elements x behind the diagonal, not
+// divided.
+struct row_factor {
+    int n = 0;
+    std::vector<int> eq; // (n+1) equation of each row
+    array<int> ixvec1, ixvec2, ixsub;
+    int maxlnz = 0, maxsub = 0;
+    std::vector<double> x;     // (maxlnz)
+    std::vector<double> pivot; // (n+1)
+    std::vector<double> rhs;   // (n+1) reduced
+    std::vector<int> out;      // (n+1) 1: pivot below the limit, row not used
+
+    int sub(int row, int place) const { return ixsub(ixvec2(row) + place - ixvec1(row)); }
+};
+
+// Factor of a positive definite matrix in a fill-reducing order.
+row_factor factor_of(const normal_equations& a);
+// Standard normal x, by equation, become a draw from the distribution whose covariance matrix is the inverse of A.
+void sample_inverse(const row_factor& f, std::vector<double>& x);
 
 struct lsq_rank {
     struct dependency {

@@ -100,29 +100,19 @@ TEST_F(Simulate, LargestSeeds) {
 }
 
 TEST_F(Simulate, EffectsThatCannotBeSimulatedAreRefused) {
-    std::string text = read_file("model.par");
-    text.replace(text.find("RAN animal NRM"), 14, "RAN animal NRM\n RAN perm PEQ");
-    write_file("model.par", text + "VAR perm 2\n 1.0 0.1 1.0\n");
-    auto result = run("--simul");
-    EXPECT_EQ(result.status, 1);
-    EXPECT_NE(
-        result.output.find("Cannot simulate data for this random effect :  perm 2  with covariance structure   PEQ\n"),
-        std::string::npos)
-        << result.output;
-    EXPECT_FALSE(std::filesystem::exists("SimData001.dat"));
-    std::string inverse = "0.0\n", codes; // the identity
+    std::string inverse = "0.0\n", codes; // of rank 1 less than levels
     for (int i = 1; i <= p_.animals(); ++i) {
-        inverse += std::to_string(i) + " " + std::to_string(i) + " 1.0\n";
+        inverse += std::to_string(i) + " " + std::to_string(i) + (i == 7 ? " 0.0\n" : " 1.0\n");
         codes += std::to_string(i) + " " + std::to_string(i) + "\n";
     }
     write_file("animal.gin", inverse);
     write_file("animal.codes", codes);
-    parameters("model.par", "data.dat", "", "y");
-    text = read_file("model.par");
+    std::string text = read_file("model.par");
     text.erase(0, text.find("ANA"));
     write_file("model.par", text.replace(text.find("NRM"), 3, "GIN"));
-    result = run("--simul");
+    const auto result = run("--simul");
     EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.output.find("is not positive definite - level 7\n"), std::string::npos) << result.output;
     EXPECT_NE(result.output.find(
                   "Cannot simulate data for this random effect :  animal 1  with covariance structure   GIN\n"),
               std::string::npos)

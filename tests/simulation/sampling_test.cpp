@@ -36,9 +36,11 @@ protected:
         read_parfile();
         choose_algorithm();
         model2mudmap();
-        reducepeds();
-        pedigree_list();
-        secateurs();
+        if (!pedigree.empty()) {
+            reducepeds();
+            pedigree_list();
+            secateurs();
+        }
         data_scan1st();
         gen_inverses();
     }
@@ -211,12 +213,41 @@ TEST_F(sampling_test, diagonal_blocks_take_roots) {
     }
 }
 
-TEST_F(sampling_test, effects_without_a_way_to_sample) {
-    prepare(two_traits("PEQ"), "3 1 2\n", 3);
+// Covariance matrices of linear functions of normal numbers, one number at a time.
+TEST_F(sampling_test, levels_of_a_supplied_inverse_have_the_inverse_of_it) {
+    write_file("animal.gin", "0.0\n1 1 2.0\n1 2 -0.5\n2 2 1.5\n2 3 -0.75\n1 4 0.5\n3 3 1.0\n4 4 3.0\n");
+    std::string model = two_traits("IDE", "");
+    model.replace(model.find("animal NRM"), 10, "animal GIN");
+    prepare(model, "", 4);
+    const double inverse[4][4] = {
+        {2.0, -0.5, 0.0, 0.5}, {-0.5, 1.5, -0.75, 0.0}, {0.0, -0.75, 1.0, 0.0}, {0.5, 0.0, 0.0, 3.0}};
+    double a[4][4] = {};
+    setall(71, 72);
+    random_samples u;
+    std::vector<std::vector<double>> total;
+    constexpr int n = 20000;
+    for (int k = 0; k < n; ++k) {
+        sample_randeffs(u, total);
+        for (std::size_t i = 0; i < 4; ++i)
+            for (std::size_t j = 0; j < 4; ++j) a[i][j] += u[0][2 * i] * u[0][2 * j] / (4.0 * n);
+    }
+    for (std::size_t i = 0; i < 4; ++i)
+        for (std::size_t j = 0; j < 4; ++j) {
+            double unit = 0.0;
+            for (std::size_t k = 0; k < 4; ++k) unit += inverse[i][k] * a[k][j];
+            EXPECT_NEAR(unit, i == j ? 1.0 : 0.0, 0.08) << i << j;
+        }
+}
+
+TEST_F(sampling_test, inverses_that_are_not_definite_stop) {
+    write_file("animal.gin", "0.0\n1 1 1.0\n1 2 -1.0\n2 2 1.0\n3 3 1.0\n");
+    std::string model = two_traits("IDE", "");
+    model.replace(model.find("animal NRM"), 10, "animal GIN");
+    prepare(model, "", 3);
     random_samples u;
     std::vector<std::vector<double>> total;
     EXPECT_STOP(sample_randeffs(u, total),
-                "Cannot simulate data for this random effect :  perm 2  with covariance structure   PEQ\n");
+                "Cannot simulate data for this random effect :  animal 1  with covariance structure   GIN\n");
 }
 
 TEST_F(sampling_test, inbreeding_of_an_inverse_taken_over_is_computed) {

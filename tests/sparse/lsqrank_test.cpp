@@ -250,5 +250,38 @@ TEST(lsqrank, large_designs_take_no_time) {
     EXPECT_LT(seconds.count(), 20.0); // unoptimised builds
 }
 
+// The draws are a linear function of the normal numbers: with its columns M the inverse of the matrix is MM'.
+TEST(sample_inverse, columns_of_the_map_give_the_inverse) {
+    constexpr int n = 12;
+    std::mt19937 gen(5);
+    std::uniform_real_distribution<double> uniform(-1.0, 1.0);
+    normal_equations a(n);
+    std::vector<std::vector<double>> dense(n, std::vector<double>(n, 0.0));
+    for (int i = 0; i < n; ++i) {
+        a.diag[i] = dense[i][i] = 4.0 + i;
+        for (int j : {i - 1, i - 5})
+            if (j >= 0) {
+                dense[i][j] = dense[j][i] = uniform(gen);
+                a.add(i, j, dense[i][j]);
+            }
+    }
+    a.finish();
+    const row_factor f = factor_of(a);
+    std::vector<std::vector<double>> product(n, std::vector<double>(n, 0.0));
+    for (int k = 0; k < n; ++k) {
+        std::vector<double> x(n, 0.0);
+        x[k] = 1.0;
+        sample_inverse(f, x);
+        for (int i = 0; i < n; ++i)
+            for (int j = 0; j < n; ++j) product[i][j] += x[i] * x[j];
+    }
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) {
+            double unit = 0.0;
+            for (int k = 0; k < n; ++k) unit += dense[i][k] * product[k][j];
+            EXPECT_NEAR(unit, i == j ? 1.0 : 0.0, 1e-13) << i << " " << j;
+        }
+}
+
 } // namespace
 } // namespace tarvex
