@@ -33,6 +33,7 @@ struct class_column {
     long long most; // levels
     int least;      // smallest code
     bool fixed, codes_limited;
+    bool related = false; // by a pedigree or a matrix: such levels can be told from independent ones
     std::unordered_set<long long> levels;
     bool too_many = false;
 };
@@ -68,9 +69,10 @@ void add_classes(pass& p) {
                             0,
                             true,
                             true,
+                            false,
                             {}});
         for (int i = 1; i <= model.nrnd(q); ++i) {
-            const bool nrm = model.rnd_opt(i, q) == "NRM";
+            const bool nrm = model.rnd_opt(i, q) == "NRM", gin = model.rnd_opt(i, q) == "GIN";
             list.push_back({model.random(i, q),
                             mudmap.rn_dcolno(i, q),
                             mudmap.rn_dcolno2(i, q),
@@ -78,6 +80,7 @@ void add_classes(pass& p) {
                             1,
                             false,
                             !nrm,
+                            nrm || gin,
                             {}});
         }
         p.classes.push_back(std::move(list));
@@ -259,7 +262,8 @@ void check_confounding(std::vector<finding>& findings, const std::vector<std::ve
                 i_tells = i_tells && of_i.emplace(a, b).first->second == b;
                 j_tells = j_tells && of_j.emplace(b, a).first->second == a;
             }
-            const bool both = i_tells && j_tells, fixed = classes[i].fixed && classes[j].fixed;
+            const bool related = classes[i].related || classes[j].related;
+            const bool both = i_tells && j_tells && !related, fixed = classes[i].fixed && classes[j].fixed;
             if (classes[i].levels.size() < 2 || classes[j].levels.size() < 2) continue;
             const bool told =
                 both || (fixed && (i_tells || j_tells)) || (classes[i].fixed && !classes[j].fixed && i_tells);

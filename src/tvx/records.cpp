@@ -143,7 +143,7 @@ void warn_of_models(draft& d) {
                                   std::to_string(rows) + " records: was lin(" + f.e.name + ") or (1|" + f.e.name +
                                   ") meant?");
         if (n == 1) d.s.remarks.push_back("\"" + f.e.name + "\" has a single level");
-        const bool own = f.e.kind == "pe" || f.e.kind == "random" || f.e.kind == "gin";
+        const bool own = f.e.kind == "pe" || f.e.kind == "random";
         if (own && n == rows && d.s.traits.size() == 1)
             throw fault{f.e.term + " has a level for each record and cannot be told from the residual"};
     }

@@ -108,6 +108,17 @@ TEST_F(checks, tell_of_confounded_effects) {
     EXPECT_FALSE(holds(check().output, "W411"));
 }
 
+// The same animals as related and as independent levels: a repeatability model.
+TEST_F(checks, know_that_relationships_tell_effects_apart) {
+    data_block = "DAT a.dat\n animal 9\n perm 9\n y\nEND\n";
+    mod = "MOD\n RAN animal NRM\n RAN perm\n MEA\n TRAIT y 1 -999\nEND\n";
+    var = "VAR animal 1\n 1\nVAR perm 1\n 1\nVAR residual 1\n 4\n";
+    data = "3 3 5\n3 3 6\n5 5 7\n5 5 8\n6 6 4\n";
+    const auto r = check();
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_FALSE(holds(r.output, "W411")) << r.output;
+}
+
 TEST_F(checks, tell_of_dams_in_a_sire_model) {
     ped = "PED a.ped SIR\n";
     expect(0, "W413");
