@@ -8,6 +8,7 @@
 #include <cctype>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
 
@@ -56,6 +57,22 @@ TEST(HelpText, VersionIsThatOfTheReports) {
 TEST(HelpText, OtherArgumentsAskForAnAnalysis) {
     EXPECT_EQ(told({}), "");
     EXPECT_EQ(told({"--helper", "--versions", "help", "-v", "wean"}), "");
+}
+
+TEST(Completion, KnowsEachOption) {
+    std::string completions[2];
+    for (int k = 0; k < 2; ++k) {
+        std::ifstream file(source_dir() + "/packaging/completions/" + (k == 0 ? "tarvex.bash" : "_tarvex"));
+        ASSERT_TRUE(file.is_open());
+        for (char c; file.get(c);)
+            completions[k] += c == '"' || std::isspace(static_cast<unsigned char>(c)) ? ' ' : c;
+    }
+    for (const option_record& o : option_table()) {
+        if (o.lower == "--tensor") continue; // is never matched
+        const std::string option(o.lower);
+        EXPECT_NE(completions[0].find(" " + option + " "), std::string::npos) << option;
+        EXPECT_NE(completions[1].find(" '" + option), std::string::npos) << option;
+    }
 }
 
 class HelpRun : public tarvex_test {};
