@@ -3,6 +3,8 @@
 #include "tvx/plain_page.h"
 
 #include <cstdlib>
+#include <regex>
+#include <set>
 
 namespace {
 
@@ -10,8 +12,12 @@ using namespace tvx_tests;
 using tarvex::read_file;
 namespace fs = std::filesystem;
 
+std::string text_of(const std::string& name) {
+    return read_file(std::string(TVX_SOURCE_DIR) + (name == "README" ? "/" : "/docs/") + name + ".md");
+}
+
 std::vector<std::string> pages() {
-    std::vector<std::string> names;
+    std::vector<std::string> names{"README"};
     for (const auto& entry : fs::directory_iterator(std::string(TVX_SOURCE_DIR) + "/docs"))
         if (blocks_of(read_file(entry.path())).blocks.size() > 0) names.push_back(entry.path().stem());
     std::sort(names.begin(), names.end());
@@ -22,7 +28,7 @@ class page : public tarvex::tarvex_test, public testing::WithParamInterface<std:
 protected:
     // The folders of the project and programs where the reader has them.
     void SetUp() override {
-        for (const char* name : {"examples", "bench", "docs"})
+        for (const char* name : {"examples", "bench", "docs", "tools"})
             fs::create_directory_symlink(fs::path(TVX_SOURCE_DIR) / name, name);
         fs::create_directory("build");
         fs::create_symlink(tarvex::program_path(), "build/tarvex");
@@ -41,8 +47,7 @@ private:
 };
 
 TEST_P(page, holds) {
-    for (const auto& fault : faults_of(read_file(directory() + "/docs/" + GetParam() + ".md")))
-        ADD_FAILURE() << "docs/" << GetParam() << ".md, " << fault;
+    for (const auto& fault : faults_of(text_of(GetParam()))) ADD_FAILURE() << GetParam() << ".md, " << fault;
 }
 
 std::string name_of(const testing::TestParamInfo<std::string>& info) {
@@ -51,6 +56,49 @@ std::string name_of(const testing::TestParamInfo<std::string>& info) {
     return name;
 }
 INSTANTIATE_TEST_SUITE_P(docs, page, testing::ValuesIn(pages()), name_of);
+
+// Marks of the headings of a page, as links name them: small letters, blanks as hyphens, other signs left out.
+std::set<std::string> marks_of(const std::string& page) {
+    std::set<std::string> marks;
+    bool block = false;
+    for (const std::string& line : tarvex::lines_of(page)) {
+        if (line.starts_with("```")) block = !block;
+        if (block || !line.starts_with("#")) continue;
+        std::string mark;
+        for (const char c : line.substr(line.find(' ') + 1)) {
+            const auto u = static_cast<unsigned char>(c);
+            if (std::isalnum(u) || c == '-' || c == '_') mark += static_cast<char>(std::tolower(u));
+            if (c == ' ') mark += '-';
+        }
+        marks.insert(mark);
+    }
+    return marks;
+}
+
+// Links of a page to files and headings that are not there.
+std::vector<std::string> dead_links(const fs::path& file) {
+    static const std::regex link("\\]\\(([^)#]*)(#([^)]*))?\\)");
+    std::vector<std::string> dead;
+    const std::string text = std::regex_replace(read_file(file), std::regex("`[^`\n]*`"), "");
+    for (std::sregex_iterator i(text.begin(), text.end(), link), end; i != end; ++i) {
+        const std::string name = (*i)[1], mark = (*i)[3];
+        if (name.starts_with("http")) continue;
+        const fs::path to = name.empty() ? file : file.parent_path() / name;
+        if (!fs::exists(to) || (!mark.empty() && !marks_of(read_file(to)).contains(mark))) dead.push_back((*i)[0]);
+    }
+    return dead;
+}
+
+TEST(links, of_all_pages_lead_somewhere) {
+    const fs::path top = TVX_SOURCE_DIR;
+    std::vector<fs::path> files{top / "README.md", top / "ARCHITECTURE.md", top / "CONTRIBUTING.md"};
+    for (const char* folder : {"docs", "examples"})
+        for (const auto& entry : fs::recursive_directory_iterator(top / folder))
+            if (entry.path().extension() == ".md") files.push_back(entry.path());
+    EXPECT_GT(files.size(), 15u);
+    for (const auto& file : files)
+        for (const auto& link : dead_links(file)) ADD_FAILURE() << file << " has a dead link " << link;
+}
 
 class runner : public tarvex::tarvex_test {};
 
@@ -78,6 +126,13 @@ TEST_F(runner, finds_what_does_not_hold) {
     EXPECT_EQ(faults_of("```cpp\n```\n").size(), 1u);
     EXPECT_EQ(faults_of("```sh\ntrue\n").size(), 1u);
     EXPECT_EQ(faults_of("text\n\n    tarvex x\n").size(), 1u);
+}
+
+TEST_F(runner, finds_dead_links) {
+    tarvex::write_file("a.md", "# A b\n## C, d\n[x](a.md) [x](#a-b) [x](a.md#c-d) [x](http://y) `[i](j)`\n");
+    EXPECT_EQ(dead_links("a.md").size(), 0u);
+    tarvex::write_file("b.md", "# A\n[x](c.md) [x](#b) [x](a.md#c)\n");
+    EXPECT_EQ(dead_links("b.md").size(), 3u);
 }
 
 TEST_F(runner, leaves_fences_off_the_screen) {
