@@ -3,6 +3,7 @@
 #include "tvx/plain_page.h"
 
 #include <cstdlib>
+#include <map>
 #include <regex>
 #include <set>
 
@@ -12,22 +13,32 @@ using namespace tvx_tests;
 using tarvex::read_file;
 namespace fs = std::filesystem;
 
-std::string text_of(const std::string& name) {
-    return read_file(std::string(TVX_SOURCE_DIR) + (name == "README" ? "/" : "/docs/") + name + ".md");
+// Pages by name: the front page, those of docs/, and those of the examples.
+std::map<std::string, fs::path> places() {
+    const fs::path top = TVX_SOURCE_DIR;
+    std::map<std::string, fs::path> found{{"README", top / "README.md"}};
+    for (const auto& entry : fs::directory_iterator(top / "docs"))
+        if (entry.path().extension() == ".md") found[entry.path().stem()] = entry.path();
+    for (const auto& entry : fs::directory_iterator(top / "examples"))
+        if (fs::exists(entry.path() / "README.md"))
+            found["example-" + entry.path().filename().string()] = entry.path() / "README.md";
+    return found;
 }
 
 std::vector<std::string> pages() {
-    std::vector<std::string> names{"README"};
-    for (const auto& entry : fs::directory_iterator(std::string(TVX_SOURCE_DIR) + "/docs"))
-        if (blocks_of(read_file(entry.path())).blocks.size() > 0) names.push_back(entry.path().stem());
-    std::sort(names.begin(), names.end());
+    std::vector<std::string> names;
+    for (const auto& [name, path] : places())
+        if (!blocks_of(read_file(path)).blocks.empty()) names.push_back(name);
     return names;
 }
 
 class page : public tarvex::tarvex_test, public testing::WithParamInterface<std::string> {
 protected:
-    // The folders of the project and programs where the reader has them.
+    // The folders of the project and programs where the reader has them; an example begins in a copy of its folder.
     void SetUp() override {
+        if (GetParam().starts_with("example-"))
+            for (const auto& entry : fs::directory_iterator(places().at(GetParam()).parent_path()))
+                fs::copy_file(entry.path(), entry.path().filename());
         for (const char* name : {"examples", "bench", "docs", "tools"})
             fs::create_directory_symlink(fs::path(TVX_SOURCE_DIR) / name, name);
         fs::create_directory("build");
@@ -47,7 +58,8 @@ private:
 };
 
 TEST_P(page, holds) {
-    for (const auto& fault : faults_of(text_of(GetParam()))) ADD_FAILURE() << GetParam() << ".md, " << fault;
+    for (const auto& fault : faults_of(read_file(places().at(GetParam()))))
+        ADD_FAILURE() << GetParam() << ".md, " << fault;
 }
 
 std::string name_of(const testing::TestParamInfo<std::string>& info) {
