@@ -67,7 +67,8 @@ constexpr page pages[] = {
      "Each level of one effect goes with one level of the other: they cannot be told apart."},
     {"W413", "the third column of a sire pedigree", "It holds maternal grandsires, not dams."},
     {"W414", "old scratch files",
-     "Files *.bin are taken over by later runs if their heads fit. After corrections delete them."},
+     "Each file *.bin knows by a sum what it was made from: a run takes over those that fit and makes the others "
+     "anew."},
     {"W415", "RunOptions",
      "Options in this file go into each run of the folder, in front of those of the command line."},
     {"W416", "a code with decimals", "Codes are cut to whole numbers: 1.2 and 1.8 are one level."},

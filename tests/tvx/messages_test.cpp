@@ -197,6 +197,20 @@ TEST(messages, have_cause_remedy_and_example) {
     }
 }
 
+// The table of findings is that of tvx explain.
+TEST(messages, of_tvx_check_are_in_the_table) {
+    static const std::regex code("[A-Z][0-9]{3}"), row("\\| [A-Z][0-9]{3} \\|.*");
+    std::vector<std::string> explained, told;
+    const auto all = literal_reader("", read_file(source + "/src/tvx/explain.cpp")).read();
+    for (std::size_t k = 0; k + 2 < all.size(); ++k)
+        if (std::regex_match(all[k].text, code))
+            explained.push_back("| " + all[k].text + " | " + all[k + 1].text + " | " + all[k + 2].text + " |");
+    for (const std::string& line : lines_of(read_file(source + "/docs/messages.md")))
+        if (std::regex_match(line, row)) told.push_back(line);
+    EXPECT_GT(told.size(), 30u);
+    EXPECT_EQ(told, explained);
+}
+
 // ---- examples of the page
 
 struct trial {
