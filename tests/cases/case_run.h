@@ -15,8 +15,8 @@ class CaseRun : public tarvex_test {
 protected:
     // Folder of a case, empty where it is not at hand.
     static std::string case_folder(const std::string& name) {
-        for (const char* place : {"/examples/", "/../shared/data/", "/../../shared/data/"}) {
-            const std::string folder = source_dir() + place + name;
+        for (const std::string& place : {source_dir() + "/examples", data_dir()}) {
+            const std::string folder = place + "/" + name;
             if (std::filesystem::exists(folder + "/" + name + ".par")) return folder;
         }
         return {};

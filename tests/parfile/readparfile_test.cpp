@@ -178,9 +178,8 @@ TEST_F(readparfile, diagonal_block_turns_log_scale_and_factor_scale_on) {
 }
 
 TEST_F(readparfile, sets_of_shared_data) {
-    std::string folder = source_dir() + "/../shared/data";
-    if (!std::filesystem::exists(folder)) folder = source_dir() + "/../../shared/data";
-    if (!std::filesystem::exists(folder)) GTEST_SKIP() << "no folder of shared data beside the sources";
+    const std::string& folder = data_dir();
+    if (!std::filesystem::exists(folder)) GTEST_SKIP() << "no reference data (TVX_DATA)";
     int n = 0;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
         if (entry.path().extension() != ".par") continue;

@@ -1,6 +1,5 @@
 // The dense kernels of each instruction set against plain loops.
 #include "sparse/dense_kernels.h"
-#include "support/fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -26,7 +25,7 @@ struct matrix {
     const double* data() const { return v.data(); }
 };
 
-class dense_kernels_test : public tarvex_test {
+class dense_kernels_test : public testing::Test {
 protected:
     matrix random(int m, int n) {
         matrix a(m, n);

@@ -4,7 +4,10 @@
 
 namespace tarvex {
 
-const std::string& program_path(); // the program as users have it
+const std::string& program_path(); // the program as users have it; that of another build: variable TVX_TESTED
 const std::string& source_dir();   // root of the source tree
+// Folder of reference data outside the tree: environment variable TVX_DATA, else shared/data beside the project; empty
+// where there is none.
+const std::string& data_dir();
 
 } // namespace tarvex
