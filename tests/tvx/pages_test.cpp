@@ -147,6 +147,15 @@ TEST_F(runner, finds_dead_links) {
     EXPECT_EQ(dead_links("b.md").size(), 3u);
 }
 
+TEST_F(runner, sets_tables_as_terms) {
+    std::string many; // 24 words of 9 signs with their blanks: 10 in a line of 100
+    for (int k = 0; k < 24; ++k) many += "nine-char ";
+    std::string line;
+    for (int k = 0; k < 10; ++k) line += (k > 0 ? " " : "    ") + std::string("nine-char");
+    EXPECT_EQ(tvx::plain_page("| a | b |\n|---|---|\n| `x\\|y` | " + many + "|\n"),
+              "a\n    b\n`x|y`\n" + line + "\n" + line + "\n    nine-char nine-char nine-char nine-char\n");
+}
+
 TEST_F(runner, leaves_fences_off_the_screen) {
     EXPECT_EQ(tvx::plain_page("a\n<!-- sh\nx\n-->\n```sh\nb\n\nc\n```\nd\n<!-- e -->\nf\n"),
               "a\n    b\n\n    c\nd\nf\n");
