@@ -128,8 +128,9 @@ growth growth_of(const json& small, const json& large) {
             grow_block(g, *block, *at->second);
             continue;
         }
+        const auto mine = rows_of(*block);
         at = std::find_if(b.begin(), b.end(), [&](const auto& x) { // a part of a block of two correlated effects
-            const auto mine = rows_of(*block), whole = rows_of(*x.second);
+            const auto whole = rows_of(*x.second);
             return std::includes(whole.begin(), whole.end(), mine.begin(), mine.end());
         });
         if (at == b.end()) refuse("the larger one has no effect \"" + name + "\"");
