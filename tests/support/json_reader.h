@@ -1,4 +1,4 @@
-// A small reader of JSON texts, for the files of expected figures.
+// JSON texts as trees of values, for the files of expected figures.
 #pragma once
 #include <map>
 #include <string>
