@@ -5,6 +5,7 @@
 #include "app/inputfiles.h"
 #include "app/new_analysis.h"
 #include "app/runoptions.h"
+#include "control/filenames.h"
 #include "control/interrupts.h"
 #include "control/options.h"
 #include "control/runlock.h"
@@ -36,6 +37,7 @@
 #include "reports/writesolns.h"
 #include "simulation/simulation.h"
 #include "sparse/orderings.h"
+#include "support/edit_form.h"
 #include "support/screen.h"
 #include "support/stop.h"
 
@@ -93,6 +95,12 @@ ending read_pedigree_and_data() {
     return {};
 }
 
+// Shows in a file that grows from run to run where this one begins.
+void mark_run(const std::string& name) {
+    text_out out;
+    if (out.open_append(name)) write(out, "(3a)", "---- run of \"", filenames.parfile, "\" ----");
+}
+
 ending set_up_equations() {
     equation_nos();
     data_recode(starts_of_equations());
@@ -101,6 +109,7 @@ ending set_up_equations() {
     covs2parvec();
     check_usrdefcovs();
     lsq_fixed();
+    mark_run("OperationCounts");
     eqnorders();
     new_eqnnos();
     forecast();
@@ -125,6 +134,7 @@ ending solve_or_estimate() {
         screen().line("\"Tarvex\" has finished !");
         return "\"Tarvex\" done";
     }
+    mark_run(filenames.iteratesfile);
     get_estimates();
     write_fixsolns();
     write_randsolns();

@@ -163,6 +163,7 @@ void check_complete(const par_state& s) {
     if (missing) rdpar_err(s.lines, "Missing essential information !!!");
     if (numbers.krand == 0) rdpar_err(s.lines, "No covariance components given !");
     if (options.pedigrees && !s.nrm_set) rdpar_err(s.lines, "Pedigree file but no NRM");
+    if (!s.nrm_set) print_list(screen(), "    ... as it should be where no pedigree is used");
 }
 
 // Variances of a diagonal matrix are estimated on the logarithmic scale, by the machinery of reduced-rank analyses.

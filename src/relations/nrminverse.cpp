@@ -232,6 +232,7 @@ void gen_inverses() {
     const std::string& name = filenames.sumpedfile;
     if (!(options.pedigrees ? sumped.open_append(name) : sumped.open(name)))
         stop_with("Cannot open file \"" + name + "\"");
+    if (options.pedigrees) write(sumped, "(/1x,a)", "Relationship matrices and their inverses");
     const bool keep = options.superai || options.simulation;
     if (keep) allocate_inbreed();
     allocate("alloc giv", geninverse.detginv, numbers.krand);

@@ -141,7 +141,7 @@ double ratio_error(const report_matrix& m, const std::vector<double>& cov, int i
 void write_errors(text_out& out, const report_matrix& m, const evaluated& e, const std::vector<double>& cov) {
     constexpr edit_form line{"(i4,2x,a,2g15.6,3x,a,2x,2f8.3)"}, failed_line{"(i4,2x,a,2g15.6,3x,a,2x,f8.3,a)"},
         plain_line{"(i4,2x,a,2g15.6)"};
-    bool warn = false;
+    bool warn = false, held = false;
     write(out, title,
           m.n == 1 ? "Covariance components with approximate sampling errors"
                    : "Covariances & correlations with approximate sampling errors");
@@ -150,6 +150,7 @@ void write_errors(text_out& out, const report_matrix& m, const evaluated& e, con
             const std::size_t k = packed(i, j, m.n);
             const double xx = error_of_sum(m.element[k]);
             warn = warn || xx < 0.0;
+            held = held || (i != j && xx < 0.0 && e.zig(i, j) == 0.0);
             if (i == j && !m.ratios) {
                 write(out, plain_line, m.ipar[k], m.name[k], e.zig(i, i), xx);
                 continue;
@@ -162,6 +163,7 @@ void write_errors(text_out& out, const report_matrix& m, const evaluated& e, con
                 write(out, line, m.ipar[k], m.name[k], e.zig(i, j), xx, what, e.hh(i, j), yy);
         }
     if (warn) write(out, title, "Negative values for s.e. indicate failed approximation !");
+    if (held) write(out, title, "Covariances of 0 with such an s.e. were held at 0, not estimated");
 }
 
 } // namespace

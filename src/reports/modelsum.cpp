@@ -10,6 +10,7 @@
 #include "support/edit_form.h"
 
 #include <algorithm>
+#include <string>
 #include <vector>
 
 namespace tarvex {
@@ -77,6 +78,26 @@ void levels_table(text_out& out, const array<std::string, 2>& names, const array
     }
 }
 
+// Names that are longer than their place in the tables above.
+void long_names(text_out& out) {
+    constexpr std::size_t place = 11;
+    std::vector<std::string> names;
+    const auto add = [&](const std::string& name) {
+        if (name.size() > place && std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+    };
+    for (int iq = 1; iq <= numbers.nq; ++iq) {
+        add(model.trait(iq));
+        for (int i = 1; i <= model.ncov(iq); ++i) add(model.covar(i, iq));
+        for (int i = 1; options.randreg && i <= model.nmeta(iq); ++i) add(model.rricontrol(i, iq));
+        for (int i = 1; i <= model.nfix(iq); ++i) add(model.fixed(i, iq));
+        for (int i = 1; i <= model.nextra(iq); ++i) add(model.extra(i, iq));
+    }
+    for (int i = 1; i <= numbers.krand; ++i) add(model.krandom(i));
+    if (names.empty()) return;
+    write(out, "(/1x,a)", "Names in full");
+    for (const std::string& name : names) write(out, "(6x,1h\",a,1h\")", name);
+}
+
 } // namespace
 
 void write_modelsum() {
@@ -99,6 +120,7 @@ void write_modelsum() {
         write(out, "(/1x,a)", "Extra effects");
         levels_table(out, model.extra, model.nextra, levels.ex_nlev);
     }
+    long_names(out);
     write_tvxbottom(out);
 }
 

@@ -86,6 +86,9 @@ TEST_F(modelsum_test, two_traits) {
    1  "herd"             2
  2 "weight_at_weaning_nlev
    1  "herd"             1
+
+ Names in full
+      "weight_at_weaning_12"
 )-");
 }
 
