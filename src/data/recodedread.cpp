@@ -16,8 +16,7 @@ namespace {
 
 [[noreturn]] void read_fault(const std::string& name) { stop_with("Error reading file \"" + name + "\""); }
 
-void setup_tables() {
-    auto& d = datavecs;
+void setup_tables(datavecs_module& d) {
     const int maxnr = numbers.maxnr;
     d.mrow = max_row_length();
     d.mcov = max_covariable_width();
@@ -37,14 +36,12 @@ template <class T> std::span<T> columns(array<T, 2>& a, int rows, int n) {
     return a.prefix(static_cast<std::ptrdiff_t>(rows) * n);
 }
 
-bool sizes_fit() {
-    const auto& d = datavecs;
+bool sizes_fit(const datavecs_module& d) {
     return d.nobs >= 1 && d.nobs <= numbers.maxnr && d.kk >= 1 && d.kk <= d.nobs;
 }
 
 // The rest of the head behind the counts.
-bool get_head(record_reader& in) {
-    auto& d = datavecs;
+bool get_head(record_reader& in, datavecs_module& d) {
     d.icombi = 0;
     d.nobs = d.kk = 1;
     if (!options.randreg && numbers.nq == 1 && numbers.maxnr == 1) {
@@ -57,34 +54,41 @@ bool get_head(record_reader& in) {
         d.kk = d.nobs;
     else if (!in.get(d.kk))
         return false;
-    if (!sizes_fit()) return false;
+    if (!sizes_fit(d)) return false;
     if (numbers.nq > 1 && !in.get(d.ynq.prefix(d.nobs))) return false;
     if (!in.get(d.yvec.prefix(d.nobs))) return false;
     return !options.randreg || in.get(columns(d.imeta, d.nmeta, d.nobs));
 }
 
-bool get_list(record_reader& in) {
-    auto& d = datavecs;
+bool get_list(record_reader& in, datavecs_module& d) {
     return in.next() && in.get(d.nr) && d.nr >= 0 && d.nr <= d.jvec.upper() && in.get(d.jvec.prefix(d.nr));
 }
 
 } // namespace
 
 void setup_recdata(recdata_pass& pass, const std::string& lists_file) {
-    setup_tables();
+    setup_tables(*pass.record);
     if (!pass.heads.open(filenames.recdatfil1)) read_fault(filenames.recdatfil1);
     if (!pass.lists.open(lists_file)) read_fault(lists_file);
+    pass.lists_name = lists_file;
+}
+
+recdata_place place_of_next(const recdata_pass& pass) { return {pass.heads.position(), pass.lists.position()}; }
+
+void go_to(recdata_pass& pass, const recdata_place& place) {
+    if (!pass.heads.go_to(place.heads)) read_fault(filenames.recdatfil1);
+    if (!pass.lists.go_to(place.lists)) read_fault(pass.lists_name);
 }
 
 bool next_subject(recdata_pass& pass) {
-    auto& d = datavecs;
+    auto& d = *pass.record;
     auto& in = pass.heads;
     if (!in.next()) return false;
-    bool good = get_head(in);
+    bool good = get_head(in, d);
     if (good && d.mcov > 0) good = in.record(columns(d.xcov, d.mcov, d.kk)) && in.record(columns(d.icov, d.mcov, d.kk));
     good = good && in.record(columns(d.ieqnr, d.mrow, d.kk));
     if (good && options.superai) good = in.record(columns(d.iraand, numbers.krand, d.nobs));
-    good = good && get_list(pass.lists);
+    good = good && get_list(pass.lists, d);
     if (!good) stop_with("Error reading recoded data !");
     return true;
 }
@@ -92,7 +96,7 @@ bool next_subject(recdata_pass& pass) {
 void deall_recdata(recdata_pass& pass) {
     pass.heads.close();
     pass.lists.close();
-    auto& d = datavecs;
+    auto& d = *pass.record;
     d.yvec.deallocate();
     d.xcov.deallocate();
     for (auto* a : {&d.ynq, &d.jvec}) a->deallocate();

@@ -13,6 +13,7 @@
 #include "likelihood/derivatives.h"
 #include "likelihood/factormmm.h"
 #include "likelihood/solutions.h"
+#include "likelihood/subjectchunks.h"
 #include "likelihood/subjects.h"
 #include "parameters/parvec.h"
 #include "parameters/randomvars.h"
@@ -26,6 +27,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
+#include <memory>
 #include <vector>
 
 namespace tarvex {
@@ -276,7 +279,7 @@ public:
         const std::size_t np = at(estimates.nparm);
         b.assign(at(d.nobs) * np, 0.0);
         weighted_residuals(stream, ehat_, re_);
-        residual_columns(d.nobs);
+        residual_columns(stream.record(), d.nobs);
         for (int i = 0; i < d.nobs; ++i)
             for (int k = d.efirst[at(i)]; k < d.efirst[at(i + 1)]; ++k) {
                 const design_effect& f = d.effects[at(k)];
@@ -295,16 +298,16 @@ public:
 
 private:
     // dR R^-1 e.
-    void residual_columns(int nobs) {
+    void residual_columns(const datavecs_module& d, int nobs) {
         const std::size_t np = at(estimates.nparm);
-        if (options.randreg) residual_classes(age_, iclass_);
+        if (options.randreg) residual_classes(d, age_, iclass_);
         int pars[2];
         const bool independent = numbers.nq == 1 && residualvars.ipeq == 0;
         for (int i = 0; i < nobs; ++i)
             for (int j = i; j < (independent ? i + 1 : nobs); ++j) {
                 if (options.randreg && age_[at(i)] != age_[at(j)]) continue;
                 const int c = options.randreg ? iclass_[at(i)] : 1;
-                const int n = residual_pars(datavecs.ynq(i + 1), datavecs.ynq(j + 1), c, i == j, pars);
+                const int n = residual_pars(d.ynq(i + 1), d.ynq(j + 1), c, i == j, pars);
                 for (int k = 0; k < n; ++k) {
                     b[at(i) * np + at(pars[k] - 1)] += re_[at(j)];
                     if (i != j) b[at(j) * np + at(pars[k] - 1)] += re_[at(i)];
@@ -340,31 +343,120 @@ private:
     std::vector<int> age_, iclass_;
 };
 
-// aimat += B'R^-1 B and brx += W'R^-1 B for the subject in the stream; brx has the parameters of an equation together.
-void b_matrix(const subject_stream& stream, const std::vector<double>& b, std::vector<double>& rb, array<double>& brx) {
-    const subject_design& d = stream.design();
+// What the subjects of a chunk add to aimat, and, where others are at work, what they will add to W'R^-1 B: for each
+// record a row of R^-1 B, its equations and their weights.
+struct information_sums {
+    std::vector<double> aimat{};
+    std::vector<double> rows{};
+    std::vector<int> entries{}, eq{}; // entries of each record
+    std::vector<double> weight{};
+};
+
+// Row i of R^-1 B, for each equation of the record, to the columns of brx, which has the parameters of an equation
+// together.
+void add_row(const int* eq, const double* weight, int count, const double* row, array<double>& brx) {
     const int np = estimates.nparm;
-    rb.assign(b.size(), 0.0);
-    for (int i = 0; i < d.nobs; ++i)
-        for (int j = 0; j < d.nobs; ++j) {
-            const double r = stream.rinv(i, j);
-            if (r == 0.0) continue;
-            for (int k = 0; k < np; ++k) rb[at(i) * at(np) + at(k)] += r * b[at(j) * at(np) + at(k)];
-        }
-    for (int i = 0; i < d.nobs; ++i) {
-        const double* bi = b.data() + at(i) * at(np);
-        const double* ri = rb.data() + at(i) * at(np);
-        double* a = derivs.aimat.data();
-        for (int k = 0; k < np; a += np - k, ++k) {
-            if (bi[k] == 0.0) continue;
-            for (int l = k; l < np; ++l) a[l - k] += bi[k] * ri[l];
-        }
-        for (int e = d.first[at(i)]; e < d.first[at(i + 1)]; ++e) {
-            double* column = brx.data() + static_cast<std::ptrdiff_t>(d.eq[at(d.local[at(e)])] - 1) * np;
-            const double w = d.weight[at(e)];
-            for (int k = 0; k < np; ++k) column[k] += w * ri[k];
+    for (int e = 0; e < count; ++e) {
+        double* column = brx.data() + static_cast<std::ptrdiff_t>(eq[e] - 1) * np;
+        for (int k = 0; k < np; ++k) column[k] += weight[e] * row[k];
+    }
+}
+
+// A subject's part: B'R^-1 B to the sums of its chunk, W'R^-1 B to brx or, if there is none, behind the rows.
+class subject_information {
+public:
+    explicit subject_information(const std::vector<effect_vectors>& effects) : work_(effects) {}
+
+    void add(const subject_stream& stream, information_sums& sums, array<double>* brx) {
+        work_.form(stream);
+        const subject_design& d = stream.design();
+        const int np = estimates.nparm;
+        const std::vector<double>& b = work_.b;
+        rb_.assign(b.size(), 0.0);
+        for (int i = 0; i < d.nobs; ++i)
+            for (int j = 0; j < d.nobs; ++j) {
+                const double r = stream.rinv(i, j);
+                if (r == 0.0) continue;
+                for (int k = 0; k < np; ++k) rb_[at(i) * at(np) + at(k)] += r * b[at(j) * at(np) + at(k)];
+            }
+        for (int i = 0; i < d.nobs; ++i) {
+            const double* bi = b.data() + at(i) * at(np);
+            const double* ri = rb_.data() + at(i) * at(np);
+            double* a = sums.aimat.data();
+            for (int k = 0; k < np; a += np - k, ++k) {
+                if (bi[k] == 0.0) continue;
+                for (int l = k; l < np; ++l) a[l - k] += bi[k] * ri[l];
+            }
+            const int from = d.first[at(i)], count = d.first[at(i + 1)] - from;
+            eq_.clear();
+            for (int e = from; e < from + count; ++e) eq_.push_back(d.eq[at(d.local[at(e)])]);
+            if (brx) {
+                add_row(eq_.data(), d.weight.data() + from, count, ri, *brx);
+                continue;
+            }
+            sums.entries.push_back(count);
+            sums.eq.insert(sums.eq.end(), eq_.begin(), eq_.end());
+            sums.weight.insert(sums.weight.end(), d.weight.begin() + from, d.weight.begin() + from + count);
+            sums.rows.insert(sums.rows.end(), ri, ri + np);
         }
     }
+
+private:
+    working_variables work_;
+    std::vector<double> rb_;
+    std::vector<int> eq_;
+};
+
+struct information_worker {
+    information_worker(const subject_stream& first, const std::vector<effect_vectors>& effects)
+        : chunk(first), subject(effects) {}
+    chunk_stream chunk;
+    subject_information subject;
+};
+
+// The sums of a chunk to those of all, records in their order.
+void take_over(const information_sums& sums, array<double>& brx) {
+    std::transform(sums.aimat.begin(), sums.aimat.end(), derivs.aimat.begin(), derivs.aimat.begin(), std::plus<>());
+    std::size_t from = 0;
+    for (std::size_t i = 0; i < sums.entries.size(); from += at(sums.entries[i++]))
+        add_row(sums.eq.data() + from, sums.weight.data() + from, sums.entries[i],
+                sums.rows.data() + i * at(estimates.nparm), brx);
+}
+
+// Some chunks at a time, since what they leave takes memory.
+void add_shared(const subject_stream& stream, const std::vector<effect_vectors>& effects, int chunks,
+                array<double>& brx) {
+    const int wave = 2 * threads_at_work()->threads();
+    for (int first = 0; first < chunks; first += wave) {
+        const int end = std::min(chunks, first + wave);
+        std::vector<information_sums> sums(at(end - first));
+        share_chunks(
+            first, end, [&] { return std::make_unique<information_worker>(stream, effects); },
+            [&](information_worker& worker, int chunk) {
+                information_sums& mine = sums[at(chunk - first)];
+                mine.aimat.assign(static_cast<std::size_t>(derivs.aimat.size()), 0.0);
+                worker.chunk.start(chunk);
+                while (worker.chunk.next()) worker.subject.add(worker.chunk.stream(), mine, nullptr);
+            });
+        for (const information_sums& s : sums) take_over(s, brx);
+    }
+}
+
+// aimat = B'R^-1 B and brx = W'R^-1 B.
+void b_matrix(const std::vector<effect_vectors>& effects, array<double>& brx) {
+    subject_stream stream(true);
+    if (const int chunks = shared_chunks(); chunks > 0) return add_shared(stream, effects, chunks, brx);
+    subject_information subject(effects);
+    information_sums sums;
+    const auto size = static_cast<std::size_t>(derivs.aimat.size());
+    sums.aimat.assign(size, 0.0);
+    while (stream.next()) {
+        subject.add(stream, sums, &brx);
+        if (stream.isubj() % places.together != 0) continue;
+        take_over(sums, brx);
+        sums.aimat.assign(size, 0.0);
+    }
+    take_over(sums, brx);
 }
 
 // L s = W'R^-1 B, some columns at a time, in place of brx.
@@ -430,15 +522,7 @@ void average_info() {
     array<double> brx;
     allocate_large("brx", brx, static_cast<long long>(numbers.nsrow) * np);
     const std::vector<effect_vectors> effects = set_bmat();
-    working_variables work(effects);
-    std::vector<double> rb;
-    {
-        subject_stream stream(true);
-        while (stream.next()) {
-            work.form(stream);
-            b_matrix(stream, work.b, rb, brx);
-        }
-    }
+    b_matrix(effects, brx);
     substitute(brx);
     subtract_products(brx);
     for (int k = 1; k <= derivs.aimat.upper(); ++k) derivs.devl2(k) = -0.5 * derivs.aimat(k);

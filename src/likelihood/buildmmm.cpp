@@ -113,7 +113,9 @@ void mmm_data(int& iflag) {
     part_splitter parts(stream);
     design_part part;
     if (options.randreg) residualvars.detres(1) = 0.0;
-    while (stream.next()) {
+    for (;;) {
+        if (stream.isubj() % places.together == 0) place.mark(stream.place_of_next());
+        if (!stream.next()) break;
         if (options.randreg) residualvars.detres(1) += stream.ldet();
         for (parts.start(); parts.next(part);) {
             const subject_design& d = *part.design;
@@ -211,27 +213,37 @@ void mmm_peds_muv(int& iflag) {
 
 } // namespace
 
-place_cursor::place_cursor(place_store& store, const array<double>& values) : store_(store), values_(values.data()) {
-    if (store.nsymb != orders.nsymb) store = place_store{orders.nsymb, false, false, {}};
+place_cursor::place_cursor(place_store& store, const array<double>& values)
+    : store_(store), filling_(&store), values_(values.data()) {
+    if (store.nsymb != orders.nsymb) {
+        store = {};
+        store.nsymb = orders.nsymb;
+    }
     reading_ = store.complete;
     if (!reading_) std::vector<int>().swap(store.place);
+    if (!store.marked) store.marks.clear();
 }
 
 int place_cursor::find(int a, int b) {
     const int p = locate(a, b);
-    if (reading_ || store_.dropped) return p;
-    store_.place.push_back(p);
+    if (reading_ || store_.dropped || !filling_) return p;
+    filling_->place.push_back(p);
     if (store_.place.size() % 65536 == 0 && places_held() > most_places()) {
-        store_.dropped = true;
-        std::vector<int>().swap(store_.place);
+        filling_->dropped = true;
+        std::vector<int>().swap(filling_->place);
     }
     return p;
 }
 
+void place_cursor::mark(const recdata_place& files) {
+    if (!store_.marked) filling_->marks.push_back({files, store_.place.size()});
+}
+
 void place_cursor::finish() {
+    filling_->marked = true;
     if (!reading_ && !store_.dropped) {
-        store_.place.shrink_to_fit();
-        store_.complete = true;
+        filling_->place.shrink_to_fit();
+        filling_->complete = true;
     }
 }
 

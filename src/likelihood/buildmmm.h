@@ -1,5 +1,6 @@
 // Assembly of the mixed model matrix in the compressed store.
 #pragma once
+#include "data/recodedata.h"
 #include "support/array.h"
 
 #include <cstddef>
@@ -14,11 +15,19 @@ struct place_store {
     bool complete = false; // one pass has gone through
     bool dropped = false;  // too many pairs to be kept: every pass searches
     std::vector<int> place;
+    // Where every so many subjects (places.together) begin: in the recoded files and in `place`.
+    struct mark {
+        recdata_place files;
+        std::size_t pairs;
+    };
+    bool marked = false; // one pass has gone through
+    std::vector<mark> marks;
 };
 struct places_module {
     place_store subjects;            // pairs of the local equations of the subjects
     std::vector<place_store> blocks; // [irand-1] pairs of the elements of the inverse relationship matrix
     bool lenient = false;            // a missing element of a random effect asks for a new ordering, it is not fatal
+    int together = 4096;             // subjects whose sums are formed together; those sums are added up in turn
 };
 inline places_module places;
 
@@ -28,18 +37,23 @@ inline places_module places;
 class place_cursor {
 public:
     place_cursor(place_store& store, const array<double>& values);
+    // One that only reads, from a mark of a store that has been marked.
+    place_cursor(const place_store& store, const array<double>& values, const place_store::mark& from)
+        : store_(store), values_(values.data()), at_(from.pairs), reading_(store.complete) {}
     int operator()(int a, int b) {
         if (!reading_ || at_ >= store_.place.size()) return find(a, b);
         const std::size_t next = at_ + ahead < store_.place.size() ? at_ + ahead : at_;
         __builtin_prefetch(values_ + store_.place[next]);
         return store_.place[at_++];
     }
-    void finish(); // the pass has met all pairs
+    void mark(const recdata_place& files); // the next subject begins here
+    void finish();                         // the pass has met all pairs
 
 private:
     static constexpr std::size_t ahead = 24;
     int find(int a, int b);
-    place_store& store_;
+    const place_store& store_;
+    place_store* filling_ = nullptr;
     const double* values_;
     std::size_t at_ = 0;
     bool reading_ = false;

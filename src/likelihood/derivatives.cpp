@@ -10,6 +10,7 @@
 #include "likelihood/factormmm.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/structure_sums.h"
+#include "likelihood/subjectchunks.h"
 #include "parameters/parunits.h"
 #include "parameters/parvec.h"
 #include "parameters/randomvars.h"
@@ -36,6 +37,10 @@ struct residual_part {
 
     residual_part() : data(at(estimates.nrespeq), 0.0), trace(at(estimates.nrespeq), 0.0) {}
 
+    void add(const residual_part& next) {
+        for (std::size_t k = 0; k < data.size(); ++k) data[k] += next.data[k];
+        for (std::size_t k = 0; k < trace.size(); ++k) trace[k] += next.trace[k];
+    }
     void add_patterns(const std::vector<pattern_matrix>& sums) {
         for (int k = 1; k <= combinations.ncombi; ++k) {
             const pattern_matrix& rinv = residualvars.eei[at(k - 1)];
@@ -45,9 +50,9 @@ struct residual_part {
             add_residual_terms(rinv, q, {}, {}, -0.5 * combinations.ncomb_subj[at(k - 1)], trace);
         }
     }
-    void add_subject(const part_products& p) {
-        residual_classes(age, iclass);
-        const std::span<const int> q(datavecs.ynq.data(), at(datavecs.nobs));
+    void add_subject(const datavecs_module& d, const part_products& p) {
+        residual_classes(d, age, iclass);
+        const std::span<const int> q(d.ynq.data(), at(d.nobs));
         const std::size_t from = at(p.part.obs), n = at(p.part.design->nobs);
         pattern_matrix rinv;
         rinv.n = p.part.design->nobs;
@@ -97,24 +102,40 @@ void set_residual(const residual_part& r) {
     }
 }
 
+// What a chunk of subjects adds up.
+struct chunk_sums {
+    residual_part residual{};
+    std::vector<pattern_matrix> patterns{};
+    factor_sums factors{};
+
+    chunk_sums() : factors(at(numbers.krand)) {
+        if (options.principal)
+            for (int irand = 1; irand <= numbers.krand; ++irand)
+                factors[at(irand - 1)].allocate(model.kkfit(irand), model.krfit(irand));
+        if (!options.randreg) patterns.assign(at(combinations.ncombi), {});
+    }
+    void add(const chunk_sums& next) {
+        residual.add(next.residual);
+        add_patterns(next.patterns, patterns);
+        add_loads(next.factors, factors);
+    }
+};
+
 void data_pass(const pattern_values& x) {
-    residual_part residual;
-    std::vector<pattern_matrix> sums;
-    factor_sums factors(at(numbers.krand));
-    if (options.principal)
-        for (int irand = 1; irand <= numbers.krand; ++irand)
-            factors[at(irand - 1)].allocate(model.kkfit(irand), model.krfit(irand));
-    if (!options.randreg) sums.assign(at(combinations.ncombi), {});
-    walk_products(x, options.principal, [&](const subject_stream&, const part_products& p) {
+    std::vector<chunk_sums> sums(at(subject_chunks()));
+    walk_products(x, options.principal, [&](int chunk, const subject_stream& stream, const part_products& p) {
+        chunk_sums& mine = sums[at(chunk)];
         if (options.randreg)
-            residual.add_subject(p);
+            mine.residual.add_subject(stream.record(), p);
         else
-            add_products(p, sums);
-        if (options.principal) add_loads(p, 2.0, factors);
+            add_products(stream.record(), p, mine.patterns);
+        if (options.principal) add_loads(p, 2.0, mine.factors);
     });
-    if (!options.randreg) residual.add_patterns(sums);
-    set_residual(residual);
-    if (options.principal) set_principal(factors);
+    chunk_sums& all = sums.front();
+    for (std::size_t c = 1; c < sums.size(); ++c) all.add(sums[c]);
+    if (!options.randreg) all.residual.add_patterns(all.patterns);
+    set_residual(all.residual);
+    if (options.principal) set_principal(all.factors);
 }
 
 } // namespace

@@ -12,12 +12,16 @@
 #include "likelihood/factormmm.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
+#include "likelihood/subjectchunks.h"
 #include "parameters/parvec.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
+#include <memory>
+#include <utility>
 
 namespace tarvex {
 
@@ -138,9 +142,9 @@ public:
         } else
             q.residuals.assign(at(combinations.ncombi), {});
     }
-    void add(const part_products& p) {
-        if (!options.randreg) return add_products(p, q_.residuals);
-        residual_classes(age_, class_);
+    void add(const datavecs_module& d, const part_products& p) {
+        if (!options.randreg) return add_products(d, p, q_.residuals);
+        residual_classes(d, age_, class_);
         for (int i = 0; i < p.part.design->nobs; ++i) {
             const std::size_t c = at(class_[at(p.part.obs + i)] - 1);
             q_.class_ss[c] += 2.0 * p.m(i + 1, i + 1);
@@ -157,6 +161,51 @@ private:
     em_quantities& q_;
     std::vector<int> age_, class_;
 };
+
+// What a chunk of subjects adds up; request: null for the residuals alone.
+struct em_chunk {
+    em_quantities q;
+    residual_sums residual;
+    std::unique_ptr<expansion_sums> expansion;
+
+    explicit em_chunk(const em_request* request) : residual(q) {
+        q.loads.assign(at(numbers.krand), {});
+        if (!request) return;
+        if (options.principal)
+            for (int irand = 1; irand <= numbers.krand; ++irand)
+                q.loads[at(irand - 1)].allocate(model.kkfit(irand), model.krfit(irand));
+        expansion = std::make_unique<expansion_sums>(*request, q);
+    }
+    void add(const em_chunk& next) {
+        add_loads(next.q.loads, q.loads);
+        add_patterns(next.q.residuals, q.residuals);
+        const auto add_each = [](const auto& from, auto& to) {
+            std::transform(from.begin(), from.end(), to.begin(), to.begin(), std::plus<>());
+        };
+        add_each(next.q.class_ss, q.class_ss);
+        add_each(next.q.class_n, q.class_n);
+        add_each(next.q.lhs, q.lhs);
+    }
+};
+
+std::vector<std::unique_ptr<em_chunk>> make_chunks(const em_request* request) {
+    std::vector<std::unique_ptr<em_chunk>> chunks(at(subject_chunks()));
+    for (auto& c : chunks) c = std::make_unique<em_chunk>(request);
+    return chunks;
+}
+
+// The sums over all, in the first.
+em_chunk& add_up(std::vector<std::unique_ptr<em_chunk>>& chunks) {
+    for (std::size_t c = 1; c < chunks.size(); ++c) chunks.front()->add(*chunks[c]);
+    return *chunks.front();
+}
+
+void take_residuals(em_chunk& all, em_quantities& q) {
+    all.residual.finish();
+    q.residuals = std::move(all.q.residuals);
+    q.class_ss = std::move(all.q.class_ss);
+    q.class_n = std::move(all.q.class_n);
+}
 
 // ---- residual covariances
 
@@ -331,20 +380,20 @@ std::vector<double> scoring_step(const em_quantities& q) {
 void em_expectations(const em_request& request, em_quantities& q) {
     autodiff_in_place();
     const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
-    const auto krand = at(numbers.krand);
-    q.quads.assign(krand, {});
-    q.loads.assign(krand, {});
-    if (options.principal)
-        for (int irand = 1; irand <= numbers.krand; ++irand)
-            q.loads[at(irand - 1)].allocate(model.kkfit(irand), model.krfit(irand));
-    residual_sums residual(q);
-    expansion_sums expansion(request, q);
-    walk_products(x, options.principal || expansion.any(), [&](const subject_stream&, const part_products& p) {
-        residual.add(p);
-        if (options.principal) add_loads(p, -2.0, q.loads);
-        if (expansion.any()) expansion.add(p.part);
+    q.quads.assign(at(numbers.krand), {});
+    std::vector<std::unique_ptr<em_chunk>> chunks = make_chunks(&request);
+    const bool with_effects = options.principal || chunks.front()->expansion->any();
+    walk_products(x, with_effects, [&](int chunk, const subject_stream& stream, const part_products& p) {
+        em_chunk& mine = *chunks[at(chunk)];
+        mine.residual.add(stream.record(), p);
+        if (options.principal) add_loads(p, -2.0, mine.q.loads);
+        if (mine.expansion->any()) mine.expansion->add(p.part);
     });
-    residual.finish();
+    em_chunk& all = add_up(chunks);
+    q.loads = std::move(all.q.loads);
+    q.unknowns = std::move(all.q.unknowns);
+    q.lhs = std::move(all.q.lhs);
+    take_residuals(all, q);
     if (options.principal) return;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (mudmap.kovrnd(irand) == "PEQ") continue;
@@ -357,9 +406,11 @@ void em_expectations(const em_request& request, em_quantities& q) {
 void em_residuals(em_quantities& q) {
     need_state(sparse, store_state::derivative, "em_residuals");
     const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
-    residual_sums residual(q);
-    walk_products(x, false, [&](const subject_stream&, const part_products& p) { residual.add(p); });
-    residual.finish();
+    std::vector<std::unique_ptr<em_chunk>> chunks = make_chunks(nullptr);
+    walk_products(x, false, [&](int chunk, const subject_stream& stream, const part_products& p) {
+        chunks[at(chunk)]->residual.add(stream.record(), p);
+    });
+    take_residuals(add_up(chunks), q);
 }
 
 std::vector<double> covarsres(const em_quantities& q) {

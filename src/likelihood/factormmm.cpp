@@ -36,24 +36,25 @@ progress tell_sweep(const char* word, int total) {
     return [=](int left) { print_list(screen(), word, left, total); };
 }
 
-// The threads that the run has asked for stand by.
-void call_threads() {
-    auto& pool = kernels.work.pool;
-    const int wanted = kernels.threads > 0 ? kernels.threads : usable_threads();
-    if (wanted == (pool ? pool->threads() : 1)) return;
-    pool.reset();
-    if (wanted > 1) pool = std::make_unique<task_pool>(wanted);
-}
-
 // Derivatives over supernodes; fdiag, foff may be the arrays of the store.
 void differentiate_supernodes(array<double>& fdiag, array<double>& foff) {
     array<double> x; // solutions of the factor, whatever solutions.solns belongs to
     solve_back(sparse, x);
-    call_threads();
+    threads_at_work();
     inverse_supernodes(sparse, kernels.work, fdiag, foff, x.data(), tell_sweep("AutoDiff", sparse.n));
 }
 
 } // namespace
+
+task_pool* threads_at_work() {
+    auto& pool = kernels.work.pool;
+    const int wanted = kernels.threads > 0 ? kernels.threads : usable_threads();
+    if (wanted != (pool ? pool->threads() : 1)) {
+        pool.reset();
+        if (wanted > 1) pool = std::make_unique<task_pool>(wanted);
+    }
+    return pool.get();
+}
 
 bool supernodes_wanted() {
     auto& k = kernels;
@@ -89,7 +90,7 @@ void factorise_mmm(double& detc, double& ypy, int& ifail) {
     double pivot = 0.0;
     ifail = 0;
     dense_kernels(); // before the first use: what was asked for
-    call_threads();
+    threads_at_work();
     const int irow = supernodes_wanted()
                          ? factorise_supernodes(sparse, kernels.work, numbers.zero, pivot, tell_factor())
                          : factorise_columns(sparse, kernels.work, {numbers.zero, false, {}}, pivot, tell_factor());
@@ -114,7 +115,7 @@ void takaha_inverse() {
     back_solutions();
     const progress tell = tell_sweep("SparseInv", sparse.n - 1);
     if (supernodes_wanted()) {
-        call_threads();
+        threads_at_work();
         inverse_supernodes(sparse, kernels.work, sparse.diag, sparse.xspars, nullptr, tell);
     } else {
         rescale_factor(sparse, sparse.diag, sparse.xspars);

@@ -3,8 +3,12 @@
 #pragma once
 #include "sparse/dense_kernels.h"
 #include "support/array.h"
+#include "support/tasks.h"
 
 namespace tarvex {
+
+// The threads that the run has asked for, nullptr: there is only the caller.
+task_pool* threads_at_work();
 
 // True if the equations are worth the kernels over supernodes, or these are asked for (kernels.choice).
 bool supernodes_wanted();

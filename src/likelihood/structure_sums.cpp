@@ -1,15 +1,19 @@
 #include "likelihood/structure_sums.h"
 
 #include "control/numbers.h"
-#include "data/datavecs.h"
 #include "data/levels.h"
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "likelihood/buildmmm.h"
+#include "likelihood/subjectchunks.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "relations/inverse_stream.h"
+
+#include <algorithm>
+#include <functional>
+#include <memory>
 
 namespace tarvex {
 
@@ -92,6 +96,30 @@ void add_element(int n, const int* ei, const int* ej, bool diagonal_links, doubl
     }
 }
 
+// Goes through the parts of the subject in a stream.
+struct subject_parts {
+    explicit subject_parts(const subject_stream& stream) : parts(stream) {}
+    void visit(int chunk, const subject_stream& stream, const pattern_values& x, place_cursor& place,
+               const visitor& visit) {
+        for (parts.start(); parts.next(part);) {
+            fetch(*part.design, x, place, w);
+            multiply(part, w, products);
+            visit(chunk, stream, products);
+        }
+    }
+    part_splitter parts;
+    design_part part{};
+    local_values w{};
+    part_products products{};
+};
+
+// Of one thread.
+struct products_worker {
+    explicit products_worker(const subject_stream& first) : chunk(first), parts(chunk.stream()) {}
+    chunk_stream chunk;
+    subject_parts parts;
+};
+
 } // namespace
 
 void structure_sums(int irand, const pattern_values& x, array<double, 2>& t) {
@@ -110,32 +138,52 @@ void structure_sums(int irand, const pattern_values& x, array<double, 2>& t) {
     place.finish();
 }
 
-void walk_products(const pattern_values& x, bool with_effects,
-                   const std::function<void(const subject_stream&, const part_products&)>& visit) {
-    local_values w;
-    part_products products;
+void walk_products(const pattern_values& x, bool with_effects, const visitor& visit) {
     subject_stream stream(with_effects);
+    if (const int chunks = shared_chunks(); chunks > 0) {
+        share_chunks(
+            0, chunks, [&] { return std::make_unique<products_worker>(stream); },
+            [&](products_worker& worker, int chunk) {
+                place_cursor place(places.subjects, x.fo, places.subjects.marks[at(chunk)]);
+                worker.chunk.start(chunk);
+                while (worker.chunk.next()) worker.parts.visit(chunk, worker.chunk.stream(), x, place, visit);
+            });
+        return;
+    }
     place_cursor place(places.subjects, x.fo);
-    part_splitter parts(stream);
-    design_part part;
-    while (stream.next())
-        for (parts.start(); parts.next(part);) {
-            fetch(*part.design, x, place, w);
-            multiply(part, w, products);
-            visit(stream, products);
-        }
+    subject_parts parts(stream);
+    for (const int chunks = subject_chunks();;) {
+        if (stream.isubj() % places.together == 0) place.mark(stream.place_of_next());
+        if (!stream.next()) break;
+        parts.visit(std::min(chunk_of(stream.isubj()), chunks - 1), stream, x, place, visit);
+    }
     place.finish();
 }
 
-void add_products(const part_products& products, std::vector<pattern_matrix>& sums) {
-    pattern_matrix& s = sums[at(datavecs.icombi - 1)];
+void add_products(const datavecs_module& d, const part_products& products, std::vector<pattern_matrix>& sums) {
+    pattern_matrix& s = sums[at(d.icombi - 1)];
     if (s.n == 0) {
-        s.n = datavecs.nobs;
+        s.n = d.nobs;
         s.diagonal = products.m.diagonal;
         s.v.assign(s.diagonal ? at(s.n) : at(s.n) * at(s.n), 0.0);
     }
     const std::size_t from = s.diagonal ? at(products.part.obs) : 0;
     for (std::size_t k = 0; k < products.m.v.size(); ++k) s.v[from + k] += products.m.v[k];
+}
+
+void add_patterns(const std::vector<pattern_matrix>& chunk, std::vector<pattern_matrix>& sums) {
+    for (std::size_t i = 0; i < chunk.size(); ++i) {
+        if (chunk[i].n == 0) continue;
+        if (sums[i].n == 0)
+            sums[i] = chunk[i];
+        else
+            for (std::size_t k = 0; k < chunk[i].v.size(); ++k) sums[i].v[k] += chunk[i].v[k];
+    }
+}
+
+void add_loads(const std::vector<array<double, 2>>& chunk, std::vector<array<double, 2>>& loads) {
+    for (std::size_t i = 0; i < chunk.size(); ++i)
+        std::transform(chunk[i].begin(), chunk[i].end(), loads[i].begin(), loads[i].begin(), std::plus<>());
 }
 
 void add_loads(const part_products& products, double factor, std::vector<array<double, 2>>& loads) {

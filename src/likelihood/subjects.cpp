@@ -62,17 +62,33 @@ subject_stream::subject_stream(bool with_effects) : with_effects_(with_effects) 
     setup_recdata(pass_, filenames.recdatfil3);
     dvec_combs_muv();
     clocal_.assign(at(mmequations.neq_cov + 1), -2);
-    if (!options.randreg) return;
-    basis_.resize(at(numbers.krand));
-    weights_.resize(at(numbers.krand));
-    for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (mudmap.kovrnd(irand) == "PEQ") continue;
-        basis_[at(irand - 1)] = basis_rows(irand);
-        if (options.principal) weights_[at(irand - 1)] = rotated_rows(irand, basis_[at(irand - 1)]);
+    auto tables = std::make_shared<subject_tables>();
+    if (options.randreg) {
+        tables->basis.resize(at(numbers.krand));
+        tables->weights.resize(at(numbers.krand));
+        for (int irand = 1; irand <= numbers.krand; ++irand) {
+            if (mudmap.kovrnd(irand) == "PEQ") continue;
+            auto& basis = tables->basis[at(irand - 1)];
+            basis = basis_rows(irand);
+            if (options.principal) tables->weights[at(irand - 1)] = rotated_rows(irand, basis);
+        }
     }
+    tables_ = tables;
+}
+
+subject_stream::subject_stream(const subject_stream& first, datavecs_module& record)
+    : with_effects_(first.with_effects_), tables_(first.tables_) {
+    pass_.record = &record;
+    setup_recdata(pass_, filenames.recdatfil3);
+    clocal_.assign(first.clocal_.size(), -2);
 }
 
 subject_stream::~subject_stream() { deall_recdata(pass_); }
+
+void subject_stream::go_to(const recdata_place& place, int subjects_before) {
+    tarvex::go_to(pass_, place);
+    isubj_ = subjects_before;
+}
 
 bool subject_stream::next() {
     if (!next_subject(pass_)) return false;
@@ -85,7 +101,7 @@ bool subject_stream::next() {
 int subject_stream::local_of_jvec(int p) {
     int& l = jlocal_[at(p)];
     if (l == -2) {
-        const int e = datavecs.jvec(p);
+        const int e = record().jvec(p);
         l = -1;
         if (e > 0) {
             l = design_.nl++;
@@ -117,29 +133,31 @@ void subject_stream::add_entry(int l, double w) {
 
 // Random effect j of trait iq in the row of observation i+1.
 void subject_stream::add_random(int i, int iq, int j) {
+    const datavecs_module& r = record();
     const int irand = mudmap.rn_irand(j, iq);
     if (irand < 1 || mudmap.kovrnd(irand) == "PEQ") return;
     const int from = ddvecs.kkst(j, iq), width = ddvecs.kkst(j + 1, iq) - from;
-    if (width < 1 || datavecs.ieqnr(from, i + 1) <= 0) return;
+    if (width < 1 || r.ieqnr(from, i + 1) <= 0) return;
     const double* w = nullptr;
     design_effect effect{irand, 0, mudmap.rn_place(j, iq), static_cast<int>(design_.local.size()), nullptr};
     if (options.randreg) {
-        const std::size_t a = at(datavecs.imeta(mudmap.irmeta(j, iq), i + 1) - 1);
+        const std::size_t a = at(r.imeta(mudmap.irmeta(j, iq), i + 1) - 1);
         effect.place = 0;
-        effect.raw = basis_[at(irand - 1)].data() + a * at(model.kkfit(irand));
-        w = options.principal ? weights_[at(irand - 1)].data() + a * at(width) : effect.raw;
+        effect.raw = tables_->basis[at(irand - 1)].data() + a * at(model.kkfit(irand));
+        w = options.principal ? tables_->weights[at(irand - 1)].data() + a * at(width) : effect.raw;
     }
     for (int k = 0; k < width; ++k)
-        add_entry(local_of_jvec(datavecs.ieqnr(from + k, i + 1)), w ? w[k] : ddvecs.dd(from + k, iq));
+        add_entry(local_of_jvec(r.ieqnr(from + k, i + 1)), w ? w[k] : ddvecs.dd(from + k, iq));
     if (!with_effects_) return;
-    const int old = orders.ieqold(datavecs.jvec(datavecs.ieqnr(from, i + 1)));
+    const int old = orders.ieqold(r.jvec(r.ieqnr(from, i + 1)));
     effect.level = (old - mmequations.rn_start(irand) - 1) / nfit(irand) + 1;
     design_.effects.push_back(effect);
 }
 
 void subject_stream::form_design() {
     auto& d = design_;
-    d.nobs = datavecs.nobs;
+    const datavecs_module& r = record();
+    d.nobs = r.nobs;
     d.nl = 0;
     d.eq.clear();
     d.first.assign(1, 0);
@@ -147,16 +165,16 @@ void subject_stream::form_design() {
     d.weight.clear();
     d.efirst.assign(1, 0);
     d.effects.clear();
-    jlocal_.assign(at(datavecs.nr + 1), -2);
+    jlocal_.assign(at(r.nr + 1), -2);
     for (int c : cmet_) clocal_[at(c)] = -2;
     cmet_.clear();
     for (int i = 0; i < d.nobs; ++i) {
-        const int iq = datavecs.ynq(i + 1);
-        for (int k = 1; k <= datavecs.mcov; ++k)
-            if (const int c = datavecs.icov(k, i + 1); c > 0 && datavecs.xcov(k, i + 1) != 0.0)
-                add_entry(local_of_covariable(c), datavecs.xcov(k, i + 1));
+        const int iq = r.ynq(i + 1);
+        for (int k = 1; k <= r.mcov; ++k)
+            if (const int c = r.icov(k, i + 1); c > 0 && r.xcov(k, i + 1) != 0.0)
+                add_entry(local_of_covariable(c), r.xcov(k, i + 1));
         for (int k = 1; k <= lead_positions(iq); ++k)
-            if (const int p = datavecs.ieqnr(k, i + 1); p > 0) add_entry(local_of_jvec(p), 1.0);
+            if (const int p = r.ieqnr(k, i + 1); p > 0) add_entry(local_of_jvec(p), 1.0);
         for (int j = 1; j <= model.nrnd(iq); ++j) add_random(i, iq, j);
         d.first.push_back(static_cast<int>(d.local.size()));
         d.efirst.push_back(static_cast<int>(d.effects.size()));
@@ -165,20 +183,20 @@ void subject_stream::form_design() {
 
 void subject_stream::form_rinv() {
     if (options.randreg) {
-        get_rinv_rreg(isubj_, rinv_, diagonal_, ldet_);
+        get_rinv_rreg(record(), isubj_, rinv_, diagonal_, ldet_);
         return;
     }
-    const pattern_matrix& m = residualvars.eei[at(datavecs.icombi - 1)];
+    const pattern_matrix& m = residualvars.eei[at(record().icombi - 1)];
     diagonal_ = m.diagonal;
     rinv_ = m.v;
-    ldet_ = residualvars.detres(datavecs.icombi);
+    ldet_ = residualvars.detres(record().icombi);
 }
 
 void subject_residuals(const subject_stream& stream, std::vector<double>& ehat) {
     const subject_design& d = stream.design();
     ehat.resize(at(d.nobs));
     for (int i = 0; i < d.nobs; ++i) {
-        double e = datavecs.yvec(i + 1);
+        double e = stream.record().yvec(i + 1);
         for (int k = d.first[at(i)]; k < d.first[at(i + 1)]; ++k)
             e -= d.weight[at(k)] * solutions.solns(d.eq[at(d.local[at(k)])]);
         ehat[at(i)] = e;
@@ -225,7 +243,7 @@ bool part_splitter::next(design_part& part) {
     const subject_design& d = stream_.design();
     if (at_ >= (rowwise_ ? d.nobs : 1)) return false;
     part.obs = at_;
-    part.y = datavecs.yvec.data() + at_;
+    part.y = stream_.record().yvec.data() + at_;
     part.diagonal = rowwise_ || stream_.rinv_diagonal();
     // A record of its own takes its diagonal element, also of an inverse that is held in full.
     part.r = stream_.rinv().data() + (stream_.rinv_diagonal() ? at_ : at_ * (d.nobs + 1));

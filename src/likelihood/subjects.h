@@ -4,6 +4,7 @@
 #include "data/recodedata.h"
 
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 namespace tarvex {
@@ -19,7 +20,7 @@ struct design_effect {
 };
 
 // Design of one subject. Local equation l = 0..nl-1 has the number eq[l] in the order of the factorisation;
-// equations that were taken out are left out. Row i = 0..nobs-1 (observation i+1 of datavecs) has the entries
+// equations that were taken out are left out. Row i = 0..nobs-1 (observation i+1 of the record) has the entries
 // first[i]..first[i+1]-1.
 struct subject_design {
     int nobs = 0;
@@ -33,15 +34,26 @@ struct subject_design {
     std::vector<design_effect> effects;
 };
 
+// Basis functions of the random regression blocks.
+struct subject_tables {
+    std::vector<std::vector<double>> basis;   // [irand-1] values, kkfit for each level of the control variable
+    std::vector<std::vector<double>> weights; // [irand-1] weights, nfit for each level (empty at full rank)
+};
+
 // Pass over all subjects in the order of the recoded file: recoded1.bin with recoded3.bin.
 class subject_stream {
 public:
     explicit subject_stream(bool with_effects = false);
+    // Another pass beside `first`, at the same covariances and with a record of its own: for a thread of its own.
+    explicit subject_stream(const subject_stream& first, datavecs_module& record);
     ~subject_stream();
     subject_stream(const subject_stream&) = delete;
     subject_stream& operator=(const subject_stream&) = delete;
-    bool next(); // false at the end; fills datavecs, design and rinv
+    bool next(); // false at the end; fills the record, design and rinv
     int isubj() const { return isubj_; }
+    const datavecs_module& record() const { return *pass_.record; } // datavecs unless it has its own
+    recdata_place place_of_next() const { return tarvex::place_of_next(pass_); }
+    void go_to(const recdata_place& place, int subjects_before);
     const subject_design& design() const { return design_; }
     // R^-1 of the subject: nobs x nobs by columns, or its nobs diagonal elements where it is diagonal.
     const std::vector<double>& rinv() const { return rinv_; }
@@ -70,8 +82,7 @@ private:
     std::vector<int> jlocal_;                  // local equation of each place in jvec, -1 taken out, -2 not met yet
     std::vector<int> clocal_;                  // the same by covariable
     std::vector<int> cmet_;                    // covariables of the subject
-    std::vector<std::vector<double>> basis_;   // [irand-1] basis values, kkfit for each level of the control variable
-    std::vector<std::vector<double>> weights_; // [irand-1] weights, nfit for each level (empty at full rank)
+    std::shared_ptr<const subject_tables> tables_;
 };
 
 // Observed less fitted values of the subject in the stream at solutions.solns: nobs values.

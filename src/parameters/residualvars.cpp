@@ -4,7 +4,6 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
-#include "data/datavecs.h"
 #include "dense/numroutines.h"
 #include "parameters/parvec.h"
 #include "parameters/variances.h"
@@ -232,10 +231,10 @@ void rinv_ranreg(array<double>& parvec, int& ifail) {
     stoptarvex();
 }
 
-bool all_independent(const std::vector<int>& age, const std::vector<int>& iclass) {
-    const int n = datavecs.nobs;
+bool all_independent(const datavecs_module& d, const std::vector<int>& age, const std::vector<int>& iclass) {
+    const int n = d.nobs;
     for (int i = 1; i <= n; ++i) {
-        const int q = datavecs.ynq(i);
+        const int q = d.ynq(i);
         if (residualvars.sigres(ihmssf(q, q, numbers.nq), iclass[at(i - 1)]) < small_pivot) return false;
         for (int j = i + 1; j <= n; ++j)
             if (age[at(i - 1)] == age[at(j - 1)]) return false;
@@ -271,27 +270,27 @@ void rinverse(array<double>& parvec, int& ifail) {
         stop("rinverse");
 }
 
-void residual_classes(std::vector<int>& age, std::vector<int>& iclass) {
-    const int n = datavecs.nobs;
+void residual_classes(const datavecs_module& d, std::vector<int>& age, std::vector<int>& iclass) {
+    const int n = d.nobs;
     age.resize(at(n));
     iclass.resize(at(n));
     for (int i = 1; i <= n; ++i) {
-        const int iq = datavecs.ynq(i), control = phimat.jjmeta.allocated() ? phimat.jjmeta(iq) : 1;
-        age[at(i - 1)] = datavecs.imeta(control, i);
+        const int iq = d.ynq(i), control = phimat.jjmeta.allocated() ? phimat.jjmeta(iq) : 1;
+        age[at(i - 1)] = d.imeta(control, i);
         iclass[at(i - 1)] = model.rr_resteps == 1 ? 1 : model.me_run(age[at(i - 1)]);
     }
 }
 
-void get_rinv_rreg(int isubj, std::vector<double>& zig2, bool& diagonal, double& ldet) {
-    const int n = datavecs.nobs, nq = numbers.nq;
+void get_rinv_rreg(const datavecs_module& d, int isubj, std::vector<double>& zig2, bool& diagonal, double& ldet) {
+    const int n = d.nobs, nq = numbers.nq;
     std::vector<int> age, iclass;
-    residual_classes(age, iclass);
-    diagonal = all_independent(age, iclass);
+    residual_classes(d, age, iclass);
+    diagonal = all_independent(d, age, iclass);
     zig2.clear();
     ldet = 0.0;
     if (diagonal) {
         for (int i = 1; i <= n; ++i) {
-            const int q = datavecs.ynq(i);
+            const int q = d.ynq(i);
             const double s = residualvars.sigres(ihmssf(q, q, nq), iclass[at(i - 1)]);
             zig2.push_back(1.0 / s);
             ldet += std::log(s);
@@ -303,7 +302,7 @@ void get_rinv_rreg(int isubj, std::vector<double>& zig2, bool& diagonal, double&
         for (int j = i; j <= n; ++j)
             if (age[at(i - 1)] == age[at(j - 1)])
                 w[at(ihmssf(i, j, n) - 1)] =
-                    residualvars.sigres(packed(datavecs.ynq(i), datavecs.ynq(j), nq), iclass[at(i - 1)]);
+                    residualvars.sigres(packed(d.ynq(i), d.ynq(j), nq), iclass[at(i - 1)]);
     int rank = 0, negative = 0;
     gen_inverse(w, n, numbers.zero, rank, ldet, &negative);
     if (rank < n || negative > 0) singular_subject(isubj, n, rank);

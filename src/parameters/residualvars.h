@@ -1,6 +1,7 @@
 // Inverses of the residual covariance matrices: by pattern of records in multivariate analyses, by subject in random
 // regression analyses.
 #pragma once
+#include "data/datavecs.h"
 #include "support/array.h"
 
 #include <cstddef>
@@ -43,12 +44,12 @@ std::vector<peq_place> peq_places();
 // Residual inverses at parvec (which clamps may change). ifail 1: invalid point.
 void rinverse(array<double>& parvec, int& ifail);
 
-// Random regression: R^-1 of the subject in datavecs, nobs*nobs by columns or, where it is diagonal, its nobs diagonal
+// Random regression: R^-1 of the subject in d, nobs*nobs by columns or, where it is diagonal, its nobs diagonal
 // elements, and log|R|. Two records of a trait at one value of the control variable stop the run.
-void get_rinv_rreg(int isubj, std::vector<double>& zig2, bool& diagonal, double& ldet);
+void get_rinv_rreg(const datavecs_module& d, int isubj, std::vector<double>& zig2, bool& diagonal, double& ldet);
 
-// Random regression: level of the control variable and residual class of the records of the subject in datavecs.
-void residual_classes(std::vector<int>& age, std::vector<int>& iclass);
+// Random regression: level of the control variable and residual class of the records of the subject in d.
+void residual_classes(const datavecs_module& d, std::vector<int>& age, std::vector<int>& iclass);
 
 // Prints the line with the number of records of each trait in a pattern.
 void show_combination(int icombi);

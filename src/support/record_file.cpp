@@ -91,6 +91,14 @@ void record_reader::rewind() {
     left_ = passed_ = 0;
 }
 
+bool record_reader::go_to(std::uint64_t position) {
+    if (!file_ || position > size_ || std::fseek(file_, static_cast<long>(position), SEEK_SET) != 0) return false;
+    at_ = end_ = 0;
+    left_ = 0;
+    passed_ = position;
+    return true;
+}
+
 bool record_reader::fill() {
     at_ = 0;
     end_ = std::fread(buffer_.data(), 1, buffer_.size(), file_);

@@ -80,6 +80,9 @@ public:
     void close();
     bool is_open() const { return file_ != nullptr; }
     void rewind(); // back to the first record
+    // Where the next record begins, and back there; false if the file is shorter.
+    std::uint64_t position() const { return passed_; }
+    [[nodiscard]] bool go_to(std::uint64_t position);
 
     // Goes to the next record; false at the end of the file or on a torn frame. Fields that the last one still held are
     // passed over.

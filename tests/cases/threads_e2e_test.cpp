@@ -2,6 +2,7 @@
 #include "app/phases.h"
 #include "case_run.h"
 #include "equations/mmmatrix.h"
+#include "likelihood/subjectchunks.h"
 #include "support/screen.h"
 
 #include <map>
@@ -129,7 +130,7 @@ INSTANTIATE_TEST_SUITE_P(Bundled, ThreadsOf, testing::ValuesIn(analyses), [](con
 // A whole analysis in this process with work cut so small that each of many threads gets its share of it.
 class SmallPieces : public Threads, public testing::WithParamInterface<run_of_case> {
 protected:
-    outcome in_process(const run_of_case& a, int threads) {
+    outcome in_process(const run_of_case& a, int threads, int together = 40) {
         return runs_in_folder([&] { fill_bundled(a.name); }, a, threads,
                               [&](const std::vector<std::string>& list, std::string& lines) {
                                   std::vector<const char*> argv{"tarvex"};
@@ -138,7 +139,10 @@ protected:
                                   new_analysis();
                                   kernels.choice = kernel_kind::supernodes;
                                   kernels.work.few_operations = 0.0;
+                                  places.together = together;
                                   run_to(run_stage::reports, static_cast<int>(argv.size()), argv.data());
+                                  chunks_ = subject_chunks();
+                                  shared_ = shared_chunks();
                                   pieces_ = static_cast<int>(kernels.work.tree.steps.size());
                                   threads_ = kernels.work.pool ? kernels.work.pool->threads() : 1;
                                   flush_all();
@@ -147,18 +151,30 @@ protected:
                                   return 0;
                               });
     }
-    int pieces_ = 0, threads_ = 0;
+    // The best point that a run has left.
+    static best_point best_of(const outcome& o) {
+        write_file("BestPoint", o.files.at("BestPoint"));
+        return read_best_point();
+    }
+    int pieces_ = 0, chunks_ = 0, shared_ = 0, threads_ = 0;
 };
 
 TEST_P(SmallPieces, ReportsAreTheSameBytes) {
     const outcome one = in_process(GetParam(), 1);
     EXPECT_GT(one.files.size(), 8u);
     EXPECT_GT(pieces_, 2);
+    EXPECT_GT(chunks_, 1);
     for (int threads : {3, 8, 8}) {
         SCOPED_TRACE(std::to_string(threads) + " threads");
         expect_same(in_process(GetParam(), threads), one);
         EXPECT_EQ(threads_, threads);
+        EXPECT_EQ(shared_, chunks_);
     }
+    if (!one.files.contains("BestPoint")) return;
+    const best_point whole = best_of(in_process(GetParam(), 1, 1 << 30)); // sums that are not parted
+    EXPECT_EQ(chunks_, 1);
+    write_file("BestPoint", one.files.at("BestPoint"));
+    expect_best(whole, 1e-7, 1e-7);
 }
 constexpr run_of_case small[] = {{"mt3", "--aireml1"},      {"mt3", "--emalg2"},       {"mt3", "--blup"},
                                  {"rr_chick", "--aireml2"}, {"rr_chick", "--pxai1,2"}, {"rr_chick", "--blup"}};

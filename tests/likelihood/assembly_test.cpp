@@ -299,7 +299,7 @@ TEST_F(assembly_test, TwoTraitsAtOneControlValueAreCorrelated) {
     std::vector<double> r;
     bool diagonal = true;
     double ldet = 0.0;
-    get_rinv_rreg(1, r, diagonal, ldet);
+    get_rinv_rreg(datavecs, 1, r, diagonal, ldet);
     EXPECT_FALSE(diagonal);
     ASSERT_EQ(r.size(), 16u);
     const auto e = [&](int i, int j) { return r[at(i - 1) + 4 * at(j - 1)]; };
@@ -321,12 +321,12 @@ TEST_F(assembly_test, OneRecordOfASubject) {
     std::vector<double> r;
     bool diagonal = false;
     double ldet = 0.0;
-    get_rinv_rreg(1, r, diagonal, ldet);
+    get_rinv_rreg(datavecs, 1, r, diagonal, ldet);
     ASSERT_EQ(r.size(), 1u);
     EXPECT_DOUBLE_EQ(r[0], 0.4);
     EXPECT_DOUBLE_EQ(ldet, std::log(2.5));
     residualvars.sigres(1, 1) = 1.0e-9; // below the limit: no rank, and no word on equal control values
-    EXPECT_STOP(get_rinv_rreg(7, r, diagonal, ldet), "   Individual no.      = 7\n   No. of observations = 1\n"
+    EXPECT_STOP(get_rinv_rreg(datavecs, 7, r, diagonal, ldet), "   Individual no.      = 7\n   No. of observations = 1\n"
                                                      "   Rank found          = 0\nexit \"Tarvex\"");
 }
 

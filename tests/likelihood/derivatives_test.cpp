@@ -6,9 +6,11 @@
 #include "data/levels.h"
 #include "data/pedigreelist.h"
 #include "dense/numroutines.h"
+#include "equations/mmmatrix.h"
 #include "estimation/estimates.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
+#include "likelihood/subjectchunks.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "support/em_fixture.h"
@@ -108,9 +110,22 @@ void expect_information(const small_model& m) {
     }
 }
 
+// Sums of few subjects together, by threads.
+void in_small_chunks() {
+    places = {};
+    places.together = 3;
+    kernels.threads = 3;
+    program_logl(estimates.parvec, 1); // marks where the chunks begin
+    EXPECT_GT(shared_chunks(), 1);
+}
+
 void expect_derivatives(const small_model& m) {
     expect_gradient();
     expect_information(m);
+    in_small_chunks();
+    expect_information(m);
+    kernels.threads = 1;
+    places = {};
 }
 
 void on_original_scale() {
