@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <vector>
@@ -83,6 +84,61 @@ double free_memory(std::string_view meminfo) {
     return known ? sum : -1.0;
 }
 
+namespace {
+
+// The number in a file of one, -1 if there is none ("max": no limit).
+double number_in(const std::filesystem::path& file) {
+    double x = -1.0;
+    std::ifstream in(file);
+    return in >> x ? x : -1.0;
+}
+
+// The number behind `name` in a table of lines, 0 if it is not there.
+double entry_of(const std::filesystem::path& file, std::string_view name) {
+    std::ifstream in(file);
+    std::string word;
+    for (double x; in >> word >> x;)
+        if (word == name) return x;
+    return 0.0;
+}
+
+// What a group may still take: cached pages of files count as free. -1: it has no limit.
+double left_in_group(const std::filesystem::path& group, bool first_kind) {
+    const double limit = number_in(group / (first_kind ? "memory.limit_in_bytes" : "memory.max"));
+    const double used = number_in(group / (first_kind ? "memory.usage_in_bytes" : "memory.current"));
+    if (limit < 0.0 || used < 0.0 || limit > 1.0e18) return -1.0;
+    const double cached = entry_of(group / "memory.stat", first_kind ? "total_inactive_file" : "inactive_file");
+    return std::max(0.0, limit - used + cached);
+}
+
+std::string text_of(const char* file) {
+    std::ifstream in(file);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+} // namespace
+
+double group_memory(const std::filesystem::path& root, std::string_view groups) {
+    double least = -1.0;
+    std::istringstream lines{std::string(groups)};
+    for (std::string line; std::getline(lines, line);) { // number:controllers:/path
+        const auto first = line.find(':'), second = line.find(':', first + 1);
+        if (second == std::string::npos || line.size() < second + 2) continue;
+        const std::string kinds = line.substr(first + 1, second - first - 1);
+        const bool first_kind = ("," + kinds + ",").find(",memory,") != std::string::npos;
+        if (!first_kind && !kinds.empty()) continue;
+        const std::filesystem::path top = first_kind ? root / "memory" : root;
+        for (std::filesystem::path path = line.substr(second + 1);; path = path.parent_path()) { // and all above it
+            const double left = left_in_group(top / path.relative_path(), first_kind);
+            if (left >= 0.0 && (least < 0.0 || left < least)) least = left;
+            if (path.relative_path().empty()) break;
+        }
+    }
+    return least;
+}
+
 void tell_forecast(const cost_forecast& c) {
     const bool known = c.free >= 0.0;
     const bool short_of_memory = known && c.bytes > c.free;
@@ -105,10 +161,9 @@ void forecast() {
     const bool small = c.operations < many_operations && 8.0 * static_cast<double>(c.elements) < many_bytes;
     if (small && !always) return;
     c.bytes = numeric_bytes();
-    std::ifstream in("/proc/meminfo");
-    std::ostringstream meminfo;
-    meminfo << in.rdbuf();
-    c.free = free_memory(meminfo.str());
+    c.free = free_memory(text_of("/proc/meminfo"));
+    const double group = group_memory("/sys/fs/cgroup", text_of("/proc/self/cgroup"));
+    if (group >= 0.0 && (c.free < 0.0 || group < c.free)) c.free = group;
     c.rate = dense_rate();
     tell_forecast(c);
 }

@@ -1,6 +1,7 @@
 // What the analysis is about to cost, told before the first factorisation.
 #pragma once
 #include <cstdint>
+#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -20,6 +21,10 @@ std::string forecast_line(const cost_forecast& c);
 
 // Bytes free by the text of /proc/meminfo: available memory and free swap space. -1: the text does not tell.
 double free_memory(std::string_view meminfo);
+
+// Bytes that the control groups of this process leave it, by the text of /proc/self/cgroup and the files below `root`
+// (/sys/fs/cgroup): the least of its group and of all above it. -1: none has a limit.
+double group_memory(const std::filesystem::path& root, std::string_view groups);
 
 // Tells a forecast in one line: always with --times and --setup, at the default level only when an iterate will take
 // more than a minute or more than half of the free memory is needed. Stops where the memory cannot suffice, but for

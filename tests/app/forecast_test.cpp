@@ -4,6 +4,7 @@
 #include "control/options.h"
 #include "support/fixture.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 
 namespace tarvex {
@@ -30,6 +31,54 @@ TEST(forecast, free_memory_is_what_is_available_and_the_swap_space) {
     EXPECT_EQ(free_memory("MemTotal:  100 kB\nSwapFree: 2 kB\n"), -1.0) << "an old kernel";
     EXPECT_EQ(free_memory(""), -1.0);
     EXPECT_EQ(free_memory("MemAvailable: 0 kB\n"), 0.0);
+}
+
+// A tree of control groups in the working directory.
+class group_test : public tarvex_test {
+protected:
+    static void group(const std::string& path, const char* limit, const char* used, const char* stat) {
+        std::filesystem::create_directories("groups/" + path);
+        write_file("groups/" + path + "/memory.max", limit);
+        write_file("groups/" + path + "/memory.current", used);
+        write_file("groups/" + path + "/memory.stat", stat);
+    }
+};
+
+TEST_F(group_test, least_of_all_groups_above_the_process_counts) {
+    group("a", "1000\n", "700\n", "anon 5\ninactive_file 50\nactive_file 9\n");
+    group("a/b", "max\n", "600\n", "inactive_file 40\n");
+    group("a/b/c", "500\n", "100\n", "inactive_file 0\n");
+    EXPECT_EQ(group_memory("groups", "0::/a/b/c\n"), 350.0) << "of group a";
+    group("a/b/c", "500\n", "200\n", "inactive_file 10\n");
+    EXPECT_EQ(group_memory("groups", "0::/a/b/c\n"), 310.0) << "of its own group";
+    group("a/b/c", "500\n", "600\n", "inactive_file 10\n");
+    EXPECT_EQ(group_memory("groups", "0::/a/b/c\n"), 0.0) << "nothing is left";
+    EXPECT_EQ(group_memory("groups", "0::/x\n"), -1.0);
+}
+
+TEST_F(group_test, root_of_a_container_has_the_limit_of_its_group) {
+    group(".", "2000\n", "500\n", "");
+    EXPECT_EQ(group_memory("groups", "0::/\n"), 1500.0);
+    EXPECT_EQ(group_memory("groups", "0::/not/seen/from/here\n"), 1500.0);
+}
+
+TEST_F(group_test, older_hierarchies_are_read_too) {
+    std::filesystem::create_directories("groups/memory/a");
+    write_file("groups/memory/a/memory.limit_in_bytes", "800\n");
+    write_file("groups/memory/a/memory.usage_in_bytes", "300\n");
+    write_file("groups/memory/a/memory.stat", "cache 1\ntotal_inactive_file 20\n");
+    const char* groups = "5:cpu,cpuacct:/z\n4:memory:/a\n1:name=systemd:/a\n";
+    EXPECT_EQ(group_memory("groups", groups), 520.0);
+    write_file("groups/memory/a/memory.limit_in_bytes", "9223372036854771712\n"); // none
+    EXPECT_EQ(group_memory("groups", groups), -1.0);
+}
+
+TEST_F(group_test, no_groups_no_limit) {
+    group("a", "max\n", "700\n", "");
+    EXPECT_EQ(group_memory("groups", "0::/a\n"), -1.0);
+    EXPECT_EQ(group_memory("none", "0::/a\n"), -1.0);
+    EXPECT_EQ(group_memory("groups", ""), -1.0);
+    EXPECT_EQ(group_memory("groups", "nonsense\n::\n"), -1.0);
 }
 
 class forecast_test : public tarvex_test {
