@@ -11,6 +11,7 @@
 #include "sparse/dense_kernels.h"
 #include "sparse/supernodes.h"
 #include "sparse/symbfact.h"
+#include "critical_path.h"
 #include "systems.h"
 #include "yardstick.h"
 
@@ -188,6 +189,7 @@ int main(int argc, char** argv) {
                 count_operations(sparse.n, sparse.ixvec1) / sparse.maxlnz, tree.parent.size(), tree.rows, tree.width,
                 8e-6 * static_cast<double>(tree.triangles[0] + tree.triangles[1]),
                 8e-6 * static_cast<double>(tree.inverse), dense_kernels().name);
+    print_chain(chain_of(sparse, tree));
     if (compare) compare_kernels();
     const bool big = count_operations(sparse.n, sparse.ixvec1) > 2e9;
     if (honest) add("factor/cholmod", 5, cholmod);

@@ -1,12 +1,13 @@
 // Times of the steps of an analysis, in processor seconds of one thread.
 //
-//   steps_bench [--rounds N] [--columns N] [--small] RUN ARGUMENTS
+//   steps_bench [--rounds N] [--columns N] [--small | --pairs N] RUN ARGUMENTS
 //
 // The run arguments are those of the program, with --setup, in the folder of the case. Each round goes through all
 // steps at slightly other parameters, beside CHOLMOD (supernodal, OpenBLAS, one thread) on the same matrix in the same
 // order, so that the ratios are of pairs; --columns times the column kernel as well. --small times the choice that the
-// program makes by itself against the column kernel, many calls in turn. Printed are "time NAME MEDIAN" and "ratio NAME
-// MEDIAN", the ratios to the factorisation of the same round.
+// program makes by itself against the column kernel, many calls in turn. --pairs N times steps with one thread and with N
+// in turn, by the clock on the wall. Printed are "time NAME MEDIAN" and "ratio NAME
+// MEDIAN", the ratios to the factorisation of the same round, and for --pairs "speed_up NAME MEDIAN" over pairs.
 #include "app/phases.h"
 #include "control/numbers.h"
 #include "control/options.h"
@@ -22,9 +23,11 @@
 #include "sparse/symbfact.h"
 #include "support/screen.h"
 #include "support/stop.h"
+#include "critical_path.h"
 #include "yardstick.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cholmod.h>
 #include <cstdio>
 #include <cstdlib>
@@ -231,6 +234,49 @@ void compare_small() {
     std::printf("kernel %s\n", supernodes_wanted() ? "supernodes" : "columns");
 }
 
+template <class F> double on_the_wall(F f) {
+    const auto start = std::chrono::steady_clock::now();
+    f();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Seconds of factorisation, sparse inverse, derivative and a whole iterate with so many threads.
+std::vector<double> steps_with(int threads, int round) {
+    kernels.threads = threads;
+    set_parameters(round);
+    assemble();
+    std::vector<double> seconds{on_the_wall(factorise)};
+    seconds.push_back(on_the_wall(takaha_inverse));
+    assemble();
+    factorise();
+    seconds.push_back(on_the_wall(autodiff_in_place));
+    set_parameters(-round);
+    seconds.push_back(on_the_wall([] {
+        evaluate();
+        average_info();
+        derivatives_mmm();
+    }));
+    return seconds;
+}
+
+// One thread against several, in turn; what goes first changes from round to round.
+void compare_threads(int threads, int rounds) {
+    const char* names[] = {"factor", "inverse", "derivative", "iterate"};
+    std::vector<double> gain[4], seconds[4];
+    for (int round = 1; round <= rounds; ++round) {
+        const int first = round % 2 ? 1 : threads;
+        const auto a = steps_with(first, round), b = steps_with(1 + threads - first, round);
+        for (int k = 0; k < 4; ++k) {
+            const auto& one = first == 1 ? a : b;
+            const auto& many = first == 1 ? b : a;
+            gain[k].push_back(one[k] / many[k]);
+            seconds[k].push_back(one[k]);
+        }
+    }
+    for (int k = 0; k < 4; ++k)
+        std::printf("time %s %.4f\nspeed_up %s %.3f\n", names[k], median(seconds[k]), names[k], median(gain[k]));
+}
+
 void set_up(int argc, char** argv) {
     const double start = now();
     try {
@@ -249,6 +295,7 @@ void set_up(int argc, char** argv) {
     std::printf("\nrows %d\nelements %d\noperations %.0f\nbytes %.0f\nkernels %s\ntime setup %.3f\n", numbers.nsrow,
                 sparse.maxlnz, count_operations(sparse.n, sparse.ixvec1), 8.0 * (sparse.maxlnz + numbers.nsrow),
                 dense_kernels().name, used);
+    if (supernodes_wanted()) print_chain(chain_of(sparse, supernodes(sparse, kernels.work)));
 }
 
 } // namespace
@@ -256,23 +303,29 @@ void set_up(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     using namespace tarvex;
-    int rounds = 3, columns = 0, kept = 1;
+    const bool honest = honest_openblas(argv); // may start anew, with all arguments
+    int rounds = 3, columns = 0, pairs = 0, kept = 1;
     bool small = false;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--rounds") == 0 && i + 1 < argc)
             rounds = std::atoi(argv[++i]);
         else if (std::strcmp(argv[i], "--columns") == 0 && i + 1 < argc)
             columns = std::atoi(argv[++i]);
+        else if (std::strcmp(argv[i], "--pairs") == 0 && i + 1 < argc)
+            pairs = std::atoi(argv[++i]);
         else if (std::strcmp(argv[i], "--small") == 0)
             small = true;
         else
             argv[kept++] = argv[i];
     }
-    const bool honest = honest_openblas(argv);
     try {
         set_up(kept, argv);
         if (small) {
             compare_small();
+            return 0;
+        }
+        if (pairs > 1) {
+            compare_threads(pairs, rounds);
             return 0;
         }
         cholmod_pair other{honest};

@@ -9,6 +9,7 @@
 #include "likelihood/warnfix.h"
 #include "sparse/autodiff.h"
 #include "sparse/forward.h"
+#include "sparse/supernodal_solve.h"
 #include "sparse/takahashi.h"
 #include "support/screen.h"
 
@@ -39,8 +40,8 @@ progress tell_sweep(const char* word, int total) {
 // Derivatives over supernodes; fdiag, foff may be the arrays of the store.
 void differentiate_supernodes(array<double>& fdiag, array<double>& foff) {
     array<double> x; // solutions of the factor, whatever solutions.solns belongs to
-    solve_back(sparse, x);
     threads_at_work();
+    solve_back_supernodes(sparse, kernels.work, x);
     inverse_supernodes(sparse, kernels.work, fdiag, foff, x.data(), tell_sweep("AutoDiff", sparse.n));
 }
 
@@ -109,7 +110,11 @@ void factorise_mmm(double& detc, double& ypy, int& ifail) {
     ypy = n > 0 ? sparse.diag(n) * sparse.diag(n) : 0.0;
 }
 
-void back_solutions() { solve_back(sparse, solutions.solns); }
+void back_solutions() {
+    if (!supernodes_wanted()) return solve_back(sparse, solutions.solns);
+    threads_at_work();
+    solve_back_supernodes(sparse, kernels.work, solutions.solns);
+}
 
 void takaha_inverse() {
     back_solutions();

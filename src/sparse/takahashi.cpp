@@ -1,5 +1,7 @@
 #include "sparse/takahashi.h"
 
+#include "sparse/supernodal_solve.h"
+
 #include <vector>
 
 namespace tarvex {
@@ -54,22 +56,9 @@ void inverse_columns(const sparse_store& s, array<double>& diag, array<double>& 
 
 void solve_back(const sparse_store& s, array<double>& solns) {
     need_state(s, store_state::factor, "solve_back");
-    const int n = s.n;
-    const auto &ixvec1 = s.ixvec1, &ixvec2 = s.ixvec2, &ixsub = s.ixsub;
-    if (solns.size() < n) solns.allocate(n);
+    if (solns.size() < s.n) solns.allocate(s.n);
     solns.fill(0.0);
-    for (int i = n - 1; i >= 1; --i) {
-        double b = 0.0, t = 0.0;
-        const int shift = ixvec2(i) - ixvec1(i);
-        for (int q = ixvec1(i); q < ixvec1(i + 1); ++q) {
-            const int r = ixsub(q + shift);
-            if (r == n)
-                b = s.xspars(q);
-            else
-                t += s.xspars(q) * solns(r);
-        }
-        solns(i) = (b - t) / s.diag(i);
-    }
+    for (int i = s.n - 1; i >= 1; --i) solns(i) = solve_row(s, i, solns);
 }
 
 } // namespace tarvex
