@@ -32,7 +32,8 @@ chain_of_work chain_of(const sparse_store& s, const supernode_tree& tree) {
             continue;
         }
         c.top += sum;
-        c.divided_fronts += cube(tree.start[step.end] - tree.start[step.first]) / 6.0;
+        const double width = tree.start[step.end] - tree.start[step.first];
+        c.divided_fronts += width * block * block / 6.0;
     }
     c.divided_fronts += c.largest_piece;
     return c;

@@ -11,7 +11,7 @@ struct chain_of_work {
     double whole_fronts = 0.0;   // longest chain from a leaf of the tree to the root, each front in one piece
     double largest_piece = 0.0;  // of those that one thread works through alone
     double top = 0.0;            // of the fronts at the top, which are shared out
-    double divided_fronts = 0.0; // the largest piece, and of the top the triangles of pivots alone
+    double divided_fronts = 0.0; // the largest piece, and of the top the triangles of blocks of pivots alone
 };
 chain_of_work chain_of(const sparse_store& s, const supernode_tree& tree);
 
