@@ -208,11 +208,17 @@ void em_step() {
 
 double evaluate(int iopt) { return evaluate_point(estimates.parvec, iopt); }
 
-// One round; false where no valid point was found. xold, xnew: log L before and behind.
-bool one_round(double& xold, double& xnew) {
+// A change of log L that is no more than rounding.
+double rounding(double xlike) { return 1.0e-7 + 1.0e-10 * std::fabs(xlike); }
+
+enum class round_end { taken, invalid, lost };
+
+// One round; invalid where no valid point was found, lost where it was taken back since log L fell. xold, xnew: log L
+// before and behind.
+round_end one_round(double& xold, double& xnew) {
     xold = evaluate(-1);
     if (!(xold > invalid_logl)) xold = evaluate(1);
-    if (!(xold > invalid_logl)) return false;
+    if (!(xold > invalid_logl)) return round_end::invalid;
     const round_start start;
     em_step();
     if (options.pxem) list_changes(start.parvec, estimates.parvec);
@@ -221,16 +227,28 @@ bool one_round(double& xold, double& xnew) {
         start.restore();
         options.pxem = false;
         if (options.verbose && !pxempc.skip_px) print_list(screen(), "switch to EM algorithm ! ", pxempc.aalpha);
-        if (!(evaluate(1) > invalid_logl)) return false;
+        xold = evaluate(1);
+        if (!(xold > invalid_logl)) return round_end::invalid;
         em_step();
         xnew = evaluate(1);
     }
     if (!(xnew > invalid_logl)) {
         start.restore();
-        return false;
+        return round_end::invalid;
+    }
+    if (xnew < xold - rounding(xold)) {
+        start.restore();
+        return round_end::lost;
     }
     aireml_terms.pnorm = relative_change(start.parvec, estimates.parvec);
-    return true;
+    return round_end::taken;
+}
+
+void tell_loss(double xold, double xnew) {
+    if (!options.terse) print_list(screen(), "*** (PX-) EM : round lost", xold - xnew, "in log L - taken back");
+    text_out out;
+    if (out.open_append(filenames.iteratesfile))
+        print_list(out, "*** (PX-) EM : round lost", xold - xnew, "in log L - taken back");
 }
 
 void close_converged(double dd) {
@@ -272,10 +290,16 @@ void em_algorithm(int nits, int& iround, double& xlike, double xlimit) {
     if (iround == 0) print_iterate(0, xlike, xlike, std::to_string(pxempc.skippx));
     const bool in_cycle = maximise.search_type == 6 && !options.algorithm_set;
     double dd = 0.0;
+    round_end end = round_end::taken;
     for (int round = 1; round <= nits; ++round) {
         t.tt0 = cpu_time();
         double xold = 0.0, xnew = 0.0;
-        if (!one_round(xold, xnew)) break;
+        end = one_round(xold, xnew);
+        if (end == round_end::lost) {
+            tell_loss(xold, xnew);
+            xlike = xold;
+        }
+        if (end != round_end::taken) break;
         dd = xnew - xold;
         xlike = xnew;
         t.alpha = pxempc.aalpha;
@@ -293,7 +317,9 @@ void em_algorithm(int nits, int& iround, double& xlike, double xlimit) {
             break;
         }
     }
-    iterate_log.ended = !maximise.converged         ? "limit of rounds"
+    iterate_log.ended = end == round_end::lost      ? "a round that lost log L"
+                        : end == round_end::invalid ? "no valid point"
+                        : !maximise.converged       ? "limit of rounds"
                         : dd < maximise.emconv_like ? "change in log L below its limit"
                                                     : "change in parameters below its limit";
     if (maximise.converged)

@@ -10,6 +10,7 @@
 #include "estimation/evaluate.h"
 #include "estimation/searchstate.h"
 #include "likelihood/derivatives.h"
+#include "parameters/variances.h"
 #include "parfile/model.h"
 #include "support/edit_form.h"
 
@@ -24,7 +25,6 @@ namespace {
 
 constexpr double no_value = 9.9e35;          // -log L above it: the point is invalid
 constexpr double largest_decrease = 10000.0; // of -log L that a step may predict
-constexpr double residual_floor = 1.0e-4;    // smallest eigenvalue of a residual block on the "Original" scale
 
 int size() { return derivs.nparm2; }
 
@@ -115,32 +115,25 @@ void step_by_factorisation(const array<double>& gradient) {
     cut_largest();
 }
 
-// Residual covariances themselves are parameters: keeps their matrices positive definite in the trial point.
+// Residual covariances themselves are parameters: the point becomes that of the matrices which its evaluation takes,
+// where eigenvalues have been raised. Otherwise log L would be flat beyond.
 void damage_control() {
     if (estimates.paraform(0) != "Original" || model.diagonal(0)) return;
-    const int n = model.kkfit(0);
+    const auto marks = estimates.switchlog;
+    array<double> cc;
+    array<double, 2> factor;
     for (int step = 1; step <= model.rr_resteps; ++step) {
-        const int from = block_start(0, step);
-        array<double, 2> a, vectors;
-        array<double> eig;
-        a.allocate(n, n);
-        for (int i = 1; i <= n; ++i)
-            for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = search_state.parnew(from + ihmssf(i, j, n) - 1);
-        int nzero = 0;
-        eigem(a, eig, vectors, n, residual_floor, nzero);
-        if (nzero == 0) continue;
-        for (int i = 1; i <= n; ++i)
-            for (int j = i; j <= n; ++j) {
-                double s = 0.0;
-                for (int k = 1; k <= n; ++k) s += vectors(i, k) * vectors(j, k) * std::max(eig(k), residual_floor);
-                search_state.parnew(from + ihmssf(i, j, n) - 1) = s;
-            }
+        int ifail = 0;
+        parvec2covs(search_state.parnew, 0, step, cc, factor, ifail);
+        for (int k = 1; k <= cc.upper() && ifail == 0; ++k) search_state.parnew(block_start(0, step) + k - 1) = cc(k);
     }
+    estimates.switchlog = marks;
 }
 
 void move(double length) {
     search_state.parnew = estimates.parvec;
     for (int i = 1; i <= size(); ++i) search_state.parnew(derivs.subset(i)) += length * derivs.dvec(i);
+    damage_control();
 }
 
 double evaluate(double length) {
@@ -221,7 +214,6 @@ void eztimates(int iter, double& xnew) {
         at.slope = -inner(derivs.dvec, gradient);
     }
     move(1.0);
-    damage_control();
     if (options.details)
         write(screen(), step_line, "Estimates for \"tau\" =", at.tau, "\"alpha\" =", at.alpha, "\"slope\" =", at.slope,
               "norm =", at.dnorm);

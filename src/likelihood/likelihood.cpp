@@ -172,7 +172,7 @@ void housekeeping(const array<double>& p, int nparm, bool changed, double xlike)
         ++l.ncall;
         tell_evaluation(xlike);
     }
-    l.lastpar = p;
+    if (changed) l.lastpar = p;
     table_evaluation(p, nparm, xlike);
     l.xlast = xlike;
     options.first = false;
@@ -211,13 +211,14 @@ evaluation loglike(array<double>& parvec, int iopt) {
     if (changed) {
         if (!new_factor(e)) return e;
         e.new_factor = true;
-    } else {
+        const double dev = assembled_dev();
+        if (!std::isfinite(dev)) return e;
+        l.factor_valid = true;
+        e.xlike = -0.5 * dev;
+    } else { // a value belongs to its factor: log|R| and log|G| of a point beside it do not go with its log|C|
         ++l.nreuse;
+        e.xlike = l.xlast;
     }
-    const double dev = assembled_dev();
-    if (!std::isfinite(dev)) return e;
-    l.factor_valid = true;
-    e.xlike = -0.5 * dev;
     e.valid = e.solved = true;
     back_solutions();
     housekeeping(p, nparm, changed, e.xlike);

@@ -29,7 +29,8 @@ struct evaluation {
     bool reordered = false;  // the equations have been ordered anew
 };
 
-// log L at parvec (nparm values, which clamps may change).
+// log L at parvec (nparm values, which clamps may change). Where all parameters are within numbers.zero of those of the
+// factor at hand, the value is that of the factor.
 //   iopt 0   plain: the table of earlier evaluations may answer, then the factor at hand belongs to another point
 //       -1   the factor is wanted: returns at once when it belongs to parvec, xlike is its log L
 //       >0   for derivatives: the table is not consulted, factor and solutions are those of parvec on return

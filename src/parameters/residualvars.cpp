@@ -150,6 +150,16 @@ bool has_small_pivot(const pattern_matrix& inverse) {
     return false;
 }
 
+// A pivot that is no more than rounding against the variance of its record: with the others given, nothing is left of
+// it. log|R| and the inverse have no digit in common with those of a point beside it.
+bool nearly_singular(const std::vector<double>& inverse, const std::vector<double>& matrix, int n) {
+    for (int i = 1; i <= n; ++i) {
+        const auto k = at(ihmssf(i, i, n) - 1);
+        if (!(inverse[k] * matrix[k] * numbers.zero < 1.0)) return true;
+    }
+    return false;
+}
+
 void invert_pattern(int icombi, int& ifail) {
     const std::vector<int> traits = pattern_traits(icombi);
     pattern_matrix& inverse = residualvars.eei[at(icombi - 1)];
@@ -164,7 +174,7 @@ void invert_pattern(int icombi, int& ifail) {
         int rank = 0, negative = 0;
         gen_inverse(w, n, numbers.zero * 0.01, rank, ldet, &negative);
         if (rank < n) show_singular(n, rank, icombi, kept);
-        if (rank < n || negative > 0) {
+        if (rank < n || negative > 0 || nearly_singular(w, kept, n)) {
             inverse = {};
             ifail = 1;
             return;

@@ -312,22 +312,47 @@ void from_factor(array<double>& parvec, int irand, int step, array<double>& cc, 
     factor_to_matrix(vv, n, rank, cc);
 }
 
-// Raises eigenvalues below the floor, in the matrix only.
-void raise_eigenvalues(array<double>& cc, int n) {
-    array<double, 2> a, vectors;
-    array<double> eig;
+// Eigenvalues below the floor; the covariances are multiplied by `share`.
+int count_small(const array<double>& cc, int n, double share, array<double>& eig, array<double, 2>& vectors) {
+    array<double, 2> a;
     a.allocate(n, n);
     for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = cc(ihmssf(i, j, n));
+        for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = (i == j ? 1.0 : share) * cc(ihmssf(i, j, n));
     int nzero = 0;
     eigem(a, eig, vectors, n, eigen_floor, nzero);
-    if (nzero == 0) return;
+    return nzero;
+}
+
+// Raises eigenvalues below the floor, in the matrix only.
+void raise_eigenvalues(array<double>& cc, int n) {
+    array<double, 2> vectors;
+    array<double> eig;
+    if (count_small(cc, n, 1.0, eig, vectors) == 0) return;
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j) {
             double s = 0.0;
             for (int k = 1; k <= n; ++k) s += vectors(i, k) * vectors(j, k) * std::max(eig(k), eigen_floor);
             cc(ihmssf(i, j, n)) = s;
         }
+}
+
+// The same where covariances are held at 0: raised eigenvalues would spread into these. Variances are raised to twice
+// the floor, and all covariances shrunk as far as it takes.
+void raise_beside_zeros(array<double>& cc, int n, int step) {
+    for (int k = 1; k <= triangle(n); ++k)
+        if (residualvars.fixres((step - 1) * step_covs(0) + k)) cc(k) = 0.0;
+    array<double, 2> vectors;
+    array<double> eig;
+    if (count_small(cc, n, 1.0, eig, vectors) == 0) return;
+    for (int i = 1; i <= n; ++i) cc(ihmssf(i, i, n)) = std::max(cc(ihmssf(i, i, n)), 2.0 * eigen_floor);
+    double low = 0.0, high = 1.0;
+    if (count_small(cc, n, 1.0, eig, vectors) == 0) low = 1.0;
+    while (high - low > 1.0e-4) {
+        const double middle = 0.5 * (low + high);
+        (count_small(cc, n, middle, eig, vectors) == 0 ? low : high) = middle;
+    }
+    for (int i = 1; i <= n; ++i)
+        for (int j = i + 1; j <= n; ++j) cc(ihmssf(i, j, n)) *= low;
 }
 
 void from_original(array<double>& parvec, int irand, int step, array<double>& cc, array<double, 2>& vv) {
@@ -344,7 +369,10 @@ void from_original(array<double>& parvec, int irand, int step, array<double>& cc
         return;
     }
     for (int k = 1; k <= triangle(n); ++k) cc(k) = parvec(from + k - 1);
-    if (!options.blup) raise_eigenvalues(cc, n);
+    if (!options.blup && irand == 0 && any_fixres())
+        raise_beside_zeros(cc, n, step);
+    else if (!options.blup)
+        raise_eigenvalues(cc, n);
     array<int> order;
     order.allocate(n);
     for (int i = 1; i <= n; ++i) order(i) = i;

@@ -56,6 +56,29 @@ inline dense em_residual(const analysis& m, const dense& r, const dense& h) {
     return plus(r, product(product(r, s), r), 1.0 / subjects);
 }
 
+// Expected log density of the residuals at r, with the expectations taken at r0; one record a trait.
+inline double residual_expectation(const analysis& m, const dense& r, const dense& r0, const dense& h) {
+    double q = 0.0;
+    for (std::size_t o = 0; o < m.obs.size();) {
+        std::vector<std::size_t> mine;
+        for (std::size_t w = o; w < m.obs.size() && m.obs[w].subject == m.obs[o].subject; ++w) mine.push_back(w);
+        const std::size_t n = mine.size();
+        dense now = zeros(n, n), then = zeros(n, n), hs = zeros(n, n);
+        for (std::size_t i = 0; i < n; ++i)
+            for (std::size_t j = 0; j < n; ++j) {
+                const auto a = static_cast<std::size_t>(m.obs[mine[i]].trait - 1);
+                const auto b = static_cast<std::size_t>(m.obs[mine[j]].trait - 1);
+                now[i][j] = r[a][b];
+                then[i][j] = r0[a][b];
+                hs[i][j] = h[mine[i]][mine[j]];
+            }
+        const dense s = plus(then, product(product(then, hs), then));
+        q -= 0.5 * (log_det(now) + trace_of_product(inverse(now), s));
+        o += n;
+    }
+    return q;
+}
+
 // Mean square of independent residuals, by class.
 inline vec em_classes(const analysis& m, const point& at, const dense& h) {
     vec sum(at.r.size(), 0.0), n(at.r.size(), 0.0);

@@ -1,6 +1,7 @@
 #include "control/maximise.h"
 #include "control/options.h"
 #include "estimation/dense_em.h"
+#include "estimation/iteratelog.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "parfile/mudmap.h"
@@ -134,17 +135,70 @@ TEST_F(em_round_test, DiagonalBlockStaysDiagonal) {
     expect_matrix(point_at(m, estimates.parvec).g[1], want, "diagonal");
 }
 
+// With covariances held at 0 the round leaves the maximiser of the expected log density over the others.
+void expect_held_maximiser(const small_model& m, const std::vector<std::pair<std::size_t, std::size_t>>& held) {
+    const before_round b(m);
+    em_rounds(1);
+    const oracle::point after = point_at(m, estimates.parvec);
+    for (std::size_t k = 0; k < m.random.size(); ++k) expect_matrix(after.g[k], b.effect(k), "effect");
+    const dense& r = after.r[0];
+    const auto q = [&](const dense& at) { return residual_expectation(b.a, at, b.at.r[0], b.h); };
+    EXPECT_GT(q(r), q(b.at.r[0]));
+    for (std::size_t i = 0; i < r.size(); ++i)
+        for (std::size_t j = i; j < r.size(); ++j) {
+            if (std::find(held.begin(), held.end(), std::pair{i, j}) != held.end()) {
+                EXPECT_EQ(r[i][j], 0.0);
+                continue;
+            }
+            const double step = 1.0e-4;
+            dense up = r, down = r;
+            up[i][j] = up[j][i] = r[i][j] + step;
+            down[i][j] = down[j][i] = r[i][j] - step;
+            EXPECT_NEAR((q(up) - q(down)) / (2.0 * step), 0.0, 1.0e-5) << i << j;
+            EXPECT_LT(q(up), q(r));
+            EXPECT_LT(q(down), q(r));
+        }
+}
+
 TEST_F(em_round_test, TraitsNeverTogetherKeepAZeroCovariance) {
     small_model m = two_traits();
     for (auto& r : m.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
     set_up(m, {"--emalg"});
-    const before_round b(m);
-    em_rounds(1);
-    const oracle::point after = point_at(m, estimates.parvec);
-    dense want = em_residual(b.a, b.at.r[0], b.h);
-    EXPECT_EQ(after.r[0][0][1], 0.0);
-    EXPECT_NEAR(after.r[0][0][0], want[0][0], 1.0e-9);
-    expect_matrix(after.g[0], b.effect(0), "effect");
+    expect_held_maximiser(m, {{0, 1}});
+}
+
+TEST_F(em_round_test, CovarianceGivenAsZeroIsLeftOutOfTheRound) {
+    small_model m = components(3);
+    m.principal = false;
+    m.residual = {2.1, 0.0, 0.6, 1.9, 0.5, 1.5};
+    set_up(m, {"--emalg"});
+    expect_held_maximiser(m, {{0, 1}});
+}
+
+TEST_F(em_round_test, TwoOfThreeTraitsAreNeverTogether) {
+    small_model m = families(3, 120, 0.1);
+    for (auto& r : m.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
+    set_up(m, {"--emalg"});
+    expect_held_maximiser(m, {{0, 1}});
+}
+
+TEST_F(em_round_test, RoundThatLosesIsTakenBackAndToldAndEndsTheRounds) {
+    const small_model m = with_dams();
+    set_up(m, {"--emalg"});
+    double x = program_logl(estimates.parvec, 1);
+    const array<double> start = estimates.parvec;
+    likelihoods.xlast += 500.0; // more than any round can gain
+    int iround = 0;
+    em_algorithm(5, iround, x, 0.0);
+    EXPECT_EQ(iround, 0);
+    EXPECT_FALSE(maximise.converged);
+    for (int i = 1; i <= estimates.nparm; ++i) EXPECT_EQ(estimates.parvec(i), start(i)) << i;
+    for (const std::string& text : {screen_text(), read_file("Iterates")}) {
+        EXPECT_NE(text.find("*** (PX-) EM : round lost 49"), std::string::npos) << text;
+        EXPECT_NE(text.find(" in log L - taken back\n"), std::string::npos);
+        EXPECT_EQ(text.find("has converged"), std::string::npos);
+    }
+    EXPECT_EQ(iterate_log.ended, "a round that lost log L");
 }
 
 TEST_F(em_round_test, CorrelatedEffectsShareAMatrix) {

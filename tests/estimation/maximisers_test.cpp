@@ -4,6 +4,7 @@
 #include "estimation/aireml.h"
 #include "estimation/bestpoint.h"
 #include "estimation/pxem.h"
+#include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
 #include "support/em_fixture.h"
@@ -38,6 +39,43 @@ TEST_F(maximisers_test, NoLossInRoundsOfFamilies) { expect_no_loss(rounds(famili
 TEST_F(maximisers_test, NoLossInRoundsOfRepeatEffect) { expect_no_loss(rounds(repeats_with_peq(), "--emalg", 50)); }
 TEST_F(maximisers_test, NoLossInRoundsOfRepeatEffectOfTwoTraits) {
     expect_no_loss(rounds(repeats_with_peq(2), "--emalg", 50));
+}
+TEST_F(maximisers_test, NoLossInRoundsWithACovarianceHeldAtZero) {
+    small_model m = families(3, 120, 0.3);
+    m.residual = {1.5, 0.0, 0.6, 1.5, 0.6, 1.5};
+    expect_no_loss(rounds(m, "--emalg", 40));
+}
+TEST_F(maximisers_test, NoLossInRoundsOfTraitsNeverTogether) {
+    small_model m = families(3, 120, 0.1);
+    for (auto& r : m.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
+    expect_no_loss(rounds(m, "--emalg", 40));
+}
+// The records know the covariance of two traits only as a sum of both matrices.
+TEST_F(maximisers_test, RepeatAndResidualMatrixStayPositiveDefiniteInRounds) {
+    small_model m = families(2, 80, 0.0, 2);
+    std::mt19937 rng(3);
+    std::normal_distribution<double> normal;
+    for (std::size_t k = 0; k + 1 < m.rows.size(); k += 2) { // two records of the first trait have little in common
+        const double c = normal(rng), d = 0.9 * normal(rng);
+        m.rows[k].y = {10.0 + c + d + 0.3 * normal(rng), 12.0 + c + 0.3 * normal(rng)};
+        m.rows[k + 1].y = {10.0 + c - d + 0.3 * normal(rng), 12.0 + c + 0.3 * normal(rng)};
+    }
+    m.random[0].g = {0.1, 0.0, 0.1};
+    m.residual = {1.0, 0.05, 1.0};
+    m.random.push_back({"pe", "PEQ", 2, 0, {0.3, 0.0, 0.3}});
+    set_up(m, {"--emalg"});
+    int iround = 1;
+    double x = program_logl(estimates.parvec, 1), last = x;
+    for (int k = 0; k < 40; ++k) {
+        em_algorithm(1, iround, x, 0.0);
+        EXPECT_GE(x, last - 1.0e-8) << "round " << k;
+        last = x;
+        const std::vector<double> r = best_covariances(0), p = best_covariances(residualvars.ipeq);
+        for (const auto& c : {r, p}) {
+            EXPECT_GT(c[0], 0.0);
+            EXPECT_LT(c[1] * c[1], c[0] * c[2]) << "round " << k;
+        }
+    }
 }
 TEST_F(maximisers_test, NoLossInRoundsOfRepeatedTraits) {
     expect_no_loss(rounds(families(2, 80, 0.2, 2), "--emalg", 50));

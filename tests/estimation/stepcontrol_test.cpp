@@ -153,6 +153,48 @@ TEST_F(step_test, ResidualCovariancesStayPositiveDefinite) {
     EXPECT_NEAR(smallest, 1.0e-4, 1.0e-9);
 }
 
+// Log L is flat where the residual matrix of a point has been made positive definite: the search must not go on there.
+TEST_F(step_test, ResidualCovariancesStayPositiveDefiniteInTheSearch) {
+    small_model m = two_traits();
+    m.random[0].g = {30.0, 5.0, 30.0};
+    m.residual = {1000.0, 1.0, 1000.0}; // better without any
+    start(m);
+    options.emalgorithm = true;
+    covs2parvec();
+    real_derivatives();
+    derivs.dvec.allocate(6);
+    aireml_terms.slope = -100.0;
+    trial({-2500.0, 0.0, -2500.0, 0.0, 0.0, 0.0});
+    bool fail = false;
+    line_search(xold, xnew, fail);
+    EXPECT_FALSE(fail);
+    EXPECT_GT(aireml_terms.alpha, 0.4); // the point is beyond the parameter space
+    EXPECT_GT(search_state.parnew(1), 0.0);
+    EXPECT_GT(search_state.parnew(3), 0.0);
+    EXPECT_NEAR(xnew, program_logl(search_state.parnew), 1.0e-9 * std::fabs(xnew));
+}
+
+TEST_F(step_test, CovarianceHeldAtZeroStaysSoWhereTheStepIsControlled) {
+    small_model m = components(3);
+    m.principal = false;
+    for (auto& r : m.rows) r.y[r.animal % 2 ? 1 : 2] = -999.0;
+    start(m);
+    ASSERT_EQ(estimates.paraform(0), "Original");
+    maximise.modify_chol = 0;
+    std::vector<double> unit(78, 0.0), g(12, 0.0);
+    for (int i = 1; i <= 12; ++i) unit[static_cast<std::size_t>(ihmssf(i, i, 12) - 1)] = 1.0;
+    g[0] = -2.0;
+    g[2] = 1.5; // the covariance of the first and the third trait grows beyond them
+    quadratic(unit, g);
+    eztimates(1, xnew);
+    const auto& p = search_state.parnew;
+    const double a = p(1), b = p(2), c = p(3), d = p(4), e = p(6); // (1,1) (1,2) (1,3) (2,2) (3,3)
+    EXPECT_EQ(p(5), 0.0);
+    EXPECT_GT(a, 0.0);
+    EXPECT_GT(a * d * e - e * b * b - d * c * c, 0.0);
+    EXPECT_GT(xnew, invalid_logl);
+}
+
 TEST_F(step_test, SearchBringsBackALongStep) {
     start(families(1));
     real_derivatives();

@@ -82,7 +82,8 @@ TEST_F(verdict_test, GainThatTheBorderStillPromisesIsNoMaximum) {
 }
 
 TEST_F(verdict_test, CorrelationNearOneIsAtTheBorder) {
-    // Along the vanishing vector (1/sqrt 2, -1/sqrt 2) in units of the scales: slope 20 g11/2 + 40 g22/2 - sqrt(800) g12.
+    // Along the vanishing vector (1/sqrt 2, -1/sqrt 2) in units of the scales: slope 20 g11/2 + 40 g22/2 - sqrt(800)
+    // g12.
     const double c = 0.999 * std::sqrt(10.0 * 20.0);
     const auto v = judge(two_traits({10, c, 20}, {-0.0002, 0.0002, 0.0}, {4, 1, 0, 3, 1, 2}));
     EXPECT_EQ(v.kind, search_end::border);

@@ -211,12 +211,41 @@ TEST_F(evaluations_test, SmallestAnalysis) {
     EXPECT_NEAR(likelihoods.ypy, 5.0, 1.0e-12);
 }
 
-TEST_F(evaluations_test, RelationshipDeterminantThatIsNotANumberIsInvalid) {
+// log|R| and log|G| of a point beside the factor's would not go with its log|C|.
+TEST_F(evaluations_test, ValueBelongsToTheFactor) {
+    set_up(traits(1));
+    array<double> p = estimates.parvec;
+    const double x = program_logl(p, 1);
+    for (int step = 1; step <= 4; ++step) { // the factor stays where it was made, however many steps are taken
+        p(1) += 1.0e-9;                     // 2.9e-9 of the residual variance
+        const double there = program_logl(p);
+        if (step <= 3)
+            EXPECT_EQ(there, x) << step;
+        else
+            EXPECT_NE(there, x) << step;
+    }
+    EXPECT_EQ(likelihoods.nfact, 2);
+    EXPECT_EQ(likelihoods.nreuse, 3);
+}
+
+TEST_F(evaluations_test, PatternThatIsSingularToRoundingIsInvalid) {
+    set_up(traits(2), {"--aireml", "--nologd"});
+    array<double> p = estimates.parvec;
+    p(1) = p(2) = 2.0;
+    p(3) = 1.0e-3; // of a variance of 4: 2.5e-7
+    EXPECT_GT(program_logl(p), invalid_logl);
+    p(3) = 1.0e-4; // 2.5e-9
+    EXPECT_EQ(program_logl(p), invalid_logl);
+    p(1) = p(2) = 0.5; // the same pivot, of a variance of 0.25: 4e-8
+    EXPECT_GT(program_logl(p), invalid_logl);
+}
+
+TEST_F(evaluations_test, DeterminantThatIsNotANumberIsInvalid) {
     set_up(traits(1));
     const double x = program_logl(estimates.parvec);
-    randomvars.detl(1) = std::nan("");
+    residualvars.detres(1) = std::nan(""); // kept as long as the residual variance stays
     array<double> p = estimates.parvec;
-    p(2) += 1.0e-9; // the factor is used again, and with it the determinant at hand
+    p(2) += 0.01;
     EXPECT_EQ(program_logl(p), invalid_logl);
     EXPECT_EQ(likelihoods.nlike, 1);
     EXPECT_EQ(bestpoint.xbest, x);

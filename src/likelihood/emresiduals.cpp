@@ -1,0 +1,370 @@
+// The M-step for the residual covariances, with those of a repeat effect (PEQ) behind them.
+//
+// With S_k the expected sums of squares and products of pattern k, n_k its subjects and W_k its matrix, linear in the
+// covariances theta, the step raises Q(theta) = -1/2 sum_k (n_k log|W_k| + tr W_k^-1 S_k). Where some covariances are
+// held at 0 there is no closed form: Q is maximised over the others (a conditional step in the sense of X.-L. Meng and
+// D. B. Rubin, Biometrika 80:267, 1993). W_k^-1 then has zeros wherever the store lacks products of residuals, so that
+// these are never asked for; completing missing records would need them.
+#include "control/numbers.h"
+#include "control/options.h"
+#include "data/datavecs.h"
+#include "dense/numroutines.h"
+#include "likelihood/emquants.h"
+#include "parameters/parvec.h"
+#include "parfile/model.h"
+#include "parfile/mudmap.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace tarvex {
+
+namespace {
+
+constexpr double least_eigenvalue = 1.0e-4; // of a covariance matrix: what is below is raised when it is used
+constexpr double least_share = 0.2;         // of its old value that a variance keeps in a step that is cut
+constexpr int most_steps = 100;
+constexpr double same = 1.0e-11; // relative change of the covariances that ends the steps
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+int packed(int i, int j, int n) { return ihmssf(std::min(i, j), std::max(i, j), n); }
+
+bool single_records() {
+    if (residualvars.peqsum) return false;
+    for (const auto& counts : combinations.nqcombi)
+        for (int n : counts)
+            if (n > 1) return false;
+    return true;
+}
+
+bool any_held() {
+    return std::any_of(residualvars.fixres.begin(), residualvars.fixres.end(), [](int f) { return f != 0; });
+}
+
+std::vector<double> current_values() {
+    std::vector<double> theta;
+    for (int k = 1; k <= estimates.nresparm; ++k) theta.push_back(residualvars.rpars(k));
+    for (const peq_place& p : peq_places()) theta.push_back(residualvars.sigpeq(p.residual));
+    return theta;
+}
+
+// At most one record a trait: the missing residuals of a pattern are completed by regression on those observed.
+std::vector<double> complete_patterns(const em_quantities& q) {
+    const int nq = numbers.nq;
+    array<double, 2> R, sum;
+    R.allocate(nq, nq);
+    sum.allocate(nq, nq);
+    for (int i = 1; i <= nq; ++i)
+        for (int j = i; j <= nq; ++j) R(i, j) = R(j, i) = residualvars.rpars(ihmssf(i, j, nq));
+    double subjects = 0.0;
+    for (int k = 1; k <= combinations.ncombi; ++k) {
+        const pattern_matrix& s = q.residuals[at(k - 1)];
+        if (s.n == 0) continue;
+        const double np = combinations.ncomb_subj[at(k - 1)];
+        subjects += np;
+        const std::vector<int> o = pattern_traits(k);
+        const pattern_matrix& inv = residualvars.eei[at(k - 1)];
+        array<double, 2> B;
+        B.allocate(nq, s.n);
+        for (int i = 1; i <= nq; ++i)
+            for (int j = 1; j <= s.n; ++j)
+                for (int l = 1; l <= s.n; ++l) B(i, j) += R(i, o[at(l - 1)]) * inv(l, j);
+        for (int i = 1; i <= nq; ++i)
+            for (int j = 1; j <= nq; ++j) {
+                double x = np * R(i, j);
+                for (int l = 1; l <= s.n; ++l) {
+                    x -= np * B(i, l) * R(o[at(l - 1)], j);
+                    for (int m = 1; m <= s.n; ++m) x += B(i, l) * s(l, m) * B(j, m);
+                }
+                sum(i, j) += x;
+            }
+    }
+    std::vector<double> theta;
+    for (int i = 1; i <= nq; ++i)
+        for (int j = i; j <= nq; ++j) theta.push_back(0.5 * (sum(i, j) + sum(j, i)) / subjects);
+    return theta;
+}
+
+// One trait with independent records: the mean square.
+double one_variance(const em_quantities& q) {
+    double ss = 0.0, n = 0.0;
+    for (int k = 1; k <= combinations.ncombi; ++k) {
+        const pattern_matrix& s = q.residuals[at(k - 1)];
+        for (int i = 1; i <= s.n; ++i) ss += s(i, i);
+        n += static_cast<double>(s.n) * combinations.ncomb_subj[at(k - 1)];
+    }
+    return residualvars.fixres(1) ? 0.0 : ss / n;
+}
+
+// ---- matrices of the patterns
+
+// Matrix of a pattern at the parameters theta (residual sum, PEQ behind it), by columns.
+void pattern_variance(const std::vector<int>& traits, const std::vector<double>& theta, std::vector<double>& w) {
+    const int n = static_cast<int>(traits.size());
+    w.assign(at(n) * at(n), 0.0);
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) {
+            int pars[2];
+            const int np = residual_pars(traits[at(i)], traits[at(j)], 1, i == j, pars);
+            for (int p = 0; p < np; ++p) w[at(i) + at(j) * at(n)] += theta[at(pars[p] - 1)];
+        }
+}
+
+// Cholesky factor in the lower triangle; false: not positive definite.
+bool factorise(std::vector<double>& w, int n) {
+    for (int j = 0; j < n; ++j)
+        for (int i = j; i < n; ++i) {
+            double x = w[at(i) + at(j) * at(n)];
+            for (int l = 0; l < j; ++l) x -= w[at(i) + at(l) * at(n)] * w[at(j) + at(l) * at(n)];
+            if (i == j && !(x > 0.0)) return false;
+            w[at(i) + at(j) * at(n)] = i == j ? std::sqrt(x) : x / w[at(j) + at(j) * at(n)];
+        }
+    return true;
+}
+
+// x <- W^-1 x with the factor of W.
+void solve(const std::vector<double>& w, int n, std::vector<double>& x) {
+    for (int i = 0; i < n; ++i) {
+        for (int l = 0; l < i; ++l) x[at(i)] -= w[at(i) + at(l) * at(n)] * x[at(l)];
+        x[at(i)] /= w[at(i) + at(i) * at(n)];
+    }
+    for (int i = n - 1; i >= 0; --i) {
+        for (int l = i + 1; l < n; ++l) x[at(i)] -= w[at(l) + at(i) * at(n)] * x[at(l)];
+        x[at(i)] /= w[at(i) + at(i) * at(n)];
+    }
+}
+
+// -2 Q at theta; false where a pattern's matrix is not positive definite.
+bool residual_objective(const em_quantities& q, const std::vector<double>& theta, double& value) {
+    value = 0.0;
+    std::vector<double> w;
+    for (int k = 1; k <= combinations.ncombi; ++k) {
+        const pattern_matrix& s = q.residuals[at(k - 1)];
+        const int n = s.n;
+        if (n == 0) continue;
+        pattern_variance(pattern_traits(k), theta, w);
+        if (!factorise(w, n)) return false;
+        for (int j = 0; j < n; ++j)
+            value += 2.0 * combinations.ncomb_subj[at(k - 1)] * std::log(w[at(j) + at(j) * at(n)]);
+        for (int c = 0; c < n; ++c) { // trace of W^-1 S, column by column
+            std::vector<double> x(at(n));
+            for (int i = 0; i < n; ++i) x[at(i)] = s(i + 1, c + 1);
+            solve(w, n, x);
+            value += x[at(c)];
+        }
+    }
+    return true;
+}
+
+// Inverses of the patterns' matrices at theta, where they are positive definite.
+std::vector<pattern_matrix> pattern_inverses(const em_quantities& q, const std::vector<double>& theta) {
+    std::vector<pattern_matrix> list(q.residuals.size());
+    std::vector<double> w;
+    for (int k = 1; k <= combinations.ncombi; ++k) {
+        pattern_matrix& inv = list[at(k - 1)];
+        const int n = inv.n = q.residuals[at(k - 1)].n;
+        if (n == 0) continue;
+        pattern_variance(pattern_traits(k), theta, w);
+        factorise(w, n);
+        for (int c = 0; c < n; ++c) {
+            std::vector<double> x(at(n), 0.0);
+            x[at(c)] = 1.0;
+            solve(w, n, x);
+            inv.v.insert(inv.v.end(), x.begin(), x.end());
+        }
+    }
+    return list;
+}
+
+// ---- which covariances may be
+
+struct least_eigenvalues {
+    double sum = 0.0, residual = 0.0, peq = 0.0;
+};
+
+double least_of(array<double, 2>& a, int n) {
+    array<double, 2> vectors;
+    array<double> eig;
+    int nzero = 0;
+    eigem(a, eig, vectors, n, 0.0, nzero);
+    return eig(n);
+}
+
+// Of the matrix that the parameters hold, and of its parts where it is the sum of residual and PEQ matrix.
+least_eigenvalues margins(const std::vector<double>& theta) {
+    const int nq = numbers.nq;
+    array<double, 2> a, peq;
+    a.allocate(nq, nq);
+    for (int i = 1; i <= nq; ++i)
+        for (int j = i; j <= (model.diagonal(0) ? i : nq); ++j)
+            a(i, j) = a(j, i) = theta[at((model.diagonal(0) ? i : packed(i, j, nq)) - 1)];
+    least_eigenvalues m;
+    m.sum = m.residual = m.peq = least_of(a, nq);
+    const auto places = peq_places();
+    if (places.empty()) return m;
+    const int n = model.kkfit(residualvars.ipeq);
+    peq.allocate(n, n);
+    int k = estimates.nresparm;
+    for (const peq_place& p : places) {
+        const int i = mudmap.rn_trait(p.i, residualvars.ipeq), j = mudmap.rn_trait(p.j, residualvars.ipeq);
+        const double x = theta[at(k++)];
+        peq(p.i, p.j) = peq(p.j, p.i) = x;
+        a(i, j) -= x;
+        if (i != j) a(j, i) -= x;
+    }
+    m.residual = least_of(a, nq);
+    m.peq = least_of(peq, n);
+    return m;
+}
+
+// All matrices are positive definite, or no nearer to singular than they were.
+bool may_be(const std::vector<double>& theta, const least_eigenvalues& old) {
+    const least_eigenvalues m = margins(theta);
+    const auto holds = [](double now, double before) { return now >= std::min(before, least_eigenvalue); };
+    return holds(m.sum, old.sum) && holds(m.residual, old.residual) && holds(m.peq, old.peq);
+}
+
+// Variances that a step would take below a share of their old values are held there, residual and PEQ ones.
+std::vector<double> with_variances(std::vector<double> theta, const std::vector<double>& old) {
+    const int nq = numbers.nq;
+    const auto residual = [&](int i) { return at((model.diagonal(0) ? i : packed(i, i, nq)) - 1); };
+    std::vector<double> peq(at(nq + 1), 0.0), old_peq(at(nq + 1), 0.0);
+    int k = estimates.nresparm;
+    for (const peq_place& p : peq_places()) {
+        const std::size_t place = at(k++);
+        if (p.i != p.j) continue;
+        theta[place] = std::max(theta[place], least_share * old[place]);
+        const int q = mudmap.rn_trait(p.i, residualvars.ipeq);
+        peq[at(q)] = theta[place];
+        old_peq[at(q)] = old[place];
+    }
+    for (int i = 1; i <= nq; ++i) {
+        const double least = least_share * (old[residual(i)] - old_peq[at(i)]);
+        theta[residual(i)] = std::max(theta[residual(i)], peq[at(i)] + least);
+    }
+    return theta;
+}
+
+// The records know the covariance of two traits only as a sum, residual + 2 PEQ. Moves it towards equal residual and
+// PEQ correlations, by `share` of the way; the sum stays.
+std::vector<double> balanced(std::vector<double> theta, double share) {
+    const int nq = numbers.nq, ipeq = residualvars.ipeq;
+    if (ipeq == 0 || model.diagonal(0) || model.diagonal(ipeq)) return theta;
+    const int n = model.kkfit(ipeq);
+    const auto peq = [&](int i, int j) -> double& { return theta[at(estimates.nresparm + packed(i, j, n) - 1)]; };
+    for (const peq_place& p : peq_places()) {
+        const int i = mudmap.rn_trait(p.i, ipeq), j = mudmap.rn_trait(p.j, ipeq);
+        if (i == j || residualvars.fixres(p.residual)) continue;
+        const double pp = peq(p.i, p.i) * peq(p.j, p.j);
+        const double rr =
+            (theta[at(packed(i, i, nq) - 1)] - peq(p.i, p.i)) * (theta[at(packed(j, j, nq) - 1)] - peq(p.j, p.j));
+        if (!(pp > 0.0) || !(rr > 0.0)) continue;
+        double& sum = theta[at(p.residual - 1)];
+        const double total = sum + peq(p.i, p.j);
+        const double correlation = total / (std::sqrt(rr) + 2.0 * std::sqrt(pp));
+        const double move = share * (correlation * std::sqrt(pp) - peq(p.i, p.j));
+        peq(p.i, p.j) += move;
+        sum -= move;
+    }
+    return theta;
+}
+
+// ---- steps of scoring
+
+// Normal equations of a scoring step with the patterns' inverses: W is linear in theta. Covariances that the data know
+// only as a sum keep to their values as far as they can.
+std::vector<double> scoring_change(const em_quantities& q, const std::vector<double>& old,
+                                   const std::vector<pattern_matrix>& inverses) {
+    const int n = estimates.nrespeq;
+    std::vector<double> h(at(n), 0.0), info(at(n) * at(n + 1) / 2, 0.0);
+    for (int k = 1; k <= combinations.ncombi; ++k) {
+        const pattern_matrix& s = q.residuals[at(k - 1)];
+        if (s.n == 0) continue;
+        const pattern_matrix& inv = inverses[at(k - 1)];
+        const std::vector<int> traits = pattern_traits(k);
+        add_residual_terms(between_inverses(inv, s), traits, {}, {}, 1.0, h);
+        for (int l = 1; l <= n; ++l) {
+            std::vector<double> unit(at(n), 0.0), w, f(at(n), 0.0);
+            unit[at(l - 1)] = 1.0;
+            pattern_variance(traits, unit, w);
+            if (std::all_of(w.begin(), w.end(), [](double x) { return x == 0.0; })) continue;
+            pattern_matrix wl;
+            wl.n = s.n;
+            wl.v = w;
+            add_residual_terms(between_inverses(inv, wl), traits, {}, {}, combinations.ncomb_subj[at(k - 1)], f);
+            for (int m = l; m <= n; ++m) info[at(ihmssf(l, m, n) - 1)] += f[at(m - 1)];
+        }
+    }
+    for (int i = 1; i <= n; ++i) // the score is what remains at the old values
+        for (int j = 1; j <= n; ++j) h[at(i - 1)] -= info[at(packed(i, j, n) - 1)] * old[at(j - 1)];
+    std::vector<double> scale(at(n), 0.0), change(at(n), 0.0);
+    for (int i = 1; i <= n; ++i) {
+        const double d = info[at(ihmssf(i, i, n) - 1)];
+        if (d > 0.0) scale[at(i - 1)] = 1.0 / std::sqrt(d);
+    }
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) info[at(ihmssf(i, j, n) - 1)] *= scale[at(i - 1)] * scale[at(j - 1)];
+    int rank = 0;
+    double ldet = 0.0;
+    gen_inverse(info, n, numbers.zero, rank, ldet);
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j)
+            change[at(i - 1)] += info[at(packed(i, j, n) - 1)] * scale[at(i - 1)] * scale[at(j - 1)] * h[at(j - 1)];
+    return change;
+}
+
+// The longest of the halved steps that does not lose, with all matrices as they may be; the old values where none is.
+std::vector<double> guarded(const em_quantities& q, const std::vector<double>& old, const std::vector<double>& change) {
+    const least_eigenvalues from = margins(old);
+    double before = 0.0, now = 0.0;
+    residual_objective(q, old, before);
+    const double limit = before + 1.0e-13 * std::fabs(before); // rounding
+    std::vector<double> theta(old.size());
+    for (double step = 1.0; step > 1.0e-6; step *= 0.5) {
+        for (std::size_t i = 0; i < theta.size(); ++i) theta[i] = old[i] + step * change[i];
+        for (const std::vector<double>& base : {theta, with_variances(theta, old)})
+            for (double share = 0.0; share <= (residualvars.peqsum ? 1.0 : 0.0); share += 0.25) {
+                const std::vector<double> trial = share > 0.0 ? balanced(base, share) : base;
+                if (may_be(trial, from) && residual_objective(q, trial, now) && now <= limit) return trial;
+            }
+    }
+    return old;
+}
+
+std::vector<double> scoring_step(const em_quantities& q) {
+    const std::vector<double> old = current_values();
+    return guarded(q, old, scoring_change(q, old, residualvars.eei));
+}
+
+// Maximiser of Q with the covariances held at 0 left there, by steps of scoring.
+std::vector<double> held_maximiser(const em_quantities& q) {
+    std::vector<double> theta = current_values();
+    for (int step = 1; step <= most_steps; ++step) {
+        const std::vector<double> old = theta;
+        theta = guarded(q, old, scoring_change(q, old, pattern_inverses(q, old)));
+        double change = 0.0, size = 0.0;
+        for (std::size_t i = 0; i < theta.size(); ++i) {
+            change = std::max(change, std::fabs(theta[i] - old[i]));
+            size = std::max(size, std::fabs(theta[i]));
+        }
+        if (change <= same * size) break;
+    }
+    return theta;
+}
+
+} // namespace
+
+std::vector<double> covarsres(const em_quantities& q) {
+    if (!options.randreg && numbers.nq == 1 && !residualvars.peqsum) return {one_variance(q)};
+    if (!options.randreg && !single_records()) return scoring_step(q);
+    if (!options.randreg) return any_held() ? held_maximiser(q) : complete_patterns(q);
+    std::vector<double> theta;
+    for (std::size_t c = 0; c < q.class_ss.size(); ++c) {
+        const bool fixed = residualvars.fixres(static_cast<int>(c) + 1) != 0;
+        const double old = residualvars.sigres(1, static_cast<int>(c) + 1);
+        theta.push_back(fixed ? 0.0 : q.class_n[c] > 0.0 ? q.class_ss[c] / q.class_n[c] : old);
+    }
+    return theta;
+}
+
+} // namespace tarvex
