@@ -60,8 +60,8 @@ void say_converged(const char* on_screen, const char* in_file, double value, dou
 bool promises_little() { return -aireml_terms.prox < std::max(0.01, 10.0 * maximise.aiconv_like); }
 
 void test_convergence(double xold, double xnew) {
-    iterate_log.ended = aireml_terms.dnorm < maximise.aiconv_norm ? "gradient below its limit"
-                                                                  : "change in log L below its limit";
+    iterate_log.ended =
+        aireml_terms.dnorm < maximise.aiconv_norm ? "gradient below its limit" : "change in log L below its limit";
     if (aireml_terms.dnorm < maximise.aiconv_norm)
         say_converged("   Norm of gradient vector", "    Norm of gradient vector =", aireml_terms.dnorm,
                       maximise.aiconv_norm);
@@ -97,7 +97,12 @@ outcome judge_step(double xold, double& xnew) {
     return any_switch() ? outcome::rescale : outcome::stuck;
 }
 
-void take_step(int& iround, double xold, double xnew) {
+// Change in log L that counts: where steps may lose, that from the best point before the step, not from the last one.
+double change_that_counts(double xold, double xnew, double best) {
+    return xnew - (options.strict_ai ? xold : std::max(xold, best));
+}
+
+void take_step(int& iround, double xold, double xnew, double best) {
     aireml_terms.pnorm = relative_change(estimates.parvec, search_state.parnew);
     if (aireml_terms.pnorm < 1.0e-8) maximise.converged = true;
     ++iround;
@@ -108,7 +113,9 @@ void take_step(int& iround, double xold, double xnew) {
     estimates.parvec = search_state.parnew;
     if (options.reconstruct && readbestpoint(true)) covs2parvec();
     maximise.converged = false; // only the tests on gradient and log L count
-    if (xnew >= xold) test_convergence(xold, xnew);
+    const double rounding = options.strict_ai ? 0.0 : 1.0e-10 * std::fabs(xnew);
+    const double change = change_that_counts(xold, xnew, best);
+    if (change >= -rounding) test_convergence(xnew - change, xnew);
     write_avinfo(xnew);
 }
 
@@ -149,13 +156,14 @@ void ai_reml(int nits, int& iround, double& xlike) {
         }
         options.strict_ai = strict;
         t.tau = 0.0;
+        const double best = bestpoint.xbest; // the trial may become it
         eztimates(iter, xnew);
         t.prox = 0.5 * t.slope;
         const outcome step = judge_step(xold, xnew);
         if (step == outcome::rescale) continue;
         fail = step == outcome::failed;
         if (step != outcome::accepted) break;
-        take_step(iround, xold, xnew);
+        take_step(iround, xold, xnew, best);
         xlike = xnew;
         if (maximise.converged) break;
     }

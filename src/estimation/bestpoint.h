@@ -1,5 +1,5 @@
-// The best point on disk: log L and number of parameters, then a record for each block with its covariances, then a line
-// of sums over what the point belongs to and over the file itself (see modelsums.h).
+// The best point on disk: log L and number of parameters, then a record for each block with its covariances, then a
+// line of sums over what the point belongs to and over the file itself (see modelsums.h).
 #pragma once
 #include "control/limits.h"
 #include "support/array.h"
@@ -30,8 +30,8 @@ void writebestpoint(int iround, text_out* extra = nullptr);
 std::string bestpoint_sums(std::string_view text);
 
 // Reads BestPoint into model.cov and bestpoint.xlike_file; false (and nothing changed but xlike_file = -1e36) when the
-// file is missing, torn, without its sums, or of another number of parameters. Unless quiet prints two lines. A point of
-// another model stops the run; of one on other data only the covariances count: xlike_file stays -1e36.
+// file is missing, torn, without its sums, or of another number of parameters. Unless quiet prints two lines. A point
+// of another model stops the run; of one on other data only the covariances count: xlike_file stays -1e36.
 bool readbestpoint(bool quiet);
 // The point that the user asks for by option: says so where there is none, and stops if it was to be reported.
 void take_stored_point();

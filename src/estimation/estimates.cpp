@@ -136,7 +136,7 @@ void leave_border() {
 }
 
 // Rounds of EM, and AI-REML again, from an end that is short of a maximum: parameters are laid out anew by each change
-// of scale. False: nothing was gained.
+// of scale. False: next to nothing was gained.
 bool resume(int& iround, double& xlike) {
     constexpr int rounds = 20;
     constexpr double least_gain = 0.01; // of a round that calls for another
@@ -155,7 +155,7 @@ bool resume(int& iround, double& xlike) {
     ai_phase(iround, xlike);
     options.algorithm_set = kept.algorithm_set;
     maximise.search_type = search_type;
-    return bestpoint.xbest > before;
+    return bestpoint.xbest > before + 0.1 * verdict_limit;
 }
 
 // The verdict, and the search again where it is not at a maximum and the user has set no limit of iterates.

@@ -82,8 +82,8 @@ void print_iterate(int iround, double xlike, double xold, std::string_view note)
     const int seconds = static_cast<int>(times.prev - t.tt0);
     if (!options.terse) write(screen(), line, label, iround, "log L =", xlike, "D =", dd, t.pnorm, "Time", seconds);
     screen().flush();
-    iterate_log.records.push_back({label.substr(3, 2), iround, xlike, dd, t.dnorm, t.pnorm, t.prox, t.alpha, t.tau,
-                                   seconds, likelihoods.ncall});
+    iterate_log.records.push_back(
+        {label.substr(3, 2), iround, xlike, dd, t.dnorm, t.pnorm, t.prox, t.alpha, t.tau, seconds, likelihoods.ncall});
 
     char form[] = "(a2,i5,f14.3,f10.0,f9.0,f11.2,f9.0,f8.4,i7,i5,g12.5,i2)";
     edit_iterate_form(form, {dd, t.dnorm, t.pnorm, t.prox, likelihoods.ncall});

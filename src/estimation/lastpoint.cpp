@@ -6,6 +6,7 @@
 #include "data/levels.h"
 #include "dense/numroutines.h"
 #include "estimation/estimates.h"
+#include "estimation/iteratelog.h"
 #include "likelihood/derivatives.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
@@ -123,7 +124,8 @@ void factor_parameters(int irand, const std::vector<double>& scale, judged_point
         judged_parameter q;
         q.par = from + k - 1;
         q.scale = std::sqrt(scale[at(f.row - 1)]);
-        q.name = "factor element " + std::to_string(f.row) + "," + std::to_string(f.col) + " of " + model.krandom(irand);
+        q.name =
+            "factor element " + std::to_string(f.row) + "," + std::to_string(f.col) + " of " + model.krandom(irand);
         if (f.col != column) { // the first element of a column is the pivot
             column = f.col;
             q.value = factor(f.row, f.col);
@@ -137,11 +139,7 @@ void factor_parameters(int irand, const std::vector<double>& scale, judged_point
     }
 }
 
-judged_point gather() {
-    judged_point p;
-    const int n = estimates.nparm;
-    p.gradient.assign(derivs.devl1.begin(), derivs.devl1.begin() + n);
-    for (int k = 1; k <= n * (n + 1) / 2; ++k) p.information.push_back(-derivs.devl2(k));
+void gather_matrices(judged_point& p) {
     const std::vector<double> phenotypic = phenotypic_variances();
     for (int irand = estimates.nresparm == 0 ? 1 : 0; irand <= numbers.krand; ++irand) {
         const std::vector<double> scale = row_scales(irand, phenotypic);
@@ -152,6 +150,14 @@ judged_point gather() {
         for (int step = 1; step <= (irand == 0 ? model.rr_resteps : 1); ++step)
             p.blocks.push_back(covariance_block(irand, step, scale));
     }
+}
+
+judged_point gather() {
+    judged_point p;
+    const int n = estimates.nparm;
+    p.gradient.assign(derivs.devl1.begin(), derivs.devl1.begin() + n);
+    for (int k = 1; k <= n * (n + 1) / 2; ++k) p.information.push_back(-derivs.devl2(k));
+    gather_matrices(p);
     return p;
 }
 
@@ -174,28 +180,60 @@ std::string verdict_line(const search_verdict& v) {
     return std::string("Verdict: ") + titles[static_cast<int>(v.kind)] + ", promised gain in log L = " + gain;
 }
 
+namespace {
+
+void write_eigenvalues(text_out& out, const search_verdict& v) {
+    constexpr edit_form list{"(1x,a,t30,1h=,(t31,6g12.4))"};
+    for (const auto& [name, values] : v.eigenvalues) write(out, list, ("Eigenvalues, " + name).substr(0, 28), values);
+}
+
+void write_border(text_out& out, const search_verdict& v) {
+    for (const std::string& s : v.border) print_list(out, " At the border: " + s);
+    for (const std::string& s : v.flat) print_list(out, " No information: " + s);
+    for (const std::string& s : v.void_names) print_list(out, " Sampling error is void: " + s);
+}
+
+// What was tried at an end short of a maximum, and what to do.
+void write_remedy(text_out& out) {
+    if (verdict.resumed > 0)
+        print_list(out, " Tried: rounds of PX-EM and AI-REML anew,", verdict.resumed,
+                   verdict.resumed > 1 ? "times" : "time");
+    else
+        print_list(out, " Not tried: to go on by itself (limit of iterates, \"--nosure\", or a plan without AI-REML)");
+    print_list(out, " Go on with \"-c\", or start from other values; see the page on algorithms");
+}
+
+constexpr edit_form block_head{"(/1x,a)"}, word_line{"(1x,a,t30,1h=,1x,a)"};
+
+} // namespace
+
 void write_verdict(text_out& out) {
     const search_verdict& v = verdict.last;
     if (v.kind == search_end::none) return;
-    constexpr edit_form head{"(/1x,a)"}, count{"(1x,a,t30,1h=,i12)"}, value{"(1x,a,t30,1h=,g16.6)"},
-        word{"(1x,a,t30,1h=,1x,a)"};
-    write(out, head, "Verdict on the end of the search");
-    write(out, word, "The last point is", titles[static_cast<int>(v.kind)]);
+    constexpr edit_form count{"(1x,a,t30,1h=,i12)"}, value{"(1x,a,t30,1h=,g16.6)"};
+    write(out, block_head, "Verdict on the end of the search");
+    write(out, word_line, "The last point is", titles[static_cast<int>(v.kind)]);
+    if (!iterate_log.ended.empty()) write(out, word_line, "The search ended by", iterate_log.ended);
     write(out, value, "Gain in log L promised", v.promised);
     write(out, value, "Newton decrement", 2.0 * v.promised);
     write(out, value, "Norm of scaled gradient", v.gradient_norm);
     write(out, value, "Least eigenvalue of AI", v.least);
     write(out, value, "Largest eigenvalue of AI", v.largest);
+    write_eigenvalues(out, v);
     if (verdict.resumed > 0) write(out, count, "Times the search went on", verdict.resumed);
-    for (const std::string& s : v.border) print_list(out, " At the border: " + s);
-    for (const std::string& s : v.flat) print_list(out, " No information: " + s);
-    if (!v.void_errors.empty()) {
-        std::string names;
-        for (int par : v.void_errors) names += " " + std::to_string(par);
-        print_list(out, " Sampling errors are void for parameters no." + names);
-    }
-    if (v.kind == search_end::not_maximum)
-        print_list(out, " Go on with \"-c\", or start from other values; see the page on algorithms");
+    write_border(out, v);
+    if (v.kind == search_end::not_maximum) write_remedy(out);
+}
+
+void write_matrices_verdict(text_out& out) {
+    if (options.randreg) return; // the sizes of the traits are not at hand
+    judged_point p;
+    gather_matrices(p);
+    const search_verdict v = look_at_matrices(p);
+    write(out, block_head, "Verdict on the end of the search");
+    write(out, word_line, "The last point is", "not judged : no gradient without the data");
+    write_eigenvalues(out, v);
+    write_border(out, v);
 }
 
 } // namespace tarvex

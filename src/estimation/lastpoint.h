@@ -20,5 +20,7 @@ void judge_last_point();
 std::string verdict_line(const search_verdict& v);
 // All of it, for the foot of the report.
 void write_verdict(text_out& out);
+// What can be said of a stored point without the data: borders and eigenvalues of the matrices in estimates.parvec.
+void write_matrices_verdict(text_out& out);
 
 } // namespace tarvex

@@ -21,19 +21,23 @@ struct share { // change `coef` of parameter `par` for one unit along the direct
 // A way in which the point may move.
 struct direction {
     std::vector<share> shares;
-    double curvature = 0.0; // of the border, beyond that of the likelihood
+    double curvature = 0.0;    // of the border, beyond that of the likelihood
+    double least = -1.0e36;    // how far it leads before something vanishes
+    std::string vanishes = {}; // what does so, in words
 };
 
 struct judgement {
     const judged_point& point;
     search_verdict verdict;
     std::vector<direction> free;
+    bool matrices_only = false; // there is no gradient
     int size() const { return static_cast<int>(point.gradient.size()); }
     double information(int i, int j) const {
         return point.information[at(ihmssf(std::min(i, j), std::max(i, j), size()) - 1)];
     }
     double slope(const direction& d) const {
         double s = 0.0;
+        if (matrices_only) return s;
         for (const share& x : d.shares) s += x.coef * point.gradient[at(x.par - 1)];
         return s;
     }
@@ -68,34 +72,10 @@ void note_lift(judgement& j, const direction& d) {
     j.verdict.lifts.push_back(std::move(lift));
 }
 
-// ---- blocks of variances, and blocks with elements held at 0
-
-void judge_variance(judgement& j, const judged_block& b, int element, int row) {
-    if (held(b, element)) return;
-    const int par = b.first + element - 1;
-    const double value = b.cov[at(element - 1)], scale = b.scale[at(row - 1)];
-    const double slope = j.point.gradient[at(par - 1)];
-    if (value < vanished_variance * scale && slope <= 0.0) {
-        j.verdict.promised += std::max(value, 0.0) * -slope;
-        j.verdict.border.push_back("variance of " + b.name + ", " + b.rows[at(row - 1)] + " is " + number(value));
-        j.verdict.void_errors.push_back(par);
-        return;
-    }
-    j.free.push_back({{{par, scale}}});
-    if (value < vanished_variance * scale) note_lift(j, j.free.back());
+double element(const judged_block& b, int i, int k) {
+    if (b.diagonal) return i == k ? b.cov[at(i - 1)] : 0.0;
+    return b.cov[at(packed(b, i, k) - 1)];
 }
-
-void judge_elements(judgement& j, const judged_block& b) {
-    const int n = b.order();
-    for (int i = 1; i <= n; ++i) {
-        judge_variance(j, b, b.diagonal ? i : packed(b, i, i), i);
-        for (int k = i + 1; k <= n && !b.diagonal; ++k)
-            if (const int e = packed(b, i, k); !held(b, e))
-                j.free.push_back({{{b.first + e - 1, std::sqrt(b.scale[at(i - 1)] * b.scale[at(k - 1)])}}});
-    }
-}
-
-// ---- full matrices
 
 struct scaled_matrix {
     array<double, 2> s, vectors; // matrix in units of the scales, its eigenvectors by columns
@@ -108,11 +88,50 @@ scaled_matrix scaled(const judged_block& b) {
     m.s.allocate(n, n);
     for (int i = 1; i <= n; ++i)
         for (int k = i; k <= n; ++k)
-            m.s(i, k) = m.s(k, i) = b.cov[at(packed(b, i, k) - 1)] / std::sqrt(b.scale[at(i - 1)] * b.scale[at(k - 1)]);
+            m.s(i, k) = m.s(k, i) = element(b, i, k) / std::sqrt(b.scale[at(i - 1)] * b.scale[at(k - 1)]);
     int nzero = 0;
     eigem(m.s, m.eig, m.vectors, n, 0.0, nzero);
     return m;
 }
+
+// ---- blocks of variances, and blocks with elements held at 0
+
+void judge_variance(judgement& j, const judged_block& b, int element, int row) {
+    if (held(b, element)) return;
+    const int par = b.first + element - 1;
+    const double value = b.cov[at(element - 1)], scale = b.scale[at(row - 1)];
+    const double slope = j.slope({{{par, 1.0}}});
+    if (value < vanished_variance * scale && slope <= 0.0) {
+        j.verdict.promised += std::max(value, 0.0) * -slope;
+        j.verdict.border.push_back("variance of " + b.name + ", " + b.rows[at(row - 1)] + " is " + number(value));
+        j.verdict.void_errors.push_back(par);
+        return;
+    }
+    j.free.push_back({{{par, scale}},
+                      0.0,
+                      -std::max(value, 0.0) / scale,
+                      "variance of " + b.name + ", " + b.rows[at(row - 1)] + " is " + number(value)});
+    if (value < vanished_variance * scale) note_lift(j, j.free.back());
+}
+
+void keep_eigenvalues(judgement& j, const judged_block& b, const scaled_matrix& m) {
+    std::vector<double> list;
+    for (int k = 1; k <= b.order(); ++k) list.push_back(m.eig(k));
+    j.verdict.eigenvalues.emplace_back(b.name, std::move(list));
+}
+
+void judge_elements(judgement& j, const judged_block& b) {
+    const int n = b.order();
+    keep_eigenvalues(j, b, scaled(b));
+    for (int i = 1; i <= n; ++i) {
+        judge_variance(j, b, b.diagonal ? i : packed(b, i, i), i);
+        for (int k = i + 1; k <= n && !b.diagonal; ++k)
+            if (const int e = packed(b, i, k); !held(b, e))
+                j.free.push_back({{{b.first + e - 1, std::sqrt(b.scale[at(i - 1)] * b.scale[at(k - 1)])}}});
+    }
+}
+
+// ---- full matrices
 
 // Change of the matrix by v_p v_q' + v_q v_p' (once for p = q).
 direction eigen_direction(const judged_block& b, const scaled_matrix& m, int p, int q) {
@@ -122,8 +141,7 @@ direction eigen_direction(const judged_block& b, const scaled_matrix& m, int p, 
         for (int k = i; k <= n; ++k) {
             double e = m.vectors(i, p) * m.vectors(k, q);
             if (p != q) e += m.vectors(i, q) * m.vectors(k, p);
-            d.shares.push_back(
-                {b.first + packed(b, i, k) - 1, e * std::sqrt(b.scale[at(i - 1)] * b.scale[at(k - 1)])});
+            d.shares.push_back({b.first + packed(b, i, k) - 1, e * std::sqrt(b.scale[at(i - 1)] * b.scale[at(k - 1)])});
         }
     return d;
 }
@@ -133,6 +151,11 @@ bool vanishing(const scaled_matrix& m, int k, int n) {
     double weighed = 0.0;
     for (int i = 1; i <= n; ++i) weighed += m.vectors(i, k) * m.vectors(i, k) * m.s(i, i);
     return m.eig(k) < vanished_variance || m.eig(k) < vanished_correlation * weighed;
+}
+
+std::string eigenvalue_name(const judged_block& b, const scaled_matrix& m, int k) {
+    return "eigenvalue " + std::to_string(k) + " of " + std::to_string(b.order()) + " of " + b.name + " is " +
+           number(m.eig(k)) + " of the phenotypic variance";
 }
 
 void name_border(judgement& j, const judged_block& b, const scaled_matrix& m, const std::vector<int>& gone) {
@@ -152,14 +175,13 @@ void name_border(judgement& j, const judged_block& b, const scaled_matrix& m, co
                                " is " + number(r));
         }
     if (told.size() == before)
-        for (int k : gone)
-            told.push_back("eigenvalue " + std::to_string(k) + " of " + std::to_string(n) + " of " + b.name + " is " +
-                           number(m.eig(k)) + " of the phenotypic variance");
+        for (int k : gone) told.push_back(eigenvalue_name(b, m, k));
 }
 
 void judge_matrix(judgement& j, const judged_block& b) {
     const int n = b.order();
     const scaled_matrix m = scaled(b);
+    keep_eigenvalues(j, b, m);
     std::vector<int> gone;
     std::vector<double> fall(at(n + 1), 0.0);
     for (int k = 1; k <= n; ++k) {
@@ -178,6 +200,11 @@ void judge_matrix(judgement& j, const judged_block& b) {
         for (int q = p; q <= n; ++q) {
             if (is_gone(p) && is_gone(q)) continue;
             direction d = eigen_direction(b, m, p, q);
+            if (p == q) {
+                d.least = -std::max(m.eig(p), 0.0);
+                d.vanishes = n == 1 ? "variance of " + b.name + ", " + b.rows[0] + " is " + number(b.cov[0])
+                                    : eigenvalue_name(b, m, p);
+            }
             for (const auto& [low, high] : {std::pair{p, q}, std::pair{q, p}})
                 if (is_gone(low)) d.curvature += 2.0 * fall[at(low)] / std::max(m.eig(high) - m.eig(low), 1.0e-12);
             j.free.push_back(std::move(d));
@@ -188,7 +215,7 @@ void judge_matrix(judgement& j, const judged_block& b) {
 }
 
 void judge_parameter(judgement& j, const judged_parameter& p) {
-    const double slope = j.point.gradient[at(p.par - 1)];
+    const double slope = j.slope({{{p.par, 1.0}}});
     if (std::fabs(p.value) < 0.01 * p.scale && slope * p.value <= 0.0) {
         j.verdict.promised += std::fabs(p.value * slope);
         j.verdict.border.push_back(p.name + " is " + number(p.value));
@@ -236,60 +263,183 @@ std::string combination(const judgement& j, const std::vector<double>& weight) {
     return text;
 }
 
-void solve_model(judgement& j) {
+// The quadratic model s'c - c'Hc/2 over the free directions, scaled to a unit diagonal, with lower bounds on c.
+struct quadratic_model {
+    array<double, 2> h;
+    std::vector<double> s, unit, least;
+    int size() const { return static_cast<int>(s.size()); }
+    double curved(int a, const std::vector<double>& c) const {
+        double x = 0.0;
+        for (int b = 1; b <= size(); ++b) x += h(a, b) * c[at(b - 1)];
+        return x;
+    }
+    double gain(const std::vector<double>& c) const {
+        double x = 0.0;
+        for (int a = 1; a <= size(); ++a) x += c[at(a - 1)] * (s[at(a - 1)] - 0.5 * curved(a, c));
+        return x;
+    }
+};
+
+quadratic_model model_of(judgement& j) {
+    quadratic_model q;
     const int m = static_cast<int>(j.free.size());
-    if (m == 0) return;
-    std::vector<double> s(at(m)), unit(at(m), 0.0);
-    array<double, 2> h, vectors;
-    array<double> eig;
-    h.allocate(m, m);
+    q.h.allocate(m, m);
     for (int a = 1; a <= m; ++a) {
-        s[at(a - 1)] = j.slope(j.free[at(a - 1)]);
-        j.verdict.gradient_norm += s[at(a - 1)] * s[at(a - 1)];
-        const std::vector<double> image = j.image(j.free[at(a - 1)]);
+        const direction& d = j.free[at(a - 1)];
+        q.s.push_back(j.slope(d));
+        j.verdict.gradient_norm += q.s.back() * q.s.back();
+        const std::vector<double> image = j.image(d);
         for (int b = a; b <= m; ++b) {
-            for (const share& x : j.free[at(b - 1)].shares) h(a, b) += x.coef * image[at(x.par - 1)];
-            h(b, a) = h(a, b);
+            for (const share& x : j.free[at(b - 1)].shares) q.h(a, b) += x.coef * image[at(x.par - 1)];
+            q.h(b, a) = q.h(a, b);
         }
-        h(a, a) += j.free[at(a - 1)].curvature;
+        q.h(a, a) += d.curvature;
     }
     j.verdict.gradient_norm = std::sqrt(j.verdict.gradient_norm);
     double largest = 0.0;
-    for (int a = 1; a <= m; ++a) largest = std::max(largest, h(a, a));
-    for (int a = 1; a <= m; ++a) unit[at(a - 1)] = h(a, a) > 1.0e-12 * largest ? 1.0 / std::sqrt(h(a, a)) : 0.0;
-    for (int a = 1; a <= m; ++a)
-        for (int b = 1; b <= m; ++b) h(a, b) *= unit[at(a - 1)] * unit[at(b - 1)];
+    for (int a = 1; a <= m; ++a) largest = std::max(largest, q.h(a, a));
+    for (int a = 1; a <= m; ++a) q.unit.push_back(q.h(a, a) > 1.0e-12 * largest ? 1.0 / std::sqrt(q.h(a, a)) : 0.0);
+    for (int a = 1; a <= m; ++a) {
+        const double u = q.unit[at(a - 1)];
+        q.least.push_back(u > 0.0 ? j.free[at(a - 1)].least / u : 0.0);
+        q.s[at(a - 1)] *= u;
+        for (int b = 1; b <= m; ++b) q.h(a, b) *= u * q.unit[at(b - 1)];
+    }
+    return q;
+}
+
+// Maximiser over the directions that are not held, the others as they are in c; combinations without information stay.
+void maximise_free(const quadratic_model& q, const std::vector<int>& held, std::vector<double>& c, double largest) {
+    std::vector<int> open;
+    for (int a = 1; a <= q.size(); ++a)
+        if (!held[at(a - 1)]) open.push_back(a);
+    const int n = static_cast<int>(open.size());
+    if (n == 0) return;
+    for (int a : open) c[at(a - 1)] = 0.0;
+    array<double, 2> h, vectors;
+    array<double> eig;
+    h.allocate(n, n);
+    std::vector<double> rhs;
+    for (int i = 1; i <= n; ++i) {
+        const int a = open[at(i - 1)];
+        rhs.push_back(q.s[at(a - 1)] - q.curved(a, c));
+        for (int k = 1; k <= n; ++k) h(i, k) = q.h(a, open[at(k - 1)]);
+    }
     int nzero = 0;
-    eigem(h, eig, vectors, m, 0.0, nzero);
+    eigem(h, eig, vectors, n, 0.0, nzero);
+    for (int k = 1; k <= n; ++k) {
+        if (!(eig(k) > flat_information * largest)) continue;
+        double g = 0.0;
+        for (int i = 1; i <= n; ++i) g += vectors(i, k) * rhs[at(i - 1)];
+        for (int i = 1; i <= n; ++i) c[at(open[at(i - 1)] - 1)] += vectors(i, k) * g / eig(k);
+    }
+}
+
+// Maximiser within the bounds: directions that would pass theirs are held there, the worst first, and let go again
+// where the model rises from the bound.
+std::vector<double> maximise_model(const quadratic_model& q, std::vector<int>& held, double largest) {
+    std::vector<double> c(q.s.size(), 0.0);
+    held.assign(q.s.size(), 0);
+    for (int turn = 0; turn <= 3 * q.size(); ++turn) {
+        maximise_free(q, held, c, largest);
+        int worst = 0;
+        for (int a = 1; a <= q.size(); ++a)
+            if (!held[at(a - 1)] && c[at(a - 1)] < q.least[at(a - 1)] &&
+                (worst == 0 || c[at(a - 1)] - q.least[at(a - 1)] < c[at(worst - 1)] - q.least[at(worst - 1)]))
+                worst = a;
+        if (worst > 0) {
+            held[at(worst - 1)] = 1;
+            c[at(worst - 1)] = q.least[at(worst - 1)];
+            continue;
+        }
+        for (int a = 1; a <= q.size() && worst == 0 && turn <= q.size(); ++a)
+            if (held[at(a - 1)] && q.s[at(a - 1)] - q.curved(a, c) > 1.0e-10) worst = a;
+        if (worst == 0) break;
+        held[at(worst - 1)] = 0;
+    }
+    for (int a = 1; a <= q.size(); ++a) c[at(a - 1)] = std::max(c[at(a - 1)], q.least[at(a - 1)]);
+    return c;
+}
+
+void name_flat(judgement& j, const quadratic_model& q) {
+    const int m = q.size();
+    array<double, 2> vectors;
+    array<double> eig;
+    int nzero = 0;
+    eigem(q.h, eig, vectors, m, 0.0, nzero);
     j.verdict.largest = eig(1);
     j.verdict.least = eig(m);
     for (int k = 1; k <= m; ++k) {
-        double g = 0.0;
+        if (eig(k) > flat_information * eig(1)) continue;
         std::vector<double> weight(at(m));
-        for (int a = 1; a <= m; ++a) {
-            g += vectors(a, k) * unit[at(a - 1)] * s[at(a - 1)];
-            weight[at(a - 1)] = vectors(a, k) * (unit[at(a - 1)] > 0.0 ? unit[at(a - 1)] : 1.0);
-        }
-        if (eig(k) > flat_information * eig(1))
-            j.verdict.promised += 0.5 * g * g / eig(k);
-        else
-            j.verdict.flat.push_back(combination(j, weight));
+        for (int a = 1; a <= m; ++a)
+            weight[at(a - 1)] = vectors(a, k) * (q.unit[at(a - 1)] > 0.0 ? q.unit[at(a - 1)] : 1.0);
+        j.verdict.flat.push_back(combination(j, weight));
     }
+}
+
+// What the way to the border holds: named where next to nothing is left to gain, to be jumped to otherwise.
+void note_vanishing(judgement& j, const std::vector<int>& held) {
+    for (std::size_t a = 0; a < held.size(); ++a) {
+        const direction& d = j.free[a];
+        if (!held[a] || d.vanishes.empty()) continue;
+        if (j.verdict.promised < verdict_limit) {
+            j.verdict.border.push_back(d.vanishes + ", on its way to 0");
+            for (const share& x : d.shares) j.verdict.void_errors.push_back(x.par);
+            continue;
+        }
+        std::vector<parameter_change> drop;
+        for (const share& x : d.shares) drop.push_back({x.par, 0.9999 * d.least * x.coef});
+        j.verdict.lifts.push_back(std::move(drop));
+    }
+}
+
+void solve_model(judgement& j) {
+    if (j.free.empty()) return;
+    const quadratic_model q = model_of(j);
+    name_flat(j, q);
+    std::vector<int> held;
+    const std::vector<double> c = maximise_model(q, held, j.verdict.largest);
+    j.verdict.promised += std::max(q.gain(c), 0.0);
+    note_vanishing(j, held);
 }
 
 } // namespace
 
-search_verdict judge(const judged_point& point) {
-    judgement j{point, {}, {}};
-    for (const judged_block& b : point.blocks) {
+namespace {
+
+void judge_blocks(judgement& j) {
+    for (const judged_block& b : j.point.blocks) {
         const bool elements = std::any_of(b.fixed.begin(), b.fixed.end(), [](int f) { return f != 0; });
         if (b.diagonal || elements)
             judge_elements(j, b);
         else
             judge_matrix(j, b);
     }
-    for (const judged_parameter& p : point.others) judge_parameter(j, p);
+    for (const judged_parameter& p : j.point.others) judge_parameter(j, p);
+}
+
+void name_void(judgement& j) {
+    auto& list = j.verdict.void_errors;
+    std::sort(list.begin(), list.end());
+    list.erase(std::unique(list.begin(), list.end()), list.end());
+    for (int par : list) j.verdict.void_names.push_back(parameter_name(j.point, par));
+}
+
+} // namespace
+
+search_verdict look_at_matrices(const judged_point& point) {
+    judgement j{point, {}, {}, true};
+    judge_blocks(j);
+    name_void(j);
+    return j.verdict;
+}
+
+search_verdict judge(const judged_point& point) {
+    judgement j{point, {}, {}};
+    judge_blocks(j);
     solve_model(j);
+    name_void(j);
     auto& v = j.verdict;
     if (!(v.promised < verdict_limit))
         v.kind = search_end::not_maximum;

@@ -224,22 +224,25 @@ bool may_be(const std::vector<double>& theta, const least_eigenvalues& old) {
     return holds(m.sum, old.sum) && holds(m.residual, old.residual) && holds(m.peq, old.peq);
 }
 
-// Variances that a step would take below a share of their old values are held there, residual and PEQ ones.
+// Variances that a step would take below a share of their old values, or below what a matrix may have, are held there:
+// residual and PEQ ones.
 std::vector<double> with_variances(std::vector<double> theta, const std::vector<double>& old) {
     const int nq = numbers.nq;
     const auto residual = [&](int i) { return at((model.diagonal(0) ? i : packed(i, i, nq)) - 1); };
     std::vector<double> peq(at(nq + 1), 0.0), old_peq(at(nq + 1), 0.0);
+    constexpr double floor = 1.0001 * least_eigenvalue;
     int k = estimates.nresparm;
     for (const peq_place& p : peq_places()) {
         const std::size_t place = at(k++);
         if (p.i != p.j) continue;
-        theta[place] = std::max(theta[place], least_share * old[place]);
+        theta[place] = std::max({theta[place], least_share * old[place], std::min(old[place], floor)});
         const int q = mudmap.rn_trait(p.i, residualvars.ipeq);
         peq[at(q)] = theta[place];
         old_peq[at(q)] = old[place];
     }
     for (int i = 1; i <= nq; ++i) {
-        const double least = least_share * (old[residual(i)] - old_peq[at(i)]);
+        const double before = old[residual(i)] - old_peq[at(i)];
+        const double least = std::max(least_share * before, std::min(before, floor));
         theta[residual(i)] = std::max(theta[residual(i)], peq[at(i)] + least);
     }
     return theta;

@@ -6,6 +6,7 @@
 #include "dense/numroutines.h"
 #include "estimation/bestpoint.h"
 #include "estimation/estimates.h"
+#include "estimation/lastpoint.h"
 #include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
 #include "parameters/parunits.h"
@@ -26,8 +27,9 @@ namespace {
 using matrix = Eigen::MatrixXd;
 using column = Eigen::VectorXd;
 
-constexpr double small_variance = 1.0e-4, high_correlation = 0.995, gone = 1.0e-4;
-constexpr double near_border = 0.005; // eigenvalues of a scaled block below this belong to the border
+// The thresholds are those of the verdict.
+constexpr double small_variance = vanished_variance, high_correlation = 1.0 - vanished_correlation;
+constexpr double gone = 1.0e-4; // eigenvalue of a correlation matrix
 
 int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
 bool on_factor_scale(int irand) { return irand > 0 && options.principal && mudmap.kovrnd(irand) != "PEQ"; }
@@ -50,12 +52,13 @@ double phenotypic(int irand, int i, const std::vector<double>& cov) {
     return function_value(phenotypic_covariance(iq, iq), cov);
 }
 
-// The block scaled to unit diagonal, but for small variances: one at the border has a diagonal of near_border.
+// The block scaled to unit diagonal, but for small variances: one at the border has a diagonal of vanished_correlation.
 matrix scaled(const matrix& k, int irand, const std::vector<double>& cov, column& scale) {
     const auto n = k.rows();
     scale.resize(n);
     for (Eigen::Index i = 0; i < n; ++i) {
-        const double floor = small_variance / near_border * std::fabs(phenotypic(irand, static_cast<int>(i) + 1, cov));
+        const double floor =
+            small_variance / vanished_correlation * std::fabs(phenotypic(irand, static_cast<int>(i) + 1, cov));
         scale(i) = std::sqrt(std::max({k(i, i), floor, 1.0e-300}));
     }
     return scale.cwiseInverse().asDiagonal() * k * scale.cwiseInverse().asDiagonal();
@@ -87,70 +90,6 @@ void border_of(int irand, int step, const std::vector<double>& cov) {
 // Coordinates of the parameter vector without information of their own are left out.
 bool informative(Eigen::Index k, const matrix& info) { return info(k, k) > 0.0; }
 
-void coordinates(int from, int count, const matrix& info, std::vector<column>& directions) {
-    for (int k = from - 1; k < from - 1 + count; ++k)
-        if (informative(k, info)) directions.push_back(column::Unit(info.rows(), k));
-}
-
-// Directions in which a covariance matrix may move and stay one: all but those that lie across the border, unless the
-// likelihood rises into the inside.
-void free_directions(int irand, int step, const std::vector<double>& cov, const column& g, const matrix& info,
-                     std::vector<column>& directions) {
-    const int from = block_start(irand, step), count = block_size(irand), n = model.kkfit(irand);
-    bool whole = !on_factor_scale(irand) && !model.diagonal(irand) && count == n * (n + 1) / 2;
-    for (int k = from - 1; whole && k < from - 1 + count; ++k) whole = informative(k, info);
-    if (model.diagonal(irand) && !on_factor_scale(irand)) {
-        const matrix k = block_of(irand, step);
-        for (int i = 1; i <= n; ++i) {
-            const bool edge = k(i - 1, i - 1) < small_variance * phenotypic(irand, i, cov);
-            if (informative(from + i - 2, info) && (!edge || g(from + i - 2) > 0.0))
-                directions.push_back(column::Unit(g.size(), from + i - 2));
-        }
-        return;
-    }
-    if (!whole) return coordinates(from, count, info, directions);
-    column scale;
-    const Eigen::SelfAdjointEigenSolver<matrix> own(scaled(block_of(irand, step), irand, cov, scale));
-    matrix q = own.eigenvectors(), m(n, n);
-    for (int i = 1, k = from - 1; i <= n; ++i)
-        for (int j = i; j <= n; ++j, ++k) m(i - 1, j - 1) = m(j - 1, i - 1) = g(k) * (i == j ? 1.0 : 0.5);
-    m = (scale.asDiagonal() * m * scale.asDiagonal()).eval();
-    Eigen::Index edge = 0;
-    while (edge < n && own.eigenvalues()(edge) < near_border) ++edge;
-    column slope = column::Zero(n);
-    if (edge > 0) {
-        const Eigen::SelfAdjointEigenSolver<matrix> across(q.leftCols(edge).transpose() * m * q.leftCols(edge));
-        q.leftCols(edge) = (q.leftCols(edge) * across.eigenvectors()).eval();
-        slope.head(edge) = across.eigenvalues();
-    }
-    for (Eigen::Index a = 0; a < n; ++a)
-        for (Eigen::Index b = a; b < n; ++b) {
-            if (b < edge && (a != b || slope(a) <= 0.0)) continue;
-            const matrix e = scale.asDiagonal() * (q.col(a) * q.col(b).transpose() + q.col(b) * q.col(a).transpose()) *
-                             scale.asDiagonal();
-            column d = column::Zero(g.size());
-            for (int i = 0, k = from - 1; i < n; ++i)
-                for (int j = i; j < n; ++j, ++k) d(k) = e(i, j);
-            directions.push_back(d);
-        }
-}
-
-// 1/2 g' I^- g over the directions, which are scaled to unit information first.
-double gain(const std::vector<column>& directions, const column& g, const matrix& info) {
-    matrix t(g.size(), static_cast<Eigen::Index>(directions.size()));
-    for (std::size_t k = 0; k < directions.size(); ++k) {
-        const double v = directions[k].dot(info * directions[k]);
-        t.col(static_cast<Eigen::Index>(k)) = v > 0.0 ? (directions[k] / std::sqrt(v)).eval() : column::Zero(g.size());
-    }
-    if (t.cols() == 0) return 0.0;
-    const Eigen::SelfAdjointEigenSolver<matrix> own(t.transpose() * info * t);
-    const column slope = own.eigenvectors().transpose() * (t.transpose() * g);
-    double sum = 0.0;
-    for (Eigen::Index k = 0; k < slope.size(); ++k)
-        if (own.eigenvalues()(k) > numbers.zero) sum += 0.5 * slope(k) * slope(k) / own.eigenvalues()(k);
-    return sum;
-}
-
 // Rank of the information scaled to unit diagonal, and what its null vectors combine.
 void rank_of(const matrix& info, const column& size) {
     std::vector<Eigen::Index> use;
@@ -162,7 +101,7 @@ void rank_of(const matrix& info, const column& size) {
     const column s = info(use, use).diagonal().cwiseSqrt().cwiseInverse();
     const Eigen::SelfAdjointEigenSolver<matrix> own(s.asDiagonal() * info(use, use) * s.asDiagonal());
     for (Eigen::Index k = 0; k < own.eigenvalues().size(); ++k) {
-        if (own.eigenvalues()(k) > numbers.zero) {
+        if (own.eigenvalues()(k) > flat_information * own.eigenvalues().maxCoeff()) {
             ++f.rank;
             continue;
         }
@@ -222,8 +161,7 @@ void look_at_final_point() {
     estimates.parvec = bestpoint.parbest;
     forget_factor(); // the verdict has used it up
     if (!loglike(estimates.parvec, 1).valid) return;
-    average_info();
-    derivatives_mmm();
+    judge_last_point();
     jacob_var2chol(0);
     const int n = estimates.nparm;
     column g(n), size;
@@ -234,7 +172,8 @@ void look_at_final_point() {
     for (int i = 1; i <= n; ++i) {
         g(i - 1) = derivs.devl1(i) / unit(i);
         norm += derivs.der1(i) * derivs.der1(i);
-        for (int j = i; j <= n; ++j) info(i - 1, j - 1) = info(j - 1, i - 1) = -derivs.devl2(ihmssf(i, j, n)) / (unit(i) * unit(j));
+        for (int j = i; j <= n; ++j)
+            info(i - 1, j - 1) = info(j - 1, i - 1) = -derivs.devl2(ihmssf(i, j, n)) / (unit(i) * unit(j));
     }
     f.available = true;
     f.gradient_norm = std::sqrt(norm);
@@ -242,11 +181,7 @@ void look_at_final_point() {
     f.information.assign(info.data(), info.data() + info.size());
     name_coordinates(cov, size);
     rank_of(info, size);
-    std::vector<column> directions;
-    for (int irand = 0; irand <= numbers.krand; ++irand)
-        for (int step = 1; step <= steps_of(irand); ++step)
-            if (estimates.nnparm(irand) > 0) free_directions(irand, step, cov, g, info, directions);
-    f.half_decrement = gain(directions, g, info);
+    f.half_decrement = verdict.last.promised;
 }
 
 } // namespace tarvex

@@ -1,6 +1,5 @@
 #include "reports/results_json.h"
 
-#include "estimation/bestpoint.h"
 #include "control/filenames.h"
 #include "control/maximise.h"
 #include "control/numbers.h"
@@ -8,8 +7,10 @@
 #include "control/tvxroutines.h"
 #include "data/levels.h"
 #include "equations/mmequations.h"
+#include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "estimation/aireml.h"
+#include "estimation/bestpoint.h"
 #include "estimation/estimates.h"
 #include "estimation/iteratelog.h"
 #include "estimation/lastpoint.h"
@@ -21,7 +22,6 @@
 #include "reports/apprxaicovs.h"
 #include "reports/finalpoint.h"
 #include "reports/results_parts.h"
-#include "equations/mmmatrix.h"
 #include "sparse/symbfact.h"
 
 #include <nlohmann/json.hpp>
@@ -129,7 +129,17 @@ json verdict_part() {
                        : v.kind == search_end::border ? "border"
                        : v.kind == search_end::flat   ? "flat"
                                                       : "not a maximum";
-    return {{"kind", kind}, {"promised", v.promised}, {"border", v.border}, {"flat", v.flat}, {"resumed", verdict.resumed}};
+    auto eigenvalues = json::array();
+    for (const auto& [name, values] : v.eigenvalues) eigenvalues.push_back({{"block", name}, {"values", values}});
+    return {{"kind", kind},
+            {"promised", v.promised},
+            {"border", v.border},
+            {"flat", v.flat},
+            {"resumed", verdict.resumed},
+            {"void_errors", v.void_names},
+            {"eigenvalues", eigenvalues},
+            {"least_information", v.least},
+            {"largest_information", v.largest}};
 }
 
 json end_part() {

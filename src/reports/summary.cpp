@@ -272,7 +272,10 @@ void write_estimates() {
         write_covmat(out, phenotypic_matrix(), cov);
     }
     write_functions(out, cov);
-    if (!options.bestonly) write_verdict(out);
+    if (options.bestonly)
+        write_matrices_verdict(out);
+    else
+        write_verdict(out);
     write_tvxbottom(out);
 }
 

@@ -42,6 +42,8 @@ TEST_F(VerdictRuns, GoodStartEndsAtAMaximumAndTheReportSaysSo) {
     const std::string report = read_file("SumEstimates.out");
     EXPECT_NE(report.find(" Verdict on the end of the search"), std::string::npos);
     EXPECT_NE(report.find("The last point is           = at a maximum of log L"), std::string::npos);
+    EXPECT_NE(report.find(" The search ended by         = "), std::string::npos) << report;
+    EXPECT_NE(report.find(" Eigenvalues, cow            ="), std::string::npos) << report;
 }
 
 // The genetic matrix a hundred times too small: AI-REML alone stops short.
@@ -76,6 +78,7 @@ TEST_F(VerdictRuns, LimitOfIteratesThatTheUserSetsIsKept) {
     EXPECT_EQ(r.output.find("the search goes on"), std::string::npos);
     EXPECT_NE(last_verdict(r.output).find("NOT at a maximum"), std::string::npos);
     EXPECT_NE(read_file("SumEstimates.out").find("Go on with \"-c\""), std::string::npos);
+    EXPECT_NE(read_file("SumEstimates.out").find(" Not tried: to go on by itself"), std::string::npos);
 }
 
 TEST_F(VerdictRuns, EveryAlgorithmBearsAVerdict) {
@@ -94,6 +97,13 @@ TEST_F(VerdictRuns, BorderIsNamedWithItsEffect) {
     const auto r = finish("");
     EXPECT_NE(last_verdict(r.output).find("at the border"), std::string::npos) << r.output;
     EXPECT_NE(read_file("SumEstimates.out").find(" At the border: variance of "), std::string::npos);
+    EXPECT_NE(read_file("SumEstimates.out").find(" Sampling error is void: "), std::string::npos);
+    finish("--best"); // no gradient is at hand, but the matrices are
+    const std::string report = read_file("BestSoFar.out");
+    EXPECT_NE(report.find(" The last point is           = not judged"), std::string::npos) << report;
+    EXPECT_NE(report.find(" Eigenvalues, residual       ="), std::string::npos);
+    const auto again = finish("-c");
+    EXPECT_NE(last_verdict(again.output).find("at the border"), std::string::npos) << again.output;
 }
 
 } // namespace

@@ -448,6 +448,30 @@ TEST_F(driver_test, LosingStepIsTakenWithoutTheStrictRule) {
     EXPECT_NEAR(x, log[0].logl, 1.0e-3);
 }
 
+// A step that gains on the one before, but not on the best point, is no convergence.
+TEST_F(driver_test, StepBelowTheBestPointIsNoConvergence) {
+    small_model m = families(1);
+    m.random[0].g = {40.0};
+    m.residual = {0.05};
+    set_up(m, {"--aireml", "--nostrict", "--nologd"});
+    double x = program_logl(estimates.parvec, 1);
+    const double start = x;
+    options.aireml = true;
+    maximise.aiconv_like = 1.0e6; // any gain
+    int iround = 0;
+    for (int k = 1; k <= 6; ++k) {
+        ai_reml(1, iround, x); // goes back to the best point behind each
+        if (x >= start) break;
+        EXPECT_FALSE(maximise.converged) << k;
+    }
+    ai_reml(4, iround, x);
+    const auto log = iterates();
+    int below = 0;
+    for (std::size_t k = 2; k < log.size(); ++k) below += log[k].logl > log[k - 1].logl && log[k].logl < start ? 1 : 0;
+    EXPECT_GT(below, 0) << "the case has no gain below the start";
+    EXPECT_EQ(maximise.converged, log.back().logl >= start);
+}
+
 TEST_F(driver_test, SecondOrderTermJoinsFromIterate222) {
     for (int nits : {221, 222}) {
         new_analysis();

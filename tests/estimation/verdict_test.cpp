@@ -111,6 +111,62 @@ TEST_F(verdict_test, ElementsHeldAtZeroDoNotCount) {
     EXPECT_EQ(judge(p).kind, search_end::not_maximum);
 }
 
+// Newton's step of a variance of 0.02 is -1, and would gain 0.5; there are 0.02 to go.
+TEST_F(verdict_test, PromiseEndsWhereTheVarianceVanishes) {
+    judged_point p;
+    p.blocks = {{"animal", {"milk"}, 1, false, {0.02}, {1.0}, {}}, {"pe", {"milk"}, 2, false, {0.5}, {1.0}, {}}};
+    p.gradient = {-1.0, 0.0};
+    p.information = {1.0, 0.0, 2.0};
+    auto v = judge(p);
+    EXPECT_NEAR(v.promised, 0.02 - 0.5 * 0.02 * 0.02, 1.0e-12);
+    EXPECT_EQ(v.kind, search_end::not_maximum);
+    ASSERT_EQ(v.lifts.size(), 1u); // the way to the border, to be tried in one step
+    EXPECT_EQ(v.lifts[0][0].par, 1);
+    EXPECT_NEAR(v.lifts[0][0].change, -0.02, 1.0e-4);
+    p.gradient[0] = -0.04;
+    v = judge(p);
+    EXPECT_NEAR(v.promised, 0.0006, 1.0e-12);
+    EXPECT_EQ(v.kind, search_end::border);
+    EXPECT_TRUE(says(v.border, "variance of animal, milk is 0.02, on its way to 0"));
+    EXPECT_TRUE(v.lifts.empty());
+}
+
+// With the first variance at its bound the second one's step is that of what is left: s2 - h12 c1 over h22.
+TEST_F(verdict_test, OtherParametersFollowWhereOneIsHeldAtItsBound) {
+    judged_point p;
+    p.blocks = {{"animal", {"milk"}, 1, false, {0.02}, {1.0}, {}}, {"pe", {"milk"}, 2, false, {0.5}, {1.0}, {}}};
+    p.gradient = {-1.0, 0.3};
+    p.information = {1.0, 0.5, 2.0};
+    const double c1 = -0.02, c2 = (0.3 - 0.5 * c1) / 2.0;
+    const double want = -c1 + 0.3 * c2 - 0.5 * (c1 * c1 + 2.0 * 0.5 * c1 * c2 + 2.0 * c2 * c2);
+    EXPECT_NEAR(judge(p).promised, want, 1.0e-12);
+}
+
+TEST_F(verdict_test, VoidErrorsAndEigenvaluesAreToldByName) {
+    const auto v = judge(two_traits({10, 0.0, 0.0004}, {0.0, 0.0, -1.0}, {4, 0, 0, 3, 0, 2}));
+    ASSERT_EQ(v.void_names.size(), 3u); // all of the matrix: its information is that across the border too
+    EXPECT_EQ(v.void_names[0], "animal variance milk");
+    EXPECT_EQ(v.void_names[1], "animal covariance milk,fat");
+    ASSERT_EQ(v.eigenvalues.size(), 1u);
+    EXPECT_EQ(v.eigenvalues[0].first, "animal");
+    ASSERT_EQ(v.eigenvalues[0].second.size(), 2u);
+    EXPECT_NEAR(v.eigenvalues[0].second[0], 0.5, 1.0e-12); // 10 of 20, 0.0004 of 40
+    EXPECT_NEAR(v.eigenvalues[0].second[1], 1.0e-5, 1.0e-12);
+}
+
+TEST_F(verdict_test, MatricesAloneShowTheBorderButGiveNoKind) {
+    judged_point p = two_traits({10, 0.999 * std::sqrt(200.0), 20}, {}, {});
+    p.blocks.push_back({"pe", {"milk", "fat"}, 4, true, {0.0001, 3.0}, {20.0, 40.0}, {}});
+    const auto v = look_at_matrices(p);
+    EXPECT_EQ(v.kind, search_end::none);
+    ASSERT_EQ(v.border.size(), 2u);
+    EXPECT_TRUE(says(v.border, "correlation of animal, milk and fat is 0.999"));
+    EXPECT_TRUE(says(v.border, "variance of pe, milk"));
+    EXPECT_EQ(v.void_names.size(), 4u);
+    EXPECT_EQ(v.eigenvalues.size(), 2u);
+    EXPECT_NEAR(v.eigenvalues[1].second[0], 3.0 / 40.0, 1.0e-12);
+}
+
 TEST_F(verdict_test, DirectionsAcrossTheBorderCarryItsCurvature) {
     // At G = diag(10, 0) (scales 20, 20): moving the covariance by t needs a variance t^2/10 beside it, which costs
     // 2 t^2/10: curvature 2*2/10 on top of that of the likelihood.

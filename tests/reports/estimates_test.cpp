@@ -306,6 +306,11 @@ TEST_F(estimates_report, covariances_specified) {
 
  Variance components
    1     4.0000    
+
+ Verdict on the end of the search
+ The last point is           = not judged : no gradient without the data
+ Eigenvalues, residual       =  0.7500    
+ Eigenvalues, animal         =  0.2500    
 )");
 }
 
