@@ -285,6 +285,8 @@ void em_algorithm(int nits, int& iround, double& xlike, double xlimit) {
         options.emalgorithm = true;
         options.pxem = false;
     }
+    const bool aireml = options.aireml; // the label of a round is that of EM, whatever the plan
+    options.aireml = false;
     pxempc.skip_px = false;
     maximise.converged = false;
     if (iround == 0) print_iterate(0, xlike, xlike, std::to_string(pxempc.skippx));
@@ -317,6 +319,7 @@ void em_algorithm(int nits, int& iround, double& xlike, double xlimit) {
             break;
         }
     }
+    options.aireml = aireml;
     iterate_log.ended = end == round_end::lost      ? "a round that lost log L"
                         : end == round_end::invalid ? "no valid point"
                         : !maximise.converged       ? "limit of rounds"

@@ -10,6 +10,7 @@
 #include "estimation/covs2parvec.h"
 #include "estimation/emsteps.h"
 #include "estimation/evaluate.h"
+#include "estimation/iteratelog.h"
 #include "estimation/lastpoint.h"
 #include "estimation/powell.h"
 #include "estimation/pxem.h"
@@ -203,6 +204,8 @@ void get_estimates() {
     case 3: {
         int flag = 0, count = 0;
         powell(xlike, estimates.parvec, estimates.nparm, flag, count);
+        maximise.converged = flag == 1;
+        iterate_log.ended = flag == 1 ? "change in log L below its limit" : "limit of rounds";
         break;
     }
     case 5:

@@ -166,18 +166,21 @@ double relative_change(const std::vector<double>& from, const std::vector<double
     return most;
 }
 
-void start(powell_search& s) {
+// Directions along the parameters.
+void fresh_directions(powell_search& s) {
+    s.dirs.clear();
+    s.step.assign(static_cast<std::size_t>(s.nparm), first_step);
     for (int i = 1; i <= s.nparm; ++i) {
-        s.best.push_back(s.parvec(i));
         s.dirs.emplace_back(static_cast<std::size_t>(s.nparm), 0.0);
         s.dirs.back()[static_cast<std::size_t>(i - 1)] = 1.0;
-        s.step.push_back(first_step);
     }
+}
+
+void start(powell_search& s) {
+    for (int i = 1; i <= s.nparm; ++i) s.best.push_back(s.parvec(i));
+    fresh_directions(s);
     s.ztol = 20.0 * numbers.zero;
-    if (options.continew && bestpoint.xlike_file > invalid_logl + s.ztol)
-        s.ffmin = -2.0 * bestpoint.xlike_file;
-    else
-        s.ffmin = s.at(s.best, s.best, 0.0);
+    s.ffmin = s.at(s.best, s.best, 0.0);
     if (s.ffmin < no_value) return;
     print_list(screen(), "Routine \"POWELL\" : Invalid starting point ");
     stoptarvex();
@@ -236,7 +239,9 @@ void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& cou
     start(s);
     write(screen(), first_line, " log l = ", -0.5 * s.ffmin);
     const bool any = std::any_of(estimates.ispar.begin(), estimates.ispar.end(), [](int i) { return i != 0; });
-    for (int nround = 1; any && nround <= nparm + 10; ++nround) {
+    const int most_rounds = nparm + 10;
+    bool fresh = true; // the round is along fresh directions: only then a small gain is an end
+    for (int nround = 1; any && nround <= most_rounds; ++nround) {
         const double fpre0 = s.ffmin;
         const std::vector<double> from = s.best;
         const auto [most, which] = search_directions(s, nround);
@@ -245,12 +250,18 @@ void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& cou
         text_out file;
         file.open_append(filenames.iteratesfile);
         to_both(file, edit(round_line, nround, -0.5 * s.ffmin, s.ffmin - fpre0, 100.0 * xdel));
+        const bool small = xdel < xconv || fpre0 - s.ffmin < flevel;
+        if (!small || !fresh) {
+            fresh = small;
+            if (small) fresh_directions(s);
+            if (nround == most_rounds)
+                to_both(file, "*** POWELL : No convergence after " + list_item(nround) + " rounds\n");
+            continue;
+        }
         if (xdel < xconv)
             to_both(file, "CONVERGENCE : CHANGE IN PARAMETERS " + list_item(xconv) + "\n");
-        else if (fpre0 - s.ffmin < flevel)
-            to_both(file, "CONVERGENCE : CHANGE IN FUNCTION VALUE " + list_item(flevel) + "\n");
         else
-            continue;
+            to_both(file, "CONVERGENCE : CHANGE IN FUNCTION VALUE " + list_item(flevel) + "\n");
         flag = 1;
         break;
     }

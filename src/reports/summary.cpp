@@ -8,6 +8,7 @@
 #include "data/levels.h"
 #include "estimation/aireml.h"
 #include "estimation/estimates.h"
+#include "estimation/iteratelog.h"
 #include "estimation/lastpoint.h"
 #include "likelihood/derivatives.h"
 #include "parameters/parunits.h"
@@ -96,18 +97,25 @@ void write_parameters(text_out& out) {
     if (warn) print_list(out, failed_note);
 }
 
+void write_caution(text_out& out) {
+    print_list(out, "*** \"Tarvex\" : Full convergence has not been achieved ");
+    print_list(out, "               Treat results with caution !!!  ");
+}
+
 void write_convergence(text_out& out) {
     constexpr edit_form head{"(/1x,a)"}, fine{"(1x,a,t30,1h=,3f12.6)"}, coarse{"(1x,a,t30,1h=,3f12.4)"};
-    if (aireml_terms.accepted == 0) return;
+    const bool short_of_end = !maximise.converged && !iterate_log.ended.empty();
+    if (aireml_terms.accepted == 0) { // rounds of EM, a search by directions
+        if (short_of_end) write_caution(out);
+        return;
+    }
     const auto& c = maximise.cchanges;
     write(out, head, "Convergence criteria for last 3 iterates");
     write(out, fine, "Change in log likelihood", c[0][0], c[1][0], c[2][0]);
     write(out, fine, "Change in parameter vector", c[0][1], c[1][1], c[2][1]);
     write(out, coarse, "Norm of gradient vector", c[0][2], c[1][2], c[2][2]);
     write(out, coarse, "Newton decrement", c[0][3], c[1][3], c[2][3]);
-    if (maximise.converged) return;
-    print_list(out, "*** \"Tarvex\" : Full convergence has not been achieved ");
-    print_list(out, "               Treat results with caution !!!  ");
+    if (!maximise.converged) write_caution(out);
 }
 
 // Two lines of asterisks around a title set into columns 6 on of the first.

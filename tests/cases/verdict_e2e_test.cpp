@@ -88,6 +88,10 @@ TEST_F(VerdictRuns, EveryAlgorithmBearsAVerdict) {
         const auto r = run(option);
         EXPECT_EQ(r.status, 0) << option;
         EXPECT_NE(last_verdict(r.output), "") << option << r.output;
+        const bool caution = read_file("SumEstimates.out").find("Treat results with caution") != std::string::npos;
+        EXPECT_EQ(caution, r.output.find("has converged") == std::string::npos &&
+                               r.output.find("CONVERGENCE :") == std::string::npos)
+            << option;
     }
 }
 

@@ -6,6 +6,7 @@
 #include "estimation/bestpoint.h"
 #include "estimation/covs2parvec.h"
 #include "estimation/evaluate.h"
+#include "estimation/iteratelog.h"
 #include "estimation/pxem.h"
 #include "likelihood/derivatives.h"
 #include "parameters/variances.h"
@@ -168,6 +169,52 @@ TEST_F(driver_test, AverageInformationTellsHowItEnds) {
     get_estimates();
     EXPECT_NE(read_file("Iterates").find("*** AIREML has converged\n    Norm of gradient vector = "),
               std::string::npos);
+}
+
+// The first iterate that meets a test is the last one.
+TEST_F(driver_test, LimitOnTheChangeIsThatOfTheLastIterateAlone) {
+    for (const double limit : {0.3, 1.0e-3, 1.0e-7}) {
+        new_analysis();
+        for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
+        set_up(families(2), {"--aireml200", "--nosure"});
+        maximise.aiconv_like = limit;
+        maximise.aiconv_norm = -1.0;
+        get_estimates();
+        ASSERT_TRUE(maximise.converged);
+        const auto& r = iterate_log.records;
+        ASSERT_GT(r.size(), 2u);
+        for (std::size_t k = 1; k < r.size(); ++k) {
+            const bool met = r[k].change < limit && -r[k].promised < std::max(0.01, 10.0 * limit);
+            EXPECT_EQ(met, k + 1 == r.size()) << limit << " iterate " << k;
+        }
+    }
+}
+
+TEST_F(driver_test, LimitOnTheGradientIsThatOfTheLastIterateAlone) {
+    for (const double limit : {5.0, 0.05, 1.0e-4}) {
+        new_analysis();
+        for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
+        set_up(families(2), {"--aireml200", "--nosure"});
+        maximise.aiconv_like = -1.0;
+        maximise.aiconv_norm = limit;
+        get_estimates();
+        ASSERT_TRUE(maximise.converged);
+        const auto& r = iterate_log.records;
+        for (std::size_t k = 1; k < r.size(); ++k)
+            EXPECT_EQ(r[k].gradient_norm < limit, k + 1 == r.size()) << limit << " iterate " << k;
+    }
+}
+
+TEST_F(driver_test, RoundsOfCorrelatedEffectsAreLabelledAsPlainOnes) {
+    small_model m = animal_model(1, {1.3}, {2.1});
+    m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
+    set_up(m, {"--pxem"});
+    options.aireml = true; // as a plan with AI-REML leaves it
+    double x = program_logl(estimates.parvec, 1);
+    int iround = 0;
+    em_algorithm(2, iround, x, 0.0);
+    EXPECT_EQ(labels(), "EEE");
+    EXPECT_TRUE(options.aireml);
 }
 
 TEST_F(driver_test, SearchWithoutAGainTellsSo) {

@@ -206,6 +206,12 @@ TEST_F(maximisers_test, SearchByDirectionsComesNearTheMaximum) {
     EXPECT_NE(log.find(" IT=   2"), std::string::npos) << log;
     EXPECT_NE(log.find("CONVERGENCE : CHANGE IN "), std::string::npos);
     EXPECT_NE(read_file("directions").find("IT="), std::string::npos);
+    std::vector<double> change; // of -2 log L, by round
+    for (std::size_t at = log.find("  D="); at != std::string::npos; at = log.find("  D=", at + 1))
+        change.push_back(std::stod(log.substr(at + 4, 15)));
+    ASSERT_GE(change.size(), 2u) << log;
+    EXPECT_GT(change.back(), -2.0);
+    EXPECT_GT(change[change.size() - 2], -2.0) << "a small gain ends the search only along fresh directions";
 }
 
 TEST_F(maximisers_test, DiagonalBlockReachesTheMaximumOfVariances) {

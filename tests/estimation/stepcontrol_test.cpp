@@ -6,6 +6,7 @@
 #include "control/options.h"
 #include "dense/numroutines.h"
 #include "estimation/aireml.h"
+#include "estimation/bestpoint.h"
 #include "estimation/powell.h"
 #include "likelihood/derivatives.h"
 #include "parameters/variances.h"
@@ -215,6 +216,77 @@ TEST_F(step_test, SearchBringsBackALongStep) {
         EXPECT_NEAR(search_state.parnew(i), estimates.parvec(i) + aireml_terms.alpha * derivs.dvec(i), 1.0e-12);
 }
 
+// The lengths of the search by hand: the first from a parabola, later ones from a cubic through the last two values,
+// each within a tenth and a half of the one before, until a ten-thousandth of the promised gain is won.
+struct searched {
+    double length = 1.0;
+    int inside = 0; // lengths of cubics that no bound has cut
+    bool found = false;
+};
+
+template <class F> searched search_by_hand(const F& f, double f0, double slope) {
+    searched s;
+    double last = 1.0, flast = f(1.0);
+    s.length = std::clamp(-0.5 * slope / (flast - f0 - slope), 0.1, 0.5);
+    for (int tries = 1; tries <= 7; ++tries) {
+        const double now = f(s.length);
+        if (now <= f0 + 1.0e-4 * s.length * slope) {
+            s.found = true;
+            return s;
+        }
+        const auto rest = [&](double l, double v) { return v - f0 - slope * l; };
+        // a l^3 + b l^2 = rest at both lengths
+        const double l = s.length, det = l * l * l * last * last - last * last * last * l * l;
+        const double a = (rest(l, now) * last * last - rest(last, flast) * l * l) / det;
+        const double b = (l * l * l * rest(last, flast) - last * last * last * rest(l, now)) / det;
+        double best = 0.1 * l;
+        const auto cubic = [&](double x) { return f0 + slope * x + b * x * x + a * x * x * x; };
+        for (int k = 0; k <= 40000; ++k) {
+            const double x = l * (0.1 + 0.4 * k / 40000.0);
+            if (cubic(x) < cubic(best)) best = x;
+        }
+        s.inside += best > 0.1001 * l && best < 0.4999 * l ? 1 : 0;
+        last = l;
+        flast = now;
+        s.length = best;
+    }
+    return s;
+}
+
+TEST_F(step_test, LengthsOfTheSearchAreThoseOfParabolaAndCubics) {
+    small_model m = families(1);
+    m.random[0].g = {0.3};
+    start(m, {"--aireml", "--nologd"});
+    maximise.modify_chol = 0;
+    int inside = 0, searches = 0;
+    for (double factor = 2.0; factor < 400.0; factor *= 1.3) {
+        real_derivatives();
+        eztimates(1, xnew);
+        std::vector<double> d;
+        for (double x : derivs.dvec) d.push_back(factor * x);
+        aireml_terms.slope *= factor;
+        const double slope = aireml_terms.slope;
+        trial(d);
+        if (xnew > xold + 1.0e-4 * -slope || !(xnew > invalid_logl)) continue;
+        const auto value = [&](double length) {
+            array<double> p = estimates.parvec;
+            for (int i = 1; i <= 2; ++i) p(i) += length * d[static_cast<std::size_t>(i - 1)];
+            return -program_logl(p);
+        };
+        const searched want = search_by_hand(value, -xold, slope);
+        bool fail = true;
+        line_search(xold, xnew, fail);
+        EXPECT_EQ(fail, !want.found) << factor;
+        if (want.found) {
+            EXPECT_NEAR(aireml_terms.alpha, want.length, 2.0e-4 * want.length) << factor;
+        }
+        inside += want.inside;
+        ++searches;
+    }
+    EXPECT_GT(searches, 5);
+    EXPECT_GT(inside, 0) << "no cubic has decided";
+}
+
 TEST_F(step_test, SearchDownhillFailsAfterSevenTries) {
     start(families(1));
     real_derivatives();
@@ -326,6 +398,18 @@ TEST_F(step_test, FlatDirectionIsToldAndPassedOver) {
               std::string::npos);
     EXPECT_GT(xbest, xold - 5.0);
     EXPECT_LT(xbest, 0.0);
+    EXPECT_EQ(flag, 1);
+}
+
+TEST_F(step_test, ContinuedSearchByDirectionsStartsFromTheValueOfItsPoint) {
+    start(families(1), {"--powell"});
+    options.continew = true;
+    bestpoint.xlike_file = xold + 50.0; // of another scale of the parameters
+    double xbest = 0.0;
+    int flag = 0, count = 0;
+    powell(xbest, estimates.parvec, estimates.nparm, flag, count);
+    EXPECT_GT(xbest, xold + 0.1);
+    EXPECT_LT(xbest, xold + 50.0);
     EXPECT_EQ(flag, 1);
 }
 
