@@ -6,12 +6,12 @@
 // Each benchmark is one call on fresh values; medians are shown. "Mops" are millions of multiplications in a second.
 #include "control/numbers.h"
 #include "control/options.h"
+#include "critical_path.h"
 #include "equations/mmmatrix.h"
 #include "likelihood/factormmm.h"
 #include "sparse/dense_kernels.h"
 #include "sparse/supernodes.h"
 #include "sparse/symbfact.h"
-#include "critical_path.h"
 #include "systems.h"
 #include "yardstick.h"
 

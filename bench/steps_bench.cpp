@@ -5,30 +5,30 @@
 // The run arguments are those of the program, with --setup, in the folder of the case. Each round goes through all
 // steps at slightly other parameters, beside CHOLMOD (supernodal, OpenBLAS, one thread) on the same matrix in the same
 // order, so that the ratios are of pairs; --columns times the column kernel as well. --small times the choice that the
-// program makes by itself against the column kernel, many calls in turn. --pairs N times steps with one thread and with N
-// in turn, by the clock on the wall. Printed are "time NAME MEDIAN" and "ratio NAME
-// MEDIAN", the ratios to the factorisation of the same round, and for --pairs "speed_up NAME MEDIAN" over pairs.
+// program makes by itself against the column kernel, many calls in turn. --pairs N times steps with one thread and with
+// N in turn, by the clock on the wall. Printed are "time NAME MEDIAN" and "ratio NAME MEDIAN", the ratios to the
+// factorisation of the same round, and for --pairs "speed_up NAME MEDIAN" over pairs.
 #include "app/phases.h"
 #include "control/numbers.h"
 #include "control/options.h"
+#include "critical_path.h"
 #include "equations/mmmatrix.h"
-#include "likelihood/setups.h"
 #include "estimation/emsteps.h"
 #include "estimation/estimates.h"
 #include "likelihood/buildmmm.h"
 #include "likelihood/derivatives.h"
 #include "likelihood/factormmm.h"
 #include "likelihood/likelihood.h"
+#include "likelihood/setups.h"
 #include "sparse/dense_kernels.h"
 #include "sparse/symbfact.h"
 #include "support/screen.h"
 #include "support/stop.h"
-#include "critical_path.h"
 #include "yardstick.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cholmod.h>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -143,9 +143,7 @@ void set_parameters(int round) {
     for (double& v : estimates.parvec) v *= 1.0 + 1e-4 * round;
 }
 
-void evaluate() {
-    check(loglike(estimates.parvec, 1).valid, "log L");
-}
+void evaluate() { check(loglike(estimates.parvec, 1).valid, "log L"); }
 
 void factorise() {
     double detc = 0.0, ypy = 0.0;

@@ -71,8 +71,7 @@ void new_analysis() {
     anew(randomvars, residualvars);
     anew(adjacency, kernels, lsqsolutions, mmequations, orders, sparse);
     anew(ddvecs, derivs, likelihoods, places, solutions);
-    anew(aireml_terms, bestpoint, estimates, iterate_log, linesearch, modelsums,
-         pxempc, search_state, verdict);
+    anew(aireml_terms, bestpoint, estimates, iterate_log, linesearch, modelsums, pxempc, search_state, verdict);
     anew(final_point, sampling);
     anew(randomgen, simulation);
     anew(linked_list);

@@ -14,7 +14,7 @@ inline times_module times;
 
 std::string program_version(); // as reports show it, "dd-mm-yyyy"
 std::string version_number();  // as packages have it, "yyyy.m.d"
-double cpu_time(); // processor time of the process, seconds
+double cpu_time();             // processor time of the process, seconds
 
 // Reads the processor clock and, with a label under verbose or print_times, prints it; mode 2 adds the time used since
 // the last call. Sets times.prev.

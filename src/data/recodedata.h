@@ -33,8 +33,8 @@ void data_recode(const equation_starts& starts);
 
 // Open reading pass over the recoded subjects.
 struct recdata_pass {
-    record_reader heads;                // recoded1.bin
-    record_reader lists;                // recoded2.bin or recoded3.bin
+    record_reader heads;                 // recoded1.bin
+    record_reader lists;                 // recoded2.bin or recoded3.bin
     datavecs_module* record = &datavecs; // where a subject is read to
     std::string lists_name;
 };
@@ -44,7 +44,8 @@ struct recdata_place {
 };
 recdata_place place_of_next(const recdata_pass& pass);
 void go_to(recdata_pass& pass, const recdata_place& place);
-// Allocates the record of the pass and opens the files: `lists_file` is filenames.recdatfil2 or recdatfil3. Faults stop the run.
+// Allocates the record of the pass and opens the files: `lists_file` is filenames.recdatfil2 or recdatfil3. Faults stop
+// the run.
 void setup_recdata(recdata_pass& pass, const std::string& lists_file);
 // Reads the next subject. False at the end.
 bool next_subject(recdata_pass& pass);

@@ -2,7 +2,8 @@
 //
 // eqnsorder.bin: neqns, neq_fix, neq_rnd, neq_cov | nq, nsrow (with the right-hand side), nrankx, lim1, krand,
 // krfit(0:krand) | nofsub, maxlnz, nnops, order_type | metis_opts(8), for METIS orders (codes 3 and 5) only | invprm |
-// ivperm, both for the equations that stay; the seal has links_sum. OperationCounts gets a line for each order that is tried.
+// ivperm, both for the equations that stay; the seal has links_sum. OperationCounts gets a line for each order that is
+// tried.
 #pragma once
 
 namespace tarvex {

@@ -148,8 +148,7 @@ void record_rows(int i, std::vector<int>& rows) {
 void add_numbering(digest_maker& sum) {
     const auto& m = mmequations;
     for (const int n : {numbers.nq, numbers.krand, numbers.nrankx, numbers.nsrow, m.neqns, m.neq_cov, m.neq_fix,
-                        m.neq_rnd, options.principal ? 1 : 0,
-                        options.blup && options.principal ? 1 : 0})
+                        m.neq_rnd, options.principal ? 1 : 0, options.blup && options.principal ? 1 : 0})
         sum.add(n);
     for (const auto* start : {&m.cv_start, &m.fx_start}) sum.add(start->prefix(start->size()));
     const auto& jeq = orders.jeq;

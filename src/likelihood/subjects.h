@@ -79,9 +79,9 @@ private:
     bool diagonal_ = false, with_effects_ = false;
     double ldet_ = 0.0;
     int isubj_ = 0;
-    std::vector<int> jlocal_;                  // local equation of each place in jvec, -1 taken out, -2 not met yet
-    std::vector<int> clocal_;                  // the same by covariable
-    std::vector<int> cmet_;                    // covariables of the subject
+    std::vector<int> jlocal_; // local equation of each place in jvec, -1 taken out, -2 not met yet
+    std::vector<int> clocal_; // the same by covariable
+    std::vector<int> cmet_;   // covariables of the subject
     std::shared_ptr<const subject_tables> tables_;
 };
 

@@ -311,8 +311,7 @@ void get_rinv_rreg(const datavecs_module& d, int isubj, std::vector<double>& zig
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j)
             if (age[at(i - 1)] == age[at(j - 1)])
-                w[at(ihmssf(i, j, n) - 1)] =
-                    residualvars.sigres(packed(d.ynq(i), d.ynq(j), nq), iclass[at(i - 1)]);
+                w[at(ihmssf(i, j, n) - 1)] = residualvars.sigres(packed(d.ynq(i), d.ynq(j), nq), iclass[at(i - 1)]);
     int rank = 0, negative = 0;
     gen_inverse(w, n, numbers.zero, rank, ldet, &negative);
     if (rank < n || negative > 0) singular_subject(isubj, n, rank);

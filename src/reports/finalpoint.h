@@ -40,8 +40,8 @@ struct final_point_module {
 };
 inline final_point_module final_point;
 
-// Forms the derivatives at the best point, judges it and fills final_point. Called behind all reports: estimates.parvec and the
-// derivatives are not kept. Without a usable point `available` stays false and only the border is looked at.
+// Forms the derivatives at the best point, judges it and fills final_point. Called behind all reports: estimates.parvec
+// and the derivatives are not kept. Without a usable point `available` stays false and only the border is looked at.
 void look_at_final_point();
 
 } // namespace tarvex

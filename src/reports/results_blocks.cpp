@@ -1,6 +1,5 @@
 // Traits, effects, blocks, estimates and solutions for Results.json.
 #include "basis/phimatrix.h"
-#include "estimation/bestpoint.h"
 #include "control/filenames.h"
 #include "control/numbers.h"
 #include "control/options.h"
@@ -10,6 +9,7 @@
 #include "dense/numroutines.h"
 #include "equations/mmequations.h"
 #include "equations/orders.h"
+#include "estimation/bestpoint.h"
 #include "estimation/estimates.h"
 #include "likelihood/solutions.h"
 #include "parameters/parunits.h"

@@ -7,8 +7,8 @@
 
 namespace tarvex {
 
-// Lower Cholesky factor of the packed triangle sig of order n, for sampling. Columns of rows that depend on those before
-// them are zero; a matrix with a negative pivot stops.
+// Lower Cholesky factor of the packed triangle sig of order n, for sampling. Columns of rows that depend on those
+// before them are zero; a matrix with a negative pivot stops.
 void mvnormal_initial(int n, std::span<const double> sig, array<double, 2>& chol);
 // n independent standard normal numbers times the factor.
 void mvnormal_draw(int n, const array<double, 2>& chol, std::span<double> x);

@@ -9,11 +9,11 @@
 
 namespace tarvex {
 
-constexpr int lane = 8;         // rows are padded to the longest vector of doubles
-constexpr int wide = 240;       // columns of a supernode worked on at a time; a multiple of block
-constexpr int broad = 4 * wide; // columns of a large front that take its finished columns at a time
+constexpr int lane = 8;           // rows are padded to the longest vector of doubles
+constexpr int wide = 240;         // columns of a supernode worked on at a time; a multiple of block
+constexpr int broad = 4 * wide;   // columns of a large front that take its finished columns at a time
 constexpr int solve_columns = 16; // right-hand sides solved for together: two cache lines for each equation
-constexpr int block = 48;       // columns of a block; a multiple of the tile heights of all instruction sets
+constexpr int block = 48;         // columns of a block; a multiple of the tile heights of all instruction sets
 
 constexpr std::ptrdiff_t padded(std::ptrdiff_t rows) { return (rows + lane - 1) / lane * lane; }
 // Distance of columns for `rows` rows: an odd number of cache lines, which spreads a row over the cache.
@@ -55,23 +55,26 @@ enum class store_mode { subtract, add, set_minus, set }; // C -= AB', C += AB', 
 struct dense_kernels_table {
     const char* name;
     // C (m x n) from A (m x k) and B (n x k).
-    void (*product)(const kernel_space& w, store_mode mode, int m, int n, int k, const double* a, std::ptrdiff_t lda, const double* b,
-                    std::ptrdiff_t ldb, double* c, std::ptrdiff_t ldc);
+    void (*product)(const kernel_space& w, store_mode mode, int m, int n, int k, const double* a, std::ptrdiff_t lda,
+                    const double* b, std::ptrdiff_t ldb, double* c, std::ptrdiff_t ldc);
     // Triangle u (m x m, column blocks) = -A A', A (m x k), or -= with mode subtract. Lower half; anything may be left
     // above the diagonal.
-    void (*minus_square)(const kernel_space& w, store_mode mode, int m, int k, const double* a, std::ptrdiff_t lda, double* u);
+    void (*minus_square)(const kernel_space& w, store_mode mode, int m, int k, const double* a, std::ptrdiff_t lda,
+                         double* u);
     // Lower part of C (m x n) -= A B', B the first n rows of A (m x k), whose columns stand anywhere, a(0..k-1); n <=
     // broad. Nothing is read behind row m of A.
-    void (*minus_columns)(const kernel_space& w, int m, int n, int k, const double* const* a, double* c, std::ptrdiff_t ldc);
+    void (*minus_columns)(const kernel_space& w, int m, int n, int k, const double* const* a, double* c,
+                          std::ptrdiff_t ldc);
     // C (m x n) = -U B' for the symmetric matrix whose triangle is u, B (n x m), n <= broad.
-    void (*minus_symmetric)(const kernel_space& w, int m, int n, const double* u, const double* b, std::ptrdiff_t ldb, double* c,
-                            std::ptrdiff_t ldc);
+    void (*minus_symmetric)(const kernel_space& w, int m, int n, const double* u, const double* b, std::ptrdiff_t ldb,
+                            double* c, std::ptrdiff_t ldc);
     // Panel of m rows and n columns, m >= n: the Cholesky factor of its first n rows, and the solution X of X L' = P
     // below them. Columns take lane further rows below m. Returns the first column whose pivot is not at least `limit`,
     // with this pivot, n if there is none; columns from there on are not to be used.
     int (*factor_panel)(const kernel_space& w, int m, int n, double* p, std::ptrdiff_t ld, double limit, double& pivot);
     // Y (m x n) is replaced by Y L^-1; lt = L' by columns, upper triangle.
-    void (*solve_right)(const kernel_space& w, int m, int n, const double* lt, std::ptrdiff_t ldt, double* y, std::ptrdiff_t ldy);
+    void (*solve_right)(const kernel_space& w, int m, int n, const double* lt, std::ptrdiff_t ldt, double* y,
+                        std::ptrdiff_t ldy);
     // t (n x m) = transpose of a (m x n).
     void (*transpose)(int m, int n, const double* a, std::ptrdiff_t lda, double* t, std::ptrdiff_t ldt);
     // dst(place(i)) += src(i), i from..m-1; place ascends, runs(i) is the number of rows from i on that stay together.

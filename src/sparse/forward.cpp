@@ -45,7 +45,9 @@ void forward_block(const sparse_store& m, double* x) {
 int nested_from(const sparse_store& m, int j) {
     const int n = m.n;
     int w = 1;
-    while (w < 4 && j + w < n && rows_below(m, j + w - 1) == rows_below(m, j + w) + 1 && *row_list(m, j + w - 1) == j + w) ++w;
+    while (w < 4 && j + w < n && rows_below(m, j + w - 1) == rows_below(m, j + w) + 1 &&
+           *row_list(m, j + w - 1) == j + w)
+        ++w;
     return w;
 }
 

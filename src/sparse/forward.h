@@ -5,8 +5,8 @@
 
 namespace tarvex {
 
-// Solves L s = b, in place, for each column of b; equations 1..n-1, row n (the right-hand side) left out. b has at least
-// n-1 rows, further rows are not touched. kernel: vector kernels, nullptr: by columns and elements.
+// Solves L s = b, in place, for each column of b; equations 1..n-1, row n (the right-hand side) left out. b has at
+// least n-1 rows, further rows are not touched. kernel: vector kernels, nullptr: by columns and elements.
 void forward_columns(const sparse_store& s, const dense_kernels_table* kernel, array<double, 2>& b);
 
 } // namespace tarvex

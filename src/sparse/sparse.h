@@ -1,9 +1,9 @@
 // A sparse symmetric system in compressed form: one triangle, element (i,j), i<j, held under row i.
 //
-// Rows are in the factorisation order; the last of the n rows is the right-hand side, with y'R^-1 y on its diagonal, and
-// is linked to every other row. "Row i" of the store is column i of the factor L below its diagonal.
-// Element at place k of row i (ixvec1(i) <= k < ixvec1(i+1)) has the subscript ixsub(ixvec2(i) + k - ixvec1(i)); the
-// subscripts of a row ascend, and rows whose patterns end alike share one list.
+// Rows are in the factorisation order; the last of the n rows is the right-hand side, with y'R^-1 y on its diagonal,
+// and is linked to every other row. "Row i" of the store is column i of the factor L below its diagonal. Element at
+// place k of row i (ixvec1(i) <= k < ixvec1(i+1)) has the subscript ixsub(ixvec2(i) + k - ixvec1(i)); the subscripts of
+// a row ascend, and rows whose patterns end alike share one list.
 #pragma once
 #include "support/array.h"
 
@@ -11,7 +11,8 @@
 
 namespace tarvex {
 
-// What diag and xspars hold. A routine that needs one of them asks for it (need_state); the one that changes it says so.
+// What diag and xspars hold. A routine that needs one of them asks for it (need_state); the one that changes it says
+// so.
 enum class store_state {
     empty,      // nothing of use: not yet filled, or a factorisation that failed
     assembled,  // the matrix

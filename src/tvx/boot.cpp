@@ -83,14 +83,16 @@ int boot(const boot_choice& c) {
         const std::string name = "rep" + std::to_string(i + 1);
         make_job(r, par, data[i], folder + "/" + name);
         std::string options = " --json";
-        for (const auto& o : r.run.is_object() ? r.run.value("options", std::vector<std::string>()) : std::vector<std::string>())
+        for (const auto& o :
+             r.run.is_object() ? r.run.value("options", std::vector<std::string>()) : std::vector<std::string>())
             options += " " + shell_quoted(o);
         jobs[name] = shell_quoted(program_path()) + options + " analysis.par";
     }
     const auto reps = replicates(r, folder, run_jobs(folder, jobs, c.jobs));
     if (reps.size() < 2) throw fault{"fewer than two replicates arrived at a maximum", not_at_maximum};
-    std::string table = "effect\ttrait_i\ttrait_j\tkind\testimate\tse\tboot_mean\tboot_se\tlow95\thigh95\tratio\tratio_se\t"
-                        "boot_ratio_se\tratio_low95\tratio_high95\n";
+    std::string table =
+        "effect\ttrait_i\ttrait_j\tkind\testimate\tse\tboot_mean\tboot_se\tlow95\thigh95\tratio\tratio_se\t"
+        "boot_ratio_se\tratio_low95\tratio_high95\n";
     const auto components = components_of(r);
     for (std::size_t k = 0; k < components.size(); ++k) {
         const component& e = components[k];
@@ -110,7 +112,8 @@ int boot(const boot_choice& c) {
     }
     write_text(folder + "/boot.tsv", table);
     if (display.json)
-        std::printf("%s\n", json{{"table", folder + "/boot.tsv"}, {"replicates", reps.size()}, {"asked", c.n}}.dump().c_str());
+        std::printf("%s\n",
+                    json{{"table", folder + "/boot.tsv"}, {"replicates", reps.size()}, {"asked", c.n}}.dump().c_str());
     else if (!display.quiet)
         std::printf("%s\n%zu of %d replicates at a maximum. Table: %s/boot.tsv\n", table.c_str(), reps.size(), c.n,
                     folder.c_str());

@@ -19,8 +19,8 @@ std::string bare(const std::string& name) { return name.substr(0, name.find('(')
 void check_maximum(const run_results& r, const char* which) {
     const judgement j = judge(r);
     if (j.verdict != "arrived" && j.verdict != "boundary")
-        throw fault{std::string("the models cannot be compared: the ") + which + " one is not at a maximum (" + j.verdict +
-                        "; " + r.folder + ")",
+        throw fault{std::string("the models cannot be compared: the ") + which + " one is not at a maximum (" +
+                        j.verdict + "; " + r.folder + ")",
                     not_at_maximum};
 }
 
@@ -98,7 +98,8 @@ void grow_block(growth& g, const json& a, const json& b) {
     while (!bb.empty() && std::isdigit(static_cast<unsigned char>(bb.back()))) bb.pop_back();
     if (ba != bb || (ba.find("_BS") != std::string::npos && na != nb))
         refuse("the functions of \"" + name + "\" in the smaller model are no part of those in the larger one");
-    if (pa == pb && na == nb && a["diagonal"] == b["diagonal"] && a["rank"] == b["rank"] && a["steps"] == b["steps"]) return;
+    if (pa == pb && na == nb && a["diagonal"] == b["diagonal"] && a["rank"] == b["rank"] && a["steps"] == b["steps"])
+        return;
     if (pb <= pa) refuse("\"" + name + "\" has no more parameters in the larger model");
     const bool full_a = a["diagonal"] == false && a["rank"] == na, full_b = b["diagonal"] == false && b["rank"] == nb;
     if (na == nb && b["number"] == 0 && a["steps"] == 1)
@@ -159,7 +160,7 @@ growth growth_of(const json& small, const json& large) {
 double mixture_tail(const std::vector<std::pair<int, double>>& mixture, double x) {
     double p = 0.0;
     for (const auto& [df, weight] : mixture)
-        p += weight * (x <= 0.0 ? 1.0
+        p += weight * (x <= 0.0  ? 1.0
                        : df == 0 ? 0.0
                                  : boost::math::cdf(boost::math::complement(boost::math::chi_squared(df), x)));
     return p;

@@ -11,8 +11,8 @@
 namespace tvx {
 
 struct lr_test {
-    double statistic = 0.0; // 2 (log L large - log L small), not below 0
-    int df = 0;             // difference in parameters
+    double statistic = 0.0;                      // 2 (log L large - log L small), not below 0
+    int df = 0;                                  // difference in parameters
     std::vector<std::pair<int, double>> mixture; // degrees of freedom, weight
     double p = 1.0;
     bool bound = false; // p is an upper bound

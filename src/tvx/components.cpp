@@ -63,8 +63,8 @@ border_set border_of(const run_results& r) {
     if (!end.is_object()) return set;
     for (const auto& b : end["border"]) {
         const bool variance = b["kind"] == "variance";
-        set.insert({b["block"].get<int>(), b["step"].get<int>(), b["row"].get<int>(),
-                    variance ? 0 : b["column"].get<int>()});
+        set.insert(
+            {b["block"].get<int>(), b["step"].get<int>(), b["row"].get<int>(), variance ? 0 : b["column"].get<int>()});
     }
     return set;
 }
@@ -91,8 +91,7 @@ std::string denominator(const run_results& r, int trait) {
         for (std::size_t k = 0; k < b["rows"].size(); ++k) {
             const json& x = b["rows"][k];
             if (x["trait"] != trait) continue;
-            const std::string name =
-                b["number"] == 0 ? "residual" : effect_name(r, x["effect"], trait);
+            const std::string name = b["number"] == 0 ? "residual" : effect_name(r, x["effect"], trait);
             if (b["number"] == 0) continue; // stands last
             text += (text.empty() ? "" : " + ") + name;
         }
@@ -100,8 +99,9 @@ std::string denominator(const run_results& r, int trait) {
 }
 
 std::string ratio_words(const run_results& r, const json& f, const row_label& a, const row_label& b) {
-    if (f["kind"] == "covariance") return "correlation of " + a.effect + " " + a.trait + " and " +
-                                          (a.effect == b.effect ? b.trait : b.effect + " " + b.trait);
+    if (f["kind"] == "covariance")
+        return "correlation of " + a.effect + " " + a.trait + " and " +
+               (a.effect == b.effect ? b.trait : b.effect + " " + b.trait);
     const int block = f["block"];
     if (block < 0 || r.estimates["run"]["random_regression"] == true) return "";
     const bool animals = block > 0 && block_of(r, block)["structure"] == "NRM" &&
@@ -141,7 +141,8 @@ double estimate_set::covariance(const linear& f, const linear& g) const {
     double s = 0.0;
     for (const auto& [k, x] : f.terms)
         for (const auto& [l, y] : g.terms)
-            s += x * y * cov_[static_cast<std::size_t>(std::max(k, l) - 1)][static_cast<std::size_t>(std::min(k, l) - 1)];
+            s += x * y *
+                 cov_[static_cast<std::size_t>(std::max(k, l) - 1)][static_cast<std::size_t>(std::min(k, l) - 1)];
     return s;
 }
 
@@ -235,7 +236,8 @@ std::vector<curve> curves_of(const run_results& r) {
             for (std::size_t i = 0; i < n; ++i)
                 for (std::size_t j = i; j < n; ++j)
                     f[a].add(all.element(static_cast<int>(k), 1, static_cast<int>(i + 1), static_cast<int>(j + 1)),
-                             number(basis["functions"][a][i]) * number(basis["functions"][a][j]) * (i == j ? 1.0 : 2.0));
+                             number(basis["functions"][a][i]) * number(basis["functions"][a][j]) *
+                                 (i == j ? 1.0 : 2.0));
         parts.emplace_back(effect_name(r, blocks[k]["name"], 1), f);
     }
     if (x.empty()) return list;
@@ -289,7 +291,8 @@ std::vector<eigen_part> eigen_parts(const run_results& r) {
             part.values.push_back(value);
             const double sign = own.eigenvectors().col(c).sum() < 0.0 ? -1.0 : 1.0;
             for (int i = 0; i < n; ++i)
-                part.loadings[static_cast<std::size_t>(i)].push_back(sign * std::sqrt(value) * own.eigenvectors()(i, c));
+                part.loadings[static_cast<std::size_t>(i)].push_back(sign * std::sqrt(value) *
+                                                                     own.eigenvectors()(i, c));
         }
         list.push_back(part);
     }

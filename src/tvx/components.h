@@ -13,11 +13,11 @@ namespace tvx {
 // One line of estimates.tsv.
 struct component {
     std::string effect, trait_i, trait_j;
-    std::string kind; // "variance" or "covariance"
-    double estimate = 0.0, se = 0.0;       // se NaN: none
-    double ratio = 0.0, ratio_se = 0.0;    // part of the phenotypic variance, or correlation; NaN: none
-    std::string mark;                      // "boundary", "not identified", "failed" or blank
-    std::string words;                     // the ratio and its denominator
+    std::string kind;                   // "variance" or "covariance"
+    double estimate = 0.0, se = 0.0;    // se NaN: none
+    double ratio = 0.0, ratio_se = 0.0; // part of the phenotypic variance, or correlation; NaN: none
+    std::string mark;                   // "boundary", "not identified", "failed" or blank
+    std::string words;                  // the ratio and its denominator
 };
 std::vector<component> components_of(const run_results& r);
 
@@ -33,15 +33,15 @@ public:
     explicit estimate_set(const json& results);
     bool has_errors() const { return !cov_.empty(); }
     double value(const linear& f) const;
-    double covariance(const linear& f, const linear& g) const; // NaN without errors
-    double se(const linear& f) const;                          // NaN where it fails
-    double ratio_se(const linear& a, const linear& b) const;   // of a / b
+    double covariance(const linear& f, const linear& g) const;                      // NaN without errors
+    double se(const linear& f) const;                                               // NaN where it fails
+    double ratio_se(const linear& a, const linear& b) const;                        // of a / b
     double correlation_se(const linear& c, const linear& a, const linear& b) const; // of c / sqrt(a b)
-    linear element(int block, int step, int i, int j) const;   // a covariance; no terms where it is not fitted
+    linear element(int block, int step, int i, int j) const; // a covariance; no terms where it is not fitted
 
 private:
     std::vector<double> value_;
-    std::vector<std::vector<double>> cov_; // lower triangle
+    std::vector<std::vector<double>> cov_;  // lower triangle
     std::vector<std::array<int, 5>> place_; // block, step, row, column, number
 };
 

@@ -6,8 +6,8 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdio>
-#include <filesystem>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -53,9 +53,11 @@ std::vector<std::string> run_jobs(const std::string& folder, const std::map<std:
                                   const job_settings& settings) {
     write_text(folder + "/Snakefile", {reinterpret_cast<const char*>(job_rules), job_rules_size});
     write_text(folder + "/jobs.json", nlohmann::json{{"jobs", jobs}}.dump(1, '\t') + "\n");
-    const int n = settings.jobs > 0 ? settings.jobs : static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
-    std::vector<std::string> args{"snakemake", "-s", "Snakefile", "-j", std::to_string(n), "--keep-going", "--nolock",
-                                  "--rerun-incomplete", "--rerun-triggers", "mtime"};
+    const int n =
+        settings.jobs > 0 ? settings.jobs : static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+    std::vector<std::string> args{"snakemake",        "-s",           "Snakefile", "-j",
+                                  std::to_string(n),  "--keep-going", "--nolock",  "--rerun-incomplete",
+                                  "--rerun-triggers", "mtime"};
     if (!settings.profile.empty()) args.insert(args.end(), {"--profile", settings.profile});
     if (!display.quiet && !display.json) {
         std::printf("%zu runs by Snakemake, %d at a time; %s/snakemake.log\n", jobs.size(), n, folder.c_str());

@@ -63,7 +63,8 @@ double boot_p(const run_results& small, const run_results& large, const lr_test&
         if (!std::filesystem::exists(a.folder + "/done") || !std::filesystem::exists(b.folder + "/done")) continue;
         a.estimates = read_json_file(a.folder + "/Results.json");
         b.estimates = read_json_file(b.folder + "/Results.json");
-        const double x = 2.0 * (number(b.estimates["likelihood"]["log_l"]) - number(a.estimates["likelihood"]["log_l"]));
+        const double x =
+            2.0 * (number(b.estimates["likelihood"]["log_l"]) - number(a.estimates["likelihood"]["log_l"]));
         ++used;
         if (x >= t.statistic - 1e-6) ++beyond;
     }
@@ -84,8 +85,7 @@ std::string distribution(const lr_test& t) {
 }
 
 int lrt(const lrt_choice& c) {
-    if (c.drop.empty() == c.large.empty())
-        throw fault{"give two runs, SMALL LARGE, or one run and --drop EFFECT"};
+    if (c.drop.empty() == c.large.empty()) throw fault{"give two runs, SMALL LARGE, or one run and --drop EFFECT"};
     const run_results large = read_run(c.drop.empty() ? c.large : c.small);
     if (!c.drop.empty() && judge(large).status != 0)
         throw fault{"the models cannot be compared: " + large.folder + " is not at a maximum", not_at_maximum};
@@ -94,16 +94,23 @@ int lrt(const lrt_choice& c) {
     int used = 0;
     const double exact = c.boot > 0 ? boot_p(small, large, t, c, used) : -1.0;
     if (display.json) {
-        json d = {{"statistic", t.statistic}, {"df", t.df}, {"p", t.p}, {"upper_bound", t.bound},
-                  {"distribution", distribution(t)}, {"tested", t.words}, {"small", small.folder}, {"large", large.folder}};
+        json d = {{"statistic", t.statistic},
+                  {"df", t.df},
+                  {"p", t.p},
+                  {"upper_bound", t.bound},
+                  {"distribution", distribution(t)},
+                  {"tested", t.words},
+                  {"small", small.folder},
+                  {"large", large.folder}};
         if (c.boot > 0) d["boot"] = {{"p", exact}, {"sets", used}};
         std::printf("%s\n", d.dump().c_str());
         return fine;
     }
     if (display.quiet) return fine;
-    std::printf("Tested: %s\nlog L %.4f and %.4f; statistic %.4f on %d parameter%s\nReference: %s\np %s %.4g\n", t.words.c_str(),
-                number(small.estimates["likelihood"]["log_l"]), number(large.estimates["likelihood"]["log_l"]),
-                t.statistic, t.df, t.df == 1 ? "" : "s", distribution(t).c_str(), t.bound ? "at most" : "=", t.p);
+    std::printf("Tested: %s\nlog L %.4f and %.4f; statistic %.4f on %d parameter%s\nReference: %s\np %s %.4g\n",
+                t.words.c_str(), number(small.estimates["likelihood"]["log_l"]),
+                number(large.estimates["likelihood"]["log_l"]), t.statistic, t.df, t.df == 1 ? "" : "s",
+                distribution(t).c_str(), t.bound ? "at most" : "=", t.p);
     if (t.bound && c.boot == 0) std::printf("For the exact p of a matrix: --boot 200\n");
     if (c.boot > 0) std::printf("By simulation of %d sets from the smaller model: p = %.4g\n", used, exact);
     return fine;

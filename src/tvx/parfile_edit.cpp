@@ -131,7 +131,8 @@ void parfile_text::drop_effect(const std::string& effect) {
                 keep.push_back(row);
             }
         }
-        lines_.erase(lines_.begin() + static_cast<std::ptrdiff_t>(e.from), lines_.begin() + static_cast<std::ptrdiff_t>(e.to));
+        lines_.erase(lines_.begin() + static_cast<std::ptrdiff_t>(e.from),
+                     lines_.begin() + static_cast<std::ptrdiff_t>(e.to));
         lines_.insert(lines_.begin() + static_cast<std::ptrdiff_t>(e.from), keep.begin(), keep.end());
         break;
     }

@@ -105,7 +105,8 @@ std::vector<std::string> files_of_analysis(const std::string& parameter_file) {
     std::vector<std::string> files{fs::path(parameter_file).filename().string()};
     const auto add = [&](const std::string& name) {
         if (fs::path(name).is_absolute() || name.find('/') != std::string::npos)
-            throw fault{"\"" + name + "\" lies in another folder: put all files of the analysis beside the parameter file"};
+            throw fault{"\"" + name +
+                        "\" lies in another folder: put all files of the analysis beside the parameter file"};
         if (fs::is_regular_file(folder / name) && std::find(files.begin(), files.end(), name) == files.end())
             files.push_back(name);
     };
@@ -205,7 +206,8 @@ std::string last_lines(const std::string& file, int n) {
     for (std::string line; std::getline(in, line);)
         if (!line.empty()) lines.push_back(line);
     std::string text;
-    const std::size_t from = lines.size() > static_cast<std::size_t>(n) ? lines.size() - static_cast<std::size_t>(n) : 0;
+    const std::size_t from =
+        lines.size() > static_cast<std::size_t>(n) ? lines.size() - static_cast<std::size_t>(n) : 0;
     for (std::size_t i = from; i < lines.size(); ++i) text += "  " + lines[i] + "\n";
     return text;
 }

@@ -19,7 +19,7 @@ std::string program_path();
 std::string sum_of_analysis(const std::string& parameter_file, const std::vector<std::string>& options);
 
 struct program_run {
-    int status = 0;       // exit status, 128 + signal
+    int status = 0; // exit status, 128 + signal
     double seconds = 0.0;
 };
 // Runs the program in `folder`; what it says is added to `log` there. On a terminal a line shows the last round of

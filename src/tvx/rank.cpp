@@ -34,8 +34,10 @@ std::pair<int, int> range_of(const std::string& text) {
     int from = 0, to = 0;
     char rest = 0;
     const int n = std::sscanf(text.c_str(), "%d..%d%c", &from, &to, &rest);
-    if (n == 1 && text.find_first_not_of("0123456789") == std::string::npos) to = from;
-    else if (n != 2) throw fault{"\"" + text + "\" is no range of ranks: write 1..4"};
+    if (n == 1 && text.find_first_not_of("0123456789") == std::string::npos)
+        to = from;
+    else if (n != 2)
+        throw fault{"\"" + text + "\" is no range of ranks: write 1..4"};
     if (from < 1 || to < from) throw fault{"\"" + text + "\" is no range of ranks: write 1..4"};
     return {from, to};
 }
@@ -48,7 +50,8 @@ rank_fit fit_of(const std::string& folder, int rank) {
     f.rank = rank;
     f.parameters = r.estimates["likelihood"]["parameters"];
     f.log_l = number(r.estimates["likelihood"]["log_l"]);
-    const double free = number(r.estimates["likelihood"]["records"]) - number(r.estimates["likelihood"]["rank_of_fixed_part"]);
+    const double free =
+        number(r.estimates["likelihood"]["records"]) - number(r.estimates["likelihood"]["rank_of_fixed_part"]);
     f.aic = -2.0 * f.log_l + 2.0 * f.parameters;
     f.bic = -2.0 * f.log_l + f.parameters * std::log(free);
     f.verdict = judge(r).verdict;
@@ -64,8 +67,12 @@ std::string ranks_page(const std::string& title, const std::vector<rank_fit>& fi
     const rank_fit* best = nullptr;
     for (const auto& f : fits) {
         if (!best || f.bic < best->bic) best = &f;
-        d["ranks"].push_back({{"rank", f.rank}, {"parameters", f.parameters}, {"log_l", f.log_l}, {"aic", f.aic},
-                              {"bic", f.bic}, {"verdict", f.verdict}});
+        d["ranks"].push_back({{"rank", f.rank},
+                              {"parameters", f.parameters},
+                              {"log_l", f.log_l},
+                              {"aic", f.aic},
+                              {"bic", f.bic},
+                              {"verdict", f.verdict}});
     }
     d["verdict"] = {{"verdict", "given"},
                     {"text", "Rank " + std::to_string(best->rank) + " has the lowest BIC."},
@@ -93,7 +100,8 @@ int rank_fits(const rank_choice& c) {
         for (const auto& input : files_of_analysis(file))
             std::filesystem::copy_file(source + "/" + input, place + "/" + input,
                                        std::filesystem::copy_options::update_existing);
-        const std::string before = std::filesystem::exists(place + "/analysis.par") ? read_text(place + "/analysis.par") : "";
+        const std::string before =
+            std::filesystem::exists(place + "/analysis.par") ? read_text(place + "/analysis.par") : "";
         if (before != one.text()) write_text(place + "/analysis.par", one.text());
         jobs[name] = shell_quoted(program_path()) + " --json analysis.par";
     }

@@ -119,8 +119,8 @@ std::vector<prediction_list> predictions_of(const run_results& r) {
     std::vector<prediction_list> list;
     const json& results = r.solutions.is_object() ? r.solutions : r.estimates;
     if (!results["solutions"].is_object()) return list;
-    const animal_table animals = r.made_by && !r.made_by->animals.empty() ? animals_of_study(*r.made_by)
-                                                                          : animals_of_file(r);
+    const animal_table animals =
+        r.made_by && !r.made_by->animals.empty() ? animals_of_study(*r.made_by) : animals_of_file(r);
     const estimate_set all(r.estimates);
     for (const auto& part : results["solutions"]["random"]) {
         const int block = part["block"];
@@ -176,7 +176,8 @@ std::vector<std::vector<std::int64_t>> lines_by_trait(const run_results& r, std:
     if (!s.one_line) {
         for (std::size_t k = 0; k < s.lines.size(); ++k) {
             const int t = s.lines[k].trait;
-            if (t >= 1 && static_cast<std::size_t>(t) <= traits) lines[static_cast<std::size_t>(t)].push_back(s.lines[k].line);
+            if (t >= 1 && static_cast<std::size_t>(t) <= traits)
+                lines[static_cast<std::size_t>(t)].push_back(s.lines[k].line);
         }
         return lines;
     }

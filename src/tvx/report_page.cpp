@@ -196,7 +196,8 @@ json fact_list(const run_results& r) {
 json note_list(const run_results& r) {
     auto list = json::array();
     if (!r.made_by) return list;
-    for (const auto& d : r.made_by->dropped) list.push_back(std::to_string(d.records) + " records left out: " + d.reason);
+    for (const auto& d : r.made_by->dropped)
+        list.push_back(std::to_string(d.records) + " records left out: " + d.reason);
     for (const auto& remark : r.made_by->remarks) list.push_back(remark);
     for (const auto& t : r.made_by->traits)
         if (t.power != 0)
@@ -213,10 +214,8 @@ json report_summary(const run_results& r, const std::vector<prediction_list>& pr
     json d = {{"format", "tvx-report"}, {"format_version", 1}};
     d["title"] = r.made_by ? r.made_by->name : r.estimates["run"]["parameter_file"].get<std::string>();
     d["formula"] = r.made_by ? r.made_by->formula : std::string();
-    d["verdict"] = {{"verdict", verdict.verdict},
-                    {"text", verdict.text},
-                    {"details", verdict.details},
-                    {"status", verdict.status}};
+    d["verdict"] = {
+        {"verdict", verdict.verdict}, {"text", verdict.text}, {"details", verdict.details}, {"status", verdict.status}};
     d["facts"] = fact_list(r);
     d["traits"] = r.estimates["traits"].size();
     d["random_regression"] = r.estimates["run"]["random_regression"];
@@ -234,7 +233,8 @@ json report_summary(const run_results& r, const std::vector<prediction_list>& pr
     const json& end = r.estimates["end"];
     d["search"] = end.is_object() ? "The search ended: " + end.value("reason", "") + "." : std::string();
     d["notes"] = note_list(r);
-    d["made"] = "Tarvex " + r.estimates["program"]["version"].get<std::string>() + "; tables with all digits stand beside "
+    d["made"] = "Tarvex " + r.estimates["program"]["version"].get<std::string>() +
+                "; tables with all digits stand beside "
                 "this page.";
     return d;
 }
@@ -249,7 +249,8 @@ std::string page_of(const json& summary) {
     std::string page = "<!doctype html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
                        "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
                        "<meta name=\"color-scheme\" content=\"light dark\">\n"
-                       "<link rel=\"icon\" href=\"data:,\">\n<title>" + title + "</title>\n<style>\n";
+                       "<link rel=\"icon\" href=\"data:,\">\n<title>" +
+                       title + "</title>\n<style>\n";
     page += embedded(page_style, page_style_size);
     page += "</style>\n</head>\n<body>\n<main><noscript>The pictures need JavaScript; the tables beside this page do "
             "not.</noscript></main>\n<script id=\"data\" type=\"application/json\">";

@@ -12,7 +12,6 @@ namespace tvx {
 
 namespace {
 
-
 std::string exact(double x) {
     if (!std::isfinite(x)) return "";
     char text[40];
@@ -103,15 +102,17 @@ std::string residuals_table(const run_results& r, const std::vector<residual_rec
     std::vector<std::string> names{""};
     for (std::size_t t = 1; t <= r.estimates["traits"].size(); ++t) names.push_back(trait_name(r, static_cast<int>(t)));
     for (const auto& x : residuals)
-        row().count(x.line)(names[static_cast<std::size_t>(x.trait)])(x.observed)(x.observed - x.residual)(x.residual).end(
-            table);
+        row()
+            .count(x.line)(names[static_cast<std::size_t>(x.trait)])(x.observed)(x.observed - x.residual)(x.residual)
+            .end(table);
     return table;
 }
 
 std::string curves_table(const std::vector<curve>& curves) {
     std::string table = "control\tvalue\teffect\tvariance\tse\tratio\tratio_se\n";
     for (const auto& c : curves)
-        for (const auto& p : c.points) row()(c.control)(p.x)(c.effect)(p.variance)(p.se)(p.ratio)(p.ratio_se).end(table);
+        for (const auto& p : c.points)
+            row()(c.control)(p.x)(c.effect)(p.variance)(p.se)(p.ratio)(p.ratio_se).end(table);
     return table;
 }
 
@@ -140,8 +141,8 @@ std::string text_summary(const run_results& r) {
         if (std::isfinite(x)) std::snprintf(t, sizeof t, form, x);
         return std::string(t);
     };
-    std::snprintf(line, sizeof line, "%-20s %-12s %-12s %12s %10s %8s %8s\n", "effect", "trait", "with", "estimate", "s.e.",
-                  "ratio", "s.e.");
+    std::snprintf(line, sizeof line, "%-20s %-12s %-12s %12s %10s %8s %8s\n", "effect", "trait", "with", "estimate",
+                  "s.e.", "ratio", "s.e.");
     text += line;
     for (const auto& c : components_of(r)) {
         std::snprintf(line, sizeof line, "%-20s %-12s %-12s %12s %10s %8s %8s %s\n", c.effect.c_str(),

@@ -70,7 +70,10 @@ std::string flat_words(const run_results& r, const json& items) {
                 name = row_words(r, e["block"], e["row"]);
                 if (e["row"] != e["column"]) name += " with " + row_words(r, e["block"], e["column"]);
             }
-        text += (text.empty() ? (w < 0 ? "- " : "") : w < 0 ? " - " : " + ") + shown(std::fabs(w), 2) + " (" + name + ")";
+        text += (text.empty() ? (w < 0 ? "- " : "")
+                 : w < 0      ? " - "
+                              : " + ") +
+                shown(std::fabs(w), 2) + " (" + name + ")";
     }
     return text;
 }

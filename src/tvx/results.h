@@ -24,15 +24,15 @@ struct judgement {
     std::string verdict; // "arrived", "boundary", "unidentified", "not arrived", or "given" for covariances as given
     std::string text;    // one sentence
     std::vector<std::string> details; // what lies at the boundary or is not identified, what to do
-    int status = 0;      // exit status
+    int status = 0;                   // exit status
 };
 
 // A run: its folder with what was read from it.
 struct run_results {
     std::string folder;
-    json estimates;          // of the search
-    json solutions;          // of the BLUP run at the estimates; null where there is none
-    json run;                // run.json: attempts, sum; null where the folder was not made by "tvx run"
+    json estimates;                 // of the search
+    json solutions;                 // of the BLUP run at the estimates; null where there is none
+    json run;                       // run.json: attempts, sum; null where the folder was not made by "tvx run"
     std::unique_ptr<study> made_by; // study of the run, none
 };
 

@@ -13,7 +13,7 @@ namespace tvx {
 
 struct run_outcome {
     std::string folder;
-    bool known = false;  // the same inputs have been run before: nothing was computed
+    bool known = false; // the same inputs have been run before: nothing was computed
     judgement verdict;
 };
 

@@ -28,7 +28,8 @@ std::string with_simulated(const run_results& r, const std::string& line) {
         if (values == 1)
             for (const auto& t : traits)
                 if (t["number"].dump() == f[0]) column = t["column"].get<std::size_t>();
-        if (column < 1 || column > n) throw fault{"the simulated data have another layout than the data", program_stopped};
+        if (column < 1 || column > n)
+            throw fault{"the simulated data have another layout than the data", program_stopped};
         f[column - 1] = f[n + k];
     }
     std::string text;

@@ -64,8 +64,7 @@ TEST(Completion, KnowsEachOption) {
     for (int k = 0; k < 2; ++k) {
         std::ifstream file(source_dir() + "/packaging/completions/" + (k == 0 ? "tarvex.bash" : "_tarvex"));
         ASSERT_TRUE(file.is_open());
-        for (char c; file.get(c);)
-            completions[k] += c == '"' || std::isspace(static_cast<unsigned char>(c)) ? ' ' : c;
+        for (char c; file.get(c);) completions[k] += c == '"' || std::isspace(static_cast<unsigned char>(c)) ? ' ' : c;
     }
     for (const option_record& o : option_table()) {
         if (o.lower == "--tensor") continue; // is never matched

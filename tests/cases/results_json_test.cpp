@@ -43,7 +43,8 @@ TEST_F(ResultsJson, OnlyOnDemandAndNothingElseChanges) {
     const auto screen_before = run("--aireml100").output;
     std::vector<std::filesystem::path> made;
     for (const auto& entry : std::filesystem::directory_iterator("."))
-        if (const std::string name = entry.path().filename(); name != "ped.dat" && name != "data.dat" && name != "model.par")
+        if (const std::string name = entry.path().filename();
+            name != "ped.dat" && name != "data.dat" && name != "model.par")
             made.push_back(entry.path());
     for (const auto& path : made) std::filesystem::remove(path);
     const auto first = run("--aireml100 --json");

@@ -1,4 +1,5 @@
-// Analyses that follow one another in one folder, and what they leave there beside what they would leave in a fresh one.
+// Analyses that follow one another in one folder, and what they leave there beside what they would leave in a fresh
+// one.
 #pragma once
 #include "case_run.h"
 #include "population.h"
@@ -61,8 +62,8 @@ protected:
 
 private:
     static bool is_report(const std::string& name) {
-        for (const char* start : {"SumEst", "SumMod", "SumPed", "FixSol", "RnSoln", "Residuals", "BestPoint", "BestSoFar",
-                                  "ListofCovs", "AvInfo", "SimData", "RanReg"})
+        for (const char* start : {"SumEst", "SumMod", "SumPed", "FixSol", "RnSoln", "Residuals", "BestPoint",
+                                  "BestSoFar", "ListofCovs", "AvInfo", "SimData", "RanReg"})
             if (name.starts_with(start)) return true;
         return false;
     }

@@ -1,5 +1,5 @@
-// A folder in which other analyses have run gives the same bytes as a fresh one: other animals, parents, records, models
-// and starting values, and scratch files that are spoilt.
+// A folder in which other analyses have run gives the same bytes as a fresh one: other animals, parents, records,
+// models and starting values, and scratch files that are spoilt.
 #include "used_folder.h"
 
 #include "support/screen.h"
@@ -25,8 +25,9 @@ std::string two_traits(const layout& l) {
 
 // One trait with sires and their own pedigree, the same codes throughout.
 std::string one_trait(const std::string& head, double variance = 4.0) {
-    return head + "PED ped.dat\nANA UNI\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n"
-                  " y1\n y2\nEND\nMOD\n FIX herd\n COV age(1,POL)\n RAN animal NRM\n TR y1 1 -999\nEND\nVAR animal 1\n " +
+    return head +
+           "PED ped.dat\nANA UNI\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n"
+           " y1\n y2\nEND\nMOD\n FIX herd\n COV age(1,POL)\n RAN animal NRM\n TR y1 1 -999\nEND\nVAR animal 1\n " +
            std::to_string(variance) + "\nVAR residual 1\n 6.0\n";
 }
 
@@ -43,7 +44,8 @@ protected:
         for (std::size_t k = 0; k <= list.size(); ++k)
             expect_as_fresh(list[k % list.size()], what + ", run " + std::to_string(k + 1));
     }
-    static constexpr const char* searches[] = {"--aireml30", "--pxai3,20", "--emalg4", "--powell", "--simplex", "--blup"};
+    static constexpr const char* searches[] = {"--aireml30", "--pxai3,20", "--emalg4",
+                                               "--powell",   "--simplex",  "--blup"};
 };
 
 // Records of a fifth of the animals left out: pruning leaves the same number of animals and the same ends.
@@ -56,7 +58,8 @@ TEST_F(Trust, FoldsOfAValidation) {
     std::vector<study> folds;
     for (int fold = 0; fold < 5; ++fold) {
         population q = p;
-        std::erase_if(q.records, [&](const animal_record& r) { return r.code > 1 && r.code < 160 && r.code % 5 == fold; });
+        std::erase_if(q.records,
+                      [&](const animal_record& r) { return r.code > 1 && r.code < 160 && r.code % 5 == fold; });
         std::string parameters = one_trait("");
         parameters.replace(parameters.find(" y2\n"), 4, "");
         folds.push_back({q.pedigree(), q.all_traits_lines(), parameters, "--aireml30"});
@@ -182,7 +185,8 @@ TEST_F(Trust, PointOfOtherDataIsAsGoodAsStartingValues) {
     finish("-c --powell");
     const best_point continued = read_best_point();
     const auto block = [&](const std::string& name, std::size_t at) {
-        return "VAR " + name + " 2\n " + list_item(v[at]) + " " + list_item(v[at + 1]) + " " + list_item(v[at + 2]) + "\n";
+        return "VAR " + name + " 2\n " + list_item(v[at]) + " " + list_item(v[at + 1]) + " " + list_item(v[at + 2]) +
+               "\n";
     };
     layout l;
     l.residual = block("residual", 0);
@@ -210,8 +214,8 @@ TEST_F(Trust, PointOfAnotherModelStopsTheRun) {
             bring_study(make_study(p, l));
             const auto result = run(options);
             EXPECT_EQ(result.status, 1) << options;
-            EXPECT_NE(result.output.find("***** ERROR : \"BestPoint\" belongs to another model\n      Different : " +
-                                         names + "\n"),
+            EXPECT_NE(result.output.find(
+                          "***** ERROR : \"BestPoint\" belongs to another model\n      Different : " + names + "\n"),
                       std::string::npos)
                 << options << " " << names << "\n"
                 << result.output;

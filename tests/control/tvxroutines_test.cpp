@@ -114,13 +114,14 @@ protected:
 
 TEST_F(ReportFrame, HeaderIs78ColumnsWideOr112) {
     const auto top = [](text_out& out) { write_tvxtop(out, "Model"); };
-    EXPECT_EQ(written(top), "======= Version " + program_version() + " ======================================= **ZQ** ====\n\n"
-                            "        Program Tarvex : Model\n" +
+    EXPECT_EQ(written(top), "======= Version " + program_version() +
+                                " ======================================= **ZQ** ====\n\n"
+                                "        Program Tarvex : Model\n" +
                                 std::string(78, '=') + "\n\n");
     options.wide = true;
-    EXPECT_EQ(written(top), "======= Version " + program_version() + " ======================================= **ZQ** " +
-                                std::string(38, '=') + "\n\n        Program Tarvex : Model\n" + std::string(112, '=') +
-                                "\n\n");
+    EXPECT_EQ(written(top), "======= Version " + program_version() +
+                                " ======================================= **ZQ** " + std::string(38, '=') +
+                                "\n\n        Program Tarvex : Model\n" + std::string(112, '=') + "\n\n");
 }
 
 TEST_F(ReportFrame, FilesAreNamedWithoutTrailingBlanks) {

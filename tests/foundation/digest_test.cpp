@@ -31,13 +31,15 @@ TEST_F(digest_test, PublishedValueOfNothing) { EXPECT_EQ(hex(of("")), "99aa06d30
 TEST_F(digest_test, PiecesGiveTheSumOfTheWhole) {
     const std::string text(3000, 'q');
     digest_maker sum;
-    for (std::size_t at = 0; at < text.size(); at += 7) sum.bytes(text.data() + at, std::min<std::size_t>(7, 3000 - at));
+    for (std::size_t at = 0; at < text.size(); at += 7)
+        sum.bytes(text.data() + at, std::min<std::size_t>(7, 3000 - at));
     EXPECT_EQ(sum.value(), of(text));
 }
 
 TEST_F(digest_test, ListsAreToldApart) {
     std::set<std::string> all;
-    for (const auto& lists : {std::vector<std::vector<int>>{{1, 2}, {3}}, {{1}, {2, 3}}, {{1, 2, 3}}, {{}, {1, 2, 3}}}) {
+    for (const auto& lists :
+         {std::vector<std::vector<int>>{{1, 2}, {3}}, {{1}, {2, 3}}, {{1, 2, 3}}, {{}, {1, 2, 3}}}) {
         digest_maker sum;
         for (const auto& list : lists) sum.add(list);
         all.insert(hex(sum.value()));

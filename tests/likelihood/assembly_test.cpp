@@ -326,8 +326,9 @@ TEST_F(assembly_test, OneRecordOfASubject) {
     EXPECT_DOUBLE_EQ(r[0], 0.4);
     EXPECT_DOUBLE_EQ(ldet, std::log(2.5));
     residualvars.sigres(1, 1) = 1.0e-9; // below the limit: no rank, and no word on equal control values
-    EXPECT_STOP(get_rinv_rreg(datavecs, 7, r, diagonal, ldet), "   Individual no.      = 7\n   No. of observations = 1\n"
-                                                     "   Rank found          = 0\nexit \"Tarvex\"");
+    EXPECT_STOP(get_rinv_rreg(datavecs, 7, r, diagonal, ldet),
+                "   Individual no.      = 7\n   No. of observations = 1\n"
+                "   Rank found          = 0\nexit \"Tarvex\"");
 }
 
 // ---- evaluations

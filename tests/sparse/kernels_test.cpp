@@ -16,9 +16,7 @@ namespace tarvex {
 namespace {
 
 // The first row that fails by the column kernel, 0 if none does.
-int by_columns(double& pivot) {
-    return factorise_columns(sparse, kernels.work, {numbers.zero, false, {}}, pivot, {});
-}
+int by_columns(double& pivot) { return factorise_columns(sparse, kernels.work, {numbers.zero, false, {}}, pivot, {}); }
 
 using matrix = std::vector<std::vector<double>>;
 

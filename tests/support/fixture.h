@@ -14,7 +14,6 @@
 
 namespace tarvex {
 
-
 // Files of the working directory.
 void write_file(const std::string& name, std::string_view text);
 std::string read_file(const std::string& name); // fails the test and gives "" where there is none

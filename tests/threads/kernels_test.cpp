@@ -110,8 +110,8 @@ struct threads_test : testing::Test {
         }
     }
     std::size_t pieces() const {
-        return static_cast<std::size_t>(std::count_if(work.tree.steps.begin(), work.tree.steps.end(),
-                                                      [](const auto& s) { return s.piece; }));
+        return static_cast<std::size_t>(
+            std::count_if(work.tree.steps.begin(), work.tree.steps.end(), [](const auto& s) { return s.piece; }));
     }
 };
 

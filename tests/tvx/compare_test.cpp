@@ -1,7 +1,7 @@
 // Likelihood ratio tests: reference distributions and what is refused. Parameter files taken apart.
+#include "tvx/commands.h"
 #include "tvx/companion.h"
 #include "tvx/compare.h"
-#include "tvx/commands.h"
 #include "tvx/parfile_edit.h"
 
 namespace {
@@ -26,14 +26,15 @@ TEST(tvx_compare, MixturesHaveTheirClosedForm) {
 tvx::json block(int number, const std::string& name, int order, const std::string& structure = "IDE") {
     tvx::json rows = tvx::json::array();
     for (int i = 1; i <= order; ++i) rows.push_back({{"trait", i}, {"effect", name}, {"coefficient", 0}});
-    return {{"number", number}, {"name", name}, {"structure", structure}, {"order", order}, {"rank", order},
-            {"steps", 1}, {"diagonal", false}, {"rows", rows}};
+    return {{"number", number}, {"name", name}, {"structure", structure}, {"order", order},
+            {"rank", order},    {"steps", 1},   {"diagonal", false},      {"rows", rows}};
 }
 
 tvx::run_results run_with(std::vector<tvx::json> blocks, int parameters, double log_l) {
     tvx::run_results r;
     r.folder = "run";
-    r.estimates = tvx::json::parse(R"({"traits":[{"number":1,"name":"y","records":10,"mean":1.5,"standard_deviation":1.0,
+    r.estimates =
+        tvx::json::parse(R"({"traits":[{"number":1,"name":"y","records":10,"mean":1.5,"standard_deviation":1.0,
       "smallest":0.0,"largest":3.0}],"inputs":[{"role":"data","xxh3_128":"ab"}],"effects":[{"kind":"fixed","name":"herd","trait":1}],
       "run":{"sire_model":false},"end":{"derivatives":true,"half_decrement":0.0,"rank_of_information":1,"informed":1,
       "border":[],"flat":[]}})");
@@ -110,9 +111,10 @@ TEST(tvx_compare, WhatCannotBeComparedIsRefusedWithTheReason) {
     refused(small, x, "leaves out the relationships");
 }
 
-constexpr const char* par = "PED a.ped\nANA MUV 2\nDAT a.dat\n animal 9\n dam 9\n y\n z\nEND\nMOD EQ\n RAN animal NRM\n"
-                            " RAN dam NRM\n RAN pe\n TR y 1\n TR z 2\nEND\nVAR animal+dam 4\n 1 2 3 4\n 5 6 7\n 8 9\n 10\n"
-                            "VAR pe 2\n 1.5 0.5\n 2\nVAR residual 2\n 3 1 +\n 4\nSE+\n SUM a 1 2\nEND\n";
+constexpr const char* par =
+    "PED a.ped\nANA MUV 2\nDAT a.dat\n animal 9\n dam 9\n y\n z\nEND\nMOD EQ\n RAN animal NRM\n"
+    " RAN dam NRM\n RAN pe\n TR y 1\n TR z 2\nEND\nVAR animal+dam 4\n 1 2 3 4\n 5 6 7\n 8 9\n 10\n"
+    "VAR pe 2\n 1.5 0.5\n 2\nVAR residual 2\n 3 1 +\n 4\nSE+\n SUM a 1 2\nEND\n";
 
 TEST(tvx_parfile, EffectIsLeftOutOfAllItsPlaces) {
     tvx::parfile_text p(par);

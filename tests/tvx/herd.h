@@ -63,7 +63,9 @@ struct herd_of_sibs {
             y.push_back(i < 5 ? NAN : std::round(9000.0 + 300.0 * herd.back() + a.back() + 1700.0 * e));
         }
     }
-    static std::string id(int i) { return i > 0 ? "cow " + std::string(i % 2 ? "A" : "b") + std::to_string(1000 - i) : ""; }
+    static std::string id(int i) {
+        return i > 0 ? "cow " + std::string(i % 2 ? "A" : "b") + std::to_string(1000 - i) : "";
+    }
     static int pen(std::size_t k) { return 1 + static_cast<int>((k * 7) % 12); }
     // Lines turned about; the pedigree youngest first.
     void write() const {
@@ -87,8 +89,8 @@ class herd_run : public tarvex::tarvex_test {
 protected:
     void fit(const std::string& formula = "milk ~ herd + nrm(animal)") {
         herd.write();
-        const auto prepared = run_tvx({"prep", "milk.csv", formula, "-p", "ped.csv", "-o", "milk",
-                                       "--pedcols", "id,father,mother", "--born", "year"});
+        const auto prepared = run_tvx({"prep", "milk.csv", formula, "-p", "ped.csv", "-o", "milk", "--pedcols",
+                                       "id,father,mother", "--born", "year"});
         ASSERT_EQ(prepared.status, 0) << prepared.output;
         const auto ran = run_tvx({"run", "milk/milk.par"});
         ASSERT_EQ(ran.status, 0) << ran.output;
@@ -122,7 +124,8 @@ struct dense_herd {
     oracle::reml at(double va, double ve, double vpen = 0.0) const {
         oracle::dense v = oracle::zeros(who.size(), who.size());
         for (std::size_t i = 0; i < who.size(); ++i)
-            for (std::size_t j = 0; j < who.size(); ++j) v[i][j] = va * rel[who[i]][who[j]] + (i == j ? ve : 0.0) +
+            for (std::size_t j = 0; j < who.size(); ++j)
+                v[i][j] = va * rel[who[i]][who[j]] + (i == j ? ve : 0.0) +
                           (herd_of_sibs::pen(who[i]) == herd_of_sibs::pen(who[j]) ? vpen : 0.0);
         return oracle::evaluate(m, v);
     }

@@ -53,7 +53,10 @@ TEST_F(tvx_jobs, BootstrapSpreadsAroundTheEstimates) {
     // What is done is not done again, what is missing is.
     const auto before = fs::last_write_time(run + "/boot/rep1/done");
     fs::remove(run + "/boot/rep2/done");
-    EXPECT_EQ(std::system(("cd " + run + "/boot && snakemake -s Snakefile -j 1 --rerun-triggers mtime >/dev/null 2>&1").c_str()), 0);
+    EXPECT_EQ(
+        std::system(
+            ("cd " + run + "/boot && snakemake -s Snakefile -j 1 --rerun-triggers mtime >/dev/null 2>&1").c_str()),
+        0);
     EXPECT_EQ(fs::last_write_time(run + "/boot/rep1/done"), before);
     EXPECT_TRUE(fs::exists(run + "/boot/rep2/done"));
 }

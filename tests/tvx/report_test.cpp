@@ -82,9 +82,7 @@ TEST_F(tvx_report, SameInputsAreNotRunAgainAndOthersAre) {
     const auto again = run_tvx({"run", "milk"});
     EXPECT_EQ(again.status, 0);
     EXPECT_TRUE(holds(again.output, "nothing was computed anew")) << again.output;
-    const auto count = [] {
-        return std::distance(fs::directory_iterator("milk/runs"), fs::directory_iterator());
-    };
+    const auto count = [] { return std::distance(fs::directory_iterator("milk/runs"), fs::directory_iterator()); };
     EXPECT_EQ(count(), 1);
     std::string par = read_file("milk/milk.par");
     write_file("milk/milk.par", par + "# a remark\n");
@@ -140,10 +138,11 @@ TEST_F(tvx_report, PageDrawsItsPicturesWithoutErrors) {
     EXPECT_EQ(page.find("src=\"http"), std::string::npos);
     EXPECT_EQ(page.find("@import"), std::string::npos);
     if (browser().empty()) GTEST_SKIP() << "no Chromium here: the page is not looked at";
-    const std::string command = "timeout 120 " + browser() +
-                                " --headless --no-sandbox --disable-gpu --enable-logging=stderr --user-data-dir=browser "
-                                "--dump-dom 'file://" + fs::absolute(run).string() +
-                                "/report/report.html' > dom.html 2> console.txt";
+    const std::string command =
+        "timeout 120 " + browser() +
+        " --headless --no-sandbox --disable-gpu --enable-logging=stderr --user-data-dir=browser "
+        "--dump-dom 'file://" +
+        fs::absolute(run).string() + "/report/report.html' > dom.html 2> console.txt";
     ASSERT_EQ(std::system(command.c_str()), 0) << read_file("console.txt");
     const std::string dom = read_file("dom.html"), console = read_file("console.txt");
     EXPECT_EQ(attribute(dom, "data-errors"), 0);
@@ -167,10 +166,12 @@ TEST(tvx_page, TextsOfTheUserCannotEndTheScript) {
 
 tvx::run_results with_end(const std::string& end) {
     tvx::run_results r;
-    r.estimates = tvx::json::parse(R"({"blocks":[{"name":"residual","rows":[{"trait":1,"effect":"residual","coefficient":0}]},
+    r.estimates =
+        tvx::json::parse(R"({"blocks":[{"name":"residual","rows":[{"trait":1,"effect":"residual","coefficient":0}]},
       {"name":"animal","rows":[{"trait":1,"effect":"animal","coefficient":0}]}],
       "traits":[{"number":1,"name":"y"}],"estimates":[{"name":"COVS Z 1 1","block":0,"row":1,"column":1},
-      {"name":"COVS A 1 1","block":1,"row":1,"column":1}],"end":)" + end + "}");
+      {"name":"COVS A 1 1","block":1,"row":1,"column":1}],"end":)" +
+                         end + "}");
     return r;
 }
 
@@ -180,7 +181,8 @@ TEST(tvx_verdict, FollowsDecrementRankAndBorder) {
     EXPECT_EQ(verdict(start + R"("half_decrement":0.0009,"rank_of_information":2})"), "arrived");
     EXPECT_EQ(verdict(start + R"("half_decrement":0.0011,"rank_of_information":2})"), "not arrived");
     EXPECT_EQ(verdict(R"({"reason":"x","derivatives":true,"informed":2,"half_decrement":0.0,"rank_of_information":2,
-      "flat":[],"border":[{"block":1,"step":1,"kind":"variance","row":1,"column":1,"value":0.0}]})"), "boundary");
+      "flat":[],"border":[{"block":1,"step":1,"kind":"variance","row":1,"column":1,"value":0.0}]})"),
+              "boundary");
     const auto flat = tvx::judge(with_end(R"({"reason":"x","derivatives":true,"informed":2,"half_decrement":0.0,
       "rank_of_information":1,"border":[],"flat":[[{"name":"COVS Z 1 1","weight":1.0},{"name":"COVS A 1 1","weight":-1.0}]]})"));
     EXPECT_EQ(flat.verdict, "unidentified");
