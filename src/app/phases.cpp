@@ -5,7 +5,6 @@
 #include "app/inputfiles.h"
 #include "app/new_analysis.h"
 #include "app/runoptions.h"
-#include "control/filenames.h"
 #include "control/interrupts.h"
 #include "control/options.h"
 #include "control/runlock.h"
@@ -37,7 +36,6 @@
 #include "reports/writesolns.h"
 #include "simulation/simulation.h"
 #include "sparse/orderings.h"
-#include "support/edit_form.h"
 #include "support/screen.h"
 #include "support/stop.h"
 
@@ -95,12 +93,6 @@ ending read_pedigree_and_data() {
     return {};
 }
 
-// Shows in a file that grows from run to run where this one begins.
-void mark_run(const std::string& name) {
-    text_out out;
-    if (out.open_append(name)) write(out, "(3a)", "---- run of \"", filenames.parfile, "\" ----");
-}
-
 ending set_up_equations() {
     equation_nos();
     data_recode(starts_of_equations());
@@ -109,7 +101,6 @@ ending set_up_equations() {
     covs2parvec();
     check_usrdefcovs();
     lsq_fixed();
-    mark_run("OperationCounts");
     eqnorders();
     new_eqnnos();
     forecast();
@@ -134,7 +125,6 @@ ending solve_or_estimate() {
         screen().line("\"Tarvex\" has finished !");
         return "\"Tarvex\" done";
     }
-    mark_run(filenames.iteratesfile);
     get_estimates();
     write_fixsolns();
     write_randsolns();
