@@ -44,7 +44,7 @@
 #include "reports/finalpoint.h"
 #include "simulation/ignlgi.h"
 #include "simulation/simulation.h"
-#include "sparse/linkedlist.h"
+#include "relations/linkedlist.h"
 #include "support/screen.h"
 
 #include <memory>

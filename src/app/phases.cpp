@@ -35,7 +35,6 @@
 #include "reports/summary.h"
 #include "reports/writesolns.h"
 #include "simulation/simulation.h"
-#include "sparse/orderings.h"
 #include "support/screen.h"
 #include "support/stop.h"
 

@@ -1,12 +1,13 @@
 #include "dense/numroutines.h"
 
-#include "control/tvxroutines.h"
+#include "support/screen.h"
 #include "support/stop.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
 #include <numeric>
+#include <string>
 #include <vector>
 
 namespace tarvex {
@@ -140,10 +141,7 @@ void full2vec(const array<double, 2>& full, std::span<double> packed, int n) {
 }
 
 void eigem(const array<double, 2>& a, array<double>& eig, array<double, 2>& vectors, int n, double tol, int& nzero) {
-    if (n < 1) {
-        print_list(screen(), "eigem : n =", n);
-        stoptarvex();
-    }
+    if (n < 1) stop("eigem : n = " + std::to_string(n));
     const auto order = static_cast<std::size_t>(n);
     std::vector<double> w(order * order), v(order * order, 0.0);
     for (int j = 1; j <= n; ++j) {
@@ -210,21 +208,16 @@ void gen_inverse(std::span<double> a, int n, double tol, int& rank, double& ldet
     if (negative) *negative = neg;
 }
 
-void invvert(std::span<double> a, int n, int& nrank) {
+bool invvert(std::span<double> a, int n) {
     std::vector<char> swept(static_cast<std::size_t>(std::max(n, 0)), 0);
     std::vector<double> col(swept.size());
-    nrank = 0;
     while (const int k = next_pivot(a, n, swept)) {
-        if (!(std::abs(a[static_cast<std::size_t>(ihmssf(k, k, n) - 1)]) >= ZERO)) break;
+        if (!(std::abs(a[static_cast<std::size_t>(ihmssf(k, k, n) - 1)]) >= ZERO)) return false;
         swept[static_cast<std::size_t>(k - 1)] = 1;
-        ++nrank;
         sweep(a, n, k, col);
     }
-    if (nrank < n) {
-        print_list(screen(), "\"INVVRT\" : matrix is singular");
-        stoptarvex();
-    }
     for (double& x : a.first(static_cast<std::size_t>(n) * static_cast<std::size_t>(n + 1) / 2)) x = -x;
+    return true;
 }
 
 void solve(int n, const array<double, 2>& a, std::span<const double> r, std::span<double> x) {

@@ -39,9 +39,9 @@ void eigem_any_size(const array<double, 2>& a, array<double>& eig, array<double,
 // Small and negative pivots are told on the screen. n = 1 takes the signed element: not above tol gives 0.
 void gen_inverse(std::span<double> a, int n, double tol, int& rank, double& ldet, int* negative = nullptr);
 
-// Inverse of the packed symmetric matrix `a` of order n, in place, largest diagonal first. nrank: n.
-// Stops where a pivot is below 1e-12 in magnitude.
-void invvert(std::span<double> a, int n, int& nrank);
+// Inverse of the packed symmetric matrix `a` of order n, in place, largest diagonal first. False where a pivot is below
+// 1e-12 in magnitude: the matrix is singular, and `a` is spoilt.
+[[nodiscard]] bool invvert(std::span<double> a, int n);
 
 // Solves L L' x = r with the lower factor L held in the leading n x n part of `a`; x may be r.
 void solve(int n, const array<double, 2>& a, std::span<const double> r, std::span<double> x);

@@ -9,7 +9,9 @@
 #include "equations/linksources.h"
 #include "equations/mmequations.h"
 #include "equations/orders.h"
-#include "sparse/linkedlist.h"
+#include "relations/linkedlist.h"
+#include "sparse/linkmerge.h"
+#include "support/edit_form.h"
 #include "support/record_file.h"
 #include "support/stop.h"
 
@@ -86,6 +88,36 @@ bool read_adjacency(record_reader& in) {
     return sound_chains(mine[1]);
 }
 
+void tell_elements(const link_merge::counts& c, const std::vector<level_links>& blocks, long long capacity) {
+    long long sum = c.from_data;
+    tell_growth(0, sum, capacity);
+    if (options.werbose) write(screen(), "(1x,a,t36,i14)", "Elements in MMM - after data ", sum);
+    for (std::size_t i = 0; i < blocks.size(); ++i) {
+        tell_growth(sum, sum + c.from_block[i], capacity);
+        sum += c.from_block[i];
+        if (options.werbose) write(screen(), "(1x,a,i4,t36,i14)", "Elements in MMM - after RE ", blocks[i].irand, sum);
+    }
+}
+
+// Links of the records and of the levels into the empty linked_list.
+void build_pattern() {
+    clique_lists data;
+    data2adjac(data);
+    std::vector<level_links> blocks;
+    for (int irand = 1; irand <= numbers.krand; ++irand)
+        if (mmequations.rn_start(irand) >= 0) blocks.push_back(covar2adjac(irand));
+    link_merge merge(numbers.nsrow, data, blocks);
+    auto& list = linked_list;
+    allocate("alloc ivcol", list.ifirst, numbers.nsrow);
+    const link_merge::counts c = merge.count();
+    const long long capacity = c.total + numbers.nsrow; // room for the right-hand side
+    if (capacity > maxelements) tvx_noalloc("IVCOL", capacity);
+    allocate_large("INEXT", list.inext, capacity);
+    allocate_large("IVCOL", list.ivcol, capacity);
+    merge.fill(list);
+    tell_elements(c, blocks, capacity);
+}
+
 } // namespace
 
 bool find_adjacency() {
@@ -117,14 +149,7 @@ void adjacency1(bool lnew) {
     linked_list = {};
     adjacency.llxrhs = false;
     adjacency.found = lnew && find_adjacency();
-    if (!adjacency.found) {
-        clique_lists data;
-        data2adjac(data);
-        std::vector<level_links> blocks;
-        for (int irand = 1; irand <= numbers.krand; ++irand)
-            if (mmequations.rn_start(irand) >= 0) blocks.push_back(covar2adjac(irand));
-        merge_links(numbers.nsrow, data, blocks);
-    }
+    if (!adjacency.found) build_pattern();
     if (options.details) print_list(screen(), "End ADJACENCY", linked_list.nrczhz);
 }
 

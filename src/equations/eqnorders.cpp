@@ -5,15 +5,15 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "equations/adjacency.h"
+#include "equations/find_order.h"
 #include "equations/linksources.h"
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "equations/symfacfile.h"
 #include "parfile/model.h"
-#include "sparse/linkedlist.h"
+#include "relations/linkedlist.h"
 #include "sparse/order_race.h"
-#include "sparse/orderings.h"
 #include "sparse/symbfact.h"
 #include "support/edit_form.h"
 #include "support/record_file.h"
@@ -281,7 +281,7 @@ node_order try_order(const order_graph& g, const entrant& e) {
 // Races the order in hand against further ones, the best of which stays in hand. False: it is the only one, and has
 // not been told.
 bool race(trial_state& t) {
-    const order_graph g = pattern_graph();
+    const order_graph g = equations_graph();
     std::vector<int> node(orders.ivperm.begin(), orders.ivperm.end()),
         place(orders.invprm.begin(), orders.invprm.end());
     for (auto* map : {&node, &place})

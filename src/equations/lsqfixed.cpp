@@ -9,7 +9,7 @@
 #include "data/recodedata.h"
 #include "data/rowlayout.h"
 #include "equations/mmequations.h"
-#include "sparse/linkmerge.h"
+#include "relations/linkedlist.h"
 #include "sparse/lsqrank.h"
 #include "support/edit_form.h"
 #include "support/stop.h"

@@ -55,8 +55,7 @@ std::vector<double> solve_scaled(const std::vector<double>& lhs, const std::vect
             const int a = live[at(i - 1)], b = live[at(j - 1)];
             packed[at(ihmssf(i, j, n) - 1)] = lhs[at(a) * at(m) + at(b)] * scale[at(a)] * scale[at(b)];
         }
-    int nrank = 0;
-    invvert(packed, n, nrank);
+    if (!invvert(packed, n)) stop_with("\"INVVRT\" : matrix is singular");
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j) {
             const int a = live[at(i - 1)], b = live[at(j - 1)];

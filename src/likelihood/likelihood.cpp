@@ -24,7 +24,6 @@
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "relations/nrminverse.h"
-#include "sparse/orderings.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
 

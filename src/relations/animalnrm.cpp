@@ -6,7 +6,7 @@
 #include "control/tvxroutines.h"
 #include "data/pedigreelist.h"
 #include "relations/nrminverse.h"
-#include "sparse/linkedlist.h"
+#include "relations/linkedlist.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
 

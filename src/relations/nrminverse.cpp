@@ -15,7 +15,7 @@
 #include "relations/geninverse.h"
 #include "relations/inbreeding.h"
 #include "relations/pedigreesum.h"
-#include "sparse/linkedlist.h"
+#include "relations/linkedlist.h"
 #include "support/edit_form.h"
 #include "support/record_file.h"
 #include "support/stop.h"

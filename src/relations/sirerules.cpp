@@ -5,7 +5,7 @@
 #include "parfile/randasfix.h"
 #include "relations/animalnrm.h"
 #include "relations/nrminverse.h"
-#include "sparse/linkedlist.h"
+#include "relations/linkedlist.h"
 #include "support/stop.h"
 
 #include <array>

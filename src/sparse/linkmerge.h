@@ -1,5 +1,7 @@
 // Sorting of links between equations into the row store.
 #pragma once
+#include "sparse/rowstore.h"
+
 #include <cstddef>
 #include <vector>
 
@@ -26,11 +28,37 @@ struct level_links {
     std::vector<int> lower;
 };
 
-// Fills linked_list for n rows: chains ascending, each element once. Counts are told on the way under werbose. `blocks`
-// in the order of the random effects.
-void merge_links(int n, const clique_lists& data, const std::vector<level_links>& blocks);
+// Merges the sets and the levels into the chains of a row store: one pass counts, one fills. `data` and `blocks` (in the
+// order of the random effects) stay as they are between the two.
+class link_merge {
+public:
+    link_merge(int n, const clique_lists& data, const std::vector<level_links>& blocks);
 
-// A line for every 200000 elements by which the store has grown.
-void tell_growth(long long before, long long now, long long capacity);
+    // Elements below the diagonals.
+    struct counts {
+        long long from_data = 0;
+        std::vector<long long> from_block; // those that a block adds to the data
+        long long total = 0;
+    };
+    [[nodiscard]] counts count();
+
+    // Fills the store: chains ascending, each element once. ifirst has n rows, inext and ivcol room for all elements.
+    void fill(row_store& list);
+
+private:
+    template <class Visit> void each_row(Visit visit);
+    void from_data(int row);
+    void from_block(int row, const level_links& b);
+    void take(int row, int col);
+
+    int n_;
+    const clique_lists& data_;
+    const std::vector<level_links>& blocks_;
+    std::vector<std::size_t> set_start_; // (n+2) of the sets in which each row stands
+    std::vector<int> set_;
+    std::vector<const level_links*> block_of_row_; // (n+1)
+    std::vector<int> mark_;                        // (n+1) row that last took the column up
+    std::vector<int> cols_;                        // of the row in hand, distinct, below the diagonal
+};
 
 } // namespace tarvex

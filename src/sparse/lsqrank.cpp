@@ -1,6 +1,6 @@
 #include "sparse/lsqrank.h"
 
-#include "sparse/orderings.h"
+#include "sparse/order_methods.h"
 #include "sparse/symbfact.h"
 #include "support/array.h"
 #include "support/stop.h"
@@ -251,7 +251,8 @@ void bring_to(std::vector<double>& xsol, const std::vector<null_vector>& vectors
     }
 }
 
-// Equations that take part, in a fill-reducing order.
+// Equations that take part, in a fill-reducing order, behind a first entry that is not used; fewer where the method
+// refuses.
 std::vector<int> fill_reducing_order(const normal_equations& a, const std::vector<int>& part) {
     const int n = static_cast<int>(part.size());
     std::vector<int> local(static_cast<std::size_t>(a.n), -1), start{0}, adjacent;
@@ -261,10 +262,10 @@ std::vector<int> fill_reducing_order(const normal_equations& a, const std::vecto
             if (local[a.col[k]] >= 0) adjacent.push_back(local[a.col[k]]);
         start.push_back(static_cast<int>(adjacent.size()));
     }
-    array<int> ivperm, invprm;
-    amd_permutation(n, start.data(), adjacent.data(), ivperm, invprm);
+    const node_order order = amd_node_order(n, start.data(), adjacent.data());
+    if (order.status == out_of_memory) stop("all iwork");
     std::vector<int> eq{0};
-    for (int p : ivperm) eq.push_back(part[p - 1]);
+    for (int k : order.node) eq.push_back(part[k]);
     return eq;
 }
 
@@ -360,7 +361,9 @@ lsq_rank fast_rank(const normal_equations& a, const std::vector<int>& out, doubl
         else
             part.push_back(i);
     }
-    const row_factor f = factorise(a, fill_reducing_order(a, part), limit);
+    auto order = fill_reducing_order(a, part);
+    if (order.size() <= part.size()) return natural_rank(a, out, limit);
+    const row_factor f = factorise(a, std::move(order), limit);
     if (unclear(f, a, limit)) return natural_rank(a, out, limit);
     const auto vanished = static_cast<std::size_t>(std::count(f.out.begin(), f.out.end(), 1));
     const auto vectors = echelon(null_vectors(f, a), a.n);

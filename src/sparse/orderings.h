@@ -1,23 +1,21 @@
-// The ordering methods on the pattern in the row store.
+// The pattern in a row store as a graph, and orders of it. Too many links for the counts, or too little memory: these
+// throw std::bad_alloc.
 #pragma once
 #include "sparse/order_methods.h"
-#include "support/array.h"
+#include "sparse/rowstore.h"
 
 namespace tarvex {
 
-// Fills invprm and ivperm for the pattern in linked_list (numbers.nsrow rows, no right-hand side) by the method
-// |orders.order_type|. nofsub: upper limit to the subscripts of the structure, or the fill, as the method tells it; 0:
-// not told. A refusal of the method stops the run.
-void find_order(int& nofsub);
+// Both directions of every element of the first n rows.
+order_graph pattern_graph(const row_store& list, int n);
 
-// The pattern in linked_list as a graph, and an order of it into invprm and ivperm.
-order_graph pattern_graph();
-void take_order(const node_order& order);
-
-// Approximate minimum degree order of n nodes (Amestoy, Davis & Duff 1996, SIAM J. Matrix Anal. Appl. 17, 886-905).
-//   start (n+1), adjacent   0-based compressed rows of either triangle, ascending
-//   ivperm (n) node at each place, invprm (n) place of each node, from 1
-// Returns the off-diagonals of the factor, an upper estimate.
-double amd_permutation(int n, const int* start, const int* adjacent, array<int>& ivperm, array<int>& invprm);
+// An order with what its method tells of the structure: an upper limit to the subscripts (minimum degree), or the fill
+// (approximate minimum degree), cut at 2147483647.
+struct counted_order {
+    node_order order;
+    int nofsub = 0;
+};
+counted_order minimum_degree(const row_store& list, int n);
+counted_order approximate_minimum_degree(const row_store& list, int n);
 
 } // namespace tarvex

@@ -6,7 +6,7 @@
 #include "data/levels.h"
 #include "equations/mmequations.h"
 #include "equations/orders.h"
-#include "sparse/linkedlist.h"
+#include "relations/linkedlist.h"
 #include "sparse/linkmerge.h"
 #include "support/fixture.h"
 #include "support/record_file.h"

@@ -9,7 +9,6 @@
 #include "equations/orders.h"
 #include "estimation/estimates.h"
 #include "parfile/model.h"
-#include "sparse/orderings.h"
 #include "support/fixture.h"
 #include "support/record_file.h"
 #include "support/reports.h"

@@ -7,7 +7,7 @@
 #include "relations/inbreeding.h"
 #include "relations/inverse_stream.h"
 #include "relations/nrminverse.h"
-#include "sparse/linkedlist.h"
+#include "relations/linkedlist.h"
 #include "support/edit_form.h"
 #include "support/record_file.h"
 
@@ -568,11 +568,7 @@ TEST_F(row_store_test, random_merges_equal_a_dense_row_with_and_without_cursor) 
             for (int c = 1; c <= 60; ++c)
                 if (rng() % 7 == 0) cols.push_back(c);
             for (const int c : cols) full[c] += k;
-            int ierr = 0;
-            if (k % 2 == 0)
-                merge(1, cols, k);
-            else
-                llnkzhz(1, cols, std::vector<double>(cols.size(), k), ierr);
+            merge(1, cols, k);
         }
         chain expected;
         for (int c = 1; c <= 60; ++c)
@@ -593,11 +589,7 @@ TEST_F(row_store_test, counting_call_without_room_leaves_chains_intact) {
 TEST_F(row_store_test, value_calls_without_room_stop) {
     store(1, 1);
     merge(1, {2});
-    int ierr = 0;
     EXPECT_STOP(merge(1, {3}), "\"lnkzhz\" : dimensions exceeded !!\nexit \"Tarvex\"");
-    clear_screen();
-    EXPECT_STOP(llnkzhz(1, std::vector<int>{3}, std::vector<double>{1.0}, ierr), "\"lnkzhz\" : dimensions exceeded !!");
-    EXPECT_EQ(screen_text(), "") << "the text is the last line of the run";
 }
 
 TEST_F(row_store_test, progress_every_200000_elements) {
