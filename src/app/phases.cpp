@@ -76,7 +76,7 @@ ending report_best_point() {
 
 ending read_pedigree_and_data() {
     if (options.pedigrees || any_nrm_effect()) {
-        reducepeds();
+        if (!options.allped) reducepeds();
         pedigree_list();
         secateurs();
     }

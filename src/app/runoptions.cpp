@@ -305,6 +305,7 @@ constexpr option_record table[] = {
     {"--cycle", 7, "--CYCLE", 7, cycle},
     {"--self", 6, "--SELF", 6, set_flag<&om::selfing, true>},
     {"--nopru", 7, "--NOPRU", 7, set_flag<&om::nopru, true>},
+    {"--allped", 8, "--ALLPED", 8, set_flag<&om::allped, true>},
     {"--times", 7, "--TIMES", 7, set_flag<&om::print_times, true>},
     {"--threads", 9, "--THREADS", 9, threads},
     {"--super", 7, "--SUPER", 7, super},

@@ -20,6 +20,7 @@ struct options_module {
     bool mmmposdef = false;      // an indefinite coefficient matrix is an error
     bool nologd = false;         // never switch to log diagonals
     bool nopru = false;          // no pruning of pedigrees
+    bool allped = false;         // animals that no record needs stay in the pedigree
     bool optim_ai = false;
     bool print_times = false;
     bool pxai = true;

@@ -242,33 +242,42 @@ void add_model(draft& d, std::string& out) {
     out += "END\n";
 }
 
+std::string value_text(double x, bool exact) {
+    char buffer[40];
+    if (!exact) {
+        std::snprintf(buffer, sizeof buffer, " %.5g", x);
+        return buffer;
+    }
+    return " " + std::string(buffer, std::to_chars(buffer, buffer + sizeof buffer, x).ptr);
+}
+
 // Upper triangle, a row a line (two where a row is long).
-void add_triangle(std::string& out, const std::vector<double>& values, int order) {
+void add_triangle(std::string& out, const start_block& b) {
     std::size_t at = 0;
-    for (int i = 0; i < order; ++i) {
+    for (int i = 0; i < b.order; ++i) {
         std::string line = "  ";
-        for (int j = i; j < order; ++j) {
-            char buffer[32];
-            std::snprintf(buffer, sizeof buffer, " %.5g", values[at++]);
-            if (line.size() + std::char_traits<char>::length(buffer) > 76) {
+        for (int j = i; j < b.order; ++j) {
+            const std::string value = value_text(b.values[at++], b.exact);
+            if (line.size() + value.size() > 76) {
                 out += line + "\n";
                 line = "  ";
             }
-            line += buffer;
+            line += value;
         }
         out += line + "\n";
     }
 }
 
-void add_residual_classes(const draft& d, double variance, std::string& out) {
-    if (d.s.residuals.empty()) return add_triangle(out, {variance}, 1);
+void add_residual_classes(const draft& d, const start_block& b, std::string& out) {
+    if (d.s.residuals.empty()) return add_triangle(out, b);
     const double factor = std::pow(10.0, d.s.control_power);
-    for (const auto& r : d.s.residuals) {
+    for (std::size_t k = 0; k < d.s.residuals.size(); ++k) {
+        const auto& r = d.s.residuals[k];
         char line[96];
-        std::snprintf(line, sizeof line, "   %lld %lld %.5g\n",
+        std::snprintf(line, sizeof line, "   %lld %lld",
                       static_cast<long long>(std::ceil(r.from * factor - 1e-9) - d.s.control_shift),
-                      static_cast<long long>(std::floor(r.to * factor + 1e-9) - d.s.control_shift), variance);
-        out += line;
+                      static_cast<long long>(std::floor(r.to * factor + 1e-9) - d.s.control_shift));
+        out += line + value_text(b.values.size() > 1 ? b.values[k] : b.values[0], b.exact) + "\n";
     }
 }
 
@@ -281,15 +290,13 @@ std::string block_line(const draft& d, const start_block& b) {
     return "residual 1 HET " + std::to_string(d.s.residuals.size()) + " " + d.s.control_column;
 }
 
-// Blocks of covariances; their values stand in another file where STA names one.
 void add_blocks(const draft& d, const std::vector<start_block>& blocks, std::string& out) {
     for (const auto& b : blocks) {
         out += "VAR " + block_line(d, b) + "\n";
-        if (!d.request.start.empty()) continue;
         if (b.name == "residual" && d.randreg)
-            add_residual_classes(d, b.values[0], out);
+            add_residual_classes(d, b, out);
         else
-            add_triangle(out, b.values, b.order);
+            add_triangle(out, b);
     }
 }
 
@@ -317,12 +324,11 @@ std::string parameter_file(draft& d, const std::vector<start_block>& blocks) {
     add_data_block(d, out);
     if (!d.s.animals.empty()) out += "PED " + d.s.name + ".ped" + (d.s.sire_model ? " SIR" : "") + "\n";
     add_model(d, out);
-    if (d.request.start.empty()) {
+    if (d.request.start.empty())
         out += "# Starting values from the data: variances within the classes of the fixed effects, shared\n"
                "# between the random effects and the residual.\n";
-    } else {
-        out += "STA " + d.s.name + ".start\n";
-    }
+    else
+        add_remarks(out, "Starting values from " + d.request.start);
     add_blocks(d, blocks, out);
     return out;
 }
@@ -335,7 +341,6 @@ void write_analysis(draft& d, const std::vector<start_block>& blocks) {
     if (!d.s.animals.empty()) write_text(file(".ped"), pedigree_text(d));
     for (const auto& c : d.classes)
         if (c.matrix) write_inverse(*c.matrix, (std::filesystem::path(d.s.folder) / c.name).string());
-    if (!d.request.start.empty()) write_text(file(".start"), read_text(d.request.start));
     write_text(file(".par"), parameter_file(d, blocks));
     write_study(d.s);
 }

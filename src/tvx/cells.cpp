@@ -363,6 +363,7 @@ std::vector<char> rows_of_class(const draft& d, std::size_t which) {
 void mark_candidates(draft& d, std::vector<char>& keep) {
     const std::string& which = d.request.candidates;
     if (which.empty()) return;
+    d.s.run_options.push_back("--allped");
     if (which == "all") {
         std::fill(keep.begin(), keep.end(), char{1});
         return;

@@ -7,6 +7,8 @@
 #include "support/screen.h"
 #include "support/stop.h"
 #include "tvx/commands.h"
+#include "tvx/program.h"
+#include "tvx/study.h"
 #include "tvx/tables.h"
 
 #include <CLI/CLI.hpp>
@@ -179,8 +181,10 @@ std::vector<finding> check_analysis(const std::string& place) {
     std::vector<finding> findings;
     if (!read_parameters(findings, name)) return findings;
     check_model(findings, name);
-    if (!tarvex::filenames.pedfile.empty()) check_pedigree(findings);
+    std::unordered_set<long long> listed;
+    if (!tarvex::filenames.pedfile.empty()) check_pedigree(findings, listed);
     check_data(findings);
+    if (!listed.empty()) check_strangers(findings, listed);
     check_surroundings(findings);
     std::stable_sort(findings.begin(), findings.end(), [](const auto& a, const auto& b) { return a.code < b.code; });
     return findings;
@@ -202,9 +206,28 @@ std::string findings_text(const std::vector<finding>& findings) {
 
 namespace {
 
-int check_command(const std::string& place) {
-    const auto findings = check_analysis(place);
-    const auto faults = std::count_if(findings.begin(), findings.end(), [](const auto& f) { return f.fault(); });
+std::int64_t count_faults(const std::vector<finding>& findings) {
+    return std::count_if(findings.begin(), findings.end(), [](const auto& f) { return f.fault(); });
+}
+
+// Forecast of a sound analysis. It needs the program itself.
+std::string forecast_at(const std::string& place, std::vector<finding>& findings) {
+    const std::string file = parameter_file(place);
+    std::string folder = fs::path(file).parent_path().string();
+    if (folder.empty()) folder = ".";
+    std::vector<std::string> options;
+    if (has_study(folder)) options = read_study(folder, false).run_options;
+    try {
+        return forecast_of(file, options, findings);
+    } catch (const fs::filesystem_error& e) {
+        return std::string("No forecast: ") + e.what();
+    }
+}
+
+int check_command(const std::string& place, bool quick) {
+    auto findings = check_analysis(place);
+    const std::string forecast = quick || count_faults(findings) > 0 ? "" : forecast_at(place, findings);
+    const auto faults = count_faults(findings);
     if (display.json) {
         auto list = nlohmann::json::array();
         for (const auto& f : findings)
@@ -213,12 +236,13 @@ int check_command(const std::string& place) {
                             {"fault", f.fault()},
                             {"count", f.count},
                             {"examples", f.examples}});
-        std::cout << nlohmann::json{{"faults", faults}, {"findings", list}}.dump() << "\n";
+        std::cout << nlohmann::json{{"faults", faults}, {"findings", list}, {"forecast", forecast}}.dump() << "\n";
     } else {
         std::cout << findings_text(findings);
         if (faults == 0 && !display.quiet)
             std::cout << (findings.empty() ? "Nothing found: the analysis can be run.\n"
                                            : "No faults: the analysis can be run; see the remarks above.\n");
+        if (!forecast.empty() && !display.quiet) std::cout << forecast << "\n";
         if (faults > 0) std::cout << "tvx explain CODE tells more of a finding.\n";
     }
     return faults > 0 ? input_fault : fine;
@@ -228,9 +252,11 @@ int check_command(const std::string& place) {
 
 void register_check(CLI::App& app, action& chosen) {
     auto place = std::make_shared<std::string>();
+    auto quick = std::make_shared<bool>(false);
     CLI::App* command = app.add_subcommand("check", "find all faults of an analysis, and what nobody would want");
     command->add_option("NAME.par", *place, "parameter file")->required();
-    command->callback([&chosen, place] { chosen = [place] { return check_command(*place); }; });
+    command->add_flag("--quick", *quick, "no forecast, for which the program sets the analysis up");
+    command->callback([&chosen, place, quick] { chosen = [place, quick] { return check_command(*place, *quick); }; });
 }
 
 } // namespace tvx

@@ -312,7 +312,44 @@ void check_pairs(pass& p, std::string_view text) {
     }
 }
 
+// Codes of the animals in effects with relationships, and the line that has each first.
+struct strangers {
+    std::unordered_map<long long, int> line;
+    std::vector<long long> code; // in their order
+};
+
+void note_animals(pass& p, int q, const std::unordered_set<long long>& listed, strangers& found) {
+    for (int i = 1; i <= model.nrnd(q); ++i) {
+        if (model.rnd_opt(i, q) != "NRM") continue;
+        const auto code = static_cast<long long>(p.value[mudmap.rn_dcolno(i, q)]);
+        if (code > 0 && listed.count(code) == 0 && found.line.emplace(code, p.line).second) found.code.push_back(code);
+    }
+}
+
 } // namespace
+
+void check_strangers(std::vector<finding>& findings, const std::unordered_set<long long>& listed) {
+    const bool sound = std::none_of(findings.begin(), findings.end(), [](const auto& f) { return f.code[0] == 'D'; });
+    if (!sound) return;
+    const std::string text = read_text(tarvex::filenames.datfile);
+    std::vector<finding> none;
+    pass p{none, {}, {}, {}, {}, {}, {}, {}, {}, {}};
+    strangers found;
+    each_line(p, text, [&](std::string_view line) {
+        const int only = mudmap.alltraits ? 0 : trait_of(p, line);
+        if (only < 0 || (only == 0 && !mudmap.alltraits)) return;
+        const int needed = datafile.ndatcol[tarvex::column_set(std::max(only, 1))];
+        if (!split_line(p, line, needed) || static_cast<int>(p.value.size()) <= needed) return;
+        for (int q = std::max(only, 1); q <= (only > 0 ? only : numbers.nq); ++q)
+            if (p.value[mudmap.tr_dcolno(q)] != static_cast<double>(datafile.missvalue[q]))
+                note_animals(p, q, listed, found);
+    });
+    for (const long long code : found.code)
+        add_case(findings, "W412",
+                 "animals with records that the pedigree does not have: they count as unrelated founders",
+                 tarvex::filenames.datfile + ", line " + std::to_string(found.line.at(code)) + ": animal " +
+                     std::to_string(code));
+}
 
 void check_data(std::vector<finding>& findings) {
     std::string text;

@@ -123,7 +123,7 @@ void check_model(std::vector<finding>& findings, const std::string& parfile) {
     check_zerout(findings);
 }
 
-void check_pedigree(std::vector<finding>& findings) {
+void check_pedigree(std::vector<finding>& findings, std::unordered_set<long long>& listed) {
     const std::string& name = tarvex::filenames.pedfile;
     std::string all;
     try {
@@ -149,6 +149,8 @@ void check_pedigree(std::vector<finding>& findings) {
         else
             check_pedline(s, line, text, code[0], code[1], code[2]);
     }
+    for (const auto* codes : {&s.line_of, &s.as_sire, &s.as_dam})
+        for (const auto& [code, at] : *codes) listed.insert(code);
     if (tarvex::options.siremodel && !s.as_dam.empty() && !s.dam_is_sire)
         add_case(findings, "W413",
                  "in a sire model the third column of the pedigree holds maternal grandsires; here none "

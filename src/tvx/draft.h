@@ -69,12 +69,17 @@ void number_classes(draft& d); // codes
 void order_records(draft& d);  // subjects, order of the data file
 
 // Starting values of a VAR block: packed upper triangle.
+// Residual classes of a random regression: one variance, or one each.
 struct start_block {
     std::string name;
     int order = 0;
     std::vector<double> values;
+    bool exact = false; // all digits are written
 };
 std::vector<start_block> starting_values(const draft& d);
+// Values of --start in place of these: from a file with the triangles of all blocks, or from the estimates of a run,
+// by names of effects and traits. What the run lacks stays.
+void take_given_values(draft& d, std::vector<start_block>& blocks);
 
 // Writes all files of the study; adds to d.s what they settle.
 void write_analysis(draft& d, const std::vector<start_block>& blocks);

@@ -22,6 +22,8 @@ constexpr page pages[] = {
     {"P101", "the parameter file cannot be read",
      "The program's own message follows the line. Each line that can be left out is left out and reading goes on, so "
      "that all are told; behind the first fault later ones may follow from it. tvx help par shows the forms."},
+    {"P102", "the program stops at these inputs",
+     "tvx check has found nothing, but the program's own set-up stops: its last words follow."},
     {"D201", "the data file cannot be read", "The name behind DAT is looked for in the folder of the parameter file."},
     {"D202", "a line has too few values",
      "The DAT block names more columns than the line has. Missing records need their code."},
@@ -65,6 +67,9 @@ constexpr page pages[] = {
      "The search begins on the border of the parameter space and may stay there."},
     {"W411", "confounded effects",
      "Each level of one effect goes with one level of the other: they cannot be told apart."},
+    {"W412", "animals that the pedigree does not have",
+     "They are taken for founders that are related to nobody. Give them lines, with 0 for unknown parents, if that is "
+     "meant."},
     {"W413", "the third column of a sire pedigree", "It holds maternal grandsires, not dams."},
     {"W414", "old scratch files",
      "Each file *.bin knows by a sum what it was made from: a run takes over those that fit and makes the others "

@@ -3,6 +3,7 @@
 #include "tvx/commands.h"
 #include "tvx/csv.h"
 #include "tvx/pedigree.h"
+#include "tvx/progress.h"
 #include "tvx/tables.h"
 
 #include <CLI/CLI.hpp>
@@ -179,7 +180,9 @@ relationship marker_table(const csv_table& t) {
     tell_memory(t.rows);
     marker_sums sums(static_cast<Index>(t.rows));
     std::vector<signed char> genotype(t.rows);
+    progress told("markers", t.names.size());
     for (std::size_t col = 1; col < t.names.size(); ++col) {
+        told.at(col);
         for (std::size_t row = 0; row < t.rows; ++row) {
             const auto cell = t.at(row, col);
             const bool one = cell.size() == 1 && cell[0] >= '0' && cell[0] <= '2';
@@ -218,7 +221,9 @@ relationship plink(const std::string& file) {
     marker_sums sums(static_cast<Index>(n));
     std::vector<signed char> genotype(n);
     static constexpr signed char count[] = {2, -1, 1, 0}; // of the first allele
+    progress told("markers", m);
     for (std::size_t j = 0; j < m; ++j) {
+        told.at(j);
         for (std::size_t i = 0; i < n; ++i)
             genotype[i] = count[(static_cast<unsigned char>(bed[3 + j * bytes + i / 4]) >> (2 * (i % 4))) & 3];
         sums.add(genotype);

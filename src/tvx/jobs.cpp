@@ -1,14 +1,18 @@
 #include "tvx/jobs.h"
 
+#include "tvx/children.h"
 #include "tvx/commands.h"
+#include "tvx/progress.h"
 #include "tvx/tables.h"
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
-#include <sys/wait.h>
+#include <sys/prctl.h>
 #include <thread>
 #include <unistd.h>
 
@@ -21,24 +25,45 @@ extern const unsigned long job_rules_size;
 
 namespace {
 
-int start(const std::string& folder, const std::vector<std::string>& args) {
+using job_map = std::map<std::string, std::string>;
+
+std::size_t jobs_done(const std::string& folder, const job_map& jobs) {
+    std::error_code ec;
+    return static_cast<std::size_t>(std::count_if(
+        jobs.begin(), jobs.end(), [&](const auto& job) { return fs::exists(folder + "/" + job.first + "/done", ec); }));
+}
+
+[[noreturn]] void child(const std::string& folder, std::vector<std::string> args) {
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    const int out = open((folder + "/snakemake.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (out < 0 || chdir(folder.c_str()) != 0) _exit(126);
+    dup2(out, 1);
+    dup2(out, 2);
+    execvp(argv[0], argv.data());
+    _exit(127);
+}
+
+int start(const std::string& folder, const std::vector<std::string>& args, const job_map& jobs) {
     std::fflush(stdout);
+    stop_watch watch;
+    progress told("runs", jobs.size());
     const pid_t pid = fork();
-    if (pid == 0) {
-        std::vector<std::string> all = args;
-        std::vector<char*> argv;
-        for (auto& a : all) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        const int out = open((folder + "/snakemake.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (out < 0 || chdir(folder.c_str()) != 0) _exit(126);
-        dup2(out, 1);
-        dup2(out, 2);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    int state = 0;
-    if (pid < 0 || waitpid(pid, &state, 0) != pid) return 126;
-    return WIFEXITED(state) ? WEXITSTATUS(state) : 128 + WTERMSIG(state);
+    if (pid == 0) child(folder, args);
+    if (pid < 0) return 126;
+    int rounds = 0, next = 0;
+    const int status = wait_for(pid, watch, [&] {
+        if (told.wanted() && ++rounds > next) {
+            next = rounds + 20;
+            told.at(jobs_done(folder, jobs));
+        }
+    });
+    if (watch.asked() > 0)
+        throw fault{"stopped by Ctrl-C: the same command goes on with the runs that are missing", program_stopped};
+    return status;
 }
 
 } // namespace
@@ -63,7 +88,7 @@ std::vector<std::string> run_jobs(const std::string& folder, const std::map<std:
         std::printf("%zu runs by Snakemake, %d at a time; %s/snakemake.log\n", jobs.size(), n, folder.c_str());
         std::fflush(stdout);
     }
-    const int status = start(folder, args);
+    const int status = start(folder, args, jobs);
     if (status == 127) throw fault{"Snakemake is not installed: apt-get install snakemake", program_stopped};
     std::vector<std::string> done;
     std::size_t failed = 0;

@@ -41,7 +41,8 @@ std::string run_without(const run_results& large, const std::string& effect) {
     return run_analysis(file).folder;
 }
 
-// Share of simulated sets from the smaller model whose statistic reaches the observed one.
+// Share of simulated sets from the smaller model whose statistic reaches the observed one, of those (`used`) with both
+// models at a maximum.
 double boot_p(const run_results& small, const run_results& large, const lr_test& t, const lrt_choice& c, int& used) {
     const std::string folder = small.folder + "/lrt";
     std::filesystem::create_directories(folder);
@@ -63,6 +64,7 @@ double boot_p(const run_results& small, const run_results& large, const lr_test&
         if (!std::filesystem::exists(a.folder + "/done") || !std::filesystem::exists(b.folder + "/done")) continue;
         a.estimates = read_json_file(a.folder + "/Results.json");
         b.estimates = read_json_file(b.folder + "/Results.json");
+        if (judge(a).verdict == "not arrived" || judge(b).verdict == "not arrived") continue;
         const double x =
             2.0 * (number(b.estimates["likelihood"]["log_l"]) - number(a.estimates["likelihood"]["log_l"]));
         ++used;
@@ -112,7 +114,10 @@ int lrt(const lrt_choice& c) {
                 number(large.estimates["likelihood"]["log_l"]), t.statistic, t.df, t.df == 1 ? "" : "s",
                 distribution(t).c_str(), t.bound ? "at most" : "=", t.p);
     if (t.bound && c.boot == 0) std::printf("For the exact p of a matrix: --boot 200\n");
-    if (c.boot > 0) std::printf("By simulation of %d sets from the smaller model: p = %.4g\n", used, exact);
+    if (c.boot > 0)
+        std::printf("By simulation of %d sets from the smaller model%s: p = %.4g\n", used,
+                    used < c.boot ? (" (of " + std::to_string(c.boot) + "; the others have no maximum)").c_str() : "",
+                    exact);
     return fine;
 }
 

@@ -165,6 +165,15 @@ void parfile_text::set_rank(const std::string& block, int rank) {
     }
 }
 
+std::vector<double> parfile_text::values(const std::string& block) const {
+    const extent e = var_block(block);
+    std::vector<double> values;
+    for (std::size_t i = e.from + 1; i < e.to; ++i)
+        for (const auto& word : words_of(lines_[i]))
+            if (word != "+") values.push_back(std::strtod(word.c_str(), nullptr));
+    return values;
+}
+
 void parfile_text::set_values(const std::string& block, const std::vector<double>& values) {
     const extent e = var_block(block);
     if (e.to == e.from) throw fault{"no covariance block \"" + block + "\" in the parameter file"};

@@ -29,6 +29,8 @@ public:
     void set_rank(const std::string& block, int rank);
     int order_of(const std::string& block) const;
 
+    // Starting values of a block as they stand there (classes of residuals: with their ranges).
+    std::vector<double> values(const std::string& block) const;
     // Other starting values for a block, in the layout that its lines have (residual classes with ranges: the third
     // number of each line). A fault where their number is another.
     void set_values(const std::string& block, const std::vector<double>& values);

@@ -2,9 +2,11 @@
 
 #include "tvx/commands.h"
 #include "tvx/draft.h"
+#include "tvx/progress.h"
 #include "tvx/tables.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -47,8 +49,8 @@ void check_request(const prep_request& r) {
              {std::pair{&r.pedcols, "--pedcols"}, {&r.born, "--born"}, {&r.candidates, "--candidates"}})
             if (!value->empty()) throw fault{std::string(name) + " goes with a pedigree: -p FILE"};
     if (r.rank < 0) throw fault{"--rank takes a number above 0"};
-    if (!r.start.empty() && !fs::is_regular_file(r.start))
-        throw fault{"--start: \"" + r.start + "\" is no file of starting values"};
+    if (!r.start.empty() && !fs::exists(r.start))
+        throw fault{"--start: \"" + r.start + "\" is neither a file of starting values nor a run"};
 }
 
 // Folder and stem of a study: --out, or the name of the table.
@@ -79,29 +81,44 @@ void make_folder(const std::string& folder) {
     std::error_code ec;
     fs::create_directories(folder, ec);
     if (ec) throw fault{"cannot make folder \"" + folder + "\": " + ec.message()};
-    // keys of an earlier study are no part of this one
-    for (const auto& entry : fs::directory_iterator(folder, ec)) {
-        const std::string name = entry.path().filename().string();
-        if (name.starts_with("key_") && name.ends_with(".tsv")) fs::remove(entry.path(), ec);
-    }
 }
 
-// Writes the study: a new folder gets its name when it is complete, so that a run that is stopped leaves none.
+// Moves a complete study over an earlier one, whose keys are no part of it; study.json comes last.
+void replace_study(const std::string& part, const std::string& folder) {
+    std::error_code ec;
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::directory_iterator(part)) files.push_back(entry.path().filename());
+    std::sort(files.begin(), files.end(),
+              [](const auto& a, const auto& b) { return (a == "study.json") < (b == "study.json"); });
+    fs::remove(fs::path(folder) / "study.json", ec);
+    std::vector<fs::path> old;
+    for (const auto& entry : fs::directory_iterator(folder, ec)) {
+        const std::string name = entry.path().filename().string();
+        if (name.starts_with("key_") && name.ends_with(".tsv")) old.push_back(entry.path());
+    }
+    for (const auto& file : old) fs::remove(file, ec);
+    for (const auto& file : files) {
+        fs::rename(fs::path(part) / file, fs::path(folder) / file, ec);
+        if (ec) throw fault{"cannot write \"" + (fs::path(folder) / file).string() + "\": " + ec.message()};
+    }
+    fs::remove_all(part, ec);
+}
+
+// Writes the study: a folder gets its files when all are complete, so that a run that is stopped leaves none.
 void write_folder(draft& d, const std::vector<start_block>& blocks) {
     std::error_code ec;
-    const std::string folder = d.s.folder;
-    if (fs::exists(folder, ec)) {
-        make_folder(folder);
-        return write_analysis(d, blocks);
-    }
-    const std::string part = folder + ".part";
+    const std::string folder = d.s.folder, part = folder + ".part";
     fs::remove_all(part, ec);
     d.s.folder = part;
     try {
         make_folder(part);
         write_analysis(d, blocks);
-        fs::rename(part, folder, ec);
-        if (ec) throw fault{"cannot make folder \"" + folder + "\": " + ec.message()};
+        if (fs::exists(folder, ec)) {
+            replace_study(part, folder);
+        } else {
+            fs::rename(part, folder, ec);
+            if (ec) throw fault{"cannot make folder \"" + folder + "\": " + ec.message()};
+        }
     } catch (...) {
         fs::remove_all(part, ec);
         throw;
@@ -145,7 +162,7 @@ void add_prep_options(CLI::App& app, prep_request& r) {
     app.add_option("--zero-is-missing", r.zero_missing, "columns in which 0 is a missing value");
     app.add_option("--born", r.born, "column of the pedigree with births");
     app.add_option("--rank", r.rank, "fit covariance matrices of random effects at this rank");
-    app.add_option("--start", r.start, "file of starting values");
+    app.add_option("--start", r.start, "starting values: a file with them, or a run whose estimates they are");
     app.add_option("--blend", r.blend, "share of the identity matrix in those of gin()");
     app.add_flag("--keep-units", r.keep_units, "do not scale traits by powers of ten");
     app.add_flag("--keep-codes", r.keep_codes, "-999 and its like are values");
@@ -161,8 +178,10 @@ study prepare(const prep_request& request) {
     name_study(request, d.s);
     check_folder(request, d.s);
     if (!request.na.empty()) d.na.more = word_list(request.na);
+    progress told("");
     d.table = read_csv(request.data, csv_heading::needed);
     d.has_ped = !request.pedigree.empty();
+    told.note("reading the pedigree");
     if (d.has_ped)
         d.ped =
             read_pedigree(request.pedigree, columns_of(request, d.table), d.na, grandsires_given(request), d.s.remarks);
@@ -172,11 +191,17 @@ study prepare(const prep_request& request) {
     d.s.data = input_of(d.table);
     if (d.has_ped) d.s.pedigree = input_of(d.ped.tables.front());
     lay_out(d);
+    told.note("reading cells");
     read_cells(d);
+    told.note("codes of classes and animals");
     number_classes(d);
+    told.note("ordering records");
     order_records(d);
     finish_classes(d);
-    const auto blocks = starting_values(d);
+    told.note("starting values");
+    auto blocks = starting_values(d);
+    take_given_values(d, blocks);
+    told.note("writing the study");
     write_folder(d, blocks);
     return d.s;
 }

@@ -1,6 +1,8 @@
 #include "tvx/program.h"
 
+#include "tvx/children.h"
 #include "tvx/commands.h"
+#include "tvx/progress.h"
 #include "tvx/study.h"
 #include "tvx/tables.h"
 
@@ -17,7 +19,7 @@
 #include <fstream>
 #include <iterator>
 #include <sstream>
-#include <sys/wait.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 namespace tvx {
@@ -37,32 +39,14 @@ std::string keyword(const std::string& word) {
     return key;
 }
 
-volatile std::sig_atomic_t stop_wanted = 0;
-extern "C" void note_stop(int) { stop_wanted = 1; }
-
-// Takes note of Ctrl-C while it lives.
-class stop_watch {
-public:
-    stop_watch() {
-        stop_wanted = 0;
-        struct sigaction action {};
-        action.sa_handler = note_stop;
-        sigaction(SIGINT, &action, &before_);
-    }
-    ~stop_watch() { sigaction(SIGINT, &before_, nullptr); }
-    stop_watch(const stop_watch&) = delete;
-    stop_watch& operator=(const stop_watch&) = delete;
-
-private:
-    struct sigaction before_ {};
-};
-
 [[noreturn]] void child(const std::string& folder, const std::vector<std::string>& args, const std::string& log) {
     std::vector<std::string> all{program_path()};
     all.insert(all.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (auto& a : all) argv.push_back(a.data());
     argv.push_back(nullptr);
+    setpgid(0, 0); // Ctrl-C comes to this program alone, which passes it on
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
     const int in = open("/dev/null", O_RDONLY);
     const bool there = chdir(folder.c_str()) == 0;
     const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
@@ -76,13 +60,12 @@ private:
 }
 
 // The last line of rounds in a log, for the terminal.
-void show_round(const std::string& file, double seconds) {
+std::string last_round(const std::string& file) {
     std::ifstream in(file);
-    std::string last;
+    std::string last = "setting up";
     for (std::string line; std::getline(in, line);)
         if (line.starts_with("***") && line.find("log L =") != std::string::npos) last = line.substr(3, 55);
-    std::printf("\r%-60s %7.0f s", last.empty() ? "setting up" : last.c_str(), seconds);
-    std::fflush(stdout);
+    return last;
 }
 
 } // namespace
@@ -140,6 +123,12 @@ std::string program_path() {
     return "tarvex";
 }
 
+std::string own_path() {
+    std::error_code ec;
+    const fs::path own = fs::read_symlink("/proc/self/exe", ec);
+    return ec ? "tvx" : own.string();
+}
+
 std::string sum_of_analysis(const std::string& parameter_file, const std::vector<std::string>& options) {
     XXH3_state_t* state = XXH3_createState();
     XXH3_128bits_reset(state);
@@ -169,34 +158,26 @@ std::string sum_of_analysis(const std::string& parameter_file, const std::vector
 
 program_run run_program(const std::string& folder, const std::vector<std::string>& args, const std::string& log) {
     const auto start = std::chrono::steady_clock::now();
-    const stop_watch watch;
+    stop_watch watch;
     std::fflush(stdout);
     const pid_t pid = fork();
     if (pid == 0) child(folder, args, log);
     if (pid < 0) throw fault{"cannot start the program", program_stopped};
-    const bool show = !display.quiet && !display.json && isatty(1);
-    bool shown = false;
     program_run run;
-    double last = 2.0;
-    for (int state = 0;;) {
-        const pid_t done = waitpid(pid, &state, show ? WNOHANG : 0);
-        run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        if (done == pid) {
-            run.status = WIFEXITED(state) ? WEXITSTATUS(state) : 128 + WTERMSIG(state);
-            break;
-        }
-        if (stop_wanted) kill(pid, SIGINT); // it came to this process alone
-        if (done < 0) continue;
-        usleep(20000);
-        if (run.seconds < last) continue;
-        last = run.seconds + 0.5;
-        show_round(folder + "/" + log, run.seconds);
-        shown = true;
+    {
+        progress told("");
+        double next = 2.0; // the log is read twice a second
+        run.status = wait_for(pid, watch, [&] {
+            run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+            if (!told.wanted() || run.seconds < next) return;
+            next = run.seconds + 0.5;
+            told.note(last_round(folder + "/" + log));
+        });
     }
-    if (shown) std::printf("\r%70s\r", "");
+    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (run.status == 127 || run.status == 126)
         throw fault{"cannot start the program \"" + program_path() + "\": install tarvex beside tvx", program_stopped};
-    if (stop_wanted || run.status == 128 + SIGINT) throw interrupted{};
+    if (watch.asked() || run.status == 128 + SIGINT) throw interrupted{};
     return run;
 }
 

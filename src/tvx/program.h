@@ -14,6 +14,8 @@ std::vector<std::string> files_of_analysis(const std::string& parameter_file);
 
 // The program beside this one, or the one that the shell finds.
 std::string program_path();
+// This program.
+std::string own_path();
 
 // Sum over names and bytes of the files of an analysis, the options, and the program: 32 hexadecimal digits.
 std::string sum_of_analysis(const std::string& parameter_file, const std::vector<std::string>& options);

@@ -37,6 +37,11 @@ std::string with_simulated(const run_results& r, const std::string& line) {
     return text + "\n";
 }
 
+bool same_text(const std::string& file, const std::string& text) {
+    std::error_code ec;
+    return fs::is_regular_file(file, ec) && read_text(file) == text;
+}
+
 void link_or_copy(const fs::path& from, const fs::path& to) {
     std::error_code ec;
     fs::remove(to, ec);
@@ -63,8 +68,9 @@ std::string at_estimates(const run_results& r, const std::string& par_text) {
 }
 
 void make_job(const run_results& r, const std::string& par_text, const std::string& data, const std::string& folder) {
-    fs::create_directories(folder);
     const std::string name = r.estimates["run"]["data_file"];
+    if (same_text(folder + "/analysis.par", par_text) && same_text(folder + "/" + name, read_text(data))) return;
+    fs::create_directories(folder);
     for (const auto& file : files_of_analysis(par_file_of(r)))
         if (file != name && file != fs::path(par_file_of(r)).filename().string())
             link_or_copy(fs::path(r.folder) / file, fs::path(folder) / file);

@@ -12,7 +12,7 @@ namespace tvx {
 std::vector<std::string> simulate_data(const run_results& r, const std::string& folder, int n, unsigned seed);
 
 // Makes the folder of one job: parameter file `par` of run `r` (its text) as analysis.par with the data file, and the
-// other files that the analysis reads.
+// other files that the analysis reads. A job that is there already with the same data is not touched.
 void make_job(const run_results& r, const std::string& par_text, const std::string& data, const std::string& folder);
 
 // Parameter file of a run.

@@ -21,14 +21,17 @@ std::string state() {
     const auto& o = options;
     const auto& m = maximise;
     std::string s;
-    for (bool flag : {o.aireml,      o.algorithm_set, o.bestonly,    o.blup,
-                      o.continew,    o.details,       o.devtrace,    o.emai,
-                      o.emalgorithm, o.forchol,       o.mmmposdef,   o.nologd,
-                      o.nopru,       o.optim_ai,      o.print_times, o.pxai,
-                      o.pxem,        o.reco_set,      o.reconstruct, o.selfing,
-                      o.setup_lrg,   o.setup_only,    o.simulation,  o.strict_ai,
-                      o.superai,     o.tensor_ai,     o.terse,       o.verbose,
-                      o.werbose,     o.wide,          o.sevars,      bool(estimates.reorder)})
+    for (bool flag : {o.aireml,    o.algorithm_set, o.bestonly,
+                      o.blup,      o.continew,      o.details,
+                      o.devtrace,  o.emai,          o.emalgorithm,
+                      o.forchol,   o.mmmposdef,     o.nologd,
+                      o.nopru,     o.optim_ai,      o.print_times,
+                      o.pxai,      o.allped,        o.pxem,
+                      o.reco_set,  o.reconstruct,   o.selfing,
+                      o.setup_lrg, o.setup_only,    o.simulation,
+                      o.strict_ai, o.superai,       o.tensor_ai,
+                      o.terse,     o.verbose,       o.werbose,
+                      o.wide,      o.sevars,        bool(estimates.reorder)})
         s += flag ? 'T' : 'F';
     for (int l : o.logdia) s += ' ' + std::to_string(l);
     for (int l : orders.metis_opts) s += ' ' + std::to_string(l);
@@ -145,6 +148,9 @@ TEST_F(RunOptions, FlagsThatEachOptionSets) {
     run({"--self", "--nopru", "--times", "--super", "--wide", "--forchol"});
     EXPECT_TRUE(options.selfing && options.nopru && options.print_times && options.superai && options.wide &&
                 options.forchol);
+    EXPECT_FALSE(options.allped);
+    run({"--allped"});
+    EXPECT_TRUE(options.allped && !options.nopru);
     run({"--amd"});
     EXPECT_EQ(orders.order_type, 2);
     run({"--mmd"});

@@ -37,7 +37,11 @@ protected:
 TEST_F(checks, find_nothing_in_a_sound_analysis) {
     const auto r = check();
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.output, "Nothing found: the analysis can be run.\n");
+    EXPECT_TRUE(r.output.starts_with("Nothing found: the analysis can be run.\nForecast : 9 equations, ")) << r.output;
+    EXPECT_TRUE(holds(r.output, " GB free")) << r.output;
+    EXPECT_EQ(run_tvx({"check", "a.par", "--quick"}).output, "Nothing found: the analysis can be run.\n");
+    for (const auto& entry : std::filesystem::directory_iterator(".")) // the set-up has left nothing
+        EXPECT_TRUE(entry.path().filename().string().starts_with("a.")) << entry.path();
 }
 
 TEST_F(checks, tell_all_faults_of_the_parameter_file) {
@@ -117,6 +121,29 @@ TEST_F(checks, know_that_relationships_tell_effects_apart) {
     const auto r = check();
     EXPECT_EQ(r.status, 0) << r.output;
     EXPECT_FALSE(holds(r.output, "W411")) << r.output;
+}
+
+TEST_F(checks, tell_of_animals_without_a_pedigree) {
+    pedigree = "3 1 2\n5 3 4\n";
+    data = "3 1 10 5\n4 2 11 6\n1 1 12 7\n6 2 11 8\n6 1 10 9\n9 1 11 5\n8 2 10 -999\n";
+    expect(0, "W412 animals with records that the pedigree does not have: they count as unrelated founders (2 cases)\n"
+              "     a.dat, line 4: animal 6\n     a.dat, line 6: animal 9\n");
+    pedigree += "6 0 0\n9 0 0\n";
+    EXPECT_FALSE(holds(check().output, "W412"));
+}
+
+TEST_F(checks, tell_of_levels_that_are_taken_out) {
+    mod += "ZER\n herd 1\nEND\n";
+    expect(0, "W409 ZER takes out more levels than there are dependencies among the classes");
+    mod.insert(mod.find("\n") + 1, " MEA\n");
+    EXPECT_FALSE(holds(check().output, "W409")) << check().output;
+}
+
+// What tvx check does not look for, the program's own set-up tells.
+TEST_F(checks, tell_where_the_program_stops) {
+    var = "VAR animal 1\n -3\nVAR residual 1\n 7\n";
+    expect(1, "P102 the program stops at these inputs\n");
+    EXPECT_FALSE(holds(check().output, "Forecast"));
 }
 
 TEST_F(checks, tell_of_dams_in_a_sire_model) {

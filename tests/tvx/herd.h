@@ -87,10 +87,12 @@ struct herd_of_sibs {
 
 class herd_run : public tarvex::tarvex_test {
 protected:
-    void fit(const std::string& formula = "milk ~ herd + nrm(animal)") {
+    void fit(const std::string& formula = "milk ~ herd + nrm(animal)", const std::vector<std::string>& more = {}) {
         herd.write();
-        const auto prepared = run_tvx({"prep", "milk.csv", formula, "-p", "ped.csv", "-o", "milk", "--pedcols",
-                                       "id,father,mother", "--born", "year"});
+        std::vector<std::string> args{"prep",      "milk.csv",         formula,  "-p",  "ped.csv", "-o", "milk",
+                                      "--pedcols", "id,father,mother", "--born", "year"};
+        args.insert(args.end(), more.begin(), more.end());
+        const auto prepared = run_tvx(args);
         ASSERT_EQ(prepared.status, 0) << prepared.output;
         const auto ran = run_tvx({"run", "milk/milk.par"});
         ASSERT_EQ(ran.status, 0) << ran.output;

@@ -38,6 +38,30 @@ TEST_F(tvx_jobs, TestOfAnEffectIsThatOfDenseAlgebra) {
     EXPECT_EQ(run_tvx({"lrt", run, "--drop", "nothing"}).status, 1);
 }
 
+TEST_F(tvx_jobs, SimulatedSetsGiveTheLevelOfATest) {
+    if (!snakemake()) GTEST_SKIP() << "no Snakemake here";
+    ASSERT_NO_FATAL_FAILURE(fit("milk ~ herd + nrm(animal) + (1|pen)"));
+    const auto r = run_tvx({"--json", "lrt", run, "--drop", "pen", "--boot", "9", "-j", "2"});
+    ASSERT_EQ(r.status, 0) << r.output;
+    const json t = json::parse(r.output);
+    const std::string folder = t["small"].get<std::string>() + "/lrt/";
+    int beyond = 0, used = 0;
+    double last = 0.0;
+    for (int i = 1; i <= 9; ++i) {
+        const auto log_l = [&](const std::string& which) -> double {
+            return json::parse(read_file(folder + which + std::to_string(i) + "/Results.json"))["likelihood"]["log_l"];
+        };
+        const double small = log_l("small"), large = log_l("large");
+        EXPECT_GT(large, small - 1e-3) << i; // nested
+        EXPECT_NE(small, last) << "each set is another";
+        last = small;
+        ++used;
+        if (2.0 * (large - small) >= t["statistic"].get<double>() - 1e-6) ++beyond;
+    }
+    EXPECT_EQ(t["boot"]["sets"], used);
+    EXPECT_NEAR(t["boot"]["p"].get<double>(), (beyond + 1.0) / (used + 1.0), 1e-12);
+}
+
 TEST_F(tvx_jobs, BootstrapSpreadsAroundTheEstimates) {
     ASSERT_NO_FATAL_FAILURE(fit());
     if (!snakemake()) GTEST_SKIP() << "no Snakemake here";
@@ -50,6 +74,11 @@ TEST_F(tvx_jobs, BootstrapSpreadsAroundTheEstimates) {
         EXPECT_LE(std::stod(row.at("low95")), mean);
         EXPECT_GE(std::stod(row.at("high95")), mean);
     }
+    // The same command again does nothing anew, more replicates only the new ones.
+    const auto first = fs::last_write_time(run + "/boot/rep1/done");
+    ASSERT_EQ(run_tvx({"--quiet", "boot", run, "-n", "8", "-j", "2"}).status, 0);
+    EXPECT_EQ(fs::last_write_time(run + "/boot/rep1/done"), first);
+    EXPECT_TRUE(fs::exists(run + "/boot/rep8/done"));
     // What is done is not done again, what is missing is.
     const auto before = fs::last_write_time(run + "/boot/rep1/done");
     fs::remove(run + "/boot/rep2/done");

@@ -2,8 +2,10 @@
 // columns.
 #include "tvx/companion.h"
 
+#include <Eigen/Dense>
 #include <fstream>
 #include <map>
+#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -19,7 +21,7 @@ protected:
     void expect_same_maximum(const std::string& formula, const std::string& starting,
                              const std::vector<std::string>& more = {}) {
         const auto hand = maximum("hand");
-        const auto by_hand = solutions("hand.par");
+        const auto by_hand = solutions();
         write_file("start.txt", starting);
         std::vector<std::string> args{"prep", "table.csv",    formula,   "-o",
                                       "made", "--keep-units", "--start", "start.txt"};
@@ -42,41 +44,48 @@ protected:
         fs::current_path("..");
     }
     static tarvex::best_point maximum(const std::string& name) {
-        const auto first = tarvex::run_program({"--aireml100,1e-6", name});
+        const auto first = tarvex::run_program({"--aireml100,1e-6", "--json", name});
         EXPECT_EQ(first.status, 0) << first.output;
         EXPECT_TRUE(holds(first.output, "AIREML has converged")) << first.output;
         return tarvex::read_best_point();
     }
-    // Solutions of trait 1 for the first effect with a pedigree, by code.
-    static std::map<int, double> solutions(const std::string& parfile) {
-        const std::string text = read_file(parfile);
-        std::string effect = text.substr(text.find("VAR ") + 4);
-        effect = effect.substr(0, effect.find(' '));
-        std::map<int, double> u;
-        std::ifstream in("RnSoln_" + effect + ".dat");
-        for (std::string line; std::getline(in, line);) {
-            std::istringstream words(line);
-            std::vector<double> x;
-            for (double v = 0; words >> v;) x.push_back(v);
-            if (x.size() >= 4) u[static_cast<int>(x[1])] = x[3];
-        }
-        return u;
+    // Solutions of the first effect of the first block by code and component, with all digits.
+    struct effect_solutions {
+        std::string effect;
+        std::map<std::pair<int, int>, double> u;
+        double largest = 0.0;
+    };
+    static effect_solutions solutions() {
+        const auto d = nlohmann::json::parse(read_file("Results.json"));
+        const auto& first = d["solutions"]["random"].at(0);
+        effect_solutions s;
+        s.effect = first["effect"].get<std::string>();
+        const std::size_t n = first["components"];
+        for (std::size_t k = 0; k < first["codes"].size(); ++k)
+            for (std::size_t c = 0; c < n; ++c) {
+                const double x = first["solutions"].at(k * n + c);
+                s.u[{first["codes"][k], static_cast<int>(c)}] = x;
+                s.largest = std::max(s.largest, std::fabs(x));
+            }
+        return s;
     }
-    // By identifier; six digits are on file.
-    static void expect_same_solutions(const std::map<int, double>& by_hand) {
-        const auto u = solutions("made.par");
+    // By identifier, to 1e-8 of the largest.
+    static void expect_same_solutions(const effect_solutions& by_hand) {
+        const auto made = solutions();
         std::map<std::string, int> code;
-        std::istringstream key(read_file("pedigree.tsv"));
+        const std::string own = "key_" + made.effect.substr(0, made.effect.find('(')) + ".tsv";
+        std::istringstream key(read_file(fs::exists(own) ? own : "pedigree.tsv"));
         std::string line;
         for (std::getline(key, line); std::getline(key, line);) {
             const auto tab = line.find('\t');
             code[line.substr(tab + 1, line.find('\t', tab + 1) - tab - 1)] = std::stoi(line);
         }
-        ASSERT_GT(by_hand.size(), 10u);
-        ASSERT_EQ(u.size(), by_hand.size());
-        for (const auto& [k, value] : by_hand) {
-            ASSERT_EQ(code.count(id_of(k)), 1u);
-            EXPECT_NEAR(u.at(code.at(id_of(k))), value, 2e-5 * std::fabs(value) + 1e-6) << id_of(k);
+        ASSERT_GT(by_hand.u.size(), 10u);
+        ASSERT_EQ(made.u.size(), by_hand.u.size());
+        for (const auto& [k, value] : by_hand.u) {
+            ASSERT_EQ(code.count(id_of(k.first)), 1u);
+            EXPECT_NEAR(made.u.at({code.at(id_of(k.first)), k.second}), value, 1e-8 * by_hand.largest)
+                << id_of(k.first) << ", " << k.second;
         }
     }
 };
@@ -314,6 +323,81 @@ TEST_F(prep_numbers, of_a_sire_model_of_two_traits_are_those_of_the_one_by_hand)
                            "MOD EQ\n FIX herd\n RAN sire NRM\n TRAIT y 1 -999\n TRAIT z 2 -999\nEND\n"
                            "VAR sire 2\n 5 2 3\nVAR residual 2\n 18 6 8\n");
     expect_same_maximum("weight + fat ~ herd + sire(sire)", "5 2 3 18 6 8", {"-p", "ped.csv"});
+}
+
+// Three traits with two principal components of the genetic effects.
+TEST_F(prep_numbers, of_reduced_rank_are_those_of_the_one_by_hand) {
+    auto p = make_population(40, 120, 3);
+    text_table csv{{"id", "herd", "a", "b", "c"}, {}};
+    std::string hand;
+    for (std::size_t k = 41; k <= p.animals.size(); ++k) {
+        const auto& x = p.animals[k - 1];
+        const double e = p.normal();
+        const std::string a = number_text(x.herd + x.genetic + 3.0 * p.normal() + e),
+                          b = number_text(x.genetic + x.maternal + 3.0 * p.normal() + e),
+                          c = number_text(x.genetic - x.maternal + 3.0 * p.normal() - e);
+        csv.rows.push_back({id_of(static_cast<int>(k)), herd_name(x.herd), a, k % 5 == 0 ? "NA" : b, c});
+        hand += std::to_string(k) + " " + std::to_string(x.herd) + " " + a + " " + (k % 5 == 0 ? "-999" : b) + " " + c +
+                "\n";
+    }
+    write_inputs(p, csv, hand);
+    write_file("hand.par",
+               "ANA MUV PC 3\nDAT hand.dat\n animal 999\n herd 6\n a\n b\n c\nEND\nPED hand.ped\n"
+               "MOD EQ\n FIX herd\n RAN animal NRM\n TRAIT a 1 -999\n TRAIT b 2 -999\n TRAIT c 3 -999\nEND\n"
+               "VAR animal 3 2\n 9 7 7\n 12 4\n 12\nVAR residual 3\n 10 1 -1\n 10 -1\n 10\n");
+    expect_same_maximum("a + b + c ~ herd + nrm(id)", "9 7 7 12 4 12 10 1 -1 10 -1 10",
+                        {"-p", "ped.csv", "--rank", "2"});
+    EXPECT_TRUE(holds(read_file("made/made.par"), "VAR id 3 2\n")) << read_file("made/made.par");
+}
+
+// A relationship matrix of one's own: prep inverts the table, by hand the inverse is written down.
+TEST_F(prep_numbers, of_own_relationships_are_those_of_the_one_by_hand) {
+    auto p = make_population(10, 20, 1);
+    const auto n = static_cast<Eigen::Index>(p.animals.size());
+    Eigen::MatrixXd z(n, 60);
+    for (Eigen::Index i = 0; i < n; ++i)
+        for (Eigen::Index j = 0; j < 60; ++j) z(i, j) = p.below(3) - 1.0;
+    Eigen::MatrixXd g = z * z.transpose() / 60.0 + 0.1 * Eigen::MatrixXd::Identity(n, n);
+    std::string table = "line", hand;
+    for (Eigen::Index i = 0; i < n; ++i) table += "," + id_of(static_cast<int>(i + 1));
+    for (Eigen::Index i = 0; i < n; ++i) {
+        table += "\n" + id_of(static_cast<int>(i + 1));
+        for (Eigen::Index j = 0; j < n; ++j) {
+            char text[40];
+            std::snprintf(text, sizeof text, ",%.17g", g(i, j));
+            table += text;
+        }
+    }
+    write_file("G.csv", table + "\n");
+    text_table csv{{"id", "herd", "weight"}, {}};
+    for (int k = 1; k <= n; ++k)
+        for (int plot = 0; plot < 3; ++plot) {
+            const auto& a = p.animals[static_cast<std::size_t>(k - 1)];
+            const int herd = 1 + (k + plot) % 6;
+            const std::string y =
+                number_text(40.0 + herd + z.row(k - 1).head(12).sum() + 2.0 * p.normal() + a.maternal);
+            csv.rows.push_back({id_of(k), herd_name(herd), y});
+            hand += std::to_string(k) + " " + std::to_string(herd) + " " + y + "\n";
+        }
+    write_inputs(p, csv, hand);
+    const Eigen::MatrixXd inverse = g.inverse();
+    char text[80];
+    std::snprintf(text, sizeof text, "%.17g\n", std::log(g.determinant()));
+    std::string gin = text, codes;
+    for (Eigen::Index i = 0; i < n; ++i) {
+        codes += std::to_string(i + 1) + " " + std::to_string(i + 1) + "\n";
+        for (Eigen::Index j = 0; j <= i; ++j) {
+            std::snprintf(text, sizeof text, "%d %d %.17g\n", static_cast<int>(j + 1), static_cast<int>(i + 1),
+                          inverse(i, j));
+            gin += text;
+        }
+    }
+    write_file("line.gin", gin);
+    write_file("line.codes", codes);
+    write_file("hand.par", "ANA UNI\nDAT hand.dat\n line 99\n herd 6\n weight\nEND\n"
+                           "MOD\n FIX herd\n RAN line GIN\n TRAIT weight 1 -999\nEND\n"
+                           "VAR line 1\n 6\nVAR residual 1\n 5\n");
+    expect_same_maximum("weight ~ herd + gin(id,G.csv)", "6 5");
 }
 
 class prep_files : public tarvex::tarvex_test {
