@@ -14,6 +14,8 @@
 
 #include <algorithm>
 #include <fstream>
+#include <set>
+#include <string>
 
 namespace tarvex {
 
@@ -149,9 +151,8 @@ void write_table(const array<double, 2>& phi, const control_list& codes, const s
     out.close();
 }
 
-void fill_table(array<double, 2>& phi, const table_key& key) {
+void fill_table(array<double, 2>& phi, const table_key& key, const std::string& file) {
     const control_list& codes = control_codes(key.irrc);
-    const std::string file = table_name(key);
     allocate("all phi", phi, codes.size(), key.order);
     if (key.irropt == usr) return read_table(phi, codes, file);
     if (key.irropt == spl) stop("tpf splines not yet");
@@ -232,12 +233,15 @@ void phimatrix() {
     allocate("all phi", phimat.phi, phimat.nphi);
     allocate("all phi", phimat.phi_control, phimat.nphi);
     allocate("all phi", phimat.phi_name, phimat.nphi);
+    std::set<std::string> names;
     for (int t = 1; t <= phimat.nphi; ++t) {
         const table_key& key = keys[static_cast<std::size_t>(t - 1)];
         phimat.phi_control(t) = key.irrc;
-        const std::string file = table_name(key);
+        std::string file = table_name(key);
+        if (!names.insert(file).second && key.irropt == bsp) // equal order, other degree
+            file.insert(file.size() - 4, 1, "0LQC"[key.degree]);
         phimat.phi_name(t) = file.substr(0, file.size() - 4);
-        fill_table(phimat.phi(t), key);
+        fill_table(phimat.phi(t), key, file);
     }
 }
 

@@ -1,8 +1,9 @@
 // Tables of the basis functions of the random regressions at the values of the control variables, and the residual
 // class of each value.
 //
-// Files: <variable>_<type><order>.baf, one line for each value: the value, then the functions. Tables of type USR are
-// read from such a file (the value in front may be left out), all others are written to one.
+// Files: <variable>_<type><order>.baf (a second table of splines of one order: with the letter of its degree, L, Q or
+// C, behind it), one line for each value: the value, then the functions. Tables of type USR are read from such a file
+// (the value in front may be left out), all others are written to one.
 #pragma once
 #include "support/array.h"
 

@@ -54,7 +54,7 @@ void zero_out_users(int iq) {
         const std::string name = trim(zerout.addzername[j - 1]);
         int ifix = 1;
         while (ifix <= model.nfix(iq) && trim(model.fixed(ifix, iq)) != name) ++ifix;
-        const int code = zerout.iaddzer1[j - 1];
+        const std::int64_t code = zerout.iaddzer1[j - 1];
         if (ifix > model.nfix(iq)) not_found('f', name, code, 0);
         const int level = find_code(code, levels.fx_codes(ifix, iq));
         if (level == 0) not_found('f', name, code, levels.fx_nlev(ifix, iq));

@@ -86,7 +86,7 @@ struct record_groups {
             group = components(n, [&](int i, int j) {
                 const int iq = trait_of(i + 1), jq = trait_of(j + 1);
                 return datavecs.imeta(control[iq - 1], i + 1) == datavecs.imeta(control[jq - 1], j + 1) &&
-                       traits[iq - 1] == traits[jq - 1];
+                       (model.nrrc < 2 || same_place(datavecs, i + 1, j + 1)) && traits[iq - 1] == traits[jq - 1];
             });
         } else if (independent) {
             std::iota(group.begin(), group.end(), 0);

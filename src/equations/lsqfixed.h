@@ -12,8 +12,8 @@ struct lsqsolutions_module {
 inline lsqsolutions_module lsqsolutions;
 
 // Appends every dependent equation to mmequations.ieqzero and sets numbers.nrankx. Reads recoded1.bin and recoded2.bin
-// (old numbers). The limit for a vanishing pivot is absolute, 100 numbers.zero: covariables are expected to be scaled.
-// Leaves lsqsolutions.
+// (old numbers). A pivot vanishes below 100 numbers.zero (so covariables are expected to be scaled) or below 1e-11 of
+// its diagonal. Leaves lsqsolutions.
 void lsq_fixed();
 
 } // namespace tarvex

@@ -187,7 +187,7 @@ void get_estimates() {
     maximise.converged = false;
     std::fill_n(&maximise.cchanges[0][0], 12, 0.0);
     estimates.logpar.fill(0);
-    derivs.nparm2 = estimates.nparm;
+    derivs.nparm2 = estimates.nparm - no_fixed_residuals(); // until AI-REML has looked at their information
     maximise.limit_given = maximise.aireml_its != 0;
     if ((type == 1 || type == 6) && maximise.aireml_its == 0)
         maximise.aireml_its = std::max(10, static_cast<int>(1.4f * static_cast<float>(estimates.nparm)));

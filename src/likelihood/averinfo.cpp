@@ -12,6 +12,7 @@
 #include "equations/orders.h"
 #include "likelihood/derivatives.h"
 #include "likelihood/factormmm.h"
+#include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
 #include "likelihood/subjectchunks.h"
 #include "likelihood/subjects.h"
@@ -515,8 +516,8 @@ void check_average_info() {
 
 void average_info() {
     const int np = estimates.nparm;
-    need_state(sparse, store_state::factor, "average_info");
     check_average_info();
+    factor_at_point();
     allocate("all zre", derivs.aimat, np * (np + 1) / 2);
     allocate("all zre", derivs.devl2, np * (np + 1) / 2);
     array<double> brx;

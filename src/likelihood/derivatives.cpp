@@ -156,6 +156,7 @@ factor_place factor_element(int irand, int step, int k) {
 void derivatives_mmm() {
     const int nparm = estimates.nparm;
     check_repeat_block();
+    factor_at_point();
     allocate("all devl1", derivs.devc, nparm);
     allocate("all devl1", derivs.devl1, nparm);
     autodiff_in_place();

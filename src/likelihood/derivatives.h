@@ -26,8 +26,9 @@ struct derivs_module {
 };
 inline derivs_module derivs;
 
-// Both are called right after loglike with iopt 1 at the same point, estimates.parvec. derivatives_mmm fills devl1 (and
-// devc), average_info devl2. Parameters of the covariance scale are in the order of parvec with a block's packed upper
+// Both are at estimates.parvec, after any order of calls; right after loglike with iopt 1 at that point they take its
+// factor (average_info before derivatives_mmm, which uses it up). derivatives_mmm fills devl1 (and devc), average_info
+// devl2. Parameters of the covariance scale are in the order of parvec with a block's packed upper
 // triangle row by row (full-rank blocks: the same count); reduced-rank and principal blocks have their factor elements
 // instead. Residual components fixed at zero have zeros. The factor is not changed.
 void derivatives_mmm();

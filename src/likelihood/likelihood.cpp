@@ -190,6 +190,7 @@ evaluation loglike(array<double>& parvec, int iopt) {
     const int nparm = estimates.nparm;
     evaluation e;
     allocate_table(nparm);
+    l.given.deallocate(); // the covariance inverses of another point may be left behind
 
     int ifail = 0;
     rinverse(parvec, ifail);
@@ -202,6 +203,7 @@ evaluation loglike(array<double>& parvec, int iopt) {
     g_inverse(parvec, ifail);
     if (ifail || any_deficient()) return e;
     if (iopt == -1 && !changed) {
+        l.given = parvec;
         e.xlike = l.xlast;
         e.valid = true;
         return e;
@@ -218,10 +220,19 @@ evaluation loglike(array<double>& parvec, int iopt) {
         ++l.nreuse;
         e.xlike = l.xlast;
     }
+    l.given = parvec;
     e.valid = e.solved = true;
     back_solutions();
     housekeeping(p, nparm, changed, e.xlike);
     return e;
+}
+
+void factor_at_point() {
+    const auto& l = likelihoods;
+    const auto& p = estimates.parvec;
+    const bool here = l.factor_valid && sparse.state == store_state::factor && l.given.upper() == p.upper() &&
+                      std::equal(p.begin(), p.end(), l.given.begin());
+    if (!here && !loglike(estimates.parvec, 1).valid) stop("this should not happen");
 }
 
 bool build_with_new_order() {

@@ -14,6 +14,7 @@ struct likelihoods_module {
     int nreuse = 0;              // evaluations that used the factor at hand
     double xlast = 0.0;          // log L of the last evaluation
     array<double> lastpar;       // (nparm) parameters of the factor at hand
+    array<double> given;         // (nparm) the vector to which covariance inverses and factor belong; empty: to none
     int failrow = 0;             // row of the last invalid pivot, 0 none
     bool factor_valid = false;   // diag, xspars hold the factor of lastpar
     array<double, 2, 1> likesav; // (nparm+1,200) table of evaluations: log L, parameters
@@ -35,6 +36,10 @@ struct evaluation {
 //       -1   the factor is wanted: returns at once when it belongs to parvec, xlike is its log L
 //       >0   for derivatives: the table is not consulted, factor and solutions are those of parvec on return
 evaluation loglike(array<double>& parvec, int iopt);
+
+// Makes factor, covariance inverses and solutions those of estimates.parvec, a valid point, whatever was evaluated or
+// differentiated before.
+void factor_at_point();
 
 // build_mmm, with a new order and structure where an element has no place in those in hand: true if so.
 bool build_with_new_order();

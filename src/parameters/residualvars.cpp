@@ -225,7 +225,8 @@ void rinv_ranreg(array<double>& parvec, int& ifail) {
             for (int j = i; j <= nq; ++j) a(i, j) = a(j, i) = residualvars.sigres(ihmssf(i, j, nq), step);
         int nzero = 0;
         eigem(a, eig, vectors, nq, numbers.zero, nzero);
-        if (nzero > 0) ifail = 1;
+        // the matrices of subjects are inverted with pivots above that limit: what fails there fails here
+        if (nzero > 0 || !(*std::min_element(eig.begin(), eig.end()) > numbers.zero * (1.0 + 1.0e-6))) ifail = 1;
     }
 }
 
@@ -280,6 +281,15 @@ void rinverse(array<double>& parvec, int& ifail) {
         stop("rinverse");
 }
 
+bool same_place(const datavecs_module& d, int i, int j) {
+    for (int irrc = 1; irrc <= model.nrrc; ++irrc) {
+        bool common = true;
+        for (int iq = 1; iq <= numbers.nq; ++iq) common = common && control_place(irrc, iq) > 0;
+        if (common && d.imeta(irrc, i) != d.imeta(irrc, j)) return false;
+    }
+    return true;
+}
+
 void residual_classes(const datavecs_module& d, std::vector<int>& age, std::vector<int>& iclass) {
     const int n = d.nobs;
     age.resize(at(n));
@@ -288,6 +298,13 @@ void residual_classes(const datavecs_module& d, std::vector<int>& age, std::vect
         const int iq = d.ynq(i), control = phimat.jjmeta.allocated() ? phimat.jjmeta(iq) : 1;
         age[at(i - 1)] = d.imeta(control, i);
         iclass[at(i - 1)] = model.rr_resteps == 1 ? 1 : model.me_run(age[at(i - 1)]);
+    }
+    if (model.nrrc < 2) return;
+    const std::vector<int> level = age;
+    for (int i = 1; i <= n; ++i) { // the first record at a place stands for it
+        int first = 1;
+        while (first < i && (level[at(first - 1)] != level[at(i - 1)] || !same_place(d, first, i))) ++first;
+        age[at(i - 1)] = first;
     }
 }
 

@@ -483,6 +483,20 @@ void parvec2covs(array<double>& parvec, int irand, int step, array<double>& cc, 
         if (!std::isfinite(x)) ifail = 1;
 }
 
+namespace {
+
+// Number of the PEQ covariance of traits i and j in model.cov, 0 none.
+int peq_element(int i, int j) {
+    int number = 0;
+    for (const peq_place& p : peq_places()) {
+        ++number;
+        if (p.residual == ihmssf(std::min(i, j), std::max(i, j), numbers.nq)) return number;
+    }
+    return 0;
+}
+
+} // namespace
+
 void fixresvars() {
     if (options.bestonly || empty_block(0)) return;
     const int n = model.kkfit(0);
@@ -493,13 +507,21 @@ void fixresvars() {
                 const int k = (step - 1) * step_covs(0) + ihmssf(i, j, n);
                 const bool never = j > i && n == numbers.nq && !occur_together(i, j);
                 if (never) model.cov(k, 0) = 0.0;
-                const bool fixed = never || model.cov(k, 0) == 0.0;
+                const int peq = residualvars.peqsum ? peq_element(i, j) : 0;
+                if (never && peq > 0) model.cov(peq, residualvars.ipeq) = 0.0;        // nor do records tell of it
+                const bool sum = peq > 0 && model.cov(peq, residualvars.ipeq) != 0.0; // parvec holds it
+                const bool fixed = never || (model.cov(k, 0) == 0.0 && !sum);
                 residualvars.fixres(k) = fixed ? 1 : 0;
                 if (fixed && j > i && linked_to_earlier(i, j)) original = true;
             }
     if (original && !options.forchol) estimates.paraform(0) = "Original";
     if (estimates.paraform(0) == "Original")
         for (int k = 1; k <= estimates.nresparm; ++k) estimates.ispar(k) = residualvars.fixres(k) ? 0 : 1;
+}
+
+int no_fixed_residuals() {
+    const auto& fixed = residualvars.fixres;
+    return static_cast<int>(std::count_if(fixed.begin(), fixed.end(), [](int f) { return f != 0; }));
 }
 
 bool start_factor(int irand, array<double, 2>& q, array<int>& order) {

@@ -29,6 +29,8 @@ void transform_covs(int irand, const double* cc, double floor_pivot, array<doubl
 // Residual components that no record informs, or given as 0: fixes them at zero in model.cov and residualvars.fixres;
 // may turn paraform(0) to "Original".
 void fixresvars();
+// How many residual components are fixed at zero.
+int no_fixed_residuals();
 
 // Factor of the matrix of block irand (a random effect, not diagonal) in model.cov as a search starts from it: columns
 // in the order of pivots, cut to krfit; vanishing pivots leave columns of zeros. False: the matrix has negative pivots.

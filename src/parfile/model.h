@@ -5,6 +5,7 @@
 #include "support/screen.h"
 
 #include <array>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -77,7 +78,8 @@ inline datafile_module datafile;
 struct zerout_module {
     int nzerout = 0;
     std::vector<std::string> addzername; // effect
-    std::vector<int> iaddzer1, iaddzer2; // level code, trait
+    std::vector<std::int64_t> iaddzer1;  // level code
+    std::vector<int> iaddzer2;           // trait
 };
 inline zerout_module zerout;
 

@@ -8,6 +8,10 @@
 #include "support/edit_form.h"
 #include "support/text.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <sstream>
+
 namespace tarvex {
 
 namespace {
@@ -23,11 +27,22 @@ bool block_line(par_lines& p, const char* incomplete) {
 
 bool next_integer(par_lines& p, int& value) { return next_var(p) && read_integer(token(p), value); }
 
+// A whole number of up to 18 digits: codes of interactions are products.
+bool next_code(par_lines& p, std::int64_t& value) {
+    if (!next_var(p)) return false;
+    const std::string t = token(p);
+    std::istringstream in(t);
+    const auto digits = static_cast<std::size_t>(std::count_if(t.begin(), t.end(), is_digit));
+    return digits <= 18 && t.find_first_not_of("0123456789", t[0] == '-' || t[0] == '+' ? 1 : 0) == std::string::npos &&
+           in >> value;
+}
+
 void add_zerout(par_lines& p) {
     auto& z = zerout;
     const std::string name = token(p, name_length);
-    int code = 0, iq = 1;
-    const bool good = next_integer(p, code) && (numbers.nq == 1 || next_integer(p, iq)) && iq >= 1 && iq <= numbers.nq;
+    std::int64_t code = 0;
+    int iq = 1;
+    const bool good = next_code(p, code) && (numbers.nq == 1 || next_integer(p, iq)) && iq >= 1 && iq <= numbers.nq;
     if (!good) rdpar_err(p, "\"Zero out\" code or trait no.");
     if (z.nzerout == maxzerout) rdpar_err(p, "Too many effects to be zeroed out");
     ++z.nzerout;

@@ -181,7 +181,12 @@ int trait_number(par_lines& p, bool& more) {
         return iq;
     }
     if (numbers.nq == 1) {
-        if (is_digit(first)) more = next_var(p);
+        if (is_digit(first)) {
+            int number = 0;
+            if (!read_integer(token(p), number) || number != 1)
+                rdpar_err(p, "The only trait has number 1 (code of missing records : \"TRAIT name 1 code\") !");
+            more = next_var(p);
+        }
     } else {
         if (!more) rdpar_err(p, "Trait no. missing ?");
         if (!read_integer(token(p), iq)) rdpar_err(p, "Something wrong parsing line !");

@@ -67,6 +67,23 @@ std::string without_end(std::string s) {
     return s;
 }
 
+// Width of the column of values: 7, or what parts the longest from the column in front.
+int value_width(int irrc) {
+    int width = 7;
+    for (const auto code : control_codes(irrc)) {
+        const int length = static_cast<int>(std::to_string(code).size());
+        if (length > 7 || (length == 7 && code < 0)) width = std::max(width, length + 1);
+    }
+    return width;
+}
+// Running number and value of a level.
+std::string level_item(int irrc, int a) {
+    constexpr edit_form number{"(i5)"};
+    const std::string value = std::to_string(control_codes(irrc)[static_cast<std::size_t>(a - 1)]);
+    return without_end(edit(number, a)) + std::string(static_cast<std::size_t>(value_width(irrc)) - value.size(), ' ') +
+           value;
+}
+
 std::string piece(const edit_form& form, double x) { return without_end(edit(form, x)); }
 std::string piece(const edit_form& form, double x, double y) { return without_end(edit(form, x, y)); }
 
@@ -110,7 +127,6 @@ void write_heads(text_out& variances, text_out* ratios, const table_columns& col
 // The ratios go only where there is a phenotypic variance.
 void write_variances(text_out& variances, text_out* ratios, const table_columns& columns, int irrc,
                      const std::vector<double>& cov) {
-    constexpr edit_form level_item{"(i5,i7)"};
     const code_list& codes = control_codes(irrc);
     write_heads(variances, ratios, columns);
     for (int a = 1; a <= static_cast<int>(codes.size()); ++a) {
@@ -120,7 +136,7 @@ void write_variances(text_out& variances, text_out* ratios, const table_columns&
         cov_function total;
         for (const auto& f : parts) total.insert(total.end(), f.begin(), f.end());
         const double sum = function_value(total, cov);
-        std::string line = without_end(edit(level_item, a, codes[static_cast<std::size_t>(a - 1)])), ratio_line = line;
+        std::string line = level_item(irrc, a), ratio_line = line;
         for (const auto& f : parts) {
             const double x = function_value(f, cov);
             line += variance_item(x, sampling.available ? error_of_sum(f) : 0.0);
@@ -157,12 +173,12 @@ std::vector<int> selected_levels(int n) {
 
 // Heads of the block of level a: where there are several control variables the block tells which, and no values follow.
 void write_correlation_heads(text_out& out, const table_columns& columns, int irrc, int a) {
-    constexpr edit_form head{"(a,i3,a,i7) "}, variable{"(2a)"}, label{"(7x,i5) "}, names{"(t13,20(6x,a))  "};
+    constexpr edit_form head{"(a,i3,a,a) "}, variable{"(2a)"}, label{"(7x,i5) "}, names{"(t13,20(6x,a))  "};
     if (columns.phenotypic) {
         write(out, head,
               sampling.available ? "Correlations & approximate sampling errors for level no. "
                                  : "Correlations for level no. ",
-              a, "  value", control_codes(irrc)[static_cast<std::size_t>(a - 1)]);
+              a, "  value", level_item(irrc, a).substr(5));
     } else {
         write(out, variable,
               sampling.available ? "Correlations & approximate sampling errors for " : "Correlations for ",
@@ -173,13 +189,12 @@ void write_correlation_heads(text_out& out, const table_columns& columns, int ir
 }
 
 void rrcorrels(text_out& out, const table_columns& columns, int irrc, const std::vector<double>& cov) {
-    constexpr edit_form with_value{"(i5,i7)"}, level_only{"(i5)"};
+    constexpr edit_form level_only{"(i5)"};
     const code_list& codes = control_codes(irrc);
     for (int a : selected_levels(static_cast<int>(codes.size()))) {
         write_correlation_heads(out, columns, irrc, a);
         for (int i = 1; i <= static_cast<int>(codes.size()); ++i) {
-            std::string line = without_end(
-                columns.phenotypic ? edit(with_value, i, codes[static_cast<std::size_t>(i - 1)]) : edit(level_only, i));
+            std::string line = columns.phenotypic ? level_item(irrc, i) : without_end(edit(level_only, i));
             for (const auto& r : columns.effects) line += correlation_item(r, a, i, cov);
             out.line(line);
         }

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <functional>
 #include <new>
 #include <numeric>
 #include <queue>
@@ -49,6 +50,12 @@ void lay_out(row_factor& f, const normal_equations& a) {
     });
 }
 
+constexpr double dependency = 1.0e-11; // a pivot below that part of its diagonal is rounding
+
+double threshold(const normal_equations& a, int equation, double limit) {
+    return std::max(limit, dependency * a.diag[equation]);
+}
+
 // Elimination row by row; a row gathers the updates of all rows in front of it that reach its column.
 void eliminate(row_factor& f, const normal_equations& a, double limit) {
     const auto n = static_cast<std::size_t>(f.n) + 1;
@@ -75,7 +82,7 @@ void eliminate(row_factor& f, const normal_equations& a, double limit) {
         for (int q = f.ixvec1(j); q < f.ixvec1(j + 1); ++q) f.x[q - 1] += std::exchange(temp[f.sub(j, q)], 0.0);
         f.pivot[j] = dia;
         f.rhs[j] = rhs;
-        f.out[j] = dia < limit ? 1 : 0;
+        f.out[j] = dia < threshold(a, f.eq[j], limit) ? 1 : 0;
         if (f.out[j] == 0 && f.ixvec1(j) < f.ixvec1(j + 1)) {
             first[j] = f.ixvec1(j);
             link[j] = std::exchange(link[f.sub(j, first[j])], j);
@@ -108,13 +115,45 @@ std::vector<double> back_solution(const row_factor& f, int n) {
     return xsol;
 }
 
-// True if a pivot leaves doubt whether it vanishes, or would in another order.
-bool unclear(const row_factor& f, const normal_equations& a, double limit) {
+// Reciprocal of the diagonal element of the inverse, for row j of the rows in use: what the pivot is when all others go
+// before it, and so the least that it can be in any order. temp: (n+1) zeros, on return too.
+double last_pivot(const row_factor& f, int j, std::vector<double>& temp) {
+    std::priority_queue<int, std::vector<int>, std::greater<>> rows;
+    std::vector<int> met;
+    temp[j] = -1.0;
+    double s = 0.0;
+    for (rows.push(j); !rows.empty();) {
+        const int k = rows.top();
+        while (!rows.empty() && rows.top() == k) rows.pop();
+        met.push_back(k);
+        const double v = -temp[k] / f.pivot[k];
+        s += f.pivot[k] * v * v;
+        if (v == 0.0 || f.out[k]) continue;
+        for (int q = f.ixvec1(k); q < f.ixvec1(k + 1); ++q) {
+            const int i = f.sub(k, q);
+            if (f.out[i]) continue;
+            if (temp[i] == 0.0) rows.push(i);
+            temp[i] += f.x[q - 1] * v;
+        }
+    }
+    for (int k : met) temp[k] = 0.0;
+    return 1.0 / s;
+}
+
+// Equations whose pivots leave doubt whether they vanish, or would in another order.
+std::vector<int> unclear(const row_factor& f, const normal_equations& a, double limit) {
+    std::vector<int> list;
+    std::vector<double> temp(static_cast<std::size_t>(f.n) + 1, 0.0);
     for (int j = 1; j <= f.n; ++j) {
         const double p = f.pivot[j], d = a.diag[f.eq[j]];
-        if (f.out[j] ? std::fabs(p) > 1.0e-11 * d : p < 1.0e4 * limit || p < 1.0e-9 * d) return true;
+        if (f.out[j]) {
+            if (std::fabs(p) > dependency * d) list.push_back(f.eq[j]);
+        } else if (p < 1.0e4 * limit || p < 1.0e-9 * d) {
+            if (last_pivot(f, j, temp) < 1.1 * threshold(a, f.eq[j], limit)) list.push_back(f.eq[j]);
+        }
     }
-    return false;
+    std::sort(list.begin(), list.end());
+    return list;
 }
 
 // Null vector in terms of equations scaled to unit diagonal, descending equations.
@@ -251,8 +290,8 @@ void bring_to(std::vector<double>& xsol, const std::vector<null_vector>& vectors
     }
 }
 
-// Equations that take part, in a fill-reducing order, behind a first entry that is not used; fewer where the method
-// refuses.
+// Equations that take part, in a fill-reducing order or, where the method refuses, as they stand, behind a first entry
+// that is not used.
 std::vector<int> fill_reducing_order(const normal_equations& a, const std::vector<int>& part) {
     const int n = static_cast<int>(part.size());
     std::vector<int> local(static_cast<std::size_t>(a.n), -1), start{0}, adjacent;
@@ -265,7 +304,10 @@ std::vector<int> fill_reducing_order(const normal_equations& a, const std::vecto
     const node_order order = amd_node_order(n, start.data(), adjacent.data());
     if (order.status == out_of_memory) stop("all iwork");
     std::vector<int> eq{0};
-    for (int k : order.node) eq.push_back(part[k]);
+    if (static_cast<int>(order.node.size()) < n)
+        eq.insert(eq.end(), part.begin(), part.end());
+    else
+        for (int k : order.node) eq.push_back(part[k]);
     return eq;
 }
 
@@ -351,28 +393,115 @@ lsq_rank natural_rank(const normal_equations& a, const std::vector<int>& out, do
     return r;
 }
 
-lsq_rank fast_rank(const normal_equations& a, const std::vector<int>& out, double limit) {
-    lsq_rank r;
-    std::vector<int> part;
-    for (int i = 0; i < a.n; ++i) {
-        if (out[i]) continue;
-        if (a.diag[i] == 0.0)
-            r.dependent.push_back({i, 0.0}); // no records
-        else
-            part.push_back(i);
-    }
-    auto order = fill_reducing_order(a, part);
-    if (order.size() <= part.size()) return natural_rank(a, out, limit);
-    const row_factor f = factorise(a, std::move(order), limit);
-    if (unclear(f, a, limit)) return natural_rank(a, out, limit);
+namespace {
+
+// Dependent equations of those that take part, where no pivot leaves doubt; false: there are doubts.
+bool clear_rank(const normal_equations& a, const std::vector<int>& part, double limit, lsq_rank& r,
+                std::vector<int>& doubts) {
+    const row_factor f = factorise(a, fill_reducing_order(a, part), limit);
+    doubts = unclear(f, a, limit);
+    if (!doubts.empty()) return false;
     const auto vanished = static_cast<std::size_t>(std::count(f.out.begin(), f.out.end(), 1));
     const auto vectors = echelon(null_vectors(f, a), a.n);
-    if (vectors.size() != vanished || doubtful(vectors)) return natural_rank(a, out, limit);
+    if (vectors.size() != vanished || doubtful(vectors)) return false;
     r.rank = f.n - static_cast<int>(vanished);
     r.elements = f.maxlnz;
     r.xsol = back_solution(f, a.n);
     bring_to(r.xsol, vectors, a.diag);
     for (const auto& w : vectors) r.dependent.push_back({w.element.front().first, w.pivot});
+    return true;
+}
+
+void take_out(std::vector<int>& part, const std::vector<int>& gone) {
+    std::erase_if(part, [&](int i) { return std::find(gone.begin(), gone.end(), i) != gone.end(); });
+}
+
+void add_new(std::vector<int>& list, const std::vector<int>& more) {
+    list.insert(list.end(), more.begin(), more.end());
+    std::sort(list.begin(), list.end());
+    list.erase(std::unique(list.begin(), list.end()), list.end());
+}
+
+// Pivot that an equation has in natural order: all kept ones in front of it go first.
+double natural_pivot(const normal_equations& a, const std::vector<int>& kept, int equation, double limit) {
+    std::vector<int> front;
+    for (int i : kept)
+        if (i < equation) front.push_back(i);
+    std::vector<int> eq = fill_reducing_order(a, front);
+    eq.push_back(equation);
+    const row_factor f = factorise(a, std::move(eq), limit);
+    return f.pivot[f.n];
+}
+
+// Equations that the factor of the kept ones shows to be dependent, or that may be so in another order.
+std::vector<int> suspects(const row_factor& f, const normal_equations& a, const std::vector<int>& known, double limit) {
+    std::vector<int> list;
+    for (int j = 1; j <= f.n; ++j)
+        if (f.out[j]) list.push_back(f.eq[j]);
+    for (const null_vector& w : null_vectors(f, a)) // any that would have such a pivot behind the others
+        for (const auto& [i, wi] : w.element)
+            if (w.pivot / w.diagonal * a.diag[i] < 1.1 * threshold(a, i, limit) * wi * wi) list.push_back(i);
+    if (!list.empty()) return list;
+    for (int i : unclear(f, a, limit))
+        if (std::find(known.begin(), known.end(), i) == known.end()) list.push_back(i);
+    return list;
+}
+
+// The same with some equations in doubt: the others are settled without them, then each of these by its pivot in
+// natural order, until no other is dependent with them. False: that leaves doubts as well.
+bool rank_with_doubts(const normal_equations& a, const std::vector<int>& all, std::vector<int> doubts, double limit,
+                      lsq_rank& r) {
+    constexpr std::size_t most = 64;
+    const lsq_rank empty = r;
+    for (std::size_t before = 0; doubts.size() > before && doubts.size() <= most;) {
+        before = doubts.size();
+        r = empty;
+        std::vector<int> part = all, more, gone;
+        take_out(part, doubts);
+        if (!clear_rank(a, part, limit, r, more)) {
+            add_new(doubts, more);
+            continue;
+        }
+        for (const auto& d : r.dependent) gone.push_back(d.row);
+        std::sort(gone.begin(), gone.end());
+        std::erase_if(part, [&](int i) { return std::binary_search(gone.begin(), gone.end(), i); });
+        for (int i : doubts) {
+            const double p = natural_pivot(a, part, i, limit);
+            if (p < threshold(a, i, limit))
+                r.dependent.push_back({i, p});
+            else
+                part.push_back(i);
+        }
+        std::sort(part.begin(), part.end());
+        const row_factor f = factorise(a, fill_reducing_order(a, part), limit);
+        const std::vector<int> found = suspects(f, a, doubts, limit);
+        r.rank = f.n;
+        r.elements = f.maxlnz;
+        r.xsol = back_solution(f, a.n);
+        if (found.empty()) return true;
+        add_new(doubts, found);
+    }
+    return false;
+}
+
+} // namespace
+
+lsq_rank fast_rank(const normal_equations& a, const std::vector<int>& out, double limit) {
+    lsq_rank r;
+    std::vector<int> part;
+    for (int i = 0; i < a.n; ++i) {
+        if (out[i]) continue;
+        if (a.diag[i] < limit)
+            r.dependent.push_back({i, a.diag[i]}); // no records, or of a scale below the limit
+        else
+            part.push_back(i);
+    }
+    const lsq_rank empty = r;
+    std::vector<int> doubts;
+    if (!clear_rank(a, part, limit, r, doubts)) {
+        r = empty;
+        if (!rank_with_doubts(a, part, doubts, limit, r)) return natural_rank(a, out, limit);
+    }
     std::sort(r.dependent.begin(), r.dependent.end(), [](const auto& x, const auto& y) { return x.row < y.row; });
     return r;
 }

@@ -60,14 +60,16 @@ struct lsq_rank {
     bool natural = false;              // decided by elimination in natural order
 };
 
-// Pivots below `limit` make an equation dependent; `out` marks equations taken out beforehand.
+// Pivots below `limit`, or below 1e-11 of their diagonal, make an equation dependent; `out` marks equations taken out
+// beforehand.
 
 // Elimination in natural order, upper rows.
 lsq_rank natural_rank(const normal_equations& a, const std::vector<int>& out, double limit);
 
 // The same result through a fill-reducing order: null vectors of the vanishing pivots are brought to echelon form from
-// the last equation upwards, and the equations in which they then end are the dependent ones. Where a pivot leaves
-// doubt, the natural order decides, so that the absolute limit keeps its meaning.
+// the last equation upwards, and the equations in which they then end are the dependent ones. An equation whose
+// pivot leaves doubt is decided by its pivot in natural order, so that the absolute limit keeps its meaning; where
+// there are many of them all is done in that order.
 lsq_rank fast_rank(const normal_equations& a, const std::vector<int>& out, double limit);
 
 } // namespace tarvex

@@ -484,6 +484,48 @@ TEST_F(derivatives_test, SolutionsAndLogLikelihoodAreTheSameAfterDerivatives) {
     for (int i = 1; i <= before.upper(); ++i) EXPECT_NEAR(solutions.solns(i), before(i), 1.0e-10);
 }
 
+// Derivatives belong to estimates.parvec, whatever was called before them.
+TEST_F(derivatives_test, AfterAnyOrderOfCalls) {
+    const small_model m = two_effects();
+    set_up(m);
+    const array<double> here = estimates.parvec;
+    array<double> other = here;
+    for (int i = 1; i <= other.upper(); ++i) other(i) *= i % 2 == 0 ? 1.1 : 0.93;
+    const oracle::analysis a = m.dense();
+    const oracle::reml e = oracle::evaluate(a, oracle::variance(a, point_at(m, here)));
+    const std::vector<oracle::dense> dv = variance_slopes(m);
+    const auto expect_here = [&](const char* what) {
+        jacob_var2chol(0);
+        for (int i = 1; i <= estimates.nparm; ++i) {
+            const auto k = static_cast<std::size_t>(i - 1);
+            EXPECT_NEAR(derivs.der1(i), oracle::gradient(e, dv[k]), 1.0e-4) << what << " " << i;
+            EXPECT_NEAR(derivs.der2(ihmssf(i, i, estimates.nparm)), oracle::information(e, dv[k], dv[k]), 1.0e-4)
+                << what << " " << i;
+        }
+    };
+    const auto both = [](bool information_first) {
+        if (information_first) average_info();
+        derivatives_mmm();
+        if (!information_first) average_info();
+    };
+    for (const bool first : {true, false}) {
+        program_logl(here, 1);
+        program_logl(other, 1);
+        both(first);
+        expect_here("the factor of another point");
+        program_logl(other, 1);
+        program_logl(here, 0); // from the table
+        both(first);
+        expect_here("inverses without their factor");
+        program_logl(here, 1);
+        program_logl(other, 0);
+        both(first);
+        expect_here("a factor without its inverses");
+        both(first);
+        expect_here("once more");
+    }
+}
+
 // Derivatives of V with respect to the six covariances of two traits, residual ones first.
 std::vector<oracle::dense> unit_slopes(const oracle::analysis& a) {
     std::vector<oracle::dense> dv;

@@ -43,7 +43,7 @@ std::vector<int> dense_dependencies(const normal_equations& a, const std::vector
     std::vector<int> dependent;
     for (int p = 0; p < n; ++p) {
         if (out[p]) continue;
-        if (m[p][p] < limit) {
+        if (m[p][p] < std::max(limit, 1e-11 * a.diag[p])) {
             dependent.push_back(p);
             continue;
         }
@@ -71,7 +71,7 @@ void expect_like_natural(const design& d, const std::vector<int>& out, bool deci
     const auto a = equations_of(d);
     const auto fast = fast_rank(a, out, limit);
     const auto natural = natural_rank(a, out, limit);
-    EXPECT_EQ(fast.natural, !decided_fast);
+    if (decided_fast) EXPECT_FALSE(fast.natural);
     ASSERT_EQ(dropped(fast), dropped(natural));
     EXPECT_EQ(dropped(natural), dense_dependencies(a, out));
     EXPECT_EQ(fast.rank, natural.rank);
@@ -175,7 +175,6 @@ TEST(lsqrank, the_limit_is_absolute) {
         }
         const auto a = equations_of(d);
         const auto r = fast_rank(a, {0, 0, 0, 0}, limit);
-        EXPECT_TRUE(r.natural) << scale;
         EXPECT_EQ(dropped(r).empty(), a.diag[0] >= limit) << scale;
         expect_like_natural(d, {0, 0, 0, 0}, false);
     }
@@ -198,10 +197,9 @@ TEST(lsqrank, scaled_designs_are_decided_alike) {
 }
 
 // Two covariables that differ by a little noise: between clear rank and clear dependency the natural order decides.
-TEST(lsqrank, near_collinear_designs_fall_back_to_the_natural_order) {
+TEST(lsqrank, near_collinear_designs_are_decided_by_the_natural_order) {
     std::mt19937 gen(10);
     std::normal_distribution<> normal;
-    int guarded = 0;
     for (int e = 0; e <= 9; ++e) {
         design d;
         d.n = 5;
@@ -215,10 +213,55 @@ TEST(lsqrank, near_collinear_designs_fall_back_to_the_natural_order) {
         const auto fast = fast_rank(a, out, limit);
         EXPECT_EQ(dropped(fast), dropped(natural_rank(a, out, limit))) << e;
         EXPECT_EQ(dropped(fast).size(), e < 4 ? 0U : 1U) << e; // squares of the noise sum to 50*10^-2e
-        guarded += fast.natural ? 1 : 0;
     }
-    EXPECT_GE(guarded, 3);
-    EXPECT_LE(guarded, 8);
+}
+
+// Exact dependencies among covariables of ordinary scale leave pivots far above the absolute limit by rounding.
+TEST(lsqrank, dependencies_are_found_at_any_scale) {
+    std::mt19937 gen(12);
+    std::normal_distribution<> normal;
+    int above = 0;
+    for (int rep = 0; rep < 30; ++rep) {
+        const double scale = std::pow(10.0, rep % 6);
+        design d;
+        d.n = 8;
+        for (int i = 0; i < 200; ++i) {
+            const double x = scale * normal(gen), z = scale * normal(gen);
+            d.rows.push_back({{0, x}, {1, z}, {2, 0.3 * x - 1.7 * z}, {3 + i % 5, 1.0}});
+            d.y.push_back(normal(gen));
+        }
+        const auto a = equations_of(d);
+        const std::vector<int> out(8, 0);
+        for (const auto& r : {fast_rank(a, out, limit), natural_rank(a, out, limit)}) {
+            EXPECT_EQ(dropped(r), std::vector<int>{2}) << scale;
+            above += !r.dependent.empty() && std::fabs(r.dependent[0].pivot) > limit ? 1 : 0;
+        }
+    }
+    EXPECT_GT(above, 5); // what the absolute limit alone does not find
+}
+
+// Regressions nested in thousands of herds, of a range so small that their pivots come near to the limit.
+TEST(lsqrank, nested_covariables_of_small_range_take_no_time) {
+    std::mt19937 gen(13);
+    design d;
+    constexpr int herds = 6000, years = 400;
+    d.n = 2 * herds + years;
+    std::uniform_real_distribution<double> uniform(0.0, 1.0);
+    for (int h = 0; h < herds; ++h)
+        for (int k = 0; k < 4; ++k) {
+            const int year = std::uniform_int_distribution<>(0, years - 1)(gen);
+            const double x = 0.4 + 0.02 * uniform(gen);
+            d.rows.push_back({{h, x}, {herds + h, 1.0}, {2 * herds + year, 1.0}});
+            d.y.push_back(uniform(gen));
+        }
+    const auto a = equations_of(d);
+    const auto begin = std::chrono::steady_clock::now();
+    const auto r = fast_rank(a, std::vector<int>(d.n, 0), limit);
+    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
+    EXPECT_FALSE(r.natural);
+    ASSERT_EQ(r.dependent.size(), 1U);
+    EXPECT_EQ(r.dependent[0].row, d.n - 1);
+    EXPECT_LT(seconds.count(), 60.0); // elimination in natural order takes ten times as long
 }
 
 // Thousands of equations with covariables that link them all: no dense fill, no work that is quadratic in their number.
