@@ -15,6 +15,7 @@ struct par_state {
     std::vector<std::string> start_tokens;   // numbers of the file of starting values
     std::size_t start_at = 0;                // those used up
     std::vector<std::vector<double>> values; // covariances by block, 0 residual
+    std::string by_record;                   // PEQ effect of a block with the word REC
 };
 
 // Trait numbers behind the current token; none means all traits.

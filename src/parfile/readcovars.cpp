@@ -171,10 +171,12 @@ void read_residual(par_state& s, const std::string& name) {
 }
 
 // Options behind order and rank: the first token that is no number. At reduced rank only the next token is looked at.
-void read_option(par_lines& p, int irand) {
+void read_option(par_state& s, int irand) {
+    par_lines& p = s.lines;
     while (next_var(p)) {
         const std::string t = token(p);
         if (!is_digit(t.front())) {
+            if (upper3(t) == "REC") s.by_record = model.krandom(irand);
             if (upper3(t) != "DIA") return;
             model.diagonal(irand) = 1;
             if (model.kkfit(irand) == model.krfit(irand)) return;
@@ -204,7 +206,7 @@ void read_block(par_state& s, const std::string& name) {
     model.krandom(irand) = name;
     model.kkfit(irand) = n;
     model.krfit(irand) = m;
-    read_option(p, irand);
+    read_option(s, irand);
     if (find_char(p, plus_char) > 0) {
         options.sigam = true;
         model.correlated(irand) = 1;
@@ -224,6 +226,24 @@ bool is_residual(const par_lines& line, const std::string& name) {
     return false;
 }
 
+// A PEQ effect by records: those of a line share residual and effect, those of different lines the effect alone. That
+// is an independent effect of the level beside residuals that are correlated within lines.
+void repeats_by_record(par_state& s) {
+    if (s.by_record.empty()) return;
+    bool found = false;
+    for (int iq = 1; iq <= numbers.nq; ++iq)
+        for (int i = 1; i <= model.nrnd(iq); ++i) {
+            if (model.rnd_opt(i, iq) != "PEQ" ||
+                model.random(i, iq).substr(0, model.random(i, iq).find('(')) != s.by_record)
+                continue;
+            model.rnd_opt(i, iq) = "IDE";
+            found = true;
+        }
+    if (!found) stop_with("\"REC\" is for effects that are fitted as PEQ : \"" + s.by_record + "\" is not !");
+    if (!model.subject.empty()) stop_with("PEQ is an effect of the subject : it cannot be fitted with \"SUBject\" !");
+    model.subject_line = true;
+}
+
 } // namespace
 
 void read_covars(par_state& s) {
@@ -238,6 +258,7 @@ void read_covars(par_state& s) {
 }
 
 void store_covars(par_state& s) {
+    repeats_by_record(s);
     const int krand = numbers.krand;
     std::size_t maxij = 1;
     for (int irand = 0; irand <= krand; ++irand) maxij = std::max(maxij, s.values[at(irand)].size());

@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cmath>
 #include <fstream>
+#include <limits>
 
 namespace tarvex {
 
@@ -86,6 +87,18 @@ void peq_rows(array<double, 2>& linfun) {
         const int at = cov_start(0) - 1 + p.residual;
         for (int k = 1; k <= J.upper(2); ++k) linfun(at, col + k - 1) -= J(row, k);
     }
+}
+
+// Residual and PEQ covariance of two traits: log L holds the former plus twice the latter and nothing else of them.
+void find_tied() {
+    int k = 0;
+    for (const peq_place& p : peq_places())
+        if (++k; p.i != p.j)
+            sampling.tied.emplace_back(cov_start(0) - 1 + p.residual, cov_start(residualvars.ipeq) - 1 + k);
+    if (!sampling.tied.empty())
+        print_list(screen(),
+                   "PEQ effect of several traits: residual and PEQ covariance between traits are in log L as the"
+                   " former plus twice the latter - errors of either are withheld; see the word REC");
 }
 
 void write_sampling(double xl2) {
@@ -159,6 +172,24 @@ void approxai_covs() {
         }
     sampling.available = true;
     write_sampling(xl2);
+    find_tied();
+}
+
+bool estimable(const cov_function& f) {
+    if (sampling.tied.empty()) return true;
+    std::vector<double> factor(static_cast<std::size_t>(estimates.ncov), 0.0);
+    for (const auto& t : f) {
+        if (t.number <= estimates.ncov) {
+            factor[static_cast<std::size_t>(t.number - 1)] += t.factor;
+            continue;
+        }
+        for (const auto& u : usrdefcovs.addcov[static_cast<std::size_t>(t.number - estimates.ncov - 1)])
+            factor[static_cast<std::size_t>(u.isig - 1)] += t.factor * u.factor;
+    }
+    for (const auto& [residual, repeat] : sampling.tied)
+        if (factor[static_cast<std::size_t>(repeat - 1)] != 2.0 * factor[static_cast<std::size_t>(residual - 1)])
+            return false;
+    return true;
 }
 
 double function_value(const cov_function& f, const std::vector<double>& cov) {
@@ -168,6 +199,7 @@ double function_value(const cov_function& f, const std::vector<double>& cov) {
 }
 
 double function_covariance(const cov_function& f, const cov_function& g) {
+    if (!estimable(f) || !estimable(g)) return std::numeric_limits<double>::quiet_NaN();
     double s = 0.0;
     for (const auto& t : f)
         for (const auto& u : g) s += t.factor * u.factor * sampling.vcov(t.number, u.number);

@@ -3,6 +3,7 @@
 #pragma once
 #include "support/array.h"
 
+#include <utility>
 #include <vector>
 
 namespace tarvex {
@@ -11,7 +12,9 @@ struct sampling_module {
     bool available = false; // the average information of this run's final point could be inverted
     int rank = 0;           // rank of the information matrix
     array<double> varpar;   // (nparm) sampling variances of the parameters
-    array<double, 2> vcov;  // (ncovall,ncovall) of the covariances in the order of ListofCovs and the user-defined sums
+    // Numbers of covariances of which only residual + 2 PEQ can be estimated.
+    std::vector<std::pair<int, int>> tied;
+    array<double, 2> vcov; // (ncovall,ncovall) of the covariances in the order of ListofCovs and the user-defined sums
 };
 inline sampling_module sampling;
 
@@ -28,7 +31,8 @@ struct cov_term {
 };
 using cov_function = std::vector<cov_term>;
 double function_value(const cov_function& f, const std::vector<double>& cov); // cov: all covariances, 0-based
-double function_covariance(const cov_function& f, const cov_function& g);     // sampling covariance
+double function_covariance(const cov_function& f, const cov_function& g);     // sampling covariance, NaN: withheld
+bool estimable(const cov_function& f);                                        // false: errors are withheld
 
 // Errors; -1.0 where the approximation fails.
 double error_of_sum(const cov_function& f);

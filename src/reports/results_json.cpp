@@ -175,7 +175,10 @@ json sampling_part() {
     auto rows = json::array();
     for (int i = 1; i <= estimates.ncovall; ++i) {
         auto row = json::array();
-        for (int j = 1; j <= i; ++j) row.push_back(sampling.vcov(i, j));
+        for (int j = 1; j <= i; ++j) {
+            const bool told = estimable({{i, 1.0}}) && estimable({{j, 1.0}});
+            row.push_back(told ? json(sampling.vcov(i, j)) : json());
+        }
         rows.push_back(row);
     }
     return rows;

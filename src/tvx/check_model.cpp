@@ -50,6 +50,23 @@ void check_means(std::vector<finding>& findings) {
                      "trait \"" + model.trait(q) + "\"");
 }
 
+// With one trait the number behind TRAIT is passed over: it may have been meant as the code of a missing record.
+void check_trait_lines(std::vector<finding>& findings, const std::string& parfile) {
+    std::istringstream in(read_text(parfile));
+    int line = 0;
+    for (std::string text; std::getline(in, text);) {
+        ++line;
+        std::istringstream words(text);
+        std::string word, name, number, missing;
+        words >> word >> name >> number >> missing;
+        if (word.size() < 2 || (word[0] != 'T' && word[0] != 't') || (word[1] != 'R' && word[1] != 'r')) continue;
+        if (numbers.nq == 1 && missing.empty() && number != "1" && !number.empty() &&
+            std::all_of(number.begin(), number.end(), [](char c) { return c >= '0' && c <= '9'; }))
+            add_case(findings, "W404", "a number behind the only trait is its number, not the code of a missing record",
+                     parfile + ", line " + std::to_string(line) + ": " + text);
+    }
+}
+
 // Each class effect beyond the first has one dependency on the mean; more codes than that change the model.
 void check_zerout(std::vector<finding>& findings) {
     for (int q = 1; q <= numbers.nq; ++q) {
@@ -101,6 +118,7 @@ void check_pedline(ped_state& s, int line, const std::string& text, long long a,
 
 void check_model(std::vector<finding>& findings, const std::string& parfile) {
     check_means(findings);
+    check_trait_lines(findings, parfile);
     check_blocks(findings);
     check_zerout(findings);
 }

@@ -49,6 +49,8 @@ constexpr page pages[] = {
      "It counts as a level like any other. If it stands for a missing class, leave the records out."},
     {"W403", "a code for missing values is taken as a value",
      "Only traits have a code for missing records, the one behind TRAIT. Leave out records that lack a covariable."},
+    {"W404", "a number behind the only trait",
+     "TRAIT y 999 gives the trait the number 999. Write TRAIT y 1 999 for the code of a missing record."},
     {"W405", "a residual covariance that starts at 0",
      "It is left out of the model. Start it at a small value to estimate it."},
     {"W406", "a subject comes back",

@@ -10,6 +10,7 @@ class SmallerNumbers : public CaseRun {
 protected:
     void SetUp() override { name_ = "model"; }
 
+    std::string output_;
     static double wave(int i) { return 10.0 + 3.0 * std::sin(1.7 * i) + std::cos(0.31 * i * i); }
     static std::string text(double x) { return std::to_string(x); }
 };
@@ -183,6 +184,54 @@ TEST_F(SmallerNumbers, ResidualCovarianceOfZeroBesideARepeatEffect) {
     with("1e-9");
     expect_relative(at_zero, loglike_at_start(finish("--aireml10").output), 1e-8, "log L");
     EXPECT_NEAR(read_best_point().loglike, end, 1e-3);
+}
+
+// By records a repeat effect is one of the subject: log L, estimates and errors are those of independent levels beside
+// residuals of lines.
+TEST_F(SmallerNumbers, RepeatEffectsByRecord) {
+    std::string data, pedigree;
+    for (int i = 1; i <= 60; ++i) {
+        pedigree += std::to_string(i) + " 0 0\n";
+        for (int r = 0; r < 3; ++r)
+            data += std::to_string(i) + " " + std::to_string(i) + " " + std::to_string((i + r) % 3 + 1) + " " +
+                    text(wave(i) + wave(70 * r + i)) + " " + text(wave(2 * i) + 0.7 * wave(70 * r + i)) + "\n";
+    }
+    write_file("data.dat", data);
+    write_file("ped.dat", pedigree);
+    const auto estimates_of = [&](const std::string& effect, const std::string& line, const std::string& block,
+                                  const std::string& residual) {
+        write_file("model.par",
+                   "PED ped.dat\nANA MUV 2\nDAT data.dat\n animal 99\n pe 99\n herd 9\n y1\n y2\nEND\nMOD EQ\n FIX "
+                   "herd\n RAN animal NRM\n RAN pe " +
+                       effect + line +
+                       "\n TR y1 1 -999\n TR y2 2 -999\nEND\nVAR animal "
+                       "2\n 0.5 0\n 0.5\nVAR pe " +
+                       block + "\n 2 0.6\n 1.5\nVAR residual 2\n 8 " + residual + "\n 6\n");
+        std::filesystem::remove("BestPoint");
+        output_ = finish("--aireml30,1e-9").output;
+        return read_estimates();
+    };
+    const auto record = estimates_of("PEQ", "", "2 REC", "1");
+    EXPECT_EQ(output_.find("withheld"), std::string::npos);
+    const auto independent = estimates_of("IDE", "\n SUBject LINE", "2", "1");
+    ASSERT_EQ(record.size(), independent.size());
+    ASSERT_GE(record.size(), 9u);
+    for (std::size_t k = 0; k < record.size(); ++k) {
+        EXPECT_EQ(record[k].value, independent[k].value);
+        EXPECT_EQ(record[k].error, independent[k].error);
+    }
+    // the default form says what it cannot tell, and withholds the errors of that alone
+    const auto sum = estimates_of("PEQ", "", "2", "1");
+    EXPECT_NE(output_.find("errors of either are withheld"), std::string::npos) << output_;
+    int told = 0;
+    for (const auto& line : sum) told += line.error > 0.0 ? 1 : 0;
+    for (const char* name : {"COVS Z 1 2", "COVS B 1 2", "COVS T 1 2"}) {
+        const std::string report = read_file("SumEstimates.out");
+        const auto at = report.find(name);
+        ASSERT_NE(at, std::string::npos);
+        EXPECT_NE(report.substr(at, report.find('\n', at) - at).find("failed"), std::string::npos) << name;
+    }
+    EXPECT_GE(told, 4);
 }
 
 } // namespace

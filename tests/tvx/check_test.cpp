@@ -78,7 +78,9 @@ TEST_F(checks, tell_faults_of_the_pedigree) {
 TEST_F(checks, tell_what_nobody_wants) {
     mod = "MOD\n COV age(1,POL)\n RAN animal NRM\n TRAIT y 1 -999\nEND\n";
     expect(0, "W401 no mean is fitted");
-    mod = "MOD\n FIX herd\n COV age(1,POL)\n RAN animal NRM\n TRAIT y -999\nEND\n";
+    mod = "MOD\n FIX herd\n COV age(1,POL)\n RAN animal NRM\n TRAIT y 999\nEND\n";
+    expect(1, "The only trait has number 1");
+    mod.replace(mod.find(" 999"), 4, " -999");
     data += "5 0 12 7\n";
     expect(0, "W402 code 0 of a fixed effect");
     data = "3 1 -999 5\n4 2 11 6\n5 1 12 7\n6 2 11 8\n3 1 -999 4\n";
