@@ -9,6 +9,7 @@
 #include "control/options.h"
 #include "control/runlock.h"
 #include "control/tvxroutines.h"
+#include "control/warnings.h"
 #include "data/data.h"
 #include "data/datavecs.h"
 #include "data/levels.h"
@@ -63,7 +64,7 @@ template <class... M> void anew(M&... modules) {
 void new_analysis() {
     unlock_folder();
     anew(outputs);
-    anew(filenames, maximise, numbers, options, times);
+    anew(filenames, maximise, numbers, options, times, warnings);
     anew(datafile, model, mudmap, randasfix, usrdefcovs, zerout);
     anew(legpolynomials, phimat, splines);
     anew(combinations, covmeans, datalines, datavecs, levels, means, pedigreelist);

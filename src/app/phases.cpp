@@ -9,10 +9,12 @@
 #include "control/options.h"
 #include "control/runlock.h"
 #include "control/tvxroutines.h"
+#include "control/warnings.h"
 #include "data/data.h"
 #include "data/pedigrees.h"
 #include "data/recodedata.h"
 #include "data/reducepeds.h"
+#include "data/remarks.h"
 #include "equations/eqnorders.h"
 #include "equations/equations.h"
 #include "equations/lsqfixed.h"
@@ -81,7 +83,9 @@ ending read_pedigree_and_data() {
         secateurs();
     }
     data_scan1st();
+    remark_on_input();
     gen_inverses();
+    sum_up_warnings();
     if (options.simulation) {
         simulate_data();
         write_given_loadings();

@@ -6,12 +6,14 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "control/warnings.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "estimation/estimates.h"
 #include "likelihood/solutions.h"
 #include "simulation/simulation.h"
 #include "support/edit_form.h"
+#include "support/plain_text.h"
 #include "support/record_file.h"
 #include "support/screen.h"
 #include "support/stop.h"
@@ -20,6 +22,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 
 namespace tarvex {
@@ -34,17 +37,19 @@ namespace {
 class option_numbers {
 public:
     option_numbers(std::string_view rest, std::string_view arg) : reader_(rest), arg_(arg) {}
-    option_numbers& take(int& setting) {
+    option_numbers& take(int& setting, int least = INT_MIN) {
         long long value = 0;
         if (read(value)) {
-            if (value > INT_MAX || value < INT_MIN) unreadable(arg_);
+            if (value > INT_MAX || value < least) unreadable(arg_);
             setting = static_cast<int>(value);
         }
         return *this;
     }
     option_numbers& take(double& setting) {
         double value = 0.0;
-        if (read(value)) setting = value;
+        if (!read(value)) return *this;
+        if (!std::isfinite(value)) unreadable(arg_);
+        setting = value;
         return *this;
     }
 
@@ -170,7 +175,7 @@ void choose_search(int search_type) {
 }
 void aireml(text rest, text arg) {
     choose_search(1);
-    option_numbers(rest, arg).take(maximise.aireml_its).take(maximise.aiconv_like);
+    option_numbers(rest, arg).take(maximise.aireml_its, 0).take(maximise.aiconv_like);
 }
 void optimai(text, text) { options.strict_ai = options.optim_ai = true; }
 void nooptai(text, text) {
@@ -186,13 +191,13 @@ void simplex(text rest, text arg) {
     choose_search(2);
     maximise.simplx_its = 1000;
     maximise.simplx_step = 0.2;
-    option_numbers(rest, arg).take(maximise.simplx_its).take(maximise.simplx_conv).take(maximise.simplx_step);
+    option_numbers(rest, arg).take(maximise.simplx_its, 0).take(maximise.simplx_conv).take(maximise.simplx_step);
 }
 void powell(text rest, text arg) {
     choose_search(3);
     maximise.powell_its = 0;
     maximise.powell_scale = 0.2;
-    option_numbers(rest, arg).take(maximise.powell_its).take(maximise.powell_scale);
+    option_numbers(rest, arg).take(maximise.powell_its, 0).take(maximise.powell_scale);
 }
 void pownew(text, text) {
     maximise.search_type = 4;
@@ -205,7 +210,7 @@ void em_alone(text rest, text arg, bool expanded) {
     options.pxem = expanded;
     maximise.search_type = 5;
     maximise.pxem_its = 5000;
-    option_numbers(rest, arg).take(maximise.pxem_its).take(maximise.aiconv_like);
+    option_numbers(rest, arg).take(maximise.pxem_its, 1).take(maximise.aiconv_like);
 }
 void emalg(text rest, text arg) { em_alone(rest, arg, false); }
 void pxem(text rest, text arg) { em_alone(rest, arg, true); }
@@ -214,7 +219,7 @@ void em_then_ai(text rest, text arg) {
     options.algorithm_set = options.pxai = options.emalgorithm = true;
     maximise.pxem_its = 3;
     maximise.search_type = 6;
-    option_numbers(rest, arg).take(maximise.pxem_its).take(maximise.aireml_its).take(maximise.aiconv_like);
+    option_numbers(rest, arg).take(maximise.pxem_its, 0).take(maximise.aireml_its, 0).take(maximise.aiconv_like);
 }
 void emai(text rest, text arg) {
     options.emai = true;
@@ -240,7 +245,7 @@ void bad(text, text) {
 void cycle(text rest, text arg) {
     options.algorithm_set = true;
     maximise.ncycle = 222;
-    option_numbers(rest, arg).take(maximise.ncycle);
+    option_numbers(rest, arg).take(maximise.ncycle, 1);
 }
 void zero(text rest, text arg) {
     int n = INT_MIN;
@@ -353,8 +358,13 @@ void set_defaults() {
 }
 
 void read_runoptions(text_out& trace) {
-    if (!file_exists(filenames.runopfile)) return;
+    std::error_code ec;
+    if (!std::filesystem::exists(filenames.runopfile, ec)) return;
+    check_text_file(filenames.runopfile);
     std::ifstream file(filenames.runopfile);
+    if (file) skip_mark(file);
+    if (file) file.peek();
+    if (!file.is_open() || file.bad()) stop_with("Cannot read file \"" + filenames.runopfile + "\"");
     for (std::string line; std::getline(file, line);) {
         const std::string arg = left_adjusted(line);
         if (arg.empty()) continue; // would be taken for a name

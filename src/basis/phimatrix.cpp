@@ -6,9 +6,11 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "control/warnings.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "support/edit_form.h"
+#include "support/plain_text.h"
 #include "support/stop.h"
 #include "support/text.h"
 
@@ -80,7 +82,12 @@ void classes_of_intervals(const control_list& codes) {
 
 // Class of each value from the user's file: a line with value and class for every level, in order.
 void classes_of_file(const control_list& codes) {
+    check_text_file(filenames.me_varfile);
     std::ifstream in(filenames.me_varfile, std::ios::binary);
+    if (in)
+        skip_mark(in);
+    else
+        print_list(screen(), "Cannot open file \"" + filenames.me_varfile + "\"");
     std::string line;
     for (std::size_t a = 0; a < codes.size(); ++a) {
         const auto level = static_cast<long long>(a) + 1;
@@ -102,6 +109,15 @@ void classes_of_file(const control_list& codes) {
     }
 }
 
+// The lines are those of the values in the data, in their order.
+[[noreturn]] void wrong_value(const std::string& file, std::size_t line, long long expected, double found) {
+    print_list(screen(), "Error reading user-defined basis function");
+    print_list(screen(), "  ... check file : ", file);
+    print_list(screen(), "  ... error occured at line", line);
+    print_list(screen(), "  ... value of the control variable expected :", expected, " found :", found);
+    stoptarvex();
+}
+
 void read_table(array<double, 2>& phi, const control_list& codes, const std::string& file) {
     std::ifstream in(file, std::ios::binary);
     if (!in) {
@@ -109,6 +125,8 @@ void read_table(array<double, 2>& phi, const control_list& codes, const std::str
         print_list(screen(), " ... check file : ", file);
         stoptarvex();
     }
+    check_text_file(file);
+    skip_mark(in);
     const auto nord = static_cast<std::size_t>(phi.upper(2));
     std::string line;
     for (std::size_t a = 1; a <= codes.size(); ++a) {
@@ -120,7 +138,10 @@ void read_table(array<double, 2>& phi, const control_list& codes, const std::str
         list_reader list(line);
         double x = 0.0;
         while (row.size() <= nord && list.next(x) == list_read::value) row.push_back(x);
-        if (row.size() > nord && row.front() == static_cast<double>(codes[a - 1])) row.erase(row.begin());
+        if (row.size() > nord) {
+            if (row.front() != static_cast<double>(codes[a - 1])) wrong_value(file, a, codes[a - 1], row.front());
+            row.erase(row.begin());
+        }
         if (row.size() < nord) {
             std::string values;
             for (double v : row) values += " " + list_item(v);
@@ -131,6 +152,15 @@ void read_table(array<double, 2>& phi, const control_list& codes, const std::str
             stoptarvex();
         }
         for (std::size_t k = 1; k <= nord; ++k) phi(a, k) = row[k - 1];
+    }
+    while (std::getline(in, line)) {
+        std::replace_if(
+            line.begin(), line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
+        if (trim(line).empty()) continue;
+        print_list(screen(), "Error reading user-defined basis function");
+        print_list(screen(), "  ... check file : ", file);
+        print_list(screen(), "  ... more lines than the control variable has values :", codes.size());
+        stoptarvex();
     }
 }
 

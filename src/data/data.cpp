@@ -7,9 +7,11 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "control/warnings.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "support/edit_form.h"
+#include "support/plain_text.h"
 #include "support/record_file.h"
 
 #include <charconv>
@@ -33,6 +35,7 @@ bool next_line(data_reader& reader, const char*& b, const char*& e) {
             b = start;
             e = static_cast<const char*>(nl);
             reader.at += static_cast<std::size_t>(e - b) + 1;
+            ++reader.nlines;
             return true;
         }
         looked = have;
@@ -44,14 +47,15 @@ bool next_line(data_reader& reader, const char*& b, const char*& e) {
         if (reader.in) {
             reader.in.read(reader.buffer.data() + have, static_cast<std::streamsize>(chunk));
             got = reader.in.gcount();
-            if (reader.in.bad()) data_error(reader.ndatrec);
         }
+        if (reader.in.bad()) data_error(reader.ndatrec); // in this read or in the look for a byte order mark
         reader.end += static_cast<std::size_t>(got);
         if (got == 0) {
             if (have == 0) return false;
             b = reader.buffer.data();
             e = b + have;
             reader.at = reader.end;
+            ++reader.nlines;
             return true;
         }
     }
@@ -108,8 +112,9 @@ void open_stream(data_reader& reader) {
         print_list(screen(), "***** ERROR : opening data file *****");
         stoptarvex();
     }
+    skip_mark(reader.in);
     reader.at = reader.end = 0;
-    reader.ndatrec = 0;
+    reader.ndatrec = reader.nlines = 0;
 }
 
 } // namespace
@@ -117,6 +122,7 @@ void open_stream(data_reader& reader) {
 void open_datfile(data_reader& reader) {
     open_stream(reader);
     int& nskip_drecs = datalines.nskip_drecs;
+    if (nskip_drecs < 0) check_text_file(filenames.datfile);
     const char *b = nullptr, *e = nullptr;
     if (nskip_drecs < 0) {
         int n = 0;
@@ -138,10 +144,37 @@ void data_error(int ndatrec) {
 
 bool is_missing(int iq, double y) { return y == static_cast<double>(datafile.missvalue[iq]); }
 
+namespace {
+
+// A comma between two digits is a decimal comma or parts two values: nobody can tell.
+void check_commas(const data_reader& reader, const char* b, const char* e) {
+    if (!std::memchr(b, ',', static_cast<std::size_t>(e - b))) return;
+    const int column = comma_in_number({b, static_cast<std::size_t>(e - b)});
+    if (column == 0) return;
+    print_list(screen(), "Comma between two digits : line", reader.nlines, "column", column);
+    print_list(screen(), "      Write a point in numbers, and a blank behind a comma that parts them");
+    data_error(reader.ndatrec);
+}
+
+// Lines of traits outside the analysis are passed over; those of traits that nobody has described are told.
+void check_trait_number(const data_reader& reader, double number) {
+    if (options.renumbered || datafile.grouped || !(std::fabs(number) < 1.0e15)) return;
+    if (number >= 1.0 && number <= maxnq && datafile.ndatcol[static_cast<int>(number)] > 0) return;
+    if (number >= 1.0 && number <= numbers.nq) return;
+    if (reader.nlines <= datalines.told_to) return; // in an earlier pass
+    datalines.told_to = reader.nlines;
+    warn("record of a trait that the parameter file does not describe",
+         "record passed over, trait number " + std::to_string(static_cast<long long>(number)) +
+             " is not described in the parameter file : line " + std::to_string(reader.nlines));
+}
+
+} // namespace
+
 bool getrec_dvec(data_reader& reader, array<double>& dvec, int& iq, bool& iskip) {
     const char *p = nullptr, *e = nullptr;
     do {
         if (!next_line(reader, p, e)) return false;
+        check_commas(reader, p, e);
         while (p < e && blank(*p)) ++p;
     } while (p == e);
     iskip = false;
@@ -155,6 +188,7 @@ bool getrec_dvec(data_reader& reader, array<double>& dvec, int& iq, bool& iskip)
         if (known) iq = datafile.iq_newno[static_cast<int>(number)];
         if (known && !options.renumbered) iq = static_cast<int>(number);
         if (iq < 1 || iq > numbers.nq) { // columns of a trait outside the analysis are not known
+            check_trait_number(reader, number);
             iskip = true;
             ++reader.ndatrec;
             return true;

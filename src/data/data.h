@@ -17,8 +17,10 @@ struct data_reader {
     std::vector<char> buffer; // the part of the file in hand: at..end not yet used
     std::size_t at = 0, end = 0;
     int ndatrec = 0; // records read in this pass, skipped ones included
+    int nlines = 0;  // lines read in this pass
 };
 struct datalines_module {
+    int told_to = 0;      // last line that has been remarked on
     int nskip_drecs = -1; // comment lines at the head of the data file, -1 until they have been counted
 };
 inline datalines_module datalines;

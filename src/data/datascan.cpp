@@ -85,6 +85,9 @@ std::int64_t checked_code(const scan_state& s, const effect_columns& e) {
     const bool valid = e.icol2 > 0 ? icode >= 0 && icode2 >= 0 && icode + icode2 >= e.least : icode >= e.least;
     if (!valid) {
         print_list(screen(), "Invalid effect code : ", e.name, s.dvec(e.icol), icode);
+        for (const int icol : {e.icol, e.icol2})
+            if (icol > 0 && s.dvec(icol) >= 2147483648.0)
+                print_list(screen(), "      Code is above the largest one allowed : 2147483647");
         data_error(s.pass.reader.ndatrec);
     }
     return e.icol2 > 0 ? icode * word + icode2 : icode;

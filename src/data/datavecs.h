@@ -21,6 +21,7 @@ struct datavecs_module {
     int mrow = 0;          // positions of a row (largest over traits)
     int mcov = 0;          // covariable coefficients of a row (largest over traits)
     int nmeta = 0;         // control variables
+    int neqns = 0;         // equations that the records may name
     array<double> yvec;    // (maxnr) observations in units of their traits (units.h), sorted by trait
     array<int> ynq;        // (maxnr) traits
     array<int, 2> ieqnr;   // (mrow,maxnr)

@@ -1,6 +1,7 @@
 #include "data/nrmcodes.h"
 
 #include "control/numbers.h"
+#include "control/tvxroutines.h"
 #include "data/data.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
@@ -28,9 +29,16 @@ std::vector<std::vector<nrm_column>> nrm_columns() {
     return columns;
 }
 
+// A record needs an animal for each genetic effect: an unknown dam has no level.
+[[noreturn]] void no_animal(int ndatrec, int icol, std::int64_t code) {
+    print_list(screen(), "No animal for a genetic effect : record", ndatrec, "column", icol, "code", code);
+    print_list(screen(), "      Give an unknown dam a code and a line in the pedigree, or leave the record out");
+    stop_with("Error reading pedigrees : invalid animal ID");
+}
+
 } // namespace
 
-void visit_nrm_codes(const std::function<void(int, std::int64_t)>& visit) {
+void visit_nrm_codes(const std::function<void(int, std::int64_t)>& visit, bool all_known) {
     const auto columns = nrm_columns();
     array<double> dvec;
     allocate("alloc dvec", dvec, mudmap.maxcol);
@@ -43,7 +51,11 @@ void visit_nrm_codes(const std::function<void(int, std::int64_t)>& visit) {
         const int first = iq > 0 ? iq : 1, last = iq > 0 ? iq : numbers.nq;
         for (int jq = first; jq <= last; ++jq) {
             if (iq == 0 && is_missing(jq, dvec(mudmap.tr_dcolno(jq)))) continue;
-            for (const auto& c : columns[jq - 1]) visit(c.irun, effect_code(dvec, c.icol, 0, 1));
+            for (const auto& c : columns[jq - 1]) {
+                const std::int64_t icode = effect_code(dvec, c.icol, 0, 1);
+                if (all_known && icode < 1) no_animal(reader.ndatrec, c.icol, icode);
+                visit(c.irun, icode);
+            }
         }
     }
 }

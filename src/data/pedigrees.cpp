@@ -6,15 +6,19 @@
 #include "control/limits.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "control/warnings.h"
 #include "data/nrmcodes.h"
 #include "parfile/model.h"
 #include "support/edit_form.h"
+#include "support/plain_text.h"
 #include "support/record_file.h"
 #include "support/stop.h"
 #include "support/text.h"
 
 #include <algorithm>
 #include <array>
+#include <string>
+#include <unordered_map>
 
 namespace tarvex {
 
@@ -34,12 +38,14 @@ bool next_line(ped_reader& reader) {
         return true;
     }
     if (!std::getline(reader.in, reader.line)) return false;
+    ++reader.nlines;
     std::replace_if(
         reader.line.begin(), reader.line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
     return true;
 }
 
 void add_list(code_marks& marks, long long id) {
+    if (id > maxan) print_list(screen(), "Code of an animal is above the largest one allowed :", id, maxan);
     if (id > maxan || id < 1) stop_with("Error reading pedigrees : invalid animal ID");
     auto& seen = marks.seen(id);
     if (seen == 0) ++marks.n;
@@ -51,6 +57,23 @@ void add_list(code_marks& marks, long long id) {
     stoptarvex();
 }
 
+// Where an animal had its record.
+struct first_record {
+    int line = 0, sire = 0, dam = 0;
+};
+
+// An animal has one line. A second one with the same parents does no harm.
+void check_repeat(first_record& first, int ian, int idad, int imum, int line, int nrecords) {
+    if (first.line == 0) {
+        first = {line, idad, imum};
+        return;
+    }
+    if (first.sire == idad && first.dam == imum) return; // told by reducepeds
+    print_list(screen(), "Animal is in the pedigree twice, with other parents :", ian, " lines", first.line, "and",
+               line);
+    pedigree_error(nrecords);
+}
+
 // Reads and checks all records; their codes go into the list.
 std::vector<pedrec> read_pedigree(code_marks& marks) {
     std::vector<pedrec> records;
@@ -58,6 +81,7 @@ std::vector<pedrec> read_pedigree(code_marks& marks) {
     open_pedfile(reader);
     long long ian = 0, idad = 0, imum = 0;
     int n = 0;
+    std::unordered_map<int, first_record> firsts;
     while (const int status = next_pedrec(reader, ian, idad, imum)) {
         ++n;
         if (status < 0) pedigree_error(n);
@@ -73,6 +97,12 @@ std::vector<pedrec> read_pedigree(code_marks& marks) {
         if (idad > 0) add_list(marks, idad);
         if (imum > 0) add_list(marks, imum);
         records.push_back({static_cast<int>(ian), static_cast<int>(idad), static_cast<int>(imum)});
+        const pedrec& r = records.back();
+        check_repeat(firsts[r[0]], r[0], r[1], r[2], reader.nlines, n);
+    }
+    if (n == 0 && filenames.pedfile != filenames.newpedfile) { // the reduced one is empty if no animal has records
+        print_list(screen(), "Pedigree file without a record : \"" + filenames.pedfile + "\"");
+        pedigree_error(n);
     }
     return records;
 }
@@ -117,13 +147,16 @@ void open_pedfile(ped_reader& reader) {
         screen().line("Looking for pedigree file : \"" + name + "\" ...");
         stop_with(" ... file doesn't seem to exist !");
     }
+    check_text_file(name);
     reader.in.open(name);
+    if (reader.in) skip_mark(reader.in);
     if (!reader.in) {
         screen().line("Trying to open pedigree file : \"" + name + "\"");
         stop_with(" ... cannot open file as specified !");
     }
     int n = 0;
     reader.held = false;
+    reader.nlines = 0;
     while (next_line(reader)) {
         if (reader.line.empty() || reader.line[0] != comment_char) {
             reader.held = true;
@@ -182,7 +215,7 @@ void pedigree_list() {
     write_tvxfiles(out);
     code_marks marks;
     allocate("alloc IDVEC", marks.seen, maxan);
-    visit_nrm_codes([&](int, std::int64_t icode) { add_list(marks, icode); });
+    visit_nrm_codes([&](int, std::int64_t icode) { add_list(marks, icode); }, true);
     write(out, fmt, "No. of animal IDs in data file =", marks.n);
     if (options.details) print_list(screen(), "No. of animal IDs in data file =", marks.n);
     const std::vector<pedrec> records = read_pedigree(marks);

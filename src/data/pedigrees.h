@@ -11,6 +11,7 @@ struct ped_reader {
     std::ifstream in;
     std::string line;
     bool held = false; // line is the first record, not yet taken
+    int nlines = 0;    // lines read, the one in hand included
 };
 // Opens the pedigree file and passes over the comment lines at its head (counted in nskip_precs). Faults stop the run.
 void open_pedfile(ped_reader& reader);

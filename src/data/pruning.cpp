@@ -7,6 +7,7 @@
 #include "data/pedcounts.h"
 #include "data/pedigrees.h"
 #include "parfile/mudmap.h"
+#include "parfile/randasfix.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
 
@@ -41,6 +42,17 @@ void count_offspring(prune_work& w) {
         if (w.sire[i] > 0) ++w.nprog[w.sire[i]];
         if (w.dam[i] > 0) ++w.nprog[w.dam[i]];
     }
+}
+
+// Animals that are not pruned: those with records, and those that the user treats as fixed.
+std::vector<int> kept_animals(const std::vector<int>& nrec) {
+    std::vector<int> kept = nrec;
+    const auto ids = pedigreelist.idvec.prefix(pedigreelist.nanim);
+    for (const int code : randasfix.psfixcode) {
+        const auto at = std::lower_bound(ids.begin(), ids.end(), code);
+        if (at != ids.end() && *at == code) kept[static_cast<std::size_t>(at - ids.begin()) + 1] = 1;
+    }
+    return kept;
 }
 
 void prune(prune_work& w, const std::vector<int>& nrec) {
@@ -120,7 +132,8 @@ void secateurs() {
     for (int irun = 1; irun <= nrun; ++irun) {
         prune_work w = full_pedigree();
         count_offspring(w);
-        if (!(options.sigam || options.siremodel || options.blup || options.nopru)) prune(w, nrec[irun - 1]);
+        if (!(options.sigam || options.siremodel || options.blup || options.nopru))
+            prune(w, kept_animals(nrec[irun - 1]));
         const std::vector<int> nrecnew = renumber(w, irun, nrec[irun - 1]);
         const int irand = effect_of_run(irun);
         if (options.verbose) {

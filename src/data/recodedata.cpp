@@ -267,6 +267,7 @@ void write_fault(const std::string& name) { stop_with("Error writing file \"" + 
 void recode_data(const equation_starts& starts) {
     recoder r(starts);
     allocate_recoder(r);
+    datavecs.neqns = starts.neqns;
     numbers.nsubject = numbers.maxnreq = 0;
     if (!r.heads.open(filenames.recdatfil1)) write_fault(filenames.recdatfil1);
     if (!r.lists.open(filenames.recdatfil2)) write_fault(filenames.recdatfil2);

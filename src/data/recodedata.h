@@ -16,6 +16,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tarvex {
 
@@ -25,6 +26,7 @@ struct equation_starts {
     const array<int, 2>& fixed;       // (maxfix,nq)
     const array<int>& random;         // (krand)
     const array<int>& means;          // (nq) the equation itself
+    int neqns;                        // equations
 };
 
 // Reads the data once more and writes recoded1.bin and recoded2.bin; sets numbers.nsubject, numbers.maxnreq,
@@ -37,17 +39,21 @@ struct recdata_pass {
     record_reader lists;                 // recoded2.bin or recoded3.bin
     datavecs_module* record = &datavecs; // where a subject is read to
     std::string lists_name;
+    int nsubject = 0;          // subjects in front of the next one
+    std::vector<int> controls; // levels of each control variable
 };
 // Where a subject begins in both files.
 struct recdata_place {
     std::uint64_t heads = 0, lists = 0;
+    int nsubject = 0; // subjects in front of it
 };
 recdata_place place_of_next(const recdata_pass& pass);
 void go_to(recdata_pass& pass, const recdata_place& place);
 // Allocates the record of the pass and opens the files: `lists_file` is filenames.recdatfil2 or recdatfil3. Faults stop
 // the run.
 void setup_recdata(recdata_pass& pass, const std::string& lists_file);
-// Reads the next subject. False at the end.
+// Reads the next subject. False at the end. Records that do not fit this run, and an end before the last subject, stop
+// the run.
 bool next_subject(recdata_pass& pass);
 void deall_recdata(recdata_pass& pass);
 

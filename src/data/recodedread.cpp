@@ -1,14 +1,18 @@
 // Reading passes over the recoded subjects.
 #include "data/recodedata.h"
 
-#include "data/rowlayout.h"
-
+#include "basis/phimatrix.h"
 #include "control/filenames.h"
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "data/levels.h"
+#include "data/rowlayout.h"
 #include "parfile/model.h"
 #include "support/stop.h"
+
+#include <algorithm>
+#include <numeric>
 
 namespace tarvex {
 
@@ -64,32 +68,84 @@ bool get_list(record_reader& in, datavecs_module& d) {
     return in.next() && in.get(d.nr) && d.nr >= 0 && d.nr <= d.jvec.upper() && in.get(d.jvec.prefix(d.nr));
 }
 
+bool within(std::span<const int> values, int least, int most) {
+    return std::all_of(values.begin(), values.end(), [&](int x) { return x >= least && x <= most; });
+}
+std::span<const int> part(const array<int, 2>& a, int rows, int n) {
+    return a.prefix(static_cast<std::ptrdiff_t>(rows) * n);
+}
+
+// Levels of each control variable, traits without it aside.
+std::vector<int> control_levels(int nmeta) {
+    std::vector<int> most(static_cast<std::size_t>(nmeta));
+    for (int irrc = 1; irrc <= nmeta; ++irrc)
+        for (int iq = 1; iq <= numbers.nq; ++iq)
+            if (const int i = control_place(irrc, iq); i > 0)
+                most[static_cast<std::size_t>(irrc) - 1] = levels.mm_nlev(i, iq);
+    return most;
+}
+
+bool controls_fit(const datavecs_module& d, const std::vector<int>& most) {
+    for (int k = 1; k <= d.nobs; ++k)
+        for (int irrc = 1; irrc <= d.nmeta; ++irrc)
+            if (d.imeta(irrc, k) < 0 || d.imeta(irrc, k) > most[static_cast<std::size_t>(irrc) - 1]) return false;
+    return true;
+}
+
+// The pattern of records that the subject is said to have counts its records.
+bool pattern_fits(const datavecs_module& d) {
+    if (options.randreg) return d.icombi >= 0 && d.icombi <= combinations.ncombi;
+    if (d.icombi < 1 || d.icombi > combinations.ncombi) return false;
+    const auto& counts = combinations.nqcombi[static_cast<std::size_t>(d.icombi) - 1];
+    return std::accumulate(counts.begin(), counts.end(), 0) == d.nobs;
+}
+
+// Every index that the passes over the data use without a look. Equations have numbers up to that of the right-hand
+// side, which comes behind them all.
+bool indices_fit(const recdata_pass& pass) {
+    const auto& d = *pass.record;
+    const int neqns = datavecs.neqns;
+    return within(part(d.ieqnr, d.mrow, d.kk), 0, d.nr) && within(part(d.icov, d.mcov, d.kk), 0, neqns) &&
+           within(d.jvec.prefix(d.nr), 0, neqns + 1) && within(d.ynq.prefix(d.nobs), 1, numbers.nq) &&
+           within(part(d.iraand, d.iraand.size() > 0 ? numbers.krand : 0, d.nobs), 0, neqns) &&
+           controls_fit(d, pass.controls) && pattern_fits(d);
+}
+
 } // namespace
 
 void setup_recdata(recdata_pass& pass, const std::string& lists_file) {
     setup_tables(*pass.record);
+    pass.nsubject = 0;
+    pass.controls = control_levels(pass.record->nmeta);
     if (!pass.heads.open(filenames.recdatfil1)) read_fault(filenames.recdatfil1);
     if (!pass.lists.open(lists_file)) read_fault(lists_file);
     pass.lists_name = lists_file;
 }
 
-recdata_place place_of_next(const recdata_pass& pass) { return {pass.heads.position(), pass.lists.position()}; }
+recdata_place place_of_next(const recdata_pass& pass) {
+    return {pass.heads.position(), pass.lists.position(), pass.nsubject};
+}
 
 void go_to(recdata_pass& pass, const recdata_place& place) {
     if (!pass.heads.go_to(place.heads)) read_fault(filenames.recdatfil1);
     if (!pass.lists.go_to(place.lists)) read_fault(pass.lists_name);
+    pass.nsubject = place.nsubject;
 }
 
 bool next_subject(recdata_pass& pass) {
     auto& d = *pass.record;
     auto& in = pass.heads;
-    if (!in.next()) return false;
+    if (!in.next()) {
+        if (in.failed() || pass.nsubject != numbers.nsubject) stop_with("Error reading recoded data !");
+        return false;
+    }
+    ++pass.nsubject;
     bool good = get_head(in, d);
     if (good && d.mcov > 0) good = in.record(columns(d.xcov, d.mcov, d.kk)) && in.record(columns(d.icov, d.mcov, d.kk));
     good = good && in.record(columns(d.ieqnr, d.mrow, d.kk));
     if (good && options.superai) good = in.record(columns(d.iraand, numbers.krand, d.nobs));
     good = good && get_list(pass.lists, d);
-    if (!good) stop_with("Error reading recoded data !");
+    if (!good || !indices_fit(pass)) stop_with("Error reading recoded data !");
     return true;
 }
 

@@ -7,8 +7,10 @@
 #include "control/limits.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "control/warnings.h"
 #include "data/nrmcodes.h"
 #include "data/pedigrees.h"
+#include "parfile/randasfix.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
 
@@ -28,6 +30,7 @@ struct hash_tables {
     std::vector<int> number;                  // [code] running number of a code up to maxan, 0: not met
     std::unordered_map<long long, int> large; // those of larger codes, which pedigree_list will refuse
     std::vector<std::array<long long, 3>> id; // [number-1] codes of animal, sire, dam; last record of an animal
+    std::vector<int> listed;                  // [number-1] line of the animal's first record, 0: none yet
     int nlevels[2] = {};                      // codes in the data, in total
 };
 
@@ -67,7 +70,17 @@ bool read_records(hash_tables& tables) {
         if (pedrec_fault(ian, idad, imum) != nullptr || ian > maxan) sound = false;
         if (ian > 0) {
             const int i = hash_code(tables, ian);
-            tables.id[i - 1] = {ian, idad, imum};
+            auto& id = tables.id[i - 1];
+            if (tables.listed.size() < tables.id.size()) tables.listed.resize(2 * tables.id.size());
+            int& line = tables.listed[i - 1];
+            if (line > 0 && (id[1] != idad || id[2] != imum))
+                sound = false;
+            else if (line > 0)
+                warn("animal twice in the pedigree",
+                     "animal " + std::to_string(ian) + " is in the pedigree twice, lines " + std::to_string(line) +
+                         " and " + std::to_string(reader.nlines) + ", with the same parents");
+            if (line == 0) line = reader.nlines;
+            id = {ian, idad, imum};
         }
         if (idad > 0) hash_code(tables, idad);
         if (imum > 0) hash_code(tables, imum);
@@ -75,11 +88,24 @@ bool read_records(hash_tables& tables) {
     return sound;
 }
 
+// Animals that the user treats as fixed stay, with or without records.
+void mark_pseudofixed(hash_tables& tables, std::vector<char>& mm) {
+    for (const int code : randasfix.psfixcode) {
+        if (code < 1) continue;
+        const int number = number_of(tables, code);
+        if (number > 0) mm[number - 1] = 1;
+    }
+}
+
 // Carries the marks up to all ancestors; returns the number of marks. nback: parents visited.
 int mark_ancestors(hash_tables& tables, std::vector<char>& mm, int& nback) {
     std::vector<int> todo;
-    for (int i = 0; i < tables.nlevels[0]; ++i) todo.push_back(i);
-    int n = tables.nlevels[0];
+    int n = 0;
+    for (std::size_t i = 0; i < mm.size(); ++i)
+        if (mm[i] != 0) {
+            todo.push_back(static_cast<int>(i));
+            ++n;
+        }
     while (!todo.empty()) {
         const int i = todo.back();
         todo.pop_back();
@@ -123,6 +149,7 @@ void reducepeds() {
     tables.nlevels[1] = static_cast<int>(tables.id.size());
     std::vector<char> mm(tables.id.size());
     std::fill(mm.begin(), mm.begin() + tables.nlevels[0], char{1});
+    if (options.pseudofix) mark_pseudofixed(tables, mm);
     int nback = 0;
     const int nmark = sound ? mark_ancestors(tables, mm, nback) : tables.nlevels[1];
     if (options.details) {

@@ -135,7 +135,7 @@ void equation_nos() {
 
 equation_starts starts_of_equations() {
     const auto& m = mmequations;
-    return {m.cv_start, m.fx_start, m.rn_start, m.ieq_trait};
+    return {m.cv_start, m.fx_start, m.rn_start, m.ieq_trait, m.neqns};
 }
 
 void new_eqnnos() {
@@ -145,13 +145,19 @@ void new_eqnnos() {
     if (!out.open(filenames.recdatfil3)) stop_with("Cannot open file \"" + filenames.recdatfil3 + "\"");
     array<int> jvec;
     allocate("alloc jvec", jvec, std::max(1, numbers.maxnreq));
+    int n = 0;
     while (in.next()) {
         int nr = 0;
+        ++n;
         if (!in.get(nr) || nr < 0 || nr > jvec.size() || !in.get(jvec.prefix(nr)))
             stop_with("Error reading file \"" + filenames.recdatfil2 + "\"");
-        for (int& e : jvec.prefix(nr)) e = orders.ieqnew(e);
+        for (int& e : jvec.prefix(nr)) {
+            if (e < 1 || e > mmequations.neqns) stop_with("Error reading file \"" + filenames.recdatfil2 + "\"");
+            e = orders.ieqnew(e);
+        }
         out.record(nr, jvec.prefix(nr));
     }
+    if (in.failed() || n != numbers.nsubject) stop_with("Error reading file \"" + filenames.recdatfil2 + "\"");
     if (!out.close()) stop_with("Error writing file \"" + filenames.recdatfil3 + "\"");
 }
 

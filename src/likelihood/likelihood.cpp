@@ -116,16 +116,22 @@ int fixed_equations(int iq) {
     return n;
 }
 
+// Levels of a random effect that are estimated as fixed ones: they have no variance.
+int levels_as_fixed(int irand) {
+    int n = geninverse.nwithout.allocated() ? geninverse.nwithout(irand) : 0;
+    if (options.pseudofix && randasfix.nasfix.allocated()) n += randasfix.nasfix(irand);
+    return n;
+}
+
 // What log L of the records as recoded lacks to that of the data: traits are worked out in units of their own.
 double logl_shift() {
     double s = 0.0;
     for (int iq = 1; iq <= numbers.nq; ++iq)
         if (const double u = trait_unit(iq); u != 1.0) s -= (means.nrec(iq) - fixed_equations(iq)) * std::log(u);
-    if (!options.pseudofix || !randasfix.nasfix.allocated() || !any_unit()) return s;
+    if (!any_unit()) return s;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (mudmap.kovrnd(irand) == "PEQ" || estimates.paraform(irand) == "Cholesky") continue;
-        for (int i = 1; i <= model.kkfit(irand); ++i)
-            s += randasfix.nasfix(irand) * std::log(row_unit(irand, i)); // estimated as fixed ones
+        for (int i = 1; i <= model.kkfit(irand); ++i) s += levels_as_fixed(irand) * std::log(row_unit(irand, i));
     }
     return s;
 }
@@ -179,11 +185,7 @@ void housekeeping(const array<double>& p, int nparm, bool changed, double xlike)
 
 } // namespace
 
-double effective_levels(int irand) {
-    double n = levels.rn_nlev(irand);
-    if (options.pseudofix && randasfix.nasfix.allocated()) n -= randasfix.nasfix(irand);
-    return n;
-}
+double effective_levels(int irand) { return levels.rn_nlev(irand) - levels_as_fixed(irand); }
 
 evaluation loglike(array<double>& parvec, int iopt) {
     auto& l = likelihoods;

@@ -288,6 +288,8 @@ void datposition(const std::string& name, int iq, int& icol, std::int64_t& mlev)
     const int jq = column_set(iq);
     for (icol = 1; icol <= datafile.ndatcol[jq]; ++icol)
         if (datafile.colname[icol][jq] == name) {
+            if (icol == 1 && !mudmap.alltraits)
+                name_err("Column of the trait number cannot be in the model : \"", name);
             mlev = datafile.mlevels[icol][jq];
             return;
         }

@@ -3,6 +3,7 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "support/edit_form.h"
+#include "support/plain_text.h"
 #include "support/text.h"
 
 #include <algorithm>
@@ -28,6 +29,7 @@ void set_line(par_lines& p, std::string_view text) {
 
 bool open_text(std::ifstream& in, const std::string& name) {
     in.open(name);
+    if (in) skip_mark(in);
     if (in) in.peek();
     return in.is_open() && !in.bad();
 }
@@ -36,6 +38,7 @@ void get_pline(par_lines& p) {
     std::string record;
     while (true) {
         if (!std::getline(p.in, record)) {
+            if (p.in.bad()) rdpar_err(p, "File cannot be read to its end");
             p.iend = -1;
             return;
         }

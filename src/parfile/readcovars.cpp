@@ -3,13 +3,16 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "control/warnings.h"
 #include "parfile/model.h"
 #include "parfile/parblocks.h"
 #include "support/edit_form.h"
+#include "support/plain_text.h"
 #include "support/stop.h"
 #include "support/text.h"
 
 #include <algorithm>
+#include <cmath>
 #include <fstream>
 #include <sstream>
 
@@ -18,6 +21,8 @@ namespace tarvex {
 namespace {
 
 constexpr int maxorder = 999; // order of a covariance matrix
+
+constexpr double largest_value = 1.0e30; // of a starting value: squares and products must stay finite
 
 constexpr std::string_view value_failure = "Reading covariances failed !";
 
@@ -42,6 +47,10 @@ std::string next_value(par_state& s) {
 double real_value(par_state& s) {
     double x = 0.0;
     if (!read_real(next_value(s), x)) rdpar_err(s.lines, value_failure);
+    if (!(std::fabs(x) <= largest_value)) {
+        print_list(screen(), "Starting value is no finite number, or too large :", x);
+        rdpar_err(s.lines, value_failure);
+    }
     return x;
 }
 
@@ -151,6 +160,7 @@ int read_order(par_lines& p) {
 }
 
 void read_residual(par_state& s, const std::string& name) {
+    if (!s.values[0].empty()) rdpar_err(s.lines, "Residual covariances given twice");
     s.values[0].clear();
     model.krandom(0) = name;
     model.rr_resteps = 1;
@@ -259,6 +269,14 @@ void read_covars(par_state& s) {
 
 void store_covars(par_state& s) {
     repeats_by_record(s);
+    if (options.start_vals) {
+        while (s.start_at < s.start_tokens.size() && s.start_tokens[s.start_at] == "+") ++s.start_at;
+        if (s.start_at < s.start_tokens.size()) {
+            print_list(screen(), "Values left over in file \"" + filenames.stvalfile + "\" :",
+                       s.start_tokens.size() - s.start_at);
+            rdpar_err(s.lines, value_failure);
+        }
+    }
     const int krand = numbers.krand;
     std::size_t maxij = 1;
     for (int irand = 0; irand <= krand; ++irand) maxij = std::max(maxij, s.values[at(irand)].size());
@@ -284,7 +302,16 @@ void read_starting(par_state& s) {
         print_list(screen(), "Can not open file of starting values :\"", filenames.stvalfile, "\"");
         stoptarvex();
     }
+    check_text_file(filenames.stvalfile);
+    skip_mark(in);
+    int nline = 0;
     for (std::string line; std::getline(in, line);) {
+        ++nline;
+        if (const int column = comma_in_number(line); column > 0) {
+            print_list(screen(), "Comma between two digits in \"" + filenames.stvalfile + "\" : line", nline, "column",
+                       column);
+            rdpar_err(p, value_failure);
+        }
         std::replace(line.begin(), line.end(), ',', ' ');
         std::istringstream tokens(line);
         for (std::string t; tokens >> t && t.front() != comment_char;) s.start_tokens.push_back(t);

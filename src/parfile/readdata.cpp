@@ -13,6 +13,9 @@ namespace {
 
 void add_column(const par_lines& p, int iq, const std::string& name, int mlev, bool of_trait) {
     int& n = datafile.ndatcol[iq];
+    for (int i = 1; i <= n; ++i)
+        if (datafile.colname[i][iq] == name)
+            rdpar_err(p, "Column named twice, or names that agree in their first 20 characters : \"" + name + "\"");
     if (n == maxcols) rdpar_err(p, "Max. no. of data columns exceeded !");
     ++n;
     datafile.colname[n][iq] = name;

@@ -5,6 +5,7 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "control/warnings.h"
 #include "parfile/model.h"
 #include "parfile/parblocks.h"
 #include "support/edit_form.h"
@@ -138,6 +139,7 @@ constexpr keyword keywords[] = {
 };
 
 void open_parfile(par_lines& p) {
+    check_text_file(filenames.parfile);
     if (open_text(p.in, filenames.parfile)) return;
     print_list(screen(), "Can not open parameter file !");
     print_list(screen(), "... tried to open \"", filenames.parfile, "\" but failed !");

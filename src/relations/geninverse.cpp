@@ -2,18 +2,24 @@
 
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "control/warnings.h"
 #include "data/levels.h"
 #include "parfile/model.h"
 #include "relations/nrminverse.h"
 #include "support/edit_form.h"
+#include "support/plain_text.h"
 #include "support/record_file.h"
 #include "support/stop.h"
 #include "support/text.h"
 
 #include <algorithm>
 #include <climits>
+#include <cmath>
+#include <cstdint>
 #include <fstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace tarvex {
 
@@ -34,6 +40,12 @@ bool next_line(text_lines& text) {
     return false;
 }
 
+void open_lines(text_lines& text, const std::string& name) {
+    check_text_file(name);
+    text.in.open(name);
+    if (text.in) skip_mark(text.in);
+}
+
 bool get_int(list_reader& list, int& value) {
     long long v = 0;
     if (list.next(v) != list_read::value || v > INT_MAX || v < INT_MIN) return false;
@@ -47,7 +59,11 @@ bool get_int(list_reader& list, int& value) {
     stoptarvex();
 }
 
-void check_element(int irand, const inverse_element& e) {
+void check_element(int irand, const inverse_element& e, int nn) {
+    if (!std::isfinite(e.value)) {
+        print_list(screen(), "Element of the inverse is no finite number : record", nn, "column", e.col, "row", e.row);
+        stoptarvex();
+    }
     if (e.col > e.row) {
         print_list(screen(), "Column no. > row no.", e.col, e.row);
         print_list(screen(), "*** Generalised inverse should be given as lower ", "triangle ROW-wise !");
@@ -61,17 +77,38 @@ void check_element(int irand, const inverse_element& e) {
         print_list(screen(), model.krandom(irand), " - Negative diagonal element ?", e.row, e.value);
 }
 
+[[noreturn]] void code_error(const std::string& name, const char* what, int i, int code) {
+    print_list(screen(), "***** ERROR : File \"" + name + "\" :", what, i, code);
+    stop("error gin.codes");
+}
+
+void check_codes(const code_list& codes, const std::string& name) {
+    std::vector<std::pair<std::int64_t, int>> sorted;
+    for (std::size_t l = 0; l < codes.size(); ++l) sorted.emplace_back(codes[l], static_cast<int>(l) + 1);
+    std::sort(sorted.begin(), sorted.end());
+    for (std::size_t k = 1; k < sorted.size(); ++k)
+        if (sorted[k].first == sorted[k - 1].first)
+            code_error(name, "one code for two levels", sorted[k].second, static_cast<int>(sorted[k].first));
+}
+
 void read_codes(int irand, const std::string& name, int nlmax) {
     code_list codes(static_cast<std::size_t>(nlmax));
+    std::vector<char> given(static_cast<std::size_t>(nlmax));
     text_lines text;
-    text.in.open(name);
-    int n = 0;
+    open_lines(text, name);
+    int n = 0, range_fault = 0;
     while (next_line(text)) {
         list_reader list(text.line);
         int i = 0, jj = 0;
         if (!get_int(list, i) || !get_int(list, jj)) stop("error gin.codes");
-        if (i >= 1 && i <= nlmax) codes[i - 1] = jj;
         ++n;
+        if (i < 1 || i > nlmax) {
+            range_fault = range_fault ? range_fault : i;
+            continue;
+        }
+        if (given[i - 1]) code_error(name, "a level twice", i, jj);
+        given[i - 1] = 1;
+        codes[i - 1] = jj;
     }
     print_list(screen(), "Have read", n, " codes from \"" + name + "\"");
     if (n != nlmax) {
@@ -80,6 +117,8 @@ void read_codes(int irand, const std::string& name, int nlmax) {
         print_list(screen(), "      No. expected      =", nlmax);
         stoptarvex();
     }
+    if (range_fault != 0) code_error(name, "level out of range", range_fault, nlmax);
+    check_codes(codes, name);
     levels.rn_codes(irand) = codes;
 }
 
@@ -109,6 +148,51 @@ void gin_levels(int irand, int nlmax) {
     print_list(screen(), "Max. number of levels for \"" + model.krandom(irand) + "\" set to", nlmax);
 }
 
+// An element is given once.
+void check_places(const std::vector<inverse_element>& elements, const std::string& name) {
+    std::vector<std::uint64_t> places;
+    places.reserve(elements.size());
+    bool ascending = true;
+    for (const auto& e : elements) {
+        const std::uint64_t place = static_cast<std::uint64_t>(e.row) << 32 | static_cast<std::uint32_t>(e.col);
+        ascending = ascending && (places.empty() || place > places.back());
+        places.push_back(place);
+    }
+    if (ascending) return;
+    std::sort(places.begin(), places.end());
+    const auto twice = std::adjacent_find(places.begin(), places.end());
+    if (twice == places.end()) return;
+    print_list(screen(), "Element of the inverse is given twice : column", static_cast<long long>(*twice & 0xFFFFFFFFu),
+               "row", static_cast<long long>(*twice >> 32));
+    stop_with("***** ERROR : Reading file \"" + name + "\"");
+}
+
+// Levels without a diagonal have no variance. A level of the data without any element is estimated as a fixed one;
+// others cannot be estimated. in_data: codes that the data have.
+void count_without(int irand, const std::string& name, const code_list& in_data) {
+    const int nlev = levels.rn_nlev(irand);
+    std::vector<char> diagonal(static_cast<std::size_t>(nlev) + 1), named(diagonal);
+    for (const auto& e : gin_store.elements[irand - 1]) {
+        named[e.row] = named[e.col] = 1;
+        if (e.col == e.row) diagonal[e.row] = 1;
+    }
+    int n = 0;
+    for (int l = 1; l <= nlev; ++l) {
+        if (diagonal[l]) continue;
+        const auto code = levels.rn_codes(irand)[static_cast<std::size_t>(l) - 1];
+        const bool fixed = !named[l] && std::binary_search(in_data.begin(), in_data.end(), code);
+        if (!fixed || options.principal) {
+            print_list(screen(), "Level without a diagonal in the inverse :", l, " code", code);
+            stop_with("***** ERROR : Reading file \"" + name + "\"");
+        }
+        warn("level without a diagonal in the inverse of \"" + model.krandom(irand) + "\", estimated as a fixed one",
+             "level " + std::to_string(l) + " of \"" + model.krandom(irand) +
+                 "\" has no diagonal in the inverse and is estimated as a fixed one, code " + std::to_string(code));
+        ++n;
+    }
+    geninverse.nwithout(irand) = n;
+}
+
 [[noreturn]] void no_ginfile(int irand, const std::string& name) {
     screen().line("**** ERROR : cannot locate generalised inverse");
     print_list(screen(), "     Random effect no.", irand, "  \"" + model.krandom(irand) + "\"");
@@ -124,9 +208,13 @@ void check_ginverse(int irand) {
     text_lines text;
     std::vector<char> buffer(std::size_t{1} << 20);
     text.in.rdbuf()->pubsetbuf(buffer.data(), static_cast<std::streamsize>(buffer.size()));
-    text.in.open(name);
+    open_lines(text, name);
     double detg = 0.0;
     if (!next_line(text) || list_reader(text.line).next(detg) != list_read::value) read_error(name, 0);
+    if (!std::isfinite(detg)) {
+        print_list(screen(), "Log determinant is no finite number");
+        read_error(name, 0);
+    }
     if (gin_store.elements.size() < static_cast<std::size_t>(irand))
         gin_store.elements.resize(static_cast<std::size_t>(irand));
     auto& elements = gin_store.elements[irand - 1];
@@ -138,7 +226,7 @@ void check_ginverse(int irand) {
         if (!get_int(list, e.col) || !get_int(list, e.row) || list.next(e.value) != list_read::value || nn == INT_MAX)
             read_error(name, nn);
         if (++nn % 100000 == 0 && options.verbose) print_list(screen(), "Check \"" + name + "\"", nn);
-        check_element(irand, e);
+        check_element(irand, e, nn);
         nlmax = std::max(nlmax, e.row);
         elements.push_back(e);
     }
@@ -146,7 +234,13 @@ void check_ginverse(int irand) {
     geninverse.detginv(irand) = detg;
     geninverse.nnginv(irand) = nn;
     if (options.verbose) write(screen(), "(2x,3a,i8)", "File \"", name, "\"  No. records =", nn);
-    if (nlmax > levels.rn_nlev(irand)) gin_levels(irand, nlmax);
+    check_places(elements, name);
+    const code_list in_data = levels.rn_codes(irand); // ascending
+    if (nlmax > levels.rn_nlev(irand))
+        gin_levels(irand, nlmax);
+    else if (const std::string codes = model.krandom(irand) + ".codes"; file_exists(codes))
+        read_codes(irand, codes, levels.rn_nlev(irand));
+    count_without(irand, name, in_data);
 }
 
 } // namespace tarvex

@@ -8,6 +8,7 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "control/warnings.h"
 #include "data/pedigreelist.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
@@ -51,7 +52,12 @@ void pseudo_fix(int irand, text_out& out, int nan, int irun) {
             const std::string& name = randasfix.psfixname[i - 1];
             if (name != model.krandom(irand)) continue;
             const int code = randasfix.psfixcode[i - 1], j = find_level(code, irun);
-            if (j == 0) continue;
+            if (j == 0) {
+                warn("level to be treated as fixed that is not in the pedigree",
+                     "level " + std::to_string(code) + " of \"" + name +
+                         "\", to be treated as fixed, is not in the pedigree");
+                continue;
+            }
             write(out, "(i4,2x,a,i15,i7,i15)", i, name, code, j, pedigreelist.idwec(irun)[j - 1]);
             if (randasfix.asfix(j) == 0) ++nn; // a level may be named twice
             randasfix.asfix(j) = 1;
@@ -173,6 +179,12 @@ void one_inverse(int irand, text_out& sumped) {
 // Effects on one relationship matrix share one file: they must have the same levels treated as fixed.
 void check_shared_marks() {
     if (!options.pseudofix) return;
+    for (const std::string& name : randasfix.psfixname) {
+        bool found = false;
+        for (int irand = 1; irand <= numbers.krand; ++irand)
+            found = found || (model.krandom(irand) == name && mudmap.kovrnd(irand) == "NRM");
+        if (!found) stop_with("No random effect with a relationship matrix has levels to be fixed : \"" + name + "\"");
+    }
     const auto codes = [](int irand) {
         std::set<int> found;
         for (int i = 0; i < randasfix.npsfix; ++i)
@@ -236,6 +248,7 @@ void gen_inverses() {
     const bool keep = options.superai || options.simulation;
     if (keep) allocate_inbreed();
     allocate("alloc giv", geninverse.detginv, numbers.krand);
+    allocate("alloc giv", geninverse.nwithout, numbers.krand);
     allocate("alloc giv", geninverse.nnginv, numbers.krand);
     check_shared_marks();
     for (int irand = 1; irand <= numbers.krand; ++irand) {

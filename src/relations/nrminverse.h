@@ -25,6 +25,7 @@ inline nrminverse_module nrminverse;
 struct geninverse_module {
     array<double> detginv; // (krand) log determinant of the relationship matrix
     array<int> nnginv;     // (krand) stored elements of its inverse
+    array<int> nwithout;   // (krand) levels of a supplied inverse without elements: estimated as fixed ones
 };
 inline geninverse_module geninverse;
 

@@ -37,7 +37,7 @@ double inverse_element(int i, int j) {
     if (a < 1 || b < 1) return 0.0;
     if (a == b) return solutions.solerrs(a);
     const int p = locate(a, b);
-    if (p == 0) stop_with("No place for the errors of breeding values : delete \"adjacency.bin\" !");
+    if (p == 0) stop_with("No place for the errors of breeding values");
     return sparse.xspars(p);
 }
 

@@ -72,6 +72,7 @@ bool record_reader::open(const std::string& name) {
     size_ = std::filesystem::file_size(name, ec);
     if (ec) size_ = 0;
     buffer_.resize(capacity);
+    failed_ = false;
     at_ = end_ = 0;
     left_ = passed_ = 0;
     return true;
@@ -102,6 +103,10 @@ bool record_reader::go_to(std::uint64_t position) {
 bool record_reader::fill() {
     at_ = 0;
     end_ = std::fread(buffer_.data(), 1, buffer_.size(), file_);
+    if (std::ferror(file_)) {
+        failed_ = true;
+        end_ = 0; // a part of a record is no record
+    }
     return end_ > 0;
 }
 

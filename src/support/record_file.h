@@ -79,7 +79,8 @@ public:
     [[nodiscard]] bool open(const std::string& name); // false if the file cannot be opened
     void close();
     bool is_open() const { return file_ != nullptr; }
-    void rewind(); // back to the first record
+    void rewind();                          // back to the first record
+    bool failed() const { return failed_; } // the device could not be read: what looked like the end was none
     // Where the next record begins, and back there; false if the file is shorter.
     std::uint64_t position() const { return passed_; }
     [[nodiscard]] bool go_to(std::uint64_t position);
@@ -114,6 +115,7 @@ private:
     std::FILE* file_ = nullptr;
     std::vector<char> buffer_;
     std::size_t at_ = 0, end_ = 0;
+    bool failed_ = false;
     std::uint64_t left_ = 0, size_ = 0, passed_ = 0; // left in the record; file size; bytes of the file framed so far
 };
 

@@ -87,7 +87,7 @@ TEST_F(data_reader_test, comments_are_counted_once) {
 }
 
 TEST_F(data_reader_test, free_form_of_numbers) {
-    data("\t+1 -2.5e1\r\n\n  \n3,1.5D+02 77 88\n4 .5", 1, 2);
+    data("\t+1 -2.5e1\r\n\n  \n3, 1.5D+02 77 88\n4 .5", 1, 2);
     open_datfile(reader);
     ASSERT_TRUE(next());
     EXPECT_EQ(dvec(1), 1.0);

@@ -270,8 +270,13 @@ TEST_F(pedigree_test, reduction_counts_no_code_below_1) {
     EXPECT_NE(screen_text().find("Total no. of animal IDs  = 1\n"), std::string::npos);
 }
 
-TEST_F(pedigree_test, last_record_of_an_animal_holds_in_the_reduced_file) {
+TEST_F(pedigree_test, animal_with_two_records) {
     animal_model("3 1.0\n", "1 0 0\n2 0 0\n3 1 0\n3 2 0\n");
+    reducepeds();
+    EXPECT_EQ(filenames.pedfile, "test.ped");
+    EXPECT_STOP(pedigree_list(), "Animal is in the pedigree twice, with other parents : 3  lines 3 and 4\n"
+                                 "***** ERROR in pedigree file 4\n");
+    animal_model("3 1.0\n", "1 0 0\n2 0 0\n3 2 0\n3 2 0\n");
     reducepeds();
     EXPECT_EQ(read_file("ReducedPedFile.dat"), "               3               2               0\n"
                                                "               2               0               0\n");

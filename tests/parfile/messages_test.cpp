@@ -118,6 +118,11 @@ TEST_F(parfile_messages, data_columns) {
           "Max. no. of data columns exceeded !");
 }
 
+std::string names_of(int i) {
+    const std::string n = std::to_string(i);
+    return " NAM a" + n + " b" + n + " c" + n + "\n";
+}
+
 TEST_F(parfile_messages, grouped_data) {
     fails(grp, "ANA MUV 3\n", "", "Give analysis type before grouped data !");
     fails(grp, " TRN 1 2 3\n", "", "Expect line with trait no.s here ");
@@ -128,7 +133,7 @@ TEST_F(parfile_messages, grouped_data) {
     fails(grp, " TRN 1 2 3\n", " TRN 1 1\n", "Invalid trait no. specified");
     // a line of all traits may need more columns than one trait has
     std::string text = with(with(grp, "MOD\n", "MOD EQ\n"), " FIX herd 1 2\n", " FIX herd\n");
-    text = with(text, " NAM w1", repeated(16, [](int) { return std::string(" NAM a b c\n"); }) + " NAM w1");
+    text = with(text, " NAM w1", repeated(16, [](int i) { return names_of(i); }) + " NAM w1");
     fails(text, "Max. no. of data columns exceeded !");
 }
 

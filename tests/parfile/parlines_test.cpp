@@ -164,15 +164,14 @@ TEST_F(parlines, residual_by_its_name_or_qualifier) {
     EXPECT_EQ(model.kkfit(0), 1);
     read(with(examples::growth, "VAR residual 1 HOM", "VAR error HOM age"));
     EXPECT_EQ(model.me_control, "age");
-    // a random effect with such a name is taken for the residual
+    // a random effect with such a name is taken for the residual, which has its own already
     std::string text = with(examples::repeatability, " cowpe  800", " resid_herd 800");
-    read(with(with(text, "RAN cowpe", "RAN resid_herd"), "VAR cowpe", "VAR resid_herd"));
-    EXPECT_EQ(numbers.krand, 1);
-    EXPECT_EQ(model.cov(1, 0), 400.0);
+    EXPECT_STOP(read(with(with(text, "RAN cowpe", "RAN resid_herd"), "VAR cowpe", "VAR resid_herd")),
+                "Residual covariances given twice");
 }
 
 TEST_F(parlines, starting_values_from_a_file) {
-    write_file("start", "# animal\n10.0 3.0 +\n 12.0 # more\n# residual\n20.0\n5D0,25.0\n");
+    write_file("start", "# animal\n10.0 3.0 +\n 12.0 # more\n# residual\n20.0\n5D0, 25.0\n");
     std::string text = with(two, " 10.0 3.0\n      12.0\n", "");
     text = with(text, " 20.0 5.0 +\n 25.0\n", "");
     read("STA start\n" + text);
@@ -187,8 +186,11 @@ TEST_F(parlines, starting_values_from_a_file) {
     read("STA start\n" + examples::growth.substr(0, at) + "VAR animal 3\nVAR pe 2\nVAR res HET 2\n");
     EXPECT_EQ(model.me_range(2, 2), 20);
     EXPECT_EQ(model.cov(2, 0), 12.0);
+    const std::string four = "STA start\n" + examples::growth.substr(0, at) + "VAR animal 3\nVAR pe 2\nVAR res IND 4\n";
+    EXPECT_STOP(read(four), "Values left over in file \"start\" : 2");
+    write_file("start", "20 4 1 5 0.5 2\n15 2 4\n1 10 9\n11\n");
     options.verbose = true;
-    read("STA start\n" + examples::growth.substr(0, at) + "VAR animal 3\nVAR pe 2\nVAR res IND 4\n");
+    read(four);
     EXPECT_EQ(model.cov(4, 0), 11.0);
     EXPECT_TRUE(told("Read starting values from :\" start \"\n"));
 }

@@ -50,7 +50,13 @@ TEST_F(ginverse_test, file_with_its_first_line_only) {
     gen_inverses();
     EXPECT_EQ(geninverse.nnginv(1), 0);
     EXPECT_EQ(levels.rn_nlev(1), 3);
-    EXPECT_EQ(screen_text(), "");
+    EXPECT_EQ(geninverse.nwithout(1), 3);
+    for (const int level : {1, 2, 3})
+        EXPECT_NE(screen_text().find("***** WARNING : level " + std::to_string(level) +
+                                     " of \"animal\" has no diagonal in the inverse and is estimated as a fixed one, "
+                                     "code " +
+                                     std::to_string(10 + level) + "\n"),
+                  std::string::npos);
 }
 
 TEST_F(ginverse_test, faults_of_the_file_stop) {
@@ -77,10 +83,10 @@ TEST_F(ginverse_test, faults_of_the_file_stop) {
 }
 
 TEST_F(ginverse_test, negative_elements_are_told_on_the_diagonal_only) {
-    gin("0.0\n1 1 -2.5\n1 2 -1.0\n2 2 1\n");
+    gin("0.0\n1 1 -2.5\n1 2 -1.0\n2 2 1\n3 3 1\n");
     gen_inverses();
     EXPECT_EQ(screen_text(), "animal  - Negative diagonal element ? 1 -2.5\n");
-    EXPECT_EQ(geninverse.nnginv(1), 3);
+    EXPECT_EQ(geninverse.nnginv(1), 4);
 }
 
 TEST_F(ginverse_test, more_levels_than_allowed_stop) {
@@ -94,7 +100,7 @@ TEST_F(ginverse_test, more_levels_than_allowed_stop) {
 }
 
 TEST_F(ginverse_test, more_levels_without_codes_are_in_running_order) {
-    gin("0.0\n5 5 1.0\n");
+    gin("0.0\n1 1 1\n2 2 1\n3 3 1\n4 4 1\n5 5 1.0\n");
     options.verbose = true;
     gen_inverses();
     EXPECT_NE(screen_text().find("***** Must supply file with codes \"animal.codes\"\n"
@@ -109,7 +115,7 @@ TEST_F(ginverse_test, more_levels_without_codes_are_in_running_order) {
 }
 
 TEST_F(ginverse_test, codes_file_gives_the_code_of_each_level_in_any_order) {
-    gin("0.0\n4 4 1.0\n");
+    gin("0.0\n1 1 1\n2 2 1\n3 3 1\n4 4 1.0\n");
     write_file("animal.codes", "4 11\n3 12\n2 13\n1 40\n");
     gen_inverses();
     EXPECT_NE(screen_text().find("Have read 4  codes from \"animal.codes\"\n"), std::string::npos);
@@ -127,11 +133,13 @@ TEST_F(ginverse_test, faults_of_the_codes_file_stop) {
 
 TEST_F(ginverse_test, progress_of_large_files) {
     std::string text = "0.0\n";
-    for (int i = 0; i < 100000; ++i) text += "1 1 1\n";
+    for (int i = 1; i <= 447; ++i)
+        for (int j = 1; j <= i; ++j) text += std::to_string(j) + " " + std::to_string(i) + " 1\n";
+    levels.rn_nlev(1) = 447;
     gin(text);
     options.verbose = true;
     gen_inverses();
-    EXPECT_EQ(screen_text(), "Check \"animal.gin\" 100000\n  File \"animal.gin\"  No. records =  100000\n");
+    EXPECT_EQ(screen_text(), "Check \"animal.gin\" 100000\n  File \"animal.gin\"  No. records =  100128\n");
 }
 
 } // namespace

@@ -301,12 +301,16 @@ TEST_F(pseudofix_test, file_is_never_taken_over) {
     clear_screen();
     options.terse = false;
     gen_inverses();
-    EXPECT_EQ(screen_text(), "");
+    EXPECT_EQ(screen_text(),
+              "***** WARNING : level 35 of \"animal\", to be treated as fixed, is not in the pedigree\n");
     EXPECT_EQ(geninverse.nnginv(1), 7);
 }
 
 TEST_F(pseudofix_test, effect_that_is_not_named_has_none) {
     randasfix.psfixname = {"sire", "sire"};
+    EXPECT_STOP(gen_inverses(), "No random effect with a relationship matrix has levels to be fixed : \"sire\"");
+    randasfix.psfixname = {};
+    randasfix.npsfix = 0;
     gen_inverses();
     EXPECT_NE(read_file("SumPedigree.out").find(" No. of levels to be treated as fixed = 0\n"), std::string::npos);
     EXPECT_LT(distance_to_identity(tabular({0, 0, 1, 3}, {0, 0, 2, 2}), inverse()), 1e-12);
