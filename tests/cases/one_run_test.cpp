@@ -102,4 +102,32 @@ TEST_F(OneRunAFolder, SignalsEndTheRunAfterItsStep) {
     }
 }
 
+TEST_F(OneRunAFolder, SecondSignalEndsTheRunAtOnce) {
+    // the run waits for its pedigree, a pipe that nobody writes: no step comes to its end
+    const auto result = run_binary(
+        "/bin/bash",
+        {"-c", "set -m; mkfifo slow.ped && sed 's/ped.dat/slow.ped/' model.par > slow.par; '" + program_path() +
+                   "' slow > out 2>&1 & run=$!; for k in $(seq 1 100); do sleep 0.05; "
+                   "grep -q process .tarvex.lock 2>/dev/null && break; done; kill -TERM $run; sleep 0.5; "
+                   "kill -0 $run && echo lives; kill -TERM $run; wait $run; echo status $?"});
+    EXPECT_NE(result.output.find("lives\n"), std::string::npos) << result.output;
+    EXPECT_TRUE(result.output.ends_with("status 143\n")) << result.output;
+    EXPECT_EQ(read_file("out").find("Stopped by"), std::string::npos);
+}
+
+TEST_F(OneRunAFolder, LimitToTheSizeOfFilesIsToldAsAFailedWrite) {
+    p_ = make_population(400, 2, 2, 0.2, 82);
+    fresh();
+    for (const char* limit : {"1", "4", "16"}) {
+        const auto result =
+            run_binary("/bin/bash", {"-c", "ulimit -f " + std::string(limit) + "; '" + program_path() +
+                                               "' --aireml2 model 2>&1 | cat; echo status ${PIPESTATUS[0]}"});
+        EXPECT_TRUE(result.output.ends_with("status 1\n")) << limit << "\n" << result.output;
+        EXPECT_TRUE(result.output.find("Error writing file \"") != std::string::npos ||
+                    result.output.find("Cannot write file \"") != std::string::npos)
+            << limit << "\n"
+            << result.output;
+    }
+}
+
 } // namespace

@@ -5,6 +5,10 @@
 
 namespace tarvex {
 
+const std::string& fault_library_path() {
+    static const std::string path = TVX_FAULTS;
+    return path;
+}
 const std::string& program_path() {
     static const char* other = std::getenv("TVX_TESTED");
     static const std::string path = other ? other : TVX_PROGRAM;
