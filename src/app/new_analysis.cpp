@@ -40,12 +40,12 @@
 #include "parfile/randasfix.h"
 #include "relations/cholnrm.h"
 #include "relations/geninverse.h"
+#include "relations/linkedlist.h"
 #include "relations/nrminverse.h"
 #include "reports/apprxaicovs.h"
 #include "reports/finalpoint.h"
 #include "simulation/ignlgi.h"
 #include "simulation/simulation.h"
-#include "relations/linkedlist.h"
 #include "support/screen.h"
 
 #include <memory>

@@ -5,8 +5,8 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "data/pedigreelist.h"
-#include "relations/nrminverse.h"
 #include "relations/linkedlist.h"
+#include "relations/nrminverse.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
 

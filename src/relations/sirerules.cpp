@@ -4,8 +4,8 @@
 #include "data/pedigreelist.h"
 #include "parfile/randasfix.h"
 #include "relations/animalnrm.h"
-#include "relations/nrminverse.h"
 #include "relations/linkedlist.h"
+#include "relations/nrminverse.h"
 #include "support/stop.h"
 
 #include <array>

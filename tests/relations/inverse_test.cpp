@@ -6,8 +6,8 @@
 #include "relations/cholnrm.h"
 #include "relations/inbreeding.h"
 #include "relations/inverse_stream.h"
-#include "relations/nrminverse.h"
 #include "relations/linkedlist.h"
+#include "relations/nrminverse.h"
 #include "support/edit_form.h"
 #include "support/record_file.h"
 
