@@ -177,6 +177,7 @@ protected:
     }
     void SetUp() override {
         numbers.maxnreq = 3;
+        mmequations.neqns = 4;
         orders.ieqnew.allocate(4);
         for (int i = 1; i <= 4; ++i) orders.ieqnew(i) = i == 2 ? 0 : 5 - i;
     }
@@ -184,6 +185,7 @@ protected:
 
 TEST_F(renumber_test, lists_are_translated_record_by_record) {
     lists({{1, 2, 4}, {}, {3}});
+    numbers.nsubject = 3;
     const std::string before = read_file(filenames.recdatfil2);
     new_eqnnos();
     const std::vector<std::vector<int>> expected{{4, 0, 1}, {}, {2}};
@@ -200,6 +202,8 @@ TEST_F(renumber_test, lists_are_translated_record_by_record) {
     }
     EXPECT_FALSE(in.next());
     EXPECT_EQ(read_file(filenames.recdatfil2), before) << "the lists in old numbers stay";
+    numbers.nsubject = 4;
+    EXPECT_STOP(new_eqnnos(), "Error reading file \"recoded2.bin\""); // a subject is missing
 }
 
 TEST_F(renumber_test, lists_that_cannot_be_stop) {
