@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <numeric>
@@ -82,13 +83,59 @@ bool is_square(const csv_table& t) { return t.names.size() == t.rows + 1; }
 
 // ---- markers -------------------------------------------------------------------------------------------------------
 
-// Sums over markers, in blocks: genotypes less 1 are -1, 0 or 1, so that sums of their products are whole numbers,
-// which single precision holds exactly up to 2^24 markers.
+// Genotypes less 1 are -1, 0 or 1. A block of them is held in two bits each: one tells that it is not 0, one that it is
+// -1. The sum of products of two animals is then a count of bits, exact.
+constexpr Index block_words = 64, block_width = 64 * block_words;
+
+struct bit_rows { // (words) of an animal follow each other
+    std::vector<std::uint64_t> other, minus;
+    Index words = block_words;
+};
+
+using count_matrix = Eigen::Matrix<std::int32_t, Eigen::Dynamic, Eigen::Dynamic>;
+
+// Adds the sums of products of the animals from..to of both ranges; lower triangle.
+[[gnu::always_inline]] inline void add_tile(const bit_rows& x, Index i0, Index i1, Index j0, Index j1,
+                                            count_matrix& k) {
+    for (Index j = j0; j < j1; ++j)
+        for (Index i = std::max(i0, j); i < i1; ++i) {
+            const std::uint64_t *oi = &x.other[i * x.words], *oj = &x.other[j * x.words];
+            const std::uint64_t *mi = &x.minus[i * x.words], *mj = &x.minus[j * x.words];
+            int both = 0, unlike = 0;
+            for (Index w = 0; w < x.words; ++w) {
+                const std::uint64_t b = oi[w] & oj[w];
+                both += __builtin_popcountll(b);
+                unlike += __builtin_popcountll(b & (mi[w] ^ mj[w]));
+            }
+            k(i, j) += both - 2 * unlike;
+        }
+}
+
+[[gnu::always_inline]] inline void add_tiles(const bit_rows& x, Index n, count_matrix& k) {
+    constexpr Index tile = 16;
+    for (Index j = 0; j < n; j += tile)
+        for (Index i = j; i < n; i += tile) add_tile(x, i, std::min(i + tile, n), j, std::min(j + tile, n), k);
+}
+
+void add_products_plain(const bit_rows& x, Index n, count_matrix& k) { add_tiles(x, n, k); }
+
+#if defined(__x86_64__)
+[[gnu::target("popcnt")]] void add_products_popcnt(const bit_rows& x, Index n, count_matrix& k) { add_tiles(x, n, k); }
+#endif
+
+void add_products(const bit_rows& x, Index n, count_matrix& k) {
+#if defined(__x86_64__)
+    if (__builtin_cpu_supports("popcnt")) return add_products_popcnt(x, n, k);
+#endif
+    add_products_plain(x, n, k);
+}
+
+// Sums over markers, in blocks.
 class marker_sums {
 public:
     explicit marker_sums(Index n)
-        : n_(n), k_(Eigen::MatrixXf::Zero(n, n)), g_(Eigen::MatrixXd::Zero(n, n)), xq_(Eigen::VectorXd::Zero(n)),
-          block_(n, width) {}
+        : n_(n), k_(count_matrix::Zero(n, n)), g_(Eigen::MatrixXd::Zero(n, n)), xq_(Eigen::VectorXd::Zero(n)),
+          other_(static_cast<std::size_t>(n * block_words)), minus_(other_.size()) {}
     // Genotypes 0, 1, 2 of all animals; -1 is missing.
     void add(const std::vector<signed char>& genotype) {
         double sum = 0.0;
@@ -105,13 +152,15 @@ public:
         const double q = p2 - 1.0;
         for (Index i = 0; i < n_; ++i) {
             const auto v = genotype[static_cast<std::size_t>(i)];
-            block_(i, filled_) = v < 0 ? 0.0F : static_cast<float>(v - 1);
+            const std::size_t word = static_cast<std::size_t>(filled_ / 64 * n_ + i);
+            other_[word] |= static_cast<std::uint64_t>(v == 0 || v == 2) << (filled_ % 64);
+            minus_[word] |= static_cast<std::uint64_t>(v == 0) << (filled_ % 64);
             xq_(i) += q * (v < 0 ? 0.0 : v - 1.0);
         }
         qq_ += q * q;
         scale_ += p2 * (1.0 - 0.5 * p2);
         add_missing(genotype, q);
-        if (++filled_ == width) flush();
+        if (++filled_ == block_width) flush();
     }
     Eigen::MatrixXd result() {
         flush();
@@ -126,9 +175,19 @@ public:
     std::size_t used = 0, fixed = 0;
 
 private:
-    static constexpr Index width = 1024;
     void flush() {
-        if (filled_ > 0) k_.selfadjointView<Eigen::Lower>().rankUpdate(block_.leftCols(filled_));
+        bit_rows rows;
+        rows.words = (filled_ + 63) / 64;
+        rows.other.resize(static_cast<std::size_t>(n_ * rows.words));
+        rows.minus.resize(rows.other.size());
+        for (Index i = 0; i < n_; ++i)
+            for (Index w = 0; w < rows.words; ++w) {
+                rows.other[i * rows.words + w] = other_[w * n_ + i];
+                rows.minus[i * rows.words + w] = minus_[w * n_ + i];
+            }
+        if (filled_ > 0) add_products(rows, n_, k_);
+        std::fill(other_.begin(), other_.end(), 0);
+        std::fill(minus_.begin(), minus_.end(), 0);
         filled_ = 0;
     }
     // A missing genotype was entered as 1, that is -q about the mean, and should be 0 there: q is added to it.
@@ -149,10 +208,10 @@ private:
         }
     }
     Index n_;
-    Eigen::MatrixXf k_;
+    count_matrix k_;
     Eigen::MatrixXd g_;
     Eigen::VectorXd xq_;
-    Eigen::MatrixXf block_;
+    std::vector<std::uint64_t> other_, minus_; // words of all animals follow each other
     Index filled_ = 0;
     double qq_ = 0.0, scale_ = 0.0;
 };
