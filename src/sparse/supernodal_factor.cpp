@@ -379,7 +379,7 @@ private:
         } catch (...) {
             p.error = std::current_exception();
         }
-        p.state.store(tree_piece::done, std::memory_order_release);
+        p.state.store(tree_piece::done); // not weaker: seen before notify_all() looks whether anyone waits
         p.state.notify_all();
     }
     void reset_stacks(factor_work& w) {

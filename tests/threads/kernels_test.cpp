@@ -106,7 +106,8 @@ struct threads_test : testing::Test {
             EXPECT_EQ(o.failed, one.failed);
             EXPECT_EQ(o.pivot, one.pivot);
             ASSERT_EQ(o.numbers.size(), one.numbers.size());
-            EXPECT_EQ(std::memcmp(o.numbers.data(), one.numbers.data(), one.numbers.size() * sizeof(double)), 0);
+            if (!one.numbers.empty()) // none after a failing pivot
+                EXPECT_EQ(std::memcmp(o.numbers.data(), one.numbers.data(), one.numbers.size() * sizeof(double)), 0);
         }
     }
     std::size_t pieces() const {
