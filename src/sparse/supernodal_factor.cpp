@@ -340,7 +340,7 @@ private:
         work_on(p);
         for (std::size_t k = i + 1; k < launched_ && p.state.load(std::memory_order_acquire) != tree_piece::done; ++k)
             if (pieces_[k].step.piece) work_on(pieces_[k]);
-        for (int now; (now = p.state.load(std::memory_order_acquire)) != tree_piece::done;) p.state.wait(now);
+        task_pool::wait_for([&] { return p.state.load(std::memory_order_acquire) == tree_piece::done; });
         if (p.error) std::rethrow_exception(p.error);
         bad_.meet(p.bad);
         for (const piece_event& e : p.events) {
@@ -379,8 +379,7 @@ private:
         } catch (...) {
             p.error = std::current_exception();
         }
-        p.state.store(tree_piece::done); // not weaker: seen before notify_all() looks whether anyone waits
-        p.state.notify_all();
+        p.state.store(tree_piece::done, std::memory_order_release);
     }
     void reset_stacks(factor_work& w) {
         w.top[0] = w.space.get();

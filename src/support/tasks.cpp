@@ -1,14 +1,17 @@
 #include "support/tasks.h"
 
 #include <atomic>
+#include <chrono>
 #include <exception>
+#include <oneapi/tbb/concurrent_queue.h>
 #include <oneapi/tbb/global_control.h>
 #include <oneapi/tbb/info.h>
 #include <oneapi/tbb/task_arena.h>
 #include <oneapi/tbb/task_group.h>
+#include <thread>
 
 // ThreadSanitizer does not see what the library, which is not built with it, does to order memory: what stands before a
-// task is started comes before the task, and the task before what follows the wait for it. Here it is told.
+// helper is started comes before its work, and its work before what follows the wait for it. Here it is told.
 #if defined(__SANITIZE_THREAD__)
 extern "C" void __tsan_acquire(void* address);
 extern "C" void __tsan_release(void* address);
@@ -34,31 +37,36 @@ void after([[maybe_unused]] void* what) {
 #endif
 }
 
-// A task of the library: a call of what `task` points to, which says when it has started and ended.
-template <class Task> struct task_call {
-    Task* task;
-    TVX_NOT_WATCHED void operator()() const { task->run(); }
+// A wait for what other threads do within microseconds: a thread that sleeps takes longer to wake than many a front
+// takes to be worked on. Only a long wait is slept through.
+class short_wait {
+public:
+    void pause() {
+        if (++turns_ < many)
+            std::this_thread::yield();
+        else
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    void reset() { turns_ = 0; }
+
+private:
+    static constexpr int many = 20000; // some milliseconds
+    int turns_ = 0;
 };
 
 // Pieces are handed out by a counter. All that the pieces read was written before it was made, and all that they wrote
-// is seen by who has counted them out.
+// is seen by who waits for the last to leave.
 struct shared_pieces {
     int count;
     task_pool::piece body;
     const void* arg;
-    std::atomic<int> next{0}, ended{0};
+    std::atomic<int> next{0};
     std::atomic<int> failed{0};
     std::exception_ptr failure{};
-    const task_pool* pool = nullptr;
 
-    void run() { // by a helper
-        after(this);
-        take_part(pool->slot());
-        before(this);
-    }
+    bool left() const { return next.load(std::memory_order_relaxed) < count; }
     void take_part(int slot) {
-        for (int i; (i = next.fetch_add(1, std::memory_order_acq_rel)) < count;
-             ended.fetch_add(1, std::memory_order_acq_rel)) {
+        for (int i; (i = next.fetch_add(1, std::memory_order_acq_rel)) < count;) {
             try {
                 body(arg, i, slot);
             } catch (...) {
@@ -70,26 +78,56 @@ struct shared_pieces {
 
 } // namespace
 
+// Threads of the library, which stay at hand from the beginning of run() to its end.
 struct task_pool::threads_of_library {
     explicit threads_of_library(int n)
         : allowed(tbb::global_control::max_allowed_parallelism, static_cast<std::size_t>(n)), arena(n) {}
+
+    void help() {
+        after(this);
+        const int slot = tbb::this_task_arena::current_thread_index();
+        for (short_wait wait; !over.load();) {
+            if (help_with_pieces(slot) || do_started())
+                wait.reset();
+            else
+                wait.pause();
+        }
+        before(this);
+    }
+    bool help_with_pieces(int slot) {
+        if (!pieces.load(std::memory_order_relaxed)) return false;
+        ++within; // from here on the owner waits before the pieces go
+        shared_pieces* p = pieces.load();
+        const bool any = p && p->left();
+        if (any) p->take_part(slot);
+        --within;
+        return any;
+    }
+    bool do_started() {
+        std::function<void()> f;
+        if (!started.try_pop(f)) return false;
+        f();
+        f = nullptr;
+        --unfinished;
+        return true;
+    }
+
     tbb::global_control allowed;
     tbb::task_arena arena;
-    tbb::task_group group;
+    tbb::task_group helpers;
+    int owner = -1; // slot of the thread that has called run()
+    std::atomic<bool> over{true};
+    std::atomic<shared_pieces*> pieces{nullptr};
+    std::atomic<int> within{0}; // helpers that may be at the pieces
+    tbb::concurrent_queue<std::function<void()>> started;
+    std::atomic<int> unfinished{0}; // of those started
 };
 
 namespace {
 
-// A piece of work that waits for a thread.
-struct started_task {
-    std::function<void()> f;
-    void* pool;
-    void run() {
-        after(this);
-        f();
-        before(pool);
-        delete this;
-    }
+struct helper_call {
+    task_pool::threads_of_library* team;
+    TVX_NOT_WATCHED void operator()() const { team->help(); }
 };
 
 } // namespace
@@ -102,14 +140,24 @@ task_pool::task_pool(int threads) : threads_(threads) {
 task_pool::~task_pool() = default;
 
 void task_pool::run(const std::function<void()>& f) {
-    if (!library_) return f();
+    if (!library_ || !library_->over.load()) return f();
+    threads_of_library& team = *library_;
     std::exception_ptr failure;
-    library_->arena.execute([&] {
+    team.arena.execute([&] {
+        team.owner = slot();
+        team.over = false;
+        before(&team);
+        for (int k = 1; k < threads_; ++k) team.helpers.run(helper_call{&team});
         try {
             f();
         } catch (...) {
             failure = std::current_exception();
         }
+        finish();
+        team.over = true;
+        team.helpers.wait();
+        after(&team);
+        team.owner = -1;
     });
     if (failure) std::rethrow_exception(failure);
 }
@@ -117,35 +165,36 @@ void task_pool::run(const std::function<void()>& f) {
 int task_pool::slot() const { return library_ ? tbb::this_task_arena::current_thread_index() : 0; }
 
 void task_pool::each(int count, piece body, const void* arg) {
-    if (!library_ || count < 2) {
+    if (!library_ || count < 2 || slot() != library_->owner || library_->pieces.load()) {
         for (int i = 0; i < count; ++i) body(arg, i, slot());
         return;
     }
+    threads_of_library& team = *library_;
     shared_pieces work{count, body, arg};
-    work.pool = this;
-    tbb::this_task_arena::isolate([&] { // while waiting no other work is taken up, which could be long
-        tbb::task_group helpers;
-        before(&work);
-        for (int k = 1; k < threads_ && k < count; ++k) helpers.run(task_call<shared_pieces>{&work});
-        work.take_part(slot());
-        helpers.wait();
-        after(&work);
-    });
-    work.ended.load(std::memory_order_acquire);
-    if (work.failed.load(std::memory_order_acquire) != 0) std::rethrow_exception(work.failure);
+    team.pieces = &work;
+    work.take_part(team.owner);
+    team.pieces = nullptr;
+    for (short_wait wait; team.within.load() != 0;) wait.pause();
+    if (work.failed.load() != 0) std::rethrow_exception(work.failure);
 }
 
 void task_pool::start(std::function<void()> f) {
     if (!library_) return f();
-    auto* task = new started_task{std::move(f), this};
-    before(task);
-    library_->group.run(task_call<started_task>{task});
+    ++library_->unfinished;
+    library_->started.push(std::move(f));
+}
+
+void task_pool::wait_for(const std::function<bool()>& done) {
+    for (short_wait wait; !done();) wait.pause();
 }
 
 void task_pool::finish() {
     if (!library_) return;
-    library_->group.wait();
-    after(this);
+    for (short_wait wait; library_->unfinished.load() != 0;)
+        if (library_->do_started())
+            wait.reset();
+        else
+            wait.pause();
 }
 
 } // namespace tarvex

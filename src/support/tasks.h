@@ -18,20 +18,24 @@ public:
     task_pool& operator=(const task_pool&) = delete;
 
     int threads() const { return threads_; }
-    // Calls f; only inside it do the routines below share work out. An exception of f goes to the caller.
+    // Calls f; only inside it do the routines below share work out: the threads stand ready from its beginning to its
+    // end. An exception of f goes to the caller.
     void run(const std::function<void()>& f);
     // Number of the calling thread, 0..threads-1: no other thread at work has the same.
     int slot() const;
-    // body(arg, i, slot) for i = 0..count-1, in any order; returns when all are done. The caller takes part. An
-    // exception of a piece is thrown again when all pieces have ended.
+    // body(arg, i, slot) for i = 0..count-1, in any order; returns when all are done. The caller takes part; pieces of
+    // pieces are done in turn. An exception of a piece is thrown again when all pieces have ended.
     using piece = void (*)(const void* arg, int i, int slot);
     void each(int count, piece body, const void* arg);
     // Has f done some time, by any thread; f must not throw. finish() waits for all that was started.
     void start(std::function<void()> f);
     void finish();
+    // Returns when done() is true, which another thread at work is about to bring about.
+    static void wait_for(const std::function<bool()>& done);
+
+    struct threads_of_library;
 
 private:
-    struct threads_of_library;
     int threads_;
     std::unique_ptr<threads_of_library> library_;
 };
