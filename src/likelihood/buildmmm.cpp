@@ -7,6 +7,7 @@
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
+#include "likelihood/subjectchunks.h"
 #include "likelihood/subjects.h"
 #include "parameters/randomvars.h"
 #include "parameters/residualvars.h"
@@ -86,51 +87,117 @@ void add_full(const design_part& part, local_matrix& w) {
     }
 }
 
-// Adds the local matrix to the store; false: an element has no place.
-bool scatter(const subject_design& d, const local_matrix& w, place_cursor& place) {
+// Of the part: rows and columns d.eq, in w.
+void form_part(const design_part& part, local_matrix& w) {
+    const int nl = part.design->nl;
+    w.a.assign(at(nl) * at(nl + 1) / 2, 0.0);
+    w.b.assign(at(nl), 0.0);
+    w.yy = 0.0;
+    if (part.diagonal)
+        add_diagonal(part, w);
+    else
+        add_full(part, w);
+}
+
+// Adds a local matrix, a and b of which stand as in local_matrix, to the store; false: an element has no place.
+bool scatter(int nl, const int* eq, const double* a, const double* b, double yy, place_cursor& place) {
     auto& diag = sparse.diag;
     auto& xspars = sparse.xspars;
-    std::size_t k = 0;
-    for (int l = 0; l < d.nl; ++l) {
-        const int i = d.eq[at(l)];
-        for (int m = 0; m < l; ++m, ++k) {
-            const int p = place(i, d.eq[at(m)]);
-            if (w.a[k] == 0.0) continue;
+    for (int l = 0; l < nl; ++l) {
+        const int i = eq[l];
+        for (int m = 0; m < l; ++m, ++a) {
+            const int p = place(i, eq[m]);
+            if (*a == 0.0) continue;
             if (p == 0) return false;
-            xspars(p) += w.a[k];
+            xspars(p) += *a;
         }
-        diag(i) += w.a[k++];
-        sparse.xrhs(i) += w.b[at(l)];
+        diag(i) += *a++;
+        sparse.xrhs(i) += b[l];
     }
-    diag(numbers.nsrow) += w.yy;
+    diag(numbers.nsrow) += yy;
     return true;
 }
 
-void mmm_data(int& iflag) {
-    local_matrix w;
-    subject_stream stream;
-    place_cursor place(places.subjects, sparse.xspars);
-    part_splitter parts(stream);
-    design_part part;
-    if (options.randreg) residualvars.detres(1) = 0.0;
-    for (;;) {
-        if (stream.isubj() % places.together == 0) place.mark(stream.place_of_next());
-        if (!stream.next()) break;
-        if (options.randreg) residualvars.detres(1) += stream.ldet();
-        for (parts.start(); parts.next(part);) {
-            const subject_design& d = *part.design;
-            w.a.assign(at(d.nl) * at(d.nl + 1) / 2, 0.0);
-            w.b.assign(at(d.nl), 0.0);
-            w.yy = 0.0;
-            if (part.diagonal)
-                add_diagonal(part, w);
-            else
-                add_full(part, w);
-            if (!scatter(d, w, place)) {
-                iflag = 1;
-                return;
+// Local matrices of a chunk of subjects, one after the other, until their turn comes.
+struct formed_chunk {
+    std::vector<int> nl, eq;
+    std::vector<double> values; // a, b, yy of each
+    std::vector<double> ldet;   // of each subject (random regression)
+
+    void form(chunk_stream& chunk) {
+        for (auto* v : {&nl, &eq}) v->clear();
+        for (auto* v : {&values, &ldet}) v->clear();
+        local_matrix w;
+        part_splitter parts(chunk.stream());
+        design_part part;
+        while (chunk.next()) {
+            if (options.randreg) ldet.push_back(chunk.stream().ldet());
+            for (parts.start(); parts.next(part);) {
+                form_part(part, w);
+                const auto& of = part.design->eq;
+                nl.push_back(part.design->nl);
+                eq.insert(eq.end(), of.begin(), of.begin() + part.design->nl);
+                values.insert(values.end(), w.a.begin(), w.a.end());
+                values.insert(values.end(), w.b.begin(), w.b.end());
+                values.push_back(w.yy);
             }
         }
+    }
+    bool add(place_cursor& place) const {
+        for (double d : ldet) residualvars.detres(1) += d;
+        const int* e = eq.data();
+        const double* v = values.data();
+        for (int n : nl) {
+            const std::size_t size = at(n) * at(n + 1) / 2;
+            if (!scatter(n, e, v, v + size, v[size + at(n)], place)) return false;
+            e += n;
+            v += size + at(n) + 1;
+        }
+        return true;
+    }
+};
+
+// Threads form the local matrices of as many chunks as they are; these are added in the order of the subjects.
+bool add_by_chunks(int chunks, const subject_stream& stream, place_cursor& place) {
+    const int threads = threads_at_work()->threads();
+    std::vector<formed_chunk> formed(at(threads));
+    for (int first = 0; first < chunks; first += threads) {
+        const int end = std::min(chunks, first + threads);
+        share_chunks(
+            first, end, [&] { return std::make_unique<chunk_stream>(stream); },
+            [&](chunk_stream& own, int chunk) {
+                own.start(chunk);
+                formed[at(chunk - first)].form(own);
+            });
+        for (int chunk = first; chunk < end; ++chunk)
+            if (!formed[at(chunk - first)].add(place)) return false;
+    }
+    return true;
+}
+
+bool add_in_turn(subject_stream& stream, place_cursor& place) {
+    local_matrix w;
+    part_splitter parts(stream);
+    design_part part;
+    for (;;) {
+        if (stream.isubj() % places.together == 0) place.mark(stream.place_of_next());
+        if (!stream.next()) return true;
+        if (options.randreg) residualvars.detres(1) += stream.ldet();
+        for (parts.start(); parts.next(part);) {
+            form_part(part, w);
+            if (!scatter(part.design->nl, part.design->eq.data(), w.a.data(), w.b.data(), w.yy, place)) return false;
+        }
+    }
+}
+
+void mmm_data(int& iflag) {
+    subject_stream stream;
+    place_cursor place(places.subjects, sparse.xspars);
+    if (options.randreg) residualvars.detres(1) = 0.0;
+    const int chunks = shared_chunks();
+    if (!(chunks > 0 ? add_by_chunks(chunks, stream, place) : add_in_turn(stream, place))) {
+        iflag = 1;
+        return;
     }
     place.finish();
 }

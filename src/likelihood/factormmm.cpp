@@ -155,7 +155,7 @@ void autodiff_in_place() {
 }
 
 void forward_columns(array<double, 2>& b) {
-    forward_columns(sparse, kernels.choice == kernel_kind::columns ? nullptr : &dense_kernels(), b);
+    forward_columns(sparse, kernels.choice == kernel_kind::columns ? nullptr : &dense_kernels(), threads_at_work(), b);
 }
 
 } // namespace tarvex

@@ -13,6 +13,7 @@ constexpr int lane = 8;           // rows are padded to the longest vector of do
 constexpr int wide = 240;         // columns of a supernode worked on at a time; a multiple of block
 constexpr int broad = 4 * wide;   // columns of a large front that take its finished columns at a time
 constexpr int solve_columns = 16; // right-hand sides solved for together: two cache lines for each equation
+constexpr int few_columns = 8;    // the same where threads share a block
 constexpr int block = 48;         // columns of a block; a multiple of the tile heights of all instruction sets
 
 constexpr std::ptrdiff_t padded(std::ptrdiff_t rows) { return (rows + lane - 1) / lane * lane; }
@@ -81,10 +82,12 @@ struct dense_kernels_table {
     void (*add_rows)(int from, int m, const int* place, const int* runs, const double* src, double* dst);
     // dst(i) = src(place(i)), i = from..m-1.
     void (*take_rows)(int from, int m, const int* place, const int* runs, const double* src, double* dst);
-    // Row r of x (solve_columns a row) -= l(q) s, for q = 0..m-1, r = rows(q)-1.
-    void (*spread_rows)(int m, const int* rows, const double* l, const double* s, double* x);
-    // The same for four columns with the same rows: l(0..3), and s with solve_columns values for each.
-    void (*spread_four)(int m, const int* rows, const double* const* l, const double* s, double* x);
+    // Row r of x -= l(q) s, for q = 0..m-1, r = rows(q)-1; and the same for four columns of the factor with the same
+    // rows: l(0..3), and s one row for each. Rows are of solve_columns, or of few_columns; digits are the same.
+    struct spread {
+        void (*rows)(int m, const int* rows, const double* l, const double* s, double* x);
+        void (*four)(int m, const int* rows, const double* const* l, const double* s, double* x);
+    } spread_all, spread_few;
 };
 
 // The kernels of an instruction set by its name ("baseline", "avx2", "avx512"), of the best that the processor has for

@@ -528,29 +528,30 @@ void take_rows(int from, int m, const int* place, const int* runs, const double*
     }
 }
 
-constexpr int rhs_vectors = solve_columns / lanes;
-static_assert(solve_columns % lanes == 0);
+static_assert(solve_columns % lanes == 0 && few_columns % lanes == 0);
 
-void spread_rows(int m, const int* rows, const double* l, const double* s, double* x) {
-    vec v[rhs_vectors];
-    for (int c = 0; c < rhs_vectors; ++c) v[c] = load(s + c * lanes);
+template <int columns> void spread_rows(int m, const int* rows, const double* l, const double* s, double* x) {
+    constexpr int vectors_of_row = columns / lanes;
+    vec v[vectors_of_row];
+    for (int c = 0; c < vectors_of_row; ++c) v[c] = load(s + c * lanes);
     for (int q = 0; q < m; ++q) {
-        double* xi = x + static_cast<place_t>(rows[q] - 1) * solve_columns;
+        double* xi = x + static_cast<place_t>(rows[q] - 1) * columns;
 #pragma GCC unroll 8
-        for (int c = 0; c < rhs_vectors; ++c) save(xi + c * lanes, load(xi + c * lanes) - v[c] * l[q]);
+        for (int c = 0; c < vectors_of_row; ++c) save(xi + c * lanes, load(xi + c * lanes) - v[c] * l[q]);
     }
 }
 
-// The same for four columns of the factor with the same rows, l(k) and solve_columns values of s for each.
-void spread_four(int m, const int* rows, const double* const* l, const double* s, double* x) {
+// The same for four columns of the factor with the same rows, l(k) and a row of s for each.
+template <int columns> void spread_four(int m, const int* rows, const double* const* l, const double* s, double* x) {
+    constexpr int vectors_of_row = columns / lanes;
     const double *l0 = l[0], *l1 = l[1], *l2 = l[2], *l3 = l[3];
-    vec v[4][rhs_vectors];
+    vec v[4][vectors_of_row];
     for (int k = 0; k < 4; ++k)
-        for (int c = 0; c < rhs_vectors; ++c) v[k][c] = load(s + solve_columns * k + c * lanes);
+        for (int c = 0; c < vectors_of_row; ++c) v[k][c] = load(s + columns * k + c * lanes);
     for (int q = 0; q < m; ++q) {
-        double* xi = x + static_cast<place_t>(rows[q] - 1) * solve_columns;
+        double* xi = x + static_cast<place_t>(rows[q] - 1) * columns;
 #pragma GCC unroll 8
-        for (int c = 0; c < rhs_vectors; ++c)
+        for (int c = 0; c < vectors_of_row; ++c)
             save(xi + c * lanes,
                  load(xi + c * lanes) - v[0][c] * l0[q] - v[1][c] * l1[q] - v[2][c] * l2[q] - v[3][c] * l3[q]);
     }
@@ -559,8 +560,17 @@ void spread_four(int m, const int* rows, const double* const* l, const double* s
 } // namespace
 
 extern const dense_kernels_table TVX_KERNELS;
-const dense_kernels_table TVX_KERNELS{TVX_NAME,        product,      minus_square, minus_columns,
-                                      minus_symmetric, factor_panel, solve_right,  transpose,
-                                      add_rows,        take_rows,    spread_rows,  spread_four};
+const dense_kernels_table TVX_KERNELS{TVX_NAME,
+                                      product,
+                                      minus_square,
+                                      minus_columns,
+                                      minus_symmetric,
+                                      factor_panel,
+                                      solve_right,
+                                      transpose,
+                                      add_rows,
+                                      take_rows,
+                                      {spread_rows<solve_columns>, spread_four<solve_columns>},
+                                      {spread_rows<few_columns>, spread_four<few_columns>}};
 
 } // namespace tarvex

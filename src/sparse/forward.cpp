@@ -8,22 +8,21 @@ namespace tarvex {
 
 namespace {
 
-constexpr int width = solve_columns; // right-hand sides of a block
-// Work space x: row i has its values of the block at x[(i-1)*width..].
-static_assert(width % lane == 0, "a row of a block is made of whole vectors");
+// Work space x of a block of right-hand sides: row i has its values at x[(i-1)*width..].
+static_assert(solve_columns % lane == 0 && few_columns % lane == 0, "a row of a block is made of whole vectors");
 
 // Copies columns first.. of b into x, equations running slowest, or back; missing columns of the block are 0.
-void pack(const array<double, 2>& b, int first, int count, int n, std::vector<double>& x) {
+void pack(const array<double, 2>& b, int first, int count, int width, int n, std::vector<double>& x) {
     x.assign(static_cast<std::size_t>(n) * width, 0.0);
     for (int c = 0; c < count; ++c)
         for (int i = 1; i <= n; ++i) x[static_cast<std::size_t>(i - 1) * width + c] = b(i, first + c);
 }
-void unpack(const std::vector<double>& x, int first, int count, int n, array<double, 2>& b) {
+void unpack(const std::vector<double>& x, int first, int count, int width, int n, array<double, 2>& b) {
     for (int c = 0; c < count; ++c)
         for (int i = 1; i <= n; ++i) b(i, first + c) = x[static_cast<std::size_t>(i - 1) * width + c];
 }
 
-void forward_block(const sparse_store& m, double* x) {
+template <int width> void forward_block(const sparse_store& m, double* x) {
     const int n = m.n;
     for (int j = 1; j < n; ++j) {
         double s[width];
@@ -54,7 +53,7 @@ int nested_from(const sparse_store& m, int j) {
 const double* column_of(const sparse_store& m, int j) { return m.xspars.data() + m.ixvec1(j) - 1; }
 
 // As the blocks above, with vector kernels, four columns at a time where their rows are the same.
-void forward_fast(const sparse_store& a, const dense_kernels_table& kernel, double* x) {
+template <int width> void forward_fast(const sparse_store& a, const dense_kernels_table::spread& spread, double* x) {
     const int n = a.n;
     for (int j = 1, w; j < n; j += w) {
         w = nested_from(a, j);
@@ -73,27 +72,42 @@ void forward_fast(const sparse_store& a, const dense_kernels_table& kernel, doub
         const int* list = row_list(a, j + w - 1);
         if (list[m - 1] == n) --m;
         if (w == 4)
-            kernel.spread_four(m, list, l, s, x);
+            spread.four(m, list, l, s, x);
         else
-            for (int k = 0; k < w; ++k) kernel.spread_rows(m, list, l[k], s + k * width, x);
+            for (int k = 0; k < w; ++k) spread.rows(m, list, l[k], s + k * width, x);
     }
+}
+
+// One block of columns first..; rows of x for all of them or for few.
+template <int width>
+void solve_block(const sparse_store& s, const dense_kernels_table::spread* spread, int first, array<double, 2>& b) {
+    const int count = std::min(width, static_cast<int>(b.upper(2)) - first + 1);
+    std::vector<double> x;
+    pack(b, first, count, width, s.n - 1, x);
+    if (spread)
+        forward_fast<width>(s, *spread, x.data());
+    else
+        forward_block<width>(s, x.data());
+    unpack(x, first, count, width, s.n - 1, b);
 }
 
 } // namespace
 
-void forward_columns(const sparse_store& s, const dense_kernels_table* kernel, array<double, 2>& b) {
+void forward_columns(const sparse_store& s, const dense_kernels_table* kernel, task_pool* pool, array<double, 2>& b) {
     need_state(s, store_state::factor, "forward_columns");
-    const int n = s.n, columns = static_cast<int>(b.upper(2));
-    std::vector<double> x;
-    for (int first = 1; first <= columns; first += width) {
-        const int count = std::min(width, columns - first + 1);
-        pack(b, first, count, n - 1, x);
-        if (kernel)
-            forward_fast(s, *kernel, x.data());
-        else
-            forward_block(s, x.data());
-        unpack(x, first, count, n - 1, b);
+    const int columns = static_cast<int>(b.upper(2));
+    if (!pool || pool->threads() < 2 || columns <= few_columns) {
+        for (int first = 1; first <= columns; first += solve_columns)
+            solve_block<solve_columns>(s, kernel ? &kernel->spread_all : nullptr, first, b);
+        return;
     }
+    const auto work = [&](int i) {
+        solve_block<few_columns>(s, kernel ? &kernel->spread_few : nullptr, 1 + i * few_columns, b);
+    };
+    pool->run([&] {
+        pool->each((columns + few_columns - 1) / few_columns,
+                   [](const void* f, int i, int) { (*static_cast<const decltype(work)*>(f))(i); }, &work);
+    });
 }
 
 } // namespace tarvex
