@@ -91,7 +91,7 @@ ending read_pedigree_and_data() {
         write_given_loadings();
         return finish_run();
     }
-    if (options.write_factor && !options.siremodel) cholnrm_animal();
+    if (options.write_factor) cholnrm_animal();
     end_if_asked(false);
     return {};
 }

@@ -93,12 +93,20 @@ std::int64_t checked_code(const scan_state& s, const effect_columns& e) {
     return e.icol2 > 0 ? icode * word + icode2 : icode;
 }
 
-void accum_levels(scan_state& s, const effect_columns& e, code_set& set) {
-    const std::int64_t icode = checked_code(s, e);
+void accum_code(scan_state& s, const effect_columns& e, std::int64_t icode, code_set& set) {
     if (!set.insert(icode) || set.size() <= e.mlev) return;
     const std::int64_t word = std::int64_t{1} << 31;
     too_many_levels(e, e.icol2 > 0 ? list_item(icode / word) + "*" + list_item(icode % word) : list_item(icode),
                     s.pass.reader.ndatrec);
+}
+
+void accum_levels(scan_state& s, const effect_columns& e, code_set& set) { accum_code(s, e, checked_code(s, e), set); }
+
+// Values of control variables have either sign; a negative one that stands for a missing record is none.
+void accum_control(scan_state& s, const effect_columns& e, code_set& set) {
+    const double x = s.dvec(e.icol);
+    const bool negative = x > -2147483648.0 && x <= -1.0 && !is_missing(e.iq, std::trunc(x));
+    accum_code(s, e, negative ? effect_code(s.dvec, e.icol, 0, 1) : checked_code(s, e), set);
 }
 
 void check_pedlist(std::int64_t icode, int ndatrec) {
@@ -165,7 +173,7 @@ void scan_covariables(scan_state& s, int iq) {
     for (int i = 1; i <= model.nmeta(iq); ++i) {
         const int icol = mudmap.rr_dcolno(i, iq);
         s.mm(i, iq).add(s.dvec(icol));
-        accum_levels(s, {model.rricontrol(i, iq), i, iq, icol, 0, 0, mudmap.mm_mlev(i, iq)}, s.meta(i, iq));
+        accum_control(s, {model.rricontrol(i, iq), i, iq, icol, 0, 0, mudmap.mm_mlev(i, iq)}, s.meta(i, iq));
         if (s.meta(i, iq).size() > maxage) stop_with("Max. no. of values of a control variable exceeded !");
     }
 }

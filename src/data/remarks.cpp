@@ -44,6 +44,15 @@ void covariable_values(int iq) {
     }
 }
 
+void control_values(int iq) {
+    for (int i = 1; options.randreg && i <= model.nmeta(iq); ++i) {
+        const auto& codes = levels.mm_codes(i, iq);
+        if (std::binary_search(codes.begin(), codes.end(), -999))
+            warn("control variable with a code for absent values",
+                 "-999 is taken as a value of control variable \"" + model.rricontrol(i, iq) + "\"" + of_trait(iq));
+    }
+}
+
 // Element (iq,jq) of the residual covariances in every class.
 bool starts_at_zero(int iq, int jq) {
     const int n = model.kkfit(0), triangle = n * (n + 1) / 2;
@@ -70,6 +79,7 @@ void remark_on_input() {
         class_codes(iq);
         means_fitted(iq);
         covariable_values(iq);
+        control_values(iq);
     }
     residual_covariances();
 }

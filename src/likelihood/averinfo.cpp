@@ -209,7 +209,7 @@ void solve_given(int irand, const std::vector<double>& z, std::vector<double>& x
 // A z by place of the block.
 void multiply_relationships(int irand, effect_vectors& e) {
     if (mudmap.kovrnd(irand) == "IDE") return;
-    const bool given = mudmap.kovrnd(irand) == "GIN" || options.siremodel; // no order of ages among sires
+    const bool given = mudmap.kovrnd(irand) == "GIN";
     if (options.write_factor && !given) check_cholnrm(irand);
     const int nlev = levels.rn_nlev(irand);
     std::vector<double> z(at(nlev)), az;

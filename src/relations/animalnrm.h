@@ -32,6 +32,14 @@ void nnrm_count_growing(int jj, int nanim, int cap, int limit = maxelements);
 // store, nnrm and detl.
 void animal_nrm(int jj, int nanim);
 
+// Share of the variance that Mendelian sampling adds to an animal, and the parts that its parents pass on.
+struct pedigree_rule {
+    double share, by_sire, by_dam;
+};
+// That of a sire with sire s and maternal grandsire m (0: unknown), as its inverse has it: one bull as both counts as
+// sire alone, with the sampling variance of both.
+pedigree_rule sire_rule(int s, int m);
+
 // The rules for sires: sire and maternal grandsire of a sire, without inbreeding. Leaves the store, nnrm, detl and the
 // factors in nrmdiag.
 void sire_nrm(int jj, int nanim);

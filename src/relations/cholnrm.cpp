@@ -1,12 +1,15 @@
-// Row of an animal in the factor L of A = L L': half the sum of the rows of its known parents, and the root of its
-// Mendelian sampling variance on the diagonal. Rows are kept in memory as long as they can serve as parents' rows.
+// Row of an animal in the factor L of A = L L': the rows of its known parents by the parts that they pass on, and the
+// root of its Mendelian sampling variance on the diagonal. Rows are kept in memory as long as they can serve as
+// parents' rows.
 #include "relations/cholnrm.h"
 
 #include "control/filenames.h"
 #include "control/numbers.h"
+#include "control/options.h"
 #include "control/tvxroutines.h"
 #include "data/pedigreelist.h"
 #include "parfile/mudmap.h"
+#include "relations/animalnrm.h"
 #include "relations/inbreeding.h"
 #include "relations/nrminverse.h"
 #include "relations/pedigreesum.h"
@@ -22,16 +25,20 @@ namespace {
 
 // Coefficients that are missing, as the inverse was taken over from an earlier run, are computed.
 void need_inbreeding(int irun) {
+    if (options.siremodel) return; // the rules for sires do without
     if (!nrminverse.ifin.allocated() || irun > nrminverse.ifin.upper())
         stop_with("Inbreeding coefficients not set - cannot calculate NRM ");
     compute_inbreeding(irun);
 }
 
-double mendelian(int irun, int ian) {
+// What an animal has from its parents.
+pedigree_rule rule_of(int irun, int ian) {
+    const int s = pedigreelist.sire(irun)[ian - 1], d = pedigreelist.dam(irun)[ian - 1];
+    if (options.siremodel) return sire_rule(s, d);
     double sum = 0.0;
-    for (const int p : {pedigreelist.sire(irun)[ian - 1], pedigreelist.dam(irun)[ian - 1]})
+    for (const int p : {s, d})
         if (p > 0) sum += 1.0 + nrminverse.inbreed(p, irun);
-    return 1.0 - 0.25 * sum;
+    return {1.0 - 0.25 * sum, s > 0 ? 0.5 : 0.0, d > 0 ? 0.5 : 0.0};
 }
 
 struct factor_row {
@@ -39,18 +46,18 @@ struct factor_row {
     std::vector<double> val;
 };
 
-// Half the sum of the rows of parents p and q (0: unknown), each with its diagonal as last element.
-void merge_parents(const factor_row& p, const factor_row& q, factor_row& row) {
+// Sum of the rows of parents p and q (0: unknown) by their parts, each row with its diagonal as last element.
+void merge_parents(const factor_row& p, const factor_row& q, const pedigree_rule& rule, factor_row& row) {
     row.col.clear();
     row.val.clear();
     std::size_t i = 0, j = 0;
     while (i < p.col.size() || j < q.col.size()) {
         const int ci = i < p.col.size() ? p.col[i] : INT32_MAX, cj = j < q.col.size() ? q.col[j] : INT32_MAX;
         double sum = 0.0;
-        if (ci <= cj) sum += p.val[i++];
-        if (cj <= ci) sum += q.val[j++];
+        if (ci <= cj) sum += rule.by_sire * p.val[i++];
+        if (cj <= ci) sum += rule.by_dam * q.val[j++];
         row.col.push_back(std::min(ci, cj));
-        row.val.push_back(0.5 * sum);
+        row.val.push_back(sum);
     }
 }
 
@@ -72,10 +79,11 @@ void write_factor(record_writer& out, int irun, int nan) {
     for (int ian = 1; ian <= nan; ++ian) {
         if (ian % 500 == 0) print_list(screen(), "nrm", ian, nrczhz);
         const int s = pedigreelist.sire(irun)[ian - 1], d = pedigreelist.dam(irun)[ian - 1];
-        merge_parents(rows[s], rows[d], row);
+        const pedigree_rule rule = rule_of(irun, ian);
+        merge_parents(rows[s], rows[d], rule, row);
         nrczhz += static_cast<std::int64_t>(row.col.size());
         if (nrczhz > cholnrm.maxlzhz) stop_with("\"lnkloc\" : dimensions exceeded !!");
-        const double zdia = std::sqrt(mendelian(irun, ian));
+        const double zdia = std::sqrt(rule.share);
         out.record(std::int32_t{ian}, std::int32_t{ian}, zdia);
         for (std::size_t k = 0; k < row.col.size(); ++k)
             out.record(std::int32_t{ian}, std::int32_t{row.col[k]}, row.val[k]);
@@ -120,14 +128,17 @@ void nrm_product(int irun, const std::vector<double>& x, std::vector<double>& y)
     const auto& dam = pedigreelist.dam(irun);
     const int nan = pedigreelist.nannew(irun);
     y = x;
-    for (int i = nan; i >= 1; --i)
-        for (const int p : {sire[i - 1], dam[i - 1]})
-            if (p > 0) y[p - 1] += 0.5 * y[i - 1];
+    for (int i = nan; i >= 1; --i) {
+        const pedigree_rule rule = rule_of(irun, i);
+        if (sire[i - 1] > 0) y[sire[i - 1] - 1] += rule.by_sire * y[i - 1];
+        if (dam[i - 1] > 0) y[dam[i - 1] - 1] += rule.by_dam * y[i - 1];
+    }
     for (int i = 1; i <= nan; ++i) {
-        double half = 0.0;
-        for (const int p : {sire[i - 1], dam[i - 1]})
-            if (p > 0) half += 0.5 * y[p - 1];
-        y[i - 1] = mendelian(irun, i) * y[i - 1] + half;
+        const pedigree_rule rule = rule_of(irun, i);
+        double passed = 0.0;
+        if (sire[i - 1] > 0) passed += rule.by_sire * y[sire[i - 1] - 1];
+        if (dam[i - 1] > 0) passed += rule.by_dam * y[dam[i - 1] - 1];
+        y[i - 1] = rule.share * y[i - 1] + passed;
     }
 }
 

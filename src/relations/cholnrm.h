@@ -14,7 +14,7 @@ inline cholnrm_module cholnrm;
 // pedigree); one of the same pedigree is taken over.
 void cholnrm_animal();
 // y = A x for relationship matrix irun through the pedigree, A = T D T', in linear time; x and y by animal of the
-// pruned list (0-based vectors). Parents stand before their offspring: not for sire models.
+// pruned list (0-based vectors). Parents stand before their offspring. Sires go by the rules for them.
 void nrm_product(int irun, const std::vector<double>& x, std::vector<double>& y);
 
 } // namespace tarvex

@@ -67,6 +67,12 @@ void sire_terms(std::vector<nrm_term>& terms, int icase, int ian, int s, int m) 
 
 } // namespace
 
+pedigree_rule sire_rule(int s, int m) {
+    const int icase = sire_case(s, m, false);
+    const bool grandsire = icase == 1 || icase == 3;
+    return {factor[icase], s > 0 ? 0.5 : 0.0, grandsire ? 0.25 : 0.0};
+}
+
 void sire_nrm(int jj, int nanim) {
     std::vector<nrm_term> terms;
     nrminverse.detl = 0.0;

@@ -9,6 +9,7 @@
 #include "parameters/variances.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
+#include "relations/animalnrm.h"
 #include "relations/geninverse.h"
 #include "relations/inbreeding.h"
 #include "relations/nrminverse.h"
@@ -24,23 +25,10 @@ namespace tarvex {
 
 namespace {
 
-// Share of the variance that Mendelian sampling adds, and the parents' contributions.
-struct pedigree_rule {
-    double share, by_sire, by_dam;
-};
-
 pedigree_rule animal_rule(const array<double, 2>& f, int irun, int s, int d) {
     if (s > 0 && d > 0) return {0.5 - 0.25 * (f(s, irun) + f(d, irun)), 0.5, 0.5};
     if (s > 0) return {0.75 - 0.25 * f(s, irun), 0.5, 0.0};
     if (d > 0) return {0.75 - 0.25 * f(d, irun), 0.0, 0.5};
-    return {1.0, 0.0, 0.0};
-}
-
-// Sires with the sire and the maternal grandsire known or not; inbreeding is not considered.
-pedigree_rule sire_rule(int s, int m) {
-    if (s > 0 && m > 0) return {s == m ? 0.4375 : 0.6875, 0.5, 0.25};
-    if (s > 0) return {0.75, 0.5, 0.0};
-    if (m > 0) return {0.9375, 0.0, 0.25};
     return {1.0, 0.0, 0.0};
 }
 

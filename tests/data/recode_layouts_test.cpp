@@ -62,8 +62,25 @@ TEST_F(layouts_test, zero_is_a_value_of_a_control_variable) {
     prepare(rr, "2 5 0.7 1.5\n1 6 8 2.5\n", 2);
     data_scan1st();
     EXPECT_EQ(levels.mm_codes(1, 1), (code_list{0, 8}));
-    write_file("t.dat", "2 5 -1 1.5\n");
-    EXPECT_STOP(data_scan1st(), "Invalid effect code :  age -1.0 -1\n");
+}
+
+TEST_F(layouts_test, values_of_a_control_variable_have_either_sign) {
+    prepare(rr, "2 5 -0.7 1.5\n2 6 7 0.5\n1 6 -8 2.5\n1 6 -123 0.5\n", 2);
+    recode();
+    EXPECT_EQ(levels.mm_codes(1, 1), (code_list{-123, -8, 0, 7}));
+    EXPECT_EQ(covmeans.mm_min(1, 1), -123.0);
+    setup_recdata(pass, filenames.recdatfil2);
+    ASSERT_TRUE(next_subject(pass));
+    EXPECT_EQ(datavecs.imeta(1, 1), 3);
+    ASSERT_TRUE(next_subject(pass));
+    EXPECT_EQ(datavecs.imeta(1, 1), 2);
+    EXPECT_EQ(datavecs.imeta(1, 2), 1);
+    write_file("t.dat", "2 5 -9 1.5\n"); // the code of missing records
+    EXPECT_STOP(data_scan1st(), "Invalid effect code :  age -9.0 -9\n");
+    for (const char* beyond : {"-2147483648", "2147483648", "-3e9"}) {
+        write_file("t.dat", std::string("2 5 ") + beyond + " 1.5\n");
+        EXPECT_STOP(data_scan1st(), "Invalid effect code :  age ");
+    }
 }
 
 TEST_F(layouts_test, control_value_that_the_scan_has_not_seen) {

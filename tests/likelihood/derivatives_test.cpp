@@ -36,6 +36,13 @@ small_model traits(int nq, std::vector<double> g, std::vector<double> r, int rep
     return m;
 }
 
+// Dams become maternal grandsires; one bull is both.
+small_model as_sires(small_model m) {
+    m.sires = true;
+    m.sire.back() = m.dam.back() = 2;
+    return m;
+}
+
 small_model two_effects() {
     small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
     m.random.push_back({"dam", "IDE", 2, 0, {0.9, 0.1, 0.8}});
@@ -330,9 +337,40 @@ TEST_F(derivatives_test, OrderOfTheMatrixWithoutPivoting) {
 }
 
 TEST_F(derivatives_test, SireModel) {
-    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
-    std::fill(m.dam.begin(), m.dam.end(), 0); // the rules for sires alone give the relationships of the pedigree
-    m.sires = true;
+    const small_model m = as_sires(traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}));
+    set_up(m);
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, SireModelAtReducedRank) {
+    for (const char* option : {"--aireml", "--logdia", "--super"}) {
+        new_analysis();
+        std::remove("cholnrm1.bin");
+        small_model m = as_sires(traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5}));
+        m.principal = true;
+        m.random[0].rank = 2;
+        set_up(m, {"--aireml", option});
+        EXPECT_EQ(file_exists("cholnrm1.bin"), options.write_factor);
+        expect_derivatives(m);
+    }
+}
+
+TEST_F(derivatives_test, SireModelThroughTheFactorAtFullRank) {
+    small_model m = as_sires(traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}));
+    m.principal = true;
+    m.random[0].rank = 2;
+    set_up(m, {"--aireml", "--super"});
+    EXPECT_TRUE(options.superai);
+    expect_derivatives(m);
+    new_analysis();
+    m.principal = false;
+    m.random[0].rank = 0;
+    set_up(m, {"--aireml", "--super"});
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, RandomRegressionOfSiresAtReducedRank) {
+    const small_model m = as_sires(regressions(true));
     set_up(m);
     expect_derivatives(m);
 }

@@ -433,6 +433,46 @@ TEST_F(factor_test, factor_and_product_of_inbred_pedigrees) {
     }
 }
 
+// A sire has half of his sire and a quarter of his maternal grandsire; one bull as both counts as a sire.
+TEST_F(factor_test, factor_and_product_of_sires) {
+    for (unsigned seed = 31; seed <= 34; ++seed) {
+        auto [sire, grandsire] = random_pedigree(50, seed, true);
+        grandsire[30] = sire[30] = 7;
+        model_by_hand(sire, grandsire);
+        options.siremodel = options.superai = true;
+        std::remove("nrminvers1.bin");
+        std::remove("cholnrm1.bin");
+        gen_inverses();
+        cholnrm_animal();
+        dense a(50, std::vector<double>(50)), l = factor();
+        for (int i = 0; i < 50; ++i) {
+            const int s = sire[i], m = grandsire[i] == sire[i] ? 0 : grandsire[i];
+            for (int j = 0; j < i; ++j)
+                a[i][j] = a[j][i] = (s > 0 ? 0.5 * a[s - 1][j] : 0.0) + (m > 0 ? 0.25 * a[m - 1][j] : 0.0);
+            a[i][i] = s > 0 && s == grandsire[i] ? 0.4375 : 1.0 - (s > 0 ? 0.25 : 0.0) - (m > 0 ? 0.0625 : 0.0);
+            if (s > 0) a[i][i] += 0.25 * a[s - 1][s - 1];
+            if (m > 0) a[i][i] += 0.0625 * a[m - 1][m - 1];
+            if (s > 0 && m > 0) a[i][i] += 0.25 * a[s - 1][m - 1];
+        }
+        std::vector<double> x(50), y;
+        for (int i = 0; i < 50; ++i) x[i] = std::sin(i + 1.0);
+        nrm_product(1, x, y);
+        const dense inv = inverse();
+        for (int i = 0; i < 50; ++i) {
+            double back = 0.0, ax = 0.0;
+            for (int j = 0; j < 50; ++j) {
+                back += inv[i][j] * y[j];
+                ax += a[i][j] * x[j];
+                double ll = 0.0;
+                for (int k = 0; k < 50; ++k) ll += l[i][k] * l[j][k];
+                EXPECT_NEAR(ll, a[i][j], 1e-13);
+            }
+            EXPECT_NEAR(y[i], ax, 1e-12);
+            EXPECT_NEAR(back, x[i], 1e-12);
+        }
+    }
+}
+
 TEST_F(factor_test, line_of_parents_and_offspring) {
     std::vector<int> sire(13), dam(13);
     std::iota(sire.begin(), sire.end(), 0);

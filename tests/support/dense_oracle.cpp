@@ -98,6 +98,27 @@ dense tabular(const std::vector<int>& sire, const std::vector<int>& dam) {
     return a;
 }
 
+dense related_sires(const std::vector<int>& sire, const std::vector<int>& grandsire) {
+    const std::size_t n = sire.size();
+    dense t = zeros(n, n); // contributions of Mendelian samplings to each sire; A = T D T'
+    vec d(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        const int s = sire[i], m = grandsire[i];
+        const double whole = s > 0 ? 0.5 : 0.0, half = m > 0 ? 0.25 : 0.0;
+        d[i] = 1.0 - whole * whole - half * half - (s > 0 && s == m ? 2.0 * whole * half : 0.0);
+        t[i][i] = 1.0;
+        for (std::size_t k = 0; k < i; ++k) {
+            if (s > 0) t[i][k] += whole * t[static_cast<std::size_t>(s - 1)][k];
+            if (m > 0 && m != s) t[i][k] += half * t[static_cast<std::size_t>(m - 1)][k];
+        }
+    }
+    dense a = zeros(n, n);
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t j = 0; j < n; ++j)
+            for (std::size_t k = 0; k <= std::min(i, j); ++k) a[i][j] += t[i][k] * d[k] * t[j][k];
+    return a;
+}
+
 dense variance(const analysis& m, const point& at) {
     const std::size_t n = m.obs.size();
     dense v = zeros(n, n);

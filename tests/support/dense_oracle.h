@@ -19,6 +19,9 @@ double dot(const vec& a, const vec& b);
 
 // Relationship matrix by the tabular method; parents 0 unknown, animals 1..n with parents first.
 dense tabular(const std::vector<int>& sire, const std::vector<int>& dam);
+// The same of sires with sire and maternal grandsire, whose other ancestors are unknown, without inbreeding. One bull
+// as both is taken as the inverse has it: he passes on what a sire does.
+dense related_sires(const std::vector<int>& sire, const std::vector<int>& grandsire);
 
 // What an observation takes from a random effect: level (from 1) and weights of its components (kkfit).
 struct term {

@@ -213,7 +213,7 @@ oracle::analysis small_model::dense() const {
         for (const auto& o : m.obs)
             for (const auto& t : o.terms[m.a.size()]) nlev = std::max(nlev, t.level);
         if (e.kov == "NRM" || e.kov == "GIN") {
-            m.a.push_back(oracle::tabular(sire, dam));
+            m.a.push_back(sires && e.kov == "NRM" ? oracle::related_sires(sire, dam) : oracle::tabular(sire, dam));
             continue;
         }
         m.a.push_back(oracle::zeros(at(nlev), at(nlev)));
