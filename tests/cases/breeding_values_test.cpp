@@ -111,8 +111,7 @@ TEST_F(BreedingValues, SiresAtReducedRank) {
     EXPECT_TRUE(std::filesystem::exists("cholnrm1.bin"));
     finish("--aireml100,1e-9");
     const auto best = read_best_point();
-    for (const char* options :
-         {"--super --aireml100,1e-9", "--pxem30 --aireml100,1e-9", "--emalg30 --aireml100,1e-9"}) {
+    for (const char* options : {"--super --aireml100,1e-9", "--pxem30 --aireml100,1e-9"}) {
         std::filesystem::remove("BestPoint");
         finish(options);
         EXPECT_NEAR(read_best_point().loglike, best.loglike, 1e-4) << options;
