@@ -6,6 +6,7 @@
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "tvx/check.h"
+#include "tvx/check_rank.h"
 #include "tvx/csv.h"
 #include "tvx/tables.h"
 
@@ -289,26 +290,61 @@ void each_line(pass& p, std::string_view text, const line_reader& take) {
     }
 }
 
-// Second pass, over sound data: pairs of levels of each trait's classes.
+// Is the line in hand, which is sound, one of trait q ?
+bool of_trait(const pass& p, int q) {
+    if (mudmap.alltraits) return true;
+    const double x = p.value[1];
+    const int t = x >= 1 && x <= 99 && x == std::trunc(x) ? static_cast<int>(x) : 0;
+    return t > 0 && (tarvex::options.renumbered ? datafile.iq_newno[t] : t) == q;
+}
+
+long long code_at(const pass& p, int col, int col2) {
+    return static_cast<long long>(p.value[col]) * (1LL << 31) + (col2 > 0 ? static_cast<long long>(p.value[col2]) : 0);
+}
+
+fixed_part fixed_part_of(int q) {
+    fixed_part part{model.trait(q), model.fitmean(q) != 0, {}, {}};
+    for (int i = 1; i <= model.nfix(q); ++i) part.classes.push_back({model.fixed(i, q), mudmap.fx_dcolno(i, q), {}});
+    for (int i = 1; i <= model.ncov(q); ++i)
+        part.covariables.push_back(
+            {model.covar(i, q), mudmap.cv_type(i, q), mudmap.cv_order(i, q), mudmap.cv_degree(i, q), {}, {}});
+    return part;
+}
+
+// The record in hand, of trait q.
+void add_fixed(const pass& p, int q, fixed_part& part) {
+    for (int i = 1; i <= model.nfix(q); ++i)
+        part.classes[static_cast<std::size_t>(i - 1)].code.push_back(
+            code_at(p, mudmap.fx_dcolno(i, q), mudmap.fx_dcolno2(i, q)));
+    for (int i = 1; i <= model.ncov(q); ++i) {
+        auto& c = part.covariables[static_cast<std::size_t>(i - 1)];
+        c.value.push_back(p.value[mudmap.cv_dcolno(i, q)]);
+        if (mudmap.cv_nestcolno(i, q) < 1) continue;
+        const int fix = mudmap.cv_nestfix(i, q);
+        const int second = fix > 0 ? mudmap.fx_dcolno2(fix, q) : fix < 0 ? mudmap.ex_dcolno2(-fix, q) : 0;
+        c.level.push_back(code_at(p, mudmap.cv_nestcolno(i, q), second));
+    }
+}
+
+// Second pass, over sound data: pairs of levels of each trait's classes, and the rank of its fixed part.
 void check_pairs(pass& p, std::string_view text) {
     for (int q = 1; q <= numbers.nq; ++q) {
         const auto& classes = p.classes[static_cast<std::size_t>(q - 1)];
-        std::vector<std::vector<std::array<long long, 2>>> pairs(classes.size() * (classes.size() - 1) / 2);
-        if (classes.size() < 2) continue;
+        std::vector<std::vector<std::array<long long, 2>>> pairs(
+            classes.empty() ? 0 : classes.size() * (classes.size() - 1) / 2);
+        fixed_part part = fixed_part_of(q);
         each_line(p, text, [&](std::string_view line) {
             const int needed = datafile.ndatcol[tarvex::column_set(q)];
-            if (!split_line(p, line, needed) || (!mudmap.alltraits && (p.value[1] != q || tarvex::options.renumbered)))
-                return;
+            if (!split_line(p, line, needed) || !of_trait(p, q)) return;
             if (p.value[mudmap.tr_dcolno(q)] == static_cast<double>(datafile.missvalue[q])) return;
-            const auto code = [&](const class_column& c) {
-                return static_cast<long long>(p.value[c.icol]) * (1LL << 31) +
-                       (c.icol2 > 0 ? static_cast<long long>(p.value[c.icol2]) : 0);
-            };
             for (std::size_t i = 0, k = 0; i < classes.size(); ++i)
                 for (std::size_t j = i + 1; j < classes.size(); ++j, ++k)
-                    pairs[k].push_back({code(classes[i]), code(classes[j])});
+                    pairs[k].push_back(
+                        {code_at(p, classes[i].icol, classes[i].icol2), code_at(p, classes[j].icol, classes[j].icol2)});
+            add_fixed(p, q, part);
         });
         check_confounding(p.findings, pairs, classes, q);
+        check_rank(p.findings, part);
     }
 }
 

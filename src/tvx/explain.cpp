@@ -78,6 +78,12 @@ constexpr page pages[] = {
      "Options in this file go into each run of the folder, in front of those of the command line."},
     {"W416", "a code with decimals", "Codes are cut to whole numbers: 1.2 and 1.8 are one level."},
     {"W417", "lines of other traits", "Lines whose trait is not in the analysis are passed over."},
+    {"W418", "fixed effects confounded jointly",
+     "Columns of one effect are sums of columns of others: their solutions have no meaning one by one. The program "
+     "takes "
+     "out what depends; variances and breeding values stay. Leave an effect out, or read sums of them only."},
+    {"W419", "fixed effects were not looked at together",
+     "The equations of the fixed part do not go into memory; pairs of effects have been looked at."},
 };
 
 std::string upper(std::string text) {
