@@ -54,9 +54,11 @@
     const svg = d3.select(f).append("svg").attr("viewBox", `0 0 ${width} ${height}`).attr("role", "img")
       .attr("aria-label", `${title}. ${words}`);
     if (words) add(f, "figcaption", words);
-    const m = Object.assign({ top: 8, right: 12, bottom: 34, left: 46 }, margin);
+    const m = Object.assign({ top: 8, right: 20, bottom: 34, left: 46 }, margin);
     return { f, svg, x0: m.left, x1: width - m.right, y0: height - m.bottom, y1: m.top, width, height };
   };
+  // Width of the large pictures: on a narrow screen that which they get, so that their letters stay as large as others'.
+  const room = () => Math.max(300, Math.min(460, main.clientWidth - 26));
   const ticks = (n) => (x) => { const t = d3.format("~g")(x); return t.length > n ? d3.format("~s")(x) : t; };
   const across = (p, x, label, axis) => {
     p.svg.append("g").attr("class", "axis").attr("transform", `translate(0,${p.y0})`)
@@ -75,16 +77,17 @@
   // Dots with intervals of 95 per cent.
   const intervals = (parent, title, rows, low, high) => {
     if (!rows.length) return;
-    const height = 46 + 24 * rows.length, width = 460;
+    const height = 46 + 24 * rows.length, width = room(), left = Math.min(190, 0.44 * width);
+    const letters = Math.floor((left - 12) / 6.4);
     const p = frame(parent, title, "Dot: estimate. Line: estimate and 1.96 standard errors on either side, within " +
-      `${low} to ${high}.`, width, height, { left: 165 });
+      `${low} to ${high}.`, width, height, { left });
     const x = d3.scaleLinear([low, high], [p.x0, p.x1]), y = d3.scalePoint(rows.map((_, i) => i), [p.y1 + 10, p.y0 - 10]);
     p.svg.append("g").attr("class", "grid").selectAll("line").data(x.ticks(5)).enter().append("line").attr("x1", x)
       .attr("x2", x).attr("y1", p.y1).attr("y2", p.y0);
     across(p, x, "");
     rows.forEach((r, i) => {
       const g = p.svg.append("g"), at = y(i), c = r.mark ? "var(--warn)" : "var(--one)";
-      const label = r.label.length > 27 ? r.label.slice(0, 26) + "\u2026" : r.label;
+      const label = r.label.length > letters ? r.label.slice(0, letters - 1) + "\u2026" : r.label;
       tip(g.append("text").attr("x", p.x0 - 8).attr("y", at + 4).attr("text-anchor", "end").text(label), r.label);
       if (has(r.se)) g.append("line").attr("x1", x(Math.max(low, r.value - 1.96 * r.se)))
         .attr("x2", x(Math.min(high, r.value + 1.96 * r.se))).attr("y1", at).attr("y2", at).attr("stroke", c)
@@ -111,7 +114,7 @@
   const lines = (parent, title, words, series, label, opts = {}) => {
     const shown = series.filter((s) => s.points.length);
     if (!shown.length) return;
-    const p = frame(parent, title, words, 460, 270);
+    const p = frame(parent, title, words, room(), 270);
     const all = shown.flatMap((s) => s.points), reach = (q, sign) => q.y + sign * 1.96 * (has(q.se) && opts.band ? q.se : 0);
     let low = d3.min(all, (q) => reach(q, -1)), high = d3.max(all, (q) => reach(q, 1));
     if (opts.zero) low = Math.max(0, Math.min(0, low));
@@ -158,7 +161,7 @@
     const best = d3.max(iterates, (q) => q.log_l), floor = 1e-6;
     const p = frame(parent, "Way to the maximum",
       "How far log L of each round lies below the highest; AI: average information, EM and PX: expectation and " +
-      "maximisation.", 460, 230, { left: 58 });
+      "maximisation.", room(), 230, { left: 68 });
     const x = d3.scaleLinear([0, iterates.length - 1], [p.x0, p.x1]);
     const gap = (q) => Math.max(floor, best - q.log_l);
     const y = d3.scaleLog([floor, Math.max(1, d3.max(iterates, gap))], [p.y0, p.y1]).nice();
@@ -173,7 +176,7 @@
   };
 
   const eigen = (parent, e) => {
-    const width = 460, p = frame(parent, e.effect,
+    const width = room(), p = frame(parent, e.effect,
       `Eigenvalues${e.rank < e.order ? ` at rank ${e.rank} of ${e.order}` : ""}, and what part of the sum each holds.`,
       width, 60 + 24 * e.values.length, { left: 40 });
     const sum = d3.sum(e.values) || 1, x = d3.scaleLinear([0, d3.max(e.values) || 1], [p.x0, p.x1 - 60]);
