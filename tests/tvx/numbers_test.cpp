@@ -111,6 +111,94 @@ TEST_F(invariance, of_estimates_and_breeding_values) {
     expect_same(a.accuracy, b.accuracy, "accuracy");
 }
 
+// ---- the order of the traits in a formula
+
+class order_of_traits : public tarvex::tarvex_test {
+protected:
+    struct figures {
+        double log_l = 0.0;
+        std::map<std::string, double> estimate, se, ratio, solution, accuracy;
+    };
+    // Three correlated traits of unlike size; the second and third have not all records.
+    static void write() {
+        population p = make_population(40, 110, 3);
+        text_table t{{"id", "herd", "sex", "weight", "fat", "score"}, {}};
+        for (std::size_t k = 41; k <= p.animals.size(); ++k) {
+            const auto& a = p.animals[k - 1];
+            const double e = p.normal();
+            t.rows.push_back(
+                {id_of(static_cast<int>(k)), "H" + std::to_string(a.herd), a.sex == 1 ? "m" : "f",
+                 number_text(5000.0 + 200.0 * a.herd + 100.0 * (a.genetic + 4.0 * p.normal() + e)),
+                 k % 6 == 0 ? "" : number_text(20.0 + a.sex + 0.4 * a.genetic + 0.5 * a.maternal + p.normal() + e),
+                 k % 5 == 0 ? "" : number_text(0.05 * (a.maternal - 0.3 * a.genetic + 2.0 * p.normal() - e))});
+        }
+        write_file("t.csv", t.text());
+        write_file("p.csv", pedigree_table(p).text());
+    }
+    static figures fit(const std::string& formula, const std::vector<std::string>& more) {
+        fs::remove_all("s");
+        std::vector<std::string> args{"--json", "fit", "t.csv", formula, "-p", "p.csv", "-o", "s"};
+        args.insert(args.end(), more.begin(), more.end());
+        const auto r = run_tvx(args);
+        EXPECT_EQ(r.status, 0) << r.output;
+        figures f;
+        f.log_l = json::parse(r.output)["log_l"];
+        for (const auto& e : read_table("s/report/estimates.tsv")) {
+            const std::string key = e.at("effect") + " " + std::min(e.at("trait_i"), e.at("trait_j")) + " " +
+                                    std::max(e.at("trait_i"), e.at("trait_j"));
+            EXPECT_TRUE(f.estimate.emplace(key, std::stod(e.at("estimate"))).second) << key;
+            if (!e.at("se").empty()) f.se[key] = std::stod(e.at("se"));
+            if (!e.at("ratio").empty()) f.ratio[key] = std::stod(e.at("ratio"));
+        }
+        for (const auto& s : read_table("s/report/solutions_id.tsv")) {
+            f.solution[s.at("trait") + " " + s.at("id")] = std::stod(s.at("solution"));
+            if (!s.at("accuracy").empty()) f.accuracy[s.at("trait") + " " + s.at("id")] = std::stod(s.at("accuracy"));
+        }
+        return f;
+    }
+    // Each to 1e-8 of itself, predictions of the largest of their trait.
+    static void expect_same(const figures& a, const figures& b) {
+        EXPECT_NEAR(b.log_l, a.log_l, 1e-8 * std::fabs(a.log_l));
+        for (const auto list : {&figures::estimate, &figures::se, &figures::ratio, &figures::accuracy}) {
+            ASSERT_EQ((a.*list).size(), (b.*list).size());
+            for (const auto& [key, x] : a.*list) EXPECT_NEAR((b.*list).at(key), x, 1e-8 * std::fabs(x)) << key;
+        }
+        ASSERT_EQ(a.solution.size(), b.solution.size());
+        std::map<std::string, double> largest;
+        const auto trait = [](const std::string& key) { return key.substr(0, key.find(' ')); };
+        for (const auto& [key, x] : a.solution) largest[trait(key)] = std::max(largest[trait(key)], std::fabs(x));
+        for (const auto& [key, x] : a.solution)
+            EXPECT_NEAR(b.solution.at(key), x, 1e-8 * largest.at(trait(key))) << key;
+    }
+    static void permute(std::vector<std::string> parts, const std::string& by, const std::string& behind,
+                        const std::vector<std::string>& more = {}) {
+        const auto formula = [&] {
+            std::string text;
+            for (const auto& p : parts) text += (text.empty() ? "" : by) + p;
+            return text + behind;
+        };
+        write();
+        const figures first = fit(formula(), more);
+        EXPECT_EQ(first.estimate.size(), 18u);
+        EXPECT_GT(first.solution.size(), 900u);
+        std::sort(parts.begin(), parts.end());
+        do { // all orders
+            SCOPED_TRACE(formula());
+            expect_same(first, fit(formula(), more));
+        } while (std::next_permutation(parts.begin(), parts.end()));
+    }
+};
+
+TEST_F(order_of_traits, of_one_model_changes_nothing) {
+    permute({"weight", "fat", "score"}, " + ", " ~ herd + sex + nrm(id)");
+}
+TEST_F(order_of_traits, with_models_of_their_own_changes_nothing) {
+    permute({"weight ~ herd + nrm(id)", "fat ~ sex + nrm(id)", "score ~ herd + sex + nrm(id)"}, "; ", "");
+}
+TEST_F(order_of_traits, at_reduced_rank_changes_nothing) {
+    permute({"weight", "fat", "score"}, " + ", " ~ herd + nrm(id)", {"--rank", "2"});
+}
+
 // Variances along the control variable are phi' K phi with normalised Legendre polynomials, and the ratio that part of
 // the sum with the residual variance of the class.
 TEST_F(invariance, curves_are_quadratic_forms) {
