@@ -157,7 +157,8 @@ void check_surroundings(std::vector<finding>& findings) {
         if (!file.empty() && fs::exists(file, ec)) newest = std::max(newest, fs::last_write_time(file, ec));
     for (const auto& entry : fs::directory_iterator(".", ec))
         if (entry.path().extension() == ".bin" && fs::last_write_time(entry.path(), ec) < newest)
-            add_case(findings, "W414", "scratch files are older than data or pedigree: delete them",
+            add_case(findings, "W414",
+                     "scratch files are older than data or pedigree: a run knows by their sums which still fit",
                      entry.path().filename().string());
 }
 
@@ -173,6 +174,7 @@ void add_case(std::vector<finding>& findings, const std::string& code, const std
 
 std::vector<finding> check_analysis(const std::string& place) {
     fs::path file(place);
+    if (fs::is_directory(file) && has_study(place)) file = parameter_file(place);
     if (fs::is_directory(file)) throw fault{"\"" + place + "\" is a folder: name the parameter file"};
     if (file.extension() != ".par") file += ".par";
     if (!fs::exists(file)) throw fault{"there is no parameter file \"" + file.string() + "\""};

@@ -27,7 +27,7 @@ int fit_command(const prep_request& request) {
     if (speak) std::cout << study_summary(s);
     check_study(s);
     if (speak) std::cout << "Running the analysis ...\n" << std::flush;
-    const run_outcome outcome = run_analysis(s.folder);
+    const run_outcome outcome = run_analysis(s.folder, {}, false, true);
     const run_results results = read_run(outcome.folder);
     const std::string page = write_report(results, s.folder + "/report");
     if (display.json)

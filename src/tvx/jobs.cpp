@@ -74,6 +74,11 @@ std::string shell_quoted(const std::string& text) {
     return quoted + "'";
 }
 
+void job_is_new(const std::string& folder) {
+    std::error_code ec;
+    fs::remove(folder + "/done", ec);
+}
+
 std::vector<std::string> run_jobs(const std::string& folder, const std::map<std::string, std::string>& jobs,
                                   const job_settings& settings) {
     write_text(folder + "/Snakefile", {reinterpret_cast<const char*>(job_rules), job_rules_size});

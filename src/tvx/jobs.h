@@ -20,4 +20,8 @@ std::vector<std::string> run_jobs(const std::string& folder, const std::map<std:
 // Text in quotes for the shell.
 std::string shell_quoted(const std::string& text);
 
+// The inputs of a job are others than before: it is not done. (Snakemake looks at its parameter file only, and not
+// where that has the same bytes.)
+void job_is_new(const std::string& folder);
+
 } // namespace tvx

@@ -26,6 +26,8 @@ struct lrt_choice {
 
 // Writes and runs the model without an effect; its parameter file stands beside that of the larger model.
 std::string run_without(const run_results& large, const std::string& effect) {
+    if (!study_stands(large))
+        throw fault{"the study has been replaced since " + large.folder + " was run: run it again, then test"};
     std::string column = effect;
     if (large.made_by)
         for (const auto& e : large.made_by->effects)
@@ -38,7 +40,11 @@ std::string run_without(const run_results& large, const std::string& effect) {
     const std::string file = source + "/" + stem.substr(0, 26) + ".par";
     write_text(file, par.text());
     if (!display.quiet && !display.json) std::printf("Without %s: %s\n", effect.c_str(), file.c_str());
-    return run_analysis(file).folder;
+    const std::string folder = run_analysis(file).folder;
+    json told = read_json_file(folder + "/run.json");
+    told["made_for"] = "tvx lrt --drop " + effect; // the last run of a study is none of these
+    write_text(folder + "/run.json", told.dump(1, '\t') + "\n");
+    return folder;
 }
 
 // Share of simulated sets from the smaller model whose statistic reaches the observed one, of those (`used`) with both

@@ -11,11 +11,6 @@ namespace tvx {
 
 namespace {
 
-std::vector<std::string> words_of(const std::string& line) {
-    std::istringstream in(line.substr(0, line.find('#') == 0 ? 0 : std::string::npos));
-    return {std::istream_iterator<std::string>(in), {}};
-}
-
 bool holds_numbers(const std::string& line) {
     const auto at = line.find_first_not_of(" \t");
     return at != std::string::npos && (std::isdigit(static_cast<unsigned char>(line[at])) || line[at] == '-' ||
@@ -36,7 +31,24 @@ bool is_residual(const std::string& name) {
     return key == "RES" || key == "ERR";
 }
 
+// First line of a random block with a rank, its full one where it has none.
+std::string with_rank(const std::string& line) {
+    auto w = words_of(line);
+    if (w.size() < 3 || is_residual(w[1])) return line;
+    if (w.size() > 3 && std::isdigit(static_cast<unsigned char>(w[3][0])) != 0) return line;
+    w.insert(w.begin() + 3, w[2]);
+    std::string text = w[0];
+    for (std::size_t i = 1; i < w.size(); ++i) text += " " + w[i];
+    return text;
+}
+
 } // namespace
+
+std::vector<std::string> words_of(const std::string& line) {
+    if (line.starts_with('#')) return {};
+    std::istringstream in(line);
+    return {std::istream_iterator<std::string>(in), {}};
+}
 
 std::string key_of(const std::string& line) {
     const auto w = words_of(line);
@@ -154,6 +166,7 @@ void parfile_text::set_rank(const std::string& block, int rank) {
     if (w.size() > 3 && key_of(w[3]) == "DIA") throw fault{"\"" + block + "\" is a diagonal matrix: it has no rank"};
     lines_[e.from] = w[0] + " " + w[1] + " " + w[2] + " " + std::to_string(rank);
     for (auto& line : lines_) {
+        if (key_of(line) == "VAR") line = with_rank(line);
         if (key_of(line) != "ANA") continue;
         auto a = words_of(line);
         if (a.size() < 2) continue;

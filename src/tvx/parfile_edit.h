@@ -43,7 +43,9 @@ private:
     std::vector<std::string> lines_;
 };
 
-// First `n` letters of the keyword of a line in capitals.
+// Words of a line; a remark (#) has none.
+std::vector<std::string> words_of(const std::string& line);
+// First three letters of the keyword of a line in capitals.
 std::string key_of(const std::string& line);
 
 } // namespace tvx

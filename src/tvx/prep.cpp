@@ -197,6 +197,9 @@ study prepare(const prep_request& request) {
     number_classes(d);
     told.note("ordering records");
     order_records(d);
+    if (d.has_ped &&
+        std::none_of(d.classes.begin(), d.classes.end(), [](const auto& c) { return c.animals || c.parent > 0; }))
+        d.s.remarks.push_back("the pedigree is not used: no term of the formula is nrm(), sire() or mgs()");
     finish_classes(d);
     told.note("starting values");
     auto blocks = starting_values(d);
@@ -229,6 +232,16 @@ std::string study_summary(const study& s) {
     return text;
 }
 
+namespace {
+
+std::string earlier_report(const study& s) {
+    std::error_code ec;
+    if (!fs::exists(s.folder + "/report/report.html", ec)) return "";
+    return "  Note: " + s.folder + "/report/ is of the study that stood here before\n";
+}
+
+} // namespace
+
 void register_prep(CLI::App& app, action& chosen) {
     auto request = std::make_shared<prep_request>();
     CLI::App* command =
@@ -244,8 +257,8 @@ void register_prep(CLI::App& app, action& chosen) {
                                  .dump()
                           << "\n";
             else if (!display.quiet)
-                std::cout << study_summary(s) << "Next: tvx check " << s.folder << "/" << s.name << ".par, or tvx run "
-                          << s.folder << "/" << s.name << ".par\n";
+                std::cout << study_summary(s) << earlier_report(s) << "Next: tvx check " << s.folder << "/" << s.name
+                          << ".par, or tvx run " << s.folder << "/" << s.name << ".par\n";
             return static_cast<int>(fine);
         };
     });

@@ -1,15 +1,14 @@
 #include "tvx/program.h"
 
+#include "support/digest.h"
 #include "tvx/children.h"
 #include "tvx/commands.h"
+#include "tvx/parfile_edit.h"
 #include "tvx/progress.h"
 #include "tvx/study.h"
 #include "tvx/tables.h"
 
-#include <xxhash.h>
-
 #include <algorithm>
-#include <cctype>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -17,7 +16,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -27,17 +25,6 @@ namespace tvx {
 namespace fs = std::filesystem;
 
 namespace {
-
-std::vector<std::string> words_of(const std::string& line) {
-    std::istringstream in(line);
-    return {std::istream_iterator<std::string>(in), {}};
-}
-
-std::string keyword(const std::string& word) {
-    std::string key = word.substr(0, 3);
-    for (char& c : key) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    return key;
-}
 
 [[noreturn]] void child(const std::string& folder, const std::vector<std::string>& args, const std::string& log) {
     std::vector<std::string> all{program_path()};
@@ -96,15 +83,15 @@ std::vector<std::string> files_of_analysis(const std::string& parameter_file) {
     std::istringstream in(read_text(parameter_file));
     for (std::string line; std::getline(in, line);) {
         const auto w = words_of(line);
-        if (w.size() < 2 || w[0][0] == '#') continue;
-        const std::string key = keyword(w[0]);
+        if (w.size() < 2) continue;
+        const std::string key = key_of(w[0]);
         if (key == "DAT" || key == "PED" || key == "STA") add(w[1]);
-        if (key == "RAN" && w.size() > 2 && keyword(w[2]) == "GIN") {
+        if (key == "RAN" && w.size() > 2 && key_of(w[2]) == "GIN") {
             const std::string effect = w[1].substr(0, w[1].find('('));
             add(effect + ".gin");
             add(effect + ".codes");
         }
-        if (key == "VAR" && w.size() > 3 && keyword(w[3]) == "IND") {
+        if (key == "VAR" && w.size() > 3 && key_of(w[3]) == "IND") {
             add("MEVariances");
             if (w.size() > 5) add(w[5]);
         }
@@ -130,30 +117,15 @@ std::string own_path() {
 }
 
 std::string sum_of_analysis(const std::string& parameter_file, const std::vector<std::string>& options) {
-    XXH3_state_t* state = XXH3_createState();
-    XXH3_128bits_reset(state);
-    const auto add = [&](std::string_view text) {
-        const auto n = static_cast<std::uint64_t>(text.size());
-        XXH3_128bits_update(state, &n, sizeof n);
-        XXH3_128bits_update(state, text.data(), text.size());
-    };
+    tarvex::digest_maker sum;
     const fs::path folder = fs::path(parameter_file).parent_path();
     for (const auto& name : files_of_analysis(parameter_file)) {
-        add(name);
-        add(read_text((folder / name).string()));
+        sum.add(name);
+        sum.add(read_text((folder / name).string()));
     }
-    for (const auto& o : options) add(o);
-    if (const std::string program = program_path(); fs::is_regular_file(program)) add(read_text(program));
-    XXH128_canonical_t bytes;
-    XXH128_canonicalFromHash(&bytes, XXH3_128bits_digest(state));
-    XXH3_freeState(state);
-    std::string hex;
-    for (const unsigned char c : bytes.digest) {
-        char two[3];
-        std::snprintf(two, sizeof two, "%02x", c);
-        hex += two;
-    }
-    return hex;
+    for (const auto& o : options) sum.add(o);
+    if (const std::string program = program_path(); fs::is_regular_file(program)) sum.add(read_text(program));
+    return tarvex::hex(sum.value());
 }
 
 program_run run_program(const std::string& folder, const std::vector<std::string>& args, const std::string& log) {

@@ -5,6 +5,7 @@
 #include "tvx/program.h"
 #include "tvx/report.h"
 #include "tvx/simulate.h"
+#include "tvx/study.h"
 #include "tvx/tables.h"
 
 #include <CLI/CLI.hpp>
@@ -80,6 +81,27 @@ std::string ranks_page(const std::string& title, const std::vector<rank_fit>& fi
     return page_of(d);
 }
 
+bool same_text(const std::string& file, const std::string& text) {
+    std::error_code ec;
+    return std::filesystem::is_regular_file(file, ec) && read_text(file) == text;
+}
+
+// Folder of a fit. Its parameter file is written anew where any input has changed, and with that the fit is made anew.
+void write_job(const std::string& par_file, const std::string& par_text, const std::string& folder) {
+    std::filesystem::create_directories(folder);
+    const auto source = std::filesystem::path(par_file).parent_path();
+    bool changed = !same_text(folder + "/analysis.par", par_text);
+    for (const auto& input : files_of_analysis(par_file)) {
+        const std::string text = read_text((source / input).string());
+        if (input == std::filesystem::path(par_file).filename() || same_text(folder + "/" + input, text)) continue;
+        write_text(folder + "/" + input, text);
+        changed = true;
+    }
+    if (!changed) return;
+    job_is_new(folder);
+    write_text(folder + "/analysis.par", par_text);
+}
+
 int rank_fits(const rank_choice& c) {
     const std::string file = parameter_file(c.place);
     std::string source = std::filesystem::path(file).parent_path().string();
@@ -90,20 +112,17 @@ int rank_fits(const rank_choice& c) {
     const std::string block = c.block.empty() ? blocks.front() : c.block;
     const auto [from, to] = range_of(c.ranks);
     const std::string folder = source + "/rank";
+    std::string command = shell_quoted(program_path()) + " --json";
+    if (has_study(source))
+        for (const auto& option : read_study(source, false).run_options) command += " " + shell_quoted(option);
     std::map<std::string, std::string> jobs;
     for (int rank = from; rank <= to; ++rank) {
         parfile_text one = par;
         one.drop_functions();
         one.set_rank(block, rank);
-        const std::string name = "rank" + std::to_string(rank), place = folder + "/" + name;
-        std::filesystem::create_directories(place);
-        for (const auto& input : files_of_analysis(file))
-            std::filesystem::copy_file(source + "/" + input, place + "/" + input,
-                                       std::filesystem::copy_options::update_existing);
-        const std::string before =
-            std::filesystem::exists(place + "/analysis.par") ? read_text(place + "/analysis.par") : "";
-        if (before != one.text()) write_text(place + "/analysis.par", one.text());
-        jobs[name] = shell_quoted(program_path()) + " --json analysis.par";
+        const std::string name = "rank" + std::to_string(rank);
+        write_job(file, one.text(), folder + "/" + name);
+        jobs[name] = command + " analysis.par";
     }
     const auto done = run_jobs(folder, jobs, c.jobs);
     std::vector<rank_fit> fits;

@@ -1,5 +1,6 @@
 #include "tvx/results.h"
 
+#include "support/digest.h"
 #include "tvx/commands.h"
 #include "tvx/tables.h"
 
@@ -24,15 +25,62 @@ std::string shown(double x, int digits) {
     return text;
 }
 
-// Last finished run of a study or folder of an analysis: the highest number among runs/.
+// Last finished run of a study or folder of an analysis: the highest number among runs/. Runs that were made for a test
+// are passed over, and those of a study that has been replaced; runs that tell nothing of theirs are judged by their
+// data.
 std::string last_run(const std::string& folder) {
+    const std::string sum = has_study(folder) ? sum_of_study(read_study(folder)) : "";
     std::string best;
+    bool earlier = false;
     std::error_code none;
     for (const auto& entry : fs::directory_iterator(folder + "/runs", none)) {
         const std::string name = entry.path().string();
-        if (fs::exists(name + "/estimates.json") && name > best) best = name;
+        if (!fs::exists(name + "/estimates.json", none) || name <= best) continue;
+        const json told = fs::exists(name + "/run.json", none) ? read_json_file(name + "/run.json") : json::object();
+        if (told.contains("made_for")) continue;
+        if (!sum.empty() && told.contains("study") && told["study"] != sum)
+            earlier = true;
+        else
+            best = name;
     }
+    if (best.empty() && earlier)
+        throw fault{"the runs in \"" + folder +
+                    "/runs\" are of the study that stood here before: tvx run makes one of " +
+                    "this study, or name a run"};
     return best;
+}
+
+// Are the inputs of the results still those that stand in the folder ? Then the study beside them has their names.
+bool same_inputs(const json& results, const std::string& folder) {
+    if (!results.contains("inputs")) return true;
+    for (const auto& input : results["inputs"]) {
+        const std::string role = input["role"], file = folder + "/" + input["name"].get<std::string>();
+        if (role != "data" && role != "pedigree") continue;
+        std::error_code ec;
+        if (!fs::is_regular_file(file, ec)) return false;
+        tarvex::digest_maker sum;
+        const std::string bytes = read_text(file);
+        sum.bytes(bytes.data(), bytes.size());
+        if (tarvex::hex(sum.value()) != input["xxh3_128"].get<std::string>()) return false;
+    }
+    return true;
+}
+
+// The study that a run has kept; where it has none, that beside its inputs.
+std::unique_ptr<study> study_of(const run_results& r, const std::string& source) {
+    if (has_study(r.folder + "/study/study.json")) return std::make_unique<study>(read_study(r.folder + "/study"));
+    if (source.empty() || !has_study(source)) return nullptr;
+    if (!same_inputs(r.estimates, source))
+        throw fault{"the results in \"" + r.folder + "\" are not of the study that now stands in \"" + source +
+                    "\": run the analysis again"};
+    return std::make_unique<study>(read_study(source));
+}
+
+// Folder with the inputs that a run was made from; blank: not known.
+std::string source_of(const run_results& r) {
+    if (!r.run.is_object()) return r.folder;
+    const std::string source = r.run.value("source", "");
+    return source.empty() || source[0] == '/' ? source : r.folder + "/" + source;
 }
 
 std::string folder_of_run(const std::string& place) {
@@ -101,10 +149,14 @@ run_results read_run(const std::string& place) {
         throw fault{"\"" + r.folder + "\": Results.json is not one of the program"};
     if (has("blup.json")) r.solutions = read_json_file(r.folder + "/blup.json");
     if (has("run.json")) r.run = read_json_file(r.folder + "/run.json");
-    std::string source = r.run.is_object() ? r.run.value("source", "") : r.folder;
-    if (!source.empty() && source[0] != '/') source = r.folder + "/" + source;
-    if (!source.empty() && has_study(source)) r.made_by = std::make_unique<study>(read_study(source));
+    r.made_by = study_of(r, source_of(r));
     return r;
+}
+
+bool study_stands(const run_results& r) {
+    if (!r.made_by) return true;
+    const std::string source = source_of(r);
+    return has_study(source) && sum_of_study(read_study(source)) == sum_of_study(*r.made_by);
 }
 
 std::string trait_name(const run_results& r, int trait) {

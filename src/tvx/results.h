@@ -36,8 +36,11 @@ struct run_results {
     std::unique_ptr<study> made_by; // study of the run, none
 };
 
-// Folder of a run, or of a study (then its last finished run). What is none is a fault.
+// Folder of a run, or of a study (then its last finished run). What is none is a fault. Names are those that the run
+// has kept; a study that has been replaced since does not lend it others.
 run_results read_run(const std::string& place);
+// Is the study from which the run was made still in its place, with the same contents ? Also where there was none.
+bool study_stands(const run_results& r);
 
 // Words for rows of the covariance blocks.
 std::string trait_name(const run_results& r, int trait);

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 
 namespace tvx {
 
@@ -32,6 +33,8 @@ const attempt further[] = {
 struct run_place {
     std::string source, file, folder, sum;
     std::vector<std::string> options;
+    std::optional<study> made_by;
+    std::string study_sum; // blank: no study
 };
 
 bool finished(const std::string& folder) {
@@ -65,6 +68,7 @@ void copy_inputs(const run_place& p) {
                       fs::copy_options::overwrite_existing, ec);
     }
     if (ec) throw fault{"cannot copy the inputs to \"" + p.folder + "\": " + ec.message()};
+    if (p.made_by) copy_study(*p.made_by, p.folder + "/study");
 }
 
 class run_log {
@@ -72,6 +76,7 @@ public:
     explicit run_log(const run_place& p) : file_(p.folder + "/run.json") {
         d_ = {{"format", "tvx-run"}, {"sum", p.sum}, {"source", "../.."}, {"finished", false}};
         d_["options"] = p.options;
+        if (!p.study_sum.empty()) d_["study"] = p.study_sum;
         if (fs::exists(file_)) {
             const json earlier = read_json_file(file_);
             if (earlier.contains("attempts")) d_["attempts"] = earlier["attempts"];
@@ -162,21 +167,27 @@ judgement search(const run_place& p, run_log& log) {
 
 } // namespace
 
-run_outcome run_analysis(const std::string& place, const std::vector<std::string>& options, bool again) {
+run_outcome run_analysis(const std::string& place, const std::vector<std::string>& options, bool again, bool checked) {
     run_place p;
     p.file = parameter_file(place);
     p.source = fs::path(p.file).parent_path().string();
     if (p.source.empty()) p.source = ".";
-    if (has_study(p.source)) p.options = read_study(p.source, false).run_options;
+    if (has_study(p.source)) {
+        p.made_by = read_study(p.source);
+        p.study_sum = sum_of_study(*p.made_by);
+        p.options = p.made_by->run_options;
+    }
     p.options.insert(p.options.end(), options.begin(), options.end());
-    p.sum = sum_of_analysis(p.file, p.options);
+    std::vector<std::string> summed = p.options; // the same codes may have other names
+    if (p.made_by) summed.push_back(p.study_sum);
+    p.sum = sum_of_analysis(p.file, summed);
     choose_folder(p, again);
     run_outcome outcome{p.folder, finished(p.folder), {}};
     if (outcome.known) {
         outcome.verdict = judge(read_run(p.folder));
         return outcome;
     }
-    check_inputs(p);
+    if (!checked) check_inputs(p);
     try {
         copy_inputs(p);
         run_log log(p);

@@ -1,6 +1,7 @@
 #include "tvx/simulate.h"
 
 #include "tvx/commands.h"
+#include "tvx/jobs.h"
 #include "tvx/parfile_edit.h"
 #include "tvx/program.h"
 #include "tvx/tables.h"
@@ -71,6 +72,7 @@ void make_job(const run_results& r, const std::string& par_text, const std::stri
     const std::string name = r.estimates["run"]["data_file"];
     if (same_text(folder + "/analysis.par", par_text) && same_text(folder + "/" + name, read_text(data))) return;
     fs::create_directories(folder);
+    job_is_new(folder);
     for (const auto& file : files_of_analysis(par_file_of(r)))
         if (file != name && file != fs::path(par_file_of(r)).filename().string())
             link_or_copy(fs::path(r.folder) / file, fs::path(folder) / file);

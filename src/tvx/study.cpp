@@ -1,5 +1,6 @@
 #include "tvx/study.h"
 
+#include "support/digest.h"
 #include "tvx/commands.h"
 #include "tvx/tables.h"
 
@@ -53,6 +54,14 @@ void write_keys(const study& s) {
         }
         write_text(path(s, key_file(c)), text);
     }
+}
+
+// Is there a table of animals, or must there be one ? A pedigree that no effect uses leaves none.
+bool has_animals(const study& s) {
+    std::error_code ec;
+    return fs::is_regular_file(path(s, "pedigree.tsv"), ec) ||
+           std::any_of(s.effects.begin(), s.effects.end(),
+                       [](const auto& e) { return e.kind == "nrm" || e.kind == "sire" || e.kind == "mgs"; });
 }
 
 void write_animals(const study& s) {
@@ -144,7 +153,7 @@ study read_study(const std::string& place, bool tables) {
     }
     if (!tables) return s;
     read_keys(s);
-    if (!s.pedigree.file.empty()) read_animals(s);
+    if (!s.pedigree.file.empty() && has_animals(s)) read_animals(s);
     read_lines(s);
     return s;
 }
@@ -152,6 +161,41 @@ study read_study(const std::string& place, bool tables) {
 bool has_study(const std::string& place) {
     std::error_code ec;
     return fs::is_regular_file(study_folder(place) / "study.json", ec);
+}
+
+std::string sum_of_study(const study& s) {
+    study bare = s;
+    bare.command = bare.data.file = bare.pedigree.file = "";
+    bare.remarks.clear();
+    tarvex::digest_maker sum;
+    sum.add(nlohmann::json(bare).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    for (const auto& c : s.classes)
+        for (const auto& id : c.ids) sum.add(id);
+    for (const auto& a : s.animals) {
+        sum.add(a.id);
+        sum.add(a.birth);
+        for (const auto n : {static_cast<std::int64_t>(a.sire), static_cast<std::int64_t>(a.dam),
+                             static_cast<std::int64_t>(a.records), a.line})
+            sum.add(n);
+    }
+    for (const auto& l : s.lines) {
+        sum.add(l.line);
+        sum.add(l.trait);
+    }
+    return tarvex::hex(sum.value());
+}
+
+void copy_study(const study& s, const std::string& folder) {
+    std::error_code ec;
+    fs::create_directories(folder, ec);
+    std::vector<std::string> files{"lines.tsv"};
+    for (const auto& c : s.classes) files.push_back(key_file(c));
+    if (!s.animals.empty()) files.emplace_back("pedigree.tsv");
+    files.emplace_back("study.json"); // last: where it stands the others do
+    for (const auto& name : files) {
+        if (!ec) fs::copy_file(path(s, name), fs::path(folder) / name, fs::copy_options::overwrite_existing, ec);
+        if (ec) throw fault{"cannot copy \"" + path(s, name) + "\" to \"" + folder + "\": " + ec.message()};
+    }
 }
 
 const study_class* find_class(const study& s, const std::string& key) {

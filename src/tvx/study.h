@@ -118,6 +118,12 @@ study read_study(const std::string& place, bool tables = true);
 // Is there a study ?
 bool has_study(const std::string& place);
 
+// Sum over the contents of a study with its tables: 32 hexadecimal digits. How it was made (command line, names of the
+// input files, remarks) does not count.
+std::string sum_of_study(const study& s);
+// Copies the files of a study into a folder, which is made.
+void copy_study(const study& s, const std::string& folder);
+
 const study_class* find_class(const study& s, const std::string& key);
 const study_trait* find_trait(const study& s, int number);
 

@@ -1,15 +1,16 @@
 #include "tvx/substudy.h"
 
 #include "tvx/commands.h"
+#include "tvx/jobs.h"
 #include "tvx/parfile_edit.h"
 #include "tvx/program.h"
 #include "tvx/tables.h"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cstdlib>
 #include <filesystem>
-#include <iterator>
 #include <sstream>
 
 namespace tvx {
@@ -17,11 +18,6 @@ namespace tvx {
 namespace fs = std::filesystem;
 
 namespace {
-
-std::vector<std::string> words_of(const std::string& line) {
-    std::istringstream in(line);
-    return {std::istream_iterator<std::string>(in), {}};
-}
 
 // The traits of a part: their new numbers.
 struct part {
@@ -292,6 +288,14 @@ bool same_file(const std::string& file, const std::string& text) {
     return fs::is_regular_file(file, ec) && read_text(file) == text;
 }
 
+bool same_study(const std::string& folder, const study& s) {
+    try {
+        return has_study(folder) && sum_of_study(read_study(folder)) == sum_of_study(s);
+    } catch (const fault&) { // damaged
+        return false;
+    }
+}
+
 } // namespace
 
 void write_part(const study& from, const std::vector<int>& numbers, const std::string& folder) {
@@ -311,7 +315,8 @@ void write_part(const study& from, const std::vector<int>& numbers, const std::s
         put(name == from.name + ".ped" ? "analysis.ped" : name, read_text(from.folder + "/" + name));
     }
     const std::string text = part_parameters(p, s, read_text(par_file));
-    if (!changed && same_file(folder + "/analysis.par", text)) return;
+    if (!changed && same_file(folder + "/analysis.par", text) && same_study(folder, s)) return;
+    job_is_new(folder);
     write_study(s);
     write_text(folder + "/analysis.par", text);
 }

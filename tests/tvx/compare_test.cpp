@@ -142,6 +142,9 @@ TEST(tvx_parfile, RankAndStartingValues) {
     tvx::parfile_text p(par);
     p.set_rank("pe", 1);
     EXPECT_NE(p.text().find("VAR pe 2 1\n"), std::string::npos);
+    EXPECT_NE(p.text().find("VAR animal+dam 4 4\n"), std::string::npos)
+        << "all random blocks of such an analysis have one";
+    EXPECT_NE(p.text().find("VAR residual 2\n"), std::string::npos);
     EXPECT_NE(p.text().find("ANA MUV PC 2\n"), std::string::npos);
     p.set_values("residual", {0.1, 0.25, 7.0});
     EXPECT_NE(p.text().find("VAR residual 2\n 0.10000000000000001 0.25\n 7\n"), std::string::npos) << p.text();

@@ -79,6 +79,11 @@ TEST_F(tvx_jobs, BootstrapSpreadsAroundTheEstimates) {
     ASSERT_EQ(run_tvx({"--quiet", "boot", run, "-n", "8", "-j", "2"}).status, 0);
     EXPECT_EQ(fs::last_write_time(run + "/boot/rep1/done"), first);
     EXPECT_TRUE(fs::exists(run + "/boot/rep8/done"));
+    // Other data are other runs.
+    const std::string results = read_file(run + "/boot/rep1/Results.json");
+    ASSERT_EQ(run_tvx({"--quiet", "boot", run, "-n", "2", "-j", "2", "--seed", "5"}).status, 0);
+    EXPECT_NE(json::parse(read_file(run + "/boot/rep1/Results.json"))["likelihood"],
+              json::parse(results)["likelihood"]);
     // What is done is not done again, what is missing is.
     const auto before = fs::last_write_time(run + "/boot/rep1/done");
     fs::remove(run + "/boot/rep2/done");
