@@ -49,6 +49,16 @@ bool tied(int irand) {
     return false;
 }
 
+// Traits that either effect is fitted for.
+std::vector<int> traits_of(int irand) {
+    std::vector<int> traits;
+    for (int iq = 1; iq <= numbers.nq; ++iq)
+        if (place_of(irand, iq, 1) > 0 || place_of(irand, iq, 2) > 0) traits.push_back(iq);
+    return traits;
+}
+
+int triangle(int n) { return n * (n + 1) / 2; }
+
 // Covariance of the sums of both effects of traits iq and jq; cross: weight of a covariance between different effects.
 cov_function tied_covariance(int irand, int iq, int jq, double cross) {
     cov_function f;
@@ -216,13 +226,13 @@ report_matrix block_matrix(int irand, int step) {
 
 report_matrix tied_sum_matrix(int irand) {
     report_matrix m;
-    std::vector<int> traits;
-    for (int iq = 1; iq <= numbers.nq; ++iq)
-        if (place_of(irand, iq, 1) > 0 || place_of(irand, iq, 2) > 0) traits.push_back(iq);
     if (!tied(irand)) return m;
+    const std::vector<int> traits = traits_of(irand);
     m.n = m.rank = static_cast<int>(traits.size());
     m.ratios = true;
-    int number = estimates.ncovall;
+    int number = estimates.ncovall + triangle(numbers.nq); // after the phenotypic ones and the sums before
+    for (int before = 1; before < irand; ++before)
+        if (tied(before)) number += triangle(static_cast<int>(traits_of(before).size()));
     for (int i = 1; i <= m.n; ++i) {
         const int iq = traits[static_cast<std::size_t>(i - 1)];
         m.total.push_back(phenotypic_covariance(iq, iq));

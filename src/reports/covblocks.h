@@ -24,7 +24,8 @@ struct report_matrix {
 std::vector<double> all_covariances();
 // Matrix of step `step` of block irand.
 report_matrix block_matrix(int irand, int step);
-// Sum of the two effects that a block of correlated effects ties, by trait.
+// Sum of the two effects that a block of correlated effects ties, by trait. Its running numbers follow those of the
+// phenotypic covariances.
 report_matrix tied_sum_matrix(int irand);
 // Phenotypic covariances of the traits.
 report_matrix phenotypic_matrix();

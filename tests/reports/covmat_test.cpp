@@ -314,6 +314,9 @@ TEST_F(covmat_test, sum_of_correlated_effects) {
                         "\n\n Variance components\n   1     10.500    \n"),
               std::string::npos)
         << text;
+    // running numbers: residual 1, matrix of the effects 2 to 4, phenotype, sum
+    EXPECT_EQ(phenotypic_matrix().ipar, std::vector<int>{5});
+    EXPECT_EQ(tied_sum_matrix(1).ipar, std::vector<int>{6});
 }
 
 } // namespace
