@@ -171,9 +171,7 @@ int dependent_in(const term& t, const tarvex::normal_equations& a, const std::ve
     }));
 }
 
-void mark(std::vector<int>& out, const term& t, int value) {
-    std::fill_n(out.begin() + t.first, t.count, value);
-}
+void mark(std::vector<int>& out, const term& t, int value) { std::fill_n(out.begin() + t.first, t.count, value); }
 
 // The fewest terms in front of term i that hold all of its dependent columns, in the sense that none can be left out.
 std::vector<std::size_t> holders(const design& d, const tarvex::normal_equations& a, std::size_t i, int dependent) {
@@ -217,9 +215,9 @@ void find_dependencies(std::vector<finding>& findings, const fixed_part& part) {
     const auto all = tarvex::fast_rank(a, std::vector<int>(static_cast<std::size_t>(d.n), 0), vanishing);
     for (std::size_t i = 0; i < d.terms.size(); ++i) {
         const term& t = d.terms[i];
-        const auto n = static_cast<int>(std::count_if(
-            all.dependent.begin(), all.dependent.end(),
-            [&](const auto& x) { return x.row >= t.first && x.row < t.first + t.count; }));
+        const auto n = static_cast<int>(std::count_if(all.dependent.begin(), all.dependent.end(), [&](const auto& x) {
+            return x.row >= t.first && x.row < t.first + t.count;
+        }));
         if (n == 0) continue;
         const auto with = holders(d, a, i, n);
         if (!nested_pair(d, i, with, n))

@@ -28,8 +28,8 @@ struct fixed_part {
 };
 
 // Adds W418 for each effect with columns that depend on those of the effects in front of it, with the fewest of these
-// that hold them. What every model has is no finding: the sum of the levels of a class, or of the functions of a spline,
-// is the mean. Pairs of classes of which one tells the other are W411's. W419: memory does not suffice.
+// that hold them. What every model has is no finding: the sum of the levels of a class, or of the functions of a
+// spline, is the mean. Pairs of classes of which one tells the other are W411's. W419: memory does not suffice.
 void check_rank(std::vector<finding>& findings, const fixed_part& part);
 
 } // namespace tvx

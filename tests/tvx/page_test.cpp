@@ -75,10 +75,11 @@ TEST_F(report_page, of_a_random_regression_is_legible_too) {
 // The measures themselves: faults of each kind are found.
 TEST_F(report_page, that_is_not_legible_is_found) {
     if (browser().empty()) GTEST_SKIP() << "no Chromium here: the page is not looked at";
-    write_file("bad.html", "<!DOCTYPE html><html><body style=\"margin:0;background:#fff\"><p style=\"color:#aaa\">pale</p>"
-                           "<p style=\"font-size:7px\">small</p><div style=\"width:900px\">wide</div>"
-                           "<svg viewBox=\"0 0 100 20\" width=100><text x=\"-20\" y=\"10\">cut off</text></svg>"
-                           "</body></html>");
+    write_file("bad.html",
+               "<!DOCTYPE html><html><body style=\"margin:0;background:#fff\"><p style=\"color:#aaa\">pale</p>"
+               "<p style=\"font-size:7px\">small</p><div style=\"width:900px\">wide</div>"
+               "<svg viewBox=\"0 0 100 20\" width=100><text x=\"-20\" y=\"10\">cut off</text></svg>"
+               "</body></html>");
     const json m = measures("bad.html", 390, false);
     ASSERT_TRUE(m.is_object());
     EXPECT_EQ(m["overflow"], 510);

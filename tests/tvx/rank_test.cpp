@@ -10,8 +10,8 @@
 namespace {
 
 using namespace tvx_tests;
-using tarvex::write_file;
 using Eigen::MatrixXd;
+using tarvex::write_file;
 
 std::vector<std::string> findings_of(const tvx::fixed_part& part) {
     std::vector<tvx::finding> findings;
@@ -99,7 +99,7 @@ tvx::fixed_part random_part(unsigned seed) {
     const auto below = [&](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
     tvx::fixed_part part{"y", below(2) == 0, {}, {}};
     const int records = 9 + below(30), kind = below(4);
-    for (int c = 0; c < 2 + below(2); ++c) part.classes.push_back({std::string("class") + "abc"[c], 1, {}});
+    for (int c = 0; c < 2 + below(2); ++c) part.classes.push_back({std::string("class") + "abc" [c], 1, {}});
     for (auto& c : part.classes) {
         const int levels = 2 + below(6);
         for (int r = 0; r < records; ++r) c.code.push_back(below(levels) * 7 + 3);
@@ -107,7 +107,8 @@ tvx::fixed_part random_part(unsigned seed) {
     if (kind == 1) // a combination of two classes
         for (int r = 0; r < records; ++r)
             part.classes.back().code[static_cast<std::size_t>(r)] =
-                100 * part.classes[0].code[static_cast<std::size_t>(r)] + part.classes[1].code[static_cast<std::size_t>(r)];
+                100 * part.classes[0].code[static_cast<std::size_t>(r)] +
+                part.classes[1].code[static_cast<std::size_t>(r)];
     part.covariables.push_back({"age", "POL", 1 + below(2), 0, {}, {}});
     for (int r = 0; r < records; ++r) {
         const auto k = static_cast<std::size_t>(r);
@@ -179,7 +180,8 @@ TEST(joint_confounding_of_designs, names_the_effects) {
     EXPECT_EQ(findings_of(part), texts{});
     part.covariables.push_back({"age", "POL", 1, 0, {}, {}});
     for (std::size_t r = 0; r < herd.size(); ++r)
-        part.covariables[0].value.push_back(0.1 * static_cast<double>(herd[r] * herd[r]) + 3.3 * static_cast<double>(year[r]));
+        part.covariables[0].value.push_back(0.1 * static_cast<double>(herd[r] * herd[r]) +
+                                            3.3 * static_cast<double>(year[r]));
     EXPECT_EQ(findings_of(part), texts{"trait \"y\": age is held by herd and year (1 of 1 columns)"});
     part.covariables[0].value[5] += 1e-3;
     EXPECT_EQ(findings_of(part), texts{});
@@ -213,8 +215,8 @@ TEST(joint_confounding_of_designs, knows_splines_and_polynomials) {
             c.value.push_back(static_cast<double>(random() % 1000u));
     EXPECT_EQ(findings_of(part), std::vector<std::string>{});
     for (double& x : part.covariables[1].value) x = std::fmod(x, 4.0); // four values have no fifth power, nor a fourth
-    EXPECT_EQ(findings_of(part), std::vector<std::string>{
-                                     "trait \"y\": of_LEG is held in part by the mean (2 of 5 columns)"});
+    EXPECT_EQ(findings_of(part),
+              std::vector<std::string>{"trait \"y\": of_LEG is held in part by the mean (2 of 5 columns)"});
     part.covariables.erase(part.covariables.begin() + 1);
     part.covariables[0].level = part.classes[0].code;
     const auto told = findings_of(part);
@@ -253,7 +255,8 @@ TEST_F(joint_findings, are_told_by_check) {
                       "W418 fixed effects that hold each other, taken together: confounded jointly\n"
                       "     trait \"y\": age(1,POL) is held by herd and year (1 of 1 columns)\n"));
     EXPECT_FALSE(holds(check(both + " COV age(1,POL)\n", records(free)), "W418"));
-    EXPECT_TRUE(holds(check(both + " FIX hy\n", records(free)), "trait \"y\": hy holds herd and year (5 of 5 columns)"));
+    EXPECT_TRUE(
+        holds(check(both + " FIX hy\n", records(free)), "trait \"y\": hy holds herd and year (5 of 5 columns)"));
     EXPECT_FALSE(holds(check(" FIX herd\n FIX hy\n", records(free)), "W418")); // W411 tells of such pairs
     EXPECT_TRUE(holds(check(both + " COV age*herd(1,POL)\n", records(sum)), "W418")) << "nested in herd it is year";
 }

@@ -12,7 +12,8 @@ using nlohmann::json;
 
 class replaced_study : public herd_run {
 protected:
-    // The study again, from the same records: other identifiers (their order, and so all codes, stay), or other records.
+    // The study again, from the same records: other identifiers (their order, and so all codes, stay), or other
+    // records.
     void replace(const std::string& prefix, double more = 0.0) {
         for (const char* file : {"milk.csv", "ped.csv"}) {
             std::string text = read_file(file), out;
@@ -94,8 +95,8 @@ TEST_F(replaced_study, refuses_results_of_other_data) {
 
 TEST_F(replaced_study, says_that_its_report_is_an_earlier_one) {
     herd.write();
-    const std::vector<std::string> rest{"milk.csv", "milk ~ herd + nrm(animal)", "-p", "ped.csv", "-o", "milk",
-                                        "--pedcols", "id,father,mother", "--force"};
+    const std::vector<std::string> rest{"milk.csv",  "milk ~ herd + nrm(animal)", "-p",     "ped.csv", "-o", "milk",
+                                        "--pedcols", "id,father,mother",          "--force"};
     const auto with = [&](const char* command) {
         std::vector<std::string> args{command};
         args.insert(args.end(), rest.begin(), rest.end());
@@ -115,14 +116,14 @@ TEST_F(replaced_study, has_its_ranks_fitted_anew) {
         text_table t{{"id", "herd", "pen", "w", "f"}, {}};
         for (std::size_t k = 21; k <= p.animals.size(); ++k) {
             const auto& a = p.animals[k - 1];
-            t.rows.push_back({id_of(static_cast<int>(k)), "H" + std::to_string(a.herd),
-                              "P" + std::to_string(k % 9), number_text(50.0 + a.genetic + 3.0 * noise.normal() + (k % 7 == 0 ? more : 0.0)),
+            t.rows.push_back({id_of(static_cast<int>(k)), "H" + std::to_string(a.herd), "P" + std::to_string(k % 9),
+                              number_text(50.0 + a.genetic + 3.0 * noise.normal() + (k % 7 == 0 ? more : 0.0)),
                               number_text(20.0 + 0.5 * a.genetic + noise.normal())});
         }
         write_file("t.csv", t.text());
         write_file("p.csv", pedigree_table(p).text());
-        const auto r = run_tvx({"prep", "t.csv", "w + f ~ herd + nrm(id) + (1|pen)", "-p", "p.csv", "-o", "s", "--force",
-                                "--start", "start.txt"});
+        const auto r = run_tvx({"prep", "t.csv", "w + f ~ herd + nrm(id) + (1|pen)", "-p", "p.csv", "-o", "s",
+                                "--force", "--start", "start.txt"});
         ASSERT_EQ(r.status, 0) << r.output;
     };
     write_file("start.txt", "5 1 2  1 0.1 1  8 1 3\n");
@@ -146,8 +147,8 @@ TEST_F(replaced_study, keeps_its_own_run_the_last) {
     ASSERT_EQ(run_tvx({"report", "milk", "-o", "last"}).status, 0);
     EXPECT_TRUE(holds(read_file("last/estimates.tsv"), "\npen\t")) << read_file("last/estimates.tsv");
     EXPECT_EQ(run_tvx({"lrt", "milk", "--drop", "(1|pen)"}).status, 0);
-    const auto unused = run_tvx({"fit", "milk.csv", "milk ~ herd + (1|pen)", "-p", "ped.csv", "-o", "other", "--pedcols",
-                                 "id,father,mother"});
+    const auto unused = run_tvx(
+        {"fit", "milk.csv", "milk ~ herd + (1|pen)", "-p", "ped.csv", "-o", "other", "--pedcols", "id,father,mother"});
     EXPECT_NE(unused.status, 1) << unused.output;
     EXPECT_TRUE(holds(unused.output, "the pedigree is not used")) << unused.output;
     EXPECT_TRUE(holds(run_tvx({"check", "milk"}).output, "Forecast"));
