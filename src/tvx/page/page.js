@@ -77,8 +77,13 @@
   // Dots with intervals of 95 per cent.
   const intervals = (parent, title, rows, low, high) => {
     if (!rows.length) return;
-    const height = 46 + 24 * rows.length, width = room(), left = Math.min(190, 0.44 * width);
-    const letters = Math.floor((left - 12) / 6.4);
+    const width = room(), left = Math.min(190, 0.44 * width), letters = Math.floor((left - 12) / 6.4);
+    const cut = (text) => (text.length > letters ? text.slice(0, letters - 1) + "\u2026" : text);
+    const parts = (text) => { // in two lines, behind the dash, what is too long for one
+      const at = text.indexOf(" \u2013 ");
+      return text.length <= letters || at < 0 ? [cut(text)] : [cut(text.slice(0, at + 2)), cut(text.slice(at + 3))];
+    };
+    const height = 46 + (rows.some((r) => parts(r.label).length > 1) ? 34 : 24) * rows.length;
     const p = frame(parent, title, "Dot: estimate. Line: estimate and 1.96 standard errors on either side, within " +
       `${low} to ${high}.`, width, height, { left });
     const x = d3.scaleLinear([low, high], [p.x0, p.x1]), y = d3.scalePoint(rows.map((_, i) => i), [p.y1 + 10, p.y0 - 10]);
@@ -87,8 +92,10 @@
     across(p, x, "");
     rows.forEach((r, i) => {
       const g = p.svg.append("g"), at = y(i), c = r.mark ? "var(--warn)" : "var(--one)";
-      const label = r.label.length > letters ? r.label.slice(0, letters - 1) + "\u2026" : r.label;
-      tip(g.append("text").attr("x", p.x0 - 8).attr("y", at + 4).attr("text-anchor", "end").text(label), r.label);
+      const lines = parts(r.label), text = g.append("text").attr("text-anchor", "end");
+      lines.forEach((line, k) => text.append("tspan").attr("x", p.x0 - 8)
+        .attr("y", at + 4 + 13 * (k - (lines.length - 1) / 2)).text(line));
+      tip(text, r.label);
       if (has(r.se)) g.append("line").attr("x1", x(Math.max(low, r.value - 1.96 * r.se)))
         .attr("x2", x(Math.min(high, r.value + 1.96 * r.se))).attr("y1", at).attr("y2", at).attr("stroke", c)
         .attr("stroke-width", 2);
