@@ -87,8 +87,9 @@ void look_for_codes(column_reader& r, const std::vector<double>& x, std::size_t 
 void throw_bad_cells(const column_reader& r) {
     const std::string file = "\"" + r.d.table.file + "\"";
     if (!r.bad.empty())
-        throw fault{file + ": " + std::to_string(r.bad.size()) + " cells are no numbers (missing values: --na):\n" +
-                    few_lines(r.bad, 20)};
+        throw fault{file + ": " + std::to_string(r.bad.size()) +
+                    (r.bad.size() == 1 ? " cell is no number" : " cells are no numbers") +
+                    " (missing values: --na):\n" + few_lines(r.bad, 20)};
     if (!r.codes.empty() && !r.d.request.keep_codes)
         throw fault{file + ": codes for missing values? --na -999 takes them so, --keep-codes as values:\n" +
                     few_lines(r.codes, 20)};

@@ -1,12 +1,15 @@
 #include "tvx/commands.h"
 
 #include "control/tvxroutines.h"
+#include "tvx/csv.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 namespace tvx {
 
@@ -19,14 +22,37 @@ constexpr registrar table[] = {
 
 int tell(const std::string& text, int status) {
     std::fflush(stdout);
-    std::printf("%s\n", text.c_str());
+    const nlohmann::json object{{"fault", text}, {"status", status}};
+    const std::string shown =
+        display.json ? object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) : text;
+    std::printf("%s\n", shown.c_str());
     return status;
+}
+
+// The command line has none of the commands.
+std::string no_command(const CLI::App& app, int argc, const char* const* argv) {
+    std::vector<std::string> names;
+    for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; }))
+        names.push_back(sub->get_name());
+    std::string text = "a command is needed", list;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word.starts_with('-')) continue;
+        const std::string near = nearest_name(word, names);
+        text = "there is no command \"" + word + "\"" + (near.empty() ? "" : "; did you mean \"" + near + "\"?");
+        break;
+    }
+    for (const auto& name : names) list += (list.empty() ? "" : ", ") + name;
+    return text + "\nCommands: " + list + " (tvx COMMAND --help tells of each)";
 }
 
 // CLI11 has its own exit codes; here a command line that cannot be read is a fault in the input.
 int parse(CLI::App& app, int argc, const char* const* argv) {
     try {
         app.parse(argc, argv);
+    } catch (const CLI::RequiredError& e) {
+        if (!app.get_subcommands().empty()) return app.exit(e, std::cout, std::cout) == 0 ? fine : input_fault;
+        return tell(no_command(app, argc, argv), input_fault);
     } catch (const CLI::ParseError& e) {
         return app.exit(e, std::cout, std::cout) == 0 ? fine : input_fault;
     }

@@ -344,10 +344,21 @@ int csv_find(const csv_table& t, std::string_view name) {
     return at == t.names.end() ? -1 : static_cast<int>(at - t.names.begin());
 }
 
+// The names of the first columns, for a message.
+std::string first_names(const std::vector<std::string>& names) {
+    constexpr std::size_t most = 12;
+    std::string text;
+    for (std::size_t i = 0; i < std::min(most, names.size()); ++i) text += (i > 0 ? ", " : "") + shown(names[i]);
+    return text + (names.size() > most ? " and " + std::to_string(names.size() - most) + " more" : "");
+}
+
 std::size_t csv_column(const csv_table& t, const std::string& name, const std::string& what) {
     if (const int i = csv_find(t, name); i >= 0) return static_cast<std::size_t>(i);
     std::string text = what + ": \"" + t.file + "\" has no column \"" + name + "\"";
-    if (const auto near = nearest_name(name, t.names); !near.empty()) text += "; did you mean \"" + near + "\"?";
+    if (const auto near = nearest_name(name, t.names); !near.empty())
+        text += "; did you mean \"" + near + "\"?";
+    else
+        text += "; its columns are " + first_names(t.names);
     throw fault{text};
 }
 

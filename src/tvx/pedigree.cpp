@@ -54,6 +54,13 @@ places find_places(const csv_table& t, const pedigree_columns& columns, bool gra
     if (t.heading && animal >= 0 && sire >= 0 && dam >= 0)
         return {static_cast<std::size_t>(animal), static_cast<std::size_t>(sire), static_cast<std::size_t>(dam),
                 p.born};
+    const auto of_records = [&](const std::string& name) {
+        return std::find(columns.hints.begin(), columns.hints.end(), name) != columns.hints.end();
+    };
+    if (t.heading && of_records(t.names[1]) && of_records(t.names[2]))
+        throw fault{"\"" + t.file + "\" has no columns with usual names for parents, and its second and third, \"" +
+                    t.names[1] + "\" and \"" + t.names[2] +
+                    "\", are columns of the records: say which are meant by --pedcols animal,sire,dam"};
     if (!t.heading) remarks.push_back("pedigree: there is no heading; the first line is taken for an animal");
     remarks.push_back("pedigree: columns " + t.names[0] + ", " + t.names[1] + " and " + t.names[2] +
                       " are taken as animal, sire and " + (grandsires ? "maternal grandsire" : "dam"));

@@ -2,6 +2,7 @@
 
 #include "tvx/commands.h"
 #include "tvx/draft.h"
+#include "tvx/jobs.h"
 #include "tvx/progress.h"
 #include "tvx/tables.h"
 
@@ -234,6 +235,12 @@ std::string study_summary(const study& s) {
 
 namespace {
 
+// Parameter file as a word of a command line.
+std::string par_of(const study& s) {
+    const std::string name = s.folder + "/" + s.name + ".par";
+    return name.find_first_of(" \t'\"$`\\()&;|<>*?[]!#~") == std::string::npos ? name : shell_quoted(name);
+}
+
 std::string earlier_report(const study& s) {
     std::error_code ec;
     if (!fs::exists(s.folder + "/report/report.html", ec)) return "";
@@ -257,8 +264,8 @@ void register_prep(CLI::App& app, action& chosen) {
                                  .dump()
                           << "\n";
             else if (!display.quiet)
-                std::cout << study_summary(s) << earlier_report(s) << "Next: tvx check " << s.folder << "/" << s.name
-                          << ".par, or tvx run " << s.folder << "/" << s.name << ".par\n";
+                std::cout << study_summary(s) << earlier_report(s) << "Next: tvx check " << par_of(s) << ", or tvx run "
+                          << par_of(s) << "\n";
             return static_cast<int>(fine);
         };
     });

@@ -236,8 +236,9 @@ judgement judge(const run_results& r) {
     };
     if (short_of) {
         j.verdict = "not arrived";
-        j.text = "The estimates are not at a maximum of the likelihood: log L would still rise by about " +
-                 shown(promised, 2) + " (" + reason + ").";
+        const std::string rise = promised < 1e4 ? "by about " + shown(promised, 2) : "far"; // or there is no figure
+        j.text = "The estimates are not at a maximum of the likelihood: log L would still rise " + rise + " (" +
+                 reason + ").";
         j.status = 3;
     } else if (flat) {
         j.verdict = "unidentified";

@@ -3,6 +3,8 @@
 #include "tvx/companion.h"
 #include "tvx/formula.h"
 
+#include <nlohmann/json.hpp>
+
 namespace {
 
 using namespace tvx_tests;
@@ -111,6 +113,46 @@ TEST_F(prep_faults, of_names_show_the_nearest) {
     expect("has no column \"Herd\"; did you mean \"herd\"?", "weight ~ Herd + (1|id)");
     expect("--pedcols: \"p.csv\" has no column \"father\"", "weight ~ nrm(id)",
            {"-p", "p.csv", "--pedcols", "animal,father,dam"});
+}
+
+TEST_F(prep_faults, of_names_unlike_all_others_show_the_columns) {
+    expect("has no column \"stable\"; its columns are \"id\", \"herd\", \"age\", \"weight\"\n",
+           "weight ~ stable + (1|id)");
+    write_file("t.csv", "id,herd;age;weight\na,1;2;10\nb,1;3;12\n"); // another separator behind the first
+    expect("has no column \"herd\"; its columns are ");
+}
+
+TEST_F(prep_faults, of_a_table_that_is_no_pedigree) {
+    expect("\"t.csv\" has no columns with usual names for parents, and its second and third, \"herd\" and \"age\", are "
+           "columns of the records: say which are meant by --pedcols animal,sire,dam",
+           "weight ~ nrm(id)", {"-p", "t.csv"});
+}
+
+TEST_F(prep_faults, of_one_cell_are_told_as_one) {
+    expect_table("id,herd,weight\na,1,12\nb,1,x\nc,2,5\n", "1 cell is no number (missing values: --na):\n  line 3");
+}
+
+TEST_F(prep_faults, for_machines_are_one_object) {
+    const auto r = run_tvx({"--json", "prep", "t.csv", "wieght ~ herd + (1|id)"});
+    EXPECT_EQ(r.status, 1);
+    const auto told = nlohmann::json::parse(r.output);
+    EXPECT_EQ(told["status"], 1);
+    EXPECT_EQ(told["fault"], "formula: \"t.csv\" has no column \"wieght\"; did you mean \"weight\"?");
+}
+
+TEST_F(prep_faults, of_commands) {
+    expect_fault({"fitt"},
+                 "there is no command \"fitt\"; did you mean \"fit\"?\nCommands: fit, prep, check, run, report, ");
+    expect_fault({"frobnicate", "x"}, "there is no command \"frobnicate\"\nCommands: fit");
+    expect_fault({}, "a command is needed\nCommands: fit");
+    expect_fault({"fit"}, "DATA is required");
+    expect_fault({"fit", "t.csv", "weight ~ herd", "--frob"}, "not expected: --frob");
+}
+
+TEST_F(prep_faults, leave_names_that_can_be_copied) {
+    const auto r = run_tvx({"prep", "t.csv", "weight ~ (1|herd)", "-o", "my study"});
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_TRUE(holds(r.output, "tvx run 'my study/my_study.par'\n")) << r.output;
 }
 
 TEST_F(prep_faults, of_models_that_cannot_be) {

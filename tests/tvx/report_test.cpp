@@ -146,6 +146,31 @@ TEST_F(tvx_report, ProgramThatStopsIsToldWithItsWords) {
     EXPECT_TRUE(holds(stopped.output, "invalid number in option --aireml3.0")) << stopped.output;
 }
 
+// A limit on the size of files stands for a full disk: what does not fit is told, and the next command goes on.
+TEST_F(tvx_report, FullDisksAreToldAndTheSameCommandGoesOn) {
+    ASSERT_NO_FATAL_FAILURE(fit());
+    const std::string estimates = read_file(run + "/report/estimates.tsv");
+    const auto limited = [](int blocks, const std::string& command) {
+        return tarvex::run_binary("/bin/sh", {"-c", "trap '' XFSZ; ulimit -f " + std::to_string(blocks) + "; exec " +
+                                                        std::string(TVX_COMPANION) + " " + command});
+    };
+    fs::remove_all("milk/runs");
+    const auto copied = limited(4, "run milk"); // the inputs
+    EXPECT_EQ(copied.status, 1) << copied.output;
+    EXPECT_TRUE(holds(copied.output, "cannot copy ")) << copied.output;
+    const auto written = limited(16, "run milk"); // files of the program
+    EXPECT_EQ(written.status, 4) << written.output;
+    EXPECT_TRUE(holds(written.output, "Cannot write file")) << written.output;
+    EXPECT_EQ(run_tvx({"report", "milk"}).status, 1) << "no run is finished";
+    const auto told = run_tvx({"run", "milk"});
+    ASSERT_EQ(told.status, 0) << told.output;
+    const auto page = limited(4, "report milk");
+    EXPECT_EQ(page.status, 1) << page.output;
+    EXPECT_TRUE(holds(page.output, "cannot write file")) << page.output;
+    EXPECT_EQ(run_tvx({"report", "milk"}).status, 0);
+    EXPECT_EQ(read_file(run + "/report/estimates.tsv"), estimates);
+}
+
 TEST_F(tvx_report, FaultsOfTheInputsAreToldBeforeARun) {
     write_file("bad.par", "ANA UNI\nDAT none.dat\n a 3\n y\nEND\nMOD\n FIX a\n TR y 1\nEND\nVAR residual 1\n 1.0\n");
     const auto r = run_tvx({"run", "bad.par"});
