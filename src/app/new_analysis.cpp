@@ -14,6 +14,7 @@
 #include "data/datavecs.h"
 #include "data/levels.h"
 #include "data/pedigreelist.h"
+#include "data/recodedsums.h"
 #include "equations/adjacency.h"
 #include "equations/lsqfixed.h"
 #include "equations/mmequations.h"
@@ -67,7 +68,7 @@ void new_analysis() {
     anew(filenames, maximise, numbers, options, times, warnings);
     anew(datafile, model, mudmap, randasfix, usrdefcovs, zerout);
     anew(legpolynomials, phimat, splines);
-    anew(combinations, covmeans, datalines, datavecs, levels, means, pedigreelist);
+    anew(combinations, covmeans, datalines, datavecs, levels, means, pedigreelist, recoded_sums);
     anew(cholnrm, geninverse, gin_store, nrminverse);
     anew(randomvars, residualvars);
     anew(adjacency, kernels, lsqsolutions, mmequations, orders, sparse);

@@ -22,6 +22,7 @@ struct datavecs_module {
     int mcov = 0;          // covariable coefficients of a row (largest over traits)
     int nmeta = 0;         // control variables
     int neqns = 0;         // equations that the records may name
+    int ncov = 0;          // those of covariables among them, which come first
     array<double> yvec;    // (maxnr) observations in units of their traits (units.h), sorted by trait
     array<int> ynq;        // (maxnr) traits
     array<int, 2> ieqnr;   // (mrow,maxnr)

@@ -143,6 +143,7 @@ void gather_covariables(recoder& r, const array<double>& dvec, int iq, int k) {
                        r.xcov.column(k).subspan(static_cast<std::size_t>(pos)));
         const int first = r.starts.covariables(i, iq) + (nest_level(r, dvec, i, iq) - 1) * order;
         for (int c = 1; c <= order; ++c) r.icov(++pos, k) = first + c;
+        datavecs.ncov = std::max(datavecs.ncov, first + order);
     }
 }
 
@@ -240,6 +241,18 @@ void write_head(recoder& r, int icombi) {
         r.heads.record(yvec);
 }
 
+// icombi as it is read.
+void add_sums(recoder& r, int icombi) {
+    const auto part = [&](const array<int, 2>& a, int rows) {
+        return std::span<const int>(a.prefix(static_cast<std::ptrdiff_t>(rows) * r.nobs));
+    };
+    const auto xcov = r.xcov.prefix(static_cast<std::ptrdiff_t>(r.mcov) * r.nobs);
+    recoded_sums.heads.push_back(
+        head_sum({icombi, r.nobs, r.yvec.prefix(r.nobs), xcov, r.ynq.prefix(r.nobs), part(r.imeta, r.nmeta),
+                  part(r.icov, r.mcov), part(r.ieqnr, r.mrow), part(r.iraand, options.superai ? r.krand : 0)}));
+    recoded_sums.old_lists.push_back(list_sum(r.jvec));
+}
+
 // Writes the finished subject and clears the tables.
 void recode(recoder& r) {
     ++numbers.nsubject;
@@ -258,6 +271,7 @@ void recode(recoder& r) {
     r.heads.record(r.ieqnr.prefix(static_cast<std::ptrdiff_t>(r.mrow) * r.nobs));
     if (options.superai) r.heads.record(r.iraand.prefix(static_cast<std::ptrdiff_t>(r.krand) * r.nobs));
     r.lists.record(nr, jvec);
+    add_sums(r, options.randreg && numbers.nq == 1 ? 0 : icombi);
     r.nobs = 0;
     r.mark.fill(0);
 }
@@ -268,7 +282,9 @@ void recode_data(const equation_starts& starts) {
     recoder r(starts);
     allocate_recoder(r);
     datavecs.neqns = starts.neqns;
+    datavecs.ncov = 0;
     numbers.nsubject = numbers.maxnreq = 0;
+    recoded_sums = {};
     if (!r.heads.open(filenames.recdatfil1)) write_fault(filenames.recdatfil1);
     if (!r.lists.open(filenames.recdatfil2)) write_fault(filenames.recdatfil2);
     subject_pass pass;

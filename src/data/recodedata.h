@@ -12,6 +12,7 @@
 // each of the control variables rrcontrol, 0 where the trait has not got it. Integers are 32 bits, reals 64 bits.
 #pragma once
 #include "data/datavecs.h"
+#include "data/recodedsums.h"
 #include "support/record_file.h"
 
 #include <string>
@@ -39,7 +40,9 @@ struct recdata_pass {
     record_reader lists;                 // recoded2.bin or recoded3.bin
     datavecs_module* record = &datavecs; // where a subject is read to
     std::string lists_name;
-    int nsubject = 0;          // subjects in front of the next one
+    int nsubject = 0; // subjects in front of the next one
+    int most = 0;     // largest number of an equation
+    std::vector<std::uint64_t>* list_sums = nullptr;
     std::vector<int> controls; // levels of each control variable
 };
 // Where a subject begins in both files.
@@ -52,8 +55,8 @@ void go_to(recdata_pass& pass, const recdata_place& place);
 // Allocates the record of the pass and opens the files: `lists_file` is filenames.recdatfil2 or recdatfil3. Faults stop
 // the run.
 void setup_recdata(recdata_pass& pass, const std::string& lists_file);
-// Reads the next subject. False at the end. Records that do not fit this run, and an end before the last subject, stop
-// the run.
+// Reads the next subject. False at the end. Records that are not what was written (recodedsums.h) or do not fit
+// this run, and an end before the last subject, stop the run.
 bool next_subject(recdata_pass& pass);
 void deall_recdata(recdata_pass& pass);
 

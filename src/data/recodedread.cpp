@@ -12,7 +12,8 @@
 #include "support/stop.h"
 
 #include <algorithm>
-#include <numeric>
+#include <cstdint>
+#include <span>
 
 namespace tarvex {
 
@@ -74,6 +75,7 @@ bool within(std::span<const int> values, int least, int most) {
 std::span<const int> part(const array<int, 2>& a, int rows, int n) {
     return a.prefix(static_cast<std::ptrdiff_t>(rows) * n);
 }
+int animal_rows(const datavecs_module& d) { return d.iraand.size() > 0 ? numbers.krand : 0; }
 
 // Levels of each control variable, traits without it aside.
 std::vector<int> control_levels(int nmeta) {
@@ -85,30 +87,54 @@ std::vector<int> control_levels(int nmeta) {
     return most;
 }
 
+// A trait has a level of each control variable that it has, and 0 of others.
 bool controls_fit(const datavecs_module& d, const std::vector<int>& most) {
     for (int k = 1; k <= d.nobs; ++k)
-        for (int irrc = 1; irrc <= d.nmeta; ++irrc)
-            if (d.imeta(irrc, k) < 0 || d.imeta(irrc, k) > most[static_cast<std::size_t>(irrc) - 1]) return false;
+        for (int irrc = 1; irrc <= d.nmeta; ++irrc) {
+            const int least = control_place(irrc, d.ynq(k)) > 0 ? 1 : 0;
+            if (d.imeta(irrc, k) < least || d.imeta(irrc, k) > most[static_cast<std::size_t>(irrc) - 1]) return false;
+        }
     return true;
 }
 
-// The pattern of records that the subject is said to have counts its records.
+// The pattern of records that the subject is said to have is that of its traits.
 bool pattern_fits(const datavecs_module& d) {
     if (options.randreg) return d.icombi >= 0 && d.icombi <= combinations.ncombi;
     if (d.icombi < 1 || d.icombi > combinations.ncombi) return false;
     const auto& counts = combinations.nqcombi[static_cast<std::size_t>(d.icombi) - 1];
-    return std::accumulate(counts.begin(), counts.end(), 0) == d.nobs;
+    const auto ynq = d.ynq.prefix(d.nobs);
+    for (int iq = 1; iq <= numbers.nq; ++iq)
+        if (std::count(ynq.begin(), ynq.end(), iq) != counts[static_cast<std::size_t>(iq) - 1]) return false;
+    return std::is_sorted(ynq.begin(), ynq.end());
 }
 
 // Every index that the passes over the data use without a look. Equations have numbers up to that of the right-hand
 // side, which comes behind them all.
 bool indices_fit(const recdata_pass& pass) {
     const auto& d = *pass.record;
-    const int neqns = datavecs.neqns;
-    return within(part(d.ieqnr, d.mrow, d.kk), 0, d.nr) && within(part(d.icov, d.mcov, d.kk), 0, neqns) &&
-           within(d.jvec.prefix(d.nr), 0, neqns + 1) && within(d.ynq.prefix(d.nobs), 1, numbers.nq) &&
-           within(part(d.iraand, d.iraand.size() > 0 ? numbers.krand : 0, d.nobs), 0, neqns) &&
-           controls_fit(d, pass.controls) && pattern_fits(d);
+    return within(part(d.ieqnr, d.mrow, d.kk), 0, d.nr) && within(part(d.icov, d.mcov, d.kk), 0, datavecs.ncov) &&
+           within(d.jvec.prefix(d.nr), 0, pass.most) && within(d.ynq.prefix(d.nobs), 1, numbers.nq) &&
+           within(part(d.iraand, animal_rows(d), d.nobs), 0, datavecs.neqns) && controls_fit(d, pass.controls) &&
+           pattern_fits(d);
+}
+
+// The subject is what was written; the first pass that meets it looks at its indices too.
+bool subject_fits(const recdata_pass& pass) {
+    const auto& d = *pass.record;
+    const auto k = static_cast<std::size_t>(pass.nsubject) - 1;
+    auto &heads = recoded_sums.heads, &lists = *pass.list_sums;
+    if (k >= heads.size() || k >= lists.size()) return indices_fit(pass);
+    const std::uint64_t head =
+        head_sum({d.icombi, d.nobs, d.yvec.prefix(d.nobs), d.xcov.prefix(std::ptrdiff_t{d.mcov} * d.kk),
+                  d.ynq.prefix(d.nobs), part(d.imeta, d.nmeta, d.nobs), part(d.icov, d.mcov, d.kk),
+                  part(d.ieqnr, d.mrow, d.kk), part(d.iraand, animal_rows(d), d.nobs)});
+    const std::uint64_t list = list_sum(d.jvec.prefix(d.nr));
+    if (!same_sum(heads[k], head) || !same_sum(lists[k], list)) return false;
+    if ((heads[k] & lists[k] & 1) != 0) return true;
+    if (!indices_fit(pass)) return false;
+    heads[k] |= 1;
+    lists[k] |= 1;
+    return true;
 }
 
 } // namespace
@@ -117,6 +143,9 @@ void setup_recdata(recdata_pass& pass, const std::string& lists_file) {
     setup_tables(*pass.record);
     pass.nsubject = 0;
     pass.controls = control_levels(pass.record->nmeta);
+    const bool ordered = lists_file == filenames.recdatfil3;
+    pass.most = ordered ? numbers.nsrow : datavecs.neqns + 1;
+    pass.list_sums = ordered ? &recoded_sums.new_lists : &recoded_sums.old_lists;
     if (!pass.heads.open(filenames.recdatfil1)) read_fault(filenames.recdatfil1);
     if (!pass.lists.open(lists_file)) read_fault(lists_file);
     pass.lists_name = lists_file;
@@ -145,7 +174,7 @@ bool next_subject(recdata_pass& pass) {
     good = good && in.record(columns(d.ieqnr, d.mrow, d.kk));
     if (good && options.superai) good = in.record(columns(d.iraand, numbers.krand, d.nobs));
     good = good && get_list(pass.lists, d);
-    if (!good || !indices_fit(pass)) stop_with("Error reading recoded data !");
+    if (!good || !subject_fits(pass)) stop_with("Error reading recoded data !");
     return true;
 }
 

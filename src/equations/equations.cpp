@@ -145,17 +145,23 @@ void new_eqnnos() {
     if (!out.open(filenames.recdatfil3)) stop_with("Cannot open file \"" + filenames.recdatfil3 + "\"");
     array<int> jvec;
     allocate("alloc jvec", jvec, std::max(1, numbers.maxnreq));
+    recoded_sums.new_lists.clear();
     int n = 0;
     while (in.next()) {
         int nr = 0;
         ++n;
         if (!in.get(nr) || nr < 0 || nr > jvec.size() || !in.get(jvec.prefix(nr)))
             stop_with("Error reading file \"" + filenames.recdatfil2 + "\"");
+        const auto k = static_cast<std::size_t>(n) - 1;
+        const auto& sums = recoded_sums.old_lists;
+        if (k < sums.size() && !same_sum(sums[k], list_sum(jvec.prefix(nr))))
+            stop_with("Error reading file \"" + filenames.recdatfil2 + "\"");
         for (int& e : jvec.prefix(nr)) {
             if (e < 1 || e > mmequations.neqns) stop_with("Error reading file \"" + filenames.recdatfil2 + "\"");
             e = orders.ieqnew(e);
         }
         out.record(nr, jvec.prefix(nr));
+        recoded_sums.new_lists.push_back(list_sum(jvec.prefix(nr)));
     }
     if (in.failed() || n != numbers.nsubject) stop_with("Error reading file \"" + filenames.recdatfil2 + "\"");
     if (!out.close()) stop_with("Error writing file \"" + filenames.recdatfil3 + "\"");

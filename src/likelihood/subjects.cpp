@@ -4,6 +4,8 @@
 #include "control/filenames.h"
 #include "control/numbers.h"
 #include "control/options.h"
+#include "control/tvxroutines.h"
+#include "data/levels.h"
 #include "data/rowlayout.h"
 #include "equations/mmequations.h"
 #include "equations/orders.h"
@@ -54,6 +56,13 @@ std::vector<double> rotated_rows(int irand, const std::vector<double>& basis) {
             rows[a * at(rank) + at(c - 1)] = s;
         }
     return rows;
+}
+
+// Level of block irand that an equation (new number) belongs to.
+int level_of(int ieq, int irand) {
+    const int old = ieq > 0 ? orders.ieqold(ieq) - mmequations.rn_start(irand) - 1 : -1, n = nfit(irand);
+    if (old < 0 || old / n >= levels.rn_nlev(irand)) stop_with("Error reading recoded data !");
+    return old / n + 1;
 }
 
 } // namespace
@@ -149,8 +158,7 @@ void subject_stream::add_random(int i, int iq, int j) {
     for (int k = 0; k < width; ++k)
         add_entry(local_of_jvec(r.ieqnr(from + k, i + 1)), w ? w[k] : ddvecs.dd(from + k, iq));
     if (!with_effects_) return;
-    const int old = orders.ieqold(r.jvec(r.ieqnr(from, i + 1)));
-    effect.level = (old - mmequations.rn_start(irand) - 1) / nfit(irand) + 1;
+    effect.level = level_of(r.jvec(r.ieqnr(from, i + 1)), irand);
     design_.effects.push_back(effect);
 }
 

@@ -3,6 +3,7 @@
 #include "control/filenames.h"
 #include "control/tvxroutines.h"
 #include "data/levels.h"
+#include "data/pedigreelist.h"
 #include "parfile/mudmap.h"
 #include "relations/geninverse.h"
 #include "relations/nrminverse.h"
@@ -52,7 +53,8 @@ void inverse_stream::rewind() {
     if (p_->kind != 'N') return;
     p_->file.rewind();
     std::int32_t ian1 = 0, ian2 = 0, sm = 0;
-    if (!p_->file.record(p_->nan, ian1, ian2, sm) || !p_->file.record(p_->nnrm, logdet_) || !p_->file.next())
+    if (!p_->file.record(p_->nan, ian1, ian2, sm) || !p_->file.record(p_->nnrm, logdet_) || !p_->file.next() ||
+        p_->nan != pedigreelist.nannew(mudmap.iranno(p_->irand)))
         unreadable(p_->name);
 }
 

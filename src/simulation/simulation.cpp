@@ -2,6 +2,7 @@
 
 #include "basis/phimatrix.h"
 #include "control/filenames.h"
+#include "control/interrupts.h"
 #include "control/limits.h"
 #include "control/numbers.h"
 #include "control/options.h"
@@ -97,15 +98,33 @@ void gather_sim() {
     if (!file.close()) stop_with("Cannot write file \"" + filenames.recdatfil5 + "\"");
 }
 
+// Levels as gather_sim writes them: they are indices from here on.
+bool levels_fit(const line_levels& line) {
+    for (std::size_t obs = 0; obs < line.ynq.size(); ++obs) {
+        const int iq = line.ynq[obs];
+        if (iq < 1 || iq > numbers.nq) return false;
+        for (int i = 1; i <= model.nrnd(iq); ++i) {
+            const int level = line.iraand[obs * maxrand + static_cast<std::size_t>(i - 1)];
+            if (level < 1 || level > levels.rn_nlev(mudmap.rn_irand(i, iq))) return false;
+        }
+        for (int irrc = 1; irrc <= (options.randreg ? model.nrrc : 0); ++irrc) {
+            const int least = control_place(irrc, iq) > 0 ? 1 : 0, most = static_cast<int>(control_codes(irrc).size());
+            const int level =
+                line.imeta[obs * static_cast<std::size_t>(model.nrrc) + static_cast<std::size_t>(irrc - 1)];
+            if (level < least || level > most) return false;
+        }
+    }
+    return true;
+}
+
 bool next_line(record_reader& file, line_levels& line) {
     int n = 0;
-    if (!file.next() || !file.get(line.first_of_subject) || !file.get(n)) return false;
+    if (!file.next() || !file.get(line.first_of_subject) || !file.get(n) || n < 1 || n > numbers.nq) return false;
     line.ynq.resize(static_cast<std::size_t>(n));
     line.iraand.resize(static_cast<std::size_t>(n) * maxrand);
     if (!file.get(std::span<int>(line.ynq)) || !file.get(std::span<int>(line.iraand))) return false;
-    if (!options.randreg) return true;
-    line.imeta.resize(static_cast<std::size_t>(n) * static_cast<std::size_t>(model.nrrc));
-    return file.record(std::span<int>(line.imeta));
+    line.imeta.resize(options.randreg ? static_cast<std::size_t>(n) * static_cast<std::size_t>(model.nrrc) : 0);
+    return (!options.randreg || file.record(std::span<int>(line.imeta))) && levels_fit(line);
 }
 
 // The PEQ matrix, packed as the residual one; zero without such an effect.
@@ -319,6 +338,7 @@ void make_data(const std::string& name, const random_samples& u, residual_draws&
         subject.texts.push_back(columns_text(dvec, iq));
         subject.records.push_back(pass.record);
     }
+    if (file.next()) stop_with("Error reading file \"" + filenames.datfile + "\""); // it had more records before
     if (!subject.lines.empty()) write_subject(lines, out, subject, u, draws, sd);
     for (const auto& [record, text] : lines.held) out.line(text);
 }
@@ -367,6 +387,7 @@ void simulate_data() {
         const std::string digits = std::to_string(irep);
         sample_randeffs(u, simtot);
         make_data("SimData" + std::string(3 - digits.size(), '0') + digits + ".dat", u, draws, sd);
+        if (irep < simulation.nrepsim) end_if_asked(false);
     }
     report_covariances(simtot);
 }
