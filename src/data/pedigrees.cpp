@@ -18,7 +18,8 @@
 #include <algorithm>
 #include <array>
 #include <string>
-#include <unordered_map>
+#include <utility>
+#include <vector>
 
 namespace tarvex {
 
@@ -29,7 +30,7 @@ using pedrec = std::array<int, 3>; // animal, sire, dam
 // Codes met so far; all lie between 1 and maxan.
 struct code_marks {
     array<signed char> seen;
-    int n = 0;
+    int n = 0, largest = 0;
 };
 
 bool next_line(ped_reader& reader) {
@@ -47,6 +48,7 @@ bool next_line(ped_reader& reader) {
 void add_list(code_marks& marks, long long id) {
     if (id > maxan) print_list(screen(), "Code of an animal is above the largest one allowed :", id, maxan);
     if (id > maxan || id < 1) stop_with("Error reading pedigrees : invalid animal ID");
+    marks.largest = std::max(marks.largest, static_cast<int>(id));
     auto& seen = marks.seen(id);
     if (seen == 0) ++marks.n;
     seen = 1;
@@ -57,31 +59,40 @@ void add_list(code_marks& marks, long long id) {
     stoptarvex();
 }
 
-// Where an animal had its record.
-struct first_record {
-    int line = 0, sire = 0, dam = 0;
+// Records of the user's file as they are read; the reduced one has each animal once.
+struct ped_records {
+    std::vector<pedrec> all;
+    std::vector<int> lines;  // of each record
+    std::vector<int> firsts; // [code] first record of an animal, 0: none yet
 };
 
 // An animal has one line. A second one with the same parents does no harm.
-void check_repeat(first_record& first, int ian, int idad, int imum, int line, int nrecords) {
-    if (first.line == 0) {
-        first = {line, idad, imum};
+void check_repeat(ped_records& records, int line) {
+    records.lines.push_back(line);
+    const pedrec& r = records.all.back();
+    const int n = static_cast<int>(records.all.size());
+    const auto code = static_cast<std::size_t>(r[0]);
+    if (code >= records.firsts.size()) records.firsts.resize(std::max(2 * code, std::size_t{1024}));
+    int& first = records.firsts[code];
+    if (first == 0) first = n;
+    const auto k = static_cast<std::size_t>(first) - 1;
+    if (records.all[k] == r) {
+        if (options.allped && first < n) warn_repeat(r[0], records.lines[k], line); // else told by reducepeds
         return;
     }
-    if (first.sire == idad && first.dam == imum) return; // told by reducepeds
-    print_list(screen(), "Animal is in the pedigree twice, with other parents :", ian, " lines", first.line, "and",
-               line);
-    pedigree_error(nrecords);
+    print_list(screen(), "Animal is in the pedigree twice, with other parents :", r[0], " lines", records.lines[k],
+               "and", line);
+    pedigree_error(n);
 }
 
 // Reads and checks all records; their codes go into the list.
 std::vector<pedrec> read_pedigree(code_marks& marks) {
-    std::vector<pedrec> records;
+    const bool reduced = filenames.pedfile == filenames.newpedfile;
+    ped_records records;
     ped_reader reader;
     open_pedfile(reader);
     long long ian = 0, idad = 0, imum = 0;
     int n = 0;
-    std::unordered_map<int, first_record> firsts;
     while (const int status = next_pedrec(reader, ian, idad, imum)) {
         ++n;
         if (status < 0) pedigree_error(n);
@@ -96,22 +107,21 @@ std::vector<pedrec> read_pedigree(code_marks& marks) {
         add_list(marks, ian);
         if (idad > 0) add_list(marks, idad);
         if (imum > 0) add_list(marks, imum);
-        records.push_back({static_cast<int>(ian), static_cast<int>(idad), static_cast<int>(imum)});
-        const pedrec& r = records.back();
-        check_repeat(firsts[r[0]], r[0], r[1], r[2], reader.nlines, n);
+        records.all.push_back({static_cast<int>(ian), static_cast<int>(idad), static_cast<int>(imum)});
+        if (!reduced) check_repeat(records, reader.nlines);
     }
-    if (n == 0 && filenames.pedfile != filenames.newpedfile) { // the reduced one is empty if no animal has records
+    if (n == 0 && !reduced) { // the reduced one is empty if no animal has records
         print_list(screen(), "Pedigree file without a record : \"" + filenames.pedfile + "\"");
         pedigree_error(n);
     }
-    return records;
+    return std::move(records.all);
 }
 
 void make_idvec(const code_marks& marks) {
     pedigreelist.nanim = marks.n;
     allocate("alloc IDVEC", pedigreelist.idvec, marks.n);
     int n = 0;
-    for (int id = 1; id <= maxan; ++id)
+    for (int id = 1; id <= marks.largest; ++id)
         if (marks.seen(id) != 0) pedigreelist.idvec(++n) = id;
 }
 
@@ -189,6 +199,12 @@ const char* pedrec_fault(long long ian, long long idad, long long imum) {
     if (imum == ian) return "Animal and dam ID identical ";
     if (!options.selfing && idad > 0 && imum == idad) return "Sire and dam ID identical  ";
     return nullptr;
+}
+
+void warn_repeat(long long ian, int line1, int line2) {
+    warn("animal twice in the pedigree", "animal " + std::to_string(ian) + " is in the pedigree twice, lines " +
+                                             std::to_string(line1) + " and " + std::to_string(line2) +
+                                             ", with the same parents");
 }
 
 int find_anim(int id) {

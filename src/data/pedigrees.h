@@ -20,6 +20,8 @@ int next_pedrec(ped_reader& reader, long long& ian, long long& idad, long long& 
 
 // Message on the first rule that a pedigree record breaks, null for a sound one.
 const char* pedrec_fault(long long ian, long long idad, long long imum);
+// A line on an animal that is there twice with the same parents.
+void warn_repeat(long long ian, int line1, int line2);
 
 // Reads data and pedigree, checks every record, and leaves idvec, jdvec.
 void pedigree_list();

@@ -7,7 +7,6 @@
 #include "control/limits.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
-#include "control/warnings.h"
 #include "data/nrmcodes.h"
 #include "data/pedigrees.h"
 #include "parfile/randasfix.h"
@@ -76,9 +75,7 @@ bool read_records(hash_tables& tables) {
             if (line > 0 && (id[1] != idad || id[2] != imum))
                 sound = false;
             else if (line > 0)
-                warn("animal twice in the pedigree",
-                     "animal " + std::to_string(ian) + " is in the pedigree twice, lines " + std::to_string(line) +
-                         " and " + std::to_string(reader.nlines) + ", with the same parents");
+                warn_repeat(ian, line, reader.nlines);
             if (line == 0) line = reader.nlines;
             id = {ian, idad, imum};
         }

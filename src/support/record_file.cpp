@@ -71,7 +71,7 @@ bool record_reader::open(const std::string& name) {
     std::setvbuf(file_, nullptr, _IONBF, 0);
     size_ = std::filesystem::file_size(name, ec);
     if (ec) size_ = 0;
-    buffer_.resize(capacity);
+    buffer_.resize(static_cast<std::size_t>(std::min<std::uint64_t>(capacity, std::max<std::uint64_t>(size_, 1))));
     failed_ = false;
     at_ = end_ = 0;
     left_ = passed_ = 0;

@@ -19,7 +19,7 @@ struct closer {
 
 // Adds the next n bytes of the file to the sum.
 bool add_bytes(std::FILE* f, std::uint64_t n, digest_maker& sum) {
-    std::vector<char> buffer(std::size_t{1} << 20);
+    std::vector<char> buffer(static_cast<std::size_t>(std::min<std::uint64_t>(n, std::uint64_t{1} << 20)));
     while (n > 0) {
         const auto m = static_cast<std::size_t>(std::min<std::uint64_t>(n, buffer.size()));
         if (std::fread(buffer.data(), 1, m, f) != m) return false;
