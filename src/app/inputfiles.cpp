@@ -30,7 +30,8 @@ name_list inputs() {
     for (int iq = 1; iq <= numbers.nq; ++iq)
         for (int i = 1; i <= model.nrnd(iq); ++i)
             if (model.rnd_opt(i, iq) == "GIN")
-                for (const char* end : {".gin", ".codes"}) list.push_back(model.random(i, iq) + end);
+                for (const char* end : {".gin", ".codes"})
+                    list.push_back(model.random(i, iq).substr(0, model.random(i, iq).find('(')) + end);
     return list;
 }
 
@@ -63,6 +64,8 @@ name_list working_files() {
     name_list list{f.best2file,  f.bestfile,     f.bestfile + ".tmp", f.covlstfile,     f.curoptfile,
                    f.inbrdfile,  f.newpedfile,   f.ordersfile,        f.adjacfile,      f.symfacfile,
                    f.sumpedfile, f.iteratesfile, lock_name,           "OperationCounts"};
+    for (const char* name : {"logL.dat", "AIiterates", "EMrounds", "Estimates", "directions"}) list.push_back(name);
+    if (options.json) list.push_back(f.resultsfile);
     for (int i = 1; i <= 5; ++i) list.push_back("recoded" + std::to_string(i) + ".bin");
     for (int i = 1; i <= numbers.krand; ++i) {
         list.push_back(nrminv_name(i));

@@ -99,12 +99,15 @@ ending read_pedigree_and_data() {
 ending set_up_equations() {
     equation_nos();
     data_recode(starts_of_equations());
+    end_if_asked(false);
     sum_inputs();
     write_modelsum();
     covs2parvec();
     check_usrdefcovs();
     lsq_fixed();
+    end_if_asked(false);
     eqnorders();
+    end_if_asked(false);
     new_eqnnos();
     forecast();
     if (options.details || options.setup_only) screen().line("Set-up complete");

@@ -372,6 +372,7 @@ void read_runoptions(text_out& trace) {
         get_option(arg, true);
         if (options.limits) return;
     }
+    if (file.bad()) stop_with("Cannot read file \"" + filenames.runopfile + "\"");
 }
 
 // True for an option whose number may be the next argument.

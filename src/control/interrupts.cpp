@@ -13,7 +13,14 @@ namespace {
 
 volatile std::sig_atomic_t signal_seen = 0;
 
-extern "C" void note_signal(int number) { signal_seen = number; }
+// The second one finds the default, whichever of them it is: the end.
+extern "C" void note_signal(int number) {
+    if (signal_seen != 0) {
+        std::signal(number, SIG_DFL);
+        std::raise(number);
+    }
+    signal_seen = number;
+}
 
 const char* name_of(int number) { return number == SIGINT ? "SIGINT" : number == SIGTERM ? "SIGTERM" : "SIGHUP"; }
 
@@ -25,7 +32,7 @@ void catch_signals() {
         if (sigaction(number, nullptr, &before) == 0 && before.sa_handler == SIG_IGN) continue; // as nohup wants it
         struct sigaction action = {};
         action.sa_handler = note_signal;
-        action.sa_flags = static_cast<int>(SA_RESETHAND) | SA_RESTART; // the second one finds the default: the end
+        action.sa_flags = SA_RESTART;
         sigemptyset(&action.sa_mask);
         sigaction(number, &action, nullptr);
     }

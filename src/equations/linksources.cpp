@@ -111,17 +111,6 @@ record_groups make_groups() {
     return g;
 }
 
-// A positive definite residual matrix need not give one for the records of a subject: with n records of one trait and m
-// of another, a covariance c takes c*c*n*m below the product of the variances.
-void show_indefinite_pattern() {
-    const auto& eei = residualvars.eei;
-    const auto failed = std::find_if(eei.begin(), eei.end(), [](const pattern_matrix& w) { return w.n == 0; });
-    if (failed == eei.end()) return;
-    print_list(screen(),
-               "***** ERROR : Residual covariance matrix of the records of a subject is not positive definite");
-    show_combination(static_cast<int>(failed - eei.begin()) + 1);
-}
-
 void form_residual_inverses() {
     if (!options.randreg && numbers.nq == 1 && !peq_effect()) return;
     array<double> parvec = estimates.parvec; // clamps must not touch the starting point
@@ -129,7 +118,7 @@ void form_residual_inverses() {
     rinverse(parvec, ifail);
     if (ifail == 0) return;
     if (!options.blup) {
-        if (!options.randreg) show_indefinite_pattern();
+        show_indefinite_pattern();
         stop("RE-inv adj");
     }
     residualvars.eei = {}; // links all records of a subject; the run will refuse the matrix in its own words

@@ -12,6 +12,7 @@
 #include "parameters/variances.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
+#include "support/plain_text.h"
 #include "support/replace_file.h"
 
 #include <algorithm>
@@ -73,7 +74,7 @@ bool read_stored(stored_point& point) {
     std::ifstream in(filenames.bestfile, std::ios::binary);
     if (!in) return false;
     const std::string whole{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    if (in.bad()) return false;
+    if (in.bad()) stop_with("Error reading file \"" + filenames.bestfile + "\"");
     const std::size_t at = whole.rfind("\n" + std::string(sums_mark) + " ");
     if (at == std::string::npos || !whole.ends_with('\n')) return false;
     point.text = whole.substr(0, at + 1);
@@ -115,6 +116,21 @@ bool same_inputs(const stored_point& point) {
     if (names.empty()) return true;
     print_list(screen(), "\"" + filenames.bestfile + "\" is of the same model on other input (different : " + names +
                              ") - its log L does not count");
+    return false;
+}
+
+// A decimal comma, of another hand: what it stands for is not guessed.
+bool has_comma() {
+    std::ifstream in(filenames.bestfile);
+    int nline = 0;
+    for (std::string line; std::getline(in, line);) {
+        ++nline;
+        const int column = comma_in_number(line);
+        if (column == 0) continue;
+        print_list(screen(), "Comma between two digits in \"" + filenames.bestfile + "\" : line", nline, "column",
+                   column);
+        return true;
+    }
     return false;
 }
 
@@ -188,7 +204,9 @@ bool readbestpoint(bool quiet) {
 
 void take_stored_point() {
     if (readbestpoint(false)) return;
+    const bool comma = has_comma();
     if (!options.bestonly) {
+        if (comma) stop_with("      Write a point in its place, or run without \"-c\"");
         print_list(screen(), "No usable \"" + filenames.bestfile + "\" found - estimation starts anew !");
         return;
     }

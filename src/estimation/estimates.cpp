@@ -5,6 +5,8 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "data/levels.h"
+#include "dense/numroutines.h"
 #include "estimation/aireml.h"
 #include "estimation/bestpoint.h"
 #include "estimation/covs2parvec.h"
@@ -14,13 +16,16 @@
 #include "estimation/lastpoint.h"
 #include "estimation/powell.h"
 #include "estimation/pxem.h"
+#include "estimation/searchstate.h"
 #include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
 #include "likelihood/warnfix.h"
+#include "parameters/randomvars.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
+#include "parfile/mudmap.h"
 #include "support/stop.h"
 
 #include <algorithm>
@@ -40,7 +45,47 @@ void from_best_point() {
 double stored_best_value() {
     std::ifstream in(filenames.bestfile);
     double x = invalid_logl;
-    return in >> x ? x : invalid_logl;
+    in >> x;
+    if (in.bad()) stop_with("Error reading file \"" + filenames.bestfile + "\"");
+    return in ? x : invalid_logl;
+}
+
+constexpr double far_off = 1.0e6; // starting variance against that of the records
+
+// Pivots vanish against variances that are too large by far.
+void tell_far_variances() {
+    for (int irand = 0; irand <= numbers.krand; ++irand)
+        for (int i = 1; i <= model.kkfit(irand) && !options.randreg; ++i) {
+            const int iq = irand == 0 ? i : mudmap.rn_trait(i, irand);
+            const int k = model.diagonal(irand) ? i : ihmssf(i, i, model.kkfit(irand));
+            const double start = model.cov(k, irand), found = means.tr_var(iq) * means.tr_var(iq);
+            if (!(start > far_off * found)) continue;
+            print_list(screen(),
+                       "      Starting variance far above that of the records : \"" +
+                           (irand == 0 ? "residual" : model.krandom(irand)) + "\", trait",
+                       iq, ":", start, "against", found);
+        }
+}
+
+// What a failed first evaluation is due to.
+void tell_reason(invalid_point why) {
+    switch (why) {
+    case invalid_point::residual:
+        print_list(screen(), "      Residual covariance matrix without an inverse at the starting values");
+        return show_indefinite_pattern();
+    case invalid_point::random:
+        for (int irand = 1; irand <= numbers.krand; ++irand)
+            if (randomvars.deficient(irand) != 0)
+                print_list(screen(), "      Covariance matrix without an inverse at the starting values : \"" +
+                                         model.krandom(irand) + "\"");
+        return;
+    case invalid_point::value:
+        print_list(screen(), "      log L is not finite at the starting values");
+        return;
+    default:
+        write_warnfix(likelihoods.failrow);
+        tell_far_variances();
+    }
 }
 
 void first_evaluation(double& xlike) {
@@ -48,7 +93,7 @@ void first_evaluation(double& xlike) {
     if (xlike > invalid_logl) return;
     print_list(screen(), "***** ERROR in sparse matrix factorisation ");
     print_list(screen(), "      mixed model matrix is not positive definite !!!");
-    write_warnfix(likelihoods.failrow);
+    tell_reason(search_state.why);
     stoptarvex();
 }
 

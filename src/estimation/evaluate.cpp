@@ -5,6 +5,7 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "estimation/bestpoint.h"
+#include "estimation/searchstate.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
 #include "support/edit_form.h"
@@ -24,6 +25,7 @@ void log_evaluation(double xlike) {
 
 double evaluate_point(array<double>& parvec, int iopt) {
     const evaluation e = loglike(parvec, iopt);
+    search_state.why = e.why;
     if (e.new_factor) log_evaluation(e.xlike);
     if (e.solved && e.xlike > bestpoint.xbest) {
         bestpoint.xbest = e.xlike;

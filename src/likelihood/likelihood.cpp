@@ -183,6 +183,11 @@ void housekeeping(const array<double>& p, int nparm, bool changed, double xlike)
     options.first = false;
 }
 
+evaluation without_value(evaluation e, invalid_point why) {
+    e.why = why;
+    return e;
+}
+
 } // namespace
 
 double effective_levels(int irand) { return levels.rn_nlev(irand) - levels_as_fixed(irand); }
@@ -196,14 +201,14 @@ evaluation loglike(array<double>& parvec, int iopt) {
 
     int ifail = 0;
     rinverse(parvec, ifail);
-    if (ifail) return e;
+    if (ifail) return without_value(e, invalid_point::residual);
     if (iopt == 0 && lookuplike(compared(parvec, nparm), nparm, e.xlike)) {
         e.valid = true;
         return e;
     }
     const bool changed = has_changed(compared(parvec, nparm), nparm);
     g_inverse(parvec, ifail);
-    if (ifail || any_deficient()) return e;
+    if (ifail || any_deficient()) return without_value(e, invalid_point::random);
     if (iopt == -1 && !changed) {
         l.given = parvec;
         e.xlike = l.xlast;
@@ -212,10 +217,10 @@ evaluation loglike(array<double>& parvec, int iopt) {
     }
     const array<double> p = compared(parvec, nparm); // as clamped by both
     if (changed) {
-        if (!new_factor(e)) return e;
+        if (!new_factor(e)) return without_value(e, invalid_point::pivot);
         e.new_factor = true;
         const double dev = assembled_dev();
-        if (!std::isfinite(dev)) return e;
+        if (!std::isfinite(dev)) return without_value(e, invalid_point::value);
         l.factor_valid = true;
         e.xlike = -0.5 * dev;
     } else { // a value belongs to its factor: log|R| and log|G| of a point beside it do not go with its log|C|

@@ -21,10 +21,15 @@ struct likelihoods_module {
 };
 inline likelihoods_module likelihoods;
 
+// Why a point has no log L: a residual matrix or that of a random effect without an inverse, an invalid pivot, a value
+// that is not finite.
+enum class invalid_point { no, residual, random, pivot, value };
+
 // What an evaluation has found.
 struct evaluation {
     double xlike = invalid_logl; // log L, -1.0e36 at an invalid point
-    bool valid = false;          // xlike is the log L of the point
+    invalid_point why = invalid_point::no;
+    bool valid = false;      // xlike is the log L of the point
     bool solved = false;     // worked out now, not taken from an earlier evaluation: factor and solutions belong to it
     bool new_factor = false; // they were made for it
     bool reordered = false;  // the equations have been ordered anew

@@ -270,6 +270,15 @@ void show_combination(int icombi) {
     print_list(screen(), line);
 }
 
+void show_indefinite_pattern() {
+    const auto& eei = residualvars.eei;
+    const auto failed = std::find_if(eei.begin(), eei.end(), [](const pattern_matrix& w) { return w.n == 0; });
+    if (options.randreg || failed == eei.end()) return;
+    print_list(screen(),
+               "***** ERROR : Residual covariance matrix of the records of a subject is not positive definite");
+    show_combination(static_cast<int>(failed - eei.begin()) + 1);
+}
+
 void rinverse(array<double>& parvec, int& ifail) {
     ifail = 0;
     allocate_residuals();

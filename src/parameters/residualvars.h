@@ -56,6 +56,10 @@ bool same_place(const datavecs_module& d, int i, int j);
 
 // Prints the line with the number of records of each trait in a pattern.
 void show_combination(int icombi);
+// After a failed rinverse: tells the pattern of records whose matrix has failed. A positive definite residual matrix
+// need not give one for the records of a subject: with n records of one trait and m of another, a covariance c takes
+// c*c*n*m below the product of the variances.
+void show_indefinite_pattern();
 
 // Traits of the records of a pattern, in their order.
 std::vector<int> pattern_traits(int icombi);

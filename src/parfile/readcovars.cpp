@@ -316,6 +316,7 @@ void read_starting(par_state& s) {
         std::istringstream tokens(line);
         for (std::string t; tokens >> t && t.front() != comment_char;) s.start_tokens.push_back(t);
     }
+    if (in.bad()) rdpar_err(p, "File cannot be read to its end");
 }
 
 } // namespace tarvex

@@ -30,7 +30,10 @@ bool read_information(array<double, 2>& hess2, double& xl2) {
     const int n = estimates.nparm;
     if (!options.saverr_ready && !(options.aireml && aireml_terms.accepted > 0)) return false;
     std::ifstream in(filenames.aiparsfile);
-    if (!in || !(in >> xl2)) return false;
+    if (!in) return false;
+    in >> xl2;
+    if (in.bad()) stop_with("Error reading file \"" + filenames.aiparsfile + "\"");
+    if (!in) return false;
     const double xl1 = bestpoint.xbest;
     if (std::fabs(xl1 - xl2) > largest_discrepancy) {
         print_list(screen(), "Approximation of sampling covariances failed");
@@ -44,6 +47,7 @@ bool read_information(array<double, 2>& hess2, double& xl2) {
         if (i < 1 || j < 1 || i > n || j > n) break;
         hess2(i, j) = hess2(j, i) = x;
     }
+    if (in.bad()) stop_with("Error reading file \"" + filenames.aiparsfile + "\"");
     return true;
 }
 

@@ -1,5 +1,6 @@
 #include "reports/blup.h"
 
+#include "control/interrupts.h"
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
@@ -50,7 +51,10 @@ bool positive_definite(int irand) {
 
 void invert_given_matrices() {
     int ifail = positive_definite(0) ? 0 : 1;
-    if (ifail == 0) rinverse(estimates.parvec, ifail);
+    if (ifail == 0) {
+        rinverse(estimates.parvec, ifail);
+        if (ifail != 0) show_indefinite_pattern();
+    }
     if (ifail != 0) invalid("Invalid residual covariance matrix for BLUP");
     for (int irand = 1; irand <= numbers.krand; ++irand)
         if (!positive_definite(irand)) ifail = 1;
@@ -69,7 +73,9 @@ void get_ebvs() {
     int ifail = 0;
     factorise_mmm(detc, ypy, ifail);
     if (ifail != 0) invalid("Error in factorisation of MMM ");
+    end_if_asked(false);
     takaha_inverse();
+    end_if_asked(false);
     save_solutions();
     if (solutions.nsolerrs != 0) {
         need_state(sparse, store_state::inverse, "get_ebvs");

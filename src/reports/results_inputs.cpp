@@ -2,6 +2,7 @@
 #include "control/filenames.h"
 #include "control/numbers.h"
 #include "control/options.h"
+#include "control/tvxroutines.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "reports/results_json.h"
@@ -40,6 +41,7 @@ bool sum_file(input_file& f) {
         XXH3_128bits_update(state.get(), buffer.data(), n);
         f.bytes += static_cast<long long>(n);
     }
+    if (in.bad()) stop_with("Error reading file \"" + f.name + "\"");
     XXH128_canonical_t bytes;
     XXH128_canonicalFromHash(&bytes, XXH3_128bits_digest(state.get()));
     for (const unsigned char c : bytes.digest) {
