@@ -1,9 +1,17 @@
-// Scratch files of an earlier run, and BestPoint. The first byte chooses the file and whether the seal of what the
-// fuzzer has made of it is put right: then only the tests of the content stand between the file and the run. A file
-// whose seal does not hold must leave no trace: log L at the start is that of a fresh folder.
+// Scratch files: those of an earlier run, BestPoint, and the recoded records of the run itself. The first byte chooses
+// the file and whether what vouches for its content is put right: then only the tests of the content stand between the
+// file and the run. A file whose sums do not hold must leave no trace: log L at the start is that of a fresh folder, or
+// the run stops.
+#include "data/recodedsums.h"
+#include "estimation/bestpoint.h"
+#include "estimation/estimates.h"
+#include "estimation/modelsums.h"
+#include "likelihood/derivatives.h"
+#include "likelihood/likelihood.h"
 #include "support/seal.h"
 #include "workplace.h"
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 
@@ -11,23 +19,32 @@ using namespace tarvex;
 
 namespace {
 
-const std::vector<std::string> names{"nrminvers1.bin", "inbreed.bin",  "cholnrm1.bin", "adjacency.bin",
-                                     "eqnsorder.bin",  "symbfact.bin", "BestPoint"};
-const std::vector<std::string> arguments{"--super", "--aireml1", "model"};
+const std::vector<std::string> names{"nrminvers1.bin", "inbreed.bin", "cholnrm1.bin", "adjacency.bin", "eqnsorder.bin",
+                                     "symbfact.bin",   "BestPoint",   "recoded1.bin", "recoded3.bin"};
 
 std::map<std::string, std::string> sound; // the files of a run in a fresh folder
+modelsums_module sums;
+double truth = 0.0;
 
-void bring_inputs() {
-    fuzz::bring("data.dat", fuzz::records());
-    fuzz::bring("ped.dat", fuzz::pedigree());
-    fuzz::bring("model.par", fuzz::two_traits());
+// Log L at the start, and a pass for derivatives. `before` is done in front of it. False: the run has stopped.
+bool start(const std::vector<std::string>& options, double& xlike, const std::function<void()>& before = {}) {
+    auto arguments = options;
+    arguments.insert(arguments.end(), {"--super", "--aireml", "model"});
+    return fuzz::walk(run_stage::stores, arguments, [&] {
+        if (before) before();
+        xlike = loglike(estimates.parvec, 1).xlike;
+    });
 }
 
 void first_run() {
     fuzz::clear_folder();
-    bring_inputs();
-    if (fuzz::analyse(arguments) != 0) fuzz::found("the sound run stops");
+    fuzz::bring("data.dat", fuzz::records());
+    fuzz::bring("ped.dat", fuzz::pedigree());
+    fuzz::bring("model.par", fuzz::two_traits());
+    if (fuzz::analyse({"--super", "--aireml1", "model"}) != 0) fuzz::found("the sound run stops");
     for (const auto& name : names) sound[name] = fuzz::content(name);
+    if (!start({}, truth, [] { sums = modelsums; })) fuzz::found("the sound run stops");
+    for (const char* name : {"recoded1.bin", "recoded3.bin"}) sound[name] = fuzz::content(name);
 }
 
 std::string resealed(const std::string& file, const std::string& body) {
@@ -41,6 +58,23 @@ std::string resealed(const std::string& file, const std::string& body) {
     return body + seal_text(s, sum);
 }
 
+std::string resummed(const std::string& body) {
+    modelsums = sums;
+    const std::string text = body.substr(0, body.rfind("\nsums ") + 1);
+    return text + bestpoint_sums(text);
+}
+
+// The recoded records change between two passes of a run.
+void spoil_records(const std::string& name, const std::string& body, bool forget) {
+    double xlike = 0.0;
+    const bool good = start({}, xlike, [&] {
+        fuzz::bring(name, body);
+        if (!forget) return;
+        recoded_sums = {};
+    });
+    if (good && !forget && body != sound[name]) fuzz::found("changed records are taken");
+}
+
 } // namespace
 
 // Bytes 2 and 3: where the input is laid over the sound file; the rest of that is kept.
@@ -50,16 +84,28 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const auto& [name, text] : sound)
         if (!text.empty()) fuzz::bring(name, text);
     const std::string& name = names[data[0] % names.size()];
-    const bool reseal = data[0] >= 128 && name != "BestPoint";
     const std::string& before = sound[name];
-    std::string body = before.substr(0, before.size() - (reseal ? std::min(seal_bytes, before.size()) : 0));
+    const bool point = name == "BestPoint", records = name.starts_with("recoded"), put_right = data[0] >= 128;
+    std::string body = before;
+    if (put_right && !point && !records) body.resize(before.size() - std::min(seal_bytes, before.size()));
     const std::size_t at = std::min<std::size_t>(data[1] + 256u * data[2], body.size());
     body.replace(at, std::min(size - 3, body.size() - at), reinterpret_cast<const char*>(data + 3), size - 3);
-    if (data[0] / 7 % 2 == 1) body.resize(std::min(body.size(), at + size - 3)); // a cut
-    fuzz::bring(name, reseal ? resealed(before, body) : body);
-    const int status = fuzz::analyse(arguments);
-    if (reseal) return 0;
-    if (status != 0) fuzz::found("a spoilt file stops the run");
-    if (fuzz::content("BestPoint") != sound["BestPoint"]) fuzz::found("a spoilt file changes the result");
+    if (data[0] / 9 % 2 == 1) body.resize(std::min(body.size(), at + size - 3)); // a cut
+    if (records) {
+        spoil_records(name, body, put_right);
+        return 0;
+    }
+    if (put_right) body = point ? resummed(body) : resealed(before, body);
+    fuzz::bring(name, body);
+    double xlike = 0.0;
+    const bool good = start(point ? std::vector<std::string>{"-c"} : std::vector<std::string>{}, xlike);
+    if (put_right || body == before) return 0;
+    if (point && !good) { // a decimal comma
+        if (fuzz::told().find("Comma between two digits in \"BestPoint\"") == std::string::npos)
+            fuzz::found("a spoilt point stops the run");
+        return 0;
+    }
+    if (!good) fuzz::found("a spoilt file stops the run");
+    if (xlike != truth) fuzz::found("a spoilt file changes the result");
     return 0;
 }

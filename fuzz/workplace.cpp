@@ -62,7 +62,7 @@ void clear_folder() {
     for (const auto& entry : std::filesystem::directory_iterator(".")) std::filesystem::remove_all(entry.path());
 }
 
-bool walk(run_stage last, const std::vector<std::string>& arguments) {
+bool walk(run_stage last, const std::vector<std::string>& arguments, const std::function<void()>& then) {
     enter_folder();
     const auto list = pointers_to(arguments);
     std::ostringstream sink;
@@ -71,6 +71,7 @@ bool walk(run_stage last, const std::vector<std::string>& arguments) {
     bool good = true, reason = true;
     try {
         (void)run_to(last, static_cast<int>(list.size()), list.data());
+        if (then) then();
     } catch (const program_stop& stopped) {
         good = false;
         screen().line(stopped.text);

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,7 +19,8 @@ void clear_folder();
 
 // Walks through the phases up to `last` in new modules, with these options and parameter file. False: the run has
 // stopped. A stop that tells no reason, and any other exception, ends the process: the fuzzer has found something.
-bool walk(run_stage last, const std::vector<std::string>& arguments);
+// `then` is done behind the last phase, as a part of the run.
+bool walk(run_stage last, const std::vector<std::string>& arguments, const std::function<void()>& then = {});
 // A whole analysis, reports included. Returns its status.
 int analyse(const std::vector<std::string>& arguments);
 const std::string& told(); // screen of the last run
