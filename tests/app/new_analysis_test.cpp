@@ -23,15 +23,6 @@ namespace {
 
 using NewAnalysis = tarvex_test;
 
-small_model one_trait() {
-    small_model m;
-    m.make_pedigree(24, 6, 1);
-    m.make_rows(4, 1, 3, 0.0, 2);
-    m.random = {{"animal", "NRM", 1, 0, {1.3}}};
-    m.residual = {2.1};
-    return m;
-}
-
 // Names that `pattern` has in its first group, in all lines with `word` of the sources with the ending.
 std::vector<std::string> names_in_sources(const std::string& word, const std::regex& pattern,
                                           const std::string& ending) {
@@ -65,7 +56,7 @@ TEST_F(NewAnalysis, FunctionsKeepNothingOfAnAnalysis) {
 }
 
 TEST_F(NewAnalysis, ModulesAndKernelsStartAnew) {
-    set_up(one_trait());
+    set_up(one_trait_model());
     program_logl(estimates.parvec);
     kernels.choice = kernel_kind::supernodes;
     ASSERT_TRUE(supernodes_wanted());
@@ -83,7 +74,7 @@ TEST_F(NewAnalysis, ModulesAndKernelsStartAnew) {
 }
 
 TEST_F(NewAnalysis, RunHaltsBehindTheStage) {
-    one_trait().write_files("model");
+    one_trait_model().write_files("model");
     const char* arguments[] = {"tarvex", "--aireml", "model"};
     EXPECT_FALSE(run_to(run_stage::model, 3, arguments));
     EXPECT_EQ(numbers.nq, 1);
@@ -106,7 +97,7 @@ TEST_F(NewAnalysis, RunHaltsBehindTheStage) {
 }
 
 TEST_F(NewAnalysis, KindsOfRunEndEarly) {
-    one_trait().write_files("model");
+    one_trait_model().write_files("model");
     for (const char* option : {"--limit", "--setup", "--blup"}) {
         new_analysis();
         const char* arguments[] = {"tarvex", option, "model"};
@@ -120,7 +111,7 @@ TEST_F(NewAnalysis, RunsInADirectoryWithAScreenOfItsOwn) {
     namespace fs = std::filesystem;
     fs::create_directory("there");
     fs::current_path("there");
-    one_trait().write_files("model");
+    one_trait_model().write_files("model");
     fs::current_path("..");
     std::ostringstream lines;
     const char* arguments[] = {"tarvex", "--blup", "model"};

@@ -1,39 +1,17 @@
 // One run a folder, inputs that no output replaces, reports that are not taken for those of a failed run, and signals.
-#include "case_run.h"
-#include "population.h"
+#include "small_run.h"
+#include "support/paths.h"
 
-#include <algorithm>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 using namespace tarvex;
 
 namespace {
 
-class OneRunAFolder : public CaseRun {
-protected:
-    void SetUp() override {
-        name_ = "model";
-        p_ = make_population(40, 2, 1, 0.0, 81);
-        fresh();
-    }
-    static constexpr const char* columns = " animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y1\n y2\n";
-    static std::string uni(const std::string& model = " FIX herd\n COV age(1,POL)\n RAN animal NRM\n",
-                           const std::string& head = "PED ped.dat\n", const std::string& tail = "") {
-        return head + "ANA UNI\nDAT data.dat\n" + columns + "END\nMOD\n" + model +
-               " TR y1 1 -999\nEND\nVAR animal 1\n 4.0\nVAR residual 1\n 6.0\n" + tail;
-    }
-    void fresh() {
-        for (const auto& entry : std::filesystem::directory_iterator(".")) std::filesystem::remove_all(entry.path());
-        write_file("ped.dat", p_.pedigree());
-        write_file("data.dat", p_.all_traits_lines());
-        write_file("model.par", uni());
-    }
-    static std::string replaced(std::string text, const std::string& what, const std::string& by) {
-        const auto at = text.find(what);
-        EXPECT_NE(at, std::string::npos) << what;
-        return at == std::string::npos ? text : text.replace(at, what.size(), by);
-    }
-    population p_;
-};
+class OneRunAFolder : public SmallRun {};
 
 TEST_F(OneRunAFolder, InputsAreNotOverwritten) {
     for (const char* output : {"Residuals.dat", "SumEstimates.out", "recoded1.bin", "RnSoln_animal.dat", "BestPoint"}) {
@@ -53,6 +31,61 @@ TEST_F(OneRunAFolder, InputsAreNotOverwritten) {
         }
     }
 }
+
+// Starting values and a supplied inverse are inputs too.
+TEST_F(OneRunAFolder, OtherInputsAreNotOverwritten) {
+    const std::string gin = "0.0\n1 1 1.0\n2 2 1.0\n3 3 1.0\n4 4 1.0\n", values = "4.0\n1.0\n6.0\n";
+    std::string par = uni(" RAN animal NRM\n RAN herd GIN\n MEA\n", "STA start\nPED ped.dat\n");
+    par = replaced(replaced(par, "VAR animal 1\n 4.0\n", "VAR animal 1\nVAR herd 1\n"), "VAR residual 1\n 6.0\n",
+                   "VAR residual 1\n");
+    const auto refused = [&](const std::string& input, const std::string& output) {
+        const std::string before = read_file(input);
+        const auto result = run("--aireml2 --json");
+        EXPECT_EQ(result.status, 1);
+        EXPECT_NE(
+            result.output.find("***** ERROR : Input file \"" + input + "\" is the output file \"" + output + "\""),
+            std::string::npos)
+            << result.output;
+        EXPECT_EQ(read_file(input), before);
+    };
+    for (const char* output : {"SumModel.out", "nrminvers1.bin", "Iterates", "Results.json", "OperationCounts"})
+        for (const char* input : {"start", "herd.gin", "ped.dat", "data.dat"}) {
+            fresh();
+            write_file("start", values);
+            write_file("herd.gin", gin);
+            write_file("model.par", par);
+            std::filesystem::create_hard_link(input, output);
+            refused(input, output);
+        }
+    fresh();
+    write_file("SumModel.out", values);
+    write_file("herd.gin", gin);
+    write_file("model.par", replaced(par, "STA start", "STA SumModel.out"));
+    refused("SumModel.out", "SumModel.out");
+}
+
+TEST_F(OneRunAFolder, WhatOnlyReadsNeedsNoLock) {
+    finish("--aireml2");
+    const int file = open(".tarvex.lock", O_RDWR);
+    ASSERT_GE(file, 0);
+    ASSERT_EQ(flock(file, LOCK_EX | LOCK_NB), 0);
+    EXPECT_EQ(run("--aireml2").status, 1);
+    finish("--best");
+    finish("--limit");
+    close(file);
+    finish("--aireml2");
+}
+
+#if !defined(__SANITIZE_ADDRESS__)
+TEST_F(OneRunAFolder, FileSystemWithoutLocks) {
+    setenv("TVX_FAULT", "flock:1", 1);
+    setenv("LD_PRELOAD", fault_library_path().c_str(), 1);
+    const auto result = finish("--aireml2");
+    for (const char* name : {"TVX_FAULT", "LD_PRELOAD"}) unsetenv(name);
+    EXPECT_NE(result.output.find("File system without locks ("), std::string::npos) << result.output;
+    EXPECT_NE(result.output.find("make sure that no other run works in this folder\n"), std::string::npos);
+}
+#endif
 
 TEST_F(OneRunAFolder, ReportsOfAnEarlierRunDoNotStandBesideAFailedOne) {
     finish("--aireml2");
@@ -104,15 +137,33 @@ TEST_F(OneRunAFolder, SignalsEndTheRunAfterItsStep) {
 
 TEST_F(OneRunAFolder, SecondSignalEndsTheRunAtOnce) {
     // the run waits for its pedigree, a pipe that nobody writes: no step comes to its end
+    for (const auto& [second, number] : std::vector<std::pair<std::string, int>>{{"TERM", 15}, {"INT", 2}}) {
+        fresh();
+        const auto result = run_binary(
+            "/bin/bash",
+            {"-c", "set -m; mkfifo slow.ped && sed 's/ped.dat/slow.ped/' model.par > slow.par; '" + program_path() +
+                       "' slow > out 2>&1 & run=$!; for k in $(seq 1 100); do sleep 0.05; "
+                       "grep -q process .tarvex.lock 2>/dev/null && break; done; kill -TERM $run; sleep 0.5; "
+                       "kill -0 $run && echo lives; kill -" +
+                       second + " $run; wait $run; echo status $?"});
+        EXPECT_NE(result.output.find("lives\n"), std::string::npos) << result.output;
+        EXPECT_TRUE(result.output.ends_with("status " + std::to_string(128 + number) + "\n")) << result.output;
+        EXPECT_EQ(read_file("out").find("Stopped by"), std::string::npos);
+    }
+}
+
+TEST_F(OneRunAFolder, SignalBetweenReplicatesOfASimulation) {
+    p_ = make_population(400, 2, 2, 0.2, 82);
+    fresh();
     const auto result = run_binary(
-        "/bin/bash",
-        {"-c", "set -m; mkfifo slow.ped && sed 's/ped.dat/slow.ped/' model.par > slow.par; '" + program_path() +
-                   "' slow > out 2>&1 & run=$!; for k in $(seq 1 100); do sleep 0.05; "
-                   "grep -q process .tarvex.lock 2>/dev/null && break; done; kill -TERM $run; sleep 0.5; "
-                   "kill -0 $run && echo lives; kill -TERM $run; wait $run; echo status $?"});
-    EXPECT_NE(result.output.find("lives\n"), std::string::npos) << result.output;
-    EXPECT_TRUE(result.output.ends_with("status 143\n")) << result.output;
-    EXPECT_EQ(read_file("out").find("Stopped by"), std::string::npos);
+        "/bin/bash", {"-c", "set -m; '" + program_path() +
+                                "' --simul999 model > out & run=$!; for k in $(seq 1 200); do sleep 0.02; "
+                                "[ -e SimData002.dat ] && break; done; kill -INT $run; wait $run; echo status $?"});
+    EXPECT_TRUE(result.output.ends_with("status 130\n")) << result.output;
+    EXPECT_NE(read_file("out").find("Stopped by SIGINT : no point of this run is stored, start it again\n"),
+              std::string::npos)
+        << read_file("out");
+    EXPECT_FALSE(std::filesystem::exists("SimData999.dat"));
 }
 
 TEST_F(OneRunAFolder, LimitToTheSizeOfFilesIsToldAsAFailedWrite) {

@@ -1,33 +1,16 @@
 // Input that would give a number in silence, or none for a reason that nobody could tell: refused by line, or remarked
 // on.
-#include "case_run.h"
-#include "population.h"
+#include "small_run.h"
 
 #include <algorithm>
+#include <set>
 
 using namespace tarvex;
 
 namespace {
 
-class Refusals : public CaseRun {
+class Refusals : public SmallRun {
 protected:
-    void SetUp() override {
-        name_ = "model";
-        p_ = make_population(40, 2, 1, 0.0, 81);
-        fresh();
-    }
-    static constexpr const char* columns = " animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y1\n y2\n";
-    static std::string uni(const std::string& model = " FIX herd\n COV age(1,POL)\n RAN animal NRM\n",
-                           const std::string& head = "PED ped.dat\n", const std::string& tail = "") {
-        return head + "ANA UNI\nDAT data.dat\n" + columns + "END\nMOD\n" + model +
-               " TR y1 1 -999\nEND\nVAR animal 1\n 4.0\nVAR residual 1\n 6.0\n" + tail;
-    }
-    void fresh() {
-        for (const auto& entry : std::filesystem::directory_iterator(".")) std::filesystem::remove_all(entry.path());
-        write_file("ped.dat", p_.pedigree());
-        write_file("data.dat", p_.all_traits_lines());
-        write_file("model.par", uni());
-    }
     void expect_refused(const std::string& text, const std::string& options = "--aireml2") {
         const auto result = run(options);
         EXPECT_EQ(result.status, 1) << text << "\n" << result.output;
@@ -42,17 +25,11 @@ protected:
         EXPECT_EQ(n, times) << text << "\n" << result.output;
         fresh();
     }
-    static std::string replaced(std::string text, const std::string& what, const std::string& by) {
-        const auto at = text.find(what);
-        EXPECT_NE(at, std::string::npos) << what;
-        return at == std::string::npos ? text : text.replace(at, what.size(), by);
-    }
     static std::string wide(const std::string& text, bool mark) { // UTF-16, little end first
         std::string s = mark ? "\xFF\xFE" : "";
         for (char c : text) (s += c) += '\0';
         return s;
     }
-    population p_;
 };
 
 TEST_F(Refusals, CommaBetweenDigits) {
@@ -127,6 +104,75 @@ TEST_F(Refusals, MarksAndLineEndsThatDoNoHarm) {
 TEST_F(Refusals, Columns) {
     write_file("model.par", replaced(uni(), " parity 3\n", " herd 3\n"));
     expect_refused("Column named twice, or names that agree in their first 20 characters : \"herd\"");
+    write_file("model.par", replaced(uni(), " parity 3\n", " a_name_of_twenty_one1 3\n a_name_of_twenty_one2 3\n"));
+    expect_refused("Column named twice, or names that agree in their first 20 characters : \"a_name_of_twenty_one\"");
+}
+
+TEST_F(Refusals, CodesAboveTheLimit) {
+    write_file("data.dat", p_.all_traits_lines() + "40 40 0 3000000000 1 20 25 26\n");
+    expect_refused("Code is above the largest one allowed : 2147483647\n");
+    write_file("data.dat", p_.all_traits_lines() + "40 40 0 5 1 20 25 26\n"); // a fifth herd where there are to be four
+    expect_refused("  Max.  no. of levels allowed :  4\n");
+    write_file("ped.dat", p_.pedigree() + "400000 1 2\n");
+    write_file("data.dat", p_.all_traits_lines() + "400000 40 0 1 1 20 25 26\n");
+    expect_refused("Code of an animal is above the largest one allowed : 400000 399999\n");
+}
+
+TEST_F(Refusals, CommaInThePoint) {
+    finish("--aireml3");
+    const std::string point = read_file("BestPoint");
+    const auto dot = point.find('.');
+    write_file("BestPoint", std::string(point).replace(dot, 1, ","));
+    for (const char* options : {"-c", "-c --blup", "--best"}) {
+        const auto result = run(options);
+        EXPECT_EQ(result.status, 1) << options;
+        EXPECT_NE(result.output.find("Comma between two digits in \"BestPoint\" : line 1 column " +
+                                     std::to_string(dot + 1) + "\n"),
+                  std::string::npos)
+            << options << "\n"
+            << result.output;
+    }
+    write_file("BestPoint", point); // the point in its place again
+    finish("--best");
+}
+
+// A random regression on the age, with a table of functions and classes of residual variances.
+TEST_F(Refusals, TablesOfARandomRegression) {
+    std::set<int> ages;
+    for (const auto& r : p_.records) ages.insert(static_cast<int>(r.age));
+    const auto table = [&](int from, const std::string& behind) {
+        std::string text;
+        for (const int a : ages) text += std::to_string(a + from) + " 1 " + std::to_string((a - 30) / 10.0) + behind;
+        return text;
+    };
+    const auto classes = [&] {
+        std::string text;
+        for (const int a : ages) text += std::to_string(a) + (a < 30 ? " 1\n" : " 2\n");
+        return text;
+    };
+    const std::string par = replaced(
+        replaced(uni(" RRC age\n FIX herd\n RAN animal(2,USR) NRM\n"), "ANA UNI", "ANA RR"),
+        "VAR animal 1\n 4.0\nVAR residual 1\n 6.0\n", "VAR animal 2\n 4.0 0.1 1.0\nVAR residual 1 IND 2\n 6.0\n 5.0\n");
+    const auto with = [&](const std::string& functions, const std::string& variances) {
+        write_file("model.par", replaced(par, " age 40\n", " age 99\n"));
+        write_file("age_USR2.baf", functions);
+        if (!variances.empty()) write_file("MEVariances", variances);
+    };
+    with(table(0, "\n"), classes());
+    finish("--aireml2");
+    const best_point truth = read_best_point();
+    fresh();
+    with("\xEF\xBB\xBF" + table(0, "\n"), "\xEF\xBB\xBF" + classes());
+    finish("--aireml2");
+    EXPECT_EQ(read_best_point().loglike, truth.loglike) << "a byte order mark is no part of the table";
+    fresh();
+    with(table(0, "\n"), "");
+    expect_refused("Cannot open file \"MEVariances\"\n");
+    with(table(1, "\n"), classes()); // values of other ages
+    expect_refused("  ... value of the control variable expected : " + std::to_string(*ages.begin()) +
+                   "  found : " + std::to_string(*ages.begin() + 1));
+    with(table(0, "\n") + "99 1 7\n", classes());
+    expect_refused("  ... more lines than the control variable has values : " + std::to_string(ages.size()) + "\n");
 }
 
 TEST_F(Refusals, ResidualBlockTwice) {
@@ -273,6 +319,84 @@ TEST_F(Refusals, TraitNumberOfNobody) {
     write_file("model.par", replaced(par, " FIX herd\n", " FIX trait\n FIX herd\n"));
     write_file("data.dat", p_.one_trait_lines());
     expect_refused("Column of the trait number cannot be in the model : \"trait\"");
+    for (const auto& [what, by] :
+         std::vector<std::pair<std::string, std::string>>{{" FIX herd\n", " COV trait(1,POL)\n FIX herd\n"},
+                                                          {" RAN animal NRM\n", " RAN trait NRM\n"},
+                                                          {" TR y 2 -999\n", " TR trait 2 -999\n"}}) {
+        std::string text = replaced(par, what, by);
+        if (by.find("RAN trait") != std::string::npos) text = replaced(text, "VAR animal", "VAR trait");
+        write_file("model.par", text);
+        write_file("data.dat", p_.one_trait_lines());
+        expect_refused("Column of the trait number cannot be in the model : \"trait\"");
+    }
+}
+
+TEST_F(Refusals, RemarksAreCountedAndNotMoreThanThreeOfAKind) {
+    std::string twice;
+    for (int i = 20; i < 27; ++i)
+        twice += std::to_string(i) + " " + std::to_string(p_.sire[static_cast<std::size_t>(i - 1)]) + " " +
+                 std::to_string(p_.dam[static_cast<std::size_t>(i - 1)]) + "\n";
+    for (const char* options : {"--aireml2", "--aireml2 --allped"}) {
+        write_file("ped.dat", p_.pedigree() + twice);
+        const auto result = finish(options);
+        int told = 0;
+        for (std::size_t at = 0;
+             (at = result.output.find(" is in the pedigree twice, lines ", at)) != std::string::npos; ++at)
+            ++told;
+        EXPECT_EQ(told, 3) << result.output;
+        EXPECT_NE(result.output.find("***** WARNING : in all 7 of this kind : animal twice in the pedigree\n"),
+                  std::string::npos)
+            << result.output;
+        fresh();
+    }
+}
+
+TEST_F(Refusals, ByteOrderMarksInOtherFiles) {
+    const std::string mark = "\xEF\xBB\xBF", head = "STA start\nPED ped.dat\n";
+    const std::string par = replaced(replaced(replaced(uni(" RAN animal NRM\n RAN herd GIN\n MEA\n", head),
+                                                       "VAR animal 1\n 4.0\n", "VAR animal 1\n"),
+                                              "VAR residual 1\n 6.0\n", "VAR residual 1\n"),
+                                     "VAR residual", "VAR herd 1\nVAR residual");
+    double truth = 0.0;
+    for (const std::string& m : {std::string(), mark}) {
+        fresh();
+        write_file("model.par", par);
+        write_file("start", m + "4.0\n1.0\n6.0\n");
+        write_file("herd.gin", m + "0.0\n1 1 1.0\n2 2 2.0\n3 3 3.0\n4 4 4.0\n");
+        write_file("herd.codes", m + "1 4\n2 3\n3 2\n4 1\n");
+        const double xlike = loglike_at_start(finish("--aireml2").output);
+        if (m.empty()) truth = xlike;
+        EXPECT_EQ(xlike, truth);
+    }
+}
+
+// What keeps the first evaluation from a value is told as what it is.
+TEST_F(Refusals, StartsWithoutAValue) {
+    const std::string dependency = "unidentified dependency among the fixed effects";
+    write_file("model.par", replaced(uni(), " 6.0\n", " 1000000000000000.0\n"));
+    const auto far = run("--aireml2");
+    EXPECT_EQ(far.status, 1);
+    EXPECT_NE(far.output.find(
+                  "      Starting variance far above that of the records : \"residual\", trait 1 : 1e+15 against "),
+              std::string::npos)
+        << far.output;
+    const std::string two = "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + std::string(columns) +
+                            "END\nMOD EQ\n FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n"
+                            "VAR animal 2\n 4.0 1.0 4.0\nVAR residual 2\n 6.0 5.0 6.0\n";
+    p_ = make_population(40, 2, 3, 0.0, 81); // three records of each trait
+    for (const char* options : {"--aireml2", "--emalg2", "--powell", "--blup"}) {
+        fresh();
+        write_file("model.par", two);
+        const auto result = run(options);
+        EXPECT_EQ(result.status, 1) << options;
+        EXPECT_NE(
+            result.output.find("***** ERROR : Residual covariance matrix of the records of a subject is not positive "
+                               "definite\n      Combination = "),
+            std::string::npos)
+            << options << "\n"
+            << result.output;
+        EXPECT_EQ(result.output.find(dependency), std::string::npos) << result.output;
+    }
 }
 
 TEST_F(Refusals, ThingsOnlyAPersonCanJudge) {
@@ -287,6 +411,10 @@ TEST_F(Refusals, ThingsOnlyAPersonCanJudge) {
     q.records[3].age = -999.0;
     write_file("data.dat", q.all_traits_lines());
     expect_told("***** WARNING : -999 is taken as a value of covariable \"age(1,POL)\", trait 1\n");
+    write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + std::string(columns) +
+                                "END\nMOD EQ\n FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n"
+                                "VAR animal 2\n 4.0 1.0 4.0\nVAR residual 2\n 6.0 0.0 6.0\n");
+    expect_told("***** WARNING : residual covariance of traits 1 and 2 starts at 0 and is kept there, though ");
     expect_told("***** WARNING", 0);
 }
 

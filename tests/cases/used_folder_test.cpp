@@ -136,6 +136,15 @@ TEST_F(Trust, OtherHerdsOfTheSameNumber) {
         expect_each_as_fresh({make_study(p, {}, options), make_study(q, {}, options)}, options);
 }
 
+TEST_F(Trust, OtherSiresOfTheSameNumber) {
+    const population p = first_population();
+    population q = p;
+    for (std::size_t i = 40; i < 60; ++i)
+        if (q.sire[i] > 0) q.sire[i] = q.sire[i] == 1 ? 3 : q.sire[i] - 2;
+    for (const char* options : searches)
+        expect_each_as_fresh({make_study(p, {}, options), make_study(q, {}, options)}, options);
+}
+
 TEST_F(Trust, SimulationAfterAnotherPedigree) {
     const population p = first_population();
     population q = p;
@@ -253,6 +262,37 @@ TEST_F(Trust, SpoiltFilesAreMadeAnew) {
             expect_as_fresh(s, name + " spoilt at " + std::to_string(at));
             EXPECT_TRUE(read_file(name) == whole) << name << " spoilt at " << at;
         }
+}
+
+// Those that only some runs leave: inbreeding coefficients for simulations, the factor of the relationship matrix.
+TEST_F(Trust, OtherSpoiltFilesAreMadeAnew) {
+    std::mt19937 rng(79);
+    const auto spoil = [&](const std::string& name, int turn) {
+        std::string text = read_file(name);
+        const std::size_t at = rng() % text.size();
+        if (turn % 3 == 2)
+            text.resize(at);
+        else
+            text[at] = static_cast<char>(text[at] ^ (1 << (rng() % 8)));
+        write_file(name, text);
+    };
+    for (const auto& [options, names] : std::vector<std::pair<std::string, std::vector<std::string>>>{
+             {"--simul2", {"inbreed.bin", "nrminvers1.bin"}}, {"--super --aireml6", {"cholnrm1.bin", "inbreed.bin"}}}) {
+        const study s = make_study(first_population(), {}, options);
+        write_file("RandomSeeds", "1234567 7654321\n");
+        expect_as_fresh(s, options);
+        std::map<std::string, std::string> whole;
+        for (const auto& name : names) whole[name] = read_file(name);
+        for (const auto& name : names)
+            for (int turn = 0; turn < 9; ++turn) {
+                spoil(name, turn);
+                // coefficients are wanted where the inverse is taken over, or made with it
+                if (name == "inbreed.bin" && turn % 2 == 1) spoil("nrminvers1.bin", turn);
+                write_file("RandomSeeds", "1234567 7654321\n");
+                expect_as_fresh(s, options + ", " + name + " spoilt");
+                EXPECT_TRUE(read_file(name) == whole[name]) << options << " " << name;
+            }
+    }
 }
 
 TEST_F(Trust, SpoiltPointIsNotUsed) {

@@ -1,5 +1,6 @@
 // A library to be loaded before all others (LD_PRELOAD) that lets one call of a kind fail.
-//   TVX_FAULT=kind:n   kind read, write, rename, fsync or alloc: the n-th call fails; kill, term: the process gets
+//   TVX_FAULT=kind:n   kind read, write, rename, fsync, alloc or flock: the n-th call fails; kill, term: the process
+//   gets
 //                      SIGKILL or SIGTERM at its n-th write; n = 0: none fails
 //   TVX_FAULT_COUNT    file that gets the number of calls of the kind when the process ends by itself
 // Only files count: the first three descriptors never fail. Allocations count from the start of the main program.
@@ -16,7 +17,7 @@
 
 namespace {
 
-enum kind { none, reading, writing, renaming, syncing, allocating, killing, ending };
+enum kind { none, reading, writing, renaming, syncing, allocating, killing, ending, locking };
 kind wanted = none;
 long target = 0;
 std::atomic<long> calls{0};
@@ -27,8 +28,8 @@ template <class F> F next(const char* name) { return reinterpret_cast<F>(dlsym(R
 __attribute__((constructor)) void start() {
     const char* fault = std::getenv("TVX_FAULT");
     if (!fault) return;
-    const char* kinds[] = {"none", "read", "write", "rename", "fsync", "alloc", "kill", "term"};
-    for (int k = 1; k < 8; ++k)
+    const char* kinds[] = {"none", "read", "write", "rename", "fsync", "alloc", "kill", "term", "flock"};
+    for (int k = 1; k < 9; ++k)
         if (std::strncmp(fault, kinds[k], std::strlen(kinds[k])) == 0) wanted = static_cast<kind>(k);
     if (const char* colon = std::strchr(fault, ':')) target = std::atol(colon + 1);
     ready = true;
@@ -125,12 +126,34 @@ int fsync(int fd) {
     return real(fd);
 }
 
-void* malloc(std::size_t n) {
-    extern void* __libc_malloc(std::size_t);
-    if (ready && wanted == allocating && strikes(allocating)) {
-        errno = ENOMEM;
-        return nullptr;
+int flock(int fd, int operation) {
+    static const auto real = next<int (*)(int, int)>("flock");
+    if (strikes(locking)) {
+        errno = ENOLCK;
+        return -1;
     }
-    return __libc_malloc(n);
+    return real(fd, operation);
+}
+
+void* __libc_malloc(std::size_t);
+void* __libc_calloc(std::size_t, std::size_t);
+void* __libc_realloc(void*, std::size_t);
+void* __libc_memalign(std::size_t, std::size_t);
+
+static bool no_memory() {
+    if (!ready || wanted != allocating || !strikes(allocating)) return false;
+    errno = ENOMEM;
+    return true;
+}
+
+void* malloc(std::size_t n) { return no_memory() ? nullptr : __libc_malloc(n); }
+void* calloc(std::size_t n, std::size_t size) { return no_memory() ? nullptr : __libc_calloc(n, size); }
+void* realloc(void* p, std::size_t n) { return no_memory() ? nullptr : __libc_realloc(p, n); }
+void* aligned_alloc(std::size_t at, std::size_t n) { return no_memory() ? nullptr : __libc_memalign(at, n); }
+int posix_memalign(void** p, std::size_t at, std::size_t n) {
+    void* got = no_memory() ? nullptr : __libc_memalign(at, n);
+    if (!got) return ENOMEM;
+    *p = got;
+    return 0;
 }
 }

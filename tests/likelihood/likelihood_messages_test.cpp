@@ -31,15 +31,6 @@ namespace {
 
 using likelihood_messages_test = tarvex_test;
 
-small_model univariate() {
-    small_model m;
-    m.make_pedigree(24, 6, 1);
-    m.make_rows(4, 1, 3, 0.0, 2);
-    m.random = {{"animal", "NRM", 1, 0, {1.3}}};
-    m.residual = {2.1};
-    return m;
-}
-
 small_model bivariate(double rcov = 0.4) {
     small_model m;
     m.nq = 2;
@@ -53,7 +44,7 @@ small_model bivariate(double rcov = 0.4) {
 bool told(const std::string& screen, const std::string& text) { return screen.find(text) != std::string::npos; }
 
 TEST_F(likelihood_messages_test, UnknownTypesOfAnalysis) {
-    set_up(univariate());
+    set_up(one_trait_model());
     int ifail = 0;
     for (int type : {0, 5}) {
         model.anal_type = type;
@@ -117,7 +108,7 @@ TEST_F(likelihood_messages_test, ElementOfARandomEffectWithoutAPlace) {
 }
 
 TEST_F(likelihood_messages_test, EquationOfALevelThatWasTakenOut) {
-    set_up(univariate());
+    set_up(one_trait_model());
     program_logl(estimates.parvec);
     orders.ieqnew(mmequations.rn_start(1) + 1) = 0; // the founder whose diagonal comes first
     places = {};
@@ -131,7 +122,7 @@ TEST_F(likelihood_messages_test, EquationOfALevelThatWasTakenOut) {
 }
 
 TEST_F(likelihood_messages_test, DiagnosisOfTheFirstEvaluationLineByLine) {
-    set_up(univariate());
+    set_up(one_trait_model());
     const int eq = mmequations.fx_start(1, 1) + 3, row = orders.ieqnew(eq);
     ASSERT_GT(row, 0);
     clear_screen();
@@ -155,7 +146,7 @@ TEST_F(likelihood_messages_test, DiagnosisOfTheFirstEvaluationLineByLine) {
 
 // Residual variances so large that the equations of the fixed effects have no pivots above the limit.
 TEST_F(likelihood_messages_test, FailedFirstEvaluationGivesTheDiagnosisOnlyThen) {
-    small_model m = univariate();
+    small_model m = one_trait_model();
     m.residual = {1.0e12};
     set_up(m);
     options.mmmposdef = true;
@@ -193,7 +184,7 @@ TEST_F(likelihood_messages_test, ResidualMatrixIsShownUnderDetails) {
 }
 
 TEST_F(likelihood_messages_test, SingularPatternIsShownWithItsTriangle) {
-    small_model m = univariate();
+    small_model m = one_trait_model();
     m.rows.clear();
     m.make_rows(4, 2, 3, 0.0, 2);
     m.random.push_back({"pe", "PEQ", 1, 0, {0.7}});
@@ -236,7 +227,7 @@ TEST_F(likelihood_messages_test, SingularSubjectIsNamed) {
 }
 
 TEST_F(likelihood_messages_test, EvaluationsAreToldAndLogged) {
-    set_up(univariate());
+    set_up(one_trait_model());
     options.verbose = true;
     clear_screen();
     const double x = program_logl(estimates.parvec);
@@ -264,7 +255,7 @@ TEST_F(likelihood_messages_test, EvaluationsAreToldAndLogged) {
 }
 
 TEST_F(likelihood_messages_test, InverseIsTimed) {
-    set_up(univariate());
+    set_up(one_trait_model());
     program_logl(estimates.parvec);
     options.verbose = false;
     options.print_times = true;

@@ -222,6 +222,15 @@ oracle::analysis small_model::dense() const {
     return m;
 }
 
+small_model one_trait_model() {
+    small_model m;
+    m.make_pedigree(24, 6, 1);
+    m.make_rows(4, 1, 3, 0.0, 2);
+    m.random = {{"animal", "NRM", 1, 0, {1.3}}};
+    m.residual = {2.1};
+    return m;
+}
+
 void set_up(const small_model& m, const std::vector<std::string>& arguments) {
     m.write_files("model");
     std::vector<std::string> list{"tarvex"};

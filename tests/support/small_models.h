@@ -47,6 +47,9 @@ struct small_model {
     oracle::analysis dense() const;
 };
 
+// Animals with one record of one trait each, in three herds.
+small_model one_trait_model();
+
 // Writes the files and runs the program's phases to the end of the stores of the likelihood; a stop is thrown.
 void set_up(const small_model& m, const std::vector<std::string>& options = {"--aireml"});
 
