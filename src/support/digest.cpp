@@ -45,6 +45,7 @@ bool from_hex(std::string_view text, digest& d) {
         const auto [end, fault] = std::from_chars(from, to, part[k], 16);
         if (fault != std::errc() || end != to) return false;
     }
+    if (hex({part[0], part[1]}) != text) return false; // capitals
     d = {part[0], part[1]};
     return true;
 }
