@@ -65,6 +65,7 @@ bool read_records(hash_tables& tables) {
     open_pedfile(reader);
     long long ian = 0, idad = 0, imum = 0;
     while (const int status = next_pedrec(reader, ian, idad, imum)) {
+        if (status < 0 && reader.in.bad()) stop_with("Error reading file \"" + filenames.pedfile + "\"");
         if (status < 0) return false;
         if (pedrec_fault(ian, idad, imum) != nullptr || ian > maxan) sound = false;
         if (ian > 0) {
