@@ -19,8 +19,6 @@ std::uint64_t head_sum(const recoded_parts& s) {
     return sum & ~std::uint64_t{1};
 }
 
-std::uint64_t list_sum(std::span<const int> jvec) {
-    return plus(std::uint64_t{jvec.size()}, jvec) & ~std::uint64_t{1};
-}
+std::uint64_t list_sum(std::span<const int> jvec) { return plus(std::uint64_t{jvec.size()}, jvec) & ~std::uint64_t{1}; }
 
 } // namespace tarvex

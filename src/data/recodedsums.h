@@ -1,5 +1,5 @@
-// Sums over the recoded subjects, kept in memory from their writing on: a pass takes a subject for what was written only
-// if its bytes have that sum. What another process does to the files between two passes cannot change a number.
+// Sums over the recoded subjects, kept in memory from their writing on: a pass takes a subject for what was written
+// only if its bytes have that sum. What another process does to the files between two passes cannot change a number.
 #pragma once
 #include <cstddef>
 #include <cstdint>
