@@ -1,5 +1,7 @@
 #include "tvx/children.h"
 
+#include "tvx/commands.h"
+
 #include <array>
 #include <csignal>
 #include <sys/wait.h>
@@ -14,7 +16,36 @@ extern "C" void note_stop(int) { stops = stops + 1; }
 
 constexpr std::array signals{SIGINT, SIGTERM, SIGHUP};
 
+// Nothing here but what a signal handler may do.
+extern "C" void end_here(int) {
+    static constexpr char text[] =
+        "stopped by Ctrl-C: what stood there before is as it was; the same command begins anew\n";
+    static constexpr char object[] =
+        "{\"fault\":\"stopped by Ctrl-C: what stood there before is as it was; the same command begins anew\","
+        "\"status\":1}\n";
+    const ssize_t told =
+        display.json ? write(STDOUT_FILENO, object, sizeof object - 1) : write(STDOUT_FILENO, text, sizeof text - 1);
+    _exit(told < 0 ? program_stopped : input_fault);
+}
+
 } // namespace
+
+void tell_stops() {
+    struct sigaction own {
+    }, before{};
+    sigaction(SIGINT, nullptr, &before);
+    own.sa_handler = end_here;
+    if (before.sa_handler != SIG_IGN) sigaction(SIGINT, &own, nullptr);
+}
+
+stops_held::stops_held() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int s : signals) sigaddset(&set, s);
+    sigprocmask(SIG_BLOCK, &set, &before_);
+}
+
+stops_held::~stops_held() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
 
 struct stop_watch::saved {
     std::array<struct sigaction, signals.size()> actions{};
@@ -23,10 +54,10 @@ struct stop_watch::saved {
 stop_watch::stop_watch() : before_(new saved) {
     stops = 0;
     for (std::size_t i = 0; i < signals.size(); ++i) {
-        struct sigaction action {};
-        action.sa_handler = note_stop;
+        struct sigaction own {};
+        own.sa_handler = note_stop;
         sigaction(signals[i], nullptr, &before_->actions[i]);
-        if (before_->actions[i].sa_handler != SIG_IGN) sigaction(signals[i], &action, nullptr); // as nohup wants it
+        if (before_->actions[i].sa_handler != SIG_IGN) sigaction(signals[i], &own, nullptr); // as nohup wants it
     }
 }
 

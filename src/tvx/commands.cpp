@@ -1,6 +1,7 @@
 #include "tvx/commands.h"
 
 #include "control/tvxroutines.h"
+#include "tvx/children.h"
 #include "tvx/csv.h"
 
 #include <CLI/CLI.hpp>
@@ -73,6 +74,7 @@ int run_command_line(int argc, const char* const* argv) {
     app.fallthrough();
     for (const registrar add : commands()) add(app, chosen);
     if (const int status = parse(app, argc, argv); status >= 0) return status;
+    tell_stops();
     try {
         return chosen ? chosen() : static_cast<int>(fine);
     } catch (const fault& f) {

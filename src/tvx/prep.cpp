@@ -1,5 +1,6 @@
 #include "tvx/prep.h"
 
+#include "tvx/children.h"
 #include "tvx/commands.h"
 #include "tvx/draft.h"
 #include "tvx/jobs.h"
@@ -114,6 +115,7 @@ void write_folder(draft& d, const std::vector<start_block>& blocks) {
     try {
         make_folder(part);
         write_analysis(d, blocks);
+        const stops_held whole; // no half of a study
         if (fs::exists(folder, ec)) {
             replace_study(part, folder);
         } else {

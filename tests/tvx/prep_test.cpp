@@ -325,6 +325,30 @@ TEST_F(prep_numbers, of_a_sire_model_of_two_traits_are_those_of_the_one_by_hand)
     expect_same_maximum("weight + fat ~ herd + sire(sire)", "5 2 3 18 6 8", {"-p", "ped.csv"});
 }
 
+// Rams and grandsires on the dam's side, both related by the pedigree of males.
+TEST_F(prep_numbers, of_sires_and_grandsires_are_those_of_the_one_by_hand) {
+    auto p = make_population(60, 500, 2);
+    text_table csv{{"lamb", "herd", "ram", "mgs", "weight"}, {}};
+    std::string hand, sires;
+    for (std::size_t k = 1; k <= p.animals.size(); ++k) {
+        const auto& a = p.animals[k - 1];
+        const int mgs = a.dam > 0 ? p.animals[a.dam - 1].sire : 0;
+        sires += std::to_string(k) + " " + std::to_string(a.sire) + " " + std::to_string(mgs) + "\n";
+        if (k <= 560) continue;
+        const std::string y =
+            number_text(a.herd + 1.5 * p.animals[a.sire - 1].genetic +
+                        0.8 * p.animals[static_cast<std::size_t>(mgs - 1)].maternal + 4.0 * p.normal());
+        csv.rows.push_back({"lamb" + std::to_string(k), herd_name(a.herd), id_of(a.sire), id_of(mgs), y});
+        hand += std::to_string(a.sire) + " " + std::to_string(mgs) + " " + std::to_string(a.herd) + " " + y + "\n";
+    }
+    write_inputs(p, csv, hand);
+    write_file("hand.ped", sires);
+    write_file("hand.par", "ANA UNI\nDAT hand.dat\n sire 999\n mgs 999\n herd 6\n y\nEND\nPED hand.ped SIR\n"
+                           "MOD\n FIX herd\n RAN sire NRM\n RAN mgs NRM\n TRAIT y 1 -999\nEND\n"
+                           "VAR sire 1\n 9\nVAR mgs 1\n 2\nVAR residual 1\n 16\n");
+    expect_same_maximum("weight ~ herd + sire(ram) + mgs(mgs)", "9 2 16", {"-p", "ped.csv"});
+}
+
 // Three traits with two principal components of the genetic effects.
 TEST_F(prep_numbers, of_reduced_rank_are_those_of_the_one_by_hand) {
     auto p = make_population(40, 120, 3);

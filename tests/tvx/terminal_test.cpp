@@ -161,16 +161,21 @@ TEST_F(tvx_terminal, PrepThatIsStoppedLeavesNoHalves) {
             "a" + std::to_string(i) + ",h" + std::to_string(i % 97) + "," + std::to_string(i * 7919LL % 1000) + "\n";
     write_file("t.csv", table);
     write_file("p.csv", "animal,sire,dam\na1,s,d\n");
-    int whole = 0, none = 0;
+    int whole = 0, none = 0, told = 0;
     for (int wait = 0; wait < 24; ++wait) {
         fs::remove_all("t");
         const auto start = std::chrono::steady_clock::now();
         const auto over = [&] {
             return std::chrono::steady_clock::now() - start > std::chrono::milliseconds(wait * wait);
         };
-        interrupt_when({"prep", "t.csv", "weight ~ herd + nrm(id)", "-p", "p.csv"}, over);
+        const auto r = interrupt_when({"prep", "t.csv", "weight ~ herd + nrm(id)", "-p", "p.csv"}, over);
         if (!fs::exists("t")) {
             ++none;
+            if (r.output.empty()) continue; // the program had not begun
+            ++told;
+            EXPECT_EQ(r.status, 1) << r.output;
+            EXPECT_EQ(r.output,
+                      "stopped by Ctrl-C: what stood there before is as it was; the same command begins anew\n");
             continue;
         }
         ++whole;
@@ -178,6 +183,7 @@ TEST_F(tvx_terminal, PrepThatIsStoppedLeavesNoHalves) {
             EXPECT_TRUE(fs::exists(std::string("t/") + file)) << file;
     }
     EXPECT_GT(none, 0);
+    EXPECT_GT(told, 0);
     ASSERT_EQ(run_tvx({"--quiet", "prep", "t.csv", "weight ~ herd + nrm(id)", "-p", "p.csv", "--force"}).status, 0);
     EXPECT_FALSE(fs::exists("t.part"));
     EXPECT_EQ(tarvex::lines_of(read_file("t/t.dat")).size(), 60000u) << whole;
