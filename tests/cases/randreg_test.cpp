@@ -162,6 +162,25 @@ TEST_F(RandomRegression, FunctionsOfTheUser) {
     EXPECT_EQ(run("--aireml1").status, 1);
 }
 
+// Records of the older half without residuals: searches run against that border and go on.
+TEST_F(RandomRegression, ClassWithoutResiduals) {
+    for (auto& r : p_.records)
+        if (r.age >= 29.0) r.y[0] = 10.0 + 2.0 * r.herd + 0.25 * (r.code % 7) * (1.0 + standard(r.age));
+    write_file("data.dat", p_.all_traits_lines());
+    parameters("MOD\n FIX herd\n RAN animal(2,LEG) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 2\n 4.0 0.5 "
+               "2.0\n"
+               "VAR residual 1 HET 2 age\n 20 28 5.0\n 29 38 5.0\n");
+    for (const char* options : {"--powell50", "--aireml20 --nologd"}) {
+        std::filesystem::remove("BestPoint");
+        const auto result = finish(options);
+        EXPECT_EQ(result.output.find("not of full rank"), std::string::npos) << options;
+        const auto best = read_best_point();
+        ASSERT_EQ(best.values.size(), 5u);
+        EXPECT_LT(best.values[1], 0.1) << options;
+        EXPECT_GT(best.values[0], 1.0) << options;
+    }
+}
+
 TEST_F(RandomRegression, FixedCurve) {
     two_effects("2,LEG", "3,LEG", " COV age(2,LEG)\n");
     dense x = herds_and_age(p_, obs_);

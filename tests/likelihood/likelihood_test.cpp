@@ -232,6 +232,35 @@ TEST_F(likelihood_test, RandomRegressionClasses) {
     expect_dense(m);
 }
 
+// A search may try any value: one class without a residual variance, or with one that cannot be inverted, makes the
+// point invalid and is forgotten with the next one.
+TEST_F(likelihood_test, TrialResidualOfAClassThatIsTooSmallIsInvalid) {
+    small_model m;
+    m.randreg = true;
+    m.make_pedigree(14, 5, 7);
+    m.make_rows(3, 4, 2, 0.0, 8);
+    m.random = {{"animal", "NRM", 2, 0, {2.0, 0.3, 1.0}}};
+    m.residual = {1.2, 0.7, 2.0};
+    m.class_bounds = {3, 7, 11};
+    set_up(m, {"--aireml", "--nologd"});
+    ASSERT_NE(estimates.paraform(0), "Original");
+    const double least = std::sqrt(numbers.zero); // smaller elements of the factor are taken as this one
+    const double start = dense_logl(m, estimates.parvec);
+    for (const int iclass : {1, 2, 3})
+        for (const double root : {least, 0.3 * least, 1.0e-12, 0.0, -0.3 * least}) {
+            array<double> p = estimates.parvec;
+            p(iclass) = root;
+            EXPECT_EQ(program_logl(p), invalid_logl) << iclass << " " << root;
+            EXPECT_NEAR(program_logl(estimates.parvec, 1), start, 1.0e-7);
+        }
+    for (const double root : {30.0 * least, -30.0 * least}) { // small, but a variance
+        array<double> p = estimates.parvec;
+        p(2) = root;
+        const double want = dense_logl(m, p);
+        EXPECT_NEAR(program_logl(p), want, 1.0e-6 * std::fabs(want));
+    }
+}
+
 TEST_F(likelihood_test, ReducedRankEqualsDenseWithTheProductOfItsFactor) {
     small_model m;
     m.nq = 3;

@@ -3,6 +3,7 @@
 #include "control/options.h"
 #include "estimation/covs2parvec.h"
 #include "estimation/estimates.h"
+#include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
 #include "parameters/randomvars.h"
 #include "parameters/residualvars.h"
@@ -88,6 +89,62 @@ TEST_F(repeat_effects_test, DiagonalRepeatMatrixOfTwoTraits) {
     const auto v = by_hand(m, {{2.1, 0.2}, {0.2, 1.9}}, {{0.9, 0.0}, {0.0, 0.7}}, {{1.3, 0.5}, {0.5, 1.8}});
     const double want = oracle::evaluate(m.dense(), v).logl;
     EXPECT_NEAR(program_logl(estimates.parvec), want, 1.0e-8 * std::fabs(want));
+}
+
+// By records: those of one line have both covariances, those of different lines the repeat effect alone.
+oracle::reml dense_by_record(const small_model& m, const array<double>& parvec) {
+    const oracle::analysis a = m.dense();
+    array<double> cc;
+    array<double, 2> vv;
+    std::vector<oracle::dense> matrix; // residual, animals, repeat effect
+    for (int irand = 0; irand <= 2; ++irand) {
+        array<double> p = parvec;
+        int ifail = 0;
+        parvec2covs(p, irand, 1, cc, vv, ifail);
+        matrix.push_back({{cc(1), cc(2)}, {cc(2), cc(3)}});
+    }
+    oracle::dense v = oracle::zeros(a.obs.size(), a.obs.size());
+    for (std::size_t i = 0; i < a.obs.size(); ++i)
+        for (std::size_t j = 0; j < a.obs.size(); ++j) {
+            const oracle::observation &o = a.obs[i], &w = a.obs[j];
+            const auto q = static_cast<std::size_t>(o.trait - 1), p = static_cast<std::size_t>(w.trait - 1);
+            v[i][j] = matrix[1][q][p] * a.a[0][static_cast<std::size_t>(o.terms[0][0].level - 1)]
+                                           [static_cast<std::size_t>(w.terms[0][0].level - 1)];
+            if (o.subject != w.subject) continue;
+            v[i][j] += matrix[2][q][p];
+            if (o.age == w.age) v[i][j] += matrix[0][q][p]; // age numbers the lines of an animal
+        }
+    return oracle::evaluate(a, v);
+}
+
+TEST_F(repeat_effects_test, RepeatEffectByRecord) {
+    small_model m = traits(2, 3, 0.2);
+    m.random.push_back({"pe", "PEQ", 2, 0, {0.9, 0.4, 0.7}, false, true});
+    m.residual = {2.1, -0.8, 1.9}; // of the other sign than the repeat effect
+    set_up(m);
+    const double want = dense_by_record(m, estimates.parvec).logl;
+    EXPECT_NEAR(program_logl(estimates.parvec), want, 1.0e-8 * std::fabs(want));
+    // the covariances of both are estimable, each by its own slope
+    program_logl(estimates.parvec, 1);
+    average_info();
+    derivatives_mmm();
+    jacob_var2chol(0);
+    for (int k = 1; k <= estimates.nparm; ++k) {
+        const auto logl = [&](double step) {
+            array<double> p = estimates.parvec;
+            p(k) += step;
+            return dense_by_record(m, p).logl;
+        };
+        const double h = 1.0e-3;
+        const double slope = (8.0 * (logl(h) - logl(-h)) - (logl(2.0 * h) - logl(-2.0 * h))) / (12.0 * h);
+        EXPECT_NEAR(derivs.der1(k), slope, 1.0e-6 * (1.0 + std::fabs(slope))) << "parameter " << k;
+    }
+    on_original_scale();
+    array<double> p = estimates.parvec;
+    p(2) = 0.5;
+    p(8) = -0.3;
+    const double other = dense_by_record(m, p).logl;
+    EXPECT_NEAR(program_logl(p), other, 1.0e-8 * std::fabs(other));
 }
 
 // The repeat effect stands first: its parameters follow those of the residual all the same.

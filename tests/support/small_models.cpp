@@ -128,6 +128,7 @@ std::string small_model::parameters() const {
         s << "VAR " << e.name << " " << e.order;
         if (principal && e.rank > 0) s << " " << e.rank;
         if (e.diagonal) s << " DIA";
+        if (e.by_record) s << " REC";
         s << number_list(e.g) << "\n";
     }
     s << "VAR residual " << nq;

@@ -16,6 +16,7 @@ struct small_effect {
     int order = 1, rank = 0; // rank 0: as order
     std::vector<double> g;   // packed upper triangle; variances where diagonal
     bool diagonal = false;
+    bool by_record = false; // a repeat effect of records (REC)
 };
 
 struct small_row {
