@@ -29,6 +29,29 @@ protected:
 
 const std::string two_traits = "VAR animal 2\n 4.5 1.5 3.5\nVAR residual 2\n 6.0 2.0 5.5\n";
 
+// Slopes by the classes of the second fixed effect.
+TEST_F(MoreModels, CovariableNestedInTheSecondFixedEffect) {
+    const auto p = make_population(60, 1, 3, 0.0, 93);
+    write_file("ped.dat", p.pedigree());
+    write_file("data.dat", p.all_traits_lines());
+    write_file("model.par", "PED ped.dat\nANA UNI\nDAT data.dat\n" + columns(1) +
+                                "END\nMOD\n FIX herd\n FIX parity\n COV age*parity(1,POL)\n RAN animal NRM\n TR y1 1 "
+                                "-999\nEND\nVAR animal 1\n 4.5\nVAR residual 1\n 6.0\n");
+    const auto obs = observations_of(p);
+    const dense a = tabular(p.sire, p.dam);
+    dense v(obs.size(), std::vector<double>(obs.size())), x(obs.size(), std::vector<double>(9, 0.0));
+    for (std::size_t i = 0; i < obs.size(); ++i) {
+        const auto& r = p.records[obs[i].record];
+        x[i][static_cast<std::size_t>(r.herd - 1)] = 1.0;
+        if (r.parity > 1) x[i][static_cast<std::size_t>(r.parity + 2)] = 1.0; // of the first the herds tell
+        x[i][static_cast<std::size_t>(r.parity + 5)] = r.age;
+        for (std::size_t j = 0; j < obs.size(); ++j)
+            v[i][j] = (i == j ? 6.0 : 0.0) + 4.5 * a[static_cast<std::size_t>(r.code - 1)]
+                                                    [static_cast<std::size_t>(p.records[obs[j].record].code - 1)];
+    }
+    expect_relative(start(), dense_reml(obs, x, v), 1e-8, "log L");
+}
+
 TEST_F(MoreModels, SiresWithTheirSiresAndGrandsires) {
     const auto p = make_population(120, 1, 1, 0.0, 92);
     const auto n = p.sire.size();

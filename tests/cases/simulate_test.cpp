@@ -290,6 +290,60 @@ TEST_F(Simulate, RandomRegression) {
                 << i << j;
 }
 
+// Residual classes go by the control variable that is named, here the second one.
+TEST_F(Simulate, ResidualClassesByTheSecondControlVariable) {
+    std::string data;
+    constexpr int n = 2000, places = 4;
+    const int age[places] = {2, 4, 10, 10}, parity[places] = {1, 2, 1, 2};
+    for (int i = 1; i <= n; ++i)
+        for (int k = 0; k < places; ++k)
+            data += std::to_string(i) + " " + std::to_string(age[k]) + " " + std::to_string(parity[k]) + " 5\n";
+    write_file("data.dat", data);
+    write_file("model.par",
+               "ANA RR\nDAT data.dat\n animal 9999\n age 20\n parity 3\n y\nEND\nMOD\n MEA\n RAN animal(2,LEG,age) "
+               "IDE\n RRC age\n RRC parity\n TR y 1 -999\nEND\nVAR animal 2\n 0.4 0.1 0.2\nVAR residual 1 HET 2 "
+               "parity\n 1 1 0.5\n 2 2 8.0\n");
+    finish("--simul");
+    const auto lines = lines_of(read_file("SimData001.dat"));
+    ASSERT_EQ(lines.size(), static_cast<std::size_t>(places * n));
+    for (std::size_t k = 0; k < places; ++k) {
+        double square = 0.0;
+        for (std::size_t i = 0; i < n; ++i) {
+            const double y = number_of(words_of(lines[i * places + k]).back());
+            square += y * y / n;
+        }
+        const double t = -1.0 + (age[k] - 2) / 4.0;
+        const double truth =
+            0.4 * 0.5 + 2.0 * 0.1 * std::sqrt(0.75) * t + 0.2 * 1.5 * t * t + (parity[k] == 1 ? 0.5 : 8.0);
+        EXPECT_NEAR(square, truth, 4.0 * truth * std::sqrt(2.0 / n)) << age[k] << " " << parity[k];
+    }
+}
+
+// Codes of missing values are those of the traits.
+TEST_F(Simulate, OtherCodesOfMissingValues) {
+    std::string data;
+    for (int i = 1; i <= 60; ++i)
+        data += std::to_string(i) + " " + (i % 3 == 0 ? "-9" : "5") + " " + (i % 4 == 0 ? "77" : "6") + "\n";
+    write_file("data.dat", data);
+    write_file("model.par",
+               "ANA MUV 2\nDAT data.dat\n animal 99\n y1\n y2\nEND\nMOD EQ\n MEA\n RAN animal IDE\n TR y1 1 "
+               "-9\n TR y2 2 77\nEND\nVAR animal 2\n 4 1\n 4\nVAR residual 2\n 6 1\n 6\n");
+    finish("--simul");
+    const auto lines = lines_of(read_file("SimData001.dat"));
+    EXPECT_EQ(lines.size(), 55u); // lines without a record are left out
+    int missing = 0;
+    for (const auto& line : lines) {
+        const auto w = words_of(line);
+        ASSERT_EQ(w.size(), 5u);
+        EXPECT_EQ(w[1] == "-9", w[3] == "-9") << line;
+        EXPECT_EQ(w[2] == "77", w[4] == "77") << line;
+        EXPECT_NE(w[3], "-999");
+        EXPECT_NE(w[4], "-999");
+        missing += (w[3] == "-9") + (w[4] == "77");
+    }
+    EXPECT_EQ(missing, 25);
+}
+
 // The mean of the estimates of some replicates lies within three standard errors of the truth.
 TEST_F(Simulate, EstimatesComeBackToTheTruth) {
     constexpr int replicates = 6;

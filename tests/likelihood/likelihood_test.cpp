@@ -393,6 +393,27 @@ TEST_F(likelihood_test, CovarianceThatIsZeroNoLongerAsksForOneNewOrdering) {
     EXPECT_EQ(orders.nsymb, 2);
 }
 
+// An element of the relationships that has no place in the structure asks for a new ordering, as one of the records
+// does. The level has no records.
+TEST_F(likelihood_test, MissingElementOfARandomEffectAsksForANewOrdering) {
+    const small_model m = bivariate();
+    set_up(m);
+    const double want = dense_logl(m, estimates.parvec);
+    EXPECT_NEAR(program_logl(estimates.parvec), want, 1.0e-7);
+    int a = 0, b = 0;
+    for (int l = 1; l <= levels.rn_nlev(1) && levels.rn_codes(1)[static_cast<std::size_t>(l - 1)] < 5; ++l)
+        for (int k = l + 1; k <= levels.rn_nlev(1) && a == 0; ++k) {
+            const int i = mmequations.rn_start(1) + 2 * l - 1, j = mmequations.rn_start(1) + 2 * k - 1;
+            if (locate(orders.ieqnew(i), orders.ieqnew(j)) == 0) a = i, b = j;
+        }
+    ASSERT_GT(a, 0);
+    orders.ieqnew(a) = orders.ieqnew(b); // which it has no link to
+    places = {};
+    forget_likelihoods();
+    EXPECT_NEAR(program_logl(estimates.parvec), want, 1.0e-7);
+    EXPECT_EQ(orders.nsymb, 2);
+}
+
 TEST_F(likelihood_test, MissingElementOfARandomEffectIsFatal) {
     const small_model m = univariate();
     set_up(m);

@@ -107,26 +107,26 @@ TEST_F(sampling_test, deficient_matrices_have_zero_columns) {
     }
 }
 
-// Full sibs 3 and 4 have the inbred offspring 5, which has one known mate less: 6 has one parent.
+// Full sibs 3 and 4 have the inbred offspring 5 and 8, of which each is the only known parent of one animal.
 TEST_F(sampling_test, animals_take_parent_means_and_shares) {
-    prepare(two_traits("IDE"), "3 1 2\n4 1 2\n5 3 4\n6 5 0\n7 5 2\n", 7);
+    prepare(two_traits("IDE"), "3 1 2\n4 1 2\n5 3 4\n6 5 0\n7 5 2\n8 3 4\n9 0 8\n", 9);
     setall(777, 888);
     std::vector<std::vector<double>> z;
-    for (int i = 0; i < 14; ++i) z.push_back(normals(2)); // animals, then the second effect
+    for (int i = 0; i < 18; ++i) z.push_back(normals(2)); // animals, then the second effect
     random_samples u;
     std::vector<std::vector<double>> total;
     setall(777, 888);
     sample_randeffs(u, total);
     ASSERT_EQ(u.size(), 2u);
-    ASSERT_EQ(u[0].size(), 14u);
+    ASSERT_EQ(u[0].size(), 18u);
     const auto draw = [&](std::size_t i, double a, double b, double c) { // lower factor a, b c
         return std::pair<double, double>(a * z[i][0], b * z[i][0] + c * z[i][1]);
     };
-    double share[] = {1, 1, 0.5, 0.5, 0.5, 0.75 - 0.25 * 0.25, 0.5 - 0.25 * 0.25};
-    const int sire[] = {0, 0, 1, 1, 3, 5, 5}, dam[] = {0, 0, 2, 2, 4, 0, 2};
-    std::vector<double> a(14);
+    double share[] = {1, 1, 0.5, 0.5, 0.5, 0.75 - 0.25 * 0.25, 0.5 - 0.25 * 0.25, 0.5, 0.75 - 0.25 * 0.25};
+    const int sire[] = {0, 0, 1, 1, 3, 5, 5, 3, 0}, dam[] = {0, 0, 2, 2, 4, 0, 2, 4, 8};
+    std::vector<double> a(18);
     double sum[3] = {};
-    for (std::size_t i = 0; i < 7; ++i) {
+    for (std::size_t i = 0; i < 9; ++i) {
         const auto [x, y] = draw(i, 2.0, 1.0, 2.0);
         sum[0] += x * x, sum[1] += x * y, sum[2] += y * y;
         for (std::size_t t = 0; t < 2; ++t) {
@@ -135,7 +135,7 @@ TEST_F(sampling_test, animals_take_parent_means_and_shares) {
             if (dam[i] > 0) a[2 * i + t] += 0.5 * a[static_cast<std::size_t>(2 * (dam[i] - 1)) + t];
             EXPECT_NEAR(u[0][2 * i + t], a[2 * i + t], 1e-13) << i + 1;
         }
-        const auto [p, q] = draw(i + 7, 1.0, 0.5, 2.0);
+        const auto [p, q] = draw(i + 9, 1.0, 0.5, 2.0);
         EXPECT_NEAR(u[1][2 * i], p, 1e-13);
         EXPECT_NEAR(u[1][2 * i + 1], q, 1e-13);
     }
