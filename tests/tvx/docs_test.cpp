@@ -31,9 +31,25 @@ std::vector<std::vector<std::string>> documented() {
     return commands;
 }
 
+// Relationships of lines by their markers: products of centred counts, and something on the diagonal.
+std::string relationships(const std::vector<std::vector<int>>& counts) {
+    std::string text = "line", rows;
+    for (std::size_t i = 0; i < counts.size(); ++i) text += ",L" + std::to_string(i + 1);
+    for (std::size_t i = 0; i < counts.size(); ++i) {
+        rows += "\nL" + std::to_string(i + 1);
+        for (std::size_t j = 0; j < counts.size(); ++j) {
+            double g = i == j ? 0.1 : 0.0;
+            for (std::size_t m = 0; m < counts[i].size(); ++m) g += (counts[i][m] - 1) * (counts[j][m] - 1) / 30.0;
+            rows += "," + number_text(g);
+        }
+    }
+    return text + rows + "\n";
+}
+
 // Forty lines at five places, two plots each, with sixty markers.
 void write_trial() {
     population p;
+    std::vector<std::vector<int>> counts;
     std::string trial = "line,place,yield\n", markers = "line";
     for (int j = 0; j < 60; ++j) markers += ",m" + std::to_string(j);
     markers += "\n";
@@ -41,9 +57,11 @@ void write_trial() {
         double value = 0.0;
         const std::string name = "L" + std::to_string(i);
         markers += name;
+        counts.emplace_back();
         for (int j = 0; j < 60; ++j) {
             const int m = p.below(2) + p.below(2);
             markers += "," + std::to_string(m);
+            counts.back().push_back(m);
             value += (m - 1) * (j % 7 - 3) * 0.3;
         }
         markers += "\n";
@@ -56,6 +74,33 @@ void write_trial() {
     }
     write_file("trial.csv", trial);
     write_file("markers.csv", markers);
+    write_file("G.csv", relationships(counts));
+}
+
+// Lambs by rams, and cows with three records each.
+void write_flocks() {
+    auto p = make_population(60, 400, 2);
+    std::string lambs = "ram,mgs,farm,age,sex,weight\n", rams = "ram,sire,mgs\n", cows = "cow,herd,year,milk\n";
+    const auto grandsire = [&](const population::animal& a) {
+        return a.dam > 0 ? p.animals[static_cast<std::size_t>(a.dam - 1)].sire : 0;
+    };
+    for (std::size_t k = 1; k <= p.animals.size(); ++k) {
+        const auto& a = p.animals[k - 1];
+        rams += id_of(static_cast<int>(k)) + "," + id_of(a.sire) + "," + id_of(grandsire(a)) + "\n";
+        if (k > 460)
+            lambs += id_of(a.sire) + "," + id_of(grandsire(a)) + ",F" + std::to_string(a.herd) + "," +
+                     number_text(a.age) + (a.sex == 1 ? ",m," : ",f,") +
+                     number_text(20.0 + (0.1 + 0.05 * a.sex) * a.age + 2.0 * p.animals[a.sire - 1].genetic +
+                                 p.animals[grandsire(a) - 1].genetic + 4.0 * p.normal()) +
+                     "\n";
+        for (int year = 1; k > 60 && year <= 3; ++year)
+            cows += id_of(static_cast<int>(k)) + ",H" + std::to_string(a.herd) + "," + std::to_string(2000 + year) +
+                    "," + number_text(50.0 + a.genetic + a.permanent + year * a.herd + 3.0 * p.normal()) + "\n";
+    }
+    write_file("lambs.csv", lambs);
+    write_file("rams.csv", rams);
+    write_file("cows.csv", cows);
+    write_file("cows_pedigree.csv", pedigree_table(p).text());
 }
 
 class examples : public tarvex::tarvex_test {
@@ -64,12 +109,13 @@ protected:
         for (const char* name : {"herd.csv", "pedigree.csv", "growth.csv"})
             fs::copy_file(std::string(TVX_SOURCE_DIR) + "/examples/herd/" + name, name);
         write_trial();
+        write_flocks();
     }
 };
 
 TEST_F(examples, of_the_guide_page_run) {
     const auto commands = documented();
-    ASSERT_GE(commands.size(), 8u);
+    ASSERT_GE(commands.size(), 11u);
     for (const auto& args : commands) {
         const auto r = run_tvx(args);
         ASSERT_EQ(r.status, 0) << r.output;
