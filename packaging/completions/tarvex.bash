@@ -6,7 +6,7 @@ _tarvex() {
     -*)
         COMPREPLY=($(compgen -W "-v -v2 -t -c -d -zq --best --blup --simul --setup --setuplrg --limit --nologd --logdia
             --reorder --noreord --reconst --norecon --mmmpdst --nommmpd --metis --metisall --amd --mmd --aireml --strictai
-            --nostrict --nosure --nooptai --optimai --modaim --simplex --powell --pownew --emalg --pxem --emai --pxai
+            --nostrict --sure --nosure --nooptai --optimai --modaim --simplex --powell --pownew --emalg --pxem --emai --pxai
             --good --bad --cycle --self --nopru --allped --times --threads --super --wide --forchol --zero --accinb --json
             --help --version" -- "$word"))
         ;;

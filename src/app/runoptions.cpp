@@ -130,7 +130,10 @@ void nologd(text, text) {
     options.logdia.fill(0);
     options.nologd = true;
 }
-void logdia(text, text) { options.logdia.fill(1); }
+void logdia(text, text) { // the later one of the two counts
+    options.logdia.fill(1);
+    options.nologd = false;
+}
 void reconstruct(text, text) { options.reconstruct = options.reco_set = true; }
 void norecon(text, text) {
     options.reconstruct = false;
@@ -177,6 +180,12 @@ void aireml(text rest, text arg) {
     choose_search(1);
     option_numbers(rest, arg).take(maximise.aireml_its, 0).take(maximise.aiconv_like);
 }
+// The search for hard cases.
+void sure(text rest, text arg) {
+    choose_search(7);
+    options.sure = true;
+    option_numbers(rest, arg).take(maximise.aireml_its, 0);
+}
 void optimai(text, text) { options.strict_ai = options.optim_ai = true; }
 void nooptai(text, text) {
     options.strict_ai = true;
@@ -198,6 +207,7 @@ void powell(text rest, text arg) {
     maximise.powell_its = 0;
     maximise.powell_scale = 0.2;
     option_numbers(rest, arg).take(maximise.powell_its, 0).take(maximise.powell_scale);
+    if (!(maximise.powell_scale > 0.0)) unreadable(arg);
 }
 void pownew(text, text) {
     maximise.search_type = 4;
@@ -293,6 +303,7 @@ constexpr option_record table[] = {
     {"--aireml", 8, "--AIREML", 8, aireml},
     {"--strictai", 10, "--STRICTAI", 10, optimai},
     {"--nostrict", 10, "--NOSTRICT", 10, set_flag<&om::strict_ai, false>},
+    {"--sure", 6, "--SURE", 6, sure},
     {"--nosure", 8, "--NOSURE", 8, set_flag<&om::sure, false>},
     {"--nooptai", 9, "--NOOPTAI", 9, nooptai},
     {"--optimai", 9, "--OPTIMAI", 9, optimai},

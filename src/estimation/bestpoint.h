@@ -15,7 +15,8 @@ struct bestpoint_module {
     double xlike_file = invalid_logl; // log L last read from BestPoint
     double xbest = invalid_logl;      // best log L of the run
     array<double> parbest;            // (nparm) its parameters
-    bool from_best = false;           // model.cov was read from BestPoint, not given by the user
+    double to_beat = invalid_logl; // log L of the stored point that a continued run has to beat before it is replaced
+    bool from_best = false;        // model.cov was read from BestPoint, not given by the user
 };
 inline bestpoint_module bestpoint;
 

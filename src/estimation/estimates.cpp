@@ -15,7 +15,9 @@
 #include "estimation/iteratelog.h"
 #include "estimation/lastpoint.h"
 #include "estimation/powell.h"
-#include "estimation/pxem.h"
+#include "estimation/pulledstart.h"
+#include "estimation/regionsearch.h"
+#include "estimation/rescue.h"
 #include "estimation/searchstate.h"
 #include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
@@ -35,12 +37,6 @@
 namespace tarvex {
 
 namespace {
-
-// Hands over at the best point found so far, on the scale that the flags now ask for.
-void from_best_point() {
-    readbestpoint(true);
-    covs2parvec();
-}
 
 double stored_best_value() {
     std::ifstream in(filenames.bestfile);
@@ -95,6 +91,19 @@ void first_evaluation(double& xlike) {
     print_list(screen(), "      mixed model matrix is not positive definite !!!");
     tell_reason(search_state.why);
     stoptarvex();
+}
+
+// Residual covariances that stay at 0 throughout, by the names of the traits.
+void tell_held() {
+    if (options.terse || !residualvars.fixres.allocated()) return;
+    const int nq = numbers.nq;
+    for (int i = 1; i <= nq; ++i)
+        for (int j = i + 1; j <= nq && !model.diagonal(0); ++j) {
+            if (ihmssf(i, j, nq) > residualvars.fixres.upper() || !residualvars.fixres(ihmssf(i, j, nq))) continue;
+            const bool never = means.pairs(ihmssf(i, j, nq)) == 0;
+            print_list(screen(), "Residual covariance of \"" + model.trait(i) + "\" and \"" + model.trait(j) +
+                                     "\" is held at 0" + (never ? " (never recorded together)" : " (it starts there)"));
+        }
 }
 
 void ai_phase(int& iround, double& xlike) {
@@ -157,57 +166,24 @@ void final_step() {
     options.saverr_ready = true;
 }
 
-// Adds a change of parameters on the covariance scale to model.cov; the repeat effect is left as it is.
-void add_change(const std::vector<parameter_change>& change, double factor) {
-    for (const parameter_change& c : change)
-        for (int irand = 0; irand <= numbers.krand; ++irand) {
-            const int k = c.par - block_start(irand) + 1;
-            if (irand != residualvars.ipeq && k >= 1 && k <= cov_length(irand))
-                model.cov(k, irand) += factor * c.change;
-        }
-}
-
-// Steps away from the border where log L rises there: the better point is the best one then.
-void leave_border() {
-    const auto lifts = verdict.last.lifts;
-    for (const auto& lift : lifts) {
-        const double before = bestpoint.xbest;
-        for (double factor = 1.0; factor > 0.01 && !(bestpoint.xbest > before); factor *= 0.25) {
-            from_best_point();
-            add_change(lift, factor);
-            covs2parvec();
-            evaluate_point(estimates.parvec, 0);
-        }
-    }
-}
-
 // Rounds of EM, and AI-REML again, from an end that is short of a maximum: parameters are laid out anew by each change
 // of scale. False: next to nothing was gained.
 bool resume(int& iround, double& xlike) {
     constexpr int rounds = 20;
     constexpr double least_gain = 0.01; // of a round that calls for another
     const double before = bestpoint.xbest;
-    const options_module kept = options;
-    const int search_type = maximise.search_type;
-    options.emalgorithm = true;
-    options.aireml = options.algorithm_set = false; // rounds end by their gain
-    options.pxem = !options.sigam;
-    maximise.search_type = 6;
-    if (options.pxem) pxem_setup();
-    leave_border();
-    from_best_point();
-    em_algorithm(rounds, iround, xlike, least_gain);
-    options.pxem = kept.pxem;
-    ai_phase(iround, xlike);
-    options.algorithm_set = kept.algorithm_set;
-    maximise.search_type = search_type;
+    expanded_rounds(rounds, least_gain, true, iround, xlike);
+    if (maximise.search_type == 7)
+        region_search(iround, xlike);
+    else
+        ai_phase(iround, xlike);
     return bestpoint.xbest > before + 0.1 * verdict_limit;
 }
 
 // The verdict, and the search again where it is not at a maximum and the user has set no limit of iterates.
 void judge_and_resume(int& iround, double& xlike) {
-    constexpr int most = 3;
-    const bool planned = maximise.search_type == 1 || maximise.search_type == 6;
+    const int type = maximise.search_type, most = type == 7 ? 10 : 3;
+    const bool planned = type == 1 || type == 6 || type == 7;
     for (verdict.resumed = 0;;) {
         final_step();
         if (verdict.last.kind != search_end::not_maximum || !planned || !options.sure) return;
@@ -220,20 +196,33 @@ void judge_and_resume(int& iround, double& xlike) {
     }
 }
 
+// Here only the verdict makes an end.
+void close_sure_search() {
+    maximise.converged = verdict.last.kind != search_end::not_maximum && verdict.last.kind != search_end::none;
+    const char* text = maximise.converged ? "*** SURE has converged" : "*** SURE : No convergence";
+    if (!options.terse || !maximise.converged) print_list(screen(), text);
+    text_out out;
+    if (out.open_append(filenames.iteratesfile)) print_list(out, text);
+}
+
 } // namespace
 
 void get_estimates() {
     const int type = maximise.search_type;
-    if (type == 1 || type == 6) check_average_info();
+    if (type == 1 || type == 6 || type == 7) check_average_info();
     if (type == 5) check_repeat_block();
     double xlike = invalid_logl;
+    bestpoint.to_beat = options.continew ? bestpoint.xlike_file : invalid_logl;
+    if (type == 7) pull_start();
     first_evaluation(xlike);
+    tell_held();
     options.saverr_ready = false;
     maximise.converged = false;
     std::fill_n(&maximise.cchanges[0][0], 12, 0.0);
     estimates.logpar.fill(0);
     derivs.nparm2 = estimates.nparm - no_fixed_residuals(); // until AI-REML has looked at their information
     maximise.limit_given = maximise.aireml_its != 0;
+    if (type == 7 && maximise.aireml_its == 0) maximise.aireml_its = std::max(50, 3 * estimates.nparm);
     if ((type == 1 || type == 6) && maximise.aireml_its == 0)
         maximise.aireml_its = std::max(10, static_cast<int>(1.4f * static_cast<float>(estimates.nparm)));
     verdict = {};
@@ -259,10 +248,17 @@ void get_estimates() {
     case 6:
         cycle_of_em_and_ai(iround, xlike);
         break;
+    case 7:
+        region_search(iround, xlike);
+        break;
     default:
         break;
     }
     judge_and_resume(iround, xlike);
+    if (bestpoint.to_beat > bestpoint.xbest + verdict_limit)
+        print_list(screen(), "\"" + filenames.bestfile + "\" keeps the better point of the run before : log L =",
+                   bestpoint.to_beat);
+    if (type == 7) close_sure_search();
     if (verdict.last.kind != search_end::none) screen().line(verdict_line(verdict.last));
 }
 

@@ -10,6 +10,8 @@
 #include "likelihood/solutions.h"
 #include "support/edit_form.h"
 
+#include <cmath>
+
 namespace tarvex {
 
 namespace {
@@ -24,13 +26,14 @@ void log_evaluation(double xlike) {
 } // namespace
 
 double evaluate_point(array<double>& parvec, int iopt) {
+    const double rounding = 1.0e-8 + 1.0e-9 * std::fabs(bestpoint.to_beat); // of a second evaluation of a stored point
     const evaluation e = loglike(parvec, iopt);
     search_state.why = e.why;
     if (e.new_factor) log_evaluation(e.xlike);
     if (e.solved && e.xlike > bestpoint.xbest) {
         bestpoint.xbest = e.xlike;
         bestpoint.parbest = parvec;
-        writebestpoint(0);
+        if (e.xlike > bestpoint.to_beat - rounding) writebestpoint(0);
         save_solutions();
     }
     end_if_asked(bestpoint.xbest > invalid_logl);

@@ -4,6 +4,7 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "data/levels.h"
+#include "data/units.h"
 #include "dense/numroutines.h"
 #include "estimation/estimates.h"
 #include "estimation/iteratelog.h"
@@ -61,29 +62,17 @@ std::vector<double> phenotypic_variances() {
     }
     if (options.randreg)
         for (int iq = 1; iq <= numbers.nq; ++iq)
-            if (means.tr_var.allocated()) v[at(iq - 1)] = means.tr_var(iq) * means.tr_var(iq);
+            if (means.tr_var.allocated()) v[at(iq - 1)] = std::pow(means.tr_var(iq) / trait_unit(iq), 2.0);
     for (double& x : v)
         if (!(x > 0.0)) x = 1.0;
     return v;
-}
-
-// Mean square of a basis function over the values of its control variable.
-double mean_square(int irand, int row) {
-    for (int i = 1; i <= model.nrnd(1); ++i) {
-        if (mudmap.rn_irand(i, 1) != irand) continue;
-        const auto& phi = phimat.phi(phimat.kkphi(i, 1));
-        double s = 0.0;
-        for (int a = 1; a <= phi.upper(1); ++a) s += phi(a, row) * phi(a, row);
-        return s > 0.0 ? s / static_cast<double>(phi.upper(1)) : 1.0;
-    }
-    return 1.0;
 }
 
 std::vector<double> row_scales(int irand, const std::vector<double>& phenotypic) {
     std::vector<double> s;
     for (int row = 1; row <= model.kkfit(irand); ++row) {
         if (options.randreg && irand > 0)
-            s.push_back(phenotypic.front() / mean_square(irand, row));
+            s.push_back(phenotypic.front() / basis_mean_square(irand, row));
         else
             s.push_back(phenotypic[at(trait_of(irand, row) - 1)]);
     }
@@ -166,13 +155,26 @@ constexpr const char* titles[] = {"not judged", "at a maximum of log L", "at the
 
 } // namespace
 
+double basis_mean_square(int irand, int row) {
+    for (int i = 1; i <= model.nrnd(1); ++i) {
+        if (mudmap.rn_irand(i, 1) != irand) continue;
+        const auto& phi = phimat.phi(phimat.kkphi(i, 1));
+        double s = 0.0;
+        for (int a = 1; a <= phi.upper(1); ++a) s += phi(a, row) * phi(a, row);
+        return s > 0.0 ? s / static_cast<double>(phi.upper(1)) : 1.0;
+    }
+    return 1.0;
+}
+
 void judge_last_point() {
     verdict.last = {};
     if (!average_info_available()) return;
     average_info();
     derivatives_mmm();
-    verdict.last = judge(gather());
+    verdict.last = verdict_of_derivatives();
 }
+
+search_verdict verdict_of_derivatives() { return judge(gather()); }
 
 std::string verdict_line(const search_verdict& v) {
     char gain[32];

@@ -16,6 +16,12 @@ inline verdict_module verdict;
 // the gradient of the covariance scale (devl1, devl2). Kind none where the model has no average information.
 void judge_last_point();
 
+// The same from derivatives that are at hand (devl1, devl2 of estimates.parvec).
+search_verdict verdict_of_derivatives();
+
+// Random regression: mean square of basis function `row` of block irand over the values of its control variable.
+double basis_mean_square(int irand, int row);
+
 // The verdict in one line, for the screen.
 std::string verdict_line(const search_verdict& v);
 // All of it, for the foot of the report.

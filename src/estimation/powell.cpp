@@ -1,6 +1,7 @@
 #include "estimation/powell.h"
 
 #include "control/filenames.h"
+#include "control/maximise.h"
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
@@ -19,11 +20,12 @@ namespace tarvex {
 
 namespace {
 
-constexpr double flevel = 2.0;      // decrease of -2 log L in a round that is worth another one
+constexpr double flevel = 0.002;    // decrease of -2 log L in a round that is worth another one
 constexpr double xconv = 1.0e-4;    // largest relative change of a parameter in a round that counts as none
 constexpr double ftol = 0.03;       // relative accuracy of the predicted minimum along a line
 constexpr double first_step = 0.01; // along a new direction
 constexpr double largest_step = 0.1;
+constexpr double ordinary_scale = 0.2; // of the option, for these two
 constexpr double no_value = 1.0e36;
 constexpr int most_turns = 20, most_shrinks = 500;
 
@@ -41,6 +43,7 @@ struct powell_search {
     std::vector<double> step;              // first step of each
     double ztol = 0.0;
     int count = 0;
+    double scale = 1.0; // of the steps
 
     double at(const std::vector<double>& from, const std::vector<double>& dir, double d);
     bool valid_point(const std::vector<double>& from, const std::vector<double>& dir, double& d, double& f);
@@ -169,7 +172,7 @@ double relative_change(const std::vector<double>& from, const std::vector<double
 // Directions along the parameters.
 void fresh_directions(powell_search& s) {
     s.dirs.clear();
-    s.step.assign(static_cast<std::size_t>(s.nparm), first_step);
+    s.step.assign(static_cast<std::size_t>(s.nparm), s.scale * first_step);
     for (int i = 1; i <= s.nparm; ++i) {
         s.dirs.emplace_back(static_cast<std::size_t>(s.nparm), 0.0);
         s.dirs.back()[static_cast<std::size_t>(i - 1)] = 1.0;
@@ -195,7 +198,7 @@ std::pair<double, std::size_t> search_directions(powell_search& s, int nround) {
         const int idir = static_cast<int>(k) + 1;
         if (!estimates.ispar(idir)) continue;
         double curvature = 0.0;
-        const double decrease = s.dflmin(s.dirs[k], 0.5 * s.step[k], largest_step, curvature);
+        const double decrease = s.dflmin(s.dirs[k], 0.5 * s.step[k], s.scale * largest_step, curvature);
         if (decrease > most) {
             most = decrease;
             which = k;
@@ -203,7 +206,7 @@ std::pair<double, std::size_t> search_directions(powell_search& s, int nround) {
         if (decrease > numbers.zero && curvature > 0.0) { // unit second difference along the direction
             const double scale = 1.0 / std::sqrt(curvature);
             for (double& x : s.dirs[k]) x *= scale;
-            s.step[k] = std::min(largest_step, s.step[k] / scale);
+            s.step[k] = std::min(s.scale * largest_step, s.step[k] / scale);
         }
         text_out file;
         file.open_append("directions");
@@ -236,10 +239,11 @@ void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& cou
     constexpr edit_form round_line{"(' IT=',I4,3X,'F=',G20.10,3X,'D=',G15.7,'  CH=',G10.3)"};
     flag = 0;
     powell_search s{parvec, nparm, no_value, {}, {}, {}, 0.0, 0};
+    if (maximise.powell_scale > 0.0) s.scale = maximise.powell_scale / ordinary_scale;
     start(s);
     write(screen(), first_line, " log l = ", -0.5 * s.ffmin);
     const bool any = std::any_of(estimates.ispar.begin(), estimates.ispar.end(), [](int i) { return i != 0; });
-    const int most_rounds = nparm + 10;
+    const int most_rounds = maximise.powell_its > 0 ? maximise.powell_its : 10 * (nparm + 10);
     bool fresh = true; // the round is along fresh directions: only then a small gain is an end
     for (int nround = 1; any && nround <= most_rounds; ++nround) {
         const double fpre0 = s.ffmin;
@@ -250,7 +254,8 @@ void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& cou
         text_out file;
         file.open_append(filenames.iteratesfile);
         to_both(file, edit(round_line, nround, -0.5 * s.ffmin, s.ffmin - fpre0, 100.0 * xdel));
-        const bool small = xdel < xconv || fpre0 - s.ffmin < flevel;
+        const double decrease = fpre0 - s.ffmin;
+        const bool small = xdel < xconv || decrease < flevel;
         if (!small || !fresh) {
             fresh = small;
             if (small) fresh_directions(s);

@@ -59,12 +59,16 @@ std::string number(double x) {
 int packed(const judged_block& b, int i, int j) { return ihmssf(std::min(i, j), std::max(i, j), b.order()); }
 bool held(const judged_block& b, int element) { return !b.fixed.empty() && b.fixed[at(element - 1)] != 0; }
 
-// Notes the Newton step along a direction that leads away from the border, at most a quarter of the scale.
-void note_lift(judgement& j, const direction& d) {
-    const double slope = j.slope(d);
+double curvature_along(const judgement& j, const direction& d) {
     const std::vector<double> image = j.image(d);
     double curvature = 0.0;
     for (const share& x : d.shares) curvature += x.coef * image[at(x.par - 1)];
+    return curvature;
+}
+
+// Notes the Newton step along a direction that leads away from the border, at most a quarter of the scale.
+void note_lift(judgement& j, const direction& d) {
+    const double slope = j.slope(d), curvature = curvature_along(j, d);
     const double step = curvature > 4.0 * slope ? slope / curvature : 0.25;
     if (0.5 * step * slope < verdict_limit) return;
     std::vector<parameter_change> lift;
@@ -186,11 +190,14 @@ void judge_matrix(judgement& j, const judged_block& b) {
     std::vector<double> fall(at(n + 1), 0.0);
     for (int k = 1; k <= n; ++k) {
         if (!vanishing(m, k, n)) continue;
-        const double slope = j.slope(eigen_direction(b, m, k, k));
+        const direction inwards = eigen_direction(b, m, k, k);
+        const double slope = j.slope(inwards);
         if (slope > 0.0) {
-            note_lift(j, eigen_direction(b, m, k, k));
+            note_lift(j, inwards);
             continue;
         }
+        // A maximum along the direction that lies inside, however near to the border, is none at the border.
+        if (!j.matrices_only && -slope < m.eig(k) * curvature_along(j, inwards)) continue;
         gone.push_back(k);
         fall[at(k)] = -slope;
         j.verdict.promised += std::max(m.eig(k), 0.0) * -slope;

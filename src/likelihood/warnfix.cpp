@@ -1,15 +1,24 @@
 #include "likelihood/warnfix.h"
 
 #include "control/numbers.h"
+#include "control/options.h"
 #include "data/levels.h"
+#include "dense/numroutines.h"
 #include "equations/mmequations.h"
 #include "equations/orders.h"
 #include "parfile/model.h"
+#include "parfile/mudmap.h"
+#include "parfile/randasfix.h"
+#include "relations/nrminverse.h"
 #include "support/screen.h"
+
+#include <string>
 
 namespace tarvex {
 
 namespace {
+
+constexpr double far_off = 1.0e6; // a variance against that of the data
 
 // The fixed effect that equation ieq (before ordering) belongs to, if any.
 void name_effect(int ieq) {
@@ -26,13 +35,65 @@ void name_effect(int ieq) {
         }
 }
 
+// The random effect that equation ieq belongs to and the level, 0: none.
+int random_block(int ieq, int& level) {
+    for (int irand = 1; irand <= numbers.krand; ++irand) {
+        const int first = mmequations.rn_start(irand);
+        if (first < 0 || ieq <= first || ieq > first + levels.rn_nlev(irand) * nfit(irand)) continue;
+        level = (ieq - first - 1) / nfit(irand) + 1;
+        return irand;
+    }
+    return 0;
+}
+
+std::string block_words(int irand) {
+    return irand == 0 ? std::string("residual") : "random effect \"" + model.krandom(irand) + "\"";
+}
+
+bool levels_as_fixed(int irand) {
+    return (geninverse.nwithout.allocated() && geninverse.nwithout(irand) > 0) ||
+           (options.pseudofix && randasfix.nasfix.allocated() && randasfix.nasfix(irand) > 0);
+}
+
+// Some starting variance is a million times that of the data: pivots fall below the operational zero.
+bool variances_far_off() {
+    for (int irand = 0; irand <= numbers.krand; ++irand) {
+        const int n = model.kkfit(irand);
+        for (int i = 1; i <= n && !(options.randreg && irand > 0); ++i) {
+            const int iq = irand == 0 ? i : mudmap.rn_trait(i, irand);
+            const double v = model.cov(model.diagonal(irand) ? i : ihmssf(i, i, n), irand);
+            if (v > far_off * means.tr_var(iq) * means.tr_var(iq)) return true;
+        }
+    }
+    return false;
+}
+
+void blame_fixed_part() {
+    print_list(screen(), "This indicates that - most likely - this is due to an ");
+    print_list(screen(), "unidentified dependency among the fixed effects levels fitted.");
+}
+
+void blame_random_part(int irand, int level) {
+    print_list(screen(), "The equation belongs to " + block_words(irand) + ", level no.", level);
+    if (levels_as_fixed(irand))
+        print_list(screen(), "Levels of this effect are treated as fixed : one of them depends on the fixed effects !");
+    else
+        print_list(screen(), "Its starting values do not go with the others - check variances and covariances !");
+}
+
 } // namespace
 
 void write_warnfix(int irow) {
     const int ieq = irow >= 1 && irow <= orders.ieqold.upper() ? orders.ieqold(irow) : 0;
+    int level = 0;
+    const int irand = ieq > 0 ? random_block(ieq, level) : 0;
     print_list(screen(), "This occurred in first likelihood evaluation attempted.");
-    print_list(screen(), "This indicates that - most likely - this is due to an ");
-    print_list(screen(), "unidentified dependency among the fixed effects levels fitted.");
+    if (variances_far_off())
+        print_list(screen(), "Starting variances far from those of the data make pivots vanish.");
+    else if (irand > 0)
+        blame_random_part(irand, level);
+    else
+        blame_fixed_part();
     print_list(screen(), "Error ocuured at row no.              =", irow);
     print_list(screen(), "Corresponding \"original\" equation no. =", ieq);
     if (ieq > 0) name_effect(ieq);

@@ -142,9 +142,28 @@ json verdict_part() {
             {"largest_information", v.largest}};
 }
 
+const char* search_name() {
+    switch (maximise.search_type) {
+    case 1:
+        return "AI-REML";
+    case 3:
+        return "Powell";
+    case 5:
+        return "rounds of EM";
+    case 6:
+        return "EM and AI-REML";
+    case 7:
+        return "AI-REML in a trust region";
+    default:
+        return "none";
+    }
+}
+
 json end_part() {
     const auto& f = final_point;
     json part = {{"reason", iterate_log.ended}, {"converged", maximise.converged}, {"derivatives", f.available}};
+    part["search"] = search_name();
+    part["resumed"] = verdict.resumed;
     part["border"] = border_part();
     if (verdict.last.kind != search_end::none) part["verdict"] = verdict_part();
     if (!f.available) return part;

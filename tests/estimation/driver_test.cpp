@@ -7,8 +7,10 @@
 #include "estimation/covs2parvec.h"
 #include "estimation/evaluate.h"
 #include "estimation/iteratelog.h"
+#include "estimation/lastpoint.h"
 #include "estimation/pxem.h"
 #include "likelihood/derivatives.h"
+#include "likelihood/likelihood.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
 #include "support/em_fixture.h"
@@ -329,6 +331,10 @@ TEST_F(driver_test, RunAtTheBorderEndsNormally) {
         get_estimates();
         EXPECT_GT(bestpoint.xbest, start) << option;
         EXPECT_NEAR(program_logl(estimates.parvec, 1), bestpoint.xbest, 1.0e-5) << option;
+        EXPECT_NE(verdict.last.kind, search_end::not_maximum) << option << " " << verdict_line(verdict.last);
+        EXPECT_NE(verdict.last.kind, search_end::none) << option;
+        const std::vector<double> g = best_covariances(1); // nearly one genetic value for both
+        EXPECT_GT(g[1], 0.98 * std::sqrt(g[0] * g[2])) << option;
     }
 }
 
@@ -443,7 +449,44 @@ TEST_F(driver_test, InvalidFirstPointStopsTheRun) {
     set_up(repeats_with_peq(), {"--emalg"});
     estimates.parvec(1) = 1.0; // the sum of residual and repeat variance below the latter
     estimates.parvec(2) = 1.5;
-    EXPECT_STOP(get_estimates(), "mixed model matrix is not positive definite !!!");
+    EXPECT_STOP(get_estimates(), "mixed model matrix is not positive definite !!!\n"
+                                 "      Residual covariance matrix without an inverse at the starting values\n");
+    EXPECT_EQ(screen_text().find("unidentified dependency"), std::string::npos);
+}
+
+TEST_F(driver_test, InvalidFirstPointIsNamedByItsMatrix) {
+    set_up(animal_model(2, {1.0, 0.0, 1.0e-7}, {2.1, 0.4, 1.9}), {"--aireml"});
+    EXPECT_STOP(get_estimates(), "      Covariance matrix without an inverse at the starting values : \"animal\"\n");
+}
+
+TEST_F(driver_test, CovariancesHeldAtZeroAreToldByTheNamesOfTheirTraits) {
+    set_up(animal_model(2, {1.3, 0.5, 1.8}, {2.1, 0.0, 1.9}), {"--aireml2"});
+    clear_screen();
+    get_estimates();
+    EXPECT_NE(screen_text().find("Residual covariance of \"" + model.trait(1) + "\" and \"" + model.trait(2) +
+                                 "\" is held at 0 (it starts there)\n"),
+              std::string::npos)
+        << screen_text();
+    EXPECT_FALSE(model.trait(1).empty());
+}
+
+TEST_F(driver_test, StoredPointIsReplacedByABetterOneOnly) {
+    set_up(families(2), {"--aireml1"});
+    get_estimates();
+    const std::string stored = read_file("BestPoint");
+    bestpoint.to_beat = bestpoint.xbest + 1.0;
+    bestpoint.xbest = invalid_logl;
+    forget_likelihoods();
+    EXPECT_GT(evaluate_point(estimates.parvec, 1), invalid_logl);
+    EXPECT_EQ(read_file("BestPoint"), stored);
+    std::filesystem::remove("BestPoint");
+    bestpoint.xbest = invalid_logl;
+    bestpoint.to_beat = evaluate_point(estimates.parvec, 1) - 1.0;
+    EXPECT_FALSE(std::filesystem::exists("BestPoint"));
+    bestpoint.xbest = invalid_logl;
+    forget_likelihoods();
+    evaluate_point(estimates.parvec, 1);
+    EXPECT_TRUE(std::filesystem::exists("BestPoint"));
 }
 
 TEST_F(driver_test, ExpandedRoundsGain) {

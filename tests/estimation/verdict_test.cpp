@@ -85,9 +85,20 @@ TEST_F(verdict_test, CorrelationNearOneIsAtTheBorder) {
     // Along the vanishing vector (1/sqrt 2, -1/sqrt 2) in units of the scales: slope 20 g11/2 + 40 g22/2 - sqrt(800)
     // g12.
     const double c = 0.999 * std::sqrt(10.0 * 20.0);
-    const auto v = judge(two_traits({10, c, 20}, {-0.0002, 0.0002, 0.0}, {4, 1, 0, 3, 1, 2}));
+    const double k = 0.05; // the gradient has a part along that vector only
+    const auto v = judge(
+        two_traits({10, c, 20}, {-k / 20.0, 2.0 * k / std::sqrt(800.0), -k / 40.0}, {0.04, 0.01, 0, 0.03, 0.01, 0.02}));
     EXPECT_EQ(v.kind, search_end::border);
     EXPECT_TRUE(says(v.border, "correlation of animal, milk and fat is 0.999"));
+}
+
+// The same matrix with so much information that the maximum lies inside: Newton's step does not reach the border.
+TEST_F(verdict_test, MaximumInsideIsNoneAtTheBorderHoweverNear) {
+    const double c = 0.999 * std::sqrt(10.0 * 20.0);
+    const auto v = judge(two_traits({10, c, 20}, {-0.0002, 0.0002, 0.0}, {4, 1, 0, 3, 1, 2}));
+    EXPECT_EQ(v.kind, search_end::maximum);
+    EXPECT_TRUE(v.border.empty());
+    EXPECT_NEAR(v.promised, half_decrement(-0.0002, 0.0002, 0.0), 1.0e-10);
 }
 
 TEST_F(verdict_test, CombinationWithoutInformationIsNamed) {

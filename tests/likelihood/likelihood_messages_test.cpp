@@ -18,6 +18,7 @@
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
+#include "relations/nrminverse.h"
 #include "support/fixture.h"
 #include "support/screen.h"
 #include "support/small_models.h"
@@ -140,8 +141,27 @@ TEST_F(likelihood_messages_test, DiagnosisOfTheFirstEvaluationLineByLine) {
     clear_screen();
     const int random = mmequations.rn_start(1) + 2;
     write_warnfix(orders.ieqnew(random));
-    EXPECT_EQ(screen_text(), head + std::to_string(orders.ieqnew(random)) +
-                                 "\nCorresponding \"original\" equation no. = " + std::to_string(random) + "\n");
+    const std::string level = "This occurred in first likelihood evaluation attempted.\n"
+                              "The equation belongs to random effect \"animal\", level no. 2\n";
+    const std::string place = "Error ocuured at row no.              = " + std::to_string(orders.ieqnew(random)) +
+                              "\nCorresponding \"original\" equation no. = " + std::to_string(random) + "\n";
+    EXPECT_EQ(screen_text(), level +
+                                 "Its starting values do not go with the others - check variances and "
+                                 "covariances !\n" +
+                                 place);
+    clear_screen();
+    if (!geninverse.nwithout.allocated()) geninverse.nwithout.allocate(1);
+    geninverse.nwithout(1) = 2; // levels of a supplied inverse without elements
+    write_warnfix(orders.ieqnew(random));
+    EXPECT_EQ(screen_text(), level +
+                                 "Levels of this effect are treated as fixed : one of them depends on the fixed "
+                                 "effects !\n" +
+                                 place);
+    clear_screen();
+    model.cov(1, 1) = 1.0e12;
+    write_warnfix(row); // the fixed part is not to blame
+    EXPECT_EQ(screen_text().find("dependency"), std::string::npos);
+    EXPECT_TRUE(told(screen_text(), "Starting variances far from those of the data make pivots vanish.\n"));
 }
 
 // Residual variances so large that the equations of the fixed effects have no pivots above the limit.

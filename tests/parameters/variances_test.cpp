@@ -350,18 +350,35 @@ TEST_F(best_point_test, AnyFileServesBeforeTheParametersAreCounted) {
 }
 
 TEST_F(best_point_test, ContinuedRunStartsThere) {
-    write_point("-1.5 6\n2.5 0.3 2.0\n1.0 0.2 1.5\n");
+    write_point("-100000.5 6\n2.5 0.3 2.0\n1.0 0.2 1.5\n");
     new_analysis();
     set_up(two_traits(), {"-c"});
-    EXPECT_EQ(bestpoint.xlike_file, -1.5);
+    EXPECT_EQ(bestpoint.xlike_file, -100000.5);
     EXPECT_NEAR(point_at(two_traits(), estimates.parvec).g[0][0][0], 1.0, 1.0e-12);
-    std::istringstream first(read_file("BestPoint"));
-    double x = 0.0, y = 0.0;
+    const double there = program_logl(estimates.parvec);
     get_estimates();
-    std::istringstream second(read_file("BestPoint"));
-    first >> x;
+    std::istringstream first(read_file("Iterates")), second(read_file("BestPoint"));
+    std::string method, round;
+    double x = 0.0, y = 0.0;
+    first >> method >> round >> x;
     second >> y;
+    EXPECT_NEAR(x, there, 1.0e-3); // by its three decimals
     EXPECT_EQ(y, bestpoint.xbest);
+    EXPECT_GT(y, there);
+}
+
+// A value that no run of this model reaches, as from another scale of the parameters: the file stays.
+TEST_F(best_point_test, ContinuedRunThatEndsBelowItsPointLeavesItInPlace) {
+    write_point("-1.5 6\n2.5 0.3 2.0\n1.0 0.2 1.5\n");
+    const std::string stored = read_file("BestPoint");
+    new_analysis();
+    set_up(two_traits(), {"-c", "--emalg3"});
+    get_estimates();
+    EXPECT_LT(bestpoint.xbest, -1.5);
+    EXPECT_EQ(read_file("BestPoint"), stored);
+    EXPECT_NE(screen_text().find("\"BestPoint\" keeps the better point of the run before : log L = -1.5\n"),
+              std::string::npos)
+        << screen_text();
 }
 
 TEST_F(best_point_test, MatricesOfABestPointNeedNoPositivePivots) {

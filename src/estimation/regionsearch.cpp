@@ -1,0 +1,265 @@
+#include "estimation/regionsearch.h"
+
+#include "control/limits.h"
+#include "control/maximise.h"
+#include "control/numbers.h"
+#include "control/options.h"
+#include "control/tvxroutines.h"
+#include "dense/numroutines.h"
+#include "estimation/aireml.h"
+#include "estimation/bestpoint.h"
+#include "estimation/evaluate.h"
+#include "estimation/iteratelog.h"
+#include "estimation/lastpoint.h"
+#include "estimation/rescue.h"
+#include "estimation/searchstate.h"
+#include "estimation/trustregion.h"
+#include "likelihood/derivatives.h"
+#include "likelihood/likelihood.h"
+#include "parameters/parvec.h"
+#include "parameters/residualvars.h"
+#include "parameters/variances.h"
+#include "parfile/model.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+namespace tarvex {
+
+namespace {
+
+constexpr double end_promise = 1.0e-5;  // gain in log L that is not worth a step
+constexpr double end_radius = 0.5;      // ... within at least this region
+constexpr double least_radius = 1.0e-5; // no step that gains
+constexpr int em_rounds = 3;
+constexpr double em_gain = 0.01; // of a round of EM that is worth another
+
+std::size_t at(int i) { return static_cast<std::size_t>(i - 1); }
+
+bool by_factor(int irand) { return estimates.paraform(irand) != "Original"; }
+
+// Least logarithm of a diagonal: pivots below make a point invalid.
+double least_log() { return 0.5 * std::log(400.0 * numbers.zero); }
+
+// Best point with all factors on logarithmic diagonals.
+void to_best_point() {
+    options.aireml = true;
+    options.emalgorithm = false;
+    estimates.logdiagonals.fill(1);
+    from_best_point();
+}
+
+// One parameter of the model: its place, and its change by a unit step.
+struct region_axis {
+    int par;
+    double unit;
+    bool logarithm;
+};
+
+struct region_model {
+    std::vector<region_axis> axes;
+    std::vector<double> g;
+    array<double, 2> h;
+};
+
+bool on_border(int par) {
+    return estimates.logpar(par) && estimates.parvec(par) < least_log() + 1.0e-6 && derivs.der1(par) <= 0.0;
+}
+
+double row_sd(const array<double>& cc, int row, int n) { return std::sqrt(std::max(cc(ihmssf(row, row, n)), 1.0e-8)); }
+
+// Axes of a block by its factor: logarithms by themselves, other elements in units of the standard deviation of their
+// row. Columns at the border are left out.
+void add_factor(int irand, int step, std::vector<region_axis>& axes) {
+    array<double> parvec = estimates.parvec, cc;
+    array<double, 2> vv;
+    const auto marks = estimates.switchlog;
+    int ifail = 0, column = 0;
+    parvec2covs(parvec, irand, step, cc, vv, ifail);
+    estimates.switchlog = marks;
+    const int n = model.kkfit(irand), from = block_start(irand, step);
+    bool held = false;
+    for (int k = 1; k <= block_size(irand); ++k) {
+        const factor_place f = factor_element(irand, step, k);
+        const int par = from + k - 1;
+        if (model.diagonal(irand) || f.col != column) held = on_border(par); // the first of a column is its diagonal
+        column = f.col;
+        if (held || derivs.fixpar(par)) continue;
+        const bool logarithm = estimates.logpar(par) != 0;
+        axes.push_back({par, logarithm ? 1.0 : row_sd(cc, f.row, n), logarithm});
+    }
+}
+
+// Axes of a block whose parameters are the covariances.
+void add_covariances(int irand, int step, std::vector<region_axis>& axes) {
+    const int n = model.kkfit(irand), from = block_start(irand, step);
+    array<double> parvec = estimates.parvec, cc;
+    array<double, 2> vv;
+    int ifail = 0;
+    parvec2covs(parvec, irand, step, cc, vv, ifail);
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j) {
+            const int par = from + (model.diagonal(irand) ? i : ihmssf(i, j, n)) - 1;
+            const bool fixed = irand == 0 && residualvars.fixres(par) != 0;
+            if (!fixed && !derivs.fixpar(par)) axes.push_back({par, 0.5 * row_sd(cc, i, n) * row_sd(cc, j, n), false});
+        }
+}
+
+// The quadratic model at parvec, in units of the axes.
+region_model model_here() {
+    region_model m;
+    for (int irand = estimates.nresparm == 0 ? 1 : 0; irand <= numbers.krand; ++irand)
+        for (int step = 1; step <= (irand == 0 ? model.rr_resteps : 1); ++step)
+            by_factor(irand) ? add_factor(irand, step, m.axes) : add_covariances(irand, step, m.axes);
+    const int n = static_cast<int>(m.axes.size());
+    m.h.allocate(n, n);
+    for (int i = 1; i <= n; ++i) {
+        const region_axis& a = m.axes[at(i)];
+        m.g.push_back(derivs.der1(a.par) * a.unit);
+        for (int j = 1; j <= n; ++j) {
+            const region_axis& b = m.axes[at(j)];
+            const int p = std::min(a.par, b.par), q = std::max(a.par, b.par);
+            m.h(i, j) = derivs.der2(ihmssf(p, q, estimates.nparm)) * a.unit * b.unit;
+        }
+    }
+    return m;
+}
+
+// Trial point of a step; logarithms end at their least value.
+void move(const region_model& m, const std::vector<double>& step) {
+    search_state.parnew = estimates.parvec;
+    for (std::size_t k = 0; k < m.axes.size(); ++k) {
+        double& p = search_state.parnew(m.axes[k].par);
+        p += step[k] * m.axes[k].unit;
+        if (m.axes[k].logarithm) p = std::max(p, std::min(least_log(), estimates.parvec(m.axes[k].par)));
+    }
+}
+
+// Gradient and information at parvec. False where the point has no value.
+bool derivatives_here(double& xold) {
+    xold = evaluate_point(estimates.parvec, 1);
+    if (!(xold > invalid_logl)) return false;
+    average_info();
+    derivatives_mmm();
+    jacob_var2chol(0);
+    rank_check();
+    double s = 0.0;
+    for (double g : derivs.der1) s += g * g;
+    aireml_terms.dnorm = std::sqrt(s);
+    return true;
+}
+
+// True if some pivot is small against what the rows below it still hold: the factor is to be laid out anew.
+bool badly_ordered() {
+    array<double> parvec = estimates.parvec, cc;
+    array<double, 2> vv;
+    const auto marks = estimates.switchlog;
+    bool bad = false;
+    for (int irand = 0; irand <= numbers.krand && estimates.reorder; ++irand) {
+        if (!by_factor(irand) || model.diagonal(irand)) continue;
+        for (int step = 1; step <= (irand == 0 ? model.rr_resteps : 1) && estimates.nnparm(irand) > 0; ++step) {
+            int ifail = 0;
+            parvec2covs(parvec, irand, step, cc, vv, ifail);
+            for (int c = 1; c <= model.krfit(irand); ++c) {
+                const int n = model.kkfit(irand), row = estimates.cholorder((step - 1) * n + c, irand);
+                for (int r = c + 1; r <= n; ++r) {
+                    const int other = estimates.cholorder((step - 1) * n + r, irand);
+                    double left = 0.0;
+                    for (int k = c; k <= std::min(r, model.krfit(irand)); ++k) left += vv(other, k) * vv(other, k);
+                    bad = bad || left > 4.0 * vv(row, c) * vv(row, c);
+                }
+            }
+        }
+    }
+    estimates.switchlog = marks;
+    return bad;
+}
+
+// The verdict would be an end, with next to nothing left to gain, or little after a step that won next to nothing.
+bool at_rest() {
+    const search_verdict v = verdict_of_derivatives();
+    if (v.kind == search_end::not_maximum || !v.lifts.empty()) return false;
+    const bool crept = aireml_terms.last_change > 0.0 && aireml_terms.last_change < 0.1 * verdict_limit;
+    return v.promised < (crept ? 0.5 : 0.1) * verdict_limit;
+}
+
+enum class region_end { accepted, arrived, stuck, poor };
+
+// Tries steps until one is accepted; `impatient`: or two in succession were poor.
+region_end try_steps(const region_model& m, double xold, double& xnew, trust_region& region, bool impatient) {
+    auto& t = aireml_terms;
+    const region_step wide = step_in_region(m.h, m.g, std::max(region.radius, end_radius));
+    t.prox = -wide.promised;
+    t.slope = -2.0 * wide.promised;
+    if (wide.promised < end_promise || at_rest()) return region_end::arrived;
+    for (;;) {
+        if (region.radius < least_radius) return region_end::stuck;
+        const region_step s = step_in_region(m.h, m.g, region.radius);
+        move(m, s.step);
+        xnew = evaluate_point(search_state.parnew, 0);
+        t.alpha = s.length;
+        t.tau = s.lambda;
+        t.prox = -s.promised;
+        t.slope = -2.0 * s.promised;
+        if (!(xnew > invalid_logl))
+            region.invalid(s.length);
+        else if (region.judge(xnew - xold, s.promised, s.length))
+            return region_end::accepted;
+        if (impatient && region.poor >= 2) return region_end::poor;
+    }
+}
+
+void take_step(int& iround, double xold, double xnew) {
+    auto& t = aireml_terms;
+    t.pnorm = relative_change(estimates.parvec, search_state.parnew);
+    ++iround;
+    ++t.accepted;
+    t.last_change = xnew - xold;
+    print_iterate(iround, xnew, xold);
+    list_step();
+    estimates.parvec = search_state.parnew;
+    push_changes(xnew - xold, t.dnorm, t.slope);
+    if (badly_ordered()) to_best_point();
+}
+
+} // namespace
+
+void region_search(int& iround, double& xlike) {
+    auto& t = aireml_terms;
+    t.alpha = t.tau = t.slope = t.prox = t.dnorm = t.pnorm = t.last_change = 0.0;
+    trust_region region;
+    to_best_point();
+    if (iround == 0) {
+        t.tt0 = cpu_time();
+        print_iterate(0, xlike, xlike);
+    }
+    region_end end = region_end::accepted;
+    bool em_helps = true;
+    for (int iter = 1; iter <= maximise.aireml_its; ++iter) {
+        t.tt0 = cpu_time();
+        double xold = invalid_logl, xnew = invalid_logl;
+        if (!derivatives_here(xold)) {
+            end = region_end::stuck;
+            break;
+        }
+        end = try_steps(model_here(), xold, xnew, region, em_helps);
+        if (end == region_end::accepted) {
+            take_step(iround, xold, xnew);
+            xlike = xnew;
+        }
+        if (end == region_end::arrived || end == region_end::stuck) break;
+        if (region.poor < 2 || !em_helps) continue;
+        const double before = bestpoint.xbest;
+        expanded_rounds(em_rounds, em_gain, false, iround, xlike);
+        em_helps = bestpoint.xbest > before + em_gain;
+        region = {};
+        to_best_point();
+    }
+    estimates.parvec = bestpoint.parbest;
+    iterate_log.ended = end == region_end::arrived ? "the step promises nothing"
+                        : end == region_end::stuck ? "no better point found"
+                                                   : "limit of iterates";
+}
+
+} // namespace tarvex

@@ -1,0 +1,118 @@
+#include "estimation/trustregion.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace tarvex {
+
+namespace {
+
+constexpr double least_ratio = 1.0e-4, poor_ratio = 0.25, good_ratio = 0.75;
+constexpr double no_curvature = 1.0e-12; // pivot against the largest diagonal element
+
+std::size_t at(int i) { return static_cast<std::size_t>(i - 1); }
+
+double norm(const std::vector<double>& x) {
+    double s = 0.0;
+    for (double v : x) s += v * v;
+    return std::sqrt(s);
+}
+
+// Lower factor of H + lambda I in `l`; false where a pivot is at most `least`.
+bool factorise(const array<double, 2>& h, int n, double lambda, double least, array<double, 2>& l) {
+    l.allocate(n, n);
+    for (int j = 1; j <= n; ++j)
+        for (int i = j; i <= n; ++i) {
+            double s = h(i, j) + (i == j ? lambda : 0.0);
+            for (int k = 1; k < j; ++k) s -= l(i, k) * l(j, k);
+            if (i == j && !(s > least)) return false;
+            l(i, j) = i == j ? std::sqrt(s) : s / l(j, j);
+        }
+    return true;
+}
+
+std::vector<double> forward(const array<double, 2>& l, std::vector<double> x) {
+    const int n = static_cast<int>(x.size());
+    for (int i = 1; i <= n; ++i) {
+        for (int k = 1; k < i; ++k) x[at(i)] -= l(i, k) * x[at(k)];
+        x[at(i)] /= l(i, i);
+    }
+    return x;
+}
+
+std::vector<double> backward(const array<double, 2>& l, std::vector<double> x) {
+    const int n = static_cast<int>(x.size());
+    for (int i = n; i >= 1; --i) {
+        for (int k = i + 1; k <= n; ++k) x[at(i)] -= l(k, i) * x[at(k)];
+        x[at(i)] /= l(i, i);
+    }
+    return x;
+}
+
+double gain(const array<double, 2>& h, const std::vector<double>& g, const std::vector<double>& s) {
+    const int n = static_cast<int>(g.size());
+    double sum = 0.0;
+    for (int i = 1; i <= n; ++i) {
+        sum += g[at(i)] * s[at(i)];
+        for (int k = 1; k <= n; ++k) sum -= 0.5 * s[at(i)] * h(i, k) * s[at(k)];
+    }
+    return sum;
+}
+
+} // namespace
+
+region_step step_in_region(const array<double, 2>& h, const std::vector<double>& g, double radius) {
+    constexpr double close = 0.01; // to the radius, in units of it
+    constexpr int most_turns = 60;
+    const int n = static_cast<int>(g.size());
+    region_step r;
+    r.step.assign(g.size(), 0.0);
+    const double slope = norm(g);
+    if (n == 0 || !(slope > 0.0)) return r;
+    double largest = 0.0;
+    for (int i = 1; i <= n; ++i) largest = std::max(largest, h(i, i));
+    array<double, 2> l;
+    // The norm of the step falls with lambda; at slope / radius it is at most the radius.
+    double low = 0.0, high = slope / radius, lambda = 0.0;
+    for (int turn = 0; turn < most_turns; ++turn) {
+        if (!factorise(h, n, lambda, no_curvature * largest, l)) {
+            low = lambda;
+            lambda = std::max(std::sqrt(low * high), 1.0e-10 * largest + 1.0e-6 * high);
+            if (lambda >= high) break;
+            continue;
+        }
+        const std::vector<double> half = forward(l, g);
+        r.step = backward(l, half);
+        r.length = norm(r.step);
+        r.lambda = lambda;
+        const bool unhindered = lambda <= 1.0e-10 * largest + 1.0e-6 * slope / radius;
+        if ((unhindered && r.length <= radius) || std::fabs(r.length - radius) <= close * radius) break;
+        (r.length > radius ? low : high) = lambda;
+        if (high - low <= 1.0e-14 * high) break;
+        const double q = norm(forward(l, r.step));
+        const double next = lambda + (r.length / q) * (r.length / q) * (r.length - radius) / radius;
+        lambda = next > low && next < high ? next : std::max(0.5 * (low + high), 1.0e-3 * high);
+    }
+    if (r.length > radius * (1.0 + close))
+        for (double& x : r.step) x *= radius / r.length;
+    r.length = norm(r.step);
+    r.promised = gain(h, g, r.step);
+    return r;
+}
+
+bool trust_region::judge(double won, double promised, double length) {
+    const double ratio = promised > 0.0 ? won / promised : 0.0;
+    poor = ratio < poor_ratio ? poor + 1 : 0;
+    if (ratio < poor_ratio)
+        radius = poor_ratio * length;
+    else if (ratio > good_ratio && length > 0.9 * radius)
+        radius = std::min(2.0 * radius, largest);
+    return won > 0.0 && ratio > least_ratio;
+}
+
+void trust_region::invalid(double length) {
+    ++poor;
+    radius = 0.5 * length;
+}
+
+} // namespace tarvex

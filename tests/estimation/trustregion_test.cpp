@@ -1,0 +1,113 @@
+// Steps inside a trust region against closed forms and a search over all directions.
+#include "estimation/trustregion.h"
+
+#include "support/fixture.h"
+
+#include <cmath>
+#include <vector>
+
+namespace tarvex {
+namespace {
+
+array<double, 2> square(const std::vector<std::vector<double>>& rows) {
+    array<double, 2> a;
+    const int n = static_cast<int>(rows.size());
+    a.allocate(n, n);
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j) a(i, j) = rows[static_cast<std::size_t>(i - 1)][static_cast<std::size_t>(j - 1)];
+    return a;
+}
+
+double model(const std::vector<std::vector<double>>& h, const std::vector<double>& g, const std::vector<double>& s) {
+    double q = 0.0;
+    for (std::size_t i = 0; i < g.size(); ++i) {
+        q += g[i] * s[i];
+        for (std::size_t j = 0; j < g.size(); ++j) q -= 0.5 * s[i] * h[i][j] * s[j];
+    }
+    return q;
+}
+
+TEST(region_step_test, MaximumInsideIsTheNewtonStep) {
+    const std::vector<std::vector<double>> h{{5.0, 1.0}, {1.0, 3.0}};
+    const region_step s = step_in_region(square(h), {0.14, 0.14}, 1.0); // inverse times gradient: (0.02, 0.04)
+    EXPECT_NEAR(s.step[0], 0.02, 1.0e-12);
+    EXPECT_NEAR(s.step[1], 0.04, 1.0e-12);
+    EXPECT_EQ(s.lambda, 0.0);
+    EXPECT_NEAR(s.promised, 0.5 * 0.14 * 0.06, 1.0e-14);
+    EXPECT_NEAR(s.length, std::sqrt(0.02 * 0.02 + 0.04 * 0.04), 1.0e-14);
+}
+
+// At the edge the step is the best of all of that length, found by trying every direction.
+TEST(region_step_test, StepAtTheEdgeIsTheBestOfItsLength) {
+    const std::vector<std::vector<double>> h{{90.0, 9.0}, {9.0, 1.0}};
+    const std::vector<double> g{30.0, 7.0};
+    for (double radius : {0.01, 0.3, 2.0}) {
+        const region_step s = step_in_region(square(h), g, radius);
+        ASSERT_NEAR(s.length, radius, 0.0101 * radius) << radius;
+        EXPECT_GT(s.lambda, 0.0);
+        double most = -1.0e30;
+        for (int k = 0; k < 200000; ++k) {
+            const double t = 2.0 * M_PI * k / 200000.0;
+            most = std::max(most, model(h, g, {s.length * std::cos(t), s.length * std::sin(t)}));
+        }
+        EXPECT_NEAR(s.promised, most, 1.0e-6 * std::fabs(most)) << radius;
+        EXPECT_NEAR(s.promised, model(h, g, s.step), 1.0e-12);
+    }
+}
+
+TEST(region_step_test, CombinationWithoutCurvatureIsFollowedToTheEdge) {
+    const region_step s = step_in_region(square({{4.0, 0.0}, {0.0, 0.0}}), {0.4, 0.01}, 2.0);
+    EXPECT_NEAR(s.length, 2.0, 0.021);
+    EXPECT_NEAR(s.step[0], 0.1, 0.005);
+    EXPECT_GT(s.step[1], 1.97);
+}
+
+TEST(region_step_test, NoGradientNoStep) {
+    const region_step s = step_in_region(square({{4.0, 0.0}, {0.0, 0.0}}), {0.0, 0.0}, 2.0);
+    EXPECT_EQ(s.length, 0.0);
+    EXPECT_EQ(s.promised, 0.0);
+    EXPECT_TRUE(step_in_region({}, {}, 1.0).step.empty());
+}
+
+// A singular matrix whose null space the gradient does not see has its maximum inside.
+TEST(region_step_test, SingularMatrixMayHaveItsMaximumInside) {
+    const std::vector<std::vector<double>> h{{1.0, 1.0}, {1.0, 1.0}};
+    const region_step s = step_in_region(square(h), {0.2, 0.2}, 1.0);
+    EXPECT_NEAR(s.promised, 0.02, 1.0e-8); // along (1,1): 0.4 a - 2 a a
+    EXPECT_LE(s.length, 1.01);
+}
+
+TEST(trust_region_test, RadiusFollowsWhatStepsWin) {
+    trust_region r;
+    r.radius = 1.0;
+    EXPECT_TRUE(r.judge(0.80, 1.0, 1.0)); // good, at the edge
+    EXPECT_DOUBLE_EQ(r.radius, 2.0);
+    EXPECT_TRUE(r.judge(0.80, 1.0, 0.5)); // good, inside
+    EXPECT_DOUBLE_EQ(r.radius, 2.0);
+    EXPECT_TRUE(r.judge(0.74, 1.0, 2.0)); // neither
+    EXPECT_DOUBLE_EQ(r.radius, 2.0);
+    EXPECT_TRUE(r.judge(0.26, 1.0, 2.0));
+    EXPECT_DOUBLE_EQ(r.radius, 2.0);
+    EXPECT_EQ(r.poor, 0);
+    EXPECT_TRUE(r.judge(0.24, 1.0, 2.0)); // poor, but it gains
+    EXPECT_DOUBLE_EQ(r.radius, 0.5);
+    EXPECT_EQ(r.poor, 1);
+    EXPECT_FALSE(r.judge(-0.1, 1.0, 0.4)); // a loss
+    EXPECT_DOUBLE_EQ(r.radius, 0.1);
+    EXPECT_EQ(r.poor, 2);
+    EXPECT_FALSE(r.judge(0.00009, 1.0, 0.1)); // as good as none
+    EXPECT_TRUE(r.judge(0.9, 1.0, 0.1));
+    EXPECT_EQ(r.poor, 0);
+}
+
+TEST(trust_region_test, RadiusHasALimitAndIsHalvedWhereThereIsNoValue) {
+    trust_region r;
+    for (int k = 0; k < 10; ++k) r.judge(1.0, 1.0, r.radius);
+    EXPECT_DOUBLE_EQ(r.radius, r.largest);
+    r.invalid(3.0);
+    EXPECT_DOUBLE_EQ(r.radius, 1.5);
+    EXPECT_EQ(r.poor, 1);
+}
+
+} // namespace
+} // namespace tarvex
