@@ -411,6 +411,19 @@ TEST_F(Refusals, ThingsOnlyAPersonCanJudge) {
     q.records[3].age = -999.0;
     write_file("data.dat", q.all_traits_lines());
     expect_told("***** WARNING : -999 is taken as a value of covariable \"age(1,POL)\", trait 1\n");
+    const std::string regression =
+        replaced(replaced(uni(" FIX herd\n RAN animal(2,LEG) NRM\n RRC age\n"), "ANA UNI", "ANA RR"),
+                 "VAR residual 1\n", "VAR residual 1 HOM\n");
+    const auto at = regression.find("VAR animal 1\n");
+    ASSERT_NE(at, std::string::npos);
+    std::string two = regression;
+    two.replace(at, regression.find('\n', at + 13) - at, "VAR animal 2\n 4.0 0.5 2.0");
+    write_file("data.dat", q.all_traits_lines());
+    write_file("model.par", replaced(two, "-999", "-9"));
+    expect_told("***** WARNING : -999 is taken as a value of control variable \"age\", trait 1\n");
+    write_file("data.dat", q.all_traits_lines());
+    write_file("model.par", two); // there it is the code of missing records
+    expect_refused("Invalid effect code :  age -999.0 -999\n");
     write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + std::string(columns) +
                                 "END\nMOD EQ\n FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n"
                                 "VAR animal 2\n 4.0 1.0 4.0\nVAR residual 2\n 6.0 0.0 6.0\n");
