@@ -82,7 +82,7 @@ void forward(benchmark::State& state, kernel_kind kind) {
     need_factor();
     kernels.choice = kind;
     array<double, 2> b;
-    b.allocate(numbers.nsrow, 16);
+    b.allocate(numbers.nsrow, solve_columns);
     for (auto _ : state) {
         state.PauseTiming();
         b.fill(1.0);

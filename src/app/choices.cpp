@@ -60,7 +60,7 @@ void choose_reconstruct() {
 bool any_nrm_effect() {
     for (int iq = 1; iq <= numbers.nq; ++iq)
         for (int i = 1; i <= model.nrnd(iq); ++i)
-            if (model.rnd_opt(i, iq) == "NRM") return true;
+            if (model.rnd_opt(i, iq) == covariance_kind::nrm) return true;
     return false;
 }
 

@@ -29,7 +29,7 @@ name_list inputs() {
     if (model.me_type == "IND") list.push_back(f.me_varfile);
     for (int iq = 1; iq <= numbers.nq; ++iq)
         for (int i = 1; i <= model.nrnd(iq); ++i)
-            if (model.rnd_opt(i, iq) == "GIN")
+            if (model.rnd_opt(i, iq) == covariance_kind::gin)
                 for (const char* end : {".gin", ".codes"})
                     list.push_back(model.random(i, iq).substr(0, model.random(i, iq).find('(')) + end);
     return list;

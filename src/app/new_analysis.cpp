@@ -68,7 +68,7 @@ void new_analysis() {
     anew(filenames, maximise, numbers, options, times, warnings);
     anew(datafile, model, mudmap, randasfix, usrdefcovs, zerout);
     anew(legpolynomials, phimat, splines);
-    anew(combinations, covmeans, datalines, datavecs, levels, means, pedigreelist, recoded_sums);
+    anew(combinations, covmeans, datalines, levels, means, pedigreelist, recoded_sums);
     anew(cholnrm, geninverse, gin_store, nrminverse);
     anew(randomvars, residualvars);
     anew(adjacency, kernels, lsqsolutions, mmequations, orders, sparse);

@@ -212,6 +212,16 @@ int class_control() {
     stop_with("Control variable for ME var.s not matched \"" + model.me_control + "\"");
 }
 
+std::vector<int> shared_controls() {
+    std::vector<int> shared;
+    for (int irrc = 1; irrc <= model.nrrc; ++irrc) {
+        bool all = true;
+        for (int iq = 1; iq <= numbers.nq; ++iq) all = all && control_place(irrc, iq) > 0;
+        if (all) shared.push_back(irrc);
+    }
+    return shared;
+}
+
 } // namespace
 
 int control_place(int irrc, int iq) {
@@ -237,6 +247,7 @@ void mm2ages() {
         for (int irrc = model.nrrc; irrc >= 1; --irrc)
             if (control_place(irrc, iq) > 0) phimat.jjmeta(iq) = irrc;
     }
+    phimat.shared_controls = shared_controls();
     const control_list& codes = control_codes(kcontrol);
     allocate("all me_run", model.me_run, codes.size());
     model.me_run.fill(1);

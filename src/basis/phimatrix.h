@@ -24,6 +24,7 @@ struct phimat_module {
     array<int> phi_control;      // (nphi) control variable, its number within rrcontrol (row of imeta)
     array<std::string> phi_name; // (nphi) variable, type and order: "age_LEG3"
     array<int> jjmeta; // (nq) control variable that the residuals of a trait depend on, number within rrcontrol
+    std::vector<int> shared_controls; // numbers of the control variables that every trait has
 };
 inline phimat_module phimat;
 
@@ -32,8 +33,8 @@ int control_place(int irrc, int iq);
 // Its values, which the traits share.
 const control_list& control_codes(int irrc);
 
-// From control_values: fills jjmeta and model.me_run, then the tables. Values outside all classes, or a faulty file of
-// classes, stop the run.
+// From control_values: fills jjmeta, shared_controls and model.me_run, then the tables. Values outside all classes, or
+// a faulty file of classes, stop the run.
 void mm2ages();
 // Fills kkphi and phi, and writes the tables.
 void phimatrix();

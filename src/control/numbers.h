@@ -9,7 +9,8 @@ struct numbers_module {
     int maxnr = 0;        // largest number of observations of a subject
     int maxnreq = 0;      // largest number of distinct equations of a subject (without covariables)
     int nsubject = 0;     // subjects written by the recoding
-    int nsrow = 0;        // equations in the full-rank system (with the right-hand side once it has been added)
+    int nbase = 0;        // equations in the full-rank system
+    int nsrow = 0;        // rows of its matrix: the equations and the right-hand side, nbase + 1
     int nrankx = 0;       // rank of the fixed part
     int lim1 = 0;         // equations in front of the covariables: always 0
     double zero = 1.0e-8; // the operational zero

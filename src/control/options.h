@@ -58,10 +58,6 @@ struct options_module {
     bool bsplines = false;    // B-splines are needed
     bool usrfuncs = false;    // user-defined basis functions are needed
     bool nestcov = false;     // there are nested covariables
-
-    // Of the run.
-    bool first = true;         // no evaluation of the likelihood has succeeded yet
-    bool saverr_ready = false; // the average information belongs to the final point
 };
 inline options_module options;
 

@@ -154,7 +154,7 @@ void scan_random(scan_state& s, int iq) {
     const auto& m = mudmap;
     for (int i = 1; i <= model.nrnd(iq); ++i) {
         const int irand = m.rn_irand(i, iq);
-        const bool nrm = m.kovrnd(irand) == "NRM";
+        const bool nrm = m.kovrnd(irand) == covariance_kind::nrm;
         const effect_columns e{
             model.random(i, iq), i, iq, m.rn_dcolno(i, iq), m.rn_dcolno2(i, iq), 1, nrm ? INT64_MAX : m.rn_mlev(i, iq)};
         if (nrm)
@@ -327,7 +327,7 @@ void set_random_levels(const scan_state& s) {
         }
     for (int irand = 1; irand <= krand; ++irand) {
         l.rn_base(irand) = final_codes(s.rn(irand), interaction(irand) != 0, l.rn_codes(irand));
-        if (mudmap.kovrnd(irand) == "NRM") {
+        if (mudmap.kovrnd(irand) == covariance_kind::nrm) {
             const int irun = mudmap.iranno(irand);
             const auto& ids = pedigreelist.idwec(irun);
             l.rn_codes(irand).assign(ids.begin(), ids.end());

@@ -13,7 +13,7 @@
 
 namespace tarvex {
 
-struct datavecs_module {
+struct subject_record {
     int icombi = 0;        // number of the pattern of records
     int nobs = 0;          // observations
     int kk = 0;            // rows of effect codes: equal to nobs
@@ -21,8 +21,6 @@ struct datavecs_module {
     int mrow = 0;          // positions of a row (largest over traits)
     int mcov = 0;          // covariable coefficients of a row (largest over traits)
     int nmeta = 0;         // control variables
-    int neqns = 0;         // equations that the records may name
-    int ncov = 0;          // those of covariables among them, which come first
     array<double> yvec;    // (maxnr) observations in units of their traits (units.h), sorted by trait
     array<int> ynq;        // (maxnr) traits
     array<int, 2> ieqnr;   // (mrow,maxnr)
@@ -32,7 +30,6 @@ struct datavecs_module {
     array<int, 2> imeta;   // (nmeta,maxnr) level of each control variable
     array<int> jvec;       // (maxnreq) sorted distinct equations of the subject
 };
-inline datavecs_module datavecs;
 
 struct combinations_module {
     int ncombi = 0;
@@ -40,6 +37,8 @@ struct combinations_module {
     std::vector<std::vector<int>> nqcombi; // [icombi-1][iq-1] records of each trait
     std::vector<int> ncomb_subj;           // [icombi-1] subjects
     array<int> ncomb_pairs;                // packed upper triangle without diagonal: subjects with both traits
+    int neqns = 0;                         // equations that the records may name
+    int ncov = 0;                          // those of covariables among them, which come first
 };
 inline combinations_module combinations;
 

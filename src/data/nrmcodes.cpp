@@ -23,7 +23,7 @@ std::vector<std::vector<nrm_column>> nrm_columns() {
     for (int iq = 1; iq <= numbers.nq; ++iq)
         for (int i = 1; i <= model.nrnd(iq); ++i) {
             const int irand = mudmap.rn_irand(i, iq);
-            if (irand < 1 || mudmap.kovrnd(irand) != "NRM") continue;
+            if (irand < 1 || mudmap.kovrnd(irand) != covariance_kind::nrm) continue;
             columns[iq - 1].push_back({mudmap.iranno(irand), mudmap.rn_dcolno(i, iq)});
         }
     return columns;

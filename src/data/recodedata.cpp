@@ -143,7 +143,7 @@ void gather_covariables(recoder& r, const array<double>& dvec, int iq, int k) {
                        r.xcov.column(k).subspan(static_cast<std::size_t>(pos)));
         const int first = r.starts.covariables(i, iq) + (nest_level(r, dvec, i, iq) - 1) * order;
         for (int c = 1; c <= order; ++c) r.icov(++pos, k) = first + c;
-        datavecs.ncov = std::max(datavecs.ncov, first + order);
+        combinations.ncov = std::max(combinations.ncov, first + order);
     }
 }
 
@@ -281,8 +281,8 @@ void write_fault(const std::string& name) { stop_with("Error writing file \"" + 
 void recode_data(const equation_starts& starts) {
     recoder r(starts);
     allocate_recoder(r);
-    datavecs.neqns = starts.neqns;
-    datavecs.ncov = 0;
+    combinations.neqns = starts.neqns;
+    combinations.ncov = 0;
     numbers.nsubject = numbers.maxnreq = 0;
     recoded_sums = {};
     if (!r.heads.open(filenames.recdatfil1)) write_fault(filenames.recdatfil1);
@@ -305,27 +305,28 @@ void recode_data(const equation_starts& starts) {
 } // namespace
 
 void combination_no(int& icombi, int nq, const array<int>& mark) {
-    auto& [ncombi, xcombi, nqcombi, ncomb_subj, ncomb_pairs] = combinations;
+    auto& ncombi = combinations.ncombi;
+    auto& nqcombi = combinations.nqcombi;
     for (int iq = 1, ij = 0; iq <= nq; ++iq)
         for (int jq = iq + 1; jq <= nq; ++jq) {
             ++ij;
-            if (mark(iq) > 0 && mark(jq) > 0) ++ncomb_pairs(ij);
+            if (mark(iq) > 0 && mark(jq) > 0) ++combinations.ncomb_pairs(ij);
         }
     const auto counts = mark.prefix(nq);
     const auto same = [&](const std::vector<int>& c) { return std::equal(c.begin(), c.end(), counts.begin()); };
     const auto at = std::find_if(nqcombi.begin(), nqcombi.end(), same);
     icombi = static_cast<int>(at - nqcombi.begin()) + 1;
     if (at != nqcombi.end()) {
-        ++ncomb_subj[static_cast<std::size_t>(icombi - 1)];
+        ++combinations.ncomb_subj[static_cast<std::size_t>(icombi - 1)];
         return;
     }
     if (ncombi == maxcombi) stop("too many combinations");
     ++ncombi;
     nqcombi.emplace_back(counts.begin(), counts.end());
-    ncomb_subj.push_back(1);
+    combinations.ncomb_subj.push_back(1);
     std::string text = numbers.maxnr < 10 ? edit("(40i1)", counts) : edit("(40i2)", counts);
     while (!text.empty() && text.back() == '\n') text.pop_back();
-    xcombi.push_back(text);
+    combinations.xcombi.push_back(text);
     if (options.details) write(screen(), "(a,i5,1x,a,1x,40i3)", "Combination", ncombi, text, counts);
 }
 

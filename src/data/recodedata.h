@@ -34,11 +34,11 @@ struct equation_starts {
 // combinations.
 void data_recode(const equation_starts& starts);
 
-// Open reading pass over the recoded subjects.
+// Reading pass over the recoded subjects. Several may go on at a time.
 struct recdata_pass {
-    record_reader heads;                 // recoded1.bin
-    record_reader lists;                 // recoded2.bin or recoded3.bin
-    datavecs_module* record = &datavecs; // where a subject is read to
+    record_reader heads;   // recoded1.bin
+    record_reader lists;   // recoded2.bin or recoded3.bin
+    subject_record record; // the subject in hand; sizes that belong to all (mrow, mcov, nmeta) from the start
     std::string lists_name;
     int nsubject = 0; // subjects in front of the next one
     int most = 0;     // largest number of an equation
@@ -58,7 +58,6 @@ void setup_recdata(recdata_pass& pass, const std::string& lists_file);
 // Reads the next subject. False at the end. Records that are not what was written (recodedsums.h) or do not fit
 // this run, and an end before the last subject, stop the run.
 bool next_subject(recdata_pass& pass);
-void deall_recdata(recdata_pass& pass);
 
 // Number of the pattern of records with `mark(iq)` records of trait iq; adds it if new (at most maxcombi). Counts the
 // subject in ncomb_subj and ncomb_pairs.

@@ -21,7 +21,7 @@ namespace {
 
 [[noreturn]] void read_fault(const std::string& name) { stop_with("Error reading file \"" + name + "\""); }
 
-void setup_tables(datavecs_module& d) {
+void setup_tables(subject_record& d) {
     const int maxnr = numbers.maxnr;
     d.mrow = max_row_length();
     d.mcov = max_covariable_width();
@@ -41,12 +41,12 @@ template <class T> std::span<T> columns(array<T, 2>& a, int rows, int n) {
     return a.prefix(static_cast<std::ptrdiff_t>(rows) * n);
 }
 
-bool sizes_fit(const datavecs_module& d) {
+bool sizes_fit(const subject_record& d) {
     return d.nobs >= 1 && d.nobs <= numbers.maxnr && d.kk >= 1 && d.kk <= d.nobs;
 }
 
 // The rest of the head behind the counts.
-bool get_head(record_reader& in, datavecs_module& d) {
+bool get_head(record_reader& in, subject_record& d) {
     d.icombi = 0;
     d.nobs = d.kk = 1;
     if (!options.randreg && numbers.nq == 1 && numbers.maxnr == 1) {
@@ -65,7 +65,7 @@ bool get_head(record_reader& in, datavecs_module& d) {
     return !options.randreg || in.get(columns(d.imeta, d.nmeta, d.nobs));
 }
 
-bool get_list(record_reader& in, datavecs_module& d) {
+bool get_list(record_reader& in, subject_record& d) {
     return in.next() && in.get(d.nr) && d.nr >= 0 && d.nr <= d.jvec.upper() && in.get(d.jvec.prefix(d.nr));
 }
 
@@ -75,7 +75,7 @@ bool within(std::span<const int> values, int least, int most) {
 std::span<const int> part(const array<int, 2>& a, int rows, int n) {
     return a.prefix(static_cast<std::ptrdiff_t>(rows) * n);
 }
-int animal_rows(const datavecs_module& d) { return d.iraand.size() > 0 ? numbers.krand : 0; }
+int animal_rows(const subject_record& d) { return d.iraand.size() > 0 ? numbers.krand : 0; }
 
 // Levels of each control variable, traits without it aside.
 std::vector<int> control_levels(int nmeta) {
@@ -88,7 +88,7 @@ std::vector<int> control_levels(int nmeta) {
 }
 
 // A trait has a level of each control variable that it has, and 0 of others.
-bool controls_fit(const datavecs_module& d, const std::vector<int>& most) {
+bool controls_fit(const subject_record& d, const std::vector<int>& most) {
     for (int k = 1; k <= d.nobs; ++k)
         for (int irrc = 1; irrc <= d.nmeta; ++irrc) {
             const int least = control_place(irrc, d.ynq(k)) > 0 ? 1 : 0;
@@ -98,7 +98,7 @@ bool controls_fit(const datavecs_module& d, const std::vector<int>& most) {
 }
 
 // The pattern of records that the subject is said to have is that of its traits.
-bool pattern_fits(const datavecs_module& d) {
+bool pattern_fits(const subject_record& d) {
     if (options.randreg) return d.icombi >= 0 && d.icombi <= combinations.ncombi;
     if (d.icombi < 1 || d.icombi > combinations.ncombi) return false;
     const auto& counts = combinations.nqcombi[static_cast<std::size_t>(d.icombi) - 1];
@@ -111,16 +111,16 @@ bool pattern_fits(const datavecs_module& d) {
 // Every index that the passes over the data use without a look. Equations have numbers up to that of the right-hand
 // side, which comes behind them all.
 bool indices_fit(const recdata_pass& pass) {
-    const auto& d = *pass.record;
-    return within(part(d.ieqnr, d.mrow, d.kk), 0, d.nr) && within(part(d.icov, d.mcov, d.kk), 0, datavecs.ncov) &&
+    const auto& d = pass.record;
+    return within(part(d.ieqnr, d.mrow, d.kk), 0, d.nr) && within(part(d.icov, d.mcov, d.kk), 0, combinations.ncov) &&
            within(d.jvec.prefix(d.nr), 0, pass.most) && within(d.ynq.prefix(d.nobs), 1, numbers.nq) &&
-           within(part(d.iraand, animal_rows(d), d.nobs), 0, datavecs.neqns) && controls_fit(d, pass.controls) &&
+           within(part(d.iraand, animal_rows(d), d.nobs), 0, combinations.neqns) && controls_fit(d, pass.controls) &&
            pattern_fits(d);
 }
 
 // The subject is what was written; the first pass that meets it looks at its indices too.
 bool subject_fits(const recdata_pass& pass) {
-    const auto& d = *pass.record;
+    const auto& d = pass.record;
     const auto k = static_cast<std::size_t>(pass.nsubject) - 1;
     auto &heads = recoded_sums.heads, &lists = *pass.list_sums;
     if (k >= heads.size() || k >= lists.size()) return indices_fit(pass);
@@ -140,11 +140,11 @@ bool subject_fits(const recdata_pass& pass) {
 } // namespace
 
 void setup_recdata(recdata_pass& pass, const std::string& lists_file) {
-    setup_tables(*pass.record);
+    setup_tables(pass.record);
     pass.nsubject = 0;
-    pass.controls = control_levels(pass.record->nmeta);
+    pass.controls = control_levels(pass.record.nmeta);
     const bool ordered = lists_file == filenames.recdatfil3;
-    pass.most = ordered ? numbers.nsrow : datavecs.neqns + 1;
+    pass.most = ordered ? numbers.nsrow : combinations.neqns + 1;
     pass.list_sums = ordered ? &recoded_sums.new_lists : &recoded_sums.old_lists;
     if (!pass.heads.open(filenames.recdatfil1)) read_fault(filenames.recdatfil1);
     if (!pass.lists.open(lists_file)) read_fault(lists_file);
@@ -162,7 +162,7 @@ void go_to(recdata_pass& pass, const recdata_place& place) {
 }
 
 bool next_subject(recdata_pass& pass) {
-    auto& d = *pass.record;
+    auto& d = pass.record;
     auto& in = pass.heads;
     if (!in.next()) {
         if (in.failed() || pass.nsubject != numbers.nsubject) stop_with("Error reading recoded data !");
@@ -176,16 +176,6 @@ bool next_subject(recdata_pass& pass) {
     good = good && get_list(pass.lists, d);
     if (!good || !subject_fits(pass)) stop_with("Error reading recoded data !");
     return true;
-}
-
-void deall_recdata(recdata_pass& pass) {
-    pass.heads.close();
-    pass.lists.close();
-    auto& d = *pass.record;
-    d.yvec.deallocate();
-    d.xcov.deallocate();
-    for (auto* a : {&d.ynq, &d.jvec}) a->deallocate();
-    for (auto* a : {&d.ieqnr, &d.icov, &d.iraand, &d.imeta}) a->deallocate();
 }
 
 } // namespace tarvex

@@ -128,16 +128,13 @@ void tell_negative(int neg) {
 
 } // namespace
 
-void vec2full(std::span<const double> packed, array<double, 2>& full, int n) {
+array<double, 2> unpack(std::span<const double> packed, int n) {
+    array<double, 2> full;
+    full.allocate(n, n);
     std::size_t ij = 0;
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j) full(i, j) = full(j, i) = packed[ij++];
-}
-
-void full2vec(const array<double, 2>& full, std::span<double> packed, int n) {
-    std::size_t ij = 0;
-    for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= n; ++j) packed[ij++] = full(i, j);
+    return full;
 }
 
 void eigem(const array<double, 2>& a, array<double>& eig, array<double, 2>& vectors, int n, double tol, int& nzero) {
@@ -175,6 +172,32 @@ void eigem_any_size(const array<double, 2>& a, array<double>& eig, array<double,
     int nzero = 0;
     eigem(scaled, eig, vectors, n, 0.0, nzero);
     for (int k = 1; k <= n; ++k) eig(k) *= unit;
+}
+
+bool raise_eigenvalues(array<double, 2>& a, int n, int rank, double floor) {
+    array<double, 2> vectors;
+    array<double> eig;
+    int nzero = 0;
+    eigem(a, eig, vectors, n, floor, nzero);
+    if (!(eig(rank) < floor)) return false;
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) {
+            double s = 0.0;
+            for (int k = 1; k <= rank; ++k) s += vectors(i, k) * vectors(j, k) * std::max(eig(k), floor);
+            a(i, j) = a(j, i) = s;
+        }
+    return true;
+}
+
+bool cholesky(array<double, 2>& a, int n) {
+    for (int j = 1; j <= n; ++j)
+        for (int i = j; i <= n; ++i) {
+            double s = a(i, j);
+            for (int k = 1; k < j; ++k) s -= a(i, k) * a(j, k);
+            if (i == j && !(s > 0.0)) return false;
+            a(i, j) = i == j ? std::sqrt(s) : s / a(j, j);
+        }
+    return true;
 }
 
 void gen_inverse(std::span<double> a, int n, double tol, int& rank, double& ldet, int* negative) {

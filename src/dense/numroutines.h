@@ -20,9 +20,11 @@ constexpr int ihmssf(int i, int j, int n) {
     return n * (i - 1) - i * (i - 1) / 2 + j;
 }
 
-// Packed triangle to both triangles of the leading n x n part of `full`, and back (from the upper triangle).
-void vec2full(std::span<const double> packed, array<double, 2>& full, int n);
-void full2vec(const array<double, 2>& full, std::span<double> packed, int n);
+// The same for i and j in either order.
+constexpr int packed_place(int i, int j, int n) { return i <= j ? ihmssf(i, j, n) : ihmssf(j, i, n); }
+
+// Both triangles, (n,n), of the packed triangle at the head of `packed`.
+array<double, 2> unpack(std::span<const double> packed, int n);
 
 // Eigenvalues and eigenvectors of the leading n x n part of the symmetric matrix `a`, which is kept.
 //   out    eig(1:n) in descending order; vectors(1:n,k) the eigenvector of eig(k) (both are allocated if too small)
@@ -33,6 +35,14 @@ void eigem(const array<double, 2>& a, array<double>& eig, array<double, 2>& vect
 
 // The same for a matrix in any unit: one without elements from 0.01 to 1e8 is divided by a power of two meanwhile.
 void eigem_any_size(const array<double, 2>& a, array<double>& eig, array<double, 2>& vectors, int n);
+
+// Raises eigenvalues of the symmetric matrix `a` to `floor`, and leaves out those behind the first `rank`: a is the sum
+// over k <= rank of max(eig(k), floor) v(k) v(k)'. False, and a kept, if the first `rank` are not below the floor.
+bool raise_eigenvalues(array<double, 2>& a, int n, int rank, double floor);
+
+// Lower Cholesky factor of the leading n x n part, from its lower triangle and in its place; the upper triangle stays.
+// False where a pivot is not above 0; `a` is spoilt then.
+[[nodiscard]] bool cholesky(array<double, 2>& a, int n);
 
 // Generalised inverse of the packed triangle `a` of order n, in place: rows without a pivot above tol in magnitude are
 // zero. rank: number of pivots; ldet: log of the product of their magnitudes; negative: how many of them were negative.

@@ -69,7 +69,7 @@ bool read_adjacency(record_reader& in) {
     if (!in.next() || in.bytes_left() != mine.size() * sizeof(int) || !in.get(std::span<int>(theirs))) return false;
     int llxrhs = 0;
     if (!in.record(llxrhs) || (llxrhs != 0 && llxrhs != 1)) return false;
-    mine[1] = numbers.nsrow + llxrhs;
+    mine[1] = numbers.nbase + llxrhs;
     if (mine != theirs) return false;
     auto& list = linked_list;
     list.ifirst.allocate(mine[1]);
@@ -106,11 +106,11 @@ void build_pattern() {
     std::vector<level_links> blocks;
     for (int irand = 1; irand <= numbers.krand; ++irand)
         if (mmequations.rn_start(irand) >= 0) blocks.push_back(covar2adjac(irand));
-    link_merge merge(numbers.nsrow, data, blocks);
+    link_merge merge(numbers.nbase, data, blocks);
     auto& list = linked_list;
-    allocate("alloc ivcol", list.ifirst, numbers.nsrow);
+    allocate("alloc ivcol", list.ifirst, numbers.nbase);
     const link_merge::counts c = merge.count();
-    const long long capacity = c.total + numbers.nsrow; // room for the right-hand side
+    const long long capacity = c.total + numbers.nbase; // room for the right-hand side
     if (capacity > maxelements) tvx_noalloc("IVCOL", capacity);
     allocate_large("INEXT", list.inext, capacity);
     allocate_large("IVCOL", list.ivcol, capacity);
@@ -154,7 +154,7 @@ void adjacency1(bool lnew) {
 }
 
 void adjacency2() {
-    const int nbase = numbers.nsrow++;
+    const int nbase = numbers.nbase;
     auto& list = linked_list;
     if (adjacency.llxrhs) return;
     const long long before = list.nrczhz, total = before + nbase;

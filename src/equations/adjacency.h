@@ -1,8 +1,8 @@
 // Pattern of the mixed model equations: lower triangle of the coefficient matrix in the row store, without values.
 //
-// adjacency.bin: nq, nsrow, nrankx, lim1, neqns, neq_fix, neq_rnd, neq_cov, levels of each random effect (krand) |
-// llxrhs | ifirst(nsrow) | nrczhz, kk, kfactor | inext in kk records of kfactor elements, the rest in one more if there
-// is any | ivcol likewise. nsrow counts the right-hand side if llxrhs is 1. The seal has links_sum.
+// adjacency.bin: nq, rows, nrankx, lim1, neqns, neq_fix, neq_rnd, neq_cov, levels of each random effect (krand) |
+// llxrhs | ifirst(rows) | nrczhz, kk, kfactor | inext in kk records of kfactor elements, the rest in one more if there
+// is any | ivcol likewise. rows: numbers.nsrow if llxrhs is 1, else nbase. The seal has links_sum.
 #pragma once
 
 namespace tarvex {
@@ -13,16 +13,16 @@ struct adjacency_module {
 };
 inline adjacency_module adjacency;
 
-// Pattern of the numbers.nsrow equations that stay (orders.jeq), without the right-hand side, into linked_list.
+// Pattern of the numbers.nbase equations that stay (orders.jeq), without the right-hand side, into linked_list.
 //   lnew  true: at the start of a run. adjacency.bin is tried. Otherwise, and in mid-run, the residual inverses in hand
 //         show which records of a subject are linked.
 void adjacency1(bool lnew);
 
-// The right-hand side as one more row, linked to all others: raises numbers.nsrow by 1. The first time the pattern is
-// complete it is written to adjacency.bin.
+// The right-hand side as one more row, linked to all others. The first time the pattern is complete it is written to
+// adjacency.bin.
 void adjacency2();
 
-// Reads adjacency.bin if it fits this run; numbers.nsrow is still without the right-hand side.
+// Reads adjacency.bin if it fits this run.
 bool find_adjacency();
 void write_adjacency();
 

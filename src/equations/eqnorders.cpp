@@ -40,12 +40,10 @@ struct stored_order {
 };
 enum class order_file { none, unreadable, foreign, fits };
 
-int base_rows() { return mmequations.neqns - static_cast<int>(mmequations.ieqzero.size()); }
-
 bool is_metis(int type) { return has_settings(std::abs(type)); }
 
 std::vector<int> order_header() {
-    std::vector<int> h{numbers.nq, base_rows() + 1, numbers.nrankx, numbers.lim1, numbers.krand};
+    std::vector<int> h{numbers.nq, numbers.nsrow, numbers.nrankx, numbers.lim1, numbers.krand};
     for (int irand = 0; irand <= numbers.krand; ++irand) h.push_back(model.krfit(irand));
     return h;
 }
@@ -61,8 +59,8 @@ bool read_maps(record_reader& in, stored_order& s) {
     if (!in.record(s.nofsub, s.maxlnz, s.kkops, s.kortype)) return false;
     if (s.kortype < 1 || s.kortype > last_order_code || !(s.kkops >= 0.0)) return false;
     if (is_metis(s.kortype) && !in.record(std::span<int>(s.ketis_opts))) return false;
-    s.invprm.allocate(base_rows());
-    s.ivperm.allocate(base_rows());
+    s.invprm.allocate(numbers.nbase);
+    s.ivperm.allocate(numbers.nbase);
     for (auto* map : {&s.invprm, &s.ivperm})
         if (!in.next() || in.bytes_left() != static_cast<std::uint64_t>(map->size()) * sizeof(int) ||
             !in.get(map->prefix(map->size())))
@@ -93,8 +91,8 @@ void write_order(int nofsub, double nnops) {
     out.record(order_header());
     out.record(nofsub, sparse.maxlnz, nnops, std::abs(orders.order_type));
     if (is_metis(orders.order_type)) out.record(std::span<const int>(orders.metis_opts));
-    out.record(orders.invprm.prefix(base_rows()));
-    out.record(orders.ivperm.prefix(base_rows()));
+    out.record(orders.invprm.prefix(numbers.nbase));
+    out.record(orders.ivperm.prefix(numbers.nbase));
     out.close({orders.links, {}});
 }
 
@@ -108,9 +106,10 @@ void adopt(const stored_order& s) {
 void set_jeq() {
     allocate("alloc jeq", orders.jeq, mmequations.neqns);
     for (int e : mmequations.ieqzero) orders.jeq(e) = -1;
-    numbers.nsrow = 0;
-    for (int& j : orders.jeq) j = j < 0 ? 0 : ++numbers.nsrow;
-    if (options.verbose) print_list(screen(), "No. of equations in full rank submatrix =", numbers.nsrow);
+    numbers.nbase = 0;
+    for (int& j : orders.jeq) j = j < 0 ? 0 : ++numbers.nbase;
+    numbers.nsrow = numbers.nbase + 1;
+    if (options.verbose) print_list(screen(), "No. of equations in full rank submatrix =", numbers.nbase);
 }
 
 // Next setting of the search over METIS options; false at its end.
@@ -129,7 +128,7 @@ bool next_setting() {
     return true;
 }
 
-// Maps between old and new equation numbers, the right-hand side last. nsrow counts it.
+// Maps between old and new equation numbers, the right-hand side last.
 void set_maps() {
     const int neqns = mmequations.neqns, nsrow = numbers.nsrow;
     orders.ieqnew.fill(0);
@@ -230,7 +229,7 @@ void tell_worse(std::string_view text, double kkops, double nnops) {
     write(screen(), "(2(a,f15.0))", "No. of operations : old =", kkops, "  new =", nnops);
 }
 
-// State of the choice of an order. Rows are counted without the right-hand side between trials.
+// State of the choice of an order.
 struct trial_state {
     stored_order old;
     double kkops = no_order;
@@ -252,13 +251,11 @@ void need_pattern(trial_state& t) {
 void take_old(trial_state& t) {
     adopt(t.old);
     t.nofsub = t.old.nofsub;
-    ++numbers.nsrow;
     set_maps();
     bool lfound = false;
     read_symfac(lfound);
     t.store = !lfound;
     if (lfound) return;
-    --numbers.nsrow;
     need_pattern(t);
     adjacency2();
     if (!lay_out()) too_many_subscripts();
@@ -357,7 +354,6 @@ void keep_better(trial_state& t, double nnops) {
 void search_settings(trial_state& t) {
     do {
         if (take_new(t)) keep_better(t, count_and_tell(t.kkops));
-        --numbers.nsrow;
     } while (next_setting());
     orders.order_type = 3;
     if (read_order(t.old) == order_file::fits) {
@@ -385,7 +381,6 @@ void try_method(trial_state& t) {
         print_list(screen(), " Continue ? (using previously best order)");
         pause_for_operator();
     }
-    --numbers.nsrow;
     take_old(t);
     t.kkops = count_and_tell(t.kkops);
 }
@@ -438,7 +433,6 @@ void eqnorders() {
 void redo_eqnorders() {
     if (options.verbose) print_list(screen(), "BEGIN \"redo_eqnorders\" ");
     sparse.ixsub.deallocate();
-    --numbers.nsrow;
     orders.links = links_sum(false);
     adjacency1(false);
     int nofsub = 0;

@@ -1,6 +1,6 @@
 // Choice of the order of the equations.
 //
-// eqnsorder.bin: neqns, neq_fix, neq_rnd, neq_cov | nq, nsrow (with the right-hand side), nrankx, lim1, krand,
+// eqnsorder.bin: neqns, neq_fix, neq_rnd, neq_cov | nq, nsrow, nrankx, lim1, krand,
 // krfit(0:krand) | nofsub, maxlnz, nnops, order_type | metis_opts(8), for METIS orders (codes 3 and 5) only | invprm |
 // ivperm, both for the equations that stay; the seal has links_sum. OperationCounts gets a line for each order that is
 // tried.
@@ -8,7 +8,7 @@
 
 namespace tarvex {
 
-// Chooses the order, lays out the factor, and leaves the maps in `orders`; nsrow counts the right-hand side on return.
+// Chooses the order, lays out the factor, and leaves the maps in `orders`; sets numbers.nbase and numbers.nsrow.
 // Takes over the order and the structure of an earlier run where they fit this one. Otherwise, where no method was
 // named and the order chosen by size takes orders.race_from operations or more, further ones are raced against it.
 void eqnorders();

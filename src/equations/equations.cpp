@@ -84,8 +84,8 @@ template <class Size> void number_random(array<int>& start, long long& ibegin, S
     start.fill(-1);
     for (const bool identity : {true, false})
         for (int irand = 1; irand <= numbers.krand; ++irand) {
-            const std::string kind = trim(mudmap.kovrnd(irand));
-            if (kind == "PEQ" || (kind == "IDE") != identity) continue;
+            const covariance_kind kind = mudmap.kovrnd(irand);
+            if (kind == covariance_kind::peq || (kind == covariance_kind::ide) != identity) continue;
             start(irand) = cut(ibegin);
             ibegin += static_cast<long long>(levels.rn_nlev(irand)) * size(irand);
             if (trace && tracing()) print_list(screen(), "rn", irand, ibegin, start(irand));

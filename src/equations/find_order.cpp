@@ -74,7 +74,7 @@ void order_scotch() {
 } // namespace
 
 order_graph equations_graph() {
-    return with_room("ADJNCY", both_directions(), [] { return pattern_graph(linked_list, numbers.nsrow); });
+    return with_room("ADJNCY", both_directions(), [] { return pattern_graph(linked_list, numbers.nbase); });
 }
 
 void take_order(const node_order& order) {
@@ -88,7 +88,7 @@ void take_order(const node_order& order) {
 }
 
 void find_order(int& nofsub) {
-    const int n = numbers.nsrow;
+    const int n = numbers.nbase;
     nofsub = 0;
     switch (std::abs(orders.order_type)) {
     case 1:

@@ -4,7 +4,7 @@
 
 namespace tarvex {
 
-// Fills orders.invprm and orders.ivperm for the pattern in linked_list (numbers.nsrow rows, no right-hand side) by the
+// Fills orders.invprm and orders.ivperm for the pattern in linked_list (numbers.nbase rows, no right-hand side) by the
 // method |orders.order_type|. nofsub: upper limit to the subscripts of the structure, or the fill, as the method tells
 // it; 0: not told. A refusal of the method stops the run, and so does want of memory.
 void find_order(int& nofsub);

@@ -32,7 +32,7 @@ namespace {
 
 bool peq_effect() {
     for (int irand = 1; irand <= numbers.krand; ++irand)
-        if (trim(mudmap.kovrnd(irand)) == "PEQ") return true;
+        if (mudmap.kovrnd(irand) == covariance_kind::peq) return true;
     return false;
 }
 
@@ -70,28 +70,28 @@ std::vector<int> trait_groups() {
     });
 }
 
-int trait_of(int record) { return numbers.nq == 1 ? 1 : datavecs.ynq(record); }
+int trait_of(const subject_record& d, int i) { return numbers.nq == 1 ? 1 : d.ynq(i); }
 
-// Group of each record of the subject in datavecs.
+// Group of each observation of a subject.
 struct record_groups {
     std::vector<std::vector<int>> patterns;
     std::vector<int> traits;
     std::vector<int> control; // row of imeta that the residuals of a trait depend on
     bool independent = false; // one trait: no covariances between records
 
-    void of_subject(std::vector<int>& group) const {
-        const int n = datavecs.nobs;
+    void of_subject(const subject_record& d, std::vector<int>& group) const {
+        const int n = d.nobs;
         group.resize(static_cast<std::size_t>(n));
         if (options.randreg) {
             group = components(n, [&](int i, int j) {
-                const int iq = trait_of(i + 1), jq = trait_of(j + 1);
-                return datavecs.imeta(control[iq - 1], i + 1) == datavecs.imeta(control[jq - 1], j + 1) &&
-                       (model.nrrc < 2 || same_place(datavecs, i + 1, j + 1)) && traits[iq - 1] == traits[jq - 1];
+                const int iq = trait_of(d, i + 1), jq = trait_of(d, j + 1);
+                return d.imeta(control[iq - 1], i + 1) == d.imeta(control[jq - 1], j + 1) &&
+                       (model.nrrc < 2 || same_place(d, i + 1, j + 1)) && traits[iq - 1] == traits[jq - 1];
             });
         } else if (independent) {
             std::iota(group.begin(), group.end(), 0);
         } else {
-            const auto k = static_cast<std::size_t>(datavecs.icombi) - 1;
+            const auto k = static_cast<std::size_t>(d.icombi) - 1;
             if (k < patterns.size() && static_cast<int>(patterns[k].size()) == n)
                 group = patterns[k];
             else
@@ -125,18 +125,18 @@ void form_residual_inverses() {
 }
 
 // Adds the equations of record i that stay to `rows`.
-void record_rows(int i, std::vector<int>& rows) {
-    const int row = std::min(i, datavecs.kk);
-    for (int c = 1; c <= datavecs.mcov; ++c)
-        if (const int e = datavecs.icov(c, row); e > 0 && orders.jeq(e) > 0) rows.push_back(orders.jeq(e));
-    for (int j = 1; j <= datavecs.mrow; ++j)
-        if (const int p = datavecs.ieqnr(j, row); p > 0)
-            if (const int e = orders.jeq(datavecs.jvec(p)); e > 0) rows.push_back(e);
+void record_rows(const subject_record& d, int i, std::vector<int>& rows) {
+    const int row = std::min(i, d.kk);
+    for (int c = 1; c <= d.mcov; ++c)
+        if (const int e = d.icov(c, row); e > 0 && orders.jeq(e) > 0) rows.push_back(orders.jeq(e));
+    for (int j = 1; j <= d.mrow; ++j)
+        if (const int p = d.ieqnr(j, row); p > 0)
+            if (const int e = orders.jeq(d.jvec(p)); e > 0) rows.push_back(e);
 }
 
 void add_numbering(digest_maker& sum) {
     const auto& m = mmequations;
-    for (const int n : {numbers.nq, numbers.krand, numbers.nrankx, numbers.nsrow, m.neqns, m.neq_cov, m.neq_fix,
+    for (const int n : {numbers.nq, numbers.krand, numbers.nrankx, numbers.nbase, m.neqns, m.neq_cov, m.neq_fix,
                         m.neq_rnd, options.principal ? 1 : 0, options.blup && options.principal ? 1 : 0})
         sum.add(n);
     for (const auto* start : {&m.cv_start, &m.fx_start}) sum.add(start->prefix(start->size()));
@@ -147,10 +147,10 @@ void add_numbering(digest_maker& sum) {
 // Links between levels: those of an inverse follow from its pedigree, or are listed.
 void add_blocks(digest_maker& sum) {
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        const std::string kind = trim(mudmap.kovrnd(irand));
-        sum.add(kind);
+        const covariance_kind kind = mudmap.kovrnd(irand);
+        sum.add(name_of(kind));
         for (const int n : {levels.rn_nlev(irand), nfit(irand), model.kkfit(irand), model.diagonal(irand)}) sum.add(n);
-        if (kind != "NRM" && kind != "GIN") continue;
+        if (kind != covariance_kind::nrm && kind != covariance_kind::gin) continue;
         inverse_stream inverse(irand);
         for (inverse_element e; inverse.next(e);) {
             const int place[2] = {e.col, e.row};
@@ -167,12 +167,12 @@ void add_records(digest_maker& sum) {
     const record_groups groups = make_groups();
     recdata_pass pass;
     setup_recdata(pass, filenames.recdatfil2);
-    const auto& d = datavecs;
+    const subject_record& d = pass.record;
     sum.add(d.mcov);
     sum.add(d.mrow);
     std::vector<int> group;
     while (next_subject(pass)) {
-        groups.of_subject(group);
+        groups.of_subject(d, group);
         const int head[3] = {d.nobs, d.kk, d.nr};
         sum.bytes(head, sizeof head);
         sum.bytes(group.data(), group.size() * sizeof(int));
@@ -180,7 +180,6 @@ void add_records(digest_maker& sum) {
         add_part(sum, d.ieqnr, d.mrow, d.kk);
         sum.bytes(d.jvec.data(), sizeof(int) * static_cast<std::size_t>(d.nr));
     }
-    deall_recdata(pass);
 }
 
 } // namespace
@@ -198,20 +197,20 @@ void data2adjac(clique_lists& data) {
     const record_groups groups = make_groups();
     recdata_pass pass;
     setup_recdata(pass, filenames.recdatfil2);
+    const subject_record& d = pass.record;
     std::vector<int> group, rows;
     while (next_subject(pass)) {
-        groups.of_subject(group);
-        for (int i = 1; i <= datavecs.nobs; ++i) {
+        groups.of_subject(d, group);
+        for (int i = 1; i <= d.nobs; ++i) {
             if (group[i - 1] != i - 1) continue; // not the first of its group
             rows.clear();
-            for (int j = i; j <= datavecs.nobs; ++j)
-                if (group[j - 1] == i - 1) record_rows(j, rows);
+            for (int j = i; j <= d.nobs; ++j)
+                if (group[j - 1] == i - 1) record_rows(d, j, rows);
             std::sort(rows.begin(), rows.end());
             rows.erase(std::unique(rows.begin(), rows.end()), rows.end());
             data.add(rows);
         }
     }
-    deall_recdata(pass);
 }
 
 level_links covar2adjac(int irand) {
@@ -222,7 +221,7 @@ level_links covar2adjac(int irand) {
     b.first = b.nlev > 0 ? orders.jeq(mmequations.rn_start(irand) + 1) : 1;
     b.diagonal = options.principal || model.diagonal(irand);
     b.within = options.blup && options.principal && model.diagonal(irand) == 0; // for the errors of breeding values
-    if (trim(mudmap.kovrnd(irand)) == "IDE") return b;
+    if (mudmap.kovrnd(irand) == covariance_kind::ide) return b;
     std::vector<int> rows, cols;
     b.start.assign(static_cast<std::size_t>(b.nlev) + 1, 0);
     inverse_stream inverse(irand);

@@ -49,31 +49,31 @@ struct coefficient {
 };
 
 // Fixed effects, mean and covariables of observation i.
-void observation_row(int i, const fixed_rows& rows, std::vector<coefficient>& list) {
+void observation_row(const subject_record& d, int i, const fixed_rows& rows, std::vector<coefficient>& list) {
     list.clear();
-    const int k = std::min(i, datavecs.kk), iq = numbers.nq == 1 ? 1 : datavecs.ynq(i);
+    const int k = std::min(i, d.kk), iq = numbers.nq == 1 ? 1 : d.ynq(i);
     for (int j = 1; j <= lead_positions(iq); ++j)
-        if (const int p = datavecs.ieqnr(j, k); p > 0) list.push_back({rows.row(datavecs.jvec(p)), 1.0});
-    for (int c = 1; c <= datavecs.mcov; ++c)
-        if (const int e = datavecs.icov(c, k); e > 0) list.push_back({rows.row(e), datavecs.xcov(c, k)});
+        if (const int p = d.ieqnr(j, k); p > 0) list.push_back({rows.row(d.jvec(p)), 1.0});
+    for (int c = 1; c <= d.mcov; ++c)
+        if (const int e = d.icov(c, k); e > 0) list.push_back({rows.row(e), d.xcov(c, k)});
 }
 
 // Observations count one by one: residual covariances are not known yet.
 void data_pass(normal_equations& a, const fixed_rows& rows) {
     recdata_pass pass;
     setup_recdata(pass, filenames.recdatfil2);
+    const subject_record& d = pass.record;
     std::vector<coefficient> list;
     while (next_subject(pass))
-        for (int i = 1; i <= datavecs.nobs; ++i) {
-            observation_row(i, rows, list);
+        for (int i = 1; i <= d.nobs; ++i) {
+            observation_row(d, i, rows, list);
             for (std::size_t p = 0; p < list.size(); ++p) {
                 const auto [row, x] = list[p];
                 a.diag[row] += x * x;
-                a.rhs[row] += x * datavecs.yvec(i);
+                a.rhs[row] += x * d.yvec(i);
                 for (std::size_t q = 0; q < p; ++q) a.add(row, list[q].row, x * list[q].x);
             }
         }
-    deall_recdata(pass);
     if (options.verbose) print_list(screen(), "END data");
 }
 

@@ -11,6 +11,7 @@
 #include "estimation/estimates.h"
 #include "estimation/evaluate.h"
 #include "estimation/iteratelog.h"
+#include "estimation/parlists.h"
 #include "estimation/searchstate.h"
 #include "estimation/stepcontrol.h"
 #include "likelihood/derivatives.h"
@@ -189,15 +190,13 @@ void list_changes(const array<double>& from, const array<double>& to) {
 
 void rank_check() {
     const int n = estimates.nparm;
-    array<double, 2> a;
-    a.allocate(n, n);
+    array<double, 2> a = unpack(derivs.der2.prefix(derivs.der2.size()), n);
     std::vector<int> index(static_cast<std::size_t>(n));
     array<double> dia;
     dia.allocate(n);
     for (int i = 1; i <= n; ++i) {
         index[static_cast<std::size_t>(i - 1)] = i;
-        dia(i) = derivs.der2(ihmssf(i, i, n));
-        for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = derivs.der2(ihmssf(i, j, n));
+        dia(i) = a(i, i);
     }
     derivs.fixpar.allocate(n);
     derivs.fixpar.fill(1);

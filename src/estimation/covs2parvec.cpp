@@ -3,6 +3,7 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "estimation/bestpoint.h"
+#include "estimation/parlists.h"
 #include "estimation/searchstate.h"
 #include "likelihood/likelihood.h"
 #include "parameters/parunits.h"
@@ -23,6 +24,8 @@ void covs2parvec() {
         }
     }
     parvec_from_covs(options.emalgorithm, bestpoint.from_best ? numbers.zero : 0.0);
+    write_listofcovs();
+    list_parameters();
     bestpoint.parbest = estimates.parvec;
     forget_likelihoods();
 }

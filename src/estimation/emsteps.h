@@ -1,7 +1,14 @@
 // EM and PX-EM rounds (Dempster, Laird and Rubin 1977; Liu, Rubin and Wu 1998; Foulley and van Dyk 2000).
 #pragma once
+
 namespace tarvex {
-// Rounds from estimates.parvec: at most nits, each worth at least xlimit in log L in the default plan; otherwise to
-// convergence. iround counts over the run, xlike is the last value. Leaves maximise.converged, cchanges, parvec.
+
+// Rounds from estimates.parvec, at most nits. In the default plan they end with the first worth less than xlimit in log
+// L; otherwise by maximise.emconv_like, or where the parameters stand still: maximise.converged. A round without a
+// valid point ends them too.
+//   iround  rounds of the run, goes on      xlike  log L behind the last valid round
+// Leaves the last point in estimates.parvec, cchanges, aireml_terms.alpha, pnorm, iterate_log.ended and a line a round
+// in Iterates. An expansion that lowers log L is given up for the run (options.pxem).
 void em_algorithm(int nits, int& iround, double& xlike, double xlimit);
+
 } // namespace tarvex

@@ -14,6 +14,7 @@
 #include "estimation/evaluate.h"
 #include "estimation/iteratelog.h"
 #include "estimation/lastpoint.h"
+#include "estimation/parlists.h"
 #include "estimation/powell.h"
 #include "estimation/pulledstart.h"
 #include "estimation/regionsearch.h"
@@ -163,7 +164,7 @@ void final_step() {
     jacob_var2chol(0);
     write_avinfo(xlike);
     rank_check();
-    options.saverr_ready = true;
+    search_state.saverr_ready = true;
 }
 
 // Rounds of EM, and AI-REML again, from an end that is short of a maximum: parameters are laid out anew by each change
@@ -216,7 +217,7 @@ void get_estimates() {
     if (type == 7) pull_start();
     first_evaluation(xlike);
     tell_held();
-    options.saverr_ready = false;
+    search_state.saverr_ready = false;
     maximise.converged = false;
     std::fill_n(&maximise.cchanges[0][0], 12, 0.0);
     estimates.logpar.fill(0);

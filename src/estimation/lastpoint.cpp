@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 namespace tarvex {
 
@@ -26,11 +27,9 @@ namespace {
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 std::vector<double> block_covariances(int irand, int step, array<double, 2>& factor) {
-    array<double> parvec = estimates.parvec, cc;
-    const auto marks = estimates.switchlog;
-    int ifail = 0;
-    parvec2covs(parvec, irand, step, cc, factor, ifail);
-    estimates.switchlog = marks;
+    block_at_point at_end = covariances_at(estimates.parvec, irand, step);
+    const array<double>& cc = at_end.cc;
+    factor = std::move(at_end.vv);
     const int n = model.kkfit(irand);
     std::vector<double> cov;
     for (int i = 1; i <= n; ++i)

@@ -40,7 +40,8 @@ digest effects_sum() {
         list(model.fixed, model.nfix(iq), iq);
         list(model.covar, model.ncov(iq), iq);
         list(model.random, model.nrnd(iq), iq);
-        list(model.rnd_opt, model.nrnd(iq), iq);
+        sum.add(model.nrnd(iq));
+        for (int i = 1; i <= model.nrnd(iq); ++i) sum.add(name_of(model.rnd_opt(i, iq)));
         list(model.extra, model.nextra(iq), iq);
         list(model.rricontrol, model.nmeta(iq), iq);
         sum.add(model.fitmean(iq));
@@ -64,7 +65,7 @@ digest blocks_sum() {
         sum.add(model.krandom(irand));
         for (const int n : {model.kkfit(irand), model.krfit(irand), model.diagonal(irand), model.correlated(irand)})
             sum.add(n);
-        if (irand > 0) sum.add(mudmap.kovrnd(irand));
+        if (irand > 0) sum.add(name_of(mudmap.kovrnd(irand)));
     }
     sum.add(model.rr_resteps);
     sum.add(model.me_type);
@@ -82,7 +83,7 @@ digest data_sum() {
     digest_maker sum;
     recdata_pass pass;
     setup_recdata(pass, filenames.recdatfil2);
-    const auto& d = datavecs;
+    const subject_record& d = pass.record;
     for (int iq = 1; iq <= numbers.nq; ++iq) sum.add(trait_unit(iq));
     while (next_subject(pass)) {
         const int head[4] = {d.nobs, d.kk, d.nr, d.mcov};
@@ -96,7 +97,6 @@ digest data_sum() {
         add_part(sum, d.ieqnr, d.mrow, d.kk);
         sum.bytes(d.jvec.data(), sizeof(int) * static_cast<std::size_t>(d.nr));
     }
-    deall_recdata(pass);
     return sum.value();
 }
 
@@ -106,7 +106,7 @@ digest relationships_sum() {
     for (int irun = 1; irun <= pedigreelist.nrunno; ++irun)
         for (const auto* parents : {&pedigreelist.sire(irun), &pedigreelist.dam(irun)}) sum.add(*parents);
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (mudmap.kovrnd(irand) != "GIN") continue;
+        if (mudmap.kovrnd(irand) != covariance_kind::gin) continue;
         inverse_stream inverse(irand);
         for (inverse_element e; inverse.next(e);) {
             sum.add(e.col);

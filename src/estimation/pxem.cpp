@@ -59,8 +59,7 @@ std::vector<double> solve_scaled(const std::vector<double>& lhs, const std::vect
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j) {
             const int a = live[at(i - 1)], b = live[at(j - 1)];
-            x[at(a)] +=
-                packed[at(ihmssf(std::min(i, j), std::max(i, j), n) - 1)] * scale[at(a)] * scale[at(b)] * rhs[at(b)];
+            x[at(a)] += packed[at(packed_place(i, j, n) - 1)] * scale[at(a)] * scale[at(b)] * rhs[at(b)];
         }
     return x;
 }
@@ -117,8 +116,7 @@ double mean_deviation(const array<double, 2>& change, int irand) {
             double s = 0.0;
             for (int c = 1; c <= r; ++c)
                 for (int d = 1; d <= r; ++d)
-                    s += change(i, c) * qq[at(ihmssf(std::min(c, d), std::max(c, d), r) - 1)] *
-                         randomvars.zig(j, d, irand);
+                    s += change(i, c) * qq[at(packed_place(c, d, r) - 1)] * randomvars.zig(j, d, irand);
             sum += std::fabs(s);
         }
     return sum / (n * n);
@@ -211,18 +209,6 @@ void pxem_solve_all(const em_quantities& q, std::vector<array<double, 2>>& chang
     if (!pxempc.skip_px && pxempc.aalpha < smallest_deviation) pxempc.skip_px = true;
 }
 
-void raise_leading(array<double, 2>& g, int n, int rank) {
-    array<double, 2> vectors;
-    array<double> eig;
-    int nzero = 0;
-    eigem(g, eig, vectors, n, eigen_floor, nzero);
-    if (eig(rank) >= eigen_floor) return;
-    for (int i = 1; i <= n; ++i)
-        for (int j = 1; j <= n; ++j) {
-            double s = 0.0;
-            for (int k = 1; k <= rank; ++k) s += vectors(i, k) * vectors(j, k) * std::max(eig(k), eigen_floor);
-            g(i, j) = s;
-        }
-}
+void raise_leading(array<double, 2>& g, int n, int rank) { raise_eigenvalues(g, n, rank, eigen_floor); }
 
 } // namespace tarvex

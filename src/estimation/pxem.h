@@ -19,12 +19,14 @@ inline pxempc_module pxempc;
 // Fresh state before rounds of PX-EM or EM of reduced rank.
 void pxem_setup();
 
-// Full-rank runs: expansion alpha of block irand from the quadratics of the E-step; the block's expansion stands in
-// q.lhs. The identity where alpha strays too far.
+// Full-rank runs: expansion alpha (kkfit x kkfit) of block irand from the quadratics of the E-step; the block's
+// expansion stands in q.lhs, randomvars holds the inverse of its matrix. Where alpha strays too far from the identity
+// it is the identity, with lines on the screen; a singular system stops the run.
 void pxem_solve(int irand, const em_quantities& q, array<double, 2>& alpha);
 
 // Principal runs: changes of the loadings Q (kkfit x krfit) of all blocks in q.unknowns, from one joint system; 0 for
-// others. Sets pxempc.aalpha from the blocks' expansions.
+// others, and along directions that the system does not inform. Sets pxempc.aalpha from the blocks' expansions, and
+// pxempc.skip_px where these have stopped mattering.
 void pxem_solve_all(const em_quantities& q, std::vector<array<double, 2>>& change);
 
 // Covariance matrix g of a block (n x n): where one of its `rank` leading eigenvalues is below 1e-6 the matrix is made

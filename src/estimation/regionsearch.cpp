@@ -37,7 +37,7 @@ constexpr double em_gain = 0.01; // of a round of EM that is worth another
 
 std::size_t at(int i) { return static_cast<std::size_t>(i - 1); }
 
-bool by_factor(int irand) { return estimates.paraform(irand) != "Original"; }
+bool by_factor(int irand) { return estimates.paraform(irand) != par_scale::original; }
 
 // Least logarithm of a diagonal: pivots below make a point invalid.
 double least_log() { return 0.5 * std::log(400.0 * numbers.zero); }

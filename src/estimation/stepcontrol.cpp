@@ -69,8 +69,7 @@ void direct_step(double smallest, double& tau, array<double>& gradient) {
         tau = more;
     }
     for (int i = 1; i <= n; ++i)
-        for (int j = 1; j <= n; ++j)
-            derivs.dvec(i) += derivs.hess(ihmssf(std::min(i, j), std::max(i, j), n)) * gradient(j);
+        for (int j = 1; j <= n; ++j) derivs.dvec(i) += derivs.hess(packed_place(i, j, n)) * gradient(j);
 }
 
 double inner(const array<double>& a, const array<double>& b) {
@@ -98,10 +97,7 @@ void cut_largest() {
 void step_by_factorisation(const array<double>& gradient) {
     const int n = size();
     if (n == 0) return;
-    array<double, 2> a;
-    a.allocate(n, n);
-    for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = derivs.hess(ihmssf(i, j, n));
+    const array<double, 2> a = unpack(derivs.hess.prefix(derivs.hess.size()), n);
     if (maximise.modify_chol == 3) {
         modchl_factor f;
         modchl(a, n, 0.5, 0.6, f);
@@ -118,16 +114,12 @@ void step_by_factorisation(const array<double>& gradient) {
 // Residual covariances themselves are parameters: the point becomes that of the matrices which its evaluation takes,
 // where eigenvalues have been raised. Otherwise log L would be flat beyond.
 void damage_control() {
-    if (estimates.paraform(0) != "Original" || model.diagonal(0)) return;
-    const auto marks = estimates.switchlog;
-    array<double> cc;
-    array<double, 2> factor;
+    if (estimates.paraform(0) != par_scale::original || model.diagonal(0)) return;
     for (int step = 1; step <= model.rr_resteps; ++step) {
-        int ifail = 0;
-        parvec2covs(search_state.parnew, 0, step, cc, factor, ifail);
-        for (int k = 1; k <= cc.upper() && ifail == 0; ++k) search_state.parnew(block_start(0, step) + k - 1) = cc(k);
+        const block_at_point found = covariances_at(search_state.parnew, 0, step);
+        for (int k = 1; k <= found.cc.upper() && found.finite; ++k)
+            search_state.parnew(block_start(0, step) + k - 1) = found.cc(k);
     }
-    estimates.switchlog = marks;
 }
 
 void move(double length) {
@@ -192,10 +184,7 @@ void eztimates(int iter, double& xnew) {
         array<double, 2> vectors;
         double smallest = 0.0;
         if (method > 0) {
-            array<double, 2> a;
-            a.allocate(n, n);
-            for (int i = 1; i <= n; ++i)
-                for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = derivs.hess(ihmssf(i, j, n));
+            const array<double, 2> a = unpack(derivs.hess.prefix(derivs.hess.size()), n);
             int nzero = 0;
             eigem(a, eig, vectors, n, 100.0 * numbers.zero, nzero);
             smallest = eig(n);

@@ -16,15 +16,16 @@ struct linesearch_module {
 inline linesearch_module linesearch;
 void set_linesearch(); // constants at the start of AI-REML
 
-// Step from derivs.der1, der2 (subset of nparm2 parameters) and the trial evaluation: aireml_terms.tau, alpha, slope,
-// derivs.dvec, search_state.parnew; xnew is its log L.
+// Step of full length from derivs.der1, der2 (subset of nparm2 parameters), the information made safe by
+// maximise.modify_chol, and the trial evaluation: leaves aireml_terms.tau, alpha, slope, derivs.dvec, hess and
+// search_state.parnew; xnew is its log L, -1.0e36 where it is not valid. estimates.parvec stays.
 void eztimates(int iter, double& xnew);
 
 // tau to add to the diagonal for largest and smallest eigenvalue e1, en; 0: none needed.
 double set_tau(double e1, double en);
 
-// Searches along dvec after a trial that did not gain. Leaves search_state.parnew, xnew, aireml_terms.alpha. fail: no
-// point found.
+// Searches along derivs.dvec after a trial (eztimates) that did not gain on xold. Leaves search_state.parnew, xnew,
+// aireml_terms.alpha and a shorter dvec where the step was too long. fail: no point found, xnew is of no use.
 void line_search(double xold, double& xnew, bool& fail);
 
 } // namespace tarvex

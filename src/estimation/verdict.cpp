@@ -32,9 +32,7 @@ struct judgement {
     std::vector<direction> free;
     bool matrices_only = false; // there is no gradient
     int size() const { return static_cast<int>(point.gradient.size()); }
-    double information(int i, int j) const {
-        return point.information[at(ihmssf(std::min(i, j), std::max(i, j), size()) - 1)];
-    }
+    double information(int i, int j) const { return point.information[at(packed_place(i, j, size()) - 1)]; }
     double slope(const direction& d) const {
         double s = 0.0;
         if (matrices_only) return s;
@@ -56,7 +54,7 @@ std::string number(double x) {
     return text;
 }
 
-int packed(const judged_block& b, int i, int j) { return ihmssf(std::min(i, j), std::max(i, j), b.order()); }
+int packed(const judged_block& b, int i, int j) { return packed_place(i, j, b.order()); }
 bool held(const judged_block& b, int element) { return !b.fixed.empty() && b.fixed[at(element - 1)] != 0; }
 
 double curvature_along(const judgement& j, const direction& d) {

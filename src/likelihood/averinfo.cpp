@@ -23,6 +23,7 @@
 #include "parfile/mudmap.h"
 #include "relations/cholnrm.h"
 #include "relations/inverse_stream.h"
+#include "sparse/dense_kernels.h"
 #include "support/record_file.h"
 #include "support/stop.h"
 
@@ -38,7 +39,9 @@ namespace {
 
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
-constexpr int columns_at_once = 16; // working variables in one pass over the factor
+constexpr int columns_at_once = solve_columns; // working variables in one pass over the factor
+static_assert(columns_at_once % solve_columns == 0,
+              "the solves take their right-hand sides in pieces of solve_columns");
 
 // What the working variables of a random effect take from the solutions, by level.
 struct effect_vectors {
@@ -51,7 +54,7 @@ struct effect_vectors {
     const double* level_v(int l) const { return v.data() + at(l - 1) * at(n); }
 };
 
-bool fitted(int irand) { return mudmap.kovrnd(irand) != "PEQ"; }
+bool fitted(int irand) { return mudmap.kovrnd(irand) != covariance_kind::peq; }
 
 effect_vectors get_solutions(int irand) {
     effect_vectors e;
@@ -208,8 +211,8 @@ void solve_given(int irand, const std::vector<double>& z, std::vector<double>& x
 
 // A z by place of the block.
 void multiply_relationships(int irand, effect_vectors& e) {
-    if (mudmap.kovrnd(irand) == "IDE") return;
-    const bool given = mudmap.kovrnd(irand) == "GIN";
+    if (mudmap.kovrnd(irand) == covariance_kind::ide) return;
+    const bool given = mudmap.kovrnd(irand) == covariance_kind::gin;
     if (options.write_factor && !given) check_cholnrm(irand);
     const int nlev = levels.rn_nlev(irand);
     std::vector<double> z(at(nlev)), az;
@@ -280,7 +283,7 @@ public:
         const std::size_t np = at(estimates.nparm);
         b.assign(at(d.nobs) * np, 0.0);
         weighted_residuals(stream, ehat_, re_);
-        residual_columns(stream.record(), d.nobs);
+        residual_columns(stream.record());
         for (int i = 0; i < d.nobs; ++i)
             for (int k = d.efirst[at(i)]; k < d.efirst[at(i + 1)]; ++k) {
                 const design_effect& f = d.effects[at(k)];
@@ -299,8 +302,9 @@ public:
 
 private:
     // dR R^-1 e.
-    void residual_columns(const datavecs_module& d, int nobs) {
+    void residual_columns(const subject_record& d) {
         const std::size_t np = at(estimates.nparm);
+        const int nobs = d.nobs;
         if (options.randreg) residual_classes(d, age_, iclass_);
         int pars[2];
         const bool independent = numbers.nq == 1 && residualvars.ipeq == 0;
@@ -323,7 +327,7 @@ private:
             row[from + p - 2] += z * v[p - 1];
             return;
         }
-        for (int j = 1; j <= e.n; ++j) row[from + ihmssf(std::min(p, j), std::max(p, j), e.n) - 2] += z * v[j - 1];
+        for (int j = 1; j <= e.n; ++j) row[from + packed_place(p, j, e.n) - 2] += z * v[j - 1];
     }
     // Q(r,c): z u(c) where p is r, and z Q(p,c) x(r).
     void factor_columns(const design_effect& f, const effect_vectors& e, int p, double z, double* row) const {
@@ -502,8 +506,8 @@ bool average_info_available() {
     if (repeat_block_reduced()) return false;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (!fitted(irand) || !options.principal || !needs_relationships(irand)) continue;
-        if (mudmap.kovrnd(irand) == "NRM" && options.pseudofix) return false;
-        if (mudmap.kovrnd(irand) != "GIN") continue;
+        if (mudmap.kovrnd(irand) == covariance_kind::nrm && options.pseudofix) return false;
+        if (mudmap.kovrnd(irand) != covariance_kind::gin) continue;
         const std::vector<double> d = given_diagonal(irand); // every level needs a variance
         if (!std::all_of(d.begin(), d.end(), [](double x) { return x > 0.0; })) return false;
     }

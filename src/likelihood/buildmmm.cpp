@@ -267,7 +267,7 @@ void mmm_peds_muv(int& iflag) {
     places.blocks.resize(at(numbers.krand));
     if (!randomvars.detl.allocated()) allocate("alloc zig", randomvars.detl, numbers.krand);
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (mudmap.kovrnd(irand) == "PEQ" || levels.rn_nlev(irand) < 1) continue;
+        if (mudmap.kovrnd(irand) == covariance_kind::peq || levels.rn_nlev(irand) < 1) continue;
         block_adder block(irand);
         inverse_stream elements(irand);
         randomvars.detl(irand) = elements.logdet();

@@ -50,7 +50,8 @@ struct residual_part {
             add_residual_terms(rinv, q, {}, {}, -0.5 * combinations.ncomb_subj[at(k - 1)], trace);
         }
     }
-    void add_subject(const datavecs_module& d, const part_products& p) {
+    void add_subject(const part_products& p) {
+        const subject_record& d = *p.part.record;
         residual_classes(d, age, iclass);
         const std::span<const int> q(d.ynq.data(), at(d.nobs));
         const std::size_t from = at(p.part.obs), n = at(p.part.design->nobs);
@@ -66,7 +67,7 @@ struct residual_part {
 
 void set_principal(const factor_sums& d) {
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (mudmap.kovrnd(irand) == "PEQ") continue;
+        if (mudmap.kovrnd(irand) == covariance_kind::peq) continue;
         const int from = block_start(irand);
         for (int k = 1; k <= block_size(irand); ++k) {
             const factor_place f = factor_element(irand, 1, k);
@@ -123,12 +124,12 @@ struct chunk_sums {
 
 void data_pass(const pattern_values& x) {
     std::vector<chunk_sums> sums(at(subject_chunks()));
-    walk_products(x, options.principal, [&](int chunk, const subject_stream& stream, const part_products& p) {
+    walk_products(x, options.principal, [&](int chunk, const part_products& p) {
         chunk_sums& mine = sums[at(chunk)];
         if (options.randreg)
-            mine.residual.add_subject(stream.record(), p);
+            mine.residual.add_subject(p);
         else
-            add_products(stream.record(), p, mine.patterns);
+            add_products(p, mine.patterns);
         if (options.principal) add_loads(p, 2.0, mine.factors);
     });
     chunk_sums& all = sums.front();
@@ -166,26 +167,10 @@ void derivatives_mmm() {
     data_pass(x);
     if (options.print_times) tvxtimes(2, "1st - residuals");
     for (int irand = 1; irand <= numbers.krand; ++irand)
-        if (mudmap.kovrnd(irand) != "PEQ" && !options.principal) block_derivatives(irand, x);
+        if (mudmap.kovrnd(irand) != covariance_kind::peq && !options.principal) block_derivatives(irand, x);
     if (options.details)
         for (int i = 1; i <= nparm; ++i) print_list(screen(), "devc", i, derivs.devc(i));
     if (options.print_times) tvxtimes(2, "1st - all");
-}
-
-void write_avinfo(double xlike) {
-    const auto put = [xlike](const std::string& name, const array<double>& a, const std::vector<double>& unit,
-                             double sign) {
-        text_out out;
-        if (!out.open(name)) return;
-        print_list(out, xlike);
-        for (int i = 1; i <= estimates.nparm; ++i)
-            for (int j = i; j <= estimates.nparm; ++j)
-                print_list(out, i, j, sign * a(ihmssf(i, j, estimates.nparm)) / (unit[at(i - 1)] * unit[at(j - 1)]));
-    };
-    std::vector<double> factors;
-    for (const auto& u : parameter_units()) factors.push_back(u.factor);
-    put(filenames.aiparsfile, derivs.der2, factors, 1.0);
-    if (!options.principal) put(filenames.aicovsfile, derivs.devl2, covariance_units(), -1.0);
 }
 
 } // namespace tarvex

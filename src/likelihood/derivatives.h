@@ -3,8 +3,6 @@
 // Gradient by reverse differentiation of the factor (S. P. Smith 1995), average information by working variables pushed
 // through the factor (D. L. Johnson and R. Thompson, J. Dairy Sci. 78:449, 1995; A. R. Gilmour et al., Biometrics
 // 51:1440, 1995); reduced rank: K. Meyer and M. Kirkpatrick, Genet. Sel. Evol. 37:1, 2005.
-//
-// AvInfoParms: log L; then i, j, der2(i,j) for i = 1..nparm, j = i..nparm. AvInfoCovs: the same with minus devl2.
 #pragma once
 #include "support/array.h"
 
@@ -26,11 +24,13 @@ struct derivs_module {
 };
 inline derivs_module derivs;
 
-// Both are at estimates.parvec, after any order of calls; right after loglike with iopt 1 at that point they take its
-// factor (average_info before derivatives_mmm, which uses it up). derivatives_mmm fills devl1 (and devc), average_info
-// devl2. Parameters of the covariance scale are in the order of parvec with a block's packed upper
-// triangle row by row (full-rank blocks: the same count); reduced-rank and principal blocks have their factor elements
-// instead. Residual components fixed at zero have zeros. The factor is not changed.
+// Both are at estimates.parvec, after any order of calls: they take the factor that loglike has left there, and where
+// the store holds anything else the point is evaluated anew (factor_at_point). average_info fills devl2 and keeps the
+// factor; derivatives_mmm fills devl1 (and devc) and puts the derivatives of the factorisation in the place of the
+// factor, so that the other order costs one more factorisation. Parameters of the covariance scale are in the order of
+// parvec with a block's packed upper triangle row by row (full-rank blocks: the same count); reduced-rank and principal
+// blocks have their factor elements instead. Residual components fixed at zero have zeros. An invalid point stops the
+// run, as do check_average_info and check_repeat_block, which the two call.
 void derivatives_mmm();
 void average_info();
 
@@ -43,7 +43,8 @@ void check_average_info();
 // has a reduced rank for it.
 void check_repeat_block();
 
-// der1 = J' devl1, der2 = J' (-devl2) J; flag 1 subtracts the second-order term.
+// der1 = J' devl1, der2 = J' (-devl2) J, at estimates.parvec, from what the two have left; flag 1 subtracts the
+// second-order term.
 void jacob_var2chol(int flag);
 
 // Derivatives of the covariances of block irand (irand 0: of residual class `step`; PEQ and principal blocks too) with
@@ -59,8 +60,5 @@ factor_place factor_element(int irand, int step, int k);
 
 // Parameters of one class of block irand.
 int block_size(int irand);
-
-// AvInfoParms with xlike in front; AvInfoCovs unless principal.
-void write_avinfo(double xlike);
 
 } // namespace tarvex

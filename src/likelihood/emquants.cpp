@@ -57,7 +57,9 @@ public:
     }
 
 private:
-    bool wanted(int irand) const { return request_.expand[at(irand - 1)] != 0 && mudmap.kovrnd(irand) != "PEQ"; }
+    bool wanted(int irand) const {
+        return request_.expand[at(irand - 1)] != 0 && mudmap.kovrnd(irand) != covariance_kind::peq;
+    }
 
     // Distinct levels of the wanted effects in the part, and E(uu') between all their components.
     void collect_levels(const subject_design& d) {
@@ -142,9 +144,9 @@ public:
         } else
             q.residuals.assign(at(combinations.ncombi), {});
     }
-    void add(const datavecs_module& d, const part_products& p) {
-        if (!options.randreg) return add_products(d, p, q_.residuals);
-        residual_classes(d, age_, class_);
+    void add(const part_products& p) {
+        if (!options.randreg) return add_products(p, q_.residuals);
+        residual_classes(*p.part.record, age_, class_);
         for (int i = 0; i < p.part.design->nobs; ++i) {
             const std::size_t c = at(class_[at(p.part.obs + i)] - 1);
             q_.class_ss[c] += 2.0 * p.m(i + 1, i + 1);
@@ -215,9 +217,9 @@ void em_expectations(const em_request& request, em_quantities& q) {
     q.quads.assign(at(numbers.krand), {});
     std::vector<std::unique_ptr<em_chunk>> chunks = make_chunks(&request);
     const bool with_effects = options.principal || chunks.front()->expansion->any();
-    walk_products(x, with_effects, [&](int chunk, const subject_stream& stream, const part_products& p) {
+    walk_products(x, with_effects, [&](int chunk, const part_products& p) {
         em_chunk& mine = *chunks[at(chunk)];
-        mine.residual.add(stream.record(), p);
+        mine.residual.add(p);
         if (options.principal) add_loads(p, -2.0, mine.q.loads);
         if (mine.expansion->any()) mine.expansion->add(p.part);
     });
@@ -228,7 +230,7 @@ void em_expectations(const em_request& request, em_quantities& q) {
     take_residuals(all, q);
     if (options.principal) return;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (mudmap.kovrnd(irand) == "PEQ") continue;
+        if (mudmap.kovrnd(irand) == covariance_kind::peq) continue;
         auto& t = q.quads[at(irand - 1)];
         structure_sums(irand, x, t);
         for (double& v : t) v *= 2.0;
@@ -239,9 +241,7 @@ void em_residuals(em_quantities& q) {
     need_state(sparse, store_state::derivative, "em_residuals");
     const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
     std::vector<std::unique_ptr<em_chunk>> chunks = make_chunks(nullptr);
-    walk_products(x, false, [&](int chunk, const subject_stream& stream, const part_products& p) {
-        chunks[at(chunk)]->residual.add(stream.record(), p);
-    });
+    walk_products(x, false, [&](int chunk, const part_products& p) { chunks[at(chunk)]->residual.add(p); });
     take_residuals(add_up(chunks), q);
 }
 

@@ -32,10 +32,11 @@ struct em_request {
     bool joint = false;
 };
 
-// E-step at the factor in hand, which the derivative of the factorisation takes the place of.
+// E-step at the point of the factor in hand, which the derivative of the factorisation takes the place of. The store
+// must hold a factor (loglike with iopt 1 or -1), anything else stops the run.
 void em_expectations(const em_request& request, em_quantities& q);
 // Residual quantities alone, with the weights now in randomvars.zig (loadings changed) and the derivative that the
-// E-step left.
+// E-step left: called behind em_expectations only, held to that by the state of the store.
 void em_residuals(em_quantities& q);
 
 // New residual matrices by EM: the covariances in the layout of parvec on "Original" (sum with the PEQ matrix), and the

@@ -13,6 +13,7 @@
 #include "parameters/parvec.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
+#include "support/stop.h"
 
 #include <algorithm>
 #include <cmath>
@@ -27,7 +28,6 @@ constexpr int most_steps = 100;
 constexpr double same = 1.0e-11; // relative change of the covariances that ends the steps
 
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
-int packed(int i, int j, int n) { return ihmssf(std::min(i, j), std::max(i, j), n); }
 
 bool single_records() {
     if (residualvars.peqsum) return false;
@@ -51,11 +51,9 @@ std::vector<double> current_values() {
 // At most one record a trait: the missing residuals of a pattern are completed by regression on those observed.
 std::vector<double> complete_patterns(const em_quantities& q) {
     const int nq = numbers.nq;
-    array<double, 2> R, sum;
-    R.allocate(nq, nq);
+    const array<double, 2> R = unpack(residualvars.rpars.prefix(nq * (nq + 1) / 2), nq);
+    array<double, 2> sum;
     sum.allocate(nq, nq);
-    for (int i = 1; i <= nq; ++i)
-        for (int j = i; j <= nq; ++j) R(i, j) = R(j, i) = residualvars.rpars(ihmssf(i, j, nq));
     double subjects = 0.0;
     for (int k = 1; k <= combinations.ncombi; ++k) {
         const pattern_matrix& s = q.residuals[at(k - 1)];
@@ -110,47 +108,31 @@ void pattern_variance(const std::vector<int>& traits, const std::vector<double>&
         }
 }
 
-// Cholesky factor in the lower triangle; false: not positive definite.
-bool factorise(std::vector<double>& w, int n) {
-    for (int j = 0; j < n; ++j)
-        for (int i = j; i < n; ++i) {
-            double x = w[at(i) + at(j) * at(n)];
-            for (int l = 0; l < j; ++l) x -= w[at(i) + at(l) * at(n)] * w[at(j) + at(l) * at(n)];
-            if (i == j && !(x > 0.0)) return false;
-            w[at(i) + at(j) * at(n)] = i == j ? std::sqrt(x) : x / w[at(j) + at(j) * at(n)];
-        }
-    return true;
-}
-
-// x <- W^-1 x with the factor of W.
-void solve(const std::vector<double>& w, int n, std::vector<double>& x) {
-    for (int i = 0; i < n; ++i) {
-        for (int l = 0; l < i; ++l) x[at(i)] -= w[at(i) + at(l) * at(n)] * x[at(l)];
-        x[at(i)] /= w[at(i) + at(i) * at(n)];
-    }
-    for (int i = n - 1; i >= 0; --i) {
-        for (int l = i + 1; l < n; ++l) x[at(i)] -= w[at(l) + at(i) * at(n)] * x[at(l)];
-        x[at(i)] /= w[at(i) + at(i) * at(n)];
-    }
+// Its Cholesky factor; false where it is not positive definite.
+bool pattern_factor(const std::vector<int>& traits, const std::vector<double>& theta, array<double, 2>& factor) {
+    std::vector<double> w;
+    pattern_variance(traits, theta, w);
+    const int n = static_cast<int>(traits.size());
+    factor.allocate(n, n);
+    std::copy(w.begin(), w.end(), factor.begin());
+    return cholesky(factor, n);
 }
 
 // -2 Q at theta; false where a pattern's matrix is not positive definite.
 bool residual_objective(const em_quantities& q, const std::vector<double>& theta, double& value) {
     value = 0.0;
-    std::vector<double> w;
+    array<double, 2> factor;
     for (int k = 1; k <= combinations.ncombi; ++k) {
         const pattern_matrix& s = q.residuals[at(k - 1)];
         const int n = s.n;
         if (n == 0) continue;
-        pattern_variance(pattern_traits(k), theta, w);
-        if (!factorise(w, n)) return false;
-        for (int j = 0; j < n; ++j)
-            value += 2.0 * combinations.ncomb_subj[at(k - 1)] * std::log(w[at(j) + at(j) * at(n)]);
-        for (int c = 0; c < n; ++c) { // trace of W^-1 S, column by column
+        if (!pattern_factor(pattern_traits(k), theta, factor)) return false;
+        for (int j = 1; j <= n; ++j) value += 2.0 * combinations.ncomb_subj[at(k - 1)] * std::log(factor(j, j));
+        for (int c = 1; c <= n; ++c) { // trace of W^-1 S, column by column
             std::vector<double> x(at(n));
-            for (int i = 0; i < n; ++i) x[at(i)] = s(i + 1, c + 1);
-            solve(w, n, x);
-            value += x[at(c)];
+            for (int i = 1; i <= n; ++i) x[at(i - 1)] = s(i, c);
+            solve(n, factor, x, x);
+            value += x[at(c - 1)];
         }
     }
     return true;
@@ -159,17 +141,16 @@ bool residual_objective(const em_quantities& q, const std::vector<double>& theta
 // Inverses of the patterns' matrices at theta, where they are positive definite.
 std::vector<pattern_matrix> pattern_inverses(const em_quantities& q, const std::vector<double>& theta) {
     std::vector<pattern_matrix> list(q.residuals.size());
-    std::vector<double> w;
+    array<double, 2> factor;
     for (int k = 1; k <= combinations.ncombi; ++k) {
         pattern_matrix& inv = list[at(k - 1)];
         const int n = inv.n = q.residuals[at(k - 1)].n;
         if (n == 0) continue;
-        pattern_variance(pattern_traits(k), theta, w);
-        factorise(w, n);
+        if (!pattern_factor(pattern_traits(k), theta, factor)) stop("this should not happen");
         for (int c = 0; c < n; ++c) {
             std::vector<double> x(at(n), 0.0);
             x[at(c)] = 1.0;
-            solve(w, n, x);
+            solve(n, factor, x, x);
             inv.v.insert(inv.v.end(), x.begin(), x.end());
         }
     }
@@ -197,7 +178,7 @@ least_eigenvalues margins(const std::vector<double>& theta) {
     a.allocate(nq, nq);
     for (int i = 1; i <= nq; ++i)
         for (int j = i; j <= (model.diagonal(0) ? i : nq); ++j)
-            a(i, j) = a(j, i) = theta[at((model.diagonal(0) ? i : packed(i, j, nq)) - 1)];
+            a(i, j) = a(j, i) = theta[at((model.diagonal(0) ? i : packed_place(i, j, nq)) - 1)];
     least_eigenvalues m;
     m.sum = m.residual = m.peq = least_of(a, nq);
     const auto places = peq_places();
@@ -228,7 +209,7 @@ bool may_be(const std::vector<double>& theta, const least_eigenvalues& old) {
 // residual and PEQ ones.
 std::vector<double> with_variances(std::vector<double> theta, const std::vector<double>& old) {
     const int nq = numbers.nq;
-    const auto residual = [&](int i) { return at((model.diagonal(0) ? i : packed(i, i, nq)) - 1); };
+    const auto residual = [&](int i) { return at((model.diagonal(0) ? i : packed_place(i, i, nq)) - 1); };
     std::vector<double> peq(at(nq + 1), 0.0), old_peq(at(nq + 1), 0.0);
     constexpr double floor = 1.0001 * least_eigenvalue;
     int k = estimates.nresparm;
@@ -254,13 +235,13 @@ std::vector<double> balanced(std::vector<double> theta, double share) {
     const int nq = numbers.nq, ipeq = residualvars.ipeq;
     if (ipeq == 0 || model.diagonal(0) || model.diagonal(ipeq)) return theta;
     const int n = model.kkfit(ipeq);
-    const auto peq = [&](int i, int j) -> double& { return theta[at(estimates.nresparm + packed(i, j, n) - 1)]; };
+    const auto peq = [&](int i, int j) -> double& { return theta[at(estimates.nresparm + packed_place(i, j, n) - 1)]; };
     for (const peq_place& p : peq_places()) {
         const int i = mudmap.rn_trait(p.i, ipeq), j = mudmap.rn_trait(p.j, ipeq);
         if (i == j || residualvars.fixres(p.residual)) continue;
         const double pp = peq(p.i, p.i) * peq(p.j, p.j);
-        const double rr =
-            (theta[at(packed(i, i, nq) - 1)] - peq(p.i, p.i)) * (theta[at(packed(j, j, nq) - 1)] - peq(p.j, p.j));
+        const double rr = (theta[at(packed_place(i, i, nq) - 1)] - peq(p.i, p.i)) *
+                          (theta[at(packed_place(j, j, nq) - 1)] - peq(p.j, p.j));
         if (!(pp > 0.0) || !(rr > 0.0)) continue;
         double& sum = theta[at(p.residual - 1)];
         const double total = sum + peq(p.i, p.j);
@@ -299,7 +280,7 @@ std::vector<double> scoring_change(const em_quantities& q, const std::vector<dou
         }
     }
     for (int i = 1; i <= n; ++i) // the score is what remains at the old values
-        for (int j = 1; j <= n; ++j) h[at(i - 1)] -= info[at(packed(i, j, n) - 1)] * old[at(j - 1)];
+        for (int j = 1; j <= n; ++j) h[at(i - 1)] -= info[at(packed_place(i, j, n) - 1)] * old[at(j - 1)];
     std::vector<double> scale(at(n), 0.0), change(at(n), 0.0);
     for (int i = 1; i <= n; ++i) {
         const double d = info[at(ihmssf(i, i, n) - 1)];
@@ -312,7 +293,8 @@ std::vector<double> scoring_change(const em_quantities& q, const std::vector<dou
     gen_inverse(info, n, numbers.zero, rank, ldet);
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j)
-            change[at(i - 1)] += info[at(packed(i, j, n) - 1)] * scale[at(i - 1)] * scale[at(j - 1)] * h[at(j - 1)];
+            change[at(i - 1)] +=
+                info[at(packed_place(i, j, n) - 1)] * scale[at(i - 1)] * scale[at(j - 1)] * h[at(j - 1)];
     return change;
 }
 

@@ -24,7 +24,7 @@ namespace {
 [[noreturn]] void report_indefinite(int irow) {
     screen().line("***** ERROR in sparse matrix factorisation ");
     screen().line("      mixed model matrix is not positive definite !!!");
-    if (options.first) write_warnfix(irow);
+    if (likelihoods.first) write_warnfix(irow);
     stoptarvex();
 }
 

@@ -16,25 +16,18 @@ namespace tarvex {
 
 namespace {
 
-int packed(int i, int j, int n) { return ihmssf(std::min(i, j), std::max(i, j), n); }
 int block_covs(int irand) {
     const int n = model.kkfit(irand);
     return model.diagonal(irand) ? n : n * (n + 1) / 2;
 }
 
 // Derivatives are on the factor scale already.
-bool factor_derivatives(int irand) { return irand > 0 && options.principal && mudmap.kovrnd(irand) != "PEQ"; }
+bool factor_derivatives(int irand) {
+    return irand > 0 && options.principal && mudmap.kovrnd(irand) != covariance_kind::peq;
+}
 
 // Factor of a block at estimates.parvec, rows in the order of the matrix.
-array<double, 2> block_factor(int irand, int step) {
-    array<double> cc;
-    array<double, 2> vv;
-    const auto marks = estimates.switchlog;
-    int ifail = 0;
-    parvec2covs(estimates.parvec, irand, step, cc, vv, ifail);
-    estimates.switchlog = marks;
-    return vv;
-}
+array<double, 2> block_factor(int irand, int step) { return covariances_at(estimates.parvec, irand, step).vv; }
 
 // Factor by which a logarithmic parameter is multiplied: its diagonal element; 1 for others.
 double log_factor(int irand, factor_place f, int diagonal_row, const array<double, 2>& vv) {
@@ -86,7 +79,7 @@ std::vector<class_jacobian> all_jacobians() {
     return list;
 }
 
-double& der2(int i, int j) { return derivs.der2(packed(i, j, estimates.nparm)); }
+double& der2(int i, int j) { return derivs.der2(packed_place(i, j, estimates.nparm)); }
 
 // der2 for the parameters of classes a and b: Ja' (-devl2) Jb.
 void transform_information(const class_jacobian& a, const class_jacobian& b) {
@@ -97,7 +90,7 @@ void transform_information(const class_jacobian& a, const class_jacobian& b) {
         for (int l = 1; l <= kb; ++l) {
             double s = 0.0;
             for (int k = 1; k <= ka; ++k)
-                s -= a.jac(k, p) * derivs.devl2(packed(a.from + k - 1, b.from + l - 1, estimates.nparm));
+                s -= a.jac(k, p) * derivs.devl2(packed_place(a.from + k - 1, b.from + l - 1, estimates.nparm));
             left(p, l) = s;
         }
     for (int p = 1; p <= a.jac.upper(2); ++p)
@@ -111,7 +104,7 @@ void transform_information(const class_jacobian& a, const class_jacobian& b) {
 // Second-order term of one class: derivatives of log L on the covariance scale times the second derivatives of the
 // covariances, which are not zero for elements of one column of the factor.
 void subtract_curvature(const class_jacobian& c) {
-    if (estimates.paraform(c.irand) == "Original") return;
+    if (estimates.paraform(c.irand) == par_scale::original) return;
     const array<double, 2> vv = block_factor(c.irand, c.step);
     const int n = block_size(c.irand), order = model.kkfit(c.irand);
     for (int p = 1; p <= n; ++p) {
@@ -121,13 +114,13 @@ void subtract_curvature(const class_jacobian& c) {
         for (int q = p; q <= n && !factor_derivatives(c.irand); ++q) {
             const factor_place fq = factor_element(c.irand, c.step, q);
             if (fq.col != fp.col) continue;
-            const int k = model.diagonal(c.irand) ? fp.row : packed(fp.row, fq.row, order);
+            const int k = model.diagonal(c.irand) ? fp.row : packed_place(fp.row, fq.row, order);
             const double lq = log_factor(c.irand, fq, pivot_row(c.irand, c.step, fq.col), vv);
             const double d2 = derivs.devl1(c.from + k - 1) * (fp.row == fq.row ? 2.0 : 1.0) * lp * lq;
-            derivs.der2b(packed(ip, c.from + q - 1, estimates.nparm)) += d2;
+            derivs.der2b(packed_place(ip, c.from + q - 1, estimates.nparm)) += d2;
         }
         const bool logarithm = estimates.logdiagonals(c.irand) && fp.row == pivot_row(c.irand, c.step, fp.col);
-        if (logarithm) derivs.der2b(packed(ip, ip, estimates.nparm)) += derivs.der1(ip);
+        if (logarithm) derivs.der2b(packed_place(ip, ip, estimates.nparm)) += derivs.der1(ip);
     }
 }
 
@@ -135,7 +128,7 @@ void subtract_curvature(const class_jacobian& c) {
 
 void block_jacobian(int irand, int step, array<double, 2>& jac) {
     const int n = model.kkfit(irand), ncov = block_covs(irand);
-    if (estimates.paraform(irand) == "Original") {
+    if (estimates.paraform(irand) == par_scale::original) {
         jac.allocate(ncov, ncov);
         for (int k = 1; k <= ncov; ++k) jac(k, k) = 1.0;
         return;
@@ -150,7 +143,8 @@ void block_jacobian(int irand, int step, array<double, 2>& jac) {
             jac(p, p) = 2.0 * vv(p, p) * times;
             continue;
         }
-        for (int i = 1; i <= n; ++i) jac(packed(i, f.row, n), p) = (i == f.row ? 2.0 : 1.0) * vv(i, f.col) * times;
+        for (int i = 1; i <= n; ++i)
+            jac(packed_place(i, f.row, n), p) = (i == f.row ? 2.0 : 1.0) * vv(i, f.col) * times;
     }
 }
 

@@ -130,7 +130,7 @@ double logl_shift() {
         if (const double u = trait_unit(iq); u != 1.0) s -= (means.nrec(iq) - fixed_equations(iq)) * std::log(u);
     if (!any_unit()) return s;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (mudmap.kovrnd(irand) == "PEQ" || estimates.paraform(irand) == "Cholesky") continue;
+        if (mudmap.kovrnd(irand) == covariance_kind::peq || estimates.paraform(irand) == par_scale::cholesky) continue;
         for (int i = 1; i <= model.kkfit(irand); ++i) s += levels_as_fixed(irand) * std::log(row_unit(irand, i));
     }
     return s;
@@ -140,7 +140,7 @@ double assembled_dev() {
     double dev = likelihoods.detc + likelihoods.ypy;
     if (any_unit()) dev -= 2.0 * logl_shift();
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (mudmap.kovrnd(irand) == "PEQ") continue;
+        if (mudmap.kovrnd(irand) == covariance_kind::peq) continue;
         const double nlev = effective_levels(irand);
         dev += nlev * randomvars.detg(irand);
         if (!options.siremodel) dev += nfit(irand) * randomvars.detl(irand);
@@ -180,7 +180,7 @@ void housekeeping(const array<double>& p, int nparm, bool changed, double xlike)
     if (changed) l.lastpar = p;
     table_evaluation(p, nparm, xlike);
     l.xlast = xlike;
-    options.first = false;
+    likelihoods.first = false;
 }
 
 evaluation without_value(evaluation e, invalid_point why) {

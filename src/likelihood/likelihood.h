@@ -8,6 +8,7 @@ namespace tarvex {
 struct likelihoods_module {
     double detc = 0.0;           // log determinant of the coefficient matrix
     double ypy = 0.0;            // y'Py
+    bool first = true;           // no evaluation has come to its end yet
     int ncall = 0;               // completed evaluations
     int nfact = 0;               // factorisations
     int nlike = 0;               // rows in use in likesav

@@ -99,12 +99,11 @@ void add_element(int n, const int* ei, const int* ej, bool diagonal_links, doubl
 // Goes through the parts of the subject in a stream.
 struct subject_parts {
     explicit subject_parts(const subject_stream& stream) : parts(stream) {}
-    void visit(int chunk, const subject_stream& stream, const pattern_values& x, place_cursor& place,
-               const visitor& visit) {
+    void visit(int chunk, const pattern_values& x, place_cursor& place, const visitor& visit) {
         for (parts.start(); parts.next(part);) {
             fetch(*part.design, x, place, w);
             multiply(part, w, products);
-            visit(chunk, stream, products);
+            visit(chunk, products);
         }
     }
     part_splitter parts;
@@ -146,7 +145,7 @@ void walk_products(const pattern_values& x, bool with_effects, const visitor& vi
             [&](products_worker& worker, int chunk) {
                 place_cursor place(places.subjects, x.fo, places.subjects.marks[at(chunk)]);
                 worker.chunk.start(chunk);
-                while (worker.chunk.next()) worker.parts.visit(chunk, worker.chunk.stream(), x, place, visit);
+                while (worker.chunk.next()) worker.parts.visit(chunk, x, place, visit);
             });
         return;
     }
@@ -155,12 +154,13 @@ void walk_products(const pattern_values& x, bool with_effects, const visitor& vi
     for (const int chunks = subject_chunks();;) {
         if (stream.isubj() % places.together == 0) place.mark(stream.place_of_next());
         if (!stream.next()) break;
-        parts.visit(std::min(chunk_of(stream.isubj()), chunks - 1), stream, x, place, visit);
+        parts.visit(std::min(chunk_of(stream.isubj()), chunks - 1), x, place, visit);
     }
     place.finish();
 }
 
-void add_products(const datavecs_module& d, const part_products& products, std::vector<pattern_matrix>& sums) {
+void add_products(const part_products& products, std::vector<pattern_matrix>& sums) {
+    const subject_record& d = *products.part.record;
     pattern_matrix& s = sums[at(d.icombi - 1)];
     if (s.n == 0) {
         s.n = d.nobs;

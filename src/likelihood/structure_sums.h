@@ -32,14 +32,14 @@ struct part_products {
     std::vector<double> p;
     pattern_matrix m;
 };
-// Visits all parts of all subjects in one pass over the data: visit(chunk, subject, products), chunk below
-// subject_chunks() (subjectchunks.h). Subjects come in their order within a chunk; chunks may be visited at once by
-// threads, so what a visit adds to belongs to its chunk.
-using visitor = std::function<void(int, const subject_stream&, const part_products&)>;
+// Visits all parts of all subjects in one pass over the data: visit(chunk, products), chunk below subject_chunks()
+// (subjectchunks.h). Subjects come in their order within a chunk; chunks may be visited at once by threads, so what a
+// visit adds to belongs to its chunk.
+using visitor = std::function<void(int, const part_products&)>;
 void walk_products(const pattern_values& x, bool with_effects, const visitor& visit);
 
-// Adds the m of a part of the subject in d to the sum of its pattern.
-void add_products(const datavecs_module& d, const part_products& products, std::vector<pattern_matrix>& sums);
+// Adds the m of a part to the sum of its pattern.
+void add_products(const part_products& products, std::vector<pattern_matrix>& sums);
 // Adds the sums of a chunk to those of all.
 void add_patterns(const std::vector<pattern_matrix>& chunk, std::vector<pattern_matrix>& sums);
 void add_loads(const std::vector<array<double, 2>>& chunk, std::vector<array<double, 2>>& loads);

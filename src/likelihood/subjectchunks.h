@@ -25,13 +25,12 @@ int shared_chunks();
 // Of a thread at work on a chunk: a pass of its own, and the subjects left to it.
 class chunk_stream {
 public:
-    explicit chunk_stream(const subject_stream& first) : stream_(first, record_) {}
+    explicit chunk_stream(const subject_stream& first) : stream_(first, subject_stream::beside{}) {}
     void start(int chunk);
     bool next() { return left_-- > 0 && stream_.next(); }
     const subject_stream& stream() const { return stream_; }
 
 private:
-    datavecs_module record_;
     subject_stream stream_;
     int left_ = 0;
 };

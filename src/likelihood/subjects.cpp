@@ -76,7 +76,7 @@ subject_stream::subject_stream(bool with_effects) : with_effects_(with_effects) 
         tables->basis.resize(at(numbers.krand));
         tables->weights.resize(at(numbers.krand));
         for (int irand = 1; irand <= numbers.krand; ++irand) {
-            if (mudmap.kovrnd(irand) == "PEQ") continue;
+            if (mudmap.kovrnd(irand) == covariance_kind::peq) continue;
             auto& basis = tables->basis[at(irand - 1)];
             basis = basis_rows(irand);
             if (options.principal) tables->weights[at(irand - 1)] = rotated_rows(irand, basis);
@@ -85,14 +85,11 @@ subject_stream::subject_stream(bool with_effects) : with_effects_(with_effects) 
     tables_ = tables;
 }
 
-subject_stream::subject_stream(const subject_stream& first, datavecs_module& record)
+subject_stream::subject_stream(const subject_stream& first, beside)
     : with_effects_(first.with_effects_), tables_(first.tables_) {
-    pass_.record = &record;
     setup_recdata(pass_, filenames.recdatfil3);
     clocal_.assign(first.clocal_.size(), -2);
 }
-
-subject_stream::~subject_stream() { deall_recdata(pass_); }
 
 void subject_stream::go_to(const recdata_place& place, int subjects_before) {
     tarvex::go_to(pass_, place);
@@ -142,9 +139,9 @@ void subject_stream::add_entry(int l, double w) {
 
 // Random effect j of trait iq in the row of observation i+1.
 void subject_stream::add_random(int i, int iq, int j) {
-    const datavecs_module& r = record();
+    const subject_record& r = record();
     const int irand = mudmap.rn_irand(j, iq);
-    if (irand < 1 || mudmap.kovrnd(irand) == "PEQ") return;
+    if (irand < 1 || mudmap.kovrnd(irand) == covariance_kind::peq) return;
     const int from = ddvecs.kkst(j, iq), width = ddvecs.kkst(j + 1, iq) - from;
     if (width < 1 || r.ieqnr(from, i + 1) <= 0) return;
     const double* w = nullptr;
@@ -164,7 +161,7 @@ void subject_stream::add_random(int i, int iq, int j) {
 
 void subject_stream::form_design() {
     auto& d = design_;
-    const datavecs_module& r = record();
+    const subject_record& r = record();
     d.nobs = r.nobs;
     d.nl = 0;
     d.eq.clear();
@@ -251,7 +248,8 @@ bool part_splitter::next(design_part& part) {
     const subject_design& d = stream_.design();
     if (at_ >= (rowwise_ ? d.nobs : 1)) return false;
     part.obs = at_;
-    part.y = stream_.record().yvec.data() + at_;
+    part.record = &stream_.record();
+    part.y = part.record->yvec.data() + at_;
     part.diagonal = rowwise_ || stream_.rinv_diagonal();
     // A record of its own takes its diagonal element, also of an inverse that is held in full.
     part.r = stream_.rinv().data() + (stream_.rinv_diagonal() ? at_ : at_ * (d.nobs + 1));

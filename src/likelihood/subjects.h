@@ -40,18 +40,18 @@ struct subject_tables {
     std::vector<std::vector<double>> weights; // [irand-1] weights, nfit for each level (empty at full rank)
 };
 
-// Pass over all subjects in the order of the recoded file: recoded1.bin with recoded3.bin.
+// Pass over all subjects in the order of the recoded file: recoded1.bin with recoded3.bin. Several may go on at a time.
 class subject_stream {
 public:
     explicit subject_stream(bool with_effects = false);
-    // Another pass beside `first`, at the same covariances and with a record of its own: for a thread of its own.
-    explicit subject_stream(const subject_stream& first, datavecs_module& record);
-    ~subject_stream();
+    // Another pass beside `first`, at the same covariances: for a thread of its own.
+    struct beside {};
+    subject_stream(const subject_stream& first, beside);
     subject_stream(const subject_stream&) = delete;
     subject_stream& operator=(const subject_stream&) = delete;
-    bool next(); // false at the end; fills the record, design and rinv
+    bool next(); // false at the end; fills record, design and rinv
     int isubj() const { return isubj_; }
-    const datavecs_module& record() const { return *pass_.record; } // datavecs unless it has its own
+    const subject_record& record() const { return pass_.record; }
     recdata_place place_of_next() const { return tarvex::place_of_next(pass_); }
     void go_to(const recdata_place& place, int subjects_before);
     const subject_design& design() const { return design_; }
@@ -91,6 +91,7 @@ void subject_residuals(const subject_stream& stream, std::vector<double>& ehat);
 // Independent parts of a subject. With a single trait whose records are independent every record may be a part of
 // its own, which keeps the local matrices small; otherwise the subject is one part.
 struct design_part {
+    const subject_record* record = nullptr;
     const subject_design* design = nullptr;
     int obs = 0;               // record (from 0) of the subject that row 0 is
     const double* y = nullptr; // observations of the rows

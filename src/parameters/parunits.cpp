@@ -90,7 +90,7 @@ std::vector<parameter_unit> parameter_units() {
     std::vector<parameter_unit> units(static_cast<std::size_t>(estimates.nparm));
     for (int irand = 0; irand <= numbers.krand; ++irand) {
         if (estimates.nnparm(irand) == 0) continue;
-        if (estimates.paraform(irand) == "Original") {
+        if (estimates.paraform(irand) == par_scale::original) {
             auto at = static_cast<std::size_t>(block_start(irand) - 1);
             for (double u : block_units(irand)) units[at++].factor = u;
             continue;

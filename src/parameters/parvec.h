@@ -11,24 +11,28 @@
 
 namespace tarvex {
 
+// What the parameters of a block are: elements of its factor (cholesky: of the loadings at reduced rank), or its
+// covariances.
+enum class par_scale { variance, cholesky, original };
+
 struct estimates_module {
-    int nparm = 0;                     // length of parvec
-    int nresparm = 0;                  // parameters of the residual block
-    int npeqparm = 0;                  // parameters of the PEQ block
-    int nrespeq = 0;                   // nresparm + npeqparm
-    int ncov = 0;                      // covariance components
-    int ncovall = 0;                   // ncov and user-defined sums
-    array<double> parvec;              // (nparm) the point in hand
-    array<std::string> parnames;       // (nparm)
-    array<std::string> covnames;       // (ncovall)
-    array<int, 1, 0> nnparm;           // (0:krand) block sizes
-    array<std::string, 1, 0> paraform; // (0:krand) "Variance", "Cholesky" or "Original"
-    array<int, 1, 0> logdiagonals;     // (0:krand) diagonals of the factor are held as logarithms
-    array<int, 1, 0> switchlog;        // (0:krand) a diagonal fell below 0.25: ask for logarithms
-    array<int> logpar;                 // (nparm) this element is a logarithm
-    array<int> ispar;                  // (nparm) takes part in derivative-free maximisation
-    array<int, 2, 0> cholorder;        // (maxk*steps,0:krand) pivot order; step s of block 0 at (s-1)*kkfit+1
-    bool reorder = true;               // pivot the factorisation
+    int nparm = 0;                   // length of parvec
+    int nresparm = 0;                // parameters of the residual block
+    int npeqparm = 0;                // parameters of the PEQ block
+    int nrespeq = 0;                 // nresparm + npeqparm
+    int ncov = 0;                    // covariance components
+    int ncovall = 0;                 // ncov and user-defined sums
+    array<double> parvec;            // (nparm) the point in hand
+    array<std::string> parnames;     // (nparm)
+    array<std::string> covnames;     // (ncovall)
+    array<int, 1, 0> nnparm;         // (0:krand) block sizes
+    array<par_scale, 1, 0> paraform; // (0:krand)
+    array<int, 1, 0> logdiagonals;   // (0:krand) diagonals of the factor are held as logarithms
+    array<int, 1, 0> switchlog;      // (0:krand) a diagonal fell below 0.25: ask for logarithms
+    array<int> logpar;               // (nparm) this element is a logarithm
+    array<int> ispar;                // (nparm) takes part in derivative-free maximisation
+    array<int, 2, 0> cholorder;      // (maxk*steps,0:krand) pivot order; step s of block 0 at (s-1)*kkfit+1
+    bool reorder = true;             // pivot the factorisation
     bool allocated = false;
 };
 inline estimates_module estimates;

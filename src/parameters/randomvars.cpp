@@ -52,17 +52,10 @@ void invert_diagonal(int irand, const array<double>& cc) {
 // Inverse of a positive definite matrix through its factor, to full precision, into block irand; false: not definite.
 bool invert_by_factor(int irand, const array<double, 2>& a, double& logdet) {
     const int n = model.kkfit(irand);
-    array<double, 2> l, inverse; // lower factor, and its inverse
-    l.allocate(n, n);
+    array<double, 2> l = a, inverse; // lower factor, and its inverse
     inverse.allocate(n, n);
     logdet = 0.0;
-    for (int j = 1; j <= n; ++j)
-        for (int i = j; i <= n; ++i) {
-            double s = a(i, j);
-            for (int k = 1; k < j; ++k) s -= l(i, k) * l(j, k);
-            if (i == j && !(s > 0.0)) return false;
-            l(i, j) = i == j ? std::sqrt(s) : s / l(j, j);
-        }
+    if (!cholesky(l, n)) return false;
     for (int j = 1; j <= n; ++j) {
         logdet += 2.0 * std::log(l(j, j));
         for (int i = j; i <= n; ++i) {
@@ -84,11 +77,9 @@ bool invert_by_factor(int irand, const array<double, 2>& a, double& logdet) {
 // inverse: that of a matrix of full rank comes from the factor.
 void invert_full(int irand, const array<double>& cc) {
     const int n = model.kkfit(irand);
-    array<double, 2> a, vectors;
+    const array<double, 2> a = unpack(cc.prefix(cc.size()), n);
+    array<double, 2> vectors;
     array<double> eig;
-    a.allocate(n, n);
-    for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = cc(ihmssf(i, j, n));
     int nzero = 0;
     eigem(a, eig, vectors, n, 100.0 * numbers.zero, nzero);
     double detg = 0.0;
@@ -108,10 +99,10 @@ void ginv_muv(array<double>& parvec, int& ifail) {
     array<double> cc;
     array<double, 2> vv;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (mudmap.kovrnd(irand) == "PEQ") continue;
+        if (mudmap.kovrnd(irand) == covariance_kind::peq) continue;
         parvec2covs(parvec, irand, 1, cc, vv, ifail);
         if (ifail) return;
-        if (estimates.paraform(irand) == "Cholesky")
+        if (estimates.paraform(irand) == par_scale::cholesky)
             keep_factor(irand, vv);
         else if (model.diagonal(irand))
             invert_diagonal(irand, cc);

@@ -23,7 +23,6 @@ constexpr double small_pivot = 1.0e-5; // gen_inverse tells of pivots below it
 
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
 int triangle(int n) { return n * (n + 1) / 2; }
-int packed(int i, int j, int n) { return ihmssf(std::min(i, j), std::max(i, j), n); }
 
 // Parameters of one class of the residual on the covariance scale.
 int class_covs() { return model.diagonal(0) ? numbers.nq : triangle(numbers.nq); }
@@ -32,7 +31,7 @@ bool fixed_at_zero(int iclass, int i, int j) {
     if (model.diagonal(0)) {
         if (i != j) return false;
     }
-    const int k = (iclass - 1) * class_covs() + (model.diagonal(0) ? i : packed(i, j, numbers.nq));
+    const int k = (iclass - 1) * class_covs() + (model.diagonal(0) ? i : packed_place(i, j, numbers.nq));
     return k <= residualvars.fixres.upper() && residualvars.fixres(k) != 0;
 }
 
@@ -92,7 +91,7 @@ void show_residual() {
     const int nq = numbers.nq;
     for (int i = 1; i <= nq; ++i) {
         std::vector<double> row;
-        for (int j = 1; j <= nq; ++j) row.push_back(residualvars.sigres(packed(i, j, nq), 1));
+        for (int j = 1; j <= nq; ++j) row.push_back(residualvars.sigres(packed_place(i, j, nq), 1));
         write(screen(), "(a,i3,24g13.6)", "sigr", i, row);
     }
 }
@@ -100,7 +99,7 @@ void show_residual() {
 // Covariance of two records of a pattern.
 double record_covariance(int iq, int jq, bool same) {
     const auto& r = residualvars;
-    const int k = packed(iq, jq, numbers.nq);
+    const int k = packed_place(iq, jq, numbers.nq);
     if (same) return r.sigres(k, 1);
     return iq == jq ? r.sigpeq(k) : r.sigres(k, 1) + r.sigpeq(k);
 }
@@ -217,12 +216,10 @@ void rinv_ranreg(array<double>& parvec, int& ifail) {
     residual_matrices(parvec, ifail);
     if (ifail) return;
     const int nq = numbers.nq;
-    array<double, 2> a, vectors;
+    array<double, 2> vectors;
     array<double> eig;
-    a.allocate(nq, nq);
     for (int step = 1; step <= model.rr_resteps; ++step) {
-        for (int i = 1; i <= nq; ++i)
-            for (int j = i; j <= nq; ++j) a(i, j) = a(j, i) = residualvars.sigres(ihmssf(i, j, nq), step);
+        const array<double, 2> a = unpack(residualvars.sigres.column(step), nq);
         int nzero = 0;
         eigem(a, eig, vectors, nq, numbers.zero, nzero);
         // the matrices of subjects are inverted with pivots above that limit: what fails there fails here
@@ -242,7 +239,7 @@ void rinv_ranreg(array<double>& parvec, int& ifail) {
     stoptarvex();
 }
 
-bool all_independent(const datavecs_module& d, const std::vector<int>& age, const std::vector<int>& iclass) {
+bool all_independent(const subject_record& d, const std::vector<int>& age, const std::vector<int>& iclass) {
     const int n = d.nobs;
     for (int i = 1; i <= n; ++i) {
         const int q = d.ynq(i);
@@ -260,7 +257,7 @@ std::vector<peq_place> peq_places() {
     const int irand = residualvars.ipeq, n = irand > 0 ? model.kkfit(irand) : 0;
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j)
-            places.push_back({i, j, packed(mudmap.rn_trait(i, irand), mudmap.rn_trait(j, irand), numbers.nq)});
+            places.push_back({i, j, packed_place(mudmap.rn_trait(i, irand), mudmap.rn_trait(j, irand), numbers.nq)});
     return places;
 }
 
@@ -290,16 +287,12 @@ void rinverse(array<double>& parvec, int& ifail) {
         stop("rinverse");
 }
 
-bool same_place(const datavecs_module& d, int i, int j) {
-    for (int irrc = 1; irrc <= model.nrrc; ++irrc) {
-        bool common = true;
-        for (int iq = 1; iq <= numbers.nq; ++iq) common = common && control_place(irrc, iq) > 0;
-        if (common && d.imeta(irrc, i) != d.imeta(irrc, j)) return false;
-    }
-    return true;
+bool same_place(const subject_record& d, int i, int j) {
+    return std::all_of(phimat.shared_controls.begin(), phimat.shared_controls.end(),
+                       [&](int irrc) { return d.imeta(irrc, i) == d.imeta(irrc, j); });
 }
 
-void residual_classes(const datavecs_module& d, std::vector<int>& age, std::vector<int>& iclass) {
+void residual_classes(const subject_record& d, std::vector<int>& age, std::vector<int>& iclass) {
     const int n = d.nobs;
     age.resize(at(n));
     iclass.resize(at(n));
@@ -317,7 +310,7 @@ void residual_classes(const datavecs_module& d, std::vector<int>& age, std::vect
     }
 }
 
-void get_rinv_rreg(const datavecs_module& d, int isubj, std::vector<double>& zig2, bool& diagonal, double& ldet) {
+void get_rinv_rreg(const subject_record& d, int isubj, std::vector<double>& zig2, bool& diagonal, double& ldet) {
     const int n = d.nobs, nq = numbers.nq;
     std::vector<int> age, iclass;
     residual_classes(d, age, iclass);
@@ -337,7 +330,8 @@ void get_rinv_rreg(const datavecs_module& d, int isubj, std::vector<double>& zig
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j)
             if (age[at(i - 1)] == age[at(j - 1)])
-                w[at(ihmssf(i, j, n) - 1)] = residualvars.sigres(packed(d.ynq(i), d.ynq(j), nq), iclass[at(i - 1)]);
+                w[at(ihmssf(i, j, n) - 1)] =
+                    residualvars.sigres(packed_place(d.ynq(i), d.ynq(j), nq), iclass[at(i - 1)]);
     int rank = 0, negative = 0;
     gen_inverse(w, n, numbers.zero, rank, ldet, &negative);
     if (rank < n || negative > 0) singular_subject(isubj, n, rank);
@@ -359,7 +353,7 @@ int residual_pars(int iq, int jq, int iclass, bool same, int pars[2]) {
     int n = 0;
     if (same || iq != jq) {
         if (!fixed_at_zero(iclass, iq, jq) && (iq == jq || !model.diagonal(0)))
-            pars[n++] = (iclass - 1) * class_covs() + (model.diagonal(0) ? iq : packed(iq, jq, nq));
+            pars[n++] = (iclass - 1) * class_covs() + (model.diagonal(0) ? iq : packed_place(iq, jq, nq));
     }
     if (same || !residualvars.peqsum) return n;
     const int ipeq = residualvars.ipeq, k = model.kkfit(ipeq);
@@ -372,7 +366,7 @@ int residual_pars(int iq, int jq, int iclass, bool same, int pars[2]) {
     if (model.diagonal(ipeq)) {
         if (pi == pj) pars[n++] = estimates.nresparm + pi;
     } else {
-        pars[n++] = estimates.nresparm + packed(pi, pj, k);
+        pars[n++] = estimates.nresparm + packed_place(pi, pj, k);
     }
     return n;
 }

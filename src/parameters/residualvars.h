@@ -44,15 +44,16 @@ std::vector<peq_place> peq_places();
 // Residual inverses at parvec (which clamps may change). ifail 1: invalid point.
 void rinverse(array<double>& parvec, int& ifail);
 
-// Random regression: R^-1 of the subject in d, nobs*nobs by columns or, where it is diagonal, its nobs diagonal
-// elements, and log|R|. Two records of a trait at one value of the control variable stop the run.
-void get_rinv_rreg(const datavecs_module& d, int isubj, std::vector<double>& zig2, bool& diagonal, double& ldet);
+// Random regression: R^-1 of the subject in d (isubj is told in messages), nobs*nobs by columns or, where it is
+// diagonal, its nobs diagonal elements, and log|R|. Two records of a trait at one value of the control variable stop
+// the run.
+void get_rinv_rreg(const subject_record& d, int isubj, std::vector<double>& zig2, bool& diagonal, double& ldet);
 
-// Random regression: place along the control variables and residual class of the records of the subject in datavecs.
-// Records with one place agree in the control variable of the classes and in all others that every trait has.
-void residual_classes(const datavecs_module& d, std::vector<int>& age, std::vector<int>& iclass);
+// Random regression: place along the control variables and residual class of the records of a subject. Records with one
+// place agree in the control variable of the classes and in all others that every trait has.
+void residual_classes(const subject_record& d, std::vector<int>& age, std::vector<int>& iclass);
 // True if two records agree in all control variables that every trait has.
-bool same_place(const datavecs_module& d, int i, int j);
+bool same_place(const subject_record& d, int i, int j);
 
 // Prints the line with the number of records of each trait in a pattern.
 void show_combination(int icombi);

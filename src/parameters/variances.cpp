@@ -70,7 +70,7 @@ void count_parameters() {
         e.nnparm(irand) = steps_of(irand) * step_size(irand);
         e.ncov += steps_of(irand) * step_covs(irand);
         if (irand == 0) e.nresparm = e.nnparm(0);
-        if (irand > 0 && mudmap.kovrnd(irand) == "PEQ") {
+        if (irand > 0 && mudmap.kovrnd(irand) == covariance_kind::peq) {
             e.npeqparm = e.nnparm(irand);
             residualvars.ipeq = irand;
             residualvars.peqsum = true;
@@ -111,12 +111,14 @@ void allocate_parameters() {
 void choose_scale(bool em) {
     const bool pc = options.principal;
     for (int irand = 0; irand <= numbers.krand; ++irand)
-        estimates.paraform(irand) = em && (irand == 0 || !pc) ? "Original" : pc ? "Cholesky" : "Variance";
+        estimates.paraform(irand) = em && (irand == 0 || !pc) ? par_scale::original
+                                    : pc                      ? par_scale::cholesky
+                                                              : par_scale::variance;
 }
 
 void label_parameters() {
     for (int irand = empty_block(0) ? 1 : 0; irand <= numbers.krand; ++irand) {
-        const bool factor = estimates.paraform(irand) != "Original";
+        const bool factor = estimates.paraform(irand) != par_scale::original;
         const int n = model.kkfit(irand), rank = factor ? model.krfit(irand) : n, steps = steps_of(irand);
         const std::string letter = block_letter(irand);
         for (int step = 1; step <= steps; ++step) {
@@ -151,35 +153,6 @@ void label_covariances() {
         estimates.covnames(estimates.ncov + i) = usrdefcovs.addcovname[static_cast<std::size_t>(i - 1)].substr(0, 14);
 }
 
-void write_listofcovs() {
-    constexpr edit_form item{"(i4,2x,a,g20.8)"};
-    if (options.details) print_list(screen(), "Covariances to be estimated & their starting values");
-    text_out out;
-    const bool open = out.open(filenames.covlstfile);
-    std::vector<double> all;
-    for (int irand = empty_block(0) ? 1 : 0; irand <= numbers.krand; ++irand)
-        for (int k = 1; k <= cov_length(irand); ++k) all.push_back(model.cov(k, irand));
-    for (const auto& sum : usrdefcovs.addcov) {
-        double x = 0.0;
-        for (const auto& t : sum)
-            if (t.isig >= 1 && t.isig <= static_cast<int>(all.size()))
-                x += t.factor * all[static_cast<std::size_t>(t.isig - 1)];
-        all.push_back(x);
-    }
-    for (int k = 1; k <= static_cast<int>(all.size()); ++k) {
-        const double x = all[static_cast<std::size_t>(k - 1)];
-        if (open) write(out, item, k, estimates.covnames(k), x);
-        if (options.details) write(screen(), item, k, estimates.covnames(k), x);
-    }
-}
-
-void list_parameters() {
-    constexpr edit_form item{"(i5,2x,a,g20.8)"};
-    if (!options.verbose) return;
-    print_list(screen(), "Parameters to be estimated & their starting values");
-    for (int i = 1; i <= estimates.nparm; ++i) write(screen(), item, i, estimates.parnames(i), estimates.parvec(i));
-}
-
 [[noreturn]] void invalid_start(int irand, int kfit, int row, double pivot) {
     print_list(screen(), "***** Routine \"CHOLESKY\": negative/small pivot encountered");
     print_list(screen(), "      Random effect no. =", irand);
@@ -195,10 +168,7 @@ void list_parameters() {
 // of the first pivot below numbers.zero that floor does not mend (0: none) and that pivot.
 int pivoted_factor(const double* cc, int n, int rank, bool by_size, double floor, double& bad, array<double, 2>& factor,
                    array<int>& order) {
-    array<double, 2> a;
-    a.allocate(n, n);
-    for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = cc[ihmssf(i, j, n) - 1];
+    array<double, 2> a = unpack({cc, static_cast<std::size_t>(triangle(n))}, n);
     factor.allocate(n, rank);
     for (int c = 1; c <= rank; ++c) {
         if (by_size) {
@@ -259,6 +229,68 @@ void transform_diagonal(int irand, const double* cc, double floor_pivot, array<d
     }
 }
 
+// A matrix that the user gives must be positive definite.
+void check_start(int irand, const double* cc) {
+    const int n = model.kkfit(irand);
+    if (model.diagonal(irand)) {
+        for (int i = 1; i <= n; ++i)
+            if (!(cc[i - 1] >= numbers.zero)) invalid_start(irand, n, i, cc[i - 1]);
+        return;
+    }
+    array<int> order;
+    order.allocate(n);
+    for (int i = 1; i <= n; ++i) order(i) = i;
+    array<double, 2> factor;
+    double bad = 0.0;
+    const int at = pivoted_factor(cc, n, n, true, 0.0, bad, factor, order);
+    if (at > 0) invalid_start(irand, n, at, bad);
+}
+
+void transform_original(int irand, const double* cc, double floor_pivot, array<double>& parvec) {
+    const int steps = steps_of(irand), length = steps * step_covs(irand), from = block_start(irand);
+    for (int k = 0; k < length; ++k) {
+        parvec(from + k) = cc[k];
+        estimates.logpar(from + k) = 0;
+    }
+    if (floor_pivot > 0.0 || options.blup) return;
+    for (int step = 1; step <= steps; ++step) check_start(irand, cc + (step - 1) * step_covs(irand));
+}
+
+// Factor of each step, its pivot order kept; a small diagonal in any of them turns the block to logarithms.
+std::vector<array<double, 2>> factor_steps(int irand, const double* cc, double floor_pivot) {
+    const int n = model.kkfit(irand), rank = model.krfit(irand), steps = steps_of(irand);
+    std::vector<array<double, 2>> factors(static_cast<std::size_t>(steps));
+    bool small = false;
+    for (int step = 1; step <= steps; ++step) {
+        auto& factor = factors[static_cast<std::size_t>(step - 1)];
+        array<int> order;
+        block_order(irand, step, order);
+        if (irand == 0 && any_fixres())
+            for (int i = 1; i <= n; ++i) order(i) = i;
+        double bad = 0.0;
+        const int at = pivoted_factor(cc + (step - 1) * step_covs(irand), n, rank, pivot_by_size(irand), floor_pivot,
+                                      bad, factor, order);
+        if (at > 0) invalid_start(irand, n, at, bad);
+        keep_order(irand, step, order);
+        for (int c = 1; c <= rank; ++c) small = small || std::fabs(factor(order(c), c)) < log_at_start;
+    }
+    if (small && !options.nologd) estimates.logdiagonals(irand) = 1;
+    return factors;
+}
+
+// Columns of a factor into parvec, rows in pivot order.
+void take_factor(int irand, int step, const array<double, 2>& factor, array<double>& parvec) {
+    array<int> order;
+    block_order(irand, step, order);
+    int ipar = block_start(irand, step);
+    for (int c = 1; c <= model.krfit(irand); ++c)
+        for (int r = c; r <= model.kkfit(irand); ++r, ++ipar) {
+            const bool log = r == c && estimates.logdiagonals(irand);
+            estimates.logpar(ipar) = log ? 1 : 0;
+            parvec(ipar) = log ? std::log(factor(order(c), c)) : factor(order(r), c);
+        }
+}
+
 // Adds the PEQ matrix, spread over the traits that fit it, to the residual triangle.
 void add_peq(std::vector<double>& res) {
     int k = 0;
@@ -312,28 +344,24 @@ void from_factor(array<double>& parvec, int irand, int step, array<double>& cc, 
     factor_to_matrix(vv, n, rank, cc);
 }
 
-// Eigenvalues below the floor; the covariances are multiplied by `share`.
-int count_small(const array<double>& cc, int n, double share, array<double>& eig, array<double, 2>& vectors) {
-    array<double, 2> a;
-    a.allocate(n, n);
+// Matrix with the covariances multiplied by `share`, and how many of its eigenvalues are below the floor.
+int count_small(const array<double>& cc, int n, double share) {
+    array<double, 2> a = unpack(cc.prefix(triangle(n)), n), vectors;
+    array<double> eig;
     for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = (i == j ? 1.0 : share) * cc(ihmssf(i, j, n));
+        for (int j = 1; j <= n; ++j)
+            if (i != j) a(i, j) *= share;
     int nzero = 0;
     eigem(a, eig, vectors, n, eigen_floor, nzero);
     return nzero;
 }
 
 // Raises eigenvalues below the floor, in the matrix only.
-void raise_eigenvalues(array<double>& cc, int n) {
-    array<double, 2> vectors;
-    array<double> eig;
-    if (count_small(cc, n, 1.0, eig, vectors) == 0) return;
+void raise_matrix(array<double>& cc, int n) {
+    array<double, 2> a = unpack(cc.prefix(triangle(n)), n);
+    if (!raise_eigenvalues(a, n, n, eigen_floor)) return;
     for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= n; ++j) {
-            double s = 0.0;
-            for (int k = 1; k <= n; ++k) s += vectors(i, k) * vectors(j, k) * std::max(eig(k), eigen_floor);
-            cc(ihmssf(i, j, n)) = s;
-        }
+        for (int j = i; j <= n; ++j) cc(ihmssf(i, j, n)) = a(i, j);
 }
 
 // The same where covariances are held at 0: raised eigenvalues would spread into these. Variances are raised to twice
@@ -341,15 +369,13 @@ void raise_eigenvalues(array<double>& cc, int n) {
 void raise_beside_zeros(array<double>& cc, int n, int step) {
     for (int k = 1; k <= triangle(n); ++k)
         if (residualvars.fixres((step - 1) * step_covs(0) + k)) cc(k) = 0.0;
-    array<double, 2> vectors;
-    array<double> eig;
-    if (count_small(cc, n, 1.0, eig, vectors) == 0) return;
+    if (count_small(cc, n, 1.0) == 0) return;
     for (int i = 1; i <= n; ++i) cc(ihmssf(i, i, n)) = std::max(cc(ihmssf(i, i, n)), 2.0 * eigen_floor);
     double low = 0.0, high = 1.0;
-    if (count_small(cc, n, 1.0, eig, vectors) == 0) low = 1.0;
+    if (count_small(cc, n, 1.0) == 0) low = 1.0;
     while (high - low > 1.0e-4) {
         const double middle = 0.5 * (low + high);
-        (count_small(cc, n, middle, eig, vectors) == 0 ? low : high) = middle;
+        (count_small(cc, n, middle) == 0 ? low : high) = middle;
     }
     for (int i = 1; i <= n; ++i)
         for (int j = i + 1; j <= n; ++j) cc(ihmssf(i, j, n)) *= low;
@@ -372,7 +398,7 @@ void from_original(array<double>& parvec, int irand, int step, array<double>& cc
     if (!options.blup && irand == 0 && any_fixres())
         raise_beside_zeros(cc, n, step);
     else if (!options.blup)
-        raise_eigenvalues(cc, n);
+        raise_matrix(cc, n);
     array<int> order;
     order.allocate(n);
     for (int i = 1; i <= n; ++i) order(i) = i;
@@ -380,7 +406,7 @@ void from_original(array<double>& parvec, int irand, int step, array<double>& cc
     pivoted_factor(cc.data(), n, n, true, pivot_floor, bad, vv, order);
 }
 
-bool occur_together(int i, int j) { return means.pairs(ihmssf(std::min(i, j), std::max(i, j), numbers.nq)) > 0; }
+bool occur_together(int i, int j) { return means.pairs(packed_place(i, j, numbers.nq)) > 0; }
 
 // True if trait i or j of a flagged pair is recorded together with a trait before it.
 bool linked_to_earlier(int i, int j) {
@@ -412,59 +438,11 @@ int cov_start(int irand, int step) {
 
 void transform_covs(int irand, const double* cc, double floor_pivot, array<double>& parvec) {
     if (empty_block(irand)) return;
-    const int n = model.kkfit(irand), rank = model.krfit(irand), steps = steps_of(irand);
-    if (estimates.paraform(irand) == "Original") {
-        const int length = steps * step_covs(irand), from = block_start(irand);
-        for (int k = 0; k < length; ++k) {
-            parvec(from + k) = cc[k];
-            estimates.logpar(from + k) = 0;
-        }
-        array<int> order;
-        order.allocate(n);
-        array<double, 2> factor;
-        double bad = 0.0;
-        // The user's matrices must be positive definite.
-        for (int step = 1; step <= steps && floor_pivot <= 0.0 && !options.blup; ++step) {
-            for (int i = 1; i <= n; ++i) order(i) = i;
-            const double* one = cc + (step - 1) * step_covs(irand);
-            if (model.diagonal(irand)) {
-                for (int i = 1; i <= n; ++i)
-                    if (!(one[i - 1] >= numbers.zero)) invalid_start(irand, n, i, one[i - 1]);
-            } else if (const int at = pivoted_factor(one, n, n, true, 0.0, bad, factor, order); at > 0)
-                invalid_start(irand, n, at, bad);
-        }
-        return;
-    }
+    if (estimates.paraform(irand) == par_scale::original) return transform_original(irand, cc, floor_pivot, parvec);
     if (model.diagonal(irand)) return transform_diagonal(irand, cc, floor_pivot, parvec);
-
-    std::vector<array<double, 2>> factors(static_cast<std::size_t>(steps));
-    bool small = false;
-    for (int step = 1; step <= steps; ++step) {
-        auto& factor = factors[static_cast<std::size_t>(step - 1)];
-        array<int> order;
-        block_order(irand, step, order);
-        if (irand == 0 && any_fixres())
-            for (int i = 1; i <= n; ++i) order(i) = i;
-        double bad = 0.0;
-        const int at = pivoted_factor(cc + (step - 1) * step_covs(irand), n, rank, pivot_by_size(irand), floor_pivot,
-                                      bad, factor, order);
-        if (at > 0) invalid_start(irand, n, at, bad);
-        keep_order(irand, step, order);
-        for (int c = 1; c <= rank; ++c) small = small || std::fabs(factor(order(c), c)) < log_at_start;
-    }
-    if (small && !options.nologd) estimates.logdiagonals(irand) = 1;
-    for (int step = 1; step <= steps; ++step) {
-        const auto& factor = factors[static_cast<std::size_t>(step - 1)];
-        array<int> order;
-        block_order(irand, step, order);
-        int ipar = block_start(irand, step);
-        for (int c = 1; c <= rank; ++c)
-            for (int r = c; r <= n; ++r, ++ipar) {
-                const bool log = r == c && estimates.logdiagonals(irand);
-                estimates.logpar(ipar) = log ? 1 : 0;
-                parvec(ipar) = log ? std::log(factor(order(c), c)) : factor(order(r), c);
-            }
-    }
+    const auto factors = factor_steps(irand, cc, floor_pivot);
+    for (int step = 1; step <= steps_of(irand); ++step)
+        take_factor(irand, step, factors[static_cast<std::size_t>(step - 1)], parvec);
 }
 
 void parvec2covs(array<double>& parvec, int irand, int step, array<double>& cc, array<double, 2>& vv, int& ifail) {
@@ -472,7 +450,7 @@ void parvec2covs(array<double>& parvec, int irand, int step, array<double>& cc, 
     const int n = model.kkfit(irand);
     cc.allocate(triangle(n));
     if (step == 1) estimates.switchlog(irand) = 0;
-    if (estimates.paraform(irand) == "Original")
+    if (estimates.paraform(irand) == par_scale::original)
         from_original(parvec, irand, step, cc, vv);
     else
         from_factor(parvec, irand, step, cc, vv);
@@ -483,6 +461,17 @@ void parvec2covs(array<double>& parvec, int irand, int step, array<double>& cc, 
         if (!std::isfinite(x)) ifail = 1;
 }
 
+block_at_point covariances_at(const array<double>& parvec, int irand, int step) {
+    array<double> point = parvec; // takes the clamps
+    const int mark = estimates.switchlog(irand);
+    block_at_point found;
+    int ifail = 0;
+    parvec2covs(point, irand, step, found.cc, found.vv, ifail);
+    estimates.switchlog(irand) = mark;
+    found.finite = ifail == 0;
+    return found;
+}
+
 namespace {
 
 // Number of the PEQ covariance of traits i and j in model.cov, 0 none.
@@ -490,7 +479,7 @@ int peq_element(int i, int j) {
     int number = 0;
     for (const peq_place& p : peq_places()) {
         ++number;
-        if (p.residual == ihmssf(std::min(i, j), std::max(i, j), numbers.nq)) return number;
+        if (p.residual == packed_place(i, j, numbers.nq)) return number;
     }
     return 0;
 }
@@ -514,8 +503,8 @@ void fixresvars() {
                 residualvars.fixres(k) = fixed ? 1 : 0;
                 if (fixed && j > i && linked_to_earlier(i, j)) original = true;
             }
-    if (original && !options.forchol) estimates.paraform(0) = "Original";
-    if (estimates.paraform(0) == "Original")
+    if (original && !options.forchol) estimates.paraform(0) = par_scale::original;
+    if (estimates.paraform(0) == par_scale::original)
         for (int k = 1; k <= estimates.nresparm; ++k) estimates.ispar(k) = residualvars.fixres(k) ? 0 : 1;
 }
 
@@ -578,8 +567,6 @@ void parvec_from_covs(bool em_scale, double floor_pivot) {
         transform_covs(irand, cc.data(), floor_pivot, estimates.parvec);
     }
     estimates.switchlog.fill(0); // asked for by the vector that has been replaced
-    write_listofcovs();
-    list_parameters();
 }
 
 } // namespace tarvex

@@ -8,7 +8,7 @@ namespace tarvex {
 void lay_out_parameters();
 
 // Builds estimates.parvec from model.cov: chooses the scale ("Original" for EM, the loadings of reduced rank excepted),
-// fixes residual components without information, factorises, writes ListofCovs. floor_pivot as of transform_covs.
+// fixes residual components without information, factorises. floor_pivot as of transform_covs.
 void parvec_from_covs(bool em_scale, double floor_pivot);
 
 // Matrix of block irand (irand 0: of residual step `step`) from parvec. Clamps parvec: logarithms to [-9,22], other
@@ -19,6 +19,14 @@ void parvec_from_covs(bool em_scale, double floor_pivot);
 //   vv  (kkfit,krfit) its factor, rows in the order of the matrix (row cholorder(j) of the factor's row j)
 //   ifail 1: not finite
 void parvec2covs(array<double>& parvec, int irand, int step, array<double>& cc, array<double, 2>& vv, int& ifail);
+
+// The same matrix at a point that is only looked at: parvec, and all modules, stay as they are.
+struct block_at_point {
+    array<double> cc;
+    array<double, 2> vv;
+    bool finite = false;
+};
+block_at_point covariances_at(const array<double>& parvec, int irand, int step = 1);
 
 // Matrices cc of block irand (layout of model.cov: all steps of the residual; for block 0 with a PEQ effect the sum of
 // both) as parameters on the scale paraform(irand), into parvec. Pivots go by size when estimates.reorder; a factor

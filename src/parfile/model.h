@@ -1,6 +1,9 @@
-// The model of analysis and the columns of the data, as the parameter file gives them.
+// The model of analysis and the columns of the data, as the parameter file gives them. Written while it is read; later
+// cov by readbestpoint (the stored point in place of the starting values) and fixresvars (components without
+// information), me_run with the tables at control values.
 #pragma once
 #include "control/limits.h"
+#include "parfile/covkinds.h"
 #include "support/array.h"
 #include "support/screen.h"
 
@@ -21,8 +24,8 @@ struct model_module {
     array<int> nfix;             // (nq)
     array<std::string, 2> covar; // (maxcov,nq) with bracket
     array<int> ncov;
-    array<std::string, 2> random;  // (maxrand,nq) with bracket in random regression analyses
-    array<std::string, 2> rnd_opt; // (maxrand,nq) NRM, GIN, IDE or PEQ
+    array<std::string, 2> random; // (maxrand,nq) with bracket in random regression analyses
+    array<covariance_kind, 2> rnd_opt;
     array<int> nrnd;
     array<std::string, 2> extra; // (maxext,nq)
     array<int> nextra;

@@ -1,5 +1,6 @@
 // Where the effects of the model stand in a data record, and how they tie into the covariance blocks.
 #pragma once
+#include "parfile/covkinds.h"
 #include "support/array.h"
 
 #include <cstdint>
@@ -45,15 +46,15 @@ struct mudmap_module {
 
     // Tie between the effects of the traits and the blocks. With correlated effects two effects of a trait share a
     // block.
-    array<int, 2> rn_irand;    // (maxrand,nq) block of random effect i of the trait
-    array<int, 2> rn_place;    // place of its (first) equation within a level of the block, 1..kkfit
-    array<int> iranno;         // (krand) number of the relationship matrix, 0 none
-    int nrunno = 0;            // relationship matrices
-    array<std::string> kovrnd; // (krand) NRM, GIN, IDE, PEQ
-    array<int, 2> ksfit;       // (krand,nq) order in the trait, 0: not fitted
-    array<int> nnq, nnq2;      // (krand) traits that fit the effect (its second name with correlated effects)
-    array<int, 2> rn_trait;    // (maxkkfit,krand) trait of each place (1 in random regression)
-    array<int, 2> rn_which;    // (maxkkfit,krand) 1, or 2: second name of a pair of correlated effects
+    array<int, 2> rn_irand;        // (maxrand,nq) block of random effect i of the trait
+    array<int, 2> rn_place;        // place of its (first) equation within a level of the block, 1..kkfit
+    array<int> iranno;             // (krand) number of the relationship matrix, 0 none
+    int nrunno = 0;                // relationship matrices
+    array<covariance_kind> kovrnd; // (krand)
+    array<int, 2> ksfit;           // (krand,nq) order in the trait, 0: not fitted
+    array<int> nnq, nnq2;          // (krand) traits that fit the effect (its second name with correlated effects)
+    array<int, 2> rn_trait;        // (maxkkfit,krand) trait of each place (1 in random regression)
+    array<int, 2> rn_which;        // (maxkkfit,krand) 1, or 2: second name of a pair of correlated effects
     std::int64_t maxlev_fix = 0, maxlev_rnd = 0, maxlev_ext = 0, maxlev_ctrl = 0;
 };
 inline mudmap_module mudmap;

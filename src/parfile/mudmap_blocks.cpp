@@ -25,8 +25,6 @@ int effect_number(const std::string& name, int iq) {
     return 0;
 }
 
-bool valid_option(const std::string& opt) { return opt == "NRM" || opt == "GIN" || opt == "IDE" || opt == "PEQ"; }
-
 void tie_effect(int i, int iq, int irand, int place) {
     auto& m = mudmap;
     if (m.rn_irand(i, iq) != 0) {
@@ -49,9 +47,9 @@ void check_rrorder(int irand, int iq, int order) {
     stoptarvex();
 }
 
-void block_option(int irand, const std::string& opt) {
-    std::string& kov = mudmap.kovrnd(irand);
-    if (!valid_option(opt) || (!kov.empty() && kov != opt)) {
+void block_option(int irand, covariance_kind opt) {
+    covariance_kind& kov = mudmap.kovrnd(irand);
+    if (opt == covariance_kind::none || (kov != covariance_kind::none && kov != opt)) {
         print_list(screen(), "invalid cov option ", model.krandom(irand));
         stoptarvex();
     }
@@ -72,7 +70,7 @@ int tie_correlated(int irand, const std::string& name, int which, int before) {
     for (int iq = 1; iq <= numbers.nq; ++iq) {
         const int i = effect_number(name, iq);
         if (i == 0) continue;
-        if (model.rnd_opt(i, iq) != "NRM") {
+        if (model.rnd_opt(i, iq) != covariance_kind::nrm) {
             print_list(screen(), "Invalid cov option 2 ", name);
             stoptarvex();
         }
@@ -105,7 +103,7 @@ void number_matrices() {
     auto& m = mudmap;
     std::vector<std::vector<std::array<int, 4>>> known;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (m.kovrnd(irand) != "NRM") continue;
+        if (m.kovrnd(irand) != covariance_kind::nrm) continue;
         const auto columns = block_columns(irand);
         const auto at = std::find(known.begin(), known.end(), columns);
         m.iranno(irand) = static_cast<int>(at - known.begin()) + 1;
@@ -137,7 +135,7 @@ void check_effects() {
 
 // One repeat effect can go into R, and only where R is formed by pattern of records.
 void check_repeat_effects() {
-    const auto n = std::count(mudmap.kovrnd.begin(), mudmap.kovrnd.end(), "PEQ");
+    const auto n = std::count(mudmap.kovrnd.begin(), mudmap.kovrnd.end(), covariance_kind::peq);
     if (n > 1 || (n == 1 && options.randreg)) tvx_notyet();
     if (n == 1 && mudmap.subject != subject_rule::effect)
         stop_with("PEQ is an effect of the subject : it cannot be fitted with \"SUBject\" !");
@@ -151,7 +149,7 @@ void random_regular(int irand) {
     for (int iq = 1; iq <= numbers.nq; ++iq) {
         const int i = effect_number(model.krandom(irand), iq);
         if (i == 0) continue;
-        const std::string& opt = model.rnd_opt(i, iq);
+        const covariance_kind opt = model.rnd_opt(i, iq);
         block_option(irand, opt);
         order = m.kfitrnd(i, iq);
         if (options.randreg) check_rrorder(irand, iq, order);
@@ -163,7 +161,7 @@ void random_regular(int irand) {
             m.rn_trait(place, irand) = iq;
             m.rn_which(place, irand) = 1;
         }
-        const bool decides = opt == "NRM" || model.nrnd(iq) == 1;
+        const bool decides = opt == covariance_kind::nrm || model.nrnd(iq) == 1;
         if (m.subj_dcolno(iq) < 0 && decides && !line_is_subject()) m.subj_dcolno(iq) = m.rn_dcolno(i, iq);
     }
     if (!options.randreg)
@@ -201,7 +199,7 @@ void random_sigam(int irand) {
                    name);
         stoptarvex();
     }
-    m.kovrnd(irand) = "NRM";
+    m.kovrnd(irand) = covariance_kind::nrm;
     print_list(screen(), "Option for covariances between random effects had very");
     print_list(screen(), " little testing !!!");
     tvx_caution();

@@ -232,8 +232,9 @@ void map_random(int iq) {
         m.kfitrnd(i, iq) = 1;
         if (options.randreg) map_rrbasis(i, iq);
         effect_position(name, iq, m.rn_dcolno(i, iq), m.rn_dcolno2(i, iq), m.rn_mlev(i, iq));
-        if (model.rnd_opt(i, iq) == "NRM" && m.rn_dcolno2(i, iq) > 0) tvx_notyet(); // a pedigree knows single codes
-        if (model.rnd_opt(i, iq) != "NRM") check_limit(m.rn_mlev(i, iq), name, m.maxlev_rnd);
+        if (model.rnd_opt(i, iq) == covariance_kind::nrm && m.rn_dcolno2(i, iq) > 0)
+            tvx_notyet(); // a pedigree knows single codes
+        if (model.rnd_opt(i, iq) != covariance_kind::nrm) check_limit(m.rn_mlev(i, iq), name, m.maxlev_rnd);
         m.maxlev_rnd = std::max(m.maxlev_rnd, m.rn_mlev(i, iq));
     }
 }

@@ -243,10 +243,10 @@ void repeats_by_record(par_state& s) {
     bool found = false;
     for (int iq = 1; iq <= numbers.nq; ++iq)
         for (int i = 1; i <= model.nrnd(iq); ++i) {
-            if (model.rnd_opt(i, iq) != "PEQ" ||
+            if (model.rnd_opt(i, iq) != covariance_kind::peq ||
                 model.random(i, iq).substr(0, model.random(i, iq).find('(')) != s.by_record)
                 continue;
-            model.rnd_opt(i, iq) = "IDE";
+            model.rnd_opt(i, iq) = covariance_kind::ide;
             found = true;
         }
     if (!found) stop_with("\"REC\" is for effects that are fitted as PEQ : \"" + s.by_record + "\" is not !");

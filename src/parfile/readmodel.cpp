@@ -84,19 +84,18 @@ void check_rrname(const par_lines& p, const std::string& t) {
 }
 
 // The option behind a random effect, if there is one; otherwise the line is left at the effect.
-std::string read_covoption(par_lines& p) {
+covariance_kind read_covoption(par_lines& p) {
     const int i1 = p.i1, i2 = p.i2;
     if (!next_var(p) || is_digit(token(p).front())) {
         p.i1 = i1;
         p.i2 = i2;
-        return "IDE";
+        return covariance_kind::ide;
     }
     const std::string t = token(p);
     if (t.size() < 3) rdpar_err(p, "cov. option too short");
-    const std::string opt = upper3(t);
-    for (const char* valid : {"NRM", "GIN", "IDE", "PEQ"})
-        if (opt == valid) return opt;
-    rdpar_err(p, "Invalid covariance structure");
+    const covariance_kind kind = kind_named(upper3(t));
+    if (kind == covariance_kind::none) rdpar_err(p, "Invalid covariance structure");
+    return kind;
 }
 
 void read_random(par_state& s) {
@@ -106,8 +105,8 @@ void read_random(par_state& s) {
         check_rrname(p, t);
     else if (t.find('(') != std::string::npos)
         rdpar_err(p, "\"(\" in name only allowed with RR analyses");
-    const std::string opt = read_covoption(p);
-    if (opt == "NRM") s.nrm_set = true;
+    const covariance_kind opt = read_covoption(p);
+    if (opt == covariance_kind::nrm) s.nrm_set = true;
     for (int iq : line_traits(p)) {
         int& n = model.nrnd(iq);
         if (n == maxrand) rdpar_err(p, "Max. no. of random effects exceeded !");

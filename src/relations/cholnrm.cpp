@@ -108,7 +108,7 @@ digest factor_sum(int irun) {
 
 void cholnrm_animal() {
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (mudmap.kovrnd(irand) != "NRM") continue;
+        if (mudmap.kovrnd(irand) != covariance_kind::nrm) continue;
         const int iirand = mudmap.iranno(irand), nan = pedigreelist.nannew(iirand);
         const std::string name = cholnrm_name(iirand);
         const seal s{factor_sum(iirand), {}};

@@ -31,15 +31,15 @@ namespace {
 
 inverse_stream::inverse_stream(int irand) : p_(new impl) {
     p_->irand = irand;
-    const std::string& kov = mudmap.kovrnd(irand);
-    if (kov == "NRM") {
+    const covariance_kind kov = mudmap.kovrnd(irand);
+    if (kov == covariance_kind::nrm) {
         p_->kind = 'N';
         p_->name = nrminv_name(mudmap.iranno(irand));
         if (!p_->file.open(p_->name)) unreadable(p_->name);
-    } else if (kov == "GIN") {
+    } else if (kov == covariance_kind::gin) {
         p_->kind = 'G';
         logdet_ = geninverse.detginv(irand);
-        if (gin_store.elements.size() < static_cast<std::size_t>(irand)) unreadable(kov);
+        if (gin_store.elements.size() < static_cast<std::size_t>(irand)) unreadable(name_of(kov));
     } else {
         p_->nlev = levels.rn_nlev(irand);
     }

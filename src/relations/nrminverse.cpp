@@ -182,7 +182,7 @@ void check_shared_marks() {
     for (const std::string& name : randasfix.psfixname) {
         bool found = false;
         for (int irand = 1; irand <= numbers.krand; ++irand)
-            found = found || (model.krandom(irand) == name && mudmap.kovrnd(irand) == "NRM");
+            found = found || (model.krandom(irand) == name && mudmap.kovrnd(irand) == covariance_kind::nrm);
         if (!found) stop_with("No random effect with a relationship matrix has levels to be fixed : \"" + name + "\"");
     }
     const auto codes = [](int irand) {
@@ -252,10 +252,10 @@ void gen_inverses() {
     allocate("alloc giv", geninverse.nnginv, numbers.krand);
     check_shared_marks();
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        const std::string& kov = mudmap.kovrnd(irand);
-        if (kov == "GIN")
+        const covariance_kind kov = mudmap.kovrnd(irand);
+        if (kov == covariance_kind::gin)
             check_ginverse(irand);
-        else if (kov == "NRM")
+        else if (kov == covariance_kind::nrm)
             one_inverse(irand, sumped);
         else
             continue;

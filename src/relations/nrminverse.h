@@ -1,10 +1,10 @@
 // Inverses of relationship matrices: of a pedigree (by Henderson's rules with inbreeding, or the rules for sires), or
-// as the user supplies them.
+// as the user supplies them (read by geninverse.h).
 //
 // nrminvers<d>.bin: nan, ian1, ian2, siremodel | nnrm, detl | nrmdiag(nan) | nnrm times: column, row, value (lower
 // triangle, row by row, columns ascending). The seal has the count of inbred animals and the sum of their coefficients
-// as its note. inbreed.bin: m, n, nannew, pedfile (30 characters) | inbreed(m,n). Both are taken over by the sum over
-// the pedigree that they were made from.
+// as its note. inbreed.bin, with superai or in a simulation: m, n, nannew, pedfile (30 characters) | inbreed(m,n).
+// Both are taken over by the sum over the pedigree that they were made from.
 #pragma once
 #include "support/array.h"
 

@@ -32,12 +32,11 @@ bool positive_definite(int irand) {
         return std::all_of(model.cov.column(irand).begin(), model.cov.column(irand).begin() + n,
                            [](double v) { return v > 0.0; });
     for (int step = 1; step <= steps; ++step) {
-        array<double, 2> a, vectors;
+        const int length = n * (n + 1) / 2;
+        const array<double, 2> a =
+            unpack(model.cov.column(irand).subspan(static_cast<std::size_t>((step - 1) * length)), n);
+        array<double, 2> vectors;
         array<double> eig;
-        a.allocate(n, n);
-        for (int i = 1; i <= n; ++i)
-            for (int j = i; j <= n; ++j)
-                a(i, j) = a(j, i) = model.cov((step - 1) * n * (n + 1) / 2 + ihmssf(i, j, n), irand);
         eigem_any_size(a, eig, vectors, n);
         if (!(eig(rank) > 0.0)) return false;
     }

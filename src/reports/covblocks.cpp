@@ -16,14 +16,12 @@ namespace tarvex {
 
 namespace {
 
-std::size_t packed(int i, int j, int n) {
-    return static_cast<std::size_t>(ihmssf(std::min(i, j), std::max(i, j), n) - 1);
-}
+std::size_t packed(int i, int j, int n) { return static_cast<std::size_t>(packed_place(i, j, n) - 1); }
 
 // Number in ListofCovs of covariance (i,j) of a step of a block; 0 for an off-diagonal of a diagonal block.
 int cov_number(int irand, int step, int i, int j) {
     if (model.diagonal(irand)) return i == j ? cov_start(irand, step) + i - 1 : 0;
-    return cov_start(irand, step) + ihmssf(std::min(i, j), std::max(i, j), model.kkfit(irand)) - 1;
+    return cov_start(irand, step) + packed_place(i, j, model.kkfit(irand)) - 1;
 }
 
 void add_term(cov_function& f, int number, double factor) {

@@ -106,7 +106,7 @@ double accuracy(double pev, double variance) {
 
 std::vector<double> variance_factors(int irand) {
     std::vector<double> factors(at(levels.rn_nlev(irand)), 1.0);
-    if (!solutions.accinb || options.siremodel || mudmap.kovrnd(irand) != "NRM") return factors;
+    if (!solutions.accinb || options.siremodel || mudmap.kovrnd(irand) != covariance_kind::nrm) return factors;
     const int irun = mudmap.iranno(irand);
     const std::vector<double> f = inbreeding(pedigreelist.sire(irun), pedigreelist.dam(irun));
     for (std::size_t l = 0; l < factors.size() && l < f.size(); ++l) factors[l] += f[l];
@@ -117,7 +117,7 @@ void write_given_loadings() {
     array<double, 2> q;
     array<int> order;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (!reduced_rank(irand) || mudmap.kovrnd(irand) == "PEQ") continue;
+        if (!reduced_rank(irand) || mudmap.kovrnd(irand) == covariance_kind::peq) continue;
         start_factor(irand, q, order);
         show_loadings(irand, q, order);
     }

@@ -32,7 +32,9 @@ constexpr double small_variance = vanished_variance, high_correlation = 1.0 - va
 constexpr double gone = 1.0e-4; // eigenvalue of a correlation matrix
 
 int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
-bool on_factor_scale(int irand) { return irand > 0 && options.principal && mudmap.kovrnd(irand) != "PEQ"; }
+bool on_factor_scale(int irand) {
+    return irand > 0 && options.principal && mudmap.kovrnd(irand) != covariance_kind::peq;
+}
 
 // Covariances of one class of a block as a matrix; for block 0 without what a PEQ effect takes.
 matrix block_of(int irand, int step) {

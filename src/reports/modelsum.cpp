@@ -114,7 +114,8 @@ void write_modelsum() {
     levels_table(out, model.fixed, model.nfix, levels.fx_nlev);
     write(out, "(/1x,a,t23,a,4(6x,a,3x))", "Random effects", "nlev");
     for (int i = 1; i <= numbers.krand; ++i)
-        write(out, "(i4,2x,1h\",a,1h\",t20,i7,4x,a)", i, model.krandom(i), levels.rn_nlev(i), mudmap.kovrnd(i));
+        write(out, "(i4,2x,1h\",a,1h\",t20,i7,4x,a)", i, model.krandom(i), levels.rn_nlev(i),
+              name_of(mudmap.kovrnd(i)));
     const auto nextra = model.nextra.prefix(numbers.nq);
     if (*std::max_element(nextra.begin(), nextra.end()) > 0) {
         write(out, "(/1x,a)", "Extra effects");

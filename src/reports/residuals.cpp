@@ -22,6 +22,7 @@ void write_residuals() {
     ssres.allocate(numbers.nq, numbers.nq);
     subject_stream subjects;
     std::vector<double> yy;
+    const subject_record& record = subjects.record();
     while (subjects.next()) {
         const subject_design& d = subjects.design();
         yy.assign(static_cast<std::size_t>(d.nobs), 0.0);
@@ -30,14 +31,14 @@ void write_residuals() {
             double fit = 0.0;
             for (auto k = static_cast<std::size_t>(d.first[row]); k < static_cast<std::size_t>(d.first[row + 1]); ++k)
                 fit += d.weight[k] * solutions.solsave(orders.ieqold(d.eq[static_cast<std::size_t>(d.local[k])]));
-            yy[row] = datavecs.yvec(i + 1) - fit;
-            const double unit = trait_unit(datavecs.ynq(i + 1));
+            yy[row] = record.yvec(i + 1) - fit;
+            const double unit = trait_unit(record.ynq(i + 1));
             yy[row] *= unit;
-            print_list(out, datavecs.yvec(i + 1) * unit, yy[row]);
+            print_list(out, record.yvec(i + 1) * unit, yy[row]);
         }
         for (int i = 0; i < d.nobs; ++i)
             for (int j = 0; j < d.nobs; ++j) {
-                const int iq = datavecs.ynq(i + 1), jq = datavecs.ynq(j + 1);
+                const int iq = record.ynq(i + 1), jq = record.ynq(j + 1);
                 if (i != j && iq == jq) continue; // no products between repeated records of a trait
                 ssres(iq, jq) += yy[static_cast<std::size_t>(i)] * yy[static_cast<std::size_t>(j)];
             }

@@ -210,8 +210,10 @@ json covariable_part(int icov, int iq) {
 
 json random_part(int irand) {
     const int n = nfit(irand), nlev = levels.rn_nlev(irand), start = mmequations.rn_start(irand);
-    json part = {
-        {"block", irand}, {"effect", model.krandom(irand)}, {"structure", mudmap.kovrnd(irand)}, {"components", n}};
+    json part = {{"block", irand},
+                 {"effect", model.krandom(irand)},
+                 {"structure", name_of(mudmap.kovrnd(irand))},
+                 {"components", n}};
     part["codes"] = levels.rn_codes(irand);
     auto value = json::array(), se = json::array();
     for (int k = 1; k <= nlev * n; ++k) {
@@ -230,20 +232,13 @@ json record_traits() {
     recdata_pass pass;
     setup_recdata(pass, filenames.recdatfil2);
     while (next_subject(pass))
-        for (int i = 1; i <= datavecs.nobs; ++i) list.push_back(datavecs.ynq(i));
-    deall_recdata(pass);
+        for (int i = 1; i <= pass.record.nobs; ++i) list.push_back(pass.record.ynq(i));
     return list;
 }
 
 // Factor of a block fitted by its components: effects are the factor times the solutions.
 json factor_of(int irand) {
-    array<double> cc;
-    array<double, 2> vv;
-    int ifail = 0;
-    const auto marks = estimates.switchlog;
-    array<double> point = bestpoint.parbest;
-    parvec2covs(point, irand, 1, cc, vv, ifail);
-    estimates.switchlog = marks;
+    const array<double, 2> vv = covariances_at(bestpoint.parbest, irand).vv;
     auto rows = json::array();
     for (int i = 1; i <= model.kkfit(irand); ++i) {
         auto row = json::array();
@@ -293,7 +288,7 @@ nlohmann::ordered_json block_list() {
     for (int irand = 0; irand <= numbers.krand; ++irand) {
         json b = {{"number", irand},
                   {"name", irand == 0 ? "residual" : model.krandom(irand)},
-                  {"structure", irand == 0 ? "residual" : mudmap.kovrnd(irand)},
+                  {"structure", irand == 0 ? "residual" : name_of(mudmap.kovrnd(irand))},
                   {"order", model.kkfit(irand)},
                   {"rank", model.krfit(irand)},
                   {"diagonal", model.diagonal(irand) != 0},
@@ -302,7 +297,8 @@ nlohmann::ordered_json block_list() {
         b["levels"] = irand > 0 && scanned() ? json(levels.rn_nlev(irand)) : json();
         b["rows"] = rows_of(irand);
         if (options.randreg && scanned()) b["basis"] = irand > 0 ? basis_of(irand) : json();
-        if (irand > 0 && options.principal && mudmap.kovrnd(irand) != "PEQ") b["factor"] = factor_of(irand);
+        if (irand > 0 && options.principal && mudmap.kovrnd(irand) != covariance_kind::peq)
+            b["factor"] = factor_of(irand);
         if (irand == 0) b["residual_classes"] = classes_of_residual();
         list.push_back(b);
     }
@@ -400,7 +396,7 @@ nlohmann::ordered_json solution_list() {
                                        levels.fx_codes(i, iq), counts.fixed(i, iq)));
     }
     for (int irand = 1; irand <= numbers.krand; ++irand)
-        if (mudmap.kovrnd(irand) != "PEQ") random.push_back(random_part(irand));
+        if (mudmap.kovrnd(irand) != covariance_kind::peq) random.push_back(random_part(irand));
     return {{"scale", options.principal ? "components" : "covariances"},
             {"fixed", fixed},
             {"random", random},

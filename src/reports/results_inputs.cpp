@@ -73,7 +73,7 @@ void note_inputs() {
     if (model.me_type == "IND") note("residual classes", filenames.me_varfile);
     if (options.continew) note("best point", filenames.bestfile);
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (mudmap.kovrnd(irand) != "GIN") continue;
+        if (mudmap.kovrnd(irand) != covariance_kind::gin) continue;
         note("inverse", model.krandom(irand) + ".gin");
         note("codes of inverse", model.krandom(irand) + ".codes");
     }

@@ -176,7 +176,7 @@ void write_random_block(text_out& out, int irand, const std::vector<double>& cov
     constexpr edit_form count{"(6x,a,i8)"}, text{"(6x,a,3x,a)"}, two{"(6x,a,2i8)"};
     banner(out, titled(name_form, irand, model.krandom(irand)));
     if (!options.bestonly) write(out, count, "No. of levels        =", levels.rn_nlev(irand));
-    write(out, text, "Covariance structure = ", mudmap.kovrnd(irand));
+    write(out, text, "Covariance structure = ", name_of(mudmap.kovrnd(irand)));
     if (model.krfit(irand) < model.kkfit(irand))
         write(out, two, "Order & rank of fit  =", model.kkfit(irand), model.krfit(irand));
     else

@@ -271,7 +271,7 @@ void write_fixsolns() {
 
 void write_randsolns() {
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (mudmap.kovrnd(irand) == "PEQ") continue;
+        if (mudmap.kovrnd(irand) == covariance_kind::peq) continue;
         text_out out;
         const std::string name = "RnSoln_" + model.krandom(irand) + ".dat";
         if (!out.open(name)) stop_with("Error opening file \"" + name + "\"");

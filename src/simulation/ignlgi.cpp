@@ -9,7 +9,7 @@ namespace tarvex {
 int ignlgi() {
     auto& r = randomgen;
     constexpr int m1 = 2147483563, m2 = 2147483399;
-    if (!r.qrgnin) qrgnsn(true);
+    r.qrgnin = true;
     if (!r.qqssd) setall(1234567890, 123456789);
     const auto g = static_cast<std::size_t>(r.curntg - 1);
     int s1 = r.cg1[g], s2 = r.cg2[g];
@@ -26,8 +26,6 @@ int ignlgi() {
     return r.qanti[g] ? m1 - z : z;
 }
 
-void getcgn(int& g) { g = randomgen.curntg; }
-
 void setcgn(int g) {
     if (g < 1 || g > generators) {
         print_list(screen(), " Generator number out of range in SETCGN:", g);
@@ -36,9 +34,5 @@ void setcgn(int g) {
     }
     randomgen.curntg = g;
 }
-
-bool qrgnin() { return randomgen.qrgnin; }
-void qrgnsn(bool set) { randomgen.qrgnin = set; }
-bool rgnqsd() { return randomgen.qqssd; }
 
 } // namespace tarvex

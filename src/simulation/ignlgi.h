@@ -18,10 +18,7 @@ struct randomgen_module {
 };
 inline randomgen_module randomgen;
 
-int ignlgi(); // next integer, 1..2147483562; sets default seeds if none were set
-void getcgn(int& g);
+int ignlgi();       // next integer, 1..2147483562; sets default seeds if none were set
 void setcgn(int g); // 1..32, or stops
-bool qrgnin();
-void qrgnsn(bool set); // sets the flag of qrgnin
-bool rgnqsd();         // have seeds been set?
+
 } // namespace tarvex

@@ -119,12 +119,12 @@ void follow_inverse(int irand, std::vector<double>& w) {
 }
 
 void sample_block(int irand, std::vector<double>& u, std::vector<double>& total) {
-    const std::string& kov = mudmap.kovrnd(irand);
+    const covariance_kind kov = mudmap.kovrnd(irand);
     const int n = model.kkfit(irand), nlev = levels.rn_nlev(irand);
     const auto width = static_cast<std::size_t>(n);
     u.assign(static_cast<std::size_t>(nlev) * width, 0.0);
-    if (kov == "PEQ" && options.randreg) cannot_simulate(irand);
-    if (kov == "PEQ") return; // comes with the residuals
+    if (kov == covariance_kind::peq && options.randreg) cannot_simulate(irand);
+    if (kov == covariance_kind::peq) return; // comes with the residuals
     const block_draws draws(irand);
     for (int l = 1; l <= nlev; ++l) {
         const std::span<double> w(u.data() + static_cast<std::size_t>(l - 1) * width, width);
@@ -134,8 +134,8 @@ void sample_block(int irand, std::vector<double>& u, std::vector<double>& total)
                 total[static_cast<std::size_t>(ihmssf(i, j, n) - 1)] +=
                     w[static_cast<std::size_t>(i - 1)] * w[static_cast<std::size_t>(j - 1)];
     }
-    if (kov == "NRM") follow_pedigree(irand, u);
-    if (kov == "GIN") follow_inverse(irand, u);
+    if (kov == covariance_kind::nrm) follow_pedigree(irand, u);
+    if (kov == covariance_kind::gin) follow_inverse(irand, u);
 }
 
 // Nothing is left of row j but rounding: its column of the factor is zero.
@@ -167,8 +167,7 @@ void mvnormal_initial(int n, std::span<const double> sig, array<double, 2>& chol
             for (int i = 1; i <= n; ++i) {
                 std::string row;
                 for (int k = 1; k <= n; ++k)
-                    row += (k > 1 ? " " : "") +
-                           list_item(sig[static_cast<std::size_t>(ihmssf(std::min(i, k), std::max(i, k), n) - 1)]);
+                    row += (k > 1 ? " " : "") + list_item(sig[static_cast<std::size_t>(packed_place(i, k, n) - 1)]);
                 screen().line(row);
             }
             stoptarvex();

@@ -145,7 +145,7 @@ struct subject_record {
 
 // Covariance of two records of a subject that are not one: those of a trait share the repeat effect alone.
 double subject_covariance(const subject_record& a, const subject_record& b, const std::vector<double>& peq) {
-    const int k = ihmssf(std::min(a.iq, b.iq), std::max(a.iq, b.iq), numbers.nq);
+    const int k = packed_place(a.iq, b.iq, numbers.nq);
     const double p = peq[static_cast<std::size_t>(k - 1)];
     if (a.iq == b.iq) return a.line == b.line ? model.cov(k, 0) + p : p;
     return model.cov(k, 0) + 2.0 * p;

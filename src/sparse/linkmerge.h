@@ -28,8 +28,8 @@ struct level_links {
     std::vector<int> lower;
 };
 
-// Merges the sets and the levels into the chains of a row store: one pass counts, one fills. `data` and `blocks` (in
-// the order of the random effects) stay as they are between the two.
+// Merges the sets and the levels into the chains of a row store: one pass counts, one fills. `data` and `blocks` must
+// stay as they are between the two; of blocks each row belongs to one at most.
 class link_merge {
 public:
     link_merge(int n, const clique_lists& data, const std::vector<level_links>& blocks);

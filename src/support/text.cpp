@@ -25,21 +25,6 @@ std::string trim(std::string_view text) {
     return std::string(text);
 }
 
-int findsym(std::string_view text, char ch) {
-    const auto at = trim_right(text).find(ch);
-    return at == std::string_view::npos ? 0 : static_cast<int>(at) + 1;
-}
-
-void find2sym(std::string_view text, char ch1, char ch2, int& ii, int& jj) {
-    const std::string_view t = trim_right(text);
-    ii = findsym(t, ch1);
-    jj = 0;
-    const auto from = static_cast<std::size_t>(ii > 0 ? ii : 1);
-    if (from >= t.size()) return;
-    const auto at = t.find(ch2, from);
-    if (at != std::string_view::npos) jj = static_cast<int>(at) + 1;
-}
-
 bool to_integer(std::string_view token, long long& value) {
     if (!token.empty() && token.front() == '+') {
         token.remove_prefix(1);
@@ -110,17 +95,6 @@ bool to_real(std::string_view token, double& value) {
         return false;
     value = v;
     return true;
-}
-
-bool read_i(std::string_view text, int width, long long& value) {
-    std::string digits;
-    for (char c : text.substr(0, static_cast<std::size_t>(width)))
-        if (c != ' ') digits += c;
-    if (digits.empty()) {
-        value = 0;
-        return true;
-    }
-    return to_integer(digits, value);
 }
 
 // Leaves the reader behind an "n*" in front of a value.

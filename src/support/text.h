@@ -6,13 +6,9 @@
 
 namespace tarvex {
 
-void capitalise(std::string& text, int n);   // letters among the first n characters to upper case
-bool is_digit(char ch);                      // one of 1234567890
-int findsym(std::string_view text, char ch); // first position (from 1) up to the trimmed end, else 0
-// ii as findsym for ch1; jj the first position of ch2 behind ii, else 0. When ch1 stands at the end jj is 0; when ch1
-// is absent the search for ch2 starts at position 2.
-void find2sym(std::string_view text, char ch1, char ch2, int& ii, int& jj);
-std::string trim(std::string_view text); // without leading and trailing blanks
+void capitalise(std::string& text, int n); // letters among the first n characters to upper case
+bool is_digit(char ch);                    // one of 1234567890
+std::string trim(std::string_view text);   // without leading and trailing blanks
 std::string_view trim_right(std::string_view text);
 
 // A value was read; empty place between commas; end of text; no number.
@@ -41,9 +37,5 @@ private:
 // The whole token as a number; false if it is none.
 bool to_integer(std::string_view token, long long& value);
 bool to_real(std::string_view token, double& value); // also with D exponent, exponent without letter, nan, inf
-
-// The first `width` characters as an i descriptor reads them: blanks count as nothing, all blank is 0; false, and the
-// value kept, if something else than a number stands there.
-bool read_i(std::string_view text, int width, long long& value);
 
 } // namespace tarvex

@@ -73,7 +73,8 @@ void add_classes(pass& p) {
                             false,
                             {}});
         for (int i = 1; i <= model.nrnd(q); ++i) {
-            const bool nrm = model.rnd_opt(i, q) == "NRM", gin = model.rnd_opt(i, q) == "GIN";
+            const auto kind = model.rnd_opt(i, q);
+            const bool nrm = kind == tarvex::covariance_kind::nrm, gin = kind == tarvex::covariance_kind::gin;
             list.push_back({model.random(i, q),
                             mudmap.rn_dcolno(i, q),
                             mudmap.rn_dcolno2(i, q),
@@ -356,7 +357,7 @@ struct strangers {
 
 void note_animals(pass& p, int q, const std::unordered_set<long long>& listed, strangers& found) {
     for (int i = 1; i <= model.nrnd(q); ++i) {
-        if (model.rnd_opt(i, q) != "NRM") continue;
+        if (model.rnd_opt(i, q) != tarvex::covariance_kind::nrm) continue;
         const auto code = static_cast<long long>(p.value[mudmap.rn_dcolno(i, q)]);
         if (code > 0 && listed.count(code) == 0 && found.line.emplace(code, p.line).second) found.code.push_back(code);
     }

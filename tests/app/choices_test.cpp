@@ -130,9 +130,9 @@ TEST_F(Choices, NrmEffectsAreFoundInAnyTrait) {
     model.nrnd.allocate(2);
     model.rnd_opt.allocate(3, 2);
     model.nrnd(1) = model.nrnd(2) = 1;
-    model.rnd_opt(1, 1) = model.rnd_opt(1, 2) = "IDE";
+    model.rnd_opt(1, 1) = model.rnd_opt(1, 2) = covariance_kind::ide;
     EXPECT_FALSE(any_nrm_effect());
-    model.rnd_opt(1, 2) = "NRM";
+    model.rnd_opt(1, 2) = covariance_kind::nrm;
     EXPECT_TRUE(any_nrm_effect());
 }
 

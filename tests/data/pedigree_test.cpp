@@ -354,7 +354,7 @@ TEST_F(pruning_test, each_effect_has_its_own_pedigree) {
 
 TEST_F(pruning_test, report_names_the_effect_and_not_its_matrix) {
     animal_model("5 6 1.0\n6 5 1.0\n", "5 0 0\n6 0 0\n", 2);
-    mudmap.kovrnd(1) = "IDE";
+    mudmap.kovrnd(1) = covariance_kind::ide;
     mudmap.iranno(1) = 0;
     mudmap.nrunno = mudmap.iranno(2) = 1;
     pedigree_list();

@@ -44,22 +44,20 @@ protected:
         recdata_pass reading;
         try {
             setup_recdata(reading, filenames.recdatfil2);
-            while (next_subject(reading)) expect_indices();
+            while (next_subject(reading)) expect_indices(reading.record);
             end = true;
         } catch (const program_stop& stopped) {
             EXPECT_EQ(stopped.status, 1);
             EXPECT_NE(screen_text().find("Error reading "), std::string::npos) << screen_text();
         }
         clear_screen();
-        deall_recdata(reading);
         return end;
     }
-    static void expect_indices() {
-        const auto& d = datavecs;
+    static void expect_indices(const subject_record& d) {
         for (int k = 1; k <= d.nobs; ++k) {
             EXPECT_TRUE(d.ynq(k) >= 1 && d.ynq(k) <= numbers.nq);
             for (int j = 1; j <= d.mrow; ++j) EXPECT_TRUE(d.ieqnr(j, k) >= 0 && d.ieqnr(j, k) <= d.nr);
-            for (int j = 1; j <= d.mcov; ++j) EXPECT_TRUE(d.icov(j, k) >= 0 && d.icov(j, k) <= d.ncov);
+            for (int j = 1; j <= d.mcov; ++j) EXPECT_TRUE(d.icov(j, k) >= 0 && d.icov(j, k) <= combinations.ncov);
             for (int j = 1; j <= d.nmeta; ++j) EXPECT_TRUE(d.imeta(j, k) >= 1 && d.imeta(j, k) <= levels.mm_nlev(1, 1));
         }
         for (int j = 1; j <= d.nr; ++j) EXPECT_TRUE(d.jvec(j) >= 0 && d.jvec(j) <= mmequations.neqns + 1);

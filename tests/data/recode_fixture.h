@@ -71,9 +71,9 @@ protected:
     int random_blocks(array<int>& start, int at) {
         for (int round = 1; round <= 2; ++round)
             for (int irand = 1; irand <= numbers.krand; ++irand) {
-                const std::string& kind = mudmap.kovrnd(irand);
-                if (kind == "PEQ") start(irand) = -1;
-                if (kind == "PEQ" || (kind == "IDE") != (round == 1)) continue;
+                const covariance_kind kind = mudmap.kovrnd(irand);
+                if (kind == covariance_kind::peq) start(irand) = -1;
+                if (kind == covariance_kind::peq || (kind == covariance_kind::ide) != (round == 1)) continue;
                 start(irand) = at;
                 at += levels.rn_nlev(irand) * nfit(irand);
             }
@@ -85,9 +85,9 @@ protected:
         data_recode(starts_of_equations());
     }
     // Equations of row k of the subject in hand.
-    static std::vector<int> row(int k) {
+    std::vector<int> row(int k) {
         std::vector<int> eq;
-        for (int place : datavecs.ieqnr.column(k)) eq.push_back(place > 0 ? datavecs.jvec(place) : 0);
+        for (int place : pass.record.ieqnr.column(k)) eq.push_back(place > 0 ? pass.record.jvec(place) : 0);
         return eq;
     }
     recdata_pass pass;

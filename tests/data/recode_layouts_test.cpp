@@ -33,13 +33,13 @@ TEST_F(layouts_test, random_regression_of_one_trait_gives_form_d) {
     EXPECT_EQ(places, (ints{1, 3, 4, 5, 2, 3, 4, 5}));
     setup_recdata(pass, filenames.recdatfil2);
     ASSERT_TRUE(next_subject(pass));
-    EXPECT_EQ(datavecs.icombi, 0);
-    EXPECT_EQ(datavecs.kk, 2);
+    EXPECT_EQ(pass.record.icombi, 0);
+    EXPECT_EQ(pass.record.kk, 2);
     EXPECT_EQ(row(1), (ints{1, 6, 7, 8}));
-    EXPECT_EQ(datavecs.imeta(1, 2), 3);
+    EXPECT_EQ(pass.record.imeta(1, 2), 3);
     ASSERT_TRUE(next_subject(pass));
     EXPECT_EQ(row(1), (ints{1, 3, 4, 5}));
-    EXPECT_EQ(datavecs.imeta(1, 1), 2);
+    EXPECT_EQ(pass.record.imeta(1, 1), 2);
 }
 
 // The sizes of tables of records and of tables of equations differ.
@@ -55,7 +55,7 @@ TEST_F(layouts_test, one_record_with_many_equations) {
     EXPECT_EQ(covmeans.mm_max(1, 1), 8.0);
     setup_recdata(pass, filenames.recdatfil2);
     ASSERT_TRUE(next_subject(pass) && next_subject(pass));
-    EXPECT_EQ(datavecs.nr, 4);
+    EXPECT_EQ(pass.record.nr, 4);
 }
 
 TEST_F(layouts_test, zero_is_a_value_of_a_control_variable) {
@@ -71,10 +71,10 @@ TEST_F(layouts_test, values_of_a_control_variable_have_either_sign) {
     EXPECT_EQ(covmeans.mm_min(1, 1), -123.0);
     setup_recdata(pass, filenames.recdatfil2);
     ASSERT_TRUE(next_subject(pass));
-    EXPECT_EQ(datavecs.imeta(1, 1), 3);
+    EXPECT_EQ(pass.record.imeta(1, 1), 3);
     ASSERT_TRUE(next_subject(pass));
-    EXPECT_EQ(datavecs.imeta(1, 1), 2);
-    EXPECT_EQ(datavecs.imeta(1, 2), 1);
+    EXPECT_EQ(pass.record.imeta(1, 1), 2);
+    EXPECT_EQ(pass.record.imeta(1, 2), 1);
     write_file("t.dat", "2 5 -9 1.5\n"); // the code of missing records
     EXPECT_STOP(data_scan1st(), "Invalid effect code :  age -9.0 -9\n");
     for (const char* beyond : {"-2147483648", "2147483648", "-3e9"}) {
@@ -130,12 +130,12 @@ TEST_F(layouts_test, traits_share_the_levels_of_a_control_variable_form_e) {
     EXPECT_EQ(age, (ints{2, 1, 2}));
     setup_recdata(pass, filenames.recdatfil2);
     ASSERT_TRUE(next_subject(pass));
-    EXPECT_EQ(datavecs.kk, 3);
+    EXPECT_EQ(pass.record.kk, 3);
     EXPECT_EQ(row(1), (ints{1}));
     EXPECT_EQ(row(3), (ints{2}));
     ASSERT_TRUE(next_subject(pass));
     EXPECT_EQ(row(1), (ints{4}));
-    EXPECT_EQ(datavecs.imeta(1, 1), 3);
+    EXPECT_EQ(pass.record.imeta(1, 1), 3);
 }
 
 TEST_F(layouts_test, reduced_rank_rows_hold_all_components) {
@@ -153,7 +153,12 @@ TEST_F(layouts_test, reduced_rank_rows_hold_all_components) {
     ASSERT_TRUE(next_subject(pass));
     EXPECT_EQ(row(1), (ints{1, 8, 6, 7}));
     EXPECT_EQ(row(2), (ints{2, 9, 6, 7}));
-    EXPECT_EQ(datavecs.iraand(1, 2), 2);
+    record_reader in;
+    ASSERT_TRUE(in.open("recoded1.bin"));
+    ASSERT_TRUE(in.next() && in.next());
+    ints animal(2);
+    ASSERT_TRUE(in.record(std::span<int>(animal)));
+    EXPECT_EQ(animal, (ints{2, 2}));
 }
 
 TEST_F(layouts_test, permanent_environment_in_r_has_no_position) {

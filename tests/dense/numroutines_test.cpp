@@ -39,7 +39,9 @@ array<double, 2> random_symmetric(int n, unsigned seed, bool definite) {
 
 std::vector<double> packed_of(const array<double, 2>& a, int n) {
     std::vector<double> p(static_cast<std::size_t>(n * (n + 1) / 2));
-    full2vec(a, p, n);
+    std::size_t ij = 0;
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j) p[ij++] = a(i, j);
     return p;
 }
 
@@ -67,17 +69,57 @@ TEST_F(numroutines, packed_index) {
         EXPECT_EQ(ihmssf(n, n, n), n * (n + 1) / 2);
         int ij = 0;
         for (int i = 1; i <= n; ++i)
-            for (int j = i; j <= n; ++j) EXPECT_EQ(ihmssf(i, j, n), ++ij);
+            for (int j = i; j <= n; ++j) {
+                EXPECT_EQ(ihmssf(i, j, n), ++ij);
+                EXPECT_EQ(packed_place(i, j, n), ij);
+                EXPECT_EQ(packed_place(j, i, n), ij);
+            }
     }
 }
 
 TEST_F(numroutines, packed_to_full_and_back) {
     const std::vector<double> p{1, 2, 3, 4, 5, 6};
-    array<double, 2> a;
-    a.allocate(3, 3);
-    vec2full(p, a, 3);
+    const array<double, 2> a = unpack(p, 3);
+    ASSERT_EQ(a.size(), 9);
     EXPECT_EQ(largest_difference(a, full_of(3, {1, 2, 3, 2, 4, 5, 3, 5, 6}), 3), 0.0);
     EXPECT_EQ(packed_of(a, 3), p);
+}
+
+TEST_F(numroutines, cholesky_factor_times_its_transpose_is_the_matrix) {
+    for (int n : {1, 2, 5, 12}) {
+        const auto a = random_symmetric(n, 31u + static_cast<unsigned>(n), true);
+        auto l = a;
+        ASSERT_TRUE(cholesky(l, n));
+        for (int j = 2; j <= n; ++j)
+            for (int i = 1; i < j; ++i) {
+                EXPECT_EQ(l(i, j), a(i, j)) << "the upper triangle stays";
+                l(i, j) = 0.0;
+            }
+        auto t = l;
+        for (int i = 1; i <= n; ++i)
+            for (int j = 1; j <= n; ++j) t(i, j) = l(j, i);
+        EXPECT_LT(largest_difference(product(l, t, n), a, n), 1e-12 * n);
+    }
+    auto indefinite = full_of(2, {1, 2, 2, 1});
+    EXPECT_FALSE(cholesky(indefinite, 2));
+    auto singular = full_of(2, {1, 1, 1, 1});
+    EXPECT_FALSE(cholesky(singular, 2));
+    auto unknown = full_of(1, {NAN});
+    EXPECT_FALSE(cholesky(unknown, 1));
+}
+
+TEST_F(numroutines, raised_eigenvalues_keep_their_vectors) {
+    // (1 1)/sqrt 2 and (1 -1)/sqrt 2 with eigenvalues 3 and -1
+    auto a = full_of(2, {1, 2, 2, 1});
+    EXPECT_TRUE(raise_eigenvalues(a, 2, 2, 0.5));
+    EXPECT_LT(largest_difference(a, full_of(2, {1.75, 1.25, 1.25, 1.75}), 2), 1e-14);
+    EXPECT_FALSE(raise_eigenvalues(a, 2, 2, 0.4)) << "above the floor";
+    EXPECT_LT(largest_difference(a, full_of(2, {1.75, 1.25, 1.25, 1.75}), 2), 1e-14);
+    a = full_of(2, {1, 2, 2, 1});
+    EXPECT_FALSE(raise_eigenvalues(a, 2, 1, 0.5)) << "the leading one is above";
+    EXPECT_EQ(largest_difference(a, full_of(2, {1, 2, 2, 1}), 2), 0.0);
+    EXPECT_TRUE(raise_eigenvalues(a, 2, 1, 4.0)) << "the other is left out";
+    EXPECT_LT(largest_difference(a, full_of(2, {2, 2, 2, 2}), 2), 1e-14);
 }
 
 TEST_F(numroutines, eigem_of_a_diagonal_only_sorts) {
@@ -200,9 +242,7 @@ TEST_F(numroutines, inverse_of_positive_definite_matrices) {
         double ldet = 0;
         gen_inverse(p, n, 1e-8, rank, ldet);
         EXPECT_EQ(rank, n);
-        array<double, 2> inverse;
-        inverse.allocate(n, n);
-        vec2full(p, inverse, n);
+        const array<double, 2> inverse = unpack(p, n);
         auto one = product(a, inverse, n);
         for (int i = 1; i <= n; ++i) one(i, i) -= 1.0;
         for (double x : one) EXPECT_NEAR(x, 0.0, 1e-12);
@@ -225,9 +265,7 @@ TEST_F(numroutines, inverse_of_a_singular_matrix_is_a_generalised_one) {
     gen_inverse(p, n, 1e-8, rank, ldet, &negative);
     EXPECT_EQ(rank, 2);
     EXPECT_EQ(negative, 0);
-    array<double, 2> g;
-    g.allocate(n, n);
-    vec2full(p, g, n);
+    const array<double, 2> g = unpack(p, n);
     EXPECT_LT(largest_difference(product(product(a, g, n), a, n), a, n), 1e-12);
     EXPECT_NEAR(ldet, std::log(9.0 * (3.0 - 16.0 / 9.0)), 1e-12);
     for (int j = 1; j <= n; ++j) EXPECT_EQ(g(4, j), 0.0);

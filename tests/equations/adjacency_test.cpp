@@ -26,7 +26,8 @@ class adjacency_test : public tarvex_test {
 protected:
     // Pattern of the file, rows as equations that stay, the right-hand side last.
     static pattern pattern_on_file() {
-        numbers.nsrow = mmequations.neqns - static_cast<int>(mmequations.ieqzero.size());
+        numbers.nbase = mmequations.neqns - static_cast<int>(mmequations.ieqzero.size());
+        numbers.nsrow = numbers.nbase + 1;
         EXPECT_TRUE(find_adjacency());
         pattern p;
         for (int i = 1; i <= linked_list.ifirst.upper(); ++i)
@@ -47,7 +48,8 @@ protected:
         linked_list = {};
         const int n = 800;
         numbers.nq = 1;
-        numbers.nsrow = mmequations.neqns = n;
+        numbers.nbase = mmequations.neqns = n;
+        numbers.nsrow = n + 1;
         linked_list.ifirst.allocate(n);
         linked_list.inext.allocate(elements);
         linked_list.ivcol.allocate(elements);
@@ -214,20 +216,18 @@ TEST_F(adjacency_test, a_file_without_the_right_hand_side_is_completed) {
     EXPECT_TRUE(find_adjacency());
     EXPECT_FALSE(adjacency.llxrhs);
     adjacency2();
-    EXPECT_EQ(numbers.nsrow, 801);
     EXPECT_EQ(linked_list.nrczhz, 3800);
-    numbers.nsrow = 800; // the file was written anew, with the right-hand side: the next run takes it without
+    // The file was written anew, with the right-hand side: the next run takes it without
     EXPECT_TRUE(find_adjacency());
     EXPECT_TRUE(adjacency.llxrhs);
     EXPECT_EQ(linked_list.ifirst.upper(), 801);
     adjacency2();
-    EXPECT_EQ(numbers.nsrow, 801);
     EXPECT_EQ(linked_list.nrczhz, 3800);
 }
 
 TEST_F(adjacency_test, every_number_of_the_header_must_fit) {
     full_store(3000);
-    for (int* number : {&numbers.nq, &numbers.nsrow, &numbers.nrankx, &numbers.lim1, &mmequations.neqns,
+    for (int* number : {&numbers.nq, &numbers.nbase, &numbers.nrankx, &numbers.lim1, &mmequations.neqns,
                         &mmequations.neq_fix, &mmequations.neq_rnd, &mmequations.neq_cov}) {
         ++*number;
         EXPECT_FALSE(find_adjacency());

@@ -66,7 +66,7 @@ protected:
         const char* kind[] = {"NRM", "PEQ", "IDE", "GIN"};
         const int nlev[] = {5, 5, 6, 2}, order[] = {2, 1, 1, 1};
         for (int i = 1; i <= 4; ++i) {
-            mudmap.kovrnd(i) = kind[i - 1];
+            mudmap.kovrnd(i) = kind_named(kind[i - 1]);
             levels.rn_nlev(i) = nlev[i - 1];
             model.kkfit(i) = model.krfit(i) = order[i - 1];
         }

@@ -9,6 +9,7 @@
 #include "estimation/iteratelog.h"
 #include "estimation/lastpoint.h"
 #include "estimation/pxem.h"
+#include "estimation/searchstate.h"
 #include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
 #include "parameters/variances.h"
@@ -74,7 +75,7 @@ TEST_F(driver_test, SimplexPlanReportsTheStart) {
     for (int i = 1; i <= estimates.nparm; ++i) EXPECT_EQ(estimates.parvec(i), start(i));
     EXPECT_EQ(maximise.simplx_its, 1000);
     EXPECT_NEAR(bestpoint.xbest, program_logl(start), 1.0e-9);
-    EXPECT_FALSE(options.saverr_ready);
+    EXPECT_FALSE(search_state.saverr_ready);
     EXPECT_TRUE(iterates().empty());
 }
 
@@ -94,7 +95,7 @@ TEST_F(driver_test, EmptyPlanOfFewParametersTurnsToAverageInformation) {
 TEST_F(driver_test, DefaultPlanGoesFromExpandedRoundsToAverageInformation) {
     set_up(many_parameters(), {});
     ASSERT_EQ(estimates.nparm, 18);
-    ASSERT_EQ(estimates.paraform(1), "Original");
+    ASSERT_EQ(estimates.paraform(1), par_scale::original);
     get_estimates();
     const auto log = iterates();
     ASSERT_GT(log.size(), 4u);
@@ -107,8 +108,8 @@ TEST_F(driver_test, DefaultPlanGoesFromExpandedRoundsToAverageInformation) {
     for (std::size_t k = 0; k < log.size(); ++k) EXPECT_EQ(log[k].round, static_cast<int>(k));
     EXPECT_EQ(log.back().label, "AI");
     EXPECT_TRUE(maximise.converged);
-    EXPECT_EQ(estimates.paraform(1), "Variance");
-    EXPECT_TRUE(options.saverr_ready);
+    EXPECT_EQ(estimates.paraform(1), par_scale::variance);
+    EXPECT_TRUE(search_state.saverr_ready);
     EXPECT_NE(read_file("Iterates").find("*** AIREML has converged"), std::string::npos);
     EXPECT_EQ(read_file("Iterates").find("PX-"), std::string::npos); // the first phase ends in silence
 }
@@ -144,7 +145,7 @@ TEST_F(driver_test, PlainRoundsTellHowTheyEnd) {
     run(families(1), {"--emalg2"});
     EXPECT_NE(read_file("Iterates").find("*** (PX-) EM has not converged !\n"), std::string::npos);
     EXPECT_NE(screen_text().find("*** (PX-) EM has not converged !"), std::string::npos);
-    EXPECT_FALSE(options.saverr_ready);
+    EXPECT_FALSE(search_state.saverr_ready);
     new_analysis();
     std::remove("Iterates");
     run(families(1), {"--pxem", "-v"});
@@ -227,7 +228,7 @@ TEST_F(driver_test, SearchWithoutAGainTellsSo) {
     EXPECT_NE(read_file("Iterates").find("Could not locate better point - not converged !\n"), std::string::npos);
     EXPECT_NE(screen_text().find("line search failed "), std::string::npos);
     EXPECT_EQ(screen_text().find("*** AIREML : No convergence"), std::string::npos);
-    EXPECT_TRUE(options.saverr_ready);
+    EXPECT_TRUE(search_state.saverr_ready);
 }
 
 TEST_F(driver_test, PointThatCannotBeStoredStopsTheSearch) {
@@ -235,7 +236,7 @@ TEST_F(driver_test, PointThatCannotBeStoredStopsTheSearch) {
     std::filesystem::create_directory("BestPoint"); // cannot be written
     EXPECT_STOP(get_estimates(), "Cannot write file \"BestPoint\"\n");
     EXPECT_FALSE(maximise.converged);
-    EXPECT_FALSE(options.saverr_ready);
+    EXPECT_FALSE(search_state.saverr_ready);
 }
 
 TEST_F(driver_test, StepsAreListed) {
@@ -262,7 +263,7 @@ TEST_F(driver_test, SearchByDirectionsLeavesNoInformation) {
     set_up(families(1), {"--powell"});
     get_estimates();
     EXPECT_EQ(maximise.search_type, 3);
-    EXPECT_FALSE(options.saverr_ready);
+    EXPECT_FALSE(search_state.saverr_ready);
     EXPECT_EQ(read_file("Iterates").substr(0, 4), " IT=");
 }
 
@@ -367,7 +368,7 @@ TEST_F(driver_test, CovarianceThatNoRecordTellsIsHeldOut) {
     small_model m = families(2);
     for (auto& r : m.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
     run(m, {"--aireml"});
-    EXPECT_EQ(estimates.paraform(0), "Variance");
+    EXPECT_EQ(estimates.paraform(0), par_scale::variance);
     EXPECT_EQ(derivs.nparm2, estimates.nparm - 1);
     EXPECT_EQ(derivs.fixpar(2), 1);
     EXPECT_EQ(estimates.ispar(2), 1); // the search by directions meets it as a flat one
@@ -426,7 +427,7 @@ TEST_F(driver_test, CyclesAreSilentAndRestoreTheExpansion) {
 
 TEST_F(driver_test, FinalInformationBelongsToTheBestPoint) {
     run(families(2), {"--pxai2,60"});
-    ASSERT_TRUE(options.saverr_ready);
+    ASSERT_TRUE(search_state.saverr_ready);
     std::istringstream in(read_file(filenames.aiparsfile));
     double x = 0.0, value = 0.0;
     in >> x;

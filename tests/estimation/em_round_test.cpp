@@ -69,7 +69,7 @@ void expect_em_round(const small_model& m, residual_form form) {
 TEST_F(em_round_test, OneTrait) {
     const small_model m = animal_model(1, {1.3}, {2.1});
     set_up(m, {"--emalg"});
-    ASSERT_EQ(estimates.paraform(0), "Original");
+    ASSERT_EQ(estimates.paraform(0), par_scale::original);
     expect_em_round(m, residual_form::patterns);
 }
 

@@ -219,7 +219,7 @@ TEST_F(step_test, CovarianceHeldAtZeroStaysSoWhereTheStepIsControlled) {
     m.principal = false;
     for (auto& r : m.rows) r.y[r.animal % 2 ? 1 : 2] = -999.0;
     start(m);
-    ASSERT_EQ(estimates.paraform(0), "Original");
+    ASSERT_EQ(estimates.paraform(0), par_scale::original);
     maximise.modify_chol = 0;
     std::vector<double> unit(78, 0.0), g(12, 0.0);
     for (int i = 1; i <= 12; ++i) unit[static_cast<std::size_t>(ihmssf(i, i, 12) - 1)] = 1.0;

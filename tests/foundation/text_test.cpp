@@ -22,41 +22,6 @@ TEST(text, is_digit) {
     for (char c : std::string("a .-+eE/:")) EXPECT_FALSE(is_digit(c));
 }
 
-TEST(text, findsym) {
-    EXPECT_EQ(findsym("a,b,c", ','), 2);
-    EXPECT_EQ(findsym("abc", ','), 0);
-    EXPECT_EQ(findsym("      ", ','), 0);
-    EXPECT_EQ(findsym("      ", ' '), 0); // up to the trimmed end
-    EXPECT_EQ(findsym("a b   ", ' '), 2);
-    EXPECT_EQ(findsym("", 'x'), 0);
-}
-
-TEST(text, find2sym) {
-    int ii = -1, jj = -1;
-    const auto find = [&](std::string_view t) { find2sym(t, '(', ')', ii, jj); };
-    find("12(0.5)");
-    EXPECT_EQ(ii, 3);
-    EXPECT_EQ(jj, 7);
-    find("12");
-    EXPECT_EQ(ii, 0);
-    EXPECT_EQ(jj, 0);
-    find("12(");
-    EXPECT_EQ(ii, 3);
-    EXPECT_EQ(jj, 0);
-    find(")2"); // the search behind an absent bracket starts at position 2
-    EXPECT_EQ(ii, 0);
-    EXPECT_EQ(jj, 0);
-    find("2)");
-    EXPECT_EQ(ii, 0);
-    EXPECT_EQ(jj, 2);
-    find(")(1)");
-    EXPECT_EQ(ii, 2);
-    EXPECT_EQ(jj, 4);
-    find("");
-    EXPECT_EQ(ii, 0);
-    EXPECT_EQ(jj, 0);
-}
-
 TEST(text, trim) {
     EXPECT_EQ(trim("  a b  "), "a b");
     EXPECT_EQ(trim("    "), "");
@@ -95,21 +60,6 @@ TEST(text, reals) {
     for (const char* t :
          {"", ".", "-", "+", "e5", "1e", "1e5e5", "1.2.3", "1..2", "1x", "x1", "--1", "+-1", "1-", "in", "d"})
         EXPECT_EQ(real(t), -77) << t;
-}
-
-TEST(text, input_by_width) {
-    long long i = 7;
-    EXPECT_TRUE(read_i("3LEG", 1, i));
-    EXPECT_EQ(i, 3);
-    EXPECT_TRUE(read_i("1 2", 3, i)); // blanks count as nothing
-    EXPECT_EQ(i, 12);
-    EXPECT_TRUE(read_i("", 2, i));
-    EXPECT_EQ(i, 0);
-    i = 7;
-    EXPECT_FALSE(read_i("5w", 2, i));
-    EXPECT_EQ(i, 7);
-    EXPECT_TRUE(read_i("5w", 1, i));
-    EXPECT_EQ(i, 5);
 }
 
 TEST(text, list_with_empty_places) {

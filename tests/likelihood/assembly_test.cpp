@@ -277,13 +277,14 @@ struct by_hand {
         model.rr_resteps = classes;
         residualvars.sigres.allocate(nq * (nq + 1) / 2, classes);
         residualvars.fixres.allocate(classes * nq * (nq + 1) / 2);
-        datavecs.imeta.allocate(1, 4);
-        datavecs.ynq.allocate(4);
+        data.imeta.allocate(1, 4);
+        data.ynq.allocate(4);
         model.me_run.allocate(9);
     }
+    subject_record data;
     void record(int iq, int age) {
-        datavecs.ynq(++datavecs.nobs) = iq;
-        datavecs.imeta(1, datavecs.nobs) = age;
+        data.ynq(++data.nobs) = iq;
+        data.imeta(1, data.nobs) = age;
     }
 };
 
@@ -299,7 +300,7 @@ TEST_F(assembly_test, TwoTraitsAtOneControlValueAreCorrelated) {
     std::vector<double> r;
     bool diagonal = true;
     double ldet = 0.0;
-    get_rinv_rreg(datavecs, 1, r, diagonal, ldet);
+    get_rinv_rreg(s.data, 1, r, diagonal, ldet);
     EXPECT_FALSE(diagonal);
     ASSERT_EQ(r.size(), 16u);
     const auto e = [&](int i, int j) { return r[at(i - 1) + 4 * at(j - 1)]; };
@@ -321,14 +322,13 @@ TEST_F(assembly_test, OneRecordOfASubject) {
     std::vector<double> r;
     bool diagonal = false;
     double ldet = 0.0;
-    get_rinv_rreg(datavecs, 1, r, diagonal, ldet);
+    get_rinv_rreg(s.data, 1, r, diagonal, ldet);
     ASSERT_EQ(r.size(), 1u);
     EXPECT_DOUBLE_EQ(r[0], 0.4);
     EXPECT_DOUBLE_EQ(ldet, std::log(2.5));
     residualvars.sigres(1, 1) = 1.0e-9; // below the limit: no rank, and no word on equal control values
-    EXPECT_STOP(get_rinv_rreg(datavecs, 7, r, diagonal, ldet),
-                "   Individual no.      = 7\n   No. of observations = 1\n"
-                "   Rank found          = 0\nexit \"Tarvex\"");
+    EXPECT_STOP(get_rinv_rreg(s.data, 7, r, diagonal, ldet), "   Individual no.      = 7\n   No. of observations = 1\n"
+                                                             "   Rank found          = 0\nexit \"Tarvex\"");
 }
 
 // ---- evaluations
@@ -383,9 +383,9 @@ TEST_F(assembly_test, BestPointIsKeptWithItsSolutions) {
     m.random = {{"animal", "NRM", 1, 0, {1.3}}};
     m.residual = {2.1};
     set_up(m);
-    options.first = true;
+    likelihoods.first = true;
     const double x = program_logl(estimates.parvec);
-    EXPECT_FALSE(options.first);
+    EXPECT_FALSE(likelihoods.first);
     EXPECT_EQ(bestpoint.xbest, x);
     const double solution = solutions.solsave(mmequations.rn_start(1) + 1);
     array<double> p = estimates.parvec;

@@ -8,6 +8,7 @@
 #include "dense/numroutines.h"
 #include "equations/mmmatrix.h"
 #include "estimation/estimates.h"
+#include "estimation/parlists.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
 #include "likelihood/subjectchunks.h"
@@ -183,7 +184,7 @@ TEST_F(derivatives_test, RegressionWithATinyResidualClass) {
 TEST_F(derivatives_test, TwoTraitsTwoEffectsOnTheFactorScale) {
     const small_model m = two_effects();
     set_up(m);
-    EXPECT_EQ(estimates.paraform(1), "Variance");
+    EXPECT_EQ(estimates.paraform(1), par_scale::variance);
     expect_derivatives(m);
 }
 
@@ -241,7 +242,7 @@ TEST_F(derivatives_test, RandomRegressionClasses) {
 TEST_F(derivatives_test, ReducedRankRandomRegression) {
     const small_model m = regressions(true);
     set_up(m);
-    EXPECT_EQ(estimates.paraform(1), "Cholesky");
+    EXPECT_EQ(estimates.paraform(1), par_scale::cholesky);
     expect_derivatives(m);
 }
 
@@ -506,7 +507,8 @@ TEST_F(derivatives_test, ZeroPatternOfTheResidualOnBothScales) {
         new_analysis();
         const small_model m = apart();
         set_up(m, {"--aireml", option});
-        EXPECT_EQ(estimates.paraform(0), std::string(option) == "--forchol" ? "Variance" : "Original");
+        EXPECT_EQ(estimates.paraform(0),
+                  std::string(option) == "--forchol" ? par_scale::variance : par_scale::original);
         EXPECT_EQ(residualvars.fixres(5), 1);
         EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(m, estimates.parvec), 1.0e-7);
         expect_derivatives(m);

@@ -170,14 +170,14 @@ TEST_F(likelihood_messages_test, FailedFirstEvaluationGivesTheDiagnosisOnlyThen)
     m.residual = {1.0e12};
     set_up(m);
     options.mmmposdef = true;
-    options.first = true;
+    likelihoods.first = true;
     clear_screen();
     EXPECT_STOP(program_logl(estimates.parvec), "exit \"Tarvex\"");
     EXPECT_EQ(screen_text().find("invalid pivot - at row "), 0u);
     EXPECT_TRUE(told(screen_text(), "\n***** ERROR in sparse matrix factorisation \n"
                                     "      mixed model matrix is not positive definite !!!\n"
                                     "This occurred in first likelihood evaluation attempted.\n"));
-    options.first = false;
+    likelihoods.first = false;
     clear_screen();
     EXPECT_STOP(program_logl(estimates.parvec), "exit \"Tarvex\"");
     EXPECT_FALSE(told(screen_text(), "This occurred"));

@@ -105,7 +105,7 @@ TEST_F(likelihood_test, ThreeTraitsTwoEffectsDifferentFromScaleToScale) {
     options.emalgorithm = true;
     covs2parvec();
     forget_likelihoods();
-    EXPECT_EQ(estimates.paraform(1), "Original");
+    EXPECT_EQ(estimates.paraform(1), par_scale::original);
     EXPECT_NEAR(program_logl(estimates.parvec), factor_scale, 1.0e-8);
 }
 

@@ -65,7 +65,7 @@ outcome at_start(const small_model& m, const std::vector<std::string>& arguments
         if (m.mean) o.solutions[at(mmequations.ieq_trait(iq) - 1)] *= u;
     }
     for (int irand = 1; irand <= numbers.krand; ++irand) {
-        if (mudmap.kovrnd(irand) == "PEQ" || options.principal) continue;
+        if (mudmap.kovrnd(irand) == covariance_kind::peq || options.principal) continue;
         const int n = nfit(irand);
         for (int l = 1; l <= levels.rn_nlev(irand); ++l)
             for (int r = 1; r <= n; ++r)
@@ -100,7 +100,7 @@ void expect_same_in_any_unit(const small_model& m, const std::vector<std::string
             shift -= (means.nrec(iq) - rank) * std::log(s);
         }
         for (int irand = 1; irand <= numbers.krand; ++irand) {
-            if (mudmap.kovrnd(irand) == "PEQ" || options.principal) continue;
+            if (mudmap.kovrnd(irand) == covariance_kind::peq || options.principal) continue;
             const int n = nfit(irand);
             for (int k = 0; k < levels.rn_nlev(irand) * n; ++k) {
                 const int trait = m.randreg ? 0 : mudmap.rn_trait(k % n + 1, irand) - 1;

@@ -2,6 +2,7 @@
 #include "parameters/variances.h"
 
 #include "control/filenames.h"
+#include "control/numbers.h"
 #include "control/options.h"
 #include "dense/numroutines.h"
 #include "estimation/bestpoint.h"
@@ -11,6 +12,7 @@
 #include "parfile/readparfile.h"
 #include "support/em_fixture.h"
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 
@@ -39,7 +41,7 @@ TEST_F(variances_test, RankOneOfThreeHasThreeParametersAndSixCovariances) {
     EXPECT_EQ(estimates.nnparm(1), 3);
     EXPECT_EQ(estimates.ncov, 12);
     EXPECT_EQ(estimates.nparm, 9);
-    EXPECT_EQ(estimates.paraform(0), "Cholesky");
+    EXPECT_EQ(estimates.paraform(0), par_scale::cholesky);
     EXPECT_EQ(estimates.parnames(7), "CHOL A 1 1");
     EXPECT_EQ(estimates.parnames(9), "CHOL A 1 3");
     const block b(1); // the leading column of the pivoted factor
@@ -60,20 +62,20 @@ TEST_F(variances_test, ListOfCovariancesShowsTheGivenMatrix) {
 
 TEST_F(variances_test, ScaleFollowsTheAlgorithm) {
     set_up(two_traits(), {"--aireml"});
-    EXPECT_EQ(estimates.paraform(0), "Variance");
+    EXPECT_EQ(estimates.paraform(0), par_scale::variance);
     EXPECT_EQ(estimates.parnames(4), "CHOL A 1 1");
     EXPECT_EQ(estimates.parnames(5), "CHOL A 1 2");
     expect_covs(1, {1.3, 0.5, 1.8});
     options.emalgorithm = true;
     covs2parvec();
-    EXPECT_EQ(estimates.paraform(1), "Original");
+    EXPECT_EQ(estimates.paraform(1), par_scale::original);
     EXPECT_EQ(estimates.parnames(5), "COVS A 1 2");
     EXPECT_EQ(estimates.parvec(5), 0.5);
     new_analysis();
     std::filesystem::remove("nrminvers1.bin"); // comes without the inbreeding coefficients that components need
     set_up(components(2), {"--emalg"});
-    EXPECT_EQ(estimates.paraform(0), "Original");
-    EXPECT_EQ(estimates.paraform(1), "Cholesky");
+    EXPECT_EQ(estimates.paraform(0), par_scale::original);
+    EXPECT_EQ(estimates.paraform(1), par_scale::cholesky);
 }
 
 TEST_F(variances_test, ResidualByClassesIsLabelledByClass) {
@@ -138,6 +140,28 @@ TEST_F(variances_test, SmallDiagonalsTurnTheBlockAtTheStartAndAskDuringTheRun) {
     EXPECT_EQ(estimates.switchlog(1), 1) << "another block clears only its own mark";
 }
 
+TEST_F(variances_test, LookingAtAPointLeavesItAndTheMarksAlone) {
+    set_up(two_traits(), {"--aireml"});
+    array<double> point = estimates.parvec;
+    const int first = block_start(1), residual = block_start(0);
+    point(first) = 0.1;       // asks for logarithms where it is evaluated
+    point(residual) = 1.0e-9; // clamped there
+    const array<double> before = point;
+    const block_at_point a = covariances_at(point, 1), r = covariances_at(point, 0);
+    EXPECT_TRUE(a.finite && r.finite);
+    for (int k = 1; k <= estimates.nparm; ++k) EXPECT_EQ(point(k), before(k)) << k;
+    EXPECT_EQ(estimates.switchlog(1), 0);
+    EXPECT_EQ(estimates.switchlog(0), 0);
+    const block evaluated(1, point), clamped(0, point); // the same matrices, with their traces
+    EXPECT_TRUE(std::equal(a.cc.begin(), a.cc.end(), evaluated.cc.begin(), evaluated.cc.end()));
+    EXPECT_TRUE(std::equal(r.cc.begin(), r.cc.end(), clamped.cc.begin(), clamped.cc.end()));
+    EXPECT_TRUE(std::equal(r.vv.begin(), r.vv.end(), clamped.vv.begin(), clamped.vv.end()));
+    EXPECT_EQ(estimates.switchlog(1), 1);
+    EXPECT_EQ(point(residual), std::sqrt(numbers.zero));
+    point(first) = std::nan("");
+    EXPECT_FALSE(covariances_at(point, 1).finite);
+}
+
 TEST_F(variances_test, SwitchToLogarithmsKeepsTheMatrixOfANegativeDiagonal) {
     const small_model m = two_traits();
     set_up(m, {"--aireml"});
@@ -164,7 +188,7 @@ TEST_F(variances_test, TraitsNeverTogetherHaveNoResidualCovariance) {
     expect_covs(0, {2.1, 0.0, 1.9});
     EXPECT_EQ(residualvars.fixres(2), 1);
     EXPECT_EQ(residualvars.fixres(1), 0);
-    EXPECT_EQ(estimates.paraform(0), "Variance"); // no earlier trait is linked to them
+    EXPECT_EQ(estimates.paraform(0), par_scale::variance); // no earlier trait is linked to them
     EXPECT_EQ(estimates.parvec(2), 0.0);
 }
 
@@ -176,8 +200,8 @@ TEST_F(variances_test, ZeroPatternThatNoFactorKeepsGoesToCovariances) {
         r.y[r.animal % 2 ? 1 : 2] = -999.0;
     }
     set_up(m, {"--aireml"});
-    EXPECT_EQ(estimates.paraform(0), "Original");
-    EXPECT_EQ(estimates.paraform(1), "Variance");
+    EXPECT_EQ(estimates.paraform(0), par_scale::original);
+    EXPECT_EQ(estimates.paraform(1), par_scale::variance);
     EXPECT_EQ(residualvars.fixres(5), 1);
     EXPECT_EQ(estimates.ispar(5), 0);
     EXPECT_EQ(estimates.ispar(4), 1);
@@ -285,7 +309,7 @@ TEST_F(best_point_test, ValuesReturnToTheBit) {
         EXPECT_EQ(model.cov((k - 1) % 3 + 1, (k - 1) / 3), covs[static_cast<std::size_t>(k - 1)]) << k;
     new_analysis();
     set_up(two_traits(), {"-c", "--emalg"}); // on the scale of the matrices the parameters are the values of the file
-    ASSERT_EQ(estimates.paraform(1), "Original");
+    ASSERT_EQ(estimates.paraform(1), par_scale::original);
     for (int k = 1; k <= 6; ++k) EXPECT_EQ(estimates.parvec(k), covs[static_cast<std::size_t>(k - 1)]) << k;
     bestpoint.xbest = -1234.5678901234567;
     const std::string before = read_file("BestPoint");

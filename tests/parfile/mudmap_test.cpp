@@ -41,7 +41,7 @@ TEST_F(mudmap_build, univariate) {
     EXPECT_EQ(m.subj_dcolno(1), 1);
     EXPECT_EQ(m.iranno(1), 1);
     EXPECT_EQ(m.nrunno, 1);
-    EXPECT_EQ(m.kovrnd(1), "NRM");
+    EXPECT_EQ(m.kovrnd(1), covariance_kind::nrm);
     EXPECT_EQ(m.rn_irand(1, 1), 1);
     EXPECT_EQ(m.rn_place(1, 1), 1);
     EXPECT_EQ(m.rn_trait(1, 1), 1);
@@ -69,7 +69,7 @@ TEST_F(mudmap_build, a_line_of_one_trait_begins_with_its_number) {
     EXPECT_EQ(m.tr_dcolno(1), 5);
     EXPECT_EQ(m.tr_dcolno(2), 5);
     EXPECT_EQ(m.rn_dcolno(2, 1), 4);
-    EXPECT_EQ(m.kovrnd(2), "IDE");
+    EXPECT_EQ(m.kovrnd(2), covariance_kind::ide);
     EXPECT_EQ(m.ksfit(2, 1), 1);
     EXPECT_EQ(m.ksfit(2, 2), 0);
     EXPECT_EQ(m.nnq(2), 1);
@@ -234,7 +234,7 @@ TEST_F(mudmap_build, correlated_effects_share_a_block) {
     EXPECT_EQ(m.rn_which(3, 1), 2);
     EXPECT_EQ(m.iranno(1), 1);
     EXPECT_EQ(m.nrunno, 1);
-    EXPECT_EQ(m.kovrnd(1), "NRM");
+    EXPECT_EQ(m.kovrnd(1), covariance_kind::nrm);
     EXPECT_EQ(m.subj_dcolno(2), 1);
     EXPECT_NE(screen_text().find("Option for covariances between random effects had very\n little testing !!!"),
               std::string::npos);

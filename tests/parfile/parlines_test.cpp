@@ -229,7 +229,7 @@ TEST_F(parlines, lines_of_the_model_in_lower_case) {
     read(with(with(text, "RAN animal NRM", "ran animal nrm"), "FIX herd", "fix herd"));
     EXPECT_EQ(model.fitmean(3), 1);
     EXPECT_EQ(model.fitmean(2), 0);
-    EXPECT_EQ(model.rnd_opt(1, 3), "NRM");
+    EXPECT_EQ(model.rnd_opt(1, 3), covariance_kind::nrm);
     EXPECT_EQ(model.nfix(2), 1);
     read(with(text, " mu 3\n", " MU\n"));
     EXPECT_EQ(model.fitmean(1), 1);
@@ -322,7 +322,7 @@ TEST_F(parlines, options_of_pedigree_and_covariance_lines) {
     read(with(uni, "VAR animal 1", "VAR animal 1 +"));
     EXPECT_TRUE(options.sigam);
     read(with(uni, "RAN animal NRM", "RAN animal nrmX"));
-    EXPECT_EQ(model.rnd_opt(1, 1), "NRM");
+    EXPECT_EQ(model.rnd_opt(1, 1), covariance_kind::nrm);
 }
 
 TEST_F(parlines, a_second_analysis_starts_anew) {

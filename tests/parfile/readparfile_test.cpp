@@ -44,7 +44,7 @@ TEST_F(readparfile, univariate) {
     EXPECT_EQ(model.fixed(2, 1), "sex");
     EXPECT_EQ(model.covar(1, 1), "age(1,POL)");
     EXPECT_EQ(model.random(1, 1), "animal");
-    EXPECT_EQ(model.rnd_opt(1, 1), "NRM");
+    EXPECT_EQ(model.rnd_opt(1, 1), covariance_kind::nrm);
     EXPECT_EQ(model.trait(1), "weight");
     EXPECT_EQ(datafile.missvalue[1], -999);
     EXPECT_EQ(datafile.iq_newno[1], 1);
@@ -57,7 +57,7 @@ TEST_F(readparfile, univariate) {
 TEST_F(readparfile, repeatability_with_extra_blocks) {
     read(examples::repeatability + examples::extras);
     EXPECT_EQ(model.nrnd(1), 2);
-    EXPECT_EQ(model.rnd_opt(2, 1), "IDE");
+    EXPECT_EQ(model.rnd_opt(2, 1), covariance_kind::ide);
     EXPECT_EQ(datafile.missvalue[1], -123456789);
     EXPECT_EQ(model.krandom(2), "cowpe");
     EXPECT_EQ(model.cov(1, 2), 80.0);

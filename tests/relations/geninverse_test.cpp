@@ -12,7 +12,7 @@ protected:
     void SetUp() override {
         animal_model("", "");
         options.pedigrees = false;
-        mudmap.kovrnd(1) = "GIN";
+        mudmap.kovrnd(1) = covariance_kind::gin;
         levels.rn_nlev(1) = 3;
         levels.rn_codes(1) = {11, 12, 13};
         levels.rn_maxlev(1) = 6;

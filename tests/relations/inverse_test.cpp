@@ -219,7 +219,7 @@ TEST_F(inverse_test, ten_and_more_matrices_get_an_asterisk) {
 
 TEST_F(inverse_test, other_effects_print_nothing) {
     model_by_hand({0}, {0});
-    mudmap.kovrnd(1) = "IDE";
+    mudmap.kovrnd(1) = covariance_kind::ide;
     levels.rn_nlev(1) = 4;
     options.details = true;
     gen_inverses();
@@ -242,7 +242,7 @@ TEST_F(inverse_test, other_effects_print_nothing) {
 
 TEST_F(inverse_test, without_pedigree_the_report_starts_new) {
     model_by_hand({0}, {0});
-    mudmap.kovrnd(1) = "IDE";
+    mudmap.kovrnd(1) = covariance_kind::ide;
     write_file("SumPedigree.out", "old\n");
     options.pedigrees = false;
     gen_inverses();

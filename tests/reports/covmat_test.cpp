@@ -7,6 +7,7 @@
 #include "data/recode_fixture.h"
 
 #include "estimation/estimates.h"
+#include "estimation/searchstate.h"
 #include "likelihood/derivatives.h"
 #include "parameters/variances.h"
 #include "support/reports.h"
@@ -178,7 +179,7 @@ TEST_F(covmat_test, residual_classes) {
         "1 2 5\n1 10 6\n2 4 5\n");
     estimate_at_start();
     write_file("AvInfoParms", "-10\n1 1 4\n2 2 25\n3 3 1\n4 4 4\n5 5 16\n");
-    options.saverr_ready = true;
+    search_state.saverr_ready = true;
     write_estimates();
     const std::string text = report_from("\n***** Estimates of residual"), wanted = R"(
 ***** Estimates of residual covariances   ************************************

@@ -8,6 +8,7 @@
 #include "control/maximise.h"
 #include "estimation/aireml.h"
 #include "estimation/estimates.h"
+#include "estimation/searchstate.h"
 #include "likelihood/derivatives.h"
 #include "parameters/variances.h"
 #include "reports/apprxaicovs.h"
@@ -184,7 +185,7 @@ protected:
     static void information(const std::string& third = "2", double log_l = -123.456) {
         write_file("AvInfoParms",
                    std::to_string(log_l) + "\n1 1 5\n1 4 2.5\n4 4 6.25\n2 2 8\n3 3 " + third + "\n5 5 25\n6 6 5\n");
-        options.saverr_ready = true;
+        search_state.saverr_ready = true;
     }
     static void last_iterates() {
         aireml_terms.accepted = 3;
@@ -214,7 +215,7 @@ TEST_F(estimates_report, two_traits_with_errors_and_functions) {
 TEST_F(estimates_report, one_trait_with_errors) {
     one_trait_model();
     write_file("AvInfoParms", "-50\n1 1 4\n2 2 25\n");
-    options.saverr_ready = true;
+    search_state.saverr_ready = true;
     write_estimates();
     expect_lines(report(), R"( No. of traits          =      1
  No. of records         =     30
@@ -367,7 +368,7 @@ TEST_F(estimates_report, errors_follow_the_units) {
     two_trait_model();
     write_file("AvInfoParms",
                "-123.456\n1 1 5e-12\n1 4 2.5e-12\n4 4 6.25e-12\n2 2 8e-12\n3 3 2e-12\n5 5 25e-12\n6 6 5e-12\n");
-    options.saverr_ready = true;
+    search_state.saverr_ready = true;
     write_estimates();
     EXPECT_EQ(report().find("not of full rank"), std::string::npos);
     EXPECT_NE(report().find("   1   COVS Z 1 1              5.00000           500000."), std::string::npos) << report();

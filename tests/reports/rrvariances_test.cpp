@@ -6,6 +6,7 @@
 #include "data/recode_fixture.h"
 
 #include "estimation/estimates.h"
+#include "estimation/searchstate.h"
 #include "parameters/variances.h"
 #include "reports/apprxaicovs.h"
 #include "support/reports.h"
@@ -34,7 +35,7 @@ protected:
 TEST_F(rrvariances_test, with_errors) {
     two_coefficients();
     write_file("AvInfoParms", "-10\n1 1 4\n2 2 25\n3 3 1\n4 4 4\n5 5 16\n");
-    options.saverr_ready = true;
+    search_state.saverr_ready = true;
     approxai_covs();
     rrvariances();
     EXPECT_EQ(read_file("RanRegVariances.dat"), R"(Variance components for trait no.  1
@@ -105,7 +106,7 @@ Correlations for level no.   3  value     10
 TEST_F(rrvariances_test, failed_errors) {
     two_coefficients();
     write_file("AvInfoParms", "-10\n1 1 4\n2 2 25\n3 3 -0.25\n4 4 4000\n5 5 -16\n");
-    options.saverr_ready = true;
+    search_state.saverr_ready = true;
     approxai_covs();
     rrvariances();
     EXPECT_EQ(lines_of(read_file("RanRegVariances.dat"))[2],

@@ -4,6 +4,8 @@
 
 #include "control/options.h"
 #include "estimation/estimates.h"
+#include "estimation/parlists.h"
+#include "estimation/searchstate.h"
 #include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
 #include "parameters/variances.h"
@@ -82,7 +84,7 @@ void expect_sampling_covariances(const small_model& m) {
     derivatives_mmm();
     jacob_var2chol(0);
     write_avinfo(bestpoint.xbest);
-    options.saverr_ready = true;
+    search_state.saverr_ready = true;
     approxai_covs();
     ASSERT_TRUE(sampling.available);
     EXPECT_EQ(sampling.rank, estimates.nparm);

@@ -295,7 +295,7 @@ TEST_P(all_kernels, last_pivot_not_positive_fails_quietly_or_stops) {
     sparse.xspars = off;
     sparse.state = store_state::assembled;
     options.mmmposdef = true;
-    options.first = false;
+    likelihoods.first = false;
     EXPECT_THROW(factorise_mmm(detc, ypy, ifail), program_stop);
     EXPECT_NE(screen_text().find("      mixed model matrix is not positive definite !!!\n"), std::string::npos);
 }

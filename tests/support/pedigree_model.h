@@ -53,7 +53,7 @@ inline void animal_model(const std::string& data, const std::string& ped, int nr
     for (int i = 1; i <= nrun; ++i) {
         model.krandom(i) = i == 1 ? "animal" : "effect" + std::to_string(i);
         mudmap.rn_irand(i, 1) = mudmap.iranno(i) = mudmap.rn_dcolno(i, 1) = i;
-        mudmap.kovrnd(i) = "NRM";
+        mudmap.kovrnd(i) = covariance_kind::nrm;
     }
 }
 
