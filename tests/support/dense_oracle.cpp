@@ -1,77 +1,51 @@
 #include "support/dense_oracle.h"
 
+#include <Eigen/Dense>
 #include <cmath>
+#include <limits>
 
 namespace oracle {
 
 dense zeros(std::size_t n, std::size_t m) { return dense(n, vec(m, 0.0)); }
 
-dense product(const dense& a, const dense& b) {
-    const std::size_t n = a.size(), m = b.empty() ? 0 : b[0].size(), k = b.size();
-    dense c = zeros(n, m);
-    for (std::size_t i = 0; i < n; ++i)
-        for (std::size_t l = 0; l < k; ++l) {
-            if (a[i][l] == 0.0) continue;
-            for (std::size_t j = 0; j < m; ++j) c[i][j] += a[i][l] * b[l][j];
-        }
-    return c;
-}
-
-dense transpose(const dense& a) {
-    dense t = zeros(a.empty() ? 0 : a[0].size(), a.size());
-    for (std::size_t i = 0; i < a.size(); ++i)
-        for (std::size_t j = 0; j < a[i].size(); ++j) t[j][i] = a[i][j];
-    return t;
-}
-
 namespace {
 
-dense cholesky(const dense& a) {
-    const std::size_t n = a.size();
-    dense l = zeros(n, n);
-    for (std::size_t i = 0; i < n; ++i)
-        for (std::size_t j = 0; j <= i; ++j) {
-            double s = a[i][j];
-            for (std::size_t k = 0; k < j; ++k) s -= l[i][k] * l[j][k];
-            l[i][j] = i == j ? std::sqrt(s) : s / l[j][j];
-        }
-    return l;
+using matrix = Eigen::MatrixXd;
+
+matrix to_eigen(const dense& a) {
+    matrix m(static_cast<Eigen::Index>(a.size()), static_cast<Eigen::Index>(a.empty() ? 0 : a[0].size()));
+    for (std::size_t i = 0; i < a.size(); ++i)
+        for (std::size_t j = 0; j < a[i].size(); ++j)
+            m(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(j)) = a[i][j];
+    return m;
+}
+dense from_eigen(const matrix& m) {
+    dense a = zeros(static_cast<std::size_t>(m.rows()), static_cast<std::size_t>(m.cols()));
+    for (std::size_t i = 0; i < a.size(); ++i)
+        for (std::size_t j = 0; j < a[i].size(); ++j)
+            a[i][j] = m(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(j));
+    return a;
 }
 
 } // namespace
 
+dense product(const dense& a, const dense& b) { return from_eigen(to_eigen(a) * to_eigen(b)); }
+
+dense transpose(const dense& a) { return from_eigen(to_eigen(a).transpose()); }
+
 dense inverse(const dense& a) {
-    const std::size_t n = a.size();
-    const dense l = cholesky(a);
-    dense inv = zeros(n, n);
-    for (std::size_t c = 0; c < n; ++c) {
-        vec x(n, 0.0);
-        for (std::size_t i = c; i < n; ++i) {
-            double s = i == c ? 1.0 : 0.0;
-            for (std::size_t k = c; k < i; ++k) s -= l[i][k] * x[k];
-            x[i] = s / l[i][i];
-        }
-        for (std::size_t i = n; i-- > 0;) {
-            double s = x[i];
-            for (std::size_t k = i + 1; k < n; ++k) s -= l[k][i] * inv[k][c];
-            inv[i][c] = s / l[i][i];
-        }
-    }
-    return inv;
+    const matrix m = to_eigen(a);
+    return from_eigen(m.llt().solve(matrix::Identity(m.rows(), m.cols())));
 }
 
 double log_det(const dense& a) {
-    const dense l = cholesky(a);
-    double s = 0.0;
-    for (std::size_t i = 0; i < a.size(); ++i) s += 2.0 * std::log(l[i][i]);
-    return s;
+    const Eigen::LLT<matrix> l(to_eigen(a));
+    if (l.info() != Eigen::Success) return std::numeric_limits<double>::quiet_NaN();
+    return 2.0 * l.matrixLLT().diagonal().array().log().sum();
 }
 
 double trace_of_product(const dense& a, const dense& b) {
-    double s = 0.0;
-    for (std::size_t i = 0; i < a.size(); ++i)
-        for (std::size_t j = 0; j < b.size(); ++j) s += a[i][j] * b[j][i];
-    return s;
+    return to_eigen(a).cwiseProduct(to_eigen(b).transpose()).sum();
 }
 
 vec times(const dense& a, const vec& x) {

@@ -1,4 +1,5 @@
-// REML by dense algebra, written without the equations of the program: V, P and what follows from them.
+// REML by dense algebra, written without the equations of the program: V, P and what follows from them. Products,
+// inverses and determinants are those of Eigen, which the program's own numerical core does not use.
 #pragma once
 #include <cstddef>
 #include <vector>
