@@ -72,7 +72,9 @@ void spoil_records(const std::string& name, const std::string& body, bool forget
         if (!forget) return;
         recoded_sums = {};
     });
-    if (good && !forget && body != sound[name]) fuzz::found("changed records are taken");
+    // bytes behind the last record are none of them
+    if (good && !forget && (xlike != truth || body.compare(0, sound[name].size(), sound[name]) != 0))
+        fuzz::found("changed records are taken");
 }
 
 } // namespace
