@@ -174,7 +174,7 @@ bool resume(int& iround, double& xlike) {
     constexpr double least_gain = 0.01; // of a round that calls for another
     const double before = bestpoint.xbest;
     expanded_rounds(rounds, least_gain, true, iround, xlike);
-    if (maximise.search_type == 7)
+    if (maximise.search_type == 7 || verdict.resumed > 1) // the second time by the surest way
         region_search(iround, xlike);
     else
         ai_phase(iround, xlike);
@@ -211,7 +211,7 @@ void close_sure_search() {
 void get_estimates() {
     const int type = maximise.search_type;
     if (type == 1 || type == 6 || type == 7) check_average_info();
-    if (type == 5) check_repeat_block();
+    if (type == 3 || type == 5) check_repeat_block();
     double xlike = invalid_logl;
     bestpoint.to_beat = options.continew ? bestpoint.xlike_file : invalid_logl;
     if (type == 7) pull_start();
@@ -223,7 +223,6 @@ void get_estimates() {
     estimates.logpar.fill(0);
     derivs.nparm2 = estimates.nparm - no_fixed_residuals(); // until AI-REML has looked at their information
     maximise.limit_given = maximise.aireml_its != 0;
-    if (type == 7 && maximise.aireml_its == 0) maximise.aireml_its = std::max(50, 3 * estimates.nparm);
     if ((type == 1 || type == 6) && maximise.aireml_its == 0)
         maximise.aireml_its = std::max(10, static_cast<int>(1.4f * static_cast<float>(estimates.nparm)));
     verdict = {};

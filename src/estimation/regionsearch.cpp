@@ -1,5 +1,6 @@
 #include "estimation/regionsearch.h"
 
+#include "control/filenames.h"
 #include "control/limits.h"
 #include "control/maximise.h"
 #include "control/numbers.h"
@@ -13,6 +14,7 @@
 #include "estimation/lastpoint.h"
 #include "estimation/rescue.h"
 #include "estimation/searchstate.h"
+#include "estimation/stepcontrol.h"
 #include "estimation/trustregion.h"
 #include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
@@ -20,6 +22,7 @@
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
+#include "support/screen.h"
 
 #include <algorithm>
 #include <cmath>
@@ -134,6 +137,7 @@ void move(const region_model& m, const std::vector<double>& step) {
         p += step[k] * m.axes[k].unit;
         if (m.axes[k].logarithm) p = std::max(p, std::min(least_log(), estimates.parvec(m.axes[k].par)));
     }
+    damage_control();
 }
 
 // Gradient and information at parvec. False where the point has no value.
@@ -223,6 +227,14 @@ void take_step(int& iround, double xold, double xnew) {
     if (badly_ordered()) to_best_point();
 }
 
+// As AI-REML, whose plan this belongs to.
+void say_arrived() {
+    maximise.converged = true;
+    if (!options.terse) print_list(screen(), "*** AIREML has converged");
+    text_out out;
+    if (out.open_append(filenames.iteratesfile)) print_list(out, "*** AIREML has converged");
+}
+
 } // namespace
 
 void region_search(int& iround, double& xlike) {
@@ -236,7 +248,8 @@ void region_search(int& iround, double& xlike) {
     }
     region_end end = region_end::accepted;
     bool em_helps = true;
-    for (int iter = 1; iter <= maximise.aireml_its; ++iter) {
+    const int most = maximise.limit_given ? maximise.aireml_its : std::max(50, 3 * estimates.nparm);
+    for (int iter = 1; iter <= most; ++iter) {
         t.tt0 = cpu_time();
         double xold = invalid_logl, xnew = invalid_logl;
         if (!derivatives_here(xold)) {
@@ -257,6 +270,7 @@ void region_search(int& iround, double& xlike) {
         to_best_point();
     }
     estimates.parvec = bestpoint.parbest;
+    if (maximise.search_type != 7 && end == region_end::arrived) say_arrived();
     iterate_log.ended = end == region_end::arrived ? "the step promises nothing"
                         : end == region_end::stuck ? "no better point found"
                                                    : "limit of iterates";

@@ -111,6 +111,8 @@ void step_by_factorisation(const array<double>& gradient) {
     cut_largest();
 }
 
+} // namespace
+
 // Residual covariances themselves are parameters: the point becomes that of the matrices which its evaluation takes,
 // where eigenvalues have been raised. Otherwise log L would be flat beyond.
 void damage_control() {
@@ -121,6 +123,8 @@ void damage_control() {
             search_state.parnew(block_start(0, step) + k - 1) = found.cc(k);
     }
 }
+
+namespace {
 
 void move(double length) {
     search_state.parnew = estimates.parvec;

@@ -24,6 +24,9 @@ void eztimates(int iter, double& xnew);
 // tau to add to the diagonal for largest and smallest eigenvalue e1, en; 0: none needed.
 double set_tau(double e1, double en);
 
+// Where residual covariances themselves are parameters: makes search_state.parnew the point that its evaluation takes.
+void damage_control();
+
 // Searches along derivs.dvec after a trial (eztimates) that did not gain on xold. Leaves search_state.parnew, xnew,
 // aireml_terms.alpha and a shorter dvec where the step was too long. fail: no point found, xnew is of no use.
 void line_search(double xold, double& xnew, bool& fail);
