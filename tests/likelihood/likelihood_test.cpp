@@ -243,7 +243,7 @@ TEST_F(likelihood_test, TrialResidualOfAClassThatIsTooSmallIsInvalid) {
     m.residual = {1.2, 0.7, 2.0};
     m.class_bounds = {3, 7, 11};
     set_up(m, {"--aireml", "--nologd"});
-    ASSERT_NE(estimates.paraform(0), "Original");
+    ASSERT_NE(estimates.paraform(0), par_scale::original);
     const double least = std::sqrt(numbers.zero); // smaller elements of the factor are taken as this one
     const double start = dense_logl(m, estimates.parvec);
     for (const int iclass : {1, 2, 3})
