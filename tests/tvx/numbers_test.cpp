@@ -156,12 +156,24 @@ protected:
         }
         return f;
     }
+    // What an estimate or ratio is measured by: itself; where components cancel, a phenotypic covariance by the
+    // standard deviations of its traits and the correlation by 1.
+    static double size_of(const figures& a, std::map<std::string, double> figures::*list, const std::string& key) {
+        std::istringstream words(key);
+        std::string effect, i, j;
+        words >> effect >> i >> j;
+        const bool sum = effect == "phenotype" && i != j;
+        if (sum && list == &figures::ratio) return 1.0;
+        if (sum && list == &figures::estimate)
+            return std::sqrt(a.estimate.at(effect + " " + i + " " + i) * a.estimate.at(effect + " " + j + " " + j));
+        return std::fabs((a.*list).at(key));
+    }
     // Each to 1e-8 of itself, predictions of the largest of their trait.
     static void expect_same(const figures& a, const figures& b) {
         EXPECT_NEAR(b.log_l, a.log_l, 1e-8 * std::fabs(a.log_l));
         for (const auto list : {&figures::estimate, &figures::se, &figures::ratio, &figures::accuracy}) {
             ASSERT_EQ((a.*list).size(), (b.*list).size());
-            for (const auto& [key, x] : a.*list) EXPECT_NEAR((b.*list).at(key), x, 1e-8 * std::fabs(x)) << key;
+            for (const auto& [key, x] : a.*list) EXPECT_NEAR((b.*list).at(key), x, 1e-8 * size_of(a, list, key)) << key;
         }
         ASSERT_EQ(a.solution.size(), b.solution.size());
         std::map<std::string, double> largest;
