@@ -143,8 +143,7 @@ double cubic_minimum(double l1, double f1, double l2, double f2, double f0, doub
     const double a = (r1 - r2) / (l1 - l2), b = (-l2 * r1 + l1 * r2) / (l1 - l2);
     if (a == 0.0) return -slope / (2.0 * b);
     const double disc = b * b - 3.0 * a * slope;
-    if (disc > b * b) return (std::copysign(1.0, a) * std::sqrt(disc) - b) / (3.0 * a);
-    if (disc > 0.0) return -(b + std::copysign(1.0, a) * std::sqrt(disc)) / (3.0 * a);
+    if (disc > 0.0) return (std::sqrt(disc) - b) / (3.0 * a);
     return -(0.5 * slope) / (f1 - f0 - slope);
 }
 
