@@ -1,8 +1,6 @@
 // The search for hard cases (--sure) against maxima that are known otherwise: closed forms, dense algebra, and
 // reference analyses from starting values far off.
-#include "cases/case_run.h"
-#include "support/edit_form.h"
-#include "support/screen.h"
+#include "cases/poor_starts.h"
 
 #include <algorithm>
 #include <cmath>
@@ -12,36 +10,11 @@
 namespace tarvex {
 namespace {
 
-std::string last_verdict_of(const std::string& output) {
-    const std::size_t at = output.rfind("Verdict: ");
-    return at == std::string::npos ? "" : output.substr(at, output.find('\n', at) - at);
-}
-
-class SureRuns : public CaseRun {
-protected:
-    void multiply_block(const std::string& block, double factor) {
-        std::istringstream in(read_file(name_ + ".par"));
-        std::string text, line;
-        for (bool inside = false; std::getline(in, line); text += line + "\n") {
-            const auto words = words_of(line);
-            if (words.empty()) continue;
-            const bool numbers = words[0].find_first_not_of("0123456789.-+eE") == std::string::npos;
-            if (words[0] == "VAR")
-                inside = block.empty() || words[1] == block;
-            else if (!numbers)
-                inside = false;
-            else if (inside) {
-                line.clear();
-                for (const auto& w : words) line += " " + list_item(std::stod(w) * factor);
-            }
-        }
-        write_file(name_ + ".par", text);
-    }
-};
+class SureRuns : public PoorStarts {};
 
 // ---- one way, balanced: the maximum in closed form
 
-class OneWay : public CaseRun {
+class OneWay : public PoorStarts {
 protected:
     static constexpr int groups = 12, size = 6;
     void make(double between, unsigned seed) {
@@ -93,7 +66,7 @@ TEST_F(OneWay, SearchFindsTheClosedFormFromAnyStart) {
         for (double e : {1.0e-3, 1.0, 1.0e4}) {
             start_at(a, e);
             const auto r = finish("--sure");
-            EXPECT_EQ(last_verdict_of(r.output).rfind("Verdict: at a maximum", 0), 0u) << a << " " << e << r.output;
+            EXPECT_EQ(last_verdict(r.output).rfind("Verdict: at a maximum", 0), 0u) << a << " " << e << r.output;
             EXPECT_NE(r.output.find("*** SURE has converged\n"), std::string::npos);
             const auto found = read_best_point();
             EXPECT_NEAR(found.values[0], residual_, 2.0e-3 * residual_) << a << " " << e;
@@ -106,7 +79,7 @@ TEST_F(OneWay, VarianceThatVanishesIsFixedAtTheBorder) {
     for (double a : {1.0e-3, 1.0, 1.0e4}) {
         start_at(a, 4.0);
         const auto r = finish("--sure");
-        EXPECT_EQ(last_verdict_of(r.output).rfind("Verdict: at the border", 0), 0u) << a << r.output;
+        EXPECT_EQ(last_verdict(r.output).rfind("Verdict: at the border", 0), 0u) << a << r.output;
         const auto found = read_best_point();
         EXPECT_NEAR(found.values[0], residual_, 2.0e-3 * residual_) << a;
         EXPECT_LT(found.values[1], 1.0e-3 * residual_) << a;
@@ -117,7 +90,7 @@ TEST_F(OneWay, VarianceThatVanishesIsFixedAtTheBorder) {
 
 // Levels of one effect with variances 1 and 1000 in units of its component, as a supplied inverse: the few of the
 // former want it large, the many of the latter want it small.
-class TwoMaxima : public CaseRun {
+class TwoMaxima : public PoorStarts {
 protected:
     static constexpr int wide = 8, narrow = 9, plain = 10, repeats = 300;
     std::vector<std::vector<double>> y_; // by level
@@ -198,7 +171,7 @@ TEST_F(TwoMaxima, EachStartEndsAtAMaximumAndBothCanBeReached) {
         for (double plot : {0.0005, 0.5 * truth[0], 2.0 * truth[0], 0.5 * truth[1], 2.0 * truth[1], 200.0}) {
             start_at(plot, 1.0);
             const auto r = finish(option);
-            EXPECT_EQ(last_verdict_of(r.output).rfind("Verdict: at a maximum", 0), 0u) << option << plot << r.output;
+            EXPECT_EQ(last_verdict(r.output).rfind("Verdict: at a maximum", 0), 0u) << option << plot << r.output;
             const auto found = read_best_point();
             const auto distance = [&](double x, std::size_t k) { return std::fabs(std::log(x / truth[k])); };
             const std::size_t which = distance(found.values[1], 0) < distance(found.values[1], 1) ? 0 : 1;
@@ -218,7 +191,7 @@ TEST_F(OneWay, PlateauIsToldAndLogLIsThatOfTheClosedForm) {
     start_at(group_, residual_);
     const auto one = finish("--sure");
     const double most = read_best_point().loglike;
-    EXPECT_EQ(last_verdict_of(one.output).rfind("Verdict: at a maximum", 0), 0u) << one.output;
+    EXPECT_EQ(last_verdict(one.output).rfind("Verdict: at a maximum", 0), 0u) << one.output;
     std::string data;
     std::istringstream in(read_file("one.dat"));
     for (std::string g, all, y; in >> g >> all >> y;) data += g + " " + g + " " + all + " " + y + "\n";
@@ -233,7 +206,7 @@ TEST_F(OneWay, PlateauIsToldAndLogLIsThatOfTheClosedForm) {
         const auto found = read_best_point();
         EXPECT_NEAR(found.loglike, most, 0.001) << a;
         EXPECT_NEAR(found.values[1] + found.values[2], group_, 0.03 * group_) << a;
-        const std::string verdict = last_verdict_of(r.output);
+        const std::string verdict = last_verdict(r.output);
         EXPECT_TRUE(verdict.rfind("Verdict: log L is flat", 0) == 0 || verdict.rfind("Verdict: at the border", 0) == 0)
             << a << r.output;
         EXPECT_NE(read_file("SumEstimates.out").find("group"), std::string::npos);
@@ -245,10 +218,10 @@ TEST_F(OneWay, PlateauIsToldAndLogLIsThatOfTheClosedForm) {
 TEST_F(SureRuns, StartsFarOffEndAtTheReferenceMaximum) {
     for (double factor : {1.0e-4, 0.01, 100.0, 1.0e4}) {
         ASSERT_TRUE(bring("rr_chick"));
-        multiply_block("chick", factor);
+        scale_block("chick", factor);
         std::filesystem::remove("BestPoint");
         const auto r = finish("--sure");
-        EXPECT_EQ(last_verdict_of(r.output).rfind("Verdict: at ", 0), 0u) << factor << r.output; // a correlation near 1
+        EXPECT_EQ(last_verdict(r.output).rfind("Verdict: at ", 0), 0u) << factor << r.output; // a correlation near 1
         EXPECT_NEAR(read_best_point().loglike, -216.3352, 0.001) << factor; // an independent program's
     }
 }
@@ -262,25 +235,25 @@ TEST_F(SureRuns, StartFarFromTheDataIsPulledTowardsIt) {
     EXPECT_EQ(near.output.find("Starting values pulled"), std::string::npos);
     EXPECT_NEAR(read_best_point().loglike, truth.loglike, 0.001);
     std::filesystem::remove("BestPoint");
-    multiply_block("", 1000.0);
+    scale_block("", 1000.0);
     const auto far = finish("--sure");
     EXPECT_NE(far.output.find("Starting values pulled to the variances of the data : log L ="), std::string::npos);
     EXPECT_NEAR(read_best_point().loglike, truth.loglike, 0.001);
-    EXPECT_EQ(last_verdict_of(far.output).rfind("Verdict: at a maximum", 0), 0u) << far.output;
+    EXPECT_EQ(last_verdict(far.output).rfind("Verdict: at a maximum", 0), 0u) << far.output;
 }
 
 TEST_F(SureRuns, LimitOfIteratesIsKeptAndToldAndTheRunGoesOn) {
     ASSERT_TRUE(bring("rr_chick"));
-    multiply_block("chick", 10.0);
+    scale_block("chick", 10.0);
     const auto r = finish("--sure1 --json");
-    EXPECT_EQ(last_verdict_of(r.output).rfind("Verdict: NOT at a maximum", 0), 0u) << r.output;
+    EXPECT_EQ(last_verdict(r.output).rfind("Verdict: NOT at a maximum", 0), 0u) << r.output;
     EXPECT_NE(r.output.find("*** SURE : No convergence\n"), std::string::npos);
     EXPECT_NE(read_file("SumEstimates.out").find("Treat results with caution"), std::string::npos);
     const json results = read_json(read_file("Results.json"));
     EXPECT_EQ(results["end"]["converged"].number, 0.0);
     EXPECT_EQ(results["end"]["search"].text, "AI-REML in a trust region");
     const auto on = finish("-c --sure --json");
-    EXPECT_EQ(last_verdict_of(on.output).rfind("Verdict: at ", 0), 0u) << on.output;
+    EXPECT_EQ(last_verdict(on.output).rfind("Verdict: at ", 0), 0u) << on.output;
     EXPECT_EQ(read_json(read_file("Results.json"))["end"]["converged"].number, 1.0);
     EXPECT_NEAR(read_best_point().loglike, -216.3352, 0.001);
 }

@@ -1,5 +1,5 @@
 // Ends of searches from poor starting values: the program goes on to a maximum, and says where it ended.
-#include "cases/case_run.h"
+#include "cases/poor_starts.h"
 
 #include <regex>
 #include <sstream>
@@ -7,32 +7,7 @@
 namespace tarvex {
 namespace {
 
-class VerdictRuns : public CaseRun {
-protected:
-    // Multiplies the starting values of a block.
-    void scale_block(const std::string& block, double factor) {
-        std::istringstream in(read_file(name_ + ".par"));
-        std::string text, line;
-        for (bool inside = false; std::getline(in, line); text += line + "\n") {
-            const auto words = words_of(line);
-            if (words.empty()) continue;
-            const bool numbers = words[0].find_first_not_of("0123456789.-+eE") == std::string::npos;
-            if (words[0] == "VAR")
-                inside = words[1] == block;
-            else if (!numbers)
-                inside = false;
-            else if (inside) {
-                line.clear();
-                for (const auto& w : words) line += " " + std::to_string(std::stod(w) * factor);
-            }
-        }
-        write_file(name_ + ".par", text);
-    }
-    static std::string last_verdict(const std::string& output) {
-        const std::size_t at = output.rfind("Verdict: ");
-        return at == std::string::npos ? "" : output.substr(at, output.find('\n', at) - at);
-    }
-};
+class VerdictRuns : public PoorStarts {};
 
 TEST_F(VerdictRuns, GoodStartEndsAtAMaximumAndTheReportSaysSo) {
     ASSERT_TRUE(bring("textbook_rep"));

@@ -220,7 +220,7 @@ TEST_F(likelihood_test, RandomRegressionOneClass) {
     EXPECT_NEAR(program_logl(estimates.parvec, 1), dense_logl(m, estimates.parvec), 1.0e-7);
 }
 
-TEST_F(likelihood_test, RandomRegressionClasses) {
+small_model regression_in_classes() {
     small_model m;
     m.randreg = true;
     m.make_pedigree(14, 5, 7);
@@ -228,6 +228,11 @@ TEST_F(likelihood_test, RandomRegressionClasses) {
     m.random = {{"animal", "NRM", 2, 0, {2.0, 0.3, 1.0}}};
     m.residual = {1.2, 0.7, 2.0};
     m.class_bounds = {3, 7, 11};
+    return m;
+}
+
+TEST_F(likelihood_test, RandomRegressionClasses) {
+    const small_model m = regression_in_classes();
     set_up(m);
     expect_dense(m);
 }
@@ -235,13 +240,7 @@ TEST_F(likelihood_test, RandomRegressionClasses) {
 // A search may try any value: one class without a residual variance, or with one that cannot be inverted, makes the
 // point invalid and is forgotten with the next one.
 TEST_F(likelihood_test, TrialResidualOfAClassThatIsTooSmallIsInvalid) {
-    small_model m;
-    m.randreg = true;
-    m.make_pedigree(14, 5, 7);
-    m.make_rows(3, 4, 2, 0.0, 8);
-    m.random = {{"animal", "NRM", 2, 0, {2.0, 0.3, 1.0}}};
-    m.residual = {1.2, 0.7, 2.0};
-    m.class_bounds = {3, 7, 11};
+    const small_model m = regression_in_classes();
     set_up(m, {"--aireml", "--nologd"});
     ASSERT_NE(estimates.paraform(0), par_scale::original);
     const double least = std::sqrt(numbers.zero); // smaller elements of the factor are taken as this one
