@@ -7,7 +7,7 @@ namespace tarvex {
 struct randomvars_module {
     array<double> detl;   // (krand) log determinant of the relationship matrix, set with its inverse; 0 for IDE
     array<double> detg;   // (krand) log|G|; 0 in reduced-rank runs
-    array<double, 3> zig; // (maxk,maxk,krand) G^-1; with paraform "Cholesky" the factor Q (kkfit rows, krfit columns)
+    array<double, 3> zig; // (maxk,maxk,krand) G^-1; by factor (paraform) the factor Q (kkfit rows, krfit columns)
     array<int> deficient; // (krand) 1: G has a vanishing eigenvalue, the point is invalid
 };
 inline randomvars_module randomvars;
