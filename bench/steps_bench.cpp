@@ -6,7 +6,8 @@
 // steps at slightly other parameters, beside CHOLMOD (supernodal, OpenBLAS, one thread) on the same matrix in the same
 // order, so that the ratios are of pairs; --columns times the column kernel as well. --small times the choice that the
 // program makes by itself against the column kernel, many calls in turn. --pairs N times steps with one thread and with
-// N in turn, by the clock on the wall. Printed are "time NAME MEDIAN" and "ratio NAME MEDIAN", the ratios to the
+// N in turn, by the clock on the wall, and dense products that each thread makes by itself: what N processors of the
+// machine have to give at the time. Printed are "time NAME MEDIAN" and "ratio NAME MEDIAN", the ratios to the
 // factorisation of the same round, and for --pairs "speed_up NAME MEDIAN" over pairs.
 #include "app/phases.h"
 #include "control/numbers.h"
@@ -22,6 +23,7 @@
 #include "likelihood/setups.h"
 #include "sparse/dense_kernels.h"
 #include "sparse/symbfact.h"
+#include "sparse/workspace.h"
 #include "support/screen.h"
 #include "support/stop.h"
 #include "yardstick.h"
@@ -34,6 +36,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace tarvex {
@@ -238,6 +241,26 @@ template <class F> double on_the_wall(F f) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
+// Seconds that so many threads take for some dense products each, which share nothing.
+double products_of(int threads) {
+    constexpr int n = 480, times = 30;
+    const dense_kernels_table& kernel = dense_kernels();
+    std::vector<sparse_work> works(static_cast<std::size_t>(threads));
+    std::vector<std::vector<double>> squares(works.size(), std::vector<double>(3 * (n + 8) * n, 0.001));
+    std::vector<std::thread> others;
+    return on_the_wall([&] {
+        for (std::size_t t = 0; t < works.size(); ++t)
+            others.emplace_back([&, t] {
+                double* a = squares[t].data();
+                const kernel_space space = packing_of(works[t]);
+                for (int i = 0; i < times; ++i)
+                    kernel.product(space, store_mode::set, n, n, n, a, n + 8, a + (n + 8) * n, n + 8,
+                                   a + 2 * (n + 8) * n, n + 8);
+            });
+        for (std::thread& t : others) t.join();
+    });
+}
+
 // Seconds of factorisation, sparse inverse, derivative and a whole iterate with so many threads.
 std::vector<double> steps_with(int threads, int round) {
     kernels.threads = threads;
@@ -263,7 +286,7 @@ std::vector<double> steps_with(int threads, int round) {
 // One thread against several, in turn; what goes first changes from round to round.
 void compare_threads(int threads, int rounds) {
     const char* names[] = {"factor", "inverse", "derivative", "iterate"};
-    std::vector<double> gain[4], seconds[4];
+    std::vector<double> gain[4], seconds[4], machine;
     for (int round = 1; round <= rounds; ++round) {
         const int first = round % 2 ? 1 : threads;
         const auto a = steps_with(first, round), b = steps_with(1 + threads - first, round);
@@ -273,7 +296,9 @@ void compare_threads(int threads, int rounds) {
             gain[k].push_back(one[k] / many[k]);
             seconds[k].push_back(one[k]);
         }
+        machine.push_back(threads * products_of(1) / products_of(threads));
     }
+    std::printf("speed_up machine %.3f\n", median(machine));
     for (int k = 0; k < 4; ++k)
         std::printf("time %s %.4f\nspeed_up %s %.3f\n", names[k], median(seconds[k]), names[k], median(gain[k]));
 }

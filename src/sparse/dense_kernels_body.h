@@ -162,6 +162,21 @@ void pack_b(double* packed_b, int n, int k, const double* b, place_t ldb) {
     }
 }
 
+constexpr int strips_of_piece = 8;
+constexpr place_t much_to_pack = 30000; // elements of B that repay packing them in pieces
+
+// f(first, end) for columns first..end-1 of B, whole strips of tiles; shared if they are worth it.
+template <class F> void by_strips(const kernel_space& w, int n, int k, const F& f) {
+    constexpr int step = strips_of_piece * tile_width;
+    if (static_cast<place_t>(n) * k < much_to_pack) return f(0, n);
+    each(w, pieces(n, step), [&](int piece, double*) { f(piece * step, least(n, (piece + 1) * step)); });
+}
+void share_pack_b(const kernel_space& w, int n, int k, const double* b, place_t ldb) {
+    by_strips(w, n, k, [=](int first, int end) {
+        pack_b(w.packed_b + static_cast<place_t>(first) * k, end - first, k, b + first, ldb);
+    });
+}
+
 void product_unpacked(store_mode mode, int m, int n, int k, const double* a, place_t lda, const double* b, place_t ldb,
                       double* c, place_t ldc) {
     for (int j = 0; j < n; j += tile_width)
@@ -191,7 +206,7 @@ void product(const kernel_space& w, store_mode mode, int m, int n, int k, const 
         for (int pc = 0; pc < k; pc += depth) {
             const int kc = least(depth, k - pc);
             const store_mode mode_now = pc == 0 ? mode : going_on(mode);
-            pack_b(w.packed_b, nc, kc, b + jc + pc * ldb, ldb);
+            share_pack_b(w, nc, kc, b + jc + pc * ldb, ldb);
             each(w, pieces(m, rows), [&, jc, pc](int piece, double* packed_a) {
                 const int ic = piece * rows, mc = least(rows, m - ic);
                 pack_a(packed_a, mc, kc, a + ic + pc * lda, lda);
@@ -220,7 +235,7 @@ void minus_square(const kernel_space& w, store_mode first, int m, int k, const d
         for (int pc = 0; pc < k; pc += depth) {
             const int kc = least(depth, k - pc);
             const store_mode mode = pc == 0 ? first : store_mode::subtract;
-            pack_b(w.packed_b, nc, kc, a + jc + pc * lda, lda);
+            share_pack_b(w, nc, kc, a + jc + pc * lda, lda);
             each(w, pieces(m - jc, rows), [&, jc, pc](int piece, double* packed_a) {
                 const int ic = jc + piece * rows, mc = least(rows, m - ic), end = least(nc, ic + mc - jc);
                 pack_a(packed_a, mc, kc, a + ic + pc * lda, lda);
@@ -252,9 +267,9 @@ void pack_a_columns(double* packed_a, int m, int k, const double* const* a, int 
         }
     }
 }
-void pack_b_columns(double* packed_b, int n, int k, const double* const* a) {
-    for (int j = 0; j < n; j += tile_width) {
-        const int wide = least(tile_width, n - j);
+void pack_b_columns(double* packed_b, int first, int end, int k, const double* const* a) {
+    for (int j = first; j < end; j += tile_width) {
+        const int wide = least(tile_width, end - j);
         double* to = packed_b + static_cast<place_t>(j) * k;
         for (int p = 0; p < k; ++p, to += wide)
             for (int q = 0; q < wide; ++q) to[q] = a[p][j + q];
@@ -265,7 +280,7 @@ void minus_columns(const kernel_space& w, int m, int n, int k, const double* con
     const int rows = rows_at_a_time(w);
     for (int pc = 0; pc < k; pc += depth) {
         const int kc = least(depth, k - pc);
-        pack_b_columns(w.packed_b, n, kc, a + pc);
+        by_strips(w, n, kc, [&](int first, int end) { pack_b_columns(w.packed_b, first, end, kc, a + pc); });
         each(w, pieces(m, rows), [&, pc](int piece, double* packed_a) {
             const int ic = piece * rows, mc = least(rows, m - ic);
             pack_a_columns(packed_a, mc, kc, a + pc, ic);
@@ -311,7 +326,7 @@ void minus_symmetric(const kernel_space& w, int m, int n, const double* u, const
     for (int pc = 0; pc < m; pc += chunk_rows) {
         const int kc = least(chunk_rows, m - pc);
         const store_mode mode = pc == 0 ? store_mode::set_minus : store_mode::subtract;
-        pack_b(w.packed_b, n, kc, b + pc * ldb, ldb);
+        share_pack_b(w, n, kc, b + pc * ldb, ldb);
         each(w, pieces(m, chunk_rows), [&, pc](int piece, double* expanded) {
             const int ic = piece * chunk_rows, mc = least(chunk_rows, m - ic);
             if (ic <= pc) {

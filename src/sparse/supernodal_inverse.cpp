@@ -137,12 +137,12 @@ void invert_corner(int n, int left, const double* lt, std::ptrdiff_t ld, double*
     const dense_kernels_table& kernel = w.kernel;
     const std::ptrdiff_t ldm = column_distance(n), ldd = column_distance(block);
     double *m = w.m, *d = w.corner, *c = w.piece; // m: inv(L) below, its transpose above the diagonal
-    for (int i = 0; i < n; i += block) {
-        const int ni = std::min(block, n - i);
+    share_out(w.packing, (n + block - 1) / block, [&](int piece, double*) {
+        const int i = piece * block, ni = std::min(block, n - i);
         for (int j = 0; j < i + ni; ++j) std::fill_n(m + i + j * ldm, ni, 0.0);
         for (int k = 0; k < ni; ++k) m[i + k + (i + k) * ldm] = 1.0;
         kernel.solve_right(w.packing, ni, i + ni, lt, ld, m + i, ldm);
-    }
+    });
     mirror(kernel, n, m, ldm);
     for (int j = 0; j < n; j += block) {
         const int nj = std::min(block, n - j);
@@ -189,6 +189,13 @@ void save_columns(const inverse_front& f, const panel& z, int first, int end, co
     }
 }
 
+// t (n x m) = transpose of a (m x n), rows of a shared out.
+void transpose(const inverse_work& w, int m, int n, const double* a, std::ptrdiff_t lda, double* t,
+               std::ptrdiff_t ldt) {
+    by_columns(w, 0, m, n,
+               [&](int first, int end) { w.kernel.transpose(end - first, n, a + first, lda, t + first * ldt, ldt); });
+}
+
 // Z21 = -Z22 Y for the rows from `end` on: n columns, row i of the front at c[i]. Of Z22 the rows below the front stand
 // in the triangle, columns of the front in the store. Elements that merged columns have no place for are taken as 0,
 // since they would only meet zeros: column e of Y has rows of columns d alone to which e leads in the tree; the rows of
@@ -212,18 +219,11 @@ void multiply_inverse(const inverse_front& f, int end, int n, double* c, std::pt
         kernel.product(w.packing, store_mode::subtract, f.order() - q, n, k, w.stored, ld, y(q), ldy, c + q, ldc);
         if (rest == 0) continue;
         double* transposed = w.zt; // not yet in use
-        kernel.transpose(rest, k, w.stored + k, ld, transposed, ldt);
+        transpose(w, rest, k, w.stored + k, ld, transposed, ldt);
         for (int i = 0; i < rest && k < padded(k); ++i) // rows that the product takes along must not change the result
             std::fill(transposed + i * ldt + k, transposed + i * ldt + padded(k), 0.0);
         kernel.product(w.packing, store_mode::subtract, k, n, rest, transposed, ldt, y(next), ldy, c + q, ldc);
     }
-}
-
-// t (n x m) = transpose of a (m x n), rows of a shared out.
-void transpose(const inverse_work& w, int m, int n, const double* a, std::ptrdiff_t lda, double* t,
-               std::ptrdiff_t ldt) {
-    by_columns(w, 0, m, n,
-               [&](int first, int end) { w.kernel.transpose(end - first, n, a + first, lda, t + first * ldt, ldt); });
 }
 
 void invert_front(int s, inverse_work& w) {
