@@ -408,7 +408,7 @@ void read_command_line(int argc, const char* const* argv, text_out& trace) {
 void write_curropts(text_out& trace) {
     text_out& out = unit1(trace);
     const auto& ld = options.logdia;
-    write_tvxtop(out, "Current Run options");
+    write_tvxtop(out, "Current Run options", options.wide);
     print_list(out, "reconstruct    ", options.reconstruct);
     print_list(out, "logdiagonals   ", ld[0] != 0, ld[1] != 0, ld[2] != 0, ld[3] != 0, ld[4] != 0, ld[5] != 0,
                ld[6] != 0, ld[7] != 0);
@@ -431,7 +431,7 @@ void write_curropts(text_out& trace) {
     print_list(out, "aiconv_like    ", maximise.aiconv_like);
     print_list(out, "aiconv_norm    ", maximise.aiconv_norm);
     print_list(out, "parameter file ", filenames.parfile);
-    write_tvxbottom(out);
+    write_tvxbottom(out, options.wide);
 }
 
 } // namespace

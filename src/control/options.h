@@ -5,7 +5,7 @@
 namespace tarvex {
 
 struct options_module {
-    bool aireml = false;        // average-information steps are the current method (set during estimation)
+    bool aireml = false;        // the plan begins with steps of AI-REML
     bool algorithm_set = false; // an option has chosen the algorithm
     bool bestonly = false;      // report the stored best point only
     bool blup = false;          // solutions at given covariances
@@ -13,7 +13,7 @@ struct options_module {
     bool details = false;       // most talkative; an error dies by an arithmetic fault
     bool devtrace = false;      // trace of the options
     bool emai = false;
-    bool emalgorithm = true;     // EM family of steps in use: covariances are the parameters
+    bool emalgorithm = true;     // the plan begins with EM, or BLUP: covariances are the parameters
     bool limits = false;         // the limits are told and the run ends
     bool forchol = false;        // keep the factor scale of the residual block
     std::array<int, 8> logdia{}; // by block, 0 residual: diagonals on the log scale

@@ -103,29 +103,29 @@ void pause_for_operator() {
     std::getline(std::cin, answer);
 }
 
-void write_tvxtop(text_out& out, std::string_view message) {
+void write_tvxtop(text_out& out, std::string_view message, bool wide) {
     const std::string date = version_text();
-    if (options.wide)
+    if (wide)
         write(out, "(7(1h=),9h Version ,a,1x,39(1h=), 8h **ZQ** ,38(1h=)/)", date);
     else
         write(out, "(7(1h=),9h Version ,a,1x,39(1h=), 8h **ZQ** , 4(1h=)/)", date);
     write(out, "(8x,2a)", "Program Tarvex : ", message);
-    if (options.wide)
+    if (wide)
         write(out, "(112(1h=) ,/)");
     else
         write(out, "(78(1h=) ,/)");
 }
 
-void write_tvxbottom(text_out& out) {
+void write_tvxbottom(text_out& out, bool wide) {
     const std::time_t now = std::time(nullptr);
     std::tm t{};
     localtime_r(&now, &t);
     const std::string day = two_digits(t.tm_mday), month = two_digits(t.tm_mon + 1),
                       year = std::to_string(t.tm_year + 1900), hour = two_digits(t.tm_hour),
                       minute = two_digits(t.tm_min);
-    constexpr edit_form narrow{"(8(1h=),a,28(1h=),a,2(1h-,a),10(1h=),a,1h:,a,4(1h=))"},
-        wide{"(8(1h=),a,28(1h=),a,2(1h-,a),10(1h=),a,1h:,a,38(1h=))"};
-    write(out, options.wide ? wide : narrow, " end of file ", day, month, year, hour, minute);
+    constexpr edit_form line78{"(8(1h=),a,28(1h=),a,2(1h-,a),10(1h=),a,1h:,a,4(1h=))"},
+        line112{"(8(1h=),a,28(1h=),a,2(1h-,a),10(1h=),a,1h:,a,38(1h=))"};
+    write(out, wide ? line112 : line78, " end of file ", day, month, year, hour, minute);
     out.close();
 }
 

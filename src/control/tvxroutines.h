@@ -36,10 +36,10 @@ void tvx_caution();
 // Flushes and waits for one line of standard input; end of input counts as the answer.
 void pause_for_operator();
 
-// Report header with title `message`, 78 columns wide (112 with options.wide).
-void write_tvxtop(text_out& out, std::string_view message);
+// Report header with title `message`, 78 columns wide, or 112.
+void write_tvxtop(text_out& out, std::string_view message, bool wide);
 // Footer with date and time; closes the output.
-void write_tvxbottom(text_out& out);
+void write_tvxbottom(text_out& out, bool wide);
 
 // Allocates a large array; a failure is told by tvx_noalloc.
 template <class A> void allocate_large(std::string_view name, A& a, long long n) {

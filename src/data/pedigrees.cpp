@@ -227,7 +227,7 @@ void pedigree_list() {
     constexpr edit_form fmt{"(1x,a,t45,1h=,i10)"};
     text_out out;
     if (!out.open(filenames.sumpedfile)) stop_with("Cannot open file \"" + filenames.sumpedfile + "\"");
-    write_tvxtop(out, "Summary of Pedigree Information");
+    write_tvxtop(out, "Summary of Pedigree Information", options.wide);
     write_tvxfiles(out);
     code_marks marks;
     allocate("alloc IDVEC", marks.seen, maxan);

@@ -143,7 +143,7 @@ void secateurs() {
         }
         ped_counts(out, irand, irun, nrecnew);
     }
-    write_tvxbottom(out);
+    write_tvxbottom(out, options.wide);
 }
 
 } // namespace tarvex

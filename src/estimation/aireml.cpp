@@ -112,7 +112,7 @@ void take_step(int& iround, double xold, double xnew, double best) {
     print_iterate(iround, xnew, xold);
     list_step();
     estimates.parvec = search_state.parnew;
-    if (options.reconstruct && readbestpoint(true)) covs2parvec();
+    if (options.reconstruct && readbestpoint(true)) change_scale();
     maximise.converged = false; // only the tests on gradient and log L count
     const double rounding = options.strict_ai ? 0.0 : 1.0e-10 * std::fabs(xnew);
     const double change = change_that_counts(xold, xnew, best);
@@ -139,7 +139,6 @@ void ai_reml(int nits, int& iround, double& xlike) {
     t.alpha = 1.0;
     t.tau = t.slope = t.prox = t.dnorm = t.pnorm = 0.0;
     t.last_change = 0.0;
-    const bool strict = options.strict_ai;
     if (iround == 0) {
         t.tt0 = cpu_time();
         print_iterate(0, xlike, xlike);
@@ -155,7 +154,6 @@ void ai_reml(int nits, int& iround, double& xlike) {
             fail = true;
             break;
         }
-        options.strict_ai = strict;
         t.tau = 0.0;
         const double best = bestpoint.xbest; // the trial may become it
         eztimates(iter, xnew);
@@ -185,7 +183,7 @@ void list_changes(const array<double>& from, const array<double>& to) {
     for (int i = 1; i <= estimates.nparm; ++i)
         if (from(i) != 0.0 || to(i) != 0.0)
             write(screen(), item, i, estimates.parnames(i), "Old =", from(i), " New =", to(i),
-                  options.aireml && estimates.logpar(i) ? "log" : "   ");
+                  search_state.method.aireml && estimates.logpar(i) ? "log" : "   ");
 }
 
 void rank_check() {

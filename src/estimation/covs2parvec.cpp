@@ -23,7 +23,13 @@ void covs2parvec() {
             set_units_from_covariances();
         }
     }
-    parvec_from_covs(options.emalgorithm, bestpoint.from_best ? numbers.zero : 0.0);
+    search_state.method = {
+        .aireml = options.aireml, .em_scale = options.emalgorithm, .pxem = options.pxem, .by_gain = false};
+    change_scale();
+}
+
+void change_scale() {
+    parvec_from_covs(search_state.method.em_scale, bestpoint.from_best ? numbers.zero : 0.0);
     write_listofcovs();
     list_parameters();
     bestpoint.parbest = estimates.parvec;

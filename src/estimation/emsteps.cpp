@@ -13,6 +13,7 @@
 #include "estimation/evaluate.h"
 #include "estimation/iteratelog.h"
 #include "estimation/pxem.h"
+#include "estimation/searchstate.h"
 #include "likelihood/ddvecs.h"
 #include "likelihood/emquants.h"
 #include "likelihood/likelihood.h"
@@ -54,7 +55,7 @@ struct round_start {
 };
 
 bool reduced(int irand) { return model.krfit(irand) < model.kkfit(irand) && !model.diagonal(irand); }
-bool expands() { return options.pxem && !pxempc.skip_px; }
+bool expands() { return search_state.method.pxem && !pxempc.skip_px; }
 
 // Covariances of a block (full square) in the layout of model.cov.
 std::vector<double> packed_block(const array<double, 2>& g, int irand) {
@@ -189,7 +190,7 @@ void em_step() {
     std::vector<array<double, 2>> g;
     if (options.principal) {
         g = principal_update(q);
-        if (!options.pxem) pxempc.aalpha = 0.0;
+        if (!search_state.method.pxem) pxempc.aalpha = 0.0;
     } else
         for (int irand = 1; irand <= numbers.krand; ++irand)
             g.push_back(irand == residualvars.ipeq ? array<double, 2>() : full_rank_update(irand, q));
@@ -221,11 +222,11 @@ round_end one_round(double& xold, double& xnew) {
     if (!(xold > invalid_logl)) return round_end::invalid;
     const round_start start;
     em_step();
-    if (options.pxem) list_changes(start.parvec, estimates.parvec);
+    if (search_state.method.pxem) list_changes(start.parvec, estimates.parvec);
     xnew = evaluate(1);
-    if (options.pxem && xnew < xold) {
+    if (search_state.method.pxem && xnew < xold) {
         start.restore();
-        options.pxem = false;
+        search_state.method.pxem = false;
         if (options.verbose && !pxempc.skip_px) print_list(screen(), "switch to EM algorithm ! ", pxempc.aalpha);
         xold = evaluate(1);
         if (!(xold > invalid_logl)) return round_end::invalid;
@@ -266,7 +267,7 @@ void close_converged(double dd) {
 }
 
 void close_not_converged() {
-    if (maximise.search_type == 6) return;
+    if (search_state.method.by_gain || maximise.search_type == 6) return;
     text_out out;
     out.open_append(filenames.iteratesfile);
     print_list(screen(), "*** (PX-) EM has not converged !");
@@ -281,16 +282,16 @@ void em_algorithm(int nits, int& iround, double& xlike, double xlimit) {
     auto& t = aireml_terms;
     t.tau = t.prox = t.dnorm = t.pnorm = t.alpha = 0.0;
     t.tt0 = cpu_time();
-    if (options.sigam && options.pxem) {
-        options.emalgorithm = true;
-        options.pxem = false;
+    if (options.sigam && search_state.method.pxem) {
+        search_state.method.em_scale = true;
+        search_state.method.pxem = false;
     }
-    const bool aireml = options.aireml; // the label of a round is that of EM, whatever the plan
-    options.aireml = false;
+    const bool aireml = search_state.method.aireml; // the label of a round is that of EM, whatever the plan
+    search_state.method.aireml = false;
     pxempc.skip_px = false;
     maximise.converged = false;
     if (iround == 0) print_iterate(0, xlike, xlike, std::to_string(pxempc.skippx));
-    const bool in_cycle = maximise.search_type == 6 && !options.algorithm_set;
+    const bool in_cycle = search_state.method.by_gain || (maximise.search_type == 6 && !options.algorithm_set);
     double dd = 0.0;
     round_end end = round_end::taken;
     for (int round = 1; round <= nits; ++round) {
@@ -310,7 +311,7 @@ void em_algorithm(int nits, int& iround, double& xlike, double xlimit) {
         push_changes(dd, 0.0, 0.0);
         // A new pivot order leaves the best point in the old one unless this round has become the best.
         const bool lost = options.principal && xnew < bestpoint.xbest;
-        if ((options.reconstruct || lost) && readbestpoint(true)) covs2parvec();
+        if ((options.reconstruct || lost) && readbestpoint(true)) change_scale();
         if (traced(iround)) writebestpoint(iround);
         if (in_cycle) {
             if (dd < xlimit) break;
@@ -319,7 +320,7 @@ void em_algorithm(int nits, int& iround, double& xlike, double xlimit) {
             break;
         }
     }
-    options.aireml = aireml;
+    search_state.method.aireml = aireml;
     iterate_log.ended = end == round_end::lost      ? "a round that lost log L"
                         : end == round_end::invalid ? "no valid point"
                         : !maximise.converged       ? "limit of rounds"

@@ -8,7 +8,7 @@ namespace tarvex {
 // valid point ends them too.
 //   iround  rounds of the run, goes on      xlike  log L behind the last valid round
 // Leaves the last point in estimates.parvec, cchanges, aireml_terms.alpha, pnorm, iterate_log.ended and a line a round
-// in Iterates. An expansion that lowers log L is given up for the run (options.pxem).
+// in Iterates. An expansion that lowers log L is given up for the run (search_state.method.pxem).
 void em_algorithm(int nits, int& iround, double& xlike, double xlimit);
 
 } // namespace tarvex

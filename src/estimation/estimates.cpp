@@ -108,36 +108,36 @@ void tell_held() {
 }
 
 void ai_phase(int& iround, double& xlike) {
-    options.aireml = true;
-    options.emalgorithm = false;
+    search_state.method.aireml = true;
+    search_state.method.em_scale = false;
     from_best_point();
     ai_reml(maximise.aireml_its, iround, xlike);
 }
 
 void cycle_of_em_and_ai(int& iround, double& xlike) {
-    const bool pxem = options.pxem;
+    const bool pxem = search_state.method.pxem;
     bool repeat_em = true;
     for (int icycle = 1; icycle <= maximise.ncycle; ++icycle) {
         if (icycle > 1) {
-            options.emalgorithm = true;
-            options.aireml = false;
-            options.pxem = pxem;
+            search_state.method.em_scale = true;
+            search_state.method.aireml = false;
+            search_state.method.pxem = pxem;
             from_best_point();
             int ifail = 0;
             rinverse(estimates.parvec, ifail);
         }
         em_algorithm(maximise.pxem_its, iround, xlike, maximise.ncycle == 1 ? 2.0 : 0.0);
         if (maximise.converged) return;
-        options.continew = true;
-        options.pxem = false;
+        search_state.handed_over = true;
+        search_state.method.pxem = false;
         for (bool more = true; more;) {
             more = false;
             ai_phase(iround, xlike);
             if (maximise.converged) return;
             if (icycle != maximise.ncycle || options.principal || !repeat_em) break;
             const double ai_change = aireml_terms.last_change;
-            options.emalgorithm = true;
-            options.aireml = false;
+            search_state.method.em_scale = true;
+            search_state.method.aireml = false;
             from_best_point();
             em_algorithm(3, iround, xlike, 0.01);
             if (ai_change < 0.01) repeat_em = false;
@@ -156,7 +156,7 @@ void final_step() {
     const derivs_module search = derivs;
     judge_last_point();
     bestpoint.xlike_file = stored_best_value();
-    if (!options.aireml || !(std::fabs(xlike - bestpoint.xlike_file) < 0.001)) {
+    if (!search_state.method.aireml || !(std::fabs(xlike - bestpoint.xlike_file) < 0.001)) {
         derivs = search;
         return;
     }
@@ -229,7 +229,7 @@ void get_estimates() {
     int iround = 0;
     switch (type) {
     case 1:
-        options.aireml = true;
+        search_state.method.aireml = true;
         ai_reml(maximise.aireml_its, iround, xlike);
         break;
     case 2:

@@ -6,6 +6,7 @@
 #include "estimation/aireml.h"
 #include "estimation/bestpoint.h"
 #include "estimation/iteratelog.h"
+#include "estimation/searchstate.h"
 #include "likelihood/likelihood.h"
 #include "parameters/parvec.h"
 #include "support/edit_form.h"
@@ -30,7 +31,7 @@ void trace_round(int iround, double xlike, double dd, std::string_view note) {
     const auto& t = aireml_terms;
     const double used = times.prev - t.tt0;
     text_out out;
-    if (options.aireml) {
+    if (search_state.method.aireml) {
         constexpr edit_form form{"(i4,f13.3,f6.2,f6.3,4g12.5,i7,i4)"};
         if (out.open_append("AIiterates"))
             write(out, form, iround, xlike, t.tau, t.alpha, t.dnorm, t.pnorm, t.prox, dd, static_cast<int>(used),
@@ -76,7 +77,9 @@ void print_iterate(int iround, double xlike, double xold, std::string_view note)
     constexpr edit_form line{"(a,i6,2x,a,g17.9,2x,a,2g13.5,2x,a,i7)"};
     const auto& t = aireml_terms;
     const double dd = xlike - xold;
-    const std::string label = options.aireml ? "***AI iterate" : options.pxem ? "***PX round  " : "***EM round  ";
+    const std::string label = search_state.method.aireml ? "***AI iterate"
+                              : search_state.method.pxem ? "***PX round  "
+                                                         : "***EM round  ";
     if (options.devtrace) trace_round(iround, xlike, dd, note);
     times.prev = cpu_time();
     const int seconds = static_cast<int>(times.prev - t.tt0);

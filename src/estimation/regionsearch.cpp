@@ -47,8 +47,8 @@ double least_log() { return 0.5 * std::log(400.0 * numbers.zero); }
 
 // Best point with all factors on logarithmic diagonals.
 void to_best_point() {
-    options.aireml = true;
-    options.emalgorithm = false;
+    search_state.method.aireml = true;
+    search_state.method.em_scale = false;
     estimates.logdiagonals.fill(1);
     from_best_point();
 }

@@ -1,6 +1,5 @@
 #include "estimation/rescue.h"
 
-#include "control/maximise.h"
 #include "control/numbers.h"
 #include "control/options.h"
 #include "estimation/bestpoint.h"
@@ -9,6 +8,7 @@
 #include "estimation/evaluate.h"
 #include "estimation/lastpoint.h"
 #include "estimation/pxem.h"
+#include "estimation/searchstate.h"
 #include "parameters/parunits.h"
 #include "parameters/parvec.h"
 #include "parameters/residualvars.h"
@@ -39,7 +39,7 @@ void add_change(const std::vector<parameter_change>& change, double factor) {
 
 void from_best_point() {
     readbestpoint(true);
-    covs2parvec();
+    change_scale();
 }
 
 void leave_border() {
@@ -49,28 +49,20 @@ void leave_border() {
         for (double factor = 1.0; factor > 0.01 && !(bestpoint.xbest > before); factor *= 0.25) {
             from_best_point();
             add_change(lift, factor);
-            covs2parvec();
+            change_scale();
             evaluate_point(estimates.parvec, 0);
         }
     }
 }
 
 void expanded_rounds(int rounds, double least_gain, bool off_border, int& iround, double& xlike) {
-    const options_module kept = options;
-    const int search_type = maximise.search_type;
-    options.emalgorithm = true;
-    options.aireml = options.algorithm_set = false; // rounds end by their gain
-    options.pxem = !options.sigam;
-    maximise.search_type = 6;
-    if (options.pxem) pxem_setup();
+    const search_method kept = search_state.method;
+    search_state.method = {.aireml = false, .em_scale = true, .pxem = !options.sigam, .by_gain = true};
+    if (search_state.method.pxem) pxem_setup();
     if (off_border) leave_border();
     from_best_point();
     em_algorithm(rounds, iround, xlike, least_gain);
-    options.emalgorithm = kept.emalgorithm;
-    options.aireml = kept.aireml;
-    options.algorithm_set = kept.algorithm_set;
-    options.pxem = kept.pxem;
-    maximise.search_type = search_type;
+    search_state.method = kept;
 }
 
 } // namespace tarvex

@@ -3,7 +3,7 @@
 
 namespace tarvex {
 
-// Hands over at the best point found so far, on the scale that the flags now ask for.
+// Hands over at the best point found so far, on the scale of the method in hand.
 void from_best_point();
 
 // Steps away from the border where the last verdict has found that log L rises there: the better point is the best one
@@ -11,7 +11,7 @@ void from_best_point();
 void leave_border();
 
 // Rounds of PX-EM (EM where effects are correlated) from the best point while they gain at least `least_gain`; the
-// flags of the search are put back. `off_border`: leave_border first. iround, xlike as of em_algorithm.
+// method in hand is put back. `off_border`: leave_border first. iround, xlike as of em_algorithm.
 void expanded_rounds(int rounds, double least_gain, bool off_border, int& iround, double& xlike);
 
 } // namespace tarvex

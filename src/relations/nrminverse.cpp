@@ -264,7 +264,7 @@ void gen_inverses() {
         print_list(sumped, " log determinant   =", geninverse.detginv(irand));
     }
     if (options.details) screen().line("END gen_inverses");
-    write_tvxbottom(sumped);
+    write_tvxbottom(sumped, options.wide);
     if (!keep) return;
     restore_inbreed();
     write_inbreed();

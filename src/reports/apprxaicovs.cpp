@@ -29,7 +29,7 @@ constexpr double largest_discrepancy = 0.01; // between the log L of the informa
 // Information matrix as read, full storage, and the log L that it belongs to. False: no file, or of another run.
 bool read_information(array<double, 2>& hess2, double& xl2) {
     const int n = estimates.nparm;
-    if (!search_state.saverr_ready && !(options.aireml && aireml_terms.accepted > 0)) return false;
+    if (!search_state.saverr_ready && !(search_state.method.aireml && aireml_terms.accepted > 0)) return false;
     std::ifstream in(filenames.aiparsfile);
     if (!in) return false;
     in >> xl2;

@@ -103,7 +103,7 @@ void long_names(text_out& out) {
 void write_modelsum() {
     text_out out;
     if (!out.open(filenames.summodfile)) stop_with("Error opening file \"" + filenames.summodfile + "\"");
-    write_tvxtop(out, "Summary of information from Set-up step");
+    write_tvxtop(out, "Summary of information from Set-up step", options.wide);
     write_tvxfiles(out);
     write(out, "(1x,a,t25,1h=,i4)", "No. of traits", numbers.nq);
     trait_table(out);
@@ -122,7 +122,7 @@ void write_modelsum() {
         levels_table(out, model.extra, model.nextra, levels.ex_nlev);
     }
     long_names(out);
-    write_tvxbottom(out);
+    write_tvxbottom(out, options.wide);
 }
 
 } // namespace tarvex

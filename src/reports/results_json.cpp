@@ -14,6 +14,7 @@
 #include "estimation/estimates.h"
 #include "estimation/iteratelog.h"
 #include "estimation/lastpoint.h"
+#include "estimation/searchstate.h"
 #include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
 #include "parameters/parunits.h"
@@ -68,7 +69,7 @@ json run_part(run_kind kind) {
             {"random_regression", options.randreg},
             {"reduced_rank", options.principal},
             {"sire_model", options.siremodel},
-            {"continued", options.continew}};
+            {"continued", options.continew || search_state.handed_over}};
 }
 
 json likelihood_part(run_kind kind) {

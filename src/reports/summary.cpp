@@ -265,7 +265,8 @@ void write_estimates() {
     text_out out;
     const std::string& name = options.bestonly ? filenames.best2file : filenames.estfile;
     if (!out.open(name)) stop_with("Error opening file \"" + name + "\"");
-    write_tvxtop(out, options.bestonly ? "Covariance components specified" : "Estimates of covariance components");
+    write_tvxtop(out, options.bestonly ? "Covariance components specified" : "Estimates of covariance components",
+                 options.wide);
     write_tvxfiles(out);
     write_headlines(out);
     write_parameters(out);
@@ -284,7 +285,7 @@ void write_estimates() {
         write_matrices_verdict(out);
     else
         write_verdict(out);
-    write_tvxbottom(out);
+    write_tvxbottom(out, options.wide);
 }
 
 } // namespace tarvex

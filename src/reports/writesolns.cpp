@@ -258,15 +258,12 @@ void write_fixsolns() {
     count_levels(counts);
     text_out out;
     if (!out.open(filenames.fixsolfile)) stop_with("Error opening file \"" + filenames.fixsolfile + "\"");
-    const bool wide = options.wide;
-    options.wide = false;
-    write_tvxtop(out, "GLS solutions for fixed effects");
+    write_tvxtop(out, "GLS solutions for fixed effects", false);
     if (options.comment) write(out, comment, model.commentline);
     write_covariables(out, counts);
     write_fixed(out, counts);
     write_extra(out, counts);
-    write_tvxbottom(out);
-    options.wide = wide;
+    write_tvxbottom(out, false);
 }
 
 void write_randsolns() {

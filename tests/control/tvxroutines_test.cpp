@@ -113,15 +113,15 @@ protected:
 };
 
 TEST_F(ReportFrame, HeaderIs78ColumnsWideOr112) {
-    const auto top = [](text_out& out) { write_tvxtop(out, "Model"); };
+    const auto top = [](text_out& out) { write_tvxtop(out, "Model", false); };
     EXPECT_EQ(written(top), "======= Version " + program_version() +
                                 " ======================================= **ZQ** ====\n\n"
                                 "        Program Tarvex : Model\n" +
                                 std::string(78, '=') + "\n\n");
-    options.wide = true;
-    EXPECT_EQ(written(top), "======= Version " + program_version() +
-                                " ======================================= **ZQ** " + std::string(38, '=') +
-                                "\n\n        Program Tarvex : Model\n" + std::string(112, '=') + "\n\n");
+    const auto wide_top = [](text_out& out) { write_tvxtop(out, "Model", true); };
+    EXPECT_EQ(written(wide_top), "======= Version " + program_version() +
+                                     " ======================================= **ZQ** " + std::string(38, '=') +
+                                     "\n\n        Program Tarvex : Model\n" + std::string(112, '=') + "\n\n");
 }
 
 TEST_F(ReportFrame, FilesAreNamedWithoutTrailingBlanks) {
@@ -143,13 +143,12 @@ TEST_F(ReportFrame, FilesAreNamedWithoutTrailingBlanks) {
 }
 
 TEST_F(ReportFrame, FooterShowsDateAndTimeAndClosesTheFile) {
-    const std::string narrow = written(write_tvxbottom);
+    const std::string narrow = written([](text_out& out) { write_tvxbottom(out, false); });
     EXPECT_EQ(pattern(narrow), "======== end of file ============================99-99-9999==========99:99====\n");
-    options.wide = true;
-    EXPECT_EQ(written(write_tvxbottom).size(), 113u);
+    EXPECT_EQ(written([](text_out& out) { write_tvxbottom(out, true); }).size(), 113u);
     text_out out;
     ASSERT_TRUE(out.open("report"));
-    write_tvxbottom(out);
+    write_tvxbottom(out, false);
     EXPECT_FALSE(out.is_open());
 }
 

@@ -200,9 +200,10 @@ TEST_F(recode_test, model_without_covariables_has_no_such_records) {
     EXPECT_EQ(level, 2);
     ASSERT_TRUE(in.record(y) && in.record(place) && in.record(level));
     EXPECT_EQ(level, 1);
-    setup_recdata(pass, filenames.recdatfil2); // readers pass it by
+    setup_recdata(pass, filenames.recdatfil2);
     ASSERT_TRUE(next_subject(pass) && next_subject(pass));
     EXPECT_EQ(pass.record.yvec(1), y);
+    EXPECT_EQ(pass.record.iraand(1, 1), 1);
     EXPECT_EQ(row(1), (ints{1}));
     EXPECT_FALSE(next_subject(pass));
 }

@@ -67,6 +67,30 @@ TEST_F(driver_test, BadStartKeepsTheAutomaticLimit) {
     EXPECT_EQ(labels().find_first_not_of('A'), std::string::npos);
 }
 
+TEST_F(driver_test, SearchLeavesWhatTheUserHasChosenAsItWas) {
+    const auto chosen = [] {
+        std::vector<int> v = {options.aireml,   options.emalgorithm,   options.pxem,
+                              options.continew, options.algorithm_set, options.strict_ai,
+                              options.wide,     options.sure,          maximise.search_type};
+        return v;
+    };
+    for (const char* plan : {"--aireml", "--pxai3", "--emalg4", "--pxem4", "--powell", "--sure", "--bad"}) {
+        new_analysis();
+        set_up(families(1), {plan});
+        const std::vector<int> before = chosen();
+        get_estimates();
+        EXPECT_EQ(chosen(), before) << plan;
+    }
+}
+
+TEST_F(driver_test, PlanOfTwoMethodsHandsOver) {
+    run(many_parameters(), {"--pxai2"});
+    EXPECT_TRUE(search_state.handed_over);
+    EXPECT_TRUE(search_state.method.aireml);
+    EXPECT_FALSE(search_state.method.em_scale);
+    EXPECT_FALSE(options.continew);
+}
+
 TEST_F(driver_test, SimplexPlanReportsTheStart) {
     set_up(families(1), {"--simplex0"});
     maximise.simplx_its = 0;
@@ -212,12 +236,12 @@ TEST_F(driver_test, RoundsOfCorrelatedEffectsAreLabelledAsPlainOnes) {
     small_model m = animal_model(1, {1.3}, {2.1});
     m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
     set_up(m, {"--pxem"});
-    options.aireml = true; // as a plan with AI-REML leaves it
+    search_state.method.aireml = true; // as a plan with AI-REML leaves it
     double x = program_logl(estimates.parvec, 1);
     int iround = 0;
     em_algorithm(2, iround, x, 0.0);
     EXPECT_EQ(labels(), "EEE");
-    EXPECT_TRUE(options.aireml);
+    EXPECT_TRUE(search_state.method.aireml);
 }
 
 TEST_F(driver_test, SearchWithoutAGainTellsSo) {
@@ -280,7 +304,7 @@ TEST_F(driver_test, RebuiltBlockIsTurnedToLogarithmsOnce) {
     ASSERT_TRUE(readbestpoint(true));
     covs2parvec();
     ASSERT_EQ(estimates.logdiagonals(1), 1);
-    options.aireml = true;
+    search_state.method.aireml = true;
     int iround = 1;
     ai_reml(1, iround, x);
     EXPECT_GT(iterates().at(0).logl, before);
@@ -343,7 +367,7 @@ TEST_F(driver_test, StoredPointIsNotReadByIterateOfAFullRankRun) {
     set_up(families(1), {"--aireml"});
     EXPECT_FALSE(options.reconstruct);
     double x = program_logl(estimates.parvec, 1);
-    options.aireml = true;
+    search_state.method.aireml = true;
     int iround = 0;
     ai_reml(3, iround, x);
     EXPECT_EQ(iround, 3);
@@ -382,7 +406,7 @@ TEST_F(driver_test, NoIterateAllowedLeavesTheBestPoint) {
     bestpoint.parbest = estimates.parvec;
     estimates.parvec(1) += 0.1;
     int iround = 0;
-    options.aireml = true;
+    search_state.method.aireml = true;
     ai_reml(0, iround, x);
     EXPECT_EQ(iround, 0);
     EXPECT_EQ(estimates.parvec(1), bestpoint.parbest(1));
@@ -497,7 +521,7 @@ TEST_F(driver_test, ExpandedRoundsGain) {
     em_algorithm(5, iround, x, 0.0);
     EXPECT_GT(pxempc.aalpha, 0.0);
     EXPECT_EQ(labels(), "PPPPPP");
-    EXPECT_TRUE(options.pxem);
+    EXPECT_TRUE(search_state.method.pxem);
     EXPECT_GE(x, iterates()[0].logl);
 }
 
@@ -547,7 +571,7 @@ TEST_F(driver_test, StepBelowTheBestPointIsNoConvergence) {
     set_up(m, {"--aireml", "--nostrict", "--nologd"});
     double x = program_logl(estimates.parvec, 1);
     const double start = x;
-    options.aireml = true;
+    search_state.method.aireml = true;
     maximise.aiconv_like = 1.0e6; // any gain
     int iround = 0;
     for (int k = 1; k <= 6; ++k) {
@@ -570,7 +594,7 @@ TEST_F(driver_test, SecondOrderTermJoinsFromIterate222) {
         set_up(families(1, 40), {"--aireml", "--nostrict", "-t"});
         maximise.aiconv_like = maximise.aiconv_norm = -1.0; // on and on at the maximum
         double x = program_logl(estimates.parvec, 1);
-        options.aireml = true;
+        search_state.method.aireml = true;
         int iround = 0;
         ai_reml(nits, iround, x);
         ASSERT_EQ(iround, nits);

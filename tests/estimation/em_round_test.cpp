@@ -2,6 +2,7 @@
 #include "control/options.h"
 #include "estimation/dense_em.h"
 #include "estimation/iteratelog.h"
+#include "estimation/searchstate.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "parfile/mudmap.h"
@@ -239,11 +240,11 @@ TEST_F(em_round_test, LevelsTreatedAsFixedNeverLoseLikelihood) {
 TEST_F(em_round_test, ExpansionOfOneTraitIsAScalar) {
     const small_model m = animal_model(1, {1.3}, {2.1});
     set_up(m, {"--pxem"});
-    ASSERT_TRUE(options.pxem);
+    ASSERT_TRUE(search_state.method.pxem);
     const before_round b(m);
     const dense want = px_effect(b.a, b.at, b.h, 0, effective_levels(1));
     em_rounds(1);
-    ASSERT_TRUE(options.pxem);
+    ASSERT_TRUE(search_state.method.pxem);
     expect_matrix(point_at(m, estimates.parvec).g[0], want, "expanded");
 }
 
@@ -255,7 +256,7 @@ TEST_F(em_round_test, ExpansionsOfTwoEffectsAreSolvedApart) {
                 g2 = px_effect(b.a, b.at, b.h, 1, effective_levels(2));
     const dense r = em_residual(b.a, b.at.r[0], b.h);
     em_rounds(1);
-    ASSERT_TRUE(options.pxem);
+    ASSERT_TRUE(search_state.method.pxem);
     const oracle::point after = point_at(m, estimates.parvec);
     expect_matrix(after.g[0], g1, "animals");
     expect_matrix(after.g[1], g2, "dams");
@@ -269,7 +270,7 @@ TEST_F(em_round_test, ExpansionOfRandomRegressions) {
     const dense g1 = px_effect(b.a, b.at, b.h, 0, effective_levels(1)),
                 g2 = px_effect(b.a, b.at, b.h, 1, effective_levels(2));
     em_rounds(1);
-    ASSERT_TRUE(options.pxem);
+    ASSERT_TRUE(search_state.method.pxem);
     const oracle::point after = point_at(m, estimates.parvec);
     expect_matrix(after.g[0], g1, "animals");
     expect_matrix(after.g[1], g2, "repeats");
@@ -281,7 +282,7 @@ TEST_F(em_round_test, ExpansionWithASuppliedInverse) {
     const before_round b(m);
     const dense g = px_effect(b.a, b.at, b.h, 0, effective_levels(1));
     em_rounds(1);
-    ASSERT_TRUE(options.pxem);
+    ASSERT_TRUE(search_state.method.pxem);
     expect_matrix(point_at(m, estimates.parvec).g[0], g, "expanded");
 }
 
@@ -313,7 +314,7 @@ void expect_taken_back(const small_model& m, const std::string& told) {
     likelihoods.xlast += 500.0; // more than any round can gain
     int iround = 0;
     em_algorithm(1, iround, x, 0.0);
-    EXPECT_FALSE(options.pxem);
+    EXPECT_FALSE(search_state.method.pxem);
     EXPECT_EQ(iround, 1);
     EXPECT_GT(x, start);
     EXPECT_NEAR(x, want, 1.0e-6) << told;
@@ -416,9 +417,9 @@ TEST_F(em_round_test, ReducedRankWithASecondFullRankEffect) {
 TEST_F(em_round_test, ReducedRankWithExpansion) {
     const small_model m = components(2);
     set_up(m, {"--pxem"});
-    ASSERT_TRUE(options.pxem);
+    ASSERT_TRUE(search_state.method.pxem);
     expect_principal_round(m, {0}, true);
-    EXPECT_TRUE(options.pxem);
+    EXPECT_TRUE(search_state.method.pxem);
 }
 
 TEST_F(em_round_test, ReducedRankRandomRegressionWithExpansionOfBothEffects) {
