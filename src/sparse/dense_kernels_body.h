@@ -136,8 +136,13 @@ void strip(store_mode mode, int m, int n, int k, const double* a, place_t lda, b
                           ldb, c + i, ldc);
 }
 
-// Rows of A packed at a time: the most that the cache holds, or fewer where others take part.
-inline int rows_at_a_time(const kernel_space& w) { return w.each ? 2 * block : chunk_rows; }
+// Rows of A, m in all, packed at a time: the most that the cache holds, or fewer where others take part, so that they
+// end together.
+inline int rows_at_a_time(const kernel_space& w, int m) {
+    if (!w.each) return chunk_rows;
+    return m > 16 * block ? 2 * block : block / 2;
+}
+static_assert(block / 2 % tile_height == 0);
 
 // Rows 0..m-1 of a (m x k) in panels of `height` rows, each by columns; the last panel is as high as whole vectors
 // need.
@@ -200,7 +205,7 @@ void product(const kernel_space& w, store_mode mode, int m, int n, int k, const 
         product_unpacked(mode, m, n, k, a, lda, b, ldb, c, ldc);
         return;
     }
-    const int rows = rows_at_a_time(w);
+    const int rows = rows_at_a_time(w, m);
     for (int jc = 0; jc < n; jc += chunk_cols) {
         const int nc = least(chunk_cols, n - jc);
         for (int pc = 0; pc < k; pc += depth) {
@@ -229,7 +234,7 @@ void minus_square(const kernel_space& w, store_mode first, int m, int k, const d
         }
         return;
     }
-    const int rows = rows_at_a_time(w);
+    const int rows = rows_at_a_time(w, m);
     for (int jc = 0; jc < m; jc += chunk_cols) {
         const int nc = least(chunk_cols, m - jc);
         for (int pc = 0; pc < k; pc += depth) {
@@ -277,7 +282,7 @@ void pack_b_columns(double* packed_b, int first, int end, int k, const double* c
 }
 
 void minus_columns(const kernel_space& w, int m, int n, int k, const double* const* a, double* c, place_t ldc) {
-    const int rows = rows_at_a_time(w);
+    const int rows = rows_at_a_time(w, m);
     for (int pc = 0; pc < k; pc += depth) {
         const int kc = least(depth, k - pc);
         by_strips(w, n, kc, [&](int first, int end) { pack_b_columns(w.packed_b, first, end, kc, a + pc); });
