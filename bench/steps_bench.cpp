@@ -7,8 +7,9 @@
 // order, so that the ratios are of pairs; --columns times the column kernel as well. --small times the choice that the
 // program makes by itself against the column kernel, many calls in turn. --pairs N times steps with one thread and with
 // N in turn, by the clock on the wall, and dense products that each thread makes by itself: what N processors of the
-// machine have to give at the time. Printed are "time NAME MEDIAN" and "ratio NAME MEDIAN", the ratios to the
-// factorisation of the same round, and for --pairs "speed_up NAME MEDIAN" over pairs.
+// machine have to give at the time; beside them CHOLMOD in the same order with as many threads of OpenBLAS. Printed are
+// "time NAME MEDIAN" and "ratio NAME MEDIAN", the ratios to the factorisation of the same round, and for --pairs
+// "speed_up NAME MEDIAN" over pairs.
 #include "app/phases.h"
 #include "control/numbers.h"
 #include "control/options.h"
@@ -283,10 +284,17 @@ std::vector<double> steps_with(int threads, int round) {
     return seconds;
 }
 
+// CHOLMOD on the same matrix with so many threads of OpenBLAS.
+double cholmod_with(int threads, cholmod_system& other) {
+    set_openblas_threads(threads);
+    return on_the_wall([&] { other.factorise(); });
+}
+
 // One thread against several, in turn; what goes first changes from round to round.
-void compare_threads(int threads, int rounds) {
+void compare_threads(int threads, int rounds, bool honest) {
     const char* names[] = {"factor", "inverse", "derivative", "iterate"};
-    std::vector<double> gain[4], seconds[4], machine;
+    std::vector<double> gain[4], seconds[4], machine, one_cholmod, cholmod_gain;
+    cholmod_system other;
     for (int round = 1; round <= rounds; ++round) {
         const int first = round % 2 ? 1 : threads;
         const auto a = steps_with(first, round), b = steps_with(1 + threads - first, round);
@@ -297,7 +305,15 @@ void compare_threads(int threads, int rounds) {
             seconds[k].push_back(one[k]);
         }
         machine.push_back(threads * products_of(1) / products_of(threads));
+        if (!honest) continue;
+        kernels.threads = 1;
+        set_parameters(round);
+        assemble();
+        other.set();
+        one_cholmod.push_back(cholmod_with(1, other));
+        cholmod_gain.push_back(one_cholmod.back() / cholmod_with(threads, other));
     }
+    if (honest) std::printf("time cholmod %.4f\nspeed_up cholmod %.3f\n", median(one_cholmod), median(cholmod_gain));
     std::printf("speed_up machine %.3f\n", median(machine));
     for (int k = 0; k < 4; ++k)
         std::printf("time %s %.4f\nspeed_up %s %.3f\n", names[k], median(seconds[k]), names[k], median(gain[k]));
@@ -351,7 +367,7 @@ int main(int argc, char** argv) {
             return 0;
         }
         if (pairs > 1) {
-            compare_threads(pairs, rounds);
+            compare_threads(pairs, rounds, honest);
             return 0;
         }
         cholmod_pair other{honest};

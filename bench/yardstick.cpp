@@ -52,4 +52,6 @@ bool honest_openblas(char** argv) {
     return honest;
 }
 
+void set_openblas_threads(int threads) { openblas_set_num_threads(threads); }
+
 } // namespace tarvex

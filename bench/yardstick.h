@@ -8,4 +8,7 @@ namespace tarvex {
 // Returns whether ratios to it may be told: false with kernels that are still below the processor.
 bool honest_openblas(char** argv);
 
+// Threads of OpenBLAS from here on.
+void set_openblas_threads(int threads);
+
 } // namespace tarvex
