@@ -289,7 +289,7 @@ bool race(trial_state& t) {
     node_order winner;
     double spent = 0.0;
     for (const entrant& e : entrants()) {
-        if (orders.race_price > 0.0 && !affordable(e, best.operations, spent, g.n)) break;
+        if (orders.race_price > 0.0 && !affordable(e, best.operations, spent, g.n)) continue;
         spent += orders.race_price * e.cost * g.n;
         const node_order order = try_order(g, e);
         const int type = static_cast<int>(e.code);

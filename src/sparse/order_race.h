@@ -21,8 +21,9 @@ struct entrant {
 // Those tried after the order that is chosen by size, in this order.
 std::span<const entrant> entrants();
 
-// Whether one more is worth its price: an AI iterate takes as long as 3.7 factorisations, and the further orders
-// together may take as long as two iterates with the best one.
+// Whether one more is worth its price. An AI iterate takes as long as 3.7 factorisations. The first further order may
+// take as long as two iterates with the best order so far, since it wins most often by far; more of them must fit into
+// one iterate together.
 //   best    operations of the best order so far; spent: cost of the entrants tried so far, times nodes
 bool affordable(const entrant& e, double best, double spent, int nodes);
 

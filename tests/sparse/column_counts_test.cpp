@@ -127,7 +127,7 @@ TEST(order_race, further_orders_cost_no_more_than_two_iterates) {
         double spent = 0.0;
         std::size_t tried = 0;
         for (const entrant& e : entrants()) {
-            if (!affordable(e, first, spent, nodes)) break;
+            if (!affordable(e, first, spent, nodes)) continue;
             spent += e.cost * nodes;
             ++tried;
         }
