@@ -11,7 +11,7 @@ using namespace tarvex;
 
 namespace {
 
-class Choices : public tarvex_test {
+class choices : public tarvex_test {
 protected:
     void given(std::vector<const char*> arguments) {
         arguments.insert(arguments.begin(), "tarvex");
@@ -29,7 +29,7 @@ protected:
     }
 };
 
-TEST_F(Choices, CorrelatedEffectsTurnPxemIntoPlainEm) {
+TEST_F(choices, correlated_effects_turn_pxem_into_plain_em) {
     given({"--pxem"});
     options.sigam = true;
     choose_algorithm();
@@ -41,7 +41,7 @@ TEST_F(Choices, CorrelatedEffectsTurnPxemIntoPlainEm) {
     EXPECT_TRUE(options.emalgorithm);
 }
 
-TEST_F(Choices, CorrelatedEffectsCutTheRoundsOfEmToFour) {
+TEST_F(choices, correlated_effects_cut_the_rounds_of_em_to_four) {
     given({"--emalg3"});
     options.sigam = true;
     choose_algorithm();
@@ -49,7 +49,7 @@ TEST_F(Choices, CorrelatedEffectsCutTheRoundsOfEmToFour) {
     EXPECT_EQ(screen_text(), "");
 }
 
-TEST_F(Choices, CorrelatedEffectsGetALimitForAiReml) {
+TEST_F(choices, correlated_effects_get_a_limit_for_ai_reml) {
     for (const int limit : {0, 1, 60}) {
         given({"--emai3"});
         options.sigam = options.aireml = true;
@@ -59,7 +59,7 @@ TEST_F(Choices, CorrelatedEffectsGetALimitForAiReml) {
     }
 }
 
-TEST_F(Choices, CorrelatedEffectsByDefaultRunEmAndAiReml) {
+TEST_F(choices, correlated_effects_by_default_run_em_and_ai_reml) {
     given({});
     options.sigam = true;
     choose_algorithm();
@@ -68,7 +68,7 @@ TEST_F(Choices, CorrelatedEffectsByDefaultRunEmAndAiReml) {
     EXPECT_EQ(screen_text(), "");
 }
 
-TEST_F(Choices, ReducedRankKeepsPxem) {
+TEST_F(choices, reduced_rank_keeps_pxem) {
     given({"--good"});
     options.principal = true;
     options.pxem = options.pxai = false;
@@ -82,13 +82,13 @@ TEST_F(Choices, ReducedRankKeepsPxem) {
     EXPECT_FALSE(options.pxem);
 }
 
-TEST_F(Choices, OrdinaryRunsNeedNoChange) {
+TEST_F(choices, ordinary_runs_need_no_change) {
     given({});
     choose_algorithm();
     EXPECT_TRUE(options.pxem && options.emalgorithm && !options.algorithm_set);
 }
 
-TEST_F(Choices, ReconstructionOnlyIfAskedFor) {
+TEST_F(choices, reconstruction_only_if_asked_for) {
     given({});
     effects({2, 1}, {2, 1});
     choose_reconstruct();
@@ -102,7 +102,7 @@ TEST_F(Choices, ReconstructionOnlyIfAskedFor) {
     EXPECT_TRUE(options.superai && !options.reconstruct);
 }
 
-TEST_F(Choices, ReducedRankWorksThroughTheFactorOfTheRelationshipMatrix) {
+TEST_F(choices, reduced_rank_works_through_the_factor_of_the_relationship_matrix) {
     given({});
     options.principal = true;
     effects({2, 3}, {2, 2});
@@ -110,7 +110,7 @@ TEST_F(Choices, ReducedRankWorksThroughTheFactorOfTheRelationshipMatrix) {
     EXPECT_TRUE(options.superai && options.reconstruct);
 }
 
-TEST_F(Choices, SeventeenParametersRunAiRemlEighteenTheSequence) {
+TEST_F(choices, seventeen_parameters_run_ai_reml_eighteen_the_sequence) {
     given({});
     EXPECT_FALSE(choose_small_problem(18));
     EXPECT_EQ(maximise.search_type, 6);
@@ -125,7 +125,7 @@ TEST_F(Choices, SeventeenParametersRunAiRemlEighteenTheSequence) {
     EXPECT_EQ(maximise.search_type, 1);
 }
 
-TEST_F(Choices, NrmEffectsAreFoundInAnyTrait) {
+TEST_F(choices, nrm_effects_are_found_in_any_trait) {
     numbers.nq = 2;
     model.nrnd.allocate(2);
     model.rnd_opt.allocate(3, 2);

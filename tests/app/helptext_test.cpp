@@ -20,7 +20,7 @@ std::string told(std::vector<const char*> args) {
     return told_without_run(static_cast<int>(args.size()), args.data()).value_or("");
 }
 
-TEST(HelpText, FitsAScreenAndNamesTheGuide) {
+TEST(help_text, fits_a_screen_and_names_the_guide) {
     std::istringstream lines(told({"--help"}));
     int n = 0;
     for (std::string line; std::getline(lines, line); ++n) EXPECT_LE(line.size(), 80u) << line;
@@ -30,7 +30,7 @@ TEST(HelpText, FitsAScreenAndNamesTheGuide) {
 }
 
 // Words that begin with a hyphen, the number behind them taken off.
-TEST(HelpText, EachOptionOfTheTextIsOneOfTheProgram) {
+TEST(help_text, each_option_of_the_text_is_one_of_the_program) {
     std::istringstream words(told({"--help"}));
     int n = 0;
     for (std::string word; words >> word;) {
@@ -44,7 +44,7 @@ TEST(HelpText, EachOptionOfTheTextIsOneOfTheProgram) {
     EXPECT_GT(n, 15);
 }
 
-TEST(HelpText, VersionIsThatOfTheReports) {
+TEST(help_text, version_is_that_of_the_reports) {
     const std::string number = version_number(); // year.month.day; reports show dd-mm-yyyy
     EXPECT_EQ(told({"-v", "--version", "wean"}), "Tarvex " + number + "\n");
     int y = 0, m = 0, d = 0;
@@ -54,12 +54,12 @@ TEST(HelpText, VersionIsThatOfTheReports) {
     EXPECT_EQ(program_version(), shown);
 }
 
-TEST(HelpText, OtherArgumentsAskForAnAnalysis) {
+TEST(help_text, other_arguments_ask_for_an_analysis) {
     EXPECT_EQ(told({}), "");
     EXPECT_EQ(told({"--helper", "--versions", "help", "-v", "wean"}), "");
 }
 
-TEST(Completion, KnowsEachOption) {
+TEST(completion, knows_each_option) {
     std::string completions[2];
     for (int k = 0; k < 2; ++k) {
         std::ifstream file(source_dir() + "/packaging/completions/" + (k == 0 ? "tarvex.bash" : "_tarvex"));
@@ -74,9 +74,9 @@ TEST(Completion, KnowsEachOption) {
     }
 }
 
-class HelpRun : public tarvex_test {};
+class help_run : public tarvex_test {};
 
-TEST_F(HelpRun, NoAnalysisIsRunAndNothingIsWritten) {
+TEST_F(help_run, no_analysis_is_run_and_nothing_is_written) {
     for (const char* option : {"--help", "--HELP", "--version", "--VERSION"}) {
         const auto result = run_program({option, "none"});
         EXPECT_EQ(result.status, 0);

@@ -21,7 +21,7 @@ using namespace tarvex;
 
 namespace {
 
-using NewAnalysis = tarvex_test;
+using new_analysis_test = tarvex_test;
 
 // Names that `pattern` has in its first group, in all lines with `word` of the sources with the ending.
 std::vector<std::string> names_in_sources(const std::string& word, const std::regex& pattern,
@@ -39,7 +39,7 @@ std::vector<std::string> names_in_sources(const std::string& word, const std::re
     return names;
 }
 
-TEST_F(NewAnalysis, KnowsEveryModule) {
+TEST_F(new_analysis_test, knows_every_module) {
     const std::string routine = read_file(source_dir() + "/src/app/new_analysis.cpp");
     const auto modules = names_in_sources("_module", std::regex("^inline [a-z0-9_]+_module ([a-z0-9_]+);"), ".h");
     EXPECT_GT(modules.size(), 30u);
@@ -48,14 +48,14 @@ TEST_F(NewAnalysis, KnowsEveryModule) {
 }
 
 // Variables of a function that outlive it hold what is no part of an analysis.
-TEST_F(NewAnalysis, FunctionsKeepNothingOfAnAnalysis) {
+TEST_F(new_analysis_test, functions_keep_nothing_of_an_analysis) {
     const std::regex kept("^ +static (?!const |constexpr |const_|inline |edit_form edited|void |std::uint64_t "
                           "bytes_of|std::size_t )[^(]* ([a-z0-9_]+)(\\(std::cout\\))?( =.*)?;");
     EXPECT_EQ(names_in_sources("static", kept, ".cpp"), (std::vector<std::string>{"all", "out"}));
     EXPECT_EQ(names_in_sources("static", kept, ".h"), std::vector<std::string>{});
 }
 
-TEST_F(NewAnalysis, ModulesAndKernelsStartAnew) {
+TEST_F(new_analysis_test, modules_and_kernels_start_anew) {
     set_up(one_trait_model());
     program_logl(estimates.parvec);
     kernels.choice = kernel_kind::supernodes;
@@ -73,7 +73,7 @@ TEST_F(NewAnalysis, ModulesAndKernelsStartAnew) {
     EXPECT_FALSE(supernodes_wanted());
 }
 
-TEST_F(NewAnalysis, RunHaltsBehindTheStage) {
+TEST_F(new_analysis_test, run_halts_behind_the_stage) {
     one_trait_model().write_files("model");
     const char* arguments[] = {"tarvex", "--aireml", "model"};
     EXPECT_FALSE(run_to(run_stage::model, 3, arguments));
@@ -96,7 +96,7 @@ TEST_F(NewAnalysis, RunHaltsBehindTheStage) {
     EXPECT_TRUE(file_exists("SumEstimates.out"));
 }
 
-TEST_F(NewAnalysis, KindsOfRunEndEarly) {
+TEST_F(new_analysis_test, kinds_of_run_end_early) {
     one_trait_model().write_files("model");
     for (const char* option : {"--limit", "--setup", "--blup"}) {
         new_analysis();
@@ -107,7 +107,7 @@ TEST_F(NewAnalysis, KindsOfRunEndEarly) {
     }
 }
 
-TEST_F(NewAnalysis, RunsInADirectoryWithAScreenOfItsOwn) {
+TEST_F(new_analysis_test, runs_in_a_directory_with_a_screen_of_its_own) {
     namespace fs = std::filesystem;
     fs::create_directory("there");
     fs::current_path("there");
@@ -124,7 +124,7 @@ TEST_F(NewAnalysis, RunsInADirectoryWithAScreenOfItsOwn) {
     EXPECT_EQ(screen_text(), "here\n");
 }
 
-TEST_F(NewAnalysis, FaultsAreAStatusAndALine) {
+TEST_F(new_analysis_test, faults_are_a_status_and_a_line) {
     const char* arguments[] = {"tarvex", "nothing"};
     std::ostringstream lines;
     EXPECT_EQ(run_phases(2, arguments, {"", &lines}), 1);

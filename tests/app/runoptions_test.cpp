@@ -44,7 +44,7 @@ std::string state() {
     return s + ' ' + filenames.parfile;
 }
 
-class RunOptions : public tarvex_test {
+class run_options_test : public tarvex_test {
 protected:
     void run(std::vector<const char*> arguments) {
         arguments.insert(arguments.begin(), "tarvex");
@@ -62,7 +62,7 @@ protected:
     }
 };
 
-TEST_F(RunOptions, DefaultsAreThoseOfTheGuide) {
+TEST_F(run_options_test, defaults_are_those_of_the_guide) {
     run({});
     EXPECT_TRUE(options.emalgorithm && options.pxai && options.pxem && options.reconstruct && options.strict_ai);
     EXPECT_FALSE(options.aireml || options.algorithm_set || options.verbose || options.terse || options.optim_ai);
@@ -81,7 +81,7 @@ TEST_F(RunOptions, DefaultsAreThoseOfTheGuide) {
     EXPECT_EQ(screen_text(), "");
 }
 
-TEST_F(RunOptions, EverySpellingOfTheTableIsTakenAndBothMeanTheSame) {
+TEST_F(run_options_test, every_spelling_of_the_table_is_taken_and_both_mean_the_same) {
     for (const option_record& option : option_table()) {
         if (option.lower == "--limit") continue;
         const std::string lower(option.lower), upper(option.upper);
@@ -97,7 +97,7 @@ TEST_F(RunOptions, EverySpellingOfTheTableIsTakenAndBothMeanTheSame) {
     }
 }
 
-TEST_F(RunOptions, MixedCaseIsNotRecognised) {
+TEST_F(run_options_test, mixed_case_is_not_recognised) {
     for (const option_record& option : option_table()) {
         if (option.lower.size() < 4) continue;
         std::string mixed(option.lower);
@@ -106,7 +106,7 @@ TEST_F(RunOptions, MixedCaseIsNotRecognised) {
     }
 }
 
-TEST_F(RunOptions, FlagsThatEachOptionSets) {
+TEST_F(run_options_test, flags_that_each_option_sets) {
     run({"-t"});
     EXPECT_TRUE(options.terse && !options.verbose && !options.werbose);
     run({"-v2", "-t"});
@@ -157,7 +157,7 @@ TEST_F(RunOptions, FlagsThatEachOptionSets) {
     EXPECT_EQ(orders.order_type, 1);
 }
 
-TEST_F(RunOptions, LogDiagonalsOfAllBlocksTheResidualIncluded) {
+TEST_F(run_options_test, log_diagonals_of_all_blocks_the_residual_included) {
     run({"--logdia"});
     for (int l : options.logdia) EXPECT_EQ(l, 1);
     EXPECT_FALSE(options.nologd);
@@ -166,7 +166,7 @@ TEST_F(RunOptions, LogDiagonalsOfAllBlocksTheResidualIncluded) {
     EXPECT_TRUE(options.nologd);
 }
 
-TEST_F(RunOptions, AlgorithmsWithTheirDefaultsAndNumbers) {
+TEST_F(run_options_test, algorithms_with_their_defaults_and_numbers) {
     run({"--aireml50,0.001"});
     EXPECT_EQ(maximise.aireml_its, 50);
     EXPECT_EQ(maximise.aiconv_like, 0.001);
@@ -219,14 +219,14 @@ TEST_F(RunOptions, AlgorithmsWithTheirDefaultsAndNumbers) {
     EXPECT_EQ(numbers.zero, 1e-10);
 }
 
-TEST_F(RunOptions, CommandLineComesAfterTheFile) {
+TEST_F(run_options_test, command_line_comes_after_the_file) {
     write_file("RunOptions", "--aireml\n");
     run({"--pxem"});
     EXPECT_EQ(maximise.search_type, 5);
     EXPECT_TRUE(options.pxem);
 }
 
-TEST_F(RunOptions, PxemAloneHasManyRoundsAndPxaiFew) {
+TEST_F(run_options_test, pxem_alone_has_many_rounds_and_pxai_few) {
     run({"--pxem"});
     EXPECT_EQ(maximise.pxem_its, 5000);
     EXPECT_FALSE(options.pxai);
@@ -234,7 +234,7 @@ TEST_F(RunOptions, PxemAloneHasManyRoundsAndPxaiFew) {
     EXPECT_EQ(maximise.pxem_its, 3);
 }
 
-TEST_F(RunOptions, UpperCaseEmalgAndPxemMatchAsBareWordsOnly) {
+TEST_F(run_options_test, upper_case_emalg_and_pxem_match_as_bare_words_only) {
     EXPECT_TRUE(unknown("--EMALG100"));
     EXPECT_TRUE(unknown("--PXEM100"));
     EXPECT_FALSE(unknown("--emalg100"));
@@ -242,19 +242,19 @@ TEST_F(RunOptions, UpperCaseEmalgAndPxemMatchAsBareWordsOnly) {
     EXPECT_FALSE(unknown("--PXEM"));
 }
 
-TEST_F(RunOptions, UnknownOptionIsToldInOneLineAndTheRunGoesOn) {
+TEST_F(run_options_test, unknown_option_is_told_in_one_line_and_the_run_goes_on) {
     run({"--foo", "--amd"});
     EXPECT_EQ(screen_text(), "option not recognised --foo\n");
     EXPECT_EQ(orders.order_type, 2);
 }
 
-TEST_F(RunOptions, WhatFollowsAnOptionIsFree) {
+TEST_F(run_options_test, what_follows_an_option_is_free) {
     run({"-vfoo", "--setupxyz", "-threads"});
     EXPECT_EQ(screen_text(), "");
     EXPECT_TRUE(options.setup_only && options.terse && !options.verbose);
 }
 
-TEST_F(RunOptions, ContinuationChoosesAiRemlUnlessAnAlgorithmIsChosen) {
+TEST_F(run_options_test, continuation_chooses_ai_reml_unless_an_algorithm_is_chosen) {
     run({"-c"});
     EXPECT_EQ(maximise.search_type, 1);
     EXPECT_TRUE(options.continew && options.algorithm_set && !options.emalgorithm && !options.pxem);
@@ -263,7 +263,7 @@ TEST_F(RunOptions, ContinuationChoosesAiRemlUnlessAnAlgorithmIsChosen) {
     EXPECT_TRUE(options.pxem);
 }
 
-TEST_F(RunOptions, GoodAndBadReturnToTheAutomaticSequence) {
+TEST_F(run_options_test, good_and_bad_return_to_the_automatic_sequence) {
     run({"--aireml", "--good"});
     EXPECT_FALSE(options.algorithm_set);
     EXPECT_EQ(maximise.search_type, 6);
@@ -278,7 +278,7 @@ TEST_F(RunOptions, GoodAndBadReturnToTheAutomaticSequence) {
     EXPECT_GT(maximise.aireml_its, 2000000000);
 }
 
-TEST_F(RunOptions, NumbersThatAreNotGivenLeaveTheSetting) {
+TEST_F(run_options_test, numbers_that_are_not_given_leave_the_setting) {
     run({"--aireml50"});
     EXPECT_EQ(maximise.aireml_its, 50);
     EXPECT_EQ(maximise.aiconv_like, 0.0005);
@@ -295,7 +295,7 @@ TEST_F(RunOptions, NumbersThatAreNotGivenLeaveTheSetting) {
     EXPECT_EQ(maximise.aiconv_like, 0.01);
 }
 
-TEST_F(RunOptions, ThreadsAreOneUnlessTheyAreGiven) {
+TEST_F(run_options_test, threads_are_one_unless_they_are_given) {
     run({});
     EXPECT_EQ(kernels.threads, 1);
     for (const std::vector<const char*>& given : {std::vector<const char*>{"--threads8", "mt3"},
@@ -315,7 +315,7 @@ TEST_F(RunOptions, ThreadsAreOneUnlessTheyAreGiven) {
     EXPECT_EQ(kernels.threads, 8);
 }
 
-TEST_F(RunOptions, ThreadsWithoutANumberTakeNoneFromTheParameterFile) {
+TEST_F(run_options_test, threads_without_a_number_take_none_from_the_parameter_file) {
     run({"--threads", "mt3"});
     EXPECT_EQ(kernels.threads, 1);
     EXPECT_EQ(filenames.parfile, "mt3.par");
@@ -323,7 +323,7 @@ TEST_F(RunOptions, ThreadsWithoutANumberTakeNoneFromTheParameterFile) {
     EXPECT_EQ(orders.order_type, 2);
 }
 
-TEST_F(RunOptions, ThreadsInTheFileOfOptions) {
+TEST_F(run_options_test, threads_in_the_file_of_options) {
     write_file("RunOptions", "--threads 3\n");
     run({});
     EXPECT_EQ(kernels.threads, 3);
@@ -331,7 +331,7 @@ TEST_F(RunOptions, ThreadsInTheFileOfOptions) {
     EXPECT_EQ(kernels.threads, 2);
 }
 
-TEST_F(RunOptions, ThreadsThatCannotBeEndTheRun) {
+TEST_F(run_options_test, threads_that_cannot_be_end_the_run) {
     for (const std::vector<const char*>& given : {std::vector<const char*>{"--threads-1"},
                                                   {"--threads", "-1", "mt3"},
                                                   {"--threads", "-1"},
@@ -353,7 +353,7 @@ TEST_F(RunOptions, ThreadsThatCannotBeEndTheRun) {
     }
 }
 
-TEST_F(RunOptions, NumberThatCannotBeReadEndsTheRun) {
+TEST_F(run_options_test, number_that_cannot_be_read_ends_the_run) {
     for (const char* argument :
          {"--airemlx", "--zerox", "--aireml3.0", "--cycle12abc", "--emalg99999999999", "--powell3,y"}) {
         try {
@@ -366,7 +366,7 @@ TEST_F(RunOptions, NumberThatCannotBeReadEndsTheRun) {
     }
 }
 
-TEST_F(RunOptions, ModificationOfTheAiMatrixFallsBackToTwo) {
+TEST_F(run_options_test, modification_of_the_ai_matrix_falls_back_to_two) {
     for (const char* argument : {"--modaim5", "--modaim9", "--modaim-1"}) {
         run({argument});
         EXPECT_EQ(maximise.modify_chol, 2) << argument;
@@ -377,13 +377,13 @@ TEST_F(RunOptions, ModificationOfTheAiMatrixFallsBackToTwo) {
     EXPECT_EQ(maximise.modify_chol, 4);
 }
 
-TEST_F(RunOptions, SecondNumberOfEmSetsTheLimitOfAiReml) {
+TEST_F(run_options_test, second_number_of_em_sets_the_limit_of_ai_reml) {
     run({"--emalg50,0.25"});
     EXPECT_EQ(maximise.aiconv_like, 0.25);
     EXPECT_EQ(maximise.emconv_like, 0.000001);
 }
 
-TEST_F(RunOptions, MetisTakesItsFourNumbersInOrder) {
+TEST_F(run_options_test, metis_takes_its_four_numbers_in_order) {
     run({"--metis"});
     EXPECT_EQ(orders.order_type, 3);
     EXPECT_EQ(orders.metis_opts, (std::array<int, 8>{3, 1, 2, 1, 0, 1, 0, 5}));
@@ -400,7 +400,7 @@ TEST_F(RunOptions, MetisTakesItsFourNumbersInOrder) {
     EXPECT_EQ(screen_text(), "");
 }
 
-TEST_F(RunOptions, MetisNumbersOutOfRangeAreReplacedWithAMessage) {
+TEST_F(run_options_test, metis_numbers_out_of_range_are_replaced_with_a_message) {
     run({"--metis25,0,7,1"});
     EXPECT_EQ(screen_text(), " Metis option(7) : No. graph separators too large  25\n"
                              "    -> set to value = 14\n"
@@ -410,7 +410,7 @@ TEST_F(RunOptions, MetisNumbersOutOfRangeAreReplacedWithAMessage) {
     EXPECT_EQ(orders.metis_opts[1], 1);
 }
 
-TEST_F(RunOptions, MetisNumbersAtTheEndOfTheirRange) {
+TEST_F(run_options_test, metis_numbers_at_the_end_of_their_range) {
     for (const char* argument : {"--metis20", "--metis20,0,1", "--metis20,0,3"}) {
         run({argument});
         EXPECT_EQ(orders.metis_opts[7], 20);
@@ -421,7 +421,7 @@ TEST_F(RunOptions, MetisNumbersAtTheEndOfTheirRange) {
     EXPECT_EQ(orders.metis_opts[1], 1);
 }
 
-TEST_F(RunOptions, NameOfTheParameterFile) {
+TEST_F(run_options_test, name_of_the_parameter_file) {
     const std::string name26(26, 'n'), name25(25, 'n'), name27(27, 'n'), name35(35, 'n');
     EXPECT_EQ(parfile_name("analysis7"), "analysis7.par");
     EXPECT_EQ(parfile_name("run1.par"), "run1.par");
@@ -436,13 +436,13 @@ TEST_F(RunOptions, NameOfTheParameterFile) {
     EXPECT_EQ(filenames.parfile, "analysis7.par");
 }
 
-TEST_F(RunOptions, NameThatIsNotLastIsNoName) {
+TEST_F(run_options_test, name_that_is_not_last_is_no_name) {
     run({"run1", "-v"});
     EXPECT_EQ(screen_text(), "option not recognised run1\n");
     EXPECT_EQ(filenames.parfile, "tarvex.par");
 }
 
-TEST_F(RunOptions, EveryLineOfTheFileMayBeTheName) {
+TEST_F(run_options_test, every_line_of_the_file_may_be_the_name) {
     write_file("RunOptions", "first\n--amd\nsecond\n--wide\n");
     run({});
     EXPECT_EQ(filenames.parfile, "second.par");
@@ -450,7 +450,7 @@ TEST_F(RunOptions, EveryLineOfTheFileMayBeTheName) {
     EXPECT_EQ(screen_text(), "");
 }
 
-TEST_F(RunOptions, BlankLinesOfTheFileArePassedOverAndOthersLeftAdjusted) {
+TEST_F(run_options_test, blank_lines_of_the_file_are_passed_over_and_others_left_adjusted) {
     write_file("RunOptions", "  --amd\r\n\n\t-v\n   \n");
     run({});
     EXPECT_EQ(orders.order_type, 2);
@@ -458,19 +458,19 @@ TEST_F(RunOptions, BlankLinesOfTheFileArePassedOverAndOthersLeftAdjusted) {
     EXPECT_EQ(filenames.parfile, "tarvex.par");
 }
 
-TEST_F(RunOptions, LastLineOfTheFileNeedsNoEnd) {
+TEST_F(run_options_test, last_line_of_the_file_needs_no_end) {
     write_file("RunOptions", "--amd\n--wide");
     run({});
     EXPECT_TRUE(options.wide);
 }
 
-TEST_F(RunOptions, OptionsAreCutAtFortyCharacters) {
+TEST_F(run_options_test, options_are_cut_at_forty_characters) {
     const std::string option = "--f" + std::string(60, 'o');
     run({option.c_str(), "x"});
     EXPECT_EQ(screen_text(), "option not recognised " + option.substr(0, 40) + "\n");
 }
 
-TEST_F(RunOptions, LimitsPrintTheTableAndFinish) {
+TEST_F(run_options_test, limits_print_the_table_and_finish) {
     const char* arguments[] = {"tarvex", "--limit", "--amd"};
     EXPECT_FALSE(runoptions(3, arguments));
     EXPECT_EQ(orders.order_type, 0) << "the run ends with the table";
@@ -483,7 +483,7 @@ TEST_F(RunOptions, LimitsPrintTheTableAndFinish) {
                                         " only limited by the amount of memory available\n"));
 }
 
-TEST_F(RunOptions, TraceGoesToUnitOneAndMakesNoFileOfItsOwn) {
+TEST_F(run_options_test, trace_goes_to_unit_one_and_makes_no_file_of_its_own) {
     run({"-zq", "--emalg50,0.25", "an1"});
     EXPECT_FALSE(file_exists("CurrentOptions"));
     const std::string text = read_file("fort.1");
@@ -497,13 +497,13 @@ TEST_F(RunOptions, TraceGoesToUnitOneAndMakesNoFileOfItsOwn) {
               std::string::npos);
 }
 
-TEST_F(RunOptions, TraceOfTheFileBreaksTheLine) {
+TEST_F(run_options_test, trace_of_the_file_breaks_the_line) {
     write_file("RunOptions", "-zq\n--amd\n");
     run({});
     EXPECT_TRUE(read_file("fort.1").starts_with("Read from \"RunOptions\" : \n--amd\n"));
 }
 
-TEST_F(RunOptions, WithoutTraceNothingIsWritten) {
+TEST_F(run_options_test, without_trace_nothing_is_written) {
     run({"-v", "--amd"});
     EXPECT_FALSE(file_exists("fort.1"));
 }

@@ -6,7 +6,7 @@ using namespace tarvex;
 
 namespace {
 
-class Algorithms : public CaseRun {
+class algorithms : public case_run {
 protected:
     void SetUp() override {
         name_ = "model";
@@ -39,11 +39,11 @@ protected:
     best_point maximum_;
 };
 
-TEST_F(Algorithms, StepControl) {
+TEST_F(algorithms, step_control) {
     for (int i = 0; i <= 5; ++i) expect_maximum("--aireml100,1e-8 --modaim" + std::to_string(i));
 }
 
-TEST_F(Algorithms, Scales) {
+TEST_F(algorithms, scales) {
     for (const char* option : {"--logdia", "--nologd", "--noreord", "--reconst", "--norecon", "--forchol", "--nostrict",
                                "--strictai", "--nooptai", "--zero10", "--zero6", "--super", "--mmmpdst", "--nommmpd"}) {
         std::filesystem::remove("nrminvers1.bin"); // the factor of the relationship matrix needs inbreeding of this run
@@ -51,14 +51,14 @@ TEST_F(Algorithms, Scales) {
     }
 }
 
-TEST_F(Algorithms, Orderings) {
+TEST_F(algorithms, orderings) {
     for (const char* option : {"--amd", "--mmd", "--metis", "--metis3,1,1,1", "--metisall"}) {
         for (const char* file : {"adjacency.bin", "eqnsorder.bin", "symbfact.bin"}) std::filesystem::remove(file);
         expect_maximum("--aireml100,1e-8 " + std::string(option));
     }
 }
 
-TEST_F(Algorithms, EveryRoundOfEmGains) {
+TEST_F(algorithms, every_round_of_em_gains) {
     for (const std::string kind : {"EM", "PX"}) {
         std::filesystem::remove("BestPoint");
         const auto list = iterates_of(finish(kind == "EM" ? "--emalg30" : "--pxem30").output);
@@ -71,7 +71,7 @@ TEST_F(Algorithms, EveryRoundOfEmGains) {
     }
 }
 
-TEST_F(Algorithms, EmAndPxEmReachTheMaximum) {
+TEST_F(algorithms, em_and_px_em_reach_the_maximum) {
     const auto rounds_to_maximum = [&](const std::string& options) {
         std::filesystem::remove("BestPoint");
         const auto list = iterates_of(finish(options).output);
@@ -82,7 +82,7 @@ TEST_F(Algorithms, EmAndPxEmReachTheMaximum) {
     EXPECT_LE(px, em);
 }
 
-TEST_F(Algorithms, MixturesOfEmAndAiReml) {
+TEST_F(algorithms, mixtures_of_em_and_ai_reml) {
     for (const char* options :
          {"--pxai", "--emai", "--pxai5,50,1e-7", "--emai5,50,1e-7", "--good", "--bad", "--cycle2"}) {
         SCOPED_TRACE(options);
@@ -96,7 +96,7 @@ TEST_F(Algorithms, MixturesOfEmAndAiReml) {
     EXPECT_GE(count(list, "AI"), 2u);
 }
 
-TEST_F(Algorithms, PrincipalComponentsAtFullRank) {
+TEST_F(algorithms, principal_components_at_full_rank) {
     parameters("MUV PC 2", "VAR animal 2 2\n 4.5 1.5 3.5\n");
     expect_maximum("--aireml100,1e-8");
     for (const char* options : {"", "--pxai3,100,1e-8", "--emai3,100,1e-8"}) {
@@ -107,7 +107,7 @@ TEST_F(Algorithms, PrincipalComponentsAtFullRank) {
     }
 }
 
-TEST_F(Algorithms, ReducedRankReachesOneMaximumByAllWays) {
+TEST_F(algorithms, reduced_rank_reaches_one_maximum_by_all_ways) {
     parameters("MUV PC 2", "VAR animal 2 1\n 4.5 1.5 3.5\n");
     std::filesystem::remove("nrminvers1.bin"); // the factor of the relationship matrix needs inbreeding of its run
     finish("--aireml200,1e-9");
@@ -124,7 +124,7 @@ TEST_F(Algorithms, ReducedRankReachesOneMaximumByAllWays) {
     }
 }
 
-TEST_F(Algorithms, SearchWithoutDerivatives) {
+TEST_F(algorithms, search_without_derivatives) {
     write_file("model.par",
                "PED ped.dat\nANA UNI\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n"
                " y1\n y2\nEND\nMOD\n FIX herd\n RAN animal NRM\n TR y1 1 -999\nEND\nVAR animal 1\n 2.0\n"
@@ -136,7 +136,7 @@ TEST_F(Algorithms, SearchWithoutDerivatives) {
     EXPECT_NEAR(read_best_point().loglike, best.loglike, 0.002);
 }
 
-TEST_F(Algorithms, EmptySearchesReportTheStartingPoint) {
+TEST_F(algorithms, empty_searches_report_the_starting_point) {
     for (const char* option : {"--simplex", "--pownew --pxai"}) {
         std::filesystem::remove("BestPoint");
         finish(option);
@@ -149,7 +149,7 @@ TEST_F(Algorithms, EmptySearchesReportTheStartingPoint) {
 }
 
 // From poor starting values the safe beginning leads to the maximum as well.
-TEST_F(Algorithms, PoorStartingValues) {
+TEST_F(algorithms, poor_starting_values) {
     parameters("MUV 2", "VAR animal 2\n 0.1 0.0 40.0\n");
     for (const char* options : {"--aireml200,1e-8", "--pxai5,100,1e-8", "--bad", "--sure"}) {
         SCOPED_TRACE(options);
@@ -161,7 +161,7 @@ TEST_F(Algorithms, PoorStartingValues) {
 }
 
 // The bundled population of three traits: estimates within three standard errors of the matrices behind the data.
-TEST_F(CaseRun, BundledPopulationComesOutNearTheTruth) {
+TEST_F(case_run, bundled_population_comes_out_near_the_truth) {
     ASSERT_TRUE(bring("mt3"));
     finish("");
     std::vector<double> truth;

@@ -8,7 +8,7 @@ using namespace tarvex;
 
 namespace {
 
-class Blup : public CaseRun {
+class blup_test : public case_run {
 protected:
     void put(const population& p, const std::string& analysis, const std::string& blocks) {
         name_ = "model";
@@ -27,7 +27,7 @@ protected:
     }
 };
 
-TEST_F(Blup, ResidualsAreWhatTheSolutionsLeave) {
+TEST_F(blup_test, residuals_are_what_the_solutions_leave) {
     const auto p = make_population(60, 2, 2, 0.3, 91);
     put(p, "MUV 2",
         "MOD EQ\n FIX herd\n COV age(1,POL)\n RAN animal NRM\n RAN perm IDE\n TR y1 1 -999\n TR y2 2 -999\nEND\nVAR "
@@ -73,7 +73,7 @@ TEST_F(Blup, ResidualsAreWhatTheSolutionsLeave) {
     EXPECT_NEAR(number_of(words.at(1)), ss[2], 1e-6);
 }
 
-TEST_F(Blup, ResidualsHoldAPermanentEffectWithoutEquations) {
+TEST_F(blup_test, residuals_hold_a_permanent_effect_without_equations) {
     const auto p = make_population(40, 1, 3, 0.0, 92);
     const std::string model = "MOD\n FIX herd\n RAN animal NRM\n RAN perm IDE\n TR y1 1 -999\nEND\n"
                               "VAR animal 1\n 4.0\nVAR perm 1\n 1.5\nVAR residual 1\n 5.0\n";
@@ -92,7 +92,7 @@ TEST_F(Blup, ResidualsHoldAPermanentEffectWithoutEquations) {
     EXPECT_FALSE(std::filesystem::exists("RnSoln_perm.dat"));
 }
 
-TEST_F(Blup, MeansOnly) {
+TEST_F(blup_test, means_only) {
     write_file("data.dat", "1 4 7\n2 -999 9\n3 6 5\n4 8 -999\n");
     name_ = "model";
     write_file("ped.dat", "1 0 0\n2 0 0\n3 0 0\n4 0 0\n");
@@ -110,7 +110,7 @@ TEST_F(Blup, MeansOnly) {
     }
 }
 
-TEST_F(Blup, RandomRegression) {
+TEST_F(blup_test, random_regression) {
     auto p = make_population(50, 1, 4, 0.0, 93);
     for (std::size_t i = 0; i < p.records.size(); ++i) p.records[i].age = 20.0 + static_cast<double>(i % 19);
     put(p, "RR",
@@ -132,7 +132,7 @@ TEST_F(Blup, RandomRegression) {
         EXPECT_NEAR(line.accuracy, std::sqrt(1.0 - line.error * line.error / (line.iq == 1 ? 8.0 : 2.0)), 2e-3);
 }
 
-TEST_F(Blup, InvalidMatrices) {
+TEST_F(blup_test, invalid_matrices) {
     const auto p = make_population(30, 2, 1, 0.0, 94);
     const std::string model = "MOD EQ\n FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n";
     const auto fails = [&](const std::string& values, const std::string& words) {
@@ -151,7 +151,7 @@ TEST_F(Blup, InvalidMatrices) {
 }
 
 // At reduced rank the given matrix may be of that rank; its residuals are those of a matrix close to it.
-TEST_F(Blup, MatrixOfReducedRank) {
+TEST_F(blup_test, matrix_of_reduced_rank) {
     const auto p = make_population(40, 2, 1, 0.0, 96);
     const std::string model = "MOD EQ\n FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n";
     put(p, "MUV PC 2", model + "VAR animal 2 1\n 4.0 2.0 1.0\nVAR residual 2 2\n 5.0 0.5 5.0\n");
@@ -165,7 +165,7 @@ TEST_F(Blup, MatrixOfReducedRank) {
 }
 
 // Variances far below the units of the estimation are used as they stand.
-TEST_F(Blup, SmallVariancesAreNotRaised) {
+TEST_F(blup_test, small_variances_are_not_raised) {
     auto p = make_population(40, 1, 1, 0.0, 95);
     for (auto& r : p.records) r.y[0] = 0.0001 * std::round(r.y[0] * 100.0);
     const std::string model = "MOD\n FIX herd\n RAN animal NRM\n TR y1 1 -999\nEND\n";

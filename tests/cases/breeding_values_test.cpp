@@ -11,7 +11,7 @@ namespace {
 
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
-class BreedingValues : public CaseRun {
+class breeding_values_test : public case_run {
 protected:
     void SetUp() override { name_ = "model"; }
 
@@ -84,7 +84,7 @@ protected:
     }
 };
 
-TEST_F(BreedingValues, ReducedRankHasAFileOfEachTrait) {
+TEST_F(breeding_values_test, reduced_rank_has_a_file_of_each_trait) {
     const small_model m = three_traits();
     m.write_files("model");
     finish("--aireml1"); // leaves a pattern in which the components of a level are not linked
@@ -98,7 +98,7 @@ TEST_F(BreedingValues, ReducedRankHasAFileOfEachTrait) {
 
 // Sires at reduced rank: breeding values at the given matrices, and one maximum for all searches, with the factor of
 // their relationship matrix or without it.
-TEST_F(BreedingValues, SiresAtReducedRank) {
+TEST_F(breeding_values_test, sires_at_reduced_rank) {
     small_model m = three_traits();
     m.sires = true;
     m.sire[28] = m.dam[28] = 3;
@@ -126,7 +126,7 @@ TEST_F(BreedingValues, SiresAtReducedRank) {
     EXPECT_NEAR(best.loglike, loglike, 1e-4);
 }
 
-TEST_F(BreedingValues, DiagonalMatricesHaveThemInTheirOrder) {
+TEST_F(breeding_values_test, diagonal_matrices_have_them_in_their_order) {
     small_model m;
     m.nq = 2;
     m.make_pedigree(30, 6, 63);
@@ -157,7 +157,7 @@ TEST_F(BreedingValues, DiagonalMatricesHaveThemInTheirOrder) {
     for (const auto& line : estimated) EXPECT_NEAR(line.solution, of.at({line.code, line.iq}), 1e-4);
 }
 
-TEST_F(BreedingValues, MixedRanksGiveScoresOnlyWhereTheRankIsReduced) {
+TEST_F(breeding_values_test, mixed_ranks_give_scores_only_where_the_rank_is_reduced) {
     small_model m = three_traits();
     m.random.push_back({"pe", "IDE", 3, 3, {0.5, 0.1, 0.0, 0.4, 0.1, 0.6}});
     m.write_files("model");
@@ -174,7 +174,7 @@ TEST_F(BreedingValues, MixedRanksGiveScoresOnlyWhereTheRankIsReduced) {
 }
 
 // Accuracies of inbred animals without information are negative: a line tells, and the option mends it.
-TEST_F(BreedingValues, NegativeAccuraciesAreTold) {
+TEST_F(breeding_values_test, negative_accuracies_are_told) {
     small_model m;
     m.make_pedigree(12, 4, 65);
     m.sire = {0, 0, 1, 1, 3, 5};
@@ -189,7 +189,7 @@ TEST_F(BreedingValues, NegativeAccuraciesAreTold) {
 }
 
 // Levels treated as fixed have no log L at reduced rank.
-TEST_F(BreedingValues, MarkedLevelsAreRefusedAtReducedRank) {
+TEST_F(breeding_values_test, marked_levels_are_refused_at_reduced_rank) {
     small_model m = three_traits();
     m.extra = "PSE 0.0\n animal 9\nEND\n";
     m.write_files("model");

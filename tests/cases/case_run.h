@@ -11,7 +11,7 @@
 
 namespace tarvex {
 
-class CaseRun : public tarvex_test {
+class case_run : public tarvex_test {
 protected:
     // Folder of a case, empty where it is not at hand.
     static std::string case_folder(const std::string& name) {

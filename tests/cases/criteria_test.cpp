@@ -6,7 +6,7 @@ using namespace tarvex;
 
 namespace {
 
-class Criteria : public CaseRun {
+class criteria : public case_run {
 protected:
     void SetUp() override {
         name_ = "model";
@@ -26,7 +26,7 @@ protected:
     }
 };
 
-TEST_F(Criteria, FixedCovariancesDoNotCountWhateverTheAlgorithm) {
+TEST_F(criteria, fixed_covariances_do_not_count_whatever_the_algorithm) {
     for (const bool principal : {false, true}) {
         put(principal ? "MUV PC 2" : "MUV 2",
             principal ? "VAR animal 2 2\n 4.0 2.0 5.0\n" : "VAR animal 2\n 4.0 2.0 5.0\n");

@@ -13,10 +13,10 @@ using namespace tarvex;
 
 namespace {
 
-class FailingCalls : public UsedFolder {
+class failing_calls : public used_folder {
 protected:
     void SetUp() override {
-        UsedFolder::SetUp();
+        used_folder::SetUp();
         const population p = make_population(60, 2, 1, 0.2, 91);
         s_ = {
             p.pedigree(), p.all_traits_lines(),
@@ -72,15 +72,15 @@ protected:
     reports truth_;
 };
 
-TEST_F(FailingCalls, Reads) { sweep("read", true, 1000); } // all: one in a hundred is another place in the program
-TEST_F(FailingCalls, ReadsInAUsedFolder) { sweep("read", false); }
-TEST_F(FailingCalls, Writes) { sweep("write", true); }
-TEST_F(FailingCalls, Renames) { sweep("rename", true); }
-TEST_F(FailingCalls, Syncs) { sweep("fsync", true); }
-TEST_F(FailingCalls, Allocations) { sweep("alloc", true); }
-TEST_F(FailingCalls, Kills) { sweep("kill", true); }
-TEST_F(FailingCalls, KillsInAUsedFolder) { sweep("kill", false); }
-TEST_F(FailingCalls, Signals) { sweep("term", true); }
+TEST_F(failing_calls, reads) { sweep("read", true, 1000); } // all: one in a hundred is another place in the program
+TEST_F(failing_calls, reads_in_a_used_folder) { sweep("read", false); }
+TEST_F(failing_calls, writes) { sweep("write", true); }
+TEST_F(failing_calls, renames) { sweep("rename", true); }
+TEST_F(failing_calls, syncs) { sweep("fsync", true); }
+TEST_F(failing_calls, allocations) { sweep("alloc", true); }
+TEST_F(failing_calls, kills) { sweep("kill", true); }
+TEST_F(failing_calls, kills_in_a_used_folder) { sweep("kill", false); }
+TEST_F(failing_calls, signals) { sweep("term", true); }
 
 } // namespace
 

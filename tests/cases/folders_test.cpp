@@ -45,7 +45,7 @@ std::optional<words> behind(const std::string& text, const words& wanted) {
     return {};
 }
 
-class CaseFolder : public tarvex_test, public testing::WithParamInterface<fs::path> {
+class case_folder_test : public tarvex_test, public testing::WithParamInterface<fs::path> {
 protected:
     void bring(const fs::path& folder) {
         ASSERT_TRUE(fs::is_directory(folder)) << folder;
@@ -132,7 +132,7 @@ private:
     std::optional<int> status_;
 };
 
-TEST_P(CaseFolder, RunsAndAgrees) {
+TEST_P(case_folder_test, runs_and_agrees) {
     const fs::path script = GetParam() / "case.txt";
     bring(GetParam());
     if (fs::exists(script)) return walk(read_file(script.string()));
@@ -147,7 +147,7 @@ std::string name_of(const testing::TestParamInfo<fs::path>& info) {
         if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
     return name;
 }
-INSTANTIATE_TEST_SUITE_P(Cases, CaseFolder, testing::ValuesIn(case_folders()), name_of);
+INSTANTIATE_TEST_SUITE_P(cases, case_folder_test, testing::ValuesIn(case_folders()), name_of);
 
 } // namespace
 } // namespace tarvex

@@ -7,7 +7,7 @@ using namespace tarvex;
 
 namespace {
 
-class Blocks : public CaseRun {
+class blocks_test : public case_run {
 protected:
     void SetUp() override {
         name_ = "model";
@@ -31,7 +31,7 @@ protected:
 };
 
 // Values and errors of functions from the covariances and their sampling covariances on file.
-TEST_F(Blocks, FunctionsOfCovariances) {
+TEST_F(blocks_test, functions_of_covariances) {
     parameters(
         "UNI",
         std::string(repeated) + "SE+\n SUM phenvar 1 2 3\n SUM half 2(0.5)\n VRA herit 2 4\n VRA repeat 3 4\nEND\n", 2);
@@ -73,7 +73,7 @@ TEST_F(Blocks, FunctionsOfCovariances) {
     EXPECT_NEAR(lines[1].ratio_error, h_error, 6e-4);
 }
 
-TEST_F(Blocks, CorrelationWithItsError) {
+TEST_F(blocks_test, correlation_with_its_error) {
     parameters("MUV 2", std::string(two_traits) + "SE+\n COR rg 5 4 6\nEND\n", 2);
     finish("--aireml100,1e-9");
     const auto v = read_triangle("AvInfoCovs").rows;
@@ -100,7 +100,7 @@ TEST_F(Blocks, CorrelationWithItsError) {
         }
 }
 
-TEST_F(Blocks, AFunctionOfACovarianceThatIsNotThere) {
+TEST_F(blocks_test, a_function_of_a_covariance_that_is_not_there) {
     parameters("UNI", std::string(repeated) + "SE+\n SUM wrong 1 9\nEND\n", 2);
     const auto result = run("--aireml2");
     EXPECT_EQ(result.status, 1);
@@ -108,7 +108,7 @@ TEST_F(Blocks, AFunctionOfACovarianceThatIsNotThere) {
 }
 
 // Which level is taken out of the equations moves log L only by the choice of the constraint, and no breeding value.
-TEST_F(Blocks, EquationsTakenOut) {
+TEST_F(blocks_test, equations_taken_out) {
     parameters("UNI", repeated, 2);
     finish("--blup");
     const auto before = read_random_solutions("animal");
@@ -128,7 +128,7 @@ TEST_F(Blocks, EquationsTakenOut) {
         }
 }
 
-TEST_F(Blocks, LevelsOfARandomEffectTreatedAsFixed) {
+TEST_F(blocks_test, levels_of_a_random_effect_treated_as_fixed) {
     parameters("UNI", repeated, 2);
     finish("--blup");
     const auto before = read_random_solutions("animal");
@@ -149,7 +149,7 @@ TEST_F(Blocks, LevelsOfARandomEffectTreatedAsFixed) {
     for (std::size_t i = 0; i < before.size(); ++i) EXPECT_EQ(again[i].solution, before[i].solution) << i;
 }
 
-TEST_F(Blocks, ExtraEffectsAreOnlyCounted) {
+TEST_F(blocks_test, extra_effects_are_only_counted) {
     parameters("UNI", repeated, 2);
     finish("--aireml2");
     const auto best = read_best_point();
@@ -163,7 +163,7 @@ TEST_F(Blocks, ExtraEffectsAreOnlyCounted) {
 }
 
 // With eighteen parameters and more, rounds of PX-EM go first; both ways lead to one maximum.
-TEST_F(Blocks, LargeModelsBeginWithPxEm) {
+TEST_F(blocks_test, large_models_begin_with_px_em) {
     const auto p = make_population(400, 4, 1, 0.1, 82);
     write_file("ped.dat", p.pedigree());
     write_file("data.dat", p.all_traits_lines());

@@ -16,7 +16,7 @@ void replace_in(const std::string& file, const std::string& from, const std::str
     write_file(file, text.replace(at, from.size(), to));
 }
 
-class Faults : public CaseRun {
+class faults_test : public case_run {
 protected:
     void SetUp() override { ASSERT_TRUE(bring("textbook_uni")); }
 
@@ -30,7 +30,7 @@ protected:
     }
 };
 
-TEST_F(Faults, MissingFiles) {
+TEST_F(faults_test, missing_files) {
     const std::string data = read_file("data.dat"), ped = read_file("ped.dat");
     std::filesystem::remove("data.dat");
     expect_fault("***** ERROR : cannot find data file *****");
@@ -46,7 +46,7 @@ TEST_F(Faults, MissingFiles) {
     expect_fault("Can not open parameter file !");
 }
 
-TEST_F(Faults, LettersWhereNumbersAreExpected) {
+TEST_F(faults_test, letters_where_numbers_are_expected) {
     replace_in("data.dat", "5 2 2.9", "5 x 2.9");
     expect_fault("***** ERROR : reading data file *****\n      No. of records read successfully =      1");
     replace_in("data.dat", "5 x 2.9", "5 2 two");
@@ -63,7 +63,7 @@ TEST_F(Faults, LettersWhereNumbersAreExpected) {
     expect_fault("***** ERROR reading parameter file");
 }
 
-TEST_F(Faults, CodesOutOfRange) {
+TEST_F(faults_test, codes_out_of_range) {
     replace_in("data.dat", "5 2 2.9", "5 3 2.9");
     expect_fault("Max.  no. of levels allowed :  2");
     replace_in("data.dat", "5 3 2.9", "5 5000000000 2.9");
@@ -75,7 +75,7 @@ TEST_F(Faults, CodesOutOfRange) {
     expect_fault("***** ERROR in pedigree file");
 }
 
-TEST_F(Faults, ImpossibleParents) {
+TEST_F(faults_test, impossible_parents) {
     replace_in("ped.dat", "4 1 0", "4 7 0");
     expect_fault("Animal ID smaller than parent ID 4 7 0");
     replace_in("ped.dat", "4 7 0", "4 4 0");
@@ -86,18 +86,18 @@ TEST_F(Faults, ImpossibleParents) {
     expect_fault("Sire and dam ID identical");
 }
 
-TEST_F(Faults, ColumnsThatTheModelDoesNotFind) {
+TEST_F(faults_test, columns_that_the_model_does_not_find) {
     replace_in("textbook_uni.par", "FIX sex", "FIX herd");
     expect_fault("***** ERROR  mapping model to data file *****");
     expect_fault("Variable in model not found : \"herd\"");
 }
 
-TEST_F(Faults, TooManyLevels) {
+TEST_F(faults_test, too_many_levels) {
     replace_in("textbook_uni.par", "sex 2", "sex 1");
     expect_fault("Max.  no. of levels allowed :  1");
 }
 
-TEST_F(Faults, NoRecords) {
+TEST_F(faults_test, no_records) {
     const std::string data = read_file("data.dat");
     for (const char* text : {"", "# animal sex gain\n", "# animal sex gain\n\n\n"}) {
         write_file("data.dat", text);
@@ -110,7 +110,7 @@ TEST_F(Faults, NoRecords) {
     EXPECT_EQ(run("--blup").status, 0);
 }
 
-TEST_F(Faults, IndefiniteStartingMatrices) {
+TEST_F(faults_test, indefinite_starting_matrices) {
     replace_in("textbook_uni.par", " 20.0", " -20.0");
     for (const char* options : {"--aireml3", "--pxem3"})
         expect_fault("Matrix of starting values is \"invalid\"", options);
@@ -127,7 +127,7 @@ TEST_F(Faults, IndefiniteStartingMatrices) {
     expect_fault("Matrix of starting values is \"invalid\"");
 }
 
-TEST_F(Faults, IncompleteParameterFiles) {
+TEST_F(faults_test, incomplete_parameter_files) {
     const std::string text = read_file("textbook_uni.par");
     for (const char* block :
          {"ANA UNI", "VAR animal 1\n  20.0", "VAR residual 1\n  40.0", "TR wwg", "RAN animal NRM", "END"}) {
@@ -149,7 +149,7 @@ TEST_F(Faults, IncompleteParameterFiles) {
 }
 
 // Under their names, or put aside once the parameter file has been understood.
-TEST_F(Faults, ReportsOfAnEarlierRunAreNotLost) {
+TEST_F(faults_test, reports_of_an_earlier_run_are_not_lost) {
     finish("--aireml5");
     const std::vector<std::string> reports{"BestPoint",         "SumEstimates.out", "FixSolutions.out",
                                            "RnSoln_animal.dat", "Residuals.dat",    "Iterates"};
@@ -188,7 +188,7 @@ TEST_F(Faults, ReportsOfAnEarlierRunAreNotLost) {
 }
 
 // A founder that only the data know is no fault: it is taken as unrelated.
-TEST_F(Faults, AnimalsThatThePedigreeLacksAreFounders) {
+TEST_F(faults_test, animals_that_the_pedigree_lacks_are_founders) {
     replace_in("data.dat", "5 2 2.9", "88 2 2.9");
     finish("--blup");
     const auto animals = read_random_solutions("animal");
@@ -197,7 +197,7 @@ TEST_F(Faults, AnimalsThatThePedigreeLacksAreFounders) {
 
 // ---- forms that do not matter
 
-class Forms : public CaseRun {
+class forms_test : public case_run {
 protected:
     void SetUp() override {
         name_ = "model";
@@ -225,13 +225,13 @@ protected:
     population p_;
 };
 
-TEST_F(Forms, OrderOfTraits) {
+TEST_F(forms_test, order_of_traits) {
     const double before = start();
     parameters({2, 1});
     expect_relative(start(), before, 1e-8, "log L");
 }
 
-TEST_F(Forms, OrderOfAnimalsAndOfTheirRecords) {
+TEST_F(forms_test, order_of_animals_and_of_their_records) {
     const double before = start();
     std::vector<std::string> blocks; // lines of an animal stay together
     int last = 0;
@@ -255,7 +255,7 @@ TEST_F(Forms, OrderOfAnimalsAndOfTheirRecords) {
     expect_relative(start(), before, 1e-8, "log L with the pedigree from the end");
 }
 
-TEST_F(Forms, CodesOfLevels) {
+TEST_F(forms_test, codes_of_levels) {
     // without a second fixed effect: which of its levels is taken out would depend on the codes
     replace_in("model.par", " FIX parity\n", "");
     const double before = start();
@@ -279,7 +279,7 @@ TEST_F(Forms, CodesOfLevels) {
     expect_relative(start(), before, 1e-8, "log L");
 }
 
-TEST_F(Forms, LineEndsTabsAndUnfinishedLines) {
+TEST_F(forms_test, line_ends_tabs_and_unfinished_lines) {
     finish("--aireml50,1e-8");
     const auto before = read_best_point();
     for (const char* file : {"data.dat", "ped.dat", "model.par"}) {
@@ -294,7 +294,7 @@ TEST_F(Forms, LineEndsTabsAndUnfinishedLines) {
     expect_best(before, 1e-8, 1e-8);
 }
 
-TEST_F(Forms, CommentsAndWideNumbers) {
+TEST_F(forms_test, comments_and_wide_numbers) {
     const double before = start();
     write_file("data.dat", "# columns: animal ..\n#\n" + p_.all_traits_lines());
     write_file("ped.dat", "# animal sire dam\n" + p_.pedigree());
@@ -309,7 +309,7 @@ TEST_F(Forms, CommentsAndWideNumbers) {
     expect_relative(start(), before, 1e-12, "log L with wide columns");
 }
 
-TEST_F(Forms, StartingValuesInAFile) {
+TEST_F(forms_test, starting_values_in_a_file) {
     const double before = start();
     std::string text = read_file("model.par");
     const auto at = text.find("VAR animal");
@@ -319,7 +319,7 @@ TEST_F(Forms, StartingValuesInAFile) {
 }
 
 // Adding a constant to all records of a trait moves no estimate.
-TEST_F(Forms, OriginOfTheTraits) {
+TEST_F(forms_test, origin_of_the_traits) {
     finish("--aireml50,1e-9");
     const auto before = read_best_point();
     std::string text;

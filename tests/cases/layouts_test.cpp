@@ -15,7 +15,7 @@ struct data_column {
     int levels;
 };
 
-class Layouts : public CaseRun {
+class layouts : public case_run {
 protected:
     void SetUp() override { name_ = "model"; }
 
@@ -91,7 +91,7 @@ private:
     }
 };
 
-TEST_F(Layouts, OneTrait) {
+TEST_F(layouts, one_trait) {
     put(examples::weaning, 1);
     const auto text = report("--aireml5");
     EXPECT_NE(text.find(" Weaning weight, animal model"), std::string::npos);
@@ -100,7 +100,7 @@ TEST_F(Layouts, OneTrait) {
     EXPECT_EQ(labelled("SumEstimates.out", "No. of records"), 50.0);
 }
 
-TEST_F(Layouts, RepeatedRecordsWithAllExtraBlocks) {
+TEST_F(layouts, repeated_records_with_all_extra_blocks) {
     put(examples::repeatability + examples::extras, 3);
     const auto text = report("--aireml5");
     EXPECT_EQ(labelled("SumEstimates.out", "No. of records"), 150.0);
@@ -109,25 +109,25 @@ TEST_F(Layouts, RepeatedRecordsWithAllExtraBlocks) {
     EXPECT_NE(read_file("SumPedigree.out").find(" Levels treated as \"fixed\" "), std::string::npos);
 }
 
-TEST_F(Layouts, TwoTraitsOfALine) {
+TEST_F(layouts, two_traits_of_a_line) {
     put(examples::two_traits + "ZER\n herd 2 2\nEND\nSE+\n COR rg 5 4 6\nEND\n", 1);
     EXPECT_NE(report("--aireml5").find("rg"), std::string::npos);
     EXPECT_EQ(labelled("SumEstimates.out", "No. of records"), 100.0);
 }
 
-TEST_F(Layouts, TraitsOfAFileThatHoldsMore) {
+TEST_F(layouts, traits_of_a_file_that_holds_more) {
     put(examples::renumbered, 1, {3, 4, 5, 9});
     EXPECT_FALSE(report("--aireml5").empty());
     EXPECT_EQ(labelled("SumEstimates.out", "No. of records"), 100.0);
 }
 
-TEST_F(Layouts, ReducedRank) {
+TEST_F(layouts, reduced_rank) {
     put(examples::four_pc, 1);
     EXPECT_NE(report("--aireml5").find("\"MUV PC 4\""), std::string::npos);
     EXPECT_NE(read_file("SumEstimates.out").find("Order & rank of fit  =       4       2"), std::string::npos);
 }
 
-TEST_F(Layouts, RandomRegression) {
+TEST_F(layouts, random_regression) {
     put(examples::growth, 4);
     EXPECT_FALSE(report("--aireml5").empty());
     EXPECT_EQ(labelled("SumEstimates.out", "No. of records"), 200.0);
@@ -136,13 +136,13 @@ TEST_F(Layouts, RandomRegression) {
     EXPECT_NE(report("--aireml5").find("No. of measurement error variance classes ="), std::string::npos);
 }
 
-TEST_F(Layouts, GroupedColumns) {
+TEST_F(layouts, grouped_columns) {
     put(examples::grouped, 1, {1, 2, 3});
     EXPECT_FALSE(report("--aireml5").empty());
     EXPECT_EQ(labelled("SumEstimates.out", "No. of records"), 150.0);
 }
 
-TEST_F(Layouts, DiagonalBlockOfASuppliedInverse) {
+TEST_F(layouts, diagonal_block_of_a_supplied_inverse) {
     std::string text = examples::with(examples::two_traits, " herd 30\n", " herd 30\n litter 3\n");
     text = examples::with(text, " RAN animal NRM\n", " RAN animal NRM\n RAN litter GIN\n") + examples::diagonal;
     put(text, 1);

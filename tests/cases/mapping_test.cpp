@@ -10,7 +10,7 @@ using namespace tarvex;
 
 namespace {
 
-class Mapping : public CaseRun {
+class mapping_test : public case_run {
 protected:
     void SetUp() override { name_ = "model"; }
     static std::string columns(int ntraits) {
@@ -58,7 +58,7 @@ double dense_mme(const std::vector<std::vector<std::array<double, 2>>>& rows, de
     return c[n - 1][n - 1];
 }
 
-TEST_F(Mapping, SiresWithHundredsOfProgeny) {
+TEST_F(mapping_test, sires_with_hundreds_of_progeny) {
     constexpr std::size_t nsires = 3, nherds = 4;
     auto p = make_population(800, 2, 1, 0.0, 51);
     ASSERT_GT(p.records.size(), 650u);
@@ -107,7 +107,7 @@ TEST_F(Mapping, SiresWithHundredsOfProgeny) {
     expect_relative(start(), truth1, 1e-8, "one trait");
 }
 
-TEST_F(Mapping, EffectsWithoutRelationships) {
+TEST_F(mapping_test, effects_without_relationships) {
     auto p = make_population(80, 1, 1, 0.0, 52);
     write_file("data.dat", p.all_traits_lines());
     const auto obs = observations_of(p);
@@ -140,7 +140,7 @@ TEST_F(Mapping, EffectsWithoutRelationships) {
                     "interaction");
 }
 
-TEST_F(Mapping, OneOfTheTraitsInTheData) {
+TEST_F(mapping_test, one_of_the_traits_in_the_data) {
     auto p = make_population(70, 2, 2, 0.3, 53);
     write_file("ped.dat", p.pedigree());
     write_file("data.dat", p.one_trait_lines());
@@ -161,7 +161,7 @@ TEST_F(Mapping, OneOfTheTraitsInTheData) {
     EXPECT_EQ(labelled("SumEstimates.out", "No. of records"), static_cast<double>(p.records.size()));
 }
 
-TEST_F(Mapping, CovariableWithinAnEffectThatIsOnlyCounted) {
+TEST_F(mapping_test, covariable_within_an_effect_that_is_only_counted) {
     const auto p = make_population(80, 1, 1, 0.0, 55);
     write_file("ped.dat", p.pedigree());
     write_file("data.dat", p.all_traits_lines());
@@ -196,7 +196,7 @@ std::string model_summary() {
     return text;
 }
 
-TEST_F(Mapping, FormsOfTheDataBlockGiveOneSummary) {
+TEST_F(mapping_test, forms_of_the_data_block_give_one_summary) {
     const auto p = make_population(60, 2, 1, 0.3, 56);
     write_file("ped.dat", p.pedigree());
     const std::string head = "PED ped.dat\nANA MUV 2\nDAT data.dat";
@@ -228,10 +228,10 @@ TEST_F(Mapping, FormsOfTheDataBlockGiveOneSummary) {
 }
 
 // Direct effect in both traits, maternal effect in one or both.
-class Maternal : public Mapping {
+class maternal_test : public mapping_test {
 protected:
     void SetUp() override {
-        Mapping::SetUp();
+        mapping_test::SetUp();
         p_ = make_population(70, 2, 1, 0.25, 54);
         std::erase_if(p_.records, [](const auto& r) { return r.dam == 0; });
         write_file("ped.dat", p_.pedigree());
@@ -261,7 +261,7 @@ protected:
     const std::string residual_ = "VAR residual 2\n 6.0 2.0 5.5\n";
 };
 
-TEST_F(Maternal, TwoTraits) {
+TEST_F(maternal_test, two_traits) {
     write_file("data.dat", p_.all_traits_lines());
     const dense g{{4.5, 1.5, -0.5, 0.1}, {1.5, 3.5, 0.2, -0.3}, {-0.5, 0.2, 1.5, 0.4}, {0.1, -0.3, 0.4, 1.2}};
     write_file("model.par",
@@ -272,7 +272,7 @@ TEST_F(Maternal, TwoTraits) {
     expect_relative(start(), truth(g, [](int which, int trait) { return 2 * (which - 1) + trait; }), 1e-8, "log L");
 }
 
-TEST_F(Maternal, OneOfTwoTraits) {
+TEST_F(maternal_test, one_of_two_traits) {
     write_file("data.dat", p_.one_trait_lines());
     const dense g{{4.5, 1.5, -0.5}, {1.5, 3.5, 0.2}, {-0.5, 0.2, 1.5}};
     write_file("model.par",
@@ -286,7 +286,7 @@ TEST_F(Maternal, OneOfTwoTraits) {
     EXPECT_GT(read_best_point().loglike, at_start);
 }
 
-TEST_F(Maternal, ReducedRank) {
+TEST_F(maternal_test, reduced_rank) {
     write_file("data.dat", p_.all_traits_lines());
     // two factors: columns of the loadings
     const dense l{{2.0, 0.0}, {0.8, 1.5}, {-0.3, 0.4}, {0.2, -0.5}};

@@ -9,7 +9,7 @@ using namespace tarvex;
 
 namespace {
 
-class Models : public CaseRun {
+class models_test : public case_run {
 protected:
     void SetUp() override { name_ = "model"; }
 
@@ -59,7 +59,7 @@ protected:
     const std::vector<std::vector<double>> g2{{4.5, 1.5}, {1.5, 3.5}}, r2{{6.0, 2.0}, {2.0, 5.5}};
 };
 
-TEST_F(Models, AnimalModelWithCovariable) {
+TEST_F(models_test, animal_model_with_covariable) {
     const auto p = make_population(90, 1, 1, 0.0, 1);
     put(p);
     parameters(p, "UNI", uni_model);
@@ -71,7 +71,7 @@ TEST_F(Models, AnimalModelWithCovariable) {
     expect_relative(start(), dense_reml(obs, herds_and_age(p, obs, true), v), 1e-8, "log L");
 }
 
-TEST_F(Models, RepeatedRecords) {
+TEST_F(models_test, repeated_records) {
     const auto p = make_population(60, 1, 4, 0.0, 2);
     put(p);
     parameters(p, "UNI", rep_model);
@@ -84,7 +84,7 @@ TEST_F(Models, RepeatedRecords) {
     expect_relative(start(), dense_reml(obs, herds_and_age(p, obs, true), v), 1e-8, "log L");
 }
 
-TEST_F(Models, PermanentEffectThroughTheResidualEqualsAnIndependentEffect) {
+TEST_F(models_test, permanent_effect_through_the_residual_equals_an_independent_effect) {
     const auto p = make_population(60, 1, 4, 0.0, 2);
     put(p);
     std::string model = rep_model;
@@ -101,7 +101,7 @@ TEST_F(Models, PermanentEffectThroughTheResidualEqualsAnIndependentEffect) {
     expect_best(independent, 1e-5, 5e-3);
 }
 
-TEST_F(Models, TwoTraitsWithMissingRecords) {
+TEST_F(models_test, two_traits_with_missing_records) {
     const auto p = make_population(70, 2, 1, 0.3, 3);
     put(p);
     parameters(p, "MUV 2", std::string(biv_model) + biv_blocks);
@@ -130,7 +130,7 @@ TEST_F(Models, TwoTraitsWithMissingRecords) {
     expect_relative(start(), truth, 1e-8, "one trait a line");
 }
 
-TEST_F(Models, TraitsWithEffectsOfTheirOwn) {
+TEST_F(models_test, traits_with_effects_of_their_own) {
     const auto p = make_population(70, 2, 3, 0.3, 4);
     put(p, true);
     std::string columns;
@@ -162,7 +162,7 @@ TEST_F(Models, TraitsWithEffectsOfTheirOwn) {
     expect_relative(start(), dense_reml(obs, x, v), 1e-8, "log L");
 }
 
-TEST_F(Models, MeanEqualsAFixedEffectOfOneLevel) {
+TEST_F(models_test, mean_equals_a_fixed_effect_of_one_level) {
     const auto p = make_population(60, 1, 1, 0.0, 5);
     write_file("ped.dat", p.pedigree());
     std::string lines;
@@ -215,7 +215,7 @@ void write_supplied_inverse(const std::string& effect, const dense& a) {
     write_file(effect + ".codes", codes);
 }
 
-TEST_F(Models, SuppliedInverseEqualsTheRelationshipMatrix) {
+TEST_F(models_test, supplied_inverse_equals_the_relationship_matrix) {
     const auto p = make_population(60, 1, 1, 0.0, 6);
     put(p);
     parameters(p, "UNI", uni_model);
@@ -238,7 +238,7 @@ TEST_F(Models, SuppliedInverseEqualsTheRelationshipMatrix) {
 
 // Levels of a supplied inverse stand for animals as the list of codes says, or else as their numbers do; founders have
 // no records, so that the inverse has more levels than the data.
-TEST_F(Models, LevelsOfASuppliedInverse) {
+TEST_F(models_test, levels_of_a_supplied_inverse) {
     const auto p = make_population(60, 1, 1, 0.0, 6);
     put(p);
     parameters(p, "UNI", uni_model);
@@ -283,7 +283,7 @@ TEST_F(Models, LevelsOfASuppliedInverse) {
         << lost.output;
 }
 
-TEST_F(Models, CorrelatedDirectAndMaternalEffects) {
+TEST_F(models_test, correlated_direct_and_maternal_effects) {
     const auto p = make_population(70, 1, 1, 0.0, 7);
     put(p);
     const std::string model = "MOD\n FIX herd\n RAN animal NRM\n RAN dam NRM\n TR y1 1 -999\nEND\n"
@@ -320,7 +320,7 @@ TEST_F(Models, CorrelatedDirectAndMaternalEffects) {
     EXPECT_LT(rounds.back().loglike, newton);
 }
 
-TEST_F(Models, SireModel) {
+TEST_F(models_test, sire_model) {
     const auto p = make_population(80, 1, 1, 0.0, 8);
     // records of the progeny of sires; pedigree of the sires with sire and grandsire
     std::string lines, ped;
@@ -352,7 +352,7 @@ TEST_F(Models, SireModel) {
     EXPECT_EQ(read_best_point().values.size(), 2u);
 }
 
-TEST_F(Models, RandomRegressionOnTheConstantEqualsRepeatedRecords) {
+TEST_F(models_test, random_regression_on_the_constant_equals_repeated_records) {
     auto p = make_population(60, 1, 4, 0.0, 9);
     for (std::size_t i = 0; i < p.records.size(); ++i) p.records[i].age = 20.0 + static_cast<double>(i % 19);
     put(p);
@@ -365,7 +365,7 @@ TEST_F(Models, RandomRegressionOnTheConstantEqualsRepeatedRecords) {
     expect_relative(start(), repeatability, 1e-8, "log L");
 }
 
-TEST_F(Models, RandomRegressionWithResidualClasses) {
+TEST_F(models_test, random_regression_with_residual_classes) {
     auto p = make_population(60, 1, 5, 0.0, 10);
     for (std::size_t i = 0; i < p.records.size(); ++i) // no age twice within an animal
         p.records[i].age = 20.0 + static_cast<double>(i % 19);
@@ -408,7 +408,7 @@ TEST_F(Models, RandomRegressionWithResidualClasses) {
                     "numbered classes");
 }
 
-TEST_F(Models, ReducedRankEqualsTheCovarianceMatrixOfItsFactor) {
+TEST_F(models_test, reduced_rank_equals_the_covariance_matrix_of_its_factor) {
     const auto p = make_population(60, 2, 1, 0.2, 11);
     put(p);
     // rank 1: (4, 2)' (4, 2) / 4
@@ -428,7 +428,7 @@ TEST_F(Models, ReducedRankEqualsTheCovarianceMatrixOfItsFactor) {
     EXPECT_NE(read_file("SumEstimates.out").find("Order & rank of fit  ="), std::string::npos);
 }
 
-TEST_F(Models, FullRankComponentsReachTheOrdinaryMaximum) {
+TEST_F(models_test, full_rank_components_reach_the_ordinary_maximum) {
     const auto p = make_population(150, 2, 1, 0.2, 12);
     put(p);
     parameters(p, "MUV 2", std::string(biv_model) + biv_blocks);
@@ -441,7 +441,7 @@ TEST_F(Models, FullRankComponentsReachTheOrdinaryMaximum) {
     expect_best(ordinary, 1e-4, 0.01);
 }
 
-TEST_F(Models, DiagonalBlock) {
+TEST_F(models_test, diagonal_block) {
     const auto p = make_population(60, 2, 3, 0.0, 13);
     put(p);
     parameters(p, "MUV 2",
@@ -458,7 +458,7 @@ TEST_F(Models, DiagonalBlock) {
     expect_relative(start(), dense_reml(obs, herds_and_age(p, obs), v), 1e-8, "log L");
 }
 
-TEST_F(Models, TraitsNeverRecordedTogetherHaveNoResidualCovariance) {
+TEST_F(models_test, traits_never_recorded_together_have_no_residual_covariance) {
     auto p = make_population(60, 2, 1, 0.0, 14);
     for (std::size_t i = 0; i < p.records.size(); ++i) p.records[i].y[i % 2] = population::missing;
     put(p);
@@ -475,7 +475,7 @@ TEST_F(Models, TraitsNeverRecordedTogetherHaveNoResidualCovariance) {
 }
 
 // A regression nested in herds, a quadratic regression and Legendre polynomials.
-TEST_F(Models, RegressionsOnCovariables) {
+TEST_F(models_test, regressions_on_covariables) {
     const auto p = make_population(80, 1, 1, 0.0, 15);
     put(p);
     const auto a = tabular(p.sire, p.dam);

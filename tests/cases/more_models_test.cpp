@@ -11,7 +11,7 @@ using namespace tarvex;
 
 namespace {
 
-class MoreModels : public CaseRun {
+class more_models : public case_run {
 protected:
     void SetUp() override {
         name_ = "model";
@@ -30,7 +30,7 @@ protected:
 const std::string two_traits = "VAR animal 2\n 4.5 1.5 3.5\nVAR residual 2\n 6.0 2.0 5.5\n";
 
 // Slopes by the classes of the second fixed effect.
-TEST_F(MoreModels, CovariableNestedInTheSecondFixedEffect) {
+TEST_F(more_models, covariable_nested_in_the_second_fixed_effect) {
     const auto p = make_population(60, 1, 3, 0.0, 93);
     write_file("ped.dat", p.pedigree());
     write_file("data.dat", p.all_traits_lines());
@@ -52,7 +52,7 @@ TEST_F(MoreModels, CovariableNestedInTheSecondFixedEffect) {
     expect_relative(start(), dense_reml(obs, x, v), 1e-8, "log L");
 }
 
-TEST_F(MoreModels, SiresWithTheirSiresAndGrandsires) {
+TEST_F(more_models, sires_with_their_sires_and_grandsires) {
     const auto p = make_population(120, 1, 1, 0.0, 92);
     const auto n = p.sire.size();
     std::vector<int> grandsire(n);
@@ -102,7 +102,7 @@ TEST_F(MoreModels, SiresWithTheirSiresAndGrandsires) {
     expect_relative(loglike_at_start(result.output), with_all + 0.5 * detl, 1e-7, "log L");
 }
 
-TEST_F(MoreModels, TwoEffectsOnThePedigree) {
+TEST_F(more_models, two_effects_on_the_pedigree) {
     population q = p_;
     std::erase_if(q.records, [](const auto& r) { return r.dam == 0 || r.y[0] == population::missing; });
     for (auto& r : q.records) r.y.pop_back();
@@ -132,7 +132,7 @@ TEST_F(MoreModels, TwoEffectsOnThePedigree) {
     expect_relative(start(), truth, 1e-8, "log L with the blocks in another order");
 }
 
-TEST_F(MoreModels, InteractionsAndNoFixedEffect) {
+TEST_F(more_models, interactions_and_no_fixed_effect) {
     write_file("data.dat", p_.all_traits_lines());
     const std::string head = "PED ped.dat\nANA UNI\nDAT data.dat\n" + columns(2) + "END\nMOD\n";
     const std::string tail = " RAN animal NRM\n TR y1 1 -999\nEND\nVAR animal 1\n 4.5\nVAR residual 1\n 6.0\n";
@@ -165,7 +165,7 @@ TEST_F(MoreModels, InteractionsAndNoFixedEffect) {
     expect_relative(start(), dense_reml(obs, x, v), 1e-8, "interaction");
 }
 
-TEST_F(MoreModels, WaysToWriteTwoTraits) {
+TEST_F(more_models, ways_to_write_two_traits) {
     write_file("data.dat", p_.all_traits_lines());
     write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + columns(2) +
                                 "END\nMOD EQ\n FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\n" +
@@ -236,7 +236,7 @@ std::set<long> pruned_codes(const population& p) {
 }
 
 // Solutions stand under the codes of the pedigree; parents without records have them, too, and pruning changes none.
-TEST_F(MoreModels, SolutionsOfAPrunedPedigree) {
+TEST_F(more_models, solutions_of_a_pruned_pedigree) {
     std::erase_if(p_.records, [](const auto& r) { return r.code % 3 != 0; });
     write_file("data.dat", p_.all_traits_lines());
     write_file("model.par", "PED ped.dat\nANA MUV 2\nDAT data.dat\n" + columns(2) +
@@ -261,7 +261,7 @@ TEST_F(MoreModels, SolutionsOfAPrunedPedigree) {
     EXPECT_TRUE(std::any_of(codes.begin(), codes.end(), [](long code) { return code % 3 != 0; }));
 }
 
-TEST_F(MoreModels, FaultsOfSuppliedInverses) {
+TEST_F(more_models, faults_of_supplied_inverses) {
     population q = p_;
     std::erase_if(q.records, [](const auto& r) { return r.y[0] == population::missing; });
     write_file("data.dat", q.all_traits_lines());
@@ -298,7 +298,7 @@ TEST_F(MoreModels, FaultsOfSuppliedInverses) {
 }
 
 // A repeat effect of one of two traits is an identity effect of that trait, in each kind of search.
-TEST_F(MoreModels, RepeatEffectOfOneTraitOfTwo) {
+TEST_F(more_models, repeat_effect_of_one_trait_of_two) {
     const auto p = make_population(50, 2, 3, 0.25, 93);
     write_file("ped.dat", p.pedigree());
     write_file("data.dat", p.one_trait_lines());

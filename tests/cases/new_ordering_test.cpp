@@ -10,7 +10,7 @@ using namespace tarvex;
 
 namespace {
 
-class NewOrdering : public CaseRun {
+class new_ordering : public case_run {
 protected:
     void SetUp() override {
         name_ = "model";
@@ -47,7 +47,7 @@ protected:
     }
 };
 
-TEST_F(NewOrdering, ResidualCovarianceThatWasZeroBefore) {
+TEST_F(new_ordering, residual_covariance_that_was_zero_before) {
     for (const std::string options : {"--aireml30,1e-8", "--emalg5", "--pxem5"}) {
         clean();
         parameters("6.0 2.0 5.5");

@@ -11,9 +11,9 @@ using namespace tarvex;
 
 namespace {
 
-class OneRunAFolder : public SmallRun {};
+class one_run_a_folder : public small_run {};
 
-TEST_F(OneRunAFolder, InputsAreNotOverwritten) {
+TEST_F(one_run_a_folder, inputs_are_not_overwritten) {
     for (const char* output : {"Residuals.dat", "SumEstimates.out", "recoded1.bin", "RnSoln_animal.dat", "BestPoint"}) {
         for (const bool link : {false, true}) {
             const std::string name = link ? "records.txt" : output;
@@ -33,7 +33,7 @@ TEST_F(OneRunAFolder, InputsAreNotOverwritten) {
 }
 
 // Starting values and a supplied inverse are inputs too.
-TEST_F(OneRunAFolder, OtherInputsAreNotOverwritten) {
+TEST_F(one_run_a_folder, other_inputs_are_not_overwritten) {
     const std::string gin = "0.0\n1 1 1.0\n2 2 1.0\n3 3 1.0\n4 4 1.0\n", values = "4.0\n1.0\n6.0\n";
     std::string par = uni(" RAN animal NRM\n RAN herd GIN\n MEA\n", "STA start\nPED ped.dat\n");
     par = replaced(replaced(par, "VAR animal 1\n 4.0\n", "VAR animal 1\nVAR herd 1\n"), "VAR residual 1\n 6.0\n",
@@ -64,7 +64,7 @@ TEST_F(OneRunAFolder, OtherInputsAreNotOverwritten) {
     refused("SumModel.out", "SumModel.out");
 }
 
-TEST_F(OneRunAFolder, WhatOnlyReadsNeedsNoLock) {
+TEST_F(one_run_a_folder, what_only_reads_needs_no_lock) {
     finish("--aireml2");
     const int file = open(".tarvex.lock", O_RDWR);
     ASSERT_GE(file, 0);
@@ -77,7 +77,7 @@ TEST_F(OneRunAFolder, WhatOnlyReadsNeedsNoLock) {
 }
 
 #if !defined(__SANITIZE_ADDRESS__)
-TEST_F(OneRunAFolder, FileSystemWithoutLocks) {
+TEST_F(one_run_a_folder, file_system_without_locks) {
     setenv("TVX_FAULT", "flock:1", 1);
     setenv("LD_PRELOAD", fault_library_path().c_str(), 1);
     const auto result = finish("--aireml2");
@@ -87,7 +87,7 @@ TEST_F(OneRunAFolder, FileSystemWithoutLocks) {
 }
 #endif
 
-TEST_F(OneRunAFolder, ReportsOfAnEarlierRunDoNotStandBesideAFailedOne) {
+TEST_F(one_run_a_folder, reports_of_an_earlier_run_do_not_stand_beside_a_failed_one) {
     finish("--aireml2");
     const std::string solutions = read_file("RnSoln_animal.dat");
     write_file("data.dat", p_.all_traits_lines() + "not a record\n");
@@ -99,7 +99,7 @@ TEST_F(OneRunAFolder, ReportsOfAnEarlierRunDoNotStandBesideAFailedOne) {
     EXPECT_EQ(read_file("RnSoln_animal.dat.old"), solutions);
 }
 
-TEST_F(OneRunAFolder, SecondRunInTheFolder) {
+TEST_F(one_run_a_folder, second_run_in_the_folder) {
     // the first run waits for its pedigree, a pipe that nobody writes
     const auto result = run_binary(
         "/bin/sh", {"-c", "mkfifo slow.ped && sed 's/ped.dat/slow.ped/' model.par > slow.par && { '" + program_path() +
@@ -115,7 +115,7 @@ TEST_F(OneRunAFolder, SecondRunInTheFolder) {
     EXPECT_TRUE(result.output.ends_with("status 0\n")) << "the lock of a dead process is none\n" << result.output;
 }
 
-TEST_F(OneRunAFolder, SignalsEndTheRunAfterItsStep) {
+TEST_F(one_run_a_folder, signals_end_the_run_after_its_step) {
     p_ = make_population(400, 2, 2, 0.2, 82);
     fresh();
     for (const auto& [name, number] : std::vector<std::pair<std::string, int>>{{"INT", 2}, {"TERM", 15}, {"HUP", 1}}) {
@@ -135,7 +135,7 @@ TEST_F(OneRunAFolder, SignalsEndTheRunAfterItsStep) {
     }
 }
 
-TEST_F(OneRunAFolder, SecondSignalEndsTheRunAtOnce) {
+TEST_F(one_run_a_folder, second_signal_ends_the_run_at_once) {
     // the run waits for its pedigree, a pipe that nobody writes: no step comes to its end
     for (const auto& [second, number] : std::vector<std::pair<std::string, int>>{{"TERM", 15}, {"INT", 2}}) {
         fresh();
@@ -152,7 +152,7 @@ TEST_F(OneRunAFolder, SecondSignalEndsTheRunAtOnce) {
     }
 }
 
-TEST_F(OneRunAFolder, SignalBetweenReplicatesOfASimulation) {
+TEST_F(one_run_a_folder, signal_between_replicates_of_a_simulation) {
     p_ = make_population(400, 2, 2, 0.2, 82);
     fresh();
     const auto result = run_binary(
@@ -166,7 +166,7 @@ TEST_F(OneRunAFolder, SignalBetweenReplicatesOfASimulation) {
     EXPECT_FALSE(std::filesystem::exists("SimData999.dat"));
 }
 
-TEST_F(OneRunAFolder, LimitToTheSizeOfFilesIsToldAsAFailedWrite) {
+TEST_F(one_run_a_folder, limit_to_the_size_of_files_is_told_as_a_failed_write) {
     p_ = make_population(400, 2, 2, 0.2, 82);
     fresh();
     for (const char* limit : {"1", "4", "16"}) {

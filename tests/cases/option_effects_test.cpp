@@ -9,7 +9,7 @@ using namespace tarvex;
 
 namespace {
 
-class OptionEffects : public CaseRun {
+class option_effects : public case_run {
 protected:
     void SetUp() override { ASSERT_TRUE(bring("textbook_uni")); }
 
@@ -31,7 +31,7 @@ protected:
 
 // ---- frame of the reports
 
-TEST_F(OptionEffects, HeadOfAReport) {
+TEST_F(option_effects, head_of_a_report) {
     finish("--setup -t");
     const std::string head = read_file("SumModel.out");
     const auto from = head.find('\n') + 1; // behind the version
@@ -43,7 +43,7 @@ TEST_F(OptionEffects, HeadOfAReport) {
     EXPECT_NE(head.find(" Parameter file         :   \"textbook_uni.par\"\n\n\n"), std::string::npos);
 }
 
-TEST_F(OptionEffects, WidthOfTheReports) {
+TEST_F(option_effects, width_of_the_reports) {
     for (const std::size_t width : {78u, 112u}) {
         finish(width == 78 ? "--aireml2" : "--wide --aireml2");
         for (const char* report : {"SumEstimates.out", "SumModel.out", "SumPedigree.out"}) {
@@ -63,7 +63,7 @@ TEST_F(OptionEffects, WidthOfTheReports) {
 
 // ---- what the program tells
 
-TEST_F(OptionEffects, MoreAndLessTalk) {
+TEST_F(option_effects, more_and_less_talk) {
     const auto fresh = [&](const std::string& options) {
         for (const char* file : {"adjacency.bin", "eqnsorder.bin", "symbfact.bin", "nrminvers1.bin", "BestPoint"})
             std::filesystem::remove(file);
@@ -86,7 +86,7 @@ TEST_F(OptionEffects, MoreAndLessTalk) {
     EXPECT_NE(fresh("-v -t --times").find("***Time: Log L"), std::string::npos);
 }
 
-TEST_F(OptionEffects, BestPointIsToldOnce) {
+TEST_F(option_effects, best_point_is_told_once) {
     finish("--aireml2");
     const std::string words = "\"BestPoint\" from previous run  successfully read\n maximum of log L so far = ";
     EXPECT_EQ(count(finish("-c --aireml2").output, words), 1u);
@@ -95,7 +95,7 @@ TEST_F(OptionEffects, BestPointIsToldOnce) {
     EXPECT_EQ(count(finish("--aireml2").output, words), 0u);
 }
 
-TEST_F(OptionEffects, FaultsUnderVerboseNameTheStop) {
+TEST_F(option_effects, faults_under_verbose_name_the_stop) {
     const std::string data = read_file("data.dat"), ped = read_file("ped.dat");
     const auto expect_stop = [&](const std::string& words) {
         const auto result = run("-v --aireml2");
@@ -118,7 +118,7 @@ TEST_F(OptionEffects, FaultsUnderVerboseNameTheStop) {
     expect_stop("***** ERROR : cannot find data file *****");
 }
 
-TEST_F(OptionEffects, OneParentTwiceOnlyWithSelfing) {
+TEST_F(option_effects, one_parent_twice_only_with_selfing) {
     std::string ped = read_file("ped.dat");
     write_file("ped.dat", ped.replace(ped.find("4 1 0"), 5, "4 1 1"));
     EXPECT_NE(run("--blup").output.find("Sire and dam ID identical"), std::string::npos);
@@ -127,7 +127,7 @@ TEST_F(OptionEffects, OneParentTwiceOnlyWithSelfing) {
 }
 
 // Few parameters: AI-REML alone, on factors, so that covariance matrices stay such up to the border.
-TEST_F(OptionEffects, SmallAnalysesRunOnFactors) {
+TEST_F(option_effects, small_analyses_run_on_factors) {
     auto p = make_population(80, 2, 1, 0.0, 71);
     int k = 0;
     for (auto& r : p.records) r.y[1] = std::stod(population::text_of(0.5 * r.y[0] + 0.01 * (++k % 7)));
@@ -156,7 +156,7 @@ TEST_F(OptionEffects, SmallAnalysesRunOnFactors) {
 
 // ---- values out of all range
 
-TEST_F(OptionEffects, AnyNumberIsSurvived) {
+TEST_F(option_effects, any_number_is_survived) {
     for (const char* option : {"--zero-400",
                                "--zero400",
                                "--zero0",
@@ -211,21 +211,21 @@ TEST_F(OptionEffects, AnyNumberIsSurvived) {
     }
 }
 
-TEST_F(OptionEffects, MoreReplicatesThanFileNames) {
+TEST_F(option_effects, more_replicates_than_file_names) {
     const auto result = run("--simul1000");
     EXPECT_EQ(result.status, 1);
     EXPECT_NE(result.output.find("Max. no. of replicates (999) exceeded !"), std::string::npos);
     EXPECT_FALSE(std::filesystem::exists("SimData001.dat"));
 }
 
-TEST_F(OptionEffects, SimulationComputesTheInbreedingOfAnInverseThatItTakesOver) {
+TEST_F(option_effects, simulation_computes_the_inbreeding_of_an_inverse_that_it_takes_over) {
     finish("--aireml2"); // leaves an inverse, but no coefficients
     const auto result = finish("--simul");
     EXPECT_NE(result.output.find("NRM inverse found"), std::string::npos) << result.output;
     EXPECT_TRUE(std::filesystem::exists("SimData001.dat"));
 }
 
-TEST_F(OptionEffects, NamesOfFilesAreCutAtThirtyCharacters) {
+TEST_F(option_effects, names_of_files_are_cut_at_thirty_characters) {
     const std::string name = "a_name_of_thirty_characters.data"; // and two more
     std::filesystem::rename("data.dat", name);
     std::string par = read_file("textbook_uni.par");
@@ -235,7 +235,7 @@ TEST_F(OptionEffects, NamesOfFilesAreCutAtThirtyCharacters) {
     finish("--blup");
 }
 
-TEST_F(OptionEffects, ValuesOfAControlVariableAreLimited) {
+TEST_F(option_effects, values_of_a_control_variable_are_limited) {
     ASSERT_TRUE(bring("rr_chick"));
     std::string par = read_file("rr_chick.par");
     for (const char* line : {"  FIX dietday\n", "  0 6 0.2\n", "  7 14 1.0\n", "  15 21 2.0\n"})
@@ -264,7 +264,7 @@ TEST_F(OptionEffects, ValuesOfAControlVariableAreLimited) {
 
 // ---- pauses
 
-TEST_F(OptionEffects, NoOperatorIsNeeded) {
+TEST_F(option_effects, no_operator_is_needed) {
     const auto p = make_population(60, 1, 2, 0.0, 61);
     write_file("ped.dat", p.pedigree());
     write_file("data.dat", p.all_traits_lines());
@@ -286,7 +286,7 @@ TEST_F(OptionEffects, NoOperatorIsNeeded) {
 // ---- files that cannot be read or written
 
 // A file may be opened and then fail: that is no end of the records.
-TEST_F(OptionEffects, FilesThatFailWhileTheyAreRead) {
+TEST_F(option_effects, files_that_fail_while_they_are_read) {
     const std::string failing = "/proc/self/mem";
     if (!std::filesystem::exists(failing)) GTEST_SKIP();
     for (const char* file : {"data.dat", "ped.dat", "textbook_uni.par"}) {
@@ -303,7 +303,7 @@ TEST_F(OptionEffects, FilesThatFailWhileTheyAreRead) {
     }
 }
 
-TEST_F(OptionEffects, ReportsOnAFullDisk) {
+TEST_F(option_effects, reports_on_a_full_disk) {
     for (const char* report : {"SumEstimates.out", "RnSoln_animal.dat", "Iterates", "Residuals.dat"}) {
         std::filesystem::remove(report);
         std::filesystem::create_symlink("/dev/full", report);
@@ -320,7 +320,7 @@ TEST_F(OptionEffects, ReportsOnAFullDisk) {
 
 #if !defined(__SANITIZE_ADDRESS__)
 // With less and less memory the run stops where it is, and says so.
-TEST_F(OptionEffects, LackOfMemory) {
+TEST_F(option_effects, lack_of_memory) {
     int refused = 0;
     for (int kilobytes = 60000; kilobytes > 10000; kilobytes -= 2000) {
         for (const char* file : {"nrminvers1.bin", "eqnsorder.bin", "symbfact.bin"}) std::filesystem::remove(file);
@@ -340,7 +340,7 @@ TEST_F(OptionEffects, LackOfMemory) {
 }
 #endif
 
-TEST_F(OptionEffects, BestPointIsNotReplacedByAPartOfOne) {
+TEST_F(option_effects, best_point_is_not_replaced_by_a_part_of_one) {
     finish("--aireml1");
     const std::string before = read_file("BestPoint");
     std::filesystem::create_symlink("/dev/full", "BestPoint.tmp");
@@ -348,7 +348,7 @@ TEST_F(OptionEffects, BestPointIsNotReplacedByAPartOfOne) {
     EXPECT_EQ(read_file("BestPoint"), before);
 }
 
-TEST_F(OptionEffects, ReportThatIsADirectory) {
+TEST_F(option_effects, report_that_is_a_directory) {
     std::filesystem::create_directory("RnSoln_animal.dat");
     const auto result = run("--aireml2");
     EXPECT_EQ(result.status, 1);

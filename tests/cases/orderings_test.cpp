@@ -9,7 +9,7 @@ using namespace tarvex;
 
 namespace {
 
-class OrderingRun : public CaseRun {
+class ordering_run : public case_run {
 protected:
     void SetUp() override {
         name_ = "model";
@@ -48,7 +48,7 @@ protected:
     std::string told_;
 };
 
-TEST_F(OrderingRun, EveryMethodAndSetting) {
+TEST_F(ordering_run, every_method_and_setting) {
     two_traits();
     const double truth = loglike("");
     ASSERT_LT(truth, 0.0);
@@ -62,7 +62,7 @@ TEST_F(OrderingRun, EveryMethodAndSetting) {
     }
 }
 
-TEST_F(OrderingRun, FilesOfEarlierRunsInAnyCombination) {
+TEST_F(ordering_run, files_of_earlier_runs_in_any_combination) {
     two_traits();
     const double truth = loglike("");
     const std::vector<std::string> files{"adjacency.bin", "eqnsorder.bin", "symbfact.bin"};
@@ -80,7 +80,7 @@ TEST_F(OrderingRun, FilesOfEarlierRunsInAnyCombination) {
         }
 }
 
-TEST_F(OrderingRun, MethodsOneAfterTheOther) {
+TEST_F(ordering_run, methods_one_after_the_other) {
     two_traits();
     const double truth = loglike("");
     for (const char* option :
@@ -89,7 +89,7 @@ TEST_F(OrderingRun, MethodsOneAfterTheOther) {
 }
 
 // The pattern of one method is good for another; a structure belongs to its own order only.
-TEST_F(OrderingRun, StructureOfAnotherOrder) {
+TEST_F(ordering_run, structure_of_another_order) {
     two_traits();
     const double truth = loglike("--mmd");
     const std::string structure = read_file("symbfact.bin"), order = read_file("eqnsorder.bin");
@@ -104,7 +104,7 @@ TEST_F(OrderingRun, StructureOfAnotherOrder) {
 }
 
 // More than 1e9 operations are told.
-TEST_F(OrderingRun, LargeCountsAreTold) {
+TEST_F(ordering_run, large_counts_are_told) {
     // one subject with 499 records, each with levels of its own for four effects, all linked through the residual
     std::string data, columns;
     for (int i = 1; i <= 499; ++i) {
@@ -124,7 +124,7 @@ TEST_F(OrderingRun, LargeCountsAreTold) {
     EXPECT_NE(result.output.find(text), std::string::npos) << result.output;
 }
 
-TEST_F(OrderingRun, FirstLevelsAndLevelsOfTheUserAreCountedOnce) {
+TEST_F(ordering_run, first_levels_and_levels_of_the_user_are_counted_once) {
     const auto rows = [&](const std::string& options) {
         const std::string text = "No. of equations in full rank submatrix = ";
         const std::string output = finish("--setup " + options).output;
@@ -150,7 +150,7 @@ TEST_F(OrderingRun, FirstLevelsAndLevelsOfTheUserAreCountedOnce) {
 }
 
 // Two covariables with the same values: the second one is dependent, and the user is warned.
-TEST_F(OrderingRun, DependentCovariable) {
+TEST_F(ordering_run, dependent_covariable) {
     const auto p = make_population(150, 2, 2, 0.2, 61);
     std::string data;
     for (const auto& line : lines_of(p.all_traits_lines())) {

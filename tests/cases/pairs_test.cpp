@@ -9,7 +9,7 @@ using namespace tarvex;
 
 namespace {
 
-class Pairs : public UsedFolder {
+class pairs_test : public used_folder {
 protected:
     static std::string parameters(const std::string& analysis, const std::string& model, const std::string& blocks,
                                   bool sires = false) {
@@ -73,7 +73,7 @@ protected:
     }
 };
 
-TEST_F(Pairs, SecondAnalysisAsInAFreshFolder) {
+TEST_F(pairs_test, second_analysis_as_in_a_fresh_folder) {
     const char* wanted = std::getenv("TVX_PAIRS");
     const char* from = std::getenv("TVX_PAIRS_SEED");
     const int pairs = wanted ? std::atoi(wanted) : 12;

@@ -8,7 +8,7 @@
 
 namespace tarvex {
 
-class PoorStarts : public CaseRun {
+class poor_starts : public case_run {
 protected:
     // Multiplies the starting values of a block, of all for "".
     void scale_block(const std::string& block, double factor) {

@@ -11,7 +11,7 @@ namespace {
 
 using basis = std::function<std::vector<double>(double)>;
 
-class RandomRegression : public CaseRun {
+class random_regression_test : public case_run {
 protected:
     static constexpr double low = 20.0, high = 38.0;
     void SetUp() override {
@@ -99,7 +99,7 @@ protected:
     std::vector<observation> obs_;
 };
 
-TEST_F(RandomRegression, Bases) {
+TEST_F(random_regression_test, bases) {
     two_effects("2,LEG", "3,LEG");
     expect_relative(start(), truth(legendre(2), legendre(3)), 1e-8, "Legendre polynomials");
     two_effects("2,BSPL", "3,BSPL");
@@ -112,7 +112,7 @@ TEST_F(RandomRegression, Bases) {
     expect_relative(start(), truth(powers(2), legendre(3)), 1e-8, "powers");
 }
 
-TEST_F(RandomRegression, NegativeControlValues) {
+TEST_F(random_regression_test, negative_control_values) {
     for (auto& r : p_.records) r.age -= 30.0; // -10 to 8
     write_file("data.dat", p_.all_traits_lines());
     const auto moved = [](const basis& f) { return [f](double age) { return f(age + 30.0); }; };
@@ -143,7 +143,7 @@ TEST_F(RandomRegression, NegativeControlValues) {
     EXPECT_NE(result.output.find("  ... no interval found for value  -10\n"), std::string::npos) << result.output;
 }
 
-TEST_F(RandomRegression, FunctionsOfTheUser) {
+TEST_F(random_regression_test, functions_of_the_user) {
     std::string table;
     for (int age = 20; age <= 38; ++age) {
         char line[80];
@@ -163,7 +163,7 @@ TEST_F(RandomRegression, FunctionsOfTheUser) {
 }
 
 // Records of the older half without residuals: searches run against that border and go on.
-TEST_F(RandomRegression, ClassWithoutResiduals) {
+TEST_F(random_regression_test, class_without_residuals) {
     for (auto& r : p_.records)
         if (r.age >= 29.0) r.y[0] = 10.0 + 2.0 * r.herd + 0.25 * (r.code % 7) * (1.0 + standard(r.age));
     write_file("data.dat", p_.all_traits_lines());
@@ -181,7 +181,7 @@ TEST_F(RandomRegression, ClassWithoutResiduals) {
     }
 }
 
-TEST_F(RandomRegression, FixedCurve) {
+TEST_F(random_regression_test, fixed_curve) {
     two_effects("2,LEG", "3,LEG", " COV age(2,LEG)\n");
     dense x = herds_and_age(p_, obs_);
     for (std::size_t i = 0; i < obs_.size(); ++i) {
@@ -201,7 +201,7 @@ TEST_F(RandomRegression, FixedCurve) {
     }
 }
 
-TEST_F(RandomRegression, NestedCurves) {
+TEST_F(random_regression_test, nested_curves) {
     two_effects("2,LEG", "3,LEG", " COV age*herd(2,LEG)\n");
     dense x = herds_and_age(p_, obs_);
     for (std::size_t i = 0; i < obs_.size(); ++i) {
@@ -231,7 +231,7 @@ TEST_F(RandomRegression, NestedCurves) {
     EXPECT_EQ(records, static_cast<double>(p_.records.size()));
 }
 
-TEST_F(RandomRegression, FixedSpline) {
+TEST_F(random_regression_test, fixed_spline) {
     for (const int degree : {1, 2, 3}) {
         const std::string letter(1, " LQC"[degree]);
         parameters("MOD\n COV age(5,BSP" + letter +
@@ -252,7 +252,7 @@ TEST_F(RandomRegression, FixedSpline) {
     }
 }
 
-TEST_F(RandomRegression, AllSearchesReachOneMaximum) {
+TEST_F(random_regression_test, all_searches_reach_one_maximum) {
     parameters("MOD\n FIX herd\n RAN animal(2,LEG) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 2\n 8.0 1.0 2.0\n"
                "VAR residual 1 HET 2 age\n 20 28 4.0\n 29 38 6.0\n");
     finish("--aireml200,1e-9");
@@ -273,7 +273,7 @@ TEST_F(RandomRegression, AllSearchesReachOneMaximum) {
     }
 }
 
-TEST_F(RandomRegression, ReducedRank) {
+TEST_F(random_regression_test, reduced_rank) {
     parameters("MOD\n FIX herd\n RAN animal(3,LEG) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 3 1\n 9.0 3.0 1.5 1.0 "
                "0.5 0.25\n"
                "VAR residual 1 HOM\n 5.0\n",
@@ -295,7 +295,7 @@ TEST_F(RandomRegression, ReducedRank) {
 }
 
 // Variances along the control variable from the coefficients in the report of a bundled example.
-TEST_F(RandomRegression, VariancesAlongTheControlVariable) {
+TEST_F(random_regression_test, variances_along_the_control_variable) {
     ASSERT_TRUE(bring("rr_chick"));
     finish("--aireml100,1e-8");
     const auto best = read_best_point().values;
@@ -328,10 +328,10 @@ TEST_F(RandomRegression, VariancesAlongTheControlVariable) {
 }
 
 // Effects along control variables of their own, with residual classes by the second one.
-class TwoControls : public RandomRegression {
+class two_controls_test : public random_regression_test {
 protected:
     void SetUp() override {
-        RandomRegression::SetUp();
+        random_regression_test::SetUp();
         p_ = make_population(60, 1, 3, 0.0, 72);
         for (std::size_t i = 0; i < p_.records.size(); ++i) p_.records[i].age = low + static_cast<double>(i % 19);
         write_file("ped.dat", p_.pedigree());
@@ -366,7 +366,7 @@ protected:
     }
 };
 
-TEST_F(TwoControls, Likelihood) {
+TEST_F(two_controls_test, likelihood) {
     two_controls("2,POL,parity");
     expect_relative(start(), by_two(powers(2), 4.0, 6.0), 1e-8, "powers of the second variable");
     two_controls("2,parity"); // a variable alone stands for powers
@@ -388,7 +388,7 @@ TEST_F(TwoControls, Likelihood) {
     }
 }
 
-TEST_F(TwoControls, ReportsAlongEach) {
+TEST_F(two_controls_test, reports_along_each) {
     two_controls("2,POL,parity");
     finish("--aireml100,1e-8");
     EXPECT_FALSE(std::filesystem::exists("RanRegVarRatios.dat")); // no phenotypic variance along one of them
@@ -431,7 +431,7 @@ TEST_F(TwoControls, ReportsAlongEach) {
     EXPECT_NEAR(number_of(first[1]), c13 / std::sqrt(v1 * v3), 6e-4);
 }
 
-TEST_F(RandomRegression, FaultsAreTold) {
+TEST_F(random_regression_test, faults_are_told) {
     const auto fault = [&](const std::string& words) {
         const auto result = run("--aireml2");
         EXPECT_EQ(result.status, 1) << words;

@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char* tight = "--aireml200,1e-9";
 
-class Reference : public CaseRun, public testing::WithParamInterface<const char*> {
+class reference_test : public case_run, public testing::WithParamInterface<const char*> {
 protected:
     void SetUp() override {
         if (!bring(GetParam())) GTEST_SKIP() << "reference data " << GetParam() << " are not at hand";
@@ -144,7 +144,7 @@ protected:
     }
 };
 
-TEST_P(Reference, LogLikelihoodAtTheStart) {
+TEST_P(reference_test, log_likelihood_at_the_start) {
     const auto result = finish("--aireml1");
     check_start(result);
     check_nrm(true);
@@ -153,13 +153,13 @@ TEST_P(Reference, LogLikelihoodAtTheStart) {
         << result.output;
 }
 
-TEST_P(Reference, SolutionsAtTheStart) {
+TEST_P(reference_test, solutions_at_the_start) {
     finish("--blup");
     check_solutions(expected()["blup_at_start"], 1e-5, 1e-6, true);
     check_nrm(false); // all animals get a solution
 }
 
-TEST_P(Reference, Maximum) {
+TEST_P(reference_test, maximum) {
     if (!has_maximum()) GTEST_SKIP() << "too few data for estimation";
     const auto result = finish(tight);
     check_start(result);
@@ -170,7 +170,7 @@ TEST_P(Reference, Maximum) {
     check_solutions(expected()["solutions_at_max"], 2e-4, 5e-4, false);
 }
 
-TEST_P(Reference, DefaultOptions) {
+TEST_P(reference_test, default_options) {
     if (!has_maximum()) GTEST_SKIP() << "too few data for estimation";
     check_start(finish(""));
     EXPECT_NEAR(read_best_point().loglike, expected()["logL_max"].number, 1e-3);
@@ -178,7 +178,7 @@ TEST_P(Reference, DefaultOptions) {
 }
 
 // All files of options that come with the case, one run after the other in the same directory.
-TEST_P(Reference, FurtherOptions) {
+TEST_P(reference_test, further_options) {
     std::set<std::string> files;
     for (const auto& entry : std::filesystem::directory_iterator(".")) files.insert(entry.path().filename().string());
     for (const auto& file : files) {
@@ -201,7 +201,7 @@ TEST_P(Reference, FurtherOptions) {
     }
 }
 
-TEST_P(Reference, MixturesOfAlgorithms) {
+TEST_P(reference_test, mixtures_of_algorithms) {
     if (!has_maximum()) GTEST_SKIP() << "too few data for estimation";
     for (const char* options : {"--pxai3,100,1e-8", "--emai3,100,1e-8", "--bad"}) {
         SCOPED_TRACE(options);
@@ -212,19 +212,19 @@ TEST_P(Reference, MixturesOfAlgorithms) {
     }
 }
 
-TEST_P(Reference, WithoutPruning) {
+TEST_P(reference_test, without_pruning) {
     const auto result = finish("--aireml1 --nopru");
     check_start(result);
     check_nrm(false);
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, Reference,
+INSTANTIATE_TEST_SUITE_P(cases, reference_test,
                          testing::Values("milk_uni", "textbook_uni", "textbook_rep", "textbook_biv", "milk_rep",
                                          "milk_biv", "rr_chick", "rr_small", "rr_milk"),
                          [](const auto& at) { return std::string(at.param); });
 
 // Figures as printed in the book.
-class Textbook : public CaseRun {
+class textbook : public case_run {
 protected:
     void expect_printed(const std::vector<double>& found, const std::vector<double>& printed,
                         double digits = 5.1e-4) const {
@@ -245,21 +245,21 @@ protected:
     }
 };
 
-TEST_F(Textbook, AnimalModel) {
+TEST_F(textbook, animal_model) {
     ASSERT_TRUE(bring("textbook_uni"));
     finish("--blup");
     expect_printed(fixed("sex"), {4.358, 3.404}, 1.01e-3); // the book prints 4.358 for 4.35850
     expect_printed(random("animal"), {0.098, -0.019, -0.041, -0.009, -0.186, 0.177, -0.249, 0.183});
 }
 
-TEST_F(Textbook, RepeatabilityModel) {
+TEST_F(textbook, repeatability_model) {
     ASSERT_TRUE(bring("textbook_rep"));
     finish("--blup");
     expect_printed(random("cow"), {10.148, -3.084, -7.063, 13.581, -18.207, -18.387, 9.328, 24.194});
     expect_printed(random("perm"), {8.417, -7.146, -17.229, -1.390, 17.347});
 }
 
-TEST_F(Textbook, TwoTraits) {
+TEST_F(textbook, two_traits) {
     ASSERT_TRUE(bring("textbook_biv"));
     finish("--blup");
     expect_printed(fixed("sex", 1), {4.361, 3.397});
@@ -269,7 +269,7 @@ TEST_F(Textbook, TwoTraits) {
 
 // Sampling errors of solutions and accuracies of the animal model, by the inverse of the eight-animal system of
 // equations written out densely.
-TEST_F(Textbook, ErrorsOfSolutions) {
+TEST_F(textbook, errors_of_solutions) {
     ASSERT_TRUE(bring("textbook_uni"));
     finish("--blup");
     const std::vector<int> sire{0, 0, 0, 1, 3, 1, 4, 3}, dam{0, 0, 0, 0, 2, 2, 5, 6}, sex{1, 2, 2, 1, 1};
@@ -329,7 +329,7 @@ void expect_steps(const std::vector<step>& want) {
     }
 }
 
-TEST_F(Textbook, StepsOfOneTrait) {
+TEST_F(textbook, steps_of_one_trait) {
     ASSERT_TRUE(bring("textbook_uni"));
     finish("");
     expect_steps({
@@ -347,7 +347,7 @@ TEST_F(Textbook, StepsOfOneTrait) {
     EXPECT_NE(read_file("Iterates").find("Max. no. of iterates reached - not converged !"), std::string::npos);
 }
 
-TEST_F(Textbook, StepsOfTwoTraits) {
+TEST_F(textbook, steps_of_two_traits) {
     ASSERT_TRUE(bring("textbook_biv"));
     finish("");
     expect_steps({

@@ -9,7 +9,7 @@ using namespace tarvex;
 
 namespace {
 
-class Refusals : public SmallRun {
+class refusals : public small_run {
 protected:
     void expect_refused(const std::string& text, const std::string& options = "--aireml2") {
         const auto result = run(options);
@@ -32,7 +32,7 @@ protected:
     }
 };
 
-TEST_F(Refusals, CommaBetweenDigits) {
+TEST_F(refusals, comma_between_digits) {
     write_file("data.dat", "# a comment, with 1,5\n" + replaced(p_.all_traits_lines(), " 1 ", " 1,5 "));
     const auto result = run("--aireml2");
     EXPECT_EQ(result.status, 1);
@@ -50,7 +50,7 @@ TEST_F(Refusals, CommaBetweenDigits) {
     expect_refused("Comma between two digits in \"start\" : line 1 column 2");
 }
 
-TEST_F(Refusals, AnimalTwiceInThePedigree) {
+TEST_F(refusals, animal_twice_in_the_pedigree) {
     const std::string ped = p_.pedigree();
     const int lines = p_.animals();
     write_file("ped.dat", ped + "40 1 2\n");
@@ -64,14 +64,14 @@ TEST_F(Refusals, AnimalTwiceInThePedigree) {
     expect_told("***** WARNING : animal 400 is in the pedigree twice, lines 41 and 42, with the same parents\n");
 }
 
-TEST_F(Refusals, EmptyPedigree) {
+TEST_F(refusals, empty_pedigree) {
     for (const char* text : {"", "\n\n", "# nothing but a comment\n"}) {
         write_file("ped.dat", text);
         expect_refused("Pedigree file without a record");
     }
 }
 
-TEST_F(Refusals, FilesThatAreNoLinesOfText) {
+TEST_F(refusals, files_that_are_no_lines_of_text) {
     for (const char* name : {"ped.dat", "data.dat", "model.par"}) {
         const std::string text = read_file(name);
         for (const bool mark : {true, false}) {
@@ -86,7 +86,7 @@ TEST_F(Refusals, FilesThatAreNoLinesOfText) {
     }
 }
 
-TEST_F(Refusals, MarksAndLineEndsThatDoNoHarm) {
+TEST_F(refusals, marks_and_line_ends_that_do_no_harm) {
     finish("--aireml3");
     const best_point truth = read_best_point();
     fresh();
@@ -101,14 +101,14 @@ TEST_F(Refusals, MarksAndLineEndsThatDoNoHarm) {
     EXPECT_EQ(read_best_point().loglike, truth.loglike);
 }
 
-TEST_F(Refusals, Columns) {
+TEST_F(refusals, columns) {
     write_file("model.par", replaced(uni(), " parity 3\n", " herd 3\n"));
     expect_refused("Column named twice, or names that agree in their first 20 characters : \"herd\"");
     write_file("model.par", replaced(uni(), " parity 3\n", " a_name_of_twenty_one1 3\n a_name_of_twenty_one2 3\n"));
     expect_refused("Column named twice, or names that agree in their first 20 characters : \"a_name_of_twenty_one\"");
 }
 
-TEST_F(Refusals, CodesAboveTheLimit) {
+TEST_F(refusals, codes_above_the_limit) {
     write_file("data.dat", p_.all_traits_lines() + "40 40 0 3000000000 1 20 25 26\n");
     expect_refused("Code is above the largest one allowed : 2147483647\n");
     write_file("data.dat", p_.all_traits_lines() + "40 40 0 5 1 20 25 26\n"); // a fifth herd where there are to be four
@@ -118,7 +118,7 @@ TEST_F(Refusals, CodesAboveTheLimit) {
     expect_refused("Code of an animal is above the largest one allowed : 400000 399999\n");
 }
 
-TEST_F(Refusals, CommaInThePoint) {
+TEST_F(refusals, comma_in_the_point) {
     finish("--aireml3");
     const std::string point = read_file("BestPoint");
     const auto dot = point.find('.');
@@ -137,7 +137,7 @@ TEST_F(Refusals, CommaInThePoint) {
 }
 
 // A random regression on the age, with a table of functions and classes of residual variances.
-TEST_F(Refusals, TablesOfARandomRegression) {
+TEST_F(refusals, tables_of_a_random_regression) {
     std::set<int> ages;
     for (const auto& r : p_.records) ages.insert(static_cast<int>(r.age));
     const auto table = [&](int from, const std::string& behind) {
@@ -175,12 +175,12 @@ TEST_F(Refusals, TablesOfARandomRegression) {
     expect_refused("  ... more lines than the control variable has values : " + std::to_string(ages.size()) + "\n");
 }
 
-TEST_F(Refusals, ResidualBlockTwice) {
+TEST_F(refusals, residual_block_twice) {
     write_file("model.par", uni() + "VAR residual 1\n 5.0\n");
     expect_refused("Residual covariances given twice");
 }
 
-TEST_F(Refusals, StartingValues) {
+TEST_F(refusals, starting_values) {
     const std::string head = "STA start\nPED ped.dat\n", model = " FIX herd\n RAN animal NRM\n";
     write_file("start", "4.0\n6.0 +\n+ 7.0\n8.0\n");
     write_file("model.par", replaced(replaced(uni(model, head), "VAR animal 1\n 4.0\n", "VAR animal 1\n"),
@@ -194,7 +194,7 @@ TEST_F(Refusals, StartingValues) {
     }
 }
 
-TEST_F(Refusals, LevelsTreatedAsFixed) {
+TEST_F(refusals, levels_treated_as_fixed) {
     write_file("model.par", uni(" FIX herd\n RAN animal NRM\n", "PED ped.dat\n", "PSE 1.0\n sire 3\nEND\n"));
     expect_refused("No random effect with a relationship matrix has levels to be fixed : \"sire\"");
     write_file("model.par", uni(" FIX herd\n RAN animal NRM\n", "PED ped.dat\n", "PSE 1.0\n animal 777\nEND\n"));
@@ -208,7 +208,7 @@ TEST_F(Refusals, LevelsTreatedAsFixed) {
     EXPECT_NE(read_file("SumPedigree.out").find("No. of levels to be treated as fixed = 1\n"), std::string::npos);
 }
 
-TEST_F(Refusals, SuppliedInverse) {
+TEST_F(refusals, supplied_inverse) {
     std::string gin = "0.0\n";
     for (int i = 1; i <= 4; ++i) gin += std::to_string(i) + " " + std::to_string(i) + " 1.0\n";
     const std::string par = replaced(replaced(uni(" RAN animal NRM\n RAN herd GIN\n MEA\n", "PED ped.dat\n"),
@@ -242,7 +242,7 @@ TEST_F(Refusals, SuppliedInverse) {
 }
 
 // A level without elements has no variance: the restricted likelihood is that with a fixed effect for the level.
-TEST_F(Refusals, LevelsWithoutElementsAreEstimatedAsFixedOnes) {
+TEST_F(refusals, levels_without_elements_are_estimated_as_fixed_ones) {
     const std::string par =
         replaced(uni(" RAN animal NRM\n RAN herd GIN\n MEA\n"), "VAR residual", "VAR herd 1\n 1.5\nVAR residual");
     write_file("herd.gin", "0.0\n1 1 1.0\n2 2 1.0\n");
@@ -270,7 +270,7 @@ TEST_F(Refusals, LevelsWithoutElementsAreEstimatedAsFixedOnes) {
 }
 
 // The order of the levels in the inverse is that of the codes file, also where the data have all of them.
-TEST_F(Refusals, CodesAreUsedWhereTheyAreGiven) {
+TEST_F(refusals, codes_are_used_where_they_are_given) {
     const std::string par =
         replaced(uni(" RAN animal NRM\n RAN herd GIN\n MEA\n"), "VAR residual", "VAR herd 1\n 1.0\nVAR residual");
     const auto logl = [&](const std::string& gin, const std::string& codes) {
@@ -287,21 +287,21 @@ TEST_F(Refusals, CodesAreUsedWhereTheyAreGiven) {
     EXPECT_GT(std::fabs(straight - not_turned), 1e-4);
 }
 
-TEST_F(Refusals, NumbersInOptions) {
+TEST_F(refusals, numbers_in_options) {
     for (const char* option : {"--aireml-5", "--emalg0", "--pxem-1", "--cycle0", "--aireml5,nan", "--emalg5,inf"})
         expect_refused("invalid number in option " + std::string(option), option);
     std::filesystem::create_directory("RunOptions");
     expect_refused("Cannot read file \"RunOptions\"");
 }
 
-TEST_F(Refusals, UnknownDamInTheData) {
+TEST_F(refusals, unknown_dam_in_the_data) {
     write_file("model.par", replaced(uni(" FIX herd\n RAN animal NRM\n RAN dam NRM\n"), "VAR residual",
                                      "VAR dam 1\n 1.0\nVAR residual"));
     write_file("data.dat", "40 40 0 1 1 20 25 26\n" + p_.all_traits_lines());
     expect_refused("No animal for a genetic effect : record 1 column 3 code 0\n");
 }
 
-TEST_F(Refusals, TraitNumberOfNobody) {
+TEST_F(refusals, trait_number_of_nobody) {
     const std::string par =
         "PED ped.dat\nANA MUV 2\nDAT data.dat\n TR1 trait 9\n animal 999\n x 999\n dam 999\n herd 4\n"
         " parity 3\n age 40\n y\n TR2 trait 9\n animal 999\n x 999\n dam 999\n herd 4\n parity 3\n age 40\n"
@@ -331,7 +331,7 @@ TEST_F(Refusals, TraitNumberOfNobody) {
     }
 }
 
-TEST_F(Refusals, RemarksAreCountedAndNotMoreThanThreeOfAKind) {
+TEST_F(refusals, remarks_are_counted_and_not_more_than_three_of_a_kind) {
     std::string twice;
     for (int i = 20; i < 27; ++i)
         twice += std::to_string(i) + " " + std::to_string(p_.sire[static_cast<std::size_t>(i - 1)]) + " " +
@@ -351,7 +351,7 @@ TEST_F(Refusals, RemarksAreCountedAndNotMoreThanThreeOfAKind) {
     }
 }
 
-TEST_F(Refusals, ByteOrderMarksInOtherFiles) {
+TEST_F(refusals, byte_order_marks_in_other_files) {
     const std::string mark = "\xEF\xBB\xBF", head = "STA start\nPED ped.dat\n";
     const std::string par = replaced(replaced(replaced(uni(" RAN animal NRM\n RAN herd GIN\n MEA\n", head),
                                                        "VAR animal 1\n 4.0\n", "VAR animal 1\n"),
@@ -371,7 +371,7 @@ TEST_F(Refusals, ByteOrderMarksInOtherFiles) {
 }
 
 // What keeps the first evaluation from a value is told as what it is.
-TEST_F(Refusals, StartsWithoutAValue) {
+TEST_F(refusals, starts_without_a_value) {
     const std::string dependency = "unidentified dependency among the fixed effects";
     write_file("model.par", replaced(uni(), " 6.0\n", " 1000000000000000.0\n"));
     const auto far = run("--aireml2");
@@ -399,7 +399,7 @@ TEST_F(Refusals, StartsWithoutAValue) {
     }
 }
 
-TEST_F(Refusals, ThingsOnlyAPersonCanJudge) {
+TEST_F(refusals, things_only_a_person_can_judge) {
     population q = p_;
     for (auto& r : q.records)
         if (r.herd == 1) r.herd = 0;

@@ -9,7 +9,7 @@ using namespace tarvex;
 
 namespace {
 
-class RepeatRuns : public CaseRun {
+class repeat_runs : public case_run {
 protected:
     void SetUp() override {
         name_ = "model";
@@ -60,7 +60,7 @@ protected:
     const std::string traits_ = " TR y1 1 -999\n TR y2 2 -999\nEND\nVAR animal 2\n 4.5 1.5\n 3.5\n";
 };
 
-TEST_F(RepeatRuns, TwoTraits) {
+TEST_F(repeat_runs, two_traits) {
     put(animals_ + " RAN perm PEQ\n" + traits_ + "VAR perm 2\n 1.5 0.2\n 1.25\nVAR residual 2\n 6.0 0.4\n 5.5\n");
     expect_relative(start(), truth({{6.0, 0.4}, {0.4, 5.5}}, {{1.5, 0.2}, {0.2, 1.25}}, {{4.5, 1.5}, {1.5, 3.5}}), 1e-8,
                     "log L");
@@ -72,7 +72,7 @@ TEST_F(RepeatRuns, TwoTraits) {
                     "log L with the blocks in another order");
 }
 
-TEST_F(RepeatRuns, EffectOfTheSecondTraitOnly) {
+TEST_F(repeat_runs, effect_of_the_second_trait_only) {
     put(animals_ + " RAN perm PEQ 2\n" + traits_ + "VAR perm 1\n 1.25\nVAR residual 2\n 6.0 0.4\n 5.5\n");
     expect_relative(start(), truth({{6.0, 0.4}, {0.4, 5.5}}, {{0.0, 0.0}, {0.0, 1.25}}, {{4.5, 1.5}, {1.5, 3.5}}), 1e-8,
                     "log L");
@@ -95,7 +95,7 @@ TEST_F(RepeatRuns, EffectOfTheSecondTraitOnly) {
 }
 
 // Estimates are told without the repeat matrix, and a run that begins with them has the same log likelihood.
-TEST_F(RepeatRuns, MaximumHoldsTheMatricesApart) {
+TEST_F(repeat_runs, maximum_holds_the_matrices_apart) {
     put(animals_ + " RAN perm PEQ\n" + traits_ + "VAR perm 2\n 1.5 0.2\n 1.25\nVAR residual 2\n 6.0 0.4\n 5.5\n");
     const double before = start();
     std::filesystem::remove("BestPoint");
@@ -110,7 +110,7 @@ TEST_F(RepeatRuns, MaximumHoldsTheMatricesApart) {
 }
 
 // A repeat matrix of rank one.
-TEST_F(RepeatRuns, ReducedRank) {
+TEST_F(repeat_runs, reduced_rank) {
     const auto model = [&](const std::string& analysis, const std::string& animal, const std::string& perm) {
         std::string traits = traits_;
         traits.replace(traits.find("VAR animal 2"), 12, "VAR animal " + animal);
@@ -133,7 +133,7 @@ TEST_F(RepeatRuns, ReducedRank) {
     for (std::size_t i = 0; i < full.size(); ++i) EXPECT_NEAR(reduced[i].residual, full[i].residual, 1e-3) << i;
 }
 
-TEST_F(RepeatRuns, OneRepeatEffectAndNotInRandomRegressions) {
+TEST_F(repeat_runs, one_repeat_effect_and_not_in_random_regressions) {
     const std::string notyet = "*** Tarvex is work in progress !\n";
     put_one_trait(" RAN animal NRM\n RAN perm PEQ\n RAN dam PEQ\n",
                   "VAR animal 1\n 4.5\nVAR perm 1\n 1.5\nVAR dam 1\n 1.0\nVAR residual 1\n 5.0\n");
@@ -151,7 +151,7 @@ TEST_F(RepeatRuns, OneRepeatEffectAndNotInRandomRegressions) {
 }
 
 // With a repeat effect alone its codes are those of the subjects.
-TEST_F(RepeatRuns, NoOtherRandomEffect) {
+TEST_F(repeat_runs, no_other_random_effect) {
     put_one_trait(" RAN perm PEQ\n", "VAR perm 1\n 1.5\nVAR residual 1\n 5.0\n");
     population q = p_;
     std::erase_if(q.records, [](const auto& r) { return r.y[0] == population::missing; });
@@ -167,7 +167,7 @@ TEST_F(RepeatRuns, NoOtherRandomEffect) {
 }
 
 // A covariance that the traits allow, but not their repeated records: 5*5*2 is above 6*5.5.
-TEST_F(RepeatRuns, RecordsOfASubjectWithoutAPositiveDefiniteMatrix) {
+TEST_F(repeat_runs, records_of_a_subject_without_a_positive_definite_matrix) {
     put(animals_ + traits_ + "VAR residual 2\n 6.0 5.0\n 5.5\n");
     const auto result = run("--aireml1");
     EXPECT_EQ(result.status, 1);
@@ -178,7 +178,7 @@ TEST_F(RepeatRuns, RecordsOfASubjectWithoutAPositiveDefiniteMatrix) {
     EXPECT_TRUE(result.output.ends_with("RE-inv adj\n")) << result.output;
 }
 
-TEST_F(RepeatRuns, FirstEvaluationThatFails) {
+TEST_F(repeat_runs, first_evaluation_that_fails) {
     put_one_trait(" RAN animal NRM\n", "VAR animal 1\n 4.5\nVAR residual 1\n 1000000000000.0\n");
     for (const char* options : {"--aireml1", "--aireml1 --mmmpdst", "--emalg1"}) {
         const auto result = run(options);

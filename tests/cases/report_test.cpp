@@ -7,7 +7,7 @@ using namespace tarvex;
 
 namespace {
 
-class Report : public CaseRun {
+class report_test : public case_run {
 protected:
     void SetUp() override {
         name_ = "model";
@@ -23,7 +23,7 @@ protected:
     population p_;
 };
 
-TEST_F(Report, WithoutAiRemlThereAreNoErrorsAndNoCriteria) {
+TEST_F(report_test, without_ai_reml_there_are_no_errors_and_no_criteria) {
     finish("--aireml100");
     EXPECT_TRUE(has(" Parameter estimates with approx. sampling erors\n"));
     EXPECT_TRUE(has("\n Convergence criteria for last 3 iterates\n"));
@@ -41,13 +41,13 @@ TEST_F(Report, WithoutAiRemlThereAreNoErrorsAndNoCriteria) {
     }
 }
 
-TEST_F(Report, IterationsThatRanOutAreTold) {
+TEST_F(report_test, iterations_that_ran_out_are_told) {
     finish("--aireml1,1e-12");
     EXPECT_TRUE(has("\n*** \"Tarvex\" : Full convergence has not been achieved \n               Treat results with "
                     "caution !!!  \n"));
 }
 
-TEST_F(Report, BestPointHasNoErrors) {
+TEST_F(report_test, best_point_has_no_errors) {
     finish("--aireml100");
     const double best = read_best_point().loglike;
     finish("--best");
@@ -58,7 +58,7 @@ TEST_F(Report, BestPointHasNoErrors) {
     EXPECT_EQ(text.find("AIC"), std::string::npos);
 }
 
-TEST_F(Report, ReportsThatCannotBeWrittenAreFaults) {
+TEST_F(report_test, reports_that_cannot_be_written_are_faults) {
     for (const char* name :
          {"FixSolutions.out", "RnSoln_animal.dat", "Residuals.dat", "SumEstimates.out", "SumModel.out"}) {
         std::filesystem::remove(name);
@@ -73,7 +73,7 @@ TEST_F(Report, ReportsThatCannotBeWrittenAreFaults) {
 }
 
 // Units of the traits change the estimates and their errors, and nothing else.
-TEST_F(Report, ErrorsFollowTheUnits) {
+TEST_F(report_test, errors_follow_the_units) {
     finish("--aireml100,1e-10");
     const auto before = read_estimates();
     auto q = p_;

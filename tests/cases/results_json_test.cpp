@@ -11,7 +11,7 @@ using namespace tarvex;
 
 namespace {
 
-class ResultsJson : public CaseRun {
+class results_json : public case_run {
 protected:
     void SetUp() override {
         name_ = "model";
@@ -33,7 +33,7 @@ protected:
     population p_;
 };
 
-TEST_F(ResultsJson, OnlyOnDemandAndNothingElseChanges) {
+TEST_F(results_json, only_on_demand_and_nothing_else_changes) {
     finish("--aireml100");
     EXPECT_FALSE(std::filesystem::exists("Results.json"));
     std::map<std::string, std::string> before;
@@ -64,7 +64,7 @@ TEST_F(ResultsJson, OnlyOnDemandAndNothingElseChanges) {
     EXPECT_EQ(run("--aireml100 --json").output, screen_before);
 }
 
-TEST_F(ResultsJson, EstimatesAreThoseOfTheReportAndOfTheBestPoint) {
+TEST_F(results_json, estimates_are_those_of_the_report_and_of_the_best_point) {
     const json d = results("--aireml100 --json");
     const auto lines = read_estimates();
     const auto& functions = d["functions"].items;
@@ -92,7 +92,7 @@ TEST_F(ResultsJson, EstimatesAreThoseOfTheReportAndOfTheBestPoint) {
     EXPECT_EQ(d["likelihood"]["parameters"].number, 6.0);
 }
 
-TEST_F(ResultsJson, CovarianceOfTheEstimatesIsTheInverseInformation) {
+TEST_F(results_json, covariance_of_the_estimates_is_the_inverse_information) {
     const json d = results("--aireml100,1e-12 --json");
     const auto& rows = d["covariance_of_estimates"].items;
     ASSERT_EQ(rows.size(), 6u);
@@ -108,7 +108,7 @@ TEST_F(ResultsJson, CovarianceOfTheEstimatesIsTheInverseInformation) {
             EXPECT_NEAR(rows[i][j].number, inverse[i][j], 1e-6 * std::sqrt(inverse[i][i] * inverse[j][j]));
 }
 
-TEST_F(ResultsJson, IteratesAreThoseOnTheScreenAndTheEndIsTold) {
+TEST_F(results_json, iterates_are_those_on_the_screen_and_the_end_is_told) {
     const auto shown = iterates_of(finish("--aireml100 --json").output);
     json d = read_json(read_file("Results.json"));
     ASSERT_EQ(d["iterates"].size(), shown.size());
@@ -127,7 +127,7 @@ TEST_F(ResultsJson, IteratesAreThoseOnTheScreenAndTheEndIsTold) {
     EXPECT_GT(d["end"]["half_decrement"].number, 1e-3);
 }
 
-TEST_F(ResultsJson, SolutionsAreThoseOfTheReports) {
+TEST_F(results_json, solutions_are_those_of_the_reports) {
     finish("--aireml100");
     const json d = results("-c --blup --json");
     EXPECT_EQ(d["run"]["kind"].text, "blup");
@@ -152,7 +152,7 @@ TEST_F(ResultsJson, SolutionsAreThoseOfTheReports) {
     EXPECT_EQ(coefficient, fixed.covariables.size());
 }
 
-TEST_F(ResultsJson, SumsAreThoseOfTheBytesOfTheInputs) {
+TEST_F(results_json, sums_are_those_of_the_bytes_of_the_inputs) {
     const json d = results("--aireml2 --json");
     ASSERT_EQ(d["inputs"].size(), 3u);
     for (const json& input : d["inputs"].items) {
@@ -171,7 +171,7 @@ TEST_F(ResultsJson, SumsAreThoseOfTheBytesOfTheInputs) {
     EXPECT_EQ(d["run"]["pedigree_file"].text, "ped.dat");
 }
 
-TEST_F(ResultsJson, BestPointAloneHasEstimatesAndNoErrors) {
+TEST_F(results_json, best_point_alone_has_estimates_and_no_errors) {
     finish("--aireml100");
     const json d = results("--best --json");
     EXPECT_EQ(d["run"]["kind"].text, "best point");
@@ -180,14 +180,14 @@ TEST_F(ResultsJson, BestPointAloneHasEstimatesAndNoErrors) {
     EXPECT_EQ(d["likelihood"]["log_l"].number, read_best_point().loglike);
 }
 
-TEST_F(ResultsJson, EarlierResultsAreNotLeftBehindAStop) {
+TEST_F(results_json, earlier_results_are_not_left_behind_a_stop) {
     finish("--aireml2 --json");
     write_file("data.dat", "1 1 0 9 1 20 1.0 2.0\n"); // herd 9 of 4
     EXPECT_EQ(run("--aireml2 --json").status, 1);
     EXPECT_FALSE(std::filesystem::exists("Results.json"));
 }
 
-TEST_F(ResultsJson, UserFunctionsAreThoseOfTheReport) {
+TEST_F(results_json, user_functions_are_those_of_the_report) {
     write_file("model.par", parameters("SE+\n SUM phen 1 4\n VRA herit 4 7\n COR rg 5 4 6\nEND\n"));
     const json d = results("--aireml100,1e-12 --json");
     const auto best = read_best_point();
@@ -200,7 +200,7 @@ TEST_F(ResultsJson, UserFunctionsAreThoseOfTheReport) {
     EXPECT_NEAR(d["user_functions"][2]["se"].number, d["functions"][4]["ratio_se"].number, 1e-12);
 }
 
-TEST_F(ResultsJson, OutputThatCannotBeOpenedIsAFault) {
+TEST_F(results_json, output_that_cannot_be_opened_is_a_fault) {
     std::filesystem::create_directory("Results.json.tmp");
     const auto result = run("--aireml2 --json");
     EXPECT_EQ(result.status, 1);

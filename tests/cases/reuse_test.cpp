@@ -9,7 +9,7 @@ using namespace tarvex;
 
 namespace {
 
-class Reuse : public CaseRun {
+class reuse : public case_run {
 protected:
     static constexpr const char* scratch[] = {"nrminvers1.bin", "adjacency.bin", "eqnsorder.bin", "symbfact.bin",
                                               "recoded1.bin",   "recoded2.bin",  "recoded3.bin"};
@@ -42,7 +42,7 @@ protected:
     best_point best_;
 };
 
-TEST_F(Reuse, SecondRunTakesOverWhatStillHolds) {
+TEST_F(reuse, second_run_takes_over_what_still_holds) {
     std::filesystem::remove("BestPoint");
     const auto result = finish("--aireml50,1e-8");
     EXPECT_NE(result.output.find("NRM inverse found"), std::string::npos) << result.output;
@@ -52,7 +52,7 @@ TEST_F(Reuse, SecondRunTakesOverWhatStillHolds) {
     expect_best(best_, 1e-6, 1e-4);
 }
 
-TEST_F(Reuse, TornFiles) {
+TEST_F(reuse, torn_files) {
     for (const char* name : scratch) {
         const auto size = std::filesystem::file_size(name);
         for (const double share : {0.0, 0.03, 0.5, 0.98}) {
@@ -63,7 +63,7 @@ TEST_F(Reuse, TornFiles) {
     }
 }
 
-TEST_F(Reuse, ForeignFiles) {
+TEST_F(reuse, foreign_files) {
     for (const char* name : scratch) {
         write_file(name, std::string(5000, 'x'));
         SCOPED_TRACE(name);
@@ -73,7 +73,7 @@ TEST_F(Reuse, ForeignFiles) {
     }
 }
 
-TEST_F(Reuse, FilesOfAnotherAnalysis) {
+TEST_F(reuse, files_of_another_analysis) {
     // another pedigree of the same size, then another number of animals, then another model
     put(make_population(120, 2, 2, 0.2, 52));
     const auto other = finish("--aireml2");
@@ -95,7 +95,7 @@ TEST_F(Reuse, FilesOfAnotherAnalysis) {
     expect_same("after a run without pruning");
 }
 
-TEST_F(Reuse, ReducedRankTwiceInOneDirectory) {
+TEST_F(reuse, reduced_rank_twice_in_one_directory) {
     parameters("MUV PC 2", "VAR animal 2 1\n 4.5 1.5 3.5\n");
     std::filesystem::remove("nrminvers1.bin");
     std::filesystem::remove("BestPoint");
@@ -113,7 +113,7 @@ TEST_F(Reuse, ReducedRankTwiceInOneDirectory) {
     expect_best(first, 1e-8, 1e-6);
 }
 
-TEST_F(Reuse, ContinuationStartsAtTheBestPoint) {
+TEST_F(reuse, continuation_starts_at_the_best_point) {
     std::filesystem::remove("BestPoint");
     finish("--aireml1");
     const auto first = read_best_point();
@@ -131,7 +131,7 @@ TEST_F(Reuse, ContinuationStartsAtTheBestPoint) {
     EXPECT_EQ(iterates_of(finish("-c --pxem2").output).back().kind, "PX");
 }
 
-TEST_F(Reuse, BestPointThatIsTornOrForeignIsPassedOver) {
+TEST_F(reuse, best_point_that_is_torn_or_foreign_is_passed_over) {
     const std::string whole = read_file("BestPoint");
     for (const std::string& text : {std::string(), whole.substr(0, whole.size() / 2),
                                     std::string("-1.0 5\n1 2 3\n4 5\n"), std::string("no numbers at all\n")}) {
@@ -143,7 +143,7 @@ TEST_F(Reuse, BestPointThatIsTornOrForeignIsPassedOver) {
     }
 }
 
-TEST_F(Reuse, ReportOfTheBestPoint) {
+TEST_F(reuse, report_of_the_best_point) {
     std::filesystem::remove("data.dat");
     std::filesystem::remove("ped.dat");
     finish("--best");
@@ -157,7 +157,7 @@ TEST_F(Reuse, ReportOfTheBestPoint) {
               std::string::npos);
 }
 
-TEST_F(Reuse, SetupForLaterRuns) {
+TEST_F(reuse, setup_for_later_runs) {
     for (const auto& name : scratch) std::filesystem::remove(name);
     std::filesystem::remove("SumEstimates.out");
     std::filesystem::remove("BestPoint");

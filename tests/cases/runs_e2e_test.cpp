@@ -9,7 +9,7 @@ using namespace tarvex;
 
 namespace {
 
-class KindsOfRun : public tarvex_test {
+class kinds_of_run : public tarvex_test {
 protected:
     // The working directory as that of a bundled example.
     void example(const std::string& name) {
@@ -25,7 +25,7 @@ protected:
     }
 };
 
-TEST_F(KindsOfRun, NormalRunWritesAllReports) {
+TEST_F(kinds_of_run, normal_run_writes_all_reports) {
     example("mt3");
     const auto run = run_program({"mt3"});
     EXPECT_EQ(run.status, 0) << run.output;
@@ -35,7 +35,7 @@ TEST_F(KindsOfRun, NormalRunWritesAllReports) {
         EXPECT_TRUE(file_exists(report)) << report;
 }
 
-TEST_F(KindsOfRun, SetupStopsBeforeEstimation) {
+TEST_F(kinds_of_run, setup_stops_before_estimation) {
     example("textbook_uni");
     const auto run = run_program({"--setup", "textbook_uni"});
     EXPECT_EQ(run.status, 0) << run.output;
@@ -45,7 +45,7 @@ TEST_F(KindsOfRun, SetupStopsBeforeEstimation) {
     EXPECT_EQ(last_line(terse.output), "\"Tarvex\" done");
 }
 
-TEST_F(KindsOfRun, BlupRunSaysBothThatItHasFinishedAndThatItIsDone) {
+TEST_F(kinds_of_run, blup_run_says_both_that_it_has_finished_and_that_it_is_done) {
     example("textbook_uni");
     for (const auto& arguments :
          {std::vector<std::string>{"--blup", "textbook_uni"}, {"-v", "--blup", "textbook_uni"}}) {
@@ -56,7 +56,7 @@ TEST_F(KindsOfRun, BlupRunSaysBothThatItHasFinishedAndThatItIsDone) {
     EXPECT_FALSE(file_exists("SumEstimates.out"));
 }
 
-TEST_F(KindsOfRun, BestPointNeedsNoData) {
+TEST_F(kinds_of_run, best_point_needs_no_data) {
     example("textbook_uni");
     ASSERT_EQ(run_program({"--aireml1", "textbook_uni"}).status, 0);
     std::filesystem::remove("data.dat");
@@ -68,7 +68,7 @@ TEST_F(KindsOfRun, BestPointNeedsNoData) {
     EXPECT_FALSE(file_exists("SumEstimates.out"));
 }
 
-TEST_F(KindsOfRun, SimulationEndsTheRunBeforeSetup) {
+TEST_F(kinds_of_run, simulation_ends_the_run_before_setup) {
     example("textbook_uni");
     const auto run = run_program({"--setup", "--blup", "--simul", "textbook_uni"});
     EXPECT_EQ(run.status, 0) << run.output;
@@ -76,14 +76,14 @@ TEST_F(KindsOfRun, SimulationEndsTheRunBeforeSetup) {
     EXPECT_EQ(run.output.find("Set-up complete"), std::string::npos);
 }
 
-TEST_F(KindsOfRun, DetailsTellThatTheSetupIsComplete) {
+TEST_F(kinds_of_run, details_tell_that_the_setup_is_complete) {
     example("textbook_uni");
     const auto run = run_program({"-d", "--aireml1", "textbook_uni"});
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_NE(run.output.find("Set-up complete\n"), std::string::npos);
 }
 
-TEST_F(KindsOfRun, NrmWithoutPedigreeFileIsAFault) {
+TEST_F(kinds_of_run, nrm_without_pedigree_file_is_a_fault) {
     example("textbook_uni");
     std::string text = read_file("textbook_uni.par");
     const auto at = text.find("PED ped.dat\n");
@@ -93,7 +93,7 @@ TEST_F(KindsOfRun, NrmWithoutPedigreeFileIsAFault) {
     EXPECT_NE(run.output.find(" ... file doesn't seem to exist !\n"), std::string::npos) << run.output;
 }
 
-TEST_F(KindsOfRun, ChangedDataAreSeenByTheNextRun) {
+TEST_F(kinds_of_run, changed_data_are_seen_by_the_next_run) {
     example("textbook_uni");
     ASSERT_EQ(run_program({"--blup", "textbook_uni"}).status, 0);
     const std::string before = read_file("RnSoln_animal.dat");
@@ -105,7 +105,7 @@ TEST_F(KindsOfRun, ChangedDataAreSeenByTheNextRun) {
     EXPECT_NE(read_file("RnSoln_animal.dat"), before);
 }
 
-TEST_F(KindsOfRun, WindowsLineEndsAndTabsGiveTheSameSolutions) {
+TEST_F(kinds_of_run, windows_line_ends_and_tabs_give_the_same_solutions) {
     example("textbook_uni");
     ASSERT_EQ(run_program({"--blup", "textbook_uni"}).status, 0);
     const std::string before = read_file("RnSoln_animal.dat");
@@ -119,7 +119,7 @@ TEST_F(KindsOfRun, WindowsLineEndsAndTabsGiveTheSameSolutions) {
     EXPECT_EQ(read_file("RnSoln_animal.dat"), before);
 }
 
-TEST_F(KindsOfRun, ContinuationGoesOnFromTheBestPoint) {
+TEST_F(kinds_of_run, continuation_goes_on_from_the_best_point) {
     example("mt3");
     ASSERT_EQ(run_program({"--aireml2", "mt3"}).status, 0);
     const auto run = run_program({"-c", "mt3"});
@@ -134,14 +134,14 @@ TEST_F(KindsOfRun, ContinuationGoesOnFromTheBestPoint) {
     EXPECT_NEAR(log_l(report), log_l(read_file("SumEstimates.out")), 1e-3);
 }
 
-TEST_F(KindsOfRun, ReportsNameTheReducedPedigree) {
+TEST_F(kinds_of_run, reports_name_the_reduced_pedigree) {
     example("mt3");
     ASSERT_EQ(run_program({"--setup", "mt3"}).status, 0);
     EXPECT_NE(read_file("SumModel.out").find(" Pedigree file          :   \"ReducedPedFile.dat\"\n"),
               std::string::npos);
 }
 
-TEST_F(KindsOfRun, SmallProblemsRunAiRemlWhateverHasNotSetTheAlgorithm) {
+TEST_F(kinds_of_run, small_problems_run_ai_reml_whatever_has_not_set_the_algorithm) {
     example("textbook_uni");
     EXPECT_NE(run_program({"--pownew", "textbook_uni"}).output.find("AI iterate"), std::string::npos);
     const auto none = run_program({"--simplex", "textbook_uni"});
@@ -149,14 +149,14 @@ TEST_F(KindsOfRun, SmallProblemsRunAiRemlWhateverHasNotSetTheAlgorithm) {
     EXPECT_EQ(none.output.find("AI iterate     1"), std::string::npos) << none.output;
 }
 
-TEST_F(KindsOfRun, TerseRunsShowNoTimes) {
+TEST_F(kinds_of_run, terse_runs_show_no_times) {
     example("textbook_uni");
     EXPECT_EQ(run_program({"-t", "--blup", "textbook_uni"}).output.find("***Time:"), std::string::npos);
     EXPECT_NE(run_program({"-v", "--blup", "textbook_uni"}).output.find("***Time:"), std::string::npos);
 }
 
 // Diagonals of the inverse coefficient matrix as published with the example; the residual variance is 40.
-TEST_F(KindsOfRun, BlupRunGivesPublishedStandardErrorsAndAccuracies) {
+TEST_F(kinds_of_run, blup_run_gives_published_standard_errors_and_accuracies) {
     example("textbook_uni");
     ASSERT_EQ(run_program({"--blup", "textbook_uni"}).status, 0);
     std::istringstream lines(read_file("RnSoln_animal.dat"));

@@ -6,7 +6,7 @@ using namespace tarvex;
 
 namespace {
 
-class SimulateFitted : public CaseRun {
+class simulate_fitted : public case_run {
 protected:
     static constexpr int replicates = 20;
 
@@ -63,7 +63,7 @@ protected:
 };
 
 // Two traits, a genetic matrix cut to one component.
-TEST_F(SimulateFitted, MatricesCutToTheFittedRank) {
+TEST_F(simulate_fitted, matrices_cut_to_the_fitted_rank) {
     write_file("ped.dat", half_sibs(60, 10));
     write_file("model.dat", lines(61, 600, 1, "1 1"));
     const std::string text =
@@ -82,7 +82,7 @@ TEST_F(SimulateFitted, MatricesCutToTheFittedRank) {
 }
 
 // A matrix of rank 1 is given and simulated as it is; it is fitted at that rank.
-TEST_F(SimulateFitted, DeficientMatrices) {
+TEST_F(simulate_fitted, deficient_matrices) {
     write_file("ped.dat", half_sibs(60, 10));
     write_file("model.dat", lines(61, 600, 1, "1 1"));
     const std::string text =
@@ -97,7 +97,7 @@ TEST_F(SimulateFitted, DeficientMatrices) {
 }
 
 // Levels in pairs with correlation 0.6, given by the inverse.
-TEST_F(SimulateFitted, SuppliedInverses) {
+TEST_F(simulate_fitted, supplied_inverses) {
     constexpr int levels = 200;
     std::string inverse = "0.0\n";
     for (int l = 1; l <= levels; l += 2) {
@@ -116,7 +116,7 @@ TEST_F(SimulateFitted, SuppliedInverses) {
 }
 
 // Records of one trait, fitted by covariances of the records of a subject.
-TEST_F(SimulateFitted, RepeatEffects) {
+TEST_F(simulate_fitted, repeat_effects) {
     write_file("ped.dat", half_sibs(50, 8));
     write_file("model.dat", lines(51, 400, 3, "1"));
     const std::string text =
@@ -133,7 +133,7 @@ TEST_F(SimulateFitted, RepeatEffects) {
 }
 
 // Moments of simulated records of two traits in two lines a subject.
-class SimulatedMoments : public SimulateFitted {
+class simulated_moments : public simulate_fitted {
 protected:
     static constexpr int subjects = 3000;
     // y[line][trait] of all subjects
@@ -171,7 +171,7 @@ protected:
     }
 };
 
-TEST_F(SimulatedMoments, RepeatEffectsOfTwoTraitsAsTheLikelihoodHasThem) {
+TEST_F(simulated_moments, repeat_effects_of_two_traits_as_the_likelihood_has_them) {
     simulate_lines(" RAN animal NRM\n RAN perm PEQ\n", "VAR animal 2\n 0.5 0.2 0.6\nVAR perm 2\n 2.0 0.3 1.5\n");
     // one trait: residual + repeat on the diagonal, repeat elsewhere; two traits: residual + twice the repeat
     const double own1 = 0.5 + 6.0, again1 = 0.5 + 2.0, own2 = 0.6 + 4.5, again2 = 0.6 + 1.5, both = 0.2 + 1.0 + 0.6;
@@ -181,17 +181,17 @@ TEST_F(SimulatedMoments, RepeatEffectsOfTwoTraitsAsTheLikelihoodHasThem) {
                         {both, again2, both, own2}});
 }
 
-TEST_F(SimulatedMoments, SubjectsOfTwoLinesShareResidualsOfDifferentTraits) {
+TEST_F(simulated_moments, subjects_of_two_lines_share_residuals_of_different_traits) {
     simulate_lines(" RAN animal NRM\n SUBject animal\n", "VAR animal 2\n 0.5 0.2 0.6\n");
     expect_covariances({{4.5, 1.2, 0.5, 1.2}, {1.2, 3.6, 1.2, 0.6}, {0.5, 1.2, 4.5, 1.2}, {1.2, 0.6, 1.2, 3.6}});
 }
 
-TEST_F(SimulatedMoments, SubjectsOfLinesDoNot) {
+TEST_F(simulated_moments, subjects_of_lines_do_not) {
     simulate_lines(" RAN animal NRM\n SUBject LINE\n", "VAR animal 2\n 0.5 0.2 0.6\n");
     expect_covariances({{4.5, 1.2, 0.5, 0.2}, {1.2, 3.6, 0.2, 0.6}, {0.5, 0.2, 4.5, 1.2}, {0.2, 0.6, 1.2, 3.6}});
 }
 
-TEST_F(SimulateFitted, AtTheEstimates) {
+TEST_F(simulate_fitted, at_the_estimates) {
     write_file("ped.dat", half_sibs(20, 5));
     std::string data = lines(21, 100, 1, "1");
     write_file("model.dat", data);
@@ -228,7 +228,7 @@ TEST_F(SimulateFitted, AtTheEstimates) {
     EXPECT_EQ(read_file("SimData001.dat"), fitted);
 }
 
-TEST_F(SimulateFitted, NoReplicatesAreRefused) {
+TEST_F(simulate_fitted, no_replicates_are_refused) {
     write_file("model.dat", lines(1, 5, 1, "1"));
     write_file("model.par",
                "ANA UNI\nDAT model.dat\n animal 9\n herd 3\n y1\nEND\nMOD\n FIX herd\n RAN animal IDE\n TR y1 1 "
@@ -241,7 +241,7 @@ TEST_F(SimulateFitted, NoReplicatesAreRefused) {
 }
 
 // The loadings are shown by every kind of run.
-TEST_F(SimulateFitted, LoadingsInEveryRun) {
+TEST_F(simulate_fitted, loadings_in_every_run) {
     write_file("ped.dat", half_sibs(20, 5));
     write_file("model.dat", lines(21, 100, 1, "1 2"));
     write_file("model.par",

@@ -10,7 +10,7 @@ using namespace tarvex;
 
 namespace {
 
-class Simulate : public CaseRun {
+class simulate_test : public case_run {
 protected:
     void SetUp() override {
         name_ = "model";
@@ -30,7 +30,7 @@ protected:
     population p_;
 };
 
-TEST_F(Simulate, LinesOfTheDataGetNewValues) {
+TEST_F(simulate_test, lines_of_the_data_get_new_values) {
     finish("--simul2");
     const auto given = lines_of(read_file("data.dat"));
     const auto simulated = lines_of(read_file("SimData001.dat"));
@@ -47,7 +47,7 @@ TEST_F(Simulate, LinesOfTheDataGetNewValues) {
     }
 }
 
-TEST_F(Simulate, SameSeedsGiveTheSameFiles) {
+TEST_F(simulate_test, same_seeds_give_the_same_files) {
     finish("--simul2");
     const std::string first = read_file("SimData001.dat"), seeds = read_file("RandomSeeds");
     EXPECT_NE(words_of(seeds), words_of("12345 67890"));
@@ -61,7 +61,7 @@ TEST_F(Simulate, SameSeedsGiveTheSameFiles) {
     EXPECT_EQ(read_file("RandomSeeds"), seeds);
 }
 
-TEST_F(Simulate, WithoutReadableSeedsTheClockSetsThem) {
+TEST_F(simulate_test, without_readable_seeds_the_clock_sets_them) {
     for (const char* text :
          {"abc def\n", "12345\n", "0 5\n", "5 -1\n", "2147483563 5\n", "5 2147483399\n", "99999999999 5\n", ""}) {
         write_file("RandomSeeds", text);
@@ -75,7 +75,7 @@ TEST_F(Simulate, WithoutReadableSeedsTheClockSetsThem) {
 }
 
 // Effects by level first, then the residuals of the records: exact values from the stream of the printed seeds.
-TEST_F(Simulate, ValuesFollowTheStreamToTheBit) {
+TEST_F(simulate_test, values_follow_the_stream_to_the_bit) {
     write_file("data.dat", "1 5\n2 6\n2 7\n");
     write_file(
         "model.par",
@@ -94,12 +94,12 @@ TEST_F(Simulate, ValuesFollowTheStreamToTheBit) {
     }
 }
 
-TEST_F(Simulate, LargestSeeds) {
+TEST_F(simulate_test, largest_seeds) {
     write_file("RandomSeeds", "2147483562 2147483398\n");
     EXPECT_NE(finish("--simul").output.find("Initial random no.s = 2147483562 2147483398\n"), std::string::npos);
 }
 
-TEST_F(Simulate, EffectsThatCannotBeSimulatedAreRefused) {
+TEST_F(simulate_test, effects_that_cannot_be_simulated_are_refused) {
     std::string inverse = "0.0\n", codes; // of rank 1 less than levels
     for (int i = 1; i <= p_.animals(); ++i) {
         inverse += std::to_string(i) + " " + std::to_string(i) + (i == 7 ? " 0.0\n" : " 1.0\n");
@@ -119,7 +119,7 @@ TEST_F(Simulate, EffectsThatCannotBeSimulatedAreRefused) {
         << result.output;
 }
 
-TEST_F(Simulate, NamesAreFilledWithZeros) {
+TEST_F(simulate_test, names_are_filled_with_zeros) {
     write_file("ped.dat", "3 1 2\n");
     write_file("data.dat", "1 1 0 1 1 20 5 6\n2 2 0 1 1 21 6 7\n3 3 2 1 1 22 8 6\n");
     std::filesystem::remove("RandomSeeds");
@@ -139,7 +139,7 @@ TEST_F(Simulate, NamesAreFilledWithZeros) {
     EXPECT_NE(many.output.find("Max. no. of replicates (999) exceeded !\n"), std::string::npos) << many.output;
 }
 
-TEST_F(Simulate, ReportOfSampledCovariances) {
+TEST_F(simulate_test, report_of_sampled_covariances) {
     const auto result = finish("-v --simul20");
     const auto at = result.output.find("\nRandom effect no. 1 ");
     ASSERT_NE(at, std::string::npos) << result.output;
@@ -167,7 +167,7 @@ static values_of one_trait_values(const std::string& file) {
     return y;
 }
 
-TEST_F(Simulate, LinesOfOneTraitShareTheirResiduals) {
+TEST_F(simulate_test, lines_of_one_trait_share_their_residuals) {
     const auto p = make_population(1500, 2, 1, 0.1, 62);
     write_file("ped.dat", p.pedigree());
     const std::string lines = p.one_trait_lines();
@@ -204,7 +204,7 @@ TEST_F(Simulate, LinesOfOneTraitShareTheirResiduals) {
 }
 
 // Traits that are renumbered may name their columns once.
-TEST_F(Simulate, LinesOfTraitsWithOneListOfColumns) {
+TEST_F(simulate_test, lines_of_traits_with_one_list_of_columns) {
     const auto p = make_population(60, 2, 1, 0.1, 63);
     write_file("ped.dat", p.pedigree());
     std::string lines;
@@ -232,7 +232,7 @@ TEST_F(Simulate, LinesOfTraitsWithOneListOfColumns) {
     EXPECT_EQ(simulated(" TR1" + columns + " TR2" + columns, ""), once);
 }
 
-TEST_F(Simulate, CorrelatedDirectAndMaternalEffects) {
+TEST_F(simulate_test, correlated_direct_and_maternal_effects) {
     std::string pedigree, data;
     constexpr int dams = 1500; // two half-sibs from each
     for (int d = 1; d <= dams; ++d)
@@ -262,7 +262,7 @@ TEST_F(Simulate, CorrelatedDirectAndMaternalEffects) {
     EXPECT_NEAR(c / n, 1.5, 4.0 * std::sqrt((30.25 + 2.25) / n));
 }
 
-TEST_F(Simulate, RandomRegression) {
+TEST_F(simulate_test, random_regression) {
     std::string data;
     constexpr int n = 3000;
     for (int i = 1; i <= n; ++i)
@@ -291,7 +291,7 @@ TEST_F(Simulate, RandomRegression) {
 }
 
 // Residual classes go by the control variable that is named, here the second one.
-TEST_F(Simulate, ResidualClassesByTheSecondControlVariable) {
+TEST_F(simulate_test, residual_classes_by_the_second_control_variable) {
     std::string data;
     constexpr int n = 2000, places = 4;
     const int age[places] = {2, 4, 10, 10}, parity[places] = {1, 2, 1, 2};
@@ -320,7 +320,7 @@ TEST_F(Simulate, ResidualClassesByTheSecondControlVariable) {
 }
 
 // Codes of missing values are those of the traits.
-TEST_F(Simulate, OtherCodesOfMissingValues) {
+TEST_F(simulate_test, other_codes_of_missing_values) {
     std::string data;
     for (int i = 1; i <= 60; ++i)
         data += std::to_string(i) + " " + (i % 3 == 0 ? "-9" : "5") + " " + (i % 4 == 0 ? "77" : "6") + "\n";
@@ -345,7 +345,7 @@ TEST_F(Simulate, OtherCodesOfMissingValues) {
 }
 
 // The mean of the estimates of some replicates lies within three standard errors of the truth.
-TEST_F(Simulate, EstimatesComeBackToTheTruth) {
+TEST_F(simulate_test, estimates_come_back_to_the_truth) {
     constexpr int replicates = 6;
     finish("--simul" + std::to_string(replicates));
     name_ = "again";

@@ -8,7 +8,7 @@
 
 namespace tarvex {
 
-class SmallRun : public CaseRun {
+class small_run : public case_run {
 protected:
     void SetUp() override {
         name_ = "model";

@@ -6,7 +6,7 @@ using namespace tarvex;
 
 namespace {
 
-class SmallerNumbers : public CaseRun {
+class smaller_numbers : public case_run {
 protected:
     void SetUp() override { name_ = "model"; }
 
@@ -16,7 +16,7 @@ protected:
 };
 
 // Codes of an interaction are products: 50000 times 100000, and the second code.
-TEST_F(SmallerNumbers, CodesOfInteractionsBeyond31Bits) {
+TEST_F(smaller_numbers, codes_of_interactions_beyond_31_bits) {
     std::string data;
     for (int i = 1; i <= 40; ++i)
         data += std::to_string(i % 8 + 1) + " " + std::to_string(50000 + i % 2) + " " + std::to_string(20201 + i % 3) +
@@ -44,7 +44,7 @@ TEST_F(SmallerNumbers, CodesOfInteractionsBeyond31Bits) {
 
 // Records of an animal on one day that differ in the second control variable are two records. With constant functions
 // the model is that of repeated records.
-TEST_F(SmallerNumbers, RecordsCountAsTheSameOnlyIfAllControlsAgree) {
+TEST_F(smaller_numbers, records_count_as_the_same_only_if_all_controls_agree) {
     std::string data;
     for (int i = 0; i < 60; ++i)
         data += std::to_string(i / 6 + 1) + " " + std::to_string(i / 6 + 1) + " " + std::to_string(i % 3 + 1) + " " +
@@ -73,7 +73,7 @@ TEST_F(SmallerNumbers, RecordsCountAsTheSameOnlyIfAllControlsAgree) {
     EXPECT_NE(run("--aireml1").output.find("different records with the same"), std::string::npos);
 }
 
-TEST_F(SmallerNumbers, SplinesOfEqualOrderAndOtherDegreeHaveFilesOfTheirOwn) {
+TEST_F(smaller_numbers, splines_of_equal_order_and_other_degree_have_files_of_their_own) {
     std::string data;
     for (int i = 0; i < 60; ++i)
         data += std::to_string(i / 6 + 1) + " " + std::to_string(i / 6 + 1) + " " + std::to_string(2 * (i % 6)) + " " +
@@ -97,7 +97,7 @@ TEST_F(SmallerNumbers, SplinesOfEqualOrderAndOtherDegreeHaveFilesOfTheirOwn) {
     }
 }
 
-TEST_F(SmallerNumbers, TheOnlyTraitHasNumberOne) {
+TEST_F(smaller_numbers, the_only_trait_has_number_one) {
     write_file("data.dat", "1 1 5\n2 1 6\n3 2 7\n4 2 5\n");
     for (const auto& [line, status] : {std::pair{"TR y 1 999", 0},
                                        {"TR y 1", 0},
@@ -117,7 +117,7 @@ TEST_F(SmallerNumbers, TheOnlyTraitHasNumberOne) {
 }
 
 // Dates stand apart from the running number in the files on control values.
-TEST_F(SmallerNumbers, LongControlValuesInReports) {
+TEST_F(smaller_numbers, long_control_values_in_reports) {
     for (const long base : {20240101L, 100L}) {
         std::string data;
         for (int i = 0; i < 60; ++i)
@@ -144,7 +144,7 @@ TEST_F(SmallerNumbers, LongControlValuesInReports) {
 }
 
 // A residual covariance given as 0 beside a repeat effect: matrices are used as given, and estimated.
-TEST_F(SmallerNumbers, ResidualCovarianceOfZeroBesideARepeatEffect) {
+TEST_F(smaller_numbers, residual_covariance_of_zero_beside_a_repeat_effect) {
     std::string data, pedigree;
     for (int i = 1; i <= 60; ++i) {
         pedigree += std::to_string(i) + " " +
@@ -188,7 +188,7 @@ TEST_F(SmallerNumbers, ResidualCovarianceOfZeroBesideARepeatEffect) {
 
 // By records a repeat effect is one of the subject: log L, estimates and errors are those of independent levels beside
 // residuals of lines.
-TEST_F(SmallerNumbers, RepeatEffectsByRecord) {
+TEST_F(smaller_numbers, repeat_effects_by_record) {
     std::string data, pedigree;
     for (int i = 1; i <= 60; ++i) {
         pedigree += std::to_string(i) + " 0 0\n";

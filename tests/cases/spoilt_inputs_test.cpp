@@ -9,7 +9,7 @@ using namespace tarvex;
 
 namespace {
 
-class SpoiltInputs : public CaseRun {
+class spoilt_inputs : public case_run {
 protected:
     // One to three bytes, pieces or words of `text` are changed.
     std::string spoilt(std::string text) {
@@ -77,14 +77,14 @@ private:
     std::mt19937 random_{20261121};
 };
 
-TEST_F(SpoiltInputs, DataAndPedigree) {
+TEST_F(spoilt_inputs, data_and_pedigree) {
     for (const char* name : {"textbook_uni", "textbook_biv", "textbook_rep"}) {
         ASSERT_TRUE(bring(name));
         expect_ends({"data.dat", "ped.dat"}, {"--aireml3", "--pxem2", "--blup", "--simul1"}, 45);
     }
 }
 
-TEST_F(SpoiltInputs, ParameterFileAndData) {
+TEST_F(spoilt_inputs, parameter_file_and_data) {
     ASSERT_TRUE(bring("textbook_biv"));
     expect_ends({"textbook_biv.par", "data.dat"}, {"--aireml3", "--blup"}, 45);
     ASSERT_TRUE(bring("rr_chick"));
@@ -92,7 +92,7 @@ TEST_F(SpoiltInputs, ParameterFileAndData) {
 }
 
 // What an earlier run has left is looked at before it is taken over.
-TEST_F(SpoiltInputs, BestPoint) {
+TEST_F(spoilt_inputs, best_point) {
     ASSERT_TRUE(bring("textbook_biv"));
     finish("--aireml3");
     expect_ends({"BestPoint", "data.dat"}, {"-c", "--best"}, 40);

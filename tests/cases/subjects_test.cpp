@@ -8,7 +8,7 @@ using namespace tarvex;
 
 namespace {
 
-class Subjects : public CaseRun {
+class subjects_test : public case_run {
 protected:
     using covariance = std::function<double(const observation&, const observation&)>;
 
@@ -68,7 +68,7 @@ protected:
         "VAR animal 2\n 4.5 1.5\n 3.5\nVAR perm 2\n 1.2 0.4\n 0.9\nVAR residual 2\n 6.0 2.0\n 5.5\n";
 };
 
-TEST_F(Subjects, LinesWithAllTraits) {
+TEST_F(subjects_test, lines_with_all_traits) {
     const double want = truth([&](const observation& i, const observation& j) {
         return of(g_, i, j) * a_[animal(i)][animal(j)] + (animal(i) == animal(j) ? of(p2_, i, j) : 0.0) +
                (record(i, j) ? of(r_, i, j) : 0.0);
@@ -92,7 +92,7 @@ TEST_F(Subjects, LinesWithAllTraits) {
     EXPECT_NE(output_.find("several records of a trait"), std::string::npos);
 }
 
-TEST_F(Subjects, ColumnsPutLinesOfOneTraitTogether) {
+TEST_F(subjects_test, columns_put_lines_of_one_trait_together) {
     const double want = truth([&](const observation& i, const observation& j) {
         return of(g_, i, j) * a_[animal(i)][animal(j)] + (animal(i) == animal(j) ? of(p2_, i, j) : 0.0) +
                (record(i, j) ? of(r_, i, j) : 0.0);
@@ -104,7 +104,7 @@ TEST_F(Subjects, ColumnsPutLinesOfOneTraitTogether) {
     expect_relative(start(), want, 1e-8, "log L with all traits in a line");
 }
 
-TEST_F(Subjects, OneColumnJoinsAsTheRandomEffectDoes) {
+TEST_F(subjects_test, one_column_joins_as_the_random_effect_does) {
     const std::string blocks = "VAR animal 2\n 4.5 1.5\n 3.5\nVAR residual 2\n 6.0 0.3\n 5.5\n";
     put("MOD EQ\n FIX herd\n RAN animal NRM\n" + traits_ + blocks);
     const double want = start();
@@ -112,7 +112,7 @@ TEST_F(Subjects, OneColumnJoinsAsTheRandomEffectDoes) {
     EXPECT_NEAR(start(), want, 1e-9);
 }
 
-TEST_F(Subjects, SireModelsDoNotJoinProgeny) {
+TEST_F(subjects_test, sire_models_do_not_join_progeny) {
     for (auto& r : p_.records)
         if (r.dam < 1) r.dam = 2;
     const std::string model = " FIX herd\n RAN dam IDE\n SUB ";
@@ -126,7 +126,7 @@ TEST_F(Subjects, SireModelsDoNotJoinProgeny) {
     expect_relative(start(), want, 1e-8, "log L, one trait in a line");
 }
 
-TEST_F(Subjects, MaternalEffects) {
+TEST_F(subjects_test, maternal_effects) {
     for (auto& r : p_.records)
         if (r.dam < 1) r.dam = 2;
     put("MOD EQ\n FIX herd\n RAN animal NRM\n RAN dam NRM\n SUB LINE\n" + traits_ +
@@ -138,7 +138,7 @@ TEST_F(Subjects, MaternalEffects) {
                     1e-8, "log L");
 }
 
-TEST_F(Subjects, ReducedRank) {
+TEST_F(subjects_test, reduced_rank) {
     analysis_ = "MUV PC 2";
     const double f[2] = {1.5, 1.0};
     put("MOD EQ\n FIX herd\n RAN animal NRM\n RAN perm IDE\n SUB LINE\n" + traits_ +
@@ -150,7 +150,7 @@ TEST_F(Subjects, ReducedRank) {
                     1e-8, "log L");
 }
 
-TEST_F(Subjects, RepeatedControlValuesInLinesOfTheirOwn) {
+TEST_F(subjects_test, repeated_control_values_in_lines_of_their_own) {
     p_ = make_population(60, 1, 4, 0.0, 22); // the fourth record has the third parity again
     a_ = tabular(p_.sire, p_.dam);
     write_file("ped.dat", p_.pedigree());
@@ -169,7 +169,7 @@ TEST_F(Subjects, RepeatedControlValuesInLinesOfTheirOwn) {
                     1e-8, "log L");
 }
 
-TEST_F(Subjects, FaultsAreTold) {
+TEST_F(subjects_test, faults_are_told) {
     const auto expect_fault = [&](const std::string& line, const std::string& text) {
         put("MOD EQ\n" + repeats_ + line + traits_ + repeat_blocks_);
         const auto result = run("--setup");
@@ -188,7 +188,7 @@ TEST_F(Subjects, FaultsAreTold) {
 }
 
 // Data simulated for lines as subjects come back in estimates: means of 20 replicates within 3.5 of their errors.
-TEST_F(Subjects, SimulatedRecordsComeBack) {
+TEST_F(subjects_test, simulated_records_come_back) {
     p_ = make_population(260, 2, 3, 0.2, 23);
     write_file("ped.dat", p_.pedigree());
     const auto blocks = [&](const std::string& subject) { return repeats_ + subject + traits_ + repeat_blocks_; };

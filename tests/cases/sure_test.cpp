@@ -10,11 +10,11 @@
 namespace tarvex {
 namespace {
 
-class SureRuns : public PoorStarts {};
+class sure_runs : public poor_starts {};
 
 // ---- one way, balanced: the maximum in closed form
 
-class OneWay : public PoorStarts {
+class one_way : public poor_starts {
 protected:
     static constexpr int groups = 12, size = 6;
     void make(double between, unsigned seed) {
@@ -59,7 +59,7 @@ protected:
     double group_ = 1.0, residual_ = 1.0;
 };
 
-TEST_F(OneWay, SearchFindsTheClosedFormFromAnyStart) {
+TEST_F(one_way, search_finds_the_closed_form_from_any_start) {
     make(1.5, 3);
     ASSERT_GT(group_, 0.0);
     for (double a : {1.0e-4, 0.01, 1.0, 100.0, 1.0e5})
@@ -74,7 +74,7 @@ TEST_F(OneWay, SearchFindsTheClosedFormFromAnyStart) {
         }
 }
 
-TEST_F(OneWay, VarianceThatVanishesIsFixedAtTheBorder) {
+TEST_F(one_way, variance_that_vanishes_is_fixed_at_the_border) {
     for (unsigned seed = 5; group_ > 0.0; ++seed) make(0.0, seed);
     for (double a : {1.0e-3, 1.0, 1.0e4}) {
         start_at(a, 4.0);
@@ -90,7 +90,7 @@ TEST_F(OneWay, VarianceThatVanishesIsFixedAtTheBorder) {
 
 // Levels of one effect with variances 1 and 1000 in units of its component, as a supplied inverse: the few of the
 // former want it large, the many of the latter want it small.
-class TwoMaxima : public PoorStarts {
+class two_maxima : public poor_starts {
 protected:
     static constexpr int wide = 8, narrow = 9, plain = 10, repeats = 300;
     std::vector<std::vector<double>> y_; // by level
@@ -161,7 +161,7 @@ protected:
     }
 };
 
-TEST_F(TwoMaxima, EachStartEndsAtAMaximumAndBothCanBeReached) {
+TEST_F(two_maxima, each_start_ends_at_a_maximum_and_both_can_be_reached) {
     make();
     const std::vector<double> truth = maxima();
     ASSERT_EQ(truth.size(), 2u);
@@ -186,7 +186,7 @@ TEST_F(TwoMaxima, EachStartEndsAtAMaximumAndBothCanBeReached) {
 
 // ---- a plateau: two effects that the data cannot tell apart
 
-TEST_F(OneWay, PlateauIsToldAndLogLIsThatOfTheClosedForm) {
+TEST_F(one_way, plateau_is_told_and_log_l_is_that_of_the_closed_form) {
     make(1.5, 3);
     start_at(group_, residual_);
     const auto one = finish("--sure");
@@ -215,7 +215,7 @@ TEST_F(OneWay, PlateauIsToldAndLogLIsThatOfTheClosedForm) {
 
 // ---- reference analyses
 
-TEST_F(SureRuns, StartsFarOffEndAtTheReferenceMaximum) {
+TEST_F(sure_runs, starts_far_off_end_at_the_reference_maximum) {
     for (double factor : {1.0e-4, 0.01, 100.0, 1.0e4}) {
         ASSERT_TRUE(bring("rr_chick"));
         scale_block("chick", factor);
@@ -226,7 +226,7 @@ TEST_F(SureRuns, StartsFarOffEndAtTheReferenceMaximum) {
     }
 }
 
-TEST_F(SureRuns, StartFarFromTheDataIsPulledTowardsIt) {
+TEST_F(sure_runs, start_far_from_the_data_is_pulled_towards_it) {
     ASSERT_TRUE(bring("mt3"));
     finish("");
     const best_point truth = read_best_point();
@@ -242,7 +242,7 @@ TEST_F(SureRuns, StartFarFromTheDataIsPulledTowardsIt) {
     EXPECT_EQ(last_verdict(far.output).rfind("Verdict: at a maximum", 0), 0u) << far.output;
 }
 
-TEST_F(SureRuns, LimitOfIteratesIsKeptAndToldAndTheRunGoesOn) {
+TEST_F(sure_runs, limit_of_iterates_is_kept_and_told_and_the_run_goes_on) {
     ASSERT_TRUE(bring("rr_chick"));
     scale_block("chick", 10.0);
     const auto r = finish("--sure1 --json");

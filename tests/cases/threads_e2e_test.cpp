@@ -62,7 +62,7 @@ constexpr run_of_case analyses[] = {
     {"textbook_rep", "--powell1"},
 };
 
-class Threads : public CaseRun {
+class threads_run : public case_run {
 protected:
     // All runs of the analysis in a new folder that `fill` has filled; each by work(arguments, screen), the exit
     // status.
@@ -111,9 +111,9 @@ protected:
     }
 };
 
-class ThreadsOf : public Threads, public testing::WithParamInterface<run_of_case> {};
+class threads_of : public threads_run, public testing::WithParamInterface<run_of_case> {};
 
-TEST_P(ThreadsOf, ReportsAreTheSameBytes) {
+TEST_P(threads_of, reports_are_the_same_bytes) {
     const outcome one = by_program(GetParam(), 1);
     ASSERT_EQ(one.status, 0) << one.screen;
     EXPECT_GT(one.files.size(), 8u);
@@ -122,13 +122,13 @@ TEST_P(ThreadsOf, ReportsAreTheSameBytes) {
         expect_same(by_program(GetParam(), threads), one);
     }
 }
-INSTANTIATE_TEST_SUITE_P(Bundled, ThreadsOf, testing::ValuesIn(analyses), [](const auto& test) {
+INSTANTIATE_TEST_SUITE_P(bundled, threads_of, testing::ValuesIn(analyses), [](const auto& test) {
     std::string name = std::string(test.param.name) + "_" + std::to_string(test.index);
     return name;
 });
 
 // A whole analysis in this process with work cut so small that each of many threads gets its share of it.
-class SmallPieces : public Threads, public testing::WithParamInterface<run_of_case> {
+class small_pieces : public threads_run, public testing::WithParamInterface<run_of_case> {
 protected:
     outcome in_process(const run_of_case& a, int threads, int together = 40) {
         return runs_in_folder([&] { fill_bundled(a.name); }, a, threads,
@@ -159,7 +159,7 @@ protected:
     int pieces_ = 0, chunks_ = 0, shared_ = 0, threads_ = 0;
 };
 
-TEST_P(SmallPieces, ReportsAreTheSameBytes) {
+TEST_P(small_pieces, reports_are_the_same_bytes) {
     const outcome one = in_process(GetParam(), 1);
     EXPECT_GT(one.files.size(), 8u);
     EXPECT_GT(pieces_, 2);
@@ -178,7 +178,7 @@ TEST_P(SmallPieces, ReportsAreTheSameBytes) {
 }
 constexpr run_of_case small[] = {{"mt3", "--aireml1"},      {"mt3", "--emalg2"},       {"mt3", "--blup"},
                                  {"rr_chick", "--aireml2"}, {"rr_chick", "--pxai1,2"}, {"rr_chick", "--blup"}};
-INSTANTIATE_TEST_SUITE_P(Bundled, SmallPieces, testing::ValuesIn(small), [](const auto& test) {
+INSTANTIATE_TEST_SUITE_P(bundled, small_pieces, testing::ValuesIn(small), [](const auto& test) {
     std::string name = std::string(test.param.name) + "_" + std::to_string(test.index);
     return name;
 });

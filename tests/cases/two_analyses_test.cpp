@@ -23,7 +23,7 @@ std::string without_clock(const std::string& text) {
     return std::regex_replace(std::regex_replace(text, day, "day$1clock"), seconds, "Time");
 }
 
-class TwoAnalyses : public CaseRun {
+class two_analyses : public case_run {
 protected:
     struct analysis {
         const char *name, *options;
@@ -92,7 +92,7 @@ protected:
 };
 
 // Each analysis after each other one and after itself: the order of runs has every pair as neighbours.
-TEST_F(TwoAnalyses, EachIsAsInAProcessOfItsOwn) {
+TEST_F(two_analyses, each_is_as_in_a_process_of_its_own) {
     std::vector<outcome> fresh;
     for (const auto& a : analyses) {
         fresh.push_back(alone(a));
@@ -117,7 +117,7 @@ TEST_F(TwoAnalyses, EachIsAsInAProcessOfItsOwn) {
 }
 
 // An analysis that ends in a fault leaves nothing to the next one either.
-TEST_F(TwoAnalyses, FaultLeavesNothing) {
+TEST_F(two_analyses, fault_leaves_nothing) {
     const analysis good{"textbook_uni", "--blup"};
     const outcome fresh = alone(good);
     const auto after = [&](const char* name, const char* text) {

@@ -8,7 +8,7 @@ using namespace tarvex;
 
 namespace {
 
-class UnitRuns : public CaseRun {
+class unit_runs : public case_run {
 protected:
     static small_model two_traits(double c) {
         small_model m;
@@ -31,7 +31,7 @@ protected:
     }
 };
 
-TEST_F(UnitRuns, EstimatesErrorsAndCriteriaScale) {
+TEST_F(unit_runs, estimates_errors_and_criteria_scale) {
     run_model(two_traits(1.0), "--aireml60,1e-10");
     const auto best = read_best_point();
     const auto plain = read_estimates();
@@ -59,7 +59,7 @@ TEST_F(UnitRuns, EstimatesErrorsAndCriteriaScale) {
     }
 }
 
-TEST_F(UnitRuns, SolutionsAndResidualsScale) {
+TEST_F(unit_runs, solutions_and_residuals_scale) {
     run_model(two_traits(1.0), "--blup");
     const auto fixed = read_fixed_solutions();
     const auto animals = read_random_solutions("animal");

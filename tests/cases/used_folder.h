@@ -14,7 +14,7 @@ struct study {
     std::string pedigree, data, parameters, options;
 };
 
-class UsedFolder : public CaseRun {
+class used_folder : public case_run {
 protected:
     using reports = std::map<std::string, std::string>; // by file name; the status under "status"
 

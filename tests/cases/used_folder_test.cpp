@@ -37,7 +37,7 @@ study make_study(const population& p, const layout& l, const std::string& option
 
 population first_population() { return make_population(90, 2, 1, 0.2, 61); }
 
-class Trust : public UsedFolder {
+class trust_test : public used_folder {
 protected:
     // One after the other, then the first once more.
     void expect_each_as_fresh(const std::vector<study>& list, const std::string& what) {
@@ -49,7 +49,7 @@ protected:
 };
 
 // Records of a fifth of the animals left out: pruning leaves the same number of animals and the same ends.
-TEST_F(Trust, FoldsOfAValidation) {
+TEST_F(trust_test, folds_of_a_validation) {
     population p = make_population(160, 1, 1, 0.0, 71);
     const int young = 130; // without offspring from here on
     for (int i = young; i <= 160; ++i) p.sire[static_cast<std::size_t>(i - 1)] = 1 + 2 * (i % 30);
@@ -67,7 +67,7 @@ TEST_F(Trust, FoldsOfAValidation) {
     expect_each_as_fresh(folds, "folds");
 }
 
-TEST_F(Trust, OneAnimalForAnother) {
+TEST_F(trust_test, one_animal_for_another) {
     const population p = first_population();
     population q = p;
     const auto again = std::find_if(q.records.begin(), q.records.end(), [](const auto& r) { return r.code == 50; });
@@ -83,7 +83,7 @@ TEST_F(Trust, OneAnimalForAnother) {
                          "exchanged");
 }
 
-TEST_F(Trust, CorrectedParent) {
+TEST_F(trust_test, corrected_parent) {
     const population p = first_population();
     population q = p;
     q.sire[59] = q.sire[59] == 1 ? 3 : 1;
@@ -92,7 +92,7 @@ TEST_F(Trust, CorrectedParent) {
         expect_each_as_fresh({make_study(p, {}, options), make_study(q, {}, options)}, options);
 }
 
-TEST_F(Trust, AnimalAndSireModel) {
+TEST_F(trust_test, animal_and_sire_model) {
     population p = make_population(80, 2, 1, 0.0, 62);
     const study animals{p.pedigree(), p.all_traits_lines(), one_trait(""), "--aireml30"};
     study sires = animals;
@@ -100,7 +100,7 @@ TEST_F(Trust, AnimalAndSireModel) {
     expect_each_as_fresh({animals, sires}, "sire model");
 }
 
-TEST_F(Trust, FullAndReducedRankAndDiagonal) {
+TEST_F(trust_test, full_and_reduced_rank_and_diagonal) {
     const population p = first_population();
     const layout full, reduced{.analysis = "MUV PC 2", .animal = "VAR animal 2 1\n 4.5 1.5 3.5\n"},
         diagonal{.animal = "VAR animal 2 DIA\n 4.5 3.5\n"};
@@ -112,14 +112,14 @@ TEST_F(Trust, FullAndReducedRankAndDiagonal) {
     EXPECT_FALSE(std::filesystem::exists("cholnrm1.bin")) << "the factor is for those who ask for it";
 }
 
-TEST_F(Trust, ResidualCovarianceZeroAndFree) {
+TEST_F(trust_test, residual_covariance_zero_and_free) {
     const population p = first_population();
     const layout free, zero{.residual = "VAR residual 2\n 6.0 0.0 5.5\n"};
     for (const char* options : searches)
         expect_each_as_fresh({make_study(p, zero, options), make_study(p, free, options)}, options);
 }
 
-TEST_F(Trust, BlocksInAnotherOrder) {
+TEST_F(trust_test, blocks_in_another_order) {
     const population p = make_population(80, 2, 2, 0.2, 63);
     const std::string perm = "VAR perm 2\n 1.0 0.2 1.0\n";
     layout a{.extra_random = " RAN perm IDE\n", .other_blocks = perm}, b = a;
@@ -128,7 +128,7 @@ TEST_F(Trust, BlocksInAnotherOrder) {
     expect_each_as_fresh({make_study(p, a), make_study(p, b)}, "order of VAR blocks");
 }
 
-TEST_F(Trust, OtherHerdsOfTheSameNumber) {
+TEST_F(trust_test, other_herds_of_the_same_number) {
     const population p = first_population();
     population q = p;
     for (auto& r : q.records) r.herd = 1 + (r.herd * 7 + r.code) % 4;
@@ -136,7 +136,7 @@ TEST_F(Trust, OtherHerdsOfTheSameNumber) {
         expect_each_as_fresh({make_study(p, {}, options), make_study(q, {}, options)}, options);
 }
 
-TEST_F(Trust, OtherSiresOfTheSameNumber) {
+TEST_F(trust_test, other_sires_of_the_same_number) {
     const population p = first_population();
     population q = p;
     for (std::size_t i = 40; i < 60; ++i)
@@ -145,7 +145,7 @@ TEST_F(Trust, OtherSiresOfTheSameNumber) {
         expect_each_as_fresh({make_study(p, {}, options), make_study(q, {}, options)}, options);
 }
 
-TEST_F(Trust, SimulationAfterAnotherPedigree) {
+TEST_F(trust_test, simulation_after_another_pedigree) {
     const population p = first_population();
     population q = p;
     for (int i = 30; i < 90; ++i) q.sire[static_cast<std::size_t>(i)] = 1 + 2 * (i % 5);
@@ -157,7 +157,7 @@ TEST_F(Trust, SimulationAfterAnotherPedigree) {
     }
 }
 
-TEST_F(Trust, PointOfOtherDataIsAPlaceToStartOnly) {
+TEST_F(trust_test, point_of_other_data_is_a_place_to_start_only) {
     const population p = first_population(), q = make_population(90, 2, 1, 0.2, 64);
     outcome(make_study(p, {}));
     for (const char* options : {"-c --powell", "-c --aireml30"}) {
@@ -184,7 +184,7 @@ TEST_F(Trust, PointOfOtherDataIsAPlaceToStartOnly) {
     }
 }
 
-TEST_F(Trust, PointOfOtherDataIsAsGoodAsStartingValues) {
+TEST_F(trust_test, point_of_other_data_is_as_good_as_starting_values) {
     const population p = first_population(), q = make_population(90, 2, 1, 0.2, 64);
     bring_study(make_study(p, {}));
     finish("--aireml30");
@@ -207,7 +207,7 @@ TEST_F(Trust, PointOfOtherDataIsAsGoodAsStartingValues) {
     for (std::size_t k = 0; k < 6; ++k) EXPECT_NEAR(continued.values[k], given.values[k], 1e-5);
 }
 
-TEST_F(Trust, PointOfAnotherModelStopsTheRun) {
+TEST_F(trust_test, point_of_another_model_stops_the_run) {
     const population p = first_population();
     const study first = make_study(p, {});
     bring_study(first);
@@ -244,7 +244,7 @@ TEST_F(Trust, PointOfAnotherModelStopsTheRun) {
     finish("-c --aireml30");
 }
 
-TEST_F(Trust, SpoiltFilesAreMadeAnew) {
+TEST_F(trust_test, spoilt_files_are_made_anew) {
     const study s = make_study(first_population(), {});
     expect_as_fresh(s, "first");
     std::mt19937 rng(77);
@@ -265,7 +265,7 @@ TEST_F(Trust, SpoiltFilesAreMadeAnew) {
 }
 
 // Those that only some runs leave: inbreeding coefficients for simulations, the factor of the relationship matrix.
-TEST_F(Trust, OtherSpoiltFilesAreMadeAnew) {
+TEST_F(trust_test, other_spoilt_files_are_made_anew) {
     std::mt19937 rng(79);
     const auto spoil = [&](const std::string& name, int turn) {
         std::string text = read_file(name);
@@ -295,7 +295,7 @@ TEST_F(Trust, OtherSpoiltFilesAreMadeAnew) {
     }
 }
 
-TEST_F(Trust, SpoiltPointIsNotUsed) {
+TEST_F(trust_test, spoilt_point_is_not_used) {
     const study s = make_study(first_population(), {});
     bring_study(s);
     finish("--aireml3");

@@ -7,9 +7,9 @@
 namespace tarvex {
 namespace {
 
-class VerdictRuns : public PoorStarts {};
+class verdict_runs : public poor_starts {};
 
-TEST_F(VerdictRuns, GoodStartEndsAtAMaximumAndTheReportSaysSo) {
+TEST_F(verdict_runs, good_start_ends_at_a_maximum_and_the_report_says_so) {
     ASSERT_TRUE(bring("textbook_rep"));
     const auto r = finish("");
     EXPECT_NE(last_verdict(r.output).find("at a maximum of log L"), std::string::npos) << r.output;
@@ -22,7 +22,7 @@ TEST_F(VerdictRuns, GoodStartEndsAtAMaximumAndTheReportSaysSo) {
 }
 
 // The genetic matrix a hundred times too small: AI-REML alone stops short.
-TEST_F(VerdictRuns, SearchGoesOnFromAnEndShortOfTheMaximum) {
+TEST_F(verdict_runs, search_goes_on_from_an_end_short_of_the_maximum) {
     ASSERT_TRUE(bring("rr_chick"));
     scale_block("chick", 0.01);
     const auto plain = finish("--nosure");
@@ -35,7 +35,7 @@ TEST_F(VerdictRuns, SearchGoesOnFromAnEndShortOfTheMaximum) {
     EXPECT_NEAR(read_best_point().loglike, -216.3352, 0.001); // an independent program's maximum
 }
 
-TEST_F(VerdictRuns, VarianceThatStartsTooNearToZeroIsLiftedOffTheBorder) {
+TEST_F(verdict_runs, variance_that_starts_too_near_to_zero_is_lifted_off_the_border) {
     ASSERT_TRUE(bring("textbook_rep"));
     const auto r = finish("");
     const double maximum = read_best_point().loglike;
@@ -47,7 +47,7 @@ TEST_F(VerdictRuns, VarianceThatStartsTooNearToZeroIsLiftedOffTheBorder) {
     EXPECT_NEAR(read_best_point().loglike, maximum, 0.001);
 }
 
-TEST_F(VerdictRuns, LimitOfIteratesThatTheUserSetsIsKept) {
+TEST_F(verdict_runs, limit_of_iterates_that_the_user_sets_is_kept) {
     ASSERT_TRUE(bring("rr_chick"));
     const auto r = finish("--aireml1");
     EXPECT_EQ(r.output.find("the search goes on"), std::string::npos);
@@ -56,7 +56,7 @@ TEST_F(VerdictRuns, LimitOfIteratesThatTheUserSetsIsKept) {
     EXPECT_NE(read_file("SumEstimates.out").find(" Not tried: to go on by itself"), std::string::npos);
 }
 
-TEST_F(VerdictRuns, EveryAlgorithmBearsAVerdict) {
+TEST_F(verdict_runs, every_algorithm_bears_a_verdict) {
     ASSERT_TRUE(bring("rr_chick"));
     for (const char* option : {"--aireml", "--pxai", "--emai", "--emalg5", "--pxem5", "--powell"}) {
         std::filesystem::remove("BestPoint");
@@ -71,7 +71,7 @@ TEST_F(VerdictRuns, EveryAlgorithmBearsAVerdict) {
 }
 
 // Genetic matrix of a residual kind: the border is named.
-TEST_F(VerdictRuns, BorderIsNamedWithItsEffect) {
+TEST_F(verdict_runs, border_is_named_with_its_effect) {
     ASSERT_TRUE(bring("textbook_uni"));
     const auto r = finish("");
     EXPECT_NE(last_verdict(r.output).find("at the border"), std::string::npos) << r.output;

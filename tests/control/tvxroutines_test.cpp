@@ -20,7 +20,7 @@ std::string pattern(std::string text) {
     return text;
 }
 
-class Stops : public tarvex_test {
+class stops_test : public tarvex_test {
 protected:
     // Text and status of the stop that `f` ends in.
     template <class F> std::pair<std::string, int> end_of(F f) {
@@ -34,7 +34,7 @@ protected:
     }
 };
 
-TEST_F(Stops, ErrorExitSpeaksMoreUnderVerbose) {
+TEST_F(stops_test, error_exit_speaks_more_under_verbose) {
     EXPECT_EQ(end_of(stoptarvex), (std::pair<std::string, int>{"exit \"Tarvex\"", 1}));
     EXPECT_EQ(screen_text(), "");
     options.verbose = true;
@@ -42,7 +42,7 @@ TEST_F(Stops, ErrorExitSpeaksMoreUnderVerbose) {
     EXPECT_EQ(screen_text(), "Programmed (error) stop for \"Tarvex\" encountered\n");
 }
 
-TEST_F(Stops, FinishHasNoTextUnderVerbose) {
+TEST_F(stops_test, finish_has_no_text_under_verbose) {
     EXPECT_EQ(finish_run(), "\"Tarvex\" done");
     EXPECT_EQ(screen_text(), "");
     options.verbose = true;
@@ -50,7 +50,7 @@ TEST_F(Stops, FinishHasNoTextUnderVerbose) {
     EXPECT_EQ(screen_text(), "\"Tarvex\" has finished !\n");
 }
 
-TEST_F(Stops, RefusedCombinationExplainsItself) {
+TEST_F(stops_test, refused_combination_explains_itself) {
     EXPECT_EQ(end_of(tvx_notyet).first, "exit \"Tarvex\"");
     EXPECT_EQ(screen_text(), "*** Tarvex is work in progress !\n"
                              "Unfortunately, the combination of features selected (model and\n"
@@ -58,7 +58,7 @@ TEST_F(Stops, RefusedCombinationExplainsItself) {
                              "tested or implemented.\n");
 }
 
-TEST_F(Stops, CautionWaitsForALineOrTheEndOfInput) {
+TEST_F(stops_test, caution_waits_for_a_line_or_the_end_of_input) {
     std::istringstream answer("go\n"), none;
     auto* before = std::cin.rdbuf(answer.rdbuf());
     tvx_caution();
@@ -73,18 +73,18 @@ TEST_F(Stops, CautionWaitsForALineOrTheEndOfInput) {
     EXPECT_EQ(screen_text(), text + text);
 }
 
-TEST_F(Stops, LargeArrayThatCannotBeAllocatedIsNamed) {
+TEST_F(stops_test, large_array_that_cannot_be_allocated_is_named) {
     EXPECT_EQ(end_of([] { tvx_noalloc("XSPARS", 123456789); }).first, "exit \"Tarvex\"");
     EXPECT_EQ(screen_text(), " Cannot allocate large array : \"XSPARS\"\n"
                              " ... size required           :    123456789 elements\n");
 }
 
-TEST_F(Stops, MessageAndStopInOne) {
+TEST_F(stops_test, message_and_stop_in_one) {
     EXPECT_EQ(end_of([] { stop_with("what was wrong"); }).second, 1);
     EXPECT_EQ(screen_text(), "what was wrong\n");
 }
 
-TEST_F(Stops, TimesAreShownUnderVerboseOrTimesOnly) {
+TEST_F(stops_test, times_are_shown_under_verbose_or_times_only) {
     tvxtimes(1, "reading");
     EXPECT_EQ(screen_text(), "");
     options.verbose = true;
@@ -102,7 +102,7 @@ TEST_F(Stops, TimesAreShownUnderVerboseOrTimesOnly) {
     EXPECT_EQ(screen_text().size(), std::string("***Time: x").size() + 19 + 15 + 1);
 }
 
-class ReportFrame : public tarvex_test {
+class report_frame : public tarvex_test {
 protected:
     std::string written(void (*f)(text_out&)) {
         std::ostringstream text;
@@ -112,7 +112,7 @@ protected:
     }
 };
 
-TEST_F(ReportFrame, HeaderIs78ColumnsWideOr112) {
+TEST_F(report_frame, header_is_78_columns_wide_or_112) {
     const auto top = [](text_out& out) { write_tvxtop(out, "Model", false); };
     EXPECT_EQ(written(top), "======= Version " + program_version() +
                                 " ======================================= **ZQ** ====\n\n"
@@ -124,7 +124,7 @@ TEST_F(ReportFrame, HeaderIs78ColumnsWideOr112) {
                                      "\n\n        Program Tarvex : Model\n" + std::string(112, '=') + "\n\n");
 }
 
-TEST_F(ReportFrame, FilesAreNamedWithoutTrailingBlanks) {
+TEST_F(report_frame, files_are_named_without_trailing_blanks) {
     model.analysis = "UNI";
     filenames.datfile = "wean.dat";
     filenames.pedfile = "wean.ped";
@@ -142,7 +142,7 @@ TEST_F(ReportFrame, FilesAreNamedWithoutTrailingBlanks) {
                                        "\n\n");
 }
 
-TEST_F(ReportFrame, FooterShowsDateAndTimeAndClosesTheFile) {
+TEST_F(report_frame, footer_shows_date_and_time_and_closes_the_file) {
     const std::string narrow = written([](text_out& out) { write_tvxbottom(out, false); });
     EXPECT_EQ(pattern(narrow), "======== end of file ============================99-99-9999==========99:99====\n");
     EXPECT_EQ(written([](text_out& out) { write_tvxbottom(out, true); }).size(), 113u);
@@ -152,7 +152,7 @@ TEST_F(ReportFrame, FooterShowsDateAndTimeAndClosesTheFile) {
     EXPECT_FALSE(out.is_open());
 }
 
-TEST(FileNames, NumberOfTheRelationshipMatrixTakesItsPlace) {
+TEST(file_names, number_of_the_relationship_matrix_takes_its_place) {
     filenames = {};
     EXPECT_EQ(nrminv_name(1), "nrminvers1.bin");
     EXPECT_EQ(cholnrm_name(2), "cholnrm2.bin");

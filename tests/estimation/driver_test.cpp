@@ -46,7 +46,7 @@ small_model many_parameters() { // 18: the shortest vector that starts with expa
     return m;
 }
 
-TEST_F(driver_test, LimitOfIteratesFollowsTheParameters) {
+TEST_F(driver_test, limit_of_iterates_follows_the_parameters) {
     small_model m = growth(false);
     m.random = {{"animal", "NRM", 3, 0, {2.0, 0.3, 0.1, 1.0, 0.1, 0.5}}};
     run(m, {"--aireml"});
@@ -60,14 +60,14 @@ TEST_F(driver_test, LimitOfIteratesFollowsTheParameters) {
     EXPECT_EQ(maximise.aireml_its, 11);
 }
 
-TEST_F(driver_test, BadStartKeepsTheAutomaticLimit) {
+TEST_F(driver_test, bad_start_keeps_the_automatic_limit) {
     run(families(1), {"--bad"});
     EXPECT_EQ(maximise.aireml_its, 10);
     EXPECT_TRUE(maximise.converged);
     EXPECT_EQ(labels().find_first_not_of('A'), std::string::npos);
 }
 
-TEST_F(driver_test, SearchLeavesWhatTheUserHasChosenAsItWas) {
+TEST_F(driver_test, search_leaves_what_the_user_has_chosen_as_it_was) {
     const auto chosen = [] {
         std::vector<int> v = {options.aireml,   options.emalgorithm,   options.pxem,
                               options.continew, options.algorithm_set, options.strict_ai,
@@ -83,7 +83,7 @@ TEST_F(driver_test, SearchLeavesWhatTheUserHasChosenAsItWas) {
     }
 }
 
-TEST_F(driver_test, PlanOfTwoMethodsHandsOver) {
+TEST_F(driver_test, plan_of_two_methods_hands_over) {
     run(many_parameters(), {"--pxai2"});
     EXPECT_TRUE(search_state.handed_over);
     EXPECT_TRUE(search_state.method.aireml);
@@ -91,7 +91,7 @@ TEST_F(driver_test, PlanOfTwoMethodsHandsOver) {
     EXPECT_FALSE(options.continew);
 }
 
-TEST_F(driver_test, SimplexPlanReportsTheStart) {
+TEST_F(driver_test, simplex_plan_reports_the_start) {
     set_up(families(1), {"--simplex0"});
     maximise.simplx_its = 0;
     const array<double> start = estimates.parvec;
@@ -103,7 +103,7 @@ TEST_F(driver_test, SimplexPlanReportsTheStart) {
     EXPECT_TRUE(iterates().empty());
 }
 
-TEST_F(driver_test, EmptyPlanOfManyParametersReportsTheStart) {
+TEST_F(driver_test, empty_plan_of_many_parameters_reports_the_start) {
     set_up(many_parameters(), {"--pownew"});
     ASSERT_EQ(estimates.nparm, 18);
     get_estimates();
@@ -111,12 +111,12 @@ TEST_F(driver_test, EmptyPlanOfManyParametersReportsTheStart) {
     EXPECT_GT(bestpoint.xbest, invalid_logl);
 }
 
-TEST_F(driver_test, EmptyPlanOfFewParametersTurnsToAverageInformation) {
+TEST_F(driver_test, empty_plan_of_few_parameters_turns_to_average_information) {
     run(families(1), {"--pownew"});
     EXPECT_FALSE(iterates().empty());
 }
 
-TEST_F(driver_test, DefaultPlanGoesFromExpandedRoundsToAverageInformation) {
+TEST_F(driver_test, default_plan_goes_from_expanded_rounds_to_average_information) {
     set_up(many_parameters(), {});
     ASSERT_EQ(estimates.nparm, 18);
     ASSERT_EQ(estimates.paraform(1), par_scale::original);
@@ -138,7 +138,7 @@ TEST_F(driver_test, DefaultPlanGoesFromExpandedRoundsToAverageInformation) {
     EXPECT_EQ(read_file("Iterates").find("PX-"), std::string::npos); // the first phase ends in silence
 }
 
-TEST_F(driver_test, FirstPhaseEndsWithTheFirstSmallGain) {
+TEST_F(driver_test, first_phase_ends_with_the_first_small_gain) {
     small_model m = many_parameters();
     run(m, {"--aireml200"});
     std::vector<std::vector<double>> best;
@@ -154,7 +154,7 @@ TEST_F(driver_test, FirstPhaseEndsWithTheFirstSmallGain) {
     EXPECT_EQ(s.substr(0, 3), "PPA") << s;
 }
 
-TEST_F(driver_test, NamedPlansRunTheirRoundsFirst) {
+TEST_F(driver_test, named_plans_run_their_rounds_first) {
     run(families(2), {"--pxai4,60"});
     EXPECT_EQ(labels().substr(0, 6), "PPPPPA");
     EXPECT_TRUE(maximise.converged);
@@ -165,7 +165,7 @@ TEST_F(driver_test, NamedPlansRunTheirRoundsFirst) {
     EXPECT_TRUE(maximise.converged);
 }
 
-TEST_F(driver_test, PlainRoundsTellHowTheyEnd) {
+TEST_F(driver_test, plain_rounds_tell_how_they_end) {
     run(families(1), {"--emalg2"});
     EXPECT_NE(read_file("Iterates").find("*** (PX-) EM has not converged !\n"), std::string::npos);
     EXPECT_NE(screen_text().find("*** (PX-) EM has not converged !"), std::string::npos);
@@ -179,7 +179,7 @@ TEST_F(driver_test, PlainRoundsTellHowTheyEnd) {
     EXPECT_NE(screen_text().find("*** (PX-) EM has converged !\n   Last change in log L "), std::string::npos);
 }
 
-TEST_F(driver_test, AverageInformationTellsHowItEnds) {
+TEST_F(driver_test, average_information_tells_how_it_ends) {
     run(families(1), {"--aireml1"});
     EXPECT_NE(read_file("Iterates").find("Max. no. of iterates reached - not converged !\n"), std::string::npos);
     EXPECT_NE(screen_text().find("*** AIREML : No convergence"), std::string::npos);
@@ -199,7 +199,7 @@ TEST_F(driver_test, AverageInformationTellsHowItEnds) {
 }
 
 // The first iterate that meets a test is the last one.
-TEST_F(driver_test, LimitOnTheChangeIsThatOfTheLastIterateAlone) {
+TEST_F(driver_test, limit_on_the_change_is_that_of_the_last_iterate_alone) {
     for (const double limit : {0.3, 1.0e-3, 1.0e-7}) {
         new_analysis();
         for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
@@ -217,7 +217,7 @@ TEST_F(driver_test, LimitOnTheChangeIsThatOfTheLastIterateAlone) {
     }
 }
 
-TEST_F(driver_test, LimitOnTheGradientIsThatOfTheLastIterateAlone) {
+TEST_F(driver_test, limit_on_the_gradient_is_that_of_the_last_iterate_alone) {
     for (const double limit : {5.0, 0.05, 1.0e-4}) {
         new_analysis();
         for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
@@ -232,7 +232,7 @@ TEST_F(driver_test, LimitOnTheGradientIsThatOfTheLastIterateAlone) {
     }
 }
 
-TEST_F(driver_test, RoundsOfCorrelatedEffectsAreLabelledAsPlainOnes) {
+TEST_F(driver_test, rounds_of_correlated_effects_are_labelled_as_plain_ones) {
     small_model m = animal_model(1, {1.3}, {2.1});
     m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
     set_up(m, {"--pxem"});
@@ -244,7 +244,7 @@ TEST_F(driver_test, RoundsOfCorrelatedEffectsAreLabelledAsPlainOnes) {
     EXPECT_TRUE(search_state.method.aireml);
 }
 
-TEST_F(driver_test, SearchWithoutAGainTellsSo) {
+TEST_F(driver_test, search_without_a_gain_tells_so) {
     set_up(families(1), {"--aireml200"});
     maximise.aiconv_like = maximise.aiconv_norm = -1.0; // on until rounding decides
     get_estimates();
@@ -255,7 +255,7 @@ TEST_F(driver_test, SearchWithoutAGainTellsSo) {
     EXPECT_TRUE(search_state.saverr_ready);
 }
 
-TEST_F(driver_test, PointThatCannotBeStoredStopsTheSearch) {
+TEST_F(driver_test, point_that_cannot_be_stored_stops_the_search) {
     set_up(families(1), {"--aireml"});
     std::filesystem::create_directory("BestPoint"); // cannot be written
     EXPECT_STOP(get_estimates(), "Cannot write file \"BestPoint\"\n");
@@ -263,7 +263,7 @@ TEST_F(driver_test, PointThatCannotBeStoredStopsTheSearch) {
     EXPECT_FALSE(search_state.saverr_ready);
 }
 
-TEST_F(driver_test, StepsAreListed) {
+TEST_F(driver_test, steps_are_listed) {
     set_up(families(1), {"--aireml1", "-v"});
     get_estimates();
     EXPECT_EQ(count(screen_text(), "CHOL A 1 1   Old ="), 2); // the trial and the step taken
@@ -271,7 +271,7 @@ TEST_F(driver_test, StepsAreListed) {
     EXPECT_NE(screen_text().find(" Estimates for \"tau\" = "), std::string::npos);
 }
 
-TEST_F(driver_test, ContinuedRunGoesOnByAverageInformation) {
+TEST_F(driver_test, continued_run_goes_on_by_average_information) {
     set_up(many_parameters(), {"--pxai2,1"});
     get_estimates();
     const double x = bestpoint.xbest;
@@ -283,7 +283,7 @@ TEST_F(driver_test, ContinuedRunGoesOnByAverageInformation) {
     EXPECT_NEAR(iterates()[0].logl, x, 1.0e-3);
 }
 
-TEST_F(driver_test, SearchByDirectionsLeavesNoInformation) {
+TEST_F(driver_test, search_by_directions_leaves_no_information) {
     set_up(families(1), {"--powell"});
     get_estimates();
     EXPECT_EQ(maximise.search_type, 3);
@@ -292,7 +292,7 @@ TEST_F(driver_test, SearchByDirectionsLeavesNoInformation) {
 }
 
 // A rebuild turns a block to logarithms by itself: its mark from the vector before must not do so again.
-TEST_F(driver_test, RebuiltBlockIsTurnedToLogarithmsOnce) {
+TEST_F(driver_test, rebuilt_block_is_turned_to_logarithms_once) {
     small_model m = families(2);
     m.random[0].g = {0.8, 0.2, 0.6};
     set_up(m, {"--aireml", "--reconst"});
@@ -314,7 +314,7 @@ TEST_F(driver_test, RebuiltBlockIsTurnedToLogarithmsOnce) {
     EXPECT_NEAR(iterates().at(0).logl - gain, before, 2.0e-3);
 }
 
-TEST_F(driver_test, SearchThatFailsInTheLastIterateAllowedSaysThatTheLimitIsReached) {
+TEST_F(driver_test, search_that_fails_in_the_last_iterate_allowed_says_that_the_limit_is_reached) {
     set_up(families(1), {"--aireml200"});
     maximise.aiconv_like = maximise.aiconv_norm = -1.0;
     get_estimates();
@@ -328,7 +328,7 @@ TEST_F(driver_test, SearchThatFailsInTheLastIterateAllowedSaysThatTheLimitIsReac
     EXPECT_NE(read_file("Iterates").find("Max. no. of iterates reached - not converged !\n"), std::string::npos);
 }
 
-TEST_F(driver_test, GoodStartTakesOneRoundAndBadOnesUpToEight) {
+TEST_F(driver_test, good_start_takes_one_round_and_bad_ones_up_to_eight) {
     run(many_parameters(), {"--good"});
     EXPECT_EQ(labels().substr(0, 3), "PPA");
     new_analysis();
@@ -344,7 +344,7 @@ TEST_F(driver_test, GoodStartTakesOneRoundAndBadOnesUpToEight) {
     EXPECT_TRUE(rounds == 8 || log[rounds].logl - log[rounds - 1].logl < 2.0);
 }
 
-TEST_F(driver_test, RunAtTheBorderEndsNormally) {
+TEST_F(driver_test, run_at_the_border_ends_normally) {
     small_model m = families(2, 90);
     for (auto& r : m.rows) r.y = {r.y[0] == -999.0 ? 10.0 : r.y[0], 0.0};
     for (auto& r : m.rows) r.y[1] = 1.5 * r.y[0] + 0.2 * ((r.animal * 37) % 11); // one genetic value for both traits
@@ -363,7 +363,7 @@ TEST_F(driver_test, RunAtTheBorderEndsNormally) {
     }
 }
 
-TEST_F(driver_test, StoredPointIsNotReadByIterateOfAFullRankRun) {
+TEST_F(driver_test, stored_point_is_not_read_by_iterate_of_a_full_rank_run) {
     set_up(families(1), {"--aireml"});
     EXPECT_FALSE(options.reconstruct);
     double x = program_logl(estimates.parvec, 1);
@@ -374,7 +374,7 @@ TEST_F(driver_test, StoredPointIsNotReadByIterateOfAFullRankRun) {
     EXPECT_EQ(bestpoint.xlike_file, invalid_logl);
 }
 
-TEST_F(driver_test, LastChangesAreKeptOldestFirst) {
+TEST_F(driver_test, last_changes_are_kept_oldest_first) {
     run(families(1), {"--aireml2"});
     const auto log = iterates();
     ASSERT_EQ(log.size(), 3u);
@@ -388,7 +388,7 @@ TEST_F(driver_test, LastChangesAreKeptOldestFirst) {
     EXPECT_LT(c[2][3], 0.0);
 }
 
-TEST_F(driver_test, CovarianceThatNoRecordTellsIsHeldOut) {
+TEST_F(driver_test, covariance_that_no_record_tells_is_held_out) {
     small_model m = families(2);
     for (auto& r : m.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
     run(m, {"--aireml"});
@@ -399,7 +399,7 @@ TEST_F(driver_test, CovarianceThatNoRecordTellsIsHeldOut) {
     EXPECT_EQ(best_covariances(0)[1], 0.0);
 }
 
-TEST_F(driver_test, NoIterateAllowedLeavesTheBestPoint) {
+TEST_F(driver_test, no_iterate_allowed_leaves_the_best_point) {
     set_up(families(1), {"--aireml"});
     maximise.ncycle = 1;
     double x = program_logl(estimates.parvec, 1);
@@ -414,7 +414,7 @@ TEST_F(driver_test, NoIterateAllowedLeavesTheBestPoint) {
     EXPECT_EQ(labels(), "A");
 }
 
-TEST_F(driver_test, RoundsOfNoneLeaveARecordOnly) {
+TEST_F(driver_test, rounds_of_none_leave_a_record_only) {
     set_up(families(1), {"--emalg"});
     double x = program_logl(estimates.parvec, 1);
     int iround = 0;
@@ -423,7 +423,7 @@ TEST_F(driver_test, RoundsOfNoneLeaveARecordOnly) {
     EXPECT_EQ(iround, 0);
 }
 
-TEST_F(driver_test, StalledSearchIsRescuedOnceWhenItGainsNothing) {
+TEST_F(driver_test, stalled_search_is_rescued_once_when_it_gains_nothing) {
     set_up(families(2), {"--emai1"});
     maximise.aireml_its = -1; // no iterate at all
     get_estimates();
@@ -432,14 +432,14 @@ TEST_F(driver_test, StalledSearchIsRescuedOnceWhenItGainsNothing) {
     EXPECT_FALSE(maximise.converged);
 }
 
-TEST_F(driver_test, StalledSearchIsRescuedWhileItGains) {
+TEST_F(driver_test, stalled_search_is_rescued_while_it_gains) {
     run(families(2), {"--emai1,1"});
     const std::string s = labels();
     EXPECT_EQ(s.substr(0, 7), "EEAEEEA") << s;
     EXPECT_TRUE(maximise.converged) << s;
 }
 
-TEST_F(driver_test, CyclesAreSilentAndRestoreTheExpansion) {
+TEST_F(driver_test, cycles_are_silent_and_restore_the_expansion) {
     set_up(families(2), {"--pxai1,1", "--cycle3"});
     ASSERT_EQ(maximise.ncycle, 3);
     maximise.aiconv_like = maximise.aiconv_norm = 0.0;
@@ -449,7 +449,7 @@ TEST_F(driver_test, CyclesAreSilentAndRestoreTheExpansion) {
     EXPECT_EQ(read_file("Iterates").find("not converged"), std::string::npos);
 }
 
-TEST_F(driver_test, FinalInformationBelongsToTheBestPoint) {
+TEST_F(driver_test, final_information_belongs_to_the_best_point) {
     run(families(2), {"--pxai2,60"});
     ASSERT_TRUE(search_state.saverr_ready);
     std::istringstream in(read_file(filenames.aiparsfile));
@@ -470,7 +470,7 @@ TEST_F(driver_test, FinalInformationBelongsToTheBestPoint) {
     EXPECT_EQ(derivs.nparm2, estimates.nparm);
 }
 
-TEST_F(driver_test, InvalidFirstPointStopsTheRun) {
+TEST_F(driver_test, invalid_first_point_stops_the_run) {
     set_up(repeats_with_peq(), {"--emalg"});
     estimates.parvec(1) = 1.0; // the sum of residual and repeat variance below the latter
     estimates.parvec(2) = 1.5;
@@ -479,12 +479,12 @@ TEST_F(driver_test, InvalidFirstPointStopsTheRun) {
     EXPECT_EQ(screen_text().find("unidentified dependency"), std::string::npos);
 }
 
-TEST_F(driver_test, InvalidFirstPointIsNamedByItsMatrix) {
+TEST_F(driver_test, invalid_first_point_is_named_by_its_matrix) {
     set_up(animal_model(2, {1.0, 0.0, 1.0e-7}, {2.1, 0.4, 1.9}), {"--aireml"});
     EXPECT_STOP(get_estimates(), "      Covariance matrix without an inverse at the starting values : \"animal\"\n");
 }
 
-TEST_F(driver_test, CovariancesHeldAtZeroAreToldByTheNamesOfTheirTraits) {
+TEST_F(driver_test, covariances_held_at_zero_are_told_by_the_names_of_their_traits) {
     set_up(animal_model(2, {1.3, 0.5, 1.8}, {2.1, 0.0, 1.9}), {"--aireml2"});
     clear_screen();
     get_estimates();
@@ -495,7 +495,7 @@ TEST_F(driver_test, CovariancesHeldAtZeroAreToldByTheNamesOfTheirTraits) {
     EXPECT_FALSE(model.trait(1).empty());
 }
 
-TEST_F(driver_test, StoredPointIsReplacedByABetterOneOnly) {
+TEST_F(driver_test, stored_point_is_replaced_by_a_better_one_only) {
     set_up(families(2), {"--aireml1"});
     get_estimates();
     const std::string stored = read_file("BestPoint");
@@ -514,7 +514,7 @@ TEST_F(driver_test, StoredPointIsReplacedByABetterOneOnly) {
     EXPECT_TRUE(std::filesystem::exists("BestPoint"));
 }
 
-TEST_F(driver_test, ExpandedRoundsGain) {
+TEST_F(driver_test, expanded_rounds_gain) {
     set_up(families(2), {"--pxem"});
     double x = program_logl(estimates.parvec, 1);
     int iround = 0;
@@ -525,7 +525,7 @@ TEST_F(driver_test, ExpandedRoundsGain) {
     EXPECT_GE(x, iterates()[0].logl);
 }
 
-TEST_F(driver_test, TraceWritesRoundsAndNumberedPoints) {
+TEST_F(driver_test, trace_writes_rounds_and_numbered_points) {
     set_up(families(1), {"--emalg12", "-zq"});
     get_estimates();
     EXPECT_NE(read_file("EMrounds").find("    1 "), std::string::npos);
@@ -533,7 +533,7 @@ TEST_F(driver_test, TraceWritesRoundsAndNumberedPoints) {
     EXPECT_FALSE(read_file("Estimates").empty());
 }
 
-TEST_F(driver_test, TraceOfAverageInformationAndItsTimes) {
+TEST_F(driver_test, trace_of_average_information_and_its_times) {
     set_up(families(1), {"--aireml3", "-zq", "--times"});
     get_estimates();
     EXPECT_EQ(count(read_file("AIiterates"), "\n"), static_cast<int>(iterates().size()));
@@ -544,7 +544,7 @@ TEST_F(driver_test, TraceOfAverageInformationAndItsTimes) {
 }
 
 // Steps that lose are taken where this is allowed; the run still ends at the best point.
-TEST_F(driver_test, LosingStepIsTakenWithoutTheStrictRule) {
+TEST_F(driver_test, losing_step_is_taken_without_the_strict_rule) {
     small_model m = families(1);
     m.random[0].g = {40.0};
     m.residual = {0.05};
@@ -564,7 +564,7 @@ TEST_F(driver_test, LosingStepIsTakenWithoutTheStrictRule) {
 }
 
 // A step that gains on the one before, but not on the best point, is no convergence.
-TEST_F(driver_test, StepBelowTheBestPointIsNoConvergence) {
+TEST_F(driver_test, step_below_the_best_point_is_no_convergence) {
     small_model m = families(1);
     m.random[0].g = {40.0};
     m.residual = {0.05};
@@ -587,7 +587,7 @@ TEST_F(driver_test, StepBelowTheBestPointIsNoConvergence) {
     EXPECT_EQ(maximise.converged, log.back().logl >= start);
 }
 
-TEST_F(driver_test, SecondOrderTermJoinsFromIterate222) {
+TEST_F(driver_test, second_order_term_joins_from_iterate_222) {
     for (int nits : {221, 222}) {
         new_analysis();
         for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
@@ -611,7 +611,7 @@ std::string form_for(double dd, double dnorm, double pnorm, double prox, int nca
     return {form[17], form[22], form[28], form[33]};
 }
 
-TEST(iterate_record_test, DecimalsFollowTheSize) {
+TEST(iterate_record_test, decimals_follow_the_size) {
     EXPECT_EQ(form_for(2000, 2000, 2000, 2000), "0020");
     EXPECT_EQ(form_for(200, 200, 200, -200), "1131");
     EXPECT_EQ(form_for(20, 20, 20, -20), "2242");

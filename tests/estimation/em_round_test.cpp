@@ -67,64 +67,64 @@ void expect_em_round(const small_model& m, residual_form form) {
     }
 }
 
-TEST_F(em_round_test, OneTrait) {
+TEST_F(em_round_test, one_trait) {
     const small_model m = animal_model(1, {1.3}, {2.1});
     set_up(m, {"--emalg"});
     ASSERT_EQ(estimates.paraform(0), par_scale::original);
     expect_em_round(m, residual_form::patterns);
 }
 
-TEST_F(em_round_test, OneTraitRepeatedRecordsTwoEffects) {
+TEST_F(em_round_test, one_trait_repeated_records_two_effects) {
     small_model m = animal_model(1, {1.3}, {2.1}, 0.0, 3, 20);
     m.random.push_back({"pe", "IDE", 1, 0, {0.7}});
     set_up(m, {"--emalg"});
     expect_em_round(m, residual_form::classes);
 }
 
-TEST_F(em_round_test, TwoTraitsWithMissingRecordsAndDams) {
+TEST_F(em_round_test, two_traits_with_missing_records_and_dams) {
     const small_model m = with_dams();
     set_up(m, {"--emalg"});
     expect_em_round(m, residual_form::patterns);
 }
 
-TEST_F(em_round_test, ThreeTraits) {
+TEST_F(em_round_test, three_traits) {
     small_model m = components(3);
     m.principal = false;
     set_up(m, {"--emalg"});
     expect_em_round(m, residual_form::patterns);
 }
 
-TEST_F(em_round_test, RepeatedRecordsOfTwoTraitsScoreTheResidual) {
+TEST_F(em_round_test, repeated_records_of_two_traits_score_the_residual) {
     const small_model m = animal_model(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}, 0.2, 2, 24);
     set_up(m, {"--emalg"});
     expect_em_round(m, residual_form::scoring);
 }
 
-TEST_F(em_round_test, RepeatEffectOfOneTrait) {
+TEST_F(em_round_test, repeat_effect_of_one_trait) {
     const small_model m = repeats_with_peq();
     set_up(m, {"--emalg"});
     expect_em_round(m, residual_form::scoring);
 }
 
-TEST_F(em_round_test, RepeatEffectOfTwoTraits) {
+TEST_F(em_round_test, repeat_effect_of_two_traits) {
     const small_model m = repeats_with_peq(2);
     set_up(m, {"--emalg"});
     expect_em_round(m, residual_form::scoring);
 }
 
-TEST_F(em_round_test, RandomRegressionOneClass) {
+TEST_F(em_round_test, random_regression_one_class) {
     const small_model m = growth(false);
     set_up(m, {"--emalg"});
     expect_em_round(m, residual_form::classes);
 }
 
-TEST_F(em_round_test, RandomRegressionClasses) {
+TEST_F(em_round_test, random_regression_classes) {
     const small_model m = growth(true);
     set_up(m, {"--emalg"});
     expect_em_round(m, residual_form::classes);
 }
 
-TEST_F(em_round_test, DiagonalBlockStaysDiagonal) {
+TEST_F(em_round_test, diagonal_block_stays_diagonal) {
     small_model m = with_dams();
     m.random[1] = {"dam", "IDE", 2, 0, {0.9, 0.8}, true};
     set_up(m, {"--emalg", "--nologd"});
@@ -161,14 +161,14 @@ void expect_held_maximiser(const small_model& m, const std::vector<std::pair<std
         }
 }
 
-TEST_F(em_round_test, TraitsNeverTogetherKeepAZeroCovariance) {
+TEST_F(em_round_test, traits_never_together_keep_a_zero_covariance) {
     small_model m = two_traits();
     for (auto& r : m.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
     set_up(m, {"--emalg"});
     expect_held_maximiser(m, {{0, 1}});
 }
 
-TEST_F(em_round_test, CovarianceGivenAsZeroIsLeftOutOfTheRound) {
+TEST_F(em_round_test, covariance_given_as_zero_is_left_out_of_the_round) {
     small_model m = components(3);
     m.principal = false;
     m.residual = {2.1, 0.0, 0.6, 1.9, 0.5, 1.5};
@@ -176,14 +176,14 @@ TEST_F(em_round_test, CovarianceGivenAsZeroIsLeftOutOfTheRound) {
     expect_held_maximiser(m, {{0, 1}});
 }
 
-TEST_F(em_round_test, TwoOfThreeTraitsAreNeverTogether) {
+TEST_F(em_round_test, two_of_three_traits_are_never_together) {
     small_model m = families(3, 120, 0.1);
     for (auto& r : m.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
     set_up(m, {"--emalg"});
     expect_held_maximiser(m, {{0, 1}});
 }
 
-TEST_F(em_round_test, RoundThatLosesIsTakenBackAndToldAndEndsTheRounds) {
+TEST_F(em_round_test, round_that_loses_is_taken_back_and_told_and_ends_the_rounds) {
     const small_model m = with_dams();
     set_up(m, {"--emalg"});
     double x = program_logl(estimates.parvec, 1);
@@ -202,14 +202,14 @@ TEST_F(em_round_test, RoundThatLosesIsTakenBackAndToldAndEndsTheRounds) {
     EXPECT_EQ(iterate_log.ended, "a round that lost log L");
 }
 
-TEST_F(em_round_test, CorrelatedEffectsShareAMatrix) {
+TEST_F(em_round_test, correlated_effects_share_a_matrix) {
     small_model m = animal_model(1, {1.3}, {2.1});
     m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
     set_up(m, {"--emalg"});
     expect_em_round(m, residual_form::patterns);
 }
 
-TEST_F(em_round_test, SireModel) {
+TEST_F(em_round_test, sire_model) {
     small_model m = animal_model(1, {1.3}, {2.1}, 0.0, 2);
     std::fill(m.dam.begin(), m.dam.end(), 0); // the rules for sires alone give the relationships of the pedigree
     m.sires = true;
@@ -217,13 +217,13 @@ TEST_F(em_round_test, SireModel) {
     expect_em_round(m, residual_form::classes);
 }
 
-TEST_F(em_round_test, SuppliedInverse) {
+TEST_F(em_round_test, supplied_inverse) {
     const small_model m = supplied(0);
     set_up_supplied(m, {"--emalg"});
     expect_em_round(m, residual_form::patterns);
 }
 
-TEST_F(em_round_test, LevelsTreatedAsFixedNeverLoseLikelihood) {
+TEST_F(em_round_test, levels_treated_as_fixed_never_lose_likelihood) {
     small_model m = families(1, 60);
     m.extra = "PSE 0.0\n animal 20\n animal 33\nEND\n";
     set_up(m, {"--emalg"});
@@ -237,7 +237,7 @@ TEST_F(em_round_test, LevelsTreatedAsFixedNeverLoseLikelihood) {
 
 // ---- expansion
 
-TEST_F(em_round_test, ExpansionOfOneTraitIsAScalar) {
+TEST_F(em_round_test, expansion_of_one_trait_is_a_scalar) {
     const small_model m = animal_model(1, {1.3}, {2.1});
     set_up(m, {"--pxem"});
     ASSERT_TRUE(search_state.method.pxem);
@@ -248,7 +248,7 @@ TEST_F(em_round_test, ExpansionOfOneTraitIsAScalar) {
     expect_matrix(point_at(m, estimates.parvec).g[0], want, "expanded");
 }
 
-TEST_F(em_round_test, ExpansionsOfTwoEffectsAreSolvedApart) {
+TEST_F(em_round_test, expansions_of_two_effects_are_solved_apart) {
     const small_model m = with_dams();
     set_up(m, {"--pxem"});
     const before_round b(m);
@@ -263,7 +263,7 @@ TEST_F(em_round_test, ExpansionsOfTwoEffectsAreSolvedApart) {
     expect_matrix(after.r[0], r, "residual");
 }
 
-TEST_F(em_round_test, ExpansionOfRandomRegressions) {
+TEST_F(em_round_test, expansion_of_random_regressions) {
     const small_model m = growth(true);
     set_up(m, {"--pxem"});
     const before_round b(m);
@@ -276,7 +276,7 @@ TEST_F(em_round_test, ExpansionOfRandomRegressions) {
     expect_matrix(after.g[1], g2, "repeats");
 }
 
-TEST_F(em_round_test, ExpansionWithASuppliedInverse) {
+TEST_F(em_round_test, expansion_with_a_supplied_inverse) {
     const small_model m = supplied(0);
     set_up_supplied(m, {"--pxem"});
     const before_round b(m);
@@ -286,7 +286,7 @@ TEST_F(em_round_test, ExpansionWithASuppliedInverse) {
     expect_matrix(point_at(m, estimates.parvec).g[0], g, "expanded");
 }
 
-TEST_F(em_round_test, ExpandedRoundsListWhatTheyDo) {
+TEST_F(em_round_test, expanded_rounds_list_what_they_do) {
     set_up(two_traits(), {"--pxem", "-d"});
     em_rounds(1);
     const std::string text = screen_text();
@@ -327,18 +327,18 @@ void expect_taken_back(const small_model& m, const std::string& told) {
     for (std::size_t k = 0; k < plain.size(); ++k) expect_matrix(got[k], plain[k], told.c_str(), 1.0e-8);
 }
 
-TEST_F(em_round_test, ExpandedRoundIsTakenBack) {
+TEST_F(em_round_test, expanded_round_is_taken_back) {
     expect_taken_back(with_dams(), "full rank");
     EXPECT_NE(screen_text().find("switch to EM algorithm !  "), std::string::npos);
 }
-TEST_F(em_round_test, ExpandedRoundOfRandomRegressionsIsTakenBack) {
+TEST_F(em_round_test, expanded_round_of_random_regressions_is_taken_back) {
     expect_taken_back(growth(false), "random regression");
 }
-TEST_F(em_round_test, ExpandedRoundOfReducedRankIsTakenBack) {
+TEST_F(em_round_test, expanded_round_of_reduced_rank_is_taken_back) {
     expect_taken_back(components(2), "components");
     EXPECT_NE(screen_text().find("switch to EM algorithm !  "), std::string::npos);
 }
-TEST_F(em_round_test, ExpandedRoundOfReducedRankWithLogarithmsIsTakenBack) {
+TEST_F(em_round_test, expanded_round_of_reduced_rank_with_logarithms_is_taken_back) {
     small_model m = components(2);
     m.random[0].g = {0.3, 0.05, 0.02, 0.35, 0.03, 0.31}; // the order of the pivots moves with the first round
     expect_taken_back(m, "components on logarithms");
@@ -394,27 +394,27 @@ void expect_principal_round(const small_model& m, const std::vector<std::size_t>
     }
 }
 
-TEST_F(em_round_test, FullRankComponentsTakeTheOrdinaryRound) {
+TEST_F(em_round_test, full_rank_components_take_the_ordinary_round) {
     const small_model m = components(3);
     set_up(m, {"--emalg"});
     ASSERT_TRUE(options.principal);
     expect_em_round(m, residual_form::patterns);
 }
 
-TEST_F(em_round_test, ReducedRankMovesTheLoadings) {
+TEST_F(em_round_test, reduced_rank_moves_the_loadings) {
     const small_model m = components(2);
     set_up(m, {"--emalg"});
     expect_principal_round(m, {0}, false);
 }
 
-TEST_F(em_round_test, ReducedRankWithASecondFullRankEffect) {
+TEST_F(em_round_test, reduced_rank_with_a_second_full_rank_effect) {
     small_model m = components(1);
     m.random.push_back({"dam", "IDE", 3, 3, {0.9, 0.1, 0.0, 0.8, 0.1, 0.7}});
     set_up(m, {"--emalg"});
     expect_principal_round(m, {0}, false);
 }
 
-TEST_F(em_round_test, ReducedRankWithExpansion) {
+TEST_F(em_round_test, reduced_rank_with_expansion) {
     const small_model m = components(2);
     set_up(m, {"--pxem"});
     ASSERT_TRUE(search_state.method.pxem);
@@ -422,13 +422,13 @@ TEST_F(em_round_test, ReducedRankWithExpansion) {
     EXPECT_TRUE(search_state.method.pxem);
 }
 
-TEST_F(em_round_test, ReducedRankRandomRegressionWithExpansionOfBothEffects) {
+TEST_F(em_round_test, reduced_rank_random_regression_with_expansion_of_both_effects) {
     const small_model m = growth(true, true);
     set_up(m, {"--pxem"});
     expect_principal_round(m, {0, 1}, true);
 }
 
-TEST_F(em_round_test, ReducedRankWithASuppliedInverse) {
+TEST_F(em_round_test, reduced_rank_with_a_supplied_inverse) {
     const small_model m = supplied(2);
     set_up_supplied(m, {"--emalg"});
     expect_principal_round(m, {0}, false);

@@ -52,7 +52,7 @@ protected:
     }
 };
 
-TEST_F(expansion_test, SolvesItsSystem) {
+TEST_F(expansion_test, solves_its_system) {
     set_up(two_traits(), {"--pxem"});
     program_logl(estimates.parvec, 1);
     const double nlev = effective_levels(1);
@@ -66,7 +66,7 @@ TEST_F(expansion_test, SolvesItsSystem) {
         for (int j = 1; j <= 2; ++j) EXPECT_NEAR(alpha(i, j), i == j ? 1.0 : 0.0, 1.0e-12);
 }
 
-TEST_F(expansion_test, LargeDeviationsAreDropped) {
+TEST_F(expansion_test, large_deviations_are_dropped) {
     set_up(two_traits(), {"--pxem", "-v"});
     program_logl(estimates.parvec, 1);
     const double nlev = effective_levels(1);
@@ -85,7 +85,7 @@ TEST_F(expansion_test, LargeDeviationsAreDropped) {
               std::string::npos);
 }
 
-TEST_F(expansion_test, SingularSystemStopsTheRun) {
+TEST_F(expansion_test, singular_system_stops_the_run) {
     set_up(two_traits(), {"--pxem"});
     program_logl(estimates.parvec, 1);
     em_quantities q = quantities(deviation(0.3), 2, 1.0);
@@ -94,7 +94,7 @@ TEST_F(expansion_test, SingularSystemStopsTheRun) {
     EXPECT_STOP(pxem_solve(1, q, alpha), "\"INVVRT\" : matrix is singular\nexit");
 }
 
-TEST_F(expansion_test, DiagonalBlockHasADiagonalExpansion) {
+TEST_F(expansion_test, diagonal_block_has_a_diagonal_expansion) {
     small_model m = two_traits();
     m.random[0] = {"animal", "NRM", 2, 0, {1.3, 1.8}, true};
     set_up(m, {"--pxem", "--nologd"});
@@ -106,7 +106,7 @@ TEST_F(expansion_test, DiagonalBlockHasADiagonalExpansion) {
     EXPECT_EQ(alpha(2, 1), 0.0);
 }
 
-TEST_F(expansion_test, SmallEigenvaluesAreRaisedUpToTheRank) {
+TEST_F(expansion_test, small_eigenvalues_are_raised_up_to_the_rank) {
     array<double, 2> g;
     g.allocate(3, 3);
     for (int i = 1; i <= 3; ++i)
@@ -126,7 +126,7 @@ TEST_F(expansion_test, SmallEigenvaluesAreRaisedUpToTheRank) {
         for (int j = 1; j <= 3; ++j) EXPECT_EQ(one(i, j), 1.0);
 }
 
-TEST_F(expansion_test, EndsWhenItNoLongerMatters) {
+TEST_F(expansion_test, ends_when_it_no_longer_matters) {
     small_model m = families(3, 80);
     m.principal = true;
     m.random[0].rank = 2;
@@ -142,7 +142,7 @@ TEST_F(expansion_test, EndsWhenItNoLongerMatters) {
     EXPECT_EQ(pxempc.skippx, 1);
 }
 
-TEST_F(expansion_test, RoundsMayEndByTheChangeOfParameters) {
+TEST_F(expansion_test, rounds_may_end_by_the_change_of_parameters) {
     set_up(families(1), {"--pxem", "-v"});
     maximise.emconv_like = -1.0;
     double x = program_logl(estimates.parvec, 1);

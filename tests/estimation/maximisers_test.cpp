@@ -34,24 +34,26 @@ void expect_no_loss(const std::vector<double>& x) {
     EXPECT_GT(x.back(), x.front());
 }
 
-TEST_F(maximisers_test, NoLossInRoundsOfTwoEffects) { expect_no_loss(rounds(with_dams(), "--emalg", 50)); }
-TEST_F(maximisers_test, NoLossInRoundsOfFamilies) { expect_no_loss(rounds(families(3), "--emalg", 50)); }
-TEST_F(maximisers_test, NoLossInRoundsOfRepeatEffect) { expect_no_loss(rounds(repeats_with_peq(), "--emalg", 50)); }
-TEST_F(maximisers_test, NoLossInRoundsOfRepeatEffectOfTwoTraits) {
+TEST_F(maximisers_test, no_loss_in_rounds_of_two_effects) { expect_no_loss(rounds(with_dams(), "--emalg", 50)); }
+TEST_F(maximisers_test, no_loss_in_rounds_of_families) { expect_no_loss(rounds(families(3), "--emalg", 50)); }
+TEST_F(maximisers_test, no_loss_in_rounds_of_repeat_effect) {
+    expect_no_loss(rounds(repeats_with_peq(), "--emalg", 50));
+}
+TEST_F(maximisers_test, no_loss_in_rounds_of_repeat_effect_of_two_traits) {
     expect_no_loss(rounds(repeats_with_peq(2), "--emalg", 50));
 }
-TEST_F(maximisers_test, NoLossInRoundsWithACovarianceHeldAtZero) {
+TEST_F(maximisers_test, no_loss_in_rounds_with_a_covariance_held_at_zero) {
     small_model m = families(3, 120, 0.3);
     m.residual = {1.5, 0.0, 0.6, 1.5, 0.6, 1.5};
     expect_no_loss(rounds(m, "--emalg", 40));
 }
-TEST_F(maximisers_test, NoLossInRoundsOfTraitsNeverTogether) {
+TEST_F(maximisers_test, no_loss_in_rounds_of_traits_never_together) {
     small_model m = families(3, 120, 0.1);
     for (auto& r : m.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
     expect_no_loss(rounds(m, "--emalg", 40));
 }
 // The records know the covariance of two traits only as a sum of both matrices.
-TEST_F(maximisers_test, RepeatAndResidualMatrixStayPositiveDefiniteInRounds) {
+TEST_F(maximisers_test, repeat_and_residual_matrix_stay_positive_definite_in_rounds) {
     small_model m = families(2, 80, 0.0, 2);
     std::mt19937 rng(3);
     std::normal_distribution<double> normal;
@@ -77,16 +79,20 @@ TEST_F(maximisers_test, RepeatAndResidualMatrixStayPositiveDefiniteInRounds) {
         }
     }
 }
-TEST_F(maximisers_test, NoLossInRoundsOfRepeatedTraits) {
+TEST_F(maximisers_test, no_loss_in_rounds_of_repeated_traits) {
     expect_no_loss(rounds(families(2, 80, 0.2, 2), "--emalg", 50));
 }
-TEST_F(maximisers_test, NoLossInRoundsOfRandomRegressions) { expect_no_loss(rounds(growth(true), "--emalg", 50)); }
-TEST_F(maximisers_test, NoLossInRoundsOfReducedRank) { expect_no_loss(rounds(components(2), "--emalg", 50)); }
-TEST_F(maximisers_test, NoLossInRoundsOfReducedRankRandomRegressions) {
+TEST_F(maximisers_test, no_loss_in_rounds_of_random_regressions) {
+    expect_no_loss(rounds(growth(true), "--emalg", 50));
+}
+TEST_F(maximisers_test, no_loss_in_rounds_of_reduced_rank) { expect_no_loss(rounds(components(2), "--emalg", 50)); }
+TEST_F(maximisers_test, no_loss_in_rounds_of_reduced_rank_random_regressions) {
     expect_no_loss(rounds(growth(true, true), "--emalg", 50));
 }
-TEST_F(maximisers_test, NoLossInExpandedRounds) { expect_no_loss(rounds(families(2), "--pxem", 50)); }
-TEST_F(maximisers_test, NoLossInExpandedRoundsOfReducedRank) { expect_no_loss(rounds(components(2), "--pxem", 50)); }
+TEST_F(maximisers_test, no_loss_in_expanded_rounds) { expect_no_loss(rounds(families(2), "--pxem", 50)); }
+TEST_F(maximisers_test, no_loss_in_expanded_rounds_of_reduced_rank) {
+    expect_no_loss(rounds(components(2), "--pxem", 50));
+}
 
 // ---- one maximum
 
@@ -125,7 +131,7 @@ void expect_one_maximum(const small_model& m, const std::vector<std::vector<std:
     }
 }
 
-TEST_F(maximisers_test, OneMaximumForOneTrait) {
+TEST_F(maximisers_test, one_maximum_for_one_trait) {
     expect_one_maximum(families(1), {{"--emalg"},
                                      {"--pxem"},
                                      {"--emai4,100"},
@@ -139,18 +145,18 @@ TEST_F(maximisers_test, OneMaximumForOneTrait) {
                                      {"--modaim4"},
                                      {"--sure"}});
 }
-TEST_F(maximisers_test, OneMaximumForTwoTraits) {
+TEST_F(maximisers_test, one_maximum_for_two_traits) {
     expect_one_maximum(families(2),
                        {{"--emalg"}, {"--pxem"}, {"--emai4,100"}, {"--pxai4,100"}, {"--cycle3"}, {"--sure"}});
 }
-TEST_F(maximisers_test, OneMaximumForRepeatEffects) {
+TEST_F(maximisers_test, one_maximum_for_repeat_effects) {
     small_model m = families(1, 90, 0.0, 3);
     m.random.push_back({"pe", "PEQ", 1, 0, {0.3}});
     expect_one_maximum(m, {{"--emalg"}, {"--pxem"}, {"--pxai4,100"}, {"--sure"}});
     m.random[1].kov = "IDE";
     expect_one_maximum(m, {{"--emalg"}, {"--pxem"}, {"--pxai4,100"}, {"--sure"}});
 }
-TEST_F(maximisers_test, ExpandedRoundsAreNoMoreThanPlainOnes) {
+TEST_F(maximisers_test, expanded_rounds_are_no_more_than_plain_ones) {
     for (int nq : {1, 2}) {
         const maximum em = run(families(nq), {"--emalg"}), px = run(families(nq), {"--pxem"});
         EXPECT_LE(px.records, em.records) << nq;
@@ -158,7 +164,7 @@ TEST_F(maximisers_test, ExpandedRoundsAreNoMoreThanPlainOnes) {
     }
 }
 
-TEST_F(maximisers_test, ComponentsOfFullRankAreTheOrdinaryFit) {
+TEST_F(maximisers_test, components_of_full_rank_are_the_ordinary_fit) {
     small_model m = families(3, 150);
     const maximum want = run(m, {"--aireml200"});
     m.principal = true;
@@ -173,7 +179,7 @@ TEST_F(maximisers_test, ComponentsOfFullRankAreTheOrdinaryFit) {
     }
 }
 
-TEST_F(maximisers_test, OneMaximumForTwoComponentsOfThree) {
+TEST_F(maximisers_test, one_maximum_for_two_components_of_three) {
     small_model m = families(3, 80);
     m.principal = true;
     m.random[0].rank = 2;
@@ -185,7 +191,7 @@ TEST_F(maximisers_test, OneMaximumForTwoComponentsOfThree) {
     }
 }
 
-TEST_F(maximisers_test, OneComponentTurnsToTheMaximumFromAWrongDirection) {
+TEST_F(maximisers_test, one_component_turns_to_the_maximum_from_a_wrong_direction) {
     small_model m = families(2);
     m.principal = true;
     m.random[0].rank = 1;
@@ -197,7 +203,7 @@ TEST_F(maximisers_test, OneComponentTurnsToTheMaximumFromAWrongDirection) {
     }
 }
 
-TEST_F(maximisers_test, SearchByDirectionsComesNearTheMaximum) {
+TEST_F(maximisers_test, search_by_directions_comes_near_the_maximum) {
     small_model m = families(2);
     const maximum ai = run(m, {"--aireml200"});
     m.random[0].g = {4.0, 0.1, 4.0};
@@ -216,7 +222,7 @@ TEST_F(maximisers_test, SearchByDirectionsComesNearTheMaximum) {
     EXPECT_GT(change[change.size() - 2], -0.002) << "a small gain ends the search only along fresh directions";
 }
 
-TEST_F(maximisers_test, DiagonalBlockReachesTheMaximumOfVariances) {
+TEST_F(maximisers_test, diagonal_block_reaches_the_maximum_of_variances) {
     small_model m = families(2);
     m.random[0] = {"animal", "NRM", 2, 0, {0.8, 0.8}, true};
     const maximum ai = run(m, {"--aireml200"});

@@ -21,7 +21,7 @@
 namespace tarvex {
 namespace {
 
-TEST(tau_test, FollowsTheEigenvalues) {
+TEST(tau_test, follows_the_eigenvalues) {
     EXPECT_EQ(set_tau(100, 0.5), 0.0);
     EXPECT_NEAR(set_tau(100, 0.0005), 0.001, 1.0e-15);
     EXPECT_NEAR(set_tau(12999, 0.01), 0.0571956, 1.0e-9);
@@ -68,7 +68,7 @@ protected:
     double xold = 0.0, xnew = 0.0;
 };
 
-TEST_F(step_test, AllMethodsTakeTheNewtonStepOfASafeMatrix) {
+TEST_F(step_test, all_methods_take_the_newton_step_of_a_safe_matrix) {
     start(families(1));
     for (int method = 0; method <= 4; ++method) {
         maximise.modify_chol = method;
@@ -83,7 +83,7 @@ TEST_F(step_test, AllMethodsTakeTheNewtonStepOfASafeMatrix) {
     }
 }
 
-TEST_F(step_test, NegativeEigenvalueRaisesTau) {
+TEST_F(step_test, negative_eigenvalue_raises_tau) {
     start(families(1));
     maximise.modify_chol = 2;
     quadratic({2.0, 0.0, -0.5}, {0.1, 0.01});
@@ -97,7 +97,7 @@ TEST_F(step_test, NegativeEigenvalueRaisesTau) {
     EXPECT_NEAR(derivs.dvec(2), 1.0e-6 / 0.001, 1.0e-10);
 }
 
-TEST_F(step_test, MatrixWithoutInformationEnds) {
+TEST_F(step_test, matrix_without_information_ends) {
     start(families(1));
     for (int method : {0, 1, 2}) {
         maximise.modify_chol = method;
@@ -109,7 +109,7 @@ TEST_F(step_test, MatrixWithoutInformationEnds) {
     }
 }
 
-TEST_F(step_test, OneParameterWithoutInformationStays) {
+TEST_F(step_test, one_parameter_without_information_stays) {
     start(families(1));
     maximise.modify_chol = 0;
     estimates.parvec(2) = 0.0;
@@ -123,7 +123,7 @@ TEST_F(step_test, OneParameterWithoutInformationStays) {
     EXPECT_EQ(xnew, program_logl(estimates.parvec));
 }
 
-TEST_F(step_test, LargePredictedGainsAreHalved) {
+TEST_F(step_test, large_predicted_gains_are_halved) {
     start(families(1), {"--aireml", "--logdia"});
     maximise.modify_chol = 0;
     quadratic({1.0e6, 0.0, 1.0e6}, {2.0e5, 0.0}); // predicted 40000
@@ -132,7 +132,7 @@ TEST_F(step_test, LargePredictedGainsAreHalved) {
     EXPECT_NEAR(derivs.dvec(1), 0.05, 1.0e-10);
 }
 
-TEST_F(step_test, OutlyingElementIsCutByTheModifiedFactorisations) {
+TEST_F(step_test, outlying_element_is_cut_by_the_modified_factorisations) {
     start(families(1), {"--aireml", "--logdia"});
     maximise.modify_chol = 4;
     quadratic({1.0, 0.0, 1.0}, {0.26, 0.01});
@@ -141,7 +141,7 @@ TEST_F(step_test, OutlyingElementIsCutByTheModifiedFactorisations) {
     EXPECT_NEAR(derivs.dvec(2), 0.01, 1.0e-10);
 }
 
-TEST_F(step_test, RatioOf25DecidesWhatSticksOut) {
+TEST_F(step_test, ratio_of_25_decides_what_sticks_out) {
     start(families(1), {"--aireml", "--logdia"});
     maximise.modify_chol = 4;
     quadratic({1.0, 0.0, 1.0}, {0.249, 0.01});
@@ -153,7 +153,7 @@ TEST_F(step_test, RatioOf25DecidesWhatSticksOut) {
 }
 
 // A matrix with a negative eigenvalue: 4 takes it by its magnitude, 3 makes it positive, and steps far.
-TEST_F(step_test, FactorisationsDifferWhereTheMatrixIsIndefinite) {
+TEST_F(step_test, factorisations_differ_where_the_matrix_is_indefinite) {
     start(families(1), {"--aireml", "--logdia"});
     maximise.modify_chol = 4;
     quadratic({2.0, 0.0, -0.5}, {0.1, 0.1});
@@ -169,7 +169,7 @@ TEST_F(step_test, FactorisationsDifferWhereTheMatrixIsIndefinite) {
 }
 
 // Short of rank: tau is added again until it is not. Eigenvalues 2, 1 and -3e-4 with tau 0.001 at first.
-TEST_F(step_test, InformationShortOfRankGetsMoreOnItsDiagonal) {
+TEST_F(step_test, information_short_of_rank_gets_more_on_its_diagonal) {
     start(families(1));
     maximise.modify_chol = 2;
     quadratic({2.0, 0.0, 0.0005}, {0.1, 0.001});
@@ -179,7 +179,7 @@ TEST_F(step_test, InformationShortOfRankGetsMoreOnItsDiagonal) {
     EXPECT_NEAR(derivs.dvec(2), 0.001 / (0.0005 + aireml_terms.tau), 1.0e-6);
 }
 
-TEST_F(step_test, ResidualCovariancesStayPositiveDefinite) {
+TEST_F(step_test, residual_covariances_stay_positive_definite) {
     start(two_traits());
     options.emalgorithm = true;
     covs2parvec();
@@ -194,7 +194,7 @@ TEST_F(step_test, ResidualCovariancesStayPositiveDefinite) {
 }
 
 // Log L is flat where the residual matrix of a point has been made positive definite: the search must not go on there.
-TEST_F(step_test, ResidualCovariancesStayPositiveDefiniteInTheSearch) {
+TEST_F(step_test, residual_covariances_stay_positive_definite_in_the_search) {
     small_model m = two_traits();
     m.random[0].g = {30.0, 5.0, 30.0};
     m.residual = {1000.0, 1.0, 1000.0}; // better without any
@@ -214,7 +214,7 @@ TEST_F(step_test, ResidualCovariancesStayPositiveDefiniteInTheSearch) {
     EXPECT_NEAR(xnew, program_logl(search_state.parnew), 1.0e-9 * std::fabs(xnew));
 }
 
-TEST_F(step_test, CovarianceHeldAtZeroStaysSoWhereTheStepIsControlled) {
+TEST_F(step_test, covariance_held_at_zero_stays_so_where_the_step_is_controlled) {
     small_model m = components(3);
     m.principal = false;
     for (auto& r : m.rows) r.y[r.animal % 2 ? 1 : 2] = -999.0;
@@ -235,7 +235,7 @@ TEST_F(step_test, CovarianceHeldAtZeroStaysSoWhereTheStepIsControlled) {
     EXPECT_GT(xnew, invalid_logl);
 }
 
-TEST_F(step_test, SearchBringsBackALongStep) {
+TEST_F(step_test, search_brings_back_a_long_step) {
     start(families(1));
     real_derivatives();
     maximise.modify_chol = 0;
@@ -292,7 +292,7 @@ template <class F> searched search_by_hand(const F& f, double f0, double slope) 
     return s;
 }
 
-TEST_F(step_test, LengthsOfTheSearchAreThoseOfParabolaAndCubics) {
+TEST_F(step_test, lengths_of_the_search_are_those_of_parabola_and_cubics) {
     small_model m = families(1);
     m.random[0].g = {0.3};
     start(m, {"--aireml", "--nologd"});
@@ -326,7 +326,7 @@ TEST_F(step_test, LengthsOfTheSearchAreThoseOfParabolaAndCubics) {
     EXPECT_GT(inside, 0) << "no cubic has decided";
 }
 
-TEST_F(step_test, SearchDownhillFailsAfterSevenTries) {
+TEST_F(step_test, search_downhill_fails_after_seven_tries) {
     start(families(1));
     real_derivatives();
     derivs.dvec.allocate(2);
@@ -342,7 +342,7 @@ TEST_F(step_test, SearchDownhillFailsAfterSevenTries) {
     EXPECT_NE(screen_text().find("line search failed"), std::string::npos);
 }
 
-TEST_F(step_test, SearchShortensTheStepUntilThePointIsValid) {
+TEST_F(step_test, search_shortens_the_step_until_the_point_is_valid) {
     start(repeats_with_peq(), {"--aireml"});
     options.emalgorithm = true;
     covs2parvec();
@@ -366,7 +366,7 @@ TEST_F(step_test, SearchShortensTheStepUntilThePointIsValid) {
     EXPECT_LT(aireml_terms.alpha, 0.81);
 }
 
-TEST_F(step_test, SearchWithoutAStepFailsAtOnce) {
+TEST_F(step_test, search_without_a_step_fails_at_once) {
     start(families(1));
     real_derivatives();
     derivs.dvec.allocate(2);
@@ -377,7 +377,7 @@ TEST_F(step_test, SearchWithoutAStepFailsAtOnce) {
     EXPECT_TRUE(fail);
 }
 
-TEST_F(step_test, RankCheckHoldsOutZerosOnly) {
+TEST_F(step_test, rank_check_holds_out_zeros_only) {
     start(two_traits());
     std::vector<double> h(21, 0.0);
     const auto set = [&](int i, int j, double x) { h[static_cast<std::size_t>(ihmssf(i, j, 6) - 1)] = x; };
@@ -398,7 +398,7 @@ TEST_F(step_test, RankCheckHoldsOutZerosOnly) {
 
 // ---- search by directions
 
-TEST_F(step_test, NothingIsSearchedWithoutParameters) {
+TEST_F(step_test, nothing_is_searched_without_parameters) {
     start(families(1), {"--powell"});
     const array<double> p = estimates.parvec;
     estimates.ispar.fill(0);
@@ -412,7 +412,7 @@ TEST_F(step_test, NothingIsSearchedWithoutParameters) {
     EXPECT_NE(screen_text().find(" log l = "), std::string::npos);
 }
 
-TEST_F(step_test, HeldParametersKeepTheirValues) {
+TEST_F(step_test, held_parameters_keep_their_values) {
     start(families(1), {"--powell"});
     const double held = estimates.parvec(1);
     estimates.ispar(1) = 0;
@@ -424,7 +424,7 @@ TEST_F(step_test, HeldParametersKeepTheirValues) {
     EXPECT_EQ(flag, 1);
 }
 
-TEST_F(step_test, FlatDirectionIsToldAndPassedOver) {
+TEST_F(step_test, flat_direction_is_told_and_passed_over) {
     small_model m = families(1);
     m.random.push_back({"dam", "IDE", 1, 0, {0.3}});
     start(m, {"--powell", "--logdia", "--zero12"});
@@ -440,7 +440,7 @@ TEST_F(step_test, FlatDirectionIsToldAndPassedOver) {
     EXPECT_EQ(flag, 1);
 }
 
-TEST_F(step_test, ContinuedSearchByDirectionsStartsFromTheValueOfItsPoint) {
+TEST_F(step_test, continued_search_by_directions_starts_from_the_value_of_its_point) {
     start(families(1), {"--powell"});
     options.continew = true;
     bestpoint.xlike_file = xold + 50.0; // of another scale of the parameters
@@ -452,7 +452,7 @@ TEST_F(step_test, ContinuedSearchByDirectionsStartsFromTheValueOfItsPoint) {
     EXPECT_EQ(flag, 1);
 }
 
-TEST_F(step_test, InvalidStartStopsTheSearch) {
+TEST_F(step_test, invalid_start_stops_the_search) {
     start(repeats_with_peq(), {"--powell"});
     options.emalgorithm = true;
     covs2parvec();
@@ -464,7 +464,7 @@ TEST_F(step_test, InvalidStartStopsTheSearch) {
                 "Routine \"POWELL\" : Invalid starting point \nexit");
 }
 
-TEST_F(step_test, ChangeOfParametersIsReportedInPercent) {
+TEST_F(step_test, change_of_parameters_is_reported_in_percent) {
     start(families(1), {"--powell1"});
     const array<double> p = estimates.parvec;
     double xbest = 0.0;
@@ -479,7 +479,7 @@ TEST_F(step_test, ChangeOfParametersIsReportedInPercent) {
     EXPECT_NEAR(std::stod(log.substr(at + 3)), 100.0 * most, 0.01 * most * 100.0);
 }
 
-TEST_F(step_test, NumbersBehindTheSearchByDirectionsLimitRoundsAndScaleSteps) {
+TEST_F(step_test, numbers_behind_the_search_by_directions_limit_rounds_and_scale_steps) {
     double first[2] = {0.0, 0.0};
     for (const int k : {0, 1}) {
         start(families(2), {k == 0 ? "--powell1" : "--powell1,0.02"});
@@ -499,7 +499,7 @@ TEST_F(step_test, NumbersBehindTheSearchByDirectionsLimitRoundsAndScaleSteps) {
     EXPECT_NE(first[0], first[1]);
 }
 
-TEST_F(step_test, RoundsOfTheSearchAreTold) {
+TEST_F(step_test, rounds_of_the_search_are_told) {
     start(families(1), {"--powell"});
     double xbest = 0.0;
     int flag = 0, count = 0;

@@ -27,7 +27,7 @@ double model(const std::vector<std::vector<double>>& h, const std::vector<double
     return q;
 }
 
-TEST(region_step_test, MaximumInsideIsTheNewtonStep) {
+TEST(region_step_test, maximum_inside_is_the_newton_step) {
     const std::vector<std::vector<double>> h{{5.0, 1.0}, {1.0, 3.0}};
     const region_step s = step_in_region(square(h), {0.14, 0.14}, 1.0); // inverse times gradient: (0.02, 0.04)
     EXPECT_NEAR(s.step[0], 0.02, 1.0e-12);
@@ -38,7 +38,7 @@ TEST(region_step_test, MaximumInsideIsTheNewtonStep) {
 }
 
 // At the edge the step is the best of all of that length, found by trying every direction.
-TEST(region_step_test, StepAtTheEdgeIsTheBestOfItsLength) {
+TEST(region_step_test, step_at_the_edge_is_the_best_of_its_length) {
     const std::vector<std::vector<double>> h{{90.0, 9.0}, {9.0, 1.0}};
     const std::vector<double> g{30.0, 7.0};
     for (double radius : {0.01, 0.3, 2.0}) {
@@ -55,14 +55,14 @@ TEST(region_step_test, StepAtTheEdgeIsTheBestOfItsLength) {
     }
 }
 
-TEST(region_step_test, CombinationWithoutCurvatureIsFollowedToTheEdge) {
+TEST(region_step_test, combination_without_curvature_is_followed_to_the_edge) {
     const region_step s = step_in_region(square({{4.0, 0.0}, {0.0, 0.0}}), {0.4, 0.01}, 2.0);
     EXPECT_NEAR(s.length, 2.0, 0.021);
     EXPECT_NEAR(s.step[0], 0.1, 0.005);
     EXPECT_GT(s.step[1], 1.97);
 }
 
-TEST(region_step_test, NoGradientNoStep) {
+TEST(region_step_test, no_gradient_no_step) {
     const region_step s = step_in_region(square({{4.0, 0.0}, {0.0, 0.0}}), {0.0, 0.0}, 2.0);
     EXPECT_EQ(s.length, 0.0);
     EXPECT_EQ(s.promised, 0.0);
@@ -70,14 +70,14 @@ TEST(region_step_test, NoGradientNoStep) {
 }
 
 // A singular matrix whose null space the gradient does not see has its maximum inside.
-TEST(region_step_test, SingularMatrixMayHaveItsMaximumInside) {
+TEST(region_step_test, singular_matrix_may_have_its_maximum_inside) {
     const std::vector<std::vector<double>> h{{1.0, 1.0}, {1.0, 1.0}};
     const region_step s = step_in_region(square(h), {0.2, 0.2}, 1.0);
     EXPECT_NEAR(s.promised, 0.02, 1.0e-8); // along (1,1): 0.4 a - 2 a a
     EXPECT_LE(s.length, 1.01);
 }
 
-TEST(trust_region_test, RadiusFollowsWhatStepsWin) {
+TEST(trust_region_test, radius_follows_what_steps_win) {
     trust_region r;
     r.radius = 1.0;
     EXPECT_TRUE(r.judge(0.80, 1.0, 1.0)); // good, at the edge
@@ -100,7 +100,7 @@ TEST(trust_region_test, RadiusFollowsWhatStepsWin) {
     EXPECT_EQ(r.poor, 0);
 }
 
-TEST(trust_region_test, RadiusHasALimitAndIsHalvedWhereThereIsNoValue) {
+TEST(trust_region_test, radius_has_a_limit_and_is_halved_where_there_is_no_value) {
     trust_region r;
     for (int k = 0; k < 10; ++k) r.judge(1.0, 1.0, r.radius);
     EXPECT_DOUBLE_EQ(r.radius, r.largest);

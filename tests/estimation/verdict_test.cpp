@@ -34,21 +34,21 @@ double half_decrement(double a, double b, double c) {
     return 0.5 * (a * x + b * y + c * z);
 }
 
-TEST_F(verdict_test, PromisedGainIsHalfTheNewtonDecrementInsideTheParameterSpace) {
+TEST_F(verdict_test, promised_gain_is_half_the_newton_decrement_inside_the_parameter_space) {
     const auto v = judge(two_traits({10, 3, 20}, {0.3, -0.2, 0.1}, {4, 1, 0, 3, 1, 2}));
     EXPECT_NEAR(v.promised, half_decrement(0.3, -0.2, 0.1), 1.0e-10);
     EXPECT_EQ(v.kind, search_end::not_maximum);
     EXPECT_TRUE(v.border.empty());
 }
 
-TEST_F(verdict_test, SmallGradientIsAMaximum) {
+TEST_F(verdict_test, small_gradient_is_a_maximum) {
     const auto v = judge(two_traits({10, 3, 20}, {0.003, -0.002, 0.001}, {4, 1, 0, 3, 1, 2}));
     EXPECT_EQ(v.kind, search_end::maximum);
     EXPECT_LT(v.promised, 1.0e-4);
     EXPECT_TRUE(v.flat.empty());
 }
 
-TEST_F(verdict_test, TheLimitIsOnHalfTheDecrement) {
+TEST_F(verdict_test, the_limit_is_on_half_the_decrement) {
     // One variance with information 1: the gradient g promises g^2/2.
     judged_point p;
     p.blocks = {{"animal", {"milk"}, 1, false, {10.0}, {20.0}, {}}};
@@ -59,7 +59,7 @@ TEST_F(verdict_test, TheLimitIsOnHalfTheDecrement) {
     EXPECT_EQ(judge(p).kind, search_end::not_maximum);
 }
 
-TEST_F(verdict_test, VarianceThatHasGoneIsAtTheBorderWhereLogLFalls) {
+TEST_F(verdict_test, variance_that_has_gone_is_at_the_border_where_log_l_falls) {
     // Scaled by 40 the last variance is 1e-5; log L falls with it.
     const auto v = judge(two_traits({10, 0.0, 0.0004}, {0.0, 0.0, -1.0}, {4, 0, 0, 3, 0, 2}));
     EXPECT_EQ(v.kind, search_end::border);
@@ -68,20 +68,20 @@ TEST_F(verdict_test, VarianceThatHasGoneIsAtTheBorderWhereLogLFalls) {
     EXPECT_FALSE(v.void_errors.empty());
 }
 
-TEST_F(verdict_test, VarianceThatHasGoneIsNoBorderWhereLogLRises) {
+TEST_F(verdict_test, variance_that_has_gone_is_no_border_where_log_l_rises) {
     const auto v = judge(two_traits({10, 0.0, 0.0004}, {0.0, 0.0, 1.0}, {4, 0, 0, 3, 0, 2}));
     EXPECT_EQ(v.kind, search_end::not_maximum);
     EXPECT_NEAR(v.promised, 0.25, 1.0e-9);
     EXPECT_TRUE(v.border.empty());
 }
 
-TEST_F(verdict_test, GainThatTheBorderStillPromisesIsNoMaximum) {
+TEST_F(verdict_test, gain_that_the_border_still_promises_is_no_maximum) {
     const auto v = judge(two_traits({10, 0.0, 0.002}, {0.0, 0.0, -3.0}, {4, 0, 0, 3, 0, 2}));
     EXPECT_EQ(v.kind, search_end::not_maximum);
     EXPECT_NEAR(v.promised, 0.006, 1.0e-6);
 }
 
-TEST_F(verdict_test, CorrelationNearOneIsAtTheBorder) {
+TEST_F(verdict_test, correlation_near_one_is_at_the_border) {
     // Along the vanishing vector (1/sqrt 2, -1/sqrt 2) in units of the scales: slope 20 g11/2 + 40 g22/2 - sqrt(800)
     // g12.
     const double c = 0.999 * std::sqrt(10.0 * 20.0);
@@ -93,7 +93,7 @@ TEST_F(verdict_test, CorrelationNearOneIsAtTheBorder) {
 }
 
 // The same matrix with so much information that the maximum lies inside: Newton's step does not reach the border.
-TEST_F(verdict_test, MaximumInsideIsNoneAtTheBorderHoweverNear) {
+TEST_F(verdict_test, maximum_inside_is_none_at_the_border_however_near) {
     const double c = 0.999 * std::sqrt(10.0 * 20.0);
     const auto v = judge(two_traits({10, c, 20}, {-0.0002, 0.0002, 0.0}, {4, 1, 0, 3, 1, 2}));
     EXPECT_EQ(v.kind, search_end::maximum);
@@ -101,7 +101,7 @@ TEST_F(verdict_test, MaximumInsideIsNoneAtTheBorderHoweverNear) {
     EXPECT_NEAR(v.promised, half_decrement(-0.0002, 0.0002, 0.0), 1.0e-10);
 }
 
-TEST_F(verdict_test, CombinationWithoutInformationIsNamed) {
+TEST_F(verdict_test, combination_without_information_is_named) {
     // Information of the sum of two effects' variances only.
     judged_point p;
     p.blocks = {{"animal", {"milk"}, 1, false, {10.0}, {20.0}, {}}, {"dam", {"milk"}, 2, false, {5.0}, {20.0}, {}}};
@@ -114,7 +114,7 @@ TEST_F(verdict_test, CombinationWithoutInformationIsNamed) {
     EXPECT_TRUE(says(v.flat, "dam variance milk"));
 }
 
-TEST_F(verdict_test, ElementsHeldAtZeroDoNotCount) {
+TEST_F(verdict_test, elements_held_at_zero_do_not_count) {
     judged_point p = two_traits({10, 0, 20}, {0.0, 5.0, 0.0}, {4, 0, 0, 3, 0, 2});
     p.blocks[0].fixed = {0, 1, 0};
     EXPECT_EQ(judge(p).kind, search_end::maximum);
@@ -123,7 +123,7 @@ TEST_F(verdict_test, ElementsHeldAtZeroDoNotCount) {
 }
 
 // Newton's step of a variance of 0.02 is -1, and would gain 0.5; there are 0.02 to go.
-TEST_F(verdict_test, PromiseEndsWhereTheVarianceVanishes) {
+TEST_F(verdict_test, promise_ends_where_the_variance_vanishes) {
     judged_point p;
     p.blocks = {{"animal", {"milk"}, 1, false, {0.02}, {1.0}, {}}, {"pe", {"milk"}, 2, false, {0.5}, {1.0}, {}}};
     p.gradient = {-1.0, 0.0};
@@ -143,7 +143,7 @@ TEST_F(verdict_test, PromiseEndsWhereTheVarianceVanishes) {
 }
 
 // With the first variance at its bound the second one's step is that of what is left: s2 - h12 c1 over h22.
-TEST_F(verdict_test, OtherParametersFollowWhereOneIsHeldAtItsBound) {
+TEST_F(verdict_test, other_parameters_follow_where_one_is_held_at_its_bound) {
     judged_point p;
     p.blocks = {{"animal", {"milk"}, 1, false, {0.02}, {1.0}, {}}, {"pe", {"milk"}, 2, false, {0.5}, {1.0}, {}}};
     p.gradient = {-1.0, 0.3};
@@ -153,7 +153,7 @@ TEST_F(verdict_test, OtherParametersFollowWhereOneIsHeldAtItsBound) {
     EXPECT_NEAR(judge(p).promised, want, 1.0e-12);
 }
 
-TEST_F(verdict_test, VoidErrorsAndEigenvaluesAreToldByName) {
+TEST_F(verdict_test, void_errors_and_eigenvalues_are_told_by_name) {
     const auto v = judge(two_traits({10, 0.0, 0.0004}, {0.0, 0.0, -1.0}, {4, 0, 0, 3, 0, 2}));
     ASSERT_EQ(v.void_names.size(), 3u); // all of the matrix: its information is that across the border too
     EXPECT_EQ(v.void_names[0], "animal variance milk");
@@ -165,7 +165,7 @@ TEST_F(verdict_test, VoidErrorsAndEigenvaluesAreToldByName) {
     EXPECT_NEAR(v.eigenvalues[0].second[1], 1.0e-5, 1.0e-12);
 }
 
-TEST_F(verdict_test, MatricesAloneShowTheBorderButGiveNoKind) {
+TEST_F(verdict_test, matrices_alone_show_the_border_but_give_no_kind) {
     judged_point p = two_traits({10, 0.999 * std::sqrt(200.0), 20}, {}, {});
     p.blocks.push_back({"pe", {"milk", "fat"}, 4, true, {0.0001, 3.0}, {20.0, 40.0}, {}});
     const auto v = look_at_matrices(p);
@@ -178,7 +178,7 @@ TEST_F(verdict_test, MatricesAloneShowTheBorderButGiveNoKind) {
     EXPECT_NEAR(v.eigenvalues[1].second[0], 3.0 / 40.0, 1.0e-12);
 }
 
-TEST_F(verdict_test, DirectionsAcrossTheBorderCarryItsCurvature) {
+TEST_F(verdict_test, directions_across_the_border_carry_its_curvature) {
     // At G = diag(10, 0) (scales 20, 20): moving the covariance by t needs a variance t^2/10 beside it, which costs
     // 2 t^2/10: curvature 2*2/10 on top of that of the likelihood.
     judged_point p = two_traits({10, 0, 0}, {0.0, 0.02, -2.0}, {4, 0, 0, 0.3, 0, 2});
@@ -188,7 +188,7 @@ TEST_F(verdict_test, DirectionsAcrossTheBorderCarryItsCurvature) {
     EXPECT_EQ(v.kind, search_end::border);
 }
 
-TEST_F(verdict_test, DoesNotDependOnTheUnitsOfTheTraits) {
+TEST_F(verdict_test, does_not_depend_on_the_units_of_the_traits) {
     const auto one = judge(two_traits({10, 3, 20}, {0.3, -0.2, 0.1}, {4, 1, 0, 3, 1, 2}));
     // The first trait in units 1000 times as small.
     judged_point p = two_traits({10e6, 3e3, 20}, {0.3e-6, -0.2e-3, 0.1}, {4e-12, 1e-9, 0, 3e-6, 1e-3, 2});

@@ -26,9 +26,9 @@ protected:
     }
 };
 
-TEST_F(digest_test, PublishedValueOfNothing) { EXPECT_EQ(hex(of("")), "99aa06d3014798d86001c324468d497f"); }
+TEST_F(digest_test, published_value_of_nothing) { EXPECT_EQ(hex(of("")), "99aa06d3014798d86001c324468d497f"); }
 
-TEST_F(digest_test, PiecesGiveTheSumOfTheWhole) {
+TEST_F(digest_test, pieces_give_the_sum_of_the_whole) {
     const std::string text(3000, 'q');
     digest_maker sum;
     for (std::size_t at = 0; at < text.size(); at += 7)
@@ -36,7 +36,7 @@ TEST_F(digest_test, PiecesGiveTheSumOfTheWhole) {
     EXPECT_EQ(sum.value(), of(text));
 }
 
-TEST_F(digest_test, ListsAreToldApart) {
+TEST_F(digest_test, lists_are_told_apart) {
     std::set<std::string> all;
     for (const auto& lists :
          {std::vector<std::vector<int>>{{1, 2}, {3}}, {{1}, {2, 3}}, {{1, 2, 3}}, {{}, {1, 2, 3}}}) {
@@ -47,7 +47,7 @@ TEST_F(digest_test, ListsAreToldApart) {
     EXPECT_EQ(all.size(), 4u);
 }
 
-TEST_F(digest_test, TextAndBack) {
+TEST_F(digest_test, text_and_back) {
     digest d{1, 2};
     const digest x = of("x");
     EXPECT_TRUE(from_hex(hex(x), d));
@@ -58,7 +58,7 @@ TEST_F(digest_test, TextAndBack) {
     EXPECT_EQ(d, x);
 }
 
-TEST_F(digest_test, SealIsTheEndOfTheRecords) {
+TEST_F(digest_test, seal_is_the_end_of_the_records) {
     make("a.bin", of("source"));
     record_reader in;
     ASSERT_TRUE(in.open("a.bin"));
@@ -77,7 +77,7 @@ TEST_F(digest_test, SealIsTheEndOfTheRecords) {
     EXPECT_FALSE(sealed("none.bin", of("source")));
 }
 
-TEST_F(digest_test, AnyBitAndAnyCutBreaksTheSeal) {
+TEST_F(digest_test, any_bit_and_any_cut_breaks_the_seal) {
     make("a.bin", of("source"), 5);
     const std::string whole = read_file("a.bin");
     seal s;
@@ -95,7 +95,7 @@ TEST_F(digest_test, AnyBitAndAnyCutBreaksTheSeal) {
     EXPECT_TRUE(read_seal("a.bin", s));
 }
 
-TEST_F(digest_test, FileIsReplacedAsAWholeOrNotAtAll) {
+TEST_F(digest_test, file_is_replaced_as_a_whole_or_not_at_all) {
     EXPECT_TRUE(replace_file("a.txt", "first\n"));
     EXPECT_EQ(read_file("a.txt"), "first\n");
     std::filesystem::create_symlink("/dev/full", "a.txt.tmp");

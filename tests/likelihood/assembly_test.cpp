@@ -141,7 +141,7 @@ void expect_assembled(const small_model& m) {
     EXPECT_NEAR(sparse.diag(numbers.nsrow), d.yy, 1.0e-8);
 }
 
-TEST_F(assembly_test, TwoTraitsWithCovariableAndMissingRecords) {
+TEST_F(assembly_test, two_traits_with_covariable_and_missing_records) {
     small_model m;
     m.nq = 2;
     m.make_pedigree(20, 6, 5);
@@ -153,7 +153,7 @@ TEST_F(assembly_test, TwoTraitsWithCovariableAndMissingRecords) {
     expect_assembled(m);
 }
 
-TEST_F(assembly_test, ManyEffectsOfOneRecord) { // more equations than records of a subject
+TEST_F(assembly_test, many_effects_of_one_record) { // more equations than records of a subject
     small_model m;
     m.make_pedigree(20, 6, 5);
     m.make_rows(4, 1, 2, 0.0, 6);
@@ -164,7 +164,7 @@ TEST_F(assembly_test, ManyEffectsOfOneRecord) { // more equations than records o
     expect_assembled(m);
 }
 
-TEST_F(assembly_test, RandomRegressionsCarryTheirFunctions) {
+TEST_F(assembly_test, random_regressions_carry_their_functions) {
     small_model m;
     m.randreg = true;
     m.make_pedigree(14, 5, 7);
@@ -176,7 +176,7 @@ TEST_F(assembly_test, RandomRegressionsCarryTheirFunctions) {
     expect_assembled(m);
 }
 
-TEST_F(assembly_test, ZeroCovariancesLeaveNoElement) {
+TEST_F(assembly_test, zero_covariances_leave_no_element) {
     small_model m;
     m.nq = 2;
     m.make_pedigree(20, 6, 5);
@@ -192,7 +192,7 @@ TEST_F(assembly_test, ZeroCovariancesLeaveNoElement) {
 
 // ---- positions and weights
 
-TEST_F(assembly_test, PositionsOfAPlainModel) {
+TEST_F(assembly_test, positions_of_a_plain_model) {
     small_model m;
     m.nq = 2;
     m.make_pedigree(20, 6, 5);
@@ -215,7 +215,7 @@ TEST_F(assembly_test, PositionsOfAPlainModel) {
     for (double w : ddvecs.dd) EXPECT_EQ(w, 1.0);
 }
 
-TEST_F(assembly_test, PositionsOfRandomRegressions) {
+TEST_F(assembly_test, positions_of_random_regressions) {
     small_model m;
     m.randreg = true;
     m.make_pedigree(14, 5, 7);
@@ -229,7 +229,7 @@ TEST_F(assembly_test, PositionsOfRandomRegressions) {
     EXPECT_EQ(ddvecs.maxeff, 6); // the last position of the longest row
 }
 
-TEST_F(assembly_test, WeightsOfReducedRankAreRowsOfTheFactor) {
+TEST_F(assembly_test, weights_of_reduced_rank_are_rows_of_the_factor) {
     small_model m;
     m.nq = 3;
     m.principal = true;
@@ -288,7 +288,7 @@ struct by_hand {
     }
 };
 
-TEST_F(assembly_test, TwoTraitsAtOneControlValueAreCorrelated) {
+TEST_F(assembly_test, two_traits_at_one_control_value_are_correlated) {
     by_hand s(2, 2);
     const double sig[] = {4.0, 1.0, 2.0, 3.0, 0.5, 1.0}; // (11) (12) (22) by class
     std::copy(std::begin(sig), std::end(sig), residualvars.sigres.begin());
@@ -315,7 +315,7 @@ TEST_F(assembly_test, TwoTraitsAtOneControlValueAreCorrelated) {
     EXPECT_NEAR(ldet, std::log(7.0 * 3.0), 1e-12);
 }
 
-TEST_F(assembly_test, OneRecordOfASubject) {
+TEST_F(assembly_test, one_record_of_a_subject) {
     by_hand s(1, 1);
     residualvars.sigres(1, 1) = 2.5;
     s.record(1, 3);
@@ -334,7 +334,7 @@ TEST_F(assembly_test, OneRecordOfASubject) {
 // ---- evaluations
 
 // A residual covariance that is fixed at zero compares as zero, whatever the vector holds.
-TEST_F(assembly_test, FixedComponentsCompareAsTheyAreUsed) {
+TEST_F(assembly_test, fixed_components_compare_as_they_are_used) {
     small_model m;
     m.nq = 2;
     m.make_pedigree(20, 6, 5);
@@ -355,7 +355,7 @@ TEST_F(assembly_test, FixedComponentsCompareAsTheyAreUsed) {
     EXPECT_NEAR(x, dense_logl(m, p), 1.0e-7);
 }
 
-TEST_F(assembly_test, EqualValuesInARowAreTabledOnce) {
+TEST_F(assembly_test, equal_values_in_a_row_are_tabled_once) {
     small_model m;
     m.make_pedigree(20, 6, 5);
     m.make_rows(4, 1, 2, 0.0, 6);
@@ -376,7 +376,7 @@ TEST_F(assembly_test, EqualValuesInARowAreTabledOnce) {
     EXPECT_EQ(likelihoods.likesav(1, 3), x);
 }
 
-TEST_F(assembly_test, BestPointIsKeptWithItsSolutions) {
+TEST_F(assembly_test, best_point_is_kept_with_its_solutions) {
     small_model m;
     m.make_pedigree(20, 6, 5);
     m.make_rows(4, 1, 2, 0.0, 6);

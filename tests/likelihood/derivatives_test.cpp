@@ -142,7 +142,7 @@ void on_original_scale() {
     forget_likelihoods();
 }
 
-TEST_F(derivatives_test, OneTraitOnBothScales) {
+TEST_F(derivatives_test, one_trait_on_both_scales) {
     const small_model m = traits(1, {1.3}, {2.1});
     set_up(m);
     expect_derivatives(m);
@@ -150,7 +150,7 @@ TEST_F(derivatives_test, OneTraitOnBothScales) {
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, RepeatedRecordsRowByRow) {
+TEST_F(derivatives_test, repeated_records_row_by_row) {
     small_model m = traits(1, {1.3}, {2.1}, 6);
     m.random.push_back({"pe", "IDE", 1, 0, {0.8}});
     m.covariable = true;
@@ -159,7 +159,7 @@ TEST_F(derivatives_test, RepeatedRecordsRowByRow) {
 }
 
 // Residual variances below 1e-5 have an inverse held in full; every record must still get its own element.
-TEST_F(derivatives_test, RepeatedRecordsRowByRowWithATinyResidual) {
+TEST_F(derivatives_test, repeated_records_row_by_row_with_a_tiny_residual) {
     small_model m = traits(1, {1.3}, {4.0e-6}, 6);
     m.random.push_back({"pe", "IDE", 1, 0, {0.8}});
     m.covariable = true;
@@ -168,7 +168,7 @@ TEST_F(derivatives_test, RepeatedRecordsRowByRowWithATinyResidual) {
     EXPECT_NEAR(x, want, 1.0e-8 * std::fabs(want));
 }
 
-TEST_F(derivatives_test, RegressionWithATinyResidualClass) {
+TEST_F(derivatives_test, regression_with_a_tiny_residual_class) {
     small_model m;
     m.randreg = true;
     m.make_pedigree(20, 6, 31);
@@ -181,48 +181,48 @@ TEST_F(derivatives_test, RegressionWithATinyResidualClass) {
     EXPECT_NEAR(x, want, 1.0e-8 * std::fabs(want));
 }
 
-TEST_F(derivatives_test, TwoTraitsTwoEffectsOnTheFactorScale) {
+TEST_F(derivatives_test, two_traits_two_effects_on_the_factor_scale) {
     const small_model m = two_effects();
     set_up(m);
     EXPECT_EQ(estimates.paraform(1), par_scale::variance);
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, TwoTraitsWithLogarithms) {
+TEST_F(derivatives_test, two_traits_with_logarithms) {
     const small_model m = two_effects();
     set_up(m, {"--aireml", "--logdia"});
     EXPECT_EQ(estimates.logdiagonals(1), 1);
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, TwoTraitsOnTheOriginalScale) {
+TEST_F(derivatives_test, two_traits_on_the_original_scale) {
     const small_model m = two_effects();
     set_up(m);
     on_original_scale();
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, ThreeTraitsTwoRecordsASubject) {
+TEST_F(derivatives_test, three_traits_two_records_a_subject) {
     const small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5}, 2);
     set_up(m);
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, RepeatEffect) {
+TEST_F(derivatives_test, repeat_effect) {
     small_model m = traits(1, {1.3}, {2.1}, 3);
     m.random.push_back({"pe", "PEQ", 1, 0, {0.7}});
     set_up(m);
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, RepeatEffectOfTwoTraits) {
+TEST_F(derivatives_test, repeat_effect_of_two_traits) {
     small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.2, 1.9}, 2);
     m.random.push_back({"pe", "PEQ", 2, 0, {0.4, 0.1, 0.5}});
     set_up(m);
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, RandomRegressionOneClass) {
+TEST_F(derivatives_test, random_regression_one_class) {
     small_model m = regressions();
     m.residual = {1.2};
     m.class_bounds.clear();
@@ -230,7 +230,7 @@ TEST_F(derivatives_test, RandomRegressionOneClass) {
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, RandomRegressionClasses) {
+TEST_F(derivatives_test, random_regression_classes) {
     const small_model m = regressions();
     set_up(m);
     expect_derivatives(m);
@@ -239,14 +239,14 @@ TEST_F(derivatives_test, RandomRegressionClasses) {
     EXPECT_EQ(program_logl(estimates.parvec, 1), x); // log|R| of the data has not been touched
 }
 
-TEST_F(derivatives_test, ReducedRankRandomRegression) {
+TEST_F(derivatives_test, reduced_rank_random_regression) {
     const small_model m = regressions(true);
     set_up(m);
     EXPECT_EQ(estimates.paraform(1), par_scale::cholesky);
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, ReducedRankTraits) {
+TEST_F(derivatives_test, reduced_rank_traits) {
     small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5});
     m.principal = true;
     m.random[0].rank = 2;
@@ -255,7 +255,7 @@ TEST_F(derivatives_test, ReducedRankTraits) {
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, FactorScaleAtFullRankSolvesForTheEffects) {
+TEST_F(derivatives_test, factor_scale_at_full_rank_solves_for_the_effects) {
     small_model m = two_effects();
     m.principal = true;
     m.random[0].rank = m.random[1].rank = 2;
@@ -264,7 +264,7 @@ TEST_F(derivatives_test, FactorScaleAtFullRankSolvesForTheEffects) {
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, DiagonalBlock) {
+TEST_F(derivatives_test, diagonal_block) {
     small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
     m.random.push_back({"dam", "IDE", 2, 0, {0.9, 0.8}, true});
     set_up(m);
@@ -272,7 +272,7 @@ TEST_F(derivatives_test, DiagonalBlock) {
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, DiagonalBlockWithoutLogarithms) {
+TEST_F(derivatives_test, diagonal_block_without_logarithms) {
     small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
     m.random.push_back({"dam", "IDE", 2, 0, {0.9, 0.8}, true});
     set_up(m, {"--aireml", "--nologd"});
@@ -280,14 +280,14 @@ TEST_F(derivatives_test, DiagonalBlockWithoutLogarithms) {
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, CorrelatedEffects) {
+TEST_F(derivatives_test, correlated_effects) {
     small_model m = traits(1, {1.3}, {2.1});
     m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
     set_up(m);
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, CorrelatedEffectsWithLogarithmsAndOnTheOriginalScale) {
+TEST_F(derivatives_test, correlated_effects_with_logarithms_and_on_the_original_scale) {
     small_model m = traits(1, {1.3}, {2.1});
     m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
     set_up(m, {"--aireml", "--logdia"});
@@ -296,7 +296,7 @@ TEST_F(derivatives_test, CorrelatedEffectsWithLogarithmsAndOnTheOriginalScale) {
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, RepeatEffectOfTwoTraitsWithLogarithmsAndOnTheOriginalScale) {
+TEST_F(derivatives_test, repeat_effect_of_two_traits_with_logarithms_and_on_the_original_scale) {
     small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.2, 1.9}, 2);
     m.random.push_back({"pe", "PEQ", 2, 0, {0.4, 0.1, 0.5}});
     set_up(m, {"--aireml", "--logdia"});
@@ -306,7 +306,7 @@ TEST_F(derivatives_test, RepeatEffectOfTwoTraitsWithLogarithmsAndOnTheOriginalSc
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, RandomRegressionClassesWithLogarithmsAndOnTheOriginalScale) {
+TEST_F(derivatives_test, random_regression_classes_with_logarithms_and_on_the_original_scale) {
     const small_model m = regressions();
     set_up(m, {"--aireml", "--logdia"});
     EXPECT_EQ(estimates.logdiagonals(0), 1);
@@ -315,7 +315,7 @@ TEST_F(derivatives_test, RandomRegressionClassesWithLogarithmsAndOnTheOriginalSc
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, ReducedRankWithLogarithms) {
+TEST_F(derivatives_test, reduced_rank_with_logarithms) {
     small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5});
     m.principal = true;
     m.random[0].rank = 2;
@@ -330,20 +330,20 @@ TEST_F(derivatives_test, ReducedRankWithLogarithms) {
     expect_derivatives(rr);
 }
 
-TEST_F(derivatives_test, OrderOfTheMatrixWithoutPivoting) {
+TEST_F(derivatives_test, order_of_the_matrix_without_pivoting) {
     const small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 2.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 2.5});
     set_up(m, {"--aireml", "--noreord"});
     EXPECT_EQ(estimates.cholorder(1, 1), 1);
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, SireModel) {
+TEST_F(derivatives_test, sire_model) {
     const small_model m = as_sires(traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}));
     set_up(m);
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, SireModelAtReducedRank) {
+TEST_F(derivatives_test, sire_model_at_reduced_rank) {
     for (const char* option : {"--aireml", "--logdia", "--super"}) {
         new_analysis();
         std::remove("cholnrm1.bin");
@@ -356,7 +356,7 @@ TEST_F(derivatives_test, SireModelAtReducedRank) {
     }
 }
 
-TEST_F(derivatives_test, SireModelThroughTheFactorAtFullRank) {
+TEST_F(derivatives_test, sire_model_through_the_factor_at_full_rank) {
     small_model m = as_sires(traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}));
     m.principal = true;
     m.random[0].rank = 2;
@@ -370,13 +370,13 @@ TEST_F(derivatives_test, SireModelThroughTheFactorAtFullRank) {
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, RandomRegressionOfSiresAtReducedRank) {
+TEST_F(derivatives_test, random_regression_of_sires_at_reduced_rank) {
     const small_model m = as_sires(regressions(true));
     set_up(m);
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, LevelsTreatedAsFixed) {
+TEST_F(derivatives_test, levels_treated_as_fixed) {
     small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
     m.extra = "PSE 0.0\n animal 6\n animal 9\nEND\n";
     set_up(m);
@@ -406,7 +406,7 @@ void expect_jacobian(int irand, int step) {
     }
 }
 
-TEST_F(derivatives_test, JacobianOfReducedRankAndLogarithms) {
+TEST_F(derivatives_test, jacobian_of_reduced_rank_and_logarithms) {
     small_model m = traits(3, {1.3, 0.5, 0.2, 1.8, 0.3, 1.1}, {2.1, 0.4, 0.1, 1.9, 0.2, 1.5});
     m.principal = true;
     m.random[0].rank = 2;
@@ -416,7 +416,7 @@ TEST_F(derivatives_test, JacobianOfReducedRankAndLogarithms) {
     expect_jacobian(1, 1);
 }
 
-TEST_F(derivatives_test, JacobianOfResidualClasses) {
+TEST_F(derivatives_test, jacobian_of_residual_classes) {
     set_up(regressions());
     for (int step = 1; step <= 3; ++step) expect_jacobian(0, step);
     expect_jacobian(1, 1);
@@ -429,18 +429,20 @@ void expect_supplied(int rank, const std::vector<std::string>& list) {
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, SuppliedInverse) { expect_supplied(0, {"--aireml"}); }
-TEST_F(derivatives_test, SuppliedInverseAtFullRankOfComponents) { expect_supplied(3, {"--aireml", "--super"}); }
-TEST_F(derivatives_test, SuppliedInverseAtReducedRank) { expect_supplied(2, {"--aireml"}); }
-TEST_F(derivatives_test, SuppliedInverseAtReducedRankWithLogarithms) { expect_supplied(1, {"--aireml", "--logdia"}); }
+TEST_F(derivatives_test, supplied_inverse) { expect_supplied(0, {"--aireml"}); }
+TEST_F(derivatives_test, supplied_inverse_at_full_rank_of_components) { expect_supplied(3, {"--aireml", "--super"}); }
+TEST_F(derivatives_test, supplied_inverse_at_reduced_rank) { expect_supplied(2, {"--aireml"}); }
+TEST_F(derivatives_test, supplied_inverse_at_reduced_rank_with_logarithms) {
+    expect_supplied(1, {"--aireml", "--logdia"});
+}
 
-TEST_F(derivatives_test, SuppliedInverseWithoutSomeLevelsIsRefusedAtReducedRankBeforeEstimation) {
+TEST_F(derivatives_test, supplied_inverse_without_some_levels_is_refused_at_reduced_rank_before_estimation) {
     EXPECT_STOP(set_up_supplied(supplied(2), {"--aireml"}, 2),
                 "Level without a diagonal in the inverse : 29  code 29\n***** ERROR : Reading file \"animal.gin\"");
     EXPECT_EQ(likelihoods.ncall, 0);
 }
 
-TEST_F(derivatives_test, RepeatEffectOfReducedRankIsRefusedBeforeEstimation) {
+TEST_F(derivatives_test, repeat_effect_of_reduced_rank_is_refused_before_estimation) {
     for (const char* plan : {"--aireml", "--emalg", "--pxem", "--pxai"}) {
         new_analysis();
         std::remove("nrminvers1.bin");
@@ -454,7 +456,7 @@ TEST_F(derivatives_test, RepeatEffectOfReducedRankIsRefusedBeforeEstimation) {
     }
 }
 
-TEST_F(derivatives_test, FactorOfAnotherPedigreeStopsTheRun) {
+TEST_F(derivatives_test, factor_of_another_pedigree_stops_the_run) {
     small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
     m.principal = true;
     m.random[0].rank = 1;
@@ -471,7 +473,7 @@ TEST_F(derivatives_test, FactorOfAnotherPedigreeStopsTheRun) {
     EXPECT_STOP(average_info(), "cholnrm1.bin 33 1 " + std::to_string(pedigreelist.nannew(1)) + "\nexit");
 }
 
-TEST_F(derivatives_test, FixedLevelsAreRefusedAtReducedRankBeforeEstimation) {
+TEST_F(derivatives_test, fixed_levels_are_refused_at_reduced_rank_before_estimation) {
     small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
     m.principal = true;
     m.random[0].rank = 1;
@@ -481,7 +483,7 @@ TEST_F(derivatives_test, FixedLevelsAreRefusedAtReducedRankBeforeEstimation) {
     EXPECT_EQ(likelihoods.ncall, 0);
 }
 
-TEST_F(derivatives_test, ResidualCovarianceFixedAtZeroHasNoDerivative) {
+TEST_F(derivatives_test, residual_covariance_fixed_at_zero_has_no_derivative) {
     const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.0, 1.9});
     set_up(m);
     derivatives_here();
@@ -502,7 +504,7 @@ small_model apart() {
     return m;
 }
 
-TEST_F(derivatives_test, ZeroPatternOfTheResidualOnBothScales) {
+TEST_F(derivatives_test, zero_pattern_of_the_residual_on_both_scales) {
     for (const char* option : {"--reorder", "--forchol"}) {
         new_analysis();
         const small_model m = apart();
@@ -515,7 +517,7 @@ TEST_F(derivatives_test, ZeroPatternOfTheResidualOnBothScales) {
     }
 }
 
-TEST_F(derivatives_test, SolutionsAndLogLikelihoodAreTheSameAfterDerivatives) {
+TEST_F(derivatives_test, solutions_and_log_likelihood_are_the_same_after_derivatives) {
     set_up(two_effects());
     const double x = program_logl(estimates.parvec, 1);
     const array<double> before = solutions.solns;
@@ -525,7 +527,7 @@ TEST_F(derivatives_test, SolutionsAndLogLikelihoodAreTheSameAfterDerivatives) {
 }
 
 // Derivatives belong to estimates.parvec, whatever was called before them.
-TEST_F(derivatives_test, AfterAnyOrderOfCalls) {
+TEST_F(derivatives_test, after_any_order_of_calls) {
     const small_model m = two_effects();
     set_up(m);
     const array<double> here = estimates.parvec;
@@ -613,19 +615,19 @@ void expect_hessian(const small_model& m) {
         }
 }
 
-TEST_F(derivatives_test, SecondOrderTermCompletesTheHessian) {
+TEST_F(derivatives_test, second_order_term_completes_the_hessian) {
     const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
     set_up(m);
     expect_hessian(m);
 }
 
-TEST_F(derivatives_test, SecondOrderTermCompletesTheHessianWithLogarithms) {
+TEST_F(derivatives_test, second_order_term_completes_the_hessian_with_logarithms) {
     const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
     set_up(m, {"--aireml", "--logdia"});
     expect_hessian(m);
 }
 
-TEST_F(derivatives_test, InformationFilesHoldTheUpperTriangle) {
+TEST_F(derivatives_test, information_files_hold_the_upper_triangle) {
     const small_model m = traits(1, {1.3}, {2.1});
     set_up(m);
     derivatives_here();

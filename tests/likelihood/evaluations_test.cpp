@@ -71,7 +71,7 @@ void expect_blup(const small_model& m, const array<double>& p) {
 }
 
 // The factor of the last good point is overwritten by the one that fails.
-TEST_F(evaluations_test, PointThatFailsInTheFactorLeavesNothingToReuse) {
+TEST_F(evaluations_test, point_that_fails_in_the_factor_leaves_nothing_to_reuse) {
     const small_model m = traits(2);
     set_up(m);
     on_original_scale();
@@ -96,7 +96,7 @@ TEST_F(evaluations_test, PointThatFailsInTheFactorLeavesNothingToReuse) {
 }
 
 // A look-up leaves the inverses of another point behind; asking for the factor brings those of its own back.
-TEST_F(evaluations_test, FactorAtHandComesWithItsInverses) {
+TEST_F(evaluations_test, factor_at_hand_comes_with_its_inverses) {
     const small_model m = traits(2);
     set_up(m);
     program_logl(estimates.parvec);
@@ -113,7 +113,7 @@ TEST_F(evaluations_test, FactorAtHandComesWithItsInverses) {
 }
 
 // A second ordering in the middle of a run, with equations that were taken out before the first.
-TEST_F(evaluations_test, NewOrderingKeepsEquationsAndSolutions) {
+TEST_F(evaluations_test, new_ordering_keeps_equations_and_solutions) {
     small_model zero = traits(2);
     zero.mean = true; // the means depend on the herds
     zero.residual[1] = 0.0;
@@ -147,7 +147,7 @@ TEST_F(evaluations_test, NewOrderingKeepsEquationsAndSolutions) {
 }
 
 // Warnings of small pivots come with every evaluation, not with the first one of a point only.
-TEST_F(evaluations_test, SmallPivotsAreToldEveryTime) {
+TEST_F(evaluations_test, small_pivots_are_told_every_time) {
     small_model m = traits(2);
     m.residual = {2.1, 0.4e-3, 1.9e-6};
     set_up(m);
@@ -161,7 +161,7 @@ TEST_F(evaluations_test, SmallPivotsAreToldEveryTime) {
     EXPECT_EQ(likelihoods.nreuse, 1);
 }
 
-TEST_F(evaluations_test, EvaluationsAreTimedWhereTimesAreAskedFor) {
+TEST_F(evaluations_test, evaluations_are_timed_where_times_are_asked_for) {
     set_up(traits(1));
     options.print_times = false;
     options.verbose = false;
@@ -181,7 +181,7 @@ TEST_F(evaluations_test, EvaluationsAreTimedWhereTimesAreAskedFor) {
 }
 
 // Repeat effects beside components: the factor carries the weights of the others, R the repeat matrix.
-TEST_F(evaluations_test, RepeatEffectBesideComponents) {
+TEST_F(evaluations_test, repeat_effect_beside_components) {
     small_model m = traits(2, 2);
     m.principal = true;
     m.residual[1] = 0.2;
@@ -196,7 +196,7 @@ TEST_F(evaluations_test, RepeatEffectBesideComponents) {
 }
 
 // One level, one record: nothing but y'R^-1 y and the diagonal.
-TEST_F(evaluations_test, SmallestAnalysis) {
+TEST_F(evaluations_test, smallest_analysis) {
     small_model m;
     m.herd = false;
     m.sire = {0, 0};
@@ -212,7 +212,7 @@ TEST_F(evaluations_test, SmallestAnalysis) {
 }
 
 // log|R| and log|G| of a point beside the factor's would not go with its log|C|.
-TEST_F(evaluations_test, ValueBelongsToTheFactor) {
+TEST_F(evaluations_test, value_belongs_to_the_factor) {
     set_up(traits(1));
     array<double> p = estimates.parvec;
     const double x = program_logl(p, 1);
@@ -228,7 +228,7 @@ TEST_F(evaluations_test, ValueBelongsToTheFactor) {
     EXPECT_EQ(likelihoods.nreuse, 3);
 }
 
-TEST_F(evaluations_test, PatternThatIsSingularToRoundingIsInvalid) {
+TEST_F(evaluations_test, pattern_that_is_singular_to_rounding_is_invalid) {
     set_up(traits(2), {"--aireml", "--nologd"});
     array<double> p = estimates.parvec;
     p(1) = p(2) = 2.0;
@@ -240,7 +240,7 @@ TEST_F(evaluations_test, PatternThatIsSingularToRoundingIsInvalid) {
     EXPECT_GT(program_logl(p), invalid_logl);
 }
 
-TEST_F(evaluations_test, DeterminantThatIsNotANumberIsInvalid) {
+TEST_F(evaluations_test, determinant_that_is_not_a_number_is_invalid) {
     set_up(traits(1));
     const double x = program_logl(estimates.parvec);
     residualvars.detres(1) = std::nan(""); // kept as long as the residual variance stays

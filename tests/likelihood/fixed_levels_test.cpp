@@ -140,7 +140,7 @@ void on_original_scale() {
 }
 
 // A founder with many progeny, a parent with a record of its own, and one that is an end of the pedigree.
-TEST_F(fixed_levels_test, OneTrait) {
+TEST_F(fixed_levels_test, one_trait) {
     const std::vector<int> fixed{3, 9, 24};
     const small_model m = animals(1, fixed, "0.0");
     set_up(m);
@@ -153,7 +153,7 @@ TEST_F(fixed_levels_test, OneTrait) {
     expect_dense_gradient(m, fixed);
 }
 
-TEST_F(fixed_levels_test, TwoTraitsWithMissingRecords) {
+TEST_F(fixed_levels_test, two_traits_with_missing_records) {
     const std::vector<int> fixed{6, 9};
     const small_model m = animals(2, fixed, "0.0");
     set_up(m);
@@ -163,7 +163,7 @@ TEST_F(fixed_levels_test, TwoTraitsWithMissingRecords) {
 }
 
 // A round moves a variance by 2 g g / n times its slope, n the levels that are random.
-TEST_F(fixed_levels_test, RoundOfEm) {
+TEST_F(fixed_levels_test, round_of_em) {
     const std::vector<int> fixed{3, 9};
     const small_model m = animals(1, fixed, "0.0");
     set_up(m, {"--emalg"});
@@ -188,7 +188,7 @@ TEST_F(fixed_levels_test, RoundOfEm) {
 }
 
 // With a factor f on the diagonal the levels are draws with the matrix G/f from which no logarithm is counted.
-TEST_F(fixed_levels_test, RidgeOnTheDiagonal) {
+TEST_F(fixed_levels_test, ridge_on_the_diagonal) {
     const std::vector<int> fixed{6, 9};
     const double factor = 0.25;
     const small_model m = animals(2, fixed, "0.25");
@@ -221,7 +221,7 @@ TEST_F(fixed_levels_test, RidgeOnTheDiagonal) {
     for (int i = 1; i <= estimates.nparm; ++i) EXPECT_NEAR(der1(i), slopes[at(i - 1)], 1.0e-5) << "parameter " << i;
 }
 
-TEST_F(fixed_levels_test, LevelNamedTwiceCountsOnce) {
+TEST_F(fixed_levels_test, level_named_twice_counts_once) {
     const std::vector<int> fixed{9};
     const small_model m = animals(1, {9, 9}, "0.0");
     set_up(m);
@@ -229,14 +229,14 @@ TEST_F(fixed_levels_test, LevelNamedTwiceCountsOnce) {
     expect_dense(m, fixed);
 }
 
-TEST_F(fixed_levels_test, CodesThatThePedigreeLacksArePassedOver) {
+TEST_F(fixed_levels_test, codes_that_the_pedigree_lacks_are_passed_over) {
     const small_model m = animals(1, {9, 4711}, "0.0");
     set_up(m);
     EXPECT_EQ(effective_levels(1), levels.rn_nlev(1) - 1.0);
     expect_dense(m, {9});
 }
 
-TEST_F(fixed_levels_test, SireModel) {
+TEST_F(fixed_levels_test, sire_model) {
     const std::vector<int> fixed{3, 9};
     small_model m = animals(1, fixed, "0.0");
     std::fill(m.dam.begin(), m.dam.end(), 0);
@@ -249,7 +249,7 @@ TEST_F(fixed_levels_test, SireModel) {
     expect_dense_gradient(m, fixed);
 }
 
-TEST_F(fixed_levels_test, CorrelatedEffects) {
+TEST_F(fixed_levels_test, correlated_effects) {
     const std::vector<int> fixed{6};
     small_model m = animals(1, {}, "0.0");
     m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
@@ -260,7 +260,7 @@ TEST_F(fixed_levels_test, CorrelatedEffects) {
     expect_dense_gradient(m, fixed);
 }
 
-TEST_F(fixed_levels_test, RandomRegressions) {
+TEST_F(fixed_levels_test, random_regressions) {
     const std::vector<int> fixed{5, 9};
     small_model m;
     m.randreg = true;
@@ -274,7 +274,7 @@ TEST_F(fixed_levels_test, RandomRegressions) {
     expect_dense_gradient(m, fixed);
 }
 
-TEST_F(fixed_levels_test, DiagonalMatrix) {
+TEST_F(fixed_levels_test, diagonal_matrix) {
     const std::vector<int> fixed{6, 9};
     small_model m = animals(2, fixed, "0.0");
     m.random[0] = {"animal", "NRM", 2, 0, {1.3, 1.8}, true};
@@ -294,7 +294,7 @@ TEST_F(fixed_levels_test, DiagonalMatrix) {
     expect_dense_information(m, fixed);
 }
 
-TEST_F(fixed_levels_test, ComponentsOfFullRank) {
+TEST_F(fixed_levels_test, components_of_full_rank) {
     const std::vector<int> fixed{6, 9};
     small_model m = animals(2, fixed, "0.0");
     m.principal = true;
@@ -305,7 +305,7 @@ TEST_F(fixed_levels_test, ComponentsOfFullRank) {
     expect_dense_information(m, fixed);
 }
 
-TEST_F(fixed_levels_test, ReducedRankIsRefused) {
+TEST_F(fixed_levels_test, reduced_rank_is_refused) {
     small_model m = animals(2, {6, 9}, "0.0");
     m.principal = true;
     m.random[0].rank = 1;
@@ -313,7 +313,7 @@ TEST_F(fixed_levels_test, ReducedRankIsRefused) {
 }
 
 // The levels are fixed in one of two effects only: the other keeps all of its levels in log|G|.
-TEST_F(fixed_levels_test, OtherEffectsAreNotTouched) {
+TEST_F(fixed_levels_test, other_effects_are_not_touched) {
     const std::vector<int> fixed{6};
     small_model m = animals(1, fixed, "0.0");
     m.random.push_back({"pe", "IDE", 1, 0, {0.7}});

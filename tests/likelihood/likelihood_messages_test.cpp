@@ -44,7 +44,7 @@ small_model bivariate(double rcov = 0.4) {
 
 bool told(const std::string& screen, const std::string& text) { return screen.find(text) != std::string::npos; }
 
-TEST_F(likelihood_messages_test, UnknownTypesOfAnalysis) {
+TEST_F(likelihood_messages_test, unknown_types_of_analysis) {
     set_up(one_trait_model());
     int ifail = 0;
     for (int type : {0, 5}) {
@@ -57,7 +57,7 @@ TEST_F(likelihood_messages_test, UnknownTypesOfAnalysis) {
     EXPECT_STOP(rinverse(estimates.parvec, ifail), "rinverse");
 }
 
-TEST_F(likelihood_messages_test, VarianceFunctionsOfTheResidualAreNotThere) {
+TEST_F(likelihood_messages_test, variance_functions_of_the_residual_are_not_there) {
     small_model m;
     m.randreg = true;
     m.make_pedigree(14, 5, 7);
@@ -71,7 +71,7 @@ TEST_F(likelihood_messages_test, VarianceFunctionsOfTheResidualAreNotThere) {
 }
 
 // The numbers before ordering are those of the equations as they were counted, taken-out ones included.
-TEST_F(likelihood_messages_test, ElementOfARandomEffectWithoutAPlace) {
+TEST_F(likelihood_messages_test, element_of_a_random_effect_without_a_place) {
     small_model m = bivariate();
     m.extra = "ZER\n herd 2 1\nEND\n"; // from there on the numbers of the equations that stay are other ones
     set_up(m);
@@ -108,7 +108,7 @@ TEST_F(likelihood_messages_test, ElementOfARandomEffectWithoutAPlace) {
     EXPECT_EQ(locate(row, col), 0);
 }
 
-TEST_F(likelihood_messages_test, EquationOfALevelThatWasTakenOut) {
+TEST_F(likelihood_messages_test, equation_of_a_level_that_was_taken_out) {
     set_up(one_trait_model());
     program_logl(estimates.parvec);
     orders.ieqnew(mmequations.rn_start(1) + 1) = 0; // the founder whose diagonal comes first
@@ -122,7 +122,7 @@ TEST_F(likelihood_messages_test, EquationOfALevelThatWasTakenOut) {
         << screen_text();
 }
 
-TEST_F(likelihood_messages_test, DiagnosisOfTheFirstEvaluationLineByLine) {
+TEST_F(likelihood_messages_test, diagnosis_of_the_first_evaluation_line_by_line) {
     set_up(one_trait_model());
     const int eq = mmequations.fx_start(1, 1) + 3, row = orders.ieqnew(eq);
     ASSERT_GT(row, 0);
@@ -165,7 +165,7 @@ TEST_F(likelihood_messages_test, DiagnosisOfTheFirstEvaluationLineByLine) {
 }
 
 // Residual variances so large that the equations of the fixed effects have no pivots above the limit.
-TEST_F(likelihood_messages_test, FailedFirstEvaluationGivesTheDiagnosisOnlyThen) {
+TEST_F(likelihood_messages_test, failed_first_evaluation_gives_the_diagnosis_only_then) {
     small_model m = one_trait_model();
     m.residual = {1.0e12};
     set_up(m);
@@ -189,7 +189,7 @@ TEST_F(likelihood_messages_test, FailedFirstEvaluationGivesTheDiagnosisOnlyThen)
     EXPECT_EQ(likelihoods.nlike, 0);
 }
 
-TEST_F(likelihood_messages_test, ResidualMatrixIsShownUnderDetails) {
+TEST_F(likelihood_messages_test, residual_matrix_is_shown_under_details) {
     set_up(bivariate());
     options.details = true;
     clear_screen();
@@ -203,7 +203,7 @@ TEST_F(likelihood_messages_test, ResidualMatrixIsShownUnderDetails) {
     EXPECT_EQ(screen_text(), "");
 }
 
-TEST_F(likelihood_messages_test, SingularPatternIsShownWithItsTriangle) {
+TEST_F(likelihood_messages_test, singular_pattern_is_shown_with_its_triangle) {
     small_model m = one_trait_model();
     m.rows.clear();
     m.make_rows(4, 2, 3, 0.0, 2);
@@ -225,7 +225,7 @@ TEST_F(likelihood_messages_test, SingularPatternIsShownWithItsTriangle) {
         << screen_text();
 }
 
-TEST_F(likelihood_messages_test, SingularSubjectIsNamed) {
+TEST_F(likelihood_messages_test, singular_subject_is_named) {
     small_model m;
     m.randreg = true;
     m.make_pedigree(14, 5, 7);
@@ -246,7 +246,7 @@ TEST_F(likelihood_messages_test, SingularSubjectIsNamed) {
         << screen_text();
 }
 
-TEST_F(likelihood_messages_test, EvaluationsAreToldAndLogged) {
+TEST_F(likelihood_messages_test, evaluations_are_told_and_logged) {
     set_up(one_trait_model());
     options.verbose = true;
     clear_screen();
@@ -274,7 +274,7 @@ TEST_F(likelihood_messages_test, EvaluationsAreToldAndLogged) {
     EXPECT_EQ(read_file("logL.dat").find(std::string("an older line\n") + logged), 0u) << read_file("logL.dat");
 }
 
-TEST_F(likelihood_messages_test, InverseIsTimed) {
+TEST_F(likelihood_messages_test, inverse_is_timed) {
     set_up(one_trait_model());
     program_logl(estimates.parvec);
     options.verbose = false;

@@ -54,7 +54,7 @@ void expect_dense(const small_model& m, double tolerance = 1.0e-8) {
     EXPECT_NEAR(x, want, tolerance * std::max(1.0, std::fabs(want)));
 }
 
-TEST_F(likelihood_test, OneTraitAnimalModelEqualsDenseRemlAndBlup) {
+TEST_F(likelihood_test, one_trait_animal_model_equals_dense_reml_and_blup) {
     const small_model m = univariate();
     set_up(m);
     expect_dense(m);
@@ -69,14 +69,14 @@ TEST_F(likelihood_test, OneTraitAnimalModelEqualsDenseRemlAndBlup) {
     EXPECT_NEAR(solutions.solsave(1), e.beta[3], 1.0e-8); // the covariable's equation comes first
 }
 
-TEST_F(likelihood_test, OneTraitWithRepeatedRecordsAndTwoEffects) {
+TEST_F(likelihood_test, one_trait_with_repeated_records_and_two_effects) {
     small_model m = univariate(3);
     m.random.push_back({"pe", "IDE", 1, 0, {0.7}});
     set_up(m);
     expect_dense(m);
 }
 
-TEST_F(likelihood_test, MeanInsteadOfHerds) {
+TEST_F(likelihood_test, mean_instead_of_herds) {
     small_model m = univariate();
     m.herd = false;
     m.mean = true;
@@ -84,14 +84,14 @@ TEST_F(likelihood_test, MeanInsteadOfHerds) {
     expect_dense(m);
 }
 
-TEST_F(likelihood_test, TwoTraitsWithMissingRecords) {
+TEST_F(likelihood_test, two_traits_with_missing_records) {
     const small_model m = bivariate();
     set_up(m);
     expect_dense(m);
     EXPECT_EQ(likelihoods.nfact, 1);
 }
 
-TEST_F(likelihood_test, ThreeTraitsTwoEffectsDifferentFromScaleToScale) {
+TEST_F(likelihood_test, three_traits_two_effects_different_from_scale_to_scale) {
     small_model m;
     m.nq = 3;
     m.make_pedigree(20, 6, 5);
@@ -109,7 +109,7 @@ TEST_F(likelihood_test, ThreeTraitsTwoEffectsDifferentFromScaleToScale) {
     EXPECT_NEAR(program_logl(estimates.parvec), factor_scale, 1.0e-8);
 }
 
-TEST_F(likelihood_test, RepeatEffectInTheResidual) {
+TEST_F(likelihood_test, repeat_effect_in_the_residual) {
     small_model m = univariate(3);
     m.random.push_back({"pe", "PEQ", 1, 0, {0.7}});
     set_up(m);
@@ -124,7 +124,7 @@ TEST_F(likelihood_test, RepeatEffectInTheResidual) {
     EXPECT_NEAR(with_peq, oracle::evaluate(a, oracle::variance(a, p)).logl, 1.0e-7);
 }
 
-TEST_F(likelihood_test, RepeatMatrixAboveTheResidualIsInvalid) {
+TEST_F(likelihood_test, repeat_matrix_above_the_residual_is_invalid) {
     small_model m = univariate(2);
     m.random.push_back({"pe", "PEQ", 1, 0, {0.7}});
     set_up(m, {"--emalg", "--noreord"});
@@ -138,7 +138,7 @@ TEST_F(likelihood_test, RepeatMatrixAboveTheResidualIsInvalid) {
     EXPECT_NE(screen_text().find("NEGATIVE PIVOT"), std::string::npos);
 }
 
-TEST_F(likelihood_test, RepeatMatrixEqualToTheResidualIsToldAsSingular) {
+TEST_F(likelihood_test, repeat_matrix_equal_to_the_residual_is_told_as_singular) {
     small_model m = univariate(2);
     m.random.push_back({"pe", "PEQ", 1, 0, {0.7}});
     set_up(m);
@@ -152,7 +152,7 @@ TEST_F(likelihood_test, RepeatMatrixEqualToTheResidualIsToldAsSingular) {
               std::string::npos);
 }
 
-TEST_F(likelihood_test, CorrelatedEffectsShareABlock) {
+TEST_F(likelihood_test, correlated_effects_share_a_block) {
     small_model m = univariate();
     m.random = {{"animal+dam", "NRM", 2, 0, {1.3, 0.2, 0.6}}};
     set_up(m);
@@ -160,7 +160,7 @@ TEST_F(likelihood_test, CorrelatedEffectsShareABlock) {
     expect_dense(m);
 }
 
-TEST_F(likelihood_test, SireModelLeavesOutTheLogDeterminantOfTheRelationships) {
+TEST_F(likelihood_test, sire_model_leaves_out_the_log_determinant_of_the_relationships) {
     small_model m = univariate();
     std::fill(m.dam.begin(), m.dam.end(), 0); // the rules for sires alone give the relationships of the pedigree
     m.sires = true;
@@ -170,7 +170,7 @@ TEST_F(likelihood_test, SireModelLeavesOutTheLogDeterminantOfTheRelationships) {
     EXPECT_NEAR(x, dense_logl(m, estimates.parvec) + 0.5 * randomvars.detl(1), 1.0e-8);
 }
 
-TEST_F(likelihood_test, SuppliedInverseEqualsThePedigree) {
+TEST_F(likelihood_test, supplied_inverse_equals_the_pedigree) {
     small_model m = univariate();
     m.rows.clear();
     m.make_rows(1, 1, 3, 0.0, 9); // a record of every animal: codes are levels
@@ -188,7 +188,7 @@ TEST_F(likelihood_test, SuppliedInverseEqualsThePedigree) {
     expect_dense(m, 1.0e-6);
 }
 
-TEST_F(likelihood_test, DiagnosisNamesTheFixedEffect) {
+TEST_F(likelihood_test, diagnosis_names_the_fixed_effect) {
     const small_model m = univariate();
     set_up(m);
     write_warnfix(orders.ieqnew(mmequations.fx_start(1, 1) + 2));
@@ -198,7 +198,7 @@ TEST_F(likelihood_test, DiagnosisNamesTheFixedEffect) {
               std::string::npos);
 }
 
-TEST_F(likelihood_test, PlaceOfAnElementThatIsNotThereIsZero) {
+TEST_F(likelihood_test, place_of_an_element_that_is_not_there_is_zero) {
     set_up(univariate());
     int absent = 0;
     for (int i = 1; i < numbers.nsrow; ++i) {
@@ -208,7 +208,7 @@ TEST_F(likelihood_test, PlaceOfAnElementThatIsNotThereIsZero) {
     EXPECT_EQ(absent, (numbers.nsrow - 1) * (numbers.nsrow - 2) / 2 - (sparse.maxlnz - numbers.nsrow + 1));
 }
 
-TEST_F(likelihood_test, RandomRegressionOneClass) {
+TEST_F(likelihood_test, random_regression_one_class) {
     small_model m;
     m.randreg = true;
     m.make_pedigree(14, 5, 7);
@@ -231,7 +231,7 @@ small_model regression_in_classes() {
     return m;
 }
 
-TEST_F(likelihood_test, RandomRegressionClasses) {
+TEST_F(likelihood_test, random_regression_classes) {
     const small_model m = regression_in_classes();
     set_up(m);
     expect_dense(m);
@@ -239,7 +239,7 @@ TEST_F(likelihood_test, RandomRegressionClasses) {
 
 // A search may try any value: one class without a residual variance, or with one that cannot be inverted, makes the
 // point invalid and is forgotten with the next one.
-TEST_F(likelihood_test, TrialResidualOfAClassThatIsTooSmallIsInvalid) {
+TEST_F(likelihood_test, trial_residual_of_a_class_that_is_too_small_is_invalid) {
     const small_model m = regression_in_classes();
     set_up(m, {"--aireml", "--nologd"});
     ASSERT_NE(estimates.paraform(0), par_scale::original);
@@ -260,7 +260,7 @@ TEST_F(likelihood_test, TrialResidualOfAClassThatIsTooSmallIsInvalid) {
     }
 }
 
-TEST_F(likelihood_test, ReducedRankEqualsDenseWithTheProductOfItsFactor) {
+TEST_F(likelihood_test, reduced_rank_equals_dense_with_the_product_of_its_factor) {
     small_model m;
     m.nq = 3;
     m.principal = true;
@@ -272,7 +272,7 @@ TEST_F(likelihood_test, ReducedRankEqualsDenseWithTheProductOfItsFactor) {
     expect_dense(m);
 }
 
-TEST_F(likelihood_test, ReducedRankRandomRegression) {
+TEST_F(likelihood_test, reduced_rank_random_regression) {
     small_model m;
     m.randreg = m.principal = true;
     m.make_pedigree(14, 5, 7);
@@ -283,14 +283,14 @@ TEST_F(likelihood_test, ReducedRankRandomRegression) {
     expect_dense(m);
 }
 
-TEST_F(likelihood_test, DiagonalBlock) {
+TEST_F(likelihood_test, diagonal_block) {
     small_model m = bivariate();
     m.random.push_back({"dam", "IDE", 2, 0, {0.5, 0.8}, true});
     set_up(m);
     expect_dense(m);
 }
 
-TEST_F(likelihood_test, TableAnswersTheSameVectorAndTheFactorANearlyEqualOne) {
+TEST_F(likelihood_test, table_answers_the_same_vector_and_the_factor_a_nearly_equal_one) {
     const small_model m = bivariate();
     set_up(m);
     const double x = program_logl(estimates.parvec);
@@ -304,7 +304,7 @@ TEST_F(likelihood_test, TableAnswersTheSameVectorAndTheFactorANearlyEqualOne) {
     EXPECT_EQ(likelihoods.ncall, 1);
 }
 
-TEST_F(likelihood_test, TableDropsTheOldestTwentyRowsWhenFull) {
+TEST_F(likelihood_test, table_drops_the_oldest_twenty_rows_when_full) {
     const small_model m = univariate();
     set_up(m);
     array<double> p = estimates.parvec;
@@ -318,7 +318,7 @@ TEST_F(likelihood_test, TableDropsTheOldestTwentyRowsWhenFull) {
     EXPECT_EQ(likelihoods.likesav(1, 181), values[200]);
 }
 
-TEST_F(likelihood_test, FactorAtHandIsToldWithItsValue) {
+TEST_F(likelihood_test, factor_at_hand_is_told_with_its_value) {
     const small_model m = univariate();
     set_up(m);
     const double x = program_logl(estimates.parvec, 1);
@@ -329,7 +329,7 @@ TEST_F(likelihood_test, FactorAtHandIsToldWithItsValue) {
     EXPECT_EQ(likelihoods.nfact, 2);
 }
 
-TEST_F(likelihood_test, InvalidPointLeavesNothingToReuse) {
+TEST_F(likelihood_test, invalid_point_leaves_nothing_to_reuse) {
     const small_model m = bivariate();
     set_up(m, {"--aireml", "--zero14"});
     const double x = program_logl(estimates.parvec, 1);
@@ -341,7 +341,7 @@ TEST_F(likelihood_test, InvalidPointLeavesNothingToReuse) {
     for (int i = 1; i <= before.upper(); ++i) EXPECT_NEAR(solutions.solns(i), before(i), 1.0e-9);
 }
 
-TEST_F(likelihood_test, VanishingEigenvalueIsInvalid) {
+TEST_F(likelihood_test, vanishing_eigenvalue_is_invalid) {
     const small_model m = bivariate();
     set_up(m, {"--aireml", "--noreord", "--nologd"});
     array<double> p = estimates.parvec;
@@ -351,7 +351,7 @@ TEST_F(likelihood_test, VanishingEigenvalueIsInvalid) {
     EXPECT_EQ(program_logl(p), invalid_logl);
 }
 
-TEST_F(likelihood_test, AssemblyTwiceGivesTheSameMatrixWithKeptPlaces) {
+TEST_F(likelihood_test, assembly_twice_gives_the_same_matrix_with_kept_places) {
     const small_model m = bivariate();
     set_up(m);
     program_logl(estimates.parvec);
@@ -365,7 +365,7 @@ TEST_F(likelihood_test, AssemblyTwiceGivesTheSameMatrixWithKeptPlaces) {
     for (int i = 1; i <= off.upper(); ++i) EXPECT_EQ(sparse.xspars(i), off(i));
 }
 
-TEST_F(likelihood_test, StructureOfAnEarlierRunWithAZeroCovarianceIsMadeAnew) {
+TEST_F(likelihood_test, structure_of_an_earlier_run_with_a_zero_covariance_is_made_anew) {
     set_up(bivariate(0.0));
     EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(bivariate(0.0), estimates.parvec), 1.0e-7);
     EXPECT_EQ(orders.nsymb, 1);
@@ -376,7 +376,7 @@ TEST_F(likelihood_test, StructureOfAnEarlierRunWithAZeroCovarianceIsMadeAnew) {
     EXPECT_EQ(orders.nsymb, 1);
 }
 
-TEST_F(likelihood_test, CovarianceThatIsZeroNoLongerAsksForOneNewOrdering) {
+TEST_F(likelihood_test, covariance_that_is_zero_no_longer_asks_for_one_new_ordering) {
     const small_model m = bivariate(0.3);
     set_up(m);
     array<double> p = estimates.parvec;
@@ -394,7 +394,7 @@ TEST_F(likelihood_test, CovarianceThatIsZeroNoLongerAsksForOneNewOrdering) {
 
 // An element of the relationships that has no place in the structure asks for a new ordering, as one of the records
 // does. The level has no records.
-TEST_F(likelihood_test, MissingElementOfARandomEffectAsksForANewOrdering) {
+TEST_F(likelihood_test, missing_element_of_a_random_effect_asks_for_a_new_ordering) {
     const small_model m = bivariate();
     set_up(m);
     const double want = dense_logl(m, estimates.parvec);
@@ -413,7 +413,7 @@ TEST_F(likelihood_test, MissingElementOfARandomEffectAsksForANewOrdering) {
     EXPECT_EQ(orders.nsymb, 2);
 }
 
-TEST_F(likelihood_test, MissingElementOfARandomEffectIsFatal) {
+TEST_F(likelihood_test, missing_element_of_a_random_effect_is_fatal) {
     const small_model m = univariate();
     set_up(m);
     program_logl(estimates.parvec);
@@ -422,7 +422,7 @@ TEST_F(likelihood_test, MissingElementOfARandomEffectIsFatal) {
     EXPECT_STOP(build_mmm(iflag), "this should not happen");
 }
 
-TEST_F(likelihood_test, TwoRecordsOfASubjectAtOneControlValueStopTheRun) {
+TEST_F(likelihood_test, two_records_of_a_subject_at_one_control_value_stop_the_run) {
     small_model m;
     m.randreg = true;
     m.make_pedigree(14, 5, 7);

@@ -67,7 +67,7 @@ oracle::dense by_hand(const small_model& m, const oracle::dense& e, const oracle
     return v;
 }
 
-TEST_F(repeat_effects_test, TwoTraitsWithRepeatsAndMissingRecords) {
+TEST_F(repeat_effects_test, two_traits_with_repeats_and_missing_records) {
     small_model m = traits(2, 2, 0.2);
     m.random.push_back({"pe", "PEQ", 2, 0, {0.4, 0.1, 0.5}});
     set_up(m);
@@ -81,7 +81,7 @@ TEST_F(repeat_effects_test, TwoTraitsWithRepeatsAndMissingRecords) {
     EXPECT_NEAR(program_logl(estimates.parvec), want, 1.0e-8 * std::fabs(want));
 }
 
-TEST_F(repeat_effects_test, DiagonalRepeatMatrixOfTwoTraits) {
+TEST_F(repeat_effects_test, diagonal_repeat_matrix_of_two_traits) {
     small_model m = traits(2, 3, 0.2);
     m.random.push_back({"pe", "PEQ", 2, 0, {0.9, 0.7}, true});
     set_up(m);
@@ -117,7 +117,7 @@ oracle::reml dense_by_record(const small_model& m, const array<double>& parvec) 
     return oracle::evaluate(a, v);
 }
 
-TEST_F(repeat_effects_test, RepeatEffectByRecord) {
+TEST_F(repeat_effects_test, repeat_effect_by_record) {
     small_model m = traits(2, 3, 0.2);
     m.random.push_back({"pe", "PEQ", 2, 0, {0.9, 0.4, 0.7}, false, true});
     m.residual = {2.1, -0.8, 1.9}; // of the other sign than the repeat effect
@@ -148,7 +148,7 @@ TEST_F(repeat_effects_test, RepeatEffectByRecord) {
 }
 
 // The repeat effect stands first: its parameters follow those of the residual all the same.
-TEST_F(repeat_effects_test, RepeatEffectBeforeTheOthers) {
+TEST_F(repeat_effects_test, repeat_effect_before_the_others) {
     small_model m = traits(1, 3, 0.0);
     m.random.insert(m.random.begin(), {"pe", "PEQ", 1, 0, {0.7}});
     m.random.push_back({"dam", "IDE", 1, 0, {0.6}});
@@ -165,7 +165,7 @@ TEST_F(repeat_effects_test, RepeatEffectBeforeTheOthers) {
     EXPECT_NEAR(program_logl(estimates.parvec), oracle::evaluate(a, oracle::variance(a, p)).logl, 1.0e-7);
 }
 
-TEST_F(repeat_effects_test, DeterminantOfARepeatBlockIsLeftAlone) {
+TEST_F(repeat_effects_test, determinant_of_a_repeat_block_is_left_alone) {
     small_model m = traits(1, 3, 0.0);
     m.random.push_back({"pe", "PEQ", 1, 0, {0.7}});
     set_up(m);
@@ -177,7 +177,7 @@ TEST_F(repeat_effects_test, DeterminantOfARepeatBlockIsLeftAlone) {
 }
 
 // Two lines of two traits: the covariance holds between every pair, so a correlation above 1/2 makes R indefinite.
-TEST_F(repeat_effects_test, TwoLinesOfTwoTraits) {
+TEST_F(repeat_effects_test, two_lines_of_two_traits) {
     small_model m = traits(2, 2, 0.0);
     m.residual = {2.0, 0.9, 2.0};
     set_up(m, {"--emalg"});
@@ -196,7 +196,7 @@ TEST_F(repeat_effects_test, TwoLinesOfTwoTraits) {
 }
 
 // Two negative pivots give a positive determinant: the point is invalid all the same.
-TEST_F(repeat_effects_test, EvenNumberOfNegativePivotsIsInvalid) {
+TEST_F(repeat_effects_test, even_number_of_negative_pivots_is_invalid) {
     small_model m = traits(1, 3, 0.0);
     m.random.push_back({"pe", "PEQ", 1, 0, {0.7}});
     set_up(m, {"--emalg"});
@@ -208,7 +208,7 @@ TEST_F(repeat_effects_test, EvenNumberOfNegativePivotsIsInvalid) {
 }
 
 // A direction that vanishes is no ridge any more: the point must not look better than the boundary.
-TEST_F(repeat_effects_test, VanishingVarianceNeverPassesTheBoundary) {
+TEST_F(repeat_effects_test, vanishing_variance_never_passes_the_boundary) {
     small_model m;
     m.randreg = true;
     m.make_pedigree(14, 5, 7);
@@ -238,7 +238,7 @@ TEST_F(repeat_effects_test, VanishingVarianceNeverPassesTheBoundary) {
 }
 
 // Eigenvalues below 1e-6 are left out of inverse and determinant, and the block is marked.
-TEST_F(repeat_effects_test, BlockWithAVanishingEigenvalueIsAGeneralisedInverse) {
+TEST_F(repeat_effects_test, block_with_a_vanishing_eigenvalue_is_a_generalised_inverse) {
     small_model m = traits(2, 1, 0.2);
     set_up(m, {"--aireml", "--noreord", "--nologd"});
     array<double> p = estimates.parvec;
@@ -259,7 +259,7 @@ TEST_F(repeat_effects_test, BlockWithAVanishingEigenvalueIsAGeneralisedInverse) 
     EXPECT_FALSE(any_deficient());
 }
 
-TEST_F(repeat_effects_test, DiagonalBlockWithAVanishingVariance) {
+TEST_F(repeat_effects_test, diagonal_block_with_a_vanishing_variance) {
     small_model m = traits(2, 1, 0.2);
     m.random.push_back({"dam", "IDE", 2, 0, {0.5, 0.8}, true});
     set_up(m, {"--aireml", "--noreord", "--nologd"});
@@ -272,7 +272,7 @@ TEST_F(repeat_effects_test, DiagonalBlockWithAVanishingVariance) {
     EXPECT_EQ(randomvars.zig(2, 2, 2), 0.0);
 }
 
-TEST_F(repeat_effects_test, ValueThatIsNotANumberIsInvalid) {
+TEST_F(repeat_effects_test, value_that_is_not_a_number_is_invalid) {
     const small_model m = traits(1, 1, 0.0);
     set_up(m);
     program_logl(estimates.parvec);

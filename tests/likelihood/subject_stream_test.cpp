@@ -31,7 +31,7 @@ shown look(const subject_stream& s) {
     return out;
 }
 
-class SubjectStreams : public tarvex_test {
+class subject_streams : public tarvex_test {
 protected:
     static void evaluate(const small_model& m) {
         set_up(m);
@@ -67,7 +67,7 @@ protected:
     }
 };
 
-TEST_F(SubjectStreams, TwoAtATimeWithSeveralTraits) {
+TEST_F(subject_streams, two_at_a_time_with_several_traits) {
     small_model m;
     m.nq = 2;
     m.make_pedigree(20, 6, 5);
@@ -79,7 +79,7 @@ TEST_F(SubjectStreams, TwoAtATimeWithSeveralTraits) {
     for (const int ahead : {1, 3}) compare(ahead);
 }
 
-TEST_F(SubjectStreams, TwoAtATimeInRandomRegression) {
+TEST_F(subject_streams, two_at_a_time_in_random_regression) {
     small_model m;
     m.randreg = true;
     m.make_pedigree(16, 6, 7);

@@ -127,7 +127,7 @@ small_model animals(int nq, std::vector<double> g, std::vector<double> r, int re
     return m;
 }
 
-TEST_F(units_test, OneTraitWithRepeatsAndACovariable) {
+TEST_F(units_test, one_trait_with_repeats_and_a_covariable) {
     small_model m = animals(1, {1.3}, {2.1}, 6);
     m.covariable = true;
     m.random.push_back({"pe", "IDE", 1, 0, {0.8}});
@@ -136,7 +136,7 @@ TEST_F(units_test, OneTraitWithRepeatsAndACovariable) {
     expect_same_in_any_unit(m);
 }
 
-TEST_F(units_test, TraitsInDifferentUnitsWithMissingRecords) {
+TEST_F(units_test, traits_in_different_units_with_missing_records) {
     small_model m = animals(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}, 2, 0.25);
     m.random.push_back({"dam", "IDE", 2, 0, {0.5, 0.1, 0.4}});
     expect_same_in_any_unit(m);
@@ -148,7 +148,7 @@ TEST_F(units_test, TraitsInDifferentUnitsWithMissingRecords) {
     expect_same_in_any_unit(m);
 }
 
-TEST_F(units_test, CorrelatedEffectsAndDiagonalMatrices) {
+TEST_F(units_test, correlated_effects_and_diagonal_matrices) {
     small_model m = animals(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
     m.random[0] = {"animal+dam", "NRM", 4, 0, {1.3, 0.5, -0.1, 0.05, 1.8, 0.02, -0.2, 0.5, 0.1, 0.6}};
     expect_same_in_any_unit(m);
@@ -157,13 +157,13 @@ TEST_F(units_test, CorrelatedEffectsAndDiagonalMatrices) {
     expect_same_in_any_unit(m, {"--nologd"});
 }
 
-TEST_F(units_test, SireModel) {
+TEST_F(units_test, sire_model) {
     small_model m = animals(2, {0.4, 0.1, 0.5}, {2.1, 0.4, 1.9});
     m.sires = true;
     expect_same_in_any_unit(m);
 }
 
-TEST_F(units_test, RandomRegressionWithClasses) {
+TEST_F(units_test, random_regression_with_classes) {
     small_model m;
     m.randreg = true;
     m.make_pedigree(20, 6, 53);
@@ -175,7 +175,7 @@ TEST_F(units_test, RandomRegressionWithClasses) {
 }
 
 // A matrix of rank 2: what is cut off a matrix of higher rank would depend on the order of its pivots.
-TEST_F(units_test, ReducedRank) {
+TEST_F(units_test, reduced_rank) {
     const double f[3][2] = {{1.2, 0.0}, {0.5, 1.1}, {0.3, 0.4}};
     std::vector<double> g;
     for (int i = 0; i < 3; ++i)
@@ -187,7 +187,7 @@ TEST_F(units_test, ReducedRank) {
 }
 
 // The least part of a matrix that counts is relative to the trait, too: a trait in tiny units keeps all of it.
-TEST_F(units_test, CovariancesComeBackInTheUnitsOfTheData) {
+TEST_F(units_test, covariances_come_back_in_the_units_of_the_data) {
     small_model m = scaled(animals(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}), {1.0e-6, 1.0e6});
     const outcome o = at_start(m, {"--aireml"});
     const std::vector<double> want{2.1e-12, 0.4, 1.9e12, 1.3e-12, 0.5, 1.8e12};
@@ -196,7 +196,7 @@ TEST_F(units_test, CovariancesComeBackInTheUnitsOfTheData) {
     EXPECT_NE(screen_text().find("worked out in units of"), std::string::npos);
 }
 
-TEST_F(units_test, OrdinaryTraitsKeepTheirUnits) {
+TEST_F(units_test, ordinary_traits_keep_their_units) {
     for (double sd : {0.25, 1.0, 512.0}) EXPECT_EQ(unit_for(sd), 1.0);
     EXPECT_EQ(unit_for(0.0), 1.0);
     EXPECT_EQ(unit_for(1024.0), 1024.0);

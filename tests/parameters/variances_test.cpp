@@ -35,7 +35,7 @@ void expect_covs(int irand, const std::vector<double>& want, double tolerance = 
     for (std::size_t k = 0; k < want.size(); ++k) EXPECT_NEAR(b.cc(k + 1), want[k], tolerance) << irand << ": " << k;
 }
 
-TEST_F(variances_test, RankOneOfThreeHasThreeParametersAndSixCovariances) {
+TEST_F(variances_test, rank_one_of_three_has_three_parameters_and_six_covariances) {
     const small_model m = components(1);
     set_up(m, {"--aireml"});
     EXPECT_EQ(estimates.nnparm(1), 3);
@@ -52,7 +52,7 @@ TEST_F(variances_test, RankOneOfThreeHasThreeParametersAndSixCovariances) {
     EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(m, estimates.parvec), 1.0e-7);
 }
 
-TEST_F(variances_test, ListOfCovariancesShowsTheGivenMatrix) {
+TEST_F(variances_test, list_of_covariances_shows_the_given_matrix) {
     set_up(components(1), {"--aireml"});
     const std::string list = read_file(filenames.covlstfile);
     EXPECT_NE(list.find("   7  COVS A 1 1"), std::string::npos) << list;
@@ -60,7 +60,7 @@ TEST_F(variances_test, ListOfCovariancesShowsTheGivenMatrix) {
     EXPECT_EQ(std::count(list.begin(), list.end(), '\n'), 12);
 }
 
-TEST_F(variances_test, ScaleFollowsTheAlgorithm) {
+TEST_F(variances_test, scale_follows_the_algorithm) {
     set_up(two_traits(), {"--aireml"});
     EXPECT_EQ(estimates.paraform(0), par_scale::variance);
     EXPECT_EQ(estimates.parnames(4), "CHOL A 1 1");
@@ -78,14 +78,14 @@ TEST_F(variances_test, ScaleFollowsTheAlgorithm) {
     EXPECT_EQ(estimates.paraform(1), par_scale::cholesky);
 }
 
-TEST_F(variances_test, ResidualByClassesIsLabelledByClass) {
+TEST_F(variances_test, residual_by_classes_is_labelled_by_class) {
     set_up(growth(true), {"--aireml"});
     EXPECT_EQ(estimates.nresparm, 3);
     EXPECT_EQ(estimates.parnames(3), "CHOL Z 1 1 3");
     EXPECT_EQ(estimates.covnames(2), "COVS Z 1 1 2");
 }
 
-TEST_F(variances_test, ResidualFunctionLeavesAnEmptyBlock) {
+TEST_F(variances_test, residual_function_leaves_an_empty_block) {
     set_up(growth(true), {"--aireml"});
     model.me_type = "FUN";
     estimates = {};
@@ -96,7 +96,7 @@ TEST_F(variances_test, ResidualFunctionLeavesAnEmptyBlock) {
     EXPECT_EQ(estimates.parnames(1).substr(0, 6), "CHOL A");
 }
 
-TEST_F(variances_test, LargeAndSmallLogarithmsAreWrittenBack) {
+TEST_F(variances_test, large_and_small_logarithms_are_written_back) {
     set_up(two_traits(), {"--aireml", "--logdia"});
     ASSERT_EQ(estimates.logdiagonals(1), 1);
     EXPECT_NEAR(estimates.parvec(4), 0.5 * std::log(1.8), 1.0e-12);
@@ -108,7 +108,7 @@ TEST_F(variances_test, LargeAndSmallLogarithmsAreWrittenBack) {
     EXPECT_EQ(estimates.parvec(6), -9.0);
 }
 
-TEST_F(variances_test, NothingSwitchesWhereLogarithmsAreBarred) {
+TEST_F(variances_test, nothing_switches_where_logarithms_are_barred) {
     small_model m = two_traits();
     m.random[0].g = {0.01, 0.0, 0.02};
     set_up(m, {"--aireml", "--nologd"});
@@ -121,7 +121,7 @@ TEST_F(variances_test, NothingSwitchesWhereLogarithmsAreBarred) {
     EXPECT_EQ(estimates.switchlog(1), 0);
 }
 
-TEST_F(variances_test, SmallDiagonalsTurnTheBlockAtTheStartAndAskDuringTheRun) {
+TEST_F(variances_test, small_diagonals_turn_the_block_at_the_start_and_ask_during_the_run) {
     small_model m = two_traits();
     m.random[0].g = {0.39, 0.0, 0.5}; // roots 0.6245 and 0.707
     set_up(m, {"--aireml"});
@@ -140,7 +140,7 @@ TEST_F(variances_test, SmallDiagonalsTurnTheBlockAtTheStartAndAskDuringTheRun) {
     EXPECT_EQ(estimates.switchlog(1), 1) << "another block clears only its own mark";
 }
 
-TEST_F(variances_test, LookingAtAPointLeavesItAndTheMarksAlone) {
+TEST_F(variances_test, looking_at_a_point_leaves_it_and_the_marks_alone) {
     set_up(two_traits(), {"--aireml"});
     array<double> point = estimates.parvec;
     const int first = block_start(1), residual = block_start(0);
@@ -162,7 +162,7 @@ TEST_F(variances_test, LookingAtAPointLeavesItAndTheMarksAlone) {
     EXPECT_FALSE(covariances_at(point, 1).finite);
 }
 
-TEST_F(variances_test, SwitchToLogarithmsKeepsTheMatrixOfANegativeDiagonal) {
+TEST_F(variances_test, switch_to_logarithms_keeps_the_matrix_of_a_negative_diagonal) {
     const small_model m = two_traits();
     set_up(m, {"--aireml"});
     estimates.parvec(4) = -0.2;
@@ -181,7 +181,7 @@ TEST_F(variances_test, SwitchToLogarithmsKeepsTheMatrixOfANegativeDiagonal) {
     EXPECT_EQ(bestpoint.parbest(5), -0.5);
 }
 
-TEST_F(variances_test, TraitsNeverTogetherHaveNoResidualCovariance) {
+TEST_F(variances_test, traits_never_together_have_no_residual_covariance) {
     small_model m = two_traits();
     for (auto& r : m.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
     set_up(m, {"--aireml"});
@@ -192,7 +192,7 @@ TEST_F(variances_test, TraitsNeverTogetherHaveNoResidualCovariance) {
     EXPECT_EQ(estimates.parvec(2), 0.0);
 }
 
-TEST_F(variances_test, ZeroPatternThatNoFactorKeepsGoesToCovariances) {
+TEST_F(variances_test, zero_pattern_that_no_factor_keeps_goes_to_covariances) {
     small_model m = components(3);
     m.principal = false;
     for (auto& r : m.rows) { // traits 2 and 3 never meet, each of them meets trait 1
@@ -209,7 +209,7 @@ TEST_F(variances_test, ZeroPatternThatNoFactorKeepsGoesToCovariances) {
     EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(m, estimates.parvec), 1.0e-7);
 }
 
-TEST_F(variances_test, RebuildMayChangeThePivotOrder) {
+TEST_F(variances_test, rebuild_may_change_the_pivot_order) {
     set_up(two_traits(), {"--aireml"});
     EXPECT_EQ(estimates.cholorder(1, 1), 2);
     model.cov(1, 1) = 3.0;
@@ -218,14 +218,14 @@ TEST_F(variances_test, RebuildMayChangeThePivotOrder) {
     expect_covs(1, {3.0, 0.5, 1.8});
 }
 
-TEST_F(variances_test, OrderOfTheMatrixWithoutPivoting) {
+TEST_F(variances_test, order_of_the_matrix_without_pivoting) {
     set_up(two_traits(), {"--aireml", "--noreord"});
     EXPECT_EQ(estimates.cholorder(1, 1), 1);
     EXPECT_NEAR(estimates.parvec(4), std::sqrt(1.3), 1.0e-12);
     expect_covs(1, {1.3, 0.5, 1.8});
 }
 
-TEST_F(variances_test, StartingMatricesMustBePositiveDefinite) {
+TEST_F(variances_test, starting_matrices_must_be_positive_definite) {
     small_model m = two_traits();
     m.random[0].g = {1.0, 2.0, 1.0};
     for (const char* plan : {"--aireml", "--emalg"}) {
@@ -239,7 +239,7 @@ TEST_F(variances_test, StartingMatricesMustBePositiveDefinite) {
     }
 }
 
-TEST_F(variances_test, SmallEigenvaluesAreRaisedInTheMatrixOnly) {
+TEST_F(variances_test, small_eigenvalues_are_raised_in_the_matrix_only) {
     set_up(two_traits(), {"--emalg"});
     for (int k = 4; k <= 6; ++k) estimates.parvec(k) = 1.0;
     const block b(1);
@@ -249,7 +249,7 @@ TEST_F(variances_test, SmallEigenvaluesAreRaisedInTheMatrixOnly) {
     EXPECT_NEAR(b.cc(2), 1.0 - 0.5e-4, 1.0e-10);
 }
 
-TEST_F(variances_test, RepeatEffectMakesTheResidualBlockASum) {
+TEST_F(variances_test, repeat_effect_makes_the_residual_block_a_sum) {
     set_up(repeats_with_peq(), {"--emalg"});
     EXPECT_EQ(estimates.npeqparm, 1);
     EXPECT_EQ(estimates.nrespeq, 2);
@@ -259,7 +259,7 @@ TEST_F(variances_test, RepeatEffectMakesTheResidualBlockASum) {
     EXPECT_EQ(block_start(2), 2);
 }
 
-TEST_F(variances_test, DiagonalBlockHoldsLogarithmsInTheOrderOfTheMatrix) {
+TEST_F(variances_test, diagonal_block_holds_logarithms_in_the_order_of_the_matrix) {
     small_model m = with_dams();
     m.random[1] = {"dam", "IDE", 2, 0, {0.9, 0.8}, true};
     set_up(m, {"--aireml"});
@@ -283,7 +283,7 @@ protected:
     }
 };
 
-TEST_F(best_point_test, WritesCovariancesWhateverTheScale) {
+TEST_F(best_point_test, writes_covariances_whatever_the_scale) {
     writebestpoint(0);
     std::istringstream in(read_file("BestPoint"));
     double x = 0.0, v = 0.0;
@@ -297,7 +297,7 @@ TEST_F(best_point_test, WritesCovariancesWhateverTheScale) {
     }
 }
 
-TEST_F(best_point_test, ValuesReturnToTheBit) {
+TEST_F(best_point_test, values_return_to_the_bit) {
     std::vector<double> covs;
     for (int irand = 0; irand <= 1; ++irand)
         for (double x : best_covariances(irand)) covs.push_back(x);
@@ -317,7 +317,7 @@ TEST_F(best_point_test, ValuesReturnToTheBit) {
     EXPECT_EQ(read_file("BestPoint"), before);
 }
 
-TEST_F(best_point_test, OpenUnitTakesTheSameRecords) {
+TEST_F(best_point_test, open_unit_takes_the_same_records) {
     text_out all;
     ASSERT_TRUE(all.open("Estimates"));
     writebestpoint(3, &all);
@@ -327,7 +327,7 @@ TEST_F(best_point_test, OpenUnitTakesTheSameRecords) {
     EXPECT_EQ(records + bestpoint_sums(records), read_file("BestPoint003"));
 }
 
-TEST_F(best_point_test, NumberedCopies) {
+TEST_F(best_point_test, numbered_copies) {
     for (int round : {1, 10, 999, 1000}) writebestpoint(round);
     EXPECT_TRUE(std::filesystem::exists("BestPoint001"));
     EXPECT_TRUE(std::filesystem::exists("BestPoint010"));
@@ -336,7 +336,7 @@ TEST_F(best_point_test, NumberedCopies) {
     EXPECT_FALSE(std::filesystem::exists("BestPoint"));
 }
 
-TEST_F(best_point_test, ReadsWhatWasWrittenAndSaysSo) {
+TEST_F(best_point_test, reads_what_was_written_and_says_so) {
     writebestpoint(0);
     model.cov(1, 1) = 99.0;
     EXPECT_TRUE(readbestpoint(false));
@@ -347,7 +347,7 @@ TEST_F(best_point_test, ReadsWhatWasWrittenAndSaysSo) {
         std::string::npos);
 }
 
-TEST_F(best_point_test, ForeignShortOrMissingFilesChangeNothing) {
+TEST_F(best_point_test, foreign_short_or_missing_files_change_nothing) {
     for (const char* text : {"", "-1.0", "-1.0 7\n1 0 1\n1 0 1\n", "-1.0 6\n1 0 1\n1 0\n", "x 6\n1 0 1 1 0 1\n",
                              "-1.0 6\n1 0 1\n1 0 z\n"}) {
         write_point(text);
@@ -359,21 +359,21 @@ TEST_F(best_point_test, ForeignShortOrMissingFilesChangeNothing) {
     EXPECT_FALSE(readbestpoint(true));
 }
 
-TEST_F(best_point_test, NumbersMayStandOnAnyLines) {
+TEST_F(best_point_test, numbers_may_stand_on_any_lines) {
     write_point("-1.5\n6 1.0 0.1\n1.0 2.0\n0.2\n\n3.0\n");
     EXPECT_TRUE(readbestpoint(true));
     EXPECT_EQ(model.cov(2, 0), 0.1);
     EXPECT_EQ(model.cov(3, 1), 3.0);
 }
 
-TEST_F(best_point_test, AnyFileServesBeforeTheParametersAreCounted) {
+TEST_F(best_point_test, any_file_serves_before_the_parameters_are_counted) {
     write_point("-1.5 99\n1.0 0.1 1.0\n2.0 0.2 3.0\n");
     EXPECT_FALSE(readbestpoint(true));
     estimates.nparm = 0;
     EXPECT_TRUE(readbestpoint(true));
 }
 
-TEST_F(best_point_test, ContinuedRunStartsThere) {
+TEST_F(best_point_test, continued_run_starts_there) {
     write_point("-100000.5 6\n2.5 0.3 2.0\n1.0 0.2 1.5\n");
     new_analysis();
     set_up(two_traits(), {"-c"});
@@ -392,7 +392,7 @@ TEST_F(best_point_test, ContinuedRunStartsThere) {
 }
 
 // A value that no run of this model reaches, as from another scale of the parameters: the file stays.
-TEST_F(best_point_test, ContinuedRunThatEndsBelowItsPointLeavesItInPlace) {
+TEST_F(best_point_test, continued_run_that_ends_below_its_point_leaves_it_in_place) {
     write_point("-1.5 6\n2.5 0.3 2.0\n1.0 0.2 1.5\n");
     const std::string stored = read_file("BestPoint");
     new_analysis();
@@ -405,14 +405,14 @@ TEST_F(best_point_test, ContinuedRunThatEndsBelowItsPointLeavesItInPlace) {
         << screen_text();
 }
 
-TEST_F(best_point_test, MatricesOfABestPointNeedNoPositivePivots) {
+TEST_F(best_point_test, matrices_of_a_best_point_need_no_positive_pivots) {
     write_point("-1.5 6\n2.5 0.3 2.0\n1.0 1.0 1.0\n");
     ASSERT_TRUE(readbestpoint(true));
     covs2parvec(); // rank 1: no stop
     EXPECT_NEAR(point_at(two_traits(), estimates.parvec).g[0][0][1], 1.0, 1.0e-7);
 }
 
-TEST_F(best_point_test, DiagonalBlocksAreStoredAsVariancesAndRepeatsApart) {
+TEST_F(best_point_test, diagonal_blocks_are_stored_as_variances_and_repeats_apart) {
     new_analysis();
     small_model m = with_dams();
     m.random[1] = {"dam", "IDE", 2, 0, {0.9, 0.8}, true};
@@ -429,7 +429,7 @@ TEST_F(best_point_test, DiagonalBlocksAreStoredAsVariancesAndRepeatsApart) {
     EXPECT_EQ(best_covariances(1).size(), 6u);
 }
 
-TEST_F(best_point_test, ContinuedRunOfRepeatEffectsReturnsToTheSameLikelihood) {
+TEST_F(best_point_test, continued_run_of_repeat_effects_returns_to_the_same_likelihood) {
     new_analysis();
     set_up(repeats_with_peq(2), {"--emalg4"});
     get_estimates();
@@ -440,7 +440,7 @@ TEST_F(best_point_test, ContinuedRunOfRepeatEffectsReturnsToTheSameLikelihood) {
 }
 
 // Whatever the model and the scale, the matrices on file give the likelihood on file.
-TEST_F(best_point_test, ContinuedRunsStartAtTheStoredLikelihood) {
+TEST_F(best_point_test, continued_runs_start_at_the_stored_likelihood) {
     small_model diagonal = with_dams();
     diagonal.random[1] = {"dam", "IDE", 2, 0, {0.9, 0.8}, true};
     small_model correlated = animal_model(1, {1.3}, {2.1});

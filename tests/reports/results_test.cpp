@@ -102,19 +102,19 @@ void expect_dense(const small_model& m, bool step_stays_inside) {
     EXPECT_TRUE(f.border.empty());
 }
 
-TEST_F(results_test, DerivativesOfTheCovariancesEqualDenseOnes) {
+TEST_F(results_test, derivatives_of_the_covariances_equal_dense_ones) {
     const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}, 2);
     set_up(m);
     expect_dense(m, false);
 }
 
-TEST_F(results_test, DerivativesEqualDenseOnesBehindEm) {
+TEST_F(results_test, derivatives_equal_dense_ones_behind_em) {
     const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
     set_up(m, {"--emalg"});
     expect_dense(m, true);
 }
 
-TEST_F(results_test, RandomRegressionWithClassesOfResiduals) {
+TEST_F(results_test, random_regression_with_classes_of_residuals) {
     small_model m;
     m.randreg = true;
     m.make_pedigree(14, 5, 7);
@@ -127,7 +127,7 @@ TEST_F(results_test, RandomRegressionWithClassesOfResiduals) {
 }
 
 // Unrelated animals: the two independent effects of an animal cannot be told apart.
-TEST_F(results_test, EffectsThatCannotBeToldApartAreFlatByTheirNames) {
+TEST_F(results_test, effects_that_cannot_be_told_apart_are_flat_by_their_names) {
     small_model m = traits(1, {1.3}, {2.0}, 3);
     m.sire.assign(m.sire.size(), 0);
     m.dam.assign(m.dam.size(), 0);
@@ -146,7 +146,7 @@ TEST_F(results_test, EffectsThatCannotBeToldApartAreFlatByTheirNames) {
     EXPECT_EQ(f.flat[0][1].name, estimates.covnames(3));
 }
 
-TEST_F(results_test, BorderOfVariancesCorrelationsAndEigenvalues) {
+TEST_F(results_test, border_of_variances_correlations_and_eigenvalues) {
     set_up(traits(2, {1.0e-6, 0.0, 1.8}, {2.1, 0.4, 1.9}));
     stay_here();
     ASSERT_EQ(final_point.border.size(), 1u);
@@ -156,7 +156,7 @@ TEST_F(results_test, BorderOfVariancesCorrelationsAndEigenvalues) {
     EXPECT_NEAR(final_point.border[0].value, 1.0e-6 / 2.1, 1e-7);
 }
 
-TEST_F(results_test, CorrelationCloseToOneIsAtTheBorder) {
+TEST_F(results_test, correlation_close_to_one_is_at_the_border) {
     set_up(traits(2, {1.0, 1.2 * 0.9992, 1.44}, {2.1, 0.4, 1.9}));
     stay_here();
     ASSERT_EQ(final_point.border.size(), 1u);
@@ -164,7 +164,7 @@ TEST_F(results_test, CorrelationCloseToOneIsAtTheBorder) {
     EXPECT_NEAR(final_point.border[0].value, 0.9992, 1e-6);
 }
 
-TEST_F(results_test, EigenvalueThatIsGoneThoughNoCorrelationIsOne) {
+TEST_F(results_test, eigenvalue_that_is_gone_though_no_correlation_is_one) {
     // x3 = x1 + x2 of two independent traits
     set_up(traits(3, {1.0, 0.0, 1.0, 1.0, 1.0, 2.00001}, {2.1, 0.4, 0.2, 1.9, 0.3, 2.5}));
     stay_here();
@@ -174,7 +174,7 @@ TEST_F(results_test, EigenvalueThatIsGoneThoughNoCorrelationIsOne) {
 }
 
 // What lies across the border promises nothing where the likelihood falls into the inside: only that may be left out.
-TEST_F(results_test, PromiseIsThatOfTheParameterSpace) {
+TEST_F(results_test, promise_is_that_of_the_parameter_space) {
     for (const double size : {0.3, 3.0}) { // records vary less, or more, than the starting values say
         new_analysis();
         small_model m = traits(1, {1.0e-5}, {2.0});

@@ -97,27 +97,27 @@ void expect_sampling_covariances(const small_model& m) {
         }
 }
 
-TEST_F(sampling_errors, TwoTraitsByTheirFactors) {
+TEST_F(sampling_errors, two_traits_by_their_factors) {
     const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
     set_up(m, {"--aireml"});
     expect_sampling_covariances(m);
 }
 
-TEST_F(sampling_errors, Logarithms) {
+TEST_F(sampling_errors, logarithms) {
     const small_model m = traits(2, {0.3, 0.1, 0.25}, {2.1, 0.4, 1.9});
     set_up(m, {"--aireml", "--logdia"});
     EXPECT_EQ(estimates.logpar(1), 1);
     expect_sampling_covariances(m);
 }
 
-TEST_F(sampling_errors, RepeatEffectThroughTheResidual) {
+TEST_F(sampling_errors, repeat_effect_through_the_residual) {
     small_model m = traits(1, {1.3}, {2.1}, 3);
     m.random.push_back({"pe", "PEQ", 1, 0, {0.8}});
     set_up(m, {"--aireml"});
     expect_sampling_covariances(m);
 }
 
-TEST_F(sampling_errors, ReducedRank) {
+TEST_F(sampling_errors, reduced_rank) {
     small_model m = traits(3, {1.3, 0.5, 0.4, 1.8, 0.6, 1.1}, {2.1, 0.4, 0.2, 1.9, 0.3, 1.7});
     m.principal = true;
     m.random[0].rank = 1;
@@ -125,7 +125,7 @@ TEST_F(sampling_errors, ReducedRank) {
     expect_sampling_covariances(m); // six components of three parameters: singular, all right
 }
 
-TEST_F(sampling_errors, ResidualClassesOfARandomRegression) {
+TEST_F(sampling_errors, residual_classes_of_a_random_regression) {
     small_model m;
     m.randreg = true;
     m.make_pedigree(14, 5, 7);
@@ -137,14 +137,14 @@ TEST_F(sampling_errors, ResidualClassesOfARandomRegression) {
     expect_sampling_covariances(m);
 }
 
-TEST_F(sampling_errors, DiagonalBlock) {
+TEST_F(sampling_errors, diagonal_block) {
     small_model m = traits(2, {1.3, 1.8}, {2.1, 0.4, 1.9});
     m.random[0].diagonal = true;
     set_up(m, {"--aireml"});
     expect_sampling_covariances(m);
 }
 
-TEST_F(sampling_errors, CorrelatedEffects) {
+TEST_F(sampling_errors, correlated_effects) {
     small_model m = traits(1, {1.4, -0.3, 0.9}, {2.1});
     m.random[0] = {"animal+dam", "NRM", 2, 0, {1.4, -0.3, 0.9}};
     set_up(m, {"--aireml"});
@@ -152,7 +152,7 @@ TEST_F(sampling_errors, CorrelatedEffects) {
 }
 
 // Matrix (a, f a; f a, f f a): the correlation is 1 whatever a is, and its error vanishes but for rounding.
-TEST_F(sampling_errors, ExactCorrelationsHaveNoError) {
+TEST_F(sampling_errors, exact_correlations_have_no_error) {
     for (double f : {0.1, 0.7, 1.3, 3.3}) {
         const double a = 1.7, v = 0.31;
         EXPECT_EQ(

@@ -39,7 +39,7 @@ struct pivots_test : tarvex_test, testing::WithParamInterface<kernel_kind> {
     int ifail = -1;
 };
 
-TEST_P(pivots_test, TwoEquations) {
+TEST_P(pivots_test, two_equations) {
     full_store(3, {4.0, 2.0, 5.0, 8.0, 10.0, 30.0});
     factorise_mmm(detc, ypy, ifail);
     EXPECT_EQ(ifail, 0);
@@ -60,7 +60,7 @@ TEST_P(pivots_test, TwoEquations) {
     EXPECT_DOUBLE_EQ(sparse.xspars(3), 1.5);
 }
 
-TEST_P(pivots_test, InvalidPivotIsToldWithItsDiagonal) {
+TEST_P(pivots_test, invalid_pivot_is_told_with_its_diagonal) {
     full_store(3, {4.0, 2.0, 0.5, 8.0, 10.0, 30.0});
     factorise_mmm(detc, ypy, ifail);
     EXPECT_EQ(ifail, 1);
@@ -68,7 +68,7 @@ TEST_P(pivots_test, InvalidPivotIsToldWithItsDiagonal) {
     EXPECT_EQ(screen_text(), "invalid pivot - at row 2 " + list_item(-0.5) + " " + list_item(0.5) + "\n");
 }
 
-TEST_P(pivots_test, LimitOfAPivotIsAbsolute) {
+TEST_P(pivots_test, limit_of_a_pivot_is_absolute) {
     full_store(3, {4.0, 2.0, 1.0 + 0.5e-8, 0.0, 0.0, 30.0});
     factorise_mmm(detc, ypy, ifail);
     EXPECT_EQ(ifail, 1);
@@ -83,7 +83,7 @@ TEST_P(pivots_test, LimitOfAPivotIsAbsolute) {
     EXPECT_EQ(likelihoods.failrow, 3);
 }
 
-TEST_P(pivots_test, FailureLeavesNothingForTheNextSystem) {
+TEST_P(pivots_test, failure_leaves_nothing_for_the_next_system) {
     full_store(4, {4.0, 2.0, 0.5, 1.0, 3.0, 9.0, 8.0, 10.0, 1.0, 30.0});
     factorise_mmm(detc, ypy, ifail);
     EXPECT_EQ(ifail, 1);
@@ -95,7 +95,7 @@ TEST_P(pivots_test, FailureLeavesNothingForTheNextSystem) {
     EXPECT_DOUBLE_EQ(ypy, 5.0);
 }
 
-TEST_P(pivots_test, RightHandSideAlone) {
+TEST_P(pivots_test, right_hand_side_alone) {
     full_store(1, {7.0});
     factorise_mmm(detc, ypy, ifail);
     EXPECT_EQ(ifail, 0);
@@ -119,7 +119,7 @@ struct repaired_pivots_test : tarvex_test {
     }
 };
 
-TEST_F(repaired_pivots_test, PivotThatIsLostInItsDiagonal) {
+TEST_F(repaired_pivots_test, pivot_that_is_lost_in_its_diagonal) {
     full_store(3, {4.0, 2.0, 1.0, 0.0, 0.0, 30.0});
     EXPECT_EQ(factorise(), 0);
     EXPECT_EQ(row, 2);
@@ -129,7 +129,7 @@ TEST_F(repaired_pivots_test, PivotThatIsLostInItsDiagonal) {
     EXPECT_DOUBLE_EQ(sparse.diag(3), std::sqrt(30.0));
 }
 
-TEST_F(repaired_pivots_test, PivotOfAnEmptyRow) {
+TEST_F(repaired_pivots_test, pivot_of_an_empty_row) {
     full_store(3, {4.0, 0.0, 0.0, 2.0, 0.0, 30.0});
     EXPECT_EQ(factorise(), 0);
     EXPECT_EQ(row, 2);
@@ -138,7 +138,7 @@ TEST_F(repaired_pivots_test, PivotOfAnEmptyRow) {
     EXPECT_DOUBLE_EQ(sparse.diag(3), std::sqrt(29.0));
 }
 
-TEST_F(repaired_pivots_test, NegativePivotIsNotRepaired) {
+TEST_F(repaired_pivots_test, negative_pivot_is_not_repaired) {
     full_store(3, {4.0, 2.0, 0.0, 0.0, 0.0, 30.0}); // pivot -1 of a diagonal of nothing
     EXPECT_EQ(factorise(), 2);
     EXPECT_DOUBLE_EQ(pivot, -1.0);

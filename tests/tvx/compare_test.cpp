@@ -12,7 +12,7 @@ using namespace tvx_tests;
 double tail1(double x) { return std::erfc(std::sqrt(0.5 * x)); }
 double tail2(double x) { return std::exp(-0.5 * x); }
 
-TEST(tvx_compare, MixturesHaveTheirClosedForm) {
+TEST(tvx_compare, mixtures_have_their_closed_form) {
     for (const double x : {0.1, 1.0, 2.7055, 5.138, 12.0}) {
         EXPECT_NEAR(tvx::mixture_tail({{0, 0.5}, {1, 0.5}}, x), 0.5 * tail1(x), 1e-12);
         EXPECT_NEAR(tvx::mixture_tail({{1, 0.5}, {2, 0.5}}, x), 0.5 * tail1(x) + 0.5 * tail2(x), 1e-12);
@@ -43,7 +43,7 @@ tvx::run_results run_with(std::vector<tvx::json> blocks, int parameters, double 
     return r;
 }
 
-TEST(tvx_compare, OneVarianceIsHalfAChiSquare) {
+TEST(tvx_compare, one_variance_is_half_a_chi_square) {
     const auto small = run_with({block(0, "residual", 1)}, 1, -100.0);
     const auto large = run_with({block(0, "residual", 1), block(1, "litter", 1)}, 2, -98.0);
     const auto t = tvx::compare_runs(small, large);
@@ -53,7 +53,7 @@ TEST(tvx_compare, OneVarianceIsHalfAChiSquare) {
     EXPECT_NEAR(t.p, 0.5 * tail1(4.0), 1e-12);
 }
 
-TEST(tvx_compare, OneMoreRowIsAMixtureOfTwo) {
+TEST(tvx_compare, one_more_row_is_a_mixture_of_two) {
     const auto small = run_with({block(0, "residual", 1), block(1, "animal", 1)}, 2, -100.0);
     const auto large = run_with({block(0, "residual", 1), block(1, "animal", 2)}, 4, -97.0);
     const auto t = tvx::compare_runs(small, large);
@@ -61,7 +61,7 @@ TEST(tvx_compare, OneMoreRowIsAMixtureOfTwo) {
     EXPECT_NEAR(t.p, 0.5 * tail1(6.0) + 0.5 * tail2(6.0), 1e-12);
 }
 
-TEST(tvx_compare, MatricesHaveAnUpperBound) {
+TEST(tvx_compare, matrices_have_an_upper_bound) {
     const auto small = run_with({block(0, "residual", 2)}, 3, -100.0);
     const auto large = run_with({block(0, "residual", 2), block(1, "litter", 2)}, 6, -97.0);
     const auto t = tvx::compare_runs(small, large);
@@ -70,7 +70,7 @@ TEST(tvx_compare, MatricesHaveAnUpperBound) {
     EXPECT_NEAR(t.p, 0.5 * tail2(6.0) + 0.5 * tail3, 1e-12);
 }
 
-TEST(tvx_compare, CovariancesLieInside) {
+TEST(tvx_compare, covariances_lie_inside) {
     auto a = block(1, "animal", 2);
     a["diagonal"] = true;
     const auto t = tvx::compare_runs(run_with({block(0, "residual", 2), a}, 5, -100.0),
@@ -78,7 +78,7 @@ TEST(tvx_compare, CovariancesLieInside) {
     EXPECT_NEAR(t.p, tail1(4.0), 1e-12);
 }
 
-TEST(tvx_compare, WhatCannotBeComparedIsRefusedWithTheReason) {
+TEST(tvx_compare, what_cannot_be_compared_is_refused_with_the_reason) {
     const auto small = run_with({block(0, "residual", 1)}, 1, -100.0);
     const auto large = [] { return run_with({block(0, "residual", 1), block(1, "litter", 1)}, 2, -98.0); };
     const auto refused = [](const tvx::run_results& a, const tvx::run_results& b, const std::string& why) {
@@ -116,7 +116,7 @@ constexpr const char* par =
     " RAN dam NRM\n RAN pe\n TR y 1\n TR z 2\nEND\nVAR animal+dam 4\n 1 2 3 4\n 5 6 7\n 8 9\n 10\n"
     "VAR pe 2\n 1.5 0.5\n 2\nVAR residual 2\n 3 1 +\n 4\nSE+\n SUM a 1 2\nEND\n";
 
-TEST(tvx_parfile, EffectIsLeftOutOfAllItsPlaces) {
+TEST(tvx_parfile, effect_is_left_out_of_all_its_places) {
     tvx::parfile_text p(par);
     p.drop_effect("pe");
     EXPECT_EQ(p.text().find("RAN pe"), std::string::npos);
@@ -127,7 +127,7 @@ TEST(tvx_parfile, EffectIsLeftOutOfAllItsPlaces) {
     EXPECT_THROW(p.drop_effect("pe"), tvx::fault);
 }
 
-TEST(tvx_parfile, PartOfATiedBlockLeavesTheOther) {
+TEST(tvx_parfile, part_of_a_tied_block_leaves_the_other) {
     tvx::parfile_text first(par), second(par);
     first.drop_effect("animal");
     EXPECT_NE(first.text().find("VAR dam 2\n 8 9\n 10\n"), std::string::npos) << first.text();
@@ -138,7 +138,7 @@ TEST(tvx_parfile, PartOfATiedBlockLeavesTheOther) {
     EXPECT_EQ(second.text().find("PED"), std::string::npos);
 }
 
-TEST(tvx_parfile, RankAndStartingValues) {
+TEST(tvx_parfile, rank_and_starting_values) {
     tvx::parfile_text p(par);
     p.set_rank("pe", 1);
     EXPECT_NE(p.text().find("VAR pe 2 1\n"), std::string::npos);

@@ -14,7 +14,7 @@ protected:
     static bool snakemake() { return std::system("command -v snakemake >/dev/null 2>&1") == 0; }
 };
 
-TEST_F(tvx_jobs, TestOfAnEffectIsThatOfDenseAlgebra) {
+TEST_F(tvx_jobs, test_of_an_effect_is_that_of_dense_algebra) {
     ASSERT_NO_FATAL_FAILURE(fit("milk ~ herd + nrm(animal) + (1|pen)"));
     const auto r = run_tvx({"--json", "lrt", run, "--drop", "animal"});
     ASSERT_EQ(r.status, 0) << r.output;
@@ -38,7 +38,7 @@ TEST_F(tvx_jobs, TestOfAnEffectIsThatOfDenseAlgebra) {
     EXPECT_EQ(run_tvx({"lrt", run, "--drop", "nothing"}).status, 1);
 }
 
-TEST_F(tvx_jobs, SimulatedSetsGiveTheLevelOfATest) {
+TEST_F(tvx_jobs, simulated_sets_give_the_level_of_a_test) {
     if (!snakemake()) GTEST_SKIP() << "no Snakemake here";
     ASSERT_NO_FATAL_FAILURE(fit("milk ~ herd + nrm(animal) + (1|pen)"));
     const auto r = run_tvx({"--json", "lrt", run, "--drop", "pen", "--boot", "9", "-j", "2"});
@@ -62,7 +62,7 @@ TEST_F(tvx_jobs, SimulatedSetsGiveTheLevelOfATest) {
     EXPECT_NEAR(t["boot"]["p"].get<double>(), (beyond + 1.0) / (used + 1.0), 1e-12);
 }
 
-TEST_F(tvx_jobs, BootstrapSpreadsAroundTheEstimates) {
+TEST_F(tvx_jobs, bootstrap_spreads_around_the_estimates) {
     ASSERT_NO_FATAL_FAILURE(fit());
     if (!snakemake()) GTEST_SKIP() << "no Snakemake here";
     const auto r = run_tvx({"boot", run, "-n", "6", "-j", "2"});

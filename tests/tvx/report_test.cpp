@@ -47,7 +47,7 @@ protected:
     }
 };
 
-TEST_F(tvx_report, FiguresOfTheTablesAreThoseOfDenseAlgebra) {
+TEST_F(tvx_report, figures_of_the_tables_are_those_of_dense_algebra) {
     ASSERT_NO_FATAL_FAILURE(fit());
     const auto estimates = read_table(run + "/report/estimates.tsv");
     std::map<std::string, double> variance;
@@ -69,7 +69,7 @@ TEST_F(tvx_report, FiguresOfTheTablesAreThoseOfDenseAlgebra) {
     EXPECT_GT(expect_dense_solutions(e, dense, va), 80u);
 }
 
-TEST_F(tvx_report, CandidatesWithoutRecordsHaveSolutionsAndAccuracies) {
+TEST_F(tvx_report, candidates_without_records_have_solutions_and_accuracies) {
     for (std::size_t k = 78; k < herd.y.size(); ++k) herd.y[k] = NAN; // the youngest: they tie nobody together
     const dense_herd dense(herd);
     double log_l = 0.0;
@@ -98,7 +98,7 @@ TEST_F(tvx_report, CandidatesWithoutRecordsHaveSolutionsAndAccuracies) {
     }
 }
 
-TEST_F(tvx_report, ResidualsNameTheLinesOfTheTable) {
+TEST_F(tvx_report, residuals_name_the_lines_of_the_table) {
     ASSERT_NO_FATAL_FAILURE(fit());
     const auto lines = tarvex::lines_of(read_file("milk.csv"));
     const auto residuals = read_table(run + "/report/residuals.tsv");
@@ -114,7 +114,7 @@ TEST_F(tvx_report, ResidualsNameTheLinesOfTheTable) {
     EXPECT_FALSE(read_table(run + "/report/fixed.tsv").empty());
 }
 
-TEST_F(tvx_report, SameInputsAreNotRunAgainAndOthersAre) {
+TEST_F(tvx_report, same_inputs_are_not_run_again_and_others_are) {
     ASSERT_NO_FATAL_FAILURE(fit());
     const auto again = run_tvx({"run", "milk"});
     EXPECT_EQ(again.status, 0);
@@ -127,7 +127,7 @@ TEST_F(tvx_report, SameInputsAreNotRunAgainAndOthersAre) {
     EXPECT_EQ(count(), 2);
 }
 
-TEST_F(tvx_report, RunThatWasStoppedGoesOnInItsFolder) {
+TEST_F(tvx_report, run_that_was_stopped_goes_on_in_its_folder) {
     ASSERT_NO_FATAL_FAILURE(fit());
     fs::remove(run + "/estimates.json"); // as Ctrl-C leaves it: a best point and no end
     std::string state = read_file(run + "/run.json");
@@ -139,7 +139,7 @@ TEST_F(tvx_report, RunThatWasStoppedGoesOnInItsFolder) {
     EXPECT_TRUE(holds(read_file(run + "/run.json"), "\"-c\""));
 }
 
-TEST_F(tvx_report, ProgramThatStopsIsToldWithItsWords) {
+TEST_F(tvx_report, program_that_stops_is_told_with_its_words) {
     ASSERT_NO_FATAL_FAILURE(fit());
     const auto stopped = run_tvx({"run", "milk", "--option=--aireml3.0"});
     EXPECT_EQ(stopped.status, 4) << stopped.output;
@@ -147,7 +147,7 @@ TEST_F(tvx_report, ProgramThatStopsIsToldWithItsWords) {
 }
 
 // A limit on the size of files stands for a full disk: what does not fit is told, and the next command goes on.
-TEST_F(tvx_report, FullDisksAreToldAndTheSameCommandGoesOn) {
+TEST_F(tvx_report, full_disks_are_told_and_the_same_command_goes_on) {
     ASSERT_NO_FATAL_FAILURE(fit());
     const std::string estimates = read_file(run + "/report/estimates.tsv");
     const auto limited = [](int blocks, const std::string& command) {
@@ -171,7 +171,7 @@ TEST_F(tvx_report, FullDisksAreToldAndTheSameCommandGoesOn) {
     EXPECT_EQ(read_file(run + "/report/estimates.tsv"), estimates);
 }
 
-TEST_F(tvx_report, FaultsOfTheInputsAreToldBeforeARun) {
+TEST_F(tvx_report, faults_of_the_inputs_are_told_before_a_run) {
     write_file("bad.par", "ANA UNI\nDAT none.dat\n a 3\n y\nEND\nMOD\n FIX a\n TR y 1\nEND\nVAR residual 1\n 1.0\n");
     const auto r = run_tvx({"run", "bad.par"});
     EXPECT_EQ(r.status, 1) << r.output;
@@ -194,7 +194,7 @@ int attribute(const std::string& page, const std::string& name) {
     return at == std::string::npos ? -1 : std::atoi(page.c_str() + at + name.size() + 2);
 }
 
-TEST_F(tvx_report, PageDrawsItsPicturesWithoutErrors) {
+TEST_F(tvx_report, page_draws_its_pictures_without_errors) {
     ASSERT_NO_FATAL_FAILURE(fit());
     const std::string page = read_file(run + "/report/report.html");
     EXPECT_EQ(page.find("src=\"http"), std::string::npos);
@@ -217,7 +217,7 @@ TEST_F(tvx_report, PageDrawsItsPicturesWithoutErrors) {
     EXPECT_GT(bars, 10u);
 }
 
-TEST(tvx_page, TextsOfTheUserCannotEndTheScript) {
+TEST(tvx_page, texts_of_the_user_cannot_end_the_script) {
     tvx::json d = {{"title", "</script><b>&"}};
     const std::string page = tvx::page_of(d);
     EXPECT_EQ(page.find("</script><b>"), std::string::npos);
@@ -237,7 +237,7 @@ tvx::run_results with_end(const std::string& end) {
     return r;
 }
 
-TEST(tvx_verdict, FollowsDecrementRankAndBorder) {
+TEST(tvx_verdict, follows_decrement_rank_and_border) {
     const auto verdict = [](const std::string& end) { return tvx::judge(with_end(end)).verdict; };
     const std::string start = R"({"reason":"x","derivatives":true,"informed":2,"flat":[],"border":[],)";
     EXPECT_EQ(verdict(start + R"("half_decrement":0.0009,"rank_of_information":2})"), "arrived");

@@ -21,7 +21,7 @@ Eigen::MatrixXd full(const std::vector<double>& v, int n) {
     return a;
 }
 
-TEST(tvx_bending, LeavesGoodMatricesAndVariancesAlone) {
+TEST(tvx_bending, leaves_good_matrices_and_variances_alone) {
     const std::vector<double> good{4.0, 1.0, 0.5, 9.0, -1.0, 1.0};
     EXPECT_EQ(tvx::bent(good, 3), good);
     // r12 = r13 = 0.9, r23 = -0.9: eigenvalue 1 - 1.8 < 0
@@ -93,7 +93,7 @@ protected:
     }
 };
 
-TEST_F(tvx_scan, PairsOfTraitsWithModelsOfTheirOwn) {
+TEST_F(tvx_scan, pairs_of_traits_with_models_of_their_own) {
     if (!snakemake()) GTEST_SKIP() << "no Snakemake here";
     write_tables();
     expect_pairs(own_models, "a ~ herd + nrm(id);", "b ~ herd + (1|litter) + nrm(id);", "c ~ sex + nrm(id);");
@@ -105,7 +105,7 @@ TEST_F(tvx_scan, PairsOfTraitsWithModelsOfTheirOwn) {
     expect_fault({"scan", "a-b/a-b.dat/x", "--pairs"}, "no study");
 }
 
-TEST_F(tvx_scan, PairsOfTraitsWithOneModel) {
+TEST_F(tvx_scan, pairs_of_traits_with_one_model) {
     if (!snakemake()) GTEST_SKIP() << "no Snakemake here";
     write_tables();
     ASSERT_EQ(run_tvx({"prep", "table.csv", formula, "-p", "ped.csv", "-o", "all"}).status, 0);
@@ -122,7 +122,7 @@ TEST_F(tvx_scan, PairsOfTraitsWithOneModel) {
 class tvx_start : public tvx_scan {};
 
 // From the estimates of a run the search begins at its maximum, in other units and another order of traits.
-TEST_F(tvx_start, FromARunBeginsAtItsMaximum) {
+TEST_F(tvx_start, from_a_run_begins_at_its_maximum) {
     write_tables();
     ASSERT_EQ(run_tvx({"--quiet", "fit", "table.csv", "a + b ~ herd + nrm(id)", "-p", "ped.csv", "-o", "one"}).status,
               0);
@@ -145,7 +145,7 @@ TEST_F(tvx_start, FromARunBeginsAtItsMaximum) {
     EXPECT_FALSE(fs::exists("four"));
 }
 
-TEST_F(tvx_start, FromAFileIsTakenDigitForDigit) {
+TEST_F(tvx_start, from_a_file_is_taken_digit_for_digit) {
     write_tables();
     const std::vector<std::string> args{"prep",    "table.csv", "a + b ~ herd + nrm(id)", "-p", "ped.csv", "-o", "made",
                                         "--start", "start.txt"};

@@ -64,7 +64,7 @@ protected:
     }
 };
 
-TEST_F(tvx_terminal, BarsShowHowFarLongWorkIs) {
+TEST_F(tvx_terminal, bars_show_how_far_long_work_is) {
     const std::string text = on_terminal([] {
         tvx::progress p("markers", 200);
         p.at(1); // within two seconds: nothing
@@ -77,7 +77,7 @@ TEST_F(tvx_terminal, BarsShowHowFarLongWorkIs) {
     EXPECT_TRUE(text.ends_with(std::string(78, ' ') + "\r")) << text; // wiped out
 }
 
-TEST_F(tvx_terminal, RoundsOfLongRunsAreShownOnATerminalOnly) {
+TEST_F(tvx_terminal, rounds_of_long_runs_are_shown_on_a_terminal_only) {
     write_small();
     fs::create_directory("bin"); // without the program beside it
     fs::copy_file(TVX_COMPANION, "bin/tvx");
@@ -117,7 +117,7 @@ stopped_child interrupt_when(const std::vector<std::string>& args, const std::fu
 }
 
 // A search by many rounds of EM is stopped; the same command goes on in the folder and ends where a free run ends.
-TEST_F(tvx_terminal, RunsThatAreStoppedGoOn) {
+TEST_F(tvx_terminal, runs_that_are_stopped_go_on) {
     auto p = make_population(60, 400, 3);
     std::string data, pedigree = hand_pedigree(p);
     for (std::size_t k = 61; k <= p.animals.size(); ++k)
@@ -154,7 +154,7 @@ TEST_F(tvx_terminal, RunsThatAreStoppedGoOn) {
 }
 
 // prep that is stopped leaves a whole study or none, and what was there before.
-TEST_F(tvx_terminal, PrepThatIsStoppedLeavesNoHalves) {
+TEST_F(tvx_terminal, prep_that_is_stopped_leaves_no_halves) {
     std::string table = "id,herd,weight\n";
     for (int i = 0; i < 60000; ++i)
         table +=
