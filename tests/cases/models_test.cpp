@@ -199,9 +199,9 @@ TEST_F(models_test, mean_equals_a_fixed_effect_of_one_level) {
 
 // Lower triangle of the inverse relationship matrix, row by row, as a file of a supplied inverse.
 void write_supplied_inverse(const std::string& effect, const dense& a) {
-    const auto inverse = inverse_of(a);
+    const auto inverse = oracle::inverse(a);
     char line[80];
-    std::snprintf(line, sizeof line, "%.15g\n", dense_logdet(a));
+    std::snprintf(line, sizeof line, "%.15g\n", oracle::log_det(a));
     std::string text = line, codes;
     for (std::size_t i = 0; i < a.size(); ++i) {
         for (std::size_t j = 0; j <= i; ++j) {

@@ -132,40 +132,11 @@ inline std::vector<observation> observations_of(const population& p) {
     return list;
 }
 
-// -1/2 (log|V| + log|X'inv(V)X| + y'Py); X of full column rank.
-inline double dense_reml(const std::vector<observation>& obs, const dense& x, dense v) {
-    const std::size_t n = obs.size(), p = x.empty() ? 0 : x[0].size(), m = p + 1;
-    dense w(n, std::vector<double>(m)); // inv(L) times X and y, L the factor of V
-    for (std::size_t i = 0; i < n; ++i) {
-        for (std::size_t k = 0; k < p; ++k) w[i][k] = x[i][k];
-        w[i][p] = obs[i].y;
-    }
-    double log_v = 0.0;
-    for (std::size_t j = 0; j < n; ++j) {
-        for (std::size_t k = 0; k < j; ++k) v[j][j] -= v[j][k] * v[j][k];
-        v[j][j] = std::sqrt(v[j][j]);
-        log_v += 2.0 * std::log(v[j][j]);
-        for (std::size_t i = j + 1; i < n; ++i) {
-            double sum = v[i][j];
-            for (std::size_t k = 0; k < j; ++k) sum -= v[i][k] * v[j][k];
-            v[i][j] = sum / v[j][j];
-        }
-        for (std::size_t c = 0; c < m; ++c) {
-            for (std::size_t k = 0; k < j; ++k) w[j][c] -= v[j][k] * w[k][c];
-            w[j][c] /= v[j][j];
-        }
-    }
-    dense s(m, std::vector<double>(m, 0.0));
-    for (std::size_t a = 0; a < m; ++a)
-        for (std::size_t b = 0; b < m; ++b)
-            for (std::size_t i = 0; i < n; ++i) s[a][b] += w[i][a] * w[i][b];
-    double log_x = 0.0;
-    for (std::size_t k = 0; k < p; ++k) {
-        log_x += std::log(s[k][k]);
-        for (std::size_t a = k + 1; a < m; ++a)
-            for (std::size_t b = k + 1; b < m; ++b) s[a][b] -= s[a][k] * s[k][b] / s[k][k];
-    }
-    return -0.5 * (log_v + log_x + s[p][p]);
+// Restricted log likelihood of the observations; X of full column rank.
+inline double dense_reml(const std::vector<observation>& obs, const dense& x, const dense& v) {
+    oracle::vec y;
+    for (const observation& o : obs) y.push_back(o.y);
+    return oracle::reml_logl(v, x, y);
 }
 
 // Fixed part of herds for each trait, and of age less its mean per trait where wanted.

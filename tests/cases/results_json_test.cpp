@@ -2,6 +2,7 @@
 #include "case_run.h"
 
 #include "population.h"
+#include "support/dense_oracle.h"
 
 #include <cstdio>
 #include <set>
@@ -102,7 +103,7 @@ TEST_F(results_json, covariance_of_the_estimates_is_the_inverse_information) {
     std::vector<std::vector<double>> info(6, std::vector<double>(6)); // as the last point has it
     for (std::size_t i = 0; i < 6; ++i)
         for (std::size_t j = 0; j <= i; ++j) info[i][j] = info[j][i] = d["end"]["information"][i][j].number;
-    const auto inverse = inverse_of(info);
+    const auto inverse = oracle::inverse(info);
     for (std::size_t i = 0; i < 6; ++i)
         for (std::size_t j = 0; j <= i; ++j)
             EXPECT_NEAR(rows[i][j].number, inverse[i][j], 1e-6 * std::sqrt(inverse[i][i] * inverse[j][j]));

@@ -1,7 +1,7 @@
 // Modified and indefinite factorisations: what is safe stays as it is, what is not becomes a safe step.
 #include "dense/modchol.h"
 
-#include "dense/numroutines.h"
+#include "support/dense_oracle.h"
 #include "support/fixture.h"
 
 #include <cmath>
@@ -32,26 +32,27 @@ protected:
         const int n = static_cast<int>(values.size());
         std::mt19937 gen(seed);
         std::normal_distribution<double> normal;
-        matrix s = zeros(n), q, a = zeros(n);
-        for (int i = 1; i <= n; ++i)
-            for (int j = i; j <= n; ++j) s(i, j) = s(j, i) = normal(gen);
-        array<double> eig;
-        int nzero = 0;
-        eigem(s, eig, q, n, 1e-6, nzero);
+        const auto size = static_cast<std::size_t>(n);
+        oracle::dense s = oracle::zeros(size, size);
+        for (std::size_t i = 0; i < size; ++i)
+            for (std::size_t j = i; j < size; ++j) s[i][j] = s[j][i] = normal(gen);
+        const oracle::dense q = oracle::eigenvectors(s);
+        matrix a = zeros(n);
         for (int i = 1; i <= n; ++i)
             for (int j = 1; j <= n; ++j)
-                for (int k = 1; k <= n; ++k) a(i, j) += q(i, k) * values[static_cast<std::size_t>(k - 1)] * q(j, k);
+                for (std::size_t k = 0; k < size; ++k) a(i, j) += q[i - 1][k] * values[k] * q[j - 1][k];
         for (int i = 1; i <= n; ++i)
             for (int j = 1; j < i; ++j) a(j, i) = a(i, j);
         return a;
     }
-    static double smallest_eigenvalue(const matrix& a, int n) {
-        array<double> eig;
-        matrix q;
-        int nzero = 0;
-        eigem(a, eig, q, n, 0.0, nzero);
-        return eig(n);
+    static oracle::vec eigenvalues(const matrix& a, int n) { // ascending
+        const auto size = static_cast<std::size_t>(n);
+        oracle::dense d = oracle::zeros(size, size);
+        for (int i = 1; i <= n; ++i)
+            for (int j = 1; j <= n; ++j) d[i - 1][j - 1] = a(i, j);
+        return oracle::eigenvalues(d);
     }
+    static double smallest_eigenvalue(const matrix& a, int n) { return eigenvalues(a, n).front(); }
     static std::vector<double> times(const matrix& a, const std::vector<double>& x) {
         const int n = static_cast<int>(x.size());
         std::vector<double> y(x.size());
@@ -203,11 +204,7 @@ TEST_F(modchol, blocks_reproduce_the_matrix) {
         ldlfac(a, n, 1e-12, g);
         EXPECT_LT(difference(rebuilt(g), a), 1e-11) << seed;
         EXPECT_EQ(g.nrank, n);
-        array<double> eig;
-        matrix q;
-        int nzero = 0;
-        eigem(a, eig, q, n, 0.0, nzero);
-        for (int k = 1; k <= n; ++k) negative += eig(k) < 0.0;
+        for (double e : eigenvalues(a, n)) negative += e < 0.0;
         EXPECT_EQ(g.negative, negative); // inertia is kept
         const auto r = counting(n);
         std::vector<double> x(r.size());

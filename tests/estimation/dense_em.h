@@ -3,7 +3,6 @@
 #include "support/dense_oracle.h"
 
 #include <cstddef>
-#include <utility>
 #include <vector>
 
 namespace oracle {
@@ -90,33 +89,6 @@ inline vec em_classes(const analysis& m, const point& at, const dense& h) {
     }
     for (std::size_t c = 0; c < sum.size(); ++c) sum[c] = n[c] > 0.0 ? sum[c] / n[c] : at.r[c][0][0];
     return sum;
-}
-
-// Solution of a general square system by elimination; unknowns that others determine are 0.
-inline vec solve(dense a, vec b) {
-    const std::size_t n = b.size();
-    for (std::size_t k = 0; k < n; ++k) {
-        std::size_t p = k;
-        for (std::size_t i = k + 1; i < n; ++i)
-            if (a[i][k] * a[i][k] > a[p][k] * a[p][k]) p = i;
-        std::swap(a[k], a[p]);
-        std::swap(b[k], b[p]);
-        if (a[k][k] * a[k][k] < 1.0e-16) continue;
-        for (std::size_t i = k + 1; i < n; ++i) {
-            const double f = a[i][k] / a[k][k];
-            for (std::size_t j = k; j < n; ++j) a[i][j] -= f * a[k][j];
-            b[i] -= f * b[k];
-        }
-    }
-    for (std::size_t k = n; k-- > 0;) {
-        if (a[k][k] * a[k][k] < 1.0e-16) {
-            b[k] = 0.0;
-            continue;
-        }
-        for (std::size_t j = k + 1; j < n; ++j) b[k] -= a[k][j] * b[j];
-        b[k] /= a[k][k];
-    }
-    return b;
 }
 
 // Residual covariances only.

@@ -38,8 +38,8 @@ protected:
     }
     static void expect_inverse_of(const dense& a) {
         gen_inverses();
-        EXPECT_LT(distance_to_identity(a, inverse()), 1e-10);
-        EXPECT_NEAR(geninverse.detginv(1), dense_logdet(a), 1e-10);
+        EXPECT_LT(oracle::distance_to_identity(a, inverse()), 1e-10);
+        EXPECT_NEAR(geninverse.detginv(1), oracle::log_det(a), 1e-10);
         EXPECT_EQ(inverse_stream(1).logdet(), geninverse.detginv(1));
     }
 };
@@ -313,7 +313,7 @@ TEST_F(pseudofix_test, effect_that_is_not_named_has_none) {
     randasfix.npsfix = 0;
     gen_inverses();
     EXPECT_NE(read_file("SumPedigree.out").find(" No. of levels to be treated as fixed = 0\n"), std::string::npos);
-    EXPECT_LT(distance_to_identity(tabular({0, 0, 1, 3}, {0, 0, 2, 2}), inverse()), 1e-12);
+    EXPECT_LT(oracle::distance_to_identity(tabular({0, 0, 1, 3}, {0, 0, 2, 2}), inverse()), 1e-12);
 }
 
 TEST_F(pseudofix_test, effects_on_one_pedigree_must_agree) {
@@ -322,26 +322,13 @@ TEST_F(pseudofix_test, effects_on_one_pedigree_must_agree) {
     EXPECT_STOP(gen_inverses(), "*** Tarvex is work in progress !");
 }
 
-class sire_test : public inverse_test {
-protected:
-    // Relationships of sires from sire s and maternal grandsire m, whose other ancestors are unknown.
-    static dense sire_relations(const std::vector<int>& s, const std::vector<int>& m) {
-        const int n = static_cast<int>(s.size());
-        dense a(n, std::vector<double>(n));
-        for (int i = 0; i < n; ++i) {
-            a[i][i] = 1.0;
-            for (int j = 0; j < i; ++j)
-                a[i][j] = a[j][i] = (s[i] > 0 ? 0.5 * a[j][s[i] - 1] : 0.0) + (m[i] > 0 ? 0.25 * a[j][m[i] - 1] : 0.0);
-        }
-        return a;
-    }
-};
+using sire_test = inverse_test;
 
 TEST_F(sire_test, inverse_and_determinant_of_unrelated_parents) {
     const std::vector<int> s{0, 0, 0, 1, 1, 0, 0}, m{0, 0, 0, 2, 0, 3, 0};
     model_by_hand(s, m);
     options.siremodel = options.verbose = true;
-    expect_inverse_of(sire_relations(s, m));
+    expect_inverse_of(oracle::related_sires(s, m));
     EXPECT_DOUBLE_EQ(geninverse.detginv(1), std::log(0.6875) + std::log(0.75) + std::log(0.9375));
     EXPECT_EQ(screen_text().find("sire model\nNRM Inverse no. : 1   \"animal\"\n"), 0U) << screen_text();
     EXPECT_NE(screen_text().find("\nSire model !\n"), std::string::npos);
@@ -364,7 +351,7 @@ TEST_F(sire_test, one_bull_as_sire_and_grandsire) {
     EXPECT_DOUBLE_EQ(a[0][0], 1.0 + 4.0 / 7.0);
     EXPECT_DOUBLE_EQ(a[1][0], -8.0 / 7.0);
     EXPECT_DOUBLE_EQ(a[1][1], 16.0 / 7.0);
-    EXPECT_NEAR(geninverse.detginv(1), -dense_logdet(a), 1e-12);
+    EXPECT_NEAR(geninverse.detginv(1), -oracle::log_det(a), 1e-12);
 }
 
 TEST_F(sire_test, sons_may_stand_in_front_and_negative_codes_are_unknown) {

@@ -5,6 +5,7 @@
 #include "likelihood/solutions.h"
 #include "sparse/dense_kernels.h"
 #include "sparse/supernodes.h"
+#include "support/dense_oracle.h"
 #include "support/fixture.h"
 #include "support/sparse_systems.h"
 
@@ -35,34 +36,18 @@ matrix dense_matrix() {
     return m;
 }
 
-matrix dense_cholesky(const matrix& m) {
-    const int n = static_cast<int>(m.size()) - 1;
-    matrix l = square(n);
-    for (int j = 1; j <= n; ++j)
-        for (int i = j; i <= n; ++i) {
-            double s = m[i][j];
-            for (int k = 1; k < j; ++k) s -= l[i][k] * l[j][k];
-            l[i][j] = i == j ? std::sqrt(s) : s / l[j][j];
-        }
-    return l;
-}
-
-// Gauss-Jordan inverse of the leading block of order n.
-matrix dense_inverse(matrix a, int n) {
-    for (int k = 1; k <= n; ++k) {
-        const double p = 1.0 / a[k][k];
-        for (int i = 1; i <= n; ++i)
-            if (i != k)
-                for (int j = 1; j <= n; ++j)
-                    if (j != k) a[i][j] -= a[i][k] * a[k][j] * p;
-        for (int i = 1; i <= n; ++i)
-            if (i != k) {
-                a[i][k] *= -p;
-                a[k][i] *= p;
-            }
-        a[k][k] = p;
-    }
+// Rows and columns first to last of the dense matrix, counted from 0, for the oracle; and back.
+oracle::dense leading(const matrix& m, int n) {
+    oracle::dense a = oracle::zeros(static_cast<std::size_t>(n), static_cast<std::size_t>(n));
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j) a[i - 1][j - 1] = m[i][j];
     return a;
+}
+matrix from_one(const oracle::dense& a) {
+    matrix m = square(static_cast<int>(a.size()));
+    for (std::size_t i = 0; i < a.size(); ++i)
+        for (std::size_t j = 0; j < a.size(); ++j) m[i + 1][j + 1] = a[i][j];
+    return m;
 }
 
 template <class F> void for_elements(F f) { // f(place, row, column) over the off-diagonals
@@ -109,7 +94,8 @@ struct kernel_test : tarvex_test {
     // All results of the kernel in use against dense algebra.
     void check_all() {
         const int n = numbers.nsrow;
-        const matrix m = dense_matrix(), l = dense_cholesky(m), z = dense_inverse(m, n - 1);
+        const matrix m = dense_matrix(), l = from_one(oracle::cholesky(leading(m, n))),
+                     z = from_one(oracle::inverse(leading(m, n - 1)));
         double detc = 0.0, ypy = 0.0;
         int ifail = -1;
         factorise_mmm(detc, ypy, ifail);

@@ -44,6 +44,30 @@ double log_det(const dense& a) {
     return 2.0 * l.matrixLLT().diagonal().array().log().sum();
 }
 
+dense cholesky(const dense& a) { return from_eigen(to_eigen(a).llt().matrixL()); }
+
+vec eigenvalues(const dense& a) {
+    const Eigen::VectorXd e = Eigen::SelfAdjointEigenSolver<matrix>(to_eigen(a), Eigen::EigenvaluesOnly).eigenvalues();
+    return {e.begin(), e.end()};
+}
+
+dense eigenvectors(const dense& a) {
+    return from_eigen(Eigen::SelfAdjointEigenSolver<matrix>(to_eigen(a)).eigenvectors());
+}
+
+vec solve(const dense& a, const vec& b) {
+    Eigen::FullPivLU<matrix> lu(to_eigen(a));
+    lu.setThreshold(1.0e-10);
+    const Eigen::VectorXd x =
+        lu.solve(Eigen::Map<const Eigen::VectorXd>(b.data(), static_cast<Eigen::Index>(b.size())));
+    return {x.begin(), x.end()};
+}
+
+double distance_to_identity(const dense& a, const dense& b) {
+    const matrix m = to_eigen(a) * to_eigen(b);
+    return (m - matrix::Identity(m.rows(), m.cols())).cwiseAbs().maxCoeff();
+}
+
 double trace_of_product(const dense& a, const dense& b) {
     return to_eigen(a).cwiseProduct(to_eigen(b).transpose()).sum();
 }
@@ -148,6 +172,20 @@ reml evaluate(const analysis& m, const dense& v) {
     e.py = times(e.p, y);
     e.logl = -0.5 * (log_det(v) + (k > 0 ? log_det(xvx) : 0.0) + dot(y, e.py));
     return e;
+}
+
+double reml_logl(const dense& v, const dense& x, const vec& y) {
+    const auto n = static_cast<Eigen::Index>(y.size());
+    matrix w(n, static_cast<Eigen::Index>(x.empty() ? 0 : x[0].size()) + 1); // X and y
+    if (!x.empty()) w.leftCols(w.cols() - 1) = to_eigen(x);
+    w.rightCols(1) = Eigen::Map<const Eigen::VectorXd>(y.data(), n);
+    const Eigen::LLT<matrix> l(to_eigen(v));
+    l.matrixL().solveInPlace(w);
+    const matrix l2 = (w.transpose() * w).eval().llt().matrixL(); // last pivot: square root of y'Py
+    const Eigen::Index p = w.cols() - 1;
+    const double log_x = 2.0 * l2.diagonal().head(p).array().log().sum();
+    const double log_v = 2.0 * l.matrixLLT().diagonal().array().log().sum();
+    return -0.5 * (log_v + log_x + l2(p, p) * l2(p, p));
 }
 
 double gradient(const reml& e, const dense& dv) {

@@ -1,5 +1,6 @@
-// REML by dense algebra, written without the equations of the program: V, P and what follows from them. Products,
-// inverses and determinants are those of Eigen, which the program's own numerical core does not use.
+// The one dense oracle: relationship matrices, and REML by V, P and what follows from them, written without the
+// equations of the program. Products, factors, inverses and eigenvalues are those of Eigen, which the program's own
+// numerical core does not use.
 #pragma once
 #include <cstddef>
 #include <vector>
@@ -12,8 +13,13 @@ using vec = std::vector<double>;
 dense zeros(std::size_t n, std::size_t m);
 dense product(const dense& a, const dense& b);
 dense transpose(const dense& a);
-dense inverse(const dense& a);  // of a symmetric positive definite matrix
-double log_det(const dense& a); // the same; not a number where it is not positive definite
+dense inverse(const dense& a);                               // of a symmetric positive definite matrix
+double log_det(const dense& a);                              // the same; not a number where it is not positive definite
+dense cholesky(const dense& a);                              // the same: L of A = LL', zero above the diagonal
+vec eigenvalues(const dense& a);                             // of a symmetric matrix, ascending
+dense eigenvectors(const dense& a);                          // by columns, in the same order
+vec solve(const dense& a, const vec& b);                     // any square matrix; unknowns that others determine are 0
+double distance_to_identity(const dense& a, const dense& b); // largest element of AB - I
 double trace_of_product(const dense& a, const dense& b);
 vec times(const dense& a, const vec& x);
 double dot(const vec& a, const vec& b);
@@ -60,6 +66,8 @@ struct reml {
     vec py, beta;
 };
 reml evaluate(const analysis& m, const dense& v);
+// -1/2 (log|V| + log|X'inv(V)X| + y'Py); X of full column rank, perhaps without columns.
+double reml_logl(const dense& v, const dense& x, const vec& y);
 
 double gradient(const reml& e, const dense& dv);                     // d log L
 double information(const reml& e, const dense& dv, const dense& dw); // 0.5 y'P dV P dW P y

@@ -1,4 +1,4 @@
-// A model with one animal effect, or several on one pedigree file, set up by hand; and dense relationship matrices.
+// A model with one animal effect, or several on one pedigree file, set up by hand; and pedigrees.
 #pragma once
 #include "control/filenames.h"
 #include "control/numbers.h"
@@ -8,9 +8,9 @@
 #include "data/pedigreelist.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
+#include "support/dense_oracle.h"
 #include "support/fixture.h"
 
-#include <cmath>
 #include <random>
 #include <string>
 #include <utility>
@@ -18,7 +18,8 @@
 
 namespace tarvex {
 
-using dense = std::vector<std::vector<double>>;
+using oracle::dense;
+using oracle::tabular;
 
 // One trait; a line holds the codes of `nrun` effects with a relationship matrix each, then the observation.
 inline void animal_model(const std::string& data, const std::string& ped, int nrun = 1) {
@@ -73,43 +74,6 @@ inline void pedigree_by_hand(const std::vector<int>& sire, const std::vector<int
     pl.dam(irun) = dam;
     pl.idwec(irun).clear();
     for (int i = 1; i <= n; ++i) pl.idwec(irun).push_back(10 * i);
-}
-
-// Relationship matrix by the tabular method.
-inline dense tabular(const std::vector<int>& sire, const std::vector<int>& dam) {
-    const int n = static_cast<int>(sire.size());
-    dense a(n, std::vector<double>(n));
-    for (int i = 0; i < n; ++i) {
-        const int s = sire[i] - 1, d = dam[i] - 1;
-        for (int j = 0; j < i; ++j) a[i][j] = a[j][i] = 0.5 * ((s >= 0 ? a[j][s] : 0.0) + (d >= 0 ? a[j][d] : 0.0));
-        a[i][i] = 1.0 + (s >= 0 && d >= 0 ? 0.5 * a[s][d] : 0.0);
-    }
-    return a;
-}
-
-// Largest deviation of the product of two matrices from the identity.
-inline double distance_to_identity(const dense& a, const dense& b) {
-    const std::size_t n = a.size();
-    double worst = 0.0;
-    for (std::size_t i = 0; i < n; ++i)
-        for (std::size_t j = 0; j < n; ++j) {
-            double sum = i == j ? -1.0 : 0.0;
-            for (std::size_t k = 0; k < n; ++k) sum += a[i][k] * b[k][j];
-            worst = std::max(worst, std::fabs(sum));
-        }
-    return worst;
-}
-
-// Log determinant of a positive definite matrix by elimination.
-inline double dense_logdet(dense a) {
-    double sum = 0.0;
-    const std::size_t n = a.size();
-    for (std::size_t k = 0; k < n; ++k) {
-        sum += std::log(a[k][k]);
-        for (std::size_t i = k + 1; i < n; ++i)
-            for (std::size_t j = k + 1; j < n; ++j) a[i][j] -= a[i][k] * a[k][j] / a[k][k];
-    }
-    return sum;
 }
 
 // Random pedigree of n animals with overlapping generations, some unknown parents and, if wanted, selfing.

@@ -131,21 +131,6 @@ triangle read_triangle(const std::string& file) {
     return t;
 }
 
-std::vector<std::vector<double>> inverse_of(std::vector<std::vector<double>> a) {
-    const std::size_t n = a.size();
-    for (std::size_t k = 0; k < n; ++k) { // Gauss-Jordan, good for positive definite matrices
-        const double pivot = a[k][k];
-        a[k][k] = 1.0;
-        for (std::size_t j = 0; j < n; ++j) a[k][j] /= pivot;
-        for (std::size_t i = 0; i < n; ++i) {
-            if (i == k) continue;
-            const double f = std::exchange(a[i][k], 0.0);
-            for (std::size_t j = 0; j < n; ++j) a[i][j] -= f * a[k][j];
-        }
-    }
-    return a;
-}
-
 fixed_solutions read_fixed_solutions() {
     fixed_solutions s;
     int trait = 0;

@@ -45,7 +45,6 @@ struct triangle {
     std::vector<std::vector<double>> rows; // symmetric
 };
 triangle read_triangle(const std::string& file);
-std::vector<std::vector<double>> inverse_of(std::vector<std::vector<double>> a);
 
 // FixSolutions.out
 struct covariable_line {
