@@ -34,15 +34,32 @@ std::vector<fs::path> case_folders() {
     return list;
 }
 
-// The words of the first line that has `wanted` one after another, from behind them on.
-std::optional<words> behind(const std::string& text, const words& wanted) {
-    std::istringstream in(text);
+// The words of the first line of `in` that has `wanted` one after another, from behind them on.
+std::optional<words> line_with(std::istream& in, const words& wanted) {
     for (std::string line; std::getline(in, line);) {
         const words found = split(line);
         const auto at = std::search(found.begin(), found.end(), wanted.begin(), wanted.end());
         if (at != found.end()) return words(at + static_cast<std::ptrdiff_t>(wanted.size()), found.end());
     }
     return {};
+}
+
+// The same; what stands behind ">>" in `wanted` is looked for on the lines that follow.
+std::optional<words> behind(const std::string& text, const words& wanted) {
+    std::istringstream in(text);
+    for (auto from = wanted.begin();;) {
+        const auto mark = std::find(from, wanted.end(), ">>");
+        auto found = line_with(in, {from, mark});
+        if (!found || mark == wanted.end()) return found;
+        from = mark + 1;
+    }
+}
+
+words last_line(const std::string& text) {
+    const auto end = text.find_last_not_of('\n');
+    if (end == std::string::npos) return {};
+    const auto from = text.rfind('\n', end);
+    return split(text.substr(from == std::string::npos ? 0 : from + 1, end - (from + 1) + 1));
 }
 
 class case_folder_test : public tarvex_test, public testing::WithParamInterface<fs::path> {
@@ -88,9 +105,9 @@ protected:
             EXPECT_NEAR(value, std::stod(wanted[i]), slack) << line;
         }
     }
-    // FILE: words [-> numbers +- slack]   or   FILE! words
+    // FILE: words [>> words] [-> numbers +- slack], FILE! words or FILE$ words
     void expect_line(const std::string& line) const {
-        const auto mark = line.find_first_of(":!");
+        const auto mark = line.find_first_of(":!$");
         ASSERT_NE(mark, std::string::npos) << "not understood: " << line;
         const std::string text = text_of(line.substr(0, mark));
         words wanted = split(line.substr(mark + 1)), numbers;
@@ -101,6 +118,10 @@ protected:
             ASSERT_TRUE(numbers.size() >= 3 && *(numbers.end() - 2) == "+-") << "no \"+- slack\": " << line;
             slack = std::stod(numbers.back());
             numbers.resize(numbers.size() - 2);
+        }
+        if (line[mark] == '$') {
+            EXPECT_EQ(last_line(text), wanted) << line;
+            return;
         }
         const auto found = behind(text, wanted);
         if (line[mark] == '!') {
@@ -121,6 +142,10 @@ protected:
                 run({w.begin() + 1, w.end()});
             else if (w[0] == "status")
                 expect_status(w);
+            else if (w[0] == "present" || w[0] == "absent")
+                for (std::size_t i = 1; i < w.size(); ++i) EXPECT_EQ(fs::exists(w[i]), w[0] == "present") << line;
+            else if (w[0] == "remove")
+                for (std::size_t i = 1; i < w.size(); ++i) EXPECT_TRUE(fs::remove(w[i])) << line;
             else
                 expect_line(line);
         }

@@ -1,6 +1,7 @@
 // Log likelihoods, estimates, sampling errors and solutions of whole runs against figures of independent programs and
 // books.
 #include "case_run.h"
+#include "support/dense_oracle.h"
 
 #include <cstdio>
 #include <map>
@@ -133,7 +134,7 @@ protected:
         }
         const auto covariances = read_triangle("AvInfoCovs");
         EXPECT_NEAR(covariances.loglike, expected()["logL_max"].number, 1e-4);
-        const auto information = inverse_of(covariances.rows);
+        const auto information = oracle::inverse(covariances.rows);
         const auto& truth = expected()["average_information"];
         ASSERT_EQ(information.size(), truth.size());
         for (std::size_t i = 0; i < truth.size(); ++i)
@@ -223,49 +224,7 @@ INSTANTIATE_TEST_SUITE_P(cases, reference_test,
                                          "milk_biv", "rr_chick", "rr_small", "rr_milk"),
                          [](const auto& at) { return std::string(at.param); });
 
-// Figures as printed in the book.
-class textbook : public case_run {
-protected:
-    void expect_printed(const std::vector<double>& found, const std::vector<double>& printed,
-                        double digits = 5.1e-4) const {
-        ASSERT_EQ(found.size(), printed.size());
-        for (std::size_t i = 0; i < printed.size(); ++i) EXPECT_NEAR(found[i], printed[i], digits) << i + 1;
-    }
-    static std::vector<double> random(const std::string& effect, int iq = 1) {
-        std::vector<double> list;
-        for (const auto& line : read_random_solutions(effect))
-            if (line.iq == iq) list.push_back(line.solution);
-        return list;
-    }
-    static std::vector<double> fixed(const std::string& effect, int trait = 1) {
-        std::vector<double> list;
-        for (const auto& line : read_fixed_solutions().levels)
-            if (line.effect == effect && line.trait == trait) list.push_back(line.solution);
-        return list;
-    }
-};
-
-TEST_F(textbook, animal_model) {
-    ASSERT_TRUE(bring("textbook_uni"));
-    finish("--blup");
-    expect_printed(fixed("sex"), {4.358, 3.404}, 1.01e-3); // the book prints 4.358 for 4.35850
-    expect_printed(random("animal"), {0.098, -0.019, -0.041, -0.009, -0.186, 0.177, -0.249, 0.183});
-}
-
-TEST_F(textbook, repeatability_model) {
-    ASSERT_TRUE(bring("textbook_rep"));
-    finish("--blup");
-    expect_printed(random("cow"), {10.148, -3.084, -7.063, 13.581, -18.207, -18.387, 9.328, 24.194});
-    expect_printed(random("perm"), {8.417, -7.146, -17.229, -1.390, 17.347});
-}
-
-TEST_F(textbook, two_traits) {
-    ASSERT_TRUE(bring("textbook_biv"));
-    finish("--blup");
-    expect_printed(fixed("sex", 1), {4.361, 3.397});
-    expect_printed(fixed("sex", 2), {6.800, 5.880});
-    expect_printed({random("animal", 1).at(7), random("animal", 2).at(7)}, {0.244, 0.392});
-}
+using textbook = case_run;
 
 // Sampling errors of solutions and accuracies of the animal model, by the inverse of the eight-animal system of
 // equations written out densely.
@@ -288,7 +247,7 @@ TEST_F(textbook, errors_of_solutions) {
         for (const auto& [p, x] : row)
             for (const auto& [q, y] : row) c[p][q] += x * y / (20.0 * d);
     }
-    const auto inverse = inverse_of(c);
+    const auto inverse = oracle::inverse(c);
     const auto animals = read_random_solutions("animal");
     const auto fixes = read_fixed_solutions().levels;
     ASSERT_EQ(animals.size(), 8u);
@@ -299,67 +258,6 @@ TEST_F(textbook, errors_of_solutions) {
         expect_relative(animals[i].error, std::sqrt(pev), 1e-5, "error of an animal");
         EXPECT_NEAR(animals[i].accuracy, std::sqrt(1.0 - pev / 20.0), 6e-4) << i + 1;
     }
-}
-
-// Every step of AI-REML on five records, from starting values far off, where the estimates go to the border of the
-// parameter space: log L, norm of the gradient, change of the parameters, half the slope, step length and addition to
-// the diagonal as a separate calculation on the dense matrices gives them.
-struct step {
-    double loglike, dnorm, pnorm, prox, alpha, tau;
-};
-
-void expect_steps(const std::vector<step>& want) {
-    std::vector<step> found;
-    for (const auto& line : lines_of(read_file("Iterates"))) {
-        const auto words = words_of(line);
-        if (words.empty() || words[0] != "AI" || words[1] == "0") continue;
-        ASSERT_EQ(words.size(), 12u) << line;
-        const auto at = [&](std::size_t k) { return number_of(words[k]); };
-        found.push_back({at(2), at(4), at(5), at(6), at(7), at(10)});
-    }
-    ASSERT_GE(found.size(), want.size());
-    for (std::size_t i = 0; i < want.size(); ++i) {
-        SCOPED_TRACE("iterate " + std::to_string(i + 1));
-        EXPECT_NEAR(found[i].loglike, want[i].loglike, 1.01e-3);
-        EXPECT_NEAR(found[i].dnorm, want[i].dnorm, 1.01e-3);
-        EXPECT_NEAR(found[i].pnorm, want[i].pnorm, 1.01e-5 * std::max(1.0, want[i].pnorm));
-        EXPECT_NEAR(found[i].prox, want[i].prox, 1e-3 * std::fabs(want[i].prox));
-        EXPECT_NEAR(found[i].alpha, want[i].alpha, 1.01e-4);
-        EXPECT_NEAR(found[i].tau, want[i].tau, 1e-4 * want[i].tau);
-    }
-}
-
-TEST_F(textbook, steps_of_one_trait) {
-    ASSERT_TRUE(bring("textbook_uni"));
-    finish("");
-    expect_steps({
-        {-4.348, 0.3886, 3.19752, -38.92, 0.0495, 0.00098882},
-        {-3.835, 0.9121, 0.63772, -12.42, 0.0335, 0.0009117},
-        {-3.695, 0.9936, 0.44958, -13.49, 0.0174, 0},
-        {-3.567, 0.9353, 0.30580, -10.07, 0.0162, 0.00020262},
-        {-3.367, 0.9592, 0.31513, -8.327, 0.0229, 0.00062955},
-        {-3.280, 1.0300, 0.22626, -7.918, 0.0125, 0},
-        {-2.457, 1.0341, 1.32893, -6.047, 0.3852, 0.00099907},
-        {-2.206, 1.2831, 0.05831, -2.622, 0.0468, 0.00099943},
-        {-1.386, 1.3485, 0.74149, -1.897, 1.0000, 0.00099908},
-        {-1.338, 1.2121, 0.13089, -0.2707, 1.0000, 0.00099974},
-    });
-    EXPECT_NE(read_file("Iterates").find("Max. no. of iterates reached - not converged !"), std::string::npos);
-}
-
-TEST_F(textbook, steps_of_two_traits) {
-    ASSERT_TRUE(bring("textbook_biv"));
-    finish("");
-    expect_steps({
-        {-9.140, 0.5738, 1.24907, -117.1, 0.0209, 0.00099987},
-        {-5.815, 1.4645, 0.71913, -94.57, 0.0162, 0.001},
-        {-5.550, 2.7428, 0.06908, -94.43, 0.0025, 0.001},
-        {-5.454, 2.9996, 0.04936, -69.61, 0.0017, 0.001},
-        {-5.018, 3.6647, 0.87475, -23.46, 0.1311, 0.001},
-        {-3.939, 3.6162, 0.20775, -34.17, 0.0185, 0.001},
-        {-3.444, 2.9497, 0.20492, -97.69, 0.0056, 0.001},
-        {-2.207, 2.9537, 0.22032, -23.03, 0.0664, 0.001},
-    });
 }
 
 } // namespace
