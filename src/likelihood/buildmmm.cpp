@@ -25,8 +25,9 @@ namespace {
 
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
-// All stores together: places of at most this many pairs are kept, an eighth of the factor's bytes and some more.
+// All stores together: unless places.most says how many, an eighth of the factor's bytes and some more.
 std::size_t most_places() {
+    if (places.most > 0) return places.most;
     return std::min<std::size_t>(48'000'000, 12'000'000 + static_cast<std::size_t>(sparse.maxlnz) / 4);
 }
 
@@ -295,7 +296,7 @@ int place_cursor::find(int a, int b) {
     const int p = locate(a, b);
     if (reading_ || store_.dropped || !filling_) return p;
     filling_->place.push_back(p);
-    if (store_.place.size() % 65536 == 0 && places_held() > most_places()) {
+    if (store_.place.size() % places.look_every == 0 && places_held() > most_places()) {
         filling_->dropped = true;
         std::vector<int>().swap(filling_->place);
     }

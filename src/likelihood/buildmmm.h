@@ -28,6 +28,8 @@ struct places_module {
     std::vector<place_store> blocks; // [irand-1] pairs of the elements of the inverse relationship matrix
     bool lenient = false;            // a missing element of a random effect asks for a new ordering, it is not fatal
     int together = 4096;             // subjects whose sums are formed together; those sums are added up in turn
+    std::size_t most = 0;            // pairs kept by all stores together; 0: as the size of the factor allows
+    std::size_t look_every = 65536;  // pairs of a store between two looks whether they are too many
 };
 inline places_module places;
 

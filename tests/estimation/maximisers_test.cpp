@@ -222,6 +222,25 @@ TEST_F(maximisers_test, search_by_directions_comes_near_the_maximum) {
     EXPECT_GT(change[change.size() - 2], -0.002) << "a small gain ends the search only along fresh directions";
 }
 
+TEST_F(maximisers_test, search_by_directions_goes_on_from_its_stored_point) {
+    small_model m = families(2);
+    const maximum ai = run(m, {"--aireml200"});
+    m.random[0].g = {4.0, 0.1, 4.0};
+    const maximum first = run(m, {"--powell1"});
+    ASSERT_LT(first.logl, ai.logl - 0.1) << "one round is all that it takes";
+    new_analysis();
+    std::remove("Iterates");
+    set_up(m, {"-c", "--powell"});
+    const std::size_t before = screen_text().size();
+    get_estimates();
+    const std::string told = screen_text().substr(before);
+    const auto start = told.find(" log l = ");
+    ASSERT_NE(start, std::string::npos) << told;
+    EXPECT_NEAR(std::stod(told.substr(start + 9, 20)), first.logl, 1.0e-6);
+    EXPECT_NEAR(bestpoint.xbest, ai.logl, 0.01);
+    EXPECT_LE(bestpoint.xbest, ai.logl + 1.0e-4);
+}
+
 TEST_F(maximisers_test, diagonal_block_reaches_the_maximum_of_variances) {
     small_model m = families(2);
     m.random[0] = {"animal", "NRM", 2, 0, {0.8, 0.8}, true};
