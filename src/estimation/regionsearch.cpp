@@ -162,6 +162,7 @@ bool badly_ordered() {
     bool bad = false;
     for (int irand = 0; irand <= numbers.krand && estimates.reorder; ++irand) {
         if (!by_factor(irand) || model.diagonal(irand)) continue;
+        if (irand == 0 && no_fixed_residuals() > 0) continue; // its order keeps zeros
         for (int step = 1; step <= (irand == 0 ? model.rr_resteps : 1) && estimates.nnparm(irand) > 0; ++step) {
             int ifail = 0;
             parvec2covs(parvec, irand, step, cc, vv, ifail);

@@ -219,6 +219,161 @@ void judge_matrix(judgement& j, const judged_block& b) {
     for (int e = 1; e <= n * (n + 1) / 2; ++e) j.verdict.void_errors.push_back(b.first + e - 1);
 }
 
+// ---- matrices with elements held at 0, near the border
+
+// The changes that such a matrix is free to make, in units of the scales.
+struct held_matrix {
+    const judged_block& b;
+    scaled_matrix m;
+    std::vector<std::pair<int, int>> elements;
+    std::vector<double> gradient;
+
+    // v_p' C v_q by element of the change C.
+    std::vector<double> weights(int p, int q) const {
+        std::vector<double> w;
+        for (const auto& [i, k] : elements)
+            w.push_back(m.vectors(i, p) * m.vectors(k, q) + (i == k ? 0.0 : m.vectors(k, p) * m.vectors(i, q)));
+        return w;
+    }
+    direction along(const std::vector<double>& x) const {
+        direction d;
+        for (std::size_t e = 0; e < x.size(); ++e) {
+            const auto [i, k] = elements[e];
+            d.shares.push_back(
+                {b.first + packed(b, i, k) - 1, x[e] * std::sqrt(b.scale[at(i - 1)] * b.scale[at(k - 1)])});
+        }
+        return d;
+    }
+};
+
+double product(const std::vector<double>& a, const std::vector<double>& b) {
+    double s = 0.0;
+    for (std::size_t i = 0; i < a.size(); ++i) s += a[i] * b[i];
+    return s;
+}
+
+held_matrix free_changes(const judgement& j, const judged_block& b) {
+    held_matrix h{b, scaled(b), {}, {}};
+    for (int i = 1; i <= b.order(); ++i)
+        for (int k = i; k <= b.order(); ++k)
+            if (!held(b, packed(b, i, k))) h.elements.emplace_back(i, k);
+    for (std::size_t e = 0; e < h.elements.size(); ++e) {
+        std::vector<double> unit(h.elements.size(), 0.0);
+        unit[e] = 1.0;
+        h.gradient.push_back(j.slope(h.along(unit)));
+    }
+    return h;
+}
+
+// Least squares of -gradient by the rows (multipliers of the constraints that they are), and an orthonormal basis of
+// what the rows leave.
+struct constrained {
+    std::vector<double> multipliers;
+    std::vector<std::vector<double>> basis;
+};
+constrained beside(const std::vector<std::vector<double>>& rows, const std::vector<double>& gradient) {
+    const int r = static_cast<int>(rows.size()), n = static_cast<int>(gradient.size());
+    array<double, 2> a, vectors, left;
+    array<double> eig;
+    int nzero = 0;
+    a.allocate(r, r);
+    for (int i = 1; i <= r; ++i)
+        for (int k = 1; k <= r; ++k) a(i, k) = product(rows[at(i - 1)], rows[at(k - 1)]);
+    eigem(a, eig, vectors, r, 0.0, nzero);
+    left.allocate(n, n);
+    for (int i = 1; i <= n; ++i) left(i, i) = 1.0;
+    constrained c;
+    c.multipliers.assign(at(r), 0.0);
+    for (int k = 1; k <= r && eig(k) > 1.0e-10 * eig(1); ++k) {
+        std::vector<double> u(at(n), 0.0);
+        for (int i = 1; i <= r; ++i)
+            for (int e = 0; e < n; ++e) u[at(e)] += vectors(i, k) * rows[at(i - 1)][at(e)];
+        const double s = -product(u, gradient) / eig(k);
+        for (int i = 1; i <= r; ++i) c.multipliers[at(i - 1)] += vectors(i, k) * s;
+        for (int e = 1; e <= n; ++e)
+            for (int f = 1; f <= n; ++f) left(e, f) -= u[at(e - 1)] * u[at(f - 1)] / eig(k);
+    }
+    eigem(left, eig, vectors, n, 0.0, nzero);
+    for (int k = 1; k <= n && eig(k) > 0.5; ++k) {
+        c.basis.emplace_back();
+        for (int e = 1; e <= n; ++e) c.basis.back().push_back(vectors(e, k));
+    }
+    return c;
+}
+
+// Directions along the border: each is free, and tilts the eigenvectors that have gone, which costs their multipliers.
+void free_beside(judgement& j, const held_matrix& h, const std::vector<int>& gone, const std::vector<double>& fall,
+                 const std::vector<std::vector<double>>& basis) {
+    const int t = static_cast<int>(basis.size());
+    array<double, 2> curvature, vectors;
+    array<double> eig;
+    curvature.allocate(t, t);
+    for (int q = 1; q <= h.b.order(); ++q) {
+        if (std::find(gone.begin(), gone.end(), q) != gone.end()) continue;
+        for (std::size_t g = 0; g < gone.size(); ++g) {
+            const std::vector<double> w = h.weights(gone[g], q);
+            const double weight = 2.0 * fall[g] / std::max(h.m.eig(q) - h.m.eig(gone[g]), 1.0e-12);
+            for (int a = 1; a <= t; ++a)
+                for (int c = 1; c <= t; ++c)
+                    curvature(a, c) += weight * product(w, basis[at(a - 1)]) * product(w, basis[at(c - 1)]);
+        }
+    }
+    int nzero = 0;
+    if (t > 0) eigem(curvature, eig, vectors, t, 0.0, nzero);
+    for (int k = 1; k <= t; ++k) {
+        std::vector<double> x(h.elements.size(), 0.0);
+        for (int a = 1; a <= t; ++a)
+            for (std::size_t e = 0; e < x.size(); ++e) x[e] += vectors(a, k) * basis[at(a - 1)][e];
+        direction d = h.along(x);
+        d.curvature = std::max(eig(k), 0.0);
+        j.free.push_back(std::move(d));
+    }
+}
+
+// A step that raises the eigenvalue k, and those alone that elements held at 0 bind to it.
+direction raising(const held_matrix& h, int k) {
+    std::vector<double> w = h.weights(k, k);
+    const double size = product(w, w);
+    for (double& x : w) x /= size;
+    return h.along(w);
+}
+
+// Judges a matrix of which an eigenvalue has all but gone with log L falling that way. False: there is none.
+bool at_border_beside_zeros(judgement& j, const judged_block& b) {
+    const held_matrix h = free_changes(j, b);
+    std::vector<int> gone;
+    for (int k = 1; k <= b.order(); ++k)
+        if (vanishing(h.m, k, b.order())) gone.push_back(k);
+    constrained c;
+    while (!gone.empty()) { // the one along which log L rises most, or has its maximum inside, is let go
+        std::vector<std::vector<double>> rows;
+        for (std::size_t p = 0; p < gone.size(); ++p) rows.push_back(h.weights(gone[p], gone[p]));
+        for (std::size_t p = 0; p < gone.size(); ++p)
+            for (std::size_t q = p + 1; q < gone.size(); ++q) rows.push_back(h.weights(gone[p], gone[q]));
+        c = beside(rows, h.gradient);
+        std::size_t worst = gone.size();
+        double most = 0.0;
+        for (std::size_t p = 0; p < gone.size() && !j.matrices_only; ++p) {
+            const double inside = h.m.eig(gone[p]) * curvature_along(j, raising(h, gone[p])) - c.multipliers[p];
+            if (!(inside > most)) continue;
+            most = inside;
+            worst = p;
+        }
+        if (worst == gone.size()) break;
+        if (c.multipliers[worst] < 0.0) note_lift(j, raising(h, gone[worst]));
+        gone.erase(gone.begin() + static_cast<std::ptrdiff_t>(worst));
+    }
+    if (gone.empty()) return false;
+    keep_eigenvalues(j, b, h.m);
+    for (std::size_t p = 0; p < gone.size(); ++p)
+        j.verdict.promised += std::max(h.m.eig(gone[p]), 0.0) * std::max(c.multipliers[p], 0.0);
+    free_beside(j, h, gone, c.multipliers, c.basis);
+    name_border(j, b, h.m, gone);
+    for (int e = 1; e <= b.order() * (b.order() + 1) / 2; ++e)
+        if (!held(b, e)) j.verdict.void_errors.push_back(b.first + e - 1);
+    return true;
+}
+
 void judge_parameter(judgement& j, const judged_parameter& p) {
     const double slope = j.slope({{{p.par, 1.0}}});
     if (std::fabs(p.value) < 0.01 * p.scale && slope * p.value <= 0.0) {
@@ -409,17 +564,13 @@ void solve_model(judgement& j) {
     note_vanishing(j, held);
 }
 
-} // namespace
-
-namespace {
-
 void judge_blocks(judgement& j) {
     for (const judged_block& b : j.point.blocks) {
         const bool elements = std::any_of(b.fixed.begin(), b.fixed.end(), [](int f) { return f != 0; });
-        if (b.diagonal || elements)
-            judge_elements(j, b);
-        else
+        if (!b.diagonal && !elements)
             judge_matrix(j, b);
+        else if (b.diagonal || !at_border_beside_zeros(j, b))
+            judge_elements(j, b);
     }
     for (const judged_parameter& p : j.point.others) judge_parameter(j, p);
 }

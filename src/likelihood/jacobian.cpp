@@ -5,6 +5,7 @@
 #include "likelihood/derivatives.h"
 #include "parameters/parvec.h"
 #include "parameters/variances.h"
+#include "parameters/zeropattern.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "support/stop.h"
@@ -143,6 +144,8 @@ void block_jacobian(int irand, int step, array<double, 2>& jac) {
             jac(p, p) = 2.0 * vv(p, p) * times;
             continue;
         }
+        const int pivot = pivot_row(irand, step, f.col);
+        if (irand == 0 && f.row != pivot && residual_held(step, f.row, pivot)) continue; // stays 0
         for (int i = 1; i <= n; ++i)
             jac(packed_place(i, f.row, n), p) = (i == f.row ? 2.0 : 1.0) * vv(i, f.col) * times;
     }

@@ -30,6 +30,7 @@ struct residualvars_module {
     array<double> sigpeq;            // (nq(nq+1)/2) PEQ covariances spread over all traits
     array<double> rpars;             // (nresparm) residual parameters on the natural scale, compared by loglike
     array<int> fixres;               // (nresparm as covariances: steps times triangle) 1: fixed at zero
+    bool pivot_zeros = false;        // pivots go in an order in which the factor keeps these zeros
     std::vector<double> formed;      // covariances (residual, PEQ) that eei belongs to
 };
 inline residualvars_module residualvars;

@@ -10,6 +10,7 @@
 #include "parameters/parunits.h"
 #include "parameters/parvec.h"
 #include "parameters/residualvars.h"
+#include "parameters/zeropattern.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "support/edit_form.h"
@@ -164,23 +165,29 @@ void label_covariances() {
     stoptarvex();
 }
 
+// Place of pivot c among those left, c..n: by size the largest, else the first. With `zeros` only of those that keep
+// them.
+int next_pivot(const array<double, 2>& a, const array<int>& order, int c, bool by_size, const zero_pattern* zeros) {
+    if (!by_size && !zeros) return c;
+    int at = c;
+    double most = -1.0e10;
+    for (int p = c; p <= order.upper(); ++p) {
+        if (!(a(order(p), order(p)) > most) || (zeros && !may_be_pivot(*zeros, order, c, p))) continue;
+        most = a(order(p), order(p));
+        at = p;
+        if (!by_size) break;
+    }
+    return at;
+}
+
 // Pivoted Cholesky of the packed triangle: factor(i,c) by matrix row i, order(1..n) the pivot order. Returns the step
 // of the first pivot below numbers.zero that floor does not mend (0: none) and that pivot.
 int pivoted_factor(const double* cc, int n, int rank, bool by_size, double floor, double& bad, array<double, 2>& factor,
-                   array<int>& order) {
+                   array<int>& order, const zero_pattern* zeros = nullptr) {
     array<double, 2> a = unpack({cc, static_cast<std::size_t>(triangle(n))}, n);
     factor.allocate(n, rank);
     for (int c = 1; c <= rank; ++c) {
-        if (by_size) {
-            int at = c;
-            double most = -1.0e10;
-            for (int p = c; p <= n; ++p)
-                if (a(order(p), order(p)) > most) {
-                    most = a(order(p), order(p));
-                    at = p;
-                }
-            std::swap(order(c), order(at));
-        }
+        std::swap(order(c), order(next_pivot(a, order, c, by_size, zeros)));
         const int row = order(c);
         double pivot = a(row, row);
         if (!(pivot >= numbers.zero)) {
@@ -201,8 +208,8 @@ bool any_fixres() {
     return std::any_of(residualvars.fixres.begin(), residualvars.fixres.end(), [](int f) { return f != 0; });
 }
 
-// A zero pattern of the residual block survives in its factor only in the order of the traits.
-bool pivot_by_size(int irand) { return estimates.reorder && !(irand == 0 && any_fixres()); }
+// Zeros of the residual block survive in its factor in the order of the traits, or in one that is made to keep them.
+bool pivot_by_size(int irand) { return estimates.reorder && (irand > 0 || residualvars.pivot_zeros || !any_fixres()); }
 
 void block_order(int irand, int step, array<int>& order) {
     const int n = model.kkfit(irand);
@@ -268,8 +275,11 @@ std::vector<array<double, 2>> factor_steps(int irand, const double* cc, double f
         if (irand == 0 && any_fixres())
             for (int i = 1; i <= n; ++i) order(i) = i;
         double bad = 0.0;
+        zero_pattern zeros;
+        const bool keep = irand == 0 && residualvars.pivot_zeros;
+        if (keep) zeros = residual_zeros(step);
         const int at = pivoted_factor(cc + (step - 1) * step_covs(irand), n, rank, pivot_by_size(irand), floor_pivot,
-                                      bad, factor, order);
+                                      bad, factor, order, keep ? &zeros : nullptr);
         if (at > 0) invalid_start(irand, n, at, bad);
         keep_order(irand, step, order);
         for (int c = 1; c <= rank; ++c) small = small || std::fabs(factor(order(c), c)) < log_at_start;
@@ -287,6 +297,7 @@ void take_factor(int irand, int step, const array<double, 2>& factor, array<doub
         for (int r = c; r <= model.kkfit(irand); ++r, ++ipar) {
             const bool log = r == c && estimates.logdiagonals(irand);
             estimates.logpar(ipar) = log ? 1 : 0;
+            if (irand == 0) estimates.ispar(ipar) = r > c && residual_held(step, order(r), order(c)) ? 0 : 1;
             parvec(ipar) = log ? std::log(factor(order(c), c)) : factor(order(r), c);
         }
 }
@@ -503,7 +514,10 @@ void fixresvars() {
                 residualvars.fixres(k) = fixed ? 1 : 0;
                 if (fixed && j > i && linked_to_earlier(i, j)) original = true;
             }
-    if (original && !options.forchol) estimates.paraform(0) = par_scale::original;
+    residualvars.pivot_zeros = original && estimates.paraform(0) != par_scale::original;
+    for (int step = 1; step <= steps_of(0) && residualvars.pivot_zeros; ++step)
+        residualvars.pivot_zeros = order_exists(residual_zeros(step));
+    if (original && !options.forchol && !residualvars.pivot_zeros) estimates.paraform(0) = par_scale::original;
     if (estimates.paraform(0) == par_scale::original)
         for (int k = 1; k <= estimates.nresparm; ++k) estimates.ispar(k) = residualvars.fixres(k) ? 0 : 1;
 }

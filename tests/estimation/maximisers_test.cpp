@@ -1,8 +1,10 @@
 // Log L never falls in EM, and all maximisers end at one maximum.
 #include "control/maximise.h"
 #include "control/options.h"
+#include "dense/numroutines.h"
 #include "estimation/aireml.h"
 #include "estimation/bestpoint.h"
+#include "estimation/lastpoint.h"
 #include "estimation/pxem.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
@@ -10,6 +12,8 @@
 #include "support/em_fixture.h"
 
 #include <algorithm>
+#include <cmath>
+#include <functional>
 
 namespace tarvex {
 namespace {
@@ -252,6 +256,160 @@ TEST_F(maximisers_test, diagonal_block_reaches_the_maximum_of_variances) {
         expect_same(got, ai);
         EXPECT_EQ(got.at.g[0][0][1], 0.0);
     }
+}
+
+// ---- residual covariances held at zero: one maximum, that of dense algebra
+
+// A lower factor by rows from x (logarithms on the diagonal), its zeros given; times its transpose.
+oracle::dense from_factor(const std::vector<double>& x, std::size_t& k, const std::vector<std::vector<int>>& shape,
+                          const std::vector<std::size_t>& order) {
+    const std::size_t n = order.size();
+    oracle::dense l = oracle::zeros(n, n);
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t j = 0; j <= i; ++j)
+            if (shape[i][j]) l[order[i]][j] = i == j ? std::exp(x[k++]) : x[k++];
+    return oracle::product(l, oracle::transpose(l));
+}
+
+using function_of = std::function<double(const std::vector<double>&)>;
+
+std::vector<double> slopes(const function_of& f, std::vector<double> x) {
+    std::vector<double> g;
+    for (double& one : x) {
+        const double at = one, h = 1.0e-4;
+        one = at + h;
+        const double up = f(x);
+        one = at - h;
+        g.push_back((up - f(x)) / (2.0 * h));
+        one = at;
+    }
+    return g;
+}
+
+// Broyden, Fletcher, Goldfarb and Shanno's ascent with halved steps.
+double highest(const function_of& f, std::vector<double> x) {
+    const std::size_t n = x.size();
+    oracle::dense h = oracle::zeros(n, n);
+    for (std::size_t i = 0; i < n; ++i) h[i][i] = 0.01;
+    double value = f(x);
+    std::vector<double> g = slopes(f, x);
+    for (int turn = 0; turn < 200; ++turn) {
+        const std::vector<double> d = oracle::times(h, g);
+        if (oracle::dot(d, g) < 1.0e-8) break;
+        std::vector<double> next = x;
+        double found = value, step = 1.0;
+        for (; !(found > value) && step > 1.0e-8; step *= 0.5) {
+            for (std::size_t i = 0; i < n; ++i) next[i] = x[i] + step * d[i];
+            found = f(next);
+        }
+        if (!(found > value)) break;
+        const std::vector<double> slope = slopes(f, next);
+        std::vector<double> s(n), y(n);
+        for (std::size_t i = 0; i < n; ++i) {
+            s[i] = next[i] - x[i];
+            y[i] = g[i] - slope[i];
+        }
+        const double sy = oracle::dot(s, y);
+        const std::vector<double> hy = oracle::times(h, y);
+        const double yhy = oracle::dot(y, hy);
+        for (std::size_t i = 0; i < n && sy > 1.0e-12; ++i)
+            for (std::size_t j = 0; j < n; ++j)
+                h[i][j] += (1.0 + yhy / sy) * s[i] * s[j] / sy - (hy[i] * s[j] + s[i] * hy[j]) / sy;
+        x = next;
+        g = slope;
+        value = found;
+    }
+    return value;
+}
+
+// Highest log L over G of full rank and R with zeros where `shape`, a factor with its rows in `order`, has them.
+double dense_maximum(const small_model& m, const std::vector<std::vector<int>>& shape,
+                     const std::vector<std::size_t>& order) {
+    const auto nq = static_cast<std::size_t>(m.nq);
+    const oracle::analysis a = m.dense();
+    const std::vector<std::vector<int>> full(nq, std::vector<int>(nq, 1));
+    std::vector<std::size_t> natural;
+    std::vector<double> start;
+    for (std::size_t i = 0; i < nq; ++i) {
+        natural.push_back(i);
+        for (std::size_t j = 0; j <= i; ++j) start.push_back(0.0);
+    }
+    for (std::size_t i = 0; i < nq; ++i)
+        for (std::size_t j = 0; j <= i; ++j)
+            if (shape[i][j]) start.push_back(0.0);
+    return highest(
+        [&](const std::vector<double>& x) {
+            std::size_t k = 0;
+            oracle::point at;
+            at.g = {from_factor(x, k, full, natural)};
+            at.r = {from_factor(x, k, shape, order)};
+            return oracle::evaluate(a, oracle::variance(a, at)).logl;
+        },
+        start);
+}
+
+void expect_one_answer(const small_model& m, double want) {
+    const std::vector<std::vector<std::string>> plans{{},           {"--aireml200"}, {"--pxai4,100"}, {"--emai4,100"},
+                                                      {"--emalg"},  {"--pxem"},      {"--powell"},    {"--sure"},
+                                                      {"--forchol"}};
+    for (const auto& plan : plans) {
+        SCOPED_TRACE(plan.empty() ? "default" : plan[0]);
+        const maximum got = run(m, plan);
+        EXPECT_NEAR(got.logl, want, 1.0e-3);
+        EXPECT_EQ(verdict.last.kind, search_end::maximum) << verdict_line(verdict.last);
+        const std::vector<double> r = best_covariances(0), g = best_covariances(1);
+        for (int i = 1; i <= m.nq; ++i) {
+            EXPECT_GT(r[static_cast<std::size_t>(ihmssf(i, i, m.nq) - 1)], 0.0);
+            EXPECT_GT(g[static_cast<std::size_t>((m.random[0].diagonal ? i : ihmssf(i, i, m.nq)) - 1)], 0.0);
+        }
+        for (std::size_t k = 0; k < r.size(); ++k)
+            EXPECT_EQ(r[k] == 0.0, residualvars.fixres(static_cast<int>(k) + 1) != 0);
+    }
+}
+
+TEST_F(maximisers_test, one_answer_for_traits_never_recorded_together) {
+    small_model m = families(2);
+    for (auto& r : m.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
+    expect_one_answer(m, dense_maximum(m, {{1, 0}, {0, 1}}, {0, 1}));
+}
+
+// Traits two and three, each of them recorded with the first.
+TEST_F(maximisers_test, one_answer_for_one_covariance_held_at_zero) {
+    small_model m = families(3, 90, 0.0);
+    m.residual = {1.5, 0.3, 0.3, 1.5, 0.0, 1.5};
+    expect_one_answer(m, dense_maximum(m, {{1, 0, 0}, {0, 1, 0}, {1, 1, 1}}, {1, 2, 0}));
+}
+
+TEST_F(maximisers_test, one_answer_for_a_chain_of_zeros) {
+    small_model m = families(3, 90, 0.0);
+    m.residual = {1.5, 0.0, 0.3, 1.5, 0.0, 1.5};
+    expect_one_answer(m, dense_maximum(m, {{1, 0, 0}, {0, 1, 0}, {1, 0, 1}}, {0, 1, 2}));
+}
+
+// With some records missing the maximum lies at the border, where a residual or genetic matrix is singular.
+TEST_F(maximisers_test, one_answer_at_the_border_beside_zeros) {
+    small_model m = families(3, 60);
+    m.residual = {1.5, 0.3, 0.3, 1.5, 0.0, 1.5};
+    const double want = dense_maximum(m, {{1, 0, 0}, {0, 1, 0}, {1, 1, 1}}, {1, 2, 0});
+    for (const char* plan : {"--aireml300", "--pxai4,300", "--sure"}) {
+        SCOPED_TRACE(plan);
+        expect_same(run(m, {plan}), {want, 0, {}});
+        EXPECT_EQ(verdict.last.kind, search_end::border) << verdict_line(verdict.last);
+    }
+}
+
+// No order of pivots keeps zeros around a ring: these are searched as covariances.
+TEST_F(maximisers_test, one_answer_for_a_ring_of_zeros) {
+    small_model m = families(4, 120, 0.0);
+    m.random[0] = {"animal", "NRM", 4, 0, {0.8, 0.8, 0.8, 0.8}, true};
+    std::mt19937 rng(5);
+    std::normal_distribution<double> normal;
+    for (auto& r : m.rows)
+        for (double& y : r.y) y += 1.5 * normal(rng);
+    m.residual = {1.5, 0.2, 0.0, 0.2, 1.5, 0.2, 0.0, 1.5, 0.2, 1.5};
+    const maximum ai = run(m, {"--aireml200"});
+    ASSERT_EQ(estimates.paraform(0), par_scale::original);
+    expect_one_answer(m, ai.logl);
 }
 
 } // namespace

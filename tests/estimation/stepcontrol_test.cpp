@@ -219,6 +219,8 @@ TEST_F(step_test, covariance_held_at_zero_stays_so_where_the_step_is_controlled)
     m.principal = false;
     for (auto& r : m.rows) r.y[r.animal % 2 ? 1 : 2] = -999.0;
     start(m);
+    options.emalgorithm = true; // parameters are the covariances
+    covs2parvec();
     ASSERT_EQ(estimates.paraform(0), par_scale::original);
     maximise.modify_chol = 0;
     std::vector<double> unit(78, 0.0), g(12, 0.0);

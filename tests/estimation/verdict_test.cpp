@@ -122,6 +122,78 @@ TEST_F(verdict_test, elements_held_at_zero_do_not_count) {
     EXPECT_EQ(judge(p).kind, search_end::not_maximum);
 }
 
+// Three traits of which the first and the third have a covariance of 0. On the border the second variance is that which
+// the others leave, c^2/a + d^2/b: the gain of the quadratic model along it is a function of four free elements.
+struct beside_zero {
+    static constexpr double a = 1.0, b = 1.0, c = 0.6, d = 0.8;
+    std::vector<double> gradient; // (11) (12) (13) (22) (23) (33)
+    double information = 3.0;     // of each element, none between them
+    double gain(const std::vector<double>& x) const {
+        const double aa = a + x[0], bb = b + x[1], cc = c + x[2], dd = d + x[3];
+        const double change[] = {x[0], x[2], cc * cc / aa + dd * dd / bb - (c * c / a + d * d / b), x[3], x[1]};
+        const double g[] = {gradient[0], gradient[1], gradient[3], gradient[4], gradient[5]};
+        double s = 0.0;
+        for (int k = 0; k < 5; ++k) s += change[k] * (g[k] - 0.5 * information * change[k]);
+        return s;
+    }
+    // By coordinates in turn, each by a parabola.
+    double most() const {
+        std::vector<double> x(4, 0.0);
+        for (int round = 0; round < 400; ++round)
+            for (double& one : x) {
+                const double h = 1.0e-4, f = gain(x);
+                one += h;
+                const double up = gain(x);
+                one -= 2.0 * h;
+                const double down = gain(x);
+                one += h - 0.5 * h * (up - down) / (up - 2.0 * f + down);
+            }
+        return gain(x);
+    }
+    judged_point point() const {
+        judged_point p;
+        p.blocks = {{"residual", {"x", "y", "z"}, 1, false, {a, c, 0.0, c * c / a + d * d / b, d, b}, {}, {}}};
+        p.blocks[0].scale = {1.0, 1.0, 1.0};
+        p.blocks[0].fixed = {0, 0, 1, 0, 0, 0};
+        p.gradient = gradient;
+        p.information.assign(21, 0.0);
+        for (int i = 0, k = 0; i < 6; ++i)
+            for (int j = i; j < 6; ++j, ++k)
+                if (i == j) p.information[static_cast<std::size_t>(k)] = information;
+        return p;
+    }
+};
+
+TEST_F(verdict_test, matrix_with_a_zero_has_a_border_of_its_own) {
+    beside_zero z;
+    // Across the border: v v' with v = (c, -1, d), the eigenvector of the vanished eigenvalue, by element.
+    const double k = 0.5, c = z.c, d = z.d;
+    z.gradient = {-k * c * c, 2.0 * k * c, 0.7, -k, 2.0 * k * d, -k * d * d};
+    auto v = judge(z.point());
+    EXPECT_EQ(v.kind, search_end::border);
+    EXPECT_LT(v.promised, 1.0e-10);
+    EXPECT_TRUE(says(v.border, "eigenvalue 3 of 3 of residual"));
+    EXPECT_EQ(v.void_errors.size(), 5u);
+    for (double& x : z.gradient) x = -x; // inwards
+    v = judge(z.point());
+    EXPECT_EQ(v.kind, search_end::not_maximum);
+    ASSERT_FALSE(v.lifts.empty());
+    double rises = 0.0;
+    for (const auto& step : v.lifts[0]) rises += step.change * z.gradient[static_cast<std::size_t>(step.par - 1)];
+    EXPECT_GT(rises, 0.0);
+}
+
+TEST_F(verdict_test, gain_along_the_border_beside_a_zero_is_that_of_the_free_elements) {
+    beside_zero z;
+    const double k = 0.5, c = z.c, d = z.d;
+    z.gradient = {-k * c * c + 0.02, 2.0 * k * c - 0.01, 0.7, -k, 2.0 * k * d + 0.03, -k * d * d};
+    const double want = z.most();
+    ASSERT_GT(want, 5.0e-5);
+    EXPECT_NEAR(judge(z.point()).promised, want, 0.03 * want); // the border is curved
+    z.gradient[4] += 0.3;
+    EXPECT_EQ(judge(z.point()).kind, search_end::not_maximum);
+}
+
 // Newton's step of a variance of 0.02 is -1, and would gain 0.5; there are 0.02 to go.
 TEST_F(verdict_test, promise_ends_where_the_variance_vanishes) {
     judged_point p;

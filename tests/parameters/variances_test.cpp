@@ -1,5 +1,6 @@
 #include "estimation/covs2parvec.h"
 #include "parameters/variances.h"
+#include "parameters/zeropattern.h"
 
 #include "control/filenames.h"
 #include "control/numbers.h"
@@ -192,21 +193,69 @@ TEST_F(variances_test, traits_never_together_have_no_residual_covariance) {
     EXPECT_EQ(estimates.parvec(2), 0.0);
 }
 
-TEST_F(variances_test, zero_pattern_that_no_factor_keeps_goes_to_covariances) {
+// Traits 2 and 3 never meet, each of them meets trait 1: a factor that begins with trait 2 or 3 keeps the zero.
+TEST_F(variances_test, zero_pattern_is_kept_by_the_order_of_pivots) {
     small_model m = components(3);
     m.principal = false;
-    for (auto& r : m.rows) { // traits 2 and 3 never meet, each of them meets trait 1
+    for (auto& r : m.rows) {
         r.y = {r.y[0] == -999.0 ? 11.0 : r.y[0], 20.0 + r.animal % 3, 30.0 + r.animal % 5};
         r.y[r.animal % 2 ? 1 : 2] = -999.0;
     }
     set_up(m, {"--aireml"});
+    EXPECT_EQ(estimates.paraform(0), par_scale::variance);
+    EXPECT_EQ(residualvars.fixres(5), 1);
+    EXPECT_EQ(estimates.cholorder(1, 0), 2); // 2.1, 1.9, 1.5: the largest of those that may begin
+    expect_covs(0, {2.1, 0.4, 0.1, 1.9, 0.0, 1.5});
+    std::mt19937 rng(7);
+    std::normal_distribution<double> normal;
+    for (int k = 0; k < 20; ++k) { // nor can a step leave the space, or the zero
+        array<double> p = estimates.parvec;
+        for (int i = 1; i <= 6; ++i)
+            if (estimates.ispar(i)) p(i) += normal(rng);
+        const array<double> cc = covariances_at(p, 0).cc;
+        EXPECT_EQ(cc(5), 0.0);
+        EXPECT_GT(cc(1), 0.0);
+        EXPECT_GT(cc(1) * cc(4) - cc(2) * cc(2), 0.0);
+        EXPECT_GT(cc(1) * cc(4) * cc(6) - cc(6) * cc(2) * cc(2) - cc(4) * cc(3) * cc(3), 0.0);
+        EXPECT_NEAR(program_logl(p), dense_logl(m, p), 1.0e-7 * std::fabs(program_logl(p)));
+    }
+}
+
+// Zeros around a ring of four: whatever pivot begins, its neighbours have a covariance of 0.
+small_model ring() {
+    small_model m = animal_model(4, {1.3, 0.5, 0.2, 0.1, 1.8, 0.3, 0.2, 1.1, 0.2, 1.2},
+                                 {2.1, 0.4, 0.0, 0.3, 1.9, 0.3, 0.0, 1.5, 0.2, 1.7});
+    return m;
+}
+
+TEST_F(variances_test, zero_pattern_that_no_factor_keeps_goes_to_covariances) {
+    const small_model m = ring();
+    set_up(m, {"--aireml"});
     EXPECT_EQ(estimates.paraform(0), par_scale::original);
     EXPECT_EQ(estimates.paraform(1), par_scale::variance);
-    EXPECT_EQ(residualvars.fixres(5), 1);
-    EXPECT_EQ(estimates.ispar(5), 0);
+    EXPECT_EQ(residualvars.fixres(3), 1); // 1 and 3
+    EXPECT_EQ(residualvars.fixres(7), 1); // 2 and 4
+    EXPECT_EQ(estimates.ispar(3), 0);
     EXPECT_EQ(estimates.ispar(4), 1);
-    EXPECT_EQ(estimates.parvec(5), 0.0);
+    EXPECT_EQ(estimates.parvec(3), 0.0);
     EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(m, estimates.parvec), 1.0e-7);
+}
+
+TEST_F(variances_test, orders_of_pivots_exist_for_chordal_patterns_only) {
+    const auto pattern = [](int n, const std::vector<std::pair<int, int>>& zeros) {
+        zero_pattern z{n, std::vector<char>(static_cast<std::size_t>(n) * static_cast<std::size_t>(n), 0)};
+        for (const auto& [i, j] : zeros)
+            z.zero[static_cast<std::size_t>((i - 1) * n + j - 1)] =
+                z.zero[static_cast<std::size_t>((j - 1) * n + i - 1)] = 1;
+        return z;
+    };
+    EXPECT_TRUE(order_exists(pattern(3, {})));
+    EXPECT_TRUE(order_exists(pattern(3, {{1, 2}, {1, 3}, {2, 3}})));
+    EXPECT_TRUE(order_exists(pattern(4, {{1, 3}, {1, 4}, {2, 4}})));                  // a chain
+    EXPECT_FALSE(order_exists(pattern(4, {{1, 3}, {2, 4}})));                         // a ring of four
+    EXPECT_FALSE(order_exists(pattern(5, {{1, 3}, {1, 4}, {2, 4}, {2, 5}, {3, 5}}))); // of five
+    EXPECT_FALSE(order_exists(pattern(5, {{1, 4}, {2, 4}, {2, 5}, {3, 5}})));         // with one chord, four are left
+    EXPECT_TRUE(order_exists(pattern(5, {{2, 4}, {2, 5}, {3, 5}})));
 }
 
 TEST_F(variances_test, rebuild_may_change_the_pivot_order) {

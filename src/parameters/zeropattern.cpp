@@ -1,0 +1,48 @@
+#include "parameters/zeropattern.h"
+
+#include "dense/numroutines.h"
+#include "parameters/residualvars.h"
+#include "parfile/model.h"
+
+#include <utility>
+
+namespace tarvex {
+
+bool residual_held(int step, int i, int j) {
+    const int n = model.kkfit(0), k = (step - 1) * (n * (n + 1) / 2) + packed_place(i, j, n);
+    return !model.diagonal(0) && k <= residualvars.fixres.upper() && residualvars.fixres(k) != 0;
+}
+
+zero_pattern residual_zeros(int step) {
+    zero_pattern z;
+    z.n = model.kkfit(0);
+    for (int i = 1; i <= z.n; ++i)
+        for (int j = 1; j <= z.n; ++j) z.zero.push_back(i != j && residual_held(step, i, j));
+    return z;
+}
+
+bool may_be_pivot(const zero_pattern& zeros, const array<int>& order, int c, int p) {
+    const int row = order(p);
+    for (int i = c; i <= zeros.n; ++i)
+        for (int j = i + 1; j <= zeros.n; ++j)
+            if (i != p && j != p && zeros.held(order(i), order(j)) && !zeros.held(row, order(i)) &&
+                !zeros.held(row, order(j)))
+                return false;
+    return true;
+}
+
+// Any row that may be the next pivot may be taken: what is left of a chordal graph is chordal.
+bool order_exists(const zero_pattern& zeros) {
+    array<int> order;
+    order.allocate(zeros.n);
+    for (int i = 1; i <= zeros.n; ++i) order(i) = i;
+    for (int c = 1; c <= zeros.n; ++c) {
+        int p = c;
+        while (p <= zeros.n && !may_be_pivot(zeros, order, c, p)) ++p;
+        if (p > zeros.n) return false;
+        std::swap(order(c), order(p));
+    }
+    return true;
+}
+
+} // namespace tarvex
