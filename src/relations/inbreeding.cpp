@@ -24,7 +24,7 @@ namespace tarvex {
 
 namespace {
 
-constexpr std::int64_t few_steps = 1 << 24; // sweeps by sires take no time to speak of
+constexpr std::int64_t few_steps = 3 << 23; // sweeps by sires take no time to speak of
 constexpr int most_sires = 8;               // swept together
 constexpr int most_waiting = 2048;          // sires that are sorted into groups of relatives
 

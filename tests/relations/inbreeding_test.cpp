@@ -2,6 +2,7 @@
 #include "relations/inbreeding.h"
 
 #include "relations/inbreeding_cuts.h"
+#include "relations/sweep_order.h"
 #include "support/pedigree_model.h"
 
 namespace tarvex {
@@ -107,6 +108,82 @@ TEST(inbreeding, stretches_that_end_anywhere_equal_the_tabular_method) {
             }
             EXPECT_GT(inbred, 1.0);
         }
+    }
+}
+
+// Relationships of few generations are dyadic fractions, which neither sums nor products round.
+TEST(inbreeding, coefficients_of_few_generations_are_exact) {
+    const family_book book = generations(8, 60, 30, 21);
+    const dense a = tabular(book.sire, book.dam);
+    for (const int cut : {60, 150, 240, 300, 471}) {
+        const std::vector<double> f = inbreeding_by_cuts(book.sire, book.dam, {cut, 480});
+        for (std::size_t i = 0; i < f.size(); ++i) ASSERT_EQ(f[i], a[i][i] - 1.0) << cut << " " << i + 1;
+    }
+}
+
+// Too many generations for fractions of 32 bits; so many relatives that whole runs are touched.
+TEST(inbreeding, stretches_of_deep_pedigrees_equal_the_tabular_method) {
+    for (const int size : {6, 14, 33}) {
+        const family_book book = generations(30, size, size / 2, 3);
+        const int n = static_cast<int>(book.sire.size());
+        const dense a = tabular(book.sire, book.dam);
+        std::vector<int> last;
+        for (int at = 5 * size + 2; at < n; at += 4 * size + 1) last.push_back(at);
+        last.push_back(n);
+        const std::vector<double> f = inbreeding_by_cuts(book.sire, book.dam, last);
+        for (std::size_t i = 0; i < f.size(); ++i) ASSERT_NEAR(f[i], a[i][i] - 1.0, 1e-13) << size << " " << i + 1;
+    }
+}
+
+// Parents of any age and both sexes in one, unknown ones, matings of parent and offspring and with itself.
+TEST(inbreeding, stretches_of_overlapping_generations_equal_the_tabular_method) {
+    for (unsigned seed = 1; seed <= 30; ++seed) {
+        std::mt19937 rng(seed);
+        const auto draw = [&](int to) { return static_cast<int>(rng() % static_cast<unsigned>(to)); };
+        const int back = seed % 3 == 0 ? 250 : 15 + 10 * static_cast<int>(seed);
+        std::vector<int> sire, dam, last;
+        for (int i = 1; i <= 250; ++i) {
+            const auto parent = [&] { return draw(12) == 0 || i == 1 ? 0 : i - 1 - draw(std::min(i - 1, back)); };
+            sire.push_back(parent());
+            dam.push_back(draw(25) == 0 ? sire.back() : parent());
+        }
+        for (int at = 1 + draw(90); at < 250; at += 20 + draw(60)) last.push_back(at);
+        last.push_back(250);
+        const dense a = tabular(sire, dam);
+        const std::vector<double> f = inbreeding_by_cuts(sire, dam, last);
+        for (std::size_t i = 0; i < f.size(); ++i) ASSERT_NEAR(f[i], a[i][i] - 1.0, 1e-13) << seed << " " << i + 1;
+    }
+}
+
+// Nobody stands before a parent or in one run with it, and no column is given on before the run of the last offspring
+// is over.
+TEST(inbreeding, places_and_slots_of_a_stretch) {
+    const family_book book = generations(7, 40, 20, 8);
+    const int n = static_cast<int>(book.sire.size());
+    for (const int first : {1, 90, 161, 200}) {
+        const sweep_order o = order_stretch(book.sire, book.dam, first, n);
+        std::vector<int> holder(static_cast<std::size_t>(o.slots) + 1), border;
+        int used = 0;
+        for (std::size_t r = 0; r + 1 < o.run.size(); ++r) {
+            for (int k = o.run[r]; k < o.run[r + 1]; ++k) {
+                const swept& x = o.at[k];
+                EXPECT_EQ(o.place[o.animal[k]], k);
+                EXPECT_EQ(r >= o.young, o.animal[k] >= first);
+                for (const auto& [p, slot] : {std::pair{x.sire, x.sire_slot}, std::pair{x.dam, x.dam_slot}}) {
+                    EXPECT_LT(p, o.run[r]);
+                    EXPECT_EQ(p > 0 ? holder[slot] : 0, p);
+                    if (r >= o.young && p > 0 && o.animal[p] < first) border.push_back(p);
+                }
+                EXPECT_EQ(x.sire, o.place[book.sire[o.animal[k] - 1]]);
+                EXPECT_EQ(x.dam, o.place[book.dam[o.animal[k] - 1]]);
+            }
+            for (int k = o.run[r]; k < o.run[r + 1]; ++k)
+                if (o.at[k].slot > 0) holder[o.at[k].slot] = k, ++used;
+        }
+        std::sort(border.begin(), border.end());
+        border.erase(std::unique(border.begin(), border.end()), border.end());
+        EXPECT_EQ(o.border, border);
+        EXPECT_GT(used, o.slots) << "slots are given on";
     }
 }
 

@@ -1,0 +1,20 @@
+// The part of the inbreeding coefficients of a stretch of the pedigree that comes in through its border.
+#pragma once
+#include "relations/sweep_order.h"
+
+#include <vector>
+
+namespace tarvex {
+
+constexpr int wide_panel = 16, narrow_panel = 8; // border animals swept together
+// Relationships are dyadic fractions: those of animals x and y, whose longest lines of ancestors have l(x) and l(y)
+// generations, are multiples of 2 to the power of -(l(x)+l(y)). Up to this sum they are exact in 32 bits.
+constexpr int most_levels = 30;
+
+// Adds to F of the animals of the stretch half of the sum over border animals y of a(dam,y) t(sire,y).
+//   d       Mendelian sampling variances by animal from [1], of all animals older than the stretch
+//   levels  longest line of ancestors in the stretch plus the longest one in its border
+//   f       by animal, from [0]
+void add_through_border(const sweep_order& o, const std::vector<double>& d, int levels, std::vector<double>& f);
+
+} // namespace tarvex
