@@ -85,19 +85,6 @@ bool prepare(int iter, double& xold) {
     return true;
 }
 
-enum class outcome { accepted, rescale, stuck, failed };
-
-// What becomes of the step in parnew: accepted, perhaps after a search along it; no gain, and a block has to change its
-// scale first; no gain; or the search failed.
-outcome judge_step(double xold, double& xnew) {
-    if (xnew > xold || (!options.strict_ai && xnew > invalid_logl)) return outcome::accepted;
-    bool fail = false;
-    line_search(xold, xnew, fail);
-    if (fail) return outcome::failed;
-    if (!(xold > xnew)) return outcome::accepted;
-    return any_switch() ? outcome::rescale : outcome::stuck;
-}
-
 // Change in log L that counts: where steps may lose, that from the best point before the step, not from the last one.
 double change_that_counts(double xold, double xnew, double best) {
     return xnew - (options.strict_ai ? xold : std::max(xold, best));
@@ -133,6 +120,15 @@ void close_phase(int iter, int nits, bool search_failed) {
 
 } // namespace
 
+step_outcome judge_step(double xold, double& xnew) {
+    if (xnew > xold || (!options.strict_ai && xnew > invalid_logl)) return step_outcome::accepted;
+    bool fail = false;
+    line_search(xold, xnew, fail);
+    if (fail) return step_outcome::failed;
+    if (!(xold > xnew)) return step_outcome::accepted;
+    return any_switch() ? step_outcome::rescale : step_outcome::stuck;
+}
+
 void ai_reml(int nits, int& iround, double& xlike) {
     set_linesearch();
     auto& t = aireml_terms;
@@ -158,10 +154,10 @@ void ai_reml(int nits, int& iround, double& xlike) {
         const double best = bestpoint.xbest; // the trial may become it
         eztimates(iter, xnew);
         t.prox = 0.5 * t.slope;
-        const outcome step = judge_step(xold, xnew);
-        if (step == outcome::rescale) continue;
-        fail = step == outcome::failed;
-        if (step != outcome::accepted) break;
+        const step_outcome step = judge_step(xold, xnew);
+        if (step == step_outcome::rescale) continue;
+        fail = step == step_outcome::failed;
+        if (step != step_outcome::accepted) break;
         take_step(iround, xold, xnew, best);
         xlike = xnew;
         if (maximise.converged) break;

@@ -26,6 +26,12 @@ inline aireml_terms_module aireml_terms;
 // Leaves parvec at the best point, maximise.converged and cchanges, AvInfoParms and AvInfoCovs of the last iterate.
 void ai_reml(int nits, int& iround, double& xlike);
 
+// What becomes of the trial in search_state.parnew, whose log L is xnew, after one of xold: accepted, perhaps after a
+// search along the step, which leaves another xnew; no gain, and a block has to change its scale first (its mark in
+// estimates.switchlog); no gain; or the search failed.
+enum class step_outcome { accepted, rescale, stuck, failed };
+step_outcome judge_step(double xold, double& xnew);
+
 // Pivoted rank check of derivs.der2: parameters without information that are exactly 0 are held out. Fills fixpar,
 // nparm2, subset.
 void rank_check();

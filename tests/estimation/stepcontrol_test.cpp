@@ -368,6 +368,40 @@ TEST_F(step_test, search_shortens_the_step_until_the_point_is_valid) {
     EXPECT_LT(aireml_terms.alpha, 0.81);
 }
 
+// log L is the same for a diagonal and its negative: a search that was told a slope to the wrong side lands there, a
+// little lower. Blocks with a small diagonal then go over to logarithms before the run gives up.
+TEST_F(step_test, step_without_a_gain_asks_for_another_scale_first) {
+    start(families(1));
+    quadratic({5.0, 1.0, 3.0}, {0.14, 0.14}); // for the subset
+    derivs.dvec.allocate(2);
+    options.strict_ai = true;
+    const double small = 0.2;
+    estimates.parvec(2) = small;
+    for (const bool logs : {true, false}) {
+        options.nologd = !logs;
+        estimates.switchlog.fill(0);
+        xold = program_logl(estimates.parvec, 1);
+        trial({0.0, -20.0 * small * (1.0 - 1.0e-7)});
+        ASSERT_LT(xnew, xold) << "the trial gains";
+        aireml_terms.slope = 1.0; // a tenth of the step comes next, and nearly no loss will do
+        EXPECT_EQ(judge_step(xold, xnew), logs ? step_outcome::rescale : step_outcome::stuck);
+        EXPECT_NEAR(search_state.parnew(2), -small, 1.0e-6);
+        EXPECT_LT(xnew, xold);
+        EXPECT_NEAR(xnew, xold, 1.0e-5);
+    }
+}
+
+TEST_F(step_test, step_that_gains_is_taken_and_one_that_loses_where_this_is_allowed) {
+    start(families(1));
+    options.strict_ai = true;
+    xnew = xold + 1.0;
+    EXPECT_EQ(judge_step(xold, xnew), step_outcome::accepted);
+    options.strict_ai = false;
+    xnew = xold - 1.0;
+    EXPECT_EQ(judge_step(xold, xnew), step_outcome::accepted);
+    EXPECT_EQ(xnew, xold - 1.0);
+}
+
 TEST_F(step_test, search_without_a_step_fails_at_once) {
     start(families(1));
     real_derivatives();
