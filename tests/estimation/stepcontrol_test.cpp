@@ -257,6 +257,24 @@ TEST_F(step_test, search_brings_back_a_long_step) {
         EXPECT_NEAR(search_state.parnew(i), estimates.parvec(i) + aireml_terms.alpha * derivs.dvec(i), 1.0e-12);
 }
 
+TEST_F(step_test, search_cuts_a_step_of_no_sense_to_its_largest_length) {
+    start(families(1));
+    real_derivatives();
+    derivs.dvec.allocate(2);
+    trial({3000.0, 4000.0});
+    ASSERT_LT(xnew, xold);
+    aireml_terms.slope = -1.0;
+    bool fail = false;
+    line_search(xold, xnew, fail);
+    double norm = 0.0;
+    for (double p : estimates.parvec) norm += p * p;
+    const double longest = std::max(900.0 * std::sqrt(norm), 1000.0);
+    EXPECT_NEAR(derivs.dvec(1), 0.6 * longest, 1.0e-9);
+    EXPECT_NEAR(derivs.dvec(2), 0.8 * longest, 1.0e-9);
+    for (int i = 1; i <= 2; ++i)
+        EXPECT_NEAR(search_state.parnew(i), estimates.parvec(i) + aireml_terms.alpha * derivs.dvec(i), 1.0e-9);
+}
+
 // The lengths of the search by hand: the first from a parabola, later ones from a cubic through the last two values,
 // each within a tenth and a half of the one before, until a ten-thousandth of the promised gain is won.
 struct searched {

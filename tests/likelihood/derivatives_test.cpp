@@ -12,6 +12,7 @@
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
 #include "likelihood/subjectchunks.h"
+#include "likelihood/subjects.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "support/em_fixture.h"
@@ -154,19 +155,43 @@ TEST_F(derivatives_test, one_trait_on_both_scales) {
     expect_derivatives(m);
 }
 
-TEST_F(derivatives_test, repeated_records_row_by_row) {
-    small_model m = traits(1, {1.3}, {2.1}, 6);
+// Many records a subject with levels of their own: its matrix is formed record by record.
+small_model many_records(double residual) {
+    small_model m = traits(1, {1.3}, {residual}, 14);
+    std::erase_if(m.rows, [](const small_row& r) { return r.animal > 9; });
+    for (int k = 0; small_row & r : m.rows) {
+        r.herd = 1 + k % 14;
+        r.dam = ++k;
+    }
     m.random.push_back({"pe", "IDE", 1, 0, {0.8}});
+    m.random.push_back({"dam", "IDE", 1, 0, {0.6}});
     m.covariable = true;
+    return m;
+}
+
+int parts_of_the_first_subject() {
+    subject_stream stream;
+    EXPECT_TRUE(stream.next());
+    part_splitter parts(stream);
+    design_part part;
+    int n = 0;
+    for (parts.start(); parts.next(part);) ++n;
+    return n;
+}
+
+TEST_F(derivatives_test, repeated_records_row_by_row) {
+    const small_model m = many_records(2.1);
     set_up(m);
+    program_logl(estimates.parvec, 1);
+    EXPECT_EQ(parts_of_the_first_subject(), 14);
+    const double want = dense_logl(m, estimates.parvec);
+    EXPECT_NEAR(program_logl(estimates.parvec), want, 1.0e-8 * std::fabs(want));
     expect_derivatives(m);
 }
 
 // Residual variances below 1e-5 have an inverse held in full; every record must still get its own element.
 TEST_F(derivatives_test, repeated_records_row_by_row_with_a_tiny_residual) {
-    small_model m = traits(1, {1.3}, {4.0e-6}, 6);
-    m.random.push_back({"pe", "IDE", 1, 0, {0.8}});
-    m.covariable = true;
+    const small_model m = many_records(4.0e-6);
     set_up(m);
     const double x = program_logl(estimates.parvec), want = dense_logl(m, estimates.parvec);
     EXPECT_NEAR(x, want, 1.0e-8 * std::fabs(want));
