@@ -128,7 +128,6 @@ void cycle_of_em_and_ai(int& iround, double& xlike) {
         }
         em_algorithm(maximise.pxem_its, iround, xlike, maximise.ncycle == 1 ? 2.0 : 0.0);
         if (maximise.converged) return;
-        search_state.handed_over = true;
         search_state.method.pxem = false;
         for (bool more = true; more;) {
             more = false;

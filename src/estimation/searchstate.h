@@ -16,7 +16,6 @@ struct search_method {
 
 struct search_state_module {
     search_method method;
-    bool handed_over = false;              // a method has handed over to the next through BestPoint
     array<double> parnew;                  // (nparm) point on trial
     invalid_point why = invalid_point::no; // the last evaluation has no log L
     bool saverr_ready = false;             // the average information belongs to the final point

@@ -69,7 +69,7 @@ json run_part(run_kind kind) {
             {"random_regression", options.randreg},
             {"reduced_rank", options.principal},
             {"sire_model", options.siremodel},
-            {"continued", options.continew || search_state.handed_over}};
+            {"continued", options.continew}};
 }
 
 json likelihood_part(run_kind kind) {

@@ -128,6 +128,12 @@ TEST_F(results_json, iterates_are_those_on_the_screen_and_the_end_is_told) {
     EXPECT_GT(d["end"]["half_decrement"].number, 1e-3);
 }
 
+// A plan of two methods hands over through the stored point, and is one run for all that.
+TEST_F(results_json, run_is_continued_where_the_option_says_so) {
+    EXPECT_FALSE(results("--pxai2,100 --json")["run"]["continued"].number != 0.0);
+    EXPECT_TRUE(results("-c --json")["run"]["continued"].number != 0.0);
+}
+
 TEST_F(results_json, solutions_are_those_of_the_reports) {
     finish("--aireml100");
     const json d = results("-c --blup --json");

