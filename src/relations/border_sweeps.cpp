@@ -8,7 +8,12 @@
 #include <algorithm>
 #include <bit>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <span>
+#include <sys/mman.h>
 #include <type_traits>
 
 namespace tarvex {
@@ -61,8 +66,8 @@ template <class T> struct panel {
     static constexpr int width = cells<T>::width;
     const sweep_order& o;
     std::vector<T> d;                   // by place
-    std::vector<line<T>> up, a, t;      // by slot: T'e(y), relationships, shares; `up` is zero between sweeps
-    std::vector<line<T>> scaled;        // D T'e(y) of animals touched, in the order of the sweep up
+    std::span<line<T>> up, a, t;        // by slot: T'e(y), relationships, shares; `up` is zero between sweeps
+    std::span<line<T>> scaled;          // D T'e(y) of animals touched, in the order of the sweep up
     std::vector<unsigned char> hit;     // by place: to be visited
     std::vector<unsigned char> sharing; // by place: t is not zero
     std::vector<int> touched;           // places touched in runs where not all are
@@ -86,6 +91,25 @@ template <class Visit> void each_hit(std::vector<unsigned char>& hit, int from, 
             visit(place);
         }
     }
+}
+
+struct free_memory {
+    void operator()(void* p) const { std::free(p); }
+};
+
+// Memory for lines that are read here and there: large pages where the system has them.
+template <class T>
+std::unique_ptr<line<T>[], free_memory> make_lines(std::size_t count) {
+    constexpr std::size_t page = std::size_t{1} << 21;
+    const std::size_t bytes = (count * sizeof(line<T>) + page - 1) / page * page;
+    void* p = std::aligned_alloc(page, bytes);
+    if (p == nullptr) throw std::bad_alloc();
+#ifdef MADV_HUGEPAGE
+    madvise(p, bytes, MADV_HUGEPAGE); // advice only
+#endif
+    auto* lines = static_cast<line<T>*>(p);
+    std::uninitialized_value_construct_n(lines, count);
+    return std::unique_ptr<line<T>[], free_memory>(lines);
 }
 
 int count_hits(const std::vector<unsigned char>& hit, int from, int to) {
@@ -241,8 +265,12 @@ template <class T> void sweep_panels(const sweep_order& o, const std::vector<dou
     panel<T> w{o, std::vector<T>(places), {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, 0, std::vector<double>(places)};
     for (int k = 1; k < o.run[o.young]; ++k)
         w.d[k] = static_cast<T>(d[o.animal[k]] * static_cast<double>(cells<T>::one));
-    for (auto* v : {&w.up, &w.a, &w.t}) v->assign(slots, {});
-    w.scaled.resize(static_cast<std::size_t>(o.run[o.young]));
+    const std::size_t older = static_cast<std::size_t>(o.run[o.young]);
+    const auto lines = make_lines<T>(3 * slots + older);
+    w.up = {lines.get(), slots};
+    w.a = {lines.get() + slots, slots};
+    w.t = {lines.get() + 2 * slots, slots};
+    w.scaled = {lines.get() + 3 * slots, older};
     w.hit.resize(places + 8);
     w.sharing.resize(places);
     w.runs.resize(o.young);
