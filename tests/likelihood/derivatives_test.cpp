@@ -156,13 +156,18 @@ TEST_F(derivatives_test, one_trait_on_both_scales) {
 }
 
 // Many records a subject with levels of their own: its matrix is formed record by record.
-small_model many_records(double residual) {
-    small_model m = traits(1, {1.3}, {residual}, 14);
+void own_levels(small_model& m, int repeats) {
     std::erase_if(m.rows, [](const small_row& r) { return r.animal > 9; });
-    for (int k = 0; small_row & r : m.rows) {
-        r.herd = 1 + k % 14;
+    int k = 0;
+    for (small_row& r : m.rows) {
+        r.herd = 1 + k % repeats;
         r.dam = ++k;
     }
+}
+
+small_model many_records(double residual) {
+    small_model m = traits(1, {1.3}, {residual}, 14);
+    own_levels(m, 14);
     m.random.push_back({"pe", "IDE", 1, 0, {0.8}});
     m.random.push_back({"dam", "IDE", 1, 0, {0.6}});
     m.covariable = true;
@@ -186,6 +191,18 @@ TEST_F(derivatives_test, repeated_records_row_by_row) {
     EXPECT_EQ(parts_of_the_first_subject(), 14);
     const double want = dense_logl(m, estimates.parvec);
     EXPECT_NEAR(program_logl(estimates.parvec), want, 1.0e-8 * std::fabs(want));
+    expect_derivatives(m);
+}
+
+TEST_F(derivatives_test, reduced_rank_random_regressions_row_by_row) {
+    small_model m = regressions(true);
+    m.rows.clear();
+    m.make_rows(3, 11, 2, 0.0, 8); // each control value once
+    own_levels(m, 11);
+    m.random.push_back({"dam", "IDE", 1, 1, {0.6}});
+    set_up(m);
+    program_logl(estimates.parvec, 1);
+    EXPECT_EQ(parts_of_the_first_subject(), 11);
     expect_derivatives(m);
 }
 
