@@ -153,10 +153,10 @@ void adjacency1(bool lnew) {
     if (options.details) print_list(screen(), "End ADJACENCY", linked_list.nrczhz);
 }
 
-void adjacency2() {
+bool adjacency2() {
     const int nbase = numbers.nbase;
     auto& list = linked_list;
-    if (adjacency.llxrhs) return;
+    if (adjacency.llxrhs) return false;
     const long long before = list.nrczhz, total = before + nbase;
     if (total > maxelements) tvx_noalloc("IVCOL", total);
     try {
@@ -176,7 +176,7 @@ void adjacency2() {
     adjacency.llxrhs = true;
     tell_growth(before, total, total);
     print_list(screen(), "Elements in MMM - after RHS ", total);
-    write_adjacency();
+    return true;
 }
 
 } // namespace tarvex

@@ -18,9 +18,8 @@ inline adjacency_module adjacency;
 //         show which records of a subject are linked.
 void adjacency1(bool lnew);
 
-// The right-hand side as one more row, linked to all others. The first time the pattern is complete it is written to
-// adjacency.bin.
-void adjacency2();
+// The right-hand side as one more row, linked to all others. False: the pattern was complete before.
+bool adjacency2();
 
 // Reads adjacency.bin if it fits this run.
 bool find_adjacency();

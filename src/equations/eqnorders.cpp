@@ -247,6 +247,11 @@ void need_pattern(trial_state& t) {
     t.pattern = true;
 }
 
+// The right-hand side into the pattern; the first time that this is complete it goes to adjacency.bin.
+void complete_pattern() {
+    if (adjacency2()) write_adjacency();
+}
+
 // Structure of an order of an earlier run: its file, or the pattern once more.
 void take_old(trial_state& t) {
     adopt(t.old);
@@ -257,7 +262,7 @@ void take_old(trial_state& t) {
     t.store = !lfound;
     if (lfound) return;
     need_pattern(t);
-    adjacency2();
+    complete_pattern();
     if (!lay_out()) too_many_subscripts();
 }
 
@@ -313,7 +318,7 @@ bool take_new(trial_state& t) {
     need_pattern(t);
     find_order(t.nofsub);
     t.raced = t.automatic && race(t);
-    adjacency2();
+    complete_pattern();
     set_maps();
     return lay_out();
 }
@@ -360,7 +365,7 @@ void search_settings(trial_state& t) {
         adopt(t.old);
         t.nofsub = t.old.nofsub;
     }
-    adjacency2();
+    complete_pattern();
     set_maps();
     if (!lay_out()) too_many_subscripts();
 }
@@ -430,25 +435,29 @@ void eqnorders() {
     if (options.verbose) print_list(screen(), "END \"eqnorders\" ");
 }
 
-void redo_eqnorders() {
+order_made redo_eqnorders() {
     if (options.verbose) print_list(screen(), "BEGIN \"redo_eqnorders\" ");
     sparse.ixsub.deallocate();
     orders.links = links_sum(false);
     adjacency1(false);
-    int nofsub = 0;
-    find_order(nofsub);
+    order_made made;
+    find_order(made.nofsub);
     adjacency2();
     set_maps();
     if (!lay_out()) too_many_subscripts();
     settle();
-    const double nnops = count_and_tell(no_order);
-    if (nnops > no_order)
-        tell_worse("Previous ordering better - orders file not overwritten", no_order, nnops);
-    else {
-        write_order(nofsub, nnops);
-        write_symfac();
-    }
+    made.operations = tell_operations(no_order);
+    if (made.operations > no_order)
+        tell_worse("Previous ordering better - orders file not overwritten", no_order, made.operations);
     if (options.verbose) print_list(screen(), "END \"redo_eqnorders\" ");
+    return made;
+}
+
+void keep_order(const order_made& made) {
+    append_counts(orders.order_type, orders.metis_opts, sparse.maxlnz, made.operations);
+    if (made.operations > no_order) return;
+    write_order(made.nofsub, made.operations);
+    write_symfac();
 }
 
 } // namespace tarvex

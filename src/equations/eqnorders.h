@@ -8,13 +8,21 @@
 
 namespace tarvex {
 
+// An order as eqnsorder.bin has it: subscripts of its method, and operations of a factorisation.
+struct order_made {
+    int nofsub = 0;
+    double operations = 0.0;
+};
+
 // Chooses the order, lays out the factor, and leaves the maps in `orders`; sets numbers.nbase and numbers.nsrow.
 // Takes over the order and the structure of an earlier run where they fit this one. Otherwise, where no method was
 // named and the order chosen by size takes orders.race_from operations or more, further ones are raced against it.
 void eqnorders();
 // Anew in mid-run, with the covariances in hand (residualvars, randomvars); the numeric store takes the new size. The
-// caller then runs new_eqnnos.
-void redo_eqnorders();
+// caller then runs new_eqnnos. Writes no file: keep_order may do so later.
+order_made redo_eqnorders();
+// Order and structure in hand into eqnsorder.bin and symbfact.bin, for later runs, and a line into OperationCounts.
+void keep_order(const order_made& made);
 
 // Ordering method and METIS settings by the number of equations, unless the user has chosen one (returns true).
 bool choose_method();

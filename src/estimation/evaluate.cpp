@@ -29,6 +29,7 @@ double evaluate_point(array<double>& parvec, int iopt) {
     const double rounding = 1.0e-8 + 1.0e-9 * std::fabs(bestpoint.to_beat); // of a second evaluation of a stored point
     const evaluation e = loglike(parvec, iopt);
     search_state.why = e.why;
+    if (e.reordered) keep_order(*e.reordered);
     if (e.new_factor) log_evaluation(e.xlike);
     if (e.solved && e.xlike > bestpoint.xbest) {
         bestpoint.xbest = e.xlike;

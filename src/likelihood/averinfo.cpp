@@ -521,7 +521,7 @@ void check_average_info() {
 void average_info() {
     const int np = estimates.nparm;
     check_average_info();
-    factor_at_point();
+    need_evaluation("average_info");
     allocate("all zre", derivs.aimat, np * (np + 1) / 2);
     allocate("all zre", derivs.devl2, np * (np + 1) / 2);
     array<double> brx;
@@ -531,6 +531,7 @@ void average_info() {
     substitute(brx);
     subtract_products(brx);
     for (int k = 1; k <= derivs.aimat.upper(); ++k) derivs.devl2(k) = -0.5 * derivs.aimat(k);
+    derivs.information_at = estimates.parvec;
     if (options.print_times) tvxtimes(2, "AI");
 }
 

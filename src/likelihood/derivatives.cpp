@@ -157,7 +157,7 @@ factor_place factor_element(int irand, int step, int k) {
 void derivatives_mmm() {
     const int nparm = estimates.nparm;
     check_repeat_block();
-    factor_at_point();
+    need_evaluation("derivatives_mmm");
     allocate("all devl1", derivs.devc, nparm);
     allocate("all devl1", derivs.devl1, nparm);
     autodiff_in_place();
@@ -168,6 +168,7 @@ void derivatives_mmm() {
     if (options.print_times) tvxtimes(2, "1st - residuals");
     for (int irand = 1; irand <= numbers.krand; ++irand)
         if (mudmap.kovrnd(irand) != covariance_kind::peq && !options.principal) block_derivatives(irand, x);
+    derivs.gradient_at = estimates.parvec;
     if (options.details)
         for (int i = 1; i <= nparm; ++i) print_list(screen(), "devc", i, derivs.devc(i));
     if (options.print_times) tvxtimes(2, "1st - all");

@@ -9,28 +9,30 @@
 namespace tarvex {
 
 struct derivs_module {
-    int nparm2 = 0;      // parameters in the current subset
-    array<double> devc;  // (nparm) derivatives of the half-sum log|C| + y'Py, covariance scale
-    array<double> devl1; // (nparm) derivatives of log L, covariance scale (random blocks when principal: factor)
-    array<double> devl2; // packed triangle: minus the average information, covariance scale
-    array<double> aimat; // accumulator: devl2 = -0.5 aimat
-    array<double> der1;  // (nparm) gradient, parameter scale
-    array<double> der2;  // packed triangle: average information, parameter scale
-    array<double> der2b; // curvature term of the transformation
-    array<int> fixpar;   // (nparm) 1: held out by the rank check
-    array<int> subset;   // (nparm2) full index of each parameter of the subset
-    array<double> dvec;  // (nparm2) step
-    array<double> hess;  // packed triangle of the subset
+    int nparm2 = 0;            // parameters in the current subset
+    array<double> devc;        // (nparm) derivatives of the half-sum log|C| + y'Py, covariance scale
+    array<double> devl1;       // (nparm) derivatives of log L, covariance scale (random blocks when principal: factor)
+    array<double> devl2;       // packed triangle: minus the average information, covariance scale
+    array<double> aimat;       // accumulator: devl2 = -0.5 aimat
+    array<double> der1;        // (nparm) gradient, parameter scale
+    array<double> der2;        // packed triangle: average information, parameter scale
+    array<double> der2b;       // curvature term of the transformation
+    array<int> fixpar;         // (nparm) 1: held out by the rank check
+    array<int> subset;         // (nparm2) full index of each parameter of the subset
+    array<double> gradient_at; // (nparm) parameters that devc, devl1 belong to
+    array<double> information_at; // (nparm) parameters that devl2 belongs to
+    array<double> dvec;           // (nparm2) step
+    array<double> hess;           // packed triangle of the subset
 };
 inline derivs_module derivs;
 
-// Both are at estimates.parvec, after any order of calls: they take the factor that loglike has left there, and where
-// the store holds anything else the point is evaluated anew (factor_at_point). average_info fills devl2 and keeps the
-// factor; derivatives_mmm fills devl1 (and devc) and puts the derivatives of the factorisation in the place of the
-// factor, so that the other order costs one more factorisation. Parameters of the covariance scale are in the order of
-// parvec with a block's packed upper triangle row by row (full-rank blocks: the same count); reduced-rank and principal
-// blocks have their factor elements instead. Residual components fixed at zero have zeros. An invalid point stops the
-// run, as do check_average_info and check_repeat_block, which the two call.
+// Both are at estimates.parvec and take the factor, covariance inverses and solutions that loglike with iopt 1 has left
+// there: where it was not the last, or found no value, they stop the program (need_evaluation). average_info fills
+// devl2 and keeps the factor; derivatives_mmm fills devl1 (and devc) and puts the derivatives of the factorisation in
+// the place of the factor, so that it comes second. Parameters of the covariance scale are in the order of parvec with
+// a block's packed upper triangle row by row (full-rank blocks: the same count); reduced-rank and principal blocks have
+// their factor elements instead. Residual components fixed at zero have zeros. check_average_info and
+// check_repeat_block, which the two call, stop the run.
 void derivatives_mmm();
 void average_info();
 
@@ -43,8 +45,8 @@ void check_average_info();
 // has a reduced rank for it.
 void check_repeat_block();
 
-// der1 = J' devl1, der2 = J' (-devl2) J, at estimates.parvec, from what the two have left; flag 1 subtracts the
-// second-order term.
+// der1 = J' devl1, der2 = J' (-devl2) J, at estimates.parvec, from what the two have left for that very
+// point (anything else stops the program); flag 1 subtracts the second-order term.
 void jacob_var2chol(int flag);
 
 // Derivatives of the covariances of block irand (irand 0: of residual class `step`; PEQ and principal blocks too) with

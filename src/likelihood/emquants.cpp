@@ -212,6 +212,7 @@ void take_residuals(em_chunk& all, em_quantities& q) {
 } // namespace
 
 void em_expectations(const em_request& request, em_quantities& q) {
+    need_evaluation("em_expectations");
     autodiff_in_place();
     const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
     q.quads.assign(at(numbers.krand), {});

@@ -32,8 +32,8 @@ struct em_request {
     bool joint = false;
 };
 
-// E-step at the point of the factor in hand, which the derivative of the factorisation takes the place of. The store
-// must hold a factor (loglike with iopt 1 or -1), anything else stops the run.
+// E-step at the point of the factor in hand, which the derivative of the factorisation takes the place of. It has
+// to be that of estimates.parvec (loglike with iopt 1 or -1), anything else stops the program.
 void em_expectations(const em_request& request, em_quantities& q);
 // Residual quantities alone, with the weights now in randomvars.zig (loadings changed) and the derivative that the
 // E-step left: called behind em_expectations only, held to that by the state of the store.

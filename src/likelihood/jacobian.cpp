@@ -11,6 +11,7 @@
 #include "support/stop.h"
 
 #include <algorithm>
+#include <string>
 #include <vector>
 
 namespace tarvex {
@@ -125,6 +126,17 @@ void subtract_curvature(const class_jacobian& c) {
     }
 }
 
+// True if `at` is the point in hand.
+bool here(const array<double>& at) {
+    return at.upper() == estimates.parvec.upper() && std::equal(at.begin(), at.end(), estimates.parvec.begin());
+}
+
+// Gradient and information are to be those of the point in hand.
+void need_derivatives(const char* routine) {
+    if (here(derivs.gradient_at) && here(derivs.information_at)) return;
+    stop(std::string("programming error: \"") + routine + "\" needs derivatives at its point");
+}
+
 } // namespace
 
 void block_jacobian(int irand, int step, array<double, 2>& jac) {
@@ -153,6 +165,7 @@ void block_jacobian(int irand, int step, array<double, 2>& jac) {
 
 void jacob_var2chol(int flag) {
     const int nparm = estimates.nparm;
+    need_derivatives("jacob_var2chol");
     allocate("all der2", derivs.der1, nparm);
     allocate("all der2", derivs.der2, nparm * (nparm + 1) / 2);
     allocate("all der2", derivs.der2b, nparm * (nparm + 1) / 2);

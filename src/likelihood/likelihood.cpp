@@ -1,5 +1,4 @@
 #include "likelihood/likelihood.h"
-#include "equations/eqnorders.h"
 #include "parfile/randasfix.h"
 
 #include "control/limits.h"
@@ -29,6 +28,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
 
 namespace tarvex {
 
@@ -78,12 +78,13 @@ bool has_changed(const array<double>& p, int nparm) {
 }
 
 // New order and structure, after an element had no place in the old one.
-void redo_structure() {
+order_made redo_structure() {
     sparse.xspars.deallocate();
-    redo_eqnorders();
+    const order_made made = redo_eqnorders();
     resize_store();
     new_eqnnos();
     if (sparse.xspars.size() != sparse.maxlnz) allocate_large("XSPARS", sparse.xspars, sparse.maxlnz);
+    return made;
 }
 
 // Builds and factorises at the covariances in hand. False: invalid pivot.
@@ -234,24 +235,24 @@ evaluation loglike(array<double>& parvec, int iopt) {
     return e;
 }
 
-void factor_at_point() {
+void need_evaluation(const char* routine) {
+    need_state(sparse, store_state::factor, routine);
     const auto& l = likelihoods;
     const auto& p = estimates.parvec;
-    const bool here = l.factor_valid && sparse.state == store_state::factor && l.given.upper() == p.upper() &&
-                      std::equal(p.begin(), p.end(), l.given.begin());
-    if (!here && !loglike(estimates.parvec, 1).valid) stop("this should not happen");
+    if (l.factor_valid && l.given.upper() == p.upper() && std::equal(p.begin(), p.end(), l.given.begin())) return;
+    stop(std::string("programming error: \"") + routine + "\" needs an evaluation of its point");
 }
 
-bool build_with_new_order() {
+std::optional<order_made> build_with_new_order() {
     int iflag = 0;
     places.lenient = true; // covariances that were zero when the structure was laid out may have become free
     build_mmm(iflag);
     places.lenient = false;
-    if (!iflag) return false;
-    redo_structure();
+    if (!iflag) return {};
+    const order_made made = redo_structure();
     build_mmm(iflag);
     if (iflag) stop("this should not happen");
-    return true;
+    return made;
 }
 
 void forget_factor() { likelihoods.factor_valid = false; }

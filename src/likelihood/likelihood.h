@@ -1,7 +1,10 @@
 // One evaluation of the REML log likelihood.
 #pragma once
 #include "control/limits.h"
+#include "equations/eqnorders.h"
 #include "support/array.h"
+
+#include <optional>
 
 namespace tarvex {
 
@@ -33,7 +36,7 @@ struct evaluation {
     bool valid = false;      // xlike is the log L of the point
     bool solved = false;     // worked out now, not taken from an earlier evaluation: factor and solutions belong to it
     bool new_factor = false; // they were made for it
-    bool reordered = false;  // the equations have been ordered anew
+    std::optional<order_made> reordered{}; // the equations have been ordered anew: for keep_order
 };
 
 // log L at parvec (nparm values, which clamps may change). Where all parameters are within numbers.zero of those of the
@@ -41,14 +44,15 @@ struct evaluation {
 //   iopt 0   plain: the table of earlier evaluations may answer, then the factor at hand belongs to another point
 //       -1   the factor is wanted: returns at once when it belongs to parvec, xlike is its log L
 //       >0   for derivatives: the table is not consulted, factor and solutions are those of parvec on return
+// Writes no file; where equations are ordered anew the working copy of their numbers, recoded3.bin, follows.
 evaluation loglike(array<double>& parvec, int iopt);
 
-// Makes factor, covariance inverses and solutions those of estimates.parvec, a valid point, whatever was evaluated or
-// differentiated before.
-void factor_at_point();
+// Stops the program where factor, covariance inverses and solutions are not those of estimates.parvec, as loglike with
+// iopt 1 leaves them: `routine` was called out of turn.
+void need_evaluation(const char* routine);
 
-// build_mmm, with a new order and structure where an element has no place in those in hand: true if so.
-bool build_with_new_order();
+// build_mmm, with a new order and structure where an element has no place in those in hand: what it is, if so.
+std::optional<order_made> build_with_new_order();
 
 // Levels of block irand that count in log|G|: those treated as fixed are left out.
 double effective_levels(int irand);

@@ -67,7 +67,7 @@ void invert_given_matrices() {
 
 void get_ebvs() {
     invert_given_matrices();
-    build_with_new_order();
+    if (const auto made = build_with_new_order()) keep_order(*made);
     double detc = 0.0, ypy = 0.0;
     int ifail = 0;
     factorise_mmm(detc, ypy, ifail);

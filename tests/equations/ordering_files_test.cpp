@@ -280,8 +280,13 @@ TEST_F(ordering_files, ordering_in_mid_run_keeps_the_equations) {
     std::filesystem::remove(filenames.adjacfile);
     const auto before = lines_of(read_file("OperationCounts")).size();
     clear_screen();
-    redo_eqnorders();
+    const order_made made = redo_eqnorders();
     new_eqnnos();
+    EXPECT_FALSE(std::filesystem::exists(filenames.ordersfile)); // files are the caller's affair
+    EXPECT_FALSE(std::filesystem::exists(filenames.symfacfile));
+    EXPECT_EQ(lines_of(read_file("OperationCounts")).size(), before);
+    EXPECT_GT(made.operations, 0.0);
+    keep_order(made);
     EXPECT_EQ(screen_text().find("BEGIN \"redo_eqnorders\" \n"), 0u);
     EXPECT_TRUE(told("\nEND \"redo_eqnorders\" \n"));
     EXPECT_FALSE(told("Previous ordering better"));

@@ -458,6 +458,7 @@ TEST_F(driver_test, final_information_belongs_to_the_best_point) {
     array<double> p = estimates.parvec;
     evaluate_point(p, 1);
     average_info();
+    derivatives_mmm();
     jacob_var2chol(0);
     int i = 0, j = 0, n = 0;
     while (in >> i >> j >> value) {

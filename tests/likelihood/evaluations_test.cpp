@@ -1,14 +1,17 @@
 // What one evaluation leaves behind for the next, through failures and new orderings; models at the edge of what is
 // fitted.
+#include "control/filenames.h"
 #include "control/limits.h"
 #include "control/numbers.h"
 #include "control/options.h"
 #include "data/levels.h"
+#include "equations/eqnorders.h"
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
 #include "estimation/covs2parvec.h"
 #include "estimation/estimates.h"
+#include "estimation/evaluate.h"
 #include "likelihood/derivatives.h"
 #include "likelihood/factormmm.h"
 #include "likelihood/likelihood.h"
@@ -20,8 +23,12 @@
 #include "support/fixture.h"
 #include "support/small_models.h"
 
+#include <algorithm>
 #include <cmath>
+#include <filesystem>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace tarvex {
 namespace {
@@ -110,6 +117,62 @@ TEST_F(evaluations_test, factor_at_hand_comes_with_its_inverses) {
     EXPECT_EQ(likelihoods.nfact, 1);
     EXPECT_EQ(randomvars.zig(1, 1, 1), own(1, 1, 1));
     EXPECT_EQ(randomvars.zig(1, 2, 1), own(1, 2, 1));
+}
+
+// Names, sizes and times of all files of the folder but `left_out`.
+std::vector<std::string> folder(const std::string& left_out = "") {
+    std::vector<std::string> list;
+    for (const auto& f : std::filesystem::recursive_directory_iterator("."))
+        if (f.is_regular_file() && f.path().filename() != left_out)
+            list.push_back(f.path().string() + " " + std::to_string(f.file_size()) + " " +
+                           std::to_string(f.last_write_time().time_since_epoch().count()));
+    std::sort(list.begin(), list.end());
+    return list;
+}
+
+TEST_F(evaluations_test, evaluation_writes_no_file) {
+    small_model m = traits(2);
+    set_up(m);
+    const array<double> free = estimates.parvec;
+    new_analysis();
+    m.residual[1] = 0.0;
+    set_up(m);
+    options.details = true; // whatever can be told is told
+    const auto before = folder(), others = folder(filenames.recdatfil3);
+    ASSERT_EQ(others.size() + 1, before.size());
+    array<double> p = estimates.parvec;
+    EXPECT_TRUE(loglike(p, 1).valid);
+    average_info();
+    derivatives_mmm();
+    jacob_var2chol(1);
+    EXPECT_EQ(folder(), before);
+    residualvars.fixres.fill(0);
+    p = free;
+    const evaluation e = loglike(p, 1);
+    ASSERT_TRUE(e.reordered);
+    EXPECT_EQ(folder(filenames.recdatfil3), others); // the equations of the records have new numbers
+    array<double> q = free;
+    q(1) = std::nan("");
+    EXPECT_FALSE(loglike(q, 1).valid);
+    EXPECT_EQ(folder(filenames.recdatfil3), others);
+    keep_order(*e.reordered);
+    EXPECT_NE(folder(filenames.recdatfil3), others); // the list would have shown it
+}
+
+// The order and the structure that a search has come to are there for a run that continues.
+TEST_F(evaluations_test, new_order_of_a_search_is_kept) {
+    small_model m = traits(2);
+    m.residual[1] = 0.0;
+    set_up(m);
+    residualvars.fixres.fill(0);
+    array<double> p = estimates.parvec;
+    for (int i = 1; i <= p.upper(); ++i) p(i) *= 1.01;
+    p(2) = 0.2;
+    const std::string order = read_file(filenames.ordersfile), structure = read_file(filenames.symfacfile);
+    evaluate_point(p, 1);
+    EXPECT_EQ(orders.nsymb, 2);
+    EXPECT_NE(read_file(filenames.ordersfile), order);
+    EXPECT_NE(read_file(filenames.symfacfile), structure);
 }
 
 // A second ordering in the middle of a run, with equations that were taken out before the first.
