@@ -11,12 +11,12 @@
 #include "data/pedigrees.h"
 #include "parfile/randasfix.h"
 #include "support/edit_form.h"
+#include "support/hash_map.h"
 #include "support/stop.h"
 
 #include <algorithm>
 #include <array>
 #include <new>
-#include <unordered_map>
 #include <vector>
 
 namespace tarvex {
@@ -27,7 +27,7 @@ constexpr int maxhash = 524827; // distinct codes that can be held
 
 struct hash_tables {
     std::vector<int> number;                  // [code] running number of a code up to maxan, 0: not met
-    std::unordered_map<long long, int> large; // those of larger codes, which pedigree_list will refuse
+    hash_map<int> large;                      // those of larger codes, which pedigree_list will refuse
     std::vector<std::array<long long, 3>> id; // [number-1] codes of animal, sire, dam; last record of an animal
     std::vector<int> listed;                  // [number-1] line of the animal's first record, 0: none yet
     int nlevels[2] = {};                      // codes in the data, in total
@@ -43,7 +43,7 @@ void hash_setup(hash_tables& tables) {
 
 // Place for the running number of a code.
 int& number_of(hash_tables& tables, long long code) {
-    if (code > maxan) return tables.large[code];
+    if (code > maxan) return tables.large[static_cast<std::uint64_t>(code)];
     auto& number = tables.number;
     const auto c = static_cast<std::size_t>(code);
     if (c >= number.size()) number.resize(std::max(2 * c, std::size_t{1024}));

@@ -112,18 +112,22 @@ void set_jeq() {
     if (options.verbose) print_list(screen(), "No. of equations in full rank submatrix =", numbers.nbase);
 }
 
-// Next setting of the search over METIS options; false at its end.
+// The search over METIS options (metis_settings): separators a level from fewest to most, matching and refinement of
+// either kind, without and with pruning of rows above that many tenths of the mean degree.
+constexpr int fewest_separators = 5, most_separators = 15, pruned_above = 200;
+
+// Next setting of the search; false at its end.
 bool next_setting() {
     auto& m = orders.metis_opts;
-    if (++m[7] <= 15) return true;
-    m[7] = 5;
+    if (++m[7] <= most_separators) return true;
+    m[7] = fewest_separators;
     if (m[1] < 3) {
         m[1] = 3;
         m[3] = 2;
         return true;
     }
     if (m[6] != 0) return false;
-    m[6] = 200;
+    m[6] = pruned_above;
     m[1] = m[3] = 1;
     return true;
 }
@@ -203,6 +207,8 @@ void append_counts(int type, const metis_settings& m, long long maxlnz, double n
         write(out, "(a,t23,i14,f20.0)", type == 1 ? "MMD" : type == 2 ? "AMD" : "Scotch", maxlnz, nnops);
 }
 
+constexpr double many_operations = 1.0e9; // of one factorisation: the user is told
+
 // Operations of the structure in hand, told.
 double tell_operations(double kkops) {
     const double nnops = count_operations(numbers.nsrow, sparse.ixvec1);
@@ -211,7 +217,7 @@ double tell_operations(double kkops) {
         write(screen(), "(1x,a,t33,i17)", "                 maxlnz", sparse.maxlnz);
         write(screen(), "(1x,a,t33,2f18.0)", "                 nnops", nnops, kkops);
     }
-    if (nnops > 1.0e9 && !options.terse)
+    if (nnops > many_operations && !options.terse)
         write(screen(), "(1x,2a,i4,a)", "***** NB : Factorisation  of the MMM ", "requires more than",
               static_cast<long long>(nnops * 1.0e-9), " billion operations !");
     return nnops;
@@ -400,6 +406,11 @@ void settle() {
 
 } // namespace
 
+// Equations from which a method takes over from the one before: minimum degree fills in least where there are few,
+// nested dissection where there are many, and its settings save time where there are very many (limits by experience
+// with pedigrees; what a large system really takes is found by the race, order_race.h).
+constexpr int amd_from = 25000, metis_from = 50000, metis_wide_from = 200000, metis_quick_from = 750000;
+
 bool choose_method() {
     const int n = mmequations.neqns;
     if (orders.order_type == -3) {
@@ -407,11 +418,11 @@ bool choose_method() {
         return false;
     }
     if (orders.order_type != 0) return true;
-    orders.order_type = n < 25000 ? 1 : n < 50000 ? 2 : 3;
-    if (n >= 750000)
+    orders.order_type = n < amd_from ? 1 : n < metis_from ? 2 : 3;
+    if (n >= metis_quick_from)
         orders.metis_opts = {3, 3, 1, 2, 0, 1, 0, 14};
-    else if (n >= 50000)
-        orders.metis_opts = {3, 1, 2, 1, 0, 1, 0, n < 200000 ? 5 : 10};
+    else if (n >= metis_from)
+        orders.metis_opts = {3, 1, 2, 1, 0, 1, 0, n < metis_wide_from ? 5 : 10};
     return false;
 }
 

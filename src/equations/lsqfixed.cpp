@@ -98,9 +98,12 @@ std::vector<int> taken_out(const normal_equations& a, const fixed_rows& rows) {
     return out;
 }
 
-// Elements behind the diagonal, as if held in a store with room for 10000 a row.
+constexpr long long told_room = 10000; // elements a row
+constexpr double pivot_zeros = 100.0;  // numbers.zero that a pivot has to reach
+
+// Elements behind the diagonal, as if held in a store with that room.
 void tell_elements(int n, long long data, long long all) {
-    const long long capacity = std::min(10000LL * n + 10000, static_cast<long long>(maxelements));
+    const long long capacity = std::min(told_room * n + told_room, static_cast<long long>(maxelements));
     tell_growth(0, data, capacity);
     tell_growth(data, std::max(data, all), capacity);
 }
@@ -110,7 +113,7 @@ lsq_rank eliminate(const fixed_rows& rows, normal_equations& a) {
         data_pass(a, rows);
         a.finish();
         const std::vector<int> out = taken_out(a, rows);
-        return fast_rank(a, out, 100.0 * numbers.zero);
+        return fast_rank(a, out, pivot_zeros * numbers.zero);
     } catch (const std::bad_alloc&) {
         stop("alloc zhz");
     }

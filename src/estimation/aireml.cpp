@@ -29,7 +29,12 @@ namespace tarvex {
 
 namespace {
 
-constexpr int second_order_from = 222; // iterate from which the second-order term joins the information
+constexpr int second_order_from = 222;     // iterate from which the second-order term joins the information
+constexpr double least_promise = 0.01;     // gain in log L that a step may still promise at the end of the search,
+constexpr double promise_in_limits = 10.0; // or so many times the limit of its change
+constexpr double same_point = 1.0e-8;      // relative change of the parameters that counts as none
+constexpr double rounding_share = 1.0e-10; // of log L
+constexpr double below_pivots = -1.0e10;   // no diagonal of the information falls as low
 
 // Blocks whose diagonals have become small go over to logarithms; the matrices stay as they are.
 void handle_switches() {
@@ -58,7 +63,9 @@ void say_converged(const char* on_screen, const char* in_file, double value, dou
 
 // A step that the search along it has cut short may gain little and yet be far from a maximum: what the quadratic model
 // promised from the whole step has to be small as well.
-bool promises_little() { return -aireml_terms.prox < std::max(0.01, 10.0 * maximise.aiconv_like); }
+bool promises_little() {
+    return -aireml_terms.prox < std::max(least_promise, promise_in_limits * maximise.aiconv_like);
+}
 
 void test_convergence(double xold, double xnew) {
     iterate_log.ended =
@@ -92,7 +99,7 @@ double change_that_counts(double xold, double xnew, double best) {
 
 void take_step(int& iround, double xold, double xnew, double best) {
     aireml_terms.pnorm = relative_change(estimates.parvec, search_state.parnew);
-    if (aireml_terms.pnorm < 1.0e-8) maximise.converged = true;
+    if (aireml_terms.pnorm < same_point) maximise.converged = true;
     ++iround;
     ++aireml_terms.accepted;
     aireml_terms.last_change = xnew - xold;
@@ -101,7 +108,7 @@ void take_step(int& iround, double xold, double xnew, double best) {
     estimates.parvec = search_state.parnew;
     if (options.reconstruct && readbestpoint(true)) change_scale();
     maximise.converged = false; // only the tests on gradient and log L count
-    const double rounding = options.strict_ai ? 0.0 : 1.0e-10 * std::fabs(xnew);
+    const double rounding = options.strict_ai ? 0.0 : rounding_share * std::fabs(xnew);
     const double change = change_that_counts(xold, xnew, best);
     if (change >= -rounding) test_convergence(xnew - change, xnew);
     write_avinfo(xnew);
@@ -198,7 +205,7 @@ void rank_check() {
     bool stopped = false;
     for (int row = 1; row <= n; ++row) {
         int best = 0;
-        double pivot = -1.0e10;
+        double pivot = below_pivots;
         for (int k = row; k <= n; ++k)
             if (a(at(k), at(k)) > pivot) {
                 pivot = a(at(k), at(k));

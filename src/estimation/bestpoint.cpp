@@ -54,6 +54,7 @@ std::string copy_name(int iround) {
     return filenames.bestfile + std::string(3 - digits.size(), '0') + digits;
 }
 
+constexpr int most_numbered = 999; // three digits behind the name
 constexpr std::string_view sums_mark = "sums", content_mark = " content ";
 
 digest content_sum(std::string_view text, std::string_view line) {
@@ -154,7 +155,7 @@ std::vector<double> best_covariances(int irand) {
 }
 
 void writebestpoint(int iround, text_out* extra) {
-    if (iround >= 1000) return;
+    if (iround > most_numbered) return;
     std::string text = list_item(bestpoint.xbest) + " " + list_item(estimates.nparm) + "\n";
     for (int irand = 0; irand <= numbers.krand; ++irand) {
         std::string line;

@@ -33,7 +33,8 @@ namespace tarvex {
 
 namespace {
 
-constexpr double pivot_floor = 0.0005;      // pivot of a new matrix that is smaller than numbers.zero
+constexpr double pivot_floor = 0.0005; // pivot of a new matrix that is smaller than numbers.zero
+constexpr double least_rounding = 1.0e-7, rounding_share = 1.0e-10; // of log L between two rounds
 constexpr double parameters_limit = 1.0e-8; // relative change of the parameters that counts as none
 
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
@@ -210,7 +211,7 @@ void em_step() {
 double evaluate(int iopt) { return evaluate_point(estimates.parvec, iopt); }
 
 // A change of log L that is no more than rounding.
-double rounding(double xlike) { return 1.0e-7 + 1.0e-10 * std::fabs(xlike); }
+double rounding(double xlike) { return least_rounding + rounding_share * std::fabs(xlike); }
 
 enum class round_end { taken, invalid, lost };
 

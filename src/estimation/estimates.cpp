@@ -49,6 +49,16 @@ double stored_best_value() {
 
 constexpr double far_off = 1.0e6; // starting variance against that of the records
 
+constexpr double hand_over_gain = 2.0; // of a round of PX-EM: below it the only cycle goes over to AI-REML
+constexpr int rescue_rounds = 3;       // of EM where the last AI-REML has not converged,
+constexpr double rescue_gain = 0.01;   // ended below that gain
+constexpr double same_value = 0.001;   // difference of log L from that of the stored point
+constexpr double resume_share = 0.1;   // of verdict_limit: least gain of a search that goes on
+constexpr int most_resumed = 3, most_resumed_sure = 10;
+constexpr int least_iterates = 10;             // of AI-REML where the user has set no limit,
+constexpr float iterates_per_parameter = 1.4f; // or so many for each parameter
+constexpr int simplex_limit = 1000;
+
 // Pivots vanish against variances that are too large by far.
 void tell_far_variances() {
     for (int irand = 0; irand <= numbers.krand; ++irand)
@@ -126,7 +136,7 @@ void cycle_of_em_and_ai(int& iround, double& xlike) {
             int ifail = 0;
             rinverse(estimates.parvec, ifail);
         }
-        em_algorithm(maximise.pxem_its, iround, xlike, maximise.ncycle == 1 ? 2.0 : 0.0);
+        em_algorithm(maximise.pxem_its, iround, xlike, maximise.ncycle == 1 ? hand_over_gain : 0.0);
         if (maximise.converged) return;
         search_state.method.pxem = false;
         for (bool more = true; more;) {
@@ -138,8 +148,8 @@ void cycle_of_em_and_ai(int& iround, double& xlike) {
             search_state.method.em_scale = true;
             search_state.method.aireml = false;
             from_best_point();
-            em_algorithm(3, iround, xlike, 0.01);
-            if (ai_change < 0.01) repeat_em = false;
+            em_algorithm(rescue_rounds, iround, xlike, rescue_gain);
+            if (ai_change < rescue_gain) repeat_em = false;
             more = !maximise.converged;
         }
         if (maximise.converged) return;
@@ -155,7 +165,7 @@ void final_step() {
     const derivs_module search = derivs;
     judge_last_point();
     bestpoint.xlike_file = stored_best_value();
-    if (!search_state.method.aireml || !(std::fabs(xlike - bestpoint.xlike_file) < 0.001)) {
+    if (!search_state.method.aireml || !(std::fabs(xlike - bestpoint.xlike_file) < same_value)) {
         derivs = search;
         return;
     }
@@ -177,12 +187,12 @@ bool resume(int& iround, double& xlike) {
         region_search(iround, xlike);
     else
         ai_phase(iround, xlike);
-    return bestpoint.xbest > before + 0.1 * verdict_limit;
+    return bestpoint.xbest > before + resume_share * verdict_limit;
 }
 
 // The verdict, and the search again where it is not at a maximum and the user has set no limit of iterates.
 void judge_and_resume(int& iround, double& xlike) {
-    const int type = maximise.search_type, most = type == 7 ? 10 : 3;
+    const int type = maximise.search_type, most = type == 7 ? most_resumed_sure : most_resumed;
     const bool planned = type == 1 || type == 6 || type == 7;
     for (verdict.resumed = 0;;) {
         final_step();
@@ -223,7 +233,8 @@ void get_estimates() {
     derivs.nparm2 = estimates.nparm - no_fixed_residuals(); // until AI-REML has looked at their information
     maximise.limit_given = maximise.aireml_its != 0;
     if ((type == 1 || type == 6) && maximise.aireml_its == 0)
-        maximise.aireml_its = std::max(10, static_cast<int>(1.4f * static_cast<float>(estimates.nparm)));
+        maximise.aireml_its =
+            std::max(least_iterates, static_cast<int>(iterates_per_parameter * static_cast<float>(estimates.nparm)));
     verdict = {};
     int iround = 0;
     switch (type) {
@@ -232,7 +243,7 @@ void get_estimates() {
         ai_reml(maximise.aireml_its, iround, xlike);
         break;
     case 2:
-        if (maximise.simplx_its == 0) maximise.simplx_its = 1000;
+        if (maximise.simplx_its == 0) maximise.simplx_its = simplex_limit;
         break;
     case 3: {
         int flag = 0, count = 0;

@@ -16,6 +16,9 @@ namespace tarvex {
 
 namespace {
 
+// Difference of log L of a stored point, read from its file and evaluated anew.
+constexpr double rounding_of_a_point = 1.0e-8, rounding_share = 1.0e-9;
+
 void log_evaluation(double xlike) {
     constexpr edit_form logged{"(i5,f22.6,i6)   "};
     if (!options.details) return;
@@ -26,7 +29,7 @@ void log_evaluation(double xlike) {
 } // namespace
 
 double evaluate_point(array<double>& parvec, int iopt) {
-    const double rounding = 1.0e-8 + 1.0e-9 * std::fabs(bestpoint.to_beat); // of a second evaluation of a stored point
+    const double rounding = rounding_of_a_point + rounding_share * std::fabs(bestpoint.to_beat);
     const evaluation e = loglike(parvec, iopt);
     search_state.why = e.why;
     if (e.reordered) keep_order(*e.reordered);

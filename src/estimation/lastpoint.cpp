@@ -100,6 +100,8 @@ judged_block covariance_block(int irand, int step, const std::vector<double>& sc
     return b;
 }
 
+constexpr double far_from_border = 1.0e36;
+
 // Elements of the factor of a principal block. A column whose leading element has gone counts by that element alone.
 void factor_parameters(int irand, const std::vector<double>& scale, judged_point& p) {
     array<double, 2> factor;
@@ -117,11 +119,11 @@ void factor_parameters(int irand, const std::vector<double>& scale, judged_point
         if (f.col != column) { // the first element of a column is the pivot
             column = f.col;
             q.value = factor(f.row, f.col);
-            gone = std::fabs(q.value) < 0.01 * q.scale;
+            gone = std::fabs(q.value) < vanished_element * q.scale;
         } else if (gone) {
             continue;
         } else {
-            q.value = 1.0e36; // never at a border
+            q.value = far_from_border; // never at a border
         }
         p.others.push_back(q);
     }

@@ -28,6 +28,11 @@ constexpr double largest_step = 0.1;
 constexpr double ordinary_scale = 0.2; // of the option, for these two
 constexpr double no_value = 1.0e36;
 constexpr int most_turns = 20, most_shrinks = 500;
+constexpr double shrink = 0.95;          // of a step whose end has no value
+constexpr double accuracy_zeros = 20.0;  // accuracy of -2 log L, in numbers.zero
+constexpr double nearest = 20.0;         // distance of two points of a line that counts, in that accuracy
+constexpr double furthest = 10.0;        // first steps that a point may lie off the best one
+constexpr int rounds_per_parameter = 10; // limit of rounds: so many for each parameter and for ten more
 
 struct point {
     double d; // distance along the line
@@ -66,7 +71,7 @@ bool powell_search::valid_point(const std::vector<double>& from, const std::vect
     for (int k = 0; k < most_shrinks; ++k) {
         f = at(from, dir, d);
         if (f < no_value) return true;
-        d *= 0.95;
+        d *= shrink;
     }
     return false;
 }
@@ -90,8 +95,8 @@ double powell_search::dflmin(const std::vector<double>& dir, double first, doubl
     const std::vector<double> from = best;
     const double f0 = ffmin;
     curvature = 0.0;
-    double d = std::max(std::min(std::fabs(first), longest), 20.0 * ztol);
-    const double zlimit = 10.0 * d;
+    double d = std::max(std::min(std::fabs(first), longest), nearest * ztol);
+    const double zlimit = furthest * d;
     std::array<point, 3> p{point{0.0, f0}, point{d, no_value}, point{0.0, no_value}};
     if (!valid_point(from, dir, p[1].d, p[1].f)) return 0.0;
     while (std::fabs(p[1].f - f0) <= numbers.zero) { // flat so far: twice as far
@@ -126,14 +131,14 @@ double powell_search::dflmin(const std::vector<double>& dir, double first, doubl
         }
         if (options.details) print_list(screen(), "d1,d3", p[0].d, d3, "   zlimit", zlimit);
         if (std::fabs(d3 - p[low].d) > zlimit) d3 = p[low].d + std::copysign(zlimit, d3 - p[low].d);
-        if (std::fabs(d3 - p[low].d) <= 20.0 * ztol) break;
+        if (std::fabs(d3 - p[low].d) <= nearest * ztol) break;
         if (predicted > -no_value && std::fabs(p[low].f - predicted) <= ftol * std::fabs(f0 - p[low].f)) break;
         point next{d3 - p[low].d, no_value};
         bool valid = false;
         for (int k = 0; k < most_shrinks && !valid; ++k) {
             next.f = at(from, dir, p[low].d + next.d);
             valid = next.f < no_value;
-            if (!valid) next.d *= 0.95;
+            if (!valid) next.d *= shrink;
         }
         if (!valid) break;
         next.d += p[low].d;
@@ -182,7 +187,7 @@ void fresh_directions(powell_search& s) {
 void start(powell_search& s) {
     for (int i = 1; i <= s.nparm; ++i) s.best.push_back(s.parvec(i));
     fresh_directions(s);
-    s.ztol = 20.0 * numbers.zero;
+    s.ztol = accuracy_zeros * numbers.zero;
     s.ffmin = s.at(s.best, s.best, 0.0);
     if (s.ffmin < no_value) return;
     print_list(screen(), "Routine \"POWELL\" : Invalid starting point ");
@@ -243,7 +248,7 @@ void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& cou
     start(s);
     write(screen(), first_line, " log l = ", -0.5 * s.ffmin);
     const bool any = std::any_of(estimates.ispar.begin(), estimates.ispar.end(), [](int i) { return i != 0; });
-    const int most_rounds = maximise.powell_its > 0 ? maximise.powell_its : 10 * (nparm + 10);
+    const int most_rounds = maximise.powell_its > 0 ? maximise.powell_its : rounds_per_parameter * (nparm + 10);
     bool fresh = true; // the round is along fresh directions: only then a small gain is an end
     for (int nround = 1; any && nround <= most_rounds; ++nround) {
         const double fpre0 = s.ffmin;

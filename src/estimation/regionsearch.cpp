@@ -19,6 +19,7 @@
 #include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
 #include "parameters/parvec.h"
+#include "parameters/randomvars.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
@@ -36,14 +37,20 @@ constexpr double end_promise = 1.0e-5;  // gain in log L that is not worth a ste
 constexpr double end_radius = 0.5;      // ... within at least this region
 constexpr double least_radius = 1.0e-5; // no step that gains
 constexpr int em_rounds = 3;
-constexpr double em_gain = 0.01; // of a round of EM that is worth another
+constexpr double em_gain = 0.01;                         // of a round of EM that is worth another
+constexpr double border_width = 1.0e-6;                  // of a logarithm: that near to its least value it is there
+constexpr double least_unit = 1.0e-8;                    // variance by which a row of a factor is measured at least
+constexpr double badly_ordered_from = 4.0;               // what a column leaves of a row against its own pivot
+constexpr double rest_share = 0.1;                       // of verdict_limit, promised: next to nothing
+constexpr double crept_share = 0.5;                      // the same behind a step that won next to nothing
+constexpr int least_limit = 50, limit_per_parameter = 3; // iterates, where the user has set no limit
 
 std::size_t at(int i) { return static_cast<std::size_t>(i - 1); }
 
 bool by_factor(int irand) { return estimates.paraform(irand) != par_scale::original; }
 
 // Least logarithm of a diagonal: pivots below make a point invalid.
-double least_log() { return 0.5 * std::log(400.0 * numbers.zero); }
+double least_log() { return 0.5 * std::log(4.0 * least_variance()); }
 
 // Best point with all factors on logarithmic diagonals.
 void to_best_point() {
@@ -67,10 +74,12 @@ struct region_model {
 };
 
 bool on_border(int par) {
-    return estimates.logpar(par) && estimates.parvec(par) < least_log() + 1.0e-6 && derivs.der1(par) <= 0.0;
+    return estimates.logpar(par) && estimates.parvec(par) < least_log() + border_width && derivs.der1(par) <= 0.0;
 }
 
-double row_sd(const array<double>& cc, int row, int n) { return std::sqrt(std::max(cc(ihmssf(row, row, n)), 1.0e-8)); }
+double row_sd(const array<double>& cc, int row, int n) {
+    return std::sqrt(std::max(cc(ihmssf(row, row, n)), least_unit));
+}
 
 // Axes of a block by its factor: logarithms by themselves, other elements in units of the standard deviation of their
 // row. Columns at the border are left out.
@@ -172,7 +181,7 @@ bool badly_ordered() {
                     const int other = estimates.cholorder((step - 1) * n + r, irand);
                     double left = 0.0;
                     for (int k = c; k <= std::min(r, model.krfit(irand)); ++k) left += vv(other, k) * vv(other, k);
-                    bad = bad || left > 4.0 * vv(row, c) * vv(row, c);
+                    bad = bad || left > badly_ordered_from * vv(row, c) * vv(row, c);
                 }
             }
         }
@@ -185,8 +194,8 @@ bool badly_ordered() {
 bool at_rest() {
     const search_verdict v = verdict_of_derivatives();
     if (v.kind == search_end::not_maximum || !v.lifts.empty()) return false;
-    const bool crept = aireml_terms.last_change > 0.0 && aireml_terms.last_change < 0.1 * verdict_limit;
-    return v.promised < (crept ? 0.5 : 0.1) * verdict_limit;
+    const bool crept = aireml_terms.last_change > 0.0 && aireml_terms.last_change < rest_share * verdict_limit;
+    return v.promised < (crept ? crept_share : rest_share) * verdict_limit;
 }
 
 enum class region_end { accepted, arrived, stuck, poor };
@@ -249,7 +258,8 @@ void region_search(int& iround, double& xlike) {
     }
     region_end end = region_end::accepted;
     bool em_helps = true;
-    const int most = maximise.limit_given ? maximise.aireml_its : std::max(50, 3 * estimates.nparm);
+    const int most =
+        maximise.limit_given ? maximise.aireml_its : std::max(least_limit, limit_per_parameter * estimates.nparm);
     for (int iter = 1; iter <= most; ++iter) {
         t.tt0 = cpu_time();
         double xold = invalid_logl, xnew = invalid_logl;

@@ -21,6 +21,8 @@ namespace tarvex {
 
 namespace {
 
+constexpr double shorter = 0.25, least_lift = 0.01; // of a step off the border that has not gained
+
 // Adds a change of parameters on the covariance scale to model.cov, which is in the units of the data; the repeat
 // effect is left as it is.
 void add_change(const std::vector<parameter_change>& change, double factor) {
@@ -46,7 +48,7 @@ void leave_border() {
     const auto lifts = verdict.last.lifts;
     for (const auto& lift : lifts) {
         const double before = bestpoint.xbest;
-        for (double factor = 1.0; factor > 0.01 && !(bestpoint.xbest > before); factor *= 0.25) {
+        for (double factor = 1.0; factor > least_lift && !(bestpoint.xbest > before); factor *= shorter) {
             from_best_point();
             add_change(lift, factor);
             change_scale();

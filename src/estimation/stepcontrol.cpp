@@ -10,6 +10,7 @@
 #include "estimation/evaluate.h"
 #include "estimation/searchstate.h"
 #include "likelihood/derivatives.h"
+#include "parameters/randomvars.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
 #include "support/edit_form.h"
@@ -25,6 +26,34 @@ namespace {
 
 constexpr double no_value = 9.9e35;          // -log L above it: the point is invalid
 constexpr double largest_decrease = 10000.0; // of -log L that a step may predict
+
+// Where set_tau calls an information matrix hard to invert. That something is added to its diagonal is Levenberg's way
+// (1944) and Marquardt's (1963); how much is a rule of thumb without a published derivation.
+constexpr double steep_from = 13000.0;  // largest eigenvalue from which the share of it is 1 - share_onset / eigenvalue
+constexpr double share_onset = 12000.0; // ... times steep_rate,
+constexpr double share_withheld = 0.2;  // and at most 1 - this: reached at 60000
+constexpr double steep_rate = 0.08;     // of the root of numbers.zero times the largest eigenvalue
+constexpr double flat_rate = 0.1;       // the same below steep_from
+constexpr double damping = 0.44;        // of either
+constexpr double safe_condition = 90000.0; // all eigenvalues above 1: none below this condition number,
+constexpr double conditioned_share = 0.1;  // and this share of it above
+constexpr double least_tau = 0.001;
+
+// Steps whose matrix is inverted with tau on its diagonal.
+constexpr double tau_overlap = 0.95; // share of the smallest eigenvalue that counts as part of tau
+constexpr double more_tau = 5.0;     // smallest eigenvalues to be added while the rank is not full
+
+// Steps of the modified factorisations. Powers of the rounding unit: Schnabel and Eskow 1999.
+constexpr double pivot_power = 0.5, condition_power = 0.6;
+constexpr double sticks_out = 25.0; // largest element of a step against the second largest
+constexpr double cut_to = 0.8;      // what is left of it then
+
+// The search along a step. The longest step is that of Dennis and Schnabel (a thousand times the size of the point), a
+// little less of it; the shares are rules of thumb.
+constexpr double longest_per_norm = 900.0, longest_at_least = 1000.0;
+constexpr double after_invalid = 0.8; // a first trial without value is cut to this share,
+constexpr double off_invalid = 0.99;  // and one on the way back by next to nothing
+constexpr int most_tries = 7;
 
 int size() { return derivs.nparm2; }
 
@@ -55,7 +84,7 @@ void step_from_eigenvalues(const array<double>& eig, const array<double, 2>& vec
 // Adds tau to the diagonal and inverts, with more tau while the matrix is not of full rank.
 void direct_step(double smallest, double& tau, array<double>& gradient) {
     const int n = size();
-    if (tau > 0.0 && smallest < tau) tau -= 0.95 * smallest;
+    if (tau > 0.0 && smallest < tau) tau -= tau_overlap * smallest;
     for (;;) {
         for (int i = 1; i <= n; ++i) derivs.hess(ihmssf(i, i, n)) += tau;
         int nrank = 0;
@@ -63,7 +92,7 @@ void direct_step(double smallest, double& tau, array<double>& gradient) {
         gen_inverse(derivs.hess.prefix(derivs.hess.size()), n, numbers.zero, nrank, ldet);
         if (nrank == n) break;
         if (options.verbose) print_list(screen(), "Hessian not of full rank", nrank, n, tau);
-        const double more = tau + 5.0 * smallest;
+        const double more = tau + more_tau * smallest;
         if (!(more > tau)) break; // the generalised inverse has to serve
         get_hessian(gradient);
         tau = more;
@@ -91,7 +120,7 @@ void cut_largest() {
         } else
             second = std::max(second, x);
     }
-    if (at > 0 && second > 0.0 && most / second > 25.0) derivs.dvec(at) *= 0.8;
+    if (at > 0 && second > 0.0 && most / second > sticks_out) derivs.dvec(at) *= cut_to;
 }
 
 void step_by_factorisation(const array<double>& gradient) {
@@ -100,7 +129,7 @@ void step_by_factorisation(const array<double>& gradient) {
     const array<double, 2> a = unpack(derivs.hess.prefix(derivs.hess.size()), n);
     if (maximise.modify_chol == 3) {
         modchl_factor f;
-        modchl(a, n, 0.5, 0.6, f);
+        modchl(a, n, pivot_power, condition_power, f);
         solve_modchl(f, gradient.prefix(n), derivs.dvec.prefix(n));
     } else {
         ldl_factor f;
@@ -162,10 +191,11 @@ void set_linesearch() {
 
 double set_tau(double e1, double en) {
     const double z = std::sqrt(numbers.zero);
-    double t = e1 > 13000.0 ? (1.0 - std::max(0.2, 12000.0 / e1)) * 0.08 * z * e1 : 0.1 * z * e1;
-    t *= 0.44;
-    if (en > 1.0) t = e1 / en < 90000.0 ? 0.0 : 0.1 * t;
-    t = std::max(t, 0.001);
+    double t =
+        e1 > steep_from ? (1.0 - std::max(share_withheld, share_onset / e1)) * steep_rate * z * e1 : flat_rate * z * e1;
+    t *= damping;
+    if (en > 1.0) t = e1 / en < safe_condition ? 0.0 : conditioned_share * t;
+    t = std::max(t, least_tau);
     return t > en ? t : 0.0;
 }
 
@@ -189,7 +219,7 @@ void eztimates(int iter, double& xnew) {
         if (method > 0) {
             const array<double, 2> a = unpack(derivs.hess.prefix(derivs.hess.size()), n);
             int nzero = 0;
-            eigem(a, eig, vectors, n, 100.0 * numbers.zero, nzero);
+            eigem(a, eig, vectors, n, least_variance(), nzero);
             smallest = eig(n);
             at.tau += set_tau(eig(1), smallest);
             if (options.verbose)
@@ -228,7 +258,7 @@ void line_search(double xold, double& xnew, bool& fail) {
     }
     for (double p : estimates.parvec) norm += p * p;
     const double minlambda = rellen > 0.0 ? linesearch.ls_steptol / rellen : std::numeric_limits<double>::infinity();
-    linesearch.ls_maxstep = std::max(900.0 * std::sqrt(norm), 1000.0);
+    linesearch.ls_maxstep = std::max(longest_per_norm * std::sqrt(norm), longest_at_least);
     if (std::sqrt(length) > linesearch.ls_maxstep)
         for (double& d : derivs.dvec) d *= linesearch.ls_maxstep / std::sqrt(length);
 
@@ -239,7 +269,7 @@ void line_search(double xold, double& xnew, bool& fail) {
         fail = true;
     };
     while (f1 > no_value) { // the last trial had no value
-        alpha *= 0.8;
+        alpha *= after_invalid;
         if (alpha < minlambda) return give_up();
         f1 = evaluate(alpha);
         if (options.details) print_list(screen(), alpha, f1, f0);
@@ -260,7 +290,7 @@ void line_search(double xold, double& xnew, bool& fail) {
         alpha = lambda;
         f1 = evaluate(alpha);
         while (f1 > no_value) {
-            alpha *= 0.99;
+            alpha *= off_invalid;
             if (alpha < minlambda) return give_up();
             f1 = evaluate(alpha);
             if (options.details) print_list(screen(), "inv", alpha);
@@ -270,7 +300,7 @@ void line_search(double xold, double& xnew, bool& fail) {
             xnew = -f1;
             return;
         }
-        if (tries >= 7) return give_up();
+        if (tries >= most_tries) return give_up();
         lambda = limited(cubic_minimum(alpha, f1, last_alpha, last_f, f0, slope));
         last_alpha = alpha;
         last_f = f1;

@@ -9,6 +9,11 @@ namespace {
 
 constexpr double least_ratio = 1.0e-4, poor_ratio = 0.25, good_ratio = 0.75;
 constexpr double no_curvature = 1.0e-12; // pivot against the largest diagonal element
+// A multiplier below both shares, of the largest diagonal element and of its own upper bound, is none.
+constexpr double least_curvature = 1.0e-10, least_multiplier = 1.0e-6;
+constexpr double rounding = 1.0e-14;   // width of the bracket of the multiplier
+constexpr double least_share = 1.0e-3; // of the upper bound, where Newton's step leaves the bracket
+constexpr double at_edge = 0.9;        // of the radius
 
 std::size_t at(int i) { return static_cast<std::size_t>(i - 1); }
 
@@ -77,7 +82,7 @@ region_step step_in_region(const array<double, 2>& h, const std::vector<double>&
     for (int turn = 0; turn < most_turns; ++turn) {
         if (!factorise(h, n, lambda, no_curvature * largest, l)) {
             low = lambda;
-            lambda = std::max(std::sqrt(low * high), 1.0e-10 * largest + 1.0e-6 * high);
+            lambda = std::max(std::sqrt(low * high), least_curvature * largest + least_multiplier * high);
             if (lambda >= high) break;
             continue;
         }
@@ -85,13 +90,13 @@ region_step step_in_region(const array<double, 2>& h, const std::vector<double>&
         r.step = backward(l, half);
         r.length = norm(r.step);
         r.lambda = lambda;
-        const bool unhindered = lambda <= 1.0e-10 * largest + 1.0e-6 * slope / radius;
+        const bool unhindered = lambda <= least_curvature * largest + least_multiplier * slope / radius;
         if ((unhindered && r.length <= radius) || std::fabs(r.length - radius) <= close * radius) break;
         (r.length > radius ? low : high) = lambda;
-        if (high - low <= 1.0e-14 * high) break;
+        if (high - low <= rounding * high) break;
         const double q = norm(forward(l, r.step));
         const double next = lambda + (r.length / q) * (r.length / q) * (r.length - radius) / radius;
-        lambda = next > low && next < high ? next : std::max(0.5 * (low + high), 1.0e-3 * high);
+        lambda = next > low && next < high ? next : std::max(0.5 * (low + high), least_share * high);
     }
     if (r.length > radius * (1.0 + close))
         for (double& x : r.step) x *= radius / r.length;
@@ -105,7 +110,7 @@ bool trust_region::judge(double won, double promised, double length) {
     poor = ratio < poor_ratio ? poor + 1 : 0;
     if (ratio < poor_ratio)
         radius = poor_ratio * length;
-    else if (ratio > good_ratio && length > 0.9 * radius)
+    else if (ratio > good_ratio && length > at_edge * radius)
         radius = std::min(2.0 * radius, largest);
     return won > 0.0 && ratio > least_ratio;
 }

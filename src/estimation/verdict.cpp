@@ -12,6 +12,13 @@ namespace tarvex {
 
 namespace {
 
+constexpr double longest_lift = 0.25;      // step away from the border, in units of the scale
+constexpr double least_gap = 1.0e-12;      // between an eigenvalue that has gone and one that has not
+constexpr double named_share = 0.3;        // of the largest: parameters of a flat combination that are named
+constexpr double no_curvature = 1.0e-12;   // against the largest of all directions
+constexpr double upward = 1.0e-10;         // slope that lets a held direction go
+constexpr double short_of_border = 0.9999; // of the way to it
+
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 struct share { // change `coef` of parameter `par` for one unit along the direction
@@ -67,7 +74,7 @@ double curvature_along(const judgement& j, const direction& d) {
 // Notes the Newton step along a direction that leads away from the border, at most a quarter of the scale.
 void note_lift(judgement& j, const direction& d) {
     const double slope = j.slope(d), curvature = curvature_along(j, d);
-    const double step = curvature > 4.0 * slope ? slope / curvature : 0.25;
+    const double step = curvature > slope / longest_lift ? slope / curvature : longest_lift;
     if (0.5 * step * slope < verdict_limit) return;
     std::vector<parameter_change> lift;
     for (const share& x : d.shares) lift.push_back({x.par, step * x.coef});
@@ -211,7 +218,7 @@ void judge_matrix(judgement& j, const judged_block& b) {
                                     : eigenvalue_name(b, m, p);
             }
             for (const auto& [low, high] : {std::pair{p, q}, std::pair{q, p}})
-                if (is_gone(low)) d.curvature += 2.0 * fall[at(low)] / std::max(m.eig(high) - m.eig(low), 1.0e-12);
+                if (is_gone(low)) d.curvature += 2.0 * fall[at(low)] / std::max(m.eig(high) - m.eig(low), least_gap);
             j.free.push_back(std::move(d));
         }
     if (gone.empty()) return;
@@ -376,7 +383,7 @@ bool at_border_beside_zeros(judgement& j, const judged_block& b) {
 
 void judge_parameter(judgement& j, const judged_parameter& p) {
     const double slope = j.slope({{{p.par, 1.0}}});
-    if (std::fabs(p.value) < 0.01 * p.scale && slope * p.value <= 0.0) {
+    if (std::fabs(p.value) < vanished_element * p.scale && slope * p.value <= 0.0) {
         j.verdict.promised += std::fabs(p.value * slope);
         j.verdict.border.push_back(p.name + " is " + number(p.value));
         j.verdict.void_errors.push_back(p.par);
@@ -415,7 +422,7 @@ std::string combination(const judgement& j, const std::vector<double>& weight) {
     std::string text;
     for (int par = 1; par <= j.size(); ++par) {
         const double x = total[at(par - 1)] / most;
-        if (!(std::fabs(x) >= 0.3)) continue;
+        if (!(std::fabs(x) >= named_share)) continue;
         char coef[16];
         std::snprintf(coef, sizeof coef, "%+.2f ", x);
         text += (text.empty() ? "" : " ") + std::string(coef) + parameter_name(j.point, par);
@@ -458,7 +465,8 @@ quadratic_model model_of(judgement& j) {
     j.verdict.gradient_norm = std::sqrt(j.verdict.gradient_norm);
     double largest = 0.0;
     for (int a = 1; a <= m; ++a) largest = std::max(largest, q.h(a, a));
-    for (int a = 1; a <= m; ++a) q.unit.push_back(q.h(a, a) > 1.0e-12 * largest ? 1.0 / std::sqrt(q.h(a, a)) : 0.0);
+    for (int a = 1; a <= m; ++a)
+        q.unit.push_back(q.h(a, a) > no_curvature * largest ? 1.0 / std::sqrt(q.h(a, a)) : 0.0);
     for (int a = 1; a <= m; ++a) {
         const double u = q.unit[at(a - 1)];
         q.least.push_back(u > 0.0 ? j.free[at(a - 1)].least / u : 0.0);
@@ -513,7 +521,7 @@ std::vector<double> maximise_model(const quadratic_model& q, std::vector<int>& h
             continue;
         }
         for (int a = 1; a <= q.size() && worst == 0 && turn <= q.size(); ++a)
-            if (held[at(a - 1)] && q.s[at(a - 1)] - q.curved(a, c) > 1.0e-10) worst = a;
+            if (held[at(a - 1)] && q.s[at(a - 1)] - q.curved(a, c) > upward) worst = a;
         if (worst == 0) break;
         held[at(worst - 1)] = 0;
     }
@@ -549,7 +557,7 @@ void note_vanishing(judgement& j, const std::vector<int>& held) {
             continue;
         }
         std::vector<parameter_change> drop;
-        for (const share& x : d.shares) drop.push_back({x.par, 0.9999 * d.least * x.coef});
+        for (const share& x : d.shares) drop.push_back({x.par, short_of_border * d.least * x.coef});
         j.verdict.lifts.push_back(std::move(drop));
     }
 }

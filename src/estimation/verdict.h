@@ -69,6 +69,7 @@ struct search_verdict {
 constexpr double verdict_limit = 0.001;        // promised gain below which a point counts as a maximum
 constexpr double vanished_variance = 1.0e-4;   // of the phenotypic one
 constexpr double vanished_correlation = 0.005; // distance of a correlation from 1
+constexpr double vanished_element = 0.01;      // of a factor, against the standard deviation of its row
 constexpr double flat_information = 1.0e-7;    // eigenvalue of the information, unit diagonal
 
 // Judges a point from its gradient and information.

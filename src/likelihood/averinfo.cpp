@@ -6,6 +6,7 @@
 #include "data/datavecs.h"
 #include "data/levels.h"
 #include "data/pedigreelist.h"
+#include "dense/general_inverse.h"
 #include "dense/numroutines.h"
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
@@ -90,40 +91,19 @@ void map_factor(int irand, effect_vectors& e) {
 // True if x of a principal block has to be had from the data and the relationship matrix.
 bool needs_relationships(int irand) { return options.superai || model.krfit(irand) < model.kkfit(irand); }
 
-// x = (I x Q'^-1) u for a square factor, by elimination with row interchanges.
+// x = (I x Q'^-1) u for a square factor. At a valid point no pivot of Q vanishes.
 void solve_transposed(int irand, effect_vectors& e) {
     const int n = e.n, nlev = levels.rn_nlev(irand);
-    std::vector<double> a(at(n) * at(n)), inverse(at(n) * at(n), 0.0); // rows of Q'
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j) a[at(i * n + j)] = randomvars.zig(j + 1, i + 1, irand);
-    for (int i = 0; i < n; ++i) inverse[at(i * n + i)] = 1.0;
-    for (int c = 0; c < n; ++c) {
-        int p = c;
-        for (int i = c + 1; i < n; ++i)
-            if (std::fabs(a[at(i * n + c)]) > std::fabs(a[at(p * n + c)])) p = i;
-        for (int j = 0; j < n; ++j) {
-            std::swap(a[at(c * n + j)], a[at(p * n + j)]);
-            std::swap(inverse[at(c * n + j)], inverse[at(p * n + j)]);
-        }
-        const double d = a[at(c * n + c)];
-        for (int j = 0; j < n; ++j) {
-            a[at(c * n + j)] /= d;
-            inverse[at(c * n + j)] /= d;
-        }
-        for (int i = 0; i < n; ++i) {
-            const double f = a[at(i * n + c)];
-            if (i == c || f == 0.0) continue;
-            for (int j = 0; j < n; ++j) {
-                a[at(i * n + j)] -= f * a[at(c * n + j)];
-                inverse[at(i * n + j)] -= f * inverse[at(c * n + j)];
-            }
-        }
-    }
+    array<double, 2> inverse;
+    inverse.allocate(n, n);
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j) inverse(i, j) = randomvars.zig(j, i, irand);
+    if (!invert_general(inverse, n)) stop("this should not happen");
     e.v.assign(at(nlev) * at(n), 0.0);
     for (int l = 0; l < nlev; ++l)
         for (int i = 0; i < n; ++i)
             for (int j = 0; j < n; ++j)
-                e.v[at(l) * at(n) + at(i)] += inverse[at(i * n + j)] * e.u[at(l) * at(n) + at(j)];
+                e.v[at(l) * at(n) + at(i)] += inverse(i + 1, j + 1) * e.u[at(l) * at(n) + at(j)];
 }
 
 // R^-1 e of the subject in the stream.
@@ -175,13 +155,16 @@ double inner(const std::vector<double>& a, const std::vector<double>& b) {
     return s;
 }
 
+constexpr double solved = 1.0e-26; // squared length of what is left against that of the right-hand side: 13 digits
+constexpr std::size_t turns_per_row = 3, least_turns = 100; // exact arithmetic needs one a row
+
 // x += S^-1 r by conjugate gradients, scaled by the diagonal (Hestenes and Stiefel 1952). r becomes what is left of it.
 void conjugate_gradients(int irand, const std::vector<double>& diagonal, double goal, std::vector<double>& r,
                          std::vector<double>& x) {
     const std::size_t n = r.size();
     std::vector<double> p(n), h(n), s;
     double rho = 0.0;
-    for (std::size_t turn = 0; turn < 3 * n + 100 && inner(r, r) > goal; ++turn) {
+    for (std::size_t turn = 0; turn < turns_per_row * n + least_turns && inner(r, r) > goal; ++turn) {
         for (std::size_t i = 0; i < n; ++i) h[i] = r[i] / diagonal[i];
         const double next = inner(r, h), beta = turn == 0 ? 0.0 : next / rho;
         rho = next;
@@ -203,7 +186,7 @@ void solve_given(int irand, const std::vector<double>& z, std::vector<double>& x
     x.assign(z.size(), 0.0);
     std::vector<double> r = z, s;
     for (int pass = 1; pass <= 2; ++pass) { // the second starts from the residual as it is, not as it was updated
-        conjugate_gradients(irand, diagonal, 1.0e-26 * inner(z, z), r, x);
+        conjugate_gradients(irand, diagonal, solved * inner(z, z), r, x);
         multiply_given(irand, x, s);
         for (std::size_t i = 0; i < r.size(); ++i) r[i] = z[i] - s[i];
     }

@@ -25,10 +25,12 @@ namespace {
 
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
-// All stores together: unless places.most says how many, an eighth of the factor's bytes and some more.
+// All stores together: unless places.most says how many, an eighth of the factor's bytes and 48 MB more, in all at most
+// 192 MB (four bytes a pair).
+constexpr std::size_t places_limit = 48'000'000, places_base = 12'000'000;
 std::size_t most_places() {
     if (places.most > 0) return places.most;
-    return std::min<std::size_t>(48'000'000, 12'000'000 + static_cast<std::size_t>(sparse.maxlnz) / 4);
+    return std::min(places_limit, places_base + static_cast<std::size_t>(sparse.maxlnz) / 4);
 }
 
 std::size_t places_held() {

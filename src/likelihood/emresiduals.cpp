@@ -25,7 +25,10 @@ namespace {
 constexpr double least_eigenvalue = 1.0e-4; // of a covariance matrix: what is below is raised when it is used
 constexpr double least_share = 0.2;         // of its old value that a variance keeps in a step that is cut
 constexpr int most_steps = 100;
-constexpr double same = 1.0e-11; // relative change of the covariances that ends the steps
+constexpr double rounding = 1.0e-13;  // of the objective
+constexpr double least_step = 1.0e-6; // share of a step that is still tried
+constexpr double balance_step = 0.25; // shares of the repeat covariances that are tried
+constexpr double same = 1.0e-11;      // relative change of the covariances that ends the steps
 
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
@@ -303,12 +306,12 @@ std::vector<double> guarded(const em_quantities& q, const std::vector<double>& o
     const least_eigenvalues from = margins(old);
     double before = 0.0, now = 0.0;
     residual_objective(q, old, before);
-    const double limit = before + 1.0e-13 * std::fabs(before); // rounding
+    const double limit = before + rounding * std::fabs(before);
     std::vector<double> theta(old.size());
-    for (double step = 1.0; step > 1.0e-6; step *= 0.5) {
+    for (double step = 1.0; step > least_step; step *= 0.5) {
         for (std::size_t i = 0; i < theta.size(); ++i) theta[i] = old[i] + step * change[i];
         for (const std::vector<double>& base : {theta, with_variances(theta, old)})
-            for (double share = 0.0; share <= (residualvars.peqsum ? 1.0 : 0.0); share += 0.25) {
+            for (double share = 0.0; share <= (residualvars.peqsum ? 1.0 : 0.0); share += balance_step) {
                 const std::vector<double> trial = share > 0.0 ? balanced(base, share) : base;
                 if (may_be(trial, from) && residual_objective(q, trial, now) && now <= limit) return trial;
             }

@@ -34,12 +34,12 @@ namespace tarvex {
 
 namespace {
 
-constexpr int table_rows = 200, table_drop = 20;
+constexpr int table_drop = 20; // oldest rows that a full table gives up
 
 void allocate_table(int nparm) {
     auto& l = likelihoods;
     if (!l.likesav.allocated() || l.likesav.upper(1) != nparm + 1) {
-        allocate("all likesav", l.likesav, nparm + 1, table_rows);
+        allocate("all likesav", l.likesav, nparm + 1, likelihood_rows);
         l.nlike = 0;
     }
     if (l.lastpar.upper() != nparm) {
@@ -160,10 +160,10 @@ void tell_evaluation(double xlike) {
 
 void table_evaluation(const array<double>& p, int nparm, double xlike) {
     auto& l = likelihoods;
-    if (l.nlike == table_rows) {
-        for (int row = table_drop + 1; row <= table_rows; ++row)
+    if (l.nlike == likelihood_rows) {
+        for (int row = table_drop + 1; row <= likelihood_rows; ++row)
             std::ranges::copy(l.likesav.column(row), l.likesav.column(row - table_drop).begin());
-        l.nlike = table_rows - table_drop;
+        l.nlike = likelihood_rows - table_drop;
     }
     if (xlike == l.xlast && l.nlike > 0) return;
     ++l.nlike;

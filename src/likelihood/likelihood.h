@@ -8,6 +8,8 @@
 
 namespace tarvex {
 
+constexpr int likelihood_rows = 200; // of the table of evaluations
+
 struct likelihoods_module {
     double detc = 0.0;           // log determinant of the coefficient matrix
     double ypy = 0.0;            // y'Py

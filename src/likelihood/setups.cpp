@@ -18,8 +18,6 @@ namespace tarvex {
 
 namespace {
 
-constexpr int maxlike = 200; // evaluations in the table
-
 void numeric_store() {
     const int n = numbers.nsrow;
     allocate("alloc sparse", sparse.diag, n);
@@ -47,7 +45,7 @@ void setup4like() {
     const int ncombi = std::max(1, combinations.ncombi);
     if (residualvars.detres.size() != ncombi) allocate("detres", residualvars.detres, ncombi);
     if (!likelihoods.likesav.allocated()) {
-        allocate("all likesav", likelihoods.likesav, estimates.nparm + 1, maxlike);
+        allocate("all likesav", likelihoods.likesav, estimates.nparm + 1, likelihood_rows);
         likelihoods.nlike = 0;
     }
 }

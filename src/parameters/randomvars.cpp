@@ -40,7 +40,7 @@ void invert_diagonal(int irand, const array<double>& cc) {
     randomvars.deficient(irand) = 0;
     for (int i = 1; i <= n; ++i) {
         const double w = cc(ihmssf(i, i, n));
-        const bool vanishes = !(w >= 100.0 * numbers.zero);
+        const bool vanishes = !(w >= least_variance());
         if (vanishes) randomvars.deficient(irand) = 1;
         for (int j = 1; j <= n; ++j) randomvars.zig(i, j, irand) = 0.0;
         randomvars.zig(i, i, irand) = vanishes ? 0.0 : 1.0 / w;
@@ -81,7 +81,7 @@ void invert_full(int irand, const array<double>& cc) {
     array<double, 2> vectors;
     array<double> eig;
     int nzero = 0;
-    eigem(a, eig, vectors, n, 100.0 * numbers.zero, nzero);
+    eigem(a, eig, vectors, n, least_variance(), nzero);
     double detg = 0.0;
     randomvars.deficient(irand) = nzero > 0 ? 1 : 0;
     if (nzero == 0 && invert_by_factor(irand, a, randomvars.detg(irand))) return;

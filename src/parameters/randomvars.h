@@ -1,5 +1,6 @@
 // Inverses of the covariance blocks of the random effects.
 #pragma once
+#include "control/numbers.h"
 #include "support/array.h"
 
 namespace tarvex {
@@ -12,7 +13,10 @@ struct randomvars_module {
 };
 inline randomvars_module randomvars;
 
-// Block inverses at parvec. A block with vanishing eigenvalues (below 100 numbers.zero) gets the generalised inverse
+// Variances and eigenvalues below it vanish.
+inline double least_variance() { return 100.0 * numbers.zero; }
+
+// Block inverses at parvec. A block with vanishing eigenvalues (below least_variance) gets the generalised inverse
 // over the others and the mark `deficient`. ifail 1: invalid point.
 void g_inverse(array<double>& parvec, int& ifail);
 

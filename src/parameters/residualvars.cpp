@@ -19,6 +19,8 @@ namespace tarvex {
 
 namespace {
 
+constexpr double pattern_zeros = 0.01; // numbers.zero that the pivots of a pattern have to reach
+constexpr double margin = 1.0e-6;      // relative, of eigenvalues above numbers.zero: rounding of pivots
 constexpr double small_pivot = 1.0e-5; // gen_inverse tells of pivots below it
 
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
@@ -171,7 +173,7 @@ void invert_pattern(int icombi, int& ifail) {
                 w[at(ihmssf(i, j, n) - 1)] = record_covariance(traits[at(i - 1)], traits[at(j - 1)], i == j);
         kept = w;
         int rank = 0, negative = 0;
-        gen_inverse(w, n, numbers.zero * 0.01, rank, ldet, &negative);
+        gen_inverse(w, n, numbers.zero * pattern_zeros, rank, ldet, &negative);
         if (rank < n) show_singular(n, rank, icombi, kept);
         if (rank < n || negative > 0 || nearly_singular(w, kept, n)) {
             inverse = {};
@@ -223,7 +225,7 @@ void rinv_ranreg(array<double>& parvec, int& ifail) {
         int nzero = 0;
         eigem(a, eig, vectors, nq, numbers.zero, nzero);
         // the matrices of subjects are inverted with pivots above that limit: what fails there fails here
-        if (nzero > 0 || !(*std::min_element(eig.begin(), eig.end()) > numbers.zero * (1.0 + 1.0e-6))) ifail = 1;
+        if (nzero > 0 || !(*std::min_element(eig.begin(), eig.end()) > numbers.zero * (1.0 + margin))) ifail = 1;
     }
 }
 

@@ -28,8 +28,11 @@ namespace {
 constexpr double log_at_start = 0.625; // factor diagonals below it go to the log scale when a block is built
 constexpr double log_in_run = 0.25;    // ... and below it ask for the switch during the iterations
 constexpr double log_low = -9.0, log_high = 22.0;
-constexpr double eigen_floor = 1.0e-4; // smallest eigenvalue of a block on the "Original" scale
-constexpr double pivot_floor = 0.0005; // pivot of its factor when it is smaller than numbers.zero
+constexpr double eigen_floor = 1.0e-4;     // smallest eigenvalue of a block on the "Original" scale
+constexpr double below_pivots = -1.0e10;   // no diagonal falls as low
+constexpr double shrink_accuracy = 1.0e-4; // of the share to which covariances are shrunk
+constexpr double rounding = 1.0e-10;       // a negative pivot against the largest variance
+constexpr double pivot_floor = 0.0005;     // pivot of its factor when it is smaller than numbers.zero
 
 int triangle(int n) { return n * (n + 1) / 2; }
 int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
@@ -170,7 +173,7 @@ void label_covariances() {
 int next_pivot(const array<double, 2>& a, const array<int>& order, int c, bool by_size, const zero_pattern* zeros) {
     if (!by_size && !zeros) return c;
     int at = c;
-    double most = -1.0e10;
+    double most = below_pivots;
     for (int p = c; p <= order.upper(); ++p) {
         if (!(a(order(p), order(p)) > most) || (zeros && !may_be_pivot(*zeros, order, c, p))) continue;
         most = a(order(p), order(p));
@@ -384,7 +387,7 @@ void raise_beside_zeros(array<double>& cc, int n, int step) {
     for (int i = 1; i <= n; ++i) cc(ihmssf(i, i, n)) = std::max(cc(ihmssf(i, i, n)), 2.0 * eigen_floor);
     double low = 0.0, high = 1.0;
     if (count_small(cc, n, 1.0) == 0) low = 1.0;
-    while (high - low > 1.0e-4) {
+    while (high - low > shrink_accuracy) {
         const double middle = 0.5 * (low + high);
         (count_small(cc, n, middle) == 0 ? low : high) = middle;
     }
@@ -543,7 +546,7 @@ bool start_factor(int irand, array<double, 2>& q, array<int>& order) {
     }
     for (int i = 1; i <= n; ++i)
         for (int c = 1; c <= model.krfit(irand); ++c) q(i, c) *= row_unit(irand, i);
-    return !vanishes || bad >= -1.0e-10 * largest;
+    return !vanishes || bad >= -rounding * largest;
 }
 
 void diagonals_to_logs(int irand, array<double>& parvec) {

@@ -54,6 +54,9 @@ double phenotypic(int irand, int i, const std::vector<double>& cov) {
     return function_value(phenotypic_covariance(iq, iq), cov);
 }
 
+constexpr double least_size = 1.0e-300; // nothing is divided by 0
+constexpr double named_share = 0.1;     // of the largest: coefficients of a flat combination that are listed
+
 // The block scaled to unit diagonal, but for small variances: one at the border has a diagonal of vanished_correlation.
 matrix scaled(const matrix& k, int irand, const std::vector<double>& cov, column& scale) {
     const auto n = k.rows();
@@ -61,7 +64,7 @@ matrix scaled(const matrix& k, int irand, const std::vector<double>& cov, column
     for (Eigen::Index i = 0; i < n; ++i) {
         const double floor =
             small_variance / vanished_correlation * std::fabs(phenotypic(irand, static_cast<int>(i) + 1, cov));
-        scale(i) = std::sqrt(std::max({k(i, i), floor, 1.0e-300}));
+        scale(i) = std::sqrt(std::max({k(i, i), floor, least_size}));
     }
     return scale.cwiseInverse().asDiagonal() * k * scale.cwiseInverse().asDiagonal();
 }
@@ -111,7 +114,7 @@ void rank_of(const matrix& info, const column& size) {
         std::vector<flat_item> items;
         const double most = d.cwiseAbs().maxCoeff();
         for (Eigen::Index l = 0; l < d.size(); ++l)
-            if (std::fabs(d(l)) > 0.1 * most)
+            if (std::fabs(d(l)) > named_share * most)
                 items.push_back({f.names[static_cast<std::size_t>(use[static_cast<std::size_t>(l)])], d(l) / most});
         f.flat.push_back(items);
     }

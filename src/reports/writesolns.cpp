@@ -224,6 +224,8 @@ std::vector<random_value> level_solutions(int irand, int level) {
     return all;
 }
 
+constexpr double told_as_zero = 0.0005; // by the three digits of an accuracy
+
 // Returns how many accuracies are negative.
 int write_random(text_out& out, int irand) {
     constexpr edit_form coded{"(i6,i14,i3,2g16.6, f8.3)"}, further{"(i6,14x,i3,2g16.6, f8.3)"};
@@ -236,7 +238,7 @@ int write_random(text_out& out, int irand) {
         for (const random_value& x : level_solutions(irand, i)) {
             if (++r; with_errors()) {
                 const double yy = accuracy(x.pev, x.variance * factors[static_cast<std::size_t>(i - 1)]);
-                negative += yy < -0.0005 ? 1 : 0;
+                negative += yy < -told_as_zero ? 1 : 0;
                 if (r == 1)
                     write(out, coded, i, icode, r, x.solution, root_or_raw(x.pev), yy);
                 else

@@ -18,8 +18,6 @@ namespace tarvex {
 
 namespace {
 
-std::size_t hash(std::uint64_t key) { return static_cast<std::size_t>((key * 0x9E3779B97F4A7C15U) >> 20); }
-
 // Structure of the rows `eq` in the given order, with the coefficients in their places.
 void lay_out(row_factor& f, const normal_equations& a) {
     std::vector<int> place(static_cast<std::size_t>(a.n), 0);
@@ -314,44 +312,19 @@ std::vector<int> fill_reducing_order(const normal_equations& a, const std::vecto
 } // namespace
 
 normal_equations::normal_equations(int size)
-    : n(size), diag(static_cast<std::size_t>(size), 0.0), rhs(static_cast<std::size_t>(size), 0.0), key_(1024, 0),
-      sum_(1024, 0.0) {}
+    : n(size), diag(static_cast<std::size_t>(size), 0.0), rhs(static_cast<std::size_t>(size), 0.0) {}
 
 void normal_equations::add(int i, int j, double x) {
-    if (2 * used_ > key_.size()) grow();
     const auto row = static_cast<std::uint64_t>(std::min(i, j)), column = static_cast<std::uint64_t>(std::max(i, j));
-    const std::uint64_t key = (row << 32U) | column; // never 0, as column > row
-    std::size_t at = hash(key) & (key_.size() - 1);
-    while (key_[at] != 0 && key_[at] != key) at = (at + 1) & (key_.size() - 1);
-    if (key_[at] == 0) {
-        key_[at] = key;
-        ++used_;
-    }
-    sum_[at] += x;
-}
-
-void normal_equations::grow() {
-    const auto keys = std::move(key_);
-    const auto sums = std::move(sum_);
-    key_.assign(2 * keys.size(), 0);
-    sum_.assign(2 * keys.size(), 0.0);
-    for (std::size_t k = 0; k < keys.size(); ++k) {
-        if (keys[k] == 0) continue;
-        std::size_t at = hash(keys[k]) & (key_.size() - 1);
-        while (key_[at] != 0) at = (at + 1) & (key_.size() - 1);
-        key_[at] = keys[k];
-        sum_[at] = sums[k];
-    }
+    sums_[(row << 32U) | column] += x; // never 0, as column > row
 }
 
 void normal_equations::finish() {
-    if (used_ >= INT_MAX) stop("alloc zhz");
+    if (sums_.size() >= INT_MAX) stop("alloc zhz");
     std::vector<std::pair<std::uint64_t, double>> all;
-    all.reserve(used_);
-    for (std::size_t k = 0; k < key_.size(); ++k)
-        if (key_[k] != 0) all.emplace_back(key_[k], sum_[k]);
-    key_ = {};
-    sum_ = {};
+    all.reserve(sums_.size());
+    sums_.each([&](std::uint64_t key, double x) { all.emplace_back(key, x); });
+    sums_ = {};
     std::sort(all.begin(), all.end());
     start.assign(static_cast<std::size_t>(n) + 1, 0);
     for (const auto& [key, x] : all) {

@@ -2,6 +2,7 @@
 // order would meet: an equation is dependent if its column is a combination of columns in front of it.
 #pragma once
 #include "support/array.h"
+#include "support/hash_map.h"
 
 #include <cstdint>
 #include <vector>
@@ -22,10 +23,7 @@ struct normal_equations {
     std::vector<double> value;
 
 private:
-    void grow();
-    std::vector<std::uint64_t> key_; // hash table: row and column, 0 free
-    std::vector<double> sum_;
-    std::size_t used_ = 0;
+    hash_map<double> sums_; // by row and column
 };
 
 // A = U'D^-1U by rows in elimination order, from 1: row k holds its pivot and its elements x behind the diagonal, not

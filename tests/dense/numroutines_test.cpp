@@ -1,6 +1,7 @@
 // Dense matrix routines against closed forms and plain matrix products.
 #include "dense/numroutines.h"
 
+#include "dense/general_inverse.h"
 #include "support/fixture.h"
 
 #include <cmath>
@@ -319,6 +320,34 @@ TEST_F(numroutines, invvert_takes_indefinite_matrices) {
     EXPECT_NEAR(a[0], -1.0 / 3, 1e-15);
     EXPECT_NEAR(a[1], 2.0 / 3, 1e-15);
     EXPECT_NEAR(a[2], -1.0 / 3, 1e-15);
+}
+
+TEST_F(numroutines, inverse_of_any_regular_matrix) {
+    std::mt19937 gen(7);
+    std::normal_distribution<double> normal;
+    for (const int n : {1, 2, 5, 9}) {
+        array<double, 2> a; // two rows and columns more than the part that is inverted
+        a.allocate(n + 2, n + 2);
+        for (double& x : a) x = normal(gen);
+        a(1, 1) = n > 1 ? 0.0 : -2.5; // rows have to change places
+        array<double, 2> inverse = a;
+        ASSERT_TRUE(invert_general(inverse, n));
+        for (int i = 1; i <= n; ++i)
+            for (int j = 1; j <= n; ++j) {
+                double s = 0.0;
+                for (int k = 1; k <= n; ++k) s += a(i, k) * inverse(k, j);
+                EXPECT_NEAR(s, i == j ? 1.0 : 0.0, 1e-12) << n;
+            }
+        EXPECT_EQ(inverse(n + 1, 1), a(n + 1, 1));
+        EXPECT_EQ(inverse(1, n + 2), a(1, n + 2));
+    }
+}
+
+TEST_F(numroutines, singular_matrix_has_no_inverse) {
+    auto a = full_of(3, {1, 2, 3, 2, 4, 6, 1, 0, 1});
+    EXPECT_FALSE(invert_general(a, 3));
+    a = full_of(2, {std::nan(""), 1, 1, 1});
+    EXPECT_FALSE(invert_general(a, 2));
 }
 
 TEST_F(numroutines, solve_by_the_factor) {
