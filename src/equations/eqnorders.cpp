@@ -151,12 +151,14 @@ void renumbered_pattern(array<int>& xadj, array<int>& adjncy) {
     const auto& list = linked_list;
     const int n = numbers.nsrow;
     auto place = [&](int i) { return i == n ? n : orders.invprm(i); };
+    // counts one place further on, then sums: xadj(i) is where row i starts
     xadj.allocate(n + 1);
     for (int i = 1; i <= n; ++i)
         for (int k = list.ifirst(i); k > 0; k = list.inext(k)) ++xadj(std::min(place(i), place(list.ivcol(k))) + 1);
     xadj(1) = 1;
     for (int i = 1; i <= n; ++i) xadj(i + 1) += xadj(i);
     allocate_large("ADJNCY", adjncy, xadj(n + 1) - 1);
+    // next(i): first free place of row i
     array<int> next = xadj;
     for (int i = 1; i <= n; ++i)
         for (int k = list.ifirst(i); k > 0; k = list.inext(k)) {
@@ -294,11 +296,13 @@ bool race(trial_state& t) {
         place(orders.invprm.begin(), orders.invprm.end());
     for (auto* map : {&node, &place})
         for (int& k : *map) --k;
+    // counts of the factor without laying it out: the race costs its orders alone
     factor_counts best = count_factor(g, node, place);
     if (best.operations < orders.race_from) return false;
     append_counts(orders.order_type, orders.metis_opts, best.elements, best.operations);
     node_order winner;
     double spent = 0.0;
+    // they end where the next one would cost more than it can save (order_race.h)
     for (const entrant& e : entrants()) {
         if (orders.race_price > 0.0 && !affordable(e, best.operations, spent, g.n)) continue;
         spent += orders.race_price * e.cost * g.n;

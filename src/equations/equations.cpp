@@ -113,6 +113,7 @@ void equation_nos() {
     allocate("alloc start", mmequations.fx_start, std::max(1, largest(model.nfix)), nq);
     allocate("alloc start", mmequations.ieq_trait, nq);
     mmequations.ieqzero.clear();
+    // in this order: covariables, fixed effects, random effects, means
     long long ibegin = 0;
     number_covariables(ibegin);
     mmequations.neq_cov = cut(ibegin);
@@ -147,6 +148,7 @@ void new_eqnnos() {
     allocate("alloc jvec", jvec, std::max(1, numbers.maxnreq));
     recoded_sums.new_lists.clear();
     int n = 0;
+    // every number is looked at: the file may be another run's, or torn
     while (in.next()) {
         int nr = 0;
         ++n;

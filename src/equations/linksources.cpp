@@ -83,6 +83,7 @@ struct record_groups {
         const int n = d.nobs;
         group.resize(static_cast<std::size_t>(n));
         if (options.randreg) {
+            // records at one place of the controls, of traits that are tied
             group = components(n, [&](int i, int j) {
                 const int iq = trait_of(d, i + 1), jq = trait_of(d, j + 1);
                 return d.imeta(control[iq - 1], i + 1) == d.imeta(control[jq - 1], j + 1) &&

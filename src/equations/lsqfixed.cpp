@@ -125,6 +125,7 @@ void lsq_fixed() {
     const fixed_rows rows = make_rows();
     const int n = rows.count();
     normal_equations a(n);
+    // equations that depend on those before them go out of the mixed model equations
     const lsq_rank r = eliminate(rows, a);
     tell_elements(n, static_cast<long long>(a.col.size()), r.elements);
     for (const auto& [row, pivot] : r.dependent) {

@@ -3,9 +3,9 @@
 
 namespace tarvex {
 
-// Rounds from estimates.parvec, at most nits. In the default plan they end with the first worth less than xlimit in log
-// L; otherwise by maximise.emconv_like, or where the parameters stand still: maximise.converged. A round without a
-// valid point ends them too.
+// Rounds from estimates.parvec, at most nits. In the default plan, and where the method in hand goes by_gain, they
+// end with the first worth less than xlimit in log L; otherwise by maximise.emconv_like, or where the parameters stand
+// still: maximise.converged. A round without a valid point ends them too.
 //   iround  rounds of the run, goes on      xlike  log L behind the last valid round
 // Leaves the last point in estimates.parvec, cchanges, aireml_terms.alpha, pnorm, iterate_log.ended and a line a round
 // in Iterates. An expansion that lowers log L is given up for the run (search_state.method.pxem).

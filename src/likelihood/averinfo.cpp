@@ -166,11 +166,13 @@ void conjugate_gradients(int irand, const std::vector<double>& diagonal, double 
     double rho = 0.0;
     for (std::size_t turn = 0; turn < turns_per_row * n + least_turns && inner(r, r) > goal; ++turn) {
         for (std::size_t i = 0; i < n; ++i) h[i] = r[i] / diagonal[i];
+        // rho = r'h; p is conjugate to all directions before it
         const double next = inner(r, h), beta = turn == 0 ? 0.0 : next / rho;
         rho = next;
         for (std::size_t i = 0; i < n; ++i) p[i] = h[i] + beta * p[i];
         multiply_given(irand, p, s);
         const double curvature = inner(p, s);
+        // S is not positive definite, or r is exhausted
         if (!(curvature > 0.0)) return;
         const double step = rho / curvature;
         for (std::size_t i = 0; i < n; ++i) {
@@ -198,6 +200,7 @@ void multiply_relationships(int irand, effect_vectors& e) {
     const bool given = mudmap.kovrnd(irand) == covariance_kind::gin;
     if (options.write_factor && !given) check_cholnrm(irand);
     const int nlev = levels.rn_nlev(irand);
+    // the columns of a level stand together in v: one place at a time over all levels
     std::vector<double> z(at(nlev)), az;
     for (int p = 0; p < e.n; ++p) {
         for (int l = 0; l < nlev; ++l) z[at(l)] = e.v[at(l) * at(e.n) + at(p)];
@@ -267,6 +270,7 @@ public:
         b.assign(at(d.nobs) * np, 0.0);
         weighted_residuals(stream, ehat_, re_);
         residual_columns(stream.record());
+        // b(i) is row i of B: the residual part stands, the effects of the record are added
         for (int i = 0; i < d.nobs; ++i)
             for (int k = d.efirst[at(i)]; k < d.efirst[at(i + 1)]; ++k) {
                 const design_effect& f = d.effects[at(k)];
@@ -453,6 +457,7 @@ void substitute(array<double>& brx) {
     array<double, 2> block;
     for (int from = 0; from < np; from += columns_at_once) {
         const int k = std::min(columns_at_once, np - from);
+        // the last block may be narrower
         if (block.upper(2) != k) block.allocate(numbers.nsrow, k);
         for (int i = 1; i <= n; ++i)
             for (int c = 1; c <= k; ++c) block(i, c) = brx(static_cast<std::ptrdiff_t>(i - 1) * np + from + c);
@@ -508,6 +513,7 @@ void average_info() {
     allocate("all zre", derivs.aimat, np * (np + 1) / 2);
     allocate("all zre", derivs.devl2, np * (np + 1) / 2);
     array<double> brx;
+    // parameters of an equation stand together: a record adds a row to each of its equations
     allocate_large("brx", brx, static_cast<long long>(numbers.nsrow) * np);
     const std::vector<effect_vectors> effects = set_bmat();
     b_matrix(effects, brx);

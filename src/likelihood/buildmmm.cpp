@@ -50,6 +50,8 @@ double& lower(std::vector<double>& a, int l, int m) {
     return a[at(l) * at(l + 1) / 2 + at(m)];
 }
 
+// Independent records: each adds r w w' alone. A record may name an equation twice: both orders of such a
+// pair fall on the diagonal.
 void add_diagonal(const design_part& part, local_matrix& w) {
     const subject_design& d = *part.design;
     for (int i = 0; i < d.nobs; ++i) {
@@ -68,9 +70,12 @@ void add_diagonal(const design_part& part, local_matrix& w) {
     }
 }
 
+// Row i of R^-1 times the design first (t), then the design of record i times t: n instead of n^2 products of rows.
+// Only the lower triangle of a is formed: the symmetric partner comes with the row of the other record.
 void add_full(const design_part& part, local_matrix& w) {
     const subject_design& d = *part.design;
     for (int i = 0; i < d.nobs; ++i) {
+        // t = sum over j of R^-1(i,j) times row j of the design, ty the same for y
         w.t.assign(at(d.nl), 0.0);
         double ty = 0.0;
         for (int j = 0; j < d.nobs; ++j) {
@@ -108,6 +113,7 @@ bool scatter(int nl, const int* eq, const double* a, const double* b, double yy,
     auto& xspars = sparse.xspars;
     for (int l = 0; l < nl; ++l) {
         const int i = eq[l];
+        // a walks through the packed triangle; the cursor counts every pair, also those without a value
         for (int m = 0; m < l; ++m, ++a) {
             const int p = place(i, eq[m]);
             if (*a == 0.0) continue;
@@ -165,6 +171,7 @@ bool add_by_chunks(int chunks, const subject_stream& stream, place_cursor& place
     const int threads = threads_at_work()->threads();
     std::vector<formed_chunk> formed(at(threads));
     for (int first = 0; first < chunks; first += threads) {
+        // as many chunks as there are threads: none waits for long, and no more than these are held
         const int end = std::min(chunks, first + threads);
         share_chunks(
             first, end, [&] { return std::make_unique<chunk_stream>(stream); },
@@ -182,6 +189,7 @@ bool add_in_turn(subject_stream& stream, place_cursor& place) {
     local_matrix w;
     part_splitter parts(stream);
     design_part part;
+    // chunks begin where they do with threads, so that sums are formed in one order
     for (;;) {
         if (stream.isubj() % places.together == 0) place.mark(stream.place_of_next());
         if (!stream.next()) return true;
@@ -247,6 +255,7 @@ struct block_adder {
         else
             no_place(a, b);
     }
+    // ww is G^-1, or the identity where the equations are those of the factor.
     // Adds aa times the block at levels ii, jj.
     void add_block(int ii, int jj, double aa) {
         const int* ei = eq + static_cast<std::ptrdiff_t>(ii - 1) * n;

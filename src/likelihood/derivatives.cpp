@@ -80,6 +80,7 @@ void set_principal(const factor_sums& d) {
 // Covariances of a full-rank block, from T(i,j) = sum of A^-1 times X: K = G^-1 T G^-1.
 void block_derivatives(int irand, const pattern_values& x) {
     array<double, 2> t;
+    // T is symmetric: covariance (i,j) stands for both elements of G, hence the factor 2
     structure_sums(irand, x, t);
     const int n = model.kkfit(irand);
     const auto& g = randomvars.zig;
@@ -91,6 +92,7 @@ void block_derivatives(int irand, const pattern_values& x) {
             for (int r = 1; r <= n; ++r)
                 for (int s = 1; s <= n; ++s) k += g(i, r, irand) * t(r, s) * g(s, j, irand);
             const double times = i == j ? 1.0 : 2.0;
+            // log|G| gives -nlev/2 tr(G^-1 dG), y'Py and log|C| together K
             derivs.devc(par) = -times * k;
             derivs.devl1(par) = times * (k - 0.5 * nlev * g(i, j, irand));
         }
@@ -132,6 +134,7 @@ void data_pass(const pattern_values& x) {
             add_products(p, mine.patterns);
         if (options.principal) add_loads(p, 2.0, mine.factors);
     });
+    // added in the order of the subjects, whoever has formed them
     chunk_sums& all = sums.front();
     for (std::size_t c = 1; c < sums.size(); ++c) all.add(sums[c]);
     if (!options.randreg) all.residual.add_patterns(all.patterns);
@@ -160,6 +163,7 @@ void derivatives_mmm() {
     need_evaluation("derivatives_mmm");
     allocate("all devl1", derivs.devc, nparm);
     allocate("all devl1", derivs.devl1, nparm);
+    // from here on the store holds F; half of it is X between two equations, see structure_sums.h
     autodiff_in_place();
     if (options.details) print_list(screen(), " Auto differentiation complete");
 

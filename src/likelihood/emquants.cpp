@@ -217,6 +217,7 @@ void em_expectations(const em_request& request, em_quantities& q) {
     const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
     q.quads.assign(at(numbers.krand), {});
     std::vector<std::unique_ptr<em_chunk>> chunks = make_chunks(&request);
+    // X = F/2 as for the gradient: here all sums are twice those of it
     const bool with_effects = options.principal || chunks.front()->expansion->any();
     walk_products(x, with_effects, [&](int chunk, const part_products& p) {
         em_chunk& mine = *chunks[at(chunk)];

@@ -65,6 +65,7 @@ std::vector<double> complete_patterns(const em_quantities& q) {
         subjects += np;
         const std::vector<int> o = pattern_traits(k);
         const pattern_matrix& inv = residualvars.eei[at(k - 1)];
+        // B = R(all,o) R(o,o)^-1: regression on the records of the pattern
         array<double, 2> B;
         B.allocate(nq, s.n);
         for (int i = 1; i <= nq; ++i)
@@ -72,6 +73,7 @@ std::vector<double> complete_patterns(const em_quantities& q) {
                 for (int l = 1; l <= s.n; ++l) B(i, j) += R(i, o[at(l - 1)]) * inv(l, j);
         for (int i = 1; i <= nq; ++i)
             for (int j = 1; j <= nq; ++j) {
+                // E(e e') = np (R - B R(o,.)) + B S B'
                 double x = np * R(i, j);
                 for (int l = 1; l <= s.n; ++l) {
                     x -= np * B(i, l) * R(o[at(l - 1)], j);

@@ -54,6 +54,7 @@ void multiply(const design_part& part, const local_values& w, part_products& out
     out.m.n = n;
     out.m.diagonal = records_independent();
     out.m.v.assign(out.m.diagonal ? at(n) : at(n) * at(n), 0.0);
+    // p(j) = X w_j with y as one more equation; row j of M needs the columns up to j only
     for (int j = 0; j < n; ++j) {
         double* p = out.p.data() + at(j) * nl;
         double q = part.y[j] * w.yy;
@@ -143,6 +144,7 @@ void walk_products(const pattern_values& x, bool with_effects, const visitor& vi
         share_chunks(
             0, chunks, [&] { return std::make_unique<products_worker>(stream); },
             [&](products_worker& worker, int chunk) {
+                // each chunk knows where its pairs begin in the list of places
                 place_cursor place(places.subjects, x.fo, places.subjects.marks[at(chunk)]);
                 worker.chunk.start(chunk);
                 while (worker.chunk.next()) worker.parts.visit(chunk, x, place, visit);
@@ -229,6 +231,7 @@ pattern_matrix between_inverses(const pattern_matrix& rinv, const pattern_matrix
             for (std::size_t i = 0; i < n; ++i) k.v[i + j * n] = rinv.v[i] * rinv.v[j] * m.v[i + j * n];
         return k;
     }
+    // R^-1 M first, then times R^-1: n^3 each
     std::vector<double> rm(n * n, 0.0);
     for (int j = 1; j <= m.n; ++j)
         for (int l = 1; l <= m.n; ++l)

@@ -142,6 +142,7 @@ void subject_stream::add_random(int i, int iq, int j) {
     const subject_record& r = record();
     const int irand = mudmap.rn_irand(j, iq);
     if (irand < 1 || mudmap.kovrnd(irand) == covariance_kind::peq) return;
+    // positions from .. from+width-1 of ieqnr hold the equations of this effect; 0: the record lacks it
     const int from = ddvecs.kkst(j, iq), width = ddvecs.kkst(j + 1, iq) - from;
     if (width < 1 || r.ieqnr(from, i + 1) <= 0) return;
     const double* w = nullptr;
@@ -170,7 +171,9 @@ void subject_stream::form_design() {
     d.weight.clear();
     d.efirst.assign(1, 0);
     d.effects.clear();
+    // -2: not met in this subject, -1: taken out, else the local number
     jlocal_.assign(at(r.nr + 1), -2);
+    // of the covariables only those that the last subject has met: the table is long
     for (int c : cmet_) clocal_[at(c)] = -2;
     cmet_.clear();
     for (int i = 0; i < d.nobs; ++i) {
@@ -230,6 +233,7 @@ void part_splitter::cut_row(int i) {
     row_.effects.clear();
     for (int k = d.first[at(i)]; k < d.first[at(i + 1)]; ++k) {
         const int e = d.eq[at(d.local[at(k)])];
+        // a row is short: looking through it is cheaper than a table
         const auto seen = std::find(row_.eq.begin(), row_.eq.end(), e);
         row_.local.push_back(static_cast<int>(seen - row_.eq.begin()));
         if (seen == row_.eq.end()) row_.eq.push_back(e);
@@ -239,6 +243,7 @@ void part_splitter::cut_row(int i) {
     row_.first = {0, static_cast<int>(row_.local.size())};
     for (int k = d.efirst[at(i)]; k < d.efirst[at(i + 1)]; ++k) {
         row_.effects.push_back(d.effects[at(k)]);
+        // entries count from the start of the row now
         row_.effects.back().entry -= d.first[at(i)];
     }
     row_.efirst = {0, static_cast<int>(row_.effects.size())};

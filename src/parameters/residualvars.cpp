@@ -175,6 +175,7 @@ void invert_pattern(int icombi, int& ifail) {
         int rank = 0, negative = 0;
         gen_inverse(w, n, numbers.zero * pattern_zeros, rank, ldet, &negative);
         if (rank < n) show_singular(n, rank, icombi, kept);
+        // a matrix that rounding has made regular is none
         if (rank < n || negative > 0 || nearly_singular(w, kept, n)) {
             inverse = {};
             ifail = 1;
@@ -197,6 +198,7 @@ void rinv_muv(array<double>& parvec, int& ifail) {
     if (!ifail) peq_matrix(parvec, ifail);
     if (ifail) return;
     show_residual();
+    // the inverses stay where only random effects have moved
     std::vector<double> now(r.sigres.begin(), r.sigres.end());
     now.insert(now.end(), r.sigpeq.begin(), r.sigpeq.end());
     if (now == r.formed) return;
@@ -328,6 +330,7 @@ void get_rinv_rreg(const subject_record& d, int isubj, std::vector<double>& zig2
         }
         return;
     }
+    // records at different places are independent
     std::vector<double> w(at(n) * at(n + 1) / 2, 0.0);
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j)
@@ -357,6 +360,7 @@ int residual_pars(int iq, int jq, int iclass, bool same, int pars[2]) {
         if (!fixed_at_zero(iclass, iq, jq) && (iq == jq || !model.diagonal(0)))
             pars[n++] = (iclass - 1) * class_covs() + (model.diagonal(0) ? iq : packed_place(iq, jq, nq));
     }
+    // of one record the parameter is the sum of both; of two, the repeat effect alone
     if (same || !residualvars.peqsum) return n;
     const int ipeq = residualvars.ipeq, k = model.kkfit(ipeq);
     int pi = 0, pj = 0;

@@ -296,6 +296,7 @@ void take_factor(int irand, int step, const array<double, 2>& factor, array<doub
     array<int> order;
     block_order(irand, step, order);
     int ipar = block_start(irand, step);
+    // columns one after the other, each from its diagonal down
     for (int c = 1; c <= model.krfit(irand); ++c)
         for (int r = c; r <= model.kkfit(irand); ++r, ++ipar) {
             const bool log = r == c && estimates.logdiagonals(irand);
@@ -408,6 +409,7 @@ void from_original(array<double>& parvec, int irand, int step, array<double>& cc
         }
         return;
     }
+    // parvec itself is not raised: a maximiser sees log L flat beyond, damage_control moves its point
     for (int k = 1; k <= triangle(n); ++k) cc(k) = parvec(from + k - 1);
     if (!options.blup && irand == 0 && any_fixres())
         raise_beside_zeros(cc, n, step);
