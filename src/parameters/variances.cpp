@@ -157,6 +157,20 @@ void label_covariances() {
         estimates.covnames(estimates.ncov + i) = usrdefcovs.addcovname[static_cast<std::size_t>(i - 1)].substr(0, 14);
 }
 
+// Variances that are positive, and yet too small for a pivot.
+void tell_small_variances(int irand) {
+    for (int step = 1; step <= steps_of(irand); ++step)
+        for (int i = 1; i <= model.kkfit(irand); ++i) {
+            const int k = model.diagonal(irand) ? i : ihmssf(i, i, model.kkfit(irand));
+            const double start = model.cov((step - 1) * step_covs(irand) + k, irand);
+            if (!(start > 0.0) || start / cov_unit(irand, i, i) >= numbers.zero) continue;
+            print_list(screen(),
+                       "   Starting variance below the operational zero : \"" +
+                           (irand == 0 ? "residual" : model.krandom(irand)) + "\", no.",
+                       i, ":", start);
+        }
+}
+
 [[noreturn]] void invalid_start(int irand, int kfit, int row, double pivot) {
     print_list(screen(), "***** Routine \"CHOLESKY\": negative/small pivot encountered");
     print_list(screen(), "      Random effect no. =", irand);
@@ -165,6 +179,7 @@ void label_covariances() {
     print_list(screen(), "Matrix of starting values is \"invalid\" ");
     print_list(screen(), " - change, making sure matrix is positive definite !");
     print_list(screen(), "   (check that UPPER triangle of matrix is given)");
+    tell_small_variances(irand);
     stoptarvex();
 }
 

@@ -288,6 +288,21 @@ TEST_F(variances_test, starting_matrices_must_be_positive_definite) {
     }
 }
 
+TEST_F(variances_test, starting_variances_below_the_operational_zero_are_named) {
+    small_model m = two_traits();
+    m.random[0].g = {1.0e-9, 0.0, 1.0};
+    for (const char* plan : {"--aireml", "--emalg"}) {
+        new_analysis();
+        EXPECT_STOP(set_up(m, {plan}),
+                    "(check that UPPER triangle of matrix is given)\n"
+                    "   Starting variance below the operational zero : \"animal\", no. 1 : 1e-09\nexit");
+    }
+    new_analysis();
+    m = two_traits();
+    m.residual = {2.1, 0.0, 1.0e-10};
+    EXPECT_STOP(set_up(m), "   Starting variance below the operational zero : \"residual\", no. 2 : 1e-10\nexit");
+}
+
 TEST_F(variances_test, small_eigenvalues_are_raised_in_the_matrix_only) {
     set_up(two_traits(), {"--emalg"});
     for (int k = 4; k <= 6; ++k) estimates.parvec(k) = 1.0;
