@@ -85,7 +85,7 @@ void place_run(order_maker& w, std::size_t r) {
         o.place[i] = k;
         o.at[k] = {0, o.at[s].slot, o.at[d].slot, s, d};
         for (const int p : {w.sire[i - 1], w.dam[i - 1]})
-            if (p > 0 && --w.uses[p] == 0 && !w.border[p]) w.freed.push_back(o.at[o.place[p]].slot);
+            if (p > 0 && --w.uses[p] == 0) w.freed.push_back(o.at[o.place[p]].slot);
         if (w.border[i]) o.border.push_back(k);
         const int kind = place_class(w, i);
         if (kind == 0) o.related[r] = k + 1;
