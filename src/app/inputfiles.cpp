@@ -1,16 +1,22 @@
 #include "app/inputfiles.h"
 
+#include "basis/phimatrix.h"
 #include "control/filenames.h"
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/runlock.h"
 #include "control/tvxroutines.h"
+#include "estimation/bestpoint.h"
 #include "parfile/model.h"
+#include "reports/writesolns.h"
 #include "simulation/simulation.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <sys/stat.h>
+#include <utility>
 #include <vector>
 
 namespace tarvex {
@@ -22,7 +28,7 @@ using name_list = std::vector<std::string>;
 // Files of the user.
 name_list inputs() {
     const auto& f = filenames;
-    name_list list{f.parfile};
+    name_list list{f.parfile, f.runopfile};
     if (!options.bestonly) list.push_back(f.datfile);
     if (options.pedigrees) list.push_back(f.pedfile);
     if (options.start_vals) list.push_back(f.stvalfile);
@@ -32,6 +38,8 @@ name_list inputs() {
             if (model.rnd_opt(i, iq) == covariance_kind::gin)
                 for (const char* end : {".gin", ".codes"})
                     list.push_back(model.random(i, iq).substr(0, model.random(i, iq).find('(')) + end);
+    if (!options.bestonly)
+        for (auto& name : basis_files(true)) list.push_back(name);
     return list;
 }
 
@@ -50,6 +58,7 @@ name_list reports() {
     name_list list{f.summodfile};
     if (options.setup_only) return list;
     for (const auto* name : {&f.fixsolfile, &f.residsfile}) list.push_back(*name);
+    for (auto& name : curve_files()) list.push_back(name);
     for (int irand = 1; irand <= numbers.krand; ++irand)
         for (const char* start : {"RnSoln_", "EBV_"}) list.push_back(start + model.krandom(irand) + ".dat");
     if (options.blup) return list;
@@ -58,27 +67,49 @@ name_list reports() {
     return list;
 }
 
-// Everything else that a run may write.
-name_list working_files() {
+// Files that a run makes under a temporary name, "<name>.tmp".
+name_list made_whole() {
     const auto& f = filenames;
-    name_list list{f.best2file,  f.bestfile,     f.bestfile + ".tmp", f.covlstfile,     f.curoptfile,
-                   f.inbrdfile,  f.newpedfile,   f.ordersfile,        f.adjacfile,      f.symfacfile,
-                   f.sumpedfile, f.iteratesfile, lock_name,           "OperationCounts"};
-    for (const char* name : {"logL.dat", "AIiterates", "EMrounds", "Estimates", "directions"}) list.push_back(name);
+    name_list list{f.bestfile, f.inbrdfile, f.ordersfile, f.adjacfile, f.symfacfile};
     if (options.json) list.push_back(f.resultsfile);
-    for (int i = 1; i <= 5; ++i) list.push_back("recoded" + std::to_string(i) + ".bin");
+    for (int iround = 1; options.devtrace && iround <= 999; ++iround) list.push_back(bestpoint_copy(iround));
     for (int i = 1; i <= numbers.krand; ++i) {
         list.push_back(nrminv_name(i));
         list.push_back(cholnrm_name(i));
     }
-    if (options.simulation) list.push_back(f.rnseedfile);
     return list;
 }
 
-bool same_file(const std::string& a, const std::string& b) {
-    if (a == b) return true;
-    struct stat x = {}, y = {};
-    return stat(a.c_str(), &x) == 0 && stat(b.c_str(), &y) == 0 && x.st_dev == y.st_dev && x.st_ino == y.st_ino;
+// Everything else that a run may write.
+name_list working_files() {
+    const auto& f = filenames;
+    name_list list{f.best2file,  f.covlstfile,   f.curoptfile, f.newpedfile,
+                   f.sumpedfile, f.iteratesfile, lock_name,    "OperationCounts"};
+    for (const char* name : {"logL.dat", "AIiterates", "EMrounds", "Estimates", "directions", "fort.1"})
+        list.push_back(name);
+    for (int i = 1; i <= 5; ++i) list.push_back("recoded" + std::to_string(i) + ".bin");
+    if (options.simulation) list.push_back(f.rnseedfile);
+    for (auto& name : basis_files(false)) list.push_back(name);
+    for (const auto& name : made_whole())
+        for (const char* end : {"", ".tmp"}) list.push_back(name + end);
+    for (const auto& name : reports()) list.push_back(name + ".old");
+    return list;
+}
+
+using identity = std::pair<dev_t, ino_t>;
+
+bool identify(const std::string& name, identity& id) {
+    struct stat s = {};
+    if (stat(name.c_str(), &s) != 0) return false;
+    id = {s.st_dev, s.st_ino};
+    return true;
+}
+
+[[noreturn]] void refuse(const std::string& input, const std::string& output) {
+    print_list(screen(),
+               "***** ERROR : Input file \"" + input + "\" is the output file \"" + output + "\" of this run");
+    print_list(screen(), "      Give the input file another name !");
+    stoptarvex();
 }
 
 } // namespace
@@ -86,14 +117,16 @@ bool same_file(const std::string& a, const std::string& b) {
 void check_inputs() {
     name_list outputs_of_run = reports();
     for (auto& name : working_files()) outputs_of_run.push_back(name);
-    for (const auto& input : inputs())
-        for (const auto& output : outputs_of_run)
-            if (same_file(input, output)) {
-                print_list(screen(), "***** ERROR : Input file \"" + input + "\" is the output file \"" + output +
-                                         "\" of this run");
-                print_list(screen(), "      Give the input file another name !");
-                stoptarvex();
-            }
+    std::map<identity, std::string> there;
+    identity id;
+    for (const auto& output : outputs_of_run)
+        if (identify(output, id)) there.emplace(id, output);
+    for (const auto& input : inputs()) {
+        if (std::find(outputs_of_run.begin(), outputs_of_run.end(), input) != outputs_of_run.end())
+            refuse(input, input);
+        if (!identify(input, id)) continue;
+        if (const auto at = there.find(id); at != there.end()) refuse(input, at->second);
+    }
 }
 
 void put_old_reports_aside() {

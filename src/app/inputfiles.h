@@ -4,8 +4,8 @@
 
 namespace tarvex {
 
-// Stops if a file that the run reads has the name of one that it writes, or is the same file by a link. After the
-// parameter file has been read and before anything is written.
+// Stops if a file that the run reads has the name of one that it writes, or is the same file by a link. Behind
+// model2mudmap and before anything is written.
 void check_inputs();
 // Reports of an earlier run that this run writes anew take the suffix ".old".
 void put_old_reports_aside();

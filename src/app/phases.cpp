@@ -5,6 +5,7 @@
 #include "app/inputfiles.h"
 #include "app/new_analysis.h"
 #include "app/runoptions.h"
+#include "control/filenames.h"
 #include "control/interrupts.h"
 #include "control/options.h"
 #include "control/runlock.h"
@@ -52,13 +53,24 @@ namespace {
 // The last line of a run that ends with a phase; nothing: the run goes on.
 using ending = std::optional<std::string>;
 
+// The trace of the options must not replace an input, and so waits for the names of those.
+void read_model() {
+    try {
+        read_parfile();
+    } catch (const program_stop&) {
+        if (filenames.datfile.empty()) write_trace();
+        throw;
+    }
+}
+
 ending read_analysis() {
     if (!options.bestonly) lock_folder();
-    read_parfile();
-    check_inputs();
+    read_model();
     choose_algorithm();
     choose_reconstruct();
     model2mudmap();
+    check_inputs();
+    write_trace();
     put_old_reports_aside();
     sum_model();
     note_inputs();

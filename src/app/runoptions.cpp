@@ -343,11 +343,8 @@ bool matches(text arg, text spelling, int n) {
 
 // ---- developer's trace --------------------------------------------------------------------------------------------
 
-// Unit 1 as a unit that nobody has opened: the first line written to it makes the file.
-text_out& unit1(text_out& trace) {
-    if (!trace.is_open()) trace.open("fort.1");
-    return trace;
-}
+// Lines for unit 1, which wait until the inputs of the run are known.
+std::ostringstream waiting;
 
 std::string left_adjusted(text line) {
     std::string arg(line.substr(0, option_length));
@@ -379,7 +376,7 @@ void read_runoptions(text_out& trace) {
     for (std::string line; std::getline(file, line);) {
         const std::string arg = left_adjusted(line);
         if (arg.empty()) continue; // would be taken for a name
-        if (options.devtrace) write(unit1(trace), "(3a,t30)", "Read from \"", filenames.runopfile, "\" : ", arg);
+        if (options.devtrace) write(trace, "(3a,t30)", "Read from \"", filenames.runopfile, "\" : ", arg);
         get_option(arg, true);
         if (options.limits) return;
     }
@@ -398,15 +395,14 @@ void read_command_line(int argc, const char* const* argv, text_out& trace) {
             const bool number = !next.empty() && next.find_first_not_of("+-0123456789") == text::npos;
             if (number || (i + 2 < argc && !next.starts_with('-'))) arg += " " + left_adjusted(argv[++i]);
         }
-        if (options.devtrace) write(unit1(trace), "(a,t30,a)", "Read from command line : ", arg);
+        if (options.devtrace) write(trace, "(a,t30,a)", "Read from command line : ", arg);
         get_option(arg, i == argc - 1);
         if (options.limits) return;
     }
 }
 
 // The settings, below the report header.
-void write_curropts(text_out& trace) {
-    text_out& out = unit1(trace);
+void write_curropts(text_out& out) {
     const auto& ld = options.logdia;
     write_tvxtop(out, "Current Run options", options.wide);
     print_list(out, "reconstruct    ", options.reconstruct);
@@ -459,14 +455,22 @@ void get_option(std::string_view text, bool last) {
 }
 
 bool runoptions(int argc, const char* const* argv) {
-    text_out trace;
+    waiting.str({});
+    text_out trace(waiting);
     set_defaults();
     read_runoptions(trace);
     if (!options.limits) read_command_line(argc, argv, trace);
     if (options.limits) return false;
     if (options.devtrace) write_curropts(trace);
+    trace.flush();
     if (options.continew && !options.algorithm_set) choose_search(1);
     return true;
+}
+
+void write_trace() {
+    text_out out;
+    if (!waiting.str().empty() && out.open("fort.1")) out.raw(waiting.str());
+    waiting.str({});
 }
 
 } // namespace tarvex

@@ -24,9 +24,13 @@ struct option_record {
 std::span<const option_record> option_table();
 
 // Sets all defaults, applies the lines of RunOptions and then the arguments 1 to argc-1, so that the command line wins,
-// and settles the algorithm of a continued run. Under the developer's trace the options and the settings go to unit 1.
-// False: --limit has told the limits, and the run ends with that. A number that cannot be read stops the run.
+// and settles the algorithm of a continued run. Under the developer's trace the options and the settings wait for
+// write_trace. False: --limit has told the limits, and the run ends with that. A number that cannot be read stops the
+// run.
 bool runoptions(int argc, const char* const* argv);
+
+// Writes what waits for unit 1 ("fort.1"), if there is anything.
+void write_trace();
 
 // Applies one argument; `last` tells that it may be the name of the parameter file. An unknown option gives a message
 // only.

@@ -54,6 +54,9 @@ std::string table_name(const table_key& key) {
     return file;
 }
 
+// The name of a table if another of the same type and order has taken its own: with the letter of the degree.
+std::string lettered(std::string file, int degree) { return file.insert(file.size() - 4, 1, "0LQC"[degree]); }
+
 [[noreturn]] void class_error(const char* what, long long a, long long b) {
     print_list(screen(), "Error reading running no.s for ME variances");
     print_list(screen(), what, a, b);
@@ -256,6 +259,18 @@ void mm2ages() {
     phimatrix();
 }
 
+std::vector<std::string> basis_files(bool of_user) {
+    std::vector<std::string> list;
+    for (int iq = 1; iq <= numbers.nq; ++iq)
+        for (int i = 1; options.randreg && i <= model.nrnd(iq); ++i) {
+            const int irropt = mudmap.irropt(i, iq);
+            if (mudmap.irmeta(i, iq) < 1 || (irropt == usr) != of_user) continue;
+            list.push_back(table_name({mudmap.irmeta(i, iq), irropt, mudmap.kfitrnd(i, iq), 0, 0}));
+            if (irropt == bsp) list.push_back(lettered(list.back(), mudmap.ibsdeg(i, iq)));
+        }
+    return list;
+}
+
 void phimatrix() {
     int mrnd = 0;
     for (int iq = 1; iq <= numbers.nq; ++iq) mrnd = std::max(mrnd, model.nrnd(iq));
@@ -280,7 +295,7 @@ void phimatrix() {
         phimat.phi_control(t) = key.irrc;
         std::string file = table_name(key);
         if (!names.insert(file).second && key.irropt == bsp) // equal order, other degree
-            file.insert(file.size() - 4, 1, "0LQC"[key.degree]);
+            file = lettered(file, key.degree);
         phimat.phi_name(t) = file.substr(0, file.size() - 4);
         fill_table(phimat.phi(t), key, file);
     }

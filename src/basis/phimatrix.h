@@ -36,6 +36,8 @@ const control_list& control_codes(int irrc);
 // From control_values: fills jjmeta, shared_controls and model.me_run, then the tables. Values outside all classes, or
 // a faulty file of classes, stop the run.
 void mm2ages();
+// Names of the tables that the analysis reads (`of_user`), or may write. Needs mudmap only.
+std::vector<std::string> basis_files(bool of_user);
 // Fills kkphi and phi, and writes the tables.
 void phimatrix();
 

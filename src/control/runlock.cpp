@@ -26,6 +26,8 @@ std::string holder(int file) {
 }
 
 void sign(int file) {
+    const std::string there = holder(file);
+    if (!there.empty() && !there.starts_with("process ")) return; // a file of the user's under another name
     const std::string text = "process " + std::to_string(getpid()) + ", parameter file \"" + filenames.parfile + "\"\n";
     if (ftruncate(file, 0) != 0) return;
     if (pwrite(file, text.data(), text.size(), 0) < 0) return; // for the reader's eye only: the lock does not need it

@@ -14,6 +14,7 @@
 #include "support/plain_text.h"
 #include "support/record_file.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -24,7 +25,7 @@ namespace tarvex {
 
 namespace {
 
-constexpr std::size_t chunk = std::size_t{1} << 18;
+constexpr std::size_t first_chunk = std::size_t{1} << 14, largest_chunk = std::size_t{1} << 18;
 
 // Next line as [b, e), without its end; an unfinished last line counts. False at the end of the file.
 bool next_line(data_reader& reader, const char*& b, const char*& e) {
@@ -42,6 +43,7 @@ bool next_line(data_reader& reader, const char*& b, const char*& e) {
         if (have > 0 && reader.at > 0) std::memmove(reader.buffer.data(), start, have);
         reader.at = 0;
         reader.end = have;
+        const std::size_t chunk = std::clamp(2 * reader.buffer.size(), first_chunk, largest_chunk);
         if (reader.buffer.size() < have + chunk) reader.buffer.resize(have + chunk);
         std::streamsize got = 0;
         if (reader.in) {

@@ -29,7 +29,7 @@ using pedrec = std::array<int, 3>; // animal, sire, dam
 
 // Codes met so far; all lie between 1 and maxan.
 struct code_marks {
-    array<signed char> seen;
+    std::vector<char> seen; // [code]
     int n = 0, largest = 0;
 };
 
@@ -49,9 +49,10 @@ void add_list(code_marks& marks, long long id) {
     if (id > maxan) print_list(screen(), "Code of an animal is above the largest one allowed :", id, maxan);
     if (id > maxan || id < 1) stop_with("Error reading pedigrees : invalid animal ID");
     marks.largest = std::max(marks.largest, static_cast<int>(id));
-    auto& seen = marks.seen(id);
-    if (seen == 0) ++marks.n;
-    seen = 1;
+    const auto code = static_cast<std::size_t>(id);
+    if (code >= marks.seen.size()) marks.seen.resize(std::max(2 * code, std::size_t{1024}));
+    if (marks.seen[code] == 0) ++marks.n;
+    marks.seen[code] = 1;
 }
 
 [[noreturn]] void pedigree_error(int nrecords) {
@@ -122,7 +123,7 @@ void make_idvec(const code_marks& marks) {
     allocate("alloc IDVEC", pedigreelist.idvec, marks.n);
     int n = 0;
     for (int id = 1; id <= marks.largest; ++id)
-        if (marks.seen(id) != 0) pedigreelist.idvec(++n) = id;
+        if (marks.seen[static_cast<std::size_t>(id)] != 0) pedigreelist.idvec(++n) = id;
 }
 
 // Running number of a parent, and the test that it has not been met in the other role (1 sire, 2 dam).
@@ -230,7 +231,6 @@ void pedigree_list() {
     write_tvxtop(out, "Summary of Pedigree Information", options.wide);
     write_tvxfiles(out);
     code_marks marks;
-    allocate("alloc IDVEC", marks.seen, maxan);
     visit_nrm_codes([&](int, std::int64_t icode) { add_list(marks, icode); }, true);
     write(out, fmt, "No. of animal IDs in data file =", marks.n);
     if (options.details) print_list(screen(), "No. of animal IDs in data file =", marks.n);

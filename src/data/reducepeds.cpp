@@ -33,9 +33,10 @@ struct hash_tables {
     int nlevels[2] = {};                      // codes in the data, in total
 };
 
-void hash_setup(hash_tables& tables) {
+void more_room(hash_tables& tables) {
+    const std::size_t n = std::clamp(2 * tables.id.size(), std::size_t{1024}, std::size_t{maxhash});
     try {
-        tables.id.reserve(maxhash);
+        tables.id.reserve(n);
     } catch (const std::bad_alloc&) {
         stop("alloc hashtabs");
     }
@@ -54,6 +55,7 @@ int hash_code(hash_tables& tables, long long code) {
     int& number = number_of(tables, code);
     if (number != 0) return number;
     if (tables.id.size() == maxhash) stop("HASH : increase size");
+    if (tables.id.size() == tables.id.capacity()) more_room(tables);
     tables.id.push_back({code, 0, 0});
     return number = static_cast<int>(tables.id.size());
 }
@@ -137,7 +139,6 @@ void write_newped(const hash_tables& tables, const std::vector<char>& mm) {
 
 void reducepeds() {
     hash_tables tables;
-    hash_setup(tables);
     visit_nrm_codes([&](int, std::int64_t icode) {
         if (icode > 0) hash_code(tables, icode);
     });

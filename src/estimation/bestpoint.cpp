@@ -13,6 +13,7 @@
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "support/plain_text.h"
+#include "support/record_file.h"
 #include "support/replace_file.h"
 
 #include <algorithm>
@@ -49,11 +50,6 @@ void subtract_peq(std::vector<double>& res, const std::vector<double>& peq) {
     for (const peq_place& p : peq_places()) res[static_cast<std::size_t>(p.residual - 1)] -= peq[k++];
 }
 
-std::string copy_name(int iround) {
-    std::string digits = std::to_string(iround);
-    return filenames.bestfile + std::string(3 - digits.size(), '0') + digits;
-}
-
 constexpr int most_numbered = 999; // three digits behind the name
 constexpr std::string_view sums_mark = "sums", content_mark = " content ";
 
@@ -73,6 +69,7 @@ struct stored_point {
 // False: there is no file, it has no sums, or it is not what was written.
 bool read_stored(stored_point& point) {
     std::ifstream in(filenames.bestfile, std::ios::binary);
+    if (!in && file_exists(filenames.bestfile)) stop_with("Error reading file \"" + filenames.bestfile + "\"");
     if (!in) return false;
     const std::string whole{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     if (in.bad()) stop_with("Error reading file \"" + filenames.bestfile + "\"");
@@ -154,6 +151,11 @@ std::vector<double> best_covariances(int irand) {
     return cov;
 }
 
+std::string bestpoint_copy(int iround) {
+    const std::string digits = std::to_string(iround);
+    return filenames.bestfile + std::string(3 - digits.size(), '0') + digits;
+}
+
 void writebestpoint(int iround, text_out* extra) {
     if (iround > most_numbered) return;
     std::string text = list_item(bestpoint.xbest) + " " + list_item(estimates.nparm) + "\n";
@@ -163,7 +165,7 @@ void writebestpoint(int iround, text_out* extra) {
         text += line + "\n";
     }
     if (extra) extra->raw(text);
-    const std::string name = iround == 0 ? filenames.bestfile : copy_name(iround);
+    const std::string name = iround == 0 ? filenames.bestfile : bestpoint_copy(iround);
     if (replace_file(name, text + bestpoint_sums(text))) return;
     if (iround == 0) cannot_write();
     outputs.failed = name;

@@ -23,6 +23,9 @@ inline bestpoint_module bestpoint;
 // Covariances of block irand at bestpoint.parbest in the layout of model.cov; the residual without the PEQ matrix.
 std::vector<double> best_covariances(int irand);
 
+// Name of the numbered copy of a round from 1 to 999.
+std::string bestpoint_copy(int iround);
+
 // Writes BestPoint (iround 0) or a numbered copy: bestpoint.xbest and the covariances of parbest. `extra` gets the same
 // records when not null, without the sums. A BestPoint that cannot be written stops the run.
 void writebestpoint(int iround, text_out* extra = nullptr);

@@ -29,6 +29,7 @@
 #include "parameters/variances.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
+#include "support/record_file.h"
 #include "support/stop.h"
 
 #include <algorithm>
@@ -42,8 +43,9 @@ namespace {
 double stored_best_value() {
     std::ifstream in(filenames.bestfile);
     double x = invalid_logl;
+    const bool closed = !in && file_exists(filenames.bestfile);
     in >> x;
-    if (in.bad()) stop_with("Error reading file \"" + filenames.bestfile + "\"");
+    if (closed || in.bad()) stop_with("Error reading file \"" + filenames.bestfile + "\"");
     return in ? x : invalid_logl;
 }
 

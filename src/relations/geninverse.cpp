@@ -206,7 +206,7 @@ void check_ginverse(int irand) {
     const std::string name = model.krandom(irand) + ".gin";
     if (!file_exists(name)) no_ginfile(irand, name);
     text_lines text;
-    std::vector<char> buffer(std::size_t{1} << 20);
+    std::vector<char> buffer(std::size_t{1} << 16);
     text.in.rdbuf()->pubsetbuf(buffer.data(), static_cast<std::streamsize>(buffer.size()));
     open_lines(text, name);
     double detg = 0.0;

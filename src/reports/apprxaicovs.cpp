@@ -13,6 +13,7 @@
 #include "parameters/residualvars.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
+#include "support/record_file.h"
 #include "support/stop.h"
 
 #include <algorithm>
@@ -31,9 +32,9 @@ bool read_information(array<double, 2>& hess2, double& xl2) {
     const int n = estimates.nparm;
     if (!search_state.saverr_ready && !(search_state.method.aireml && aireml_terms.accepted > 0)) return false;
     std::ifstream in(filenames.aiparsfile);
-    if (!in) return false;
-    in >> xl2;
-    if (in.bad()) stop_with("Error reading file \"" + filenames.aiparsfile + "\"");
+    const bool closed = !in && file_exists(filenames.aiparsfile);
+    if (in) in >> xl2;
+    if (closed || in.bad()) stop_with("Error reading file \"" + filenames.aiparsfile + "\"");
     if (!in) return false;
     const double xl1 = bestpoint.xbest;
     if (std::fabs(xl1 - xl2) > largest_discrepancy) {

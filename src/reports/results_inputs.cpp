@@ -34,7 +34,7 @@ bool sum_file(input_file& f) {
     if (!in || !std::filesystem::is_regular_file(f.name)) return false;
     const std::unique_ptr<XXH3_state_t, XXH_errorcode (*)(XXH3_state_t*)> state(XXH3_createState(), XXH3_freeState);
     XXH3_128bits_reset(state.get());
-    std::vector<char> buffer(1 << 20);
+    std::vector<char> buffer(1 << 16);
     while (in) {
         in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
         const auto n = static_cast<std::size_t>(in.gcount());

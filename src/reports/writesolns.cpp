@@ -48,6 +48,11 @@ std::string nest_name(int icov, int iq) {
     return nest > 0 ? model.fixed(nest, iq) : nest < 0 ? model.extra(-nest, iq) : std::string();
 }
 
+// nested: the curves of this covariable are.
+std::string curve_file(int icov, int iq, bool nested) {
+    return "Curve_" + bare_name(model.covar(icov, iq)) + (nested ? "_" + nest_name(icov, iq) : "") + ".dat";
+}
+
 // ---- covariables
 
 void covariable_head(text_out& out, bool nested) {
@@ -88,8 +93,7 @@ void write_coefficients(text_out& out, int icov, int iq) {
 void write_curve(int icov, int iq, const level_counts& counts, std::set<std::string>& written) {
     constexpr edit_form line{"(i6,g20.8,i8,g13.6)"}, head{"(a,i5,a,i10)"};
     const code_list* codes = nest_codes(icov, iq);
-    const std::string name =
-        "Curve_" + bare_name(model.covar(icov, iq)) + (codes ? "_" + nest_name(icov, iq) : "") + ".dat";
+    const std::string name = curve_file(icov, iq, codes != nullptr);
     text_out out;
     if (!(written.insert(name).second ? out.open(name) : out.open_append(name)))
         stop_with("Error opening file \"" + name + "\"");
@@ -253,6 +257,13 @@ int write_random(text_out& out, int irand) {
 }
 
 } // namespace
+
+std::vector<std::string> curve_files() {
+    std::vector<std::string> list;
+    for (int iq = 1; iq <= numbers.nq; ++iq)
+        for (int i = 1; i <= model.ncov(iq); ++i) list.push_back(curve_file(i, iq, mudmap.cv_nestfix(i, iq) != 0));
+    return list;
+}
 
 void write_fixsolns() {
     constexpr edit_form comment{"(1x,a/)"};

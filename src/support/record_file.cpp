@@ -21,7 +21,6 @@ bool record_writer::open(const std::string& name, bool final_on_close) {
     if (!file_) return false;
     std::setvbuf(file_, nullptr, _IONBF, 0);
     buffer_.clear();
-    buffer_.reserve(capacity);
     content_ = final_on_close ? std::make_unique<digest_maker>() : nullptr;
     good_ = true;
     return true;

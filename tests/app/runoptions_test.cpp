@@ -486,6 +486,8 @@ TEST_F(run_options_test, limits_print_the_table_and_finish) {
 TEST_F(run_options_test, trace_goes_to_unit_one_and_makes_no_file_of_its_own) {
     run({"-zq", "--emalg50,0.25", "an1"});
     EXPECT_FALSE(file_exists("CurrentOptions"));
+    EXPECT_FALSE(file_exists("fort.1")) << "before the inputs are known";
+    write_trace();
     const std::string text = read_file("fort.1");
     EXPECT_TRUE(text.starts_with("Read from command line :     --emalg50,0.25\n"
                                  "Read from command line :     an1\n"
@@ -500,11 +502,13 @@ TEST_F(run_options_test, trace_goes_to_unit_one_and_makes_no_file_of_its_own) {
 TEST_F(run_options_test, trace_of_the_file_breaks_the_line) {
     write_file("RunOptions", "-zq\n--amd\n");
     run({});
+    write_trace();
     EXPECT_TRUE(read_file("fort.1").starts_with("Read from \"RunOptions\" : \n--amd\n"));
 }
 
 TEST_F(run_options_test, without_trace_nothing_is_written) {
     run({"-v", "--amd"});
+    write_trace();
     EXPECT_FALSE(file_exists("fort.1"));
 }
 

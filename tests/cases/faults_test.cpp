@@ -74,6 +74,8 @@ protected:
 
 TEST_F(failing_calls, reads) { sweep("read", true, 1000); } // all: one in a hundred is another place in the program
 TEST_F(failing_calls, reads_in_a_used_folder) { sweep("read", false); }
+TEST_F(failing_calls, opens) { sweep("open", true, 30); }
+TEST_F(failing_calls, opens_in_a_used_folder) { sweep("open", false); }
 TEST_F(failing_calls, writes) { sweep("write", true); }
 TEST_F(failing_calls, renames) { sweep("rename", true); }
 TEST_F(failing_calls, syncs) { sweep("fsync", true); }

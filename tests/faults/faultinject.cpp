@@ -1,23 +1,25 @@
 // A library to be loaded before all others (LD_PRELOAD) that lets one call of a kind fail.
-//   TVX_FAULT=kind:n   kind read, write, rename, fsync, alloc or flock: the n-th call fails; kill, term: the process
-//   gets
-//                      SIGKILL or SIGTERM at its n-th write; n = 0: none fails
+//   TVX_FAULT=kind:n   kind open, read, write, rename, fsync, alloc, thread or flock: the n-th call fails; kill,
+//                      term: the process gets SIGKILL or SIGTERM at its n-th write; n = 0: none fails
 //   TVX_FAULT_COUNT    file that gets the number of calls of the kind when the process ends by itself
-// Only files count: the first three descriptors never fail. Allocations count from the start of the main program.
+// Only files count: the first three descriptors never fail. Allocations
+// count from the start of the main program.
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
 
-enum kind { none, reading, writing, renaming, syncing, allocating, killing, ending, locking };
+enum kind { none, reading, writing, renaming, syncing, allocating, killing, ending, locking, opening, starting };
 kind wanted = none;
 long target = 0;
 std::atomic<long> calls{0};
@@ -28,8 +30,9 @@ template <class F> F next(const char* name) { return reinterpret_cast<F>(dlsym(R
 __attribute__((constructor)) void start() {
     const char* fault = std::getenv("TVX_FAULT");
     if (!fault) return;
-    const char* kinds[] = {"none", "read", "write", "rename", "fsync", "alloc", "kill", "term", "flock"};
-    for (int k = 1; k < 9; ++k)
+    const char* kinds[] = {"none", "read", "write", "rename", "fsync", "alloc",
+                           "kill", "term", "flock", "open",   "thread"};
+    for (int k = 1; k < 11; ++k)
         if (std::strncmp(fault, kinds[k], std::strlen(kinds[k])) == 0) wanted = static_cast<kind>(k);
     if (const char* colon = std::strchr(fault, ':')) target = std::atol(colon + 1);
     ready = true;
@@ -53,6 +56,12 @@ bool strikes(kind k) {
     if (++calls != target) return false;
     if (signals) kill(getpid(), wanted == killing ? SIGKILL : SIGTERM);
     return !signals;
+}
+
+// What a call gives back that would need one more descriptor.
+template <class T> T too_many(T what) {
+    errno = EMFILE;
+    return what;
 }
 
 constexpr int stream_error = 0x20; // flag of a failed stream in this C library
@@ -124,6 +133,42 @@ int fsync(int fd) {
         return -1;
     }
     return real(fd);
+}
+
+int open(const char* name, int flags, ...) {
+    static const auto real = next<int (*)(const char*, int, ...)>("open");
+    if (strikes(opening)) return too_many(-1);
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = flags & O_CREAT ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    return real(name, flags, mode);
+}
+
+int openat(int folder, const char* name, int flags, ...) {
+    static const auto real = next<int (*)(int, const char*, int, ...)>("openat");
+    if (strikes(opening)) return too_many(-1);
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = flags & O_CREAT ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    return real(folder, name, flags, mode);
+}
+
+FILE* fopen(const char* name, const char* mode) {
+    static const auto real = next<FILE* (*)(const char*, const char*)>("fopen");
+    return strikes(opening) ? too_many<FILE*>(nullptr) : real(name, mode);
+}
+
+FILE* fopen64(const char* name, const char* mode) {
+    static const auto real = next<FILE* (*)(const char*, const char*)>("fopen64");
+    return strikes(opening) ? too_many<FILE*>(nullptr) : real(name, mode);
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument) {
+    static const auto real =
+        next<int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
+    return strikes(starting) ? EAGAIN : real(thread, attributes, run, argument);
 }
 
 int flock(int fd, int operation) {
