@@ -11,6 +11,7 @@
 #include "equations/orders.h"
 #include "estimation/estimates.h"
 #include "likelihood/solutions.h"
+#include "relations/nrminverse.h"
 #include "simulation/simulation.h"
 #include "support/edit_form.h"
 #include "support/plain_text.h"
@@ -270,6 +271,7 @@ constexpr int most_threads = 1024;
 void threads(text rest, text arg) {
     option_numbers(rest, arg).take(kernels.threads);
     if (kernels.threads < 0 || kernels.threads > most_threads) unreadable(arg);
+    nrminverse.threads = kernels.threads;
 }
 
 template <bool options_module::*flag, bool value> void set_flag(text, text) { options.*flag = value; }
@@ -358,7 +360,7 @@ void set_defaults() {
     maximise = {};
     solutions.accinb = false;
     numbers.zero = 1.0e-8;
-    kernels.threads = 1;
+    kernels.threads = nrminverse.threads = 1;
     orders.order_type = 0;
     orders.metis_opts = {};
     estimates.reorder = true;

@@ -65,17 +65,17 @@ struct touched_run {
 template <class T> struct panel {
     static constexpr int width = cells<T>::width;
     const sweep_order& o;
-    std::vector<T> d;                   // by place
-    std::span<line<T>> up, a, t;        // by slot: T'e(y), relationships, shares; `up` is zero between sweeps
-    std::span<line<T>> scaled;          // D T'e(y) of animals touched, in the order of the sweep up
-    std::vector<unsigned char> hit;     // by place: to be visited
-    std::vector<unsigned char> sharing; // by place: t is not zero
-    std::vector<int> touched;           // places touched in runs where not all are
-    std::vector<int> shared;            // places at which `sharing` is set
-    std::vector<touched_run> runs;      // by run
-    std::vector<int> visits;            // places of the run in hand that are hit
-    std::size_t lines = 0;              // in use of `scaled`
-    std::vector<double> f;              // by place: what came in so far
+    std::vector<T> d{};                   // by place
+    std::span<line<T>> up{}, a{}, t{};    // by slot: T'e(y), relationships, shares; `up` is zero between sweeps
+    std::span<line<T>> scaled{};          // D T'e(y) of animals touched, in the order of the sweep up
+    std::vector<unsigned char> hit{};     // by place: to be visited
+    std::vector<unsigned char> sharing{}; // by place: t is not zero
+    std::vector<int> touched{};           // places touched in runs where not all are
+    std::vector<int> shared{};            // places at which `sharing` is set
+    std::vector<touched_run> runs{};      // by run
+    std::vector<int> visits{};            // places of the run in hand that are hit
+    std::size_t lines = 0;                // in use of `scaled`
+    std::vector<double> f{};              // by place: what came in so far
 };
 
 // Visits the places from `from` to `to`-1 that are hit, ascending, and leaves them not hit.
@@ -260,37 +260,78 @@ template <class T> void sweep_stretch(panel<T>& w, std::size_t from, std::size_t
     w.shared.clear();
 }
 
-template <class T> void sweep_panels(const sweep_order& o, const std::vector<double>& d, std::vector<double>& f) {
-    const std::size_t slots = static_cast<std::size_t>(o.slots) + 1, places = o.animal.size();
-    panel<T> w{o, std::vector<T>(places), {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, 0, std::vector<double>(places)};
-    for (int k = 1; k < o.run[o.young]; ++k)
-        w.d[k] = static_cast<T>(d[o.animal[k]] * static_cast<double>(cells<T>::one));
-    const std::size_t older = static_cast<std::size_t>(o.run[o.young]);
-    const auto lines = make_lines<T>(3 * slots + older);
-    w.up = {lines.get(), slots};
-    w.a = {lines.get() + slots, slots};
-    w.t = {lines.get() + 2 * slots, slots};
-    w.scaled = {lines.get() + 3 * slots, older};
-    w.hit.resize(places + 8);
-    w.sharing.resize(places);
-    w.runs.resize(o.young);
-    for (std::size_t from = 0; from < o.border.size(); from += panel<T>::width) {
-        const std::size_t to = std::min(from + panel<T>::width, o.border.size());
+// What one thread sweeps with.
+template <class T> struct own_panel {
+    explicit own_panel(const sweep_order& o, const std::vector<double>& d) : w{o} {
+        const std::size_t slots = static_cast<std::size_t>(o.slots) + 1, places = o.animal.size();
+        const std::size_t older = static_cast<std::size_t>(o.run[o.young]);
+        w.d.resize(places);
+        for (int k = 1; k < o.run[o.young]; ++k)
+            w.d[k] = static_cast<T>(d[o.animal[k]] * static_cast<double>(cells<T>::one));
+        lines = make_lines<T>(3 * slots + older);
+        w.up = {lines.get(), slots};
+        w.a = {lines.get() + slots, slots};
+        w.t = {lines.get() + 2 * slots, slots};
+        w.scaled = {lines.get() + 3 * slots, older};
+        w.hit.resize(places + 8);
+        w.sharing.resize(places);
+        w.runs.resize(o.young);
+    }
+    std::unique_ptr<line<T>[], free_memory> lines;
+    panel<T> w;
+};
+
+// Panels first..end-1 of the border; what comes in through them is left in w.f.
+template <class T> void sweep_part(panel<T>& w, std::size_t first, std::size_t end) {
+    const std::vector<int>& border = w.o.border;
+    w.f.assign(w.o.animal.size(), 0.0);
+    for (std::size_t p = first; p < end; ++p) {
+        const std::size_t from = p * panel<T>::width, to = std::min(from + panel<T>::width, border.size());
         sweep_up(w, from, to);
         sweep_down(w);
         sweep_stretch(w, from, to);
     }
-    for (std::size_t k = o.run[o.young]; k < places; ++k) f[o.animal[k] - 1] += w.f[k];
+}
+
+// The border in parts whose sums are added up in their order, by however many threads they were made.
+template <class T>
+void sweep_panels(const sweep_order& o, const std::vector<double>& d, task_pool& pool, std::vector<double>& f) {
+    constexpr std::size_t most_parts = 16;
+    const std::size_t panels = (o.border.size() + panel<T>::width - 1) / panel<T>::width;
+    const std::size_t parts = std::min(panels, most_parts);
+    std::vector<std::unique_ptr<own_panel<T>>> of_slot(static_cast<std::size_t>(pool.threads()));
+    std::vector<std::vector<double>> sums(parts);
+    const auto add = [&](const std::vector<double>& part) {
+        for (std::size_t k = static_cast<std::size_t>(o.run[o.young]); k < part.size(); ++k)
+            f[o.animal[k] - 1] += part[k];
+    };
+    const auto sweep = [&](int i, int slot) {
+        auto& mine = of_slot[static_cast<std::size_t>(slot)];
+        if (!mine) mine = std::make_unique<own_panel<T>>(o, d);
+        const auto part = static_cast<std::size_t>(i);
+        sweep_part(mine->w, panels * part / parts, panels * (part + 1) / parts);
+        if (pool.threads() == 1)
+            add(mine->w.f);
+        else
+            sums[part] = mine->w.f;
+    };
+    pool.run([&] {
+        pool.each(
+            static_cast<int>(parts),
+            [](const void* g, int i, int slot) { (*static_cast<const decltype(sweep)*>(g))(i, slot); }, &sweep);
+    });
+    for (const auto& part : sums) add(part);
 }
 
 } // namespace
 
-void add_through_border(const sweep_order& o, const std::vector<double>& d, int levels, std::vector<double>& f) {
+void add_through_border(const sweep_order& o, const std::vector<double>& d, int levels, task_pool& pool,
+                        std::vector<double>& f) {
     if (o.border.empty()) return;
     if (levels <= most_levels)
-        sweep_panels<std::uint32_t>(o, d, f);
+        sweep_panels<std::uint32_t>(o, d, pool, f);
     else
-        sweep_panels<double>(o, d, f);
+        sweep_panels<double>(o, d, pool, f);
 }
 
 } // namespace tarvex

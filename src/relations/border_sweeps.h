@@ -1,6 +1,7 @@
 // The part of the inbreeding coefficients of a stretch of the pedigree that comes in through its border.
 #pragma once
 #include "relations/sweep_order.h"
+#include "support/tasks.h"
 
 #include <vector>
 
@@ -14,7 +15,9 @@ constexpr int most_levels = 30;
 // Adds to F of the animals of the stretch half of the sum over border animals y of a(dam,y) t(sire,y).
 //   d       Mendelian sampling variances by animal from [1], of all animals older than the stretch
 //   levels  longest line of ancestors in the stretch plus the longest one in its border
+//   pool    threads that take part: parts of the border, whose sums are added up in a fixed order
 //   f       by animal, from [0]
-void add_through_border(const sweep_order& o, const std::vector<double>& d, int levels, std::vector<double>& f);
+void add_through_border(const sweep_order& o, const std::vector<double>& d, int levels, task_pool& pool,
+                        std::vector<double>& f);
 
 } // namespace tarvex

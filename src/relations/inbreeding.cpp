@@ -13,6 +13,7 @@
 #include "relations/nrminverse.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
+#include "support/tasks.h"
 
 #include <algorithm>
 #include <array>
@@ -188,6 +189,8 @@ void offspring_by_sire(const std::vector<int>& sire, const std::vector<int>& dam
         if (sire[i] > 0 && dam[i] > 0) list[at[sire[i]]++] = static_cast<int>(i) + 1;
 }
 
+int threads_wanted() { return nrminverse.threads > 0 ? nrminverse.threads : usable_threads(); }
+
 } // namespace
 
 std::vector<double> inbreeding_by_sires(const std::vector<int>& sire, const std::vector<int>& dam,
@@ -225,7 +228,7 @@ std::vector<double> inbreeding_by_sires(const std::vector<int>& sire, const std:
 }
 
 std::vector<double> inbreeding(const std::vector<int>& sire, const std::vector<int>& dam,
-                               const std::function<void(int)>& done) {
+                               const std::function<void(int)>& done, int threads) {
     const std::int64_t steps = sweep_steps(sire, dam);
     if (steps < few_steps) return inbreeding_by_sires(sire, dam, done);
     const pedigree_cuts cuts = cut_pedigree(sire, dam);
@@ -233,9 +236,10 @@ std::vector<double> inbreeding(const std::vector<int>& sire, const std::vector<i
     std::vector<int> youngest(sire.size() + 1); // offspring of each sire
     for (std::size_t i = 0; i < sire.size(); ++i) youngest[sire[i]] = static_cast<int>(i) + 1;
     int told = 0;
-    return inbreeding_by_cuts(sire, dam, cuts.last, [&](int m) {
+    const auto tell = [&](int m) {
         while (done && told < static_cast<int>(sire.size()) && youngest[told + 1] <= m) done(++told);
-    });
+    };
+    return inbreeding_by_cuts(sire, dam, cuts.last, tell, threads);
 }
 
 void write_inbreeding(text_out& out, int jj, int nanim, const inbreeding_sums& inbred) {
@@ -248,9 +252,10 @@ void write_inbreeding(text_out& out, int jj, int nanim, const inbreeding_sums& i
 inbreeding_sums inbreed_coeffs(int jj, int nanim, text_out& out) {
     const auto& sire = pedigreelist.sire(jj);
     const auto& dam = pedigreelist.dam(jj);
-    const std::vector<double> f = inbreeding(sire, dam, [&](int ia) {
+    const auto tell = [&](int ia) {
         if (!options.terse && ia % 5000 == 0) write(screen(), "(2x,a,i10,a,i10)", "inbreed : at", ia, "  of", nanim);
-    });
+    };
+    const std::vector<double> f = inbreeding(sire, dam, tell, threads_wanted());
     inbreeding_sums inbred;
     for (int i = 1; i <= nanim; ++i) {
         nrminverse.nrmdiag(i) = mendelian_variance(sire[i - 1], dam[i - 1], f);
@@ -272,7 +277,7 @@ inbreeding_sums inbreed_coeffs(int jj, int nanim, text_out& out) {
 
 void compute_inbreeding(int jj) {
     if (nrminverse.ifin(jj) != 0) return;
-    const std::vector<double> f = inbreeding(pedigreelist.sire(jj), pedigreelist.dam(jj));
+    const std::vector<double> f = inbreeding(pedigreelist.sire(jj), pedigreelist.dam(jj), {}, threads_wanted());
     for (std::size_t i = 0; i < f.size(); ++i) nrminverse.inbreed(static_cast<int>(i) + 1, jj) = f[i];
     nrminverse.ifin(jj) = 1;
 }

@@ -229,16 +229,18 @@ std::int64_t sweep_steps(const std::vector<int>& sire, const std::vector<int>& d
 }
 
 std::vector<double> inbreeding_by_cuts(const std::vector<int>& sire, const std::vector<int>& dam,
-                                       const std::vector<int>& last, const std::function<void(int)>& done) {
+                                       const std::vector<int>& last, const std::function<void(int)>& done,
+                                       int threads) {
     std::vector<double> f(sire.size()), d(sire.size() + 1);
     const parent_counts c(sire, dam);
+    task_pool pool(threads);
     int first = 1;
     for (const int end : last) {
         const sweep_order o = order_stretch(sire, dam, first, end);
         int above = 0, within = 0;
         for (const int place : o.border) above = std::max(above, c.level[o.animal[place]]);
         for (int i = first; i <= end; ++i) within = std::max(within, c.level[i]);
-        add_through_border(o, d, above + within, f);
+        add_through_border(o, d, above + within, pool, f);
         add_within_stretch(o, sire, dam, f);
         for (int i = first; i <= end; ++i) d[i] = mendelian_variance(sire[i - 1], dam[i - 1], f);
         if (done) done(end);

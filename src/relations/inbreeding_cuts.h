@@ -21,6 +21,7 @@ std::int64_t sweep_steps(const std::vector<int>& sire, const std::vector<int>& d
 // Inbreeding coefficients by stretches that end at last[0], last[1], ..; F of animal i at [i-1].
 //   done(m)  called after each stretch: the coefficients of animals up to m are known
 std::vector<double> inbreeding_by_cuts(const std::vector<int>& sire, const std::vector<int>& dam,
-                                       const std::vector<int>& last, const std::function<void(int)>& done = {});
+                                       const std::vector<int>& last, const std::function<void(int)>& done = {},
+                                       int threads = 1);
 
 } // namespace tarvex

@@ -187,6 +187,18 @@ TEST(inbreeding, places_and_slots_of_a_stretch) {
     }
 }
 
+TEST(inbreeding, threads_change_no_bit) {
+    for (const int generation : {6, 40}) { // in 32 bits, and beyond them
+        const family_book book = generations(generation, 300, 150, 3);
+        const int n = static_cast<int>(book.sire.size());
+        const std::vector<int> last{n / 3, 2 * n / 3, n};
+        const std::vector<double> one = inbreeding_by_cuts(book.sire, book.dam, last);
+        EXPECT_GT(*std::max_element(one.begin(), one.end()), 0.0);
+        for (const int threads : {2, 3, 8})
+            EXPECT_EQ(inbreeding_by_cuts(book.sire, book.dam, last, {}, threads), one) << generation << " " << threads;
+    }
+}
+
 TEST(inbreeding, selfing_and_backcrosses_over_a_border) {
     family_book book;
     const int a = book.add(0, 0, 0.0), b = book.add(0, 0, 0.0);
