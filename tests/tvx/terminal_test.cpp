@@ -3,6 +3,7 @@
 #include "tvx/progress.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <functional>
@@ -32,6 +33,7 @@ std::string on_terminal(const std::function<void()>& child) {
     const int own = posix_openpt(O_RDWR | O_NOCTTY);
     if (own < 0 || grantpt(own) != 0 || unlockpt(own) != 0) return "no terminal";
     const std::string name = ptsname(own);
+    std::fflush(stdout); // or the child shows what the test has not yet shown
     const pid_t pid = fork();
     if (pid == 0) {
         setsid();
