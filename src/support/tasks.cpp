@@ -8,7 +8,9 @@
 #include <oneapi/tbb/info.h>
 #include <oneapi/tbb/task_arena.h>
 #include <oneapi/tbb/task_group.h>
+#include <system_error>
 #include <thread>
+#include <vector>
 
 // ThreadSanitizer does not see what the library, which is not built with it, does to order memory: what stands before a
 // helper is started comes before its work, and its work before what follows the wait for it. Here it is told.
@@ -134,8 +136,28 @@ struct helper_call {
 
 int usable_threads() { return tbb::info::default_concurrency(); }
 
-task_pool::task_pool(int threads) : threads_(threads) {
-    if (threads > 1) library_ = std::make_unique<threads_of_library>(threads);
+namespace {
+
+// Whether n more threads can be had at once. The library waits for ever for one that the system refuses to start.
+bool can_start(int n) {
+    std::vector<std::thread> tried;
+    std::atomic<bool> over{false};
+    bool good = true;
+    try {
+        for (int k = 0; k < n; ++k) tried.emplace_back([&over] { over.wait(false); });
+    } catch (const std::system_error&) {
+        good = false;
+    }
+    over = true;
+    over.notify_all();
+    for (std::thread& t : tried) t.join();
+    return good;
+}
+
+} // namespace
+
+task_pool::task_pool(int threads) : threads_(threads > 1 && can_start(threads - 1) ? threads : 1) {
+    if (threads_ > 1) library_ = std::make_unique<threads_of_library>(threads_);
 }
 task_pool::~task_pool() = default;
 

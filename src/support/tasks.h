@@ -11,7 +11,7 @@ int usable_threads();
 
 class task_pool {
 public:
-    // 1: no thread is started, everything is done in turn by the caller.
+    // 1: no thread is started, everything is done in turn by the caller; the same where the system refuses threads.
     explicit task_pool(int threads);
     ~task_pool();
     task_pool(const task_pool&) = delete;
