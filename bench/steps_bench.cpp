@@ -264,7 +264,7 @@ double products_of(int threads) {
 
 // Seconds of factorisation, sparse inverse, derivative and a whole iterate with so many threads.
 std::vector<double> steps_with(int threads, int round) {
-    kernels.threads = threads;
+    options.threads = threads;
     set_parameters(round);
     assemble();
     factorise(); // threads are started and have their space
@@ -306,7 +306,7 @@ void compare_threads(int threads, int rounds, bool honest) {
         }
         machine.push_back(threads * products_of(1) / products_of(threads));
         if (!honest) continue;
-        kernels.threads = 1;
+        options.threads = 1;
         set_parameters(round);
         assemble();
         other.set();

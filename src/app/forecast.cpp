@@ -48,7 +48,7 @@ double numeric_bytes() {
         const supernode_tree& tree = supernodes(sparse, kernels.work);
         const double panel = static_cast<double>(tree.rows) * std::min(tree.width, wide);
         words += 5.0 * panel + static_cast<double>(std::max(tree.triangles[0] + tree.triangles[1], tree.inverse));
-        const int threads = kernels.threads > 0 ? kernels.threads : usable_threads();
+        const int threads = threads_wanted();
         const double piece = static_cast<double>(tree.piece_rows) * std::min(tree.piece_width, wide);
         if (threads > 1)
             words += threads * (5.0 * piece + static_cast<double>(

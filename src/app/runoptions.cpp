@@ -11,7 +11,6 @@
 #include "equations/orders.h"
 #include "estimation/estimates.h"
 #include "likelihood/solutions.h"
-#include "relations/nrminverse.h"
 #include "simulation/simulation.h"
 #include "support/edit_form.h"
 #include "support/plain_text.h"
@@ -269,9 +268,8 @@ void super(text, text) { options.superai = options.write_factor = true; }
 
 constexpr int most_threads = 1024;
 void threads(text rest, text arg) {
-    option_numbers(rest, arg).take(kernels.threads);
-    if (kernels.threads < 0 || kernels.threads > most_threads) unreadable(arg);
-    nrminverse.threads = kernels.threads;
+    option_numbers(rest, arg).take(options.threads);
+    if (options.threads < 0 || options.threads > most_threads) unreadable(arg);
 }
 
 template <bool options_module::*flag, bool value> void set_flag(text, text) { options.*flag = value; }
@@ -360,7 +358,6 @@ void set_defaults() {
     maximise = {};
     solutions.accinb = false;
     numbers.zero = 1.0e-8;
-    kernels.threads = nrminverse.threads = 1;
     orders.order_type = 0;
     orders.metis_opts = {};
     estimates.reorder = true;

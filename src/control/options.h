@@ -36,6 +36,7 @@ struct options_module {
     bool superai = false;      // work through the relationship matrix, not its inverse
     bool write_factor = false; // leave the factor of the relationship matrix in a file (--super)
     bool tensor_ai = false;
+    int threads = 1; // that take part; 0: as many as the process may use
     bool terse = false;
     bool verbose = false;
     bool werbose = false;

@@ -4,6 +4,7 @@
 #include "control/options.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
+#include "support/tasks.h"
 
 #include <array>
 #include <cstdio>
@@ -102,6 +103,8 @@ void pause_for_operator() {
     std::string answer;
     std::getline(std::cin, answer);
 }
+
+int threads_wanted() { return options.threads > 0 ? options.threads : usable_threads(); }
 
 void write_tvxtop(text_out& out, std::string_view message, bool wide) {
     const std::string date = version_text();

@@ -36,6 +36,9 @@ void tvx_caution();
 // Flushes and waits for one line of standard input; end of input counts as the answer.
 void pause_for_operator();
 
+// Threads that take part in this run: options.threads, or all that the process may use.
+int threads_wanted();
+
 // Report header with title `message`, 78 columns wide, or 112.
 void write_tvxtop(text_out& out, std::string_view message, bool wide);
 // Footer with date and time; closes the output.

@@ -302,7 +302,7 @@ bool race(trial_state& t) {
     append_counts(orders.order_type, orders.metis_opts, best.elements, best.operations);
     node_order winner;
     double spent = 0.0;
-    // they end where the next one would cost more than it can save (order_race.h)
+    // one that would cost more than it can save is passed over (order_race.h)
     for (const entrant& e : entrants()) {
         if (orders.race_price > 0.0 && !affordable(e, best.operations, spent, g.n)) continue;
         spent += orders.race_price * e.cost * g.n;

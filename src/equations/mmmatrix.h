@@ -16,7 +16,6 @@ struct kernels_module {
     kernel_kind choice = kernel_kind::automatic; // automatic decides by the work for each stored element
     int rows = 0, elements = 0;                  // size of the factor for which it was last decided
     bool supernodes = false;                     // what was decided
-    int threads = 1;                             // that take part; 0: as many as the process may use
     sparse_work work;
 };
 inline kernels_module kernels;

@@ -319,7 +319,7 @@ void free_beside(judgement& j, const held_matrix& h, const std::vector<int>& gon
         if (std::find(gone.begin(), gone.end(), q) != gone.end()) continue;
         for (std::size_t g = 0; g < gone.size(); ++g) {
             const std::vector<double> w = h.weights(gone[g], q);
-            const double weight = 2.0 * fall[g] / std::max(h.m.eig(q) - h.m.eig(gone[g]), 1.0e-12);
+            const double weight = 2.0 * fall[g] / std::max(h.m.eig(q) - h.m.eig(gone[g]), least_gap);
             for (int a = 1; a <= t; ++a)
                 for (int c = 1; c <= t; ++c)
                     curvature(a, c) += weight * product(w, basis[at(a - 1)]) * product(w, basis[at(c - 1)]);

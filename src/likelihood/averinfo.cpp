@@ -41,8 +41,6 @@ namespace {
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 constexpr int columns_at_once = solve_columns; // working variables in one pass over the factor
-static_assert(columns_at_once % solve_columns == 0,
-              "the solves take their right-hand sides in pieces of solve_columns");
 
 // What the working variables of a random effect take from the solutions, by level.
 struct effect_vectors {

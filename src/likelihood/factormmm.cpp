@@ -49,8 +49,8 @@ void differentiate_supernodes(array<double>& fdiag, array<double>& foff) {
 
 task_pool* threads_at_work() {
     auto& pool = kernels.work.pool;
-    const int wanted = kernels.threads > 0 ? kernels.threads : usable_threads();
-    if (wanted != (pool ? pool->threads() : 1)) {
+    const int wanted = threads_wanted();
+    if (wanted != (pool ? pool->wanted() : 1)) {
         pool.reset();
         if (wanted > 1) pool = std::make_unique<task_pool>(wanted);
     }

@@ -13,7 +13,6 @@
 #include "relations/nrminverse.h"
 #include "support/edit_form.h"
 #include "support/stop.h"
-#include "support/tasks.h"
 
 #include <algorithm>
 #include <array>
@@ -188,8 +187,6 @@ void offspring_by_sire(const std::vector<int>& sire, const std::vector<int>& dam
     for (std::size_t i = 0; i < n; ++i)
         if (sire[i] > 0 && dam[i] > 0) list[at[sire[i]]++] = static_cast<int>(i) + 1;
 }
-
-int threads_wanted() { return nrminverse.threads > 0 ? nrminverse.threads : usable_threads(); }
 
 } // namespace
 

@@ -12,7 +12,7 @@ class text_out;
 //   done       called with s = 1, 2, .. once the coefficients of all offspring of sires up to s are known
 //   returns    F of animal i at [i-1]; exactly 0 where sire and dam have no common ancestor
 // By sweeps over the relatives of each sire, or by stretches of the list (inbreeding_cuts.h) where the pedigree is
-// large and these count fewer steps; stretches take part of `threads` threads, without a change of the result.
+// large and these count fewer steps; `threads` threads share a stretch, without a change of the result.
 std::vector<double> inbreeding(const std::vector<int>& sire, const std::vector<int>& dam,
                                const std::function<void(int)>& done = {}, int threads = 1);
 // The same by sweeps over the relatives of each sire.

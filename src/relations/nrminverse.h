@@ -19,7 +19,6 @@ struct nrminverse_module {
     array<double, 2> inbreed; // (m,n) inbreeding coefficients by animal and matrix, kept for superai and simulation
     array<int> ifin;          // (n) 1: computed in this run
     array<double> nrmdiag;    // (nan)
-    int threads = 1;          // for inbreeding coefficients; 0: all that there are
 };
 inline nrminverse_module nrminverse;
 

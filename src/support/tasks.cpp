@@ -156,7 +156,7 @@ bool can_start(int n) {
 
 } // namespace
 
-task_pool::task_pool(int threads) : threads_(threads > 1 && can_start(threads - 1) ? threads : 1) {
+task_pool::task_pool(int threads) : wanted_(threads), threads_(threads > 1 && can_start(threads - 1) ? threads : 1) {
     if (threads_ > 1) library_ = std::make_unique<threads_of_library>(threads_);
 }
 task_pool::~task_pool() = default;

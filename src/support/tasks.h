@@ -18,6 +18,8 @@ public:
     task_pool& operator=(const task_pool&) = delete;
 
     int threads() const { return threads_; }
+    // What was asked for: more than threads() where the system has refused.
+    int wanted() const { return wanted_; }
     // Calls f; only inside it do the routines below share work out: the threads stand ready from its beginning to its
     // end. An exception of f goes to the caller.
     void run(const std::function<void()>& f);
@@ -36,7 +38,7 @@ public:
     struct threads_of_library;
 
 private:
-    int threads_;
+    int wanted_, threads_;
     std::unique_ptr<threads_of_library> library_;
 };
 

@@ -297,27 +297,27 @@ TEST_F(run_options_test, numbers_that_are_not_given_leave_the_setting) {
 
 TEST_F(run_options_test, threads_are_one_unless_they_are_given) {
     run({});
-    EXPECT_EQ(kernels.threads, 1);
+    EXPECT_EQ(options.threads, 1);
     for (const std::vector<const char*>& given : {std::vector<const char*>{"--threads8", "mt3"},
                                                   {"--threads", "8", "mt3"},
                                                   {"--THREADS", "8"},
                                                   {"--threads,", "--threads8"}}) {
         run(given);
-        EXPECT_EQ(kernels.threads, 8) << given[0];
+        EXPECT_EQ(options.threads, 8) << given[0];
     }
     run({"--threads", "8", "mt3"});
     EXPECT_EQ(filenames.parfile, "mt3.par");
     run({"--threads", "0"});
-    EXPECT_EQ(kernels.threads, 0);
+    EXPECT_EQ(options.threads, 0);
     run({"--threads", "1024"});
-    EXPECT_EQ(kernels.threads, 1024);
+    EXPECT_EQ(options.threads, 1024);
     run({"--threads8", "--threads"}); // no number: the setting stays
-    EXPECT_EQ(kernels.threads, 8);
+    EXPECT_EQ(options.threads, 8);
 }
 
 TEST_F(run_options_test, threads_without_a_number_take_none_from_the_parameter_file) {
     run({"--threads", "mt3"});
-    EXPECT_EQ(kernels.threads, 1);
+    EXPECT_EQ(options.threads, 1);
     EXPECT_EQ(filenames.parfile, "mt3.par");
     run({"--threads", "--amd", "mt3"});
     EXPECT_EQ(orders.order_type, 2);
@@ -326,9 +326,9 @@ TEST_F(run_options_test, threads_without_a_number_take_none_from_the_parameter_f
 TEST_F(run_options_test, threads_in_the_file_of_options) {
     write_file("RunOptions", "--threads 3\n");
     run({});
-    EXPECT_EQ(kernels.threads, 3);
+    EXPECT_EQ(options.threads, 3);
     run({"--threads", "2"});
-    EXPECT_EQ(kernels.threads, 2);
+    EXPECT_EQ(options.threads, 2);
 }
 
 TEST_F(run_options_test, threads_that_cannot_be_end_the_run) {

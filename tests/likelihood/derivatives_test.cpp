@@ -129,7 +129,7 @@ void expect_information(const small_model& m) {
 void in_small_chunks() {
     places = {};
     places.together = 3;
-    kernels.threads = 3;
+    options.threads = 3;
     program_logl(estimates.parvec, 1); // marks where the chunks begin
     EXPECT_GT(shared_chunks(), 1);
 }
@@ -139,7 +139,7 @@ void expect_derivatives(const small_model& m) {
     expect_information(m);
     in_small_chunks();
     expect_information(m);
-    kernels.threads = 1;
+    options.threads = 1;
     places = {};
 }
 

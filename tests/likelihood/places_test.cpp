@@ -1,5 +1,6 @@
 // Places of pairs in the store that are not kept because they would take too much memory: passes then search for them.
 #include "control/numbers.h"
+#include "control/options.h"
 #include "equations/mmmatrix.h"
 #include "likelihood/buildmmm.h"
 #include "likelihood/derivatives.h"
@@ -114,12 +115,12 @@ TEST_F(places_test, dropped_for_memory_are_not_missed_by_threads) {
     const derived kept = evaluated();
     keep_at_most(1);
     places.together = 3;
-    kernels.threads = 3;
+    options.threads = 3;
     program_logl(estimates.parvec, 1); // marks where the chunks begin
     ASSERT_GT(shared_chunks(), 1);
     forget_likelihoods();
     const derived threaded = evaluated();
-    kernels.threads = 1;
+    options.threads = 1;
     EXPECT_TRUE(places.subjects.dropped);
     expect_same(threaded, kept);
 }

@@ -148,9 +148,9 @@ struct kernel_test : tarvex_test {
         const auto given = b;
         forward_columns(b);
         auto shared = given;
-        kernels.threads = 2;
+        options.threads = 2;
         forward_columns(shared);
-        kernels.threads = 1;
+        options.threads = 1;
         EXPECT_TRUE(std::equal(b.begin(), b.end(), shared.begin())); // few columns at a time give the same digits
         for (int c = 1; c <= columns; ++c) {
             EXPECT_EQ(b(n, c), given(n, c));
