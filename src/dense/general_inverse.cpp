@@ -13,6 +13,7 @@ bool invert_general(array<double, 2>& a, int n) {
         int p = c;
         for (int i = c; i <= n; ++i)
             if (std::fabs(a(i, c)) > std::fabs(a(p, c))) p = i;
+        // what is done to the rows of `a` is done to those of the identity
         for (int j = 1; j <= n; ++j) {
             std::swap(a(c, j), a(p, j));
             std::swap(inverse(c, j), inverse(p, j));

@@ -81,8 +81,10 @@ int first_phase(array<double, 2>& w, modchl_factor& f, const limits& lim) {
             if (w(i, i) > w(top, top)) top = i;
             least = std::min(least, w(i, i));
         }
+        // nothing positive left, or a diagonal clearly negative beside it
         if (!(w(top, top) > lim.pivot) || least < -lim.fall * w(top, top)) return j;
         swap_rows(w, f.perm, n, j, top, j);
+        // looks one step ahead: what the diagonals would be
         for (int i = j + 1; i <= n; ++i)
             if (w(i, i) - w(i, j) * w(i, j) / w(j, j) < -lim.fall * lim.gamma) return j;
         cholupd(w, n, j);
@@ -113,11 +115,13 @@ void fin2x2(array<double, 2>& w, modchl_factor& f, const limits& lim, double bef
     const double mean = 0.5 * (w(n - 1, n - 1) + w(n, n));
     const double half = std::hypot(0.5 * (w(n - 1, n - 1) - w(n, n)), w(n, n - 1));
     const double low = mean - half;
+    // least eigenvalue wanted: condition (high+delta)/(low+delta) up to 1/spread
     const double room = std::max(lim.spread * 2.0 * half / (1.0 - lim.spread), lim.pivot);
     const double delta = std::max({0.0, room - low, before});
     add_to_diagonal(w, f, n - 1, delta);
     add_to_diagonal(w, f, n, delta);
     cholupd(w, n, n - 1);
+    // only rounding can have made it less
     w(n, n) = std::max(w(n, n), 0.5 * lim.pivot);
     cholupd(w, n, n);
 }
@@ -136,14 +140,17 @@ void second_phase(array<double, 2>& w, modchl_factor& f, const limits& lim, int 
     gersch(w, n, first, g);
     double before = 0.0;
     for (int j = first; j <= n - 2; ++j) {
+        // the row with the highest lower bound is the safest
         const auto top = std::max_element(g.begin() + j, g.end()) - g.begin();
         swap_rows(w, f.perm, n, j, static_cast<int>(top), j);
         std::swap(g[static_cast<std::size_t>(top)], g[static_cast<std::size_t>(j)]);
         double norm = 0.0;
         for (int i = j + 1; i <= n; ++i) norm += std::abs(w(i, j));
+        // diagonal dominance of the row; additions never fall
         const double delta = std::max({0.0, -w(j, j) + std::max(norm, lim.pivot), before});
         add_to_diagonal(w, f, j, delta);
         before = std::max(before, delta);
+        // bounds of the rest after this step: each row loses the element in column j, and at most its share of norm
         if (w(j, j) != norm)
             for (int i = j + 1; i <= n; ++i)
                 g[static_cast<std::size_t>(i)] += std::abs(w(i, j)) * (1.0 - norm / w(j, j));
@@ -179,6 +186,7 @@ void take_single(array<double, 2>& w, ldl_factor& f, int j, double tol) {
     f.d(j) = d;
     ++f.nrank;
     if (d < 0.0) ++f.negative;
+    // not divided yet: the rest loses l l'/d
     auto lj = w.column(j);
     for (int k = j + 1; k <= n; ++k) {
         auto wk = w.column(k);
@@ -198,6 +206,7 @@ void take_pair(array<double, 2>& w, ldl_factor& f, int j) {
     f.nrank += 2;
     ++f.negative;
     auto u = w.column(j), v = w.column(j + 1);
+    // (lu lv) = (u v) B^-1 for the block B; the rest loses (lu lv) (u v)'
     std::vector<double> lu(static_cast<std::size_t>(n)), lv(lu.size());
     for (auto i = static_cast<std::size_t>(j + 1); i < lu.size(); ++i) {
         lu[i] = (c * u[i] - b * v[i]) / det;
@@ -209,12 +218,14 @@ void take_pair(array<double, 2>& w, ldl_factor& f, int j) {
         for (auto i = static_cast<std::size_t>(j + 1); i < lu.size(); ++i) wk[i] -= lu[i] * u[at] + lv[i] * v[at];
     }
     for (auto i = static_cast<std::size_t>(j + 1); i < lu.size(); ++i) u[i] = lu[i], v[i] = lv[i];
+    // B is in d and sub; L has the identity there
     w(j + 1, j) = 0.0;
 }
 
 // Solves a block of order 2 of D by its eigenvalues, by their magnitude if `convex`.
 void solve_pair(double a, double b, double c, bool convex, double& x, double& y) {
     const double mean = 0.5 * (a + c), half = std::hypot(0.5 * (a - c), b);
+    // det < 0: one eigenvalue of each sign, none near 0
     double low = mean - half, high = mean + half;
     if (convex) low = std::abs(low), high = std::abs(high);
     const double angle = 0.5 * std::atan2(2.0 * b, a - c); // of the eigenvector of the larger eigenvalue
@@ -243,6 +254,7 @@ void modchl(const array<double, 2>& a, int n, double tol1, double tol2, modchl_f
 
 void solve_modchl(const modchl_factor& f, std::span<const double> r, std::span<double> x) {
     std::vector<double> y(static_cast<std::size_t>(f.n));
+    // into the order of L and back
     for (int i = 1; i <= f.n; ++i) y[static_cast<std::size_t>(i - 1)] = r[static_cast<std::size_t>(f.perm(i) - 1)];
     solve(f.n, f.l, y, y);
     for (int i = 1; i <= f.n; ++i) x[static_cast<std::size_t>(f.perm(i) - 1)] = y[static_cast<std::size_t>(i - 1)];
@@ -265,6 +277,7 @@ void ldlfac(const array<double, 2>& a, int n, double tol, ldl_factor& f) {
         if (off <= tol || std::abs(f.l(j, j)) >= diagonal_share * off) {
             take_single(f.l, f, j, tol);
         } else {
+            // the partner of the block comes next to it
             swap_rows(f.l, f.perm, n, j, row, j + 1);
             take_pair(f.l, f, j++);
         }
@@ -281,6 +294,7 @@ void solve_ldl(const ldl_factor& f, std::span<const double> r, std::span<double>
         const auto col = f.l.column(static_cast<std::ptrdiff_t>(j + 1));
         for (std::size_t i = j + 1; i < n; ++i) y[i] -= col[i] * y[j];
     }
+    // sub is not zero at the first row of a block of order 2 alone
     for (int j = 1; j <= f.n; ++j) {
         double& yj = y[static_cast<std::size_t>(j - 1)];
         if (f.sub(j) != 0.0) {

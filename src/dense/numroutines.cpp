@@ -38,10 +38,12 @@ void rotate_row(std::vector<double>& w, std::vector<double>& v, std::vector<doub
         double* const wq = w.data() + q * ld;
         const double apq = row[static_cast<std::size_t>(q)];
         if (!(std::abs(apq) > EZERO)) continue;
+        // t = tan of the angle: the smaller root of t^2 + 2 theta t - 1 = 0
         const double theta = (wq[q] - wp[p]) * 0.5 / apq;
         double t = 1.0;
         if (std::abs(theta) >= EZERO) t = (theta < 0 ? -1.0 : 1.0) / (std::abs(theta) + std::hypot(theta, 1.0));
         const double c = 1.0 / std::sqrt(t * t + 1.0), s = t * c;
+        // columns p and q above p; between p and q (row p against column q); behind q (two rows)
         rotate_pair(wp, wq, p, 1, c, s);
         rotate_pair(row.data() + p + 1, wq + p + 1, q - p - 1, 1, c, s);
         if (q + 1 < n) rotate_pair(row.data() + q + 1, wq + ld + q, n - q - 1, ld, c, s);
@@ -86,9 +88,11 @@ void jacobi(std::vector<double>& w, std::vector<double>& v, int n) {
 
 // Sweeps the packed triangle on row k; swept rows then hold minus the inverse. col: work, n elements.
 void sweep(std::span<double> a, int n, int k, std::vector<double>& col) {
+    // row and column k of the matrix as it is, out of the triangle
     for (int i = 1; i < k; ++i) col[static_cast<std::size_t>(i - 1)] = a[static_cast<std::size_t>(ihmssf(i, k, n) - 1)];
     double* const row_k = a.data() + ihmssf(k, k, n) - k; // element (k,j) at [j-1]
     for (int j = k; j <= n; ++j) col[static_cast<std::size_t>(j - 1)] = row_k[j - 1];
+    // a(i,j) - a(i,k) a(k,j)/d; column k divided by d, and -1/d
     const double pivot = col[static_cast<std::size_t>(k - 1)];
     for (int i = 1; i <= n; ++i) {
         const double f = col[static_cast<std::size_t>(i - 1)] / pivot;
@@ -165,8 +169,10 @@ void eigem_any_size(const array<double, 2>& a, array<double>& eig, array<double,
     double largest = 0.0;
     for (int j = 1; j <= n; ++j)
         for (int i = 1; i <= n; ++i) largest = std::max(largest, std::abs(a(i, j)));
+    // the absolute tolerances above leave enough digits to such elements
     const bool ordinary = (largest >= 1.0e-2 && largest <= 1.0e8) || !(largest > 0.0) || !std::isfinite(largest);
     const double unit = ordinary ? 1.0 : std::exp2(std::round(std::log2(largest)));
+    // a power of two: no digit is lost
     array<double, 2> scaled = a;
     for (double& x : scaled) x /= unit;
     int nzero = 0;
@@ -205,6 +211,7 @@ void gen_inverse(std::span<double> a, int n, double tol, int& rank, double& ldet
     ldet = 0.0;
     int neg = 0;
     if (negative) *negative = 0;
+    // signed, not in magnitude: a negative variance has rank 0
     if (n == 1) {
         rank = a[0] > tol ? 1 : 0;
         ldet = rank ? std::log(a[0]) : 0.0;
@@ -223,6 +230,7 @@ void gen_inverse(std::span<double> a, int n, double tol, int& rank, double& ldet
         if (dmax < 0.0) ++neg;
         sweep(a, n, k, col);
     }
+    // swept rows hold minus the inverse; rows never swept are no part of it
     std::size_t ij = 0;
     for (int i = 0; i < n; ++i)
         for (int j = i; j < n; ++j, ++ij)

@@ -46,6 +46,7 @@ void tile(store_mode mode, int k, const double* a, place_t lda, const double* b,
     for (int j = 0; j < NR; ++j)
 #pragma GCC unroll 8
         for (int i = 0; i < MV; ++i) acc[j][i] = vec{};
+    // sums long enough for C to arrive meanwhile
     if (k >= 32)
 #pragma GCC unroll 8
         for (int j = 0; j < NR; ++j)
@@ -128,6 +129,7 @@ void strip(store_mode mode, int m, int n, int k, const double* a, place_t lda, b
     const tile_routine full = tiles.of[vectors][n];
     for (; i + tile_height <= m; i += tile_height)
         full(mode, k, packed ? a + static_cast<place_t>(i) * k : a + i, packed ? tile_height : lda, b, ldb, c + i, ldc);
+    // the last tile is as many whole vectors high as its rows need
     const int left = (m - i + lanes - 1) / lanes;
     if (left == vectors)
         full(mode, k, packed ? a + static_cast<place_t>(i) * k : a + i, packed ? tile_height : lda, b, ldb, c + i, ldc);
@@ -157,6 +159,7 @@ void pack_a(double* packed_a, int m, int k, const double* a, place_t lda) {
 void pack_b(double* packed_b, int n, int k, const double* b, place_t ldb) {
     for (int j = 0; j < n; j += tile_width) {
         const int wide = least(tile_width, n - j);
+        // a panel of columns j.. stands at j*k, whatever its width
         double* to = packed_b + static_cast<place_t>(j) * k;
         if (wide == tile_width)
             for (int p = 0; p < k; ++p, to += tile_width)
@@ -228,6 +231,7 @@ void product(const kernel_space& w, store_mode mode, int m, int n, int k, const 
 void minus_square(const kernel_space& w, store_mode first, int m, int k, const double* a, place_t lda, double* u) {
     if (static_cast<place_t>(m) * k <= small) {
         for (int j = 0; j < m; j += tile_width) {
+            // the tile that holds the diagonal begins above it: nothing is read there
             const int i0 = j / tile_height * tile_height, b = j / block * block;
             double* c = triangle_column(u, m, j);
             strip(first, m - i0, least(tile_width, m - j), k, a + i0, lda, false, a + j, lda, c + i0, padded(m) - b);
@@ -245,6 +249,7 @@ void minus_square(const kernel_space& w, store_mode first, int m, int k, const d
                 const int ic = jc + piece * rows, mc = least(rows, m - ic), end = least(nc, ic + mc - jc);
                 pack_a(packed_a, mc, kc, a + ic + pc * lda, lda);
                 for (int j = 0; j < end; j += tile_width) {
+                    // tiles wholly above the diagonal are left out
                     const int jj = jc + j, skip = jj > ic ? (jj - ic) / tile_height * tile_height : 0;
                     const int nr = least(tile_width, nc - j);
                     strip(mode, mc - skip, nr, kc, packed_a + static_cast<place_t>(skip) * kc, 0, true,
@@ -312,6 +317,7 @@ void expand(double* expanded, const double* u, place_t m, int ic, int mc, int pc
         const place_t ld = padded(m) - (ic + j) / block * block;
         int p = 0;
         if (ic == pc) {
+            // the diagonal piece: its lower half as it stands, the upper one from the same places
             for (int q = 0; q < n; ++q)
                 for (p = j + q; p < kc; ++p) expanded[p + (j + q) * expanded_distance] = col[p + q * ld];
             for (p = j; p < least(j + n, kc); ++p)
@@ -334,6 +340,7 @@ void minus_symmetric(const kernel_space& w, int m, int n, const double* u, const
         share_pack_b(w, n, kc, b + pc * ldb, ldb);
         each(w, pieces(m, chunk_rows), [&, pc](int piece, double* expanded) {
             const int ic = piece * chunk_rows, mc = least(chunk_rows, m - ic);
+            // the piece is on or above the diagonal: its transpose is what the triangle holds
             if (ic <= pc) {
                 expand(expanded, u, m, ic, mc, pc, kc);
                 for (int j = 0; j < n; j += tile_width) {
@@ -364,6 +371,7 @@ template <int N> void solve_rows(int m, const double* l, place_t ld, const doubl
         for (int j = 0; j < N; ++j) v[j] = load(x + j * ldx);
 #pragma GCC unroll 8
         for (int j = 0; j < N; ++j) {
+            // X L' = P: column j is done, columns behind it get its share
             v[j] *= r[j];
 #pragma GCC unroll 8
             for (int k = j + 1; k < N; ++k) v[k] -= v[j] * l[k + j * ld];
@@ -433,6 +441,7 @@ int factor_near(int m, int w, double* p, place_t ld, double limit, double& pivot
         const int n = least(width, w - j);
         double* d = p + j + j * ld;
         if (j > 0) strip(store_mode::subtract, m - j, n, j, p + j, ld, false, p + j, ld, d, ld);
+        // columns j.. have taken those in front of them
         const int good = factor_small(n, d, ld, limit, pivot, r);
         if (good < n) return j + good;
         solves.forward[n](m - j - n, d, ld, r, d + n, ld);
@@ -451,6 +460,7 @@ int factor_block(const kernel_space& w, int m, int n, double* p, place_t ld, dou
     for (int j = 0; j < n; ++j) {
         double* to = corner + j * corner_distance;
         for (int i = j; i < n; ++i) to[i] = p[i + j * ld];
+        // whole vectors are read below the corner
         for (int i = n; i < n + lane; ++i) to[i] = 0.0;
     }
     const int good = factor_near(n, n, corner, corner_distance, limit, pivot);
@@ -495,6 +505,7 @@ void solve_block(const kernel_space& w, int m, int n, const double* lt, place_t 
         const int from = piece * rows_of_piece, end = least(m, from + rows_of_piece);
         for (int i = from; i < end; i += near_rows) {
             const int rows = least(near_rows, m - i);
+            // from the last columns to the first
             for (int j = (n - 1) / solve_width * solve_width; j >= 0; j -= solve_width) {
                 const int nj = least(solve_width, n - j), next = j + nj;
                 double* x = y + i + j * ldy;

@@ -13,7 +13,9 @@ constexpr double operations_for_each_element = 20.0; // from which on supernodes
 // Repairs the pivot of column j, with the diagonal d, where it vanishes; false if it cannot be.
 bool repair_pivot(int j, double d, double& diagj, const pivot_rule& rule) {
     const double zero = rule.limit;
+    // positive beyond rounding, measured by what was assembled
     if (d >= zero && diagj >= zero * d) return true;
+    // an empty row may only have an empty pivot: anything else comes from an indefinite matrix
     if (d < zero && std::fabs(diagj) >= zero) return false;
     rule.tell_repair(j, diagj, d);
     diagj = zero * zero; // its root is zero
@@ -36,6 +38,7 @@ int factorise_columns(sparse_store& s, sparse_work& w, const pivot_rule& rule, d
     for (int j = 1; j <= n; ++j) { // temp is all zero; link[j] chains the columns whose next row is j
         if (tell && j % tell_every == 0) tell(j);
         double sum = 0.0;
+        // column k takes its row j out, then joins the chain of its next row
         for (int k = link[j], next; k != 0; k = next) {
             next = link[k];
             const int p = first[k], end = ixvec1(k + 1);
@@ -58,6 +61,7 @@ int factorise_columns(sparse_store& s, sparse_work& w, const pivot_rule& rule, d
         diag(j) = std::sqrt(diagj);
         const double r = 1.0 / diag(j);
         const int start = ixvec1(j), end = ixvec1(j + 1);
+        // a column without rows below is in no chain
         if (start == end) continue;
         const int shift = ixvec2(j) - start;
         const int i1 = ixsub(start + shift);

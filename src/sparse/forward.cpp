@@ -14,6 +14,7 @@ static_assert(solve_columns % lane == 0 && few_columns % lane == 0, "a row of a 
 // Copies columns first.. of b into x, equations running slowest, or back; missing columns of the block are 0.
 void pack(const array<double, 2>& b, int first, int count, int width, int n, std::vector<double>& x) {
     x.assign(static_cast<std::size_t>(n) * width, 0.0);
+    // b is read along its columns, x filled in strides: the kernels want a row together
     for (int c = 0; c < count; ++c)
         for (int i = 1; i <= n; ++i) x[static_cast<std::size_t>(i - 1) * width + c] = b(i, first + c);
 }
@@ -32,6 +33,7 @@ template <int width> void forward_block(const sparse_store& m, double* x) {
         const int shift = m.ixvec2(j) - m.ixvec1(j);
         for (int q = m.ixvec1(j); q < m.ixvec1(j + 1); ++q) {
             const int i = m.ixsub(q + shift);
+            // row n, the right-hand side, is no equation; it ends the list
             if (i == n) break;
             double* xi = x + static_cast<std::ptrdiff_t>(i - 1) * width;
             const double l = m.xspars(q);
@@ -44,6 +46,7 @@ template <int width> void forward_block(const sparse_store& m, double* x) {
 int nested_from(const sparse_store& m, int j) {
     const int n = m.n;
     int w = 1;
+    // the next column has the same list but for its own row, which is the first of this one
     while (w < 4 && j + w < n && rows_below(m, j + w - 1) == rows_below(m, j + w) + 1 &&
            *row_list(m, j + w - 1) == j + w)
         ++w;
@@ -61,10 +64,12 @@ template <int width> void forward_fast(const sparse_store& a, const dense_kernel
         const double* l[4];
         for (int k = 0; k < w; ++k) {
             l[k] = column_of(a, j + k);
+            // the triangle that the w columns have among themselves
             const double r = 1.0 / a.diag(j + k);
             for (int c = 0; c < width; ++c) s[k * width + c] *= r;
             for (int i = k + 1; i < w; ++i)
                 for (int c = 0; c < width; ++c) s[i * width + c] -= l[k][i - k - 1] * s[k * width + c];
+            // from here on all w columns have the rows of the last one
             l[k] += w - 1 - k;
         }
         int m = rows_below(a, j + w - 1);
@@ -96,6 +101,7 @@ void solve_block(const sparse_store& s, const dense_kernels_table::spread* sprea
 void forward_columns(const sparse_store& s, const dense_kernels_table* kernel, task_pool* pool, array<double, 2>& b) {
     need_state(s, store_state::factor, "forward_columns");
     const int columns = static_cast<int>(b.upper(2));
+    // alone: blocks as broad as the vectors pay; shared: narrower ones, so that there is work for all
     if (!pool || pool->threads() < 2 || columns <= few_columns) {
         for (int first = 1; first <= columns; first += solve_columns)
             solve_block<solve_columns>(s, kernel ? &kernel->spread_all : nullptr, first, b);

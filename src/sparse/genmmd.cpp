@@ -43,6 +43,7 @@ void unlink(quotient_graph& g, int v) {
 }
 
 void reset_markers(quotient_graph& g) {
+    // eliminated and merged nodes (maxint) stay marked
     g.tag = 1;
     for (int& m : g.marker)
         if (m < g.maxint) m = 0;
@@ -75,12 +76,14 @@ void absorb(quotient_graph& g, int e, int x) {
 void reach_set(quotient_graph& g, int m) {
     auto& adj = g.adjncy;
     g.marker(m) = g.tag;
+    // rloc: next place of the reach set, rlmt: last place of the block, kept for a link to another one
     int rloc = g.xadj(m), rlmt = g.xadj(m + 1) - 1, elmnt = 0;
     for (int i = g.xadj(m); i <= rlmt; ++i) {
         const int nb = adj(i);
         if (nb == 0) break;
         if (g.marker(nb) >= g.tag) continue;
         g.marker(nb) = g.tag;
+        // an element: its nodes are reached through it, it need not be kept
         if (g.df(nb) < 0) {
             g.llist(nb) = elmnt;
             elmnt = nb;
@@ -88,6 +91,7 @@ void reach_set(quotient_graph& g, int m) {
             adj(rloc++) = nb;
     }
     for (; elmnt > 0; elmnt = g.llist(elmnt)) {
+        // what is absorbed leaves its block as room for the rest of the set
         adj(rlmt) = -elmnt;
         walk(g, elmnt, [&](int node) {
             if (g.marker(node) >= g.tag || g.df(node) < 0) return;
@@ -109,10 +113,12 @@ void mmdelm(quotient_graph& g, int m) {
     walk(g, m, [&](int r) {
         if (g.db(r) != 0 && g.db(r) != -g.maxint) unlink(g, r);
         const int first = g.xadj(r), stop = g.xadj(r + 1);
+        // neighbours that m reaches too are seen through m from here on
         int keep = first;
         for (int i = first; i < stop && g.adjncy(i) != 0; ++i)
             if (const int nb = g.adjncy(i); g.marker(nb) < g.tag) g.adjncy(keep++) = nb;
         const int nq = keep - first;
+        // nothing but m around it: it is numbered with m
         if (nq == 0) {
             absorb(g, m, r);
             return;
@@ -135,6 +141,7 @@ void requeue(quotient_graph& g, int e, int deg) {
 int degree_of_two(quotient_graph& g, int e, int elmnt, int deg) {
     int nb = g.adjncy(g.xadj(e));
     if (nb == elmnt) nb = g.adjncy(g.xadj(e) + 1);
+    // a node, not an element
     if (g.df(nb) >= 0) return deg + g.qsize(nb);
     walk(g, nb, [&](int x) {
         if (x == e || g.qsize(x) == 0) return;
@@ -142,6 +149,7 @@ int degree_of_two(quotient_graph& g, int e, int elmnt, int deg) {
             g.marker(x) = g.tag;
             deg += g.qsize(x);
         } else if (g.db(x) == 0) {
+            // x is around both elements, as e is: with no other neighbour it is e's twin, with more it comes after e
             if (g.df(x) == 2)
                 absorb(g, e, x);
             else
@@ -172,14 +180,17 @@ int degree_of_many(quotient_graph& g, int e, int deg) {
 void mmdupd(quotient_graph& g, int ehead) {
     const int mdeg0 = g.mdeg + g.delta;
     for (int elmnt = ehead; elmnt > 0; elmnt = g.llist(elmnt)) {
+        // tags of this element's nodes lie below mtag
         if (g.tag + mdeg0 >= g.maxint) reset_markers(g);
         const int mtag = g.tag + mdeg0;
         int deg0 = 0, q2 = 0, qx = 0;
         walk(g, elmnt, [&](int e) {
             if (g.qsize(e) == 0) return;
+            // nodes around the element bear mtag: none is counted again when its neighbours are visited
             deg0 += g.qsize(e);
             g.marker(e) = mtag;
             if (g.db(e) != 0) return;
+            // q2: the element and one neighbour more, where twins can be found; qx: the others
             int& head = g.df(e) == 2 ? q2 : qx;
             g.llist(e) = head;
             head = e;
@@ -246,6 +257,7 @@ void ggenmmd(int neqns, array<int>& xadj, array<int>& adjncy, array<int>& invp, 
     nofsub = 0;
     if (neqns == 0) return;
     quotient_graph g{neqns, delta, maxint, xadj, adjncy, invp, perm, {}, {}, {}, {}};
+    // dhead(d): first node of degree d, the node itself included; multiple nodes count by their size
     g.dhead.allocate(neqns + 1);
     g.qsize.allocate(neqns);
     g.llist.allocate(neqns);
@@ -254,6 +266,7 @@ void ggenmmd(int neqns, array<int>& xadj, array<int>& adjncy, array<int>& invp, 
     while (num <= neqns) {
         while (g.dhead(g.mdeg) <= 0) ++g.mdeg;
         const int mdlmt = std::min(g.mdeg + delta, neqns + 1);
+        // a stage: nodes of nearly least degree that are no neighbours; degrees are mended once, behind it
         int ehead = 0;
         for (;;) {
             while (g.mdeg <= mdlmt && g.dhead(g.mdeg) <= 0) ++g.mdeg;
@@ -261,7 +274,9 @@ void ggenmmd(int neqns, array<int>& xadj, array<int>& adjncy, array<int>& invp, 
             const int m = g.dhead(g.mdeg);
             unlink(g, m);
             g.df(m) = -num;
+            // length of the column's list in the factor
             g.nofsub += g.mdeg + g.qsize(m) - 2;
+            // nothing is left but what was merged into m
             if (num + g.qsize(m) > neqns) {
                 num += g.qsize(m);
                 break;

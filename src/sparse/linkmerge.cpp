@@ -9,6 +9,7 @@ namespace tarvex {
 link_merge::link_merge(int n, const clique_lists& data, const std::vector<level_links>& blocks)
     : n_(n), data_(data), blocks_(blocks), set_start_(static_cast<std::size_t>(n) + 2, 0), set_(data.member.size()),
       block_of_row_(static_cast<std::size_t>(n) + 1, nullptr), mark_(static_cast<std::size_t>(n) + 1) {
+    // the sets of each row: counts, starts, then the sets themselves
     for (int r : data.member) ++set_start_[static_cast<std::size_t>(r) + 1];
     for (int r = 1; r <= n; ++r) set_start_[r + 1] += set_start_[r];
     auto next = set_start_;
@@ -33,15 +34,18 @@ void link_merge::from_data(int row) {
 }
 
 void link_merge::from_block(int row, const level_links& b) {
+    // level and coefficient of the row
     const int l = (row - b.first) / b.ncoef, r = (row - b.first) % b.ncoef;
     if (!b.start.empty())
         for (std::size_t k = b.start[l]; k < b.start[l + 1]; ++k) {
             const int base = b.first + (b.lower[k] - 1) * b.ncoef;
+            // covariances 0 between coefficients: each level block has a diagonal alone
             if (b.diagonal)
                 take(row, base + r);
             else
                 for (int s = 0; s < b.ncoef; ++s) take(row, base + s);
         }
+    // coefficients in front within the level
     if (!b.diagonal || b.within)
         for (int s = 0; s < r; ++s) take(row, row - r + s);
 }
@@ -52,6 +56,7 @@ template <class Visit> void link_merge::each_row(Visit visit) {
     for (int row = 1; row <= n_; ++row) {
         cols_.clear();
         from_data(row);
+        // what the data bring is counted for the data, even where a block links the same
         const std::size_t of_data = cols_.size();
         const level_links* b = block_of_row_[row];
         if (b) from_block(row, *b);

@@ -24,12 +24,14 @@ void lay_out(row_factor& f, const normal_equations& a) {
     for (int k = 1; k <= f.n; ++k) place[f.eq[k]] = k;
     array<int> xadj, adjncy;
     xadj.allocate(f.n + 1);
+    // every coefficient between two equations that take part, as element (low, high) of the order
     auto each = [&](auto visit) {
         for (int i = 0; i < a.n; ++i)
             for (auto k = a.start[i]; place[i] > 0 && k < a.start[i + 1]; ++k)
                 if (const int j = place[a.col[k]]; j > 0)
                     visit(std::min(place[i], j), std::max(place[i], j), a.value[k]);
     };
+    // counts one place further on become starts by summing
     each([&](int low, int, double) { ++xadj(low + 1); });
     xadj(1) = 1;
     for (int i = 1; i <= f.n; ++i) xadj(i + 1) += xadj(i);
@@ -43,6 +45,7 @@ void lay_out(row_factor& f, const normal_equations& a) {
     each([&](int low, int high, double value) {
         const int c = f.ixvec1(low + 1) - f.ixvec1(low);
         const int* first = f.ixsub.data() + f.ixvec2(low) - 1;
+        // subscripts of a row ascend
         const auto at = std::lower_bound(first, first + c, high) - first;
         f.x[static_cast<std::size_t>(f.ixvec1(low) - 1 + at)] = value;
     });
@@ -62,11 +65,13 @@ void eliminate(row_factor& f, const normal_equations& a, double limit) {
     f.out.assign(n, 0);
     std::vector<double> temp(n, 0.0);
     std::vector<int> link(n, 0), first(n, 0); // rows by the column that they reach next, and their place there
+    // temp is all zero; link[j] chains the rows whose next element stands in column j
     for (int j = 1; j <= f.n; ++j) {
         double dia = a.diag[f.eq[j]], rhs = a.rhs[f.eq[j]];
         for (int k = link[j], next; k > 0; k = next) {
             next = link[k];
             const int p = first[k], end = f.ixvec1(k + 1);
+            // A = U'D^-1U: row k takes u(k,j)/d(k) times itself from row j
             const double xj = f.x[p - 1], t = -xj / f.pivot[k];
             dia += t * xj;
             rhs += t * f.rhs[k];
@@ -81,6 +86,7 @@ void eliminate(row_factor& f, const normal_equations& a, double limit) {
         f.pivot[j] = dia;
         f.rhs[j] = rhs;
         f.out[j] = dia < threshold(a, f.eq[j], limit) ? 1 : 0;
+        // a row that is not used hands nothing on: as if its equation were not there
         if (f.out[j] == 0 && f.ixvec1(j) < f.ixvec1(j + 1)) {
             first[j] = f.ixvec1(j);
             link[j] = std::exchange(link[f.sub(j, first[j])], j);
@@ -105,6 +111,7 @@ row_factor factorise(const normal_equations& a, std::vector<int> eq, double limi
 std::vector<double> back_solution(const row_factor& f, int n) {
     std::vector<double> xsol(static_cast<std::size_t>(n), 0.0);
     for (int j = f.n; j >= 1; --j) {
+        // its solution stays 0: one of the many solutions
         if (f.out[j]) continue;
         double s = f.rhs[j];
         for (int q = f.ixvec1(j); q < f.ixvec1(j + 1); ++q) s -= f.x[q - 1] * xsol[f.eq[f.sub(j, q)]];
@@ -118,10 +125,13 @@ std::vector<double> back_solution(const row_factor& f, int n) {
 double last_pivot(const row_factor& f, int j, std::vector<double>& temp) {
     std::priority_queue<int, std::vector<int>, std::greater<>> rows;
     std::vector<int> met;
+    // U'v = e(j), forwards; (A^-1)(j,j) = sum of d(k) v(k)^2. Only rows that e(j) leads to are visited, in ascending
+    // order: v(k) is complete when k is the least that waits.
     temp[j] = -1.0;
     double s = 0.0;
     for (rows.push(j); !rows.empty();) {
         const int k = rows.top();
+        // a row waits twice where its sum was 0 in between
         while (!rows.empty() && rows.top() == k) rows.pop();
         met.push_back(k);
         const double v = -temp[k] / f.pivot[k];
@@ -145,8 +155,9 @@ std::vector<int> unclear(const row_factor& f, const normal_equations& a, double 
     for (int j = 1; j <= f.n; ++j) {
         const double p = f.pivot[j], d = a.diag[f.eq[j]];
         if (f.out[j]) {
+            // left out by the absolute limit, yet more than rounding of its diagonal
             if (std::fabs(p) > dependency * d) list.push_back(f.eq[j]);
-        } else if (p < 1.0e4 * limit || p < 1.0e-9 * d) {
+        } else if (p < 1.0e4 * limit || p < 1.0e-9 * d) { // the exact look is for those orders above the thresholds
             if (last_pivot(f, j, temp) < 1.1 * threshold(a, f.eq[j], limit)) list.push_back(f.eq[j]);
         }
     }
@@ -194,11 +205,14 @@ std::vector<null_vector> null_vectors(const row_factor& f, const normal_equation
         null_vector w;
         w.pivot = f.pivot[p];
         w.diagonal = a.diag[f.eq[p]];
+        // of length 1 in its own equation, once scaled
         v[p] = 1.0 / std::sqrt(w.diagonal);
+        // descending rows: v(i) is complete when i is the largest that waits
         for (rows.push(p); !rows.empty(); rows.pop()) {
             const int i = rows.top();
             waiting[i] = 0;
             double vi = std::exchange(v[i], 0.0);
+            // row i of U v = 0
             if (i != p) vi /= -f.pivot[i];
             const double wi = vi * std::sqrt(a.diag[f.eq[i]]);
             if (std::fabs(wi) > negligible) {
@@ -252,11 +266,13 @@ std::vector<null_vector> echelon(std::vector<null_vector> all, int n) {
     for (int j = n - 1; j >= 0; --j) {
         auto& here = ending[j];
         if (here.empty()) continue;
+        // pivot: the largest of those that end here, so that no factor t exceeds 1
         const auto largest = std::max_element(here.begin(), here.end(), [](const auto& a, const auto& b) {
             return std::fabs(a.element.front().second) < std::fabs(b.element.front().second);
         });
         std::swap(*largest, here.front());
         for (std::size_t k = 1; k < here.size(); ++k) {
+            // it ends further in front from now on, and is dealt with there
             subtract(here[k], here.front());
             file(std::move(here[k]));
         }
@@ -270,6 +286,7 @@ std::vector<null_vector> echelon(std::vector<null_vector> all, int n) {
 // diagonal. True if an equation is chosen by an element that may be nothing but that.
 bool doubtful(const std::vector<null_vector>& vectors) {
     double noise = 0.0;
+    // 100: room for the growth of rounding along a vector
     for (const auto& w : vectors) noise = std::max(noise, 100.0 * std::sqrt(std::fabs(w.pivot) / w.diagonal));
     return std::any_of(vectors.begin(), vectors.end(), [&](const auto& w) {
         double largest = 0.0;
@@ -281,6 +298,7 @@ bool doubtful(const std::vector<null_vector>& vectors) {
 // Moves the solutions to those in which the last equation of every null vector is 0.
 void bring_to(std::vector<double>& xsol, const std::vector<null_vector>& vectors, const std::vector<double>& diag) {
     for (const auto& w : vectors) {
+        // vectors come by descending ends: a later one has no element at an end that was set to 0 before
         const auto [j, wj] = w.element.front();
         const double t = xsol[j] * std::sqrt(diag[j]) / wj;
         for (const auto& [i, wi] : w.element) xsol[i] -= t * wi / std::sqrt(diag[i]);
@@ -297,6 +315,7 @@ std::vector<int> fill_reducing_order(const normal_equations& a, const std::vecto
     for (int i : part) {
         for (auto k = a.start[i]; k < a.start[i + 1]; ++k)
             if (local[a.col[k]] >= 0) adjacent.push_back(local[a.col[k]]);
+        // one triangle is enough: the method takes either
         start.push_back(static_cast<int>(adjacent.size()));
     }
     const node_order order = amd_node_order(n, start.data(), adjacent.data());
@@ -342,6 +361,7 @@ row_factor factor_of(const normal_equations& a) {
 }
 
 void sample_inverse(const row_factor& f, std::vector<double>& x) {
+    // U x = D^(1/2) z, so that var(x) = U^-1 D U^-T = A^-1
     for (int j = f.n; j >= 1; --j) {
         double s = std::sqrt(f.pivot[j]) * x[f.eq[j]];
         for (int q = f.ixvec1(j); q < f.ixvec1(j + 1); ++q) s -= f.x[q - 1] * x[f.eq[f.sub(j, q)]];
@@ -376,6 +396,7 @@ bool clear_rank(const normal_equations& a, const std::vector<int>& part, double 
     if (!doubts.empty()) return false;
     const auto vanished = static_cast<std::size_t>(std::count(f.out.begin(), f.out.end(), 1));
     const auto vectors = echelon(null_vectors(f, a), a.n);
+    // one dependent equation for each vanished pivot, or the vectors are not told apart
     if (vectors.size() != vanished || doubtful(vectors)) return false;
     r.rank = f.n - static_cast<int>(vanished);
     r.elements = f.maxlnz;
@@ -402,6 +423,7 @@ double natural_pivot(const normal_equations& a, const std::vector<int>& kept, in
         if (i < equation) front.push_back(i);
     std::vector<int> eq = fill_reducing_order(a, front);
     eq.push_back(equation);
+    // the equation comes last in any order of the others: its pivot is that of the natural order
     const row_factor f = factorise(a, std::move(eq), limit);
     return f.pivot[f.n];
 }
@@ -424,6 +446,7 @@ std::vector<int> suspects(const row_factor& f, const normal_equations& a, const 
 // natural order, until no other is dependent with them. False: that leaves doubts as well.
 bool rank_with_doubts(const normal_equations& a, const std::vector<int>& all, std::vector<int> doubts, double limit,
                       lsq_rank& r) {
+    // each costs a factorisation of its own: with more of them the natural order is cheaper
     constexpr std::size_t most = 64;
     const lsq_rank empty = r;
     for (std::size_t before = 0; doubts.size() > before && doubts.size() <= most;) {
@@ -438,6 +461,7 @@ bool rank_with_doubts(const normal_equations& a, const std::vector<int>& all, st
         for (const auto& d : r.dependent) gone.push_back(d.row);
         std::sort(gone.begin(), gone.end());
         std::erase_if(part, [&](int i) { return std::binary_search(gone.begin(), gone.end(), i); });
+        // ascending, so that the ones kept are in front of the next
         for (int i : doubts) {
             const double p = natural_pivot(a, part, i, limit);
             if (p < threshold(a, i, limit))
@@ -446,6 +470,7 @@ bool rank_with_doubts(const normal_equations& a, const std::vector<int>& all, st
                 part.push_back(i);
         }
         std::sort(part.begin(), part.end());
+        // all that are kept together: the solutions, and whether anything still looks dependent
         const row_factor f = factorise(a, fill_reducing_order(a, part), limit);
         const std::vector<int> found = suspects(f, a, doubts, limit);
         r.rank = f.n;

@@ -22,6 +22,7 @@ void invert(node_order& order) {
 void metis_options(const metis_settings& m, idx_t* o) {
     METIS_SetDefaultOptions(o);
     o[METIS_OPTION_NUMBERING] = 0;
+    // 0: everything else as the library has it
     if (m[0] == 0) return;
     o[METIS_OPTION_CTYPE] = m[1] == 1 ? METIS_CTYPE_RM : METIS_CTYPE_SHEM;
     o[METIS_OPTION_IPTYPE] = m[2] == 1 ? METIS_IPTYPE_EDGE : METIS_IPTYPE_NODE;
@@ -53,11 +54,13 @@ struct scotch_graph {
     int order(const order_graph& g, node_order& out) {
         const int edges = g.start.back();
         if (!start()) return 1;
+        // one graph, one order: the random numbers begin anew each time
         SCOTCH_contextRandomReset(context);
         if (SCOTCH_graphBuild(&plain, 0, g.n, g.start.data(), nullptr, nullptr, nullptr, edges, g.adjacent.data(),
                               nullptr) != 0)
             return 2;
         if (SCOTCH_contextBindGraph(context, &plain, &bound) != 0) return 3;
+        // 0 levels: as the library likes; 0.2: how unequal the halves may be
         if (SCOTCH_stratGraphOrderBuild(&strategy, SCOTCH_STRATQUALITY, 0, 0.2) != 0) return 4;
         out.node.resize(static_cast<std::size_t>(g.n));
         out.place.resize(out.node.size());
@@ -110,6 +113,7 @@ node_order amd_node_order(int n, const int* start, const int* adjacent) {
     constexpr int none = 0; // the library takes no null pointer for a graph without edges
     order.node.resize(static_cast<std::size_t>(n));
     const int status = amd_order(n, start, adjacent ? adjacent : &none, order.node.data(), nullptr, info);
+    // jumbled: rows that do not ascend, which costs time but is no failure
     if (status == AMD_OUT_OF_MEMORY) return {{}, {}, out_of_memory, 0.0};
     if (status != AMD_OK && status != AMD_OK_BUT_JUMBLED) return {{}, {}, status, 0.0};
     invert(order);
@@ -131,6 +135,7 @@ node_order heavy_last_order(const order_graph& g, const metis_settings& settings
     std::vector<int> degree(static_cast<std::size_t>(g.n));
     for (int i = 0; i < g.n; ++i) degree[i] = g.start[i + 1] - g.start[i];
     std::vector<int> sorted = degree;
+    // the lower median
     const auto middle = sorted.begin() + (g.n - 1) / 2;
     std::nth_element(sorted.begin(), middle, sorted.end());
     const long long most = static_cast<long long>(times) * *middle;
@@ -146,6 +151,7 @@ node_order heavy_last_order(const order_graph& g, const metis_settings& settings
     node_order order = metis_order(part_of(g, inner), settings);
     if (order.node.empty()) return order;
     for (int& k : order.node) k = light[k];
+    // stable: the order must not depend on the library of the machine
     std::stable_sort(heavy.begin(), heavy.end(), [&](int i, int j) { return degree[i] < degree[j]; });
     order.node.insert(order.node.end(), heavy.begin(), heavy.end());
     invert(order);

@@ -34,6 +34,7 @@ bool merge_row(row_store& store, int irow, std::span<const int> icols, std::span
     if (icols.empty()) return true;
     const bool values = !xvals.empty();
     int prev = first_prev(ll, irow, icols[0]);
+    // columns ascend: prev, the last element not behind icol, only moves on
     for (std::size_t i = 0; i < icols.size(); ++i) {
         const int icol = icols[i];
         int next = prev > 0 ? ll.inext(prev) : ll.ifirst(irow);
@@ -49,6 +50,7 @@ bool merge_row(row_store& store, int irow, std::span<const int> icols, std::span
             ll.zhz(prev) += xvals[i];
         }
     }
+    // where the next merge into the row may begin
     if (ll.ilast.allocated()) ll.ilast(irow) = prev;
     return true;
 }

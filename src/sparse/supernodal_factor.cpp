@@ -44,6 +44,7 @@ constexpr int columns_of_piece = 24; // columns of a front handed out at a time
 // f(first, end) for columns first..end-1, shared with others if they are worth it.
 template <class F> void by_columns(const factor_work& w, int first, int end, int rows, F f) {
     const int count = (end - first + columns_of_piece - 1) / columns_of_piece;
+    // 20 000 elements: below, handing them out costs more than it saves
     if (!w.packing.each || static_cast<std::ptrdiff_t>(end - first) * rows < 20000) return f(first, end);
     share_out(w.packing, count, [&](int i, double*) {
         f(first + i * columns_of_piece, std::min(end, first + (i + 1) * columns_of_piece));
@@ -61,6 +62,7 @@ template <class Target> void add_children(int s, factor_work& w, int first, int 
         int *place = w.place.data(), *runs = w.runs.data();
         for (int i = 0; i < m; ++i) place[i] = w.local[list[i]];
         find_runs(m, place, runs);
+        // places ascend: the child's rows that are columns first..end-1 of the front stand together
         const int from = static_cast<int>(std::lower_bound(place, place + m, first) - place);
         const int to = static_cast<int>(std::lower_bound(place + from, place + m, end) - place);
         by_columns(w, from, to, m, [&](int j, int last) {
@@ -80,6 +82,7 @@ void absorb_columns(const front& f, int first, int end, Column column, factor_wo
     for (int k = first; k < end; ++k) {
         const int j = f.list[k], count = rows_below(a, j);
         const double* from = column(k);
+        // every piece adds to row n: sums wait for the order of the tree, so that no digit depends on threads
         if (j == a.n && w.events)
             w.events->push_back({-1, from[k]});
         else
@@ -109,6 +112,9 @@ void absorb_update(const front& f, const double* u, factor_work& w) {
 // The update matrices of the children are done with.
 void drop_children(int s, factor_work& w) {
     const supernode_tree& tree = w.all.tree;
+    // Children's updates lie on the stack of the other parity: those of s could be made on its own stack while they
+    // were
+    // still in use.
     for (int c = tree.child[s]; c >= 0; c = tree.sibling[c]) {
         if (w.all.held[c])
             w.all.held[c].reset();
@@ -121,6 +127,7 @@ void drop_children(int s, factor_work& w) {
 // Where the update matrix of s is made: on the stack, or in a space of its own where it waits for the top.
 double* update_space(int s, const front& f, factor_work& w) {
     const supernode_tree& tree = w.all.tree;
+    // in a piece, and the parent as well: the parent's thread is this one
     if (tree.in_piece[s] && !leaves_piece(tree, s)) return w.top[tree.level[s] % 2];
     w.all.held[s] = make_space(triangle_size(f.below));
     return w.all.held[s].get();
@@ -129,6 +136,7 @@ double* update_space(int s, const front& f, factor_work& w) {
 // The update matrix u of s waits for the parent's turn, or is taken over now.
 void leave_update(int s, const front& f, const double* u, factor_work& w) {
     const supernode_tree& tree = w.all.tree;
+    // true: the parent's front takes no update matrices, they go to its columns in the store
     const bool at_once = updates_at_once(w.all.m, tree, tree.parent[s]);
     if (w.events && leaves_piece(tree, s)) {
         w.all.update[s] = u;
@@ -182,6 +190,7 @@ int factor_narrow(int s, const front& f, int width, factor_work& w, double& pivo
     save_panel(f, w, p);
     if (f.below == 0) return good;
     double* u = update_space(s, f, w);
+    // U = -L21 L21', and what the children give to the rows below
     kernel.minus_square(w.packing, store_mode::set_minus, f.below, f.width, p.p + f.width, p.ld, u);
     add_children(s, w, f.width, f.rows(), [&](int c) { return triangle_column(u, f.below, c - f.width) - f.width; });
     leave_update(s, f, u, w);
@@ -208,6 +217,7 @@ void subtract_columns(const front& f, int done, int first, int n, double* c, std
         by_columns(w, 0, k, f.rows() - first, [&](int i, int end) {
             for (; i < end; ++i) {
                 const int j = f.col[from + i];
+                // no holes: used where it stands
                 if (rows_below(w.all.m, j) == f.rows() - 1 - from - i) {
                     column[i] = w.all.m.xspars.data() + w.all.m.ixvec1(j) - 1 + (first - from - i - 1);
                 } else {
@@ -222,6 +232,7 @@ void subtract_columns(const front& f, int done, int first, int n, double* c, std
 
 // A large front, factorised in pieces; the children have left their updates in the store, and its own goes there.
 int factor_large(const front& f, int width, factor_work& w, double& pivot) {
+    // panels from the left, each less the products of those finished
     for (int c = 0, end; c < width; c = end) {
         end = std::min(f.width, c + broad);
         const panel p = make_panel(w.columns, f.rows(), c, end);
@@ -232,6 +243,7 @@ int factor_large(const front& f, int width, factor_work& w, double& pivot) {
         if (good < end - c) return c + good;
         save_panel(f, w, p);
     }
+    // the update matrix is never there as a whole: what is broad is made, given to the store and forgotten
     for (int first = 0, end; first < f.below; first = end) {
         end = std::min(f.below, first + broad);
         const std::ptrdiff_t ld = column_distance(f.below - first + lane);
@@ -257,6 +269,7 @@ struct failure {
 void factor_supernode(int s, factor_work& w, failure& bad) {
     const front f = front_of(w.all.m, w.all.tree, s);
     int width = f.width;
+    // columns of the front before the failed row
     if (bad.row != 0) width = static_cast<int>(std::lower_bound(f.col, f.col + f.width, bad.row) - f.col);
     if (width > 0) {
         place_rows(f, w.local);
@@ -329,6 +342,7 @@ private:
                 take_over(i);
             else
                 factor_supernode(p.step.first, top_, bad_);
+            // progress is told when a step has been taken over, in the order of the tree
             for (const int end = all_.tree.start[p.step.end]; done < end;)
                 if (++done % tell_every == 0 && tell) tell(done);
         }
@@ -338,6 +352,7 @@ private:
         launch(i);
         tree_piece& p = pieces_[i];
         work_on(p);
+        // another thread is at it: pieces that come later are worked on meanwhile
         for (std::size_t k = i + 1; k < launched_ && p.state.load(std::memory_order_acquire) != tree_piece::done; ++k)
             if (pieces_[k].step.piece) work_on(pieces_[k]);
         task_pool::wait_for([&] { return p.state.load(std::memory_order_acquire) == tree_piece::done; });
@@ -402,6 +417,7 @@ int factorise_supernodes(sparse_store& m, sparse_work& work, double limit, doubl
     need_state(m, store_state::assembled, "factorise_supernodes");
     const supernode_tree& tree = supernodes(m, work);
     const std::size_t ns = tree.parent.size();
+    // `added` instead of the diagonal itself: that must be as assembled where a pivot fails
     factor_state all{m, tree, dense_of(work), limit, {}, {}, {}};
     all.added.assign(m.n + 1, 0.0);
     all.update.assign(ns, nullptr);

@@ -70,6 +70,7 @@ constexpr int columns_of_piece = 24; // columns of a front handed out at a time
 // f(first, end) for columns first..end-1, shared with others if they are worth it.
 template <class F> void by_columns(const inverse_work& w, int first, int end, int rows, F f) {
     const int count = (end - first + columns_of_piece - 1) / columns_of_piece;
+    // 20 000 elements: below, handing them out costs more than it saves
     if (!w.packing.each || static_cast<std::ptrdiff_t>(end - first) * rows < 20000) return f(first, end);
     share_out(w.packing, count, [&](int i, double*) {
         f(first + i * columns_of_piece, std::min(end, first + (i + 1) * columns_of_piece));
@@ -104,6 +105,8 @@ void gather_inverse(int s, const inverse_front& f, inverse_work& w, double* u) {
     const int m = f.inner();
     int *place = w.place.data(), *runs = w.runs.data();
     std::copy_n(w.all.link.data() + w.all.link_start[s], m, place);
+    // Upwards: rows that are columns of ancestor a are taken there; the places of the others go on to its parent.
+    // All rows below s are columns of ancestors.
     for (int k = 0, a = tree.parent[s]; k < m; a = tree.parent[a]) {
         const front from = front_of(w.s, tree, a);
         find_runs(m, place, runs);
@@ -114,6 +117,7 @@ void gather_inverse(int s, const inverse_front& f, inverse_work& w, double* u) {
             gather_columns(from, first, last, f, w, u, spot, spot_runs);
         });
         k = end;
+        // place in the front of a is width + number of its row below
         for (int i = k; i < m; ++i) place[i] = w.all.link[w.all.link_start[a] + place[i] - from.width];
     }
 }
@@ -137,6 +141,7 @@ void invert_corner(int n, int left, const double* lt, std::ptrdiff_t ld, double*
     const dense_kernels_table& kernel = w.kernel;
     const std::ptrdiff_t ldm = column_distance(n), ldd = column_distance(block);
     double *m = w.m, *d = w.corner, *c = w.piece; // m: inv(L) below, its transpose above the diagonal
+    // rows of inv(L): those of the identity, times L^-1
     share_out(w.packing, (n + block - 1) / block, [&](int piece, double*) {
         const int i = piece * block, ni = std::min(block, n - i);
         for (int j = 0; j < i + ni; ++j) std::fill_n(m + i + j * ldm, ni, 0.0);
@@ -148,6 +153,7 @@ void invert_corner(int n, int left, const double* lt, std::ptrdiff_t ld, double*
         const int nj = std::min(block, n - j);
         const std::ptrdiff_t ldc = column_distance(n - j);
         for (int i = j; i < n; i += block) {
+            // element (i,j) = sum over k >= i of inv(L)(k,i) inv(L)(k,j): the square at i first, then the rest
             const int ni = std::min(block, n - i), rest = n - i - ni;
             for (int k = 0; k < ni; ++k) { // upper triangle of this piece of the transpose
                 std::copy_n(m + i + (i + k) * ldm, k + 1, d + k * ldd);
@@ -178,6 +184,7 @@ void save_columns(const inverse_front& f, const panel& z, int first, int end, co
         const int j = f.col[c], start = w.s.ixvec1(j), count = stored_rows(w, f, c);
         const double* from = z.column(c);
         double* off = w.all.zoff.data() + start - 1;
+        // the place of row n is the last of the column
         if (count < rows_below(w.s, j)) off[count] = x ? -x[j - 1] : w.s.xspars(start + count) / w.s.diag(j);
         if (count == f.order() - 1 - c) {
             std::copy_n(from + c + 1, count, off);
@@ -231,6 +238,7 @@ void invert_front(int s, inverse_work& w) {
     const inverse_front f = inverse_front_of(w.all, s);
     if (f.inner() > 0) gather_inverse(s, f, w, w.triangle);
     place_rows(f, w.local);
+    // panels from the right: the inverse for all rows behind is there, in the store or in the triangle
     for (int end = f.width, first; end > 0; end = first) {
         first = (end - 1) / wide * wide;
         const int n = end - first, left = f.order() - end;
@@ -238,12 +246,14 @@ void invert_front(int s, inverse_work& w) {
         by_columns(w, first, end, f.rows(), [&](int from, int to) {
             for (int c = from; c < to; ++c) load_column(w.s, f, c, w.local, l.column(c));
         });
+        // L' above the diagonal, as solve_right wants it
         mirror(kernel, n, l.p, l.ld);
         const std::ptrdiff_t ldy = column_distance(n);
         if (left > 0) {
             kernel.solve_right(w.packing, left, n, l.p, l.ld, l.p + n, l.ld);
             transpose(w, left, n, l.p + n, l.ld, w.yt, ldy);
             multiply_inverse(f, end, n, z.p - first, z.ld, w);
+            // zt was work space of multiply_inverse up to here
             transpose(w, left, n, z.p + n, z.ld, w.zt, ldy);
         }
         invert_corner(n, left, l.p, l.ld, z.p, z.ld, w);
@@ -254,6 +264,7 @@ void invert_front(int s, inverse_work& w) {
 // From the inverse to the derivatives: x x' is added, the diagonal is halved.
 void add_solutions(const sparse_store& s, array<double>& zdiag, array<double>& zoff, const double* x) {
     const int n = s.n;
+    // df/dC(i,j) of f = (log|C| + y'Py)/2 is Z + x x' off the diagonal, where an element counts twice
     for (int j = 1; j < n; ++j) {
         int count = rows_below(s, j);
         const double xj = x[j - 1];
@@ -324,6 +335,7 @@ private:
         int todo = n;                                       // columns not yet done, or not yet handed out
         for (std::size_t i = tree.steps.size(); i-- > 0;) {
             const auto& step = tree.steps[i];
+            // told by columns handed out: pieces end when they like
             for (const int end = tree.start[step.first]; todo > end; --todo)
                 if (todo % tell_every == 0 && tell && (all_.x || todo < total)) tell(todo);
             if (!step.piece) {
@@ -347,6 +359,7 @@ private:
         try {
             invert_piece(all_.tree.steps[i]);
         } catch (...) {
+            // the first of several errors is the one that is told
             if (claimed_.exchange(1) == 0) {
                 error_ = std::current_exception();
                 failed_.store(1, std::memory_order_release);

@@ -10,6 +10,7 @@ namespace {
 
 void solve_columns_of(const sparse_store& m, const supernode_tree& tree, const supernode_tree::step& step,
                       array<double>& solns) {
+    // a solution needs those of its rows below: columns from the last to the first
     for (int k = tree.start[step.end]; k-- > tree.start[step.first];)
         if (const int i = tree.order[k]; i < m.n) solns(i) = solve_row(m, i, solns);
 }
@@ -38,6 +39,7 @@ void solve_back_supernodes(const sparse_store& m, sparse_work& w, array<double>&
     if (solns.size() < m.n) solns.allocate(m.n);
     solns.fill(0.0);
     std::vector<supernode_tree::step> pieces;
+    // the top is above all pieces: it comes first though steps are interleaved
     for (std::size_t i = tree.steps.size(); i-- > 0;)
         if (tree.steps[i].piece)
             pieces.push_back(tree.steps[i]);

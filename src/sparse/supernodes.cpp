@@ -13,6 +13,7 @@ namespace tarvex {
 namespace {
 
 std::uint64_t fingerprint(const sparse_store& s) {
+    // FNV-1a by words; the shift carries high bits down
     std::uint64_t h = 1469598103934665603u;
     auto mix = [&](std::uint64_t v) { h = (h ^ v) * 1099511628211u + (h >> 29); };
     mix(static_cast<std::uint64_t>(s.n));
@@ -21,6 +22,7 @@ std::uint64_t fingerprint(const sparse_store& s) {
         mix(static_cast<std::uint64_t>(s.ixvec2(i)));
     }
     for (int q = 1; q <= s.maxsub; ++q) mix(static_cast<std::uint64_t>(s.ixsub(q)));
+    // 0 stands for no structure
     return h | 1u;
 }
 
@@ -53,6 +55,7 @@ std::vector<int> nested_columns(const sparse_store& s, std::vector<cluster>& clu
         c.below = rows_below(s, j);
         if (c.below == 0) continue;
         const int p = *row_list(s, j);
+        // a column goes on with one of its children alone; row n with none
         if (p == n || continued[p] || rows_below(s, p) + 1 != c.below) continue;
         continued[p] = 1;
         of[p] = of[j];
@@ -85,6 +88,7 @@ void merge_clusters(std::vector<cluster>& clusters, const std::vector<int>& bott
     for (int p : bottom_up) {
         if (p == last) continue;
         children.clear();
+        // the child with most rows below first: it takes in the fewest zeros
         for (int c = lists.first[p]; c >= 0; c = lists.next[c]) children.push_back(c);
         std::sort(children.begin(), children.end(), [&](int a, int b) {
             return clusters[a].below != clusters[b].below ? clusters[a].below > clusters[b].below : a > b;
@@ -93,6 +97,7 @@ void merge_clusters(std::vector<cluster>& clusters, const std::vector<int>& bott
         for (int c : children) {
             const cluster& of = clusters[c];
             const double apart = panel_time(of.width, of.below) + panel_time(to.width, to.below);
+            // the rows below are those of the parent: what the child lacks becomes zeros
             if (panel_time(of.width + to.width, to.below) > apart) continue;
             to.width += of.width;
             clusters[c].into = p;
@@ -117,10 +122,12 @@ std::vector<int> postorder(const std::vector<cluster>& clusters, const std::vect
     std::vector<double> need(ns, 0.0), left(ns, 0.0);
     std::vector<int> children, roots, result, stack;
     for (int s : bottom_up) {
+        // merged: its children belong to the root of the merging by now
         if (clusters[s].into != s) continue;
         left[s] = static_cast<double>(triangle_size(clusters[s].below));
         children.clear();
         for (int c = lists.first[s]; c >= 0; c = lists.next[c]) children.push_back(c);
+        // least space: by need less what is left (J. W. H. Liu, ACM TOMS 12:249, 1986)
         std::sort(children.begin(), children.end(), [&](int a, int b) {
             const double da = need[a] - left[a], db = need[b] - left[b];
             return da != db ? da > db : a < b;
@@ -128,6 +135,7 @@ std::vector<int> postorder(const std::vector<cluster>& clusters, const std::vect
         double held = 0.0;
         lists.first[s] = children.empty() ? -1 : children.front();
         for (std::size_t i = 0; i < children.size(); ++i) {
+            // while child i is worked on the updates of those before it are held
             lists.next[children[i]] = i + 1 < children.size() ? children[i + 1] : -1;
             need[s] = std::max(need[s], held + need[children[i]]);
             held += left[children[i]];
@@ -180,13 +188,16 @@ void find_steps(const sparse_store& m, double few_operations, supernode_tree& tr
         own[s] = front_operations(tree.start[s + 1] - tree.start[s], below_of(m, tree, s));
         total += own[s];
     }
+    // a small tree is one piece: threads would not repay their start
     const double grain = total < few_operations ? total + 1.0 : total / pieces_wanted;
     for (int s = 0; s < ns; ++s) {
         under[s] += own[s];
+        // large fronts share their own work, and are not parts of pieces
         const bool large = large_front(tree.start[s + 1] - tree.start[s], below_of(m, tree, s));
         if (s == last || large || under[s] > grain) top[s] = 1;
         if (const int p = tree.parent[s]; p >= 0) {
             under[p] += under[s];
+            // whatever is above the top is top
             top[p] = static_cast<char>(top[p] | top[s]);
         }
     }
@@ -203,6 +214,7 @@ void find_steps(const sparse_store& m, double few_operations, supernode_tree& tr
             first = s;
             sum = 0.0;
         }
+        // small subtrees side by side make a piece together
         if (tree.parent[s] >= 0 && !top[tree.parent[s]]) continue; // not the root of a subtree
         sum += under[s];
         if (sum > 0.5 * grain) {
@@ -227,6 +239,7 @@ void find_space(const sparse_store& m, supernode_tree& tree) {
         if (!tree.in_piece[s]) continue;
         tree.piece_rows = std::max(tree.piece_rows, width + below);
         tree.piece_width = std::max(tree.piece_width, width);
+        // the stacks as they are filled and emptied, front by front: their heights are the most ever held
         tree.piece_inverse = std::max(tree.piece_inverse, triangle_size(below));
         const std::ptrdiff_t update = leaves_piece(tree, s) ? 0 : triangle_size(below);
         tree.triangles[odd] = std::max(tree.triangles[odd], held[odd] + update);
@@ -247,6 +260,7 @@ void make_tree(const sparse_store& m, double few_operations, supernode_tree& tre
     const std::vector<int> of = nested_columns(m, clusters);
     const int nc = static_cast<int>(clusters.size());
     std::vector<int> last(nc, 0), bottom_up(nc);
+    // children end in front of their parents: last columns give an order from the bottom up
     for (int j = 1; j <= n; ++j) last[of[j]] = j;
     std::iota(bottom_up.begin(), bottom_up.end(), 0);
     std::sort(bottom_up.begin(), bottom_up.end(), [&](int a, int b) { return last[a] < last[b]; });
@@ -265,6 +279,7 @@ void make_tree(const sparse_store& m, double few_operations, supernode_tree& tre
         tree.start[k + 1] = tree.start[k] + clusters[post[k]].width;
     }
     tree.order.resize(n);
+    // next place of each supernode; columns come ascending
     std::vector<int> at(tree.start.begin(), tree.start.end() - 1);
     for (int j = 1; j <= n; ++j) tree.order[at[number[final_cluster(clusters, of[j])]]++] = j;
     tree.parent.assign(ns, -1);

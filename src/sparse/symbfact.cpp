@@ -74,12 +74,17 @@ bool store_list(symbolic& s, int k) {
 int row_pattern(symbolic& s, int k, const std::vector<int>& nbs) {
     const int m = s.mrglnk[k];
     s.marker[k] = m > 0 ? s.marker[m] : k;
+    // of no meaning for an empty row
     s.ixvec2(k) = s.nzend;
+    // One child, and every neighbour was in the list it took part in last: the pattern is the child's without its
+    // first row,
+    // and nothing is stored (mass elimination).
     const bool outside = std::any_of(nbs.begin(), nbs.end(), [&](int nb) { return s.marker[nb] != s.marker[k]; });
     if (!outside && m > 0 && s.mrglnk[m] == 0) {
         s.ixvec2(k) = s.ixvec2(m) + 1;
         return s.ixvec1(m + 1) - s.ixvec1(m) - 1;
     }
+    // what the longest child hands on is sorted: only the rest has to be collected, sorted and merged in
     std::span<const int> longest;
     for (int i = m; i > 0; i = s.mrglnk[i])
         if (const auto part = handed_on(s, i); part.size() > longest.size()) {
@@ -92,6 +97,7 @@ int row_pattern(symbolic& s, int k, const std::vector<int>& nbs) {
     for (int i = m; i > 0; i = s.mrglnk[i])
         if (const auto part = handed_on(s, i); part.data() != longest.data()) meet(s, k, part);
     const auto knz = static_cast<int>(longest.size() + s.extra.size());
+    // the tail of the longest child's list serves
     if (s.extra.empty()) return knz;
     std::sort(s.extra.begin(), s.extra.end());
     s.list.resize(longest.size() + s.extra.size());
@@ -125,6 +131,7 @@ void ssmbfct(int nsrow, const array<int>& xadj, const array<int>& adjncy, const 
             break;
         }
         ixvec1(k + 1) = ixvec1(k) + knz;
+        // row k hands on to the first row of its pattern, its parent in the elimination tree
         if (knz > 1) {
             const int heir = ixsub(ixvec2(k));
             s.mrglnk[k] = s.mrglnk[heir];

@@ -19,7 +19,9 @@ void inverse_columns(const sparse_store& s, array<double>& diag, array<double>& 
     const auto &ixvec1 = s.ixvec1, &ixvec2 = s.ixvec2, &ixsub = s.ixsub;
     std::vector<double> w(n + 1, 0.0), acc(n + 1, 0.0); // column i of the factor; Z times it
     std::vector<int> imark(n + 1, 0);                   // 1: row of column i
+    // diag holds d = L(i,i)^2, off the unit factor; row n is no part of the inverse
     if (n >= 2) diag(n - 1) = 1.0 / diag(n - 1);
+    // Z(r,i) = -sum over k of Z(r,k) w(k), Z(i,i) = 1/d + w'Z w, for the rows of column i of the unit factor, w
     for (int i = n - 2; i >= 1; --i) {
         if (tell && i % tell_every == 0) tell(i);
         // acc and imark are all zero; w counts where imark is 1
@@ -30,6 +32,7 @@ void inverse_columns(const sparse_store& s, array<double>& diag, array<double>& 
             imark[ixsub(end + shift)] = 1;
             w[ixsub(end + shift)] = off(end);
         }
+        // each stored Z(r,k), r below k, serves both halves of the symmetric product
         for (int p = start; p < end; ++p) {
             const int k = ixsub(p + shift), shiftk = ixvec2(k) - ixvec1(k);
             const double wk = off(p);
