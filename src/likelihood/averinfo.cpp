@@ -53,6 +53,7 @@ struct effect_vectors {
     const double* level_v(int l) const { return v.data() + at(l - 1) * at(n); }
 };
 
+// the repeat effect is a part of R: its working variables come with those of the residual
 bool fitted(int irand) { return mudmap.kovrnd(irand) != covariance_kind::peq; }
 
 effect_vectors get_solutions(int irand) {
@@ -62,12 +63,14 @@ effect_vectors get_solutions(int irand) {
     const int count = levels.rn_nlev(irand) * e.rank;
     e.u.resize(at(count));
     for (int k = 1; k <= count; ++k) {
+        // 0: the equation was taken out, its solution is 0
         const int eq = orders.ieqnew(mmequations.rn_start(irand) + k);
         e.u[at(k - 1)] = eq > 0 ? solutions.solns(eq) : 0.0;
     }
     return e;
 }
 
+// dV/dG(i,j) Py = Z (E(i,j) x A) Z'Py, and u = (G x A) Z'Py: what stands behind E(i,j) is G^-1 u
 void scale_by_inverse(int irand, effect_vectors& e) {
     const int nlev = levels.rn_nlev(irand);
     e.v.assign(at(nlev) * at(e.n), 0.0);
@@ -92,6 +95,7 @@ bool needs_relationships(int irand) { return options.superai || model.krfit(iran
 // x = (I x Q'^-1) u for a square factor. At a valid point no pivot of Q vanishes.
 void solve_transposed(int irand, effect_vectors& e) {
     const int n = e.n, nlev = levels.rn_nlev(irand);
+    // u = (Q' x I) x
     array<double, 2> inverse;
     inverse.allocate(n, n);
     for (int i = 1; i <= n; ++i)
@@ -119,6 +123,7 @@ void weighted_residuals(const subject_stream& stream, std::vector<double>& ehat,
 
 // The factor of the relationship matrix that belongs to effect irand must be of this pedigree.
 void check_cholnrm(int irand) {
+    // number of the pedigree of this effect
     const int iirand = mudmap.iranno(irand);
     const std::string name = cholnrm_name(iirand);
     const int expected = pedigreelist.nannew(iirand);
@@ -133,6 +138,7 @@ void check_cholnrm(int irand) {
 void multiply_given(int irand, const std::vector<double>& x, std::vector<double>& y) {
     y.assign(x.size(), 0.0);
     inverse_stream elements(irand);
+    // elements of one triangle
     for (inverse_element e; elements.next(e);) {
         y[at(e.row - 1)] += e.value * x[at(e.col - 1)];
         if (e.row != e.col) y[at(e.col - 1)] += e.value * x[at(e.row - 1)];
@@ -217,6 +223,7 @@ void collect_z(std::vector<effect_vectors>& all) {
     while (stream.next()) {
         const subject_design& d = stream.design();
         weighted_residuals(stream, ehat, re);
+        // raw: the basis values of the record; without them the record is of one place, with weight 1
         for (int i = 0; i < d.nobs; ++i)
             for (int k = d.efirst[at(i)]; k < d.efirst[at(i + 1)]; ++k) {
                 const design_effect& f = d.effects[at(k)];
@@ -244,6 +251,7 @@ std::vector<effect_vectors> set_bmat() {
         }
         map_factor(irand, e);
         if (!needs_relationships(irand)) {
+            // a square factor gives x from the solutions alone
             solve_transposed(irand, e);
             continue;
         }
@@ -292,6 +300,7 @@ private:
         const int nobs = d.nobs;
         if (options.randreg) residual_classes(d, age_, iclass_);
         int pars[2];
+        // one trait without a repeat effect: R is diagonal
         const bool independent = numbers.nq == 1 && residualvars.ipeq == 0;
         for (int i = 0; i < nobs; ++i)
             for (int j = i; j < (independent ? i + 1 : nobs); ++j) {
@@ -299,6 +308,7 @@ private:
                 const int c = options.randreg ? iclass_[at(i)] : 1;
                 const int n = residual_pars(d.ynq(i + 1), d.ynq(j + 1), c, i == j, pars);
                 for (int k = 0; k < n; ++k) {
+                    // dR has 1 at (i,j) and (j,i)
                     b[at(i) * np + at(pars[k] - 1)] += re_[at(j)];
                     if (i != j) b[at(j) * np + at(pars[k] - 1)] += re_[at(i)];
                 }
@@ -372,6 +382,7 @@ public:
         for (int i = 0; i < d.nobs; ++i) {
             const double* bi = b.data() + at(i) * at(np);
             const double* ri = rb_.data() + at(i) * at(np);
+            // a: row k of the packed triangle, from its diagonal on
             double* a = sums.aimat.data();
             for (int k = 0; k < np; a += np - k, ++k) {
                 if (bi[k] == 0.0) continue;
@@ -416,6 +427,7 @@ void take_over(const information_sums& sums, array<double>& brx) {
 // Some chunks at a time, since what they leave takes memory.
 void add_shared(const subject_stream& stream, const std::vector<effect_vectors>& effects, int chunks,
                 array<double>& brx) {
+    // twice the threads: who is done early finds another one
     const int wave = 2 * threads_at_work()->threads();
     for (int first = 0; first < chunks; first += wave) {
         const int end = std::min(chunks, first + wave);
@@ -442,6 +454,7 @@ void b_matrix(const std::vector<effect_vectors>& effects, array<double>& brx) {
     sums.aimat.assign(size, 0.0);
     while (stream.next()) {
         subject.add(stream, sums, &brx);
+        // sums of a chunk are closed where threads would close them: the digits are the same
         if (stream.isubj() % places.together != 0) continue;
         take_over(sums, brx);
         sums.aimat.assign(size, 0.0);
@@ -457,6 +470,7 @@ void substitute(array<double>& brx) {
         const int k = std::min(columns_at_once, np - from);
         // the last block may be narrower
         if (block.upper(2) != k) block.allocate(numbers.nsrow, k);
+        // brx has the parameters of an equation together, the solves want the equations of a parameter
         for (int i = 1; i <= n; ++i)
             for (int c = 1; c <= k; ++c) block(i, c) = brx(static_cast<std::ptrdiff_t>(i - 1) * np + from + c);
         forward_columns(block);
@@ -470,6 +484,7 @@ void subtract_products(const array<double>& brx) {
     for (int i = 1; i <= n; ++i) {
         const double* s = brx.data() + static_cast<std::ptrdiff_t>(i - 1) * np;
         double* a = derivs.aimat.data();
+        // sparse right-hand sides leave many zeros in s
         for (int k = 0; k < np; a += np - k, ++k) {
             if (s[k] == 0.0) continue;
             for (int l = k; l < np; ++l) a[l - k] -= s[k] * s[l];
@@ -491,6 +506,7 @@ void check_repeat_block() {
 bool average_info_available() {
     if (repeat_block_reduced()) return false;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
+        // A is needed as such in what follows
         if (!fitted(irand) || !options.principal || !needs_relationships(irand)) continue;
         if (mudmap.kovrnd(irand) == covariance_kind::nrm && options.pseudofix) return false;
         if (mudmap.kovrnd(irand) != covariance_kind::gin) continue;
@@ -517,6 +533,7 @@ void average_info() {
     b_matrix(effects, brx);
     substitute(brx);
     subtract_products(brx);
+    // second derivatives of log L: minus one half of b'Pb
     for (int k = 1; k <= derivs.aimat.upper(); ++k) derivs.devl2(k) = -0.5 * derivs.aimat(k);
     derivs.information_at = estimates.parvec;
     if (options.print_times) tvxtimes(2, "AI");

@@ -88,6 +88,7 @@ void add_full(const design_part& part, local_matrix& w) {
         for (int e = d.first[at(i)]; e < d.first[at(i + 1)]; ++e) {
             const int l = d.local[at(e)];
             const double wl = d.weight[at(e)];
+            // row l of W'R^-1 (W, y): record i gives its weight times t
             w.b[at(l)] += wl * ty;
             double* row = w.a.data() + at(l) * at(l + 1) / 2;
             for (int m = 0; m <= l; ++m) row[m] += wl * w.t[at(m)];
@@ -120,6 +121,7 @@ bool scatter(int nl, const int* eq, const double* a, const double* b, double yy,
             if (p == 0) return false;
             xspars(p) += *a;
         }
+        // a stands at the diagonal element now
         diag(i) += *a++;
         sparse.xrhs(i) += b[l];
     }
@@ -134,6 +136,7 @@ struct formed_chunk {
     std::vector<double> ldet;   // of each subject (random regression)
 
     void form(chunk_stream& chunk) {
+        // vectors keep their memory: chunks are of one size
         for (auto* v : {&nl, &eq}) v->clear();
         for (auto* v : {&values, &ldet}) v->clear();
         local_matrix w;
@@ -204,6 +207,7 @@ bool add_in_turn(subject_stream& stream, place_cursor& place) {
 void mmm_data(int& iflag) {
     subject_stream stream;
     place_cursor place(places.subjects, sparse.xspars);
+    // random regression: log|R| is the sum over subjects; otherwise rinverse has it by patterns
     if (options.randreg) residualvars.detres(1) = 0.0;
     const int chunks = shared_chunks();
     if (!(chunks > 0 ? add_by_chunks(chunks, stream, place) : add_in_turn(stream, place))) {
@@ -216,6 +220,7 @@ void mmm_data(int& iflag) {
 // The right-hand sides go to the last element of each row.
 void xrhs2spar() {
     for (int i = 1; i < numbers.nsrow; ++i)
+        // row n is linked to every row and comes last in it
         if (sparse.xrhs(i) != 0.0) sparse.xspars(sparse.ixvec1(i + 1) - 1) = sparse.xrhs(i);
 }
 
@@ -248,6 +253,7 @@ struct block_adder {
         if (a < 1 || b < 1) no_place(a, b);
         const int p = place(a, b);
         if (value == 0.0) return;
+        // no place: a covariance that was zero when the structure was laid out
         if (p > 0)
             sparse.xspars(p) += value;
         else if (places.lenient)
@@ -255,8 +261,8 @@ struct block_adder {
         else
             no_place(a, b);
     }
-    // ww is G^-1, or the identity where the equations are those of the factor.
-    // Adds aa times the block at levels ii, jj.
+    // Adds aa times the block at levels ii, jj: ww is G^-1, or the identity where the equations are those of the
+    // factor.
     void add_block(int ii, int jj, double aa) {
         const int* ei = eq + static_cast<std::ptrdiff_t>(ii - 1) * n;
         const int* ej = eq + static_cast<std::ptrdiff_t>(jj - 1) * n;
@@ -282,6 +288,7 @@ void mmm_peds_muv(int& iflag) {
         if (mudmap.kovrnd(irand) == covariance_kind::peq || levels.rn_nlev(irand) < 1) continue;
         block_adder block(irand);
         inverse_stream elements(irand);
+        // log|A| stands at the head of the file of the inverse
         randomvars.detl(irand) = elements.logdet();
         inverse_element e;
         while (elements.next(e)) block.add_block(e.row, e.col, e.value);
@@ -294,6 +301,7 @@ void mmm_peds_muv(int& iflag) {
 
 place_cursor::place_cursor(place_store& store, const array<double>& values)
     : store_(store), filling_(&store), values_(values.data()) {
+    // places are those of one structure
     if (store.nsymb != orders.nsymb) {
         store = {};
         store.nsymb = orders.nsymb;
@@ -305,6 +313,7 @@ place_cursor::place_cursor(place_store& store, const array<double>& values)
 
 int place_cursor::find(int a, int b) {
     const int p = locate(a, b);
+    // while the list is filled each pair is searched for once; passes after that read it
     if (reading_ || store_.dropped || !filling_) return p;
     filling_->place.push_back(p);
     if (store_.place.size() % places.look_every == 0 && places_held() > most_places()) {
@@ -327,6 +336,7 @@ void place_cursor::finish() {
 }
 
 int locate(int a, int b) {
+    // an element stands in the row of the equation that comes first
     const int i = std::min(a, b), j = std::max(a, b);
     const int from = sparse.ixvec1(i), n = sparse.ixvec1(i + 1) - from;
     if (n == 0) return 0;
@@ -340,6 +350,7 @@ bool links_diagonal(int irand) { return options.principal || model.diagonal(iran
 void build_mmm(int& iflag) {
     iflag = 0;
     if (model.anal_type < 1 || model.anal_type > 4) stop("error mmm_data");
+    // half assembled is nothing: the state comes at the end
     sparse.state = store_state::empty;
     sparse.diag.fill(0.0);
     sparse.xspars.fill(0.0);

@@ -18,6 +18,7 @@ void dpositions() {
     allocate("alloc kkst", ddvecs.kkst, maxrand + 1, nq);
     ddvecs.maxeff = 0;
     for (int iq = 1; iq <= nq; ++iq) {
+        // fixed effects and the mean come first; then position_width places for each random effect
         int from = lead_positions(iq) + 1;
         for (int j = 1; j <= maxrand + 1; ++j) {
             ddvecs.kkst(j, iq) = from;
@@ -30,6 +31,7 @@ void dpositions() {
 
 void dvec_combs_muv() {
     if (!ddvecs.kkst.allocated()) dpositions();
+    // weight 1: an effect itself; with equations of the factor its row for the trait
     ddvecs.dd.fill(1.0);
     if (!options.principal || options.randreg || !randomvars.zig.allocated()) return;
     for (int iq = 1; iq <= numbers.nq; ++iq)

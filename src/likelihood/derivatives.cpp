@@ -46,6 +46,7 @@ struct residual_part {
             const pattern_matrix& rinv = residualvars.eei[at(k - 1)];
             const std::vector<int> q = pattern_traits(k);
             const pattern_matrix& m = sums[at(k - 1)];
+            // (Py)'dR(Py) and tr(P dR) together are -2 tr(K dR) and tr(R^-1 dR)
             if (m.n > 0) add_residual_terms(between_inverses(rinv, m), q, {}, {}, 1.0, data);
             add_residual_terms(rinv, q, {}, {}, -0.5 * combinations.ncomb_subj[at(k - 1)], trace);
         }
@@ -72,6 +73,7 @@ void set_principal(const factor_sums& d) {
         for (int k = 1; k <= block_size(irand); ++k) {
             const factor_place f = factor_element(irand, 1, k);
             derivs.devc(from + k - 1) = d[at(irand - 1)](f.row, f.col);
+            // the effects have variance I: log|G| is 0
             derivs.devl1(from + k - 1) = -derivs.devc(from + k - 1);
         }
     }
@@ -87,6 +89,7 @@ void block_derivatives(int irand, const pattern_values& x) {
     const double nlev = effective_levels(irand);
     int par = block_start(irand);
     for (int i = 1; i <= n; ++i)
+        // par runs along the packed triangle, by rows
         for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j, ++par) {
             double k = 0.0;
             for (int r = 1; r <= n; ++r)
@@ -113,6 +116,7 @@ struct chunk_sums {
 
     chunk_sums() : factors(at(numbers.krand)) {
         if (options.principal)
+            // one place for each element of the factor, also for those above its diagonal, which stay 0
             for (int irand = 1; irand <= numbers.krand; ++irand)
                 factors[at(irand - 1)].allocate(model.kkfit(irand), model.krfit(irand));
         if (!options.randreg) patterns.assign(at(combinations.ncombi), {});
@@ -153,6 +157,7 @@ factor_place factor_element(int irand, int step, int k) {
     if (model.diagonal(irand)) return {k, k};
     const int n = model.kkfit(irand);
     int c = 1;
+    // columns have n, n-1, ... elements; rows are named by the order of pivots
     for (int length = n; k > length; ++c, --length) k -= length;
     return {estimates.cholorder((step - 1) * n + c + k - 1, irand), c};
 }
@@ -170,6 +175,7 @@ void derivatives_mmm() {
     const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
     data_pass(x);
     if (options.print_times) tvxtimes(2, "1st - residuals");
+    // the residual block has all of the repeat effect
     for (int irand = 1; irand <= numbers.krand; ++irand)
         if (mudmap.kovrnd(irand) != covariance_kind::peq && !options.principal) block_derivatives(irand, x);
     derivs.gradient_at = estimates.parvec;

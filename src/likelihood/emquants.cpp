@@ -34,6 +34,7 @@ std::size_t at(int i) { return static_cast<std::size_t>(i); }
 class expansion_sums {
 public:
     expansion_sums(const em_request& request, em_quantities& q) : request_(request), q_(q) {
+        // unknowns: element (i,c) of a block's expansion, c fastest; first_: -1 if the block has none
         first_.assign(at(numbers.krand), -1);
         q.unknowns.clear();
         for (int irand = 1; irand <= numbers.krand; ++irand) {
@@ -70,6 +71,7 @@ private:
             const design_effect& f = d.effects[at(e)];
             if (!wanted(f.irand)) continue;
             int slot = 0;
+            // a part has few levels: they are searched one by one
             while (slot < static_cast<int>(slots_.size()) &&
                    (slots_[at(slot)].irand != f.irand || slots_[at(slot)].level != f.level))
                 ++slot;
@@ -83,6 +85,7 @@ private:
         const std::size_t n = eq_.size();
         expect_.assign(n * n, 0.0);
         for (std::size_t a = 0; a < n; ++a) {
+            // E(uu') = C^-1 + xx' = 2X; F is 2X off the diagonal and X on it
             expect_[a * n + a] = 2.0 * sparse.diag(eq_[a]);
             for (std::size_t b = 0; b < a; ++b) expect_[a * n + b] = expect_[b * n + a] = expectation(eq_[a], eq_[b]);
         }
@@ -96,6 +99,7 @@ private:
 
     void add_pair(const subject_design& d, int r, int s, double rinv) {
         for (int e = d.efirst[at(r)]; e < d.efirst[at(r + 1)]; ++e)
+            // separate expansions: products of two effects stay out
             for (int f = d.efirst[at(s)]; f < d.efirst[at(s + 1)]; ++f) {
                 if (slot_of_[at(e)] < 0 || slot_of_[at(f)] < 0) continue;
                 if (!request_.joint && d.effects[at(e)].irand != d.effects[at(f)].irand) continue;
@@ -118,6 +122,7 @@ private:
             for (int k = 1; k <= kf; ++k) {
                 const double zk = f.raw ? f.raw[k - 1] : k == f.place ? 1.0 : 0.0;
                 if (zk == 0.0) continue;
+                // normal equations of y on the products z(i) u(j)
                 const int row = first_[at(e.irand - 1)] + (i - 1) * ne, col = first_[at(f.irand - 1)] + (k - 1) * nf;
                 for (int j = 0; j < ne; ++j)
                     for (int l = 0; l < nf; ++l)
@@ -147,6 +152,7 @@ public:
     void add(const part_products& p) {
         if (!options.randreg) return add_products(p, q_.residuals);
         residual_classes(*p.part.record, age_, class_);
+        // independent records with a variance for each class
         for (int i = 0; i < p.part.design->nobs; ++i) {
             const std::size_t c = at(class_[at(p.part.obs + i)] - 1);
             q_.class_ss[c] += 2.0 * p.m(i + 1, i + 1);
@@ -156,6 +162,7 @@ public:
     void finish() {
         if (options.randreg) return;
         for (auto& s : q_.residuals)
+            // E(e e') = 2 M, for M was made with X
             for (double& x : s.v) x *= 2.0;
     }
 
@@ -233,6 +240,7 @@ void em_expectations(const em_request& request, em_quantities& q) {
     if (options.principal) return;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (mudmap.kovrnd(irand) == covariance_kind::peq) continue;
+        // E(u'A^-1 u) by pairs of components
         auto& t = q.quads[at(irand - 1)];
         structure_sums(irand, x, t);
         for (double& v : t) v *= 2.0;

@@ -54,6 +54,7 @@ std::vector<double> current_values() {
 // At most one record a trait: the missing residuals of a pattern are completed by regression on those observed.
 std::vector<double> complete_patterns(const em_quantities& q) {
     const int nq = numbers.nq;
+    // no covariance of it is held: R is the packed residual part of the parameters
     const array<double, 2> R = unpack(residualvars.rpars.prefix(nq * (nq + 1) / 2), nq);
     array<double, 2> sum;
     sum.allocate(nq, nq);
@@ -62,6 +63,7 @@ std::vector<double> complete_patterns(const em_quantities& q) {
         const pattern_matrix& s = q.residuals[at(k - 1)];
         if (s.n == 0) continue;
         const double np = combinations.ncomb_subj[at(k - 1)];
+        // every subject counts, whatever it lacks
         subjects += np;
         const std::vector<int> o = pattern_traits(k);
         const pattern_matrix& inv = residualvars.eei[at(k - 1)];
@@ -84,11 +86,13 @@ std::vector<double> complete_patterns(const em_quantities& q) {
     }
     std::vector<double> theta;
     for (int i = 1; i <= nq; ++i)
+        // symmetric but for rounding
         for (int j = i; j <= nq; ++j) theta.push_back(0.5 * (sum(i, j) + sum(j, i)) / subjects);
     return theta;
 }
 
 // One trait with independent records: the mean square.
+// records of a pattern are counted one by one
 double one_variance(const em_quantities& q) {
     double ss = 0.0, n = 0.0;
     for (int k = 1; k <= combinations.ncombi; ++k) {
@@ -132,6 +136,7 @@ bool residual_objective(const em_quantities& q, const std::vector<double>& theta
         const int n = s.n;
         if (n == 0) continue;
         if (!pattern_factor(pattern_traits(k), theta, factor)) return false;
+        // log|W| = 2 sum log of the factor's diagonal
         for (int j = 1; j <= n; ++j) value += 2.0 * combinations.ncomb_subj[at(k - 1)] * std::log(factor(j, j));
         for (int c = 1; c <= n; ++c) { // trace of W^-1 S, column by column
             std::vector<double> x(at(n));
@@ -190,6 +195,7 @@ least_eigenvalues margins(const std::vector<double>& theta) {
     if (places.empty()) return m;
     const int n = model.kkfit(residualvars.ipeq);
     peq.allocate(n, n);
+    // the residual parameters hold R + PEQ: the PEQ matrix is taken off again
     int k = estimates.nresparm;
     for (const peq_place& p : places) {
         const int i = mudmap.rn_trait(p.i, residualvars.ipeq), j = mudmap.rn_trait(p.j, residualvars.ipeq);
@@ -216,9 +222,11 @@ std::vector<double> with_variances(std::vector<double> theta, const std::vector<
     const int nq = numbers.nq;
     const auto residual = [&](int i) { return at((model.diagonal(0) ? i : packed_place(i, i, nq)) - 1); };
     std::vector<double> peq(at(nq + 1), 0.0), old_peq(at(nq + 1), 0.0);
+    // just above what would be raised when it is used
     constexpr double floor = 1.0001 * least_eigenvalue;
     int k = estimates.nresparm;
     for (const peq_place& p : peq_places()) {
+        // places count covariances too, the bounds are for variances
         const std::size_t place = at(k++);
         if (p.i != p.j) continue;
         theta[place] = std::max({theta[place], least_share * old[place], std::min(old[place], floor)});
@@ -227,6 +235,7 @@ std::vector<double> with_variances(std::vector<double> theta, const std::vector<
         old_peq[at(q)] = old[place];
     }
     for (int i = 1; i <= nq; ++i) {
+        // of the residual part alone
         const double before = old[residual(i)] - old_peq[at(i)];
         const double least = std::max(least_share * before, std::min(before, floor));
         theta[residual(i)] = std::max(theta[residual(i)], peq[at(i)] + least);
@@ -249,6 +258,7 @@ std::vector<double> balanced(std::vector<double> theta, double share) {
                           (theta[at(packed_place(j, j, nq) - 1)] - peq(p.j, p.j));
         if (!(pp > 0.0) || !(rr > 0.0)) continue;
         double& sum = theta[at(p.residual - 1)];
+        // residual part rho sqrt(rr), PEQ part rho sqrt(pp): rho from the total that the records know
         const double total = sum + peq(p.i, p.j);
         const double correlation = total / (std::sqrt(rr) + 2.0 * std::sqrt(pp));
         const double move = share * (correlation * std::sqrt(pp) - peq(p.i, p.j));
@@ -272,6 +282,7 @@ std::vector<double> scoring_change(const em_quantities& q, const std::vector<dou
         const pattern_matrix& inv = inverses[at(k - 1)];
         const std::vector<int> traits = pattern_traits(k);
         add_residual_terms(between_inverses(inv, s), traits, {}, {}, 1.0, h);
+        // row l of the information: n_k tr(W^-1 W_l W^-1 W_m)
         for (int l = 1; l <= n; ++l) {
             std::vector<double> unit(at(n), 0.0), w, f(at(n), 0.0);
             unit[at(l - 1)] = 1.0;
@@ -291,10 +302,12 @@ std::vector<double> scoring_change(const em_quantities& q, const std::vector<dou
         const double d = info[at(ihmssf(i, i, n) - 1)];
         if (d > 0.0) scale[at(i - 1)] = 1.0 / std::sqrt(d);
     }
+    // unit diagonal, so that one limit tells what the data cannot know
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j) info[at(ihmssf(i, j, n) - 1)] *= scale[at(i - 1)] * scale[at(j - 1)];
     int rank = 0;
     double ldet = 0.0;
+    // what they cannot know gets no change
     gen_inverse(info, n, numbers.zero, rank, ldet);
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j)
@@ -310,6 +323,7 @@ std::vector<double> guarded(const em_quantities& q, const std::vector<double>& o
     residual_objective(q, old, before);
     const double limit = before + rounding * std::fabs(before);
     std::vector<double> theta(old.size());
+    // first the step as it is, then with variances held; with a repeat effect also nearer to balance
     for (double step = 1.0; step > least_step; step *= 0.5) {
         for (std::size_t i = 0; i < theta.size(); ++i) theta[i] = old[i] + step * change[i];
         for (const std::vector<double>& base : {theta, with_variances(theta, old)})

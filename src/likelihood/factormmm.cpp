@@ -72,6 +72,7 @@ bool set_instruction_set(const char* name) {
     const char* wanted = std::getenv("TVX_ISA");
     const dense_kernels_table* found = nullptr;
     if (*name == 0 && wanted) {
+        // for measurements and tests: the best set is right for everybody else
         found = find_kernels(wanted);
         if (!found)
             print_list(screen(), "TVX_ISA : this processor or build has no instruction set", wanted, "- using",
@@ -93,6 +94,7 @@ void factorise_mmm(double& detc, double& ypy, int& ifail) {
     dense_kernels(); // before the first use: what was asked for
     threads_at_work();
     const int irow = supernodes_wanted()
+                         // pivots below the operational zero end it; no repair, since that would alter log L
                          ? factorise_supernodes(sparse, kernels.work, numbers.zero, pivot, tell_factor())
                          : factorise_columns(sparse, kernels.work, {numbers.zero, false, {}}, pivot, tell_factor());
     likelihoods.failrow = irow;
@@ -104,6 +106,7 @@ void factorise_mmm(double& detc, double& ypy, int& ifail) {
     }
     const int n = sparse.n;
     double sum = 0.0;
+    // row n is no equation: its pivot squared is y'Py
     for (int j = 1; j < n; ++j)
         if (sparse.diag(j) > numbers.zero) sum += std::log(sparse.diag(j));
     detc = 2.0 * sum;
@@ -123,10 +126,12 @@ void takaha_inverse() {
         threads_at_work();
         inverse_supernodes(sparse, kernels.work, sparse.diag, sparse.xspars, nullptr, tell);
     } else {
+        // L D L' with unit diagonal, as the column kernel of the inverse wants it
         rescale_factor(sparse, sparse.diag, sparse.xspars);
         inverse_columns(sparse, sparse.diag, sparse.xspars, tell);
     }
     sparse.state = store_state::inverse;
+    // the factor is gone: the next evaluation starts with the assembly
     likelihoods.lastpar.fill(0.0);
     likelihoods.factor_valid = false;
     tvxtimes(2, "Takaha-inv");
@@ -142,6 +147,7 @@ void autodiff_1(array<double>& fdiag, array<double>& foff) {
 }
 
 void autodiff_in_place() {
+    // supernodes hold a front beside the store and work in place; columns need a second store
     if (supernodes_wanted()) {
         differentiate_supernodes(sparse.diag, sparse.xspars);
     } else {

@@ -44,6 +44,7 @@ int pivot_row(int irand, int step, int c) {
 void transform_gradient(const array<double, 2>& jac, int from) {
     for (int p = 1; p <= jac.upper(2); ++p) {
         double s = 0.0;
+        // dlogL/dpar = sum over k of dC(k)/dpar dlogL/dC(k)
         for (int k = 1; k <= jac.upper(1); ++k) s += jac(k, p) * derivs.devl1(from + k - 1);
         derivs.der1(from + p - 1) = s;
     }
@@ -65,6 +66,7 @@ array<double, 2> derivative_jacobian(int irand, int step) {
     const array<double, 2> vv = block_factor(irand, step);
     const int n = block_size(irand);
     jac.allocate(n, n);
+    // derivatives by elements of the factor: only logarithms are still to be dealt with
     for (int k = 1; k <= n; ++k) {
         const factor_place f = factor_element(irand, step, k);
         jac(k, k) = log_factor(irand, f, pivot_row(irand, step, f.col), vv);
@@ -116,12 +118,14 @@ void subtract_curvature(const class_jacobian& c) {
         for (int q = p; q <= n && !factor_derivatives(c.irand); ++q) {
             const factor_place fq = factor_element(c.irand, c.step, q);
             if (fq.col != fp.col) continue;
+            // C = LL': d2C(i,j)/dL(i,c)dL(j,c) is 1, and 2 where i = j
             const int k = model.diagonal(c.irand) ? fp.row : packed_place(fp.row, fq.row, order);
             const double lq = log_factor(c.irand, fq, pivot_row(c.irand, c.step, fq.col), vv);
             const double d2 = derivs.devl1(c.from + k - 1) * (fp.row == fq.row ? 2.0 : 1.0) * lp * lq;
             derivs.der2b(packed_place(ip, c.from + q - 1, estimates.nparm)) += d2;
         }
         const bool logarithm = estimates.logdiagonals(c.irand) && fp.row == pivot_row(c.irand, c.step, fp.col);
+        // exp has itself as second derivative: the first one comes once more
         if (logarithm) derivs.der2b(packed_place(ip, ip, estimates.nparm)) += derivs.der1(ip);
     }
 }
@@ -158,6 +162,7 @@ void block_jacobian(int irand, int step, array<double, 2>& jac) {
         }
         const int pivot = pivot_row(irand, step, f.col);
         if (irand == 0 && f.row != pivot && residual_held(step, f.row, pivot)) continue; // stays 0
+        // dC(i,f.row)/dL(f.row,c) = L(i,c), twice that on the diagonal
         for (int i = 1; i <= n; ++i)
             jac(packed_place(i, f.row, n), p) = (i == f.row ? 2.0 : 1.0) * vv(i, f.col) * times;
     }
@@ -173,6 +178,7 @@ void jacob_var2chol(int flag) {
     for (const class_jacobian& c : list) transform_gradient(c.jac, c.from);
     for (std::size_t i = 0; i < list.size(); ++i)
         for (std::size_t j = i; j < list.size(); ++j) transform_information(list[i], list[j]);
+    // der2 is minus the Hessian: the part of the information, less that of the curvature
     if (flag != 1) return;
     for (const class_jacobian& c : list) subtract_curvature(c);
     for (int k = 1; k <= derivs.der2.upper(); ++k) derivs.der2(k) -= derivs.der2b(k);

@@ -38,6 +38,7 @@ constexpr int table_drop = 20; // oldest rows that a full table gives up
 
 void allocate_table(int nparm) {
     auto& l = likelihoods;
+    // column: log L, then the parameters
     if (!l.likesav.allocated() || l.likesav.upper(1) != nparm + 1) {
         allocate("all likesav", l.likesav, nparm + 1, likelihood_rows);
         l.nlike = 0;
@@ -52,6 +53,7 @@ void allocate_table(int nparm) {
 array<double> compared(const array<double>& parvec, int nparm) {
     array<double> p;
     p.allocate(nparm);
+    // residual parameters are clamped in rinverse: two vectors may be one point
     const int nres = static_cast<int>(std::min<std::ptrdiff_t>(estimates.nresparm, residualvars.rpars.upper()));
     for (int i = 1; i <= nparm; ++i) p(i) = i <= nres ? residualvars.rpars(i) : parvec(i);
     return p;
@@ -59,6 +61,7 @@ array<double> compared(const array<double>& parvec, int nparm) {
 
 bool lookuplike(const array<double>& p, int nparm, double& xlike) {
     const auto& l = likelihoods;
+    // the newest first; equal to the last bit
     for (int row = l.nlike; row >= 1; --row) {
         int i = 1;
         while (i <= nparm && l.likesav(i + 1, row) == p(i)) ++i;
@@ -73,12 +76,14 @@ bool lookuplike(const array<double>& p, int nparm, double& xlike) {
 bool has_changed(const array<double>& p, int nparm) {
     if (!likelihoods.factor_valid) return true;
     for (int i = 1; i <= nparm; ++i)
+        // not a number counts as changed
         if (!(std::fabs(p(i) - likelihoods.lastpar(i)) <= numbers.zero)) return true;
     return false;
 }
 
 // New order and structure, after an element had no place in the old one.
 order_made redo_structure() {
+    // the old store goes before the new one comes: both together may be too much
     sparse.xspars.deallocate();
     const order_made made = redo_eqnorders();
     resize_store();
@@ -90,6 +95,7 @@ order_made redo_structure() {
 // Builds and factorises at the covariances in hand. False: invalid pivot.
 bool new_factor(evaluation& e) {
     auto& l = likelihoods;
+    // until the new factor is complete
     l.factor_valid = false;
     l.failrow = 0;
     e.reordered = build_with_new_order();
@@ -109,6 +115,7 @@ int fixed_equations(int iq) {
     int n = 0;
     for (int i = 1; i <= model.nfix(iq); ++i) n += count(mmequations.fx_start(i, iq), levels.fx_nlev(i, iq));
     for (int i = 1; i <= model.ncov(iq); ++i) {
+        // 0: one curve; above 0: one for each level of a fixed effect, below: of an extra one
         const int nest = mudmap.cv_nestfix(i, iq);
         const int curves = nest == 0 ? 1 : nest > 0 ? levels.fx_nlev(nest, iq) : levels.ex_nlev(-nest, iq);
         n += count(mmequations.cv_start(i, iq), curves * mudmap.cv_order(i, iq));
@@ -128,6 +135,7 @@ int levels_as_fixed(int irand) {
 double logl_shift() {
     double s = 0.0;
     for (int iq = 1; iq <= numbers.nq; ++iq)
+        // y/u for y: log u for each record that no fixed equation takes up
         if (const double u = trait_unit(iq); u != 1.0) s -= (means.nrec(iq) - fixed_equations(iq)) * std::log(u);
     if (!any_unit()) return s;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
@@ -138,12 +146,14 @@ double logl_shift() {
 }
 
 double assembled_dev() {
+    // -2 log L without constants: log|C| + y'Py + log|G x A| + log|R|
     double dev = likelihoods.detc + likelihoods.ypy;
     if (any_unit()) dev -= 2.0 * logl_shift();
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (mudmap.kovrnd(irand) == covariance_kind::peq) continue;
         const double nlev = effective_levels(irand);
         dev += nlev * randomvars.detg(irand);
+        // log|A| once for each coefficient of a level
         if (!options.siremodel) dev += nfit(irand) * randomvars.detl(irand);
     }
     if (options.randreg) return dev + residualvars.detres(1);
@@ -160,11 +170,13 @@ void tell_evaluation(double xlike) {
 
 void table_evaluation(const array<double>& p, int nparm, double xlike) {
     auto& l = likelihoods;
+    // rows move to the front: the newest stay
     if (l.nlike == likelihood_rows) {
         for (int row = table_drop + 1; row <= likelihood_rows; ++row)
             std::ranges::copy(l.likesav.column(row), l.likesav.column(row - table_drop).begin());
         l.nlike = likelihood_rows - table_drop;
     }
+    // a search that stands still does not fill the table
     if (xlike == l.xlast && l.nlike > 0) return;
     ++l.nlike;
     l.likesav(1, l.nlike) = xlike;
@@ -203,10 +215,12 @@ evaluation loglike(array<double>& parvec, int iopt) {
     int ifail = 0;
     rinverse(parvec, ifail);
     if (ifail) return without_value(e, invalid_point::residual);
+    // residual matrices have been formed: they are of the point asked for, the factor is not
     if (iopt == 0 && lookuplike(compared(parvec, nparm), nparm, e.xlike)) {
         e.valid = true;
         return e;
     }
+    // before g_inverse, so that a deficient block does not spoil the comparison
     const bool changed = has_changed(compared(parvec, nparm), nparm);
     g_inverse(parvec, ifail);
     if (ifail || any_deficient()) return without_value(e, invalid_point::random);
@@ -230,6 +244,7 @@ evaluation loglike(array<double>& parvec, int iopt) {
     }
     l.given = parvec;
     e.valid = e.solved = true;
+    // solutions go with the factor even where it was reused: derivatives may have been there meanwhile
     back_solutions();
     housekeeping(p, nparm, changed, e.xlike);
     return e;
@@ -250,6 +265,7 @@ std::optional<order_made> build_with_new_order() {
     places.lenient = false;
     if (!iflag) return {};
     const order_made made = redo_structure();
+    // the second time every element has its place
     build_mmm(iflag);
     if (iflag) stop("this should not happen");
     return made;

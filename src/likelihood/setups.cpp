@@ -43,6 +43,7 @@ void resize_store() {
 
 void setup4like() {
     const int ncombi = std::max(1, combinations.ncombi);
+    // log|R| by patterns, or one sum over subjects (random regression)
     if (residualvars.detres.size() != ncombi) allocate("detres", residualvars.detres, ncombi);
     if (!likelihoods.likesav.allocated()) {
         allocate("all likesav", likelihoods.likesav, estimates.nparm + 1, likelihood_rows);

@@ -37,9 +37,11 @@ void fetch(const subject_design& d, const pattern_values& v, place_cursor& place
         const int i = d.eq[l];
         for (std::size_t m = 0; m < l; ++m) {
             const int p = place(i, d.eq[m]);
+            // off the pattern: never needed, since both equations of a record are linked
             w.x[l * nl + m] = w.x[m * nl + l] = p > 0 ? v.off * v.fo(p) : 0.0;
         }
         w.x[l * nl + l] = v.fd(i);
+        // y stands last in the row
         if (v.with_y) w.fy[l] = v.off * v.fo(sparse.ixvec1(i + 1) - 1);
     }
     w.yy = v.with_y ? v.fd(numbers.nsrow) : 0.0;
@@ -84,11 +86,13 @@ void add_element(int n, const int* ei, const int* ej, bool diagonal_links, doubl
         return p > 0 ? aa * x.off * x.fo(p) : 0.0;
     };
     for (int r = 0; r < n; ++r) {
+        // an element off the diagonal of A^-1 stands for (a,b) and (b,a)
         if (ei == ej) t(r + 1, r + 1) += aa * x.fd(ei[r]);
         if (diagonal_links) {
             if (ei != ej) t(r + 1, r + 1) += 2.0 * between(ei[r], ej[r]);
             continue;
         }
+        // within a level only pairs r > s, each for both
         for (int s = 0; s < (ei == ej ? r : n); ++s) {
             const double v = between(ei[r], ej[s]);
             t(r + 1, s + 1) += v;
@@ -169,6 +173,7 @@ void add_products(const part_products& products, std::vector<pattern_matrix>& su
         s.diagonal = products.m.diagonal;
         s.v.assign(s.diagonal ? at(s.n) : at(s.n) * at(s.n), 0.0);
     }
+    // parts of one record each go to their place, a whole subject fills the matrix
     const std::size_t from = s.diagonal ? at(products.part.obs) : 0;
     for (std::size_t k = 0; k < products.m.v.size(); ++k) s.v[from + k] += products.m.v[k];
 }
@@ -203,6 +208,7 @@ void add_loads(const part_products& products, double factor, std::vector<array<d
         for (int e = s.efirst[at(i)]; e < s.efirst[at(i + 1)]; ++e) {
             const design_effect& effect = s.effects[at(e)];
             auto& mine = loads[at(effect.irand - 1)];
+            // equations of the factor: element (r,c) meets u_c of the level
             for (int c = 1; c <= model.krfit(effect.irand); ++c) {
                 const double g = factor * h[at(s.local[at(effect.entry + c - 1)])];
                 if (!effect.raw) {

@@ -28,6 +28,7 @@ std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 // Table of basis functions of random regression block irand.
 int basis_table(int irand) {
+    // the block's first trait will do: tables of a block agree
     for (int iq = 1; iq <= numbers.nq; ++iq)
         for (int j = 1; j <= model.nrnd(iq); ++j)
             if (mudmap.rn_irand(j, iq) == irand) return phimat.kkphi(j, iq);
@@ -70,6 +71,7 @@ int level_of(int ieq, int irand) {
 subject_stream::subject_stream(bool with_effects) : with_effects_(with_effects) {
     setup_recdata(pass_, filenames.recdatfil3);
     dvec_combs_muv();
+    // covariables have equations of their own for all subjects, the rest is numbered within the record
     clocal_.assign(at(mmequations.neq_cov + 1), -2);
     auto tables = std::make_shared<subject_tables>();
     if (options.randreg) {
@@ -87,6 +89,7 @@ subject_stream::subject_stream(bool with_effects) : with_effects_(with_effects) 
 
 subject_stream::subject_stream(const subject_stream& first, beside)
     : with_effects_(first.with_effects_), tables_(first.tables_) {
+    // a pass of its own over the files, tables in common
     setup_recdata(pass_, filenames.recdatfil3);
     clocal_.assign(first.clocal_.size(), -2);
 }
@@ -108,6 +111,7 @@ int subject_stream::local_of_jvec(int p) {
     int& l = jlocal_[at(p)];
     if (l == -2) {
         const int e = record().jvec(p);
+        // equations that were taken out have no place
         l = -1;
         if (e > 0) {
             l = design_.nl++;
@@ -148,6 +152,7 @@ void subject_stream::add_random(int i, int iq, int j) {
     const double* w = nullptr;
     design_effect effect{irand, 0, mudmap.rn_place(j, iq), static_cast<int>(design_.local.size()), nullptr};
     if (options.randreg) {
+        // level of the control variable
         const std::size_t a = at(r.imeta(mudmap.irmeta(j, iq), i + 1) - 1);
         effect.place = 0;
         effect.raw = tables_->basis[at(irand - 1)].data() + a * at(model.kkfit(irand));
@@ -179,6 +184,7 @@ void subject_stream::form_design() {
     for (int i = 0; i < d.nobs; ++i) {
         const int iq = r.ynq(i + 1);
         for (int k = 1; k <= r.mcov; ++k)
+            // a covariable that is 0 adds nothing
             if (const int c = r.icov(k, i + 1); c > 0 && r.xcov(k, i + 1) != 0.0)
                 add_entry(local_of_covariable(c), r.xcov(k, i + 1));
         for (int k = 1; k <= lead_positions(iq); ++k)
@@ -217,6 +223,7 @@ void part_splitter::start() {
     if (numbers.nq > 1 || residualvars.ipeq > 0) return;
     const subject_design& d = stream_.design();
     std::int64_t pairs = 0;
+    // elements formed record by record, against those of the whole square
     for (int i = 0; i < d.nobs; ++i) {
         const std::int64_t n = d.first[at(i + 1)] - d.first[at(i)];
         pairs += n * n;

@@ -39,6 +39,7 @@ void name_effect(int ieq) {
 int random_block(int ieq, int& level) {
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         const int first = mmequations.rn_start(irand);
+        // -1: not fitted by equations of its own
         if (first < 0 || ieq <= first || ieq > first + levels.rn_nlev(irand) * nfit(irand)) continue;
         level = (ieq - first - 1) / nfit(irand) + 1;
         return irand;
@@ -59,6 +60,7 @@ bool levels_as_fixed(int irand) {
 bool variances_far_off() {
     for (int irand = 0; irand <= numbers.krand; ++irand) {
         const int n = model.kkfit(irand);
+        // coefficients of random regression are of no trait's scale
         for (int i = 1; i <= n && !(options.randreg && irand > 0); ++i) {
             const int iq = irand == 0 ? i : mudmap.rn_trait(i, irand);
             const double v = model.cov(model.diagonal(irand) ? i : ihmssf(i, i, n), irand);

@@ -23,9 +23,11 @@ int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
 void set_units_from_covariances() {
     means.unit.allocate(numbers.nq);
     for (int iq = 1; iq <= numbers.nq; ++iq) {
+        // variance of the trait, all components added up: all that is known of its scale without the data
         double v = 0.0;
         for (int irand = 0; irand <= numbers.krand; ++irand)
             for (int i = 1; i <= model.kkfit(irand); ++i) {
+                // random regression: coefficients of all traits share one unit
                 const int trait = options.randreg ? 1 : irand == 0 ? i : mudmap.rn_trait(i, irand);
                 if (trait == iq) v += model.cov(model.diagonal(irand) ? i : ihmssf(i, i, model.kkfit(irand)), irand);
             }
@@ -77,6 +79,7 @@ void factor_units(int irand, int step, std::vector<parameter_unit>& units) {
     for (int c = 1; c <= rank; ++c)
         for (int r = c; r <= (model.diagonal(irand) ? c : n); ++r, ++at) {
             const int row = model.diagonal(irand) ? r : estimates.cholorder((step - 1) * n + r, irand);
+            // log(q u) = log q + log u: a unit shifts a logarithm
             if (r == c && estimates.logdiagonals(irand))
                 units[at].shift = std::log(row_unit(irand, row));
             else

@@ -17,6 +17,7 @@ namespace {
 
 void allocate_blocks() {
     const int krand = numbers.krand;
+    // one array for all blocks, each in its corner
     int most = 1;
     for (int irand = 1; irand <= krand; ++irand) most = std::max(most, model.kkfit(irand));
     auto& r = randomvars;
@@ -30,6 +31,7 @@ void allocate_blocks() {
 void keep_factor(int irand, const array<double, 2>& vv) {
     for (int i = 1; i <= model.kkfit(irand); ++i)
         for (int j = 1; j <= model.krfit(irand); ++j) randomvars.zig(i, j, irand) = vv(i, j);
+    // equations of the factor have variance I
     randomvars.detg(irand) = 0.0;
     randomvars.deficient(irand) = 0;
 }
@@ -40,6 +42,7 @@ void invert_diagonal(int irand, const array<double>& cc) {
     randomvars.deficient(irand) = 0;
     for (int i = 1; i <= n; ++i) {
         const double w = cc(ihmssf(i, i, n));
+        // a value that is no number vanishes too
         const bool vanishes = !(w >= least_variance());
         if (vanishes) randomvars.deficient(irand) = 1;
         for (int j = 1; j <= n; ++j) randomvars.zig(i, j, irand) = 0.0;
@@ -59,6 +62,7 @@ bool invert_by_factor(int irand, const array<double, 2>& a, double& logdet) {
     for (int j = 1; j <= n; ++j) {
         logdet += 2.0 * std::log(l(j, j));
         for (int i = j; i <= n; ++i) {
+            // columns of L^-1 by forward substitution
             double s = i == j ? 1.0 : 0.0;
             for (int k = j; k < i; ++k) s -= l(i, k) * inverse(k, j);
             inverse(i, j) = s / l(i, i);
@@ -66,6 +70,7 @@ bool invert_by_factor(int irand, const array<double, 2>& a, double& logdet) {
     }
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j) {
+            // G^-1 = L^-T L^-1
             double s = 0.0;
             for (int k = j; k <= n; ++k) s += inverse(k, i) * inverse(k, j);
             randomvars.zig(i, j, irand) = randomvars.zig(j, i, irand) = s;
@@ -85,6 +90,7 @@ void invert_full(int irand, const array<double>& cc) {
     double detg = 0.0;
     randomvars.deficient(irand) = nzero > 0 ? 1 : 0;
     if (nzero == 0 && invert_by_factor(irand, a, randomvars.detg(irand))) return;
+    // generalised inverse over the eigenvalues that do not vanish
     for (int k = 1; k <= n - nzero; ++k) detg += std::log(eig(k));
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j) {

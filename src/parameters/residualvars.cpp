@@ -43,6 +43,7 @@ void allocate_residuals() {
     if (!r.sigres.allocated() || r.sigres.upper(1) != n || r.sigres.upper(2) != model.rr_resteps) {
         allocate("alloc sige", r.sigres, n, model.rr_resteps);
         allocate("alloc sige", r.sigpeq, n);
+        // what the inverses were formed from is of another size
         r.formed.clear();
     }
     const int npar = model.rr_resteps * class_covs();
@@ -66,6 +67,7 @@ void residual_matrices(array<double>& parvec, int& ifail) {
         for (int i = 1; i <= nq; ++i)
             for (int j = i; j <= nq; ++j) {
                 const int k = ihmssf(i, j, nq);
+                // held components are 0 to the last bit, whatever a factor leaves there
                 r.sigres(k, step) = fixed_at_zero(step, i, j) ? 0.0 : cc(k);
                 if (!model.diagonal(0))
                     r.rpars((step - 1) * class_covs() + k) = r.sigres(k, step);
@@ -84,6 +86,7 @@ void peq_matrix(array<double>& parvec, int& ifail) {
     array<double, 2> vv;
     parvec2covs(parvec, r.ipeq, 1, cc, vv, ifail);
     if (ifail) return;
+    // traits that do not fit the effect keep 0
     const int n = model.kkfit(r.ipeq);
     for (const peq_place& p : peq_places()) r.sigpeq(p.residual) = cc(ihmssf(p.i, p.j, n));
 }
@@ -102,6 +105,7 @@ void show_residual() {
 double record_covariance(int iq, int jq, bool same) {
     const auto& r = residualvars;
     const int k = packed_place(iq, jq, numbers.nq);
+    // the variance of a record holds the repeat effect; two records of a trait have that alone in common
     if (same) return r.sigres(k, 1);
     return iq == jq ? r.sigpeq(k) : r.sigres(k, 1) + r.sigpeq(k);
 }
@@ -126,6 +130,7 @@ bool independent_pattern(const std::vector<int>& traits, pattern_matrix& inverse
     for (int q : traits) ++count[at(q)];
     for (int i = 1; i <= nq; ++i) {
         if (count[at(i)] == 0) continue;
+        // smaller variances go to gen_inverse, which tells of them
         if (!(r.sigres(ihmssf(i, i, nq), 1) >= small_pivot)) return false;
         if (count[at(i)] > 1 && r.sigpeq(ihmssf(i, i, nq)) != 0.0) return false;
         for (int j = i + 1; j <= nq; ++j)
@@ -171,6 +176,7 @@ void invert_pattern(int icombi, int& ifail) {
         for (int i = 1; i <= n; ++i)
             for (int j = i; j <= n; ++j)
                 w[at(ihmssf(i, j, n) - 1)] = record_covariance(traits[at(i - 1)], traits[at(j - 1)], i == j);
+        // w becomes the inverse
         kept = w;
         int rank = 0, negative = 0;
         gen_inverse(w, n, numbers.zero * pattern_zeros, rank, ldet, &negative);
@@ -201,6 +207,7 @@ void rinv_muv(array<double>& parvec, int& ifail) {
     // the inverses stay where only random effects have moved
     std::vector<double> now(r.sigres.begin(), r.sigres.end());
     now.insert(now.end(), r.sigpeq.begin(), r.sigpeq.end());
+    // equal to the last bit
     if (now == r.formed) return;
     r.formed.clear();
     r.eei.resize(at(combinations.ncombi));
@@ -247,6 +254,7 @@ bool all_independent(const subject_record& d, const std::vector<int>& age, const
     const int n = d.nobs;
     for (int i = 1; i <= n; ++i) {
         const int q = d.ynq(i);
+        // as for patterns: small ones are told by gen_inverse
         if (residualvars.sigres(ihmssf(q, q, numbers.nq), iclass[at(i - 1)]) < small_pivot) return false;
         for (int j = i + 1; j <= n; ++j)
             if (age[at(i - 1)] == age[at(j - 1)]) return false;
@@ -273,6 +281,7 @@ void show_combination(int icombi) {
 
 void show_indefinite_pattern() {
     const auto& eei = residualvars.eei;
+    // rinverse leaves the pattern that failed without a matrix
     const auto failed = std::find_if(eei.begin(), eei.end(), [](const pattern_matrix& w) { return w.n == 0; });
     if (options.randreg || failed == eei.end()) return;
     print_list(screen(),
@@ -300,6 +309,7 @@ void residual_classes(const subject_record& d, std::vector<int>& age, std::vecto
     const int n = d.nobs;
     age.resize(at(n));
     iclass.resize(at(n));
+    // the control variable of the trait gives the place, its level the class
     for (int i = 1; i <= n; ++i) {
         const int iq = d.ynq(i), control = phimat.jjmeta.allocated() ? phimat.jjmeta(iq) : 1;
         age[at(i - 1)] = d.imeta(control, i);
@@ -328,6 +338,7 @@ void get_rinv_rreg(const subject_record& d, int isubj, std::vector<double>& zig2
             zig2.push_back(1.0 / s);
             ldet += std::log(s);
         }
+        // independent records: the diagonal is all
         return;
     }
     // records at different places are independent
@@ -349,6 +360,7 @@ void get_rinv_rreg(const subject_record& d, int isubj, std::vector<double>& zig2
 std::vector<int> pattern_traits(int icombi) {
     std::vector<int> traits;
     const std::vector<int>& count = combinations.nqcombi[at(icombi - 1)];
+    // records of a subject are sorted by trait: counts say all
     for (int iq = 1; iq <= numbers.nq; ++iq) traits.insert(traits.end(), at(count[at(iq - 1)]), iq);
     return traits;
 }
@@ -357,6 +369,7 @@ int residual_pars(int iq, int jq, int iclass, bool same, int pars[2]) {
     const int nq = numbers.nq;
     int n = 0;
     if (same || iq != jq) {
+        // held components are no parameters of the data
         if (!fixed_at_zero(iclass, iq, jq) && (iq == jq || !model.diagonal(0)))
             pars[n++] = (iclass - 1) * class_covs() + (model.diagonal(0) ? iq : packed_place(iq, jq, nq));
     }
@@ -383,7 +396,9 @@ void add_residual_terms(const pattern_matrix& x, std::span<const int> traits, st
     for (int k = 1; k <= x.n; ++k) {
         const int c = iclass.empty() ? 1 : iclass[at(k - 1)];
         for (int l = k; l <= (x.diagonal ? k : x.n); ++l) {
+            // records at different places have covariance 0 whatever the parameters
             if (!age.empty() && age[at(k - 1)] != age[at(l - 1)]) continue;
+            // (k,l) and (l,k)
             const double value = factor * (k == l ? 1.0 : 2.0) * x(k, l);
             const int n = residual_pars(traits[at(k - 1)], traits[at(l - 1)], c, k == l, pars);
             for (int p = 0; p < n; ++p) g[at(pars[p] - 1)] += value;

@@ -44,6 +44,7 @@ bool empty_block(int irand) { return irand == 0 && model.rr_resteps > 1 && model
 int step_size(int irand) {
     if (empty_block(irand)) return 0;
     if (model.diagonal(irand)) return model.kkfit(irand);
+    // columns of n, n-1, ... elements
     return model.krfit(irand) * (2 * model.kkfit(irand) - model.krfit(irand) + 1) / 2;
 }
 int step_covs(int irand) {
@@ -54,6 +55,7 @@ int step_covs(int irand) {
 std::string label(const edit_form& form, const std::string& letter, std::initializer_list<int> places) {
     const std::vector<int> list(places);
     std::string s = edit(form, letter, list);
+    // the end of the line
     s.pop_back();
     return s;
 }
@@ -81,6 +83,7 @@ void count_parameters() {
         }
         e.nparm += e.nnparm(irand);
     }
+    // residual and PEQ parameters stand together at the head
     e.nrespeq = e.nresparm + e.npeqparm;
     e.ncovall = e.ncov + usrdefcovs.ncovadd;
 }
@@ -105,6 +108,7 @@ void allocate_parameters() {
         for (int step = 1; step <= steps_of(irand); ++step)
             for (int i = 1; i <= model.kkfit(irand); ++i) e.cholorder((step - 1) * model.kkfit(irand) + i, irand) = i;
         e.logdiagonals(irand) =
+            // options know seven blocks apart, the last stands for all behind it
             !options.nologd && (model.diagonal(irand) || options.logdia[static_cast<std::size_t>(std::min(irand, 7))])
                 ? 1
                 : 0;
@@ -115,6 +119,7 @@ void allocate_parameters() {
 void choose_scale(bool em) {
     const bool pc = options.principal;
     for (int irand = 0; irand <= numbers.krand; ++irand)
+        // EM works on covariances, but with the equations of the factor its random effects have loadings
         estimates.paraform(irand) = em && (irand == 0 || !pc) ? par_scale::original
                                     : pc                      ? par_scale::cholesky
                                                               : par_scale::variance;
@@ -186,6 +191,7 @@ void tell_small_variances(int irand) {
 // Place of pivot c among those left, c..n: by size the largest, else the first. With `zeros` only of those that keep
 // them.
 int next_pivot(const array<double, 2>& a, const array<int>& order, int c, bool by_size, const zero_pattern* zeros) {
+    // the order as it stands
     if (!by_size && !zeros) return c;
     int at = c;
     double most = below_pivots;
@@ -208,6 +214,7 @@ int pivoted_factor(const double* cc, int n, int rank, bool by_size, double floor
         std::swap(order(c), order(next_pivot(a, order, c, by_size, zeros)));
         const int row = order(c);
         double pivot = a(row, row);
+        // not a number fails too
         if (!(pivot >= numbers.zero)) {
             bad = pivot;
             if (floor <= 0.0) return c;
@@ -216,6 +223,7 @@ int pivoted_factor(const double* cc, int n, int rank, bool by_size, double floor
         const double root = std::sqrt(pivot);
         factor(row, c) = root;
         for (int p = c + 1; p <= n; ++p) factor(order(p), c) = a(order(p), row) / root;
+        // what is left of the matrix, all of it: pivots are chosen among its diagonals
         for (int p = c + 1; p <= n; ++p)
             for (int q = c + 1; q <= n; ++q) a(order(p), order(q)) -= factor(order(p), c) * factor(order(q), c);
     }
@@ -262,6 +270,7 @@ void check_start(int irand, const double* cc) {
             if (!(cc[i - 1] >= numbers.zero)) invalid_start(irand, n, i, cc[i - 1]);
         return;
     }
+    // largest pivots first: definite or not does not depend on the order of the traits
     array<int> order;
     order.allocate(n);
     for (int i = 1; i <= n; ++i) order(i) = i;
@@ -277,6 +286,7 @@ void transform_original(int irand, const double* cc, double floor_pivot, array<d
         parvec(from + k) = cc[k];
         estimates.logpar(from + k) = 0;
     }
+    // inside a search small pivots are mended, and solutions at given matrices take these as they are
     if (floor_pivot > 0.0 || options.blup) return;
     for (int step = 1; step <= steps; ++step) check_start(irand, cc + (step - 1) * step_covs(irand));
 }
@@ -290,6 +300,7 @@ std::vector<array<double, 2>> factor_steps(int irand, const double* cc, double f
         auto& factor = factors[static_cast<std::size_t>(step - 1)];
         array<int> order;
         block_order(irand, step, order);
+        // an order of an earlier point need not keep the zeros
         if (irand == 0 && any_fixres())
             for (int i = 1; i <= n; ++i) order(i) = i;
         double bad = 0.0;
@@ -300,6 +311,7 @@ std::vector<array<double, 2>> factor_steps(int irand, const double* cc, double f
                                       bad, factor, order, keep ? &zeros : nullptr);
         if (at > 0) invalid_start(irand, n, at, bad);
         keep_order(irand, step, order);
+        // all steps of a block are on one scale
         for (int c = 1; c <= rank; ++c) small = small || std::fabs(factor(order(c), c)) < log_at_start;
     }
     if (small && !options.nologd) estimates.logdiagonals(irand) = 1;
@@ -316,6 +328,7 @@ void take_factor(int irand, int step, const array<double, 2>& factor, array<doub
         for (int r = c; r <= model.kkfit(irand); ++r, ++ipar) {
             const bool log = r == c && estimates.logdiagonals(irand);
             estimates.logpar(ipar) = log ? 1 : 0;
+            // a zero of the matrix is a zero of its factor, and no parameter
             if (irand == 0) estimates.ispar(ipar) = r > c && residual_held(step, order(r), order(c)) ? 0 : 1;
             parvec(ipar) = log ? std::log(factor(order(c), c)) : factor(order(r), c);
         }
@@ -352,6 +365,7 @@ double factor_diagonal(array<double>& parvec, int ipar, int irand) {
         return std::exp(p);
     }
     const double least = std::sqrt(numbers.zero);
+    // the sign stays: that of a column is free, and a search may be about to cross 0
     if (std::fabs(p) < least) p = p < 0.0 ? -least : least;
     if (std::fabs(p) < log_in_run && !options.nologd) estimates.switchlog(irand) = 1;
     return p;
@@ -366,6 +380,7 @@ void from_factor(array<double>& parvec, int irand, int step, array<double>& cc, 
     } else {
         array<int> order;
         block_order(irand, step, order);
+        // rows come in the order of pivots
         for (int c = 1; c <= rank; ++c) {
             vv(order(c), c) = factor_diagonal(parvec, ipar++, irand);
             for (int r = c + 1; r <= n; ++r) vv(order(r), c) = parvec(ipar++);
@@ -402,6 +417,7 @@ void raise_beside_zeros(array<double>& cc, int n, int step) {
     if (count_small(cc, n, 1.0) == 0) return;
     for (int i = 1; i <= n; ++i) cc(ihmssf(i, i, n)) = std::max(cc(ihmssf(i, i, n)), 2.0 * eigen_floor);
     double low = 0.0, high = 1.0;
+    // low always fits, high does not: variances alone are above the floor
     if (count_small(cc, n, 1.0) == 0) low = 1.0;
     while (high - low > shrink_accuracy) {
         const double middle = 0.5 * (low + high);
@@ -418,6 +434,7 @@ void from_original(array<double>& parvec, int irand, int step, array<double>& cc
         vv.allocate(n, n);
         for (int i = 1; i <= n; ++i) {
             double v = parvec(from + i - 1);
+            // solutions at given matrices take them as they are
             if (!options.blup) v = std::max(v, eigen_floor);
             cc(ihmssf(i, i, n)) = v;
             vv(i, i) = std::sqrt(std::max(v, 0.0));
@@ -434,6 +451,7 @@ void from_original(array<double>& parvec, int irand, int step, array<double>& cc
     order.allocate(n);
     for (int i = 1; i <= n; ++i) order(i) = i;
     double bad = 0.0;
+    // a factor is wanted in any case: pivots that vanish are lifted in it, not in cc
     pivoted_factor(cc.data(), n, n, true, pivot_floor, bad, vv, order);
 }
 
@@ -441,6 +459,7 @@ bool occur_together(int i, int j) { return means.pairs(packed_place(i, j, number
 
 // True if trait i or j of a flagged pair is recorded together with a trait before it.
 bool linked_to_earlier(int i, int j) {
+    // then the pivot of k fills in the element (i,j) of the factor
     for (int k = 1; k < j; ++k) {
         if (k < i && occur_together(k, i)) return true;
         if (k != i && occur_together(k, j)) return true;
@@ -452,6 +471,7 @@ bool linked_to_earlier(int i, int j) {
 
 int block_start(int irand, int step) {
     const auto& e = estimates;
+    // residual first, PEQ behind it whatever its number, then the others
     const int within = (step - 1) * step_size(irand) + 1;
     if (irand == 0) return within;
     if (irand == residualvars.ipeq) return e.nresparm + within;
@@ -480,11 +500,13 @@ void parvec2covs(array<double>& parvec, int irand, int step, array<double>& cc, 
     ifail = 0;
     const int n = model.kkfit(irand);
     cc.allocate(triangle(n));
+    // a mark is for the whole block: set anew by its steps
     if (step == 1) estimates.switchlog(irand) = 0;
     if (estimates.paraform(irand) == par_scale::original)
         from_original(parvec, irand, step, cc, vv);
     else
         from_factor(parvec, irand, step, cc, vv);
+    // exactly 0, not the rounding of a product
     if (irand == 0)
         for (int k = 1; k <= step_covs(0); ++k)
             if (residualvars.fixres((step - 1) * step_covs(0) + k)) cc(k) = 0.0;
@@ -525,6 +547,7 @@ void fixresvars() {
         for (int i = 1; i <= n; ++i)
             for (int j = i; j <= n; ++j) {
                 const int k = (step - 1) * step_covs(0) + ihmssf(i, j, n);
+                // no subject has records of both traits: the data know nothing of the covariance
                 const bool never = j > i && n == numbers.nq && !occur_together(i, j);
                 if (never) model.cov(k, 0) = 0.0;
                 const int peq = residualvars.peqsum ? peq_element(i, j) : 0;
@@ -573,6 +596,7 @@ void diagonals_to_logs(int irand, array<double>& parvec) {
         for (int c = 1; c <= rank; ++c) {
             const int below = model.diagonal(irand) ? 0 : n - c;
             double& d = parvec(ipar);
+            // QQ' does not know the sign of a column: the whole of it is turned
             if (d < 0.0)
                 for (int r = 0; r <= below; ++r) parvec(ipar + r) = -parvec(ipar + r);
             d = std::log(std::max(std::fabs(d), std::sqrt(numbers.zero)));
@@ -596,6 +620,7 @@ void parvec_from_covs(bool em_scale, double floor_pivot) {
     label_parameters();
     for (int irand = 0; irand <= numbers.krand; ++irand) {
         std::vector<double> cc(model.cov.column(irand).begin(), model.cov.column(irand).end());
+        // the residual parameters are those of the sum
         if (irand == 0 && residualvars.peqsum) add_peq(cc);
         if (any_unit()) divide_by_units(irand, cc);
         transform_covs(irand, cc.data(), floor_pivot, estimates.parvec);

@@ -24,6 +24,7 @@ zero_pattern residual_zeros(int step) {
 bool may_be_pivot(const zero_pattern& zeros, const array<int>& order, int c, int p) {
     const int row = order(p);
     for (int i = c; i <= zeros.n; ++i)
+        // a held covariance of two rows that are both tied to the pivot would be filled in
         for (int j = i + 1; j <= zeros.n; ++j)
             if (i != p && j != p && zeros.held(order(i), order(j)) && !zeros.held(row, order(i)) &&
                 !zeros.held(row, order(j)))
