@@ -39,6 +39,7 @@ constexpr double below_pivots = -1.0e10;   // no diagonal of the information fal
 // Blocks whose diagonals have become small go over to logarithms; the matrices stay as they are.
 void handle_switches() {
     for (int irand = 0; irand <= numbers.krand; ++irand) {
+        // logarithms already, or not wanted
         if (options.nologd || estimates.logdiagonals(irand)) estimates.switchlog(irand) = 0;
         if (!estimates.switchlog(irand)) continue;
         if (options.verbose) print_list(screen(), " Switch to log diagonal for RE", irand);
@@ -64,6 +65,8 @@ void say_converged(const char* on_screen, const char* in_file, double value, dou
 // A step that the search along it has cut short may gain little and yet be far from a maximum: what the quadratic model
 // promised from the whole step has to be small as well.
 bool promises_little() {
+    // the slope is that of -log L: half of it, with its sign changed, is the gain of the quadratic model at its
+    // maximum
     return -aireml_terms.prox < std::max(least_promise, promise_in_limits * maximise.aiconv_like);
 }
 
@@ -84,6 +87,7 @@ bool prepare(int iter, double& xold) {
     if (!(xold > invalid_logl)) return false;
     average_info();
     derivatives_mmm();
+    // far into a long search the exact curvature of the transformation helps where the information is nearly singular
     jacob_var2chol(iter < second_order_from ? 0 : 1);
     rank_check();
     double s = 0.0;
@@ -108,6 +112,7 @@ void take_step(int& iround, double xold, double xnew, double best) {
     estimates.parvec = search_state.parnew;
     if (options.reconstruct && readbestpoint(true)) change_scale();
     maximise.converged = false; // only the tests on gradient and log L count
+    // steps that may lose: a change that is only rounding still ends the search
     const double rounding = options.strict_ai ? 0.0 : rounding_share * std::fabs(xnew);
     const double change = change_that_counts(xold, xnew, best);
     if (change >= -rounding) test_convergence(xnew - change, xnew);
@@ -115,6 +120,7 @@ void take_step(int& iround, double xold, double xnew, double best) {
 }
 
 void close_phase(int iter, int nits, bool search_failed) {
+    // the last step need not have been the best
     estimates.parvec = bestpoint.parbest;
     if (!maximise.converged) iterate_log.ended = iter > nits ? "limit of iterates" : "no better point found";
     if (maximise.ncycle != 1 || maximise.converged) return;
@@ -128,6 +134,7 @@ void close_phase(int iter, int nits, bool search_failed) {
 } // namespace
 
 step_outcome judge_step(double xold, double& xnew) {
+    // "strict": a step must gain; otherwise any point with a value will do
     if (xnew > xold || (!options.strict_ai && xnew > invalid_logl)) return step_outcome::accepted;
     bool fail = false;
     line_search(xold, xnew, fail);
@@ -150,6 +157,7 @@ void ai_reml(int nits, int& iround, double& xlike) {
     int iter = 1;
     for (; iter <= nits; ++iter) {
         t.tt0 = cpu_time();
+        // set again by whoever forms the matrices
         estimates.logpar.fill(0);
         handle_switches();
         double xold = invalid_logl, xnew = invalid_logl;
@@ -162,6 +170,7 @@ void ai_reml(int nits, int& iround, double& xlike) {
         eztimates(iter, xnew);
         t.prox = 0.5 * t.slope;
         const step_outcome step = judge_step(xold, xnew);
+        // the next iterate begins at the same point, on another scale
         if (step == step_outcome::rescale) continue;
         fail = step == step_outcome::failed;
         if (step != step_outcome::accepted) break;
@@ -203,6 +212,7 @@ void rank_check() {
     derivs.fixpar.fill(1);
     const auto at = [&](int k) { return index[static_cast<std::size_t>(k - 1)]; };
     bool stopped = false;
+    // Cholesky elimination with the largest diagonal first; rows change places in the index alone
     for (int row = 1; row <= n; ++row) {
         int best = 0;
         double pivot = below_pivots;
@@ -236,6 +246,7 @@ void rank_check() {
     for (int i = 1; i <= n; ++i) {
         if (stopped && options.details)
             print_list(screen(), i, at(i), derivs.fixpar(i), " par", estimates.parvec(i), " dia", dia(i));
+        // one that is not 0 takes part whatever its pivot
         if (estimates.parvec(i) != 0.0) derivs.fixpar(i) = 0;
         if (!derivs.fixpar(i)) derivs.subset(++derivs.nparm2) = i;
     }

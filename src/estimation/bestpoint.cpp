@@ -73,6 +73,7 @@ bool read_stored(stored_point& point) {
     if (!in) return false;
     const std::string whole{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     if (in.bad()) stop_with("Error reading file \"" + filenames.bestfile + "\"");
+    // the sums are the last line; a file cut off within it has no line end
     const std::size_t at = whole.rfind("\n" + std::string(sums_mark) + " ");
     if (at == std::string::npos || !whole.ends_with('\n')) return false;
     point.text = whole.substr(0, at + 1);
@@ -89,6 +90,7 @@ bool read_stored(stored_point& point) {
 
 std::string parts_that_differ(const stored_point& point, bool of_inputs) {
     std::string names;
+    // an empty sum of inputs: this run has not read them, and cannot object
     for (const sum_part& part : sum_parts) {
         const digest mine = modelsums.*part.sum;
         if (part.of_inputs != of_inputs || (of_inputs && mine == digest{})) continue;
@@ -146,6 +148,7 @@ std::vector<double> best_covariances(int irand) {
     std::vector<double> cov = get_cov(irand);
     if (irand == 0 && residualvars.peqsum) subtract_peq(cov, get_cov(residualvars.ipeq));
     estimates.switchlog = marks;
+    // in the units of the data, whatever the traits are worked out in
     const std::vector<double> units = block_units(irand);
     for (std::size_t k = 0; k < units.size(); ++k) cov[k] *= units[k];
     return cov;
@@ -158,6 +161,7 @@ std::string bestpoint_copy(int iround) {
 
 void writebestpoint(int iround, text_out* extra) {
     if (iround > most_numbered) return;
+    // shortest texts that read back equal: a continued run starts from the same bits
     std::string text = list_item(bestpoint.xbest) + " " + list_item(estimates.nparm) + "\n";
     for (int irand = 0; irand <= numbers.krand; ++irand) {
         std::string line;
@@ -186,6 +190,7 @@ bool readbestpoint(bool quiet) {
     double xlike = 0.0;
     int nprm = 0;
     if (!(in >> xlike >> nprm)) return false;
+    // 0: the parameters have not been laid out yet, the layout of model.cov is all there is
     if (estimates.nparm > 0 && nprm != estimates.nparm) return false;
     std::vector<std::vector<double>> blocks;
     for (int irand = 0; irand <= numbers.krand; ++irand) {

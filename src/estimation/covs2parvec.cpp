@@ -29,10 +29,12 @@ void covs2parvec() {
 }
 
 void change_scale() {
+    // a stored point may lie at the border: its pivots are lifted; the user's matrices have to be positive definite
     parvec_from_covs(search_state.method.em_scale, bestpoint.from_best ? numbers.zero : 0.0);
     write_listofcovs();
     list_parameters();
     bestpoint.parbest = estimates.parvec;
+    // the same numbers would mean another point
     forget_likelihoods();
 }
 

@@ -51,6 +51,7 @@ struct round_start {
         estimates.cholorder = cholorder;
         estimates.logdiagonals = logdiagonals;
         estimates.logpar = logpar;
+        // the weights of the design have moved on with the loadings
         if (options.principal) forget_likelihoods();
     }
 };
@@ -63,6 +64,7 @@ std::vector<double> packed_block(const array<double, 2>& g, int irand) {
     std::vector<double> cc;
     const int n = model.kkfit(irand);
     for (int i = 1; i <= n; ++i)
+        // expansions leave the matrix symmetric but for rounding
         for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j) cc.push_back(0.5 * (g(i, j) + g(j, i)));
     return cc;
 }
@@ -96,6 +98,7 @@ void list_new(const array<double, 2>& g, int n) {
 
 array<double, 2> full_rank_update(int irand, const em_quantities& q) {
     const int n = model.kkfit(irand);
+    // E(u'A^-1 u)/nlev: the plain M-step
     array<double, 2> g = q.quads[at(irand - 1)];
     const double nlev = effective_levels(irand);
     for (double& x : g) x /= nlev;
@@ -108,11 +111,13 @@ array<double, 2> full_rank_update(int irand, const em_quantities& q) {
     pxem_solve(irand, q, alpha);
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j)
+            // mean distance of the expansions from none, over all blocks
             pxempc.aalpha += std::fabs(alpha(i, j) - (i == j ? 1.0 : 0.0)) / (n * n * numbers.krand);
     if (options.details)
         for (int i = 1; i <= n; ++i)
             for (int j = 1; j <= n; ++j) print_list(screen(), "alpha", i, j, alpha(i, j));
     list_standard(g, n);
+    // G = alpha G* alpha': what the expansion has learned goes into the matrix
     g = between(alpha, g, n, n);
     list_new(g, n);
     raise_leading(g, n, n);
@@ -130,9 +135,11 @@ array<double, 2> standard_moments(int irand, const em_quantities& q) {
     for (int c = 1; c <= r; ++c)
         for (int d = 1; d <= r; ++d) {
             double s = 0.0;
+            // the two halves agree at convergence only: their mean is used
             for (int i = 1; i <= n; ++i)
                 s += 0.5 * (randomvars.zig(i, c, irand) * q.loads[at(irand - 1)](i, d) +
                             randomvars.zig(i, d, irand) * q.loads[at(irand - 1)](i, c));
+            // in units of levels, as variances
             t(c, d) = (c == d ? 1.0 : 0.0) + s / nlev;
         }
     return t;
@@ -144,6 +151,7 @@ std::vector<array<double, 2>> principal_update(em_quantities& q) {
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         moments.push_back(standard_moments(irand, q));
         if (!model.diagonal(irand)) continue;
+        // diagonal block: moments between components have no place
         for (int c = 1; c <= model.krfit(irand); ++c)
             for (int d = 1; d <= model.krfit(irand); ++d)
                 if (c != d) moments.back()(c, d) = 0.0;
@@ -168,6 +176,7 @@ std::vector<array<double, 2>> principal_update(em_quantities& q) {
         }
         raise_leading(g.back(), n, r);
     }
+    // residuals have to be those of the new loadings before their covariances are estimated
     if (!options.randreg) dvec_combs_muv();
     em_residuals(q);
     forget_factor(); // the weights no longer are those of the factor's parameters
@@ -196,6 +205,7 @@ void em_step() {
         for (int irand = 1; irand <= numbers.krand; ++irand)
             g.push_back(irand == residualvars.ipeq ? array<double, 2>() : full_rank_update(irand, q));
     const std::vector<double> residual = covarsres(q);
+    // small pivots are lifted: an EM step may run along the border, and must not stop there
     transform_covs(0, residual.data(), pivot_floor, estimates.parvec);
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (irand == residualvars.ipeq) {
@@ -218,6 +228,7 @@ enum class round_end { taken, invalid, lost };
 // One round; invalid where no valid point was found, lost where it was taken back since log L fell. xold, xnew: log L
 // before and behind.
 round_end one_round(double& xold, double& xnew) {
+    // the factor is often that of this point, from the end of the last round
     xold = evaluate(-1);
     if (!(xold > invalid_logl)) xold = evaluate(1);
     if (!(xold > invalid_logl)) return round_end::invalid;
@@ -225,6 +236,7 @@ round_end one_round(double& xold, double& xnew) {
     em_step();
     if (search_state.method.pxem) list_changes(start.parvec, estimates.parvec);
     xnew = evaluate(1);
+    // an expanded step may overshoot: the same round again without, and for good
     if (search_state.method.pxem && xnew < xold) {
         start.restore();
         search_state.method.pxem = false;
@@ -305,6 +317,7 @@ void em_algorithm(int nits, int& iround, double& xlike, double xlimit) {
         }
         if (end != round_end::taken) break;
         dd = xnew - xold;
+        // from here on the round counts
         xlike = xnew;
         t.alpha = pxempc.aalpha;
         ++iround;

@@ -40,6 +40,7 @@ namespace tarvex {
 
 namespace {
 
+// The first number of BestPoint is its log L.
 double stored_best_value() {
     std::ifstream in(filenames.bestfile);
     double x = invalid_logl;
@@ -122,6 +123,7 @@ void tell_held() {
 void ai_phase(int& iround, double& xlike) {
     search_state.method.aireml = true;
     search_state.method.em_scale = false;
+    // covariances go over by BestPoint: on the scale of factors from here on
     from_best_point();
     ai_reml(maximise.aireml_its, iround, xlike);
 }
@@ -130,6 +132,7 @@ void cycle_of_em_and_ai(int& iround, double& xlike) {
     const bool pxem = search_state.method.pxem;
     bool repeat_em = true;
     for (int icycle = 1; icycle <= maximise.ncycle; ++icycle) {
+        // back to covariances, from the best point that AI-REML has left
         if (icycle > 1) {
             search_state.method.em_scale = true;
             search_state.method.aireml = false;
@@ -141,6 +144,7 @@ void cycle_of_em_and_ai(int& iround, double& xlike) {
         em_algorithm(maximise.pxem_its, iround, xlike, maximise.ncycle == 1 ? hand_over_gain : 0.0);
         if (maximise.converged) return;
         search_state.method.pxem = false;
+        // in the last cycle a few rounds of EM help AI-REML out as long as it goes on gaining
         for (bool more = true; more;) {
             more = false;
             ai_phase(iround, xlike);
@@ -164,6 +168,7 @@ void final_step() {
     const double xlike = evaluate_point(estimates.parvec, 1);
     if (!(xlike > invalid_logl)) return;
     save_solutions(); // on the scale of the final parameters
+    // the report of the search wants its own derivatives where this point is not the stored one
     const derivs_module search = derivs;
     judge_last_point();
     bestpoint.xlike_file = stored_best_value();
@@ -232,6 +237,7 @@ void get_estimates() {
     maximise.converged = false;
     std::fill_n(&maximise.cchanges[0][0], 12, 0.0);
     estimates.logpar.fill(0);
+    // count of parameters for the reports
     derivs.nparm2 = estimates.nparm - no_fixed_residuals(); // until AI-REML has looked at their information
     maximise.limit_given = maximise.aireml_its != 0;
     if ((type == 1 || type == 6) && maximise.aireml_its == 0)

@@ -37,9 +37,11 @@ double evaluate_point(array<double>& parvec, int iopt) {
     if (e.solved && e.xlike > bestpoint.xbest) {
         bestpoint.xbest = e.xlike;
         bestpoint.parbest = parvec;
+        // a better point of the run before is not overwritten, not by a run that starts lower
         if (e.xlike > bestpoint.to_beat - rounding) writebestpoint(0);
         save_solutions();
     }
+    // an interrupt ends the run here, with the best point written
     end_if_asked(bestpoint.xbest > invalid_logl);
     return e.xlike;
 }

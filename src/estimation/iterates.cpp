@@ -29,6 +29,7 @@ char decimals(double x, std::initializer_list<double> limits, int first) {
 
 void trace_round(int iround, double xlike, double dd, std::string_view note) {
     const auto& t = aireml_terms;
+    // processor time since the last line
     const double used = times.prev - t.tt0;
     text_out out;
     if (search_state.method.aireml) {
@@ -55,6 +56,7 @@ double relative_change(const array<double>& from, const array<double>& to) {
 
 void push_changes(double dd, double dnorm, double slope) {
     auto& c = maximise.cchanges;
+    // three last steps, the newest in row 2
     for (int k = 0; k < 4; ++k) {
         c[0][k] = c[1][k];
         c[1][k] = c[2][k];
@@ -66,6 +68,7 @@ void push_changes(double dd, double dnorm, double slope) {
 }
 
 void edit_iterate_form(char* form, const iterate_form_values& v) {
+    // places of the digits behind the points in the form of print_iterate
     form[17] = decimals(v.dd, {1000.0, 100.0, 10.0, 1.0, static_cast<double>(0.1f), static_cast<double>(0.01f)}, 0);
     form[22] = decimals(v.dnorm, {1000.0, 100.0, 10.0, 1.0}, 0);
     form[28] = decimals(v.pnorm, {1000.0, 100.0, 10.0, 1.0}, 2);

@@ -60,9 +60,11 @@ std::vector<double> phenotypic_variances() {
             v[at(trait_of(irand, i) - 1)] += cov[at((model.diagonal(irand) ? i : ihmssf(i, i, n)) - 1)];
     }
     if (options.randreg)
+        // coefficients vary over the control variable: the data's own variance is the measure
         for (int iq = 1; iq <= numbers.nq; ++iq)
             if (means.tr_var.allocated()) v[at(iq - 1)] = std::pow(means.tr_var(iq) / trait_unit(iq), 2.0);
     for (double& x : v)
+        // a measure must be positive
         if (!(x > 0.0)) x = 1.0;
     return v;
 }
@@ -71,6 +73,7 @@ std::vector<double> row_scales(int irand, const std::vector<double>& phenotypic)
     std::vector<double> s;
     for (int row = 1; row <= model.kkfit(irand); ++row) {
         if (options.randreg && irand > 0)
+            // of a coefficient: what makes its contribution phi^2 var(coefficient) as large as the trait, on average
             s.push_back(phenotypic.front() / basis_mean_square(irand, row));
         else
             s.push_back(phenotypic[at(trait_of(irand, row) - 1)]);
@@ -146,6 +149,7 @@ judged_point gather() {
     judged_point p;
     const int n = estimates.nparm;
     p.gradient.assign(derivs.devl1.begin(), derivs.devl1.begin() + n);
+    // devl2 has the sign of second derivatives of log L
     for (int k = 1; k <= n * (n + 1) / 2; ++k) p.information.push_back(-derivs.devl2(k));
     gather_matrices(p);
     return p;
@@ -158,6 +162,7 @@ constexpr const char* titles[] = {"not judged", "at a maximum of log L", "at the
 
 double basis_mean_square(int irand, int row) {
     for (int i = 1; i <= model.nrnd(1); ++i) {
+        // blocks agree over traits: the first one tells
         if (mudmap.rn_irand(i, 1) != irand) continue;
         const auto& phi = phimat.phi(phimat.kkphi(i, 1));
         double s = 0.0;

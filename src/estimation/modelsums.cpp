@@ -56,6 +56,7 @@ void add_zero_pattern(digest_maker& sum) {
     const int n = model.kkfit(0), length = cov_length(0), triangle = n * (n + 1) / 2;
     if (model.diagonal(0) || n < 1) return;
     for (int k = 1; k <= length && k <= model.cov.upper(1); ++k)
+        // which are zero, not how large: other starting values are the same model
         if (triangle > 0) sum.add(model.cov(k, 0) == 0.0 ? 1 : 0);
 }
 
@@ -84,8 +85,10 @@ digest data_sum() {
     recdata_pass pass;
     setup_recdata(pass, filenames.recdatfil2);
     const subject_record& d = pass.record;
+    // records are stored in these units
     for (int iq = 1; iq <= numbers.nq; ++iq) sum.add(trait_unit(iq));
     while (next_subject(pass)) {
+        // codes and values as recoded: a renamed column or file is the same data
         const int head[4] = {d.nobs, d.kk, d.nr, d.mcov};
         sum.bytes(head, sizeof head);
         const auto nobs = static_cast<std::size_t>(d.nobs);
@@ -103,6 +106,7 @@ digest data_sum() {
 // Pedigrees, and the elements of supplied inverses.
 digest relationships_sum() {
     digest_maker sum;
+    // as numbered: parents before their offspring
     for (int irun = 1; irun <= pedigreelist.nrunno; ++irun)
         for (const auto* parents : {&pedigreelist.sire(irun), &pedigreelist.dam(irun)}) sum.add(*parents);
     for (int irand = 1; irand <= numbers.krand; ++irand) {

@@ -22,11 +22,13 @@ void write_listofcovs() {
     text_out out;
     const bool open = out.open(filenames.covlstfile);
     std::vector<double> all;
+    // a variance function of the control variable: no residual covariances
     for (int irand = estimates.nnparm(0) > 0 ? 0 : 1; irand <= numbers.krand; ++irand)
         for (int k = 1; k <= cov_length(irand); ++k) all.push_back(model.cov(k, irand));
     for (const auto& sum : usrdefcovs.addcov) {
         double x = 0.0;
         for (const auto& t : sum)
+            // terms of sums count covariances in the order of this list
             if (t.isig >= 1 && t.isig <= static_cast<int>(all.size()))
                 x += t.factor * all[static_cast<std::size_t>(t.isig - 1)];
         all.push_back(x);
@@ -54,6 +56,7 @@ void write_avinfo(double xlike) {
         for (int i = 1; i <= estimates.nparm; ++i)
             for (int j = i; j <= estimates.nparm; ++j)
                 print_list(out, i, j,
+                           // by parameters in the units of the data; a logarithm has factor 1
                            sign * a(ihmssf(i, j, estimates.nparm)) /
                                (unit[static_cast<std::size_t>(i - 1)] * unit[static_cast<std::size_t>(j - 1)]));
     };

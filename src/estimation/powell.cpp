@@ -63,6 +63,7 @@ double powell_search::at(const std::vector<double>& from, const std::vector<doub
     }
     const double xlike = evaluate_point(parvec, 0);
     ++count;
+    // an invalid point is a wall, not a value to be interpolated
     return xlike > invalid_logl + ztol ? -2.0 * xlike : no_value;
 }
 
@@ -95,6 +96,7 @@ double powell_search::dflmin(const std::vector<double>& dir, double first, doubl
     const std::vector<double> from = best;
     const double f0 = ffmin;
     curvature = 0.0;
+    // not so near that the difference is rounding
     double d = std::max(std::min(std::fabs(first), longest), nearest * ztol);
     const double zlimit = furthest * d;
     std::array<point, 3> p{point{0.0, f0}, point{d, no_value}, point{0.0, no_value}};
@@ -109,11 +111,13 @@ double powell_search::dflmin(const std::vector<double>& dir, double first, doubl
         p[1].d = d;
         if (!valid_point(from, dir, p[1].d, p[1].f)) return 0.0;
     }
+    // uphill: the other side; downhill: twice as far
     p[2].d = p[1].f > f0 ? -p[1].d : 2.0 * p[1].d;
     if (!valid_point(from, dir, p[2].d, p[2].f)) return 0.0;
     for (int turn = 0; turn < most_turns; ++turn) {
         triord(p);
         const std::size_t low = lowest(p);
+        // divided differences; `second` is half the second derivative of the parabola
         const double s1 = (p[1].f - p[0].f) / (p[1].d - p[0].d), s2 = (p[2].f - p[1].f) / (p[2].d - p[1].d);
         const double second = (s2 - s1) / (p[2].d - p[0].d);
         double d3, predicted;
@@ -123,6 +127,7 @@ double powell_search::dflmin(const std::vector<double>& dir, double first, doubl
         }
         if (second > 0.0) {
             curvature = second;
+            // its vertex, and its fall from the lowest point
             d3 = 0.5 * (p[0].d + p[1].d - s1 / second);
             predicted = p[low].f - second * (d3 - p[low].d) * (d3 - p[low].d);
         } else { // no minimum: on downhill
@@ -131,10 +136,12 @@ double powell_search::dflmin(const std::vector<double>& dir, double first, doubl
         }
         if (options.details) print_list(screen(), "d1,d3", p[0].d, d3, "   zlimit", zlimit);
         if (std::fabs(d3 - p[low].d) > zlimit) d3 = p[low].d + std::copysign(zlimit, d3 - p[low].d);
+        // another value there would say nothing
         if (std::fabs(d3 - p[low].d) <= nearest * ztol) break;
         if (predicted > -no_value && std::fabs(p[low].f - predicted) <= ftol * std::fabs(f0 - p[low].f)) break;
         point next{d3 - p[low].d, no_value};
         bool valid = false;
+        // no value so far out: nearer to the lowest point
         for (int k = 0; k < most_shrinks && !valid; ++k) {
             next.f = at(from, dir, p[low].d + next.d);
             valid = next.f < no_value;
@@ -145,6 +152,7 @@ double powell_search::dflmin(const std::vector<double>& dir, double first, doubl
         bool known = false;
         for (const point& q : p) known = known || q.d == next.d;
         if (known) break;
+        // the highest point goes, whether or not the three bracket a minimum
         std::size_t worst = 0;
         for (std::size_t i = 1; i < 3; ++i)
             if (p[i].f > p[worst].f) worst = i;
@@ -203,6 +211,7 @@ std::pair<double, std::size_t> search_directions(powell_search& s, int nround) {
         const int idir = static_cast<int>(k) + 1;
         if (!estimates.ispar(idir)) continue;
         double curvature = 0.0;
+        // steps get shorter from round to round
         const double decrease = s.dflmin(s.dirs[k], 0.5 * s.step[k], s.scale * largest_step, curvature);
         if (decrease > most) {
             most = decrease;
@@ -228,9 +237,12 @@ void new_direction(powell_search& s, const std::vector<double>& from, double f0,
         change[k] = s.best[k] - from[k];
         size += change[k] * change[k];
     }
+    // nothing has moved
     if (size == 0.0 || most == 0.0) return;
+    // fe: as far again in the direction of the whole round
     const double fn = s.ffmin, fe = s.at(s.best, change, 1.0);
     const double gain = f0 - fn - most, whole = f0 - fe;
+    // Powell's test: the new direction does not make the set more dependent
     if (!(fe < f0) || !((f0 - 2.0 * fn + fe) * 2.0 * gain * gain < most * whole * whole)) return;
     double curvature = 0.0;
     s.dflmin(change, 0.5, 0.5, curvature); // half the round's move at first, five of them at most
@@ -248,6 +260,7 @@ void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& cou
     start(s);
     write(screen(), first_line, " log l = ", -0.5 * s.ffmin);
     const bool any = std::any_of(estimates.ispar.begin(), estimates.ispar.end(), [](int i) { return i != 0; });
+    // 0: no limit of the user
     const int most_rounds = maximise.powell_its > 0 ? maximise.powell_its : rounds_per_parameter * (nparm + 10);
     bool fresh = true; // the round is along fresh directions: only then a small gain is an end
     for (int nround = 1; any && nround <= most_rounds; ++nround) {
@@ -261,6 +274,7 @@ void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& cou
         to_both(file, edit(round_line, nround, -0.5 * s.ffmin, s.ffmin - fpre0, 100.0 * xdel));
         const double decrease = fpre0 - s.ffmin;
         const bool small = xdel < xconv || decrease < flevel;
+        // a small gain along worn directions: once more along the parameters
         if (!small || !fresh) {
             fresh = small;
             if (small) fresh_directions(s);
@@ -276,6 +290,7 @@ void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& cou
         break;
     }
     for (int i = 1; i <= nparm; ++i) parvec(i) = s.best[static_cast<std::size_t>(i - 1)];
+    // back at the best point: the last one tried was another
     xbest = evaluate_point(parvec, 0);
     count = s.count;
 }

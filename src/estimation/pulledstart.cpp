@@ -48,6 +48,7 @@ std::vector<std::vector<double>> variance_shares() {
         for (int step = 1; step <= steps_of(irand); ++step)
             for (int i = 1; i <= model.kkfit(irand); ++i) {
                 const double weight = options.randreg && irand > 0 ? basis_mean_square(irand, i) : 1.0;
+                // classes of the residual: their mean
                 v[at(trait_of(irand, i) - 1)] += weight * model.cov(place(irand, step, i, i), irand) / steps_of(irand);
             }
         shares.push_back(std::move(v));
@@ -64,6 +65,7 @@ void scale_start(const std::function<double(int, int)>& factor) {
         for (int step = 1; step <= steps_of(irand); ++step)
             for (int i = 1; i <= n; ++i)
                 for (int k = i; k <= (model.diagonal(irand) ? i : n); ++k)
+                    // rows and columns alike: correlations stay
                     model.cov(place(irand, step, i, k), irand) *=
                         std::sqrt(factor(irand, trait_of(irand, i)) * factor(irand, trait_of(irand, k)));
     }
@@ -76,6 +78,7 @@ bool any_far(const std::vector<std::vector<double>>& shares, std::vector<double>
     bool any = false;
     for (int iq = 1; iq <= numbers.nq; ++iq) {
         const double ratio = sums[at(iq - 1)] / data_variance(iq);
+        // records without spread, or components without variance
         if (!(data_variance(iq) > 0.0) || !(ratio > 0.0)) return false; // nothing to go by
         any = any || ratio > far || ratio < 1.0 / far;
     }
@@ -104,10 +107,12 @@ void pull_start() {
     if (!any_far(shares, sums)) return;
     const array<double, 2, 0> given = model.cov;
     const double as_given = evaluate_point(estimates.parvec, 0);
+    // first the shares as given, with the right sum
     scale_start([&](int, int iq) { return data_variance(iq) / sums[at(iq - 1)]; });
     array<double, 2, 0> best = model.cov;
     double most = value_here();
     model.cov = given;
+    // then, if log L likes it better, half to the residual and the rest in equal parts
     scale_start([&](int irand, int iq) {
         const double share = shares[at(irand)][at(iq - 1)];
         return share > 0.0 ? even_share(shares, irand, iq) / share : 1.0;
@@ -116,6 +121,7 @@ void pull_start() {
         most = x;
         best = model.cov;
     }
+    // never worse than what the user gave
     model.cov = most > as_given ? best : given;
     covs2parvec();
     if (!(most > as_given)) return;

@@ -42,6 +42,7 @@ std::vector<double> solve_scaled(const std::vector<double>& lhs, const std::vect
     std::vector<double> scale(at(m), 0.0), x(at(m), 0.0);
     std::vector<int> live;
     for (int i = 0; i < m; ++i) {
+        // a diagonal of 0: no record has this product, the unknown stays 0
         const double d = lhs[at(i) * at(m) + at(i)];
         if (!(d > 0.0)) continue;
         scale[at(i)] = 1.0 / std::sqrt(d);
@@ -97,6 +98,7 @@ double root_mean_square(const array<double, 2>& alpha, int n) {
             const double d = alpha(i, j) - (i == j ? 1.0 : 0.0);
             s += d * d;
         }
+    // per element: blocks of all sizes are measured alike
     return std::sqrt(s / (n * n));
 }
 
@@ -107,6 +109,7 @@ double mean_deviation(const array<double, 2>& change, int irand) {
     for (int c = 1; c <= r; ++c)
         for (int d = c; d <= r; ++d)
             for (int i = 1; i <= n; ++i)
+                // Q'Q: D = change (Q'Q)^-1 Q'
                 qq[at(ihmssf(c, d, r) - 1)] += randomvars.zig(i, c, irand) * randomvars.zig(i, d, irand);
     int rank = 0;
     double ldet = 0.0, sum = 0.0;
@@ -138,6 +141,7 @@ void pxem_solve(int irand, const em_quantities& q, array<double, 2>& alpha) {
     std::vector<int> kept;
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j)
+            // a diagonal block expands each component by itself
             if (!diagonal || i == j) kept.push_back((i - 1) * n + j - 1);
     std::vector<double> part;
     for (int a : kept) {
@@ -145,6 +149,7 @@ void pxem_solve(int irand, const em_quantities& q, array<double, 2>& alpha) {
         for (int b : kept) lhs.push_back(q.lhs(from + a, from + b));
     }
     const std::vector<double> d = solve_scaled(lhs, part);
+    // alpha = I + D
     identity(alpha, n);
     for (std::size_t k = 0; k < kept.size(); ++k) {
         const int i = kept[k] / n + 1, j = kept[k] % n + 1;
@@ -179,6 +184,7 @@ void pxem_solve_all(const em_quantities& q, std::vector<array<double, 2>>& chang
     a.allocate(m, m);
     for (int i = 1; i <= m; ++i)
         for (int j = 1; j <= m; ++j)
+            // sums of products come in two orders: their mean
             a(i, j) = 0.5 * (q.lhs(kept[at(i - 1)], kept[at(j - 1)]) + q.lhs(kept[at(j - 1)], kept[at(i - 1)])) *
                       scale[at(i - 1)] * scale[at(j - 1)];
     int nzero = 0;
@@ -186,6 +192,7 @@ void pxem_solve_all(const em_quantities& q, std::vector<array<double, 2>>& chang
     eigem(a, eig, vectors, m, system_floor, nzero);
     std::vector<double> d(at(m), 0.0), rest = rhs;
     for (int pass = 1; pass <= 2; ++pass) { // the second refines: the rotations end at small, not at no, off-diagonals
+        // combinations without information do not move
         for (int k = 1; k <= m - nzero; ++k) {
             double s = 0.0;
             for (int i = 1; i <= m; ++i) s += vectors(i, k) * rest[at(i - 1)];
@@ -206,6 +213,7 @@ void pxem_solve_all(const em_quantities& q, std::vector<array<double, 2>>& chang
         ++blocks;
     }
     if (blocks > 0) pxempc.aalpha /= blocks;
+    // plain EM from here on: the expansion costs a system and brings nothing
     if (!pxempc.skip_px && pxempc.aalpha < smallest_deviation) pxempc.skip_px = true;
 }
 

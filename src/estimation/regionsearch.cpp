@@ -50,6 +50,7 @@ std::size_t at(int i) { return static_cast<std::size_t>(i - 1); }
 bool by_factor(int irand) { return estimates.paraform(irand) != par_scale::original; }
 
 // Least logarithm of a diagonal: pivots below make a point invalid.
+// of a root: twice the root of the least variance, so that the matrix has an inverse
 double least_log() { return 0.5 * std::log(4.0 * least_variance()); }
 
 // Best point with all factors on logarithmic diagonals.
@@ -74,6 +75,7 @@ struct region_model {
 };
 
 bool on_border(int par) {
+    // log L would have it smaller still
     return estimates.logpar(par) && estimates.parvec(par) < least_log() + border_width && derivs.der1(par) <= 0.0;
 }
 
@@ -105,6 +107,7 @@ void add_factor(int irand, int step, std::vector<region_axis>& axes) {
 
 // Axes of a block whose parameters are the covariances.
 void add_covariances(int irand, int step, std::vector<region_axis>& axes) {
+    // half the product of standard deviations: a step of 1 stays within correlations of +-0.5
     const int n = model.kkfit(irand), from = block_start(irand, step);
     array<double> parvec = estimates.parvec, cc;
     array<double, 2> vv;
@@ -144,6 +147,7 @@ void move(const region_model& m, const std::vector<double>& step) {
     for (std::size_t k = 0; k < m.axes.size(); ++k) {
         double& p = search_state.parnew(m.axes[k].par);
         p += step[k] * m.axes[k].unit;
+        // a diagonal that starts below is not raised by a bound
         if (m.axes[k].logarithm) p = std::max(p, std::min(least_log(), estimates.parvec(m.axes[k].par)));
     }
     damage_control();
@@ -160,6 +164,7 @@ bool derivatives_here(double& xold) {
     double s = 0.0;
     for (double g : derivs.der1) s += g * g;
     aireml_terms.dnorm = std::sqrt(s);
+    // the norm is for the record alone, the region is measured in units of the axes
     return true;
 }
 
@@ -180,6 +185,7 @@ bool badly_ordered() {
                 for (int r = c + 1; r <= n; ++r) {
                     const int other = estimates.cholorder((step - 1) * n + r, irand);
                     double left = 0.0;
+                    // what columns c and later make of the row: its diagonal when c was to be the pivot
                     for (int k = c; k <= std::min(r, model.krfit(irand)); ++k) left += vv(other, k) * vv(other, k);
                     bad = bad || left > badly_ordered_from * vv(row, c) * vv(row, c);
                 }
@@ -194,6 +200,7 @@ bool badly_ordered() {
 bool at_rest() {
     const search_verdict v = verdict_of_derivatives();
     if (v.kind == search_end::not_maximum || !v.lifts.empty()) return false;
+    // the last step won next to nothing though its promise was larger
     const bool crept = aireml_terms.last_change > 0.0 && aireml_terms.last_change < rest_share * verdict_limit;
     return v.promised < (crept ? crept_share : rest_share) * verdict_limit;
 }
@@ -203,6 +210,7 @@ enum class region_end { accepted, arrived, stuck, poor };
 // Tries steps until one is accepted; `impatient`: or two in succession were poor.
 region_end try_steps(const region_model& m, double xold, double& xnew, trust_region& region, bool impatient) {
     auto& t = aireml_terms;
+    // whether it is worth going on is asked of a region of decent size, not of one that has shrunk
     const region_step wide = step_in_region(m.h, m.g, std::max(region.radius, end_radius));
     t.prox = -wide.promised;
     t.slope = -2.0 * wide.promised;
@@ -217,6 +225,7 @@ region_end try_steps(const region_model& m, double xold, double& xnew, trust_reg
         t.prox = -s.promised;
         t.slope = -2.0 * s.promised;
         if (!(xnew > invalid_logl))
+            // a wall is no lack of curvature: the region shrinks to half the step, the count of poor steps goes up
             region.invalid(s.length);
         else if (region.judge(xnew - xold, s.promised, s.length))
             return region_end::accepted;
@@ -259,6 +268,7 @@ void region_search(int& iround, double& xlike) {
     region_end end = region_end::accepted;
     bool em_helps = true;
     const int most =
+        // the user's limit, or enough that only the end by verdict counts
         maximise.limit_given ? maximise.aireml_its : std::max(least_limit, limit_per_parameter * estimates.nparm);
     for (int iter = 1; iter <= most; ++iter) {
         t.tt0 = cpu_time();
@@ -273,10 +283,12 @@ void region_search(int& iround, double& xlike) {
             xlike = xnew;
         }
         if (end == region_end::arrived || end == region_end::stuck) break;
+        // poor steps: the quadratic model is no good here, EM moves without one
         if (region.poor < 2 || !em_helps) continue;
         const double before = bestpoint.xbest;
         expanded_rounds(em_rounds, em_gain, false, iround, xlike);
         em_helps = bestpoint.xbest > before + em_gain;
+        // at another point: the region is as at the start
         region = {};
         to_best_point();
     }

@@ -30,6 +30,7 @@ void add_change(const std::vector<parameter_change>& change, double factor) {
         if (irand == residualvars.ipeq && irand > 0) continue;
         const std::vector<double> units = block_units(irand);
         for (const parameter_change& c : change) {
+            // parameters of blocks that are covariances themselves have the layout of model.cov
             const int k = c.par - block_start(irand) + 1;
             if (k >= 1 && k <= cov_length(irand))
                 model.cov(k, irand) += factor * c.change * units[static_cast<std::size_t>(k - 1)];
@@ -48,6 +49,7 @@ void leave_border() {
     const auto lifts = verdict.last.lifts;
     for (const auto& lift : lifts) {
         const double before = bestpoint.xbest;
+        // shorter steps until one gains
         for (double factor = 1.0; factor > least_lift && !(bestpoint.xbest > before); factor *= shorter) {
             from_best_point();
             add_change(lift, factor);

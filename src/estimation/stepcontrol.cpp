@@ -76,6 +76,7 @@ void step_from_eigenvalues(const array<double>& eig, const array<double, 2>& vec
     for (int k = 1; k <= n; ++k) {
         double s = 0.0;
         for (int i = 1; i <= n; ++i) s += vectors(i, k) * gradient(i);
+        // only eigenvalues below tau are damped: the rest of the step is Newton's
         s *= eig(k) < tau ? 1.0 / tau : eig(k) == 0.0 ? 0.0 : 1.0 / eig(k);
         for (int i = 1; i <= n; ++i) derivs.dvec(i) += vectors(i, k) * s;
     }
@@ -84,6 +85,7 @@ void step_from_eigenvalues(const array<double>& eig, const array<double, 2>& vec
 // Adds tau to the diagonal and inverts, with more tau while the matrix is not of full rank.
 void direct_step(double smallest, double& tau, array<double>& gradient) {
     const int n = size();
+    // what the matrix has of its own need not be added
     if (tau > 0.0 && smallest < tau) tau -= tau_overlap * smallest;
     for (;;) {
         for (int i = 1; i <= n; ++i) derivs.hess(ihmssf(i, i, n)) += tau;
@@ -94,6 +96,7 @@ void direct_step(double smallest, double& tau, array<double>& gradient) {
         if (options.verbose) print_list(screen(), "Hessian not of full rank", nrank, n, tau);
         const double more = tau + more_tau * smallest;
         if (!(more > tau)) break; // the generalised inverse has to serve
+        // the inverse has overwritten it
         get_hessian(gradient);
         tau = more;
     }
@@ -170,9 +173,11 @@ double evaluate(double length) {
 double cubic_minimum(double l1, double f1, double l2, double f2, double f0, double slope) {
     const double r1 = (f1 - f0 - l1 * slope) / (l1 * l1), r2 = (f2 - f0 - l2 * slope) / (l2 * l2);
     const double a = (r1 - r2) / (l1 - l2), b = (-l2 * r1 + l1 * r2) / (l1 - l2);
+    // a parabola
     if (a == 0.0) return -slope / (2.0 * b);
     const double disc = b * b - 3.0 * a * slope;
     if (disc > 0.0) return (std::sqrt(disc) - b) / (3.0 * a);
+    // no minimum: that of the parabola through f0, its slope and f1
     return -(0.5 * slope) / (f1 - f0 - slope);
 }
 
@@ -181,6 +186,7 @@ double cubic_minimum(double l1, double f1, double l2, double f2, double f0, doub
 void set_linesearch() {
     linesearch = {};
     double eps = 1.0, last = 1.0;
+    // rounding unit; the tolerance is its power 2/3
     while (1.0 + eps > 1.0) {
         last = eps;
         eps *= 0.5;
@@ -194,6 +200,7 @@ double set_tau(double e1, double en) {
     double t =
         e1 > steep_from ? (1.0 - std::max(share_withheld, share_onset / e1)) * steep_rate * z * e1 : flat_rate * z * e1;
     t *= damping;
+    // nothing of it is needed where the smallest eigenvalue is large
     if (en > 1.0) t = e1 / en < safe_condition ? 0.0 : conditioned_share * t;
     t = std::max(t, least_tau);
     return t > en ? t : 0.0;
@@ -230,7 +237,9 @@ void eztimates(int iter, double& xnew) {
         else
             direct_step(smallest, at.tau, gradient);
     }
+    // of -log L along the step: -d'g
     at.slope = -inner(derivs.dvec, gradient);
+    // a step that promises more than any log L can rise by is out of the range of its model
     while (method < 3 && at.slope < -largest_decrease) {
         for (double& d : derivs.dvec) d *= 0.5;
         at.slope = -inner(derivs.dvec, gradient);
@@ -253,6 +262,7 @@ void line_search(double xold, double& xnew, bool& fail) {
     double rellen = 0.0, length = 0.0, norm = 0.0;
     for (int i = 1; i <= size(); ++i) {
         const double p = estimates.parvec(derivs.subset(i));
+        // relative to the parameters, of at least 1: below the tolerance a step changes nothing
         rellen = std::max(rellen, std::fabs(derivs.dvec(i)) / std::max(std::fabs(p), 1.0));
         length += derivs.dvec(i) * derivs.dvec(i);
     }
@@ -279,10 +289,12 @@ void line_search(double xold, double& xnew, bool& fail) {
         }
     }
     const auto limited = [&](double l) {
+        // two equal lengths
         if (std::isnan(l)) l = linesearch.ls_shrink * alpha;
         return std::max(std::min(l, linesearch.ls_grow * alpha), linesearch.ls_shrink * alpha);
     };
     double last_alpha = alpha, last_f = f1;
+    // minimum of the parabola, then of cubics (Dennis and Schnabel 1983, algorithm A6.3.1)
     lambda = limited(-(0.5 * slope) / (f1 - f0 - slope));
     if (options.details) print_list(screen(), "alpha", alpha, lambda, "slope", slope);
     for (int tries = 1;; ++tries) {
@@ -296,6 +308,7 @@ void line_search(double xold, double& xnew, bool& fail) {
             if (options.details) print_list(screen(), "inv", alpha);
         }
         if (options.details && tries > 1) print_list(screen(), "cub", tries, lambda, f1, f0);
+        // a share of the decrease that the slope promises
         if (f1 <= f0 + linesearch.ls_alpha * alpha * slope) {
             xnew = -f1;
             return;

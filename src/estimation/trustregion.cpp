@@ -80,6 +80,7 @@ region_step step_in_region(const array<double, 2>& h, const std::vector<double>&
     // The norm of the step falls with lambda; at slope / radius it is at most the radius.
     double low = 0.0, high = slope / radius, lambda = 0.0;
     for (int turn = 0; turn < most_turns; ++turn) {
+        // lambda is below the least one that makes H + lambda I positive definite
         if (!factorise(h, n, lambda, no_curvature * largest, l)) {
             low = lambda;
             lambda = std::max(std::sqrt(low * high), least_curvature * largest + least_multiplier * high);
@@ -94,12 +95,15 @@ region_step step_in_region(const array<double, 2>& h, const std::vector<double>&
         if ((unhindered && r.length <= radius) || std::fabs(r.length - radius) <= close * radius) break;
         (r.length > radius ? low : high) = lambda;
         if (high - low <= rounding * high) break;
+        // Newton's step for 1/|s(lambda)| = 1/radius, which is nearly linear in lambda
         const double q = norm(forward(l, r.step));
         const double next = lambda + (r.length / q) * (r.length / q) * (r.length - radius) / radius;
         lambda = next > low && next < high ? next : std::max(0.5 * (low + high), least_share * high);
     }
+    // the bracket closed on a jump: the step is cut, its direction stays
     if (r.length > radius * (1.0 + close))
         for (double& x : r.step) x *= radius / r.length;
+    // promised is that of the step as it is taken
     r.length = norm(r.step);
     r.promised = gain(h, g, r.step);
     return r;
@@ -108,6 +112,7 @@ region_step step_in_region(const array<double, 2>& h, const std::vector<double>&
 bool trust_region::judge(double won, double promised, double length) {
     const double ratio = promised > 0.0 ? won / promised : 0.0;
     poor = ratio < poor_ratio ? poor + 1 : 0;
+    // the region grows where it was the region that stopped a good step
     if (ratio < poor_ratio)
         radius = poor_ratio * length;
     else if (ratio > good_ratio && length > at_edge * radius)

@@ -74,7 +74,9 @@ double curvature_along(const judgement& j, const direction& d) {
 // Notes the Newton step along a direction that leads away from the border, at most a quarter of the scale.
 void note_lift(judgement& j, const direction& d) {
     const double slope = j.slope(d), curvature = curvature_along(j, d);
+    // Newton's step where the border is curved enough, a quarter of the scale at most
     const double step = curvature > slope / longest_lift ? slope / curvature : longest_lift;
+    // what it promises
     if (0.5 * step * slope < verdict_limit) return;
     std::vector<parameter_change> lift;
     for (const share& x : d.shares) lift.push_back({x.par, step * x.coef});
@@ -110,12 +112,14 @@ void judge_variance(judgement& j, const judged_block& b, int element, int row) {
     const int par = b.first + element - 1;
     const double value = b.cov[at(element - 1)], scale = b.scale[at(row - 1)];
     const double slope = j.slope({{{par, 1.0}}});
+    // gone, and log L falls with it: all that is left to gain is what the rest of it still costs
     if (value < vanished_variance * scale && slope <= 0.0) {
         j.verdict.promised += std::max(value, 0.0) * -slope;
         j.verdict.border.push_back("variance of " + b.name + ", " + b.rows[at(row - 1)] + " is " + number(value));
         j.verdict.void_errors.push_back(par);
         return;
     }
+    // in units of the scale; it can fall to 0 and no further
     j.free.push_back({{{par, scale}},
                       0.0,
                       -std::max(value, 0.0) / scale,
@@ -150,6 +154,7 @@ direction eigen_direction(const judged_block& b, const scaled_matrix& m, int p, 
         for (int k = i; k <= n; ++k) {
             double e = m.vectors(i, p) * m.vectors(k, q);
             if (p != q) e += m.vectors(i, q) * m.vectors(k, p);
+            // covariance (i,k) is one parameter for both of its places
             d.shares.push_back({b.first + packed(b, i, k) - 1, e * std::sqrt(b.scale[at(i - 1)] * b.scale[at(k - 1)])});
         }
     return d;
@@ -177,6 +182,7 @@ void name_border(judgement& j, const judged_block& b, const scaled_matrix& m, co
                            number(b.cov[at(packed(b, i, i) - 1)]));
     for (int i = 1; i <= n; ++i)
         for (int k = i + 1; k <= n; ++k) {
+            // of variances that are there: correlations of what has gone mean nothing
             const double r = m.s(i, k) / std::sqrt(m.s(i, i) * m.s(k, k));
             if (m.s(i, i) >= vanished_variance && m.s(k, k) >= vanished_variance &&
                 std::fabs(r) > 1.0 - vanished_correlation)
@@ -210,19 +216,25 @@ void judge_matrix(judgement& j, const judged_block& b) {
     const auto is_gone = [&](int k) { return std::find(gone.begin(), gone.end(), k) != gone.end(); };
     for (int p = 1; p <= n; ++p)
         for (int q = p; q <= n; ++q) {
+            // within the space of what has gone nothing is free
             if (is_gone(p) && is_gone(q)) continue;
             direction d = eigen_direction(b, m, p, q);
             if (p == q) {
+                // the eigenvalue ends at 0
                 d.least = -std::max(m.eig(p), 0.0);
                 d.vanishes = n == 1 ? "variance of " + b.name + ", " + b.rows[0] + " is " + number(b.cov[0])
                                     : eigenvalue_name(b, m, p);
             }
             for (const auto& [low, high] : {std::pair{p, q}, std::pair{q, p}})
+                // A tilt by c lowers the eigenvalue that has gone by c^2/gap; to stay inside the matrix must rise by
+                // as much, which
+                // costs that much of log L: second derivative 2 fall/gap.
                 if (is_gone(low)) d.curvature += 2.0 * fall[at(low)] / std::max(m.eig(high) - m.eig(low), least_gap);
             j.free.push_back(std::move(d));
         }
     if (gone.empty()) return;
     name_border(j, b, m, gone);
+    // the whole matrix: its elements move together along the border
     for (int e = 1; e <= n * (n + 1) / 2; ++e) j.verdict.void_errors.push_back(b.first + e - 1);
 }
 
@@ -264,6 +276,7 @@ held_matrix free_changes(const judgement& j, const judged_block& b) {
     for (int i = 1; i <= b.order(); ++i)
         for (int k = i; k <= b.order(); ++k)
             if (!held(b, packed(b, i, k))) h.elements.emplace_back(i, k);
+    // slope by each free element, in units of the scales
     for (std::size_t e = 0; e < h.elements.size(); ++e) {
         std::vector<double> unit(h.elements.size(), 0.0);
         unit[e] = 1.0;
@@ -291,6 +304,7 @@ constrained beside(const std::vector<std::vector<double>>& rows, const std::vect
     for (int i = 1; i <= n; ++i) left(i, i) = 1.0;
     constrained c;
     c.multipliers.assign(at(r), 0.0);
+    // rows that depend on each other count once
     for (int k = 1; k <= r && eig(k) > 1.0e-10 * eig(1); ++k) {
         std::vector<double> u(at(n), 0.0);
         for (int i = 1; i <= r; ++i)
@@ -301,6 +315,7 @@ constrained beside(const std::vector<std::vector<double>>& rows, const std::vect
             for (int f = 1; f <= n; ++f) left(e, f) -= u[at(e - 1)] * u[at(f - 1)] / eig(k);
     }
     eigem(left, eig, vectors, n, 0.0, nzero);
+    // a projection: eigenvalues are 1 or 0
     for (int k = 1; k <= n && eig(k) > 0.5; ++k) {
         c.basis.emplace_back();
         for (int e = 1; e <= n; ++e) c.basis.back().push_back(vectors(e, k));
@@ -355,12 +370,14 @@ bool at_border_beside_zeros(judgement& j, const judged_block& b) {
     while (!gone.empty()) { // the one along which log L rises most, or has its maximum inside, is let go
         std::vector<std::vector<double>> rows;
         for (std::size_t p = 0; p < gone.size(); ++p) rows.push_back(h.weights(gone[p], gone[p]));
+        // the whole space of what has gone stays where it is: products of its vectors too
         for (std::size_t p = 0; p < gone.size(); ++p)
             for (std::size_t q = p + 1; q < gone.size(); ++q) rows.push_back(h.weights(gone[p], gone[q]));
         c = beside(rows, h.gradient);
         std::size_t worst = gone.size();
         double most = 0.0;
         for (std::size_t p = 0; p < gone.size() && !j.matrices_only; ++p) {
+            // above 0: a multiplier of the wrong sign, or a maximum before the eigenvalue is 0
             const double inside = h.m.eig(gone[p]) * curvature_along(j, raising(h, gone[p])) - c.multipliers[p];
             if (!(inside > most)) continue;
             most = inside;
@@ -383,6 +400,7 @@ bool at_border_beside_zeros(judgement& j, const judged_block& b) {
 
 void judge_parameter(judgement& j, const judged_parameter& p) {
     const double slope = j.slope({{{p.par, 1.0}}});
+    // elements of a factor come in either sign: log L must not rise away from 0
     if (std::fabs(p.value) < vanished_element * p.scale && slope * p.value <= 0.0) {
         j.verdict.promised += std::fabs(p.value * slope);
         j.verdict.border.push_back(p.name + " is " + number(p.value));
@@ -412,6 +430,7 @@ std::string combination(const judgement& j, const std::vector<double>& weight) {
     for (const judged_block& b : j.point.blocks)
         for (int i = 1; i <= b.order(); ++i)
             for (int k = i; k <= (b.diagonal ? i : b.order()); ++k)
+                // in units of the scales, so that coefficients compare
                 scale[at(b.first + (b.diagonal ? i : packed(b, i, k)) - 2)] =
                     std::sqrt(b.scale[at(i - 1)] * b.scale[at(k - 1)]);
     for (const judged_parameter& p : j.point.others) scale[at(p.par - 1)] = p.scale;
@@ -453,6 +472,7 @@ quadratic_model model_of(judgement& j) {
     q.h.allocate(m, m);
     for (int a = 1; a <= m; ++a) {
         const direction& d = j.free[at(a - 1)];
+        // s = D'g, H = D' AI D with the border's own curvature on the diagonal
         q.s.push_back(j.slope(d));
         j.verdict.gradient_norm += q.s.back() * q.s.back();
         const std::vector<double> image = j.image(d);
@@ -465,6 +485,7 @@ quadratic_model model_of(judgement& j) {
     j.verdict.gradient_norm = std::sqrt(j.verdict.gradient_norm);
     double largest = 0.0;
     for (int a = 1; a <= m; ++a) largest = std::max(largest, q.h(a, a));
+    // unit diagonal; 0 for a direction of which the data say nothing
     for (int a = 1; a <= m; ++a)
         q.unit.push_back(q.h(a, a) > no_curvature * largest ? 1.0 / std::sqrt(q.h(a, a)) : 0.0);
     for (int a = 1; a <= m; ++a) {
@@ -483,6 +504,7 @@ void maximise_free(const quadratic_model& q, const std::vector<int>& held, std::
         if (!held[at(a - 1)]) open.push_back(a);
     const int n = static_cast<int>(open.size());
     if (n == 0) return;
+    // rhs is the slope with all open ones at 0
     for (int a : open) c[at(a - 1)] = 0.0;
     array<double, 2> h, vectors;
     array<double> eig;
@@ -508,6 +530,7 @@ void maximise_free(const quadratic_model& q, const std::vector<int>& held, std::
 std::vector<double> maximise_model(const quadratic_model& q, std::vector<int>& held, double largest) {
     std::vector<double> c(q.s.size(), 0.0);
     held.assign(q.s.size(), 0);
+    // each direction may be held and let go; the last turns only hold, so that it cannot go round
     for (int turn = 0; turn <= 3 * q.size(); ++turn) {
         maximise_free(q, held, c, largest);
         int worst = 0;
@@ -538,6 +561,7 @@ void name_flat(judgement& j, const quadratic_model& q) {
     j.verdict.largest = eig(1);
     j.verdict.least = eig(m);
     for (int k = 1; k <= m; ++k) {
+        // the matrix has unit diagonal: 1 would be orthogonal directions
         if (eig(k) > flat_information * eig(1)) continue;
         std::vector<double> weight(at(m));
         for (int a = 1; a <= m; ++a)
