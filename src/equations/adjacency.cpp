@@ -26,6 +26,7 @@ namespace {
 constexpr int kfactor = 100000; // elements in a record of the file
 
 std::vector<int> header() {
+    // the second place is for the rows of the pattern, known when it is written or read
     std::vector<int> h{numbers.nq,          0,
                        numbers.nrankx,      numbers.lim1,
                        mmequations.neqns,   mmequations.neq_fix,
@@ -77,6 +78,7 @@ bool read_adjacency(record_reader& in) {
     int kk = 0, factor = 0;
     if (!in.record(list.nrczhz, kk, factor)) return false;
     std::error_code ec;
+    // a count is believed only if the file is large enough for it
     const auto bytes = std::filesystem::file_size(filenames.adjacfile, ec);
     if (ec || list.nrczhz < 0 || factor < 1 || kk != list.nrczhz / factor) return false;
     if (static_cast<std::uint64_t>(list.nrczhz) * 2 * sizeof(int) > bytes) return false;
@@ -95,6 +97,7 @@ void tell_elements(const link_merge::counts& c, const std::vector<level_links>& 
     for (std::size_t i = 0; i < blocks.size(); ++i) {
         tell_growth(sum, sum + c.from_block[i], capacity);
         sum += c.from_block[i];
+        // as if elements were added source by source: records first, then effect by effect
         if (options.werbose) write(screen(), "(1x,a,i4,t36,i14)", "Elements in MMM - after RE ", blocks[i].irand, sum);
     }
 }
@@ -110,6 +113,7 @@ void build_pattern() {
     auto& list = linked_list;
     allocate("alloc ivcol", list.ifirst, numbers.nbase);
     const link_merge::counts c = merge.count();
+    // one row more, linked to all others
     const long long capacity = c.total + numbers.nbase; // room for the right-hand side
     if (capacity > maxelements) tvx_noalloc("IVCOL", capacity);
     allocate_large("INEXT", list.inext, capacity);
@@ -166,6 +170,7 @@ bool adjacency2() {
     } catch (const std::bad_alloc&) {
         tvx_noalloc("IVCOL", total);
     }
+    // row nsrow: a chain through all columns, in consecutive places
     for (int k = 1; k <= nbase; ++k) {
         const auto at = static_cast<int>(before + k);
         list.ivcol(at) = k;

@@ -61,6 +61,7 @@ bool read_maps(record_reader& in, stored_order& s) {
     if (is_metis(s.kortype) && !in.record(std::span<int>(s.ketis_opts))) return false;
     s.invprm.allocate(numbers.nbase);
     s.ivperm.allocate(numbers.nbase);
+    // lengths first: nothing is read into a map of another size
     for (auto* map : {&s.invprm, &s.ivperm})
         if (!in.next() || in.bytes_left() != static_cast<std::uint64_t>(map->size()) * sizeof(int) ||
             !in.get(map->prefix(map->size())))
@@ -103,6 +104,7 @@ void adopt(const stored_order& s) {
     if (is_metis(s.kortype)) orders.metis_opts = s.ketis_opts;
 }
 
+// jeq: running number of the equations that stay, 0 for those taken out.
 void set_jeq() {
     allocate("alloc jeq", orders.jeq, mmequations.neqns);
     for (int e : mmequations.ieqzero) orders.jeq(e) = -1;
@@ -119,6 +121,7 @@ constexpr int fewest_separators = 5, most_separators = 15, pruned_above = 200;
 // Next setting of the search; false at its end.
 bool next_setting() {
     auto& m = orders.metis_opts;
+    // separators a level go round fastest, then matching and refinement, then pruning
     if (++m[7] <= most_separators) return true;
     m[7] = fewest_separators;
     if (m[1] < 3) {
@@ -137,6 +140,7 @@ void set_maps() {
     const int neqns = mmequations.neqns, nsrow = numbers.nsrow;
     orders.ieqnew.fill(0);
     orders.ieqold.fill(0);
+    // 0: taken out
     for (int e = 1; e <= neqns; ++e)
         if (orders.jeq(e) > 0) {
             orders.ieqnew(e) = orders.invprm(orders.jeq(e));
@@ -150,6 +154,7 @@ void set_maps() {
 void renumbered_pattern(array<int>& xadj, array<int>& adjncy) {
     const auto& list = linked_list;
     const int n = numbers.nsrow;
+    // equations are ordered, the right-hand side stays last
     auto place = [&](int i) { return i == n ? n : orders.invprm(i); };
     // counts one place further on, then sums: xadj(i) is where row i starts
     xadj.allocate(n + 1);
@@ -177,6 +182,7 @@ bool lay_out() {
     try {
         ssmbfct(numbers.nsrow, xadj, adjncy, {}, {}, sparse.ixvec1, sparse.maxlnz, sparse.ixvec2, sparse.ixsub,
                 sparse.maxsub, flag);
+        // it grew by halves
         if (flag == 0 && sparse.ixsub.size() > sparse.maxsub) { // cut to what is needed
             array<int> exact;
             exact.allocate(sparse.maxsub);
@@ -294,6 +300,7 @@ bool race(trial_state& t) {
     const order_graph g = equations_graph();
     std::vector<int> node(orders.ivperm.begin(), orders.ivperm.end()),
         place(orders.invprm.begin(), orders.invprm.end());
+    // from 0 in the race
     for (auto* map : {&node, &place})
         for (int& k : *map) --k;
     // counts of the factor without laying it out: the race costs its orders alone
@@ -340,6 +347,7 @@ bool find_old(trial_state& t) {
         return false;
     case order_file::unreadable:
         if (options.werbose) print_list(screen(), "Error reading previous ordering");
+        // what had been read of it is forgotten
         t = {{}, stale_order, t.preselected, t.automatic};
         return false;
     case order_file::foreign:
@@ -385,6 +393,7 @@ void try_method(trial_state& t) {
     const bool fits = take_new(t), another = t.old.invprm.allocated();
     if (!fits && !another) too_many_subscripts();
     const double nnops = !fits ? stale_order : t.raced ? tell_operations(t.kkops) : count_and_tell(t.kkops);
+    // equal counts: the order just made is in hand, the files keep theirs
     if (fits && nnops <= t.kkops) {
         keep_better(t, nnops); // a tie leaves the files as they are
         return;
@@ -404,6 +413,7 @@ void try_method(trial_state& t) {
 void settle() {
     linked_list = {};
     adjacency = {};
+    // made anew from the structure; places of the assembly belong to one nsymb
     kernels.work.tree = {};
     ++orders.nsymb;
 }
@@ -422,6 +432,7 @@ bool choose_method() {
         return false;
     }
     if (orders.order_type != 0) return true;
+    // the method by size alone: what it takes is not known before
     orders.order_type = n < amd_from ? 1 : n < metis_from ? 2 : 3;
     if (n >= metis_quick_from)
         orders.metis_opts = {3, 3, 1, 2, 0, 1, 0, 14};
@@ -452,7 +463,9 @@ void eqnorders() {
 
 order_made redo_eqnorders() {
     if (options.verbose) print_list(screen(), "BEGIN \"redo_eqnorders\" ");
+    // as large as the new one: they are not held together
     sparse.ixsub.deallocate();
+    // covariances that have become free link records: the residual inverses in hand say which
     orders.links = links_sum(false);
     adjacency1(false);
     order_made made;

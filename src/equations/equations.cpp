@@ -29,6 +29,7 @@ bool tracing() { return options.devtrace && options.verbose; }
 // Coefficients of a covariable, over all levels of the effect in which it is nested.
 long long coefficients(int icov, int iq) {
     const long long order = mudmap.cv_order(icov, iq);
+    // one curve, or one for each level: of a fixed effect, or (negative) of an extra one
     if (mudmap.cv_nestcolno(icov, iq) <= 0) return order;
     const int i = mudmap.cv_nestfix(icov, iq);
     return order * (i > 0 ? levels.fx_nlev(i, iq) : levels.ex_nlev(-i, iq));
@@ -70,6 +71,7 @@ void number_fixed(long long& ibegin) {
             ibegin += levels.fx_nlev(ifix, iq);
             if (tracing()) print_list(screen(), "fix", iq, ifix, ibegin, mmequations.fx_start(ifix, iq));
         }
+        // the first level of every fixed effect but the first: sums over levels are the same for all
         for (int ifix = 2; ifix <= model.nfix(iq); ++ifix) {
             zero_out(mmequations.fx_start(ifix, iq) + 1);
             if (tracing())
@@ -82,6 +84,7 @@ void number_fixed(long long& ibegin) {
 // Starts of the random effects behind `ibegin`: identity structures first, then relationship matrices.
 template <class Size> void number_random(array<int>& start, long long& ibegin, Size size, bool trace) {
     start.fill(-1);
+    // -1: no equations of its own
     for (const bool identity : {true, false})
         for (int irand = 1; irand <= numbers.krand; ++irand) {
             const covariance_kind kind = mudmap.kovrnd(irand);
@@ -123,6 +126,7 @@ void equation_nos() {
     number_random(mmequations.rn_start, ibegin, nfit, true);
     long long neqns = ibegin;
     for (int iq = 1; iq <= nq; ++iq)
+        // a mean is one equation, behind all others
         if (model.fitmean(iq)) mmequations.ieq_trait(iq) = cut(++neqns);
     check_size(neqns);
     mmequations.neq_rnd = static_cast<int>(ibegin - nfixed);
@@ -155,11 +159,13 @@ void new_eqnnos() {
         if (!in.get(nr) || nr < 0 || nr > jvec.size() || !in.get(jvec.prefix(nr)))
             stop_with("Error reading file \"" + filenames.recdatfil2 + "\"");
         const auto k = static_cast<std::size_t>(n) - 1;
+        // the file may have changed since it was written
         const auto& sums = recoded_sums.old_lists;
         if (k < sums.size() && !same_sum(sums[k], list_sum(jvec.prefix(nr))))
             stop_with("Error reading file \"" + filenames.recdatfil2 + "\"");
         for (int& e : jvec.prefix(nr)) {
             if (e < 1 || e > mmequations.neqns) stop_with("Error reading file \"" + filenames.recdatfil2 + "\"");
+            // 0 for an equation that was taken out
             e = orders.ieqnew(e);
         }
         out.record(nr, jvec.prefix(nr));

@@ -81,6 +81,7 @@ void take_order(const node_order& order) {
     const int n = static_cast<int>(order.node.size());
     orders.ivperm.allocate(n);
     orders.invprm.allocate(n);
+    // libraries count from 0
     for (int k = 1; k <= n; ++k) {
         orders.ivperm(k) = order.node[k - 1] + 1;
         orders.invprm(k) = order.place[k - 1] + 1;

@@ -43,6 +43,7 @@ std::vector<int> components(int n, const std::function<bool(int, int)>& linked) 
     for (int i = 1; i < n; ++i)
         for (int j = 0; j < i; ++j) {
             if (group[i] == group[j] || !linked(i, j)) continue;
+            // the number of a group is that of its first item
             const int keep = std::min(group[i], group[j]), drop = std::max(group[i], group[j]);
             std::replace(group.begin(), group.end(), drop, keep);
         }
@@ -63,6 +64,7 @@ std::vector<int> trait_groups() {
     const int nq = numbers.nq;
     return components(nq, [&](int i, int j) { // i > j, packed upper triangle by rows
         if (!s.allocated()) return true;
+        // packed upper triangle, rows and columns from 0
         const int place = j * nq - j * (j - 1) / 2 + (i - j) + 1;
         for (int c = 1; c <= s.upper(2); ++c)
             if (s(place, c) != 0.0) return true;
@@ -92,6 +94,7 @@ struct record_groups {
         } else if (independent) {
             std::iota(group.begin(), group.end(), 0);
         } else {
+            // patterns without an inverse in hand: all records of the subject are linked
             const auto k = static_cast<std::size_t>(d.icombi) - 1;
             if (k < patterns.size() && static_cast<int>(patterns[k].size()) == n)
                 group = patterns[k];
@@ -128,6 +131,7 @@ void form_residual_inverses() {
 // Adds the equations of record i that stay to `rows`.
 void record_rows(const subject_record& d, int i, std::vector<int>& rows) {
     const int row = std::min(i, d.kk);
+    // row: kk is 1 where all records of the subject share one row of effects
     for (int c = 1; c <= d.mcov; ++c)
         if (const int e = d.icov(c, row); e > 0 && orders.jeq(e) > 0) rows.push_back(orders.jeq(e));
     for (int j = 1; j <= d.mrow; ++j)
@@ -141,6 +145,7 @@ void add_numbering(digest_maker& sum) {
                         m.neq_rnd, options.principal ? 1 : 0, options.blup && options.principal ? 1 : 0})
         sum.add(n);
     for (const auto* start : {&m.cv_start, &m.fx_start}) sum.add(start->prefix(start->size()));
+    // which equations were taken out
     const auto& jeq = orders.jeq;
     for (const auto* start : {&m.rn_start, &m.ieq_trait, &jeq}) sum.add(start->prefix(start->size()));
 }
@@ -166,6 +171,7 @@ template <class T> void add_part(digest_maker& sum, const array<T, 2>& a, int ro
 
 void add_records(digest_maker& sum) {
     const record_groups groups = make_groups();
+    // in the order of the file: the same records in another order are another sum
     recdata_pass pass;
     setup_recdata(pass, filenames.recdatfil2);
     const subject_record& d = pass.record;
@@ -205,6 +211,7 @@ void data2adjac(clique_lists& data) {
         for (int i = 1; i <= d.nobs; ++i) {
             if (group[i - 1] != i - 1) continue; // not the first of its group
             rows.clear();
+            // one set for each group of records
             for (int j = i; j <= d.nobs; ++j)
                 if (group[j - 1] == i - 1) record_rows(d, j, rows);
             std::sort(rows.begin(), rows.end());
@@ -219,11 +226,13 @@ level_links covar2adjac(int irand) {
     b.irand = irand;
     b.nlev = levels.rn_nlev(irand);
     b.ncoef = nfit(irand);
+    // equations of random effects are never taken out: those of a block follow each other
     b.first = b.nlev > 0 ? orders.jeq(mmequations.rn_start(irand) + 1) : 1;
     b.diagonal = options.principal || model.diagonal(irand);
     b.within = options.blup && options.principal && model.diagonal(irand) == 0; // for the errors of breeding values
     if (mudmap.kovrnd(irand) == covariance_kind::ide) return b;
     std::vector<int> rows, cols;
+    // by row, columns below it
     b.start.assign(static_cast<std::size_t>(b.nlev) + 1, 0);
     inverse_stream inverse(irand);
     for (inverse_element e; inverse.next(e);) {

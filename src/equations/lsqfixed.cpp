@@ -70,6 +70,7 @@ void data_pass(normal_equations& a, const fixed_rows& rows) {
             for (std::size_t p = 0; p < list.size(); ++p) {
                 const auto [row, x] = list[p];
                 a.diag[row] += x * x;
+                // X'X and X'y, one record after the other
                 a.rhs[row] += x * d.yvec(i);
                 for (std::size_t q = 0; q < p; ++q) a.add(row, list[q].row, x * list[q].x);
             }
@@ -113,6 +114,7 @@ lsq_rank eliminate(const fixed_rows& rows, normal_equations& a) {
         data_pass(a, rows);
         a.finish();
         const std::vector<int> out = taken_out(a, rows);
+        // pivots here are counts and sums of squares: 100 times the operational zero
         return fast_rank(a, out, pivot_zeros * numbers.zero);
     } catch (const std::bad_alloc&) {
         stop("alloc zhz");
@@ -127,6 +129,7 @@ void lsq_fixed() {
     normal_equations a(n);
     // equations that depend on those before them go out of the mixed model equations
     const lsq_rank r = eliminate(rows, a);
+    // what the store of rows would have grown to
     tell_elements(n, static_cast<long long>(a.col.size()), r.elements);
     for (const auto& [row, pivot] : r.dependent) {
         const int irow = rows.equation(row);

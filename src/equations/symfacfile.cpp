@@ -26,6 +26,7 @@ constexpr int steps = 100000; // subscripts in a record of the file
 bool sound_structure(int n, int maxlnz, int maxsub, const array<int>& ixvec1, const array<int>& ixvec2,
                      const array<int>& ixsub) {
     if (ixvec1(1) != 1 || ixvec1(n + 1) - 1 != maxlnz) return false;
+    // a list is sound if no break lies within it: one pass for all rows, whatever they share
     std::vector<int> breaks(static_cast<std::size_t>(maxsub) + 1); // places up to i not above the one before
     for (int i = 1; i <= maxsub; ++i) {
         if (ixsub(i) < 1 || ixsub(i) > n) return false;
@@ -55,6 +56,7 @@ bool read_structure(record_reader& in) {
     ieqnew.allocate(keqns + 1);
     ivperm.allocate(n);
     if (!get_whole(in, ieqnew) || !get_whole(in, ivperm)) return false;
+    // the order must be the one in hand, not only one of the same pattern
     if (!std::equal(ieqnew.begin(), ieqnew.end(), orders.ieqnew.begin())) return false;
     if (!std::equal(ivperm.begin(), ivperm.end() - 1, orders.ivperm.begin()) || ivperm(n) != n) return false;
     allocate("all ixvec1 symb", sparse.ixvec1, n + 1);
@@ -94,6 +96,7 @@ void write_symfac() {
     const int n = numbers.nsrow;
     out.record(mmequations.neqns, n, sparse.maxlnz, sparse.maxsub, steps);
     out.record(orders.ieqnew.prefix(mmequations.neqns + 1));
+    // the right-hand side, last
     out.record(orders.ivperm.prefix(n - 1), n);
     out.record(sparse.ixvec1.prefix(n + 1));
     out.record(sparse.ixvec2.prefix(n));

@@ -29,6 +29,7 @@ term_rows sort_by_row(const std::vector<nrm_term>& terms, int nan) {
     rows.start.assign(static_cast<std::size_t>(nan) + 1, 0);
     for (const nrm_term& t : terms) ++rows.start[t.row];
     for (std::size_t i = 1; i < rows.start.size(); ++i) rows.start[i] += rows.start[i - 1];
+    // next place of each row
     std::vector<std::size_t> at(rows.start.begin(), rows.start.end());
     rows.term.resize(terms.size());
     for (const nrm_term& t : terms) rows.term[at[t.row - 1]++] = {t.col, t.value};
@@ -74,6 +75,7 @@ void link_terms(const std::vector<nrm_term>& terms, int nan, bool addval, int& i
         const auto from = rows.term.begin() + static_cast<std::ptrdiff_t>(rows.start[irow - 1]);
         const auto to = rows.term.begin() + static_cast<std::ptrdiff_t>(rows.start[irow]);
         const auto less = [](const auto& a, const auto& b) { return a.first < b.first; };
+        // terms of a row come sorted but where an animal has older offspring
         if (!std::is_sorted(from, to, less)) std::stable_sort(from, to, less);
         cols.clear();
         vals.clear();
@@ -94,11 +96,13 @@ void nnrm_count(int jj, int nanim, int cap, int& ierr) {
     std::vector<nrm_term> terms;
     for (int ian = 1; ian <= nanim; ++ian) {
         const auto [lo, hi] = std::minmax(pedigreelist.sire(jj)[ian - 1], pedigreelist.dam(jj)[ian - 1]);
+        // the elements that the terms of the inverse will have, without values
         if (lo > 0 && lo < hi) terms.push_back({hi, lo, 0.0});
         if (lo > 0 && lo < hi) terms.push_back({ian, lo, 0.0});
         if (hi > 0) terms.push_back({ian, hi, 0.0});
     }
     link_terms(terms, nanim, false, ierr);
+    // diagonals are not counted by the terms above
     nrminverse.nnrm = linked_list.nrczhz += nanim;
 }
 
@@ -106,6 +110,7 @@ void nnrm_count_growing(int jj, int nanim, int cap, int limit) {
     int ierr = 0;
     nnrm_count(jj, nanim, cap, ierr);
     while (ierr != 0) {
+        // a quarter more, as a real: it may pass what 32 bits hold
         const float more = std::max(1.25F * static_cast<float>(cap), static_cast<float>(cap) + 1.0F);
         if (more > static_cast<float>(limit)) {
             screen().line("Max. no. of elements in NRM exceeded !");
@@ -123,7 +128,9 @@ void animal_nrm(int jj, int nanim) {
     nrminverse.detl = 0.0;
     for (int ian = 1; ian <= nanim; ++ian) {
         if (!options.terse && ian % 20000 == 0) write(screen(), "(a,i10,a,i10)", "  NRM : at", ian, "  of", nanim);
+        // D(i), Mendelian sampling variance: log|A| is the sum of its logarithms
         const double ddd = nrmdiag(ian);
+        // a level treated as fixed: no terms to its parents, no part in log|A|
         if (randasfix.asfix(ian) != 0) {
             nrmdiag(ian) = fixed_level_weight;
             terms.push_back({ian, ian, randasfix.psfixfact});

@@ -24,6 +24,7 @@ namespace {
 template <class T> struct cells {
     static constexpr bool fixed = std::is_same_v<T, std::uint32_t>;
     static constexpr int width = fixed ? wide_panel : narrow_panel;
+    // shares are multiples of 2^-levels: exact while that many generations fit into 30 bits
     static constexpr T one = static_cast<T>(fixed ? 1u << most_levels : 1u);
     static T half(T x) {
         if constexpr (fixed)
@@ -126,6 +127,7 @@ template <class T> void up_animal(panel<T>& w, int place) {
     const T d = w.d[place];
     line<T> half;
     for (int k = 0; k < c::width; ++k) {
+        // T'e: what an animal has goes on to its parents by halves
         half.x[k] = c::half(own.x[k]);
         scaled.x[k] = c::times(own.x[k], d);
         own.x[k] = T{};
@@ -147,9 +149,12 @@ template <class T> void sweep_up(panel<T>& w, std::size_t from, std::size_t to) 
     }
     w.touched.clear();
     w.lines = 0;
+    // runs of older animals, the youngest first: within a run nobody is a parent of another
     for (std::size_t r = o.young; r-- > 1;) {
         const int begin = o.run[r], end = o.run[r + 1];
+        // runs younger than the border animals in hand are not touched
         const int count = begin > o.border[to - 1] ? 0 : count_hits(w.hit, begin, end);
+        // beyond a third all of them are visited: faster than finding the ones that are touched
         w.runs[r] = {count > (end - begin) / 3, w.touched.size(), w.touched.size(), w.lines};
         if (w.runs[r].all) {
             for (int k = begin; k < end; ++k) {
@@ -169,6 +174,7 @@ template <class T> void sweep_up(panel<T>& w, std::size_t from, std::size_t to) 
             w.runs[r].to = w.touched.size();
         }
     }
+    // place 0 takes what goes to unknown parents
     w.up[0] = {};
     w.hit[0] = 0;
 }
@@ -198,6 +204,7 @@ template <class T> void sweep_down(panel<T>& w) {
         down_animals(w, o.run[r], o.run[r + 1]);
         const touched_run& run = w.runs[r];
         const line<T>* scaled = w.scaled.data() + run.lines;
+        // a = D T'e + half of the parents' a
         const auto add = [&](int place) {
             line<T>& x = w.a[o.at[place].slot];
             for (int l = 0; l < panel<T>::width; ++l) x.x[l] += scaled->x[l];
@@ -223,6 +230,7 @@ template <class T> void inherit(panel<T>& w, int place, bool hand_on) {
     const swept& r = w.o.at[place];
     const line<T>& ts = w.t[w.sharing[r.sire] ? r.sire_slot : 0]; // slot 0 holds zeros
     const line<T>& td = w.t[w.sharing[r.dam] ? r.dam_slot : 0];
+    // F is half the relationship of the parents; that part of it which comes in through the border
     w.f[place] += 0.5 * inner_product(w.a[r.dam_slot], ts);
     if (!hand_on) return;
     line<T> x;
@@ -250,12 +258,14 @@ template <class T> void sweep_stretch(panel<T>& w, std::size_t from, std::size_t
         line<T>& t = w.t[o.at[o.border[k]].slot];
         t = {};
         t.x[k - from] = cells<T>::one;
+        // a border animal has itself with share 1
         share(w, o.border[k]);
     }
     for (std::size_t r = o.young; r + 1 < o.run.size(); ++r) {
         down_animals(w, o.related[r], o.childless[r]);
         inherit_run(w, r);
     }
+    // back to zero for the next panel
     for (const int place : w.shared) w.sharing[place] = 0;
     w.shared.clear();
 }
@@ -273,6 +283,7 @@ template <class T> struct own_panel {
         w.a = {lines.get() + slots, slots};
         w.t = {lines.get() + 2 * slots, slots};
         w.scaled = {lines.get() + 3 * slots, older};
+        // a word of eight flags may reach beyond the last place
         w.hit.resize(places + 8);
         w.sharing.resize(places);
         w.runs.resize(o.young);
@@ -301,6 +312,7 @@ void sweep_panels(const sweep_order& o, const std::vector<double>& d, task_pool&
     const std::size_t parts = std::min(panels, most_parts);
     std::vector<std::unique_ptr<own_panel<T>>> of_slot(static_cast<std::size_t>(pool.threads()));
     std::vector<std::vector<double>> sums(parts);
+    // only young animals get anything
     const auto add = [&](const std::vector<double>& part) {
         for (std::size_t k = static_cast<std::size_t>(o.run[o.young]); k < part.size(); ++k)
             f[o.animal[k] - 1] += part[k];
@@ -310,6 +322,7 @@ void sweep_panels(const sweep_order& o, const std::vector<double>& d, task_pool&
         if (!mine) mine = std::make_unique<own_panel<T>>(o, d);
         const auto part = static_cast<std::size_t>(i);
         sweep_part(mine->w, panels * part / parts, panels * (part + 1) / parts);
+        // alone: parts come in their order anyway, and need not be kept
         if (pool.threads() == 1)
             add(mine->w.f);
         else

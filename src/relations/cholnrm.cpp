@@ -38,6 +38,7 @@ pedigree_rule rule_of(int irun, int ian) {
     double sum = 0.0;
     for (const int p : {s, d})
         if (p > 0) sum += 1.0 + nrminverse.inbreed(p, irun);
+    // D = 1 - (1 + F_s)/4 - (1 + F_d)/4
     return {1.0 - 0.25 * sum, s > 0 ? 0.5 : 0.0, d > 0 ? 0.5 : 0.0};
 }
 
@@ -54,6 +55,7 @@ void merge_parents(const factor_row& p, const factor_row& q, const pedigree_rule
     while (i < p.col.size() || j < q.col.size()) {
         const int ci = i < p.col.size() ? p.col[i] : INT32_MAX, cj = j < q.col.size() ? q.col[j] : INT32_MAX;
         double sum = 0.0;
+        // columns ascend in both rows
         if (ci <= cj) sum += rule.by_sire * p.val[i++];
         if (cj <= ci) sum += rule.by_dam * q.val[j++];
         row.col.push_back(std::min(ci, cj));
@@ -81,9 +83,11 @@ void write_factor(record_writer& out, int irun, int nan) {
         const int s = pedigreelist.sire(irun)[ian - 1], d = pedigreelist.dam(irun)[ian - 1];
         const pedigree_rule rule = rule_of(irun, ian);
         merge_parents(rows[s], rows[d], rule, row);
+        // the limit is for off-diagonals
         nrczhz += static_cast<std::int64_t>(row.col.size());
         if (nrczhz > cholnrm.maxlzhz) stop_with("\"lnkloc\" : dimensions exceeded !!");
         const double zdia = std::sqrt(rule.share);
+        // records (row, column, value), the diagonal first
         out.record(std::int32_t{ian}, std::int32_t{ian}, zdia);
         for (std::size_t k = 0; k < row.col.size(); ++k)
             out.record(std::int32_t{ian}, std::int32_t{row.col[k]}, row.val[k]);
@@ -92,6 +96,7 @@ void write_factor(record_writer& out, int irun, int nan) {
             row.val.push_back(zdia);
             rows[ian] = row;
         }
+        // nobody needs that row any more
         for (const int p : {s, d})
             if (p > 0 && last[p] == ian) rows[p] = {};
     }
@@ -128,6 +133,7 @@ void nrm_product(int irun, const std::vector<double>& x, std::vector<double>& y)
     const auto& dam = pedigreelist.dam(irun);
     const int nan = pedigreelist.nannew(irun);
     y = x;
+    // A = T D T': y = T'x from the youngest up, D, then T down
     for (int i = nan; i >= 1; --i) {
         const pedigree_rule rule = rule_of(irun, i);
         if (sire[i - 1] > 0) y[sire[i - 1] - 1] += rule.by_sire * y[i - 1];

@@ -83,6 +83,7 @@ void check_element(int irand, const inverse_element& e, int nn) {
 }
 
 void check_codes(const code_list& codes, const std::string& name) {
+    // code and level
     std::vector<std::pair<std::int64_t, int>> sorted;
     for (std::size_t l = 0; l < codes.size(); ++l) sorted.emplace_back(codes[l], static_cast<int>(l) + 1);
     std::sort(sorted.begin(), sorted.end());
@@ -102,6 +103,7 @@ void read_codes(int irand, const std::string& name, int nlmax) {
         int i = 0, jj = 0;
         if (!get_int(list, i) || !get_int(list, jj)) stop("error gin.codes");
         ++n;
+        // first all lines are counted: a wrong number of codes is told before a wrong one
         if (i < 1 || i > nlmax) {
             range_fault = range_fault ? range_fault : i;
             continue;
@@ -154,10 +156,12 @@ void check_places(const std::vector<inverse_element>& elements, const std::strin
     places.reserve(elements.size());
     bool ascending = true;
     for (const auto& e : elements) {
+        // (row, column) in one word
         const std::uint64_t place = static_cast<std::uint64_t>(e.row) << 32 | static_cast<std::uint32_t>(e.col);
         ascending = ascending && (places.empty() || place > places.back());
         places.push_back(place);
     }
+    // the usual file: no sort
     if (ascending) return;
     std::sort(places.begin(), places.end());
     const auto twice = std::adjacent_find(places.begin(), places.end());
@@ -180,6 +184,7 @@ void count_without(int irand, const std::string& name, const code_list& in_data)
     for (int l = 1; l <= nlev; ++l) {
         if (diagonal[l]) continue;
         const auto code = levels.rn_codes(irand)[static_cast<std::size_t>(l) - 1];
+        // reduced equations need a variance for each level
         const bool fixed = !named[l] && std::binary_search(in_data.begin(), in_data.end(), code);
         if (!fixed || options.principal) {
             print_list(screen(), "Level without a diagonal in the inverse :", l, " code", code);
@@ -206,6 +211,7 @@ void check_ginverse(int irand) {
     const std::string name = model.krandom(irand) + ".gin";
     if (!file_exists(name)) no_ginfile(irand, name);
     text_lines text;
+    // inverses are long: 64 kB at a time
     std::vector<char> buffer(std::size_t{1} << 16);
     text.in.rdbuf()->pubsetbuf(buffer.data(), static_cast<std::streamsize>(buffer.size()));
     open_lines(text, name);

@@ -73,6 +73,7 @@ void list_relatives(lineage& w) {
     });
     w.list.clear();
     for (std::size_t word = static_cast<std::size_t>(youngest) / 64 + 1; word-- > 0;) {
+        // from the youngest down; ancestors have smaller numbers and are met later
         while (const std::uint64_t either = w.up[word] | w.down[word]) { // parents may fall into the same word
             const int bit = 63 - std::countl_zero(either), i = static_cast<int>(word * 64) + bit;
             const std::uint64_t mask = std::uint64_t{1} << static_cast<unsigned>(bit);
@@ -86,6 +87,7 @@ void list_relatives(lineage& w) {
             w.down[word] &= ~mask;
         }
     }
+    // place 0 takes what goes to unknown parents
     w.list.push_back({0, 0, 0, false, false});
     std::reverse(w.list.begin(), w.list.end());
     for (std::size_t i = 1; i < w.list.size(); ++i) {
@@ -102,6 +104,7 @@ template <int width> void sweep_up(lineage& w) {
         const relative& r = w.list[i];
         if (!r.up) continue;
         double& d = w.d[r.animal];
+        // F of its parents is known: their sires came before
         if (d < 0.0) d = mendelian_variance(w.sire[r.animal - 1], w.dam[r.animal - 1], w.f);
         double* v = w.v.data() + i * width;
         std::array<double, width> half;
@@ -112,6 +115,7 @@ template <int width> void sweep_up(lineage& w) {
             for (int k = 0; k < width; ++k) p[k] += half[k];
         }
     }
+    // unknown parents have no relationships
     std::fill_n(w.v.begin(), width, 0.0);
 }
 
@@ -168,6 +172,7 @@ std::vector<int> last_needed(const std::vector<int>& sire, const std::vector<int
     for (std::size_t i = 1; i < need.size(); ++i)
         for (const int p : {sire[i - 1], dam[i - 1]}) {
             if (p <= 0) continue;
+            // D of i needs F of its parents, which their own sires give
             need[i] = std::max(need[i], need[p]);
             if (dam[p - 1] > 0) need[i] = std::max(need[i], sire[p - 1]);
         }
@@ -180,6 +185,7 @@ void offspring_by_sire(const std::vector<int>& sire, const std::vector<int>& dam
     const std::size_t n = sire.size();
     start.assign(n + 2, 0);
     for (std::size_t i = 0; i < n; ++i)
+        // others are not inbred
         if (sire[i] > 0 && dam[i] > 0) ++start[sire[i] + 1];
     for (std::size_t s = 1; s < start.size(); ++s) start[s] += start[s - 1];
     list.resize(static_cast<std::size_t>(start.back()));
@@ -217,6 +223,7 @@ std::vector<double> inbreeding_by_sires(const std::vector<int>& sire, const std:
     };
     for (int s = 1; s <= n; ++s) {
         if (w.start[s] == w.start[s + 1]) continue;
+        // sires wait as long as none needs the coefficients of an offspring of another
         if (waiting.size() == most_waiting || (!waiting.empty() && need[s] >= waiting.front())) finish(s - 1);
         waiting.push_back(s);
     }
@@ -227,10 +234,12 @@ std::vector<double> inbreeding_by_sires(const std::vector<int>& sire, const std:
 std::vector<double> inbreeding(const std::vector<int>& sire, const std::vector<int>& dam,
                                const std::function<void(int)>& done, int threads) {
     const std::int64_t steps = sweep_steps(sire, dam);
+    // the way by cuts has costs of its own
     if (steps < few_steps) return inbreeding_by_sires(sire, dam, done);
     const pedigree_cuts cuts = cut_pedigree(sire, dam);
     if (cuts.steps >= steps) return inbreeding_by_sires(sire, dam, done);
     std::vector<int> youngest(sire.size() + 1); // offspring of each sire
+    // progress counts sires, whichever way is gone
     for (std::size_t i = 0; i < sire.size(); ++i) youngest[sire[i]] = static_cast<int>(i) + 1;
     int told = 0;
     const auto tell = [&](int m) {

@@ -43,6 +43,7 @@ template <class Visit> std::size_t each_way(const stretch_tree& w, std::vector<i
     if (path.empty()) path.resize(1024);
     path[0] = place;
     for (double share = 0.5; begin < end; share *= 0.5) {
+        // two parents each at most
         if (path.size() < 3 * end) path.resize(6 * end);
         std::size_t out = end;
         for (; begin < end; ++begin)
@@ -60,12 +61,14 @@ template <class Visit> std::size_t each_way(const stretch_tree& w, std::vector<i
 // Relationship of s and d by common ancestors within the stretch.
 double within_stretch(stretch_tree& w, int s, int d) {
     if (s != w.sire) {
+        // the marks of the last sire are taken back along his ways
         if (w.sire > 0) w.x[w.sire] = 0.0;
         for (std::size_t k = 0; k < w.marked; ++k) w.x[w.up[w.sire_path[k]][0]] = w.x[w.up[w.sire_path[k]][1]] = 0.0;
         w.marked = each_way(w, w.sire_path, s, [&](int k, double share) { w.x[k] += share * w.d[k]; });
         w.sire = s;
         w.dam = 0;
     }
+    // full sibs: the sum is that of the last one
     if (d != w.dam) {
         w.with_dam = 0.0;
         each_way(w, w.dam_path, d, [&](int k, double share) { w.with_dam += share * w.x[k]; });
@@ -85,7 +88,9 @@ void add_within_stretch(const sweep_order& o, const std::vector<int>& sire, cons
     w.x.resize(o.at.size());
     for (int k = first; k < o.run.back(); ++k) {
         const int i = o.animal[k], s = o.at[k].sire, d = o.at[k].dam;
+        // older parents belong to the border
         w.up[k] = {s >= first ? s : 0, d >= first ? d : 0};
+        // a parent outside has no common ancestor inside with the other
         if (s >= first && d >= first) f[i - 1] += 0.5 * within_stretch(w, s, d);
         w.d[k] = mendelian_variance(sire[i - 1], dam[i - 1], f);
     }
@@ -105,6 +110,7 @@ struct parent_counts {
             const int s = sire[i - 1], d = dam[i - 1];
             upto[i] = upto[i - 1] + (youngest[i] > 0 ? 1 : 0);
             level[i] = s > 0 || d > 0 ? 1 + std::max(level[s], level[d]) : 0;
+            // no more than there are parents
             ancestors[i] = 1.0 + std::min<double>(ancestors[s] + ancestors[d], upto[i]);
         }
     }
@@ -118,6 +124,7 @@ std::vector<int> cut_places(const parent_counts& c) {
         if (c.youngest[i] > 0) ++change[i], --change[c.youngest[i]];
     int live = 0, at = 1;
     for (int part = 1; part <= parts; ++part) {
+        // live: animals whose offspring stand on both sides of the place
         const int end = static_cast<int>(static_cast<std::int64_t>(n) * part / parts);
         int fewest = std::numeric_limits<int>::max(), best = end;
         for (; at <= end; ++at) {
@@ -160,6 +167,7 @@ std::vector<double> stretch_steps(const std::vector<int>& sire, const std::vecto
     for (int i = before + 1; i <= n && next < places.size(); ++i) {
         const int s = sire[i - 1], d = dam[i - 1];
         for (const int p : {s, d}) {
+            // a border animal counts once for the stretch
             if (p == 0 || p > before || share[p] > 0.0) continue;
             share[p] = 1.0;
             border.size += 1.0;
@@ -171,7 +179,9 @@ std::vector<double> stretch_steps(const std::vector<int>& sire, const std::vecto
         share[i] = std::min(share[s] + share[d], border.size);
         border.shares += std::min(share[i], border.size / wide_panel);
         border.young_level = std::max(border.young_level, c.level[i]);
+        // only at places where the stretch may end
         if (i < places[next]) continue;
+        // ways up are followed from both parents of each animal
         const double all = traces + border.steps(c.upto[i]);
         if (all >= limit) break;
         for (; next < places.size() && places[next] == i; ++next) steps[next] = all;
@@ -190,9 +200,11 @@ pedigree_cuts cut_pedigree(const std::vector<int>& sire, const std::vector<int>&
     cost[0] = 0.0;
     way_counts w{std::vector<double>(sire.size() + 1), std::vector<double>(sire.size() + 1)};
     for (std::size_t from = 0; from + 1 < places.size(); ++from) {
+        // dearer than a whole list that is known already
         if (cost[from] >= cost.back()) continue;
         const std::vector<double> steps = stretch_steps(sire, dam, c, places, from, cost.back() - cost[from], w);
         for (std::size_t to = from + 1; to < places.size(); ++to)
+            // shortest way through the places: the best cut before each of them
             if (cost[from] + steps[to] < cost[to]) cost[to] = cost[from] + steps[to], begin[to] = from;
     }
     constexpr double most = 1e18;
@@ -208,6 +220,7 @@ std::int64_t sweep_steps(const std::vector<int>& sire, const std::vector<int>& d
     std::vector<int> youngest(n + 1);                       // of a sire and his mates
     for (std::size_t i = 1; i <= n; ++i) {
         const int s = sire[i - 1], d = dam[i - 1];
+        // an upper limit: common ancestors count twice
         length[i] = 1 + std::min<std::int64_t>(length[s] + length[d], c.upto[i]);
         if (s == 0 || d == 0) continue;
         family[s] += length[d] + (family[s] == 0 ? length[s] : 0);
@@ -221,6 +234,7 @@ std::int64_t sweep_steps(const std::vector<int>& sire, const std::vector<int>& d
             last = std::max(last, youngest[s]);
             ++in_hand;
         }
+        // sires are swept eight together
         if (in_hand < 8 && s < n) continue;
         steps += 3 * std::min<std::int64_t>(group, c.upto[last]); // listed, up and down
         group = in_hand = last = 0;
@@ -238,6 +252,7 @@ std::vector<double> inbreeding_by_cuts(const std::vector<int>& sire, const std::
     for (const int end : last) {
         const sweep_order o = order_stretch(sire, dam, first, end);
         int above = 0, within = 0;
+        // generations above and within decide whether 32 bits hold the shares
         for (const int place : o.border) above = std::max(above, c.level[o.animal[place]]);
         for (int i = first; i <= end; ++i) within = std::max(within, c.level[i]);
         add_through_border(o, d, above + within, pool, f);

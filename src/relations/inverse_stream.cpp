@@ -53,6 +53,7 @@ void inverse_stream::rewind() {
     if (p_->kind != 'N') return;
     p_->file.rewind();
     std::int32_t ian1 = 0, ian2 = 0, sm = 0;
+    // head of the file: order, first and last code, kind of model; elements and log|A|; diagonal of D^-1
     if (!p_->file.record(p_->nan, ian1, ian2, sm) || !p_->file.record(p_->nnrm, logdet_) || !p_->file.next() ||
         p_->nan != pedigreelist.nannew(mudmap.iranno(p_->irand)))
         unreadable(p_->name);

@@ -101,6 +101,7 @@ void check_nrmhead(record_reader& in, bool& lex, int irand, const std::string& n
     for (int k = 1; k <= nnrm; ++k) {
         std::int32_t icol = 0, irow = 0;
         double xx = 0.0;
+        // every element is looked at: assembly takes them as they come
         if (!in.record(icol, irow, xx) || icol < 1 || icol > irow || irow > nan) return no_match(lex);
     }
     nrminverse.nnrm = nnrm;
@@ -134,6 +135,7 @@ inbreeding_sums nrm_inverse(int irand, record_writer& iun, text_out& sumped) {
     if (options.siremodel) {
         sire_nrm(jj, nan);
     } else {
+        // a pass without values finds the size: some 25 elements an animal, more where need be
         nnrm_count_growing(jj, nan, static_cast<int>(std::min<std::int64_t>(std::int64_t{25} * nan, maxelements)));
         animal_nrm(jj, nan);
     }
@@ -153,6 +155,7 @@ void one_inverse(int irand, text_out& sumped) {
     const int iirand = mudmap.iranno(irand);
     const std::string name = nrminv_name(iirand);
     bool lex = false;
+    // levels treated as fixed may have changed: then it is always made anew
     if (!options.pseudofix && file_exists(name)) {
         record_reader in;
         inbreeding_sums inbred;
@@ -210,6 +213,7 @@ void restore_inbreed() {
     if (std::find(ifin.begin(), ifin.end(), 0) == ifin.end()) return;
     int m = 0, n = 0, nan = 0;
     record_reader in;
+    // one file for all pedigrees: greatest number of animals, pedigrees, animals of the first
     const bool known = !options.siremodel && sealed(filenames.inbrdfile, all_pedigrees_sum()) &&
                        in.open(filenames.inbrdfile) && in.record(m, n, nan) && m == nrminverse.inbreed.upper(1) &&
                        n == nrminverse.inbreed.upper(2) &&
@@ -224,9 +228,11 @@ void restore_inbreed() {
 void write_inbreed() {
     const auto& ifin = nrminverse.ifin;
     const int n = static_cast<int>(ifin.upper());
+    // only a complete table is of use
     if (n < 1 || std::find(ifin.begin(), ifin.end(), 0) != ifin.end()) return;
     const digest made_from = all_pedigrees_sum();
     if (sealed(filenames.inbrdfile, made_from)) return;
+    // 30 columns, as names of files are
     std::string pedfile = filenames.pedfile;
     pedfile.resize(30, ' ');
     record_writer iun;

@@ -17,6 +17,7 @@ namespace tarvex {
 namespace {
 
 // Factor of each case: sire and grandsire known, sire only, grandsire only, none, one bull as both, pseudo-fixed.
+// 1 - 1/4 - 1/16 with both known; 7/16 with one bull as sire and grandsire
 constexpr std::array<double, 7> factor{0.0, 0.6875, 0.75, 0.9375, 1.0, 0.4375, -1.0};
 
 int sire_case(int s, int m, bool fixed) {
@@ -34,6 +35,7 @@ void put(std::vector<nrm_term>& terms, int i, int j, double value) {
 
 void sire_terms(std::vector<nrm_term>& terms, int icase, int ian, int s, int m) {
     switch (icase) {
+    // 1/D times (1, -1/2, -1/4) (1, -1/2, -1/4)' for bull, sire and grandsire
     case 1:
         put(terms, m, m, 1.0 / 11.0);
         put(terms, s, m, 2.0 / 11.0);

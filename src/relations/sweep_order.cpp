@@ -27,6 +27,7 @@ bool listed(const order_maker& w, int i) {
 
 // Marks the parents of the stretch and all older ancestors.
 void mark_parents(order_maker& w) {
+    // offspring have larger numbers: by the time an animal is met all that list it are marked
     for (int i = w.last; i > 0; --i) {
         if (!listed(w, i)) continue;
         for (const int p : {w.sire[i - 1], w.dam[i - 1]}) {
@@ -48,6 +49,7 @@ void list_runs(order_maker& w) {
         const int s = w.sire[i - 1], d = w.dam[i - 1];
         if (!listed(w, i)) continue;
         const bool stretch_begins = i >= w.first && w.o.young == 0;
+        // a run ends where a parent would fall into it: within a run the order is free
         if (run < 0 || stretch_begins || (s > 0 && run_of[s] == run) || (d > 0 && run_of[d] == run)) {
             ++run;
             w.o.run.push_back(static_cast<int>(w.o.animal.size()));
@@ -71,6 +73,7 @@ int place_class(const order_maker& w, int i) {
 
 void sort_run(order_maker& w, std::size_t r) {
     const auto key = [&](int i) {
+        // brothers and full sibs stand together
         return std::array{place_class(w, i), w.o.place[w.sire[i - 1]], w.o.place[w.dam[i - 1]], i};
     };
     const auto begin = w.o.animal.begin();
@@ -84,6 +87,7 @@ void place_run(order_maker& w, std::size_t r) {
         const int i = o.animal[k], s = o.place[w.sire[i - 1]], d = o.place[w.dam[i - 1]];
         o.place[i] = k;
         o.at[k] = {0, o.at[s].slot, o.at[d].slot, s, d};
+        // the last offspring gives the slot of the column back, to be used from the next run on
         for (const int p : {w.sire[i - 1], w.dam[i - 1]})
             if (p > 0 && --w.uses[p] == 0) w.freed.push_back(o.at[o.place[p]].slot);
         if (w.border[i]) o.border.push_back(k);
@@ -91,6 +95,7 @@ void place_run(order_maker& w, std::size_t r) {
         if (kind == 0) o.related[r] = k + 1;
         if (kind < 3) o.sharing[r] = k + 1;
         if (kind < 4) o.childless[r] = k + 1;
+        // without offspring: no column is needed
         if (kind == 4) continue;
         if (w.free.empty()) {
             o.at[k].slot = ++o.slots;
