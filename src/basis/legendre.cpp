@@ -20,6 +20,7 @@ void setup_legendre(int nord) {
         for (int k = 1; k <= n; ++k) c *= (n + k) / (2.0 * k);
         for (int m = 0; 2 * m <= n; ++m) {
             const int power = n - 2 * m;
+            // normalised: sqrt((2n+1)/2), so that the integral of the square over (-1,1) is 1
             leg(power + 1, n + 1) = c * std::sqrt(n + 0.5);
             legmask(power + 1, n + 1) = 1;
             c *= -static_cast<double>(power) * (power - 1) / (2.0 * (m + 1) * (2 * n - 2 * m - 1));
@@ -32,6 +33,7 @@ void legendre_row(double x, std::span<double> row) {
     auto& [nleg, leg, legmask, xpow] = legpolynomials;
     const int nord = static_cast<int>(row.size());
     if (nord > nleg) stop("legendre");
+    // powers first; a polynomial has every other one, as the mask says
     for (int k = 1; k <= nord; ++k) xpow(k) = k == 1 ? 1.0 : xpow(k - 1) * x;
     for (int j = 1; j <= nord; ++j) {
         double sum = 0.0;

@@ -23,6 +23,7 @@ namespace tarvex {
 
 namespace {
 
+// numbers as in mudmap.irropt
 enum basis { pol = 0, leg = 1, bsp = 2, spl = 3, usr = 9 };
 
 std::string basis_name(int irropt) {
@@ -48,6 +49,7 @@ struct table_key {
 std::string table_name(const table_key& key) {
     const std::string name = model.rrcontrol[static_cast<std::size_t>(key.irrc - 1)];
     const std::string type = basis_name(key.irropt);
+    // the order of fit with as many digits as it has; edit ends the line
     std::string file = key.order < 10 ? edit("(a,1h_,a,i1,4h.baf) ", name, type, key.order)
                                       : edit("(a,1h_,a,i2,4h.baf) ", name, type, key.order);
     while (!file.empty() && file.back() == '\n') file.pop_back();
@@ -71,6 +73,7 @@ std::string lettered(std::string file, int degree) { return file.insert(file.siz
 
 // Class of each value from the intervals of a step function.
 void classes_of_intervals(const control_list& codes) {
+    // intervals may overlap: the first of them counts
     for (std::size_t a = 0; a < codes.size(); ++a) {
         int& run = model.me_run(a + 1);
         run = -1;
@@ -96,6 +99,7 @@ void classes_of_file(const control_list& codes) {
         const auto level = static_cast<long long>(a) + 1;
         long long jage = 0, jj = 0;
         bool good = false;
+        // blank lines are passed over
         while (std::getline(in, line)) {
             std::replace_if(
                 line.begin(), line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
@@ -133,6 +137,7 @@ void read_table(array<double, 2>& phi, const control_list& codes, const std::str
     const auto nord = static_cast<std::size_t>(phi.upper(2));
     std::string line;
     for (std::size_t a = 1; a <= codes.size(); ++a) {
+        // a line has nord values, or the value of the control variable in front of them
         std::vector<double> row;
         line.clear(); // also left empty by a read behind the end
         std::getline(in, line);
@@ -156,6 +161,7 @@ void read_table(array<double, 2>& phi, const control_list& codes, const std::str
         }
         for (std::size_t k = 1; k <= nord; ++k) phi(a, k) = row[k - 1];
     }
+    // whatever follows belongs to a table for other data
     while (std::getline(in, line)) {
         std::replace_if(
             line.begin(), line.end(), [](char c) { return c == '\t' || c == '\r'; }, ' ');
@@ -176,6 +182,7 @@ void write_table(const array<double, 2>& phi, const control_list& codes, const s
     for (std::size_t a = 1; a <= codes.size(); ++a) {
         std::vector<double> row;
         for (int k = 1; k <= phi.upper(2); ++k) row.push_back(phi(a, k));
+        // powers of a raw variable may be large
         if (irropt == pol)
             write(out, "(i8,(t9,10f16.6))   ", codes[a - 1], row);
         else
@@ -189,10 +196,12 @@ void fill_table(array<double, 2>& phi, const table_key& key, const std::string& 
     allocate("all phi", phi, codes.size(), key.order);
     if (key.irropt == usr) return read_table(phi, codes, file);
     if (key.irropt == spl) stop("tpf splines not yet");
+    // Legendre polynomials take the range of the control variable as (-1,1), over all traits
     const auto tmin = static_cast<double>(codes.front()), tmax = static_cast<double>(codes.back());
     std::vector<double> row(static_cast<std::size_t>(key.order), 1.0);
     for (std::size_t a = 1; a <= codes.size(); ++a) {
         const auto x = static_cast<double>(codes[a - 1]);
+        // powers of the variable as it is, from 0
         if (key.irropt == pol)
             for (std::size_t k = 1; k < row.size(); ++k) row[k] = row[k - 1] * x;
         else if (key.irropt == leg)
@@ -217,6 +226,7 @@ int class_control() {
 
 std::vector<int> shared_controls() {
     std::vector<int> shared;
+    // records with equal places in these are records of one time
     for (int irrc = 1; irrc <= model.nrrc; ++irrc) {
         bool all = true;
         for (int iq = 1; iq <= numbers.nq; ++iq) all = all && control_place(irrc, iq) > 0;
@@ -247,6 +257,7 @@ void mm2ages() {
         if (control_place(kcontrol, iq) > 0) continue;
         if (model.rr_resteps > 1)
             stop_with("Trait without the control variable of the ME variances : \"" + model.trait(iq) + "\"");
+        // one class alone: any control variable of the trait gives its place
         for (int irrc = model.nrrc; irrc >= 1; --irrc)
             if (control_place(irrc, iq) > 0) phimat.jjmeta(iq) = irrc;
     }
@@ -262,6 +273,7 @@ void mm2ages() {
 std::vector<std::string> basis_files(bool of_user) {
     std::vector<std::string> list;
     for (int iq = 1; iq <= numbers.nq; ++iq)
+        // an effect without a control variable has no table
         for (int i = 1; options.randreg && i <= model.nrnd(iq); ++i) {
             const int irropt = mudmap.irropt(i, iq);
             if (mudmap.irmeta(i, iq) < 1 || (irropt == usr) != of_user) continue;
@@ -277,6 +289,7 @@ void phimatrix() {
     allocate("all kkphi", phimat.kkphi, mrnd, numbers.nq);
     std::vector<table_key> keys;
     for (int iq = 1; iq <= numbers.nq; ++iq)
+        // equal definitions share a table; degree and spline matter to B-splines alone
         for (int i = 1; i <= model.nrnd(iq); ++i) {
             const int irropt = mudmap.irropt(i, iq);
             const table_key key{mudmap.irmeta(i, iq), irropt, mudmap.kfitrnd(i, iq),
@@ -289,6 +302,7 @@ void phimatrix() {
     allocate("all phi", phimat.phi, phimat.nphi);
     allocate("all phi", phimat.phi_control, phimat.nphi);
     allocate("all phi", phimat.phi_name, phimat.nphi);
+    // files of tables are for the user to look at, or (USR) to give
     std::set<std::string> names;
     for (int t = 1; t <= phimat.nphi; ++t) {
         const table_key& key = keys[static_cast<std::size_t>(t - 1)];

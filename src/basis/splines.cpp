@@ -21,6 +21,7 @@ std::string up_to_bracket(const std::string& name) { return name.substr(0, name.
 
 // Number of the spline with this definition, added if new.
 int spline_no(const std::string& name, int degree, int order, int control) {
+    // functions = intervals + degree
     const int nint = order - degree;
     if (nint < 1) stop_with("Too few functions for a spline of this degree : \"" + name + "\"");
     for (int isp = 1; isp <= splines.nspline; ++isp) {
@@ -55,6 +56,7 @@ void check_covariable(int i, int iq) {
     const bool bsp = mudmap.cv_type(i, iq) == "BSP";
     for (int jq = 1; jq < iq; ++jq)
         for (int j = 1; j <= model.ncov(jq); ++j) {
+            // a name without the bracket is the variable; only splines have to agree
             const bool other = mudmap.cv_type(j, jq) == "BSP";
             if ((bsp || other) && up_to_bracket(model.covar(j, jq)) == name)
                 check_traits(name, bsp, bsp ? mudmap.cv_degree(i, iq) : 0, other, other ? mudmap.cv_degree(j, jq) : 0);
@@ -78,6 +80,7 @@ void find_splines() {
             check_covariable(i, iq);
             if (mudmap.cv_type(i, iq) == "BSP")
                 splines.cv_spline(i, iq) =
+                    // 0: a covariable; 1: a control variable, whose values are those of all traits
                     spline_no(up_to_bracket(model.covar(i, iq)), mudmap.cv_degree(i, iq), mudmap.cv_order(i, iq), 0);
         }
         if (!options.randreg) continue;
@@ -111,9 +114,11 @@ void collect_bspvalues(int isp, const array<std::vector<double>, 2>& cv_values) 
 } // namespace
 
 void knot_vector(double tmin, double tmax, int nint, int degree, array<double>& tvec) {
+    // equal intervals; `degree` of them added at each end, so that every function has its full number of knots
     const double h = (tmax - tmin) / nint;
     allocate("all knotv", tvec, nint + 1 + 2 * degree);
     for (int i = -degree; i <= nint + degree; ++i)
+        // the last inner knot is tmax to the last bit
         tvec(i + degree + 1) = i <= nint - 1 ? tmin + i * h : tmax + (i - nint) * h;
 }
 
@@ -121,7 +126,9 @@ void bspline_row(double x, const array<double>& tvec, int degree, std::span<doub
     const int nint = static_cast<int>(tvec.upper()) - 1; // all intervals, the outer ones too
     std::vector<double> b(static_cast<std::size_t>(nint) + 1, 0.0);
     for (int i = 1; i <= nint; ++i)
+        // degree 0: the interval of x, closed on the left; tmax falls into the first one beyond
         if (x >= tvec(i) && x < tvec(i + 1)) b[static_cast<std::size_t>(i - 1)] = 1.0;
+    // recursion of de Boor and Cox; b(i) is overwritten from the left, b(i+1) is still of degree k-1
     for (int k = 1; k <= degree; ++k)
         for (int i = 1; i <= nint - k; ++i) {
             const auto j = static_cast<std::size_t>(i - 1);
@@ -133,6 +140,7 @@ void bspline_row(double x, const array<double>& tvec, int degree, std::span<doub
 
 int bspline_place(int isp, double x) {
     const auto& values = splines.bsp_values[static_cast<std::size_t>(isp - 1)];
+    // values that the table was made for, found to the bit
     const auto at = std::lower_bound(values.begin(), values.end(), x);
     if (at == values.end() || *at != x) stop("bspl code not found");
     return static_cast<int>(at - values.begin()) + 1;
@@ -156,6 +164,7 @@ void setup_bsplines(const array<std::vector<double>, 2>& cv_values) {
         const auto& values = splines.bsp_values[k];
         const int degree = splines.bsp_degree[k];
         const int nfun = splines.bsp_nknots[k] + degree;
+        // no range to be cut into intervals
         if (values.empty() || values.front() == values.back())
             stop_with("Variable with a single value cannot be fitted by splines : \"" + splines.bsp_names[k] + "\"");
         knot_vector(values.front(), values.back(), splines.bsp_nknots[k], degree, splines.tvec);

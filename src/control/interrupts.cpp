@@ -36,6 +36,7 @@ void catch_signals() {
         sigemptyset(&action.sa_mask);
         sigaction(number, &action, nullptr);
     }
+    // a file size limit shall be a failed write, with its message, not the end
     std::signal(SIGXFSZ, SIG_IGN);
 }
 
@@ -47,6 +48,7 @@ void end_if_asked(bool stored) {
     const std::string what =
         stored ? "\"" + filenames.bestfile + "\" holds the best point so far, go on with option \"-c\""
                : "no point of this run is stored, start it again";
+    // the status that a shell gives to a process ended by the signal
     stop(std::string("Stopped by ") + name_of(number) + " : " + what, 128 + number);
 }
 

@@ -42,6 +42,7 @@ void unlock_folder() {
 
 void lock_folder() {
     unlock_folder();
+    // the lock is of the open file: it ends with the process, however that ends
     const int file = open(lock_name, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (file < 0) {
         print_list(screen(), "Cannot lock this folder (" + std::string(std::strerror(errno)) +
@@ -53,6 +54,7 @@ void lock_folder() {
         return sign(file);
     }
     const int fault = errno;
+    // anything else: a file system that knows no locks
     if (fault == EWOULDBLOCK) {
         print_list(screen(), "***** ERROR : Another run is at work in this folder : " + holder(file));
         close(file);

@@ -61,6 +61,7 @@ void tvxtimes(int mode, std::string_view label) {
 void stoptarvex() {
     if (options.verbose) screen().line("Programmed (error) stop for \"Tarvex\" encountered");
     flush_all();
+    // the quotient is used, or the division would not be made
     if (options.details) print_list(screen(), provoke_fault());
     stop(options.verbose ? "exit" : "exit \"Tarvex\"");
 }
@@ -79,6 +80,7 @@ void tvx_notyet() {
 }
 
 std::string finish_run() {
+    // the last line is printed by whoever ends the run
     if (!options.verbose) return "\"Tarvex\" done";
     screen().line("\"Tarvex\" has finished !");
     return {};
@@ -101,6 +103,7 @@ void tvx_caution() {
 void pause_for_operator() {
     flush_all();
     std::string answer;
+    // end of input counts as the answer: batch runs go on
     std::getline(std::cin, answer);
 }
 

@@ -7,6 +7,7 @@
 namespace tarvex {
 
 void warn(const std::string& kind, const std::string& text) {
+    // counted beyond what is shown
     if (++warnings.count[kind] <= most_of_a_kind) print_list(screen(), "***** WARNING : " + text);
 }
 

@@ -14,6 +14,7 @@ void covariable_row(int icov, int iq, double x, std::span<double> row) {
     const std::string& type = mudmap.cv_type(icov, iq);
     const auto order = static_cast<std::size_t>(mudmap.cv_order(icov, iq));
     if (type == "POL") {
+        // powers 1, 2, .. of deviations from the mean: less collinear than raw ones
         const double dev = x - covmeans.cv_xbar(icov, iq);
         double power = 1.0;
         for (std::size_t k = 0; k < order; ++k) row[k] = power *= dev;

@@ -29,6 +29,7 @@ constexpr std::size_t first_chunk = std::size_t{1} << 14, largest_chunk = std::s
 
 // Next line as [b, e), without its end; an unfinished last line counts. False at the end of the file.
 bool next_line(data_reader& reader, const char*& b, const char*& e) {
+    // looked: part of the line that has been searched already
     for (std::size_t looked = 0;;) {
         const std::size_t have = reader.end - reader.at;
         char* start = reader.buffer.data() + reader.at;
@@ -40,9 +41,11 @@ bool next_line(data_reader& reader, const char*& b, const char*& e) {
             return true;
         }
         looked = have;
+        // what is left of a line goes to the head of the buffer
         if (have > 0 && reader.at > 0) std::memmove(reader.buffer.data(), start, have);
         reader.at = 0;
         reader.end = have;
+        // the buffer doubles up to a limit, and goes on growing by that for a line that is longer still
         const std::size_t chunk = std::clamp(2 * reader.buffer.size(), first_chunk, largest_chunk);
         if (reader.buffer.size() < have + chunk) reader.buffer.resize(have + chunk);
         std::streamsize got = 0;
@@ -52,6 +55,7 @@ bool next_line(data_reader& reader, const char*& b, const char*& e) {
         }
         if (reader.in.bad()) data_error(reader.ndatrec); // in this read or in the look for a byte order mark
         reader.end += static_cast<std::size_t>(got);
+        // an unfinished last line
         if (got == 0) {
             if (have == 0) return false;
             b = reader.buffer.data();
@@ -83,6 +87,7 @@ bool take_number(const char*& p, const char* e, double& x) {
     if (p == e) return false;
     const char* last = p;
     bool plain = false;
+    // numbers as they usually are; everything else goes the slow way
     if ((*p >= '0' && *p <= '9') || *p == '-' || *p == '.') {
         const auto [end, fault] = std::from_chars(p, e, x);
         last = end;
@@ -128,6 +133,7 @@ void open_datfile(data_reader& reader) {
     const char *b = nullptr, *e = nullptr;
     if (nskip_drecs < 0) {
         int n = 0;
+        // lines that begin with # at the head of the file; the stream begins anew behind the look at them
         while (next_line(reader, b, e) && b < e && *b == '#') ++n;
         nskip_drecs = n;
         if (options.verbose)
@@ -182,9 +188,11 @@ bool getrec_dvec(data_reader& reader, array<double>& dvec, int& iq, bool& iskip)
     iskip = false;
     iq = 0;
     int first = 1;
+    // columns of a record, by the set of the trait
     int last = datafile.ndatcol[1];
     if (!mudmap.alltraits) {
         double number = 0.0;
+        // the first column is the trait
         if (!take_number(p, e, number) || number != std::trunc(number)) data_error(reader.ndatrec);
         const bool known = number >= 1.0 && number <= 99.0;
         if (known) iq = datafile.iq_newno[static_cast<int>(number)];
@@ -203,6 +211,7 @@ bool getrec_dvec(data_reader& reader, array<double>& dvec, int& iq, bool& iskip)
         if (!take_number(p, e, dvec(i))) data_error(reader.ndatrec);
     ++reader.ndatrec;
     if (!mudmap.alltraits) {
+        // a line without an observation
         iskip = is_missing(iq, dvec(mudmap.tr_dcolno(iq)));
         return true;
     }
@@ -215,19 +224,24 @@ bool getrec_dvec(data_reader& reader, array<double>& dvec, int& iq, bool& iskip)
 std::int64_t effect_code(const array<double>& dvec, int icol, int icol2, std::int64_t base) {
     constexpr double limit = 2147483648.0;
     const double x = dvec(icol);
+    // not finite, or beyond 32 bits: no code
     if (!(std::fabs(x) < limit)) return -1;
+    // decimals are cut off
     const auto icode = static_cast<std::int64_t>(x);
     if (icol2 <= 0) return icode;
     const double y = dvec(icol2);
     if (!(std::fabs(y) < limit)) return -1;
     const auto icode2 = static_cast<std::int64_t>(y);
+    // the product must fit into 64 bits
     if (icode < 0 || icode2 < 0 || icode > (INT64_MAX - icode2) / base) return -1;
     return icode * base + icode2;
 }
 
 bool starts_subject(subject_run& run, const array<double>& dvec, int iq) {
     const int icol = mudmap.subj_dcolno(iq > 0 ? iq : 1);
+    // every line a subject of its own
     const bool own = icol < 1 || (options.siremodel && mudmap.alltraits) || mudmap.subject == subject_rule::line;
+    // subjects stand together in the file: a change of the code begins the next
     const std::int64_t icode = own ? 0 : effect_code(dvec, icol, 0, 1);
     const bool starts = own || !run.open || icode != run.icode;
     run.open = !own;

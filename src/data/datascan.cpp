@@ -81,6 +81,7 @@ struct effect_columns {
 std::int64_t checked_code(const scan_state& s, const effect_columns& e) {
     constexpr std::int64_t word = std::int64_t{1} << 31;
     const std::int64_t icode = effect_code(s.dvec, e.icol, 0, 1);
+    // two codes of 31 bits each
     const std::int64_t icode2 = e.icol2 > 0 ? effect_code(s.dvec, e.icol2, 0, 1) : 0;
     const bool valid = e.icol2 > 0 ? icode >= 0 && icode2 >= 0 && icode + icode2 >= e.least : icode >= e.least;
     if (!valid) {
@@ -94,6 +95,7 @@ std::int64_t checked_code(const scan_state& s, const effect_columns& e) {
 }
 
 void accum_code(scan_state& s, const effect_columns& e, std::int64_t icode, code_set& set) {
+    // only a new code can be one too many
     if (!set.insert(icode) || set.size() <= e.mlev) return;
     const std::int64_t word = std::int64_t{1} << 31;
     too_many_levels(e, e.icol2 > 0 ? list_item(icode / word) + "*" + list_item(icode % word) : list_item(icode),
@@ -138,6 +140,7 @@ void close_subject(scan_state& s) {
     const int nq = numbers.nq;
     numbers.maxnr = std::max(numbers.maxnr, s.nobs);
     for (int iq = 1, ij = 0; iq <= nq; ++iq)
+        // pairs of a subject: as many as the rarer of the two has
         for (int jq = iq; jq <= nq; ++jq) means.pairs(++ij) += std::min(s.counts(iq), s.counts(jq));
     s.repeats = s.repeats || std::any_of(s.counts.begin(), s.counts.end(), [](int n) { return n > 1; });
     s.counts.fill(0);
@@ -156,6 +159,7 @@ void scan_random(scan_state& s, int iq) {
         const int irand = m.rn_irand(i, iq);
         const bool nrm = m.kovrnd(irand) == covariance_kind::nrm;
         const effect_columns e{
+            // levels of a genetic effect are those of the pedigree: no limit for the data
             model.random(i, iq), i, iq, m.rn_dcolno(i, iq), m.rn_dcolno2(i, iq), 1, nrm ? INT64_MAX : m.rn_mlev(i, iq)};
         if (nrm)
             check_pedlist(checked_code(s, e), s.pass.reader.ndatrec);
@@ -168,6 +172,7 @@ void scan_covariables(scan_state& s, int iq) {
     for (int i = 1; i <= model.ncov(iq); ++i) {
         const double x = s.dvec(mudmap.cv_dcolno(i, iq)) + 0.0; // no negative zero
         s.cv(i, iq).add(x);
+        // splines need the distinct values: equal to the bit
         s.values(i, iq).insert(std::bit_cast<std::int64_t>(x));
     }
     for (int i = 1; i <= model.nmeta(iq); ++i) {
@@ -200,6 +205,7 @@ void scan_records(scan_state& s) {
     bool starts = false;
     while (next_record(s.pass, s.dvec, iq, starts)) {
         if (starts) close_subject(s);
+        // iq 0: a line with all traits
         const int first = iq > 0 ? iq : 1, last = iq > 0 ? iq : numbers.nq;
         for (int jq = first; jq <= last; ++jq) {
             const double y = s.dvec(mudmap.tr_dcolno(jq));
@@ -216,10 +222,12 @@ std::int64_t final_codes(const code_set& set, bool interaction, code_list& codes
     codes = set.sorted();
     if (!interaction) return 1;
     constexpr std::int64_t word = std::int64_t{1} << 31;
+    // largest second code; codes stay in order, since the base is above it
     std::int64_t largest = 0, base = 10;
     for (const auto code : codes) largest = std::max(largest, code % word);
     while (base <= largest) base *= 10;
     for (auto& code : codes) {
+        // first * base + second must fit into 64 bits
         if (code / word > (INT64_MAX - base) / base) stop_with("Codes of an interaction are too large !");
         code = code / word * base + code % word;
     }
@@ -262,6 +270,7 @@ void set_means(const scan_state& s) {
         for (int i = 1; i <= model.ncov(iq); ++i) {
             auto& values = c.cv_values(i, iq);
             for (const auto bits : s.values(i, iq).sorted()) values.push_back(std::bit_cast<double>(bits));
+            // bits of doubles do not sort as numbers where signs differ
             std::sort(values.begin(), values.end());
         }
 }
@@ -295,6 +304,7 @@ void set_control_levels(const scan_state& s) {
     for (int irrc = 1; irrc <= model.nrrc; ++irrc) {
         code_list all;
         for (int iq = 1; iq <= numbers.nq; ++iq)
+            // 0: the trait does not have the variable
             if (const int i = control_place(irrc, iq); i > 0)
                 for (const auto code : s.meta(i, iq).sorted()) all.push_back(code);
         std::sort(all.begin(), all.end());
@@ -327,9 +337,11 @@ void set_random_levels(const scan_state& s) {
         }
     for (int irand = 1; irand <= krand; ++irand) {
         l.rn_base(irand) = final_codes(s.rn(irand), interaction(irand) != 0, l.rn_codes(irand));
+        // also those without records: all are predicted
         if (mudmap.kovrnd(irand) == covariance_kind::nrm) {
             const int irun = mudmap.iranno(irand);
             const auto& ids = pedigreelist.idwec(irun);
+            // ascending, as they were numbered
             l.rn_codes(irand).assign(ids.begin(), ids.end());
             l.rn_maxlev(irand) = maxan;
         }
@@ -355,6 +367,7 @@ void setup_bases() {
     bool spline = false;
     for (int iq = 1; iq <= numbers.nq; ++iq) {
         for (int i = 1; i <= model.ncov(iq); ++i) {
+            // degree 0 is computed though a covariable does without
             if (mudmap.cv_type(i, iq) == "LEG") nord = std::max(nord, mudmap.cv_order(i, iq) + 1);
             if (mudmap.cv_type(i, iq) == "BSP") spline = true;
         }

@@ -50,9 +50,11 @@ void visit_nrm_codes(const std::function<void(int, std::int64_t)>& visit, bool a
         if (iskip) continue;
         const int first = iq > 0 ? iq : 1, last = iq > 0 ? iq : numbers.nq;
         for (int jq = first; jq <= last; ++jq) {
+            // a line with all traits: those without an observation need no animal
             if (iq == 0 && is_missing(jq, dvec(mudmap.tr_dcolno(jq)))) continue;
             for (const auto& c : columns[jq - 1]) {
                 const std::int64_t icode = effect_code(dvec, c.icol, 0, 1);
+                // told once, by the pass that asks for it
                 if (all_known && icode < 1) no_animal(reader.ndatrec, c.icol, icode);
                 visit(c.irun, icode);
             }

@@ -50,6 +50,7 @@ void count_granps(const ped_view& v, int i, int ii, int* ngp) {
     const int granps[2] = {v.sire[ii - 1], v.dam[ii - 1]};
     for (int k = 0; k < 2; ++k) {
         if (granps[k] < 1) continue;
+        // an animal cannot be its parent's parent
         if (granps[k] == i) {
             print_list(screen(), "animal & grandparent identical", pedigreelist.idwec(v.jj)[i - 1]);
             print_list(screen(), "  ... animal no. ", i);
@@ -91,10 +92,12 @@ void write_informed(text_out& out, const ped_view& v, int kfit) {
     const auto enough = [&](int i) { return i > 0 && v.records(i) >= kfit; };
     std::vector<char> parent(v.nan + 1); // has progeny with enough records
     for (int i = 1; i <= v.nan; ++i)
+        // also marks 0, the unknown parent, which is cleared behind
         if (enough(i)) parent[v.sire[i - 1]] = parent[v.dam[i - 1]] = 1;
     parent[0] = 0;
     const int nown = v.count(enough);
     const auto near = [&](int i) { return enough(i) || enough(v.sire[i - 1]) || enough(v.dam[i - 1]); };
+    // a parent with such progeny stands for sibs
     const auto sibs = [&](int i) { return near(i) || parent[v.sire[i - 1]] != 0 || parent[v.dam[i - 1]] != 0; };
     const int nsibs = v.count(sibs), ndata = v.count([&](int i) { return sibs(i) && v.records(i) > 0; });
     write(out, fmt, "Minimum no. of records specified", kfit);
@@ -129,6 +132,7 @@ void write_parentage(text_out& out, const ped_view& v) {
     const auto parents = [&](const char* label, const std::vector<int>& list) {
         write(out, fmt, label, count_codes(v, list, [](int) { return true; }));
         write(out, fmt, " ... with progeny in the data", count_codes(v, list, data));
+        // records of the animal and of the parent it names
         write(out, fmt, " ... with records & progeny in data",
               count_codes(v, list, [&](int i) { return data(i) && data(list[i - 1]); }));
     };

@@ -33,6 +33,7 @@ struct code_marks {
     int n = 0, largest = 0;
 };
 
+// held: the line that ended the comments is the first record
 bool next_line(ped_reader& reader) {
     if (reader.held) {
         reader.held = false;
@@ -50,6 +51,7 @@ void add_list(code_marks& marks, long long id) {
     if (id > maxan || id < 1) stop_with("Error reading pedigrees : invalid animal ID");
     marks.largest = std::max(marks.largest, static_cast<int>(id));
     const auto code = static_cast<std::size_t>(id);
+    // codes may be sparse, but are at most maxan: a flag each
     if (code >= marks.seen.size()) marks.seen.resize(std::max(2 * code, std::size_t{1024}));
     if (marks.seen[code] == 0) ++marks.n;
     marks.seen[code] = 1;
@@ -77,6 +79,7 @@ void check_repeat(ped_records& records, int line) {
     int& first = records.firsts[code];
     if (first == 0) first = n;
     const auto k = static_cast<std::size_t>(first) - 1;
+    // compared with the first line of the animal, which is this one when it is new
     if (records.all[k] == r) {
         if (options.allped && first < n) warn_repeat(r[0], records.lines[k], line); // else told by reducepeds
         return;
@@ -99,6 +102,7 @@ std::vector<pedrec> read_pedigree(code_marks& marks) {
         if (status < 0) pedigree_error(n);
         if (options.verbose && n % 10000 == 0) print_list(screen(), "Pedigree file : at record", n);
         if (const char* fault = pedrec_fault(ian, idad, imum)) {
+            // a code is told only where it is what is wrong
             if (ian > 0 && std::min(idad, imum) >= 0 && std::max(idad, imum) > ian)
                 print_list(screen(), fault, ian, idad, imum);
             else
@@ -122,6 +126,7 @@ void make_idvec(const code_marks& marks) {
     pedigreelist.nanim = marks.n;
     allocate("alloc IDVEC", pedigreelist.idvec, marks.n);
     int n = 0;
+    // flags in order of codes: the list is sorted as it is made
     for (int id = 1; id <= marks.largest; ++id)
         if (marks.seen[static_cast<std::size_t>(id)] != 0) pedigreelist.idvec(++n) = id;
 }
@@ -144,6 +149,7 @@ void make_jdvec(const std::vector<pedrec>& records) {
     allocate("alloc isex", pedigreelist.isex, pedigreelist.nanim);
     for (const auto& [ian, idad, imum] : records) {
         const int i = find_anim(ian);
+        // running numbers keep the order of codes: parents before offspring
         pedigreelist.jdvec(1, i) = parent_number(idad, 1);
         pedigreelist.jdvec(2, i) = parent_number(imum, 2);
     }
@@ -160,6 +166,7 @@ void open_pedfile(ped_reader& reader) {
     }
     check_text_file(name);
     reader.in.open(name);
+    // a byte order mark is not part of the first code
     if (reader.in) skip_mark(reader.in);
     if (!reader.in) {
         screen().line("Trying to open pedigree file : \"" + name + "\"");
@@ -213,6 +220,7 @@ int find_anim(int id) {
     // Codes are distinct whole numbers from 1: one stands no later than its value tells, and leaves no more places
     // behind it than there are numbers up to the last code.
     const long long n = pedigreelist.nanim, behind = n > 0 ? pedigreelist.idvec(n) - static_cast<long long>(id) : 0;
+    // codes without gaps: the place is known and nothing is searched
     const long long from = std::clamp(n - 1 - behind, 0LL, n), to = std::clamp<long long>(id, from, n);
     const auto at = std::lower_bound(first + from, first + to, id);
     const int i = static_cast<int>(at - first) + 1;
@@ -231,6 +239,7 @@ void pedigree_list() {
     write_tvxtop(out, "Summary of Pedigree Information", options.wide);
     write_tvxfiles(out);
     code_marks marks;
+    // animals of the data first, then those of the pedigree: the list holds both
     visit_nrm_codes([&](int, std::int64_t icode) { add_list(marks, icode); }, true);
     write(out, fmt, "No. of animal IDs in data file =", marks.n);
     if (options.details) print_list(screen(), "No. of animal IDs in data file =", marks.n);

@@ -62,14 +62,17 @@ void prune(prune_work& w, const std::vector<int>& nrec) {
         std::fill(w.mark.begin(), w.mark.end(), 0);
         for (std::size_t i = 1; i < n; ++i) {
             if (w.left[i] == 0 || nrec[i] > 0) continue;
+            // a founder with one offspring ties it to nobody; without any it tells nothing at all
             if (w.nprog[i] <= 1 && w.sire[i] == 0 && w.dam[i] == 0)
                 w.mark[i] = 1;
             else if (w.nprog[i] == 0)
                 w.mark[i] = 2;
+            // nmark[0] counts those that stay
             ++nmark[w.mark[i]];
         }
         if (nmark[1] + nmark[2] == 0) break;
         if (options.verbose) write(screen(), "(4x,a,i4,2i7)   ", "Pruning : loop=", nloop, nmark[1], nmark[2]);
+        // founders become unknown parents; animals without offspring are nobody's parents
         for (std::size_t i = 1; i < n; ++i) {
             if (w.mark[w.sire[i]] == 1) w.sire[i] = 0;
             if (w.mark[w.dam[i]] == 1) w.dam[i] = 0;
@@ -94,6 +97,7 @@ std::vector<int> renumber(const prune_work& w, int irun, const std::vector<int>&
         nrecnew.push_back(nrec[i]);
         newno[i - 1] = static_cast<int>(idwec.size());
     }
+    // parents that have gone are unknown
     const auto number = [&](int i) { return i > 0 ? newno[i - 1] : 0; };
     sire.clear();
     dam.clear();
@@ -126,12 +130,14 @@ void secateurs() {
     text_out out;
     if (!out.open_append(filenames.sumpedfile)) stop_with("Cannot open file \"" + filenames.sumpedfile + "\"");
     std::vector<std::vector<int>> nrec(nrun, std::vector<int>(static_cast<std::size_t>(pedigreelist.nanim) + 1));
+    // records of each animal, by relationship matrix
     visit_nrm_codes([&](int irun, std::int64_t icode) {
         if (icode != 0) ++nrec[irun - 1][find_anim(static_cast<int>(icode))];
     });
     for (int irun = 1; irun <= nrun; ++irun) {
         prune_work w = full_pedigree();
         count_offspring(w);
+        // solutions and simulation are for all animals
         if (!(options.sigam || options.siremodel || options.blup || options.nopru))
             prune(w, kept_animals(nrec[irun - 1]));
         const std::vector<int> nrecnew = renumber(w, irun, nrec[irun - 1]);

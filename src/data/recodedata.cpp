@@ -98,12 +98,14 @@ void allocate_recoder(recoder& r) {
 int gather_fixed(recoder& r, const array<double>& dvec, int iq, int k) {
     int pos = 0;
     for (int i = 1; i <= model.nfix(iq); ++i) {
+        // the code as it was made in the scan: the two of an interaction by one base
         const auto icode = effect_code(dvec, mudmap.fx_dcolno(i, iq), mudmap.fx_dcolno2(i, iq), levels.fx_base(i, iq));
         const int ilev = find_code(icode, levels.fx_codes(i, iq));
         if (ilev == 0) not_found('f', model.fixed(i, iq), icode, levels.fx_nlev(i, iq));
         r.ilev(i) = ilev;
         r.ieqnr(++pos, k) = r.starts.fixed(i, iq) + ilev;
     }
+    // positions of the row: fixed effects, mean, random effects; 0 where one is missing
     if (model.fitmean(iq) != 0) r.ieqnr(++pos, k) = r.starts.means(iq);
     return pos;
 }
@@ -114,9 +116,11 @@ void gather_random(recoder& r, const array<double>& dvec, int iq, int k, int pos
         const auto icode = effect_code(dvec, mudmap.rn_dcolno(i, iq), mudmap.rn_dcolno2(i, iq), levels.rn_base(irand));
         const int ilev = find_level(r.finders(irand), icode);
         if (ilev == 0) not_found('r', model.random(i, iq), icode, levels.rn_nlev(irand));
+        // two terms of the trait in one block: the first one counts
         if (r.iraand(irand, k) == 0) r.iraand(irand, k) = ilev;
         const int width = position_width(i, iq);
         if (width == 0) continue;
+        // equations of the factor: all of them; else that of the trait, or all coefficients
         const int place = options.principal ? 1 : mudmap.rn_place(i, iq);
         const int first = r.starts.random(irand) + (ilev - 1) * nfit(irand) + place;
         for (int c = 0; c < width; ++c) r.ieqnr(++pos, k) = first + c;
@@ -139,10 +143,12 @@ void gather_covariables(recoder& r, const array<double>& dvec, int iq, int k) {
     int pos = 0;
     for (int i = 1; i <= model.ncov(iq); ++i) {
         const int order = mudmap.cv_order(i, iq);
+        // + 0.0: no negative zero, which would not be found among the values
         covariable_row(i, iq, dvec(mudmap.cv_dcolno(i, iq)) + 0.0,
                        r.xcov.column(k).subspan(static_cast<std::size_t>(pos)));
         const int first = r.starts.covariables(i, iq) + (nest_level(r, dvec, i, iq) - 1) * order;
         for (int c = 1; c <= order; ++c) r.icov(++pos, k) = first + c;
+        // largest equation of a covariable: bound for the reader
         combinations.ncov = std::max(combinations.ncov, first + order);
     }
 }
@@ -150,6 +156,7 @@ void gather_covariables(recoder& r, const array<double>& dvec, int iq, int k) {
 void gather_controls(recoder& r, const array<double>& dvec, int iq, int k) {
     for (int irrc = 1; irrc <= r.nmeta; ++irrc) {
         const int i = control_place(irrc, iq);
+        // 0: the trait does not have this variable
         if (i == 0) continue;
         const auto icode = effect_code(dvec, mudmap.rr_dcolno(i, iq), 0, 1);
         r.imeta(irrc, k) = find_code(icode, levels.mm_codes(i, iq));
@@ -164,6 +171,7 @@ void gather(recoder& r, const array<double>& dvec, int iq, double y) {
     r.yvec(k) = y / trait_unit(iq);
     r.ynq(k) = iq;
     ++r.mark(iq);
+    // columns are used again from subject to subject
     for (auto* a : {&r.ieqnr, &r.icov, &r.iraand, &r.imeta}) std::fill(a->column(k).begin(), a->column(k).end(), 0);
     std::fill(r.xcov.column(k).begin(), r.xcov.column(k).end(), 0.0);
     const int pos = gather_fixed(r, dvec, iq, k);
@@ -201,6 +209,7 @@ void sort_by_trait(recoder& r) {
     if (std::is_sorted(ynq.begin(), ynq.end())) return;
     r.order.resize(static_cast<std::size_t>(r.nobs));
     std::iota(r.order.begin(), r.order.end(), 1);
+    // records of a trait stay in the order of the file
     std::stable_sort(r.order.begin(), r.order.end(), [&](int a, int b) { return r.ynq(a) < r.ynq(b); });
     sort_columns(r.order, r.ieqnr, r.whole);
     sort_columns(r.order, r.icov, r.whole);
@@ -220,6 +229,7 @@ void new_codes(recoder& r) {
         if (ieq > 0) jvec.push_back(ieq);
     std::sort(jvec.begin(), jvec.end());
     jvec.erase(std::unique(jvec.begin(), jvec.end()), jvec.end());
+    // short numbers within the subject: matrices of its order are all that a pass needs
     for (int& ieq : all)
         if (ieq > 0) ieq = static_cast<int>(std::lower_bound(jvec.begin(), jvec.end(), ieq) - jvec.begin()) + 1;
 }
@@ -229,6 +239,7 @@ void write_head(recoder& r, int icombi) {
     const auto yvec = r.yvec.prefix(nobs);
     const auto ynq = r.ynq.prefix(nobs);
     const auto imeta = r.imeta.prefix(static_cast<std::ptrdiff_t>(r.nmeta) * nobs);
+    // heads hold what varies: pattern, counts and traits only where there can be more than one
     if (options.randreg && numbers.nq == 1)
         r.heads.record(nobs, yvec, imeta);
     else if (options.randreg)
@@ -260,6 +271,7 @@ void recode(recoder& r) {
     new_codes(r);
     const auto& jvec = r.jvec;
     const int nr = static_cast<int>(jvec.size());
+    // longest list of equations: size of the readers' tables
     numbers.maxnreq = std::max(numbers.maxnreq, nr);
     int icombi = 0;
     combination_no(icombi, numbers.nq, r.mark);
@@ -307,6 +319,7 @@ void recode_data(const equation_starts& starts) {
 void combination_no(int& icombi, int nq, const array<int>& mark) {
     auto& ncombi = combinations.ncombi;
     auto& nqcombi = combinations.nqcombi;
+    // subjects with records of both traits, whatever their numbers
     for (int iq = 1, ij = 0; iq <= nq; ++iq)
         for (int jq = iq + 1; jq <= nq; ++jq) {
             ++ij;
@@ -314,6 +327,7 @@ void combination_no(int& icombi, int nq, const array<int>& mark) {
         }
     const auto counts = mark.prefix(nq);
     const auto same = [&](const std::vector<int>& c) { return std::equal(c.begin(), c.end(), counts.begin()); };
+    // few patterns: they are searched one by one
     const auto at = std::find_if(nqcombi.begin(), nqcombi.end(), same);
     icombi = static_cast<int>(at - nqcombi.begin()) + 1;
     if (at != nqcombi.end()) {

@@ -28,6 +28,7 @@ void setup_tables(subject_record& d) {
     d.nmeta = options.randreg ? model.nrrc : 0;
     allocate("alloc 52", d.yvec, maxnr);
     allocate("alloc 52", d.ynq, maxnr);
+    // one trait: the file does not name it
     d.ynq.fill(1);
     allocate("alloc 52", d.ieqnr, d.mrow, maxnr);
     allocate("alloc 52", d.xcov, d.mcov, maxnr);
@@ -48,6 +49,7 @@ bool sizes_fit(const subject_record& d) {
 // The rest of the head behind the counts.
 bool get_head(record_reader& in, subject_record& d) {
     d.icombi = 0;
+    // one record a subject: the file does not count it
     d.nobs = d.kk = 1;
     if (!options.randreg && numbers.nq == 1 && numbers.maxnr == 1) {
         d.icombi = 1;
@@ -123,6 +125,7 @@ bool subject_fits(const recdata_pass& pass) {
     const auto& d = pass.record;
     const auto k = static_cast<std::size_t>(pass.nsubject) - 1;
     auto &heads = recoded_sums.heads, &lists = *pass.list_sums;
+    // files of another run of the program: there are no sums to go by
     if (k >= heads.size() || k >= lists.size()) return indices_fit(pass);
     const std::uint64_t head =
         head_sum({d.icombi, d.nobs, d.yvec.prefix(d.nobs), d.xcov.prefix(std::ptrdiff_t{d.mcov} * d.kk),
@@ -130,6 +133,7 @@ bool subject_fits(const recdata_pass& pass) {
                   part(d.ieqnr, d.mrow, d.kk), part(d.iraand, animal_rows(d), d.nobs)});
     const std::uint64_t list = list_sum(d.jvec.prefix(d.nr));
     if (!same_sum(heads[k], head) || !same_sum(lists[k], list)) return false;
+    // bit 0: indices have been looked at; sums leave it free
     if ((heads[k] & lists[k] & 1) != 0) return true;
     if (!indices_fit(pass)) return false;
     heads[k] |= 1;
@@ -144,6 +148,7 @@ void setup_recdata(recdata_pass& pass, const std::string& lists_file) {
     pass.nsubject = 0;
     pass.controls = control_levels(pass.record.nmeta);
     const bool ordered = lists_file == filenames.recdatfil3;
+    // new numbers end with the right-hand side; old ones may name it too
     pass.most = ordered ? numbers.nsrow : combinations.neqns + 1;
     pass.list_sums = ordered ? &recoded_sums.new_lists : &recoded_sums.old_lists;
     if (!pass.heads.open(filenames.recdatfil1)) read_fault(filenames.recdatfil1);
@@ -165,6 +170,7 @@ bool next_subject(recdata_pass& pass) {
     auto& d = pass.record;
     auto& in = pass.heads;
     if (!in.next()) {
+        // fewer subjects than the run has counted: the file is cut
         if (in.failed() || pass.nsubject != numbers.nsubject) stop_with("Error reading recoded data !");
         return false;
     }

@@ -44,6 +44,7 @@ void more_room(hash_tables& tables) {
 
 // Place for the running number of a code.
 int& number_of(hash_tables& tables, long long code) {
+    // a table by code would be too long
     if (code > maxan) return tables.large[static_cast<std::uint64_t>(code)];
     auto& number = tables.number;
     const auto c = static_cast<std::size_t>(code);
@@ -69,6 +70,7 @@ bool read_records(hash_tables& tables) {
     while (const int status = next_pedrec(reader, ian, idad, imum)) {
         if (status < 0 && reader.in.bad()) stop_with("Error reading file \"" + filenames.pedfile + "\"");
         if (status < 0) return false;
+        // faults are not told here: that the list does, with the line
         if (pedrec_fault(ian, idad, imum) != nullptr || ian > maxan) sound = false;
         if (ian > 0) {
             const int i = hash_code(tables, ian);
@@ -80,6 +82,7 @@ bool read_records(hash_tables& tables) {
             else if (line > 0)
                 warn_repeat(ian, line, reader.nlines);
             if (line == 0) line = reader.nlines;
+            // the last line counts; unsound pedigrees are not reduced
             id = {ian, idad, imum};
         }
         if (idad > 0) hash_code(tables, idad);
@@ -114,6 +117,7 @@ int mark_ancestors(hash_tables& tables, std::vector<char>& mm, int& nback) {
             if (code < 1) continue;
             ++nback;
             const int k = number_of(tables, code) - 1;
+            // each animal is put on the stack once
             if (mm[k] != 0) continue;
             mm[k] = 1;
             ++n;
@@ -142,6 +146,7 @@ void reducepeds() {
     visit_nrm_codes([&](int, std::int64_t icode) {
         if (icode > 0) hash_code(tables, icode);
     });
+    // codes 1..nlevels[0] are those of the data
     tables.nlevels[0] = static_cast<int>(tables.id.size());
     if (options.verbose) print_list(screen(), "No. of animal IDs in data =", tables.nlevels[0]);
     const bool sound = read_records(tables);
@@ -150,12 +155,14 @@ void reducepeds() {
     std::fill(mm.begin(), mm.begin() + tables.nlevels[0], char{1});
     if (options.pseudofix) mark_pseudofixed(tables, mm);
     int nback = 0;
+    // a faulty pedigree goes on as it is, to be told by pedigree_list
     const int nmark = sound ? mark_ancestors(tables, mm, nback) : tables.nlevels[1];
     if (options.details) {
         print_list(screen(), "ReducePeds : no. of animals =", tables.nlevels[0], nmark, 1, nback);
         print_list(screen(), "No. of animal IDs  =", nmark);
     }
     if (options.verbose) print_list(screen(), "Total no. of animal IDs  =", tables.nlevels[1]);
+    // nothing to leave out: the user's own file is read
     if (nmark < tables.nlevels[1]) write_newped(tables, mm);
 }
 

@@ -20,6 +20,7 @@ std::string of_trait(int iq) { return ", trait " + std::to_string(iq); }
 void class_codes(int iq) {
     for (int i = 1; i <= model.nfix(iq); ++i) {
         const auto& codes = levels.fx_codes(i, iq);
+        // codes are sorted: 0 would be the first
         if (mudmap.fx_dcolno2(i, iq) == 0 && !codes.empty() && codes.front() == 0)
             warn("class code 0", "code 0 is taken as a class of \"" + model.fixed(i, iq) + "\"" + of_trait(iq));
     }
@@ -34,6 +35,7 @@ void means_fitted(int iq) {
 void covariable_values(int iq) {
     for (int i = 1; i <= model.ncov(iq); ++i) {
         const auto& values = covmeans.cv_values(i, iq);
+        // what such files often hold for "absent", and what the run itself takes for it
         for (const double x : {-999.0, static_cast<double>(datafile.missvalue[iq])})
             if (std::binary_search(values.begin(), values.end(), x)) {
                 warn("covariable with a code for absent values", std::to_string(static_cast<long long>(x)) +

@@ -13,6 +13,7 @@ int lead_positions(int iq) { return model.nfix(iq) + (model.fitmean(iq) != 0 ? 1
 
 int position_width(int i, int iq) {
     const int irand = mudmap.rn_irand(i, iq);
+    // a repeat effect is part of R: no equations
     if (mudmap.kovrnd(irand) == covariance_kind::peq) return 0;
     return options.principal ? model.krfit(irand) : mudmap.kfitrnd(i, iq);
 }

@@ -21,12 +21,14 @@ bool read_record(subject_pass& pass, array<double>& dvec, int& iq) {
 
 // All records, with the number of the subject that their columns tell.
 void hold_records(subject_pass& pass) {
+    // numbered in the order in which subjects are met
     std::map<std::array<double, 2>, int> subjects;
     array<double> dvec;
     dvec.allocate(mudmap.maxcol);
     int iq = 0;
     while (read_record(pass, dvec, iq)) {
         const int t = std::max(iq, 1), second = mudmap.subj_column(2, t);
+        // + 0.0: a negative zero is the same value
         const std::array<double, 2> key{dvec(mudmap.subj_column(1, t)) + 0.0, second > 0 ? dvec(second) + 0.0 : 0.0};
         const int next = static_cast<int>(subjects.size()) + 1;
         pass.group.push_back(subjects.emplace(key, next).first->second);
@@ -37,6 +39,7 @@ void hold_records(subject_pass& pass) {
     pass.order.resize(pass.group.size());
     std::iota(pass.order.begin(), pass.order.end(), 1);
     const auto group = [&](int record) { return pass.group[static_cast<std::size_t>(record - 1)]; };
+    // records of a subject keep the order of the file
     std::stable_sort(pass.order.begin(), pass.order.end(), [&](int a, int b) { return group(a) < group(b); });
 }
 
@@ -56,11 +59,13 @@ bool next_record(subject_pass& pass, array<double>& dvec, int& iq, bool& starts)
         return true;
     }
     if (pass.at == pass.order.size()) return false;
+    // pass.record is still the record before
     const int before = pass.at == 0 ? 0 : pass.group[static_cast<std::size_t>(pass.record - 1)];
     pass.record = pass.order[pass.at++];
     const auto k = static_cast<std::size_t>(pass.record - 1), width = static_cast<std::size_t>(mudmap.maxcol);
     std::copy_n(pass.values.begin() + static_cast<std::ptrdiff_t>(k * width), width, dvec.begin());
     iq = pass.trait[k];
+    // messages name the record of the file
     pass.reader.ndatrec = pass.line[k];
     starts = pass.group[k] != before;
     return true;

@@ -22,7 +22,9 @@ bool any_unit() {
 }
 
 double unit_for(double sdev) {
+    // ordinary data are left alone: their results do not change by a bit
     if (!(sdev > 0.0) || !std::isfinite(sdev) || (sdev >= ordinary_low && sdev <= ordinary_high)) return 1.0;
+    // a power of two: no digit of an observation is lost
     return std::exp2(std::clamp(std::round(std::log2(sdev)), -400.0, 400.0));
 }
 

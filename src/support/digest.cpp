@@ -22,6 +22,7 @@ digest_maker::digest_maker() : state_(std::make_unique<state>()) {}
 digest_maker::~digest_maker() = default;
 
 void digest_maker::bytes(const void* p, std::size_t n) {
+    // an empty span may come with a null pointer
     if (n > 0) XXH3_128bits_update(state_->xxh, p, n);
 }
 

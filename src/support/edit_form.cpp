@@ -31,6 +31,7 @@ std::string adjust_number(std::string text, int width) {
     return right_adjusted(text, width);
 }
 
+// Inf where Infinity is too long, with its sign
 std::string not_finite(double value, int width) {
     if (std::isnan(value)) return right_adjusted("NaN", width);
     const std::string sign = value < 0 ? "-" : "";
@@ -45,12 +46,14 @@ struct record_text {
 
     record_text() { line.reserve(160); }
     void put(std::string_view text) {
+        // positions ahead of the text are blanks; a position behind overwrites
         if (line.size() < at + text.size()) line.resize(at + text.size(), ' ');
         std::copy(text.begin(), text.end(), line.begin() + static_cast<std::ptrdiff_t>(at));
         at += text.size();
     }
     void end() {
         line += '\n';
+        // most texts are one record: no copy
         if (done.empty())
             done.swap(line);
         else
@@ -65,6 +68,7 @@ using kind = form_item::kind;
 
 std::string edit_text(std::string_view text, int width) {
     const auto w = static_cast<std::size_t>(width);
+    // no width: the text as long as it is
     if (width < 0) return std::string(text);
     if (text.size() >= w) return std::string(text.substr(0, w));
     return right_adjusted(text, width);
@@ -73,6 +77,7 @@ std::string edit_text(std::string_view text, int width) {
 std::string edit_item(const form_item& item, const edit_value& value) {
     using type = edit_value::kind;
     const bool text = value.type == type::text;
+    // an integer may be edited as a real, not the other way round
     if (text != (item.type == kind::a) || (item.type == kind::i && value.type != type::integer))
         stop("edit form does not fit its values");
     const double x = value.type == type::integer ? static_cast<double>(value.integer) : value.real;
@@ -121,6 +126,7 @@ std::string edit_f(double value, int width, int decimals) {
     char text[512];
     const auto end = std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, decimals).ptr;
     std::string s(text, end);
+    // the point stays though nothing follows it
     if (decimals == 0) s += '.';
     return adjust_number(std::move(s), width);
 }
@@ -131,8 +137,10 @@ std::string edit_g(double value, int width, int digits) {
     char text[160];
     auto end = std::to_chars(text, text + sizeof text, value, std::chars_format::scientific, digits - 1).ptr;
     const auto e = std::find(text, end, 'e');
+    // of the form 0.ddd; 0 counts as 0.0 with one digit in front of the point
     const int exponent = value == 0.0 ? 1 : std::atoi(std::string(e + 1, end).c_str()) + 1;
     if (exponent >= 0 && exponent <= digits) {
+        // in the point form four blanks stand for the exponent
         std::string s = width > 4 ? edit_f(value, width - 4, digits - exponent) : std::string("*");
         return s[s.size() - 1] == '*' ? asterisks(width) : s += "    ";
     }
@@ -140,6 +148,7 @@ std::string edit_g(double value, int width, int digits) {
     for (const char* c = text; c != e; ++c)
         if (*c != '.' && *c != '-') s += *c;
     const int size = std::abs(exponent);
+    // three digits take the place of the letter
     if (size < 100) s += 'E';
     s += exponent < 0 ? '-' : '+';
     if (size < 10) s += '0';
@@ -165,6 +174,7 @@ std::string edit(std::string_view form, std::span<const edit_value> values) {
         const form_item item = reader.next();
         switch (item.type) {
         case kind::open:
+            // reversion goes to the last group of the first level with its count, else to the head of the form
             if (depth < 2) back = depth == 0 ? reader.at : place;
             if (depth == 16) stop("edit form nested too deep");
             open[depth++] = {reader.at, item.repeat - 1};
@@ -180,6 +190,7 @@ std::string edit(std::string_view form, std::span<const edit_value> values) {
                 break;
             }
             if (taken == values.size()) return out.end(), std::move(out.done);
+            // a round that takes no value would never end
             if (taken == taken_before) stop("edit form does not fit its values");
             taken_before = taken;
             out.end();

@@ -21,10 +21,12 @@ const char* text_fault(const std::string& name) {
     std::vector<char> head(std::size_t{1} << 16);
     in.read(head.data(), static_cast<std::streamsize>(head.size()));
     const std::string_view text(head.data(), static_cast<std::size_t>(in.gcount()));
+    // byte order marks of UTF-16, or every other byte 0
     if (text.starts_with("\xFF\xFE") || text.starts_with("\xFE\xFF") ||
         (text.size() > 1 && (text[0] == '\0') != (text[1] == '\0')))
         return "is in UTF-16 - save it as plain text (ASCII or UTF-8)";
     const auto cr = text.find('\r');
+    // within the first 64 kB
     if (text.find('\n') == std::string_view::npos && cr != std::string_view::npos && cr + 1 < text.size())
         return "has lines that end with a carriage return alone - save it with line ends of Unix or Windows";
     return nullptr;

@@ -19,6 +19,7 @@ bool record_writer::open(const std::string& name, bool final_on_close) {
     temporary_ = final_on_close ? name + ".tmp" : std::string();
     file_ = std::fopen((final_on_close ? temporary_ : name).c_str(), "wb");
     if (!file_) return false;
+    // own buffers are larger: the library need not copy once more
     std::setvbuf(file_, nullptr, _IONBF, 0);
     buffer_.clear();
     content_ = final_on_close ? std::make_unique<digest_maker>() : nullptr;
@@ -28,6 +29,7 @@ bool record_writer::open(const std::string& name, bool final_on_close) {
 
 bool record_writer::close(const seal& s) {
     if (!file_ || !content_) return close();
+    // the sum has to have seen all records
     flush();
     const std::string text = seal_text(s, *content_);
     content_.reset();
@@ -109,6 +111,7 @@ bool record_reader::fill() {
     return end_ > 0;
 }
 
+// The way over the end of the buffer.
 bool record_reader::take_slow(void* p, std::size_t n) {
     auto* to = static_cast<char*>(p);
     left_ -= n;

@@ -9,6 +9,7 @@
 namespace tarvex {
 
 namespace {
+// All texts that are open, so that a stop can flush them.
 std::vector<text_out*>& open_outputs() {
     static std::vector<text_out*> all;
     return all;
@@ -40,6 +41,7 @@ bool text_out::open(const std::string& name) { return start(name, std::ios::out 
 bool text_out::open_append(const std::string& name) { return start(name, std::ios::out | std::ios::app); }
 
 void text_out::note_failure() {
+    // the first one is told
     if (outputs.failed.empty()) outputs.failed = name_;
 }
 
@@ -70,6 +72,7 @@ void text_out::flush() {
 }
 
 std::ostream* text_out::redirect(std::ostream& sink) {
+    // only a text that is not a file has a sink of its own to return to
     std::ostream* before = file_.is_open() ? nullptr : sink_;
     close();
     sink_ = &sink;
@@ -92,6 +95,7 @@ std::string list_item(double x) {
     char text[64];
     const auto end = std::to_chars(text, text + sizeof text, x).ptr;
     std::string s(text, end);
+    // a whole number as a real
     if (s.find_first_of(".e") == std::string::npos) s += ".0";
     return s;
 }

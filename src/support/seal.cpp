@@ -19,6 +19,7 @@ struct closer {
 
 // Adds the next n bytes of the file to the sum.
 bool add_bytes(std::FILE* f, std::uint64_t n, digest_maker& sum) {
+    // 1 MB at a time
     std::vector<char> buffer(static_cast<std::size_t>(std::min<std::uint64_t>(n, std::uint64_t{1} << 20)));
     while (n > 0) {
         const auto m = static_cast<std::size_t>(std::min<std::uint64_t>(n, buffer.size()));
@@ -31,6 +32,7 @@ bool add_bytes(std::FILE* f, std::uint64_t n, digest_maker& sum) {
 
 } // namespace
 
+// mark, sum over the origin, notes, and the sum over all that stands before it
 std::string seal_text(const seal& s, digest_maker& content) {
     std::string text(seal_mark, mark_bytes);
     text.append(reinterpret_cast<const char*>(&s.made_from), sizeof s.made_from);
@@ -47,6 +49,7 @@ bool read_seal(const std::string& name, seal& s) {
     if (ec || size < seal_bytes) return false;
     const std::unique_ptr<std::FILE, closer> file(std::fopen(name.c_str(), "rb"));
     if (!file) return false;
+    // read in large pieces already
     std::setvbuf(file.get(), nullptr, _IONBF, 0);
     digest_maker sum;
     if (!add_bytes(file.get(), size - seal_bytes, sum)) return false;

@@ -72,6 +72,7 @@ struct shared_pieces {
             try {
                 body(arg, i, slot);
             } catch (...) {
+                // the first failure is kept; the other pieces are worked on all the same
                 if (failed.exchange(1, std::memory_order_acq_rel) == 0) failure = std::current_exception();
             }
         }
@@ -99,6 +100,7 @@ struct task_pool::threads_of_library {
     bool help_with_pieces(int slot) {
         if (!pieces.load(std::memory_order_relaxed)) return false;
         ++within; // from here on the owner waits before the pieces go
+        // read once more: they may have gone before `within` was counted up
         shared_pieces* p = pieces.load();
         const bool any = p && p->left();
         if (any) p->take_part(slot);
@@ -109,6 +111,7 @@ struct task_pool::threads_of_library {
         std::function<void()> f;
         if (!started.try_pop(f)) return false;
         f();
+        // what it holds goes before the owner may think it done
         f = nullptr;
         --unfinished;
         return true;
@@ -144,6 +147,7 @@ bool can_start(int n) {
     std::atomic<bool> over{false};
     bool good = true;
     try {
+        // all at once, as the library would have them
         for (int k = 0; k < n; ++k) tried.emplace_back([&over] { over.wait(false); });
     } catch (const std::system_error&) {
         good = false;
@@ -162,10 +166,12 @@ task_pool::task_pool(int threads) : wanted_(threads), threads_(threads > 1 && ca
 task_pool::~task_pool() = default;
 
 void task_pool::run(const std::function<void()>& f) {
+    // a run within a run: the threads are at work already
     if (!library_ || !library_->over.load()) return f();
     threads_of_library& team = *library_;
     std::exception_ptr failure;
     team.arena.execute([&] {
+        // only the owner's pieces are shared: those of helpers stay with them
         team.owner = slot();
         team.over = false;
         before(&team);
@@ -175,6 +181,7 @@ void task_pool::run(const std::function<void()>& f) {
         } catch (...) {
             failure = std::current_exception();
         }
+        // what was started and not yet waited for
         finish();
         team.over = true;
         team.helpers.wait();
@@ -187,6 +194,7 @@ void task_pool::run(const std::function<void()>& f) {
 int task_pool::slot() const { return library_ ? tbb::this_task_arena::current_thread_index() : 0; }
 
 void task_pool::each(int count, piece body, const void* arg) {
+    // one set of pieces at a time
     if (!library_ || count < 2 || slot() != library_->owner || library_->pieces.load()) {
         for (int i = 0; i < count; ++i) body(arg, i, slot());
         return;
@@ -196,6 +204,7 @@ void task_pool::each(int count, piece body, const void* arg) {
     team.pieces = &work;
     work.take_part(team.owner);
     team.pieces = nullptr;
+    // the pieces are on this stack: nobody may be at them any more
     for (short_wait wait; team.within.load() != 0;) wait.pause();
     if (work.failed.load() != 0) std::rethrow_exception(work.failure);
 }

@@ -26,6 +26,7 @@ std::string trim(std::string_view text) {
 }
 
 bool to_integer(std::string_view token, long long& value) {
+    // a plus that the conversion does not take
     if (!token.empty() && token.front() == '+') {
         token.remove_prefix(1);
         if (!token.empty() && (token.front() == '-' || token.front() == '+')) return false;
@@ -58,6 +59,7 @@ bool is_named_real(std::string_view token, double& value) {
 
 bool to_real(std::string_view token, double& value) {
     char text[128];
+    // 127 characters are more than any number
     if (token.empty() || token.size() + 1 >= sizeof text) return false;
     std::size_t n = 0;
     bool digits = false, exponent = false;
@@ -74,6 +76,7 @@ bool to_real(std::string_view token, double& value) {
             }
             continue;
         } else if (c == '+' || c == '-') {
+            // a sign within a number is an exponent without its letter
             if (i == 0 && c == '+') continue;
             if (i > 0) {
                 if (exponent || !digits) return false;
@@ -103,6 +106,7 @@ void list_reader::repeat_count() {
     while (i < text_.size() && is_digit(text_[i])) ++i;
     if (i == at_ || i >= text_.size() || text_[i] != '*') return;
     long long n = 0;
+    // no count: the star belongs to the value
     if (!to_integer(text_.substr(at_, i - at_), n) || n < 1) return;
     at_ = i + 1;
     copies_ = n - 1;
@@ -115,6 +119,7 @@ list_read list_reader::token(std::string_view& t) {
         t = repeated_;
         return t.empty() ? list_read::null : list_read::value;
     }
+    // separators behind a value are part of it; two in succession hold nothing between them
     while (at_ < text_.size() && text_[at_] == ' ') ++at_;
     if (at_ >= text_.size()) return list_read::end;
     if (text_[at_] == '/') return list_read::null;
