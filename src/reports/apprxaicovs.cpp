@@ -30,6 +30,7 @@ constexpr double largest_discrepancy = 0.01; // between the log L of the informa
 // Information matrix as read, full storage, and the log L that it belongs to. False: no file, or of another run.
 bool read_information(array<double, 2>& hess2, double& xl2) {
     const int n = estimates.nparm;
+    // a file of this run: from the final point, or from its last iterate
     if (!search_state.saverr_ready && !(search_state.method.aireml && aireml_terms.accepted > 0)) return false;
     std::ifstream in(filenames.aiparsfile);
     const bool closed = !in && file_exists(filenames.aiparsfile);
@@ -37,6 +38,7 @@ bool read_information(array<double, 2>& hess2, double& xl2) {
     if (closed || in.bad()) stop_with("Error reading file \"" + filenames.aiparsfile + "\"");
     if (!in) return false;
     const double xl1 = bestpoint.xbest;
+    // the best point is another than that of the last iterate
     if (std::fabs(xl1 - xl2) > largest_discrepancy) {
         print_list(screen(), "Approximation of sampling covariances failed");
         print_list(screen(), "-> discrepancy in log L too big", xl1, xl2);
@@ -45,6 +47,7 @@ bool read_information(array<double, 2>& hess2, double& xl2) {
     allocate("alloc hess2", hess2, n, n);
     int i = 0, j = 0;
     double x = 0.0;
+    // elements that the file does not have stay 0
     while (in >> i >> j >> x) {
         if (i < 1 || j < 1 || i > n || j > n) break;
         hess2(i, j) = hess2(j, i) = x;
@@ -57,6 +60,7 @@ bool read_information(array<double, 2>& hess2, double& xl2) {
 void invert_information(array<double, 2>& a, int n, int& rank) {
     std::vector<double> scale(static_cast<std::size_t>(n), 0.0);
     for (int i = 1; i <= n; ++i)
+        // rows without information stay 0
         if (a(i, i) != 0.0) scale[static_cast<std::size_t>(i - 1)] = 1.0 / std::sqrt(std::fabs(a(i, i)));
     const auto s = [&](int i) { return scale[static_cast<std::size_t>(i - 1)]; };
     std::vector<double> packed(static_cast<std::size_t>(n) * static_cast<std::size_t>(n + 1) / 2);
@@ -91,6 +95,7 @@ void peq_rows(array<double, 2>& linfun) {
     for (const peq_place& p : peq_places()) {
         ++row;
         const int at = cov_start(0) - 1 + p.residual;
+        // R = (R + PEQ) - PEQ
         for (int k = 1; k <= J.upper(2); ++k) linfun(at, col + k - 1) -= J(row, k);
     }
 }
@@ -146,6 +151,7 @@ void approxai_covs() {
     if (!read_information(hess2, xl2)) return;
     invert_information(hess2, nparm, sampling.rank);
     sampling.varpar.allocate(nparm);
+    // of the parameters in the units of the data
     for (int i = 1; i <= nparm; ++i) sampling.varpar(i) = hess2(i, i);
     const std::vector<parameter_unit> units = parameter_units(); // the Jacobians are those of the parameters in use
     for (int i = 1; i <= nparm; ++i)
@@ -153,16 +159,19 @@ void approxai_covs() {
             hess2(i, j) /=
                 units[static_cast<std::size_t>(i - 1)].factor * units[static_cast<std::size_t>(j - 1)].factor;
 
+    // rows: covariances, then the user's sums of them; columns: parameters
     allocate("alloc linfun", linfun, nall, nparm);
     for (int irand = 0; irand <= numbers.krand; ++irand) block_rows(irand, linfun);
     if (residualvars.peqsum) peq_rows(linfun);
     const std::vector<double> cov_units = all_cov_units();
+    // covariances into the units of the data too
     for (int c = 1; c <= estimates.ncov; ++c)
         for (int k = 1; k <= nparm; ++k) linfun(c, k) *= cov_units[static_cast<std::size_t>(c - 1)];
     for (int i = 1; i <= usrdefcovs.ncovadd; ++i)
         for (const auto& t : usrdefcovs.addcov[static_cast<std::size_t>(i - 1)])
             for (int k = 1; k <= nparm; ++k) linfun(estimates.ncov + i, k) += t.factor * linfun(t.isig, k);
 
+    // var(f) = J V J' (delta method)
     array<double, 2> product;
     product.allocate(nparm, nall);
     for (int c = 1; c <= nall; ++c)
@@ -182,6 +191,7 @@ void approxai_covs() {
 }
 
 bool estimable(const cov_function& f) {
+    // a function is estimable if it holds residual + 2 PEQ of each tied pair as a whole
     if (sampling.tied.empty()) return true;
     std::vector<double> factor(static_cast<std::size_t>(estimates.ncov), 0.0);
     for (const auto& t : f) {
@@ -189,6 +199,7 @@ bool estimable(const cov_function& f) {
             factor[static_cast<std::size_t>(t.number - 1)] += t.factor;
             continue;
         }
+        // a user's sum stands for its terms
         for (const auto& u : usrdefcovs.addcov[static_cast<std::size_t>(t.number - estimates.ncov - 1)])
             factor[static_cast<std::size_t>(u.isig - 1)] += t.factor * u.factor;
     }
@@ -219,6 +230,7 @@ double error_of_sum(const cov_function& f) {
 
 double error_of_ratio(double a, double b, double vaa, double vbb, double vab) {
     if (!(b > 0.0)) return -1.0;
+    // var(a/b), first order; `size` adds up magnitudes, to tell rounding
     const double v = (b * b * vaa + a * a * vbb - 2.0 * a * b * vab) / (b * b * b * b);
     const double size = (b * b * vaa + a * a * vbb + std::fabs(2.0 * a * b * vab)) / (b * b * b * b);
     return root_of_difference(v, size);
@@ -227,6 +239,7 @@ double error_of_ratio(double a, double b, double vaa, double vbb, double vab) {
 double error_of_correlation(double c, double a, double b, double vcc, double vaa, double vbb, double vca, double vcb,
                             double vab) {
     if (!(a > 0.0) || !(b > 0.0)) return -1.0;
+    // var(c / sqrt(ab)), first order
     const double v = (4.0 * a * a * b * b * vcc + b * b * c * c * vaa + a * a * c * c * vbb -
                       4.0 * a * b * b * c * vca - 4.0 * a * a * b * c * vcb + 2.0 * a * b * c * c * vab) /
                      (4.0 * a * a * a * b * b * b);

@@ -37,6 +37,7 @@ bool positive_definite(int irand) {
             unpack(model.cov.column(irand).subspan(static_cast<std::size_t>((step - 1) * length)), n);
         array<double, 2> vectors;
         array<double> eig;
+        // the user's units may be of any size
         eigem_any_size(a, eig, vectors, n);
         if (!(eig(rank) > 0.0)) return false;
     }
@@ -67,18 +68,21 @@ void invert_given_matrices() {
 
 void get_ebvs() {
     invert_given_matrices();
+    // zeros of the given matrices may differ from those that the structure was laid out for
     if (const auto made = build_with_new_order()) keep_order(*made);
     double detc = 0.0, ypy = 0.0;
     int ifail = 0;
     factorise_mmm(detc, ypy, ifail);
     if (ifail != 0) invalid("Error in factorisation of MMM ");
     end_if_asked(false);
+    // solutions first, then the inverse in place of the factor: its diagonal is the error variances
     takaha_inverse();
     end_if_asked(false);
     save_solutions();
     if (solutions.nsolerrs != 0) {
         need_state(sparse, store_state::inverse, "get_ebvs");
         if (solutions.solerrs.size() != numbers.nsrow) allocate("alloc solerrs", solutions.solerrs, numbers.nsrow);
+        // the store is used again for other elements: errors are kept apart
         for (int i = 1; i < numbers.nsrow; ++i) solutions.solerrs(i) = sparse.diag(i);
     }
     write_fixsolns();

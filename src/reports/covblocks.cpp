@@ -63,6 +63,7 @@ cov_function tied_covariance(int irand, int iq, int jq, double cross) {
     for (int w = 1; w <= 2; ++w)
         for (int v = 1; v <= 2; ++v) {
             const int r = place_of(irand, iq, w), s = place_of(irand, jq, v);
+            // a trait may have one of the two effects only
             if (r > 0 && s > 0) add_term(f, cov_number(irand, 1, r, s), w == v ? 1.0 : cross);
         }
     return f;
@@ -71,6 +72,7 @@ cov_function tied_covariance(int irand, int iq, int jq, double cross) {
 std::string total_name(int i, int j) {
     constexpr edit_form form{"(4hCOVS,2h T,2i2)"};
     std::string s = edit(form, i, j);
+    // the end of the line
     s.pop_back();
     return s;
 }
@@ -103,6 +105,7 @@ evaluated evaluate(const report_matrix& m, const std::vector<double>& cov) {
         for (int j = i; j <= m.n; ++j) e.zig(i, j) = e.zig(j, i) = function_value(m.element[packed(i, j, m.n)], cov);
     for (int i = 1; i <= m.n; ++i)
         for (int j = 1; j <= m.n; ++j) {
+            // variances that have gone: no correlation
             const double v = e.zig(i, i) * e.zig(j, j);
             e.hh(i, j) = i == j ? 1.0 : v > 0.0 ? e.zig(i, j) / std::sqrt(v) : 0.0;
         }
@@ -118,6 +121,7 @@ void write_eigen(text_out& out, const report_matrix& m, const array<double, 2>& 
     constexpr edit_form value_line{"(1x,5hValue,(t7,6f13.2))"}, share_line{"(1x,5h  (%),(t7,6f13.2))"};
     array<double> eig;
     array<double, 2> vv;
+    // per cent are of the eigenvalues in the rank
     eigem_any_size(zig, eig, vv, m.n);
     std::vector<double> values, shares;
     double sum = 0.0;
@@ -228,6 +232,7 @@ report_matrix tied_sum_matrix(int irand) {
     const std::vector<int> traits = traits_of(irand);
     m.n = m.rank = static_cast<int>(traits.size());
     m.ratios = true;
+    // numbers behind those of ListofCovs: phenotypic covariances first, then sums of tied effects
     int number = estimates.ncovall + triangle(numbers.nq); // after the phenotypic ones and the sums before
     for (int before = 1; before < irand; ++before)
         if (tied(before)) number += triangle(static_cast<int>(traits_of(before).size()));

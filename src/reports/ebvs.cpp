@@ -37,6 +37,7 @@ double inverse_element(int i, int j) {
     if (a < 1 || b < 1) return 0.0;
     if (a == b) return solutions.solerrs(a);
     const int p = locate(a, b);
+    // the pattern has all pairs within a level (the structure of such runs)
     if (p == 0) stop_with("No place for the errors of breeding values");
     return sparse.xspars(p);
 }
@@ -70,6 +71,7 @@ bool reduced_rank(int irand) { return options.principal && model.krfit(irand) < 
 
 level_values breeding_values(int irand, int level) {
     const int n = model.kkfit(irand), rank = model.krfit(irand);
+    // u = Q w for the w of the level
     const int first = mmequations.rn_start(irand) + (level - 1) * rank;
     const auto& q = randomvars.zig;
     level_values values;
@@ -84,6 +86,7 @@ level_values breeding_values(int irand, int level) {
             bool used = false; // a diagonal matrix needs no elements between components
             for (int i = 1; i <= n; ++i) used = used || q(i, c, irand) * q(i, d, irand) != 0.0;
             if (!used) continue;
+            // var(u - u^) = Q C^-1 Q' of the level, by pairs of components
             const double x = (c == d ? 1.0 : 2.0) * inverse_element(first + c, first + d);
             for (int i = 1; i <= n; ++i) {
                 const double unit = row_unit(irand, i);
@@ -100,6 +103,7 @@ double fitted_variance(int irand, int r) {
 }
 
 double accuracy(double pev, double variance) {
+    // r^2 = 1 - PEV/variance; a negative one is told as it is
     const double v = 1.0 - pev / variance;
     return v > 0.0 ? std::sqrt(v) : v;
 }
@@ -108,6 +112,7 @@ std::vector<double> variance_factors(int irand) {
     std::vector<double> factors(at(levels.rn_nlev(irand)), 1.0);
     if (!solutions.accinb || options.siremodel || mudmap.kovrnd(irand) != covariance_kind::nrm) return factors;
     const int irun = mudmap.iranno(irand);
+    // variance of animal l is (1 + F) times that of the base
     const std::vector<double> f = inbreeding(pedigreelist.sire(irun), pedigreelist.dam(irun));
     for (std::size_t l = 0; l < factors.size() && l < f.size(); ++l) factors[l] += f[l];
     return factors;

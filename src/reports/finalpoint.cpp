@@ -41,6 +41,7 @@ matrix block_of(int irand, int step) {
     const std::vector<double> cov = best_covariances(irand);
     const int n = model.kkfit(irand);
     matrix k = matrix::Zero(n, n);
+    // classes follow each other in the list
     std::size_t at = static_cast<std::size_t>((step - 1) * (model.diagonal(irand) ? n : n * (n + 1) / 2));
     for (int i = 0; i < n; ++i)
         for (int j = i; j < (model.diagonal(irand) ? i + 1 : n); ++j) k(i, j) = k(j, i) = cov[at++];
@@ -50,6 +51,7 @@ matrix block_of(int irand, int step) {
 // Phenotypic variance that row i of a block is compared with.
 double phenotypic(int irand, int i, const std::vector<double>& cov) {
     const int iq = options.randreg ? 1 : irand == 0 ? i : mudmap.rn_trait(i, irand);
+    // coefficients are compared with the variance of the data
     if (options.randreg) return means.tr_var.upper() >= iq ? means.tr_var(iq) * means.tr_var(iq) : 1.0;
     return function_value(phenotypic_covariance(iq, iq), cov);
 }
@@ -76,18 +78,21 @@ void border_of(int irand, int step, const std::vector<double>& cov) {
     const std::size_t before = list.size();
     for (int i = 1; i <= n; ++i) {
         const double part = k(i - 1, i - 1) / phenotypic(irand, i, cov);
+        // not a number counts as small
         if (!(part >= small_variance)) list.push_back({irand, step, "variance", i, i, part});
     }
     if (model.diagonal(irand) || n < 2) return;
     for (int i = 1; i <= n; ++i)
         for (int j = i + 1; j <= n; ++j) {
             const double r = k(i - 1, j - 1) / std::sqrt(k(i - 1, i - 1) * k(j - 1, j - 1));
+            // at rank 1 all correlations are 1
             if (std::fabs(r) > high_correlation && model.krfit(irand) > 1)
                 list.push_back({irand, step, "correlation", i, j, r});
         }
     if (list.size() > before) return;
     column scale;
     const column eig = Eigen::SelfAdjointEigenSolver<matrix>(scaled(k, irand, cov, scale)).eigenvalues();
+    // ascending: the first n - rank have to be 0
     for (int r = n - model.krfit(irand); r < n; ++r)
         if (eig(r) < gone) list.push_back({irand, step, "eigenvalue", 0, 0, eig(r)});
 }
@@ -103,6 +108,7 @@ void rank_of(const matrix& info, const column& size) {
     auto& f = final_point;
     f.estimated = static_cast<int>(use.size());
     if (use.empty()) return;
+    // unit diagonal, as in the verdict
     const column s = info(use, use).diagonal().cwiseSqrt().cwiseInverse();
     const Eigen::SelfAdjointEigenSolver<matrix> own(s.asDiagonal() * info(use, use) * s.asDiagonal());
     for (Eigen::Index k = 0; k < own.eigenvalues().size(); ++k) {
@@ -110,6 +116,7 @@ void rank_of(const matrix& info, const column& size) {
             ++f.rank;
             continue;
         }
+        // back to parameters, each by its own size: coefficients compare
         const column d = (own.eigenvectors().col(k).cwiseProduct(s)).cwiseQuotient(size(use));
         std::vector<flat_item> items;
         const double most = d.cwiseAbs().maxCoeff();
@@ -160,9 +167,11 @@ void look_at_final_point() {
     final_point = {};
     auto& f = final_point;
     const std::vector<double> cov = all_covariances();
+    // the border needs no derivatives
     for (int irand = 0; irand <= numbers.krand; ++irand)
         for (int step = 1; step <= steps_of(irand); ++step) border_of(irand, step, cov);
     if (estimates.nparm == 0 || !average_info_available()) return;
+    // best point: the last one may have been a trial
     estimates.parvec = bestpoint.parbest;
     forget_factor(); // the verdict has used it up
     if (!loglike(estimates.parvec, 1).valid) return;
@@ -175,6 +184,7 @@ void look_at_final_point() {
     const std::vector<double> units = derivative_units();
     const auto unit = [&](int i) { return units[static_cast<std::size_t>(i - 1)]; };
     for (int i = 1; i <= n; ++i) {
+        // by covariances (or elements of factors) in the units of the data; the norm is that of the search
         g(i - 1) = derivs.devl1(i) / unit(i);
         norm += derivs.der1(i) * derivs.der1(i);
         for (int j = i; j <= n; ++j)

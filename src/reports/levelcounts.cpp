@@ -16,6 +16,7 @@ namespace {
 
 void add(level_counts& c, std::ptrdiff_t at, double y) {
     const auto k = static_cast<std::size_t>(at);
+    // -1 too: a code that the scan has not met
     if (k >= c.nnvec.size()) return;
     ++c.nnvec[k];
     c.fbar[k] += y;
@@ -38,10 +39,12 @@ int extra_level(const array<double>& dvec, int i, int iq) {
 void count_curve(solution_counts& counts, const array<double>& dvec, int i, int iq, double y) {
     const auto& values = covmeans.cv_values(i, iq);
     const auto at = std::lower_bound(values.begin(), values.end(), dvec(mudmap.cv_dcolno(i, iq)));
+    // the data have changed since the scan
     if (at == values.end()) return;
     const int nest = mudmap.cv_nestfix(i, iq);
     const int level = nest == 0 ? 1 : nest > 0 ? fixed_level(dvec, nest, iq) : extra_level(dvec, -nest, iq);
     if (level < 1) return;
+    // values of a curve together, curve after curve
     add(counts.curve(i, iq), (level - 1) * static_cast<std::ptrdiff_t>(values.size()) + (at - values.begin()), y);
 }
 
@@ -53,6 +56,7 @@ void count_record(solution_counts& counts, const array<double>& dvec, int iq) {
     for (int i = 1; i <= model.ncov(iq); ++i) count_curve(counts, dvec, i, iq, y);
 }
 
+// sums become means
 void to_means(array<level_counts, 2>& all) {
     for (auto& c : all)
         for (std::size_t k = 0; k < c.nnvec.size(); ++k)

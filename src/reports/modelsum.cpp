@@ -38,6 +38,7 @@ void pairs_table(text_out& out) {
     write(out, "(4x,(t20,10i7))", row);
     for (int iq = 1; iq <= nq; ++iq) {
         row.clear();
+        // element (i,iq) of the packed upper triangle
         for (int i = 1; i <= iq; ++i) row.push_back(means.pairs(nq * (i - 1) - i * (i - 1) / 2 + iq));
         write(out, "(i4,2x,1h\",a,1h\",(t20,10i7))", iq, model.trait(iq), row);
     }
@@ -80,6 +81,7 @@ void levels_table(text_out& out, const array<std::string, 2>& names, const array
 
 // Names that are longer than their place in the tables above.
 void long_names(text_out& out) {
+    // columns between the quotes and the first number
     constexpr std::size_t place = 11;
     std::vector<std::string> names;
     const auto add = [&](const std::string& name) {

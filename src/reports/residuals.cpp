@@ -30,10 +30,12 @@ void write_residuals() {
             const auto row = static_cast<std::size_t>(i);
             double fit = 0.0;
             for (auto k = static_cast<std::size_t>(d.first[row]); k < static_cast<std::size_t>(d.first[row + 1]); ++k)
+                // solutions of the best point, by old numbers
                 fit += d.weight[k] * solutions.solsave(orders.ieqold(d.eq[static_cast<std::size_t>(d.local[k])]));
             yy[row] = record.yvec(i + 1) - fit;
             const double unit = trait_unit(record.ynq(i + 1));
             yy[row] *= unit;
+            // observed value and residual in the units of the data
             print_list(out, record.yvec(i + 1) * unit, yy[row]);
         }
         for (int i = 0; i < d.nobs; ++i)

@@ -43,6 +43,7 @@ json terms_of(const cov_function& f) {
     return list;
 }
 
+// a negative error says that the approximation failed
 json error_or_null(double se) { return se >= 0.0 ? json(se) : json(); }
 
 // ---- blocks
@@ -52,6 +53,7 @@ json row_of(int irand, int i) {
     if (irand == 0) return {{"trait", options.randreg ? 1 : i}, {"effect", "residual"}, {"coefficient", 0}};
     const std::string& name = model.krandom(irand);
     if (options.randreg) return {{"trait", 1}, {"effect", name}, {"coefficient", i}};
+    // two effects of one block: "direct+maternal"
     const auto plus = name.find('+');
     const bool second = mudmap.rn_which(i, irand) == 2;
     return {{"trait", mudmap.rn_trait(i, irand)},
@@ -69,6 +71,7 @@ json rows_of(int irand) {
 
 // Basis of a random regression: control variable and the functions at each of its values.
 json basis_of(int irand) {
+    // random regression analyses have one trait
     constexpr int iq = 1;
     for (int i = 1; i <= model.nrnd(iq); ++i) {
         if (mudmap.rn_irand(i, iq) != irand) continue;
@@ -97,6 +100,7 @@ json classes_of_residual() {
     if (model.me_type == "HET")
         for (int s = 1; s <= model.rr_resteps; ++s) ranges.push_back({model.me_range(1, s), model.me_range(2, s)});
     part["ranges"] = ranges;
+    // classes by value of the control variable, if the data have been scanned
     const bool known = model.rr_resteps > 1 && phimat.jjmeta.upper() >= 1 && model.me_run.upper() > 0;
     part["control"] = known ? json(model.rrcontrol[static_cast<std::size_t>(phimat.jjmeta(1) - 1)]) : json();
     auto of = json::array();
@@ -159,6 +163,7 @@ void add_matrix(json& list, const report_matrix& m, const matrix_label& label, c
 json error_of(int equation, double unit) {
     if (solutions.nsolerrs == 0) return nullptr;
     const int e = orders.ieqnew(equation);
+    // 0 for an equation taken out: its solution is 0 by definition
     const double v = e > 0 ? solutions.solerrs(e) : 0.0;
     return v >= 0.0 ? json(std::sqrt(v) * unit) : json();
 }
@@ -217,6 +222,7 @@ json random_part(int irand) {
     part["codes"] = levels.rn_codes(irand);
     auto value = json::array(), se = json::array();
     for (int k = 1; k <= nlev * n; ++k) {
+        // scores of components have no unit
         const double unit = options.principal ? 1.0 : row_unit(irand, (k - 1) % n + 1);
         value.push_back(solutions.solsave(start + k) * unit);
         if (solutions.nsolerrs != 0) se.push_back(error_of(start + k, unit));
@@ -238,6 +244,7 @@ json record_traits() {
 
 // Factor of a block fitted by its components: effects are the factor times the solutions.
 json factor_of(int irand) {
+    // at the best point, not at the last one
     const array<double, 2> vv = covariances_at(bestpoint.parbest, irand).vv;
     auto rows = json::array();
     for (int i = 1; i <= model.kkfit(irand); ++i) {
@@ -389,6 +396,7 @@ nlohmann::ordered_json solution_list() {
     auto fixed = json::array(), random = json::array();
     for (int iq = 1; iq <= numbers.nq; ++iq) {
         for (int i = 1; i <= model.ncov(iq); ++i) fixed.push_back(covariable_part(i, iq));
+        // the mean as an effect of one level, with code 0
         if (const int mean = mmequations.ieq_trait(iq); mean > 0)
             fixed.push_back(level_part(iq, "mean", "Mean", mean - 1, {0}, {{means.nrec(iq)}, {means.tr_xbar(iq)}}));
         for (int i = 1; i <= model.nfix(iq); ++i)

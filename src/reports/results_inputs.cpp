@@ -43,6 +43,7 @@ bool sum_file(input_file& f) {
     }
     if (in.bad()) stop_with("Error reading file \"" + f.name + "\"");
     XXH128_canonical_t bytes;
+    // bytes in the order in which such sums are written everywhere
     XXH128_canonicalFromHash(&bytes, XXH3_128bits_digest(state.get()));
     for (const unsigned char c : bytes.digest) {
         char hex[3];
@@ -63,6 +64,7 @@ void note(const std::string& role, const std::string& name) {
 void note_inputs() {
     inputs.clear();
     if (!options.json) return;
+    // results of an earlier run must not stand beside a run that fails
     std::error_code ignored;
     std::filesystem::remove(filenames.resultsfile, ignored);
     note("parameter file", filenames.parfile);

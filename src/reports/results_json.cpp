@@ -39,6 +39,7 @@ namespace {
 
 using json = nlohmann::ordered_json;
 
+// when the process began
 const auto started = std::chrono::steady_clock::now();
 
 const char* kind_name(run_kind kind) {
@@ -104,6 +105,7 @@ json parameter_list() {
     for (int i = 1; i <= estimates.nparm; ++i) {
         const parameter_unit& u = units[static_cast<std::size_t>(i - 1)];
         json p = {{"number", i}, {"name", estimates.parnames(i)}, {"value", bestpoint.parbest(i) * u.factor + u.shift}};
+        // a negative variance: the approximation failed
         const bool has = sampling.available && sampling.varpar(i) >= 0.0;
         p["se"] = has ? json(std::sqrt(sampling.varpar(i))) : json();
         list.push_back(p);
@@ -183,6 +185,7 @@ json end_part() {
     part["gradient"] = f.gradient;
     auto rows = json::array();
     const std::size_t n = f.gradient.size();
+    // rows of the full matrix up to the diagonal
     for (std::size_t i = 0; i < n; ++i)
         rows.push_back(std::vector<double>(f.information.begin() + static_cast<std::ptrdiff_t>(i * n),
                                            f.information.begin() + static_cast<std::ptrdiff_t>(i * n + i + 1)));
@@ -231,7 +234,9 @@ void put(const json& document) {
     const std::string name = filenames.resultsfile, temporary = name + ".tmp";
     text_out out;
     if (!out.open(temporary)) stop_with("Error opening file \"" + name + "\"");
+    // bytes of names that are not UTF-8 are replaced, not refused
     out.line(document.dump(1, '\t', false, json::error_handler_t::replace));
+    // complete, or not there
     if (out.close()) std::rename(temporary.c_str(), name.c_str());
 }
 
@@ -256,6 +261,7 @@ void write_results(run_kind kind) {
     d["iterates"] = iterate_part();
     d["equations"] = kind == run_kind::best_point ? json() : equation_part();
     d["solutions"] = kind == run_kind::best_point ? json() : solution_list();
+    // a search alone has derivatives at its end
     final_point = {};
     if (kind == run_kind::search) look_at_final_point();
     d["end"] = kind == run_kind::search ? end_part() : json();

@@ -48,12 +48,14 @@ cov_function rrcovar(const regression& r, int ia, int ja) {
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= (model.diagonal(r.irand) ? i : n); ++j, ++number) {
             const auto& phi = *r.phi;
+            // element (i,j) and its mirror image
             const double x = phi(ia, i) * phi(ja, j);
             f.push_back({number, i == j ? x : x + phi(ia, j) * phi(ja, i)});
         }
     return f;
 }
 
+// the class of the value; one class: the first
 cov_function residual_at(int ia) { return {{cov_start(0, model.rr_resteps > 1 ? model.me_run(ia) : 1), 1.0}}; }
 
 std::string column_name(const std::string& name) {
@@ -71,6 +73,7 @@ std::string without_end(std::string s) {
 int value_width(int irrc) {
     int width = 7;
     for (const auto code : control_codes(irrc)) {
+        // seven digits, sign included, fit
         const int length = static_cast<int>(std::to_string(code).size());
         if (length > 7 || (length == 7 && code < 0)) width = std::max(width, length + 1);
     }
@@ -134,6 +137,7 @@ void write_variances(text_out& variances, text_out* ratios, const table_columns&
         for (const auto& r : columns.effects) parts.push_back(rrcovar(r, a, a));
         if (columns.residual) parts.push_back(residual_at(a));
         cov_function total;
+        // terms may occur twice: functions are sums
         for (const auto& f : parts) total.insert(total.end(), f.begin(), f.end());
         const double sum = function_value(total, cov);
         std::string line = level_item(irrc, a), ratio_line = line;
@@ -157,6 +161,7 @@ std::string correlation_item(const regression& r, int a, int i, const std::vecto
     const double x = function_value(c, cov), y = function_value(va, cov), z = function_value(vi, cov);
     const double corr = y > 0.0 && z > 0.0 ? x / std::sqrt(y * z) : 0.0;
     if (!sampling.available) return ratio_item(corr, 0.0);
+    // of a value with itself: 1, without an error
     if (a == i) return ratio_item(corr, 0.0);
     const auto v = function_covariance;
     return ratio_item(corr,
@@ -167,6 +172,7 @@ std::vector<int> selected_levels(int n) {
     std::vector<int> list;
     const int m = std::min(n, most_levels);
     for (int k = 0; k < m; ++k)
+        // first and last always
         list.push_back(m == 1 ? 1 : 1 + static_cast<int>(std::lround(static_cast<double>(k) * (n - 1) / (m - 1))));
     return list;
 }

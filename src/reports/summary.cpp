@@ -42,8 +42,10 @@ int records() {
 void write_criteria(text_out& out) {
     constexpr edit_form pair_line{"(1x,a,t25,1h=,2f18.3)"}, penalty_line{"(1x,a,t25,1h=,f18.3,4x,a,2f8.3)"};
     const double undefined = -std::numeric_limits<double>::max(); // edited as asterisks
+    // REML: n less the rank of the fixed part stands for the number of records (BIC)
     const double p = estimated(), n = records(), free = n - numbers.nrankx, xbest = bestpoint.xbest;
     const double aic = xbest - p;
+    // with its correction for few records
     const double aicc = n - p - 1.0 > 0.0 ? aic - p * (p + 1.0) / (n - p - 1.0) : undefined;
     const double xx = free > 0.0 ? 0.5 * std::log(free) : undefined;
     const double bic = free > 0.0 ? xbest - p * xx : undefined;
@@ -90,6 +92,7 @@ void write_parameters(text_out& out) {
     bool warn = false;
     for (int i = 1; i <= estimates.nparm; ++i) {
         const double v = sampling.varpar(i);
+        // a negative variance as its root with the sign kept
         const double xx = v < 0.0 ? -std::sqrt(-v) : std::sqrt(v);
         warn = warn || v < 0.0;
         write(out, with_error, i, estimates.parnames(i), reported(i, units), xx);
@@ -104,6 +107,7 @@ void write_caution(text_out& out) {
 
 void write_convergence(text_out& out) {
     constexpr edit_form head{"(/1x,a)"}, fine{"(1x,a,t30,1h=,3f12.6)"}, coarse{"(1x,a,t30,1h=,3f12.4)"};
+    // searches that no test has ended
     const bool short_of_end = !maximise.converged && !iterate_log.ended.empty();
     if (aireml_terms.accepted == 0) { // rounds of EM, a search by directions
         if (short_of_end) write_caution(out);
@@ -187,6 +191,7 @@ void write_random_block(text_out& out, int irand, const std::vector<double>& cov
     if (sum.n == 0) return;
     const std::string& name = model.krandom(irand);
     const auto plus = name.find('+');
+    // first letter of the first effect + name of the second, as the heads have been
     std::string title = edit(sum_form, " Estimates for RE", name.substr(0, 1), "+",
                              plus == std::string::npos ? name : name.substr(plus + 1));
     title.pop_back();
@@ -224,6 +229,7 @@ bool write_ratio(text_out& out, int i, const std::vector<double>& cov) {
     const bool ratio = gp[0] == 1;
     const cov_function c = component(gp[1]), a = component(gp[2]), b = ratio ? a : component(gp[3]);
     const double vc = function_value(c, cov), va = function_value(a, cov), vb = function_value(b, cov);
+    // the smallest of what is divided by
     const double yy = ratio ? va : std::min(va, vb);
     if (!(yy > 0.0)) {
         print_list(screen(), " Cannot calculate ", name, "  invalid denominator", yy);

@@ -35,6 +35,7 @@ double error_variance(int equation, double unit) {
     const int e = orders.ieqnew(equation);
     return e > 0 ? solutions.solerrs(e) * unit * unit : 0.0;
 }
+// a negative error variance is shown as it is: rounding, or a matrix that is not definite
 double root_or_raw(double v) { return v > 0.0 ? std::sqrt(v) : v; }
 
 void trait_head(text_out& out, const char* what, int iq) {
@@ -42,6 +43,7 @@ void trait_head(text_out& out, const char* what, int iq) {
     write(out, form, what, iq, model.trait(iq));
 }
 
+// the name up to its order or its nesting
 std::string bare_name(const std::string& covariable) { return covariable.substr(0, covariable.find_first_of("(*")); }
 std::string nest_name(int icov, int iq) {
     const int nest = mudmap.cv_nestfix(icov, iq);
@@ -95,6 +97,7 @@ void write_curve(int icov, int iq, const level_counts& counts, std::set<std::str
     const code_list* codes = nest_codes(icov, iq);
     const std::string name = curve_file(icov, iq, codes != nullptr);
     text_out out;
+    // traits with one covariable share the file
     if (!(written.insert(name).second ? out.open(name) : out.open_append(name)))
         stop_with("Error opening file \"" + name + "\"");
     const auto& values = covmeans.cv_values(icov, iq);
@@ -107,6 +110,7 @@ void write_curve(int icov, int iq, const level_counts& counts, std::set<std::str
             write(out, head, "Nested curve no. =", icurve, "  Code", (*codes)[static_cast<std::size_t>(icurve - 1)]);
         for (std::size_t v = 0; v < values.size(); ++v) {
             const std::size_t at = static_cast<std::size_t>(icurve - 1) * values.size() + v;
+            // no record at this value in this curve
             if (counts.nnvec[at] == 0) continue;
             covariable_row(icov, iq, values[v], row);
             double xx = 0.0;
@@ -172,6 +176,7 @@ void write_fixed(text_out& out, const solution_counts& counts) {
             const auto& c = counts.fixed(ifix, iq);
             const int n = static_cast<int>(codes.size()), start = mmequations.fx_start(ifix, iq);
             double mean = 0.0;
+            // "SolSum=0": solutions less their mean, equations taken out included as 0
             for (int i = 1; i <= n; ++i) mean += solutions.solsave(start + i) / n;
             for (int i = 1; i <= n; ++i) {
                 const auto k = static_cast<std::size_t>(i - 1);
@@ -209,6 +214,7 @@ struct random_value {
 std::vector<random_value> level_solutions(int irand, int level) {
     const int n = nfit(irand), first = mmequations.rn_start(irand) + (level - 1) * n;
     std::vector<random_value> all;
+    // full rank by components: effects are made from them
     if (options.principal && !reduced_rank(irand)) {
         const level_values values = breeding_values(irand, level);
         for (int r = 1; r <= n; ++r) {
@@ -219,6 +225,7 @@ std::vector<random_value> level_solutions(int irand, int level) {
     }
     for (int r = 1; r <= n; ++r) {
         const double unit = options.principal ? 1.0 : row_unit(irand, r);
+        // of the base population
         const double variance = options.principal       ? 1.0
                                 : model.diagonal(irand) ? model.cov(r, irand)
                                                         : model.cov(ihmssf(r, r, model.kkfit(irand)), irand);
@@ -240,6 +247,7 @@ int write_random(text_out& out, int irand) {
         const std::int64_t icode = levels.rn_codes(irand)[static_cast<std::size_t>(i - 1)];
         int r = 0;
         for (const random_value& x : level_solutions(irand, i)) {
+            // the code of a level stands in its first line only
             if (++r; with_errors()) {
                 const double yy = accuracy(x.pev, x.variance * factors[static_cast<std::size_t>(i - 1)]);
                 negative += yy < -told_as_zero ? 1 : 0;

@@ -13,6 +13,7 @@ int ignlgi() {
     if (!r.qqssd) setall(1234567890, 123456789);
     const auto g = static_cast<std::size_t>(r.curntg - 1);
     int s1 = r.cg1[g], s2 = r.cg2[g];
+    // s1 = 40014 s1 mod m1 without overflow: m1 = 40014 * 53668 + 12211 (Schrage's method)
     int k = s1 / 53668;
     s1 = 40014 * (s1 - k * 53668) - k * 12211;
     if (s1 < 0) s1 += m1;
@@ -21,6 +22,7 @@ int ignlgi() {
     if (s2 < 0) s2 += m2;
     r.cg1[g] = s1;
     r.cg2[g] = s2;
+    // combination of the two: 1 .. m1 - 1
     int z = s1 - s2;
     if (z < 1) z += m1 - 1;
     return r.qanti[g] ? m1 - z : z;

@@ -34,9 +34,11 @@ constexpr float h[31] = {0.03920617f, 0.03932705f, 0.03950999f, 0.03975703f, 0.0
 float centre(int i, float us) {
     const float aa = a[i - 1];
     for (;;) {
+        // most draws end here: the interval is nearly uniform
         if (us > t[i - 1]) return aa + (us - t[i - 1]) * h[i - 1];
         const float u = ranf();
         const float w = u * (a[i] - aa);
+        // exponent of the density's fall within the interval
         float tt = (0.5f * w + aa) * w;
         for (;;) {
             if (us > tt) return aa + w;
@@ -54,6 +56,7 @@ float tail(float u) {
     int i = 6;
     float aa = a[31];
     for (;;) {
+        // leading bits of the draw choose the interval of the tail
         u += u;
         if (u >= 1.0f) break;
         aa += d[i - 1];
@@ -78,12 +81,14 @@ float tail(float u) {
 
 float ranf() { return static_cast<float>(ignlgi()) * 4.656613E-10f; }
 
+// the first bit is the sign, the next five the interval, the rest the fraction
 float snorm() {
     float u = ranf();
     const float s = u > 0.5f ? 1.0f : 0.0f;
     u = u + u - s;
     u = 32.0f * u;
     int i = static_cast<int>(u);
+    // rounding of 32 u in single precision
     if (i == 32) i = 31;
     const float y = i == 0 ? tail(u) : centre(i, u - static_cast<float>(i));
     return s == 1.0f ? -y : y;
@@ -102,6 +107,7 @@ int irandno(int n) {
         stop(" Abort on Fatal ERROR");
     }
     if (n == 1) return 1;
+    // largest multiple of n: draws above it would favour small numbers
     const int maxnow = maxnum / n * n;
     int z = ignlgi() - 1;
     while (z > maxnow) z = ignlgi() - 1;

@@ -26,6 +26,7 @@ namespace tarvex {
 namespace {
 
 pedigree_rule animal_rule(const array<double, 2>& f, int irun, int s, int d) {
+    // D = 1/2 - (F_s + F_d)/4; 3/4 - F/4 with one parent known
     if (s > 0 && d > 0) return {0.5 - 0.25 * (f(s, irun) + f(d, irun)), 0.5, 0.5};
     if (s > 0) return {0.75 - 0.25 * f(s, irun), 0.5, 0.0};
     if (d > 0) return {0.75 - 0.25 * f(d, irun), 0.0, 0.5};
@@ -42,6 +43,7 @@ struct block_draws {
         if (cut) {
             array<int> order;
             if (start_factor(irand, q, order)) return;
+            // the full matrix is factorised, which
             cut = false; // tells of the negative pivot and stops
         }
         if (!model.diagonal(irand)) {
@@ -49,6 +51,7 @@ struct block_draws {
             return;
         }
         allocate("all chol", q, n, n);
+        // a diagonal block: a variance of 0 draws zeros
         for (int i = 1; i <= n; ++i) q(i, i) = std::sqrt(std::max(model.cov(i, irand), 0.0));
     }
     void draw(std::span<double> w) const {
@@ -75,6 +78,7 @@ void follow_pedigree(int irand, std::vector<double>& w) {
     const auto width = static_cast<std::size_t>(n);
     if (!options.siremodel) compute_inbreeding(irun); // where the inverse was taken over from an earlier run
     const array<double, 2>& f = nrminverse.inbreed;
+    // u = half of the parents' u + sqrt(D) w: parents stand in front
     for (int l = 1; l <= nlev; ++l) {
         const auto at = static_cast<std::size_t>(l - 1);
         const int s = pedigreelist.sire(irun)[at], d = pedigreelist.dam(irun)[at];
@@ -104,6 +108,7 @@ void follow_inverse(int irand, std::vector<double>& w) {
     const row_factor factor = factor_of(a);
     for (int j = 1; j <= factor.n; ++j) {
         const auto k = static_cast<std::size_t>(j);
+        // relative: the units of an inverse are the user's
         if (factor.pivot[k] > 1.0e-10 * a.diag[static_cast<std::size_t>(factor.eq[k])]) continue;
         print_list(screen(),
                    "***** ERROR : Inverse of effect \"" + model.krandom(irand) + "\" is not positive definite - level",
@@ -131,6 +136,7 @@ void sample_block(int irand, std::vector<double>& u, std::vector<double>& total)
         draws.draw(w);
         for (int i = 1; i <= n; ++i)
             for (int j = i; j <= n; ++j)
+                // of the draws themselves: what covariances were simulated from
                 total[static_cast<std::size_t>(ihmssf(i, j, n) - 1)] +=
                     w[static_cast<std::size_t>(i - 1)] * w[static_cast<std::size_t>(j - 1)];
     }
@@ -142,6 +148,7 @@ void sample_block(int irand, std::vector<double>& u, std::vector<double>& total)
 bool dependent_row(int n, int j, std::span<const double> sig, const array<double, 2>& chol) {
     constexpr double negligible = 1.0e-5;
     const auto element = [&](int i, int k) { return sig[static_cast<std::size_t>(ihmssf(i, k, n) - 1)]; };
+    // what is left of the elements below the pivot
     for (int i = j + 1; i <= n; ++i) {
         double s = element(j, i);
         for (int k = 1; k < j; ++k) s -= chol(i, k) * chol(j, k);
@@ -159,6 +166,7 @@ void mvnormal_initial(int n, std::span<const double> sig, array<double, 2>& chol
         const double diagonal = sig[static_cast<std::size_t>(ihmssf(j, j, n) - 1)];
         double pivot = diagonal;
         for (int k = 1; k < j; ++k) pivot -= chol(j, k) * chol(j, k);
+        // a variance that follows from the others: its column stays 0
         if (std::fabs(pivot) <= vanishing * std::fabs(diagonal) && dependent_row(n, j, sig, chol)) continue;
         if (!(pivot > 0.0)) {
             print_list(screen(), "***** Routine \"MVNORMAL_INITIAL\": negative/small pivot encountered");

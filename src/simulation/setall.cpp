@@ -14,6 +14,7 @@ constexpr int a1vw = 2082007225, a2vw = 784306273; // multipliers of a jump to t
 
 } // namespace
 
+// a s mod m; the product fits into 64 bits
 int mltmod(int a, int s, int m) {
     if (a <= 0 || a >= m || s <= 0 || s >= m) {
         print_list(screen(), " A, M, S out of order in MLTMOD - ABORT!");
@@ -31,6 +32,7 @@ void initgn(int isdtyp) {
         stop(" INITGN called before random number generator initialized");
     }
     const auto g = static_cast<std::size_t>(r.curntg - 1);
+    // -1: back to the first seed, 1: on to the next block, 0: back to the start of this one
     if (isdtyp == -1) {
         r.lg1[g] = r.ig1[g];
         r.lg2[g] = r.ig2[g];
@@ -50,6 +52,7 @@ void setall(int iseed1, int iseed2) {
     const int current = r.curntg;
     r.ig1[0] = iseed1;
     r.ig2[0] = iseed2;
+    // each generator begins far behind the one before
     for (int g = 1; g <= generators; ++g) {
         const auto k = static_cast<std::size_t>(g - 1);
         if (g > 1) {

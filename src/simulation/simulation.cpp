@@ -46,6 +46,7 @@ struct line_levels {
 std::vector<int> traits_of(const array<double>& dvec, int iq) {
     std::vector<int> list;
     for (int t = iq > 0 ? iq : 1; t <= (iq > 0 ? iq : numbers.nq); ++t)
+        // a trait without an observation gets none
         if (!is_missing(t, dvec(mudmap.tr_dcolno(t)))) list.push_back(t);
     return list;
 }
@@ -89,6 +90,7 @@ void gather_sim() {
         line.first_of_subject = starts ? 1 : 0;
         line.ynq = traits_of(dvec, iq);
         for (int t : line.ynq) {
+            // maxrand places a trait, 0 where it has fewer effects
             for (int i = 1; i <= maxrand; ++i) line.iraand.push_back(i <= model.nrnd(t) ? random_level(dvec, i, t) : 0);
             if (options.randreg) control_levels(dvec, t, line.imeta);
         }
@@ -108,6 +110,7 @@ bool levels_fit(const line_levels& line) {
             if (level < 1 || level > levels.rn_nlev(mudmap.rn_irand(i, iq))) return false;
         }
         for (int irrc = 1; irrc <= (options.randreg ? model.nrrc : 0); ++irrc) {
+            // 0: the trait does not have the variable
             const int least = control_place(irrc, iq) > 0 ? 1 : 0, most = static_cast<int>(control_codes(irrc).size());
             const int level =
                 line.imeta[obs * static_cast<std::size_t>(model.nrrc) + static_cast<std::size_t>(irrc - 1)];
@@ -147,7 +150,9 @@ struct subject_record {
 double subject_covariance(const subject_record& a, const subject_record& b, const std::vector<double>& peq) {
     const int k = packed_place(a.iq, b.iq, numbers.nq);
     const double p = peq[static_cast<std::size_t>(k - 1)];
+    // one trait in one line is one record
     if (a.iq == b.iq) return a.line == b.line ? model.cov(k, 0) + p : p;
+    // as the likelihood has it for records of two traits
     return model.cov(k, 0) + 2.0 * p;
 }
 
@@ -168,6 +173,7 @@ private:
         std::vector<double> sig;
         for (std::size_t i = 0; i < records.size(); ++i)
             for (std::size_t j = i; j < records.size(); ++j)
+                // packed upper triangle by rows
                 sig.push_back(subject_covariance(records[i], records[j], peq));
         mvnormal_initial(static_cast<int>(records.size()), sig, chol);
     }
@@ -179,6 +185,7 @@ std::vector<double> set_sigres_rreg() {
     std::vector<double> sd;
     for (int step = 1; step <= model.rr_resteps; ++step) {
         array<double, 2> chol;
+        // one variance for each class
         const double v = model.cov(step, 0);
         mvnormal_initial(1, std::span<const double>(&v, 1), chol);
         sd.push_back(chol(1, 1));
@@ -200,6 +207,7 @@ double random_part(const line_levels& line, std::size_t obs, const random_sample
         const auto& phi = phimat.phi(phimat.kkphi(i, iq));
         const int a =
             line.imeta[obs * static_cast<std::size_t>(model.nrrc) + static_cast<std::size_t>(mudmap.irmeta(i, iq) - 1)];
+        // value of the effect's curve at this value of the control variable
         for (int c = 1; c <= mudmap.kfitrnd(i, iq); ++c) sum += phi(a, c) * ul[place + c - 2];
     }
     return sum;
@@ -213,6 +221,7 @@ double residual_rreg(const line_levels& line, std::size_t obs, const std::vector
         return one;
     }();
     double z = 0.0;
+    // drawn like all others, so that the stream of numbers is one
     mvnormal_draw(1, unit, std::span<double>(&z, 1));
     int step = 1;
     if (model.rr_resteps > 1) {
@@ -231,6 +240,7 @@ std::string data_item(double x) {
 
 int number_in_data(int iq) {
     for (int jq = 1; jq < 100; ++jq)
+        // traits are numbered anew where the analysis leaves some out
         if (datafile.iq_newno[jq] == iq) return jq;
     return iq;
 }
@@ -290,6 +300,7 @@ void write_subject(simulated_lines& lines, text_out& out, const subject_lines& s
     if (!options.randreg) e = subject_residuals_muv(s, draws);
     for (std::size_t l = 0; l < s.lines.size(); ++l) {
         const line_levels& line = s.lines[l];
+        // all traits in a line: those without a record keep their missing value
         std::vector<double> simval(mudmap.alltraits ? static_cast<std::size_t>(numbers.nq) : 1);
         if (mudmap.alltraits)
             for (int iq = 1; iq <= numbers.nq; ++iq) simval[static_cast<std::size_t>(iq - 1)] = datafile.missvalue[iq];
@@ -309,6 +320,7 @@ void write_subject(simulated_lines& lines, text_out& out, const subject_lines& s
 
 std::string columns_text(const array<double>& dvec, int iq) {
     const int n = datafile.ndatcol[column_set(iq > 0 ? iq : 1)];
+    // the columns of the record as they were; simulated values come behind them
     std::string text = iq > 0 ? std::to_string(number_in_data(iq)) : data_item(dvec(1));
     for (int c = 2; c <= (iq > 0 ? n : mudmap.maxcol); ++c) text += " " + data_item(dvec(c));
     return text;
@@ -350,6 +362,7 @@ void report_covariances(const std::vector<std::vector<double>>& simtot) {
         if (irand == residualvars.ipeq) continue; // drawn with the residuals
         const int n = model.kkfit(irand);
         print_list(screen(), "Random effect no.", irand, levels.rn_nlev(irand));
+        // mean of products: expectations are the given covariances
         const double draws = static_cast<double>(levels.rn_nlev(irand)) * simulation.nrepsim;
         for (int i = 1; i <= n; ++i)
             for (int j = i; j <= n; ++j) {
@@ -387,6 +400,7 @@ void simulate_data() {
         const std::string digits = std::to_string(irep);
         sample_randeffs(u, simtot);
         make_data("SimData" + std::string(3 - digits.size(), '0') + digits + ".dat", u, draws, sd);
+        // an interrupt ends the run between replicates: files are whole
         if (irep < simulation.nrepsim) end_if_asked(false);
     }
     report_covariances(simtot);
