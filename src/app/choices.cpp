@@ -32,6 +32,7 @@ bool reduced_rank() {
 } // namespace
 
 void choose_algorithm() {
+    // equations of factors: rounds of PX-EM first, since loadings may be far off at the start
     if (options.principal && !options.algorithm_set) {
         maximise.ncycle = 1;
         options.pxai = true;
@@ -40,6 +41,7 @@ void choose_algorithm() {
             return;
         }
     }
+    // correlated effects in one block: plain EM, then AI-REML
     if (!options.sigam) return;
     if (options.algorithm_set) {
         restrict_to_plain_em();
@@ -52,6 +54,7 @@ void choose_algorithm() {
 
 void choose_reconstruct() {
     if (options.principal && reduced_rank())
+        // average information at reduced rank needs the relationships themselves
         options.superai = true;
     else if (!options.reco_set)
         options.reconstruct = false;
@@ -65,6 +68,7 @@ bool any_nrm_effect() {
 }
 
 bool choose_small_problem(int nparm) {
+    // AI-REML alone: with few parameters the start is near enough for it
     if (options.algorithm_set || options.blup || nparm >= nparm_for_pxem)
         return false; // BLUP takes the matrices as given
     maximise.search_type = 1;

@@ -34,6 +34,7 @@ double dense_rate() {
     const double start = cpu_time();
     double seconds = 0.0;
     int calls = 0;
+    // long against the clock's ticks
     for (; seconds < 0.03; ++calls) {
         dense_kernels().product(w, store_mode::set, m, m, m, a.data(), m, a.data(), m, c.data(), m);
         seconds = cpu_time() - start;
@@ -43,10 +44,12 @@ double dense_rate() {
 
 // Values of the factor and of the right-hand side, and the work space of the kernels.
 double numeric_bytes() {
+    // diagonal, right-hand sides and solutions beside the factor
     double words = static_cast<double>(sparse.maxlnz) + 4.0 * sparse.n;
     if (supernodes_wanted()) {
         const supernode_tree& tree = supernodes(sparse, kernels.work);
         const double panel = static_cast<double>(tree.rows) * std::min(tree.width, wide);
+        // panels of the inverse, the larger of the two; update matrices or the inverse below a front
         words += 5.0 * panel + static_cast<double>(std::max(tree.triangles[0] + tree.triangles[1], tree.inverse));
         const int threads = threads_wanted();
         const double piece = static_cast<double>(tree.piece_rows) * std::min(tree.piece_width, wide);
@@ -77,6 +80,7 @@ double free_memory(std::string_view meminfo) {
     double sum = 0.0;
     bool known = false;
     std::istringstream lines{std::string(meminfo)};
+    // "name: number kB", one a line
     for (std::string line; std::getline(lines, line);) {
         std::istringstream words(line);
         std::string name;
@@ -84,6 +88,7 @@ double free_memory(std::string_view meminfo) {
         if (!(words >> name >> kilobytes)) continue;
         if (name != "MemAvailable:" && name != "SwapFree:") continue;
         known = known || name == "MemAvailable:";
+        // swap counts: a run in it is slow, but ends
         sum += 1024.0 * kilobytes;
     }
     return known ? sum : -1.0;
@@ -111,11 +116,13 @@ double entry_of(const std::filesystem::path& file, std::string_view name) {
 double left_in_group(const std::filesystem::path& group, bool first_kind) {
     const double limit = number_in(group / (first_kind ? "memory.limit_in_bytes" : "memory.max"));
     const double used = number_in(group / (first_kind ? "memory.usage_in_bytes" : "memory.current"));
+    // a limit beyond all machines stands for none
     if (limit < 0.0 || used < 0.0 || limit > 1.0e18) return -1.0;
     const double cached = entry_of(group / "memory.stat", first_kind ? "total_inactive_file" : "inactive_file");
     return std::max(0.0, limit - used + cached);
 }
 
+// such files have no size: they are read to their end
 std::string text_of(const char* file) {
     std::ifstream in(file);
     std::ostringstream text;
@@ -132,11 +139,13 @@ double group_memory(const std::filesystem::path& root, std::string_view groups) 
         const auto first = line.find(':'), second = line.find(':', first + 1);
         if (second == std::string::npos || line.size() < second + 2) continue;
         const std::string kinds = line.substr(first + 1, second - first - 1);
+        // the older way names its controllers and has a tree for memory; the newer one names none
         const bool first_kind = ("," + kinds + ",").find(",memory,") != std::string::npos;
         if (!first_kind && !kinds.empty()) continue;
         const std::filesystem::path top = first_kind ? root / "memory" : root;
         for (std::filesystem::path path = line.substr(second + 1);; path = path.parent_path()) { // and all above it
             const double left = left_in_group(top / path.relative_path(), first_kind);
+            // the tightest of the groups counts
             if (left >= 0.0 && (least < 0.0 || left < least)) least = left;
             if (path.relative_path().empty()) break;
         }
@@ -147,6 +156,7 @@ double group_memory(const std::filesystem::path& root, std::string_view groups) 
 void tell_forecast(const cost_forecast& c) {
     const bool known = c.free >= 0.0;
     const bool short_of_memory = known && c.bytes > c.free;
+    // minutes, or half of what is free
     const bool much = iterate_seconds(c) > 60.0 || (known && c.bytes > 0.5 * c.free);
     if (options.print_times || options.setup_only || short_of_memory || (much && !options.terse))
         screen().line(forecast_line(c));
@@ -163,6 +173,7 @@ void forecast() {
     c.equations = sparse.n - 1;
     c.elements = sparse.maxlnz;
     c.operations = count_operations(sparse.n, sparse.ixvec1);
+    // not worth measuring the processor
     const bool small = c.operations < many_operations && 8.0 * static_cast<double>(c.elements) < many_bytes;
     if (small && !always) return;
     c.bytes = numeric_bytes();

@@ -37,6 +37,7 @@ name_list inputs() {
         for (int i = 1; i <= model.nrnd(iq); ++i)
             if (model.rnd_opt(i, iq) == covariance_kind::gin)
                 for (const char* end : {".gin", ".codes"})
+                    // the order of fit is not part of the name
                     list.push_back(model.random(i, iq).substr(0, model.random(i, iq).find('(')) + end);
     if (!options.bestonly)
         for (auto& name : basis_files(true)) list.push_back(name);
@@ -72,6 +73,7 @@ name_list made_whole() {
     const auto& f = filenames;
     name_list list{f.bestfile, f.inbrdfile, f.ordersfile, f.adjacfile, f.symfacfile};
     if (options.json) list.push_back(f.resultsfile);
+    // copies of rounds
     for (int iround = 1; options.devtrace && iround <= 999; ++iround) list.push_back(bestpoint_copy(iround));
     for (int i = 1; i <= numbers.krand; ++i) {
         list.push_back(nrminv_name(i));
@@ -92,6 +94,7 @@ name_list working_files() {
     for (auto& name : basis_files(false)) list.push_back(name);
     for (const auto& name : made_whole())
         for (const char* end : {"", ".tmp"}) list.push_back(name + end);
+    // where reports of an earlier run are put
     for (const auto& name : reports()) list.push_back(name + ".old");
     return list;
 }
@@ -119,9 +122,11 @@ void check_inputs() {
     for (auto& name : working_files()) outputs_of_run.push_back(name);
     std::map<identity, std::string> there;
     identity id;
+    // files by what they are, not by name: links and other paths are found too
     for (const auto& output : outputs_of_run)
         if (identify(output, id)) there.emplace(id, output);
     for (const auto& input : inputs()) {
+        // a file that is not there yet is known by its name alone
         if (std::find(outputs_of_run.begin(), outputs_of_run.end(), input) != outputs_of_run.end())
             refuse(input, input);
         if (!identify(input, id)) continue;
@@ -132,6 +137,7 @@ void check_inputs() {
 void put_old_reports_aside() {
     for (const auto& name : reports()) {
         struct stat s = {};
+        // devices and folders stay where they are
         if (stat(name.c_str(), &s) != 0 || !S_ISREG(s.st_mode)) continue;
         if (std::rename(name.c_str(), (name + ".old").c_str()) != 0) stop_with("Cannot rename file \"" + name + "\"");
     }

@@ -55,6 +55,7 @@ namespace tarvex {
 
 namespace {
 
+// In its place: pointers to members that others hold, if any, stay good.
 template <class... M> void anew(M&... modules) {
     (std::destroy_at(&modules), ...);
     (std::construct_at(&modules), ...);
@@ -63,6 +64,7 @@ template <class... M> void anew(M&... modules) {
 } // namespace
 
 void new_analysis() {
+    // of an analysis that ended before
     unlock_folder();
     anew(outputs);
     anew(filenames, maximise, numbers, options, times, warnings);

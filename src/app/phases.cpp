@@ -64,7 +64,9 @@ void read_model() {
 }
 
 ending read_analysis() {
+    // a report writes no working file: it may run beside a search
     if (!options.bestonly) lock_folder();
+    // order: names of files must be known before inputs are checked, inputs before anything is written
     read_model();
     choose_algorithm();
     choose_reconstruct();
@@ -72,6 +74,7 @@ ending read_analysis() {
     check_inputs();
     write_trace();
     put_old_reports_aside();
+    // before the search changes what it was given
     sum_model();
     note_inputs();
     return {};
@@ -94,10 +97,12 @@ ending read_pedigree_and_data() {
         pedigree_list();
         secateurs();
     }
+    // levels of genetic effects are those of the pruned list
     data_scan1st();
     remark_on_input();
     gen_inverses();
     sum_up_warnings();
+    // needs relationships, but no equations
     if (options.simulation) {
         simulate_data();
         write_given_loadings();
@@ -110,16 +115,20 @@ ending read_pedigree_and_data() {
 
 ending set_up_equations() {
     equation_nos();
+    // records by equations as numbered
     data_recode(starts_of_equations());
     end_if_asked(false);
     sum_inputs();
     write_modelsum();
+    // matrices decide which equations and records are linked
     covs2parvec();
     check_usrdefcovs();
+    // dependent equations must be known before the others are ordered
     lsq_fixed();
     end_if_asked(false);
     eqnorders();
     end_if_asked(false);
+    // the same records by the final order
     new_eqnnos();
     forecast();
     if (options.details || options.setup_only) screen().line("Set-up complete");
@@ -129,6 +138,7 @@ ending set_up_equations() {
 }
 
 ending set_up_stores() {
+    // the number of parameters is known only now; another algorithm has another scale
     if (choose_small_problem(estimates.nparm)) covs2parvec();
     if (options.pxem || (options.emalgorithm && options.principal)) pxem_setup();
     setup4like();
@@ -144,6 +154,7 @@ ending solve_or_estimate() {
         return "\"Tarvex\" done";
     }
     get_estimates();
+    // solutions before estimates: an error in sampling covariances leaves these
     write_fixsolns();
     write_randsolns();
     write_residuals();
@@ -186,6 +197,7 @@ private:
 // Tells the end of a finished run. A run that could not write all of its reports is none.
 int tell_end(std::string last_line) {
     flush_all();
+    // a full disk is told late, but told
     const bool good = outputs.failed.empty();
     if (!good) {
         screen().line("Error writing file \"" + outputs.failed + "\"");
@@ -217,6 +229,7 @@ std::optional<std::string> run_to(run_stage last, int argc, const char* const* a
     tvxtimes(1);
     if (!runoptions(argc, argv)) return finish_run();
     for (const phase& p : phases) {
+        // tests and benchmarks leave here
         if (p.stage > last) return {};
         if (auto end = p.run()) return end;
     }

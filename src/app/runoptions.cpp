@@ -72,6 +72,7 @@ using text = std::string_view;
 
 void verbose(text rest, text) {
     options.verbose = true;
+    // the later of the two counts
     options.terse = false;
     if (rest.starts_with('2')) options.werbose = true;
 }
@@ -81,10 +82,12 @@ void terse(text, text) {
 }
 void continued(text, text) { options.continew = true; }
 void best(text, text) {
+    // a report of what is stored: no sampling errors, which would need the data
     options.bestonly = options.continew = true;
     options.sevars = false;
 }
 void blup(text, text) {
+    // covariances on their own scale, as EM has them
     options.blup = options.emalgorithm = true;
     options.aireml = options.pxem = false;
 }
@@ -162,8 +165,10 @@ void metis(text rest, text arg) {
     if (rest.starts_with("all") || rest.starts_with("ALL")) {
         orders.order_type = -3;
         rest.remove_prefix(3);
+        // numbers come behind a comma
         if (!rest.starts_with(',')) rest = {};
     }
+    // separators, pruning, matching, refinement
     option_numbers(rest, arg).take(opts[7]).take(opts[6]).take(opts[1]).take(opts[3]);
     check_metis_options();
 }
@@ -219,6 +224,7 @@ void em_alone(text rest, text arg, bool expanded) {
     options.pxai = false;
     options.pxem = expanded;
     maximise.search_type = 5;
+    // in effect: until it has converged
     maximise.pxem_its = 5000;
     option_numbers(rest, arg).take(maximise.pxem_its, 1).take(maximise.aiconv_like);
 }
@@ -250,6 +256,7 @@ void starting_values(int rounds) {
 void good(text, text) { starting_values(1); }
 void bad(text, text) {
     starting_values(8);
+    // twice as many iterates; the product fits into 32 bits
     maximise.aireml_its = std::clamp(maximise.aireml_its, INT_MIN / 2, INT_MAX / 2) * 2;
 }
 void cycle(text rest, text arg) {
@@ -260,6 +267,7 @@ void cycle(text rest, text arg) {
 void zero(text rest, text arg) {
     int n = INT_MIN;
     option_numbers(rest, arg).take(n);
+    // --zero8 is 1e-8
     if (n != INT_MIN) numbers.zero = std::pow(10.0, -static_cast<double>(n));
 }
 
@@ -337,6 +345,7 @@ bool matches(text arg, text spelling, int n) {
     const auto at = [](text s, std::size_t i) { return i < s.size() ? s[i] : ' '; };
     const std::size_t longest = std::max(static_cast<std::size_t>(n), spelling.size());
     for (std::size_t i = 0; i < longest; ++i)
+        // as if both were padded with blanks: "-c" matches "-continue", "--amd" does not match "--am"
         if ((i < static_cast<std::size_t>(n) ? at(arg, i) : ' ') != at(spelling, i)) return false;
     return true;
 }
@@ -370,12 +379,14 @@ void read_runoptions(text_out& trace) {
     check_text_file(filenames.runopfile);
     std::ifstream file(filenames.runopfile);
     if (file) skip_mark(file);
+    // a folder opens, but cannot be read
     if (file) file.peek();
     if (!file.is_open() || file.bad()) stop_with("Cannot read file \"" + filenames.runopfile + "\"");
     for (std::string line; std::getline(file, line);) {
         const std::string arg = left_adjusted(line);
         if (arg.empty()) continue; // would be taken for a name
         if (options.devtrace) write(trace, "(3a,t30)", "Read from \"", filenames.runopfile, "\" : ", arg);
+        // a last argument without a dash is the parameter file's name
         get_option(arg, true);
         if (options.limits) return;
     }
@@ -435,6 +446,7 @@ std::span<const option_record> option_table() { return table; }
 
 std::string parfile_name(std::string_view arg) {
     std::string name(trim_right(arg.substr(0, parfile_length)));
+    // no room for the ending in 30 characters
     if (name.size() >= 26 || name.ends_with(".par")) return name;
     return name + ".par";
 }
@@ -447,6 +459,7 @@ void get_option(std::string_view text, bool last) {
     }
     for (const option_record& option : table) {
         if (!matches(arg, option.lower, option.n_lower) && !matches(arg, option.upper, option.n_upper)) continue;
+        // what stands behind the spelling: numbers, or nothing
         option.apply(std::string_view(arg).substr(std::min(option.lower.size(), arg.size())), arg);
         return;
     }
@@ -462,6 +475,7 @@ bool runoptions(int argc, const char* const* argv) {
     if (options.limits) return false;
     if (options.devtrace) write_curropts(trace);
     trace.flush();
+    // a continued run starts near the maximum
     if (options.continew && !options.algorithm_set) choose_search(1);
     return true;
 }

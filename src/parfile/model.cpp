@@ -9,6 +9,7 @@ namespace tarvex {
 
 int cov_length(int irand) {
     const int n = model.kkfit(irand);
+    // the residual is given in full, class after class
     if (irand > 0 && model.diagonal(irand) != 0) return n;
     return n * (n + 1) / 2 * (irand == 0 ? model.rr_resteps : 1);
 }

@@ -27,6 +27,7 @@ int effect_number(const std::string& name, int iq) {
 
 void tie_effect(int i, int iq, int irand, int place) {
     auto& m = mudmap;
+    // 0: not tied yet
     if (m.rn_irand(i, iq) != 0) {
         print_list(screen(), " Random effect in more than one covariance block : ", model.random(i, iq));
         stoptarvex();
@@ -49,6 +50,7 @@ void check_rrorder(int irand, int iq, int order) {
 
 void block_option(int irand, covariance_kind opt) {
     covariance_kind& kov = mudmap.kovrnd(irand);
+    // all traits of a block have one structure
     if (opt == covariance_kind::none || (kov != covariance_kind::none && kov != opt)) {
         print_list(screen(), "invalid cov option ", model.krandom(irand));
         stoptarvex();
@@ -77,11 +79,13 @@ int tie_correlated(int irand, const std::string& name, int which, int before) {
         ++n;
         const int place = before + n;
         tie_effect(i, iq, irand, place);
+        // one place too many is told by the caller, with the counts
         if (place <= m.rn_trait.upper(1)) {
             m.rn_trait(place, irand) = iq;
             m.rn_which(place, irand) = which;
         }
         m.ksfit(irand, iq) += 1;
+        // the animal is the subject, unless something else has been named
         if (m.subj_dcolno(iq) < 0 && !line_is_subject()) m.subj_dcolno(iq) = m.rn_dcolno(i, iq);
     }
     return n;
@@ -109,6 +113,7 @@ void number_matrices() {
         m.iranno(irand) = static_cast<int>(at - known.begin()) + 1;
         if (at == known.end()) known.push_back(columns);
     }
+    // matrices to be made
     m.nrunno = static_cast<int>(known.size());
 }
 
@@ -154,6 +159,7 @@ void random_regular(int irand) {
         order = m.kfitrnd(i, iq);
         if (options.randreg) check_rrorder(irand, iq, order);
         m.ksfit(irand, iq) = order;
+        // random regression: a trait has all coefficients; else one place a trait
         const int first = options.randreg ? 1 : m.nnq(irand) + 1;
         ++m.nnq(irand);
         tie_effect(i, iq, irand, first);
@@ -161,6 +167,7 @@ void random_regular(int irand) {
             m.rn_trait(place, irand) = iq;
             m.rn_which(place, irand) = 1;
         }
+        // the animal, or the only random effect: its level is the subject
         const bool decides = opt == covariance_kind::nrm || model.nrnd(iq) == 1;
         if (m.subj_dcolno(iq) < 0 && decides && !line_is_subject()) m.subj_dcolno(iq) = m.rn_dcolno(i, iq);
     }
@@ -172,6 +179,7 @@ void random_regular(int irand) {
 
 void random_sigam(int irand) {
     auto& m = mudmap;
+    // "first+second": the block is named by both effects
     const std::string& name = model.krandom(irand);
     const auto plus = name.find(plus_char);
     if (plus == std::string::npos) {
@@ -199,6 +207,7 @@ void random_sigam(int irand) {
                    name);
         stoptarvex();
     }
+    // both are animals of one pedigree
     m.kovrnd(irand) = covariance_kind::nrm;
     print_list(screen(), "Option for covariances between random effects had very");
     print_list(screen(), " little testing !!!");

@@ -35,6 +35,7 @@ void all_traits_line() {
 }
 
 void find_lines() {
+    // one model for all traits: a line of data holds all of them, without a trait number
     mudmap.alltraits = options.equal_model && !options.renumbered;
     if (mudmap.alltraits && datafile.grouped) all_traits_line();
     mudmap.maxcol = 0;
@@ -71,6 +72,7 @@ void effect_position(const std::string& name, int iq, int& icol, int& icol2, std
     if (star == std::string::npos) return;
     std::int64_t mlev2 = 0;
     datposition(name.substr(star + 1), iq, icol2, mlev2);
+    // 0: no limit has been given
     mlev = mlev > 0 && mlev2 > 0 ? mlev * mlev2 : 0;
 }
 
@@ -124,6 +126,7 @@ bracket split_bracket(const std::string& s) {
     const auto open = s.find('(');
     b.name = s.substr(0, open);
     if (open == std::string::npos) return b;
+    // name(order,text): all in this order
     const auto comma = s.find(',', open), close = s.find(')', open);
     b.comma = comma != std::string::npos;
     b.closed = close != std::string::npos && b.comma && close > comma;
@@ -157,6 +160,7 @@ void covariable_type(int i, int iq, const bracket& b) {
         options.legendre = true;
     } else if (type == "BSP") {
         options.bsplines = true;
+        // BSP alone is linear, the letter behind it the degree (L, Q, C)
         m.cv_degree(i, iq) = text.size() > 3 ? spline_degree(text[3]) : 1;
         if (m.cv_nestcolno(i, iq) > 0) nested_spline_warning();
     } else if (type == "SPL" || type == "USR") {
@@ -202,6 +206,7 @@ void basis_function(int i, int iq, const std::string& text, const std::string& w
     auto& m = mudmap;
     if (text.size() < 3) name_err("RR type option too short \"", whole);
     check_rropt(upper3(text), m.irropt(i, iq));
+    // splines of either kind
     if (m.irropt(i, iq) == 2 || m.irropt(i, iq) == 3) m.ibsdeg(i, iq) = text.size() > 3 ? spline_degree(text[3]) : 1;
 }
 
@@ -216,10 +221,12 @@ void map_rrbasis(int i, int iq) {
     if (!b.closed) name_err("Missing \")\" in RR effect \"", whole);
     const auto comma = b.text.find(',');
     std::string control = comma == std::string::npos ? "" : b.text.substr(comma + 1);
+    // one word that is a control variable and no basis
     if (comma == std::string::npos && !is_basis_word(b.text) && control_number(b.text) > 0)
         control = b.text;
     else
         basis_function(i, iq, b.text.substr(0, comma), whole);
+    // the only control variable need not be named
     m.irmeta(i, iq) = control.empty() && model.nrrc == 1 ? 1 : control_number(control);
     if (m.irmeta(i, iq) == 0) model_err(" No match for RR control variable found");
 }
@@ -234,6 +241,7 @@ void map_random(int iq) {
         effect_position(name, iq, m.rn_dcolno(i, iq), m.rn_dcolno2(i, iq), m.rn_mlev(i, iq));
         if (model.rnd_opt(i, iq) == covariance_kind::nrm && m.rn_dcolno2(i, iq) > 0)
             tvx_notyet(); // a pedigree knows single codes
+        // levels of a pedigree are counted, not limited
         if (model.rnd_opt(i, iq) != covariance_kind::nrm) check_limit(m.rn_mlev(i, iq), name, m.maxlev_rnd);
         m.maxlev_rnd = std::max(m.maxlev_rnd, m.rn_mlev(i, iq));
     }
@@ -267,6 +275,7 @@ void map_subject(int iq) {
 
 void check_residual() {
     if (model.kkfit(0) == 0) stop_with("No residual covariances given !");
+    // random regression: set from the number of traits, with classes beside
     if (model.kkfit(0) == numbers.nq) return;
     print_list(screen(), "Order of residual covariance matrix is not the no. of traits :", model.kkfit(0), numbers.nq);
     stoptarvex();
@@ -289,6 +298,7 @@ void datposition(const std::string& name, int iq, int& icol, std::int64_t& mlev)
     const int jq = column_set(iq);
     for (icol = 1; icol <= datafile.ndatcol[jq]; ++icol)
         if (datafile.colname[icol][jq] == name) {
+            // lines of one trait begin with its number
             if (icol == 1 && !mudmap.alltraits)
                 name_err("Column of the trait number cannot be in the model : \"", name);
             mlev = datafile.mlevels[icol][jq];
@@ -321,6 +331,7 @@ int spline_degree(char ch) {
     capitalise(letter, 1);
     const auto degree = std::string_view("LQC").find(letter);
     if (degree == std::string_view::npos) name_err("Invalid option for degree of spline \"", std::string_view(&ch, 1));
+    // linear 1, quadratic 2, cubic 3
     return static_cast<int>(degree) + 1;
 }
 

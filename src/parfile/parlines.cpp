@@ -20,6 +20,7 @@ void set_line(par_lines& p, std::string_view text) {
     p.pline = trim(text);
     p.pline.resize(plinelen, ' ');
     p.i1 = 1;
+    // i1 to i2-1: the current token; i3: last column that counts
     p.i3 = plinelen;
     p.i2 = 1;
     while (p.i2 <= plinelen && at(p, p.i2) != ' ') ++p.i2;
@@ -30,6 +31,7 @@ void set_line(par_lines& p, std::string_view text) {
 bool open_text(std::ifstream& in, const std::string& name) {
     in.open(name);
     if (in) skip_mark(in);
+    // a folder opens, but cannot be read
     if (in) in.peek();
     return in.is_open() && !in.bad();
 }
@@ -44,6 +46,7 @@ void get_pline(par_lines& p) {
         }
         for (char& c : record)
             if (c == '\t' || c == '\r') c = ' ';
+        // the rest of a long line is lost, as the echo shows
         if (record.size() > plinelen) record.resize(plinelen);
         if (!record.empty() && record.front() != comment_char && !trim_right(record).empty()) break;
     }
@@ -51,6 +54,7 @@ void get_pline(par_lines& p) {
     ++p.nline;
     p.iend = 0;
     if (options.verbose) write(screen(), "(2h**,a,2h**)   ", p.pline);
+    // key words count in either case; blocks of names switch that off
     if (p.ucase) capitalise(p.pline, 3);
 }
 
@@ -61,9 +65,11 @@ void conti_line(par_lines& p) {
 
 bool next_var(par_lines& p) {
     int j = p.i2;
+    // past the current token, past blanks, to the end of the next one
     while (j <= p.i3 && at(p, j) != ' ') ++j;
     while (j <= p.i3 && at(p, j) == ' ') ++j;
     p.i1 = j;
+    // no token left: the line stays used up
     p.i2 = plinelen + 1;
     if (j > p.i3) return false;
     while (j <= p.i3 && at(p, j) != ' ') ++j;
@@ -95,6 +101,7 @@ bool read_real(std::string_view text, double& value) { return list_reader(text).
 
 void end_char(par_lines& p, int from) {
     p.i3 = line_length(p);
+    // the last comment sign of the line
     for (int j = p.i3; j >= from; --j)
         if (at(p, j) == comment_char) {
             p.i3 = j - 1;
@@ -103,6 +110,7 @@ void end_char(par_lines& p, int from) {
 }
 
 int find_char(const par_lines& p, char ch) {
+    // behind the key word
     const auto j = trim_right(p.pline).find(ch, 3);
     return j == std::string_view::npos ? 0 : static_cast<int>(j) + 1;
 }

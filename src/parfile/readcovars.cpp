@@ -40,6 +40,7 @@ std::string next_value(par_state& s) {
         return s.start_tokens[s.start_at++];
     }
     if (!next_var(p)) conti_line(p);
+    // a plus at the end of a line is the old way to go on
     while (token(p) == "+") conti_line(p);
     return token(p);
 }
@@ -47,6 +48,7 @@ std::string next_value(par_state& s) {
 double real_value(par_state& s) {
     double x = 0.0;
     if (!read_real(next_value(s), x)) rdpar_err(s.lines, value_failure);
+    // not a number, too
     if (!(std::fabs(x) <= largest_value)) {
         print_list(screen(), "Starting value is no finite number, or too large :", x);
         rdpar_err(s.lines, value_failure);
@@ -83,6 +85,7 @@ void check_range(int i) {
 }
 
 void read_steps(par_state& s, int n) {
+    // two bounds and the covariances of the class, on a line of their own
     for (int i = 1; i <= model.rr_resteps; ++i) {
         new_line(s);
         model.me_range(1, i) = integer_value(s);
@@ -100,6 +103,7 @@ void read_individual_vars(par_state& s, int n) {
             read_values(s, 0, n);
             continue;
         }
+        // a line has n values, the first as its first token
         get_pline(p);
         if (p.iend != 0) rdpar_err(p, "read error ?");
         double x = 0.0;
@@ -128,6 +132,7 @@ bool is_qualifier(const std::string& t) {
 void read_qualifier(par_state& s) {
     auto& p = s.lines;
     if (!next_var(p)) rdpar_err(p, "Premature end of line ?");
+    // an order in front of the word is passed over
     while (is_digit(token(p).front()))
         if (!next_var(p)) rdpar_err(p, "Qualifier for ME variances missing");
     model.me_type = upper3(token(p));
@@ -168,6 +173,7 @@ void read_residual(par_state& s, const std::string& name) {
         read_qualifier(s);
     else
         model.kkfit(0) = read_order(s.lines);
+    // one residual for each trait, of whatever classes
     if (options.randreg) model.kkfit(0) = numbers.nq;
     model.krfit(0) = model.kkfit(0);
     const int n = model.kkfit(0) * (model.kkfit(0) + 1) / 2;
@@ -186,6 +192,7 @@ void read_option(par_state& s, int irand) {
     while (next_var(p)) {
         const std::string t = token(p);
         if (!is_digit(t.front())) {
+            // repeats by record: settled when all blocks are read
             if (upper3(t) == "REC") s.by_record = model.krandom(irand);
             if (upper3(t) != "DIA") return;
             model.diagonal(irand) = 1;
@@ -211,12 +218,14 @@ void read_block(par_state& s, const std::string& name) {
             print_list(screen(), " Random effect name used more than once : ", name);
             stoptarvex();
         }
+    // more blocks than random effects
     if (numbers.krand == s.maxblocks) rdpar_err(p, "Max. no. of random effects exceeded !");
     const int irand = ++numbers.krand;
     model.krandom(irand) = name;
     model.kkfit(irand) = n;
     model.krfit(irand) = m;
     read_option(s, irand);
+    // correlated effects in one block
     if (find_char(p, plus_char) > 0) {
         options.sigam = true;
         model.correlated(irand) = 1;
@@ -228,6 +237,7 @@ void read_block(par_state& s, const std::string& name) {
 bool is_residual(const par_lines& line, const std::string& name) {
     const std::string head = upper3(name);
     if (head == "ERR" || head == "RES") return true;
+    // random regression: the residual may have any name, its qualifier tells it
     if (!options.randreg) return false;
     const std::string& text = line.pline;
     std::istringstream rest(text.substr(static_cast<std::size_t>(line.i2 - 1)));
@@ -280,9 +290,11 @@ void store_covars(par_state& s) {
     const int krand = numbers.krand;
     std::size_t maxij = 1;
     for (int irand = 0; irand <= krand; ++irand) maxij = std::max(maxij, s.values[at(irand)].size());
+    // a column for each block, as long as the longest
     allocate("alloc cov", model.cov, static_cast<std::ptrdiff_t>(maxij), krand);
     for (int irand = 0; irand <= krand; ++irand)
         std::copy(s.values[at(irand)].begin(), s.values[at(irand)].end(), model.cov.column(irand).begin());
+    // fewer blocks than names of effects are possible
     model.krandom.resize(krand);
     for (auto* a : {&model.kkfit, &model.krfit, &model.diagonal, &model.correlated}) a->resize(krand);
 }
@@ -292,6 +304,7 @@ void store_covars(par_state& s) {
 void read_starting(par_state& s) {
     auto& p = s.lines;
     if (!next_var(p)) rdpar_err(p, "File name is missing !");
+    // values could not be told apart any more
     if (numbers.krand > 0 || (!s.values.empty() && !s.values[0].empty()))
         rdpar_err(p, "Give file of starting values before covariances !");
     filenames.stvalfile = token(p, file_length);
@@ -312,6 +325,7 @@ void read_starting(par_state& s) {
                        column);
             rdpar_err(p, value_failure);
         }
+        // a comma parts values, where it is no decimal comma
         std::replace(line.begin(), line.end(), ',', ' ');
         std::istringstream tokens(line);
         for (std::string t; tokens >> t && t.front() != comment_char;) s.start_tokens.push_back(t);

@@ -13,6 +13,7 @@ namespace {
 
 void add_column(const par_lines& p, int iq, const std::string& name, int mlev, bool of_trait) {
     int& n = datafile.ndatcol[iq];
+    // names are cut: two columns may have become one
     for (int i = 1; i <= n; ++i)
         if (datafile.colname[i][iq] == name)
             rdpar_err(p, "Column named twice, or names that agree in their first 20 characters : \"" + name + "\"");
@@ -49,6 +50,7 @@ bool block_line(par_state& s) {
 // Trait number behind TR; takes it off the line.
 int read_traitno(par_lines& p) {
     int iq = 0;
+    // "TR 1 name" or "TR1name", with one or two digits
     if (p.pline[2] == ' ') {
         iq = next_digit(p);
         drop_head(p, p.i2 - 1);
@@ -69,12 +71,14 @@ void read_individual(par_state& s) {
     auto& p = s.lines;
     int iq = 1;
     while (block_line(s)) {
+        // columns that follow belong to this trait
         if (const std::string head = p.pline.substr(0, 2); head == "TR" || head == "tr" || head == "Tr")
             iq = read_traitno(p);
         if (upper3(p.pline) == "COL") {
             drop_head(p, p.i2 - 1);
             end_char(p, 1);
         }
+        // a comment alone
         const std::string name = token(p, name_length);
         if (name.empty() || name.front() == ' ' || name.front() == comment_char) continue;
         add_column(p, iq, name, read_mlevels(p), false);
@@ -87,6 +91,7 @@ void read_names(par_lines& p, const std::vector<int>& itrvec) {
         if (!next_var(p)) return;
         const std::string name = token(p, name_length);
         add_column(p, iq, name, 0, true);
+        // the line as it stands, for data that hold all traits in a line
         datafile.grpline.push_back({name, 0});
     }
 }
@@ -113,6 +118,7 @@ void read_grouped(par_state& s) {
         for (int iq : itrvec) add_column(p, iq, name, mm, false);
         datafile.grpline.push_back({name, mm});
     }
+    // the file ended: told by the check of what is missing
     if (!s.data_spec) return;
     for (int iq = 1; iq <= numbers.nq; ++iq)
         if (datafile.ndatcol[iq] == 0) rdpar_err(p, "Grouped data : trait(s) omitted");
@@ -126,6 +132,7 @@ void read_data(par_state& s) {
     filenames.datfile = token(p, file_length);
     std::string form = next_var(p) ? token(p) : "";
     capitalise(form, 3);
+    // names of columns count as they are written
     p.ucase = false;
     if (form == "GRP")
         read_grouped(s);

@@ -42,6 +42,7 @@ void add_zerout(par_lines& p) {
     const std::string name = token(p, name_length);
     std::int64_t code = 0;
     int iq = 1;
+    // one trait: its number need not be given
     const bool good = next_code(p, code) && (numbers.nq == 1 || next_integer(p, iq)) && iq >= 1 && iq <= numbers.nq;
     if (!good) rdpar_err(p, "\"Zero out\" code or trait no.");
     if (z.nzerout == maxzerout) rdpar_err(p, "Too many effects to be zeroed out");
@@ -58,6 +59,7 @@ usrdefcovs_module::term sum_term(const par_lines& p) {
     usrdefcovs_module::term term{0, 1.0};
     bool good = is_digit(t.front()) && read_integer(std::string_view(t).substr(0, open), term.isig) && term.isig > 0;
     if (open != std::string::npos)
+        // isig(factor); without a bracket the factor is 1
         good = good && close != std::string::npos && close > open &&
                read_real(std::string_view(t).substr(open + 1, close - open - 1), term.factor);
     if (!good) rdpar_err(p, "Something wrong parsing line !");
@@ -91,6 +93,7 @@ void add_parameter(par_lines& p, const std::string& name, int kind) {
         stoptarvex();
     }
     std::array<int, 4> igp{kind, 0, 0, 0};
+    // numbers of the covariances, as ListofCovs has them
     for (int i = 1; i <= kind + 1; ++i) igp[static_cast<std::size_t>(i)] = next_digit(p);
     ++u.naddgps;
     u.addgpname.push_back(name);
@@ -127,6 +130,7 @@ void read_pseudofix(par_state& s) {
     auto& p = s.lines;
     auto& r = randasfix;
     options.pseudofix = true;
+    // weight of such levels; the default has been set
     if (next_var(p) && !read_real(token(p), r.psfixfact)) rdpar_err(p, "Something wrong parsing line !");
     p.ucase = false;
     while (block_line(p, "Error reading PSEUDOFIX lines")) {

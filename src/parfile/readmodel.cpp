@@ -22,6 +22,7 @@ std::vector<int> get_traitnos(par_lines& p) {
             rdpar_err(p, "Invalid trait no. specified");
         itrvec.push_back(iq);
     }
+    // no number: all traits
     if (itrvec.empty())
         for (int iq = 1; iq <= numbers.nq; ++iq) itrvec.push_back(iq);
     return itrvec;
@@ -31,6 +32,7 @@ namespace {
 
 // Traits of a model line: those behind its last token, or all.
 std::vector<int> line_traits(par_lines& p) {
+    // one model for all: numbers behind a name are not looked at
     if (options.equal_model) p.i2 = plinelen + 1;
     return get_traitnos(p);
 }
@@ -56,6 +58,7 @@ void add_covar(par_lines& p, const std::string& name) {
 void read_fixed(par_state& s) {
     const std::string t = effect_token(s.lines);
     const std::string name = t.substr(0, name_length);
+    // a bracket makes it a covariable, whatever the key word
     if (t.find('(') != std::string::npos)
         add_covar(s.lines, name);
     else
@@ -86,6 +89,7 @@ void check_rrname(const par_lines& p, const std::string& t) {
 // The option behind a random effect, if there is one; otherwise the line is left at the effect.
 covariance_kind read_covoption(par_lines& p) {
     const int i1 = p.i1, i2 = p.i2;
+    // no word: identity
     if (!next_var(p) || is_digit(token(p).front())) {
         p.i1 = i1;
         p.i2 = i2;
@@ -124,6 +128,7 @@ void read_control(par_state& s) {
         if (model.nmeta(iq) == maxmeta) rdpar_err(p, "Max. no. of RR control variables exceeded !");
         model.rricontrol(++model.nmeta(iq), iq) = name;
     }
+    // numbered once over all traits
     if (std::count(model.rrcontrol.begin(), model.rrcontrol.end(), name) > 0) return;
     model.rrcontrol.push_back(name);
     ++model.nrrc;
@@ -156,6 +161,7 @@ int get_iqnew(const par_lines& p) {
     const std::string t = token(p);
     const auto close = t.find('"', 1);
     int jq = 0, iq = 0;
+    // one or two digits between the quotes
     bool good = close != std::string::npos && (close == 2 || close == 3) && t.compare(close + 1, 2, "->") == 0;
     good = good && is_digit(t[1]) && is_digit(t[close - 1]) && t.size() > close + 3 && is_digit(t[close + 3]);
     good = good && read_integer(std::string_view(t).substr(1, close - 1), jq) && jq > 0;
@@ -175,10 +181,12 @@ int trait_number(par_lines& p, bool& more) {
     more = next_var(p);
     const char first = more ? token(p).front() : ' ';
     if (first == '"') {
+        // renumbered: the missing value may follow
         iq = get_iqnew(p);
         more = next_var(p);
         return iq;
     }
+    // the only trait: a number in front of the missing value must be its own
     if (numbers.nq == 1) {
         if (is_digit(first)) {
             int number = 0;
@@ -201,6 +209,7 @@ void read_trait(par_state& s) {
     bool more = false;
     const int iq = trait_number(p, more);
     if (more) {
+        // codes are compared as whole numbers
         if (find_char(p, '.') > 0) rdpar_err(p, "Decimal point in missing value code ?");
         if (!read_integer(token(p), datafile.missvalue[iq])) rdpar_err(p, "Something wrong parsing line !");
     }
@@ -260,6 +269,7 @@ void allocate_blocks(par_state& s) {
             const std::string& name = model.random(i, iq);
             names.insert(name.substr(0, name.find('(')));
         }
+    // a name counts once over the traits
     s.maxblocks = std::min(static_cast<int>(names.size()), maxrand);
     allocate("alloc krandom", model.krandom, s.maxblocks);
     for (auto* a : {&model.kkfit, &model.krfit, &model.diagonal, &model.correlated})
@@ -284,6 +294,7 @@ void read_model(par_state& s) {
         if (p.iend != 0) return;
         const std::string code = p.pline.substr(0, 3);
         if (code == "END") break;
+        // two letters do for TR and MU
         const auto* k = std::find_if(std::begin(model_lines), std::end(model_lines),
                                      [&](const model_line& x) { return code.starts_with(x.code); });
         if (k == std::end(model_lines)) rdpar_err(p, "Invalid code in model specification");

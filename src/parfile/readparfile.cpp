@@ -55,6 +55,7 @@ void read_pedfile(par_state& s) {
     if (options.pedigrees) rdpar_err(s.lines, "Pedigree file already given");
     filenames.pedfile = file_token(s.lines);
     options.pedigrees = true;
+    // the word behind the name
     options.siremodel = next_var(s.lines) && upper3(token(s.lines)) == "SIR";
     if (options.verbose) print_list(screen(), "Pedigree file : \"", filenames.pedfile, "\"");
 }
@@ -96,6 +97,7 @@ void read_traitcount(par_lines& p, bool count) {
 int analysis_type(const std::string& text) {
     static constexpr const char* codes[] = {"UNI", "MUV", "RR", "MRR", "SPE"};
     const std::string code = upper3(text);
+    // any word that begins so
     if (code.substr(0, 2) == "RR") return 3;
     for (int i = 0; i < 5; ++i)
         if (code == codes[i]) return i + 1;
@@ -108,6 +110,7 @@ void read_analysis(par_state& s) {
     if (!next_var(p)) rdpar_err(p, "Invalid analysis type specified");
     const auto from = static_cast<std::size_t>(p.i1 - 1);
     const auto length = std::min<std::size_t>(15, static_cast<std::size_t>(p.i3 - p.i1 + 1));
+    // for the reports: the word with what follows it, at most 15 characters
     model.analysis = trim(p.pline.substr(from, length));
     model.anal_type = analysis_type(token(p));
     if (model.anal_type == 0) rdpar_err(p, "Invalid analysis type specified");
@@ -116,6 +119,7 @@ void read_analysis(par_state& s) {
     options.principal = false;
     options.randreg = model.anal_type == 3 || model.anal_type == 4;
     numbers.nq = 1;
+    // "UNI" has one trait and knows no PC
     if (model.anal_type != 1) read_traitcount(p, several);
     options.equal_model = model.anal_type == 1;
     allocate_traits(s);
