@@ -13,6 +13,7 @@ namespace tvx {
 
 namespace {
 
+// shortest text that reads back equal
 void put(std::string& out, double x) {
     char buffer[64];
     const auto end = std::to_chars(buffer, buffer + sizeof buffer, x).ptr;
@@ -43,6 +44,7 @@ std::string data_in_lines(draft& d) {
         put_row(d, row, out);
         for (std::size_t iq = 0; iq < d.y.size(); ++iq) {
             if (iq > 0) out += ' ';
+            // a trait without a record has the code of a missing one
             put(out, std::isnan(d.y[iq][row]) ? d.s.traits[iq].missing : d.y[iq][row]);
         }
         out += '\n';
@@ -54,11 +56,13 @@ std::string data_in_lines(draft& d) {
 // One trait a line; the lines of a record follow each other.
 std::string data_by_trait(draft& d) {
     std::string out;
+    // number of the line of the table: subjects of several traits are told by it
     long long record = 0;
     for (const std::size_t row : d.order) {
         ++record;
         for (std::size_t iq = 0; iq < d.y.size(); ++iq) {
             if (std::isnan(d.y[iq][row])) continue;
+            // the trait's number comes first
             put(out, static_cast<long long>(iq) + 1);
             out += ' ';
             put_row(d, row, out);
@@ -76,6 +80,7 @@ std::string data_by_trait(draft& d) {
 
 std::string pedigree_text(const draft& d) {
     std::string out;
+    // codes follow the generations: parents have smaller ones
     for (std::size_t i = 0; i < d.s.animals.size(); ++i) {
         put(out, static_cast<long long>(i) + 1);
         out += ' ';
@@ -99,6 +104,7 @@ std::string remark_text(std::string text, std::size_t length) {
 void add_remarks(std::string& out, const std::string& text) {
     std::string rest = text;
     while (!rest.empty()) {
+        // cut at a blank where there is one
         std::size_t n = rest.size() <= 74 ? rest.size() : rest.rfind(' ', 74);
         if (n == std::string::npos || n == 0) n = std::min<std::size_t>(rest.size(), 74);
         out += "#   " + remark_text(rest.substr(0, n), 74) + "\n";
@@ -108,6 +114,7 @@ void add_remarks(std::string& out, const std::string& text) {
 
 void add_column(std::string& out, const std::string& name, int levels, const std::string& user) {
     std::string line = "  " + name;
+    // largest code: the program wants a limit
     if (levels > 0) line += " " + std::to_string(levels);
     if (user != name) {
         if (line.size() < 28) line.resize(28, ' ');
@@ -130,6 +137,7 @@ void add_columns(const draft& d, std::string& out) {
 // Groups of traits whose names fit on a line.
 std::vector<std::vector<int>> trait_groups(const draft& d) {
     std::vector<std::vector<int>> groups(1);
+    // lines of the parameter file hold 78 characters
     std::size_t length = 8;
     for (const auto& t : d.s.traits) {
         if (length + t.column.size() + 1 > 74) {
@@ -210,6 +218,7 @@ void add_nesting(const draft& d, std::string& out) {
                     return g.e.kind == kind && g.cls == f.cls && fits(g, t.number);
                 });
             };
+            // a class that is fitted for the trait is known by that
             if (has("covariable") && !has("fixed")) traits.push_back(t.number);
         }
         if (!traits.empty()) add_model_line(d, out, "EXT " + d.classes[f.cls].name, traits);
@@ -221,6 +230,7 @@ void add_means(draft& d, std::string& out) {
     for (auto& t : d.s.traits) {
         const bool held = std::any_of(d.effects.begin(), d.effects.end(),
                                       [&](const auto& f) { return f.e.kind == "fixed" && fits(f, t.number); });
+        // a fixed class holds the mean
         t.own_mean = !held;
         if (!held) traits.push_back(t.number);
     }
@@ -244,6 +254,7 @@ void add_model(draft& d, std::string& out) {
 
 std::string value_text(double x, bool exact) {
     char buffer[40];
+    // starting values made from the data need no more digits
     if (!exact) {
         std::snprintf(buffer, sizeof buffer, " %.5g", x);
         return buffer;
@@ -275,6 +286,7 @@ void add_residual_classes(const draft& d, const start_block& b, std::string& out
         const auto& r = d.s.residuals[k];
         char line[96];
         std::snprintf(line, sizeof line, "   %lld %lld",
+                      // bounds in the whole numbers of the data file: inwards, so that classes do not meet
                       static_cast<long long>(std::ceil(r.from * factor - 1e-9) - d.s.control_shift),
                       static_cast<long long>(std::floor(r.to * factor + 1e-9) - d.s.control_shift));
         out += line + value_text(b.values.size() > 1 ? b.values[k] : b.values[0], b.exact) + "\n";
@@ -283,6 +295,7 @@ void add_residual_classes(const draft& d, const start_block& b, std::string& out
 
 std::string block_line(const draft& d, const start_block& b) {
     if (b.name != "residual")
+        // name, order and, with components, rank
         return b.name + " " + std::to_string(b.order) +
                (d.s.rank > 0 ? " " + std::to_string(std::min(d.s.rank, b.order)) : "");
     if (!d.randreg) return b.name + " " + std::to_string(b.order);
@@ -318,6 +331,7 @@ void add_heading(const draft& d, std::string& out) {
 std::string parameter_file(draft& d, const std::vector<start_block>& blocks) {
     std::string out;
     add_heading(d, out);
+    // PC: components instead of covariances
     out += "ANA " + d.s.analysis + (d.s.rank > 0 ? " PC" : "");
     if (d.s.analysis == "MUV") out += " " + std::to_string(d.s.traits.size());
     out += "\n";

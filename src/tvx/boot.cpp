@@ -29,12 +29,14 @@ struct spread {
 };
 
 double quantile(const std::vector<double>& sorted, double p) {
+    // quantile by linear interpolation between order statistics
     const double at = p * static_cast<double>(sorted.size() - 1);
     const auto k = static_cast<std::size_t>(at);
     return k + 1 < sorted.size() ? sorted[k] + (at - std::floor(at)) * (sorted[k + 1] - sorted[k]) : sorted.back();
 }
 
 spread spread_of(std::vector<double> x) {
+    // a ratio may be undefined in some replicates
     std::erase_if(x, [](double v) { return !std::isfinite(v); });
     spread s;
     if (x.empty()) return s;
@@ -62,8 +64,10 @@ std::vector<std::vector<component>> replicates(const run_results& r, const std::
         run_results one;
         one.folder = folder + "/" + name;
         one.estimates = read_json_file(one.folder + "/Results.json");
+        // names and units are those of the study
         if (r.made_by) one.made_by = std::make_unique<study>(*r.made_by);
         const std::string verdict = judge(one).verdict;
+        // others would spread the estimates by failed searches
         if (verdict == "arrived" || verdict == "boundary") list.push_back(components_of(one));
     }
     return list;
@@ -77,12 +81,14 @@ int boot(const boot_choice& c) {
     const std::string folder = r.folder + "/boot";
     std::filesystem::create_directories(folder);
     const auto data = simulate_data(r, folder, c.n, c.seed);
+    // searches start from what the data were simulated from
     const std::string par = at_estimates(r, read_text(par_file_of(r)));
     std::map<std::string, std::string> jobs;
     for (std::size_t i = 0; i < data.size(); ++i) {
         const std::string name = "rep" + std::to_string(i + 1);
         make_job(r, par, data[i], folder + "/" + name);
         std::string options = " --json";
+        // options of the run: the same algorithm and scale
         for (const auto& o :
              r.run.is_object() ? r.run.value("options", std::vector<std::string>()) : std::vector<std::string>())
             options += " " + shell_quoted(o);

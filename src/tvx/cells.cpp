@@ -30,6 +30,7 @@ struct column_reader {
 
 column_reader make_reader(draft& d) {
     column_reader r{d, {}, {}, {}, {}};
+    // -999 given as missing covers -999.0 in the table
     for (const auto& text : d.na.more) {
         double x = 0.0;
         if (csv_number(d.table, text, x)) r.na.push_back(x);
@@ -76,6 +77,7 @@ void look_for_codes(column_reader& r, const std::vector<double>& x, std::size_t 
         }
     }
     for (const auto& [code, n] : extreme) {
+        // a negative code among values that are not, or a large one far beyond them
         const bool below = code < 0 && low >= 0, above = code > 0 && n > 2 && high < code / 5;
         if (!(below || above)) continue;
         const std::string text = std::to_string(static_cast<long long>(code));
@@ -98,8 +100,10 @@ void throw_bad_cells(const column_reader& r) {
 bool class_missing(const draft& d, const draft_class& c, const std::vector<char>& zero, std::size_t row) {
     for (std::size_t k = 0; k < c.cols.size(); ++k) {
         const auto cell = d.table.at(row, c.cols[k]);
+        // an animal "0" is the unknown one
         if (d.na.missing(cell) || ((zero[k] != 0 || c.animals) && cell == "0")) return true;
     }
+    // class of a parent: the pedigree tells which
     if (c.parent == 0) return false;
     const auto at = d.ped.place.find(d.table.at(row, c.cols[0]));
     if (at == d.ped.place.end()) return true;
@@ -147,6 +151,7 @@ void drop_incomplete(draft& d, const std::vector<std::vector<char>>& there) {
         for (std::size_t row = 0; row < d.table.rows; ++row) {
             if (std::isnan(d.y[iq][row])) continue;
             std::string why;
+            // the first thing that is missing is told
             for (const int c : n.classes)
                 if (why.empty() && there[c][row] == 0) why = "missing " + class_name(d.classes[c]);
             for (const int k : n.numbers)
@@ -185,10 +190,12 @@ void set_moments(study_trait& t, const std::vector<double>& y) {
 void scale_trait(draft& d, study_trait& t, std::vector<double>& y) {
     set_moments(t, y);
     if (d.request.keep_units) return;
+    // 1e-9: a deviation of exactly 10^k is not brought below 1
     t.power = static_cast<int>(std::floor(std::log10(t.sd) + 1e-9));
     if (t.power == 0) return;
     const std::size_t col = csv_column(d.table, t.name, "formula");
     for (std::size_t row = 0; row < y.size(); ++row)
+        // from the cell once more: multiplying would round twice
         if (!std::isnan(y[row])) csv_number(d.table, d.table.at(row, col), t.power, y[row]);
 }
 
@@ -200,6 +207,7 @@ void choose_missing(draft& d) {
             if (std::find(y.begin(), y.end(), static_cast<double>(code)) != y.end()) return true;
         return false;
     };
+    // -999, -9999, -99999, ..
     while (taken()) code = code * 10 - 9;
     for (auto& t : d.s.traits) t.missing = code;
 }
@@ -218,12 +226,14 @@ void scale_control(draft& d, draft_number& n) {
     };
     for (std::size_t row = 0; row < d.table.rows; ++row) {
         if (!row_used(d, row)) continue;
+        // as many decimals as the value with most of them
         while (power < 7 && !whole(n.value[row])) ++power;
         low = std::min(low, n.value[row]);
     }
     if (power == 7) throw fault{"\"" + n.from + "\": values of a control variable have at most six decimals"};
     const double factor = std::pow(10.0, power);
     d.s.control_power = power;
+    // to 0 only if there are values below it
     d.s.control_shift = low < 0 ? std::round(low * factor) : 0.0;
     std::vector<double> values;
     for (std::size_t row = 0; row < d.table.rows; ++row) {
@@ -272,6 +282,7 @@ void read_cells(draft& d) {
     std::vector<std::vector<char>> there;
     for (const auto& c : d.classes) there.push_back(present_classes(r, c));
     drop_incomplete(d, there);
+    // units are chosen from the records that are used
     for (std::size_t i = 0; i < d.y.size(); ++i) scale_trait(d, d.s.traits[i], d.y[i]);
     choose_missing(d);
     for (auto& n : d.numbers)
@@ -306,6 +317,7 @@ void number_own(draft& d, draft_class& c, const std::vector<char>& used) {
     std::string buffer;
     for (std::size_t row = 0; row < d.table.rows; ++row) {
         if (used[row] == 0) continue;
+        // numbered as they are met, then by their order
         const auto [entry, fresh] = place.emplace(class_text(d, c, row, buffer), static_cast<int>(ids.size()));
         if (fresh) ids.push_back(entry->first);
         at[row] = entry->second;
@@ -318,6 +330,7 @@ void number_own(draft& d, draft_class& c, const std::vector<char>& used) {
     for (std::size_t row = 0; row < d.table.rows; ++row)
         if (at[row] >= 0) c.code[row] = code[at[row]];
     c.levels = static_cast<int>(ids.size());
+    // combinations are not looked at: their parts are
     if (const auto twins = near_twins(ids); !twins.empty() && c.cols.size() == 1)
         d.s.remarks.push_back("\"" + class_name(c) +
                               "\": identifiers that differ in case, blanks or leading zeros only:\n" +
@@ -327,6 +340,7 @@ void number_own(draft& d, draft_class& c, const std::vector<char>& used) {
 // Codes in the order of a relationship matrix, which may have more levels than the records.
 void number_by_matrix(draft& d, draft_class& c, const std::vector<char>& used) {
     c.matrix = std::make_shared<relationship>(read_relationship(c.file));
+    // before the levels are sorted with their rows
     if (d.request.blend > 0) blend(*c.matrix, d.request.blend);
     sort_levels(*c.matrix);
     c.ids = c.matrix->ids;
@@ -364,6 +378,7 @@ std::vector<char> rows_of_class(const draft& d, std::size_t which) {
 void mark_candidates(draft& d, std::vector<char>& keep) {
     const std::string& which = d.request.candidates;
     if (which.empty()) return;
+    // or the program would leave them out again
     d.s.run_options.push_back("--allped");
     if (which == "all") {
         std::fill(keep.begin(), keep.end(), char{1});
@@ -422,6 +437,7 @@ void number_animals(draft& d) {
             if (used[row] == 0) continue;
             const std::size_t before_it = d.ped.ids.size();
             const int i = pedigree_place(d.ped, class_text(d, d.classes[k], row, buffer));
+            // it was not there, and has been added
             if (d.ped.ids.size() > before_it) strangers.push_back(d.ped.ids.back());
             at[k][row] = i;
         }
@@ -456,6 +472,7 @@ void number_classes(draft& d) {
     const bool animals = std::any_of(d.classes.begin(), d.classes.end(), [](const auto& c) { return c.animals; });
     if (animals) number_animals(d);
     std::string key;
+    // one key for all columns with animals
     for (auto& c : d.classes)
         if (c.animals) {
             if (key.empty()) key = c.name;

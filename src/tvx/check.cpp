@@ -98,6 +98,7 @@ par_fault fault_in(const std::string& told) {
 
 // Reads the file as it now stands; false with the fault.
 bool read_once(const par_text& p, par_fault& fault) {
+    // a copy beside the file: names of other files in it stay good
     const std::string part = p.name + ".check";
     std::string text;
     for (const auto& l : p.lines) text += l + "\n";
@@ -138,11 +139,13 @@ bool read_parameters(std::vector<finding>& findings, const std::string& name) {
         sound = false;
         std::string place;
         const auto at = std::find_if(p.lines.begin(), p.lines.end(), [&](const auto& l) {
+            // the program cuts lines behind 78 characters and puts its word in capitals
             return !fault.line.empty() && l.substr(0, 1) != "#" && plain(l.substr(0, 78)) == plain(fault.line);
         });
         if (at != p.lines.end()) place = "line " + std::to_string(at - p.lines.begin() + 1) + ": " + *at + ": ";
         add_case(findings, "P101", "the parameter file cannot be read", name + ", " + place + fault.message);
         if (at == p.lines.end() || !can_go(plain(*at))) return false;
+        // a remark in its place keeps the numbers of lines
         *at = "#";
     }
     return false;

@@ -98,6 +98,7 @@ bool split_line(pass& p, std::string_view text, int needed) {
         while (i < text.size() && blank(text[i])) ++i;
         const std::size_t from = i;
         while (i < text.size() && !blank(text[i]) && text[i] != ',') ++i;
+        // two commas with nothing between them hold an empty value
         if (i > from || (i < text.size() && text[i] == ',')) p.word.push_back(text.substr(from, i - from));
         while (i < text.size() && blank(text[i])) ++i;
         if (i < text.size() && text[i] == ',') ++i;
@@ -108,6 +109,7 @@ bool split_line(pass& p, std::string_view text, int needed) {
         double x = 0.0;
         const auto [end, error] = std::from_chars(w.data(), w.data() + w.size(), x);
         if (error != std::errc() || end != w.data() + w.size() || !std::isfinite(x)) {
+            // such numbers are read by the program
             const bool d_exponent = w.find_first_of("dD") != std::string_view::npos &&
                                     w.find_first_not_of("0123456789+-.dDeE") == std::string_view::npos;
             if (!d_exponent) {
@@ -132,6 +134,7 @@ void check_class(pass& p, class_column& c, int q) {
         add_case(p.findings, "W402", "code 0 of a fixed effect counts as a level of its own", at(p, c.icol, q));
     if (!c.codes_limited && code > tarvex::maxan)
         return add_case(p.findings, "D204", "a code above 399999", at(p, c.icol, q));
+    // two codes in one word
     c.levels.insert(code * (1LL << 31) + code2);
     if (c.codes_limited && static_cast<long long>(c.levels.size()) > c.most && !c.too_many) {
         c.too_many = true;
@@ -193,6 +196,7 @@ void check_line(pass& p, std::string_view text) {
     int q = 0;
     if (!mudmap.alltraits) q = trait_of(p, text);
     if (!mudmap.alltraits && q < 1) return;
+    // columns that the trait's set has
     const int needed = datafile.ndatcol[tarvex::column_set(std::max(q, 1))];
     if (!split_line(p, text, needed)) return;
     if (static_cast<int>(p.value.size()) <= needed)
@@ -207,10 +211,12 @@ void tell_odd_values(pass& p) {
     for (int q = 1; q <= numbers.nq; ++q) {
         const auto look = [&](int col, const std::string& what) {
             for (const auto& [x, n] : p.odd[col])
+                // all other values are no negative ones
                 if (p.low[col] >= 0)
                     add_case(p.findings, "W403", "a code for missing values is taken as a value",
                              what + ": " + std::to_string(n) + " times " + std::to_string(static_cast<int>(x)) +
                                  ", all others above or at " + std::to_string(p.low[col]));
+            // a column that several traits share is told once
             p.odd[col].clear();
         };
         for (int i = 1; i <= model.ncov(q); ++i) look(mudmap.cv_dcolno(i, q), "covariable " + model.covar(i, q));
@@ -255,6 +261,7 @@ void tell_subjects(pass& p) {
 // Two classes of a trait whose levels go together.
 void check_confounding(std::vector<finding>& findings, const std::vector<std::vector<std::array<long long, 2>>>& pairs,
                        const std::vector<class_column>& classes, int q) {
+    // pairs (i,j) in the order in which check_pairs makes them
     std::size_t k = 0;
     for (std::size_t i = 0; i < classes.size(); ++i)
         for (std::size_t j = i + 1; j < classes.size(); ++j, ++k) {
@@ -262,11 +269,13 @@ void check_confounding(std::vector<finding>& findings, const std::vector<std::ve
             bool i_tells = true, j_tells = true; // a level of i has one level of j
             for (const auto& [a, b] : pairs[k]) {
                 i_tells = i_tells && of_i.emplace(a, b).first->second == b;
+                // maps that never contradict: the relation is a function
                 j_tells = j_tells && of_j.emplace(b, a).first->second == a;
             }
             const bool related = classes[i].related || classes[j].related;
             const bool both = i_tells && j_tells && !related, fixed = classes[i].fixed && classes[j].fixed;
             if (classes[i].levels.size() < 2 || classes[j].levels.size() < 2) continue;
+            // fixed in either direction; a random effect held by a fixed one has nothing left
             const bool told =
                 both || (fixed && (i_tells || j_tells)) || (classes[i].fixed && !classes[j].fixed && i_tells);
             if (told && classes[i].icol != classes[j].icol)
@@ -321,6 +330,7 @@ void add_fixed(const pass& p, int q, fixed_part& part) {
         auto& c = part.covariables[static_cast<std::size_t>(i - 1)];
         c.value.push_back(p.value[mudmap.cv_dcolno(i, q)]);
         if (mudmap.cv_nestcolno(i, q) < 1) continue;
+        // the class may be an interaction: its second column
         const int fix = mudmap.cv_nestfix(i, q);
         const int second = fix > 0 ? mudmap.fx_dcolno2(fix, q) : fix < 0 ? mudmap.ex_dcolno2(-fix, q) : 0;
         c.level.push_back(code_at(p, mudmap.cv_nestcolno(i, q), second));
@@ -373,6 +383,7 @@ void check_strangers(std::vector<finding>& findings, const std::unordered_set<lo
     pass p{none, {}, {}, {}, {}, {}, {}, {}, {}, {}};
     strangers found;
     each_line(p, text, [&](std::string_view line) {
+        // 0: a line with all traits
         const int only = mudmap.alltraits ? 0 : trait_of(p, line);
         if (only < 0 || (only == 0 && !mudmap.alltraits)) return;
         const int needed = datafile.ndatcol[tarvex::column_set(std::max(only, 1))];

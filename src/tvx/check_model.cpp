@@ -109,6 +109,7 @@ void check_pedline(ped_state& s, int line, const std::string& text, long long a,
         add_case(s.findings, "G304", "an animal has two lines", place + ", and line " + std::to_string(at->second));
     if (f > 0) s.as_sire.emplace(f, line);
     if (m > 0) s.as_dam.emplace(m, line);
+    // sexes are told by use; with selfing an animal may be both
     if (!sires && f > 0 && s.as_dam.count(f) > 0 && !tarvex::options.selfing) add("G307", "a sire that is also a dam");
     if (!sires && m > 0 && s.as_sire.count(m) > 0 && !tarvex::options.selfing) add("G307", "a dam that is also a sire");
     s.dam_is_sire = s.dam_is_sire || s.as_sire.count(m) > 0;
@@ -149,6 +150,7 @@ void check_pedigree(std::vector<finding>& findings, std::unordered_set<long long
         else
             check_pedline(s, line, text, code[0], code[1], code[2]);
     }
+    // parents without a line of their own are in the pedigree too
     for (const auto* codes : {&s.line_of, &s.as_sire, &s.as_dam})
         for (const auto& [code, at] : *codes) listed.insert(code);
     if (tarvex::options.siremodel && !s.as_dam.empty() && !s.dam_is_sire)

@@ -59,6 +59,7 @@ public:
         } else if (c_.type == "LEG" && high_ > low_) {
             legendre(-1.0 + 2.0 * (x - low_) / (high_ - low_));
         } else {
+            // powers of a centred variable of range 1: columns of like size
             const double scale = high_ > low_ ? high_ - low_ : 1.0;
             row_[0] = 1.0;
             for (std::size_t k = 1; k < row_.size(); ++k) row_[k] = row_[k - 1] * (x - mean_) / scale;
@@ -88,6 +89,7 @@ std::vector<std::vector<int>> number_classes(const fixed_part& part, design& d) 
         std::unordered_map<long long, int> levels;
         std::vector<int> numbers;
         for (const long long code : c.code) {
+            // the first level stands in the mean
             const int k = level_of(levels, code);
             numbers.push_back(k > 0 ? d.n + k - 1 : -1);
         }
@@ -124,6 +126,7 @@ std::vector<placed_covariable> number_covariables(const fixed_part& part, design
 design design_of(const fixed_part& part) {
     design d;
     const bool constant = part.mean || !part.classes.empty();
+    // column 0 is the mean, or the first levels together
     d.n = constant ? 1 : 0;
     const auto classes = number_classes(part, d);
     auto covariables = number_covariables(part, d, constant);
@@ -147,6 +150,7 @@ design design_of(const fixed_part& part) {
 // Normal equations of columns of unit length; columns of zeros keep their length.
 tarvex::normal_equations equations_of(design& d) {
     std::vector<double> length(static_cast<std::size_t>(d.n), 0.0);
+    // unit length: one limit for pivots of all columns
     for (std::size_t k = 0; k < d.col.size(); ++k) length[static_cast<std::size_t>(d.col[k])] += d.x[k] * d.x[k];
     for (std::size_t k = 0; k < d.col.size(); ++k) d.x[k] /= std::sqrt(length[static_cast<std::size_t>(d.col[k])]);
     tarvex::normal_equations a(d.n);
@@ -178,6 +182,7 @@ std::vector<std::size_t> holders(const design& d, const tarvex::normal_equations
     std::vector<int> out(static_cast<std::size_t>(d.n), 0);
     for (std::size_t k = i + 1; k < d.terms.size(); ++k) mark(out, d.terms[k], 1);
     std::vector<std::size_t> list;
+    // from the nearest backwards: a term stays out if the dependency holds without it
     for (std::size_t k = i; k-- > 0;) {
         mark(out, d.terms[k], 1);
         if (dependent_in(d.terms[i], a, out) == dependent) continue;
@@ -191,6 +196,7 @@ std::vector<std::size_t> holders(const design& d, const tarvex::normal_equations
 bool nested_pair(const design& d, std::size_t i, const std::vector<std::size_t>& with, int dependent) {
     if (with.size() != 1) return false;
     const term &a = d.terms[i], &b = d.terms[with[0]];
+    // told already by the pairs of classes
     return a.column > 0 && b.column > 0 && a.column != b.column && dependent == std::min(a.count, b.count);
 }
 

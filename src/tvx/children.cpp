@@ -33,6 +33,7 @@ extern "C" void end_here(int) {
 void tell_stops() {
     struct sigaction own {
     }, before{};
+    // ignored by who started the command: stays so
     sigaction(SIGINT, nullptr, &before);
     own.sa_handler = end_here;
     if (before.sa_handler != SIG_IGN) sigaction(SIGINT, &own, nullptr);
@@ -72,11 +73,14 @@ int wait_for(pid_t child, const stop_watch& watch, const std::function<void()>& 
     int sent = 0, rounds = 0;
     for (int state = 0;;) {
         const pid_t done = waitpid(child, &state, WNOHANG);
+        // a signal as a shell gives it
         if (done == child) return WIFEXITED(state) ? WEXITSTATUS(state) : 128 + WTERMSIG(state);
         if (done < 0) return 126;
+        // each Ctrl-C goes on to the child, and to what it has started
         for (; sent < watch.asked(); ++sent)
             if (kill(-child, SIGINT) != 0) kill(child, SIGINT); // it may not lead its group yet
         meanwhile();
+        // short at first: many children end at once
         usleep(++rounds < 100 ? 2000 : 20000);
     }
 }

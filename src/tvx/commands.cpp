@@ -71,6 +71,7 @@ int run_command_line(int argc, const char* const* argv) {
     app.add_flag("--json", display.json, "results for machines: one JSON object on standard output");
     app.add_flag("--quiet", display.quiet, "no progress and no remarks");
     app.require_subcommand(1);
+    // options of all commands may stand behind the command too
     app.fallthrough();
     for (const registrar add : commands()) add(app, chosen);
     if (const int status = parse(app, argc, argv); status >= 0) return status;

@@ -28,6 +28,7 @@ void check_records(const json& a, const json& b) {
     if (a["traits"].size() != b["traits"].size()) refuse("they have other traits");
     for (std::size_t t = 0; t < a["traits"].size(); ++t)
         for (const char* what : {"records", "mean", "standard_deviation", "smallest", "largest"})
+            // the same records give the same moments to the last digit
             if (a["traits"][t][what] != b["traits"][t][what])
                 refuse("trait " + a["traits"][t]["name"].get<std::string>() + " has other records");
     const auto sum = [](const json& r) {
@@ -42,6 +43,7 @@ json fixed_part(const json& r) {
     auto list = json::array();
     for (const auto& e : r["effects"])
         if (e["kind"] == "mean" || e["kind"] == "fixed" || e["kind"] == "covariable") list.push_back(e);
+    // the order of effects in the formula does not matter
     std::sort(list.begin(), list.end());
     return list;
 }
@@ -64,6 +66,7 @@ std::vector<std::string> rows_of(const json& block) {
 
 int parameters_of(const json& block) {
     const int n = block["order"], r = block["rank"], steps = block["steps"];
+    // r columns of n, n-1, .. elements
     return steps * (block["diagonal"] == true ? n : r * (2 * n - r + 1) / 2);
 }
 
@@ -77,6 +80,7 @@ struct growth {
 
 void grow(growth& g, const std::string& words, std::vector<std::pair<int, double>> mixture, bool interior) {
     g.words.push_back(words);
+    // two steps at a time: their mixture is not known
     g.mixture = ++g.steps == 1 ? std::move(mixture) : std::vector<std::pair<int, double>>();
     g.interior = g.interior && interior;
 }
@@ -91,11 +95,14 @@ void grow_block(growth& g, const json& a, const json& b) {
     const int pa = parameters_of(a), pb = parameters_of(b), na = a["order"], nb = b["order"];
     if (a["structure"] != b["structure"]) refuse("\"" + name + "\" has another covariance structure");
     const auto ra = rows_of(a), rb = rows_of(b);
+    // both lists are sorted
     if (!std::includes(rb.begin(), rb.end(), ra.begin(), ra.end()))
         refuse("\"" + name + "\" of the smaller model is no part of that of the larger one");
     std::string ba = basis_of(a), bb = basis_of(b);
+    // orders stand at the end of a basis's name: a lower order is part of a higher one
     while (!ba.empty() && std::isdigit(static_cast<unsigned char>(ba.back()))) ba.pop_back();
     while (!bb.empty() && std::isdigit(static_cast<unsigned char>(bb.back()))) bb.pop_back();
+    // but spline functions of another number are other functions
     if (ba != bb || (ba.find("_BS") != std::string::npos && na != nb))
         refuse("the functions of \"" + name + "\" in the smaller model are no part of those in the larger one");
     if (pa == pb && na == nb && a["diagonal"] == b["diagonal"] && a["rank"] == b["rank"] && a["steps"] == b["steps"])
@@ -103,11 +110,14 @@ void grow_block(growth& g, const json& a, const json& b) {
     if (pb <= pa) refuse("\"" + name + "\" has no more parameters in the larger model");
     const bool full_a = a["diagonal"] == false && a["rank"] == na, full_b = b["diagonal"] == false && b["rank"] == nb;
     if (na == nb && b["number"] == 0 && a["steps"] == 1)
+        // inside the parameter space: chi-squared
         return grow(g, "several classes of residual variances for one", {{pb - pa, 1.0}}, true);
     if (na == nb && a["diagonal"] == true && full_b)
         return grow(g, "covariances of \"" + name + "\"", {{pb - pa, 1.0}}, true);
     if (nb == na + 1 && full_a && full_b && a["steps"] == b["steps"])
         return grow(g, "one more row of \"" + name + "\": a variance and " + std::to_string(na) + " covariances",
+                    // a variance at its border: half of the mass has a parameter less (Self and Liang 1987, Stram and
+                    // Lee 1994)
                     {{na, 0.5}, {na + 1, 0.5}}, false);
     grow(g, "\"" + name + "\" of higher order or rank", {}, false);
 }
@@ -121,6 +131,7 @@ std::map<std::string, const json*> random_blocks(const json& r) {
 
 growth growth_of(const json& small, const json& large) {
     growth g;
+    // block 0: the residual
     grow_block(g, small["blocks"][0], large["blocks"][0]);
     const auto a = random_blocks(small), b = random_blocks(large);
     for (const auto& [name, block] : a) {
@@ -158,6 +169,7 @@ growth growth_of(const json& small, const json& large) {
 } // namespace
 
 double mixture_tail(const std::vector<std::pair<int, double>>& mixture, double x) {
+    // df 0: all mass at 0
     double p = 0.0;
     for (const auto& [df, weight] : mixture)
         p += weight * (x <= 0.0  ? 1.0
@@ -177,6 +189,7 @@ lr_test compare_runs(const run_results& small, const run_results& large) {
     t.df = b["likelihood"]["parameters"].get<int>() - a["likelihood"]["parameters"].get<int>();
     if (g.steps == 0 || t.df < 1) refuse("the larger one has no more parameters than the smaller one");
     const double gain = number(b["likelihood"]["log_l"]) - number(a["likelihood"]["log_l"]);
+    // less than that is rounding between two searches
     if (gain < -0.01)
         throw fault{"the models cannot be compared: the larger one has the lower log L, so it is not at its maximum",
                     not_at_maximum};

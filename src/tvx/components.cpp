@@ -33,6 +33,7 @@ row_label label_of(const run_results& r, const json& f, int row) {
     if (block < 0) return {"phenotype", trait_name(r, row), row};
     if (effect.starts_with("sum of ")) {
         std::vector<int> traits;
+        // rows of a sum are the traits of the block, each once
         for (const auto& x : block_of(r, block)["rows"])
             if (const int t = x["trait"]; std::find(traits.begin(), traits.end(), t) == traits.end())
                 traits.push_back(t);
@@ -104,6 +105,7 @@ std::string ratio_words(const run_results& r, const json& f, const row_label& a,
                (a.effect == b.effect ? b.trait : b.effect + " " + b.trait);
     const int block = f["block"];
     if (block < 0 || r.estimates["run"]["random_regression"] == true) return "";
+    // the first genetic effect of animals, in a model without sires
     const bool animals = block > 0 && block_of(r, block)["structure"] == "NRM" &&
                          r.estimates["run"]["sire_model"] == false && !a.effect.starts_with("sum of ");
     const study_effect* e = block > 0 ? effect_of(r, block_of(r, block)["rows"][0]["effect"], a.number) : nullptr;
@@ -154,6 +156,7 @@ double estimate_set::se(const linear& f) const {
 double estimate_set::ratio_se(const linear& a, const linear& b) const {
     const double x = value(a), y = value(b);
     if (!(y > 0.0)) return none;
+    // var(a/b), first order
     const double v = covariance(a, a) / (y * y) + x * x * covariance(b, b) / (y * y * y * y) -
                      2.0 * x * covariance(a, b) / (y * y * y);
     return v > 0.0 ? std::sqrt(v) : none;
@@ -167,6 +170,7 @@ double estimate_set::correlation_se(const linear& c, const linear& a, const line
     f.add(c, 1.0 / root);
     f.add(a, -0.5 * x / (root * va));
     f.add(b, -0.5 * x / (root * vb));
+    // variance of the gradient's combination
     return se(f);
 }
 
@@ -188,6 +192,7 @@ std::vector<component> components_of(const run_results& r) {
         c.trait_i = a.trait;
         c.trait_j = b.trait;
         c.kind = f["kind"];
+        // covariances: product of both units
         const double unit = trait_unit(r, a.number) * trait_unit(r, b.number);
         c.estimate = number(f["estimate"]) * unit;
         c.se = number(f["se"]) * unit;
@@ -205,6 +210,7 @@ std::vector<component> components_of(const run_results& r) {
             c.mark = "not identified";
         else if (errors && std::isnan(c.se))
             c.mark = "failed";
+        // errors there would be those of a point inside
         if (c.mark == "boundary" || c.mark == "not identified") c.se = c.ratio_se = none;
         list.push_back(c);
     }
@@ -232,6 +238,7 @@ std::vector<curve> curves_of(const run_results& r) {
         if (name != control) continue; // one control variable is shown
         std::vector<linear> f(x.size());
         const auto n = basis["functions"][0].size();
+        // phi' K phi as a combination of the elements of K
         for (std::size_t a = 0; a < x.size(); ++a)
             for (std::size_t i = 0; i < n; ++i)
                 for (std::size_t j = i; j < n; ++j)
@@ -270,6 +277,7 @@ std::vector<eigen_part> eigen_parts(const run_results& r) {
     for (const auto& b : r.estimates["blocks"]) {
         const int n = b["order"], block = b["number"];
         if (n < 2 || b["diagonal"] == true || b["steps"] > 1) continue;
+        // eigenvalues of the matrix in phenotypic standard deviations, where there are any
         Eigen::VectorXd sd = Eigen::VectorXd::Ones(n);
         eigen_part part{block == 0 ? "residual" : b["name"].get<std::string>(), n, b["rank"], {}, {}, {}};
         for (int i = 1; i <= n; ++i) {
@@ -286,9 +294,11 @@ std::vector<eigen_part> eigen_parts(const run_results& r) {
                 k(i - 1, j - 1) = all.value(all.element(block, 1, i, j)) / (sd(i - 1) * sd(j - 1));
         const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> own(k);
         part.loadings.resize(static_cast<std::size_t>(n));
+        // ascending eigenvalues: the last ones, as many as the rank
         for (int c = n - 1; c >= n - part.rank; --c) {
             const double value = std::max(0.0, own.eigenvalues()(c));
             part.values.push_back(value);
+            // signs of eigenvectors mean nothing: the sum is made positive
             const double sign = own.eigenvectors().col(c).sum() < 0.0 ? -1.0 : 1.0;
             for (int i = 0; i < n; ++i)
                 part.loadings[static_cast<std::size_t>(i)].push_back(sign * std::sqrt(value) *

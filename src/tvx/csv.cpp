@@ -47,6 +47,7 @@ std::size_t utf8_length(std::string_view s, std::size_t i) {
     const unsigned b = byte(0);
     if (b < 0x80) return 1;
     if (b >= 0xC2 && b < 0xE0) return follows(1) ? 2 : 0;
+    // neither longer than need be, nor half of a pair
     if (b >= 0xE0 && b < 0xF0) {
         const bool shortest = b != 0xE0 || byte(1) >= 0xA0, no_surrogate = b != 0xED || byte(1) < 0xA0;
         return follows(1) && follows(2) && shortest && no_surrogate ? 3 : 0;
@@ -118,6 +119,7 @@ char find_separator(std::string_view text) {
         if (n == 0) continue;
         const auto even =
             std::count_if(lines.begin(), lines.end(), [&](auto l) { return count_separators(l, sep) == n; });
+        // blanks only if nothing else does as well
         const double score = static_cast<double>(even) / static_cast<double>(lines.size()) + (sep == ' ' ? 0.0 : 1e-3) +
                              1e-6 * static_cast<double>(n);
         if (score <= best_score) continue;
@@ -167,6 +169,7 @@ void end_of_row(int, void* data) {
         r.have_names = true;
         t.lines.push_back(r.first_line);
     } else if (!blank) {
+        // told together at the end; the row goes on with the right length
         if (r.row.size() != t.names.size()) {
             r.ragged.push_back("line " + std::to_string(r.first_line) + " has " + std::to_string(r.row.size()) +
                                " cells, the heading " + std::to_string(t.names.size()));
@@ -187,6 +190,7 @@ void end_of_row(int, void* data) {
 // Lines go to the parser one by one, so that each record knows its line.
 void parse_lines(row_reader& r, std::string_view text) {
     csv_parser p;
+    // strict: broken quotes are faults, not guessed at
     if (csv_init(&p, CSV_STRICT | CSV_STRICT_FINI) != 0) throw std::bad_alloc();
     const struct release {
         csv_parser& p;
@@ -196,6 +200,7 @@ void parse_lines(row_reader& r, std::string_view text) {
     while (!text.empty()) {
         std::string_view line = take_line(text);
         ++r.line;
+        // a record may go on over several lines within quotes
         if (r.row.empty() && p.quoted == 0) r.first_line = r.line;
         std::string tabs;
         if (r.t.separator == ' ') line = tabs = tabs_for_blanks(line);
@@ -213,6 +218,7 @@ bool plain_number(std::string_view s, char point) {
 }
 
 bool is_decimal(std::string_view s, char point) {
+    // one point, and a number with it
     return s.find(point) != std::string_view::npos && s.find(point) == s.rfind(point) && plain_number(s, point);
 }
 
@@ -248,6 +254,7 @@ bool looks_like_heading(const csv_table& t, const std::vector<std::string>& hint
         if (std::find(std::begin(usual), std::end(usual), plain) != std::end(usual)) return true;
         if (std::find(hints.begin(), hints.end(), name) != hints.end()) return true;
     }
+    // a word above a column of numbers
     for (std::size_t col = 0; col < t.names.size(); ++col) {
         bool all = t.rows > 0 && !t.names[col].empty() && !plain_number(t.names[col], '.');
         for (std::size_t row = 0; all && row < t.rows; ++row) all = plain_number(t.at(row, col), '.');
@@ -265,6 +272,7 @@ void set_heading(csv_table& t, csv_heading heading, const std::vector<std::strin
         if (numbers)
             throw fault{"\"" + t.file + "\": line " + std::to_string(t.lines.front()) +
                         " holds numbers where the names of the columns should be: add a heading"};
+        // the heading is no record: line numbers belong to rows
         t.lines.erase(t.lines.begin());
         return;
     }
@@ -281,6 +289,7 @@ void set_heading(csv_table& t, csv_heading heading, const std::vector<std::strin
     }
     t.cells.insert(t.cells.begin(), first.begin(), first.end());
     ++t.rows;
+    // columns without names go by their numbers
     for (std::size_t i = 0; i < t.names.size(); ++i) t.names[i] = std::to_string(i + 1);
 }
 
@@ -307,6 +316,7 @@ bool moved_number(std::string_view cell, char point, int power, double& x) {
         if (!(sign || (c >= '0' && c <= '9') || c == point)) return false;
         buffer[n++] = c == point ? '.' : c;
     }
+    // digits with "e<exponent - power>" behind them: converted once
     if (!any || points > 1) return false;
     n += static_cast<std::size_t>(std::snprintf(buffer.data() + n, buffer.size() - n, "e%d", exponent - power));
     const auto [end, error] = std::from_chars(buffer.data(), buffer.data() + n, x);
@@ -326,6 +336,7 @@ csv_table read_csv(const std::string& file, csv_heading heading, const std::vect
     if (text.find_first_not_of(" \t\r\n") == std::string_view::npos) throw fault{"\"" + file + "\" is empty"};
     t.separator = find_separator(text);
     t.text = std::make_shared<std::string>();
+    // cells are views into it: it must not move (tabs for blanks, a heading that becomes a record)
     t.text->reserve(2 * text.size() + 64);
     row_reader r{t, {}, 0, 0, {}};
     parse_lines(r, text);
@@ -388,6 +399,7 @@ std::vector<std::string> word_list(const std::string& text) {
 std::string nearest_name(const std::string& word, const std::vector<std::string>& names) {
     const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
     std::string best;
+    // a third of the word may differ
     std::size_t least = std::max<std::size_t>(1, word.size() / 3) + 1;
     for (const auto& name : names) { // Levenshtein distance, letters without case
         if (name.size() > word.size() + least || name.empty()) continue;

@@ -110,6 +110,7 @@ std::string message_entries(const std::string& message) {
     std::string found;
     std::string_view text(reinterpret_cast<const char*>(messages_page), messages_page_size);
     const std::string wanted = upper(message);
+    // entries of the page are headings of the third rank
     for (auto at = text.find("\n### "); at != std::string_view::npos;) {
         const auto next = std::min(text.find("\n#", at + 1), text.size());
         const auto entry = text.substr(at + 1, next - at);
@@ -122,6 +123,7 @@ std::string message_entries(const std::string& message) {
 int explain_command(const std::string& what) {
     bool found = false;
     for (const auto& p : pages)
+        // a few letters would be found everywhere
         if (upper(what) == p.code || (what.size() > 5 && upper(p.title).find(upper(what)) != std::string::npos)) {
             std::cout << p.code << " " << p.title << "\n  " << p.text << "\n";
             found = true;

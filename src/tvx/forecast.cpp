@@ -22,10 +22,12 @@ public:
         const fs::path own = fs::absolute(file).parent_path();
         std::error_code ec;
         path_ = own / name;
+        // beside the inputs, unless that place is not for writing
         if (!fs::create_directory(path_, ec)) path_ = fs::temp_directory_path() / name;
         fs::create_directories(path_);
         auto files = files_of_analysis(file);
         if (fs::exists(own / "RunOptions")) files.emplace_back("RunOptions");
+        // links: whatever the set-up writes stays in its own folder
         for (const auto& input : files) fs::create_symlink(own / input, path_ / input);
     }
     ~set_up_folder() {

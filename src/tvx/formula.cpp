@@ -152,10 +152,12 @@ std::string upper(std::string text) {
 
 void make_regression(const words& w, const shape& s, formula_term& t) {
     const std::size_t n = w.arguments.size();
+    // rr(animal,day,3[,basis])
     if (n < 2 || n > 3 || !w.columns.empty()) misused(w, s);
     t.columns = {w.first};
     t.covariable = w.arguments[0];
     take_order(w, s, 1, t);
+    // rr(x,..): related animals where there is a pedigree, else independent levels
     t.plain_regression = w.inner.empty();
     if (w.inner == "pe")
         t.kind = term_kind::pe;
@@ -190,6 +192,7 @@ void make_call(const words& w, formula_term& t) {
     t.basis = s->basis;
     const bool rr = w.function == "rr";
     if (!w.inner.empty() && !rr) misused(w, *s);
+    // ranges belong to res() and to nothing else
     if (w.ranges.empty() != (t.kind != term_kind::residual)) misused(w, *s);
     if (rr) return make_regression(w, *s, t);
     if (t.kind == term_kind::covariable) return make_covariable(w, *s, t);
@@ -216,6 +219,7 @@ formula_term make_term(const words& w) {
     return t;
 }
 
+// Actions: what a rule has matched goes into the words of the term in hand.
 template <typename rule> struct act : peg::nothing<rule> {};
 template <> struct act<plain_name> {
     template <class in> static void apply(const in& i, state& s) { s.last_name = i.string(); }
@@ -225,6 +229,7 @@ template <> struct act<quoted_text> {
 };
 template <> struct act<trait> {
     template <class in> static void apply(const in&, state& s) {
+        // a trait behind terms begins the next model
         if (s.models.empty() || !s.models.back().terms.empty()) s.models.emplace_back();
         s.models.back().traits.push_back(s.last_name);
     }
@@ -234,6 +239,7 @@ template <> struct act<column> {
 };
 template <> struct act<first_argument> {
     template <class in> static void apply(const in&, state& s) {
+        // columns that follow are those of nesting
         s.w.first = s.w.columns.back();
         s.w.columns.clear();
     }
@@ -278,6 +284,7 @@ template <> struct act<term> {
         t.text = i.string();
         t.tied = -1;
         s.models.back().terms.push_back(t);
+        // the next term begins with nothing
         s.w = {};
     }
 };
@@ -286,6 +293,7 @@ template <> struct act<tied_terms> {
     template <class in> static void apply(const in&, state& s) {
         auto& terms = s.models.back().terms;
         const auto first = std::find_if(terms.begin(), terms.end(), [](const auto& t) { return t.tied < 0; });
+        // one term alone is tied to nothing
         const int tie = terms.end() - first > 1 ? ++s.ties : 0;
         std::for_each(first, terms.end(), [&](auto& t) { t.tied = tie; });
     }

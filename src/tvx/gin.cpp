@@ -53,6 +53,7 @@ relationship square_matrix(const csv_table& t) {
     }
     for (Index i = 0; i < n; ++i)
         for (Index j = 0; j < i; ++j)
+            // rounding of printed values is no asymmetry
             if (std::fabs(r.g(i, j) - r.g(j, i)) > 1e-6 * (std::fabs(r.g(i, i)) + std::fabs(r.g(j, j))))
                 throw fault{"\"" + t.file + "\" is not symmetric: rows " + shown(r.ids[i]) + " and " + shown(r.ids[j])};
     r.g = (0.5 * (r.g + r.g.transpose())).eval();
@@ -74,6 +75,7 @@ relationship triplets(const csv_table& t) {
     r.g = Eigen::MatrixXd::Zero(static_cast<Index>(r.ids.size()), static_cast<Index>(r.ids.size()));
     for (std::size_t row = 0; row < t.rows; ++row) {
         const Index i = number(t.at(row, 0)), j = number(t.at(row, 1));
+        // elements that are not given are 0
         r.g(i, j) = r.g(j, i) = cell_number(t, row, 2);
     }
     return r;
@@ -98,6 +100,7 @@ using count_matrix = Eigen::Matrix<std::int32_t, Eigen::Dynamic, Eigen::Dynamic>
 [[gnu::always_inline]] inline void add_tile(const bit_rows& x, Index i0, Index i1, Index j0, Index j1,
                                             count_matrix& k) {
     for (Index j = j0; j < j1; ++j)
+        // products of -1, 0, 1: +1 for each pair that is not 0, -2 where the signs differ
         for (Index i = std::max(i0, j); i < i1; ++i) {
             const std::uint64_t *oi = &x.other[i * x.words], *oj = &x.other[j * x.words];
             const std::uint64_t *mi = &x.minus[i * x.words], *mj = &x.minus[j * x.words];
@@ -112,6 +115,7 @@ using count_matrix = Eigen::Matrix<std::int32_t, Eigen::Dynamic, Eigen::Dynamic>
 }
 
 [[gnu::always_inline]] inline void add_tiles(const bit_rows& x, Index n, count_matrix& k) {
+    // so many animals' words stay in the cache
     constexpr Index tile = 16;
     for (Index j = 0; j < n; j += tile)
         for (Index i = j; i < n; i += tile) add_tile(x, i, std::min(i + tile, n), j, std::min(j + tile, n), k);
@@ -142,6 +146,7 @@ public:
         Index known = 0;
         for (const auto v : genotype)
             if (v >= 0) sum += v, ++known;
+        // of the animals whose genotype is known
         const double p2 = known > 0 ? sum / static_cast<double>(known) : 0.0; // twice the frequency
         const bool varies = known > 0 && sum > 0 && sum < 2.0 * static_cast<double>(known);
         if (!varies) {
@@ -153,11 +158,13 @@ public:
         for (Index i = 0; i < n_; ++i) {
             const auto v = genotype[static_cast<std::size_t>(i)];
             const std::size_t word = static_cast<std::size_t>(filled_ / 64 * n_ + i);
+            // a missing genotype is entered as 1, which is 0 here
             other_[word] |= static_cast<std::uint64_t>(v == 0 || v == 2) << (filled_ % 64);
             minus_[word] |= static_cast<std::uint64_t>(v == 0) << (filled_ % 64);
             xq_(i) += q * (v < 0 ? 0.0 : v - 1.0);
         }
         qq_ += q * q;
+        // sum of 2 p (1 - p)
         scale_ += p2 * (1.0 - 0.5 * p2);
         add_missing(genotype, q);
         if (++filled_ == block_width) flush();
@@ -166,6 +173,7 @@ public:
         flush();
         for (Index j = 0; j < n_; ++j)
             for (Index i = j; i < n_; ++i) {
+                // sum over markers of (x_i - q)(x_j - q), x = genotype - 1, q = 2p - 1 (VanRaden 2008, method 1)
                 const double sum = static_cast<double>(k_(i, j)) - xq_(i) - xq_(j) + qq_ + g_(i, j);
                 g_(i, j) = sum / scale_;
             }
@@ -182,6 +190,7 @@ private:
         rows.minus.resize(rows.other.size());
         for (Index i = 0; i < n_; ++i)
             for (Index w = 0; w < rows.words; ++w) {
+                // from words of all animals together to those of an animal together
                 rows.other[i * rows.words + w] = other_[w * n_ + i];
                 rows.minus[i * rows.words + w] = minus_[w * n_ + i];
             }
@@ -217,6 +226,7 @@ private:
 };
 
 void tell_memory(std::size_t n) {
+    // a matrix of reals, one of counts, and what the inverse takes
     const double mb = static_cast<double>(n) * static_cast<double>(n) * 20.0 / 1e6;
     if (!display.quiet && !display.json && mb > 200)
         std::cout << "The matrix needs " << std::lround(mb) << " MB of memory\n" << std::flush;
@@ -283,6 +293,7 @@ relationship plink(const std::string& file) {
     progress told("markers", m);
     for (std::size_t j = 0; j < m; ++j) {
         told.at(j);
+        // two bits an animal, four to a byte, the first in the lowest bits
         for (std::size_t i = 0; i < n; ++i)
             genotype[i] = count[(static_cast<unsigned char>(bed[3 + j * bytes + i / 4]) >> (2 * (i % 4))) & 3];
         sums.add(genotype);
@@ -300,6 +311,7 @@ Index rank_of(const Eigen::MatrixXd& g) {
 // Smallest eigenvalue by inverse iteration through the factor.
 double smallest_eigenvalue(const Eigen::LLT<Eigen::MatrixXd>& factor, Index n) {
     Eigen::VectorXd v(n);
+    // any vector that is not orthogonal to the one looked for; the same each time
     for (Index i = 0; i < n; ++i) v(i) = std::cos(static_cast<double>(i * i % 1009)) + 0.1;
     v.normalize();
     double value = 0.0;
@@ -380,9 +392,11 @@ inverse_facts write_inverse(const relationship& r, const std::string& stem) {
     text += '\n';
     for (Index row = 0; row < n; ++row)
         for (Index col = 0; col <= row; ++col)
+            // the inverse is symmetric but for rounding
             put_element(text, col, row, 0.5 * (inverse(row, col) + inverse(col, row)));
     write_text(stem + ".gin", text);
     std::string codes;
+    // codes are the levels themselves
     for (Index i = 1; i <= n; ++i) codes += std::to_string(i) + " " + std::to_string(i) + "\n";
     write_text(stem + ".codes", codes);
     return f;

@@ -37,9 +37,11 @@ std::size_t jobs_done(const std::string& folder, const job_map& jobs) {
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
+    // a group of its own, which a signal reaches as a whole; it ends with its parent
     setpgid(0, 0);
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     const int out = open((folder + "/snakemake.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    // 126, 127: as a shell says that a command cannot be started, is not there
     if (out < 0 || chdir(folder.c_str()) != 0) _exit(126);
     dup2(out, 1);
     dup2(out, 2);
@@ -56,6 +58,7 @@ int start(const std::string& folder, const std::vector<std::string>& args, const
     if (pid < 0) return 126;
     int rounds = 0, next = 0;
     const int status = wait_for(pid, watch, [&] {
+        // looking for files takes time on a cluster's disk: not each round
         if (told.wanted() && ++rounds > next) {
             next = rounds + 20;
             told.at(jobs_done(folder, jobs));
@@ -70,6 +73,7 @@ int start(const std::string& folder, const std::vector<std::string>& args, const
 
 std::string shell_quoted(const std::string& text) {
     std::string quoted = "'";
+    // a quote ends the quoted text, is written, and begins it again
     for (const char c : text) quoted += c == '\'' ? "'\\''" : std::string(1, c);
     return quoted + "'";
 }
@@ -85,6 +89,7 @@ std::vector<std::string> run_jobs(const std::string& folder, const std::map<std:
     write_text(folder + "/jobs.json", nlohmann::json{{"jobs", jobs}}.dump(1, '\t') + "\n");
     const int n =
         settings.jobs > 0 ? settings.jobs : static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+    // jobs that are done stay done, those that were cut off begin anew
     std::vector<std::string> args{"snakemake",        "-s",           "Snakefile", "-j",
                                   std::to_string(n),  "--keep-going", "--nolock",  "--rerun-incomplete",
                                   "--rerun-triggers", "mtime"};

@@ -56,6 +56,7 @@ bool take_parent(draft& d, draft_class& c, const std::string& name) {
     const int parent = name == d.ped.sire_name || name == "sire" ? 1 : name == d.ped.dam_name || name == "dam" ? 2 : 0;
     const int at = animal_column(d);
     if (parent == 0 || at < 0) return false;
+    // the animal's column is read, its parent taken
     c.cols = {static_cast<std::size_t>(at)};
     c.parent = parent;
     d.s.remarks.push_back("\"" + name + "\" is no column of the table: taken from the pedigree by \"" +
@@ -69,6 +70,7 @@ std::size_t class_length(const draft& d, const std::vector<std::string>& from) {
     for (const auto& m : d.models)
         for (const auto& t : m.terms) {
             if (t.columns != from) continue;
+            // name*class(order,BASIS) in 20 letters
             if (t.kind == term_kind::covariable) length = std::min<std::size_t>(length, 6);
             if (t.tied > 0) length = std::min<std::size_t>(length, 9);
             if (!t.basis.empty()) length = std::min<std::size_t>(length, 10);
@@ -87,6 +89,7 @@ std::size_t number_length(const draft& d, const std::string& from) {
 int class_column(draft& d, const std::vector<std::string>& from, bool animals, const std::string& prefix,
                  const std::string& file) {
     for (std::size_t i = 0; i < d.classes.size(); ++i)
+        // the same columns in the same role share a column
         if (d.classes[i].from == from && d.classes[i].animals == animals && d.classes[i].prefix == prefix &&
             d.classes[i].file == file)
             return static_cast<int>(i);
@@ -181,6 +184,7 @@ void take_term(draft& d, const formula_term& term, const std::vector<int>& trait
     draft_effect f = make_effect(d, t);
     const auto known =
         std::find_if(d.effects.begin(), d.effects.end(), [&](const auto& x) { return same_effect(x, f); });
+    // the same term in two models is one effect of more traits
     if (known == d.effects.end()) {
         f.e.traits = traits;
         d.effects.push_back(f);
@@ -214,6 +218,7 @@ bool is_random(const study_effect& e) { return e.kind != "fixed" && e.kind != "c
 // Random regressions: all random effects are regressions, on one control variable, of one trait.
 void check_regressions(draft& d) {
     for (const auto& f : d.effects)
+        // one regression makes it an analysis of regressions
         if (is_random(f.e) && !f.e.basis.empty()) d.randreg = true;
     if (!d.randreg) {
         if (!d.s.control.empty()) throw fault{"formula: res() goes with random regressions, rr()"};
@@ -259,6 +264,7 @@ void name_blocks(draft& d) {
         for (const auto& g : d.effects) {
             if (g.tied != f.tied) continue;
             f.e.block += (f.e.block.empty() ? "" : "+") + g.e.column;
+            // place within the pair: by their order in the formula
             if (&g < &f) ++f.e.place;
         }
         if (f.e.place > 2) throw fault{"formula: \"&\" ties two effects"};
@@ -284,6 +290,7 @@ void check_limits(const draft& d) {
                 throw fault{"formula: trait \"" + t.name + "\" has " + std::to_string(l.n) + " " + l.what +
                             "; the program takes " + std::to_string(l.most)};
     }
+    // trait number and subject may be added
     const std::size_t columns = d.classes.size() + d.numbers.size() + d.s.traits.size() + 2;
     if (columns > tarvex::maxcols)
         throw fault{"formula: " + std::to_string(columns) + " columns are needed; the program takes " +
@@ -295,6 +302,7 @@ void check_limits(const draft& d) {
 std::string column_name(draft& d, const std::string& name, std::size_t length) {
     std::string plain;
     for (const char c : name) {
+        // letters beyond ASCII become underscores
         const bool good = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
         if (good)
             plain += c;
@@ -308,12 +316,14 @@ std::string column_name(draft& d, const std::string& name, std::size_t length) {
     };
     const bool letter = !plain.empty() && std::isalpha(static_cast<unsigned char>(plain[0])) != 0;
     bool keyword = !letter;
+    // what the parameter file would take for a key word
     for (const char* word : {"tr", "col", "end", "err", "res", "nam", "qno"}) keyword = keyword || starts(word);
     if (keyword) plain = "x_" + plain;
     plain = plain.substr(0, length);
     std::string unique = plain;
     for (int i = 2; std::count(d.used_names.begin(), d.used_names.end(), unique) > 0; ++i) {
         const std::string tail = "_" + std::to_string(i);
+        // the number fits into the length
         unique = plain.substr(0, length - std::min(length, tail.size())) + tail;
     }
     d.used_names.push_back(unique);

@@ -31,12 +31,15 @@ std::string run_without(const run_results& large, const std::string& effect) {
     std::string column = effect;
     if (large.made_by)
         for (const auto& e : large.made_by->effects)
+            // the user's name, or the term as it stands in the formula
             if (e.name == effect || e.term == effect) column = e.column;
     parfile_text par(read_text(par_file_of(large)));
     par.drop_effect(column);
     std::string source = large.run.is_object() ? large.folder + "/" + large.run.value("source", ".") : large.folder;
+    // files that it names are found from there
     source = std::filesystem::weakly_canonical(source).string();
     const std::string stem = std::filesystem::path(par_file_of(large)).stem().string() + "_no_" + column;
+    // the program reads 30 letters of a name
     const std::string file = source + "/" + stem.substr(0, 26) + ".par";
     write_text(file, par.text());
     if (!display.quiet && !display.json) std::printf("Without %s: %s\n", effect.c_str(), file.c_str());
@@ -57,6 +60,7 @@ double boot_p(const run_results& small, const run_results& large, const lr_test&
     for (std::size_t i = 0; i < data.size(); ++i)
         for (const auto* r : {&small, &large}) {
             const std::string name = (r == &small ? "small" : "large") + std::to_string(i + 1);
+            // both models on the same simulated set
             make_job(*r, read_text(par_file_of(*r)), data[i], folder + "/" + name);
             jobs[name] = shell_quoted(program_path()) + " --json analysis.par";
         }
@@ -76,6 +80,7 @@ double boot_p(const run_results& small, const run_results& large, const lr_test&
         ++used;
         if (x >= t.statistic - 1e-6) ++beyond;
     }
+    // the observed set counts as one of those under the smaller model
     return (beyond + 1.0) / (used + 1.0);
 }
 

@@ -36,6 +36,7 @@ std::string with_rank(const std::string& line) {
     auto w = words_of(line);
     if (w.size() < 3 || is_residual(w[1])) return line;
     if (w.size() > 3 && std::isdigit(static_cast<unsigned char>(w[3][0])) != 0) return line;
+    // full rank
     w.insert(w.begin() + 3, w[2]);
     std::string text = w[0];
     for (std::size_t i = 1; i < w.size(); ++i) text += " " + w[i];
@@ -75,6 +76,7 @@ parfile_text::extent parfile_text::var_block(const std::string& name) const {
         const auto w = words_of(lines_[i]);
         if (w.size() < 2 || (w[1] != name && !(is_residual(name) && is_residual(w[1])))) continue;
         std::size_t to = i + 1;
+        // remarks and blank lines within a block belong to it
         while (to < lines_.size() && (holds_numbers(lines_[to]) || words_of(lines_[to]).empty())) ++to;
         return {i, to};
     }
@@ -124,6 +126,7 @@ void parfile_text::drop_effect(const std::string& effect) {
         const extent e = var_block(block);
         std::vector<std::string> keep;
         if (parts.size() == 2) { // the rows of the other effect
+            // both effects have half of the rows
             const int n = order_of(block), half = n / 2, from = part == parts.begin() ? half : 0;
             std::vector<double> values;
             for (std::size_t i = e.from + 1; i < e.to; ++i) {
@@ -137,6 +140,7 @@ void parfile_text::drop_effect(const std::string& effect) {
                     const int a = from + i, b = from + j;
                     std::ostringstream x;
                     x.precision(17);
+                    // packed upper triangle by rows, from 0
                     x << values.at(static_cast<std::size_t>(n * a - a * (a - 1) / 2 + b - a));
                     row += " " + x.str();
                 }
@@ -152,7 +156,9 @@ void parfile_text::drop_effect(const std::string& effect) {
         const auto w = words_of(line);
         return key_of(line) == "RAN" && w.size() > 2 && key_of(w[2]) == "NRM";
     });
+    // the program refuses a pedigree that no effect uses
     if (!related) std::erase_if(lines_, [](const std::string& line) { return key_of(line) == "PED"; });
+    // their numbers count the covariances that were there
     drop_functions();
 }
 
@@ -165,6 +171,7 @@ void parfile_text::set_rank(const std::string& block, int rank) {
         throw fault{"rank " + std::to_string(rank) + " of \"" + block + "\": it has order " + std::to_string(order)};
     if (w.size() > 3 && key_of(w[3]) == "DIA") throw fault{"\"" + block + "\" is a diagonal matrix: it has no rank"};
     lines_[e.from] = w[0] + " " + w[1] + " " + w[2] + " " + std::to_string(rank);
+    // with PC every random block has a rank
     for (auto& line : lines_) {
         if (key_of(line) == "VAR") line = with_rank(line);
         if (key_of(line) != "ANA") continue;
@@ -198,10 +205,12 @@ void parfile_text::set_values(const std::string& block, const std::vector<double
         count += rows.back().size();
     }
     const auto head = words_of(lines_[e.from]);
+    // classes by ranges: two bounds in front of each value
     const bool ranges = head.size() > 3 && key_of(head[3]) == "HET" && count == 3 * values.size();
     if (!ranges && count != values.size())
         throw fault{"block \"" + block + "\" of the parameter file has " + std::to_string(count) +
                     " values, the estimates " + std::to_string(values.size())};
+    // values one by one into the places of the old ones: layout and bounds stay
     std::size_t at = 0, place = 0;
     for (std::size_t k = 0; k < rows.size(); ++k) {
         std::string line;

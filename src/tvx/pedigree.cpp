@@ -40,6 +40,7 @@ places find_places(const csv_table& t, const pedigree_columns& columns, bool gra
         throw fault{"\"" + t.file + "\" has " + std::to_string(t.names.size()) +
                     " columns: a pedigree has animal, sire and dam"};
     if (!columns.born.empty()) p.born = static_cast<int>(csv_column(t, columns.born, "--born"));
+    // named by the user
     if (!columns.sire.empty()) {
         p.animal = csv_column(t, columns.animal, "--pedcols");
         p.sire = csv_column(t, columns.sire, "--pedcols");
@@ -54,6 +55,7 @@ places find_places(const csv_table& t, const pedigree_columns& columns, bool gra
     if (t.heading && animal >= 0 && sire >= 0 && dam >= 0)
         return {static_cast<std::size_t>(animal), static_cast<std::size_t>(sire), static_cast<std::size_t>(dam),
                 p.born};
+    // columns that the table of records has too are hardly parents
     const auto of_records = [&](const std::string& name) {
         return std::find(columns.hints.begin(), columns.hints.end(), name) != columns.hints.end();
     };
@@ -106,6 +108,7 @@ void read_line(pedigree& p, const csv_table& t, std::size_t row, const places& a
         return;
     }
     p.line[i] = t.lines[row];
+    // the fault has been noted; as a loop it would be told twice
     p.sire[i] = sire == i ? -1 : sire;
     p.dam[i] = dam == i ? -1 : dam;
     if (at.born >= 0) p.birth[i] = t.at(row, static_cast<std::size_t>(at.born));
@@ -113,6 +116,7 @@ void read_line(pedigree& p, const csv_table& t, std::size_t row, const places& a
 
 std::vector<std::string> both_sexes(const pedigree& p) {
     std::vector<int> as_sire(p.ids.size(), -1), as_dam(p.ids.size(), -1);
+    // first offspring as sire and as dam
     for (std::size_t i = 0; i < p.ids.size(); ++i) {
         if (p.sire[i] >= 0 && as_sire[p.sire[i]] < 0) as_sire[p.sire[i]] = static_cast<int>(i);
         if (p.dam[i] >= 0 && as_dam[p.dam[i]] < 0) as_dam[p.dam[i]] = static_cast<int>(i);
@@ -133,6 +137,7 @@ std::vector<int> generations(const pedigree& p) {
         if (p.sire[i] >= 0) visit(p.sire[i]);
         if (p.dam[i] >= 0 && p.dam[i] != p.sire[i]) visit(p.dam[i]);
     };
+    // parents that an animal waits for; offspring by parent
     for (int i = 0; i < n; ++i) each_parent(i, [&](int k) { ++first[k + 1], ++wait[i]; });
     for (int i = 0; i < n; ++i) first[i + 1] += first[i];
     child.resize(first[n]);
@@ -144,6 +149,7 @@ std::vector<int> generations(const pedigree& p) {
             ready.push_back(i);
         }
     std::vector<int> high(n, 0);
+    // an animal is ready when both parents are (Kahn 1962)
     for (std::size_t done = 0; done < ready.size(); ++done) {
         const int i = ready[done];
         for (int k = first[i]; k < first[i + 1]; ++k) {
@@ -192,6 +198,7 @@ std::vector<std::string> loops(const pedigree& p) {
                 walk.pop_back();
                 continue;
             }
+            // sire first, then dam
             const int k = turn++ == 0 ? p.sire[i] : p.dam[i];
             if (k < 0 || gen[k] >= 0 || seen[k] == 2) continue;
             if (seen[k] == 0) {
@@ -199,6 +206,7 @@ std::vector<std::string> loops(const pedigree& p) {
                 walk.push_back({k, 0});
                 continue;
             }
+            // k is on the walk: from it to the end is a loop
             std::vector<int> chain;
             for (auto w = walk.rbegin(); w != walk.rend(); ++w) {
                 chain.push_back((*w)[0]);
@@ -225,6 +233,7 @@ bool birth_key(std::string_view text, std::array<double, 3>& key) {
         parts.push_back(std::stod(part));
         part.clear();
     }
+    // day, month, year: the year comes to the front
     if (parts.size() == 3 && parts[2] > 31) std::swap(parts[0], parts[2]);
     key = {};
     for (std::size_t i = 0; i < std::min<std::size_t>(3, parts.size()); ++i) key[i] = parts[i];
@@ -260,6 +269,7 @@ bool before(std::string_view a, std::string_view b) {
             continue;
         }
         const auto run = [](std::string_view s, std::size_t& k) {
+            // numbers within identifiers by value: a2 before a10
             while (k < s.size() && s[k] == '0') ++k;
             const std::size_t from = k;
             while (k < s.size() && digit(s[k])) ++k;
@@ -269,6 +279,7 @@ bool before(std::string_view a, std::string_view b) {
         if (x.size() != y.size()) return x.size() < y.size();
         if (x != y) return x < y;
     }
+    // one is the beginning of the other
     if (i < a.size() || j < b.size()) return i == a.size();
     return a < b;
 }
@@ -281,6 +292,7 @@ std::vector<std::string> near_twins(const std::vector<std::string_view>& ids) {
         std::string s;
         bool zeros = true;
         for (const char c : lower(id)) {
+            // zeros in front of a number, not within it
             if (c == ' ' || c == '\t' || (c == '0' && zeros)) continue;
             zeros = !digit(c);
             s += c;
@@ -366,6 +378,7 @@ pedigree sire_pedigree(const pedigree& p) {
     if (p.grandsires) return p;
     pedigree s = p;
     s.grandsires = true;
+    // the dam's sire takes her place
     for (std::size_t i = 0; i < p.ids.size(); ++i) s.dam[i] = p.dam[i] >= 0 ? p.sire[p.dam[i]] : -1;
     return s;
 }

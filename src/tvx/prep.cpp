@@ -65,6 +65,7 @@ void name_study(const prep_request& r, study& s) {
             (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' || c == '_';
         s.name += good ? c : '_';
     }
+    // the program reads 30 letters of a file name, with its ending
     s.name = s.name.substr(0, 20);
     if (s.name.empty() || s.folder == "." || s.folder == "..") s.name = "study";
 }
@@ -91,7 +92,9 @@ void replace_study(const std::string& part, const std::string& folder) {
     std::vector<fs::path> files;
     for (const auto& entry : fs::directory_iterator(part)) files.push_back(entry.path().filename());
     std::sort(files.begin(), files.end(),
+              // study.json last: with it the folder is a study
               [](const auto& a, const auto& b) { return (a == "study.json") < (b == "study.json"); });
+    // a stop within the exchange leaves no study, rather than a mixed one
     fs::remove(fs::path(folder) / "study.json", ec);
     std::vector<fs::path> old;
     for (const auto& entry : fs::directory_iterator(folder, ec)) {
@@ -133,6 +136,7 @@ void finish_classes(draft& d) {
     for (auto& c : d.classes) {
         for (auto& f : d.effects)
             if (f.cls >= 0 && &d.classes[f.cls] == &c) f.e.key = c.key;
+        // columns with animals share one key
         if (c.key != c.name) continue;
         study_class k{c.key, c.from, c.ids};
         if (c.animals)
@@ -144,6 +148,7 @@ void finish_classes(draft& d) {
     for (const auto& c : d.classes) d.s.columns.push_back(c.name);
     for (const auto& n : d.numbers) d.s.columns.push_back(n.name);
     if (!d.s.one_line && !d.s.subject.empty()) d.s.columns.push_back(d.s.subject);
+    // one trait a line: all stand in one column
     for (const auto& t : d.s.traits)
         if (d.s.one_line || t.number == 1) d.s.columns.push_back(t.column);
 }
