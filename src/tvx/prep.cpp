@@ -182,6 +182,7 @@ study prepare(const prep_request& request) {
     draft d;
     d.request = request;
     check_request(request);
+    // from what costs nothing to what costs most: faults come before long reading
     d.models = read_formula(request.formula);
     name_study(request, d.s);
     check_folder(request, d.s);
@@ -198,6 +199,7 @@ study prepare(const prep_request& request) {
     d.s.born = request.born;
     d.s.data = input_of(d.table);
     if (d.has_ped) d.s.pedigree = input_of(d.ped.tables.front());
+    // columns by the formula, then their cells, then codes: each step throws all its faults as one
     lay_out(d);
     told.note("reading cells");
     read_cells(d);
@@ -245,6 +247,7 @@ namespace {
 // Parameter file as a word of a command line.
 std::string par_of(const study& s) {
     const std::string name = s.folder + "/" + s.name + ".par";
+    // what a shell would take for something else
     return name.find_first_of(" \t'\"$`\\()&;|<>*?[]!#~") == std::string::npos ? name : shell_quoted(name);
 }
 

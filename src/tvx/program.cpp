@@ -37,10 +37,12 @@ namespace {
     const int in = open("/dev/null", O_RDONLY);
     const bool there = chdir(folder.c_str()) == 0;
     const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    // 126, 127: as a shell says that a command cannot be started, is not there
     if (!there || in < 0 || out < 0) _exit(126);
     dup2(in, 0);
     dup2(out, 1);
     dup2(out, 2);
+    // interrupts may have been ignored here
     signal(SIGINT, SIG_DFL);
     execvp(argv[0], argv.data());
     _exit(127);
@@ -51,6 +53,7 @@ std::string last_round(const std::string& file) {
     std::ifstream in(file);
     std::string last = "setting up";
     for (std::string line; std::getline(in, line);)
+        // rounds and iterates begin so
         if (line.starts_with("***") && line.find("log L =") != std::string::npos) last = line.substr(3, 55);
     return last;
 }
@@ -92,9 +95,11 @@ std::vector<std::string> files_of_analysis(const std::string& parameter_file) {
             add(effect + ".codes");
         }
         if (key == "VAR" && w.size() > 3 && key_of(w[3]) == "IND") {
+            // classes of residual variances: the usual name, and one that is given
             add("MEVariances");
             if (w.size() > 5) add(w[5]);
         }
+        // tables of basis functions that the user gives
         if (key == "RAN" && w[1].find("USR") != std::string::npos)
             for (const auto& entry : fs::directory_iterator(folder.empty() ? "." : folder))
                 if (entry.path().extension() == ".baf") add(entry.path().filename().string());
@@ -105,6 +110,7 @@ std::vector<std::string> files_of_analysis(const std::string& parameter_file) {
 std::string program_path() {
     std::error_code ec;
     const fs::path own = fs::read_symlink("/proc/self/exe", ec);
+    // beside this program; else by name, else on the path
     if (!ec && fs::is_regular_file(own.parent_path() / "tarvex")) return (own.parent_path() / "tarvex").string();
     if (const char* named = std::getenv("TVX_TARVEX")) return named;
     return "tarvex";
@@ -124,6 +130,7 @@ std::string sum_of_analysis(const std::string& parameter_file, const std::vector
         sum.add(read_text((folder / name).string()));
     }
     for (const auto& o : options) sum.add(o);
+    // another version of the program is another run
     if (const std::string program = program_path(); fs::is_regular_file(program)) sum.add(read_text(program));
     return tarvex::hex(sum.value());
 }

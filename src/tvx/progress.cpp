@@ -15,6 +15,7 @@ constexpr std::size_t bar_length = 30, line_length = 78;
 // The first letters of a text; none is cut through.
 std::string cut(std::string text, std::size_t length) {
     if (text.size() <= length) return text;
+    // bytes behind the first of a letter begin with the bits 10
     while (length > 0 && (text[length] & '\xc0') == '\x80') --length;
     return text.substr(0, length);
 }
@@ -26,6 +27,7 @@ progress::progress(std::string what, std::size_t total)
       start_(std::chrono::steady_clock::now()) {}
 
 progress::~progress() {
+    // the line is wiped out: what follows begins on a clean one
     if (!shown_) return;
     std::printf("\r%*s\r", static_cast<int>(line_length), "");
     std::fflush(stdout);

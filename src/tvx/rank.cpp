@@ -51,6 +51,7 @@ rank_fit fit_of(const std::string& folder, int rank) {
     f.rank = rank;
     f.parameters = r.estimates["likelihood"]["parameters"];
     f.log_l = number(r.estimates["likelihood"]["log_l"]);
+    // REML: records less the rank of the fixed part
     const double free =
         number(r.estimates["likelihood"]["records"]) - number(r.estimates["likelihood"]["rank_of_fixed_part"]);
     f.aic = -2.0 * f.log_l + 2.0 * f.parameters;
@@ -118,6 +119,7 @@ int rank_fits(const rank_choice& c) {
     std::map<std::string, std::string> jobs;
     for (int rank = from; rank <= to; ++rank) {
         parfile_text one = par;
+        // numbers of covariances change with the rank
         one.drop_functions();
         one.set_rank(block, rank);
         const std::string name = "rank" + std::to_string(rank);

@@ -17,6 +17,7 @@ int different_codes(const draft& d, int cls) {
     std::vector<char> met(static_cast<std::size_t>(d.classes[cls].levels) + 1, 0);
     int n = 0;
     for (const std::size_t row : d.order) {
+        // code 0: the row lacks the class
         char& m = met[d.classes[cls].code[row]];
         n += m == 0 ? 1 : 0;
         m = 1;
@@ -60,6 +61,7 @@ int count_records(draft& d) {
 // -1, 0, 1: order of two rows by subject, then by all that the data file holds of them.
 int compare_rows(const draft& d, std::size_t a, std::size_t b) {
     const auto order = [](auto x, auto y) { return x < y ? -1 : y < x ? 1 : 0; };
+    // what is missing comes last
     const auto value = [](double x) { return std::isnan(x) ? INFINITY : x; };
     if (d.subject >= 0)
         if (const int o = order(d.classes[d.subject].code[a], d.classes[d.subject].code[b])) return o;
@@ -80,10 +82,13 @@ void choose_subject_word(draft& d, int most) {
         return;
     }
     if (d.s.traits.size() == 1) {
+        // one trait: residuals are independent, and lines may be subjects
         if (most > tarvex::maxobs && !d.s.sire_model) d.s.subject = "LINE";
         return;
     }
+    // the program takes lines as subjects by itself, or
     const bool own_lines = d.s.one_line && (d.s.sire_model || d.subject < 0);
+    // records of a subject are one record of each trait
     const bool joined = !d.repeated && d.subject >= 0 && !d.s.sire_model;
     if (own_lines || joined) return;
     d.s.subject = d.s.one_line ? "LINE" : column_name(d, "record", 12);
@@ -110,6 +115,7 @@ void check_control(const draft& d) {
     std::map<double, std::size_t> seen;
     int subject = 0;
     for (const std::size_t row : d.order) {
+        // rows stand by subject: each begins with an empty table
         const int code = d.classes[d.subject].code[row];
         if (code != subject) seen.clear();
         subject = code;
@@ -126,6 +132,7 @@ void check_control(const draft& d) {
 void count_animals(draft& d) {
     for (const auto& c : d.classes) {
         if (!c.animals) continue;
+        // the first column with animals: whose records they are
         for (const std::size_t row : d.order)
             if (c.code[row] > 0) ++d.s.animals[c.code[row] - 1].records;
         return;
@@ -138,6 +145,7 @@ void warn_of_models(draft& d) {
         const auto& c = d.classes[f.cls];
         const int n = c.animals ? different_codes(d, f.cls) : c.levels;
         const auto rows = static_cast<int>(d.order.size());
+        // hardly a class
         if (f.e.kind == "fixed" && 2 * n > rows)
             d.s.remarks.push_back("\"" + f.e.name + "\" has " + std::to_string(n) + " levels in " +
                                   std::to_string(rows) + " records: was lin(" + f.e.name + ") or (1|" + f.e.name +
@@ -157,6 +165,7 @@ void order_records(draft& d) {
             d.order.push_back(row);
     d.subject = subject_class(d);
     const int most = count_records(d);
+    // rows that are equal in all stay as in the table: nothing can tell them apart
     std::stable_sort(d.order.begin(), d.order.end(),
                      [&](std::size_t a, std::size_t b) { return compare_rows(d, a, b) < 0; });
     choose_subject_word(d, most);

@@ -29,6 +29,7 @@ using animal_table = std::map<std::int64_t, animal_row>;
 void add_inbreeding(animal_table& table, const std::map<std::int64_t, std::pair<std::int64_t, std::int64_t>>& parents) {
     std::map<std::int64_t, int> place;
     std::vector<int> sire, dam;
+    // ascending codes: parents have their places before they are asked for
     for (const auto& [code, row] : table) {
         place[code] = static_cast<int>(place.size()) + 1;
         const auto p = parents.find(code);
@@ -75,6 +76,7 @@ animal_table animals_of_file(const run_results& r) {
         const auto text = [](std::int64_t c) { return c > 0 ? std::to_string(c) : std::string(); };
         table[code] = {std::to_string(code), text(sire), text(dam), "", 0.0, -1};
         for (const std::int64_t parent : {sire, dam})
+            // a parent whose own line may follow, or be missing
             if (parent > 0) table.try_emplace(parent, animal_row{std::to_string(parent), "", "", "", 0.0, -1});
         parents[code] = {sire, dam};
     }
@@ -108,6 +110,7 @@ level_values values_of(const json& block, const json& part, std::size_t level) {
 }
 
 double accuracy(double se, double variance, double inbreeding) {
+    // variance of an inbred animal
     const double all = variance * (1.0 + (std::isnan(inbreeding) ? 0.0 : inbreeding));
     if (std::isnan(se) || !(all > 0.0)) return none;
     return std::sqrt(std::max(0.0, 1.0 - se * se / all));
@@ -117,6 +120,7 @@ double accuracy(double se, double variance, double inbreeding) {
 
 std::vector<prediction_list> predictions_of(const run_results& r) {
     std::vector<prediction_list> list;
+    // solutions of the run with accuracies where there is one
     const json& results = r.solutions.is_object() ? r.solutions : r.estimates;
     if (!results["solutions"].is_object()) return list;
     const animal_table animals =
@@ -139,6 +143,7 @@ std::vector<prediction_list> predictions_of(const run_results& r) {
         for (std::size_t l = 0; l < levels; ++l) {
             const level_values v = values_of(b, part, l);
             const std::int64_t code = part["codes"][l];
+            // levels without relationships have identifiers of their class
             const auto a = related ? animals.find(code) : animals.end();
             for (std::size_t i = 0; i < rows; ++i) {
                 const json& row = b["rows"][i];
@@ -181,6 +186,7 @@ std::vector<std::vector<std::int64_t>> lines_by_trait(const run_results& r, std:
         }
         return lines;
     }
+    // all traits in a line: who has a record there is told by the data file
     std::vector<std::size_t> column(traits + 1);
     for (std::size_t t = 1; t <= traits; ++t) {
         const study_trait* trait = find_trait(s, static_cast<int>(t));
@@ -213,6 +219,7 @@ std::vector<residual_record> residuals_of(const run_results& r) {
     const json& traits = results["solutions"].is_object() ? results["solutions"]["traits_of_residuals"] : json();
     std::istringstream in(read_text(file));
     residual_record x;
+    // as the program writes them: subject by subject
     while (in >> x.observed >> x.residual) {
         x.trait = traits.is_array() && list.size() < traits.size() ? traits[list.size()].get<int>() : 1;
         x.line = static_cast<std::int64_t>(list.size() + 1);
@@ -223,6 +230,7 @@ std::vector<residual_record> residuals_of(const run_results& r) {
     std::vector<std::size_t> next(r.estimates["traits"].size() + 1);
     for (auto& p : list) {
         const auto t = static_cast<std::size_t>(p.trait);
+        // records of a trait come in the order of the data file
         if (!lines.empty()) p.line = next[t] < lines[t].size() ? lines[t][next[t]++] : 0;
         const double unit = trait_unit(r, p.trait);
         p.observed *= unit;

@@ -54,11 +54,13 @@ json histogram(const std::vector<double>& values) {
         low -= 0.5;
         high += 0.5;
     }
+    // 2 n^(1/3) classes (Rice's rule)
     const auto classes = static_cast<std::size_t>(std::clamp(2.0 * std::cbrt(static_cast<double>(n)), 5.0, 40.0));
     std::vector<int> counts(classes);
     for (const double x : values)
         if (std::isfinite(x)) {
             const double at = (x - low) / (high - low) * static_cast<double>(classes);
+            // the largest value belongs to the last class
             ++counts[std::min(classes - 1, static_cast<std::size_t>(at))];
         }
     return {{"from", low}, {"to", high}, {"counts", counts}};
@@ -72,6 +74,7 @@ int year_of(const std::string& birth) {
             ++run;
             continue;
         }
+        // a date with a year, or the whole text a number
         if (run == 4 || (run > 0 && run == birth.size() && run < 9)) return std::stoi(birth.substr(i - run, run));
         run = 0;
     }
@@ -139,6 +142,7 @@ json residual_part(const run_results& r, const std::vector<residual_record>& res
         auto points = json::array();
         const std::size_t n = std::min(most_points, own.size());
         for (std::size_t k = 0; k < n; ++k) {
+            // evenly through the records: a picture needs no more
             const residual_record& x = *own[k * own.size() / n];
             points.push_back({x.observed - x.residual, x.residual});
         }
@@ -241,6 +245,7 @@ json report_summary(const run_results& r, const std::vector<prediction_list>& pr
 
 std::string page_of(const json& summary) {
     std::string data = summary.dump(-1, ' ', false, json::error_handler_t::replace);
+    // neither may end the element that holds the data
     for (std::size_t at = 0; (at = data.find("</", at)) != std::string::npos;) data.replace(at, 2, "<\\/");
     for (std::size_t at = 0; (at = data.find("<!--", at)) != std::string::npos;) data.replace(at, 4, "<\\u0021--");
     std::string title;

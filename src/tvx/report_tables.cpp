@@ -15,6 +15,7 @@ namespace {
 std::string exact(double x) {
     if (!std::isfinite(x)) return "";
     char text[40];
+    // shortest text that reads back equal
     return {text, std::to_chars(text, text + sizeof text, x).ptr};
 }
 
@@ -28,6 +29,7 @@ public:
         return *this;
     }
     row& operator()(double x) { return (*this)(std::string_view(exact(x))); }
+    // below 0: not known
     row& count(long long n) { return (*this)(std::string_view(n < 0 ? std::string() : std::to_string(n))); }
     void end(std::string& table) const { table += line_ + '\n'; }
 
@@ -76,6 +78,7 @@ std::string fixed_table(const run_results& r) {
         const double unit = trait_unit(r, trait);
         const std::string column = part["effect"], kind = part["kind"], name = effect_name(r, column, trait);
         const bool covariable = kind == "covariable";
+        // coefficients of a curve stand together
         const std::size_t order = covariable ? part["coefficients"].get<std::size_t>() : 1;
         std::set<std::size_t> out;
         if (!covariable)
@@ -124,6 +127,7 @@ void write_tables(const run_results& r, const std::vector<prediction_list>& pred
     std::set<std::string> used;
     for (const auto& [effect, table] : solution_tables(predictions)) {
         std::string word = file_word(effect);
+        // names that differ in signs alone
         while (!used.insert(word).second) word += "_";
         write_text(folder + "/solutions_" + word + ".tsv", table);
     }

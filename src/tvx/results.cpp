@@ -35,6 +35,7 @@ std::string last_run(const std::string& folder) {
     std::error_code none;
     for (const auto& entry : fs::directory_iterator(folder + "/runs", none)) {
         const std::string name = entry.path().string();
+        // names begin with a number of three digits: the last in order is the newest
         if (!fs::exists(name + "/estimates.json", none) || name <= best) continue;
         const json told = fs::exists(name + "/run.json", none) ? read_json_file(name + "/run.json") : json::object();
         if (told.contains("made_for")) continue;
@@ -55,6 +56,7 @@ bool same_inputs(const json& results, const std::string& folder) {
     if (!results.contains("inputs")) return true;
     for (const auto& input : results["inputs"]) {
         const std::string role = input["role"], file = folder + "/" + input["name"].get<std::string>();
+        // names of levels depend on these two
         if (role != "data" && role != "pedigree") continue;
         std::error_code ec;
         if (!fs::is_regular_file(file, ec)) return false;
@@ -88,6 +90,7 @@ std::string folder_of_run(const std::string& place) {
     while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
     if (fs::is_regular_file(folder)) folder = fs::path(folder).parent_path().string();
     if (folder.empty()) folder = ".";
+    // a run by tvx, or by the program itself
     if (fs::exists(folder + "/estimates.json") || fs::exists(folder + "/Results.json")) return folder;
     const std::string last = last_run(folder);
     if (!last.empty()) return last;
@@ -177,6 +180,7 @@ const study_effect* effect_of(const run_results& r, const std::string& column, i
     const study_effect* any = nullptr;
     for (const auto& e : r.made_by->effects) {
         if (e.column != bare(column)) continue;
+        // one column may serve two effects of different traits
         if (std::find(e.traits.begin(), e.traits.end(), trait) != e.traits.end()) return &e;
         any = &e;
     }
@@ -214,6 +218,7 @@ judgement judge(const run_results& r) {
     if (!end.is_object()) return {"given", "Covariances as they were given: no search was made.", {}, 0};
     const std::string reason = end.value("reason", "");
     for (const auto& b : end["border"]) j.details.push_back(border_words(r, b));
+    // nothing shows a maximum without a gradient
     if (!end.value("derivatives", false)) {
         if (end.value("converged", false)) {
             j.verdict = "not arrived";
@@ -226,6 +231,7 @@ judgement judge(const run_results& r) {
         return j;
     }
     const double promised = number(end["half_decrement"]);
+    // results of an older program have no verdict: the figures tell it
     const std::string own = end.contains("verdict") ? end["verdict"].value("kind", "") : "";
     const bool short_of = own.empty() ? !(promised < arrived_below) : own == "not a maximum";
     const bool flat = own.empty() ? end["rank_of_information"] < end["informed"] : own == "flat";

@@ -50,6 +50,7 @@ void choose_folder(run_place& p, bool again) {
     for (const auto& entry : fs::directory_iterator(runs, ec)) {
         const std::string name = entry.path().filename().string();
         if (name.size() > 3) last = std::max(last, std::atoi(name.substr(0, 3).c_str()));
+        // the same inputs: that folder, unless it is finished and shall be run again
         if (name.ends_with(tail) && !(again && finished(entry.path().string()))) p.folder = entry.path().string();
     }
     if (!p.folder.empty()) return;
@@ -77,6 +78,7 @@ public:
         d_ = {{"format", "tvx-run"}, {"sum", p.sum}, {"source", "../.."}, {"finished", false}};
         d_["options"] = p.options;
         if (!p.study_sum.empty()) d_["study"] = p.study_sum;
+        // a run that goes on keeps what was tried
         if (fs::exists(file_)) {
             const json earlier = read_json_file(file_);
             if (earlier.contains("attempts")) d_["attempts"] = earlier["attempts"];
@@ -117,6 +119,7 @@ void say(const std::string& text) {
 bool one_run(const run_place& p, std::vector<std::string> options, const char* keep, run_log& log, program_run& run) {
     options.push_back("--json");
     const std::string name = fs::path(p.file).filename().string();
+    // options of the study, then those of the user, then those of the attempt: the last one wins
     std::vector<std::string> args = p.options;
     args.insert(args.end(), options.begin(), options.end());
     args.push_back(name);
@@ -126,6 +129,7 @@ bool one_run(const run_place& p, std::vector<std::string> options, const char* k
     json entry = {{"options", args}, {"status", run.status}, {"seconds", run.seconds}};
     if (good) {
         std::error_code ec;
+        // a name that the next run of the program does not write over
         fs::rename(results, p.folder + "/" + keep, ec);
         if (ec) throw fault{"cannot write \"" + p.folder + "/" + keep + "\": " + ec.message()};
     }
@@ -149,6 +153,7 @@ void check_inputs(const run_place& p) {
 
 judgement search(const run_place& p, run_log& log) {
     program_run run;
+    // stopped before: its best point is kept by the program
     const bool go_on = fs::exists(p.folder + "/BestPoint");
     if (go_on) say("Going on in " + p.folder);
     if (!one_run(p, go_on ? std::vector<std::string>{"-c"} : std::vector<std::string>{}, "estimates.json", log, run))
@@ -193,6 +198,7 @@ run_outcome run_analysis(const std::string& place, const std::vector<std::string
         run_log log(p);
         outcome.verdict = search(p, log);
         program_run run;
+        // solutions with error variances at the estimates
         if (!one_run(p, {"-c", "--blup"}, "blup.json", log, run))
             outcome.verdict.details.push_back("no accuracies: the program refused the solutions at these estimates; " +
                                               p.folder + "/" + log_name + " says why");

@@ -62,6 +62,7 @@ void run_pairs(const study& s, const std::string& folder, std::vector<trait_pair
         const judgement j = judge(r);
         p.verdict = j.verdict;
         p.components = components_of(r);
+        // estimates without a maximum are no start
         if (j.status == 0) known.add(r);
     }
 }
@@ -119,6 +120,7 @@ std::string pairs_table(const std::vector<trait_pair>& pairs, const study& s) {
             table += number_field(c.ratio, "%.10g") + '\t' + number_field(c.ratio_se, "%.10g") + '\t' + c.mark + '\t' +
                      p.verdict + '\n';
         }
+        // a pair that stopped: a line without figures
         if (p.done) continue;
         table += '\t';
         put_field(table, find_trait(s, p.a)->name);

@@ -23,9 +23,11 @@ std::string with_simulated(const run_results& r, const std::string& line) {
     const auto& traits = r.estimates["traits"];
     const std::size_t values = r.estimates["run"]["one_line"] == true ? traits.size() : 1;
     if (f.size() <= values) throw fault{"a line of the simulated data is too short: " + line, program_stopped};
+    // fields of the data, then the simulated values
     const std::size_t n = f.size() - values;
     for (std::size_t k = 0; k < values; ++k) {
         std::size_t column = traits[k]["column"].get<std::size_t>();
+        // a line of one trait begins with its number
         if (values == 1)
             for (const auto& t : traits)
                 if (t["number"].dump() == f[0]) column = t["column"].get<std::size_t>();
@@ -46,6 +48,7 @@ bool same_text(const std::string& file, const std::string& text) {
 void link_or_copy(const fs::path& from, const fs::path& to) {
     std::error_code ec;
     fs::remove(to, ec);
+    // many replicates share large files: no copies where links do
     fs::create_hard_link(fs::absolute(from), to, ec);
     if (ec) fs::copy_file(from, to, fs::copy_options::overwrite_existing, ec);
     if (ec) throw fault{"cannot write \"" + to.string() + "\": " + ec.message()};
@@ -62,6 +65,7 @@ std::string at_estimates(const run_results& r, const std::string& par_text) {
     for (const auto& b : r.estimates["blocks"]) {
         std::vector<double> values;
         for (const auto& e : r.estimates["estimates"])
+            // in the order of the block's triangle, class after class
             if (e["block"] == b["number"]) values.push_back(number(e["estimate"]));
         par.set_values(b["number"] == 0 ? "residual" : b["name"].get<std::string>(), values);
     }
@@ -86,6 +90,7 @@ std::vector<std::string> simulate_data(const run_results& r, const std::string& 
     fs::create_directories(out);
     make_job(r, at_estimates(r, read_text(par_file_of(r))),
              r.folder + "/" + r.estimates["run"]["data_file"].get<std::string>(), work);
+    // two seeds of the generator from one number
     write_text(work + "/RandomSeeds", std::to_string(12345 + seed) + " " + std::to_string(67890 + 7 * seed) + "\n");
     const program_run run = run_program(work, {"--simul" + std::to_string(n), "analysis.par"}, "tarvex.log");
     if (run.status != 0)
@@ -97,6 +102,7 @@ std::vector<std::string> simulate_data(const run_results& r, const std::string& 
         std::istringstream in(read_text(work + "/" + name));
         std::string text;
         for (std::string line; std::getline(in, line);)
+            // back into the layout of the data file
             if (!line.empty()) text += with_simulated(r, line);
         files.push_back(out + "/" + std::to_string(i) + ".dat");
         write_text(files.back(), text);

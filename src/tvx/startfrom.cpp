@@ -9,6 +9,7 @@ namespace tvx {
 
 namespace {
 
+// what a row is, in the user's names: comparable between runs
 std::string label(const start_row& a, int step) {
     return a.effect + '\t' + a.trait + '\t' + std::to_string(a.coefficient) + '\t' + std::to_string(step);
 }
@@ -51,6 +52,7 @@ std::optional<double> known_covariances::find(const key& k) const {
 
 void known_covariances::add(const run_results& r) {
     std::map<std::array<int, 3>, double> variance; // block, step, row
+    // variances first: correlations are made with them
     for (const auto& e : r.estimates["estimates"])
         if (e["row"] == e["column"]) variance[{e["block"], e["step"], e["row"]}] = number(e["estimate"]);
     for (const auto& e : r.estimates["estimates"]) {
@@ -59,8 +61,10 @@ void known_covariances::add(const run_results& r) {
         const double x = number(e["estimate"]), vv = variance[{block, step, i}] * variance[{block, step, j}];
         if (!std::isfinite(x)) continue;
         if (i == j)
+            // variances in the user's units
             note({label(a, step), label(a, step)}, x * a.unit * a.unit);
         else if (vv > 0.0)
+            // estimates of several runs are averaged; rounding may pass 1
             note(std::minmax(label(a, step), label(b, step)), std::clamp(x / std::sqrt(vv), -1.0, 1.0));
     }
 }
@@ -83,6 +87,7 @@ int take_known(const known_covariances& known, const std::vector<start_row>& row
     for (Eigen::Index i = 0; i < n; ++i) {
         const start_row& row = rows[static_cast<std::size_t>(i)];
         if (const auto v = known.variance(row, step)) {
+            // a variance estimated as 0 would hold the search at the border: at least a hundredth of the start
             sd(i) = std::sqrt(std::max(*v / (row.unit * row.unit), 0.01 * sd(i) * sd(i)));
             ++taken;
         }
@@ -93,6 +98,7 @@ int take_known(const known_covariances& known, const std::vector<start_row>& row
             }
     }
     a.diagonal().setOnes();
+    // correlations from several runs need not go together
     if (taken > 0) values = bent(packed(sd.asDiagonal() * a * sd.asDiagonal()), static_cast<int>(n));
     return taken;
 }
@@ -102,10 +108,12 @@ std::vector<double> bent(const std::vector<double>& values, int order, double le
     const Eigen::VectorXd sd = a.diagonal().cwiseSqrt();
     const Eigen::MatrixXd r = sd.cwiseInverse().asDiagonal() * a * sd.cwiseInverse().asDiagonal();
     const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(r);
+    // nothing to mend
     if (solver.eigenvalues()(0) >= least) return values;
     const Eigen::MatrixXd up =
         solver.eigenvectors() * solver.eigenvalues().cwiseMax(least).asDiagonal() * solver.eigenvectors().transpose();
     const Eigen::VectorXd scale = sd.cwiseQuotient(up.diagonal().cwiseSqrt());
+    // back to the given variances: correlations alone are bent
     Eigen::MatrixXd b = scale.asDiagonal() * up * scale.asDiagonal();
     b.diagonal() = a.diagonal();
     return packed(b);

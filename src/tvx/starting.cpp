@@ -54,6 +54,7 @@ void take_out_covariable(const draft& d, const draft_number& z, int order, std::
     Eigen::VectorXd b = Eigen::VectorXd::Zero(n + 1), row(n + 1);
     const auto powers = [&](std::size_t i) {
         row(0) = 1.0;
+        // powers of the covariable scaled to (-1,1)
         for (int k = 1; k <= n; ++k) row(k) = row(k - 1) * (2.0 * (z.value[d.order[i]] - low) / (high - low) - 1.0);
     };
     for (std::size_t i = 0; i < e.size(); ++i) {
@@ -62,6 +63,7 @@ void take_out_covariable(const draft& d, const draft_number& z, int order, std::
         a += row * row.transpose();
         b += row * e[i];
     }
+    // covariables of few values have dependent powers
     const Eigen::VectorXd beta = a.completeOrthogonalDecomposition().solve(b);
     for (std::size_t i = 0; i < e.size(); ++i)
         if (!std::isnan(e[i])) {
@@ -75,6 +77,7 @@ within_cells take_out_fixed(const draft& d, std::size_t iq) {
     for (const std::size_t row : d.order) w.e.push_back(d.y[iq][row]);
     const int number = d.s.traits[iq].number;
     double df = 1.0;
+    // one after the other: near the least squares fit after some rounds
     for (int round = 1; round <= 5; ++round) {
         take_out_mean(w.e);
         for (const auto& f : d.effects) {
@@ -82,6 +85,7 @@ within_cells take_out_fixed(const draft& d, std::size_t iq) {
             if (f.e.kind == "fixed") take_out_class(d, d.classes[f.cls], w.e);
             if (f.e.kind == "covariable") take_out_covariable(d, d.numbers[f.number], f.e.order, w.e);
             if (round > 1) continue;
+            // degrees of freedom, as if nothing were confounded
             if (f.e.kind == "fixed") df += d.classes[f.cls].levels - 1;
             if (f.e.kind == "covariable") df += f.e.order;
         }
@@ -89,6 +93,7 @@ within_cells take_out_fixed(const draft& d, std::size_t iq) {
     double squares = 0.0, n = 0.0;
     for (const double x : w.e)
         if (!std::isnan(x)) squares += x * x, ++n;
+    // not below a fifth of the records: nearly saturated models
     w.variance = squares / std::max(n - df, n / 5.0);
     const auto& t = d.s.traits[iq];
     const double raw = t.sd * t.sd * std::pow(10.0, -2 * t.power);
@@ -109,7 +114,9 @@ Eigen::MatrixXd correlations(const std::vector<within_cells>& w) {
                 if (std::isnan(x) || std::isnan(y)) continue;
                 ij += x * y, ii += x * x, jj += y * y, ++n;
             }
+            // shrunk: a start near 1 lies near the border
             double c = n > 3 && ii > 0 && jj > 0 ? 0.7 * ij / std::sqrt(ii * jj) : 0.1;
+            // a covariance that starts at 0 would stay there
             if (std::fabs(c) < 0.05) c = c < 0 ? -0.05 : 0.05;
             r(i, j) = r(j, i) = c;
         }
@@ -119,8 +126,10 @@ Eigen::MatrixXd correlations(const std::vector<within_cells>& w) {
 }
 
 double usual_share(const draft& d, const draft_effect& f) {
+    // a quarter of the genetic variance
     if (f.e.kind == "sire" || f.e.kind == "mgs") return 0.06;
     if (f.e.kind == "gin") return 0.3;
+    // of the animal itself; of another animal, such as the dam, less
     if (f.e.kind == "nrm") return d.subject < 0 || f.cls == d.subject ? 0.3 : 0.1;
     return f.e.kind == "pe" ? 0.15 : 0.1;
 }
@@ -152,6 +161,7 @@ std::vector<double> packed(const std::vector<block_row>& rows, const Eigen::Matr
     std::vector<double> values;
     for (std::size_t i = 0; i < rows.size(); ++i)
         for (std::size_t j = i; j < rows.size(); ++j) {
+            // correlated effects: direct and maternal ones start slightly negative
             const double between = rows[i].effect == rows[j].effect ? 1.0 : -0.1;
             values.push_back(std::sqrt(rows[i].variance * rows[j].variance) * between *
                              r(rows[i].trait - 1, rows[j].trait - 1));
@@ -165,9 +175,11 @@ std::vector<double> regression_values(const draft& d, const draft_effect& f, dou
     double square = 0.0;
     for (const std::size_t row : d.order) square = std::max(square, z.value[row] * z.value[row]);
     const bool spline = f.e.basis.starts_with("BSP"), power = f.e.basis == "POL";
+    // normalised Legendre functions have mean square 1/2 over (-1,1)
     const auto sdev = [&](int k) {
         if (spline) return std::sqrt(variance);
         double v = (power ? 1.0 : 2.0) * variance * (k == 0 ? 0.8 : 0.2 / std::max(1, f.e.order - 1));
+        // powers of the variable grow with it
         if (power) v /= std::pow(std::max(square, 1.0), k);
         return std::sqrt(v);
     };
@@ -199,6 +211,7 @@ start_block make_block(const draft& d, const std::string& name, const std::vecto
         if (d.randreg) {
             b.order = f.e.order;
             b.values = regression_values(d, f, share(d, f, 1) * w[0].variance);
+            // the only effect of its block
             return b;
         }
         for (const int q : f.e.traits) rows.push_back({share(d, f, q) * w[q - 1].variance, q, f.e.place});

@@ -36,6 +36,7 @@ std::vector<double> read_values(const std::string& file) {
 
 std::size_t size_of(const draft& d, const start_block& b) {
     const auto n = static_cast<std::size_t>(b.order);
+    // a variance for each class
     return b.name == "residual" && d.randreg ? std::max<std::size_t>(1, d.s.residuals.size()) : n * (n + 1) / 2;
 }
 
@@ -51,6 +52,7 @@ void take_file(const draft& d, std::vector<start_block>& blocks) {
     const auto values = read_values(d.request.start);
     std::size_t need = 0, classes = d.randreg ? d.s.residuals.size() : 0;
     for (const auto& b : blocks) need += size_of(d, b);
+    // two bounds in front of each variance
     const bool bounds = classes > 0 && values.size() == need + 2 * classes;
     if (values.size() != need && !bounds) other_number(d, blocks, values.size());
     std::size_t at = 0;
@@ -76,6 +78,7 @@ std::vector<start_row> rows_of(const draft& d, const std::string& block) {
     }
     for (const auto& f : d.effects) {
         if (f.e.block != block) continue;
+        // coefficients count from 1; 0 where there are none
         for (const int q : f.e.traits) {
             const auto& t = d.s.traits[static_cast<std::size_t>(q - 1)];
             for (int k = d.randreg ? 1 : 0; k <= (d.randreg ? f.e.order : 0); ++k)
@@ -94,6 +97,7 @@ bool same_functions(const draft& d, const run_results& r, const std::string& blo
         return f.e.block != block ||
                std::any_of(r.made_by->effects.begin(), r.made_by->effects.end(), [&](const auto& e) {
                    return e.name == f.e.name && e.basis == f.e.basis && e.covariable == f.e.covariable &&
+                          // the first functions are the same at every order, but not those of splines
                           (e.order == f.e.order || !e.basis.starts_with("BS"));
                });
     });
@@ -109,6 +113,7 @@ void take_run(draft& d, std::vector<start_block>& blocks) {
         const auto rows = rows_of(d, b.name);
         all += static_cast<int>(size_of(d, b));
         if (b.name == "residual" && d.randreg) {
+            // one starting value for all classes
             b.values.resize(size_of(d, b), b.values[0]);
             for (std::size_t k = 0; k < b.values.size(); ++k) {
                 std::vector<double> one{b.values[k]};

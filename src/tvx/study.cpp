@@ -130,6 +130,7 @@ void write_study(const study& s) {
     write_keys(s);
     if (!s.animals.empty()) write_animals(s);
     write_lines(s);
+    // the format comes first
     nlohmann::ordered_json j{{"format", study_format}};
     const nlohmann::json body = s;
     for (const auto& [name, value] : body.items()) j[name] = value;
@@ -142,6 +143,7 @@ study read_study(const std::string& place, bool tables) {
     const std::string folder = study_folder(place).string();
     const std::string text = read_text((study_folder(place) / "study.json").string());
     try {
+        // the format before all else: another one may lack the members
         const auto j = nlohmann::json::parse(text);
         if (j.at("format").get<int>() != study_format)
             throw fault{"the study in \"" + place + "\" was made by another version: make it anew with tvx prep"};

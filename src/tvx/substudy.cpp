@@ -42,6 +42,7 @@ study part_of(const part& p, const std::string& folder) {
     s.remarks.clear();
     s.dropped.clear();
     std::erase_if(s.traits, [&](const auto& t) { return p.number(t.number) == 0; });
+    // one trait a line: the columns stay as they are
     std::erase_if(s.columns, [&](const auto& c) { return s.one_line && p.left_out(c); });
     for (auto& t : s.traits) t.number = p.number(t.number);
     for (auto& e : s.effects) {
@@ -64,11 +65,13 @@ int column_of_animals(const study& s) {
 // Fields of a line that stay; empty if it has no record of these traits.
 std::vector<std::string> kept_fields(const part& p, std::vector<std::string> f) {
     if (!p.from.one_line) {
+        // the first field is the trait
         const int q = f.empty() ? 0 : p.number(std::atoi(f[0].c_str()));
         if (q == 0) return {};
         f[0] = std::to_string(q);
         return f;
     }
+    // traits stand in the last columns
     const std::size_t first = f.size() - p.from.traits.size();
     std::vector<std::string> kept(f.begin(), f.begin() + static_cast<std::ptrdiff_t>(first));
     bool recorded = false;
@@ -109,6 +112,7 @@ std::string part_data(const part& p, study& s) {
 std::string model_line(const part& p, const std::string& line) {
     auto w = words_of(line);
     std::vector<int> traits;
+    // numbers at the end of the line are its traits; none: all
     while (w.size() > 1 && w.back().find_first_not_of("0123456789") == std::string::npos) {
         traits.insert(traits.begin(), std::atoi(w.back().c_str()));
         w.pop_back();
@@ -157,6 +161,7 @@ std::vector<std::string> data_block(const part& p, const std::vector<std::string
         } else if (key_of(line) == "NAM") {
             group.push_back("  NAMES");
             for (const int q : traits)
+                // by the old numbers, for the names are those of the data file
                 group.back() += " " + p.from.traits[static_cast<std::size_t>(p.numbers[q - 1] - 1)].column;
         } else if (p.from.one_line && !w.empty() && p.left_out(w[0])) {
             continue;
@@ -198,6 +203,7 @@ std::vector<std::string> var_block(const part& p, const std::vector<std::string>
         throw fault{"block \"" + w[1] + "\" of \"" + p.from.name + ".par\" is not as tvx prep wrote it"};
     if (kept.empty()) return {};
     w[2] = std::to_string(kept.size());
+    // no rank above the order
     if (w.size() > 3 && std::isdigit(static_cast<unsigned char>(w[3][0])) != 0)
         w[3] = std::to_string(std::min<std::size_t>(kept.size(), std::strtoul(w[3].c_str(), nullptr, 10)));
     std::vector<std::string> out{w[0]};
@@ -206,6 +212,7 @@ std::vector<std::string> var_block(const part& p, const std::vector<std::string>
         for (std::size_t j = i; j < kept.size(); ++j) {
             const std::size_t a = kept[i], b = kept[j];
             char text[40];
+            // element (a,b), from 0, of the packed upper triangle by rows
             *std::to_chars(text, text + 39, values[n * a - a * (a + 1) / 2 + b]).ptr = 0;
             out.push_back(std::string("   ") + text); // a value a line
         }

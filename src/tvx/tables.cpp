@@ -19,6 +19,7 @@ std::string read_text(const std::string& file) {
     std::string text;
     if (const auto size = std::filesystem::file_size(file, ec); !ec) text.reserve(static_cast<std::size_t>(size));
     char buffer[1 << 16];
+    // the last piece is shorter, and counts
     while (in.read(buffer, sizeof buffer) || in.gcount() > 0)
         text.append(buffer, static_cast<std::size_t>(in.gcount()));
     if (in.bad()) throw fault{"cannot read file \"" + file + "\" to its end"};
@@ -41,6 +42,7 @@ void write_text(const std::string& file, std::string_view text) {
 
 void put_field(std::string& out, std::string_view text) {
     for (const char c : text) {
+        // one line a record, tabs between fields: these signs are written out
         switch (c) {
         case '\t':
             out += "\\t";
