@@ -47,7 +47,7 @@ struct table_key {
 };
 
 std::string table_name(const table_key& key) {
-    const std::string name = model.rrcontrol[static_cast<std::size_t>(key.irrc - 1)];
+    const std::string name = model.rrcontrol(key.irrc);
     const std::string type = basis_name(key.irropt);
     // the order of fit with as many digits as it has; edit ends the line
     std::string file = key.order < 10 ? edit("(a,1h_,a,i1,4h.baf) ", name, type, key.order)
@@ -220,12 +220,12 @@ void fill_table(array<double, 2>& phi, const table_key& key, const std::string& 
 int class_control() {
     if (model.me_control.empty()) return 1;
     for (int irrc = 1; irrc <= model.nrrc; ++irrc)
-        if (model.rrcontrol[static_cast<std::size_t>(irrc - 1)] == model.me_control) return irrc;
+        if (model.rrcontrol(irrc) == model.me_control) return irrc;
     stop_with("Control variable for ME var.s not matched \"" + model.me_control + "\"");
 }
 
-std::vector<int> shared_controls() {
-    std::vector<int> shared;
+vector1<int> shared_controls() {
+    vector1<int> shared;
     // records with equal places in these are records of one time
     for (int irrc = 1; irrc <= model.nrrc; ++irrc) {
         bool all = true;
@@ -239,14 +239,13 @@ std::vector<int> shared_controls() {
 
 int control_place(int irrc, int iq) {
     for (int i = 1; i <= model.nmeta(iq); ++i)
-        if (model.rricontrol(i, iq) == model.rrcontrol[static_cast<std::size_t>(irrc - 1)]) return i;
+        if (model.rricontrol(i, iq) == model.rrcontrol(irrc)) return i;
     return 0;
 }
 
 const control_list& control_codes(int irrc) {
-    const auto k = static_cast<std::size_t>(irrc);
-    if (k > phimat.control_values.size()) stop("this should not happen");
-    return phimat.control_values[k - 1];
+    if (irrc > phimat.control_values.size()) stop("this should not happen");
+    return phimat.control_values(irrc);
 }
 
 void mm2ages() {

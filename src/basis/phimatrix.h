@@ -6,6 +6,7 @@
 // (the value in front may be left out), all others are written to one.
 #pragma once
 #include "support/array.h"
+#include "support/vector1.h"
 
 #include <cstdint>
 #include <string>
@@ -16,15 +17,15 @@ namespace tarvex {
 using control_list = std::vector<std::int64_t>;
 
 struct phimat_module {
-    // [irrc-1] values of the control variables, ascending; the traits share them. Set by the first scan of the data.
-    std::vector<control_list> control_values;
+    // (irrc) values of the control variables, ascending; the traits share them. Set by the first scan of the data.
+    vector1<control_list> control_values;
     int nphi = 0;                // tables
     array<int, 2> kkphi;         // (maxrand,nq) table of random effect i of trait iq
     array<array<double, 2>> phi; // (nphi)(levels, order) value of function k at level a of the control variable
     array<int> phi_control;      // (nphi) control variable, its number within rrcontrol (row of imeta)
     array<std::string> phi_name; // (nphi) variable, type and order: "age_LEG3"
     array<int> jjmeta; // (nq) control variable that the residuals of a trait depend on, number within rrcontrol
-    std::vector<int> shared_controls; // numbers of the control variables that every trait has
+    vector1<int> shared_controls; // numbers of the control variables that every trait has
 };
 inline phimat_module phimat;
 

@@ -88,8 +88,7 @@ void find_splines() {
             check_random(i, iq);
             if (mudmap.irropt(i, iq) == bsp_basis)
                 splines.rn_spline(i, iq) =
-                    spline_no(model.rrcontrol[static_cast<std::size_t>(mudmap.irmeta(i, iq) - 1)], mudmap.ibsdeg(i, iq),
-                              mudmap.kfitrnd(i, iq), 1);
+                    spline_no(model.rrcontrol(mudmap.irmeta(i, iq)), mudmap.ibsdeg(i, iq), mudmap.kfitrnd(i, iq), 1);
         }
     }
 }

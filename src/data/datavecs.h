@@ -6,10 +6,10 @@
 // equation at position j, 0 where the row has none. Covariables stand in xcov, icov only.
 #pragma once
 #include "support/array.h"
+#include "support/vector1.h"
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 namespace tarvex {
 
@@ -33,12 +33,12 @@ struct subject_record {
 
 struct combinations_module {
     int ncombi = 0;
-    std::vector<std::string> xcombi;       // pattern as text
-    std::vector<std::vector<int>> nqcombi; // [icombi-1][iq-1] records of each trait
-    std::vector<int> ncomb_subj;           // [icombi-1] subjects
-    array<int> ncomb_pairs;                // packed upper triangle without diagonal: subjects with both traits
-    int neqns = 0;                         // equations that the records may name
-    int ncov = 0;                          // those of covariables among them, which come first
+    vector1<std::string> xcombi;   // pattern as text
+    vector1<vector1<int>> nqcombi; // (icombi)(iq) records of each trait
+    vector1<int> ncomb_subj;       // subjects with the pattern
+    array<int> ncomb_pairs;        // packed upper triangle without diagonal: subjects with both traits
+    int neqns = 0;                 // equations that the records may name
+    int ncov = 0;                  // those of covariables among them, which come first
 };
 inline combinations_module combinations;
 

@@ -326,17 +326,18 @@ void combination_no(int& icombi, int nq, const array<int>& mark) {
             if (mark(iq) > 0 && mark(jq) > 0) ++combinations.ncomb_pairs(ij);
         }
     const auto counts = mark.prefix(nq);
-    const auto same = [&](const std::vector<int>& c) { return std::equal(c.begin(), c.end(), counts.begin()); };
+    const auto same = [&](const vector1<int>& c) { return std::equal(c.begin(), c.end(), counts.begin()); };
     // few patterns: they are searched one by one
     const auto at = std::find_if(nqcombi.begin(), nqcombi.end(), same);
     icombi = static_cast<int>(at - nqcombi.begin()) + 1;
     if (at != nqcombi.end()) {
-        ++combinations.ncomb_subj[static_cast<std::size_t>(icombi - 1)];
+        ++combinations.ncomb_subj(icombi);
         return;
     }
     if (ncombi == maxcombi) stop("too many combinations");
     ++ncombi;
-    nqcombi.emplace_back(counts.begin(), counts.end());
+    nqcombi.push_back({});
+    nqcombi.back().assign(counts.begin(), counts.end());
     combinations.ncomb_subj.push_back(1);
     std::string text = numbers.maxnr < 10 ? edit("(40i1)", counts) : edit("(40i2)", counts);
     while (!text.empty() && text.back() == '\n') text.pop_back();

@@ -103,10 +103,10 @@ bool controls_fit(const subject_record& d, const std::vector<int>& most) {
 bool pattern_fits(const subject_record& d) {
     if (options.randreg) return d.icombi >= 0 && d.icombi <= combinations.ncombi;
     if (d.icombi < 1 || d.icombi > combinations.ncombi) return false;
-    const auto& counts = combinations.nqcombi[static_cast<std::size_t>(d.icombi) - 1];
+    const auto& counts = combinations.nqcombi(d.icombi);
     const auto ynq = d.ynq.prefix(d.nobs);
     for (int iq = 1; iq <= numbers.nq; ++iq)
-        if (std::count(ynq.begin(), ynq.end(), iq) != counts[static_cast<std::size_t>(iq) - 1]) return false;
+        if (std::count(ynq.begin(), ynq.end(), iq) != counts(iq)) return false;
     return std::is_sorted(ynq.begin(), ynq.end());
 }
 

@@ -99,7 +99,7 @@ void list_new(const array<double, 2>& g, int n) {
 array<double, 2> full_rank_update(int irand, const em_quantities& q) {
     const int n = model.kkfit(irand);
     // E(u'A^-1 u)/nlev: the plain M-step
-    array<double, 2> g = q.quads[at(irand - 1)];
+    array<double, 2> g = q.quads(irand);
     const double nlev = effective_levels(irand);
     for (double& x : g) x /= nlev;
     if (model.diagonal(irand))
@@ -137,8 +137,8 @@ array<double, 2> standard_moments(int irand, const em_quantities& q) {
             double s = 0.0;
             // the two halves agree at convergence only: their mean is used
             for (int i = 1; i <= n; ++i)
-                s += 0.5 * (randomvars.zig(i, c, irand) * q.loads[at(irand - 1)](i, d) +
-                            randomvars.zig(i, d, irand) * q.loads[at(irand - 1)](i, c));
+                s += 0.5 * (randomvars.zig(i, c, irand) * q.loads(irand)(i, d) +
+                            randomvars.zig(i, d, irand) * q.loads(irand)(i, c));
             // in units of levels, as variances
             t(c, d) = (c == d ? 1.0 : 0.0) + s / nlev;
         }
@@ -204,7 +204,7 @@ void em_step() {
     } else
         for (int irand = 1; irand <= numbers.krand; ++irand)
             g.push_back(irand == residualvars.ipeq ? array<double, 2>() : full_rank_update(irand, q));
-    const std::vector<double> residual = covarsres(q);
+    const vector1<double> residual = covarsres(q);
     // small pivots are lifted: an EM step may run along the border, and must not stop there
     transform_covs(0, residual.data(), pivot_floor, estimates.parvec);
     for (int irand = 1; irand <= numbers.krand; ++irand) {

@@ -137,7 +137,7 @@ void pxem_solve(int irand, const em_quantities& q, array<double, 2>& alpha) {
     const int n = model.kkfit(irand), from = first_unknown(q, irand);
     const bool diagonal = model.diagonal(irand) != 0;
     std::vector<double> rhs, lhs;
-    pxem_rhs(irand, q.quads[at(irand - 1)], rhs);
+    pxem_rhs(irand, q.quads(irand), rhs);
     std::vector<int> kept;
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j)
@@ -179,7 +179,7 @@ void pxem_solve_all(const em_quantities& q, std::vector<array<double, 2>>& chang
     for (int k : kept) {
         const px_unknown& u = q.unknowns[at(k - 1)];
         scale.push_back(1.0 / std::sqrt(q.lhs(k, k)));
-        rhs.push_back(q.loads[at(u.irand - 1)](u.row, u.col) * scale.back());
+        rhs.push_back(q.loads(u.irand)(u.row, u.col) * scale.back());
     }
     a.allocate(m, m);
     for (int i = 1; i <= m; ++i)

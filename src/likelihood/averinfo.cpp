@@ -217,7 +217,7 @@ void multiply_relationships(int irand, effect_vectors& e) {
 }
 
 // z = Z'R^-1 e of all blocks that need it, by one pass over the data.
-void collect_z(std::vector<effect_vectors>& all) {
+void collect_z(vector1<effect_vectors>& all) {
     subject_stream stream(true);
     std::vector<double> ehat, re;
     while (stream.next()) {
@@ -227,7 +227,7 @@ void collect_z(std::vector<effect_vectors>& all) {
         for (int i = 0; i < d.nobs; ++i)
             for (int k = d.efirst[at(i)]; k < d.efirst[at(i + 1)]; ++k) {
                 const design_effect& f = d.effects[at(k)];
-                effect_vectors& e = all[at(f.irand - 1)];
+                effect_vectors& e = all(f.irand);
                 if (!needs_relationships(f.irand)) continue;
                 double* v = e.v.data() + at(f.level - 1) * at(e.n);
                 if (!f.raw)
@@ -238,12 +238,12 @@ void collect_z(std::vector<effect_vectors>& all) {
     }
 }
 
-std::vector<effect_vectors> set_bmat() {
-    std::vector<effect_vectors> all(at(numbers.krand));
+vector1<effect_vectors> set_bmat() {
+    vector1<effect_vectors> all(numbers.krand);
     bool wanted = false;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (!fitted(irand)) continue;
-        effect_vectors& e = all[at(irand - 1)];
+        effect_vectors& e = all(irand);
         e = get_solutions(irand);
         if (!options.principal) {
             scale_by_inverse(irand, e);
@@ -261,14 +261,14 @@ std::vector<effect_vectors> set_bmat() {
     if (!wanted) return all;
     collect_z(all);
     for (int irand = 1; irand <= numbers.krand; ++irand)
-        if (fitted(irand) && needs_relationships(irand)) multiply_relationships(irand, all[at(irand - 1)]);
+        if (fitted(irand) && needs_relationships(irand)) multiply_relationships(irand, all(irand));
     return all;
 }
 
 // Working variables of the records of a subject, nparm for each record.
 class working_variables {
 public:
-    explicit working_variables(const std::vector<effect_vectors>& effects) : effects_(effects) {}
+    explicit working_variables(const vector1<effect_vectors>& effects) : effects_(effects) {}
 
     void form(const subject_stream& stream) {
         const subject_design& d = stream.design();
@@ -280,7 +280,7 @@ public:
         for (int i = 0; i < d.nobs; ++i)
             for (int k = d.efirst[at(i)]; k < d.efirst[at(i + 1)]; ++k) {
                 const design_effect& f = d.effects[at(k)];
-                const effect_vectors& e = effects_[at(f.irand - 1)];
+                const effect_vectors& e = effects_(f.irand);
                 for (int p = 1; p <= e.n; ++p) {
                     const double z = f.raw ? f.raw[p - 1] : p == f.place ? 1.0 : 0.0;
                     if (z == 0.0) continue;
@@ -304,8 +304,8 @@ private:
         const bool independent = numbers.nq == 1 && residualvars.ipeq == 0;
         for (int i = 0; i < nobs; ++i)
             for (int j = i; j < (independent ? i + 1 : nobs); ++j) {
-                if (options.randreg && age_[at(i)] != age_[at(j)]) continue;
-                const int c = options.randreg ? iclass_[at(i)] : 1;
+                if (options.randreg && age_(i + 1) != age_(j + 1)) continue;
+                const int c = options.randreg ? iclass_(i + 1) : 1;
                 const int n = residual_pars(d.ynq(i + 1), d.ynq(j + 1), c, i == j, pars);
                 for (int k = 0; k < n; ++k) {
                     // dR has 1 at (i,j) and (j,i)
@@ -338,9 +338,9 @@ private:
         }
     }
 
-    const std::vector<effect_vectors>& effects_;
+    const vector1<effect_vectors>& effects_;
     std::vector<double> ehat_, re_;
-    std::vector<int> age_, iclass_;
+    vector1<int> age_, iclass_;
 };
 
 // What the subjects of a chunk add to aimat, and, where others are at work, what they will add to W'R^-1 B: for each
@@ -365,7 +365,7 @@ void add_row(const int* eq, const double* weight, int count, const double* row, 
 // A subject's part: B'R^-1 B to the sums of its chunk, W'R^-1 B to brx or, if there is none, behind the rows.
 class subject_information {
 public:
-    explicit subject_information(const std::vector<effect_vectors>& effects) : work_(effects) {}
+    explicit subject_information(const vector1<effect_vectors>& effects) : work_(effects) {}
 
     void add(const subject_stream& stream, information_sums& sums, array<double>* brx) {
         work_.form(stream);
@@ -409,7 +409,7 @@ private:
 };
 
 struct information_worker {
-    information_worker(const subject_stream& first, const std::vector<effect_vectors>& effects)
+    information_worker(const subject_stream& first, const vector1<effect_vectors>& effects)
         : chunk(first), subject(effects) {}
     chunk_stream chunk;
     subject_information subject;
@@ -425,8 +425,7 @@ void take_over(const information_sums& sums, array<double>& brx) {
 }
 
 // Some chunks at a time, since what they leave takes memory.
-void add_shared(const subject_stream& stream, const std::vector<effect_vectors>& effects, int chunks,
-                array<double>& brx) {
+void add_shared(const subject_stream& stream, const vector1<effect_vectors>& effects, int chunks, array<double>& brx) {
     // twice the threads: who is done early finds another one
     const int wave = 2 * threads_at_work()->threads();
     for (int first = 0; first < chunks; first += wave) {
@@ -445,7 +444,7 @@ void add_shared(const subject_stream& stream, const std::vector<effect_vectors>&
 }
 
 // aimat = B'R^-1 B and brx = W'R^-1 B.
-void b_matrix(const std::vector<effect_vectors>& effects, array<double>& brx) {
+void b_matrix(const vector1<effect_vectors>& effects, array<double>& brx) {
     subject_stream stream(true);
     if (const int chunks = shared_chunks(); chunks > 0) return add_shared(stream, effects, chunks, brx);
     subject_information subject(effects);
@@ -529,7 +528,7 @@ void average_info() {
     array<double> brx;
     // parameters of an equation stand together: a record adds a row to each of its equations
     allocate_large("brx", brx, static_cast<long long>(numbers.nsrow) * np);
-    const std::vector<effect_vectors> effects = set_bmat();
+    const vector1<effect_vectors> effects = set_bmat();
     b_matrix(effects, brx);
     substitute(brx);
     subtract_products(brx);

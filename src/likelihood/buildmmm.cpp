@@ -243,7 +243,7 @@ struct block_adder {
 
     explicit block_adder(int ir)
         : irand(ir), n(nfit(ir)), diagonal_links(links_diagonal(ir)), eq(&orders.ieqnew(mmequations.rn_start(ir) + 1)),
-          place(places.blocks[at(ir - 1)], sparse.xspars) {
+          place(places.blocks(ir), sparse.xspars) {
         ww.resize(at(n) * at(n));
         for (int r = 0; r < n; ++r)
             for (int s = 0; s < n; ++s)
@@ -282,7 +282,7 @@ struct block_adder {
 };
 
 void mmm_peds_muv(int& iflag) {
-    places.blocks.resize(at(numbers.krand));
+    places.blocks.resize(numbers.krand);
     if (!randomvars.detl.allocated()) allocate("alloc zig", randomvars.detl, numbers.krand);
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (mudmap.kovrnd(irand) == covariance_kind::peq || levels.rn_nlev(irand) < 1) continue;

@@ -2,6 +2,7 @@
 #pragma once
 #include "data/recodedata.h"
 #include "support/array.h"
+#include "support/vector1.h"
 
 #include <cstddef>
 #include <vector>
@@ -24,12 +25,12 @@ struct place_store {
     std::vector<mark> marks;
 };
 struct places_module {
-    place_store subjects;            // pairs of the local equations of the subjects
-    std::vector<place_store> blocks; // [irand-1] pairs of the elements of the inverse relationship matrix
-    bool lenient = false;            // a missing element of a random effect asks for a new ordering, it is not fatal
-    int together = 4096;             // subjects whose sums are formed together; those sums are added up in turn
-    std::size_t most = 0;            // pairs kept by all stores together; 0: as the size of the factor allows
-    std::size_t look_every = 65536;  // pairs of a store between two looks whether they are too many
+    place_store subjects;           // pairs of the local equations of the subjects
+    vector1<place_store> blocks;    // (irand) pairs of the elements of the inverse relationship matrix
+    bool lenient = false;           // a missing element of a random effect asks for a new ordering, it is not fatal
+    int together = 4096;            // subjects whose sums are formed together; those sums are added up in turn
+    std::size_t most = 0;           // pairs kept by all stores together; 0: as the size of the factor allows
+    std::size_t look_every = 65536; // pairs of a store between two looks whether they are too many
 };
 inline places_module places;
 

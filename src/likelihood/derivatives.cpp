@@ -28,27 +28,27 @@ namespace {
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 // Derivatives with respect to the elements of the factors, kkfit x krfit for each block (principal runs).
-using factor_sums = std::vector<array<double, 2>>;
+using factor_sums = vector1<array<double, 2>>;
 
 // Part of the residual parameters in log L: K = R^-1 M R^-1 against dR, less half the trace of R^-1 dR.
 struct residual_part {
-    std::vector<double> data, trace;
-    std::vector<int> traits, age, iclass;
+    vector1<double> data, trace;
+    vector1<int> age, iclass;
 
-    residual_part() : data(at(estimates.nrespeq), 0.0), trace(at(estimates.nrespeq), 0.0) {}
+    residual_part() : data(estimates.nrespeq), trace(estimates.nrespeq) {}
 
     void add(const residual_part& next) {
-        for (std::size_t k = 0; k < data.size(); ++k) data[k] += next.data[k];
-        for (std::size_t k = 0; k < trace.size(); ++k) trace[k] += next.trace[k];
+        for (int k = 1; k <= data.size(); ++k) data(k) += next.data(k);
+        for (int k = 1; k <= trace.size(); ++k) trace(k) += next.trace(k);
     }
-    void add_patterns(const std::vector<pattern_matrix>& sums) {
+    void add_patterns(const vector1<pattern_matrix>& sums) {
         for (int k = 1; k <= combinations.ncombi; ++k) {
-            const pattern_matrix& rinv = residualvars.eei[at(k - 1)];
-            const std::vector<int> q = pattern_traits(k);
-            const pattern_matrix& m = sums[at(k - 1)];
+            const pattern_matrix& rinv = residualvars.eei(k);
+            const vector1<int> q = pattern_traits(k);
+            const pattern_matrix& m = sums(k);
             // (Py)'dR(Py) and tr(P dR) together are -2 tr(K dR) and tr(R^-1 dR)
             if (m.n > 0) add_residual_terms(between_inverses(rinv, m), q, {}, {}, 1.0, data);
-            add_residual_terms(rinv, q, {}, {}, -0.5 * combinations.ncomb_subj[at(k - 1)], trace);
+            add_residual_terms(rinv, q, {}, {}, -0.5 * combinations.ncomb_subj(k), trace);
         }
     }
     void add_subject(const part_products& p) {
@@ -72,7 +72,7 @@ void set_principal(const factor_sums& d) {
         const int from = block_start(irand);
         for (int k = 1; k <= block_size(irand); ++k) {
             const factor_place f = factor_element(irand, 1, k);
-            derivs.devc(from + k - 1) = d[at(irand - 1)](f.row, f.col);
+            derivs.devc(from + k - 1) = d(irand)(f.row, f.col);
             // the effects have variance I: log|G| is 0
             derivs.devl1(from + k - 1) = -derivs.devc(from + k - 1);
         }
@@ -103,23 +103,23 @@ void block_derivatives(int irand, const pattern_values& x) {
 
 void set_residual(const residual_part& r) {
     for (int k = 1; k <= estimates.nrespeq; ++k) {
-        derivs.devc(k) = -r.data[at(k - 1)];
-        derivs.devl1(k) = r.data[at(k - 1)] + r.trace[at(k - 1)];
+        derivs.devc(k) = -r.data(k);
+        derivs.devl1(k) = r.data(k) + r.trace(k);
     }
 }
 
 // What a chunk of subjects adds up.
 struct chunk_sums {
     residual_part residual{};
-    std::vector<pattern_matrix> patterns{};
+    vector1<pattern_matrix> patterns{};
     factor_sums factors{};
 
-    chunk_sums() : factors(at(numbers.krand)) {
+    chunk_sums() : factors(numbers.krand) {
         if (options.principal)
             // one place for each element of the factor, also for those above its diagonal, which stay 0
             for (int irand = 1; irand <= numbers.krand; ++irand)
-                factors[at(irand - 1)].allocate(model.kkfit(irand), model.krfit(irand));
-        if (!options.randreg) patterns.assign(at(combinations.ncombi), {});
+                factors(irand).allocate(model.kkfit(irand), model.krfit(irand));
+        if (!options.randreg) patterns.resize(combinations.ncombi);
     }
     void add(const chunk_sums& next) {
         residual.add(next.residual);

@@ -35,11 +35,11 @@ class expansion_sums {
 public:
     expansion_sums(const em_request& request, em_quantities& q) : request_(request), q_(q) {
         // unknowns: element (i,c) of a block's expansion, c fastest; first_: -1 if the block has none
-        first_.assign(at(numbers.krand), -1);
+        first_.assign(numbers.krand, -1);
         q.unknowns.clear();
         for (int irand = 1; irand <= numbers.krand; ++irand) {
             if (!wanted(irand)) continue;
-            first_[at(irand - 1)] = static_cast<int>(q.unknowns.size());
+            first_(irand) = static_cast<int>(q.unknowns.size());
             for (int i = 1; i <= model.kkfit(irand); ++i)
                 for (int c = 1; c <= nfit(irand); ++c) q.unknowns.push_back({irand, i, c});
         }
@@ -58,9 +58,7 @@ public:
     }
 
 private:
-    bool wanted(int irand) const {
-        return request_.expand[at(irand - 1)] != 0 && mudmap.kovrnd(irand) != covariance_kind::peq;
-    }
+    bool wanted(int irand) const { return request_.expand(irand) != 0 && mudmap.kovrnd(irand) != covariance_kind::peq; }
 
     // Distinct levels of the wanted effects in the part, and E(uu') between all their components.
     void collect_levels(const subject_design& d) {
@@ -123,7 +121,7 @@ private:
                 const double zk = f.raw ? f.raw[k - 1] : k == f.place ? 1.0 : 0.0;
                 if (zk == 0.0) continue;
                 // normal equations of y on the products z(i) u(j)
-                const int row = first_[at(e.irand - 1)] + (i - 1) * ne, col = first_[at(f.irand - 1)] + (k - 1) * nf;
+                const int row = first_(e.irand) + (i - 1) * ne, col = first_(f.irand) + (k - 1) * nf;
                 for (int j = 0; j < ne; ++j)
                     for (int l = 0; l < nf; ++l)
                         q_.lhs(row + j + 1, col + l + 1) +=
@@ -134,7 +132,7 @@ private:
 
     const em_request& request_;
     em_quantities& q_;
-    std::vector<int> first_;
+    vector1<int> first_;
     std::vector<level_slot> slots_;
     std::vector<int> slot_of_, eq_;
     std::vector<double> expect_;
@@ -144,19 +142,19 @@ class residual_sums {
 public:
     explicit residual_sums(em_quantities& q) : q_(q) {
         if (options.randreg) {
-            q.class_ss.assign(at(model.rr_resteps), 0.0);
-            q.class_n.assign(at(model.rr_resteps), 0.0);
+            q.class_ss.assign(model.rr_resteps, 0.0);
+            q.class_n.assign(model.rr_resteps, 0.0);
         } else
-            q.residuals.assign(at(combinations.ncombi), {});
+            q.residuals = vector1<pattern_matrix>(combinations.ncombi);
     }
     void add(const part_products& p) {
         if (!options.randreg) return add_products(p, q_.residuals);
         residual_classes(*p.part.record, age_, class_);
         // independent records with a variance for each class
         for (int i = 0; i < p.part.design->nobs; ++i) {
-            const std::size_t c = at(class_[at(p.part.obs + i)] - 1);
-            q_.class_ss[c] += 2.0 * p.m(i + 1, i + 1);
-            q_.class_n[c] += 1.0;
+            const int c = class_(p.part.obs + i + 1);
+            q_.class_ss(c) += 2.0 * p.m(i + 1, i + 1);
+            q_.class_n(c) += 1.0;
         }
     }
     void finish() {
@@ -168,7 +166,7 @@ public:
 
 private:
     em_quantities& q_;
-    std::vector<int> age_, class_;
+    vector1<int> age_, class_;
 };
 
 // What a chunk of subjects adds up; request: null for the residuals alone.
@@ -178,11 +176,11 @@ struct em_chunk {
     std::unique_ptr<expansion_sums> expansion;
 
     explicit em_chunk(const em_request* request) : residual(q) {
-        q.loads.assign(at(numbers.krand), {});
+        q.loads = vector1<array<double, 2>>(numbers.krand);
         if (!request) return;
         if (options.principal)
             for (int irand = 1; irand <= numbers.krand; ++irand)
-                q.loads[at(irand - 1)].allocate(model.kkfit(irand), model.krfit(irand));
+                q.loads(irand).allocate(model.kkfit(irand), model.krfit(irand));
         expansion = std::make_unique<expansion_sums>(*request, q);
     }
     void add(const em_chunk& next) {
@@ -222,7 +220,7 @@ void em_expectations(const em_request& request, em_quantities& q) {
     need_evaluation("em_expectations");
     autodiff_in_place();
     const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
-    q.quads.assign(at(numbers.krand), {});
+    q.quads = vector1<array<double, 2>>(numbers.krand);
     std::vector<std::unique_ptr<em_chunk>> chunks = make_chunks(&request);
     // X = F/2 as for the gradient: here all sums are twice those of it
     const bool with_effects = options.principal || chunks.front()->expansion->any();
@@ -241,7 +239,7 @@ void em_expectations(const em_request& request, em_quantities& q) {
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (mudmap.kovrnd(irand) == covariance_kind::peq) continue;
         // E(u'A^-1 u) by pairs of components
-        auto& t = q.quads[at(irand - 1)];
+        auto& t = q.quads(irand);
         structure_sums(irand, x, t);
         for (double& v : t) v *= 2.0;
     }

@@ -17,18 +17,18 @@ struct px_unknown {
 };
 
 struct em_quantities {
-    std::vector<array<double, 2>> quads;   // [irand-1] U'A^-1 U + traces (full-rank runs)
-    std::vector<array<double, 2>> loads;   // [irand-1] kkfit x krfit: E(z_i' R^-1 e u_c), principal runs
-    std::vector<pattern_matrix> residuals; // [icombi-1] sums of E(e e') by pattern (multivariate analyses)
-    std::vector<double> class_ss, class_n; // random regression: sums of squares and records by residual class
-    std::vector<px_unknown> unknowns;      // of the expansion
-    array<double, 2> lhs;                  // its coefficient matrix
+    vector1<array<double, 2>> quads;   // (irand) U'A^-1 U + traces (full-rank runs)
+    vector1<array<double, 2>> loads;   // (irand) kkfit x krfit: E(z_i' R^-1 e u_c), principal runs
+    vector1<pattern_matrix> residuals; // (icombi) sums of E(e e') by pattern (multivariate analyses)
+    vector1<double> class_ss, class_n; // random regression: sums of squares and records by residual class
+    std::vector<px_unknown> unknowns;  // of the expansion
+    array<double, 2> lhs;              // its coefficient matrix
 };
 
 // What a pass is to collect: the coefficient matrix of the expansion for these blocks (1-based marks by block), jointly
 // over blocks or each block by itself (cross terms left out).
 struct em_request {
-    std::vector<int> expand; // [irand-1] 1: block's expansion or loadings are wanted
+    vector1<int> expand; // (irand) 1: block's expansion or loadings are wanted
     bool joint = false;
 };
 
@@ -41,6 +41,6 @@ void em_residuals(em_quantities& q);
 
 // New residual matrices by EM: the covariances in the layout of parvec on "Original" (sum with the PEQ matrix), and the
 // PEQ matrix behind them.
-std::vector<double> covarsres(const em_quantities& q);
+vector1<double> covarsres(const em_quantities& q);
 
 } // namespace tarvex

@@ -157,8 +157,7 @@ double assembled_dev() {
         if (!options.siremodel) dev += nfit(irand) * randomvars.detl(irand);
     }
     if (options.randreg) return dev + residualvars.detres(1);
-    for (int k = 1; k <= combinations.ncombi; ++k)
-        dev += combinations.ncomb_subj[static_cast<std::size_t>(k - 1)] * residualvars.detres(k);
+    for (int k = 1; k <= combinations.ncombi; ++k) dev += combinations.ncomb_subj(k) * residualvars.detres(k);
     return dev;
 }
 

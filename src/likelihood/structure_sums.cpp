@@ -130,8 +130,8 @@ void structure_sums(int irand, const pattern_values& x, array<double, 2>& t) {
     const int n = nfit(irand);
     t.allocate(n, n);
     if (levels.rn_nlev(irand) < 1) return;
-    places.blocks.resize(at(numbers.krand));
-    place_cursor place(places.blocks[at(irand - 1)], x.fo);
+    places.blocks.resize(numbers.krand);
+    place_cursor place(places.blocks(irand), x.fo);
     const bool diagonal_links = links_diagonal(irand);
     const int* eq = &orders.ieqnew(mmequations.rn_start(irand) + 1);
     inverse_stream elements(irand);
@@ -165,9 +165,9 @@ void walk_products(const pattern_values& x, bool with_effects, const visitor& vi
     place.finish();
 }
 
-void add_products(const part_products& products, std::vector<pattern_matrix>& sums) {
+void add_products(const part_products& products, vector1<pattern_matrix>& sums) {
     const subject_record& d = *products.part.record;
-    pattern_matrix& s = sums[at(d.icombi - 1)];
+    pattern_matrix& s = sums(d.icombi);
     if (s.n == 0) {
         s.n = d.nobs;
         s.diagonal = products.m.diagonal;
@@ -178,22 +178,25 @@ void add_products(const part_products& products, std::vector<pattern_matrix>& su
     for (std::size_t k = 0; k < products.m.v.size(); ++k) s.v[from + k] += products.m.v[k];
 }
 
-void add_patterns(const std::vector<pattern_matrix>& chunk, std::vector<pattern_matrix>& sums) {
-    for (std::size_t i = 0; i < chunk.size(); ++i) {
-        if (chunk[i].n == 0) continue;
-        if (sums[i].n == 0)
-            sums[i] = chunk[i];
+void add_patterns(const vector1<pattern_matrix>& chunk, vector1<pattern_matrix>& sums) {
+    for (int k = 1; k <= chunk.size(); ++k) {
+        const pattern_matrix& c = chunk(k);
+        pattern_matrix& s = sums(k);
+        if (c.n == 0) continue;
+        if (s.n == 0)
+            s = c;
         else
-            for (std::size_t k = 0; k < chunk[i].v.size(); ++k) sums[i].v[k] += chunk[i].v[k];
+            std::transform(c.v.begin(), c.v.end(), s.v.begin(), s.v.begin(), std::plus<>());
     }
 }
 
-void add_loads(const std::vector<array<double, 2>>& chunk, std::vector<array<double, 2>>& loads) {
-    for (std::size_t i = 0; i < chunk.size(); ++i)
-        std::transform(chunk[i].begin(), chunk[i].end(), loads[i].begin(), loads[i].begin(), std::plus<>());
+void add_loads(const vector1<array<double, 2>>& chunk, vector1<array<double, 2>>& loads) {
+    for (int irand = 1; irand <= chunk.size(); ++irand)
+        std::transform(chunk(irand).begin(), chunk(irand).end(), loads(irand).begin(), loads(irand).begin(),
+                       std::plus<>());
 }
 
-void add_loads(const part_products& products, double factor, std::vector<array<double, 2>>& loads) {
+void add_loads(const part_products& products, double factor, vector1<array<double, 2>>& loads) {
     const design_part& part = products.part;
     const subject_design& s = *part.design;
     const std::size_t nl = at(s.nl);
@@ -207,7 +210,7 @@ void add_loads(const part_products& products, double factor, std::vector<array<d
         }
         for (int e = s.efirst[at(i)]; e < s.efirst[at(i + 1)]; ++e) {
             const design_effect& effect = s.effects[at(e)];
-            auto& mine = loads[at(effect.irand - 1)];
+            auto& mine = loads(effect.irand);
             // equations of the factor: element (r,c) meets u_c of the level
             for (int c = 1; c <= model.krfit(effect.irand); ++c) {
                 const double g = factor * h[at(s.local[at(effect.entry + c - 1)])];

@@ -39,15 +39,15 @@ using visitor = std::function<void(int, const part_products&)>;
 void walk_products(const pattern_values& x, bool with_effects, const visitor& visit);
 
 // Adds the m of a part to the sum of its pattern.
-void add_products(const part_products& products, std::vector<pattern_matrix>& sums);
+void add_products(const part_products& products, vector1<pattern_matrix>& sums);
 // Adds the sums of a chunk to those of all.
-void add_patterns(const std::vector<pattern_matrix>& chunk, std::vector<pattern_matrix>& sums);
-void add_loads(const std::vector<array<double, 2>>& chunk, std::vector<array<double, 2>>& loads);
+void add_patterns(const vector1<pattern_matrix>& chunk, vector1<pattern_matrix>& sums);
+void add_loads(const vector1<array<double, 2>>& chunk, vector1<array<double, 2>>& loads);
 
-// Principal runs: loads[irand-1] (kkfit,krfit) += factor Z'R^-1 p over the records of a part, Z by places of the block
+// Principal runs: loads(irand) (kkfit,krfit) += factor Z'R^-1 p over the records of a part, Z by places of the block
 // and p by the components of the level. With X of autodiff_1, factor -2 gives E(z R^-1 e u_c) and 2 the derivatives of
 // the half-sum log|C| + y'Py by the elements of the factor.
-void add_loads(const part_products& products, double factor, std::vector<array<double, 2>>& loads);
+void add_loads(const part_products& products, double factor, vector1<array<double, 2>>& loads);
 
 // R^-1 m R^-1.
 pattern_matrix between_inverses(const pattern_matrix& rinv, const pattern_matrix& m);

@@ -200,7 +200,7 @@ void subject_stream::form_rinv() {
         get_rinv_rreg(record(), isubj_, rinv_, diagonal_, ldet_);
         return;
     }
-    const pattern_matrix& m = residualvars.eei[at(record().icombi - 1)];
+    const pattern_matrix& m = residualvars.eei(record().icombi);
     diagonal_ = m.diagonal;
     rinv_ = m.v;
     ldet_ = residualvars.detres(record().icombi);

@@ -110,31 +110,31 @@ double record_covariance(int iq, int jq, bool same) {
     return iq == jq ? r.sigpeq(k) : r.sigres(k, 1) + r.sigpeq(k);
 }
 
-void show_singular(int n, int rank, int icombi, const std::vector<double>& w) {
+void show_singular(int n, int rank, int icombi, const vector1<double>& w) {
     print_list(screen(), "***** ERROR : Residual covariance matrix not of full rank");
     print_list(screen(), "      Dimension   =", n);
     print_list(screen(), "      Rank        =", rank);
     show_combination(icombi);
     for (int i = 1; i <= n; ++i) {
         std::vector<double> row;
-        for (int j = 1; j <= i; ++j) row.push_back(w[at(ihmssf(j, i, n) - 1)]);
+        for (int j = 1; j <= i; ++j) row.push_back(w(ihmssf(j, i, n)));
         write(screen(), "(i3,10(t4,8f13.6)/)", i, row);
     }
 }
 
 // A pattern whose records are independent: true if that could be settled by its diagonal alone.
-bool independent_pattern(const std::vector<int>& traits, pattern_matrix& inverse, double& ldet) {
+bool independent_pattern(const vector1<int>& traits, pattern_matrix& inverse, double& ldet) {
     const auto& r = residualvars;
     const int nq = numbers.nq;
-    std::vector<int> count(at(nq + 1), 0);
-    for (int q : traits) ++count[at(q)];
+    vector1<int> count(nq);
+    for (int q : traits) ++count(q);
     for (int i = 1; i <= nq; ++i) {
-        if (count[at(i)] == 0) continue;
+        if (count(i) == 0) continue;
         // smaller variances go to gen_inverse, which tells of them
         if (!(r.sigres(ihmssf(i, i, nq), 1) >= small_pivot)) return false;
-        if (count[at(i)] > 1 && r.sigpeq(ihmssf(i, i, nq)) != 0.0) return false;
+        if (count(i) > 1 && r.sigpeq(ihmssf(i, i, nq)) != 0.0) return false;
         for (int j = i + 1; j <= nq; ++j)
-            if (count[at(j)] > 0 && record_covariance(i, j, false) != 0.0) return false;
+            if (count(j) > 0 && record_covariance(i, j, false) != 0.0) return false;
     }
     inverse.n = static_cast<int>(traits.size());
     inverse.diagonal = true;
@@ -158,24 +158,23 @@ bool has_small_pivot(const pattern_matrix& inverse) {
 
 // A pivot that is no more than rounding against the variance of its record: with the others given, nothing is left of
 // it. log|R| and the inverse have no digit in common with those of a point beside it.
-bool nearly_singular(const std::vector<double>& inverse, const std::vector<double>& matrix, int n) {
+bool nearly_singular(const vector1<double>& inverse, const vector1<double>& matrix, int n) {
     for (int i = 1; i <= n; ++i) {
-        const auto k = at(ihmssf(i, i, n) - 1);
-        if (!(inverse[k] * matrix[k] * numbers.zero < 1.0)) return true;
+        const int k = ihmssf(i, i, n);
+        if (!(inverse(k) * matrix(k) * numbers.zero < 1.0)) return true;
     }
     return false;
 }
 
 void invert_pattern(int icombi, int& ifail) {
-    const std::vector<int> traits = pattern_traits(icombi);
-    pattern_matrix& inverse = residualvars.eei[at(icombi - 1)];
+    const vector1<int> traits = pattern_traits(icombi);
+    pattern_matrix& inverse = residualvars.eei(icombi);
     double ldet = 0.0;
     if (!independent_pattern(traits, inverse, ldet)) {
         const int n = static_cast<int>(traits.size());
-        std::vector<double> w(at(n) * at(n + 1) / 2), kept;
+        vector1<double> w(std::ptrdiff_t{n} * (n + 1) / 2), kept;
         for (int i = 1; i <= n; ++i)
-            for (int j = i; j <= n; ++j)
-                w[at(ihmssf(i, j, n) - 1)] = record_covariance(traits[at(i - 1)], traits[at(j - 1)], i == j);
+            for (int j = i; j <= n; ++j) w(ihmssf(i, j, n)) = record_covariance(traits(i), traits(j), i == j);
         // w becomes the inverse
         kept = w;
         int rank = 0, negative = 0;
@@ -191,9 +190,7 @@ void invert_pattern(int icombi, int& ifail) {
         inverse.diagonal = false;
         inverse.v.resize(at(n) * at(n));
         for (int i = 1; i <= n; ++i)
-            for (int j = i; j <= n; ++j)
-                inverse.v[at(i - 1) + at(j - 1) * at(n)] = inverse.v[at(j - 1) + at(i - 1) * at(n)] =
-                    w[at(ihmssf(i, j, n) - 1)];
+            for (int j = i; j <= n; ++j) inverse(i, j) = inverse(j, i) = w(ihmssf(i, j, n));
     }
     residualvars.detres(icombi) = ldet;
 }
@@ -210,12 +207,12 @@ void rinv_muv(array<double>& parvec, int& ifail) {
     // equal to the last bit
     if (now == r.formed) return;
     r.formed.clear();
-    r.eei.resize(at(combinations.ncombi));
+    r.eei.resize(combinations.ncombi);
     bool told = false; // what was told is told again whenever the same matrices are asked for
     for (int icombi = 1; icombi <= combinations.ncombi; ++icombi) {
         invert_pattern(icombi, ifail);
         if (ifail) return;
-        told = told || has_small_pivot(r.eei[at(icombi - 1)]);
+        told = told || has_small_pivot(r.eei(icombi));
     }
     if (!told) r.formed = now;
 }
@@ -250,22 +247,22 @@ void rinv_ranreg(array<double>& parvec, int& ifail) {
     stoptarvex();
 }
 
-bool all_independent(const subject_record& d, const std::vector<int>& age, const std::vector<int>& iclass) {
+bool all_independent(const subject_record& d, const vector1<int>& age, const vector1<int>& iclass) {
     const int n = d.nobs;
     for (int i = 1; i <= n; ++i) {
         const int q = d.ynq(i);
         // as for patterns: small ones are told by gen_inverse
-        if (residualvars.sigres(ihmssf(q, q, numbers.nq), iclass[at(i - 1)]) < small_pivot) return false;
+        if (residualvars.sigres(ihmssf(q, q, numbers.nq), iclass(i)) < small_pivot) return false;
         for (int j = i + 1; j <= n; ++j)
-            if (age[at(i - 1)] == age[at(j - 1)]) return false;
+            if (age(i) == age(j)) return false;
     }
     return true;
 }
 
 } // namespace
 
-std::vector<peq_place> peq_places() {
-    std::vector<peq_place> places;
+vector1<peq_place> peq_places() {
+    vector1<peq_place> places;
     const int irand = residualvars.ipeq, n = irand > 0 ? model.kkfit(irand) : 0;
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j)
@@ -275,7 +272,7 @@ std::vector<peq_place> peq_places() {
 
 void show_combination(int icombi) {
     std::string line = "      Combination =";
-    for (int k : combinations.nqcombi[at(icombi - 1)]) line += " " + std::to_string(k);
+    for (int k : combinations.nqcombi(icombi)) line += " " + std::to_string(k);
     print_list(screen(), line);
 }
 
@@ -305,28 +302,28 @@ bool same_place(const subject_record& d, int i, int j) {
                        [&](int irrc) { return d.imeta(irrc, i) == d.imeta(irrc, j); });
 }
 
-void residual_classes(const subject_record& d, std::vector<int>& age, std::vector<int>& iclass) {
+void residual_classes(const subject_record& d, vector1<int>& age, vector1<int>& iclass) {
     const int n = d.nobs;
-    age.resize(at(n));
-    iclass.resize(at(n));
+    age.resize(n);
+    iclass.resize(n);
     // the control variable of the trait gives the place, its level the class
     for (int i = 1; i <= n; ++i) {
         const int iq = d.ynq(i), control = phimat.jjmeta.allocated() ? phimat.jjmeta(iq) : 1;
-        age[at(i - 1)] = d.imeta(control, i);
-        iclass[at(i - 1)] = model.rr_resteps == 1 ? 1 : model.me_run(age[at(i - 1)]);
+        age(i) = d.imeta(control, i);
+        iclass(i) = model.rr_resteps == 1 ? 1 : model.me_run(age(i));
     }
     if (model.nrrc < 2) return;
-    const std::vector<int> level = age;
+    const vector1<int> level = age;
     for (int i = 1; i <= n; ++i) { // the first record at a place stands for it
         int first = 1;
-        while (first < i && (level[at(first - 1)] != level[at(i - 1)] || !same_place(d, first, i))) ++first;
-        age[at(i - 1)] = first;
+        while (first < i && (level(first) != level(i) || !same_place(d, first, i))) ++first;
+        age(i) = first;
     }
 }
 
 void get_rinv_rreg(const subject_record& d, int isubj, std::vector<double>& zig2, bool& diagonal, double& ldet) {
     const int n = d.nobs, nq = numbers.nq;
-    std::vector<int> age, iclass;
+    vector1<int> age, iclass;
     residual_classes(d, age, iclass);
     diagonal = all_independent(d, age, iclass);
     zig2.clear();
@@ -334,7 +331,7 @@ void get_rinv_rreg(const subject_record& d, int isubj, std::vector<double>& zig2
     if (diagonal) {
         for (int i = 1; i <= n; ++i) {
             const int q = d.ynq(i);
-            const double s = residualvars.sigres(ihmssf(q, q, nq), iclass[at(i - 1)]);
+            const double s = residualvars.sigres(ihmssf(q, q, nq), iclass(i));
             zig2.push_back(1.0 / s);
             ldet += std::log(s);
         }
@@ -342,26 +339,25 @@ void get_rinv_rreg(const subject_record& d, int isubj, std::vector<double>& zig2
         return;
     }
     // records at different places are independent
-    std::vector<double> w(at(n) * at(n + 1) / 2, 0.0);
+    vector1<double> w(std::ptrdiff_t{n} * (n + 1) / 2);
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j)
-            if (age[at(i - 1)] == age[at(j - 1)])
-                w[at(ihmssf(i, j, n) - 1)] =
-                    residualvars.sigres(packed_place(d.ynq(i), d.ynq(j), nq), iclass[at(i - 1)]);
+            if (age(i) == age(j))
+                w(ihmssf(i, j, n)) = residualvars.sigres(packed_place(d.ynq(i), d.ynq(j), nq), iclass(i));
     int rank = 0, negative = 0;
     gen_inverse(w, n, numbers.zero, rank, ldet, &negative);
     if (rank < n || negative > 0) singular_subject(isubj, n, rank);
     zig2.resize(at(n) * at(n));
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j)
-            zig2[at(i - 1) + at(j - 1) * at(n)] = zig2[at(j - 1) + at(i - 1) * at(n)] = w[at(ihmssf(i, j, n) - 1)];
+            zig2[at(i - 1) + at(j - 1) * at(n)] = zig2[at(j - 1) + at(i - 1) * at(n)] = w(ihmssf(i, j, n));
 }
 
-std::vector<int> pattern_traits(int icombi) {
-    std::vector<int> traits;
-    const std::vector<int>& count = combinations.nqcombi[at(icombi - 1)];
+vector1<int> pattern_traits(int icombi) {
+    vector1<int> traits;
+    const vector1<int>& count = combinations.nqcombi(icombi);
     // records of a subject are sorted by trait: counts say all
-    for (int iq = 1; iq <= numbers.nq; ++iq) traits.insert(traits.end(), at(count[at(iq - 1)]), iq);
+    for (int iq = 1; iq <= numbers.nq; ++iq) traits.append(count(iq), iq);
     return traits;
 }
 
@@ -391,7 +387,7 @@ int residual_pars(int iq, int jq, int iclass, bool same, int pars[2]) {
 }
 
 void add_residual_terms(const pattern_matrix& x, std::span<const int> traits, std::span<const int> age,
-                        std::span<const int> iclass, double factor, std::vector<double>& g) {
+                        std::span<const int> iclass, double factor, vector1<double>& g) {
     int pars[2];
     for (int k = 1; k <= x.n; ++k) {
         const int c = iclass.empty() ? 1 : iclass[at(k - 1)];
@@ -401,7 +397,7 @@ void add_residual_terms(const pattern_matrix& x, std::span<const int> traits, st
             // (k,l) and (l,k)
             const double value = factor * (k == l ? 1.0 : 2.0) * x(k, l);
             const int n = residual_pars(traits[at(k - 1)], traits[at(l - 1)], c, k == l, pars);
-            for (int p = 0; p < n; ++p) g[at(pars[p] - 1)] += value;
+            for (int p = 0; p < n; ++p) g(pars[p]) += value;
         }
     }
 }

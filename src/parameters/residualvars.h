@@ -3,6 +3,7 @@
 #pragma once
 #include "data/datavecs.h"
 #include "support/array.h"
+#include "support/vector1.h"
 
 #include <cstddef>
 #include <span>
@@ -17,21 +18,27 @@ struct pattern_matrix {
     std::vector<double> v; // n*n by columns, or n
     double operator()(int i, int j) const {
         if (diagonal) return i == j ? v[static_cast<std::size_t>(i - 1)] : 0.0;
-        return v[static_cast<std::size_t>(i - 1) + static_cast<std::size_t>(j - 1) * static_cast<std::size_t>(n)];
+        return v[place(i, j)];
+    }
+    double& operator()(int i, int j) { return v[place(i, j)]; } // of one that is kept in full
+
+private:
+    std::size_t place(int i, int j) const {
+        return static_cast<std::size_t>(i - 1) + static_cast<std::size_t>(j - 1) * static_cast<std::size_t>(n);
     }
 };
 
 struct residualvars_module {
-    int ipeq = 0;                    // block of the PEQ effect, 0 none
-    bool peqsum = false;             // there is one: parvec's block 0 holds the sum of the residual and its matrix
-    array<double> detres;            // (ncombi) log|R| of a pattern; random regression: element 1, summed over subjects
-    std::vector<pattern_matrix> eei; // [icombi-1] R^-1, records sorted by trait
-    array<double, 2> sigres;         // (nq(nq+1)/2, rr_resteps) residual covariances in use, packed, by class
-    array<double> sigpeq;            // (nq(nq+1)/2) PEQ covariances spread over all traits
-    array<double> rpars;             // (nresparm) residual parameters on the natural scale, compared by loglike
-    array<int> fixres;               // (nresparm as covariances: steps times triangle) 1: fixed at zero
-    bool pivot_zeros = false;        // pivots go in an order in which the factor keeps these zeros
-    std::vector<double> formed;      // covariances (residual, PEQ) that eei belongs to
+    int ipeq = 0;                // block of the PEQ effect, 0 none
+    bool peqsum = false;         // there is one: parvec's block 0 holds the sum of the residual and its matrix
+    array<double> detres;        // (ncombi) log|R| of a pattern; random regression: element 1, summed over subjects
+    vector1<pattern_matrix> eei; // (icombi) R^-1, records sorted by trait
+    array<double, 2> sigres;     // (nq(nq+1)/2, rr_resteps) residual covariances in use, packed, by class
+    array<double> sigpeq;        // (nq(nq+1)/2) PEQ covariances spread over all traits
+    array<double> rpars;         // (nresparm) residual parameters on the natural scale, compared by loglike
+    array<int> fixres;           // (nresparm as covariances: steps times triangle) 1: fixed at zero
+    bool pivot_zeros = false;    // pivots go in an order in which the factor keeps these zeros
+    std::vector<double> formed;  // covariances (residual, PEQ) that eei belongs to
 };
 inline residualvars_module residualvars;
 
@@ -40,7 +47,7 @@ inline residualvars_module residualvars;
 struct peq_place {
     int i, j, residual;
 };
-std::vector<peq_place> peq_places();
+vector1<peq_place> peq_places();
 
 // Residual inverses at parvec (which clamps may change). ifail 1: invalid point.
 void rinverse(array<double>& parvec, int& ifail);
@@ -52,7 +59,7 @@ void get_rinv_rreg(const subject_record& d, int isubj, std::vector<double>& zig2
 
 // Random regression: place along the control variables and residual class of the records of a subject. Records with one
 // place agree in the control variable of the classes and in all others that every trait has.
-void residual_classes(const subject_record& d, std::vector<int>& age, std::vector<int>& iclass);
+void residual_classes(const subject_record& d, vector1<int>& age, vector1<int>& iclass);
 // True if two records agree in all control variables that every trait has.
 bool same_place(const subject_record& d, int i, int j);
 
@@ -64,7 +71,7 @@ void show_combination(int icombi);
 void show_indefinite_pattern();
 
 // Traits of the records of a pattern, in their order.
-std::vector<int> pattern_traits(int icombi);
+vector1<int> pattern_traits(int icombi);
 
 // Covariances in the residual (and PEQ) block by the parameters of parvec's order, on the covariance scale.
 //   same   k and l are one record
@@ -75,6 +82,6 @@ int residual_pars(int iq, int jq, int iclass, bool same, int pars[2]);
 // g(par) += sum over k,l of dR(k,l)/dpar * x(k,l) for a symmetric x of the records with these traits (and in random
 // regression analyses these control values and classes). g: nrespeq values.
 void add_residual_terms(const pattern_matrix& x, std::span<const int> traits, std::span<const int> age,
-                        std::span<const int> iclass, double factor, std::vector<double>& g);
+                        std::span<const int> iclass, double factor, vector1<double>& g);
 
 } // namespace tarvex

@@ -292,12 +292,12 @@ void transform_original(int irand, const double* cc, double floor_pivot, array<d
 }
 
 // Factor of each step, its pivot order kept; a small diagonal in any of them turns the block to logarithms.
-std::vector<array<double, 2>> factor_steps(int irand, const double* cc, double floor_pivot) {
+vector1<array<double, 2>> factor_steps(int irand, const double* cc, double floor_pivot) {
     const int n = model.kkfit(irand), rank = model.krfit(irand), steps = steps_of(irand);
-    std::vector<array<double, 2>> factors(static_cast<std::size_t>(steps));
+    vector1<array<double, 2>> factors(steps);
     bool small = false;
     for (int step = 1; step <= steps; ++step) {
-        auto& factor = factors[static_cast<std::size_t>(step - 1)];
+        auto& factor = factors(step);
         array<int> order;
         block_order(irand, step, order);
         // an order of an earlier point need not keep the zeros
@@ -492,8 +492,7 @@ void transform_covs(int irand, const double* cc, double floor_pivot, array<doubl
     if (estimates.paraform(irand) == par_scale::original) return transform_original(irand, cc, floor_pivot, parvec);
     if (model.diagonal(irand)) return transform_diagonal(irand, cc, floor_pivot, parvec);
     const auto factors = factor_steps(irand, cc, floor_pivot);
-    for (int step = 1; step <= steps_of(irand); ++step)
-        take_factor(irand, step, factors[static_cast<std::size_t>(step - 1)], parvec);
+    for (int step = 1; step <= steps_of(irand); ++step) take_factor(irand, step, factors(step), parvec);
 }
 
 void parvec2covs(array<double>& parvec, int irand, int step, array<double>& cc, array<double, 2>& vv, int& ifail) {

@@ -6,6 +6,7 @@
 #include "parfile/covkinds.h"
 #include "support/array.h"
 #include "support/screen.h"
+#include "support/vector1.h"
 
 #include <array>
 #include <cstdint>
@@ -31,12 +32,12 @@ struct model_module {
     array<int> nextra;
     array<std::string, 2> rricontrol; // (maxmeta,nq)
     array<int> nmeta;
-    std::vector<std::string> rrcontrol; // control variables without repeats, across traits
-    int nrrc = 0;                       // their number
-    array<int> fitmean;                 // (nq) 1: a mean is fitted (MEA, MU)
-    array<std::string> trait;           // (nq) name of the trait's column
-    bool subject_line = false;          // SUBject LINE
-    std::vector<std::string> subject;   // SUBject: columns that make a subject
+    vector1<std::string> rrcontrol;   // control variables without repeats, across traits
+    int nrrc = 0;                     // their number
+    array<int> fitmean;               // (nq) 1: a mean is fitted (MEA, MU)
+    array<std::string> trait;         // (nq) name of the trait's column
+    bool subject_line = false;        // SUBject LINE
+    std::vector<std::string> subject; // SUBject: columns that make a subject
     // Covariance blocks, 0 is the residual.
     array<std::string, 1, 0> krandom; // (0:krand)
     array<int, 1, 0> kkfit;           // order of the matrix

@@ -108,8 +108,8 @@ double accuracy(double pev, double variance) {
     return v > 0.0 ? std::sqrt(v) : v;
 }
 
-std::vector<double> variance_factors(int irand) {
-    std::vector<double> factors(at(levels.rn_nlev(irand)), 1.0);
+vector1<double> variance_factors(int irand) {
+    vector1<double> factors(levels.rn_nlev(irand), 1.0);
     if (!solutions.accinb || options.siremodel || mudmap.kovrnd(irand) != covariance_kind::nrm) return factors;
     const int irun = mudmap.iranno(irand);
     // variance of animal l is (1 + F) times that of the base
@@ -135,7 +135,7 @@ void write_ebvs(int irand) {
     text_out out;
     if (!out.open(name)) stop_with("Error opening file \"" + name + "\"");
     write(out, head);
-    const std::vector<double> factors = variance_factors(irand);
+    const vector1<double> factors = variance_factors(irand);
     for (int l = 1; l <= levels.rn_nlev(irand); ++l) {
         const level_values values = breeding_values(irand, l);
         for (int i = 1; i <= model.kkfit(irand); ++i) {
@@ -147,7 +147,7 @@ void write_ebvs(int irand) {
             }
             const double v = values.pev[at(i - 1)];
             write(out, errors, l, code, i, u, v > 0.0 ? std::sqrt(v) : v,
-                  accuracy(v, fitted_variance(irand, i) * factors[at(l - 1)]));
+                  accuracy(v, fitted_variance(irand, i) * factors(l)));
         }
     }
     write_loadings(irand);

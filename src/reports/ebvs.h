@@ -23,6 +23,6 @@ void write_given_loadings();
 // Accuracy as reports have it: root of 1 - pev / var, or the negative difference itself.
 double accuracy(double pev, double variance);
 // 1 + F of the levels of a block with relationships among animals where accuracies are to allow for it, else 1.
-std::vector<double> variance_factors(int irand);
+vector1<double> variance_factors(int irand);
 
 } // namespace tarvex

@@ -86,7 +86,7 @@ json basis_of(int irand) {
             rows.push_back(row);
         }
         return {{"name", phimat.phi_name(table)},
-                {"control", model.rrcontrol[static_cast<std::size_t>(irrc - 1)]},
+                {"control", model.rrcontrol(irrc)},
                 {"values", control_codes(irrc)},
                 {"functions", rows}};
     }
@@ -102,7 +102,7 @@ json classes_of_residual() {
     part["ranges"] = ranges;
     // classes by value of the control variable, if the data have been scanned
     const bool known = model.rr_resteps > 1 && phimat.jjmeta.upper() >= 1 && model.me_run.upper() > 0;
-    part["control"] = known ? json(model.rrcontrol[static_cast<std::size_t>(phimat.jjmeta(1) - 1)]) : json();
+    part["control"] = known ? json(model.rrcontrol(phimat.jjmeta(1))) : json();
     auto of = json::array();
     if (known)
         for (int c : model.me_run) of.push_back(c);

@@ -188,7 +188,7 @@ void write_correlation_heads(text_out& out, const table_columns& columns, int ir
     } else {
         write(out, variable,
               sampling.available ? "Correlations & approximate sampling errors for " : "Correlations for ",
-              model.rrcontrol[static_cast<std::size_t>(irrc - 1)]);
+              model.rrcontrol(irrc));
         write(out, label, a);
     }
     write(out, names, columns.names);
@@ -226,7 +226,7 @@ void rrvariances() {
     write(correls, trait_line, "Selected correlations for trait no.", iq);
     for (int irrc = 1; irrc <= model.nrrc; ++irrc) {
         const table_columns columns = columns_for(irrc);
-        if (!single) print_list(variances, "Control variable", model.rrcontrol[static_cast<std::size_t>(irrc - 1)]);
+        if (!single) print_list(variances, "Control variable", model.rrcontrol(irrc));
         write_variances(variances, single ? &ratios : nullptr, columns, irrc, cov);
         rrcorrels(correls, columns, irrc, cov);
     }

@@ -241,7 +241,7 @@ constexpr double told_as_zero = 0.0005; // by the three digits of an accuracy
 int write_random(text_out& out, int irand) {
     constexpr edit_form coded{"(i6,i14,i3,2g16.6, f8.3)"}, further{"(i6,14x,i3,2g16.6, f8.3)"};
     constexpr edit_form coded_only{"(i6,i14,i3,3g16.6)"}, further_only{"(i6,14x,i3,3g16.6)"};
-    const std::vector<double> factors = variance_factors(irand);
+    const vector1<double> factors = variance_factors(irand);
     int negative = 0;
     for (int i = 1; i <= levels.rn_nlev(irand); ++i) {
         const std::int64_t icode = levels.rn_codes(irand)[static_cast<std::size_t>(i - 1)];
@@ -249,7 +249,7 @@ int write_random(text_out& out, int irand) {
         for (const random_value& x : level_solutions(irand, i)) {
             // the code of a level stands in its first line only
             if (++r; with_errors()) {
-                const double yy = accuracy(x.pev, x.variance * factors[static_cast<std::size_t>(i - 1)]);
+                const double yy = accuracy(x.pev, x.variance * factors(i));
                 negative += yy < -told_as_zero ? 1 : 0;
                 if (r == 1)
                     write(out, coded, i, icode, r, x.solution, root_or_raw(x.pev), yy);

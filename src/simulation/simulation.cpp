@@ -67,9 +67,7 @@ void control_levels(const array<double>& dvec, int iq, std::vector<int>& imeta) 
         if (i > 0) {
             const std::int64_t code = effect_code(dvec, mudmap.rr_dcolno(i, iq), 0, 1);
             level = find_code(code, control_codes(irrc));
-            if (level == 0)
-                not_found('m', model.rrcontrol[static_cast<std::size_t>(irrc - 1)], code,
-                          static_cast<int>(control_codes(irrc).size()));
+            if (level == 0) not_found('m', model.rrcontrol(irrc), code, static_cast<int>(control_codes(irrc).size()));
         }
         imeta.push_back(level);
     }

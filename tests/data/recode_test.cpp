@@ -60,7 +60,7 @@ TEST_F(recode_test, last_subject_largest_and_form_b) {
     EXPECT_EQ(numbers.maxnr, 3);
     EXPECT_EQ(numbers.maxnreq, 3); // two sexes and the animal
     EXPECT_EQ(combinations.ncombi, 2);
-    EXPECT_EQ(combinations.xcombi[1], "3");
+    EXPECT_EQ(combinations.xcombi(2), "3");
     EXPECT_EQ(means.pairs(1), 4);
     record_reader in;
     ASSERT_TRUE(in.open("recoded1.bin"));
@@ -95,7 +95,7 @@ TEST_F(recode_test, all_traits_in_a_line_give_form_c_sorted_by_trait) {
     EXPECT_EQ(means.pairs(2), 1);
     EXPECT_EQ(means.pairs(3), 2);
     EXPECT_EQ(combinations.ncomb_pairs(1), 1);
-    EXPECT_EQ(combinations.nqcombi[0], (ints{2, 1}));
+    EXPECT_EQ(combinations.nqcombi(1), (vector1<int>{2, 1}));
     record_reader in;
     ASSERT_TRUE(in.open("recoded1.bin"));
     int icombi = 0, nobs = 0, kk = 0;
@@ -149,8 +149,8 @@ TEST_F(recode_test, counts_of_100_and_101_records_are_two_patterns) {
     prepare(uni, data, 4);
     recode();
     EXPECT_EQ(combinations.ncombi, 2);
-    EXPECT_EQ(combinations.xcombi[0], "**");
-    EXPECT_EQ(combinations.nqcombi[1], (ints{101}));
+    EXPECT_EQ(combinations.xcombi(1), "**");
+    EXPECT_EQ(combinations.nqcombi(2), (vector1<int>{101}));
 }
 
 TEST_F(recode_test, text_of_ten_records) {
@@ -158,7 +158,7 @@ TEST_F(recode_test, text_of_ten_records) {
     for (int i = 1; i <= 10; ++i) data += "1 1 1 5\n";
     prepare(uni, data, 4);
     recode();
-    EXPECT_EQ(combinations.xcombi, (std::vector<std::string>{" 1", "10"}));
+    EXPECT_EQ(combinations.xcombi, (vector1<std::string>{" 1", "10"}));
 }
 
 TEST_F(recode_test, combination_1000_stops) {
@@ -175,7 +175,7 @@ TEST_F(recode_test, combination_1000_stops) {
     }
     combination_no(icombi, 2, mark);
     EXPECT_EQ(icombi, 999);
-    EXPECT_EQ(combinations.ncomb_subj[998], 2);
+    EXPECT_EQ(combinations.ncomb_subj(999), 2);
     EXPECT_EQ(combinations.ncomb_pairs(1), 1000);
     mark(1) = 45;
     EXPECT_STOP(combination_no(icombi, 2, mark), "too many combinations");
@@ -382,7 +382,7 @@ TEST_F(recode_test, texts_of_patterns_of_ten_and_more_records) {
     prepare(eq2, data + "2 7 1.5 2.5\n", 3);
     options.details = true;
     recode();
-    EXPECT_EQ(combinations.xcombi, (std::vector<std::string>{"12 3", " 1 1"}));
+    EXPECT_EQ(combinations.xcombi, (vector1<std::string>{"12 3", " 1 1"}));
     EXPECT_NE(screen_text().find("Combination    1 12 3  12  3\nCombination    2  1 1   1  1\n"), std::string::npos);
 }
 

@@ -26,11 +26,11 @@ protected:
         for (int i = 1; i <= n; ++i)
             for (int j = i; j <= n; ++j) g(i, j) = g(j, i) = cc((i - 1) * n - i * (i - 1) / 2 + j);
         q.quads.resize(1);
-        q.quads[0].allocate(n, n);
+        q.quads(1).allocate(n, n);
         for (int i = 1; i <= n; ++i)
             for (int j = 1; j <= n; ++j) {
                 q.unknowns.push_back({1, i, j});
-                for (int k = 1; k <= n; ++k) q.quads[0](i, j) += nlev * g(i, k) * (e(k, j) + (k == j ? 1.0 : 0.0));
+                for (int k = 1; k <= n; ++k) q.quads(1)(i, j) += nlev * g(i, k) * (e(k, j) + (k == j ? 1.0 : 0.0));
             }
         q.lhs.allocate(n * n, n * n);
         for (int k = 1; k <= n * n; ++k) q.lhs(k, k) = weight;
