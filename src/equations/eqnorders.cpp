@@ -5,6 +5,7 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "equations/adjacency.h"
+#include "equations/equations.h"
 #include "equations/find_order.h"
 #include "equations/linksources.h"
 #include "equations/mmequations.h"
@@ -482,6 +483,7 @@ order_made redo_eqnorders() {
 }
 
 void keep_order(const order_made& made) {
+    new_eqnnos();
     append_counts(orders.order_type, orders.metis_opts, sparse.maxlnz, made.operations);
     if (made.operations > no_order) return;
     write_order(made.nofsub, made.operations);

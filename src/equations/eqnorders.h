@@ -18,10 +18,11 @@ struct order_made {
 // Takes over the order and the structure of an earlier run where they fit this one. Otherwise, where no method was
 // named and the order chosen by size takes orders.race_from operations or more, further ones are raced against it.
 void eqnorders();
-// Anew in mid-run, with the covariances in hand (residualvars, randomvars); the numeric store takes the new size. The
-// caller then runs new_eqnnos. Writes no file: keep_order may do so later.
+// Anew in mid-run, with the covariances in hand (residualvars, randomvars); the numeric store takes the new size. Writes
+// no file: keep_order does so later.
 order_made redo_eqnorders();
-// Order and structure in hand into eqnsorder.bin and symbfact.bin, for later runs, and a line into OperationCounts.
+// Files of the order in hand: recoded3.bin (new_eqnnos), eqnsorder.bin and symbfact.bin for later runs, and a line in
+// OperationCounts.
 void keep_order(const order_made& made);
 
 // Ordering method and METIS settings by the number of equations, unless the user has chosen one (returns true).

@@ -173,6 +173,7 @@ void new_eqnnos() {
     }
     if (in.failed() || n != numbers.nsubject) stop_with("Error reading file \"" + filenames.recdatfil2 + "\"");
     if (!out.close()) stop_with("Error writing file \"" + filenames.recdatfil3 + "\"");
+    orders.nlisted = orders.nsymb;
 }
 
 } // namespace tarvex

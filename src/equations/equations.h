@@ -13,7 +13,8 @@ void equation_nos();
 equation_starts starts_of_equations();
 
 // recoded2.bin -> recoded3.bin: the same lists in the numbers of the factorisation order (orders.ieqnew, 0 for
-// equations taken out), in the order of the old numbers.
+// equations taken out), in the order of the old numbers. Sets orders.nlisted: until then passes over the records
+// translate the old lists as they go.
 void new_eqnnos();
 
 } // namespace tarvex

@@ -22,7 +22,8 @@ struct orders_module {
     array<int> jeq;           // (neqns)   running number among the equations that stay, 0 for the others
     int maxspa = std::numeric_limits<int>::max(); // most subscripts of a structure
     digest links;                                 // of the pattern in use: links_sum
-    int nsymb = 0; // counts symbolic structures made in this run: cached positions belong to one of them
+    int nsymb = 0;   // counts symbolic structures made in this run: cached positions belong to one of them
+    int nlisted = 0; // the structure (nsymb then) whose numbers recoded3.bin has
 };
 inline orders_module orders;
 

@@ -8,7 +8,6 @@
 #include "data/datavecs.h"
 #include "data/levels.h"
 #include "data/units.h"
-#include "equations/equations.h"
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
@@ -87,7 +86,6 @@ order_made redo_structure() {
     sparse.xspars.deallocate();
     const order_made made = redo_eqnorders();
     resize_store();
-    new_eqnnos();
     if (sparse.xspars.size() != sparse.maxlnz) allocate_large("XSPARS", sparse.xspars, sparse.maxlnz);
     return made;
 }

@@ -46,7 +46,7 @@ struct evaluation {
 //   iopt 0   plain: the table of earlier evaluations may answer, then the factor at hand belongs to another point
 //       -1   the factor is wanted: returns at once when it belongs to parvec, xlike is its log L
 //       >0   for derivatives: the table is not consulted, factor and solutions are those of parvec on return
-// Writes no file; where equations are ordered anew the working copy of their numbers, recoded3.bin, follows.
+// Writes no file.
 evaluation loglike(array<double>& parvec, int iopt);
 
 // Stops the program where factor, covariance inverses and solutions are not those of estimates.parvec, as loglike with

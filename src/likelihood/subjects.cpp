@@ -68,8 +68,9 @@ int level_of(int ieq, int irand) {
 
 } // namespace
 
-subject_stream::subject_stream(bool with_effects) : with_effects_(with_effects) {
-    setup_recdata(pass_, filenames.recdatfil3);
+subject_stream::subject_stream(bool with_effects)
+    : with_effects_(with_effects), old_numbers_(orders.nlisted != orders.nsymb) {
+    open_pass();
     dvec_combs_muv();
     // covariables have equations of their own for all subjects, the rest is numbered within the record
     clocal_.assign(at(mmequations.neq_cov + 1), -2);
@@ -88,10 +89,22 @@ subject_stream::subject_stream(bool with_effects) : with_effects_(with_effects) 
 }
 
 subject_stream::subject_stream(const subject_stream& first, beside)
-    : with_effects_(first.with_effects_), tables_(first.tables_) {
-    // a pass of its own over the files, tables in common
-    setup_recdata(pass_, filenames.recdatfil3);
+    : with_effects_(first.with_effects_), old_numbers_(first.old_numbers_), tables_(first.tables_) {
+    open_pass(); // of its own over the files; the tables are in common
     clocal_.assign(first.clocal_.size(), -2);
+}
+
+void subject_stream::open_pass() {
+    setup_recdata(pass_, old_numbers_ ? filenames.recdatfil2 : filenames.recdatfil3);
+}
+
+// The equations of the record, listed before the last ordering, get the numbers in hand.
+void subject_stream::translate_list() {
+    subject_record& r = pass_.record;
+    for (int& e : r.jvec.prefix(r.nr)) {
+        if (e < 1 || e > mmequations.neqns) stop_with("Error reading recoded data !");
+        e = orders.ieqnew(e);
+    }
 }
 
 void subject_stream::go_to(const recdata_place& place, int subjects_before) {
@@ -101,6 +114,7 @@ void subject_stream::go_to(const recdata_place& place, int subjects_before) {
 
 bool subject_stream::next() {
     if (!next_subject(pass_)) return false;
+    if (old_numbers_) translate_list();
     ++isubj_;
     form_design();
     form_rinv();

@@ -40,7 +40,8 @@ struct subject_tables {
     std::vector<std::vector<double>> weights; // [irand-1] weights, nfit for each level (empty at full rank)
 };
 
-// Pass over all subjects in the order of the recoded file: recoded1.bin with recoded3.bin. Several may go on at a time.
+// Pass over all subjects in the order of the recoded file: recoded1.bin with recoded3.bin, or with recoded2.bin and
+// numbers translated on the way where the equations have been ordered since. Several may go on at a time.
 class subject_stream {
 public:
     explicit subject_stream(bool with_effects = false);
@@ -66,6 +67,8 @@ public:
     double ldet() const { return ldet_; } // its log|R| (random regression)
 
 private:
+    void open_pass();
+    void translate_list();
     void form_design();
     void form_rinv();
     int local_of_jvec(int p);
@@ -76,7 +79,7 @@ private:
     recdata_pass pass_;
     subject_design design_;
     std::vector<double> rinv_;
-    bool diagonal_ = false, with_effects_ = false;
+    bool diagonal_ = false, with_effects_ = false, old_numbers_ = false;
     double ldet_ = 0.0;
     int isubj_ = 0;
     std::vector<int> jlocal_; // local equation of each place in jvec, -1 taken out, -2 not met yet

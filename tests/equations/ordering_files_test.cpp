@@ -3,7 +3,6 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "equations/eqnorders.h"
-#include "equations/equations.h"
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
@@ -281,7 +280,6 @@ TEST_F(ordering_files, ordering_in_mid_run_keeps_the_equations) {
     const auto before = lines_of(read_file("OperationCounts")).size();
     clear_screen();
     const order_made made = redo_eqnorders();
-    new_eqnnos();
     EXPECT_FALSE(std::filesystem::exists(filenames.ordersfile)); // files are the caller's affair
     EXPECT_FALSE(std::filesystem::exists(filenames.symfacfile));
     EXPECT_EQ(lines_of(read_file("OperationCounts")).size(), before);
