@@ -1,5 +1,6 @@
 #include "app/new_analysis.h"
 
+#include "app/runoptions.h"
 #include "basis/legendre.h"
 #include "basis/phimatrix.h"
 #include "basis/splines.h"
@@ -45,6 +46,7 @@
 #include "relations/nrminverse.h"
 #include "reports/apprxaicovs.h"
 #include "reports/finalpoint.h"
+#include "reports/results_json.h"
 #include "simulation/ignlgi.h"
 #include "simulation/simulation.h"
 #include "support/screen.h"
@@ -76,7 +78,8 @@ void new_analysis() {
     anew(adjacency, kernels, lsqsolutions, mmequations, orders, sparse);
     anew(ddvecs, derivs, likelihoods, places, solutions);
     anew(aireml_terms, bestpoint, estimates, iterate_log, linesearch, modelsums, pxempc, search_state, verdict);
-    anew(final_point, sampling);
+    anew(final_point, noted_inputs, sampling);
+    anew(run_trace);
     anew(randomgen, simulation);
     anew(linked_list);
 }

@@ -352,9 +352,6 @@ bool matches(text arg, text spelling, int n) {
 
 // ---- developer's trace --------------------------------------------------------------------------------------------
 
-// Lines for unit 1, which wait until the inputs of the run are known.
-std::ostringstream waiting;
-
 std::string left_adjusted(text line) {
     std::string arg(line.substr(0, option_length));
     for (char& c : arg)
@@ -467,14 +464,15 @@ void get_option(std::string_view text, bool last) {
 }
 
 bool runoptions(int argc, const char* const* argv) {
-    waiting.str({});
-    text_out trace(waiting);
+    std::ostringstream lines;
+    text_out trace(lines);
     set_defaults();
     read_runoptions(trace);
     if (!options.limits) read_command_line(argc, argv, trace);
     if (options.limits) return false;
     if (options.devtrace) write_curropts(trace);
     trace.flush();
+    run_trace.waiting = lines.str();
     // a continued run starts near the maximum
     if (options.continew && !options.algorithm_set) choose_search(1);
     return true;
@@ -482,8 +480,8 @@ bool runoptions(int argc, const char* const* argv) {
 
 void write_trace() {
     text_out out;
-    if (!waiting.str().empty() && out.open("fort.1")) out.raw(waiting.str());
-    waiting.str({});
+    if (!run_trace.waiting.empty() && out.open("fort.1")) out.raw(run_trace.waiting);
+    run_trace.waiting.clear();
 }
 
 } // namespace tarvex

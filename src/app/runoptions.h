@@ -29,6 +29,12 @@ std::span<const option_record> option_table();
 // run.
 bool runoptions(int argc, const char* const* argv);
 
+// Lines for unit 1, which wait until the inputs of the run are known.
+struct run_trace_module {
+    std::string waiting;
+};
+inline run_trace_module run_trace;
+
 // Writes what waits for unit 1 ("fort.1"), if there is anything.
 void write_trace();
 

@@ -39,7 +39,7 @@ void legendre_row(double x, std::span<double> row) {
         double sum = 0.0;
         for (int k = 1; k <= j; ++k)
             if (legmask(k, j) != 0) sum += leg(k, j) * xpow(k);
-        row[static_cast<std::size_t>(j - 1)] = sum;
+        row[j - 1] = sum;
     }
 }
 

@@ -74,14 +74,14 @@ std::string lettered(std::string file, int degree) { return file.insert(file.siz
 // Class of each value from the intervals of a step function.
 void classes_of_intervals(const control_list& codes) {
     // intervals may overlap: the first of them counts
-    for (std::size_t a = 0; a < codes.size(); ++a) {
-        int& run = model.me_run(a + 1);
+    for (int a = 1; a <= codes.size(); ++a) {
+        int& run = model.me_run(a);
         run = -1;
         for (int step = model.rr_resteps; step >= 1; --step)
-            if (codes[a] >= model.me_range(1, step) && codes[a] <= model.me_range(2, step)) run = step;
+            if (codes(a) >= model.me_range(1, step) && codes(a) <= model.me_range(2, step)) run = step;
         if (run > 0) continue;
         print_list(screen(), "Definition of ME variance step function incomplete");
-        print_list(screen(), "  ... no interval found for value ", codes[a]);
+        print_list(screen(), "  ... no interval found for value ", codes(a));
         stoptarvex();
     }
 }
@@ -95,8 +95,7 @@ void classes_of_file(const control_list& codes) {
     else
         print_list(screen(), "Cannot open file \"" + filenames.me_varfile + "\"");
     std::string line;
-    for (std::size_t a = 0; a < codes.size(); ++a) {
-        const auto level = static_cast<long long>(a) + 1;
+    for (int a = 1; a <= codes.size(); ++a) {
         long long jage = 0, jj = 0;
         bool good = false;
         // blank lines are passed over
@@ -108,16 +107,16 @@ void classes_of_file(const control_list& codes) {
             good = list.next(jage) == list_read::value && list.next(jj) == list_read::value;
             break;
         }
-        if (!good) class_error("   ... current level no.", level, codes[a]);
-        if (jage != codes[a]) class_error("   ... levels do not match", level, codes[a], jage);
+        if (!good) class_error("   ... current level no.", a, codes(a));
+        if (jage != codes(a)) class_error("   ... levels do not match", a, codes(a), jage);
         if (jj < 1 || jj > model.rr_resteps)
-            class_error("   ... running no. out of range", codes[a], jj, model.rr_resteps);
-        model.me_run(level) = static_cast<int>(jj);
+            class_error("   ... running no. out of range", codes(a), jj, model.rr_resteps);
+        model.me_run(a) = static_cast<int>(jj);
     }
 }
 
 // The lines are those of the values in the data, in their order.
-[[noreturn]] void wrong_value(const std::string& file, std::size_t line, long long expected, double found) {
+[[noreturn]] void wrong_value(const std::string& file, int line, long long expected, double found) {
     print_list(screen(), "Error reading user-defined basis function");
     print_list(screen(), "  ... check file : ", file);
     print_list(screen(), "  ... error occured at line", line);
@@ -136,7 +135,7 @@ void read_table(array<double, 2>& phi, const control_list& codes, const std::str
     skip_mark(in);
     const auto nord = static_cast<std::size_t>(phi.upper(2));
     std::string line;
-    for (std::size_t a = 1; a <= codes.size(); ++a) {
+    for (int a = 1; a <= codes.size(); ++a) {
         // a line has nord values, or the value of the control variable in front of them
         std::vector<double> row;
         line.clear(); // also left empty by a read behind the end
@@ -147,7 +146,7 @@ void read_table(array<double, 2>& phi, const control_list& codes, const std::str
         double x = 0.0;
         while (row.size() <= nord && list.next(x) == list_read::value) row.push_back(x);
         if (row.size() > nord) {
-            if (row.front() != static_cast<double>(codes[a - 1])) wrong_value(file, a, codes[a - 1], row.front());
+            if (row.front() != static_cast<double>(codes(a))) wrong_value(file, a, codes(a), row.front());
             row.erase(row.begin());
         }
         if (row.size() < nord) {
@@ -179,14 +178,14 @@ void write_table(const array<double, 2>& phi, const control_list& codes, const s
         print_list(screen(), "Error open file for output of basis function ", file);
         stoptarvex();
     }
-    for (std::size_t a = 1; a <= codes.size(); ++a) {
+    for (int a = 1; a <= codes.size(); ++a) {
         std::vector<double> row;
         for (int k = 1; k <= phi.upper(2); ++k) row.push_back(phi(a, k));
         // powers of a raw variable may be large
         if (irropt == pol)
-            write(out, "(i8,(t9,10f16.6))   ", codes[a - 1], row);
+            write(out, "(i8,(t9,10f16.6))   ", codes(a), row);
         else
-            write(out, "(i8,(t9,10f10.6))   ", codes[a - 1], row);
+            write(out, "(i8,(t9,10f10.6))   ", codes(a), row);
     }
     out.close();
 }
@@ -198,9 +197,9 @@ void fill_table(array<double, 2>& phi, const table_key& key, const std::string& 
     if (key.irropt == spl) stop("tpf splines not yet");
     // Legendre polynomials take the range of the control variable as (-1,1), over all traits
     const auto tmin = static_cast<double>(codes.front()), tmax = static_cast<double>(codes.back());
-    std::vector<double> row(static_cast<std::size_t>(key.order), 1.0);
-    for (std::size_t a = 1; a <= codes.size(); ++a) {
-        const auto x = static_cast<double>(codes[a - 1]);
+    std::vector<double> row(key.order, 1.0);
+    for (int a = 1; a <= codes.size(); ++a) {
+        const auto x = static_cast<double>(codes(a));
         // powers of the variable as it is, from 0
         if (key.irropt == pol)
             for (std::size_t k = 1; k < row.size(); ++k) row[k] = row[k - 1] * x;
@@ -208,7 +207,7 @@ void fill_table(array<double, 2>& phi, const table_key& key, const std::string& 
             legendre_row(-1.0 + 2.0 * (x - tmin) / (tmax - tmin), row);
         else if (key.irropt == bsp)
             for (std::size_t k = 0; k < row.size(); ++k)
-                row[k] = splines.bspmat[static_cast<std::size_t>(key.isp - 1)](bspline_place(key.isp, x), k + 1);
+                row[k] = splines.bspmat(key.isp)(bspline_place(key.isp, x), k + 1);
         else
             stop("error phi");
         for (std::size_t k = 0; k < row.size(); ++k) phi(a, k + 1) = row[k];
@@ -304,7 +303,7 @@ void phimatrix() {
     // files of tables are for the user to look at, or (USR) to give
     std::set<std::string> names;
     for (int t = 1; t <= phimat.nphi; ++t) {
-        const table_key& key = keys[static_cast<std::size_t>(t - 1)];
+        const table_key& key = keys[t - 1];
         phimat.phi_control(t) = key.irrc;
         std::string file = table_name(key);
         if (!names.insert(file).second && key.irropt == bsp) // equal order, other degree

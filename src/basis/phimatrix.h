@@ -14,7 +14,7 @@
 
 namespace tarvex {
 
-using control_list = std::vector<std::int64_t>;
+using control_list = vector1<std::int64_t>;
 
 struct phimat_module {
     // (irrc) values of the control variables, ascending; the traits share them. Set by the first scan of the data.

@@ -24,12 +24,10 @@ int spline_no(const std::string& name, int degree, int order, int control) {
     // functions = intervals + degree
     const int nint = order - degree;
     if (nint < 1) stop_with("Too few functions for a spline of this degree : \"" + name + "\"");
-    for (int isp = 1; isp <= splines.nspline; ++isp) {
-        const auto k = static_cast<std::size_t>(isp - 1);
-        if (splines.bsp_names[k] == name && splines.bsp_control[k] == control && splines.bsp_degree[k] == degree &&
-            splines.bsp_nknots[k] == nint)
+    for (int isp = 1; isp <= splines.nspline; ++isp)
+        if (splines.bsp_names(isp) == name && splines.bsp_control(isp) == control &&
+            splines.bsp_degree(isp) == degree && splines.bsp_nknots(isp) == nint)
             return isp;
-    }
     splines.bsp_names.push_back(name);
     splines.bsp_control.push_back(control);
     splines.bsp_degree.push_back(degree);
@@ -95,7 +93,7 @@ void find_splines() {
 
 // Distinct values of spline isp, ascending, from the traits that have its variable.
 void collect_bspvalues(int isp, const array<std::vector<double>, 2>& cv_values) {
-    auto& values = splines.bsp_values[static_cast<std::size_t>(isp - 1)];
+    auto& values = splines.bsp_values(isp);
     for (int iq = 1; iq <= numbers.nq; ++iq) {
         for (int i = 1; i <= model.ncov(iq); ++i)
             if (splines.cv_spline(i, iq) == isp)
@@ -126,7 +124,7 @@ void bspline_row(double x, const array<double>& tvec, int degree, std::span<doub
     std::vector<double> b(static_cast<std::size_t>(nint) + 1, 0.0);
     for (int i = 1; i <= nint; ++i)
         // degree 0: the interval of x, closed on the left; tmax falls into the first one beyond
-        if (x >= tvec(i) && x < tvec(i + 1)) b[static_cast<std::size_t>(i - 1)] = 1.0;
+        if (x >= tvec(i) && x < tvec(i + 1)) b[i - 1] = 1.0;
     // recursion of de Boor and Cox; b(i) is overwritten from the left, b(i+1) is still of degree k-1
     for (int k = 1; k <= degree; ++k)
         for (int i = 1; i <= nint - k; ++i) {
@@ -138,7 +136,7 @@ void bspline_row(double x, const array<double>& tvec, int degree, std::span<doub
 }
 
 int bspline_place(int isp, double x) {
-    const auto& values = splines.bsp_values[static_cast<std::size_t>(isp - 1)];
+    const auto& values = splines.bsp_values(isp);
     // values that the table was made for, found to the bit
     const auto at = std::lower_bound(values.begin(), values.end(), x);
     if (at == values.end() || *at != x) stop("bspl code not found");
@@ -155,24 +153,23 @@ void setup_bsplines(const array<std::vector<double>, 2>& cv_values) {
     allocate("all bsp", splines.cv_spline, mcov, numbers.nq);
     allocate("all bsp", splines.rn_spline, mrnd, numbers.nq);
     find_splines();
-    splines.bsp_values.resize(static_cast<std::size_t>(splines.nspline));
-    splines.bspmat.resize(static_cast<std::size_t>(splines.nspline));
+    splines.bsp_values.resize(splines.nspline);
+    splines.bspmat.resize(splines.nspline);
     for (int isp = 1; isp <= splines.nspline; ++isp) {
-        const auto k = static_cast<std::size_t>(isp - 1);
         collect_bspvalues(isp, cv_values);
-        const auto& values = splines.bsp_values[k];
-        const int degree = splines.bsp_degree[k];
-        const int nfun = splines.bsp_nknots[k] + degree;
+        const auto& values = splines.bsp_values(isp);
+        const int degree = splines.bsp_degree(isp);
+        const int nfun = splines.bsp_nknots(isp) + degree;
         // no range to be cut into intervals
         if (values.empty() || values.front() == values.back())
-            stop_with("Variable with a single value cannot be fitted by splines : \"" + splines.bsp_names[k] + "\"");
-        knot_vector(values.front(), values.back(), splines.bsp_nknots[k], degree, splines.tvec);
+            stop_with("Variable with a single value cannot be fitted by splines : \"" + splines.bsp_names(isp) + "\"");
+        knot_vector(values.front(), values.back(), splines.bsp_nknots(isp), degree, splines.tvec);
         const int nval = static_cast<int>(values.size());
-        allocate("all bspmat", splines.bspmat[k], nval, nfun);
-        std::vector<double> row(static_cast<std::size_t>(nfun));
+        allocate("all bspmat", splines.bspmat(isp), nval, nfun);
+        std::vector<double> row(nfun);
         for (int a = 1; a <= nval; ++a) {
-            bspline_row(values[static_cast<std::size_t>(a - 1)], splines.tvec, degree, row);
-            for (int j = 1; j <= nfun; ++j) splines.bspmat[k](a, j) = row[static_cast<std::size_t>(j - 1)];
+            bspline_row(values[a - 1], splines.tvec, degree, row);
+            for (int j = 1; j <= nfun; ++j) splines.bspmat(isp)(a, j) = row[j - 1];
         }
         if (options.details) {
             std::string knots;

@@ -1,6 +1,7 @@
 // B-splines on equally spaced knots, by the recursion of de Boor (1978, A Practical Guide to Splines).
 #pragma once
 #include "support/array.h"
+#include "support/vector1.h"
 
 #include <span>
 #include <string>
@@ -12,15 +13,15 @@ namespace tarvex {
 // functions, and these sum to 1 at every value.
 struct splines_module {
     int nspline = 0;
-    std::vector<std::string> bsp_names;          // variable: covariable up to its bracket, or control variable
-    std::vector<int> bsp_control;                // 1: control variable, 0: covariable
-    std::vector<int> bsp_degree;                 // 1 linear, 2 quadratic, 3 cubic
-    std::vector<int> bsp_nknots;                 // intervals between the lowest and highest value
-    std::vector<std::vector<double>> bsp_values; // distinct values, ascending
-    std::vector<array<double, 2>> bspmat;        // (values, functions)
-    array<double> tvec;                          // knots of the spline last set up
-    array<int, 2> cv_spline;                     // (maxcov,nq) spline of a covariable (from 1), 0 none
-    array<int, 2> rn_spline;                     // (maxrand,nq) spline of a random effect, 0 none
+    vector1<std::string> bsp_names;          // variable: covariable up to its bracket, or control variable
+    vector1<int> bsp_control;                // 1: control variable, 0: covariable
+    vector1<int> bsp_degree;                 // 1 linear, 2 quadratic, 3 cubic
+    vector1<int> bsp_nknots;                 // intervals between the lowest and highest value
+    vector1<std::vector<double>> bsp_values; // distinct values, ascending
+    vector1<array<double, 2>> bspmat;        // (values, functions)
+    array<double> tvec;                      // knots of the spline last set up
+    array<int, 2> cv_spline;                 // (maxcov,nq) spline of a covariable (from 1), 0 none
+    array<int, 2> rn_spline;                 // (maxrand,nq) spline of a random effect, 0 none
 };
 inline splines_module splines;
 

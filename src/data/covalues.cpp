@@ -26,7 +26,7 @@ void covariable_row(int icov, int iq, double x, std::span<double> row) {
     } else if (type == "BSP") {
         const int isp = splines.cv_spline(icov, iq);
         const int a = bspline_place(isp, x);
-        for (std::size_t k = 0; k < order; ++k) row[k] = splines.bspmat[static_cast<std::size_t>(isp - 1)](a, k + 1);
+        for (std::size_t k = 0; k < order; ++k) row[k] = splines.bspmat(isp)(a, k + 1);
     } else {
         stop("option not yet implemented");
     }

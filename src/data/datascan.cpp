@@ -219,7 +219,8 @@ void scan_records(scan_state& s) {
 // Final codes of an effect. Those of an interaction become first * base + second, with the smallest power of ten that
 // holds every second code.
 std::int64_t final_codes(const code_set& set, bool interaction, code_list& codes) {
-    codes = set.sorted();
+    const auto sorted = set.sorted();
+    codes.assign(sorted.begin(), sorted.end());
     if (!interaction) return 1;
     constexpr std::int64_t word = std::int64_t{1} << 31;
     // largest second code; codes stay in order, since the base is above it
@@ -308,7 +309,7 @@ void set_control_levels(const scan_state& s) {
             if (const int i = control_place(irrc, iq); i > 0)
                 for (const auto code : s.meta(i, iq).sorted()) all.push_back(code);
         std::sort(all.begin(), all.end());
-        all.erase(std::unique(all.begin(), all.end()), all.end());
+        all.resize(std::unique(all.begin(), all.end()) - all.begin());
         if (all.size() > maxage) stop_with("Max. no. of values of a control variable exceeded !");
         for (int iq = 1; iq <= numbers.nq; ++iq)
             if (const int i = control_place(irrc, iq); i > 0) {

@@ -1,13 +1,14 @@
 // What the first scan of the data finds: codes of all effects, means and ranges.
 #pragma once
 #include "support/array.h"
+#include "support/vector1.h"
 
 #include <cstdint>
 #include <vector>
 
 namespace tarvex {
 
-using code_list = std::vector<std::int64_t>; // ascending codes; level l is element l-1
+using code_list = vector1<std::int64_t>; // codes by level, mostly ascending
 
 struct levels_module {
     array<code_list, 2> fx_codes; // (maxfix,nq)

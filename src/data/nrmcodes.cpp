@@ -19,7 +19,7 @@ struct nrm_column {
 
 // The columns of animal codes, by trait.
 std::vector<std::vector<nrm_column>> nrm_columns() {
-    std::vector<std::vector<nrm_column>> columns(static_cast<std::size_t>(numbers.nq));
+    std::vector<std::vector<nrm_column>> columns(numbers.nq);
     for (int iq = 1; iq <= numbers.nq; ++iq)
         for (int i = 1; i <= model.nrnd(iq); ++i) {
             const int irand = mudmap.rn_irand(i, iq);

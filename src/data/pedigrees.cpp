@@ -128,7 +128,7 @@ void make_idvec(const code_marks& marks) {
     int n = 0;
     // flags in order of codes: the list is sorted as it is made
     for (int id = 1; id <= marks.largest; ++id)
-        if (marks.seen[static_cast<std::size_t>(id)] != 0) pedigreelist.idvec(++n) = id;
+        if (marks.seen[id] != 0) pedigreelist.idvec(++n) = id;
 }
 
 // Running number of a parent, and the test that it has not been met in the other role (1 sire, 2 dam).

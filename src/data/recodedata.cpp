@@ -31,8 +31,8 @@ namespace {
 // Level of a code in a list that need not be ascending (supplied codes files).
 struct level_finder {
     const code_list* codes = nullptr;
-    code_list sorted;       // used if codes is not ascending
-    std::vector<int> level; // of each of `sorted`
+    code_list sorted;   // used if codes is not ascending
+    vector1<int> level; // of each of `sorted`
 };
 
 void set_finder(level_finder& f, const code_list& codes) {
@@ -40,15 +40,14 @@ void set_finder(level_finder& f, const code_list& codes) {
     if (std::is_sorted(codes.begin(), codes.end())) return;
     f.level.resize(codes.size());
     std::iota(f.level.begin(), f.level.end(), 1);
-    const auto code = [&](int l) { return codes[static_cast<std::size_t>(l - 1)]; };
-    std::sort(f.level.begin(), f.level.end(), [&](int a, int b) { return code(a) < code(b); });
-    for (int l : f.level) f.sorted.push_back(code(l));
+    std::sort(f.level.begin(), f.level.end(), [&](int a, int b) { return codes(a) < codes(b); });
+    for (int l : f.level) f.sorted.push_back(codes(l));
 }
 
 int find_level(const level_finder& f, std::int64_t icode) {
     if (f.level.empty()) return find_code(icode, *f.codes);
     const int at = find_code(icode, f.sorted);
-    return at > 0 ? f.level[static_cast<std::size_t>(at - 1)] : 0;
+    return at > 0 ? f.level(at) : 0;
 }
 
 // The subject in hand, observations as they come in the file.
@@ -144,8 +143,7 @@ void gather_covariables(recoder& r, const array<double>& dvec, int iq, int k) {
     for (int i = 1; i <= model.ncov(iq); ++i) {
         const int order = mudmap.cv_order(i, iq);
         // + 0.0: no negative zero, which would not be found among the values
-        covariable_row(i, iq, dvec(mudmap.cv_dcolno(i, iq)) + 0.0,
-                       r.xcov.column(k).subspan(static_cast<std::size_t>(pos)));
+        covariable_row(i, iq, dvec(mudmap.cv_dcolno(i, iq)) + 0.0, r.xcov.column(k).subspan(pos));
         const int first = r.starts.covariables(i, iq) + (nest_level(r, dvec, i, iq) - 1) * order;
         for (int c = 1; c <= order; ++c) r.icov(++pos, k) = first + c;
         // largest equation of a covariable: bound for the reader
@@ -207,7 +205,7 @@ template <class T> void sort_elements(const std::vector<int>& order, array<T>& a
 void sort_by_trait(recoder& r) {
     const auto ynq = r.ynq.prefix(r.nobs);
     if (std::is_sorted(ynq.begin(), ynq.end())) return;
-    r.order.resize(static_cast<std::size_t>(r.nobs));
+    r.order.resize(r.nobs);
     std::iota(r.order.begin(), r.order.end(), 1);
     // records of a trait stay in the order of the file
     std::stable_sort(r.order.begin(), r.order.end(), [&](int a, int b) { return r.ynq(a) < r.ynq(b); });
@@ -345,7 +343,7 @@ void combination_no(int& icombi, int nq, const array<int>& mark) {
     if (options.details) write(screen(), "(a,i5,1x,a,1x,40i3)", "Combination", ncombi, text, counts);
 }
 
-int find_code(std::int64_t icode, const std::vector<std::int64_t>& list) {
+int find_code(std::int64_t icode, const vector1<std::int64_t>& list) {
     const auto at = std::lower_bound(list.begin(), list.end(), icode);
     return at != list.end() && *at == icode ? static_cast<int>(at - list.begin()) + 1 : 0;
 }

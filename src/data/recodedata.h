@@ -14,6 +14,7 @@
 #include "data/datavecs.h"
 #include "data/recodedsums.h"
 #include "support/record_file.h"
+#include "support/vector1.h"
 
 #include <string>
 #include <string_view>
@@ -64,7 +65,7 @@ bool next_subject(recdata_pass& pass);
 void combination_no(int& icombi, int nq, const array<int>& mark);
 
 // Binary search of a code in an ascending list: its level, 0 if not found.
-int find_code(std::int64_t icode, const std::vector<std::int64_t>& list);
+int find_code(std::int64_t icode, const vector1<std::int64_t>& list);
 // Message on a code that is not in the list and stop. kind: 'r' random, 'f' fixed, 'e' extra effect, 'm' control
 // variable.
 [[noreturn]] void not_found(char kind, std::string_view name, std::int64_t icode, int nlev);

@@ -81,7 +81,7 @@ int animal_rows(const subject_record& d) { return d.iraand.size() > 0 ? numbers.
 
 // Levels of each control variable, traits without it aside.
 std::vector<int> control_levels(int nmeta) {
-    std::vector<int> most(static_cast<std::size_t>(nmeta));
+    std::vector<int> most(nmeta);
     for (int irrc = 1; irrc <= nmeta; ++irrc)
         for (int iq = 1; iq <= numbers.nq; ++iq)
             if (const int i = control_place(irrc, iq); i > 0)

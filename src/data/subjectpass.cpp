@@ -38,7 +38,7 @@ void hold_records(subject_pass& pass) {
     }
     pass.order.resize(pass.group.size());
     std::iota(pass.order.begin(), pass.order.end(), 1);
-    const auto group = [&](int record) { return pass.group[static_cast<std::size_t>(record - 1)]; };
+    const auto group = [&](int record) { return pass.group[record - 1]; };
     // records of a subject keep the order of the file
     std::stable_sort(pass.order.begin(), pass.order.end(), [&](int a, int b) { return group(a) < group(b); });
 }
@@ -60,7 +60,7 @@ bool next_record(subject_pass& pass, array<double>& dvec, int& iq, bool& starts)
     }
     if (pass.at == pass.order.size()) return false;
     // pass.record is still the record before
-    const int before = pass.at == 0 ? 0 : pass.group[static_cast<std::size_t>(pass.record - 1)];
+    const int before = pass.at == 0 ? 0 : pass.group[pass.record - 1];
     pass.record = pass.order[pass.at++];
     const auto k = static_cast<std::size_t>(pass.record - 1), width = static_cast<std::size_t>(mudmap.maxcol);
     std::copy_n(pass.values.begin() + static_cast<std::ptrdiff_t>(k * width), width, dvec.begin());

@@ -18,8 +18,8 @@ struct order_made {
 // Takes over the order and the structure of an earlier run where they fit this one. Otherwise, where no method was
 // named and the order chosen by size takes orders.race_from operations or more, further ones are raced against it.
 void eqnorders();
-// Anew in mid-run, with the covariances in hand (residualvars, randomvars); the numeric store takes the new size. Writes
-// no file: keep_order does so later.
+// Anew in mid-run, with the covariances in hand (residualvars, randomvars); the numeric store takes the new size.
+// Writes no file: keep_order does so later.
 order_made redo_eqnorders();
 // Files of the order in hand: recoded3.bin (new_eqnnos), eqnsorder.bin and symbfact.bin for later runs, and a line in
 // OperationCounts.

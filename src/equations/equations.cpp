@@ -51,11 +51,11 @@ void zero_out(int ieq) {
 
 void zero_out_users(int iq) {
     for (int j = 1; j <= zerout.nzerout; ++j) {
-        if (zerout.iaddzer2[j - 1] != iq) continue;
-        const std::string name = trim(zerout.addzername[j - 1]);
+        if (zerout.iaddzer2(j) != iq) continue;
+        const std::string name = trim(zerout.addzername(j));
         int ifix = 1;
         while (ifix <= model.nfix(iq) && trim(model.fixed(ifix, iq)) != name) ++ifix;
-        const std::int64_t code = zerout.iaddzer1[j - 1];
+        const std::int64_t code = zerout.iaddzer1(j);
         if (ifix > model.nfix(iq)) not_found('f', name, code, 0);
         const int level = find_code(code, levels.fx_codes(ifix, iq));
         if (level == 0) not_found('f', name, code, levels.fx_nlev(ifix, iq));

@@ -38,7 +38,7 @@ bool peq_effect() {
 
 // Groups of the items 0..n-1 that `linked` ties together, numbered by their first item.
 std::vector<int> components(int n, const std::function<bool(int, int)>& linked) {
-    std::vector<int> group(static_cast<std::size_t>(n));
+    std::vector<int> group(n);
     std::iota(group.begin(), group.end(), 0);
     for (int i = 1; i < n; ++i)
         for (int j = 0; j < i; ++j) {
@@ -83,7 +83,7 @@ struct record_groups {
 
     void of_subject(const subject_record& d, std::vector<int>& group) const {
         const int n = d.nobs;
-        group.resize(static_cast<std::size_t>(n));
+        group.resize(n);
         if (options.randreg) {
             // records at one place of the controls, of traits that are tied
             group = components(n, [&](int i, int j) {

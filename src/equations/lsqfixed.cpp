@@ -91,7 +91,7 @@ void warn_covariable() {
 }
 
 std::vector<int> taken_out(const normal_equations& a, const fixed_rows& rows) {
-    std::vector<int> out(static_cast<std::size_t>(a.n), 0);
+    std::vector<int> out(a.n, 0);
     for (int e : mmequations.ieqzero) {
         out[rows.row(e)] = 1;
         if (options.details) print_list(screen(), "zero out", e, a.diag[rows.row(e)]);

@@ -201,16 +201,16 @@ void list_changes(const array<double>& from, const array<double>& to) {
 void rank_check() {
     const int n = estimates.nparm;
     array<double, 2> a = unpack(derivs.der2.prefix(derivs.der2.size()), n);
-    std::vector<int> index(static_cast<std::size_t>(n));
+    std::vector<int> index(n);
     array<double> dia;
     dia.allocate(n);
     for (int i = 1; i <= n; ++i) {
-        index[static_cast<std::size_t>(i - 1)] = i;
+        index[i - 1] = i;
         dia(i) = a(i, i);
     }
     derivs.fixpar.allocate(n);
     derivs.fixpar.fill(1);
-    const auto at = [&](int k) { return index[static_cast<std::size_t>(k - 1)]; };
+    const auto at = [&](int k) { return index[k - 1]; };
     bool stopped = false;
     // Cholesky elimination with the largest diagonal first; rows change places in the index alone
     for (int row = 1; row <= n; ++row) {
@@ -233,7 +233,7 @@ void rank_check() {
             stopped = true;
             break;
         }
-        std::swap(index[static_cast<std::size_t>(row - 1)], index[static_cast<std::size_t>(best - 1)]);
+        std::swap(index[row - 1], index[best - 1]);
         const int p = at(row);
         derivs.fixpar(p) = 0;
         for (int k = row + 1; k <= n; ++k) {

@@ -47,7 +47,7 @@ std::vector<double> get_cov(int irand) {
 // The stored sum of residual and PEQ matrix less the latter.
 void subtract_peq(std::vector<double>& res, const std::vector<double>& peq) {
     std::size_t k = 0;
-    for (const peq_place& p : peq_places()) res[static_cast<std::size_t>(p.residual - 1)] -= peq[k++];
+    for (const peq_place& p : peq_places()) res[p.residual - 1] -= peq[k++];
 }
 
 constexpr int most_numbered = 999; // three digits behind the name
@@ -203,8 +203,7 @@ bool readbestpoint(bool quiet) {
         print_list(screen(), " maximum of log L so far =", xlike);
     }
     for (int irand = 0; irand <= numbers.krand; ++irand)
-        for (int k = 1; k <= cov_length(irand); ++k)
-            model.cov(k, irand) = blocks[static_cast<std::size_t>(irand)][static_cast<std::size_t>(k - 1)];
+        for (int k = 1; k <= cov_length(irand); ++k) model.cov(k, irand) = blocks[irand][k - 1];
     bestpoint.xlike_file = same_inputs(point) ? xlike : invalid_logl;
     bestpoint.from_best = true;
     return true;

@@ -37,8 +37,6 @@ constexpr double pivot_floor = 0.0005; // pivot of a new matrix that is smaller 
 constexpr double least_rounding = 1.0e-7, rounding_share = 1.0e-10; // of log L between two rounds
 constexpr double parameters_limit = 1.0e-8; // relative change of the parameters that counts as none
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 // What a round starts from, for the case that it has to be taken back.
 struct round_start {
     array<double> parvec = estimates.parvec;
@@ -162,16 +160,16 @@ std::vector<array<double, 2>> principal_update(em_quantities& q) {
         array<double, 2> Q;
         Q.allocate(n, r);
         for (int i = 1; i <= n; ++i)
-            for (int c = 1; c <= r; ++c) Q(i, c) = randomvars.zig(i, c, irand) + change[at(irand - 1)](i, c);
+            for (int c = 1; c <= r; ++c) Q(i, c) = randomvars.zig(i, c, irand) + change[irand - 1](i, c);
         for (int i = 1; i <= n; ++i)
             for (int c = 1; c <= r; ++c) randomvars.zig(i, c, irand) = Q(i, c);
         if (reduced(irand) && !expands()) { // the loadings alone
-            moments[at(irand - 1)].fill(0.0);
-            for (int c = 1; c <= r; ++c) moments[at(irand - 1)](c, c) = 1.0;
+            moments[irand - 1].fill(0.0);
+            for (int c = 1; c <= r; ++c) moments[irand - 1](c, c) = 1.0;
         }
-        g.push_back(between(Q, moments[at(irand - 1)], n, r));
+        g.push_back(between(Q, moments[irand - 1], n, r));
         if (expands()) {
-            list_standard(moments[at(irand - 1)], r);
+            list_standard(moments[irand - 1], r);
             list_new(g.back(), n);
         }
         raise_leading(g.back(), n, r);
@@ -212,7 +210,7 @@ void em_step() {
             transform_covs(irand, residual.data() + estimates.nresparm, pivot_floor, estimates.parvec);
             continue;
         }
-        const std::vector<double> cc = packed_block(g[at(irand - 1)], irand);
+        const std::vector<double> cc = packed_block(g[irand - 1], irand);
         transform_covs(irand, cc.data(), pivot_floor, estimates.parvec);
     }
     if (options.principal) forget_likelihoods();

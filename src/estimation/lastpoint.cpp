@@ -24,14 +24,12 @@ namespace tarvex {
 
 namespace {
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
-std::vector<double> block_covariances(int irand, int step, array<double, 2>& factor) {
+vector1<double> block_covariances(int irand, int step, array<double, 2>& factor) {
     block_at_point at_end = covariances_at(estimates.parvec, irand, step);
     const array<double>& cc = at_end.cc;
     factor = std::move(at_end.vv);
     const int n = model.kkfit(irand);
-    std::vector<double> cov;
+    vector1<double> cov;
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j) cov.push_back(cc(ihmssf(i, j, n)));
     return cov;
@@ -49,34 +47,33 @@ std::string row_name(int irand, int row) {
 
 // Sum of the variances of each trait over all blocks: the phenotypic variance at the point. The residual block holds
 // the sum with a repeat effect already.
-std::vector<double> phenotypic_variances() {
-    std::vector<double> v(at(numbers.nq), 0.0);
+vector1<double> phenotypic_variances() {
+    vector1<double> v(numbers.nq);
     array<double, 2> factor;
     for (int irand = 0; irand <= numbers.krand; ++irand) {
         if (irand > 0 && (irand == residualvars.ipeq || options.randreg)) continue;
-        const std::vector<double> cov = block_covariances(irand, 1, factor);
+        const vector1<double> cov = block_covariances(irand, 1, factor);
         const int n = model.kkfit(irand);
-        for (int i = 1; i <= n; ++i)
-            v[at(trait_of(irand, i) - 1)] += cov[at((model.diagonal(irand) ? i : ihmssf(i, i, n)) - 1)];
+        for (int i = 1; i <= n; ++i) v(trait_of(irand, i)) += cov(model.diagonal(irand) ? i : ihmssf(i, i, n));
     }
     if (options.randreg)
         // coefficients vary over the control variable: the data's own variance is the measure
         for (int iq = 1; iq <= numbers.nq; ++iq)
-            if (means.tr_var.allocated()) v[at(iq - 1)] = std::pow(means.tr_var(iq) / trait_unit(iq), 2.0);
+            if (means.tr_var.allocated()) v(iq) = std::pow(means.tr_var(iq) / trait_unit(iq), 2.0);
     for (double& x : v)
         // a measure must be positive
         if (!(x > 0.0)) x = 1.0;
     return v;
 }
 
-std::vector<double> row_scales(int irand, const std::vector<double>& phenotypic) {
-    std::vector<double> s;
+vector1<double> row_scales(int irand, const vector1<double>& phenotypic) {
+    vector1<double> s;
     for (int row = 1; row <= model.kkfit(irand); ++row) {
         if (options.randreg && irand > 0)
             // of a coefficient: what makes its contribution phi^2 var(coefficient) as large as the trait, on average
             s.push_back(phenotypic.front() / basis_mean_square(irand, row));
         else
-            s.push_back(phenotypic[at(trait_of(irand, row) - 1)]);
+            s.push_back(phenotypic(trait_of(irand, row)));
     }
     return s;
 }
@@ -86,7 +83,7 @@ std::string block_name(int irand, int step) {
     return model.rr_resteps > 1 ? "residual, class " + std::to_string(step) : "residual";
 }
 
-judged_block covariance_block(int irand, int step, const std::vector<double>& scale) {
+judged_block covariance_block(int irand, int step, const vector1<double>& scale) {
     judged_block b;
     array<double, 2> factor;
     b.name = block_name(irand, step);
@@ -96,8 +93,8 @@ judged_block covariance_block(int irand, int step, const std::vector<double>& sc
     b.cov = block_covariances(irand, step, factor);
     b.scale = scale;
     if (irand == 0 && residualvars.fixres.allocated())
-        for (std::size_t k = 0; k < b.cov.size(); ++k) {
-            const int par = b.first + static_cast<int>(k);
+        for (int k = 1; k <= b.cov.size(); ++k) {
+            const int par = b.first + k - 1;
             b.fixed.push_back(par <= residualvars.fixres.upper() ? residualvars.fixres(par) : 0);
         }
     return b;
@@ -106,7 +103,7 @@ judged_block covariance_block(int irand, int step, const std::vector<double>& sc
 constexpr double far_from_border = 1.0e36;
 
 // Elements of the factor of a principal block. A column whose leading element has gone counts by that element alone.
-void factor_parameters(int irand, const std::vector<double>& scale, judged_point& p) {
+void factor_parameters(int irand, const vector1<double>& scale, judged_point& p) {
     array<double, 2> factor;
     block_covariances(irand, 1, factor);
     const int from = block_start(irand);
@@ -116,7 +113,7 @@ void factor_parameters(int irand, const std::vector<double>& scale, judged_point
         const factor_place f = factor_element(irand, 1, k);
         judged_parameter q;
         q.par = from + k - 1;
-        q.scale = std::sqrt(scale[at(f.row - 1)]);
+        q.scale = std::sqrt(scale(f.row));
         q.name =
             "factor element " + std::to_string(f.row) + "," + std::to_string(f.col) + " of " + model.krandom(irand);
         if (f.col != column) { // the first element of a column is the pivot
@@ -133,9 +130,9 @@ void factor_parameters(int irand, const std::vector<double>& scale, judged_point
 }
 
 void gather_matrices(judged_point& p) {
-    const std::vector<double> phenotypic = phenotypic_variances();
+    const vector1<double> phenotypic = phenotypic_variances();
     for (int irand = estimates.nresparm == 0 ? 1 : 0; irand <= numbers.krand; ++irand) {
-        const std::vector<double> scale = row_scales(irand, phenotypic);
+        const vector1<double> scale = row_scales(irand, phenotypic);
         if (irand > 0 && options.principal && irand != residualvars.ipeq) {
             factor_parameters(irand, scale, p);
             continue;

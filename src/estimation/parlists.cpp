@@ -29,12 +29,11 @@ void write_listofcovs() {
         double x = 0.0;
         for (const auto& t : sum)
             // terms of sums count covariances in the order of this list
-            if (t.isig >= 1 && t.isig <= static_cast<int>(all.size()))
-                x += t.factor * all[static_cast<std::size_t>(t.isig - 1)];
+            if (t.isig >= 1 && t.isig <= static_cast<int>(all.size())) x += t.factor * all[t.isig - 1];
         all.push_back(x);
     }
     for (int k = 1; k <= static_cast<int>(all.size()); ++k) {
-        const double x = all[static_cast<std::size_t>(k - 1)];
+        const double x = all[k - 1];
         if (open) write(out, item, k, estimates.covnames(k), x);
         if (options.details) write(screen(), item, k, estimates.covnames(k), x);
     }
@@ -57,8 +56,7 @@ void write_avinfo(double xlike) {
             for (int j = i; j <= estimates.nparm; ++j)
                 print_list(out, i, j,
                            // by parameters in the units of the data; a logarithm has factor 1
-                           sign * a(ihmssf(i, j, estimates.nparm)) /
-                               (unit[static_cast<std::size_t>(i - 1)] * unit[static_cast<std::size_t>(j - 1)]));
+                           sign * a(ihmssf(i, j, estimates.nparm)) / (unit[i - 1] * unit[j - 1]));
     };
     std::vector<double> factors;
     for (const auto& u : parameter_units()) factors.push_back(u.factor);

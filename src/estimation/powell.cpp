@@ -161,7 +161,7 @@ double powell_search::dflmin(const std::vector<double>& dir, double first, doubl
     const point& low = p[lowest(p)];
     if (!(low.f < f0)) return 0.0;
     for (int i = 1; i <= nparm; ++i)
-        if (estimates.ispar(i)) best[static_cast<std::size_t>(i - 1)] += low.d * dir[static_cast<std::size_t>(i - 1)];
+        if (estimates.ispar(i)) best[i - 1] += low.d * dir[i - 1];
     ffmin = low.f;
     return f0 - ffmin;
 }
@@ -185,10 +185,10 @@ double relative_change(const std::vector<double>& from, const std::vector<double
 // Directions along the parameters.
 void fresh_directions(powell_search& s) {
     s.dirs.clear();
-    s.step.assign(static_cast<std::size_t>(s.nparm), s.scale * first_step);
+    s.step.assign(s.nparm, s.scale * first_step);
     for (int i = 1; i <= s.nparm; ++i) {
         s.dirs.emplace_back(static_cast<std::size_t>(s.nparm), 0.0);
-        s.dirs.back()[static_cast<std::size_t>(i - 1)] = 1.0;
+        s.dirs.back()[i - 1] = 1.0;
     }
 }
 
@@ -289,7 +289,7 @@ void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& cou
         flag = 1;
         break;
     }
-    for (int i = 1; i <= nparm; ++i) parvec(i) = s.best[static_cast<std::size_t>(i - 1)];
+    for (int i = 1; i <= nparm; ++i) parvec(i) = s.best[i - 1];
     // back at the best point: the last one tried was another
     xbest = evaluate_point(parvec, 0);
     count = s.count;

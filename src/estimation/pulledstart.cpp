@@ -25,8 +25,6 @@ namespace {
 
 constexpr double far = 4.0; // sum of variances against that of the data
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
 
 int trait_of(int irand, int row) {
@@ -44,12 +42,12 @@ int place(int irand, int step, int i, int k) {
 std::vector<std::vector<double>> variance_shares() {
     std::vector<std::vector<double>> shares;
     for (int irand = 0; irand <= numbers.krand; ++irand) {
-        std::vector<double> v(at(numbers.nq), 0.0);
+        std::vector<double> v(numbers.nq, 0.0);
         for (int step = 1; step <= steps_of(irand); ++step)
             for (int i = 1; i <= model.kkfit(irand); ++i) {
                 const double weight = options.randreg && irand > 0 ? basis_mean_square(irand, i) : 1.0;
                 // classes of the residual: their mean
-                v[at(trait_of(irand, i) - 1)] += weight * model.cov(place(irand, step, i, i), irand) / steps_of(irand);
+                v[trait_of(irand, i) - 1] += weight * model.cov(place(irand, step, i, i), irand) / steps_of(irand);
             }
         shares.push_back(std::move(v));
     }
@@ -72,12 +70,12 @@ void scale_start(const std::function<double(int, int)>& factor) {
 }
 
 bool any_far(const std::vector<std::vector<double>>& shares, std::vector<double>& sums) {
-    sums.assign(at(numbers.nq), 0.0);
+    sums.assign(numbers.nq, 0.0);
     for (const auto& v : shares)
         for (std::size_t q = 0; q < v.size(); ++q) sums[q] += v[q];
     bool any = false;
     for (int iq = 1; iq <= numbers.nq; ++iq) {
-        const double ratio = sums[at(iq - 1)] / data_variance(iq);
+        const double ratio = sums[iq - 1] / data_variance(iq);
         // records without spread, or components without variance
         if (!(data_variance(iq) > 0.0) || !(ratio > 0.0)) return false; // nothing to go by
         any = any || ratio > far || ratio < 1.0 / far;
@@ -89,7 +87,7 @@ bool any_far(const std::vector<std::vector<double>>& shares, std::vector<double>
 double even_share(const std::vector<std::vector<double>>& shares, int irand, int iq) {
     if (irand == 0) return 0.5 * data_variance(iq);
     int effects = 0;
-    for (std::size_t k = 1; k < shares.size(); ++k) effects += shares[k][at(iq - 1)] > 0.0 ? 1 : 0;
+    for (std::size_t k = 1; k < shares.size(); ++k) effects += shares[k][iq - 1] > 0.0 ? 1 : 0;
     return 0.5 * data_variance(iq) / effects;
 }
 
@@ -108,13 +106,13 @@ void pull_start() {
     const array<double, 2, 0> given = model.cov;
     const double as_given = evaluate_point(estimates.parvec, 0);
     // first the shares as given, with the right sum
-    scale_start([&](int, int iq) { return data_variance(iq) / sums[at(iq - 1)]; });
+    scale_start([&](int, int iq) { return data_variance(iq) / sums[iq - 1]; });
     array<double, 2, 0> best = model.cov;
     double most = value_here();
     model.cov = given;
     // then, if log L likes it better, half to the residual and the rest in equal parts
     scale_start([&](int irand, int iq) {
-        const double share = shares[at(irand)][at(iq - 1)];
+        const double share = shares[irand][iq - 1];
         return share > 0.0 ? even_share(shares, irand, iq) / share : 1.0;
     });
     if (const double x = value_here(); x > most) {

@@ -39,13 +39,13 @@ void identity(array<double, 2>& a, int n) {
 // Solves the symmetric system, scaled to unit diagonal; unknowns without information are 0.
 std::vector<double> solve_scaled(const std::vector<double>& lhs, const std::vector<double>& rhs) {
     const int m = static_cast<int>(rhs.size());
-    std::vector<double> scale(at(m), 0.0), x(at(m), 0.0);
+    std::vector<double> scale(m, 0.0), x(m, 0.0);
     std::vector<int> live;
     for (int i = 0; i < m; ++i) {
         // a diagonal of 0: no record has this product, the unknown stays 0
         const double d = lhs[at(i) * at(m) + at(i)];
         if (!(d > 0.0)) continue;
-        scale[at(i)] = 1.0 / std::sqrt(d);
+        scale[i] = 1.0 / std::sqrt(d);
         live.push_back(i);
     }
     const int n = static_cast<int>(live.size());
@@ -53,14 +53,14 @@ std::vector<double> solve_scaled(const std::vector<double>& lhs, const std::vect
     std::vector<double> packed(at(n) * at(n + 1) / 2);
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j) {
-            const int a = live[at(i - 1)], b = live[at(j - 1)];
-            packed[at(ihmssf(i, j, n) - 1)] = lhs[at(a) * at(m) + at(b)] * scale[at(a)] * scale[at(b)];
+            const int a = live[i - 1], b = live[j - 1];
+            packed[ihmssf(i, j, n) - 1] = lhs[at(a) * at(m) + at(b)] * scale[a] * scale[b];
         }
     if (!invvert(packed, n)) stop_with("\"INVVRT\" : matrix is singular");
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j) {
-            const int a = live[at(i - 1)], b = live[at(j - 1)];
-            x[at(a)] += packed[at(packed_place(i, j, n) - 1)] * scale[at(a)] * scale[at(b)] * rhs[at(b)];
+            const int a = live[i - 1], b = live[j - 1];
+            x[a] += packed[packed_place(i, j, n) - 1] * scale[a] * scale[b] * rhs[b];
         }
     return x;
 }
@@ -110,7 +110,7 @@ double mean_deviation(const array<double, 2>& change, int irand) {
         for (int d = c; d <= r; ++d)
             for (int i = 1; i <= n; ++i)
                 // Q'Q: D = change (Q'Q)^-1 Q'
-                qq[at(ihmssf(c, d, r) - 1)] += randomvars.zig(i, c, irand) * randomvars.zig(i, d, irand);
+                qq[ihmssf(c, d, r) - 1] += randomvars.zig(i, c, irand) * randomvars.zig(i, d, irand);
     int rank = 0;
     double ldet = 0.0, sum = 0.0;
     gen_inverse(qq, r, numbers.zero * numbers.zero, rank, ldet);
@@ -119,7 +119,7 @@ double mean_deviation(const array<double, 2>& change, int irand) {
             double s = 0.0;
             for (int c = 1; c <= r; ++c)
                 for (int d = 1; d <= r; ++d)
-                    s += change(i, c) * qq[at(packed_place(c, d, r) - 1)] * randomvars.zig(j, d, irand);
+                    s += change(i, c) * qq[packed_place(c, d, r) - 1] * randomvars.zig(j, d, irand);
             sum += std::fabs(s);
         }
     return sum / (n * n);
@@ -145,7 +145,7 @@ void pxem_solve(int irand, const em_quantities& q, array<double, 2>& alpha) {
             if (!diagonal || i == j) kept.push_back((i - 1) * n + j - 1);
     std::vector<double> part;
     for (int a : kept) {
-        part.push_back(rhs[at(a)]);
+        part.push_back(rhs[a]);
         for (int b : kept) lhs.push_back(q.lhs(from + a, from + b));
     }
     const std::vector<double> d = solve_scaled(lhs, part);
@@ -163,9 +163,9 @@ void pxem_solve(int irand, const em_quantities& q, array<double, 2>& alpha) {
 }
 
 void pxem_solve_all(const em_quantities& q, std::vector<array<double, 2>>& change) {
-    change.assign(at(numbers.krand), {});
+    change.assign(numbers.krand, {});
     for (int irand = 1; irand <= numbers.krand; ++irand)
-        change[at(irand - 1)].allocate(model.kkfit(irand), model.krfit(irand));
+        change[irand - 1].allocate(model.kkfit(irand), model.krfit(irand));
     const auto keep = [](const px_unknown& u) { return !model.diagonal(u.irand) || u.row == u.col; };
     std::vector<int> kept;
     for (std::size_t k = 0; k < q.unknowns.size(); ++k)
@@ -177,7 +177,7 @@ void pxem_solve_all(const em_quantities& q, std::vector<array<double, 2>>& chang
     array<double> eig;
     std::vector<double> scale, rhs;
     for (int k : kept) {
-        const px_unknown& u = q.unknowns[at(k - 1)];
+        const px_unknown& u = q.unknowns[k - 1];
         scale.push_back(1.0 / std::sqrt(q.lhs(k, k)));
         rhs.push_back(q.loads(u.irand)(u.row, u.col) * scale.back());
     }
@@ -185,31 +185,31 @@ void pxem_solve_all(const em_quantities& q, std::vector<array<double, 2>>& chang
     for (int i = 1; i <= m; ++i)
         for (int j = 1; j <= m; ++j)
             // sums of products come in two orders: their mean
-            a(i, j) = 0.5 * (q.lhs(kept[at(i - 1)], kept[at(j - 1)]) + q.lhs(kept[at(j - 1)], kept[at(i - 1)])) *
-                      scale[at(i - 1)] * scale[at(j - 1)];
+            a(i, j) =
+                0.5 * (q.lhs(kept[i - 1], kept[j - 1]) + q.lhs(kept[j - 1], kept[i - 1])) * scale[i - 1] * scale[j - 1];
     int nzero = 0;
     const array<double, 2> scaled = a;
     eigem(a, eig, vectors, m, system_floor, nzero);
-    std::vector<double> d(at(m), 0.0), rest = rhs;
+    std::vector<double> d(m, 0.0), rest = rhs;
     for (int pass = 1; pass <= 2; ++pass) { // the second refines: the rotations end at small, not at no, off-diagonals
         // combinations without information do not move
         for (int k = 1; k <= m - nzero; ++k) {
             double s = 0.0;
-            for (int i = 1; i <= m; ++i) s += vectors(i, k) * rest[at(i - 1)];
-            for (int i = 1; i <= m; ++i) d[at(i - 1)] += vectors(i, k) * s / eig(k);
+            for (int i = 1; i <= m; ++i) s += vectors(i, k) * rest[i - 1];
+            for (int i = 1; i <= m; ++i) d[i - 1] += vectors(i, k) * s / eig(k);
         }
         rest = rhs;
         for (int j = 1; j <= m; ++j)
-            for (int i = 1; i <= m; ++i) rest[at(i - 1)] -= scaled(i, j) * d[at(j - 1)];
+            for (int i = 1; i <= m; ++i) rest[i - 1] -= scaled(i, j) * d[j - 1];
     }
     for (int i = 1; i <= m; ++i) {
-        const px_unknown& u = q.unknowns[at(kept[at(i - 1)] - 1)];
-        change[at(u.irand - 1)](u.row, u.col) = d[at(i - 1)] * scale[at(i - 1)];
+        const px_unknown& u = q.unknowns[kept[i - 1] - 1];
+        change[u.irand - 1](u.row, u.col) = d[i - 1] * scale[i - 1];
     }
     int blocks = 0;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (first_unknown(q, irand) == 0) continue;
-        pxempc.aalpha += mean_deviation(change[at(irand - 1)], irand);
+        pxempc.aalpha += mean_deviation(change[irand - 1], irand);
         ++blocks;
     }
     if (blocks > 0) pxempc.aalpha /= blocks;

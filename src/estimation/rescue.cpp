@@ -32,8 +32,7 @@ void add_change(const std::vector<parameter_change>& change, double factor) {
         for (const parameter_change& c : change) {
             // parameters of blocks that are covariances themselves have the layout of model.cov
             const int k = c.par - block_start(irand) + 1;
-            if (k >= 1 && k <= cov_length(irand))
-                model.cov(k, irand) += factor * c.change * units[static_cast<std::size_t>(k - 1)];
+            if (k >= 1 && k <= cov_length(irand)) model.cov(k, irand) += factor * c.change * units[k - 1];
         }
     }
 }

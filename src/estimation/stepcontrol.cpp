@@ -3,6 +3,7 @@
 #include "control/maximise.h"
 #include "control/numbers.h"
 #include "control/options.h"
+#include "dense/inner.h"
 #include "dense/modchol.h"
 #include "dense/numroutines.h"
 #include "estimation/aireml.h"
@@ -102,12 +103,6 @@ void direct_step(double smallest, double& tau, array<double>& gradient) {
     }
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j) derivs.dvec(i) += derivs.hess(packed_place(i, j, n)) * gradient(j);
-}
-
-double inner(const array<double>& a, const array<double>& b) {
-    double s = 0.0;
-    for (int i = 1; i <= size(); ++i) s += a(i) * b(i);
-    return s;
 }
 
 // Steps of the modified factorisations: one element that sticks out is cut.
@@ -238,11 +233,11 @@ void eztimates(int iter, double& xnew) {
             direct_step(smallest, at.tau, gradient);
     }
     // of -log L along the step: -d'g
-    at.slope = -inner(derivs.dvec, gradient);
+    at.slope = -inner(derivs.dvec.prefix(size()), gradient.prefix(size()));
     // a step that promises more than any log L can rise by is out of the range of its model
     while (method < 3 && at.slope < -largest_decrease) {
         for (double& d : derivs.dvec) d *= 0.5;
-        at.slope = -inner(derivs.dvec, gradient);
+        at.slope = -inner(derivs.dvec.prefix(size()), gradient.prefix(size()));
     }
     move(1.0);
     if (options.details)

@@ -15,8 +15,6 @@ constexpr double rounding = 1.0e-14;   // width of the bracket of the multiplier
 constexpr double least_share = 1.0e-3; // of the upper bound, where Newton's step leaves the bracket
 constexpr double at_edge = 0.9;        // of the radius
 
-std::size_t at(int i) { return static_cast<std::size_t>(i - 1); }
-
 double norm(const std::vector<double>& x) {
     double s = 0.0;
     for (double v : x) s += v * v;
@@ -39,8 +37,8 @@ bool factorise(const array<double, 2>& h, int n, double lambda, double least, ar
 std::vector<double> forward(const array<double, 2>& l, std::vector<double> x) {
     const int n = static_cast<int>(x.size());
     for (int i = 1; i <= n; ++i) {
-        for (int k = 1; k < i; ++k) x[at(i)] -= l(i, k) * x[at(k)];
-        x[at(i)] /= l(i, i);
+        for (int k = 1; k < i; ++k) x[i - 1] -= l(i, k) * x[k - 1];
+        x[i - 1] /= l(i, i);
     }
     return x;
 }
@@ -48,8 +46,8 @@ std::vector<double> forward(const array<double, 2>& l, std::vector<double> x) {
 std::vector<double> backward(const array<double, 2>& l, std::vector<double> x) {
     const int n = static_cast<int>(x.size());
     for (int i = n; i >= 1; --i) {
-        for (int k = i + 1; k <= n; ++k) x[at(i)] -= l(k, i) * x[at(k)];
-        x[at(i)] /= l(i, i);
+        for (int k = i + 1; k <= n; ++k) x[i - 1] -= l(k, i) * x[k - 1];
+        x[i - 1] /= l(i, i);
     }
     return x;
 }
@@ -58,8 +56,8 @@ double gain(const array<double, 2>& h, const std::vector<double>& g, const std::
     const int n = static_cast<int>(g.size());
     double sum = 0.0;
     for (int i = 1; i <= n; ++i) {
-        sum += g[at(i)] * s[at(i)];
-        for (int k = 1; k <= n; ++k) sum -= 0.5 * s[at(i)] * h(i, k) * s[at(k)];
+        sum += g[i - 1] * s[i - 1];
+        for (int k = 1; k <= n; ++k) sum -= 0.5 * s[i - 1] * h(i, k) * s[k - 1];
     }
     return sum;
 }

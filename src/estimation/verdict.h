@@ -9,7 +9,7 @@
 // directions between such an eigenvector and the others carry the curvature of the edge. Eigenvalues that are on their
 // way to zero promise no more than the way that is left.
 #pragma once
-#include "support/array.h"
+#include "support/vector1.h"
 
 #include <string>
 #include <utility>
@@ -21,13 +21,13 @@ enum class search_end { none, maximum, border, flat, not_maximum };
 
 // A covariance matrix at the point to be judged.
 struct judged_block {
-    std::string name;              // of the effect
-    std::vector<std::string> rows; // names of its traits or coefficients
-    int first = 1;                 // parameter of its first element
-    bool diagonal = false;         // variances only
-    std::vector<double> cov;       // packed upper triangle row by row (diagonal: the variances)
-    std::vector<double> scale;     // size against which the variance of each row is small or not
-    std::vector<int> fixed;        // by element, 1: held; empty: none
+    std::string name;          // of the effect
+    vector1<std::string> rows; // names of its traits or coefficients
+    int first = 1;             // parameter of its first element
+    bool diagonal = false;     // variances only
+    vector1<double> cov;       // packed upper triangle row by row (diagonal: the variances)
+    vector1<double> scale;     // size against which the variance of each row is small or not
+    vector1<int> fixed;        // by element, 1: held; empty: none
     int order() const { return static_cast<int>(rows.size()); }
 };
 // Parameters that are judged as they stand (elements of factors), with their names.
@@ -38,8 +38,8 @@ struct judged_parameter {
 };
 
 struct judged_point {
-    std::vector<double> gradient;    // of log L, by parameter (from 0)
-    std::vector<double> information; // packed upper triangle, positive
+    vector1<double> gradient;    // of log L, by parameter
+    vector1<double> information; // packed upper triangle, positive
     std::vector<judged_block> blocks;
     std::vector<judged_parameter> others;
 };

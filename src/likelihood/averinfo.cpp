@@ -7,6 +7,7 @@
 #include "data/levels.h"
 #include "data/pedigreelist.h"
 #include "dense/general_inverse.h"
+#include "dense/inner.h"
 #include "dense/numroutines.h"
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
@@ -61,11 +62,11 @@ effect_vectors get_solutions(int irand) {
     e.n = model.kkfit(irand);
     e.rank = nfit(irand);
     const int count = levels.rn_nlev(irand) * e.rank;
-    e.u.resize(at(count));
+    e.u.resize(count);
     for (int k = 1; k <= count; ++k) {
         // 0: the equation was taken out, its solution is 0
         const int eq = orders.ieqnew(mmequations.rn_start(irand) + k);
-        e.u[at(k - 1)] = eq > 0 ? solutions.solns(eq) : 0.0;
+        e.u[k - 1] = eq > 0 ? solutions.solns(eq) : 0.0;
     }
     return e;
 }
@@ -112,12 +113,12 @@ void solve_transposed(int irand, effect_vectors& e) {
 void weighted_residuals(const subject_stream& stream, std::vector<double>& ehat, std::vector<double>& re) {
     subject_residuals(stream, ehat);
     const int n = stream.design().nobs;
-    re.assign(at(n), 0.0);
+    re.assign(n, 0.0);
     for (int i = 0; i < n; ++i) {
         if (stream.rinv_diagonal())
-            re[at(i)] = stream.rinv(i, i) * ehat[at(i)];
+            re[i] = stream.rinv(i, i) * ehat[i];
         else
-            for (int j = 0; j < n; ++j) re[at(i)] += stream.rinv(i, j) * ehat[at(j)];
+            for (int j = 0; j < n; ++j) re[i] += stream.rinv(i, j) * ehat[j];
     }
 }
 
@@ -140,23 +141,17 @@ void multiply_given(int irand, const std::vector<double>& x, std::vector<double>
     inverse_stream elements(irand);
     // elements of one triangle
     for (inverse_element e; elements.next(e);) {
-        y[at(e.row - 1)] += e.value * x[at(e.col - 1)];
-        if (e.row != e.col) y[at(e.col - 1)] += e.value * x[at(e.row - 1)];
+        y[e.row - 1] += e.value * x[e.col - 1];
+        if (e.row != e.col) y[e.col - 1] += e.value * x[e.row - 1];
     }
 }
 
 std::vector<double> given_diagonal(int irand) {
-    std::vector<double> d(at(levels.rn_nlev(irand)), 0.0);
+    std::vector<double> d(levels.rn_nlev(irand), 0.0);
     inverse_stream elements(irand);
     for (inverse_element e; elements.next(e);)
-        if (e.row == e.col) d[at(e.row - 1)] += e.value;
+        if (e.row == e.col) d[e.row - 1] += e.value;
     return d;
-}
-
-double inner(const std::vector<double>& a, const std::vector<double>& b) {
-    double s = 0.0;
-    for (std::size_t i = 0; i < a.size(); ++i) s += a[i] * b[i];
-    return s;
 }
 
 constexpr double solved = 1.0e-26; // squared length of what is left against that of the right-hand side: 13 digits
@@ -205,14 +200,14 @@ void multiply_relationships(int irand, effect_vectors& e) {
     if (options.write_factor && !given) check_cholnrm(irand);
     const int nlev = levels.rn_nlev(irand);
     // the columns of a level stand together in v: one place at a time over all levels
-    std::vector<double> z(at(nlev)), az;
+    std::vector<double> z(nlev), az;
     for (int p = 0; p < e.n; ++p) {
-        for (int l = 0; l < nlev; ++l) z[at(l)] = e.v[at(l) * at(e.n) + at(p)];
+        for (int l = 0; l < nlev; ++l) z[l] = e.v[at(l) * at(e.n) + at(p)];
         if (given)
             solve_given(irand, z, az);
         else
             nrm_product(mudmap.iranno(irand), z, az);
-        for (int l = 0; l < nlev; ++l) e.v[at(l) * at(e.n) + at(p)] = az[at(l)];
+        for (int l = 0; l < nlev; ++l) e.v[at(l) * at(e.n) + at(p)] = az[l];
     }
 }
 
@@ -225,15 +220,15 @@ void collect_z(vector1<effect_vectors>& all) {
         weighted_residuals(stream, ehat, re);
         // raw: the basis values of the record; without them the record is of one place, with weight 1
         for (int i = 0; i < d.nobs; ++i)
-            for (int k = d.efirst[at(i)]; k < d.efirst[at(i + 1)]; ++k) {
-                const design_effect& f = d.effects[at(k)];
+            for (int k = d.efirst[i]; k < d.efirst[i + 1]; ++k) {
+                const design_effect& f = d.effects[k];
                 effect_vectors& e = all(f.irand);
                 if (!needs_relationships(f.irand)) continue;
                 double* v = e.v.data() + at(f.level - 1) * at(e.n);
                 if (!f.raw)
-                    v[f.place - 1] += re[at(i)];
+                    v[f.place - 1] += re[i];
                 else
-                    for (int p = 0; p < e.n; ++p) v[p] += f.raw[p] * re[at(i)];
+                    for (int p = 0; p < e.n; ++p) v[p] += f.raw[p] * re[i];
             }
     }
 }
@@ -278,8 +273,8 @@ public:
         residual_columns(stream.record());
         // b(i) is row i of B: the residual part stands, the effects of the record are added
         for (int i = 0; i < d.nobs; ++i)
-            for (int k = d.efirst[at(i)]; k < d.efirst[at(i + 1)]; ++k) {
-                const design_effect& f = d.effects[at(k)];
+            for (int k = d.efirst[i]; k < d.efirst[i + 1]; ++k) {
+                const design_effect& f = d.effects[k];
                 const effect_vectors& e = effects_(f.irand);
                 for (int p = 1; p <= e.n; ++p) {
                     const double z = f.raw ? f.raw[p - 1] : p == f.place ? 1.0 : 0.0;
@@ -309,8 +304,8 @@ private:
                 const int n = residual_pars(d.ynq(i + 1), d.ynq(j + 1), c, i == j, pars);
                 for (int k = 0; k < n; ++k) {
                     // dR has 1 at (i,j) and (j,i)
-                    b[at(i) * np + at(pars[k] - 1)] += re_[at(j)];
-                    if (i != j) b[at(j) * np + at(pars[k] - 1)] += re_[at(i)];
+                    b[at(i) * np + at(pars[k] - 1)] += re_[j];
+                    if (i != j) b[at(j) * np + at(pars[k] - 1)] += re_[i];
                 }
             }
     }
@@ -388,9 +383,9 @@ public:
                 if (bi[k] == 0.0) continue;
                 for (int l = k; l < np; ++l) a[l - k] += bi[k] * ri[l];
             }
-            const int from = d.first[at(i)], count = d.first[at(i + 1)] - from;
+            const int from = d.first[i], count = d.first[i + 1] - from;
             eq_.clear();
-            for (int e = from; e < from + count; ++e) eq_.push_back(d.eq[at(d.local[at(e)])]);
+            for (int e = from; e < from + count; ++e) eq_.push_back(d.eq[d.local[e]]);
             if (brx) {
                 add_row(eq_.data(), d.weight.data() + from, count, ri, *brx);
                 continue;
@@ -430,12 +425,12 @@ void add_shared(const subject_stream& stream, const vector1<effect_vectors>& eff
     const int wave = 2 * threads_at_work()->threads();
     for (int first = 0; first < chunks; first += wave) {
         const int end = std::min(chunks, first + wave);
-        std::vector<information_sums> sums(at(end - first));
+        std::vector<information_sums> sums(end - first);
         share_chunks(
             first, end, [&] { return std::make_unique<information_worker>(stream, effects); },
             [&](information_worker& worker, int chunk) {
-                information_sums& mine = sums[at(chunk - first)];
-                mine.aimat.assign(static_cast<std::size_t>(derivs.aimat.size()), 0.0);
+                information_sums& mine = sums[chunk - first];
+                mine.aimat.assign(derivs.aimat.size(), 0.0);
                 worker.chunk.start(chunk);
                 while (worker.chunk.next()) worker.subject.add(worker.chunk.stream(), mine, nullptr);
             });

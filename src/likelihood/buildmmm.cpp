@@ -57,14 +57,14 @@ void add_diagonal(const design_part& part, local_matrix& w) {
     for (int i = 0; i < d.nobs; ++i) {
         const double r = part.r[i], y = part.y[i];
         w.yy += r * y * y;
-        for (int e = d.first[at(i)]; e < d.first[at(i + 1)]; ++e) {
-            const int l = d.local[at(e)];
-            const double wl = r * d.weight[at(e)];
-            w.b[at(l)] += wl * y;
-            lower(w.a, l, l) += wl * d.weight[at(e)];
-            for (int f = d.first[at(i)]; f < e; ++f) {
-                const int m = d.local[at(f)];
-                lower(w.a, l, m) += (l == m ? 2.0 : 1.0) * wl * d.weight[at(f)];
+        for (int e = d.first[i]; e < d.first[i + 1]; ++e) {
+            const int l = d.local[e];
+            const double wl = r * d.weight[e];
+            w.b[l] += wl * y;
+            lower(w.a, l, l) += wl * d.weight[e];
+            for (int f = d.first[i]; f < e; ++f) {
+                const int m = d.local[f];
+                lower(w.a, l, m) += (l == m ? 2.0 : 1.0) * wl * d.weight[f];
             }
         }
     }
@@ -76,22 +76,22 @@ void add_full(const design_part& part, local_matrix& w) {
     const subject_design& d = *part.design;
     for (int i = 0; i < d.nobs; ++i) {
         // t = sum over j of R^-1(i,j) times row j of the design, ty the same for y
-        w.t.assign(at(d.nl), 0.0);
+        w.t.assign(d.nl, 0.0);
         double ty = 0.0;
         for (int j = 0; j < d.nobs; ++j) {
             const double r = part.rinv(j, i);
             if (r == 0.0) continue;
             ty += r * part.y[j];
-            for (int e = d.first[at(j)]; e < d.first[at(j + 1)]; ++e) w.t[at(d.local[at(e)])] += r * d.weight[at(e)];
+            for (int e = d.first[j]; e < d.first[j + 1]; ++e) w.t[d.local[e]] += r * d.weight[e];
         }
         w.yy += part.y[i] * ty;
-        for (int e = d.first[at(i)]; e < d.first[at(i + 1)]; ++e) {
-            const int l = d.local[at(e)];
-            const double wl = d.weight[at(e)];
+        for (int e = d.first[i]; e < d.first[i + 1]; ++e) {
+            const int l = d.local[e];
+            const double wl = d.weight[e];
             // row l of W'R^-1 (W, y): record i gives its weight times t
-            w.b[at(l)] += wl * ty;
+            w.b[l] += wl * ty;
             double* row = w.a.data() + at(l) * at(l + 1) / 2;
-            for (int m = 0; m <= l; ++m) row[m] += wl * w.t[at(m)];
+            for (int m = 0; m <= l; ++m) row[m] += wl * w.t[m];
         }
     }
 }
@@ -100,7 +100,7 @@ void add_full(const design_part& part, local_matrix& w) {
 void form_part(const design_part& part, local_matrix& w) {
     const int nl = part.design->nl;
     w.a.assign(at(nl) * at(nl + 1) / 2, 0.0);
-    w.b.assign(at(nl), 0.0);
+    w.b.assign(nl, 0.0);
     w.yy = 0.0;
     if (part.diagonal)
         add_diagonal(part, w);
@@ -172,7 +172,7 @@ struct formed_chunk {
 // Threads form the local matrices of as many chunks as they are; these are added in the order of the subjects.
 bool add_by_chunks(int chunks, const subject_stream& stream, place_cursor& place) {
     const int threads = threads_at_work()->threads();
-    std::vector<formed_chunk> formed(at(threads));
+    std::vector<formed_chunk> formed(threads);
     for (int first = 0; first < chunks; first += threads) {
         // as many chunks as there are threads: none waits for long, and no more than these are held
         const int end = std::min(chunks, first + threads);
@@ -180,10 +180,10 @@ bool add_by_chunks(int chunks, const subject_stream& stream, place_cursor& place
             first, end, [&] { return std::make_unique<chunk_stream>(stream); },
             [&](chunk_stream& own, int chunk) {
                 own.start(chunk);
-                formed[at(chunk - first)].form(own);
+                formed[chunk - first].form(own);
             });
         for (int chunk = first; chunk < end; ++chunk)
-            if (!formed[at(chunk - first)].add(place)) return false;
+            if (!formed[chunk - first].add(place)) return false;
     }
     return true;
 }
@@ -247,7 +247,7 @@ struct block_adder {
         ww.resize(at(n) * at(n));
         for (int r = 0; r < n; ++r)
             for (int s = 0; s < n; ++s)
-                ww[at(r * n + s)] = options.principal ? (r == s ? 1.0 : 0.0) : randomvars.zig(r + 1, s + 1, irand);
+                ww[r * n + s] = options.principal ? (r == s ? 1.0 : 0.0) : randomvars.zig(r + 1, s + 1, irand);
     }
     void add(int a, int b, double value) {
         if (a < 1 || b < 1) no_place(a, b);
@@ -269,13 +269,13 @@ struct block_adder {
         for (int r = 0; r < n; ++r) {
             if (ii == jj) {
                 if (ei[r] < 1) no_place(ei[r], ei[r]);
-                sparse.diag(ei[r]) += aa * ww[at(r * n + r)];
+                sparse.diag(ei[r]) += aa * ww[r * n + r];
                 if (diagonal_links) continue;
-                for (int s = 0; s < r; ++s) add(ei[r], ei[s], aa * ww[at(r * n + s)]);
+                for (int s = 0; s < r; ++s) add(ei[r], ei[s], aa * ww[r * n + s]);
             } else if (diagonal_links) {
-                add(ei[r], ej[r], aa * ww[at(r * n + r)]);
+                add(ei[r], ej[r], aa * ww[r * n + r]);
             } else {
-                for (int s = 0; s < n; ++s) add(ei[r], ej[s], aa * ww[at(r * n + s)]);
+                for (int s = 0; s < n; ++s) add(ei[r], ej[s], aa * ww[r * n + s]);
             }
         }
     }

@@ -129,9 +129,9 @@ struct chunk_sums {
 };
 
 void data_pass(const pattern_values& x) {
-    std::vector<chunk_sums> sums(at(subject_chunks()));
+    std::vector<chunk_sums> sums(subject_chunks());
     walk_products(x, options.principal, [&](int chunk, const part_products& p) {
-        chunk_sums& mine = sums[at(chunk)];
+        chunk_sums& mine = sums[chunk];
         if (options.randreg)
             mine.residual.add_subject(p);
         else

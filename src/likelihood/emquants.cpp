@@ -65,20 +65,20 @@ private:
         slots_.clear();
         slot_of_.assign(d.effects.size(), -1);
         eq_.clear();
-        for (int e = d.efirst[0]; e < d.efirst[at(d.nobs)]; ++e) {
-            const design_effect& f = d.effects[at(e)];
+        for (int e = d.efirst[0]; e < d.efirst[d.nobs]; ++e) {
+            const design_effect& f = d.effects[e];
             if (!wanted(f.irand)) continue;
             int slot = 0;
             // a part has few levels: they are searched one by one
             while (slot < static_cast<int>(slots_.size()) &&
-                   (slots_[at(slot)].irand != f.irand || slots_[at(slot)].level != f.level))
+                   (slots_[slot].irand != f.irand || slots_[slot].level != f.level))
                 ++slot;
             if (slot == static_cast<int>(slots_.size())) {
                 slots_.push_back({f.irand, f.level, static_cast<int>(eq_.size())});
                 const int n = nfit(f.irand), start = mmequations.rn_start(f.irand) + (f.level - 1) * n;
                 for (int c = 1; c <= n; ++c) eq_.push_back(orders.ieqnew(start + c));
             }
-            slot_of_[at(e)] = slot;
+            slot_of_[e] = slot;
         }
         const std::size_t n = eq_.size();
         expect_.assign(n * n, 0.0);
@@ -96,13 +96,12 @@ private:
     }
 
     void add_pair(const subject_design& d, int r, int s, double rinv) {
-        for (int e = d.efirst[at(r)]; e < d.efirst[at(r + 1)]; ++e)
+        for (int e = d.efirst[r]; e < d.efirst[r + 1]; ++e)
             // separate expansions: products of two effects stay out
-            for (int f = d.efirst[at(s)]; f < d.efirst[at(s + 1)]; ++f) {
-                if (slot_of_[at(e)] < 0 || slot_of_[at(f)] < 0) continue;
-                if (!request_.joint && d.effects[at(e)].irand != d.effects[at(f)].irand) continue;
-                add_effects(d.effects[at(e)], slots_[at(slot_of_[at(e)])], d.effects[at(f)],
-                            slots_[at(slot_of_[at(f)])], rinv);
+            for (int f = d.efirst[s]; f < d.efirst[s + 1]; ++f) {
+                if (slot_of_[e] < 0 || slot_of_[f] < 0) continue;
+                if (!request_.joint && d.effects[e].irand != d.effects[f].irand) continue;
+                add_effects(d.effects[e], slots_[slot_of_[e]], d.effects[f], slots_[slot_of_[f]], rinv);
             }
     }
 
@@ -196,7 +195,7 @@ struct em_chunk {
 };
 
 std::vector<std::unique_ptr<em_chunk>> make_chunks(const em_request* request) {
-    std::vector<std::unique_ptr<em_chunk>> chunks(at(subject_chunks()));
+    std::vector<std::unique_ptr<em_chunk>> chunks(subject_chunks());
     for (auto& c : chunks) c = std::make_unique<em_chunk>(request);
     return chunks;
 }
@@ -225,7 +224,7 @@ void em_expectations(const em_request& request, em_quantities& q) {
     // X = F/2 as for the gradient: here all sums are twice those of it
     const bool with_effects = options.principal || chunks.front()->expansion->any();
     walk_products(x, with_effects, [&](int chunk, const part_products& p) {
-        em_chunk& mine = *chunks[at(chunk)];
+        em_chunk& mine = *chunks[chunk];
         mine.residual.add(p);
         if (options.principal) add_loads(p, -2.0, mine.q.loads);
         if (mine.expansion->any()) mine.expansion->add(p.part);
@@ -249,7 +248,7 @@ void em_residuals(em_quantities& q) {
     need_state(sparse, store_state::derivative, "em_residuals");
     const pattern_values x{sparse.diag, sparse.xspars, 0.5, true};
     std::vector<std::unique_ptr<em_chunk>> chunks = make_chunks(nullptr);
-    walk_products(x, false, [&](int chunk, const part_products& p) { chunks[at(chunk)]->residual.add(p); });
+    walk_products(x, false, [&](int chunk, const part_products& p) { chunks[chunk]->residual.add(p); });
     take_residuals(add_up(chunks), q);
 }
 

@@ -61,17 +61,17 @@ void multiply(const design_part& part, const local_values& w, part_products& out
         double* p = out.p.data() + at(j) * nl;
         double q = part.y[j] * w.yy;
         for (std::size_t l = 0; l < nl; ++l) p[l] = part.y[j] * w.fy[l];
-        for (int e = d.first[at(j)]; e < d.first[at(j + 1)]; ++e) {
-            const double we = d.weight[at(e)];
-            const double* row = w.x.data() + at(d.local[at(e)]) * nl;
+        for (int e = d.first[j]; e < d.first[j + 1]; ++e) {
+            const double we = d.weight[e];
+            const double* row = w.x.data() + at(d.local[e]) * nl;
             for (std::size_t l = 0; l < nl; ++l) p[l] += we * row[l];
-            q += we * w.fy[at(d.local[at(e)])];
+            q += we * w.fy[d.local[e]];
         }
         for (int i = out.m.diagonal ? j : 0; i <= j; ++i) {
             double s = part.y[i] * q;
-            for (int e = d.first[at(i)]; e < d.first[at(i + 1)]; ++e) s += d.weight[at(e)] * p[d.local[at(e)]];
+            for (int e = d.first[i]; e < d.first[i + 1]; ++e) s += d.weight[e] * p[d.local[e]];
             if (out.m.diagonal)
-                out.m.v[at(i)] = s;
+                out.m.v[i] = s;
             else
                 out.m.v[at(i) + at(j) * at(n)] = out.m.v[at(j) + at(i) * at(n)] = s;
         }
@@ -149,7 +149,7 @@ void walk_products(const pattern_values& x, bool with_effects, const visitor& vi
             0, chunks, [&] { return std::make_unique<products_worker>(stream); },
             [&](products_worker& worker, int chunk) {
                 // each chunk knows where its pairs begin in the list of places
-                place_cursor place(places.subjects, x.fo, places.subjects.marks[at(chunk)]);
+                place_cursor place(places.subjects, x.fo, places.subjects.marks[chunk]);
                 worker.chunk.start(chunk);
                 while (worker.chunk.next()) worker.parts.visit(chunk, x, place, visit);
             });
@@ -208,12 +208,12 @@ void add_loads(const part_products& products, double factor, vector1<array<doubl
             if (r == 0.0) continue;
             for (std::size_t l = 0; l < nl; ++l) h[l] += r * products.p[at(j) * nl + l];
         }
-        for (int e = s.efirst[at(i)]; e < s.efirst[at(i + 1)]; ++e) {
-            const design_effect& effect = s.effects[at(e)];
+        for (int e = s.efirst[i]; e < s.efirst[i + 1]; ++e) {
+            const design_effect& effect = s.effects[e];
             auto& mine = loads(effect.irand);
             // equations of the factor: element (r,c) meets u_c of the level
             for (int c = 1; c <= model.krfit(effect.irand); ++c) {
-                const double g = factor * h[at(s.local[at(effect.entry + c - 1)])];
+                const double g = factor * h[s.local[effect.entry + c - 1]];
                 if (!effect.raw) {
                     mine(effect.place, c) += g;
                     continue;

@@ -19,7 +19,7 @@ int shared_chunks() {
 
 void chunk_stream::start(int chunk) {
     const int before = chunk * places.together;
-    stream_.go_to(places.subjects.marks[static_cast<std::size_t>(chunk)].files, before);
+    stream_.go_to(places.subjects.marks[chunk].files, before);
     left_ = std::min(places.together, numbers.nsubject - before);
 }
 

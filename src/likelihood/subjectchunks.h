@@ -40,7 +40,7 @@ template <class Make, class Work> void share_chunks(int first, int end, const Ma
     task_pool& pool = *threads_at_work();
     std::vector<decltype(make())> workers(static_cast<std::size_t>(pool.threads()));
     const auto piece = [&](int i, int slot) {
-        auto& mine = workers[static_cast<std::size_t>(slot)];
+        auto& mine = workers[slot];
         if (!mine) mine = make();
         work(*mine, first + i);
     };

@@ -73,16 +73,16 @@ subject_stream::subject_stream(bool with_effects)
     open_pass();
     dvec_combs_muv();
     // covariables have equations of their own for all subjects, the rest is numbered within the record
-    clocal_.assign(at(mmequations.neq_cov + 1), -2);
+    clocal_.assign(mmequations.neq_cov + 1, -2);
     auto tables = std::make_shared<subject_tables>();
     if (options.randreg) {
-        tables->basis.resize(at(numbers.krand));
-        tables->weights.resize(at(numbers.krand));
+        tables->basis.resize(numbers.krand);
+        tables->weights.resize(numbers.krand);
         for (int irand = 1; irand <= numbers.krand; ++irand) {
             if (mudmap.kovrnd(irand) == covariance_kind::peq) continue;
-            auto& basis = tables->basis[at(irand - 1)];
+            auto& basis = tables->basis(irand);
             basis = basis_rows(irand);
-            if (options.principal) tables->weights[at(irand - 1)] = rotated_rows(irand, basis);
+            if (options.principal) tables->weights(irand) = rotated_rows(irand, basis);
         }
     }
     tables_ = tables;
@@ -94,9 +94,7 @@ subject_stream::subject_stream(const subject_stream& first, beside)
     clocal_.assign(first.clocal_.size(), -2);
 }
 
-void subject_stream::open_pass() {
-    setup_recdata(pass_, old_numbers_ ? filenames.recdatfil2 : filenames.recdatfil3);
-}
+void subject_stream::open_pass() { setup_recdata(pass_, old_numbers_ ? filenames.recdatfil2 : filenames.recdatfil3); }
 
 // The equations of the record, listed before the last ordering, get the numbers in hand.
 void subject_stream::translate_list() {
@@ -122,7 +120,7 @@ bool subject_stream::next() {
 }
 
 int subject_stream::local_of_jvec(int p) {
-    int& l = jlocal_[at(p)];
+    int& l = jlocal_[p];
     if (l == -2) {
         const int e = record().jvec(p);
         // equations that were taken out have no place
@@ -136,7 +134,7 @@ int subject_stream::local_of_jvec(int p) {
 }
 
 int subject_stream::local_of_covariable(int icov) {
-    int& l = clocal_[at(icov)];
+    int& l = clocal_[icov];
     if (l == -2) {
         const int e = orders.ieqnew(numbers.lim1 + icov);
         cmet_.push_back(icov);
@@ -169,8 +167,8 @@ void subject_stream::add_random(int i, int iq, int j) {
         // level of the control variable
         const std::size_t a = at(r.imeta(mudmap.irmeta(j, iq), i + 1) - 1);
         effect.place = 0;
-        effect.raw = tables_->basis[at(irand - 1)].data() + a * at(model.kkfit(irand));
-        w = options.principal ? tables_->weights[at(irand - 1)].data() + a * at(width) : effect.raw;
+        effect.raw = tables_->basis(irand).data() + a * at(model.kkfit(irand));
+        w = options.principal ? tables_->weights(irand).data() + a * at(width) : effect.raw;
     }
     for (int k = 0; k < width; ++k)
         add_entry(local_of_jvec(r.ieqnr(from + k, i + 1)), w ? w[k] : ddvecs.dd(from + k, iq));
@@ -191,9 +189,9 @@ void subject_stream::form_design() {
     d.efirst.assign(1, 0);
     d.effects.clear();
     // -2: not met in this subject, -1: taken out, else the local number
-    jlocal_.assign(at(r.nr + 1), -2);
+    jlocal_.assign(r.nr + 1, -2);
     // of the covariables only those that the last subject has met: the table is long
-    for (int c : cmet_) clocal_[at(c)] = -2;
+    for (int c : cmet_) clocal_[c] = -2;
     cmet_.clear();
     for (int i = 0; i < d.nobs; ++i) {
         const int iq = r.ynq(i + 1);
@@ -222,12 +220,11 @@ void subject_stream::form_rinv() {
 
 void subject_residuals(const subject_stream& stream, std::vector<double>& ehat) {
     const subject_design& d = stream.design();
-    ehat.resize(at(d.nobs));
+    ehat.resize(d.nobs);
     for (int i = 0; i < d.nobs; ++i) {
         double e = stream.record().yvec(i + 1);
-        for (int k = d.first[at(i)]; k < d.first[at(i + 1)]; ++k)
-            e -= d.weight[at(k)] * solutions.solns(d.eq[at(d.local[at(k)])]);
-        ehat[at(i)] = e;
+        for (int k = d.first[i]; k < d.first[i + 1]; ++k) e -= d.weight[k] * solutions.solns(d.eq[d.local[k]]);
+        ehat[i] = e;
     }
 }
 
@@ -239,7 +236,7 @@ void part_splitter::start() {
     std::int64_t pairs = 0;
     // elements formed record by record, against those of the whole square
     for (int i = 0; i < d.nobs; ++i) {
-        const std::int64_t n = d.first[at(i + 1)] - d.first[at(i)];
+        const std::int64_t n = d.first[i + 1] - d.first[i];
         pairs += n * n;
     }
     rowwise_ = d.nobs > 1 && 2 * pairs < std::int64_t{d.nl} * d.nl;
@@ -252,20 +249,20 @@ void part_splitter::cut_row(int i) {
     row_.local.clear();
     row_.weight.clear();
     row_.effects.clear();
-    for (int k = d.first[at(i)]; k < d.first[at(i + 1)]; ++k) {
-        const int e = d.eq[at(d.local[at(k)])];
+    for (int k = d.first[i]; k < d.first[i + 1]; ++k) {
+        const int e = d.eq[d.local[k]];
         // a row is short: looking through it is cheaper than a table
         const auto seen = std::find(row_.eq.begin(), row_.eq.end(), e);
         row_.local.push_back(static_cast<int>(seen - row_.eq.begin()));
         if (seen == row_.eq.end()) row_.eq.push_back(e);
-        row_.weight.push_back(d.weight[at(k)]);
+        row_.weight.push_back(d.weight[k]);
     }
     row_.nl = static_cast<int>(row_.eq.size());
     row_.first = {0, static_cast<int>(row_.local.size())};
-    for (int k = d.efirst[at(i)]; k < d.efirst[at(i + 1)]; ++k) {
-        row_.effects.push_back(d.effects[at(k)]);
+    for (int k = d.efirst[i]; k < d.efirst[i + 1]; ++k) {
+        row_.effects.push_back(d.effects[k]);
         // entries count from the start of the row now
-        row_.effects.back().entry -= d.first[at(i)];
+        row_.effects.back().entry -= d.first[i];
     }
     row_.efirst = {0, static_cast<int>(row_.effects.size())};
 }

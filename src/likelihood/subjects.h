@@ -2,6 +2,7 @@
 // residuals have in common.
 #pragma once
 #include "data/recodedata.h"
+#include "support/vector1.h"
 
 #include <cstddef>
 #include <memory>
@@ -36,8 +37,8 @@ struct subject_design {
 
 // Basis functions of the random regression blocks.
 struct subject_tables {
-    std::vector<std::vector<double>> basis;   // [irand-1] values, kkfit for each level of the control variable
-    std::vector<std::vector<double>> weights; // [irand-1] weights, nfit for each level (empty at full rank)
+    vector1<std::vector<double>> basis;   // (irand) values, kkfit for each level of the control variable
+    vector1<std::vector<double>> weights; // (irand) weights, nfit for each level (empty at full rank)
 };
 
 // Pass over all subjects in the order of the recoded file: recoded1.bin with recoded3.bin, or with recoded2.bin and
@@ -60,7 +61,7 @@ public:
     const std::vector<double>& rinv() const { return rinv_; }
     bool rinv_diagonal() const { return diagonal_; }
     double rinv(int i, int j) const { // element of records i, j = 0..nobs-1
-        if (diagonal_) return i == j ? rinv_[static_cast<std::size_t>(i)] : 0.0;
+        if (diagonal_) return i == j ? rinv_[i] : 0.0;
         const auto n = static_cast<std::size_t>(design_.nobs);
         return rinv_[static_cast<std::size_t>(i) + static_cast<std::size_t>(j) * n];
     }

@@ -61,7 +61,7 @@ std::vector<double> all_cov_units() {
 }
 
 std::vector<double> covariance_units() {
-    std::vector<double> units(static_cast<std::size_t>(estimates.nparm), 1.0);
+    std::vector<double> units(estimates.nparm, 1.0);
     for (int irand = 0; irand <= numbers.krand; ++irand) {
         if (estimates.nnparm(irand) == 0) continue;
         const std::vector<double> u = block_units(irand);
@@ -90,7 +90,7 @@ void factor_units(int irand, int step, std::vector<parameter_unit>& units) {
 } // namespace
 
 std::vector<parameter_unit> parameter_units() {
-    std::vector<parameter_unit> units(static_cast<std::size_t>(estimates.nparm));
+    std::vector<parameter_unit> units(estimates.nparm);
     for (int irand = 0; irand <= numbers.krand; ++irand) {
         if (estimates.nnparm(irand) == 0) continue;
         if (estimates.paraform(irand) == par_scale::original) {

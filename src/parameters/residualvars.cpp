@@ -390,13 +390,13 @@ void add_residual_terms(const pattern_matrix& x, std::span<const int> traits, st
                         std::span<const int> iclass, double factor, vector1<double>& g) {
     int pars[2];
     for (int k = 1; k <= x.n; ++k) {
-        const int c = iclass.empty() ? 1 : iclass[at(k - 1)];
+        const int c = iclass.empty() ? 1 : iclass[k - 1];
         for (int l = k; l <= (x.diagonal ? k : x.n); ++l) {
             // records at different places have covariance 0 whatever the parameters
-            if (!age.empty() && age[at(k - 1)] != age[at(l - 1)]) continue;
+            if (!age.empty() && age[k - 1] != age[l - 1]) continue;
             // (k,l) and (l,k)
             const double value = factor * (k == l ? 1.0 : 2.0) * x(k, l);
-            const int n = residual_pars(traits[at(k - 1)], traits[at(l - 1)], c, k == l, pars);
+            const int n = residual_pars(traits[k - 1], traits[l - 1], c, k == l, pars);
             for (int p = 0; p < n; ++p) g(pars[p]) += value;
         }
     }

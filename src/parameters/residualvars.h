@@ -17,7 +17,7 @@ struct pattern_matrix {
     bool diagonal = false;
     std::vector<double> v; // n*n by columns, or n
     double operator()(int i, int j) const {
-        if (diagonal) return i == j ? v[static_cast<std::size_t>(i - 1)] : 0.0;
+        if (diagonal) return i == j ? v[i - 1] : 0.0;
         return v[place(i, j)];
     }
     double& operator()(int i, int j) { return v[place(i, j)]; } // of one that is kept in full

@@ -109,9 +109,7 @@ void allocate_parameters() {
             for (int i = 1; i <= model.kkfit(irand); ++i) e.cholorder((step - 1) * model.kkfit(irand) + i, irand) = i;
         e.logdiagonals(irand) =
             // options know seven blocks apart, the last stands for all behind it
-            !options.nologd && (model.diagonal(irand) || options.logdia[static_cast<std::size_t>(std::min(irand, 7))])
-                ? 1
-                : 0;
+            !options.nologd && (model.diagonal(irand) || options.logdia[std::min(irand, 7)]) ? 1 : 0;
     }
     e.allocated = true;
 }
@@ -159,7 +157,7 @@ void label_covariances() {
         }
     }
     for (int i = 1; i <= usrdefcovs.ncovadd; ++i)
-        estimates.covnames(estimates.ncov + i) = usrdefcovs.addcovname[static_cast<std::size_t>(i - 1)].substr(0, 14);
+        estimates.covnames(estimates.ncov + i) = usrdefcovs.addcovname(i).substr(0, 14);
 }
 
 // Variances that are positive, and yet too small for a pivot.
@@ -337,8 +335,7 @@ void take_factor(int irand, int step, const array<double, 2>& factor, array<doub
 // Adds the PEQ matrix, spread over the traits that fit it, to the residual triangle.
 void add_peq(std::vector<double>& res) {
     int k = 0;
-    for (const peq_place& p : peq_places())
-        res[static_cast<std::size_t>(p.residual - 1)] += model.cov(++k, residualvars.ipeq);
+    for (const peq_place& p : peq_places()) res[p.residual - 1] += model.cov(++k, residualvars.ipeq);
 }
 
 // Covariances in the units in which the traits are worked out.
@@ -574,8 +571,7 @@ bool start_factor(int irand, array<double, 2>& q, array<int>& order) {
     std::vector<double> cc(model.cov.column(irand).begin(), model.cov.column(irand).end());
     if (any_unit()) divide_by_units(irand, cc);
     double largest = 0.0, bad = 0.0;
-    for (int i = 1; i <= n; ++i)
-        largest = std::max(largest, std::fabs(cc[static_cast<std::size_t>(ihmssf(i, i, n) - 1)]));
+    for (int i = 1; i <= n; ++i) largest = std::max(largest, std::fabs(cc[ihmssf(i, i, n) - 1]));
     bool vanishes = false;
     for (const bool by_size : {estimates.reorder, true}) { // in a given order nothing may follow a pivot that vanishes
         order.allocate(n);

@@ -70,7 +70,7 @@ struct datafile_module {
         std::string name;
         int mlev;
     };
-    std::vector<column> grpline;                    // grouped form: columns of a line that holds all traits
+    vector1<column> grpline;                        // grouped form: columns of a line that holds all traits
     int name_of_trait[maxcols + 1][maxnq + 1] = {}; // 1: column named in a NAM line (grouped form)
     int iq_newno[100] = {};                         // [number in the data] number in the analysis; -1 none
     int missvalue[maxnq + 1] = {};
@@ -81,9 +81,9 @@ inline datafile_module datafile;
 // Additional dependencies among fixed effects (ZER) and levels of random effects treated as fixed (PSE).
 struct zerout_module {
     int nzerout = 0;
-    std::vector<std::string> addzername; // effect
-    std::vector<std::int64_t> iaddzer1;  // level code
-    std::vector<int> iaddzer2;           // trait
+    vector1<std::string> addzername; // effect
+    vector1<std::int64_t> iaddzer1;  // level code
+    vector1<int> iaddzer2;           // trait
 };
 inline zerout_module zerout;
 
@@ -94,11 +94,11 @@ struct usrdefcovs_module {
         double factor;
     };
     int ncovadd = 0;
-    std::vector<std::string> addcovname;   // names of the sums
-    std::vector<std::vector<term>> addcov; // their terms; numbers are those of ListofCovs
+    vector1<std::string> addcovname;   // names of the sums
+    vector1<std::vector<term>> addcov; // their terms; numbers are those of ListofCovs
     int naddgps = 0;
-    std::vector<std::string> addgpname;     // names of the ratios and correlations
-    std::vector<std::array<int, 4>> igpadd; // kind (1 ratio, 2 correlation) and covariance numbers
+    vector1<std::string> addgpname;     // names of the ratios and correlations
+    vector1<std::array<int, 4>> igpadd; // kind (1 ratio, 2 correlation) and covariance numbers
 };
 inline usrdefcovs_module usrdefcovs;
 inline constexpr int maxaddcovs = 40, maxaddterms = 33, maxaddgps = 120;

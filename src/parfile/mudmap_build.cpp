@@ -25,10 +25,10 @@ constexpr int maxfitorder = 99; // coefficients of a regression
 // A line of grouped data that holds all traits: its columns become those of trait 1.
 void all_traits_line() {
     auto& d = datafile;
-    if (d.grpline.size() > static_cast<std::size_t>(maxcols)) stop_with("Max. no. of data columns exceeded !");
+    if (d.grpline.size() > maxcols) stop_with("Max. no. of data columns exceeded !");
     d.ndatcol[1] = static_cast<int>(d.grpline.size());
     for (int j = 1; j <= d.ndatcol[1]; ++j) {
-        const auto& column = d.grpline[static_cast<std::size_t>(j - 1)];
+        const auto& column = d.grpline(j);
         d.colname[j][1] = column.name;
         d.mlevels[j][1] = column.mlev;
     }

@@ -1,6 +1,7 @@
 // The blocks of the parameter file: what their readers share. Internal to the reader of the parameter file.
 #pragma once
 #include "parfile/parlines.h"
+#include "support/array.h"
 
 #include <string>
 #include <vector>
@@ -14,7 +15,7 @@ struct par_state {
     int maxblocks = 0;                       // distinct names of random effects
     std::vector<std::string> start_tokens;   // numbers of the file of starting values
     std::size_t start_at = 0;                // those used up
-    std::vector<std::vector<double>> values; // covariances by block, 0 residual
+    array<std::vector<double>, 1, 0> values; // (0:maxblocks) covariances by block, 0 residual
     std::string by_record;                   // PEQ effect of a block with the word REC
 };
 

@@ -13,7 +13,7 @@ namespace tarvex {
 
 namespace {
 
-char at(const par_lines& p, int column) { return p.pline[static_cast<std::size_t>(column - 1)]; }
+char at(const par_lines& p, int column) { return p.pline[column - 1]; }
 
 // Left-adjusts to plinelen columns and makes the first token the current one.
 void set_line(par_lines& p, std::string_view text) {
@@ -115,16 +115,14 @@ int find_char(const par_lines& p, char ch) {
     return j == std::string_view::npos ? 0 : static_cast<int>(j) + 1;
 }
 
-void drop_head(par_lines& p, int n) {
-    set_line(p, std::string_view(p.pline).substr(static_cast<std::size_t>(std::min(n, plinelen))));
-}
+void drop_head(par_lines& p, int n) { set_line(p, std::string_view(p.pline).substr(std::min(n, plinelen))); }
 
 int line_length(const par_lines& p) { return static_cast<int>(trim_right(p.pline).size()); }
 
 std::string token(const par_lines& p) {
     const int last = std::min(p.i2 - 1, p.i3);
     if (p.i1 > last) return {};
-    return p.pline.substr(static_cast<std::size_t>(p.i1 - 1), static_cast<std::size_t>(last - p.i1 + 1));
+    return p.pline.substr(p.i1 - 1, static_cast<std::size_t>(last - p.i1 + 1));
 }
 
 std::string token(const par_lines& p, int length) { return token(p).substr(0, static_cast<std::size_t>(length)); }

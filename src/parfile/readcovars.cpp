@@ -26,8 +26,6 @@ constexpr double largest_value = 1.0e30; // of a starting value: squares and pro
 
 constexpr std::string_view value_failure = "Reading covariances failed !";
 
-std::size_t at(int irand) { return static_cast<std::size_t>(irand); }
-
 // Values begin on a new line.
 void new_line(par_state& s) { s.lines.i2 = plinelen + 1; }
 
@@ -63,7 +61,7 @@ int integer_value(par_state& s) {
 }
 
 void read_values(par_state& s, int irand, int n) {
-    for (int i = 0; i < n; ++i) s.values[at(irand)].push_back(real_value(s));
+    for (int i = 0; i < n; ++i) s.values(irand).push_back(real_value(s));
 }
 
 // Bounds of a class of residual variances: ascending, and above those of the class before.
@@ -108,7 +106,7 @@ void read_individual_vars(par_state& s, int n) {
         if (p.iend != 0) rdpar_err(p, "read error ?");
         double x = 0.0;
         if (!read_real(token(p), x)) rdpar_err(p, value_failure);
-        s.values[0].push_back(x);
+        s.values(0).push_back(x);
         read_values(s, 0, n - 1);
     }
 }
@@ -165,8 +163,8 @@ int read_order(par_lines& p) {
 }
 
 void read_residual(par_state& s, const std::string& name) {
-    if (!s.values[0].empty()) rdpar_err(s.lines, "Residual covariances given twice");
-    s.values[0].clear();
+    if (!s.values(0).empty()) rdpar_err(s.lines, "Residual covariances given twice");
+    s.values(0).clear();
     model.krandom(0) = name;
     model.rr_resteps = 1;
     if (options.randreg)
@@ -240,7 +238,7 @@ bool is_residual(const par_lines& line, const std::string& name) {
     // random regression: the residual may have any name, its qualifier tells it
     if (!options.randreg) return false;
     const std::string& text = line.pline;
-    std::istringstream rest(text.substr(static_cast<std::size_t>(line.i2 - 1)));
+    std::istringstream rest(text.substr(line.i2 - 1));
     for (std::string t; rest >> t;)
         if (!is_digit(t.front())) return is_qualifier(t);
     return false;
@@ -289,11 +287,11 @@ void store_covars(par_state& s) {
     }
     const int krand = numbers.krand;
     std::size_t maxij = 1;
-    for (int irand = 0; irand <= krand; ++irand) maxij = std::max(maxij, s.values[at(irand)].size());
+    for (int irand = 0; irand <= krand; ++irand) maxij = std::max(maxij, s.values(irand).size());
     // a column for each block, as long as the longest
     allocate("alloc cov", model.cov, static_cast<std::ptrdiff_t>(maxij), krand);
     for (int irand = 0; irand <= krand; ++irand)
-        std::copy(s.values[at(irand)].begin(), s.values[at(irand)].end(), model.cov.column(irand).begin());
+        std::copy(s.values(irand).begin(), s.values(irand).end(), model.cov.column(irand).begin());
     // fewer blocks than names of effects are possible
     model.krandom.resize(krand);
     for (auto* a : {&model.kkfit, &model.krfit, &model.diagonal, &model.correlated}) a->resize(krand);
@@ -305,7 +303,7 @@ void read_starting(par_state& s) {
     auto& p = s.lines;
     if (!next_var(p)) rdpar_err(p, "File name is missing !");
     // values could not be told apart any more
-    if (numbers.krand > 0 || (!s.values.empty() && !s.values[0].empty()))
+    if (numbers.krand > 0 || (s.values.allocated() && !s.values(0).empty()))
         rdpar_err(p, "Give file of starting values before covariances !");
     filenames.stvalfile = token(p, file_length);
     options.start_vals = true;

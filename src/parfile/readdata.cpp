@@ -58,7 +58,7 @@ int read_traitno(par_lines& p) {
         if (!is_digit(p.pline[2])) rdpar_err(p, "No trait no. found !");
         const int width = is_digit(p.pline[3]) ? 2 : 1;
         read_integer(std::string_view(p.pline).substr(2, static_cast<std::size_t>(width)), iq);
-        if (is_digit(p.pline[static_cast<std::size_t>(2 + width)])) rdpar_err(p, "Trait no. too big");
+        if (is_digit(p.pline[2 + width])) rdpar_err(p, "Trait no. too big");
         drop_head(p, 2 + width);
     }
     if (iq > maxnq) rdpar_err(p, "Trait no. too big");

@@ -94,7 +94,7 @@ void add_parameter(par_lines& p, const std::string& name, int kind) {
     }
     std::array<int, 4> igp{kind, 0, 0, 0};
     // numbers of the covariances, as ListofCovs has them
-    for (int i = 1; i <= kind + 1; ++i) igp[static_cast<std::size_t>(i)] = next_digit(p);
+    for (int i = 1; i <= kind + 1; ++i) igp[i] = next_digit(p);
     ++u.naddgps;
     u.addgpname.push_back(name);
     u.igpadd.push_back(igp);
@@ -121,8 +121,7 @@ void read_zerout(par_state& s) {
     if (!options.verbose) return;
     print_list(screen(), " Additional dependencies among fixed effects");
     for (int i = 1; i <= zerout.nzerout; ++i) {
-        const auto k = static_cast<std::size_t>(i - 1);
-        write(screen(), "(i4,2x,a,i18,i4)", i, zerout.addzername[k], zerout.iaddzer1[k], zerout.iaddzer2[k]);
+        write(screen(), "(i4,2x,a,i18,i4)", i, zerout.addzername(i), zerout.iaddzer1(i), zerout.iaddzer2(i));
     }
 }
 

@@ -149,7 +149,7 @@ void read_position(par_state& s) {
     if (options.equal_model) rdpar_err(p, "Invalid for \"equal model\" opt.");
     int ii = 0, iq = 0;
     const bool more = next_var(p);
-    list_reader numbers_of(std::string_view(p.pline).substr(static_cast<std::size_t>(p.i1 - 1)));
+    list_reader numbers_of(std::string_view(p.pline).substr(p.i1 - 1));
     const bool good = more && numbers_of.next(ii) == list_read::value && numbers_of.next(iq) == list_read::value;
     if (!good) rdpar_err(p, "Something wrong parsing line !");
     datafile.trno_pos[check_trait(p, iq)] = ii;
@@ -274,7 +274,7 @@ void allocate_blocks(par_state& s) {
     allocate("alloc krandom", model.krandom, s.maxblocks);
     for (auto* a : {&model.kkfit, &model.krfit, &model.diagonal, &model.correlated})
         allocate("alloc kkfit", *a, s.maxblocks);
-    s.values.assign(static_cast<std::size_t>(s.maxblocks) + 1, {});
+    s.values.allocate(s.maxblocks);
     numbers.krand = 0;
 }
 

@@ -177,7 +177,7 @@ void set_logdia() {
     if (options.nologd) return;
     for (int irand = 1; irand <= numbers.krand; ++irand)
         if (model.diagonal(irand) != 0) {
-            options.logdia[static_cast<std::size_t>(irand)] = true;
+            options.logdia[irand] = true;
             options.principal = true;
         }
 }

@@ -310,7 +310,7 @@ void sweep_panels(const sweep_order& o, const std::vector<double>& d, task_pool&
     constexpr std::size_t most_parts = 16;
     const std::size_t panels = (o.border.size() + panel<T>::width - 1) / panel<T>::width;
     const std::size_t parts = std::min(panels, most_parts);
-    std::vector<std::unique_ptr<own_panel<T>>> of_slot(static_cast<std::size_t>(pool.threads()));
+    std::vector<std::unique_ptr<own_panel<T>>> of_slot(pool.threads());
     std::vector<std::vector<double>> sums(parts);
     // only young animals get anything
     const auto add = [&](const std::vector<double>& part) {
@@ -318,7 +318,7 @@ void sweep_panels(const sweep_order& o, const std::vector<double>& d, task_pool&
             f[o.animal[k] - 1] += part[k];
     };
     const auto sweep = [&](int i, int slot) {
-        auto& mine = of_slot[static_cast<std::size_t>(slot)];
+        auto& mine = of_slot[slot];
         if (!mine) mine = std::make_unique<own_panel<T>>(o, d);
         const auto part = static_cast<std::size_t>(i);
         sweep_part(mine->w, panels * part / parts, panels * (part + 1) / parts);

@@ -85,7 +85,7 @@ void check_element(int irand, const inverse_element& e, int nn) {
 void check_codes(const code_list& codes, const std::string& name) {
     // code and level
     std::vector<std::pair<std::int64_t, int>> sorted;
-    for (std::size_t l = 0; l < codes.size(); ++l) sorted.emplace_back(codes[l], static_cast<int>(l) + 1);
+    for (int l = 1; l <= codes.size(); ++l) sorted.emplace_back(codes(l), l);
     std::sort(sorted.begin(), sorted.end());
     for (std::size_t k = 1; k < sorted.size(); ++k)
         if (sorted[k].first == sorted[k - 1].first)
@@ -93,8 +93,8 @@ void check_codes(const code_list& codes, const std::string& name) {
 }
 
 void read_codes(int irand, const std::string& name, int nlmax) {
-    code_list codes(static_cast<std::size_t>(nlmax));
-    std::vector<char> given(static_cast<std::size_t>(nlmax));
+    code_list codes(nlmax);
+    vector1<char> given(nlmax);
     text_lines text;
     open_lines(text, name);
     int n = 0, range_fault = 0;
@@ -108,9 +108,9 @@ void read_codes(int irand, const std::string& name, int nlmax) {
             range_fault = range_fault ? range_fault : i;
             continue;
         }
-        if (given[i - 1]) code_error(name, "a level twice", i, jj);
-        given[i - 1] = 1;
-        codes[i - 1] = jj;
+        if (given(i)) code_error(name, "a level twice", i, jj);
+        given(i) = 1;
+        codes(i) = jj;
     }
     print_list(screen(), "Have read", n, " codes from \"" + name + "\"");
     if (n != nlmax) {
@@ -143,8 +143,8 @@ void gin_levels(int irand, int nlmax) {
         print_list(screen(), "      Assume \"running order\" of 1 to", nlmax);
         screen().line("      -- If this is not true, program will crash later !");
         auto& codes = levels.rn_codes(irand);
-        codes.resize(static_cast<std::size_t>(nlmax));
-        for (int l = 1; l <= nlmax; ++l) codes[l - 1] = l;
+        codes.resize(nlmax);
+        for (int l = 1; l <= nlmax; ++l) codes(l) = l;
     }
     levels.rn_nlev(irand) = nlmax;
     print_list(screen(), "Max. number of levels for \"" + model.krandom(irand) + "\" set to", nlmax);
@@ -175,17 +175,17 @@ void check_places(const std::vector<inverse_element>& elements, const std::strin
 // others cannot be estimated. in_data: codes that the data have.
 void count_without(int irand, const std::string& name, const code_list& in_data) {
     const int nlev = levels.rn_nlev(irand);
-    std::vector<char> diagonal(static_cast<std::size_t>(nlev) + 1), named(diagonal);
-    for (const auto& e : gin_store.elements[irand - 1]) {
-        named[e.row] = named[e.col] = 1;
-        if (e.col == e.row) diagonal[e.row] = 1;
+    vector1<char> diagonal(nlev), named(nlev);
+    for (const auto& e : gin_store.elements(irand)) {
+        named(e.row) = named(e.col) = 1;
+        if (e.col == e.row) diagonal(e.row) = 1;
     }
     int n = 0;
     for (int l = 1; l <= nlev; ++l) {
-        if (diagonal[l]) continue;
-        const auto code = levels.rn_codes(irand)[static_cast<std::size_t>(l) - 1];
+        if (diagonal(l)) continue;
+        const auto code = levels.rn_codes(irand)(l);
         // reduced equations need a variance for each level
-        const bool fixed = !named[l] && std::binary_search(in_data.begin(), in_data.end(), code);
+        const bool fixed = !named(l) && std::binary_search(in_data.begin(), in_data.end(), code);
         if (!fixed || options.principal) {
             print_list(screen(), "Level without a diagonal in the inverse :", l, " code", code);
             stop_with("***** ERROR : Reading file \"" + name + "\"");
@@ -221,9 +221,8 @@ void check_ginverse(int irand) {
         print_list(screen(), "Log determinant is no finite number");
         read_error(name, 0);
     }
-    if (gin_store.elements.size() < static_cast<std::size_t>(irand))
-        gin_store.elements.resize(static_cast<std::size_t>(irand));
-    auto& elements = gin_store.elements[irand - 1];
+    if (gin_store.elements.size() < irand) gin_store.elements.resize(irand);
+    auto& elements = gin_store.elements(irand);
     elements.clear();
     int nn = 0, nlmax = 0;
     while (next_line(text)) {

@@ -5,6 +5,7 @@
 // data.
 #pragma once
 #include "relations/inverse_stream.h"
+#include "support/vector1.h"
 
 #include <vector>
 
@@ -12,7 +13,7 @@ namespace tarvex {
 
 // Elements of the supplied inverses, kept after the first reading, by random effect ([irand-1]).
 struct gin_store_module {
-    std::vector<std::vector<inverse_element>> elements;
+    vector1<std::vector<inverse_element>> elements;
 };
 inline gin_store_module gin_store;
 

@@ -188,7 +188,7 @@ void offspring_by_sire(const std::vector<int>& sire, const std::vector<int>& dam
         // others are not inbred
         if (sire[i] > 0 && dam[i] > 0) ++start[sire[i] + 1];
     for (std::size_t s = 1; s < start.size(); ++s) start[s] += start[s - 1];
-    list.resize(static_cast<std::size_t>(start.back()));
+    list.resize(start.back());
     std::vector<int> at(start.begin(), start.end() - 1);
     for (std::size_t i = 0; i < n; ++i)
         if (sire[i] > 0 && dam[i] > 0) list[at[sire[i]]++] = static_cast<int>(i) + 1;

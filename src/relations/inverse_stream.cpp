@@ -39,7 +39,7 @@ inverse_stream::inverse_stream(int irand) : p_(new impl) {
     } else if (kov == covariance_kind::gin) {
         p_->kind = 'G';
         logdet_ = geninverse.detginv(irand);
-        if (gin_store.elements.size() < static_cast<std::size_t>(irand)) unreadable(name_of(kov));
+        if (gin_store.elements.size() < irand) unreadable(name_of(kov));
     } else {
         p_->nlev = levels.rn_nlev(irand);
     }
@@ -67,7 +67,7 @@ bool inverse_stream::next(inverse_element& e) {
         e.col = icol;
         e.row = irow;
     } else if (p_->kind == 'G') {
-        const auto& elements = gin_store.elements[p_->irand - 1];
+        const auto& elements = gin_store.elements(p_->irand);
         if (p_->k >= static_cast<int>(elements.size())) return false;
         e = elements[p_->k];
     } else {

@@ -120,7 +120,7 @@ void list_offspring(sweep_order& o) {
     };
     each([&](int p, int) { ++o.start[p + 1]; });
     for (std::size_t p = 1; p < o.start.size(); ++p) o.start[p] += o.start[p - 1];
-    o.next.resize(static_cast<std::size_t>(o.start.back()));
+    o.next.resize(o.start.back());
     std::vector<int> at(o.start.begin(), o.start.end() - 1);
     each([&](int p, int k) { o.next[at[p]++] = k; });
 }

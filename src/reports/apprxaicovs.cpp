@@ -58,19 +58,18 @@ bool read_information(array<double, 2>& hess2, double& xl2) {
 
 // Generalised inverse after scaling to unit diagonal, so that the tolerance does not depend on the units of the traits.
 void invert_information(array<double, 2>& a, int n, int& rank) {
-    std::vector<double> scale(static_cast<std::size_t>(n), 0.0);
+    std::vector<double> scale(n, 0.0);
     for (int i = 1; i <= n; ++i)
         // rows without information stay 0
-        if (a(i, i) != 0.0) scale[static_cast<std::size_t>(i - 1)] = 1.0 / std::sqrt(std::fabs(a(i, i)));
-    const auto s = [&](int i) { return scale[static_cast<std::size_t>(i - 1)]; };
+        if (a(i, i) != 0.0) scale[i - 1] = 1.0 / std::sqrt(std::fabs(a(i, i)));
+    const auto s = [&](int i) { return scale[i - 1]; };
     std::vector<double> packed(static_cast<std::size_t>(n) * static_cast<std::size_t>(n + 1) / 2);
     for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= n; ++j) packed[static_cast<std::size_t>(ihmssf(i, j, n) - 1)] = a(i, j) * s(i) * s(j);
+        for (int j = i; j <= n; ++j) packed[ihmssf(i, j, n) - 1] = a(i, j) * s(i) * s(j);
     double ldet = 0.0;
     gen_inverse(packed, n, numbers.zero, rank, ldet);
     for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= n; ++j)
-            a(i, j) = a(j, i) = packed[static_cast<std::size_t>(ihmssf(i, j, n) - 1)] * s(i) * s(j);
+        for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = packed[ihmssf(i, j, n) - 1] * s(i) * s(j);
 }
 
 int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
@@ -136,8 +135,7 @@ void check_usrdefcovs() {
     for (const auto& sum : usrdefcovs.addcov)
         for (const auto& t : sum) wrong = wrong || bad(t.isig, estimates.ncov);
     for (const auto& gp : usrdefcovs.igpadd)
-        for (int k = 1; k <= (gp[0] == 1 ? 2 : 3); ++k)
-            wrong = wrong || bad(gp[static_cast<std::size_t>(k)], estimates.ncovall);
+        for (int k = 1; k <= (gp[0] == 1 ? 2 : 3); ++k) wrong = wrong || bad(gp[k], estimates.ncovall);
     if (!wrong) return;
     print_list(screen(), " invalid no. in definition of add. cov");
     stoptarvex();
@@ -155,9 +153,7 @@ void approxai_covs() {
     for (int i = 1; i <= nparm; ++i) sampling.varpar(i) = hess2(i, i);
     const std::vector<parameter_unit> units = parameter_units(); // the Jacobians are those of the parameters in use
     for (int i = 1; i <= nparm; ++i)
-        for (int j = 1; j <= nparm; ++j)
-            hess2(i, j) /=
-                units[static_cast<std::size_t>(i - 1)].factor * units[static_cast<std::size_t>(j - 1)].factor;
+        for (int j = 1; j <= nparm; ++j) hess2(i, j) /= units[i - 1].factor * units[j - 1].factor;
 
     // rows: covariances, then the user's sums of them; columns: parameters
     allocate("alloc linfun", linfun, nall, nparm);
@@ -166,9 +162,9 @@ void approxai_covs() {
     const std::vector<double> cov_units = all_cov_units();
     // covariances into the units of the data too
     for (int c = 1; c <= estimates.ncov; ++c)
-        for (int k = 1; k <= nparm; ++k) linfun(c, k) *= cov_units[static_cast<std::size_t>(c - 1)];
+        for (int k = 1; k <= nparm; ++k) linfun(c, k) *= cov_units[c - 1];
     for (int i = 1; i <= usrdefcovs.ncovadd; ++i)
-        for (const auto& t : usrdefcovs.addcov[static_cast<std::size_t>(i - 1)])
+        for (const auto& t : usrdefcovs.addcov(i))
             for (int k = 1; k <= nparm; ++k) linfun(estimates.ncov + i, k) += t.factor * linfun(t.isig, k);
 
     // var(f) = J V J' (delta method)
@@ -193,25 +189,23 @@ void approxai_covs() {
 bool estimable(const cov_function& f) {
     // a function is estimable if it holds residual + 2 PEQ of each tied pair as a whole
     if (sampling.tied.empty()) return true;
-    std::vector<double> factor(static_cast<std::size_t>(estimates.ncov), 0.0);
+    std::vector<double> factor(estimates.ncov, 0.0);
     for (const auto& t : f) {
         if (t.number <= estimates.ncov) {
-            factor[static_cast<std::size_t>(t.number - 1)] += t.factor;
+            factor[t.number - 1] += t.factor;
             continue;
         }
         // a user's sum stands for its terms
-        for (const auto& u : usrdefcovs.addcov[static_cast<std::size_t>(t.number - estimates.ncov - 1)])
-            factor[static_cast<std::size_t>(u.isig - 1)] += t.factor * u.factor;
+        for (const auto& u : usrdefcovs.addcov(t.number - estimates.ncov)) factor[u.isig - 1] += t.factor * u.factor;
     }
     for (const auto& [residual, repeat] : sampling.tied)
-        if (factor[static_cast<std::size_t>(repeat - 1)] != 2.0 * factor[static_cast<std::size_t>(residual - 1)])
-            return false;
+        if (factor[repeat - 1] != 2.0 * factor[residual - 1]) return false;
     return true;
 }
 
 double function_value(const cov_function& f, const std::vector<double>& cov) {
     double s = 0.0;
-    for (const auto& t : f) s += t.factor * cov[static_cast<std::size_t>(t.number - 1)];
+    for (const auto& t : f) s += t.factor * cov[t.number - 1];
     return s;
 }
 

@@ -33,8 +33,7 @@ bool positive_definite(int irand) {
                            [](double v) { return v > 0.0; });
     for (int step = 1; step <= steps; ++step) {
         const int length = n * (n + 1) / 2;
-        const array<double, 2> a =
-            unpack(model.cov.column(irand).subspan(static_cast<std::size_t>((step - 1) * length)), n);
+        const array<double, 2> a = unpack(model.cov.column(irand).subspan((step - 1) * length), n);
         array<double, 2> vectors;
         array<double> eig;
         // the user's units may be of any size

@@ -111,7 +111,7 @@ evaluated evaluate(const report_matrix& m, const std::vector<double>& cov) {
         }
     if (m.ratios)
         for (int i = 1; i <= m.n; ++i) {
-            const double total = function_value(m.total[static_cast<std::size_t>(i - 1)], cov);
+            const double total = function_value(m.total[i - 1], cov);
             e.hh(i, i) = total > 0.0 ? e.zig(i, i) / total : 0.0;
         }
     return e;
@@ -145,7 +145,7 @@ double correlation_error(const report_matrix& m, const evaluated& e, int i, int 
 }
 
 double ratio_error(const report_matrix& m, const std::vector<double>& cov, int i) {
-    const auto &a = m.element[packed(i, i, m.n)], &b = m.total[static_cast<std::size_t>(i - 1)];
+    const auto &a = m.element[packed(i, i, m.n)], &b = m.total[i - 1];
     return error_of_ratio(function_value(a, cov), function_value(b, cov), function_covariance(a, a),
                           function_covariance(b, b), function_covariance(a, b));
 }
@@ -188,7 +188,7 @@ std::vector<double> all_covariances() {
     }
     for (const auto& sum : usrdefcovs.addcov) {
         double x = 0.0;
-        for (const auto& t : sum) x += t.factor * all[static_cast<std::size_t>(t.isig - 1)];
+        for (const auto& t : sum) x += t.factor * all[t.isig - 1];
         all.push_back(x);
     }
     return all;
@@ -237,10 +237,10 @@ report_matrix tied_sum_matrix(int irand) {
     for (int before = 1; before < irand; ++before)
         if (tied(before)) number += triangle(static_cast<int>(traits_of(before).size()));
     for (int i = 1; i <= m.n; ++i) {
-        const int iq = traits[static_cast<std::size_t>(i - 1)];
+        const int iq = traits[i - 1];
         m.total.push_back(phenotypic_covariance(iq, iq));
         for (int j = i; j <= m.n; ++j) {
-            m.element.push_back(tied_covariance(irand, iq, traits[static_cast<std::size_t>(j - 1)], 1.0));
+            m.element.push_back(tied_covariance(irand, iq, traits[j - 1], 1.0));
             m.ipar.push_back(++number);
             m.name.push_back(total_name(i, j));
         }

@@ -19,15 +19,15 @@
 #include "relations/inbreeding.h"
 #include "support/edit_form.h"
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <span>
 #include <string>
 
 namespace tarvex {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 bool with_errors() { return solutions.nsolerrs != 0; }
 
@@ -46,7 +46,7 @@ void show_loadings(int irand, const array<double, 2>& q, std::span<const int> or
     constexpr edit_form row{"(i4,(t7, 6g13.5))"};
     const int n = model.kkfit(irand), rank = model.krfit(irand);
     std::string pivots;
-    for (int r = 0; r < rank; ++r) pivots += " " + std::to_string(order[at(r)]);
+    for (int r = 0; r < rank; ++r) pivots += " " + std::to_string(order[r]);
     print_list(screen(), "Loadings of the components of \"" + model.krandom(irand) + "\", order of pivots :" + pivots);
     for (int i = 1; i <= n; ++i) {
         std::vector<double> loadings;
@@ -75,12 +75,12 @@ level_values breeding_values(int irand, int level) {
     const int first = mmequations.rn_start(irand) + (level - 1) * rank;
     const auto& q = randomvars.zig;
     level_values values;
-    values.u.assign(at(n), 0.0);
+    values.u.assign(n, 0.0);
     for (int i = 1; i <= n; ++i)
         for (int c = 1; c <= rank; ++c)
-            values.u[at(i - 1)] += q(i, c, irand) * solutions.solsave(first + c) * row_unit(irand, i);
+            values.u(i) += q(i, c, irand) * solutions.solsave(first + c) * row_unit(irand, i);
     if (!with_errors()) return values;
-    values.pev.assign(at(n), 0.0);
+    values.pev.assign(n, 0.0);
     for (int c = 1; c <= rank; ++c)
         for (int d = 1; d <= c; ++d) {
             bool used = false; // a diagonal matrix needs no elements between components
@@ -90,7 +90,7 @@ level_values breeding_values(int irand, int level) {
             const double x = (c == d ? 1.0 : 2.0) * inverse_element(first + c, first + d);
             for (int i = 1; i <= n; ++i) {
                 const double unit = row_unit(irand, i);
-                values.pev[at(i - 1)] += q(i, c, irand) * q(i, d, irand) * x * unit * unit;
+                values.pev(i) += q(i, c, irand) * q(i, d, irand) * x * unit * unit;
             }
         }
     return values;
@@ -114,7 +114,7 @@ vector1<double> variance_factors(int irand) {
     const int irun = mudmap.iranno(irand);
     // variance of animal l is (1 + F) times that of the base
     const std::vector<double> f = inbreeding(pedigreelist.sire(irun), pedigreelist.dam(irun));
-    for (std::size_t l = 0; l < factors.size() && l < f.size(); ++l) factors[l] += f[l];
+    for (int l = 1; l <= std::min(factors.size(), std::ssize(f)); ++l) factors(l) += f[l - 1];
     return factors;
 }
 
@@ -139,13 +139,13 @@ void write_ebvs(int irand) {
     for (int l = 1; l <= levels.rn_nlev(irand); ++l) {
         const level_values values = breeding_values(irand, l);
         for (int i = 1; i <= model.kkfit(irand); ++i) {
-            const std::int64_t code = levels.rn_codes(irand)[at(l - 1)];
-            const double u = values.u[at(i - 1)];
+            const std::int64_t code = levels.rn_codes(irand)(l);
+            const double u = values.u(i);
             if (!with_errors()) {
                 write(out, plain, l, code, i, u);
                 continue;
             }
-            const double v = values.pev[at(i - 1)];
+            const double v = values.pev(i);
             write(out, errors, l, code, i, u, v > 0.0 ? std::sqrt(v) : v,
                   accuracy(v, fitted_variance(irand, i) * factors(l)));
         }

@@ -1,14 +1,14 @@
 // Breeding values from the scores of blocks that are fitted on the factor scale: u = Q u*, Q the (pivoted, at reduced
 // rank cut) factor of the covariance matrix.
 #pragma once
-#include <vector>
+#include "support/vector1.h"
 
 namespace tarvex {
 
 // A level of a block in the units of the data: values by row of the covariance matrix and, in runs with errors, their
 // prediction error variances.
 struct level_values {
-    std::vector<double> u, pev;
+    vector1<double> u, pev;
 };
 level_values breeding_values(int irand, int level);
 // Variance of row r of the covariance matrix as fitted: of QQ'.

@@ -121,8 +121,7 @@ void rank_of(const matrix& info, const column& size) {
         std::vector<flat_item> items;
         const double most = d.cwiseAbs().maxCoeff();
         for (Eigen::Index l = 0; l < d.size(); ++l)
-            if (std::fabs(d(l)) > named_share * most)
-                items.push_back({f.names[static_cast<std::size_t>(use[static_cast<std::size_t>(l)])], d(l) / most});
+            if (std::fabs(d(l)) > named_share * most) items.push_back({f.names[use[l]], d(l) / most});
         f.flat.push_back(items);
     }
 }
@@ -130,8 +129,8 @@ void rank_of(const matrix& info, const column& size) {
 // Name and size of each coordinate: covariances by the root of the product of their variances.
 void name_coordinates(const std::vector<double>& cov, column& size) {
     auto& names = final_point.names;
-    names.resize(static_cast<std::size_t>(estimates.nparm));
-    for (int i = 1; i <= estimates.nparm; ++i) names[static_cast<std::size_t>(i - 1)] = estimates.parnames(i);
+    names.resize(estimates.nparm);
+    for (int i = 1; i <= estimates.nparm; ++i) names[i - 1] = estimates.parnames(i);
     size = column::Ones(estimates.nparm);
     for (int irand = 0; irand <= numbers.krand; ++irand)
         for (int step = 1; step <= steps_of(irand); ++step) {
@@ -140,7 +139,7 @@ void name_coordinates(const std::vector<double>& cov, column& size) {
             int k = block_start(irand, step) - 1, number = start;
             for (int i = 1; i <= n; ++i)
                 for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j, ++k, ++number) {
-                    names[static_cast<std::size_t>(k)] = estimates.covnames(number);
+                    names[k] = estimates.covnames(number);
                     size(k) = std::sqrt(std::fabs(phenotypic(irand, i, cov) * phenotypic(irand, j, cov)));
                 }
         }
@@ -149,7 +148,7 @@ void name_coordinates(const std::vector<double>& cov, column& size) {
 // Units of the quantities that derivatives are taken with respect to: covariances, or elements of factors.
 std::vector<double> derivative_units() {
     if (!options.principal) return covariance_units();
-    std::vector<double> units(static_cast<std::size_t>(estimates.nparm), 1.0);
+    std::vector<double> units(estimates.nparm, 1.0);
     for (int irand = 0; irand <= numbers.krand; ++irand) {
         if (estimates.nnparm(irand) == 0) continue;
         auto at = static_cast<std::size_t>(block_start(irand) - 1);
@@ -182,7 +181,7 @@ void look_at_final_point() {
     matrix info(n, n);
     double norm = 0.0;
     const std::vector<double> units = derivative_units();
-    const auto unit = [&](int i) { return units[static_cast<std::size_t>(i - 1)]; };
+    const auto unit = [&](int i) { return units[i - 1]; };
     for (int i = 1; i <= n; ++i) {
         // by covariances (or elements of factors) in the units of the data; the norm is that of the search
         g(i - 1) = derivs.devl1(i) / unit(i);

@@ -14,15 +14,14 @@ namespace tarvex {
 
 namespace {
 
-void add(level_counts& c, std::ptrdiff_t at, double y) {
-    const auto k = static_cast<std::size_t>(at);
-    // -1 too: a code that the scan has not met
-    if (k >= c.nnvec.size()) return;
-    ++c.nnvec[k];
-    c.fbar[k] += y;
+// Levels that the lists do not have are passed over.
+void add(level_counts& c, std::ptrdiff_t level, double y) {
+    if (level < 1 || level > c.nnvec.size()) return;
+    ++c.nnvec(level);
+    c.fbar(level) += y;
 }
 
-void size(level_counts& c, std::size_t n) {
+void size(level_counts& c, std::ptrdiff_t n) {
     c.nnvec.assign(n, 0);
     c.fbar.assign(n, 0.0);
 }
@@ -45,22 +44,22 @@ void count_curve(solution_counts& counts, const array<double>& dvec, int i, int 
     const int level = nest == 0 ? 1 : nest > 0 ? fixed_level(dvec, nest, iq) : extra_level(dvec, -nest, iq);
     if (level < 1) return;
     // values of a curve together, curve after curve
-    add(counts.curve(i, iq), (level - 1) * static_cast<std::ptrdiff_t>(values.size()) + (at - values.begin()), y);
+    add(counts.curve(i, iq), (level - 1) * static_cast<std::ptrdiff_t>(values.size()) + (at - values.begin()) + 1, y);
 }
 
 void count_record(solution_counts& counts, const array<double>& dvec, int iq) {
     const double y = dvec(mudmap.tr_dcolno(iq));
     if (is_missing(iq, y)) return;
-    for (int i = 1; i <= model.nfix(iq); ++i) add(counts.fixed(i, iq), fixed_level(dvec, i, iq) - 1, y);
-    for (int i = 1; i <= model.nextra(iq); ++i) add(counts.extra(i, iq), extra_level(dvec, i, iq) - 1, y);
+    for (int i = 1; i <= model.nfix(iq); ++i) add(counts.fixed(i, iq), fixed_level(dvec, i, iq), y);
+    for (int i = 1; i <= model.nextra(iq); ++i) add(counts.extra(i, iq), extra_level(dvec, i, iq), y);
     for (int i = 1; i <= model.ncov(iq); ++i) count_curve(counts, dvec, i, iq, y);
 }
 
 // sums become means
 void to_means(array<level_counts, 2>& all) {
     for (auto& c : all)
-        for (std::size_t k = 0; k < c.nnvec.size(); ++k)
-            if (c.nnvec[k] > 0) c.fbar[k] /= c.nnvec[k];
+        for (int l = 1; l <= c.nnvec.size(); ++l)
+            if (c.nnvec(l) > 0) c.fbar(l) /= c.nnvec(l);
 }
 
 } // namespace
@@ -75,10 +74,10 @@ void count_levels(solution_counts& counts) {
         for (int i = 1; i <= model.nextra(iq); ++i) size(counts.extra(i, iq), levels.ex_codes(i, iq).size());
         for (int i = 1; i <= model.ncov(iq); ++i) {
             const int nest = mudmap.cv_nestfix(i, iq);
-            const std::size_t curves = nest == 0  ? 1
-                                       : nest > 0 ? levels.fx_codes(nest, iq).size()
-                                                  : levels.ex_codes(-nest, iq).size();
-            size(counts.curve(i, iq), curves * covmeans.cv_values(i, iq).size());
+            const std::ptrdiff_t curves = nest == 0  ? 1
+                                          : nest > 0 ? levels.fx_codes(nest, iq).size()
+                                                     : levels.ex_codes(-nest, iq).size();
+            size(counts.curve(i, iq), curves * static_cast<std::ptrdiff_t>(covmeans.cv_values(i, iq).size()));
         }
     }
     data_reader reader;

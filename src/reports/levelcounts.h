@@ -1,14 +1,13 @@
 // Records and raw means by level of fixed and extra effects and by value of covariables, from one pass over the data.
 #pragma once
 #include "support/array.h"
-
-#include <vector>
+#include "support/vector1.h"
 
 namespace tarvex {
 
 struct level_counts {
-    std::vector<int> nnvec;   // records
-    std::vector<double> fbar; // mean of the observations
+    vector1<int> nnvec;   // records
+    vector1<double> fbar; // mean of the observations
 };
 
 struct solution_counts {

@@ -33,8 +33,8 @@ void pairs_table(text_out& out) {
     if (mudmap.subject == subject_rule::columns)
         write(out, "(1x,a,2(1x,1h\",a,1h\"))", "Residuals are correlated within equal values of", model.subject);
     write(out, "(/1x,a)", "Numbers of records for pairs of traits ");
-    std::vector<int> row(static_cast<std::size_t>(nq));
-    for (int iq = 1; iq <= nq; ++iq) row[static_cast<std::size_t>(iq - 1)] = iq;
+    std::vector<int> row(nq);
+    for (int iq = 1; iq <= nq; ++iq) row[iq - 1] = iq;
     write(out, "(4x,(t20,10i7))", row);
     for (int iq = 1; iq <= nq; ++iq) {
         row.clear();

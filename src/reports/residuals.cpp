@@ -25,13 +25,13 @@ void write_residuals() {
     const subject_record& record = subjects.record();
     while (subjects.next()) {
         const subject_design& d = subjects.design();
-        yy.assign(static_cast<std::size_t>(d.nobs), 0.0);
+        yy.assign(d.nobs, 0.0);
         for (int i = 0; i < d.nobs; ++i) {
             const auto row = static_cast<std::size_t>(i);
             double fit = 0.0;
             for (auto k = static_cast<std::size_t>(d.first[row]); k < static_cast<std::size_t>(d.first[row + 1]); ++k)
                 // solutions of the best point, by old numbers
-                fit += d.weight[k] * solutions.solsave(orders.ieqold(d.eq[static_cast<std::size_t>(d.local[k])]));
+                fit += d.weight[k] * solutions.solsave(orders.ieqold(d.eq[d.local[k]]));
             yy[row] = record.yvec(i + 1) - fit;
             const double unit = trait_unit(record.ynq(i + 1));
             yy[row] *= unit;
@@ -42,7 +42,7 @@ void write_residuals() {
             for (int j = 0; j < d.nobs; ++j) {
                 const int iq = record.ynq(i + 1), jq = record.ynq(j + 1);
                 if (i != j && iq == jq) continue; // no products between repeated records of a trait
-                ssres(iq, jq) += yy[static_cast<std::size_t>(i)] * yy[static_cast<std::size_t>(j)];
+                ssres(iq, jq) += yy[i] * yy[j];
             }
     }
     if (!options.details) return;

@@ -144,7 +144,7 @@ void add_matrix(json& list, const report_matrix& m, const matrix_label& label, c
                 if (va > 0.0 && vb > 0.0) ratio = x / std::sqrt(va * vb);
                 if (sampling.available) se = error_or_null(correlation_se(f, a, b, cov));
             } else if (m.ratios) {
-                const cov_function& total = m.total[static_cast<std::size_t>(i - 1)];
+                const cov_function& total = m.total[i - 1];
                 const double t = function_value(total, cov);
                 if (t > 0.0) ratio = x / t;
                 if (sampling.available)
@@ -364,21 +364,19 @@ nlohmann::ordered_json user_function_list() {
     const std::vector<double> cov = all_covariances();
     for (int i = 1; i <= usrdefcovs.ncovadd; ++i) {
         cov_function f;
-        for (const auto& t : usrdefcovs.addcov[static_cast<std::size_t>(i - 1)]) f.push_back({t.isig, t.factor});
+        for (const auto& t : usrdefcovs.addcov(i)) f.push_back({t.isig, t.factor});
         list.push_back({{"kind", "sum"},
                         {"number", estimates.ncov + i},
-                        {"name", usrdefcovs.addcovname[static_cast<std::size_t>(i - 1)]},
+                        {"name", usrdefcovs.addcovname(i)},
                         {"estimate", function_value(f, cov)},
                         {"se", sampling.available ? error_or_null(error_of_sum(f)) : json()}});
     }
     for (int i = 1; i <= usrdefcovs.naddgps; ++i) {
-        const auto& gp = usrdefcovs.igpadd[static_cast<std::size_t>(i - 1)];
+        const auto& gp = usrdefcovs.igpadd(i);
         const bool ratio = gp[0] == 1;
         const cov_function c{{gp[1], 1.0}}, a{{gp[2], 1.0}}, b{{ratio ? gp[2] : gp[3], 1.0}};
         const double vc = function_value(c, cov), va = function_value(a, cov), vb = function_value(b, cov);
-        json e = {{"kind", ratio ? "ratio" : "correlation"},
-                  {"number", i},
-                  {"name", usrdefcovs.addgpname[static_cast<std::size_t>(i - 1)]}};
+        json e = {{"kind", ratio ? "ratio" : "correlation"}, {"number", i}, {"name", usrdefcovs.addgpname(i)}};
         const bool valid = va > 0.0 && vb > 0.0;
         e["estimate"] = !valid ? json() : json(ratio ? vc / va : vc / std::sqrt(va * vb));
         const auto v = function_covariance;

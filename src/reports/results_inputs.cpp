@@ -22,12 +22,6 @@ namespace tarvex {
 
 namespace {
 
-struct input_file {
-    std::string role, name, sum;
-    long long bytes = 0;
-};
-std::vector<input_file> inputs;
-
 // False: no such file.
 bool sum_file(input_file& f) {
     std::ifstream in(f.name, std::ios::binary);
@@ -56,13 +50,13 @@ bool sum_file(input_file& f) {
 void note(const std::string& role, const std::string& name) {
     if (name.empty()) return;
     input_file f{role, name, {}, 0};
-    if (sum_file(f)) inputs.push_back(f);
+    if (sum_file(f)) noted_inputs.files.push_back(f);
 }
 
 } // namespace
 
 void note_inputs() {
-    inputs.clear();
+    noted_inputs = {};
     if (!options.json) return;
     // results of an earlier run must not stand beside a run that fails
     std::error_code ignored;
@@ -83,7 +77,7 @@ void note_inputs() {
 
 nlohmann::ordered_json input_sums() {
     auto list = nlohmann::ordered_json::array();
-    for (const auto& f : inputs)
+    for (const auto& f : noted_inputs.files)
         list.push_back({{"role", f.role}, {"name", f.name}, {"bytes", f.bytes}, {"xxh3_128", f.sum}});
     return list;
 }

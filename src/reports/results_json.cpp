@@ -103,7 +103,7 @@ json parameter_list() {
     auto list = json::array();
     const std::vector<parameter_unit> units = parameter_units();
     for (int i = 1; i <= estimates.nparm; ++i) {
-        const parameter_unit& u = units[static_cast<std::size_t>(i - 1)];
+        const parameter_unit& u = units[i - 1];
         json p = {{"number", i}, {"name", estimates.parnames(i)}, {"value", bestpoint.parbest(i) * u.factor + u.shift}};
         // a negative variance: the approximation failed
         const bool has = sampling.available && sampling.varpar(i) >= 0.0;

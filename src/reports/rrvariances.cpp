@@ -82,7 +82,7 @@ int value_width(int irrc) {
 // Running number and value of a level.
 std::string level_item(int irrc, int a) {
     constexpr edit_form number{"(i5)"};
-    const std::string value = std::to_string(control_codes(irrc)[static_cast<std::size_t>(a - 1)]);
+    const std::string value = std::to_string(control_codes(irrc)(a));
     return without_end(edit(number, a)) + std::string(static_cast<std::size_t>(value_width(irrc)) - value.size(), ' ') +
            value;
 }

@@ -70,7 +70,7 @@ void write_headlines(text_out& out) {
 
 // Parameter at the best point in the units of the data.
 double reported(int ipar, const std::vector<parameter_unit>& units) {
-    const parameter_unit& u = units[static_cast<std::size_t>(ipar - 1)];
+    const parameter_unit& u = units[ipar - 1];
     return bestpoint.parbest(ipar) * u.factor + u.shift;
 }
 
@@ -150,8 +150,7 @@ void write_residual_steps(text_out& out, const std::vector<double>& cov) {
         const report_matrix m = block_matrix(0, step);
         constexpr edit_form row{"(i4,(t7, 6g13.5))"};
         for (int i = 1, k = 0; i <= m.n; ++i)
-            for (int j = i; j <= m.n; ++j, ++k)
-                write(out, row, i, function_value(m.element[static_cast<std::size_t>(k)], cov));
+            for (int j = i; j <= m.n; ++j, ++k) write(out, row, i, function_value(m.element[k], cov));
     }
     if (!sampling.available) return;
     write(out, head, "Covariance components with approximate sampling errors");
@@ -202,8 +201,7 @@ void write_random_block(text_out& out, int irand, const std::vector<double>& cov
 cov_function component(int number) {
     if (number <= estimates.ncov) return {{number, 1.0}};
     cov_function f;
-    for (const auto& t : usrdefcovs.addcov[static_cast<std::size_t>(number - estimates.ncov - 1)])
-        f.push_back({t.isig, t.factor});
+    for (const auto& t : usrdefcovs.addcov(number - estimates.ncov)) f.push_back({t.isig, t.factor});
     return f;
 }
 
@@ -212,7 +210,7 @@ bool write_sum(text_out& out, int i, const std::vector<double>& cov) {
     constexpr edit_form with_error{"(i4,2x,a,2g15.6)"}, plain{"(i4,2x,a,g15.6)"};
     const int ipar = estimates.ncov + i;
     const cov_function f = component(ipar);
-    const std::string& name = usrdefcovs.addcovname[static_cast<std::size_t>(i - 1)];
+    const std::string& name = usrdefcovs.addcovname(i);
     if (!sampling.available) {
         write(out, plain, ipar, name, function_value(f, cov));
         return true;
@@ -224,8 +222,8 @@ bool write_sum(text_out& out, int i, const std::vector<double>& cov) {
 
 bool write_ratio(text_out& out, int i, const std::vector<double>& cov) {
     constexpr edit_form with_error{"(i4,2x,a,2g15.6,3x,a)"}, plain{"(i4,2x,a,g15.6,3x,a)"};
-    const auto& gp = usrdefcovs.igpadd[static_cast<std::size_t>(i - 1)];
-    const std::string& name = usrdefcovs.addgpname[static_cast<std::size_t>(i - 1)];
+    const auto& gp = usrdefcovs.igpadd(i);
+    const std::string& name = usrdefcovs.addgpname(i);
     const bool ratio = gp[0] == 1;
     const cov_function c = component(gp[1]), a = component(gp[2]), b = ratio ? a : component(gp[3]);
     const double vc = function_value(c, cov), va = function_value(a, cov), vb = function_value(b, cov);

@@ -104,21 +104,20 @@ void write_curve(int icov, int iq, const level_counts& counts, std::set<std::str
     const bool whole =
         std::all_of(values.begin(), values.end(), [](double v) { return v == std::floor(v) && std::fabs(v) < 1e9; });
     const int order = mudmap.cv_order(icov, iq), curves = codes ? static_cast<int>(codes->size()) : 1;
-    std::vector<double> row(static_cast<std::size_t>(order));
+    std::vector<double> row(order);
     for (int icurve = 1; icurve <= curves; ++icurve) {
-        if (codes)
-            write(out, head, "Nested curve no. =", icurve, "  Code", (*codes)[static_cast<std::size_t>(icurve - 1)]);
+        if (codes) write(out, head, "Nested curve no. =", icurve, "  Code", (*codes)(icurve));
         for (std::size_t v = 0; v < values.size(); ++v) {
-            const std::size_t at = static_cast<std::size_t>(icurve - 1) * values.size() + v;
+            const auto at = static_cast<std::ptrdiff_t>((icurve - 1) * values.size() + v + 1);
             // no record at this value in this curve
-            if (counts.nnvec[at] == 0) continue;
+            if (counts.nnvec(at) == 0) continue;
             covariable_row(icov, iq, values[v], row);
             double xx = 0.0;
             for (int j = 1; j <= order; ++j)
-                xx += row[static_cast<std::size_t>(j - 1)] *
-                      solutions.solsave(mmequations.cv_start(icov, iq) + (icurve - 1) * order + j) * trait_unit(iq);
+                xx += row[j - 1] * solutions.solsave(mmequations.cv_start(icov, iq) + (icurve - 1) * order + j) *
+                      trait_unit(iq);
             write(out, line, whole ? static_cast<long long>(values[v]) : static_cast<long long>(v + 1), xx,
-                  counts.nnvec[at], counts.fbar[at]);
+                  counts.nnvec(at), counts.fbar(at));
         }
     }
 }
@@ -151,7 +150,7 @@ void level_line(text_out& out, int ifix, const std::string& name, std::int64_t c
         write(out, plain, ifix, name, code, level, solution, svec, n, mean);
 }
 
-void subclass_lines(text_out& out, const std::vector<int>& nnvec) {
+void subclass_lines(text_out& out, const vector1<int>& nnvec) {
     constexpr edit_form line{"(5x,a,i8)"};
     const auto n1 = std::count(nnvec.begin(), nnvec.end(), 1), n2 = std::count(nnvec.begin(), nnvec.end(), 2);
     if (n1 > 0) write(out, line, "No. of subclasses with only 1 record  =", n1);
@@ -178,11 +177,9 @@ void write_fixed(text_out& out, const solution_counts& counts) {
             double mean = 0.0;
             // "SolSum=0": solutions less their mean, equations taken out included as 0
             for (int i = 1; i <= n; ++i) mean += solutions.solsave(start + i) / n;
-            for (int i = 1; i <= n; ++i) {
-                const auto k = static_cast<std::size_t>(i - 1);
-                level_line(out, ifix, model.fixed(ifix, iq), codes[k], i, start + i, trait_unit(iq),
-                           (solutions.solsave(start + i) - mean) * trait_unit(iq), c.nnvec[k], c.fbar[k]);
-            }
+            for (int i = 1; i <= n; ++i)
+                level_line(out, ifix, model.fixed(ifix, iq), codes(i), i, start + i, trait_unit(iq),
+                           (solutions.solsave(start + i) - mean) * trait_unit(iq), c.nnvec(i), c.fbar(i));
             subclass_lines(out, c.nnvec);
         }
     }
@@ -196,9 +193,9 @@ void write_extra(text_out& out, const solution_counts& counts) {
         write(out, head, "Effect", "Orig.code", "Level", "No.recs", "Eff.Mean");
         for (int ifix = 1; ifix <= model.nextra(iq); ++ifix) {
             const auto& codes = levels.ex_codes(ifix, iq);
-            for (std::size_t k = 0; k < codes.size(); ++k)
-                write(out, line, ifix, model.extra(ifix, iq), codes[k], k + 1, counts.extra(ifix, iq).nnvec[k],
-                      counts.extra(ifix, iq).fbar[k]);
+            const auto& c = counts.extra(ifix, iq);
+            for (int l = 1; l <= codes.size(); ++l)
+                write(out, line, ifix, model.extra(ifix, iq), codes(l), l, c.nnvec(l), c.fbar(l));
         }
     }
 }
@@ -217,10 +214,8 @@ std::vector<random_value> level_solutions(int irand, int level) {
     // full rank by components: effects are made from them
     if (options.principal && !reduced_rank(irand)) {
         const level_values values = breeding_values(irand, level);
-        for (int r = 1; r <= n; ++r) {
-            const auto k = static_cast<std::size_t>(r - 1);
-            all.push_back({values.u[k], with_errors() ? values.pev[k] : 0.0, fitted_variance(irand, r)});
-        }
+        for (int r = 1; r <= n; ++r)
+            all.push_back({values.u(r), with_errors() ? values.pev(r) : 0.0, fitted_variance(irand, r)});
         return all;
     }
     for (int r = 1; r <= n; ++r) {
@@ -244,7 +239,7 @@ int write_random(text_out& out, int irand) {
     const vector1<double> factors = variance_factors(irand);
     int negative = 0;
     for (int i = 1; i <= levels.rn_nlev(irand); ++i) {
-        const std::int64_t icode = levels.rn_codes(irand)[static_cast<std::size_t>(i - 1)];
+        const std::int64_t icode = levels.rn_codes(irand)(i);
         int r = 0;
         for (const random_value& x : level_solutions(irand, i)) {
             // the code of a level stands in its first line only

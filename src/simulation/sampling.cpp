@@ -56,12 +56,12 @@ struct block_draws {
     }
     void draw(std::span<double> w) const {
         if (!cut) return mvnormal_draw(static_cast<int>(w.size()), q, w);
-        std::vector<double> z(static_cast<std::size_t>(q.upper(2)));
+        std::vector<double> z(q.upper(2));
         for (double& x : z) x = static_cast<double>(snorm());
         for (int i = 1; i <= q.upper(1); ++i) {
             double s = 0.0;
-            for (int c = 1; c <= q.upper(2); ++c) s += q(i, c) * z[static_cast<std::size_t>(c - 1)];
-            w[static_cast<std::size_t>(i - 1)] = s;
+            for (int c = 1; c <= q.upper(2); ++c) s += q(i, c) * z[c - 1];
+            w[i - 1] = s;
         }
     }
 };
@@ -99,9 +99,9 @@ void follow_inverse(int irand, std::vector<double>& w) {
     const int nlev = levels.rn_nlev(irand);
     const auto width = static_cast<std::size_t>(model.kkfit(irand));
     normal_equations a(nlev);
-    for (const inverse_element& e : gin_store.elements[static_cast<std::size_t>(irand - 1)])
+    for (const inverse_element& e : gin_store.elements(irand))
         if (e.row == e.col)
-            a.diag[static_cast<std::size_t>(e.row - 1)] += e.value;
+            a.diag[e.row - 1] += e.value;
         else
             a.add(e.row - 1, e.col - 1, e.value);
     a.finish();
@@ -109,13 +109,13 @@ void follow_inverse(int irand, std::vector<double>& w) {
     for (int j = 1; j <= factor.n; ++j) {
         const auto k = static_cast<std::size_t>(j);
         // relative: the units of an inverse are the user's
-        if (factor.pivot[k] > 1.0e-10 * a.diag[static_cast<std::size_t>(factor.eq[k])]) continue;
+        if (factor.pivot[k] > 1.0e-10 * a.diag[factor.eq[k]]) continue;
         print_list(screen(),
                    "***** ERROR : Inverse of effect \"" + model.krandom(irand) + "\" is not positive definite - level",
                    factor.eq[k] + 1);
         cannot_simulate(irand);
     }
-    std::vector<double> x(static_cast<std::size_t>(nlev));
+    std::vector<double> x(nlev);
     for (std::size_t k = 0; k < width; ++k) {
         for (std::size_t l = 0; l < x.size(); ++l) x[l] = w[l * width + k];
         sample_inverse(factor, x);
@@ -137,8 +137,7 @@ void sample_block(int irand, std::vector<double>& u, std::vector<double>& total)
         for (int i = 1; i <= n; ++i)
             for (int j = i; j <= n; ++j)
                 // of the draws themselves: what covariances were simulated from
-                total[static_cast<std::size_t>(ihmssf(i, j, n) - 1)] +=
-                    w[static_cast<std::size_t>(i - 1)] * w[static_cast<std::size_t>(j - 1)];
+                total[ihmssf(i, j, n) - 1] += w[i - 1] * w[j - 1];
     }
     if (kov == covariance_kind::nrm) follow_pedigree(irand, u);
     if (kov == covariance_kind::gin) follow_inverse(irand, u);
@@ -147,7 +146,7 @@ void sample_block(int irand, std::vector<double>& u, std::vector<double>& total)
 // Nothing is left of row j but rounding: its column of the factor is zero.
 bool dependent_row(int n, int j, std::span<const double> sig, const array<double, 2>& chol) {
     constexpr double negligible = 1.0e-5;
-    const auto element = [&](int i, int k) { return sig[static_cast<std::size_t>(ihmssf(i, k, n) - 1)]; };
+    const auto element = [&](int i, int k) { return sig[ihmssf(i, k, n) - 1]; };
     // what is left of the elements below the pivot
     for (int i = j + 1; i <= n; ++i) {
         double s = element(j, i);
@@ -163,7 +162,7 @@ void mvnormal_initial(int n, std::span<const double> sig, array<double, 2>& chol
     allocate("all chol", chol, n, n);
     constexpr double vanishing = 1.0e-10; // of its diagonal element: the matrix is deficient there
     for (int j = 1; j <= n; ++j) {
-        const double diagonal = sig[static_cast<std::size_t>(ihmssf(j, j, n) - 1)];
+        const double diagonal = sig[ihmssf(j, j, n) - 1];
         double pivot = diagonal;
         for (int k = 1; k < j; ++k) pivot -= chol(j, k) * chol(j, k);
         // a variance that follows from the others: its column stays 0
@@ -174,15 +173,14 @@ void mvnormal_initial(int n, std::span<const double> sig, array<double, 2>& chol
             print_list(screen(), "      Pivot no.         =", j, pivot);
             for (int i = 1; i <= n; ++i) {
                 std::string row;
-                for (int k = 1; k <= n; ++k)
-                    row += (k > 1 ? " " : "") + list_item(sig[static_cast<std::size_t>(packed_place(i, k, n) - 1)]);
+                for (int k = 1; k <= n; ++k) row += (k > 1 ? " " : "") + list_item(sig[packed_place(i, k, n) - 1]);
                 screen().line(row);
             }
             stoptarvex();
         }
         chol(j, j) = std::sqrt(pivot);
         for (int i = j + 1; i <= n; ++i) {
-            double s = sig[static_cast<std::size_t>(ihmssf(j, i, n) - 1)];
+            double s = sig[ihmssf(j, i, n) - 1];
             for (int k = 1; k < j; ++k) s -= chol(i, k) * chol(j, k);
             chol(i, j) = s / chol(j, j);
         }
@@ -190,11 +188,11 @@ void mvnormal_initial(int n, std::span<const double> sig, array<double, 2>& chol
 }
 
 void mvnormal_draw(int n, const array<double, 2>& chol, std::span<double> x) {
-    for (int i = 1; i <= n; ++i) x[static_cast<std::size_t>(i - 1)] = static_cast<double>(snorm());
+    for (int i = 1; i <= n; ++i) x[i - 1] = static_cast<double>(snorm());
     for (int i = n; i >= 1; --i) { // from the last row, so that the draws can be replaced in place
         double s = 0.0;
-        for (int k = 1; k <= i; ++k) s += chol(i, k) * x[static_cast<std::size_t>(k - 1)];
-        x[static_cast<std::size_t>(i - 1)] = s;
+        for (int k = 1; k <= i; ++k) s += chol(i, k) * x[k - 1];
+        x[i - 1] = s;
     }
 }
 
@@ -204,11 +202,9 @@ void sample_randeffs(random_samples& u, std::vector<std::vector<double>>& simtot
     if (simtot.size() != krand) {
         simtot.resize(krand);
         for (int irand = 1; irand <= numbers.krand; ++irand)
-            simtot[static_cast<std::size_t>(irand - 1)].assign(
-                static_cast<std::size_t>(model.kkfit(irand) * (model.kkfit(irand) + 1) / 2), 0.0);
+            simtot[irand - 1].assign(static_cast<std::size_t>(model.kkfit(irand) * (model.kkfit(irand) + 1) / 2), 0.0);
     }
-    for (int irand = 1; irand <= numbers.krand; ++irand)
-        sample_block(irand, u[static_cast<std::size_t>(irand - 1)], simtot[static_cast<std::size_t>(irand - 1)]);
+    for (int irand = 1; irand <= numbers.krand; ++irand) sample_block(irand, u[irand - 1], simtot[irand - 1]);
 }
 
 } // namespace tarvex

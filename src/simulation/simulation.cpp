@@ -121,7 +121,7 @@ bool levels_fit(const line_levels& line) {
 bool next_line(record_reader& file, line_levels& line) {
     int n = 0;
     if (!file.next() || !file.get(line.first_of_subject) || !file.get(n) || n < 1 || n > numbers.nq) return false;
-    line.ynq.resize(static_cast<std::size_t>(n));
+    line.ynq.resize(n);
     line.iraand.resize(static_cast<std::size_t>(n) * maxrand);
     if (!file.get(std::span<int>(line.ynq)) || !file.get(std::span<int>(line.iraand))) return false;
     line.imeta.resize(options.randreg ? static_cast<std::size_t>(n) * static_cast<std::size_t>(model.nrrc) : 0);
@@ -130,10 +130,9 @@ bool next_line(record_reader& file, line_levels& line) {
 
 // The PEQ matrix, packed as the residual one; zero without such an effect.
 std::vector<double> repeat_covariances() {
-    std::vector<double> peq(static_cast<std::size_t>(numbers.nq * (numbers.nq + 1) / 2), 0.0);
+    std::vector<double> peq(numbers.nq * (numbers.nq + 1) / 2, 0.0);
     int k = 0;
-    for (const peq_place& p : peq_places())
-        peq[static_cast<std::size_t>(p.residual - 1)] = model.cov(++k, residualvars.ipeq);
+    for (const peq_place& p : peq_places()) peq[p.residual - 1] = model.cov(++k, residualvars.ipeq);
     return peq;
 }
 
@@ -147,7 +146,7 @@ struct subject_record {
 // Covariance of two records of a subject that are not one: those of a trait share the repeat effect alone.
 double subject_covariance(const subject_record& a, const subject_record& b, const std::vector<double>& peq) {
     const int k = packed_place(a.iq, b.iq, numbers.nq);
-    const double p = peq[static_cast<std::size_t>(k - 1)];
+    const double p = peq[k - 1];
     // one trait in one line is one record
     if (a.iq == b.iq) return a.line == b.line ? model.cov(k, 0) + p : p;
     // as the likelihood has it for records of two traits
@@ -197,7 +196,7 @@ double random_part(const line_levels& line, std::size_t obs, const random_sample
     for (int i = 1; i <= model.nrnd(iq); ++i) {
         const int irand = mudmap.rn_irand(i, iq), level = line.iraand[obs * maxrand + static_cast<std::size_t>(i - 1)];
         const int n = model.kkfit(irand), place = mudmap.rn_place(i, iq);
-        const double* ul = u[static_cast<std::size_t>(irand - 1)].data() + static_cast<std::ptrdiff_t>(level - 1) * n;
+        const double* ul = u[irand - 1].data() + static_cast<std::ptrdiff_t>(level - 1) * n;
         if (!options.randreg) {
             sum += ul[place - 1];
             continue;
@@ -227,7 +226,7 @@ double residual_rreg(const line_levels& line, std::size_t obs, const std::vector
         step = model.me_run(
             line.imeta[obs * static_cast<std::size_t>(model.nrrc) + static_cast<std::size_t>(control - 1)]);
     }
-    return z * sd[static_cast<std::size_t>(step - 1)];
+    return z * sd[step - 1];
 }
 
 // A number as input files have it: codes and whole numbers without a point.
@@ -286,7 +285,7 @@ std::vector<std::vector<double>> subject_residuals_muv(const subject_lines& s, r
         for (std::size_t i = 0; i < records.size(); ++i) {
             const auto& ynq = s.lines[records[i].line].ynq;
             const auto place = std::find(ynq.begin(), ynq.end(), records[i].iq) - ynq.begin();
-            e[records[i].line][static_cast<std::size_t>(place)] = x[i];
+            e[records[i].line][place] = x[i];
         }
     }
     return e;
@@ -301,7 +300,7 @@ void write_subject(simulated_lines& lines, text_out& out, const subject_lines& s
         // all traits in a line: those without a record keep their missing value
         std::vector<double> simval(mudmap.alltraits ? static_cast<std::size_t>(numbers.nq) : 1);
         if (mudmap.alltraits)
-            for (int iq = 1; iq <= numbers.nq; ++iq) simval[static_cast<std::size_t>(iq - 1)] = datafile.missvalue[iq];
+            for (int iq = 1; iq <= numbers.nq; ++iq) simval[iq - 1] = datafile.missvalue[iq];
         for (std::size_t obs = 0; obs < line.ynq.size(); ++obs) {
             const double residual = options.randreg ? residual_rreg(line, obs, sd) : e[l][obs];
             simval[mudmap.alltraits ? static_cast<std::size_t>(line.ynq[obs] - 1) : 0] =
@@ -366,8 +365,7 @@ void report_covariances(const std::vector<std::vector<double>>& simtot) {
             for (int j = i; j <= n; ++j) {
                 const int ij = ihmssf(i, j, n);
                 const double given = !model.diagonal(irand) ? model.cov(ij, irand) : i == j ? model.cov(i, irand) : 0.0;
-                write(screen(), line, i, j, given,
-                      simtot[static_cast<std::size_t>(irand - 1)][static_cast<std::size_t>(ij - 1)] / draws);
+                write(screen(), line, i, j, given, simtot[irand - 1][ij - 1] / draws);
             }
     }
 }

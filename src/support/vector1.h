@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdlib>
 #include <initializer_list>
-#include <span>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -16,6 +15,8 @@ template <class T> class vector1 {
 public:
     using index = std::ptrdiff_t;
     using value_type = T;
+    using iterator = typename std::vector<T>::iterator;
+    using const_iterator = typename std::vector<T>::const_iterator;
 
     vector1() = default;
     explicit vector1(index n, const T& value = T{}) : store_(length(n), value) {}
@@ -23,6 +24,8 @@ public:
 
     T& operator()(index i) { return store_[place(i)]; }
     const T& operator()(index i) const { return store_[place(i)]; }
+    T& front() { return (*this)(1); }
+    const T& front() const { return (*this)(1); }
     T& back() { return (*this)(size()); }
     const T& back() const { return (*this)(size()); }
 
@@ -33,6 +36,7 @@ public:
     void assign(index n, const T& value) { store_.assign(length(n), value); }
     template <class I> void assign(I first, I last) requires(!std::is_arithmetic_v<I>) { store_.assign(first, last); }
     void push_back(T value) { store_.push_back(std::move(value)); }
+    void erase(index i) { store_.erase(store_.begin() + static_cast<index>(place(i))); }
     void append(index n, const T& value) { store_.insert(store_.end(), length(n), value); }
 
     T* data() { return store_.data(); }
@@ -41,11 +45,6 @@ public:
     auto end() { return store_.end(); }
     auto begin() const { return store_.begin(); }
     auto end() const { return store_.end(); }
-    // `n` elements from element i on.
-    std::span<const T> part(index i, index n) const {
-        return std::span<const T>(store_).subspan(from(i, n), length(n));
-    }
-
     bool operator==(const vector1&) const = default;
 
 private:
@@ -53,14 +52,6 @@ private:
     std::size_t place(index i) const {
 #ifdef TVX_BOUNDS
         if (i < 1 || i > size()) std::abort();
-#endif
-        return static_cast<std::size_t>(i - 1);
-    }
-    std::size_t from(index i, index n) const {
-#ifdef TVX_BOUNDS
-        if (i < 1 || n < 0 || i - 1 + n > size()) std::abort();
-#else
-        (void)n;
 #endif
         return static_cast<std::size_t>(i - 1);
     }

@@ -55,6 +55,12 @@ TEST_F(new_analysis_test, functions_keep_nothing_of_an_analysis) {
     EXPECT_EQ(names_in_sources("static", kept, ".h"), std::vector<std::string>{});
 }
 
+TEST_F(new_analysis_test, no_variable_stands_outside_modules) {
+    const std::regex kept("^(?!using |namespace |enum |extern |(?:const|constexpr|inline) )[^ (/#}][^()=]* ([a-z0-9_]+)"
+                          "( = .*|\\{.*\\})?;$");
+    EXPECT_EQ(names_in_sources(";", kept, ".cpp"), std::vector<std::string>{"signal_seen"}); // by a handler
+}
+
 TEST_F(new_analysis_test, modules_and_kernels_start_anew) {
     set_up(one_trait_model());
     program_logl(estimates.parvec);

@@ -1,3 +1,4 @@
+#include "app/new_analysis.h"
 #include "app/runoptions.h"
 
 #include "control/filenames.h"
@@ -508,6 +509,10 @@ TEST_F(run_options_test, trace_of_the_file_breaks_the_line) {
 
 TEST_F(run_options_test, without_trace_nothing_is_written) {
     run({"-v", "--amd"});
+    write_trace();
+    EXPECT_FALSE(file_exists("fort.1"));
+    run({"-zq"});
+    new_analysis(); // another one
     write_trace();
     EXPECT_FALSE(file_exists("fort.1"));
 }

@@ -64,7 +64,7 @@ TEST_F(phimatrix_test, cubic_spline_of_six_functions_has_three_intervals) {
     prepare(par(" RAN animal(6,BSPC) IDE\n", hom, "VAR animal 6\n 9 0 0 0 0 0 9 0 0 0 0 9 0 0 0 9 0 0 9 0 9\n"), data);
     data_scan1st();
     ASSERT_EQ(splines.nspline, 1);
-    EXPECT_EQ(splines.bsp_nknots[0], 3);
+    EXPECT_EQ(splines.bsp_nknots(1), 3);
     EXPECT_EQ(phimat.phi(1).upper(2), 6);
     for (int a = 1; a <= 3; ++a) {
         double sum = 0;
@@ -142,8 +142,8 @@ TEST_F(phimatrix_test, letters_of_degree) {
                 data);
         data_scan1st();
         ASSERT_EQ(splines.nspline, 1) << b.basis;
-        EXPECT_EQ(splines.bsp_degree[0], b.degree) << b.basis;
-        EXPECT_EQ(splines.bsp_nknots[0], 4 - b.degree) << b.basis;
+        EXPECT_EQ(splines.bsp_degree(1), b.degree) << b.basis;
+        EXPECT_EQ(splines.bsp_nknots(1), 4 - b.degree) << b.basis;
         EXPECT_EQ(phimat.phi_name(1), "age_BSP4");
         double sum = 0.0;
         for (int k = 1; k <= 4; ++k) sum += phimat.phi(1)(3, k); // the highest value
@@ -249,7 +249,7 @@ TEST_F(phimatrix_test, splines_of_one_covariable_must_agree_over_traits) {
     prepare(with("BSPL"), records);
     data_scan1st();
     EXPECT_EQ(splines.nspline, 1);
-    EXPECT_EQ(splines.bsp_values[0], (std::vector<double>{2, 3, 7, 9}));
+    EXPECT_EQ(splines.bsp_values(1), (std::vector<double>{2, 3, 7, 9}));
 }
 
 } // namespace

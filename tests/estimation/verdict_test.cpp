@@ -10,8 +10,7 @@ namespace {
 class verdict_test : public tarvex_test {
 protected:
     // One block of two traits, residual variances of the order 10 beside it: scales 20 and 40.
-    static judged_point two_traits(std::vector<double> cov, std::vector<double> gradient,
-                                   std::vector<double> information) {
+    static judged_point two_traits(vector1<double> cov, vector1<double> gradient, vector1<double> information) {
         judged_point p;
         p.blocks = {{"animal", {"milk", "fat"}, 1, false, std::move(cov), {20.0, 40.0}, {}}};
         p.gradient = std::move(gradient);
@@ -155,11 +154,11 @@ struct beside_zero {
         p.blocks = {{"residual", {"x", "y", "z"}, 1, false, {a, c, 0.0, c * c / a + d * d / b, d, b}, {}, {}}};
         p.blocks[0].scale = {1.0, 1.0, 1.0};
         p.blocks[0].fixed = {0, 0, 1, 0, 0, 0};
-        p.gradient = gradient;
+        p.gradient.assign(gradient.begin(), gradient.end());
         p.information.assign(21, 0.0);
-        for (int i = 0, k = 0; i < 6; ++i)
+        for (int i = 0, k = 1; i < 6; ++i)
             for (int j = i; j < 6; ++j, ++k)
-                if (i == j) p.information[static_cast<std::size_t>(k)] = information;
+                if (i == j) p.information(k) = information;
         return p;
     }
 };
@@ -206,7 +205,7 @@ TEST_F(verdict_test, promise_ends_where_the_variance_vanishes) {
     ASSERT_EQ(v.lifts.size(), 1u); // the way to the border, to be tried in one step
     EXPECT_EQ(v.lifts[0][0].par, 1);
     EXPECT_NEAR(v.lifts[0][0].change, -0.02, 1.0e-4);
-    p.gradient[0] = -0.04;
+    p.gradient(1) = -0.04;
     v = judge(p);
     EXPECT_NEAR(v.promised, 0.0006, 1.0e-12);
     EXPECT_EQ(v.kind, search_end::border);

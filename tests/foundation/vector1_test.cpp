@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <numeric>
+#include <span>
 #include <string>
 
 using namespace tarvex;
@@ -15,6 +16,9 @@ TEST(vector1, counts_from_one) {
     EXPECT_EQ(v.back(), 9);
     v(2) = 80;
     EXPECT_EQ(v, (vector1<int>{7, 80, 9}));
+    v.erase(2);
+    EXPECT_EQ(v, (vector1<int>{7, 9}));
+    EXPECT_EQ(v.front(), 7);
 }
 
 TEST(vector1, grows_at_its_end) {
@@ -44,15 +48,15 @@ TEST(vector1, is_zero_by_size_and_keeps_what_it_has_on_resize) {
     EXPECT_EQ(v, (vector1<double>{4.0, 4.0}));
 }
 
-TEST(vector1, gives_parts_and_ranges) {
+TEST(vector1, is_a_range) {
     vector1<int> v(6);
     std::iota(v.begin(), v.end(), 1);
-    const auto p = v.part(2, 3);
-    EXPECT_EQ(std::vector<int>(p.begin(), p.end()), (std::vector<int>{2, 3, 4}));
-    EXPECT_TRUE(v.part(7, 0).empty());
     vector1<int> w;
-    w.assign(p.begin(), p.end());
+    w.assign(v.begin() + 1, v.begin() + 4);
     EXPECT_EQ(w, (vector1<int>{2, 3, 4}));
+    const std::span<const int> all(v);
+    EXPECT_EQ(all.size(), 6u);
+    EXPECT_EQ(all[3], 4);
     EXPECT_EQ(v.data() + 2, &v(3));
 }
 
@@ -61,8 +65,9 @@ TEST(vector1, stops_outside_its_bounds) {
     vector1<int> v(3);
     EXPECT_DEATH(v(0) = 1, "");
     EXPECT_DEATH(v(4) = 1, "");
-    EXPECT_DEATH((void)v.part(2, 3), "");
     vector1<int> none;
     EXPECT_DEATH((void)none.back(), "");
+    EXPECT_DEATH((void)none.front(), "");
+    EXPECT_DEATH(v.erase(4), "");
 }
 #endif

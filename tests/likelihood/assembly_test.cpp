@@ -40,7 +40,7 @@ int level_number(int irand, int code) {
 }
 
 std::size_t code_place(int irand, int level) { // in the relationship matrix by code
-    return static_cast<std::size_t>(levels.rn_codes(irand)[at(level - 1)] - 1);
+    return static_cast<std::size_t>(levels.rn_codes(irand)(level) - 1);
 }
 
 double stored(int old1, int old2) {

@@ -72,7 +72,7 @@ void expect_blup(const small_model& m, const array<double>& p) {
     const int n = m.nq;
     for (int l = 1; l <= levels.rn_nlev(1); ++l)
         for (int r = 1; r <= n; ++r) {
-            const auto code = static_cast<std::size_t>(levels.rn_codes(1)[at(l - 1)] - 1);
+            const auto code = static_cast<std::size_t>(levels.rn_codes(1)(l) - 1);
             EXPECT_NEAR(solutions.solsave(mmequations.rn_start(1) + (l - 1) * n + r), u[code][at(r - 1)], 1.0e-8);
         }
 }

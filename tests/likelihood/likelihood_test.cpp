@@ -63,7 +63,7 @@ TEST_F(likelihood_test, one_trait_animal_model_equals_dense_reml_and_blup) {
     const oracle::reml e = oracle::evaluate(a, oracle::variance(a, at));
     const oracle::dense u = oracle::blup(a, at, e, 0);
     for (int l = 1; l <= levels.rn_nlev(1); ++l) {
-        const auto code = static_cast<std::size_t>(levels.rn_codes(1)[static_cast<std::size_t>(l - 1)]);
+        const auto code = static_cast<std::size_t>(levels.rn_codes(1)(l));
         EXPECT_NEAR(solutions.solsave(mmequations.rn_start(1) + l), u[code - 1][0], 1.0e-8);
     }
     EXPECT_NEAR(solutions.solsave(1), e.beta[3], 1.0e-8); // the covariable's equation comes first
@@ -400,7 +400,7 @@ TEST_F(likelihood_test, missing_element_of_a_random_effect_asks_for_a_new_orderi
     const double want = dense_logl(m, estimates.parvec);
     EXPECT_NEAR(program_logl(estimates.parvec), want, 1.0e-7);
     int a = 0, b = 0;
-    for (int l = 1; l <= levels.rn_nlev(1) && levels.rn_codes(1)[static_cast<std::size_t>(l - 1)] < 5; ++l)
+    for (int l = 1; l <= levels.rn_nlev(1) && levels.rn_codes(1)(l) < 5; ++l)
         for (int k = l + 1; k <= levels.rn_nlev(1) && a == 0; ++k) {
             const int i = mmequations.rn_start(1) + 2 * l - 1, j = mmequations.rn_start(1) + 2 * k - 1;
             if (locate(orders.ieqnew(i), orders.ieqnew(j)) == 0) a = i, b = j;

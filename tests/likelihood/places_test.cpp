@@ -81,18 +81,18 @@ void expect_the_same_without_places(const small_model& m) {
 
     keep_at_most(0); // as many as the factor allows
     expect_same(evaluated(), kept);
-    EXPECT_TRUE(places.subjects.complete && places.blocks.at(0).complete);
+    EXPECT_TRUE(places.subjects.complete && places.blocks(1).complete);
 
     keep_at_most(1); // none
     const derived none = evaluated();
-    EXPECT_TRUE(places.subjects.dropped && places.blocks.at(0).dropped);
+    EXPECT_TRUE(places.subjects.dropped && places.blocks(1).dropped);
     EXPECT_EQ(pairs_held(), 0u);
     expect_same(none, kept);
     expect_truth(m, none);
 
     keep_at_most(of_subjects); // those of the subjects, and of no effect
     const derived some = evaluated();
-    EXPECT_TRUE(places.subjects.complete && places.blocks.at(0).dropped);
+    EXPECT_TRUE(places.subjects.complete && places.blocks(1).dropped);
     EXPECT_EQ(pairs_held(), of_subjects);
     expect_same(some, kept);
 }

@@ -137,13 +137,13 @@ TEST_F(parlines, names_keep_their_case_in_lists_of_levels) {
     std::string text = with(examples::repeatability, " parity 5", " Fixed 5");
     read(with(text, "FIX parity", "FIX Fixed") + "zer\n Fixed 5 and more\nend\npse 0.5\n cow 17\nEnd\n");
     EXPECT_EQ(model.fixed(2, 1), "Fixed");
-    EXPECT_EQ(zerout.addzername[0], "Fixed");
+    EXPECT_EQ(zerout.addzername(1), "Fixed");
     EXPECT_EQ(randasfix.psfixfact, 0.5);
     EXPECT_EQ(randasfix.npsfix, 1);
     read(two + "ZER\n herd 12 2\nEND\nSE+\n COR rg 5 4 6\nEND\n");
-    EXPECT_EQ(zerout.iaddzer1[0], 12);
-    EXPECT_EQ(zerout.iaddzer2[0], 2);
-    EXPECT_EQ(usrdefcovs.igpadd[0], (std::array<int, 4>{2, 5, 4, 6}));
+    EXPECT_EQ(zerout.iaddzer1(1), 12);
+    EXPECT_EQ(zerout.iaddzer2(1), 2);
+    EXPECT_EQ(usrdefcovs.igpadd(1), (std::array<int, 4>{2, 5, 4, 6}));
 }
 
 TEST_F(parlines, missing_value_of_one_trait) {
@@ -258,8 +258,8 @@ TEST_F(parlines, functions_of_a_later_block_replace_earlier_ones) {
     read(uni + "SE+\n SUM a 1 2\n VRA h 2 3\nEND\nSE+\n SUM a_name_of_more_than_14 1(-1.5D0)\nEND\n");
     ASSERT_EQ(usrdefcovs.ncovadd, 1);
     EXPECT_EQ(usrdefcovs.naddgps, 0);
-    EXPECT_EQ(usrdefcovs.addcovname[0], "a_name_of_more");
-    EXPECT_EQ(usrdefcovs.addcov[0][0].factor, -1.5);
+    EXPECT_EQ(usrdefcovs.addcovname(1), "a_name_of_more");
+    EXPECT_EQ(usrdefcovs.addcov(1)[0].factor, -1.5);
 }
 
 TEST_F(parlines, a_later_model_replaces_an_earlier_one) {

@@ -62,22 +62,22 @@ TEST_F(readparfile, repeatability_with_extra_blocks) {
     EXPECT_EQ(model.krandom(2), "cowpe");
     EXPECT_EQ(model.cov(1, 2), 80.0);
     EXPECT_EQ(zerout.nzerout, 1);
-    EXPECT_EQ(zerout.addzername[0], "parity");
-    EXPECT_EQ(zerout.iaddzer1[0], 5);
-    EXPECT_EQ(zerout.iaddzer2[0], 1);
+    EXPECT_EQ(zerout.addzername(1), "parity");
+    EXPECT_EQ(zerout.iaddzer1(1), 5);
+    EXPECT_EQ(zerout.iaddzer2(1), 1);
     EXPECT_TRUE(options.pseudofix);
     EXPECT_EQ(randasfix.psfixname[0], "cow");
     EXPECT_EQ(randasfix.psfixcode[0], 17);
     const auto& u = usrdefcovs;
     ASSERT_EQ(u.ncovadd, 2);
-    EXPECT_EQ(u.addcovname[1], "half");
-    EXPECT_EQ(u.addcov[0].size(), 3u);
-    EXPECT_EQ(u.addcov[0][2].isig, 3);
-    EXPECT_EQ(u.addcov[0][2].factor, 1.0);
-    EXPECT_EQ(u.addcov[1][0].isig, 2);
-    EXPECT_EQ(u.addcov[1][0].factor, 0.5);
+    EXPECT_EQ(u.addcovname(2), "half");
+    EXPECT_EQ(u.addcov(1).size(), 3u);
+    EXPECT_EQ(u.addcov(1)[2].isig, 3);
+    EXPECT_EQ(u.addcov(1)[2].factor, 1.0);
+    EXPECT_EQ(u.addcov(2)[0].isig, 2);
+    EXPECT_EQ(u.addcov(2)[0].factor, 0.5);
     ASSERT_EQ(u.naddgps, 2);
-    EXPECT_EQ(u.igpadd[1], (std::array<int, 4>{1, 5, 4, 0}));
+    EXPECT_EQ(u.igpadd(2), (std::array<int, 4>{1, 5, 4, 0}));
 }
 
 TEST_F(readparfile, two_traits_of_one_model) {
