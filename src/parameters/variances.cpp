@@ -9,6 +9,7 @@
 #include "dense/numroutines.h"
 #include "parameters/parunits.h"
 #include "parameters/parvec.h"
+#include "parameters/pivotedfactor.h"
 #include "parameters/residualvars.h"
 #include "parameters/zeropattern.h"
 #include "parfile/model.h"
@@ -29,7 +30,6 @@ constexpr double log_at_start = 0.625; // factor diagonals below it go to the lo
 constexpr double log_in_run = 0.25;    // ... and below it ask for the switch during the iterations
 constexpr double log_low = -9.0, log_high = 22.0;
 constexpr double eigen_floor = 1.0e-4;     // smallest eigenvalue of a block on the "Original" scale
-constexpr double below_pivots = -1.0e10;   // no diagonal falls as low
 constexpr double shrink_accuracy = 1.0e-4; // of the share to which covariances are shrunk
 constexpr double rounding = 1.0e-10;       // a negative pivot against the largest variance
 constexpr double pivot_floor = 0.0005;     // pivot of its factor when it is smaller than numbers.zero
@@ -184,48 +184,6 @@ void tell_small_variances(int irand) {
     print_list(screen(), "   (check that UPPER triangle of matrix is given)");
     tell_small_variances(irand);
     stoptarvex();
-}
-
-// Place of pivot c among those left, c..n: by size the largest, else the first. With `zeros` only of those that keep
-// them.
-int next_pivot(const array<double, 2>& a, const array<int>& order, int c, bool by_size, const zero_pattern* zeros) {
-    // the order as it stands
-    if (!by_size && !zeros) return c;
-    int at = c;
-    double most = below_pivots;
-    for (int p = c; p <= order.upper(); ++p) {
-        if (!(a(order(p), order(p)) > most) || (zeros && !may_be_pivot(*zeros, order, c, p))) continue;
-        most = a(order(p), order(p));
-        at = p;
-        if (!by_size) break;
-    }
-    return at;
-}
-
-// Pivoted Cholesky of the packed triangle: factor(i,c) by matrix row i, order(1..n) the pivot order. Returns the step
-// of the first pivot below numbers.zero that floor does not mend (0: none) and that pivot.
-int pivoted_factor(const double* cc, int n, int rank, bool by_size, double floor, double& bad, array<double, 2>& factor,
-                   array<int>& order, const zero_pattern* zeros = nullptr) {
-    array<double, 2> a = unpack({cc, static_cast<std::size_t>(triangle(n))}, n);
-    factor.allocate(n, rank);
-    for (int c = 1; c <= rank; ++c) {
-        std::swap(order(c), order(next_pivot(a, order, c, by_size, zeros)));
-        const int row = order(c);
-        double pivot = a(row, row);
-        // not a number fails too
-        if (!(pivot >= numbers.zero)) {
-            bad = pivot;
-            if (floor <= 0.0) return c;
-            pivot = floor;
-        }
-        const double root = std::sqrt(pivot);
-        factor(row, c) = root;
-        for (int p = c + 1; p <= n; ++p) factor(order(p), c) = a(order(p), row) / root;
-        // what is left of the matrix, all of it: pivots are chosen among its diagonals
-        for (int p = c + 1; p <= n; ++p)
-            for (int q = c + 1; q <= n; ++q) a(order(p), order(q)) -= factor(order(p), c) * factor(order(q), c);
-    }
-    return 0;
 }
 
 bool any_fixres() {

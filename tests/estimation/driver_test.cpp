@@ -13,7 +13,6 @@
 #include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
 #include "parameters/variances.h"
-#include "parfile/model.h"
 #include "support/em_fixture.h"
 
 #include <algorithm>
@@ -470,31 +469,6 @@ TEST_F(driver_test, final_information_belongs_to_the_best_point) {
     EXPECT_EQ(derivs.nparm2, estimates.nparm);
 }
 
-TEST_F(driver_test, invalid_first_point_stops_the_run) {
-    set_up(repeats_with_peq(), {"--emalg"});
-    estimates.parvec(1) = 1.0; // the sum of residual and repeat variance below the latter
-    estimates.parvec(2) = 1.5;
-    EXPECT_STOP(get_estimates(), "mixed model matrix is not positive definite !!!\n"
-                                 "      Residual covariance matrix without an inverse at the starting values\n");
-    EXPECT_EQ(screen_text().find("unidentified dependency"), std::string::npos);
-}
-
-TEST_F(driver_test, invalid_first_point_is_named_by_its_matrix) {
-    set_up(animal_model(2, {1.0, 0.0, 1.0e-7}, {2.1, 0.4, 1.9}), {"--aireml"});
-    EXPECT_STOP(get_estimates(), "      Covariance matrix without an inverse at the starting values : \"animal\"\n");
-}
-
-TEST_F(driver_test, covariances_held_at_zero_are_told_by_the_names_of_their_traits) {
-    set_up(animal_model(2, {1.3, 0.5, 1.8}, {2.1, 0.0, 1.9}), {"--aireml2"});
-    clear_screen();
-    get_estimates();
-    EXPECT_NE(screen_text().find("Residual covariance of \"" + model.trait(1) + "\" and \"" + model.trait(2) +
-                                 "\" is held at 0 (it starts there)\n"),
-              std::string::npos)
-        << screen_text();
-    EXPECT_FALSE(model.trait(1).empty());
-}
-
 TEST_F(driver_test, stored_point_is_replaced_by_a_better_one_only) {
     set_up(families(2), {"--aireml1"});
     get_estimates();
@@ -601,28 +575,6 @@ TEST_F(driver_test, second_order_term_joins_from_iterate_222) {
         EXPECT_EQ(std::any_of(derivs.der2b.begin(), derivs.der2b.end(), [](double d) { return d != 0.0; }),
                   nits == 222);
     }
-}
-
-// ---- form of the records
-
-std::string form_for(double dd, double dnorm, double pnorm, double prox, int ncall = 5) {
-    char form[] = "(a2,i5,f14.3,f10.0,f9.0,f11.2,f9.0,f8.4,i7,i5,g12.5,i2)";
-    edit_iterate_form(form, {dd, dnorm, pnorm, prox, ncall});
-    return {form[17], form[22], form[28], form[33]};
-}
-
-TEST(iterate_record_test, decimals_follow_the_size) {
-    EXPECT_EQ(form_for(2000, 2000, 2000, 2000), "0020");
-    EXPECT_EQ(form_for(200, 200, 200, -200), "1131");
-    EXPECT_EQ(form_for(20, 20, 20, -20), "2242");
-    EXPECT_EQ(form_for(2, 2, 2, -2), "3353");
-    EXPECT_EQ(form_for(0.2, 0.2, 0.2, -0.2), "4464");
-    EXPECT_EQ(form_for(0.02, 1, 1, 1), "5464");
-    EXPECT_EQ(form_for(0.002, 1, 1, 1)[0], '6');
-    EXPECT_EQ(form_for(-500, 1, 1, 1)[0], '6');
-    EXPECT_EQ(form_for(0.1, 1, 1, 1)[0], '5'); // the limits are short reals
-    EXPECT_EQ(form_for(0.01, 1, 1, 1)[0], '5');
-    EXPECT_EQ(form_for(1, 1, 1, 2000, 10000)[3], '6');
 }
 
 } // namespace

@@ -9,8 +9,7 @@
 #include "equations/mmmatrix.h"
 #include "estimation/estimates.h"
 #include "estimation/parlists.h"
-#include "likelihood/emquants.h"
-#include "likelihood/factormmm.h"
+#include "likelihood/derivative_models.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
 #include "likelihood/subjectchunks.h"
@@ -30,26 +29,10 @@ namespace {
 
 using derivatives_test = tarvex_test;
 
-small_model traits(int nq, std::vector<double> g, std::vector<double> r, int repeats = 1) {
-    small_model m;
-    m.nq = nq;
-    m.make_pedigree(20, 6, 5);
-    m.make_rows(4, repeats, 2, nq > 1 ? 0.2 : 0.0, 6);
-    m.random = {{"animal", "NRM", nq, 0, std::move(g)}};
-    m.residual = std::move(r);
-    return m;
-}
-
 // Dams become maternal grandsires; one bull is both.
 small_model as_sires(small_model m) {
     m.sires = true;
     m.sire.back() = m.dam.back() = 2;
-    return m;
-}
-
-small_model two_effects() {
-    small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
-    m.random.push_back({"dam", "IDE", 2, 0, {0.9, 0.1, 0.8}});
     return m;
 }
 
@@ -66,13 +49,6 @@ small_model regressions(bool principal = false) {
     return m;
 }
 
-void derivatives_here() {
-    program_logl(estimates.parvec, 1);
-    average_info();
-    derivatives_mmm();
-    jacob_var2chol(0);
-}
-
 void expect_gradient() {
     derivatives_here();
     const array<double> der1 = derivs.der1;
@@ -82,27 +58,6 @@ void expect_gradient() {
     for (int i = 1; i <= estimates.nparm; ++i)
         EXPECT_NEAR(der1(i), estimates.ispar(i) ? want[static_cast<std::size_t>(i - 1)] : 0.0, 1.0e-5 * largest)
             << "parameter " << i;
-}
-
-// Derivatives of V with respect to the parameters, by differences of V itself.
-std::vector<oracle::dense> variance_slopes(const small_model& m) {
-    const oracle::analysis a = m.dense();
-    std::vector<oracle::dense> list;
-    for (int i = 1; i <= estimates.nparm; ++i) {
-        const auto v = [&](double step) {
-            array<double> p = estimates.parvec;
-            p(i) += step;
-            return oracle::variance(a, point_at(m, p));
-        };
-        const double h = 1.0e-3;
-        const oracle::dense a1 = v(h), a2 = v(-h), b1 = v(0.5 * h), b2 = v(-0.5 * h);
-        oracle::dense d = a1;
-        for (std::size_t r = 0; r < d.size(); ++r)
-            for (std::size_t c = 0; c < d.size(); ++c)
-                d[r][c] = (4.0 * (b1[r][c] - b2[r][c]) / h - (a1[r][c] - a2[r][c]) / (2.0 * h)) / 3.0;
-        list.push_back(d);
-    }
-    return list;
 }
 
 void expect_information(const small_model& m) {
@@ -141,12 +96,6 @@ void expect_derivatives(const small_model& m) {
     expect_information(m);
     options.threads = 1;
     places = {};
-}
-
-void on_original_scale() {
-    options.emalgorithm = true;
-    covs2parvec();
-    forget_likelihoods();
 }
 
 TEST_F(derivatives_test, one_trait_on_both_scales) {
@@ -576,168 +525,6 @@ TEST_F(derivatives_test, solutions_and_log_likelihood_are_the_same_after_derivat
     derivatives_here();
     EXPECT_EQ(program_logl(estimates.parvec, 1), x);
     for (int i = 1; i <= before.upper(); ++i) EXPECT_NEAR(solutions.solns(i), before(i), 1.0e-10);
-}
-
-// Derivatives against the dense ones at estimates.parvec.
-void expect_dense_derivatives(const small_model& m, const char* what) {
-    const oracle::analysis a = m.dense();
-    const oracle::reml e = oracle::evaluate(a, oracle::variance(a, point_at(m, estimates.parvec)));
-    const std::vector<oracle::dense> dv = variance_slopes(m);
-    for (int i = 1; i <= estimates.nparm; ++i) {
-        const auto k = static_cast<std::size_t>(i - 1);
-        EXPECT_NEAR(derivs.der1(i), oracle::gradient(e, dv[k]), 1.0e-4) << what << " " << i;
-        EXPECT_NEAR(derivs.der2(ihmssf(i, i, estimates.nparm)), oracle::information(e, dv[k], dv[k]), 1.0e-4)
-            << what << " " << i;
-    }
-}
-
-array<double> beside(const array<double>& here) {
-    array<double> other = here;
-    for (int i = 1; i <= other.upper(); ++i) other(i) *= i % 2 == 0 ? 1.1 : 0.93;
-    return other;
-}
-
-constexpr const char* no_evaluation = "needs an evaluation of its point";
-
-// Each call out of turn stops the program; an evaluation puts things right.
-TEST_F(derivatives_test, only_behind_an_evaluation_of_their_point) {
-    const small_model m = two_effects();
-    set_up(m);
-    const array<double> here = estimates.parvec, other = beside(here);
-    const auto expect_refusal = [&](const char* why) {
-        EXPECT_STOP(average_info(), std::string("programming error: \"average_info\" ") + why);
-        EXPECT_STOP(derivatives_mmm(), std::string("programming error: \"derivatives_mmm\" ") + why);
-        em_quantities q;
-        EXPECT_STOP(em_expectations({}, q), std::string("programming error: \"em_expectations\" ") + why);
-        derivatives_here();
-        expect_dense_derivatives(m, why);
-    };
-    expect_refusal("needs the factor, the store holds nothing"); // before any evaluation
-    expect_refusal("needs the factor, the store holds the derivative");
-    program_logl(here, 1);
-    program_logl(other, 1);
-    expect_refusal(no_evaluation); // the factor of another point
-    program_logl(other, 1);
-    program_logl(here, 0); // from the table: the inverses without their factor
-    expect_refusal(no_evaluation);
-    program_logl(here, 1);
-    program_logl(other, 0); // and the factor without its inverses
-    expect_refusal(no_evaluation);
-    program_logl(here, 1);
-    forget_factor();
-    expect_refusal(no_evaluation);
-    program_logl(here, 1);
-    takaha_inverse();
-    expect_refusal("needs the factor, the store holds the inverse");
-}
-
-TEST_F(derivatives_test, not_behind_a_point_without_a_value) {
-    const small_model m = two_effects();
-    set_up(m);
-    on_original_scale();
-    program_logl(estimates.parvec, 1);
-    array<double> q = estimates.parvec;
-    q(1) = q(3) = 1.0e12; // fails in the factor
-    EXPECT_EQ(program_logl(q, 1), invalid_logl);
-    EXPECT_STOP(average_info(), "needs the factor, the store holds nothing");
-    new_analysis();
-    set_up(m);
-    program_logl(estimates.parvec, 1);
-    q = estimates.parvec;
-    q(2) = std::nan(""); // no residual matrix: the factor of the point before is still there
-    EXPECT_EQ(program_logl(q, 1), invalid_logl);
-    EXPECT_STOP(average_info(), no_evaluation);
-    EXPECT_STOP(derivatives_mmm(), no_evaluation);
-    derivatives_here();
-    expect_dense_derivatives(m, "and again");
-}
-
-TEST_F(derivatives_test, not_in_a_new_analysis_without_an_evaluation) {
-    const small_model m = two_effects();
-    set_up(m);
-    derivatives_here();
-    new_analysis();
-    set_up(m);
-    EXPECT_STOP(average_info(), "needs the factor, the store holds nothing");
-    EXPECT_STOP(derivatives_mmm(), "needs the factor, the store holds nothing");
-    EXPECT_STOP(jacob_var2chol(0), "\"jacob_var2chol\" needs derivatives at its point");
-}
-
-TEST_F(derivatives_test, transformed_only_behind_both_at_their_point) {
-    const small_model m = two_effects();
-    set_up(m);
-    const array<double> here = estimates.parvec, other = beside(here);
-    program_logl(here, 1);
-    average_info();
-    EXPECT_STOP(jacob_var2chol(0), "\"jacob_var2chol\" needs derivatives at its point"); // no gradient
-    derivatives_mmm();
-    estimates.parvec = other;
-    EXPECT_STOP(jacob_var2chol(0), "\"jacob_var2chol\" needs derivatives at its point");
-    program_logl(other, 1);
-    derivatives_mmm();
-    EXPECT_STOP(jacob_var2chol(0), "\"jacob_var2chol\" needs derivatives at its point"); // of another point
-    estimates.parvec = here;
-    derivatives_here();
-    expect_dense_derivatives(m, "in turn");
-}
-
-// Derivatives of V with respect to the six covariances of two traits, residual ones first.
-std::vector<oracle::dense> unit_slopes(const oracle::analysis& a) {
-    std::vector<oracle::dense> dv;
-    for (int k = 0; k < 6; ++k) {
-        oracle::point p{{oracle::zeros(2, 2)}, {}, {oracle::zeros(2, 2)}};
-        auto& block = k < 3 ? p.r[0] : p.g[0];
-        const std::size_t i = k % 3 == 2 ? 1 : 0, j = k % 3 == 0 ? 0 : 1;
-        block[i][j] = block[j][i] = 1.0;
-        dv.push_back(oracle::variance(a, p));
-    }
-    return dv;
-}
-
-// Observed information in the place of the average one.
-void put_observed_information(const small_model& m) {
-    const oracle::analysis a = m.dense();
-    const std::vector<oracle::dense> dv = unit_slopes(a);
-    const oracle::reml e = oracle::evaluate(a, oracle::variance(a, point_at(m, estimates.parvec)));
-    for (int i = 1; i <= 6; ++i)
-        for (int j = i; j <= 6; ++j) {
-            const auto& x = dv[static_cast<std::size_t>(i - 1)];
-            const auto& y = dv[static_cast<std::size_t>(j - 1)];
-            const double expected = 0.5 * oracle::trace_of_product(oracle::product(e.p, x), oracle::product(e.p, y));
-            derivs.devl2(ihmssf(i, j, 6)) = -(2.0 * oracle::information(e, x, y) - expected);
-        }
-}
-
-// With the observed information der2 is minus the Hessian of log L.
-void expect_hessian(const small_model& m) {
-    derivatives_here();
-    put_observed_information(m);
-    jacob_var2chol(1);
-    const double h = 2.0e-3;
-    for (int i = 1; i <= 6; ++i)
-        for (int j = i; j <= 6; ++j) {
-            const auto f = [&](double di, double dj) {
-                array<double> p = estimates.parvec;
-                p(i) += di;
-                p(j) += dj;
-                return dense_logl(m, p);
-            };
-            const double hessian = (f(h, h) - f(h, -h) - f(-h, h) + f(-h, -h)) / (4.0 * h * h);
-            const double tolerance = 1.0e-3 * std::max(1.0, std::fabs(hessian));
-            EXPECT_NEAR(derivs.der2(ihmssf(i, j, 6)), -hessian, tolerance) << i << " " << j;
-        }
-}
-
-TEST_F(derivatives_test, second_order_term_completes_the_hessian) {
-    const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
-    set_up(m);
-    expect_hessian(m);
-}
-
-TEST_F(derivatives_test, second_order_term_completes_the_hessian_with_logarithms) {
-    const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
-    set_up(m, {"--aireml", "--logdia"});
-    expect_hessian(m);
 }
 
 TEST_F(derivatives_test, information_files_hold_the_upper_triangle) {
