@@ -146,6 +146,7 @@ void write_ebvs(int irand) {
                 continue;
             }
             const double v = values.pev(i);
+            // a variance that is not positive stands in the place of its root, so that it shows
             write(out, errors, l, code, i, u, v > 0.0 ? std::sqrt(v) : v,
                   accuracy(v, fitted_variance(irand, i) * factors(l)));
         }

@@ -134,6 +134,7 @@ void name_coordinates(const std::vector<double>& cov, column& size) {
     size = column::Ones(estimates.nparm);
     for (int irand = 0; irand <= numbers.krand; ++irand)
         for (int step = 1; step <= steps_of(irand); ++step) {
+            // elements of a factor keep the names of their parameters, and size 1
             if (on_factor_scale(irand) || estimates.nnparm(irand) == 0) continue;
             const int n = model.kkfit(irand), start = cov_start(irand, step);
             int k = block_start(irand, step) - 1, number = start;

@@ -73,6 +73,7 @@ void count_levels(solution_counts& counts) {
         for (int i = 1; i <= model.nfix(iq); ++i) size(counts.fixed(i, iq), levels.fx_codes(i, iq).size());
         for (int i = 1; i <= model.nextra(iq); ++i) size(counts.extra(i, iq), levels.ex_codes(i, iq).size());
         for (int i = 1; i <= model.ncov(iq); ++i) {
+            // coefficients for each level of the effect it is nested in: above 0 a fixed one, below 0 an extra one
             const int nest = mudmap.cv_nestfix(i, iq);
             const std::ptrdiff_t curves = nest == 0  ? 1
                                           : nest > 0 ? levels.fx_codes(nest, iq).size()
@@ -88,6 +89,7 @@ void count_levels(solution_counts& counts) {
     bool iskip = false;
     while (getrec_dvec(reader, dvec, trait, iskip)) {
         if (iskip) continue;
+        // a record of one trait counts for that trait, one without a number of a trait for all
         for (int iq = trait > 0 ? trait : 1; iq <= (trait > 0 ? trait : nq); ++iq) count_record(counts, dvec, iq);
     }
     to_means(counts.fixed);

@@ -139,6 +139,8 @@ void add_matrix(json& list, const report_matrix& m, const matrix_label& label, c
             e["terms"] = terms_of(f);
             e["estimate"] = x;
             e["se"] = sampling.available ? error_or_null(error_of_sum(f)) : json();
+            // beside the diagonal the correlation, on it the share of the phenotypic variance; null where there is
+            // none
             json ratio, se;
             if (i != j) {
                 if (va > 0.0 && vb > 0.0) ratio = x / std::sqrt(va * vb);
