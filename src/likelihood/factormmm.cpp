@@ -3,6 +3,7 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "control/warnings.h"
 #include "equations/mmmatrix.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
@@ -15,6 +16,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <string>
 #include <utility>
 
 namespace tarvex {
@@ -53,6 +55,9 @@ task_pool* threads_at_work() {
     if (wanted != (pool ? pool->wanted() : 1)) {
         pool.reset();
         if (wanted > 1) pool = std::make_unique<task_pool>(wanted);
+        if (wanted > 1 && pool->threads() < wanted)
+            warn("threads refused", std::to_string(pool->threads()) + " of " + std::to_string(wanted) +
+                                        " threads : the system has refused the others");
     }
     return pool.get();
 }

@@ -1,43 +1,22 @@
 #include "support/tasks.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <exception>
+#include <mutex>
 #include <oneapi/tbb/concurrent_queue.h>
-#include <oneapi/tbb/global_control.h>
 #include <oneapi/tbb/info.h>
 #include <oneapi/tbb/task_arena.h>
-#include <oneapi/tbb/task_group.h>
-#include <system_error>
 #include <thread>
 #include <vector>
-
-// ThreadSanitizer does not see what the library, which is not built with it, does to order memory: what stands before a
-// helper is started comes before its work, and its work before what follows the wait for it. Here it is told.
-#if defined(__SANITIZE_THREAD__)
-extern "C" void __tsan_acquire(void* address);
-extern "C" void __tsan_release(void* address);
-#define TVX_NOT_WATCHED __attribute__((no_sanitize("thread")))
-#else
-#define TVX_NOT_WATCHED
-#endif
 
 namespace tarvex {
 
 namespace {
 
 namespace tbb = oneapi::tbb;
-
-void before([[maybe_unused]] void* what) {
-#if defined(__SANITIZE_THREAD__)
-    __tsan_release(what);
-#endif
-}
-void after([[maybe_unused]] void* what) {
-#if defined(__SANITIZE_THREAD__)
-    __tsan_acquire(what);
-#endif
-}
 
 // A wait for what other threads do within microseconds: a thread that sleeps takes longer to wake than many a front
 // takes to be worked on. Only a long wait is slept through.
@@ -81,13 +60,39 @@ struct shared_pieces {
 
 } // namespace
 
-// Threads of the library, which stay at hand from the beginning of run() to its end.
-struct task_pool::threads_of_library {
-    explicit threads_of_library(int n)
-        : allowed(tbb::global_control::max_allowed_parallelism, static_cast<std::size_t>(n)), arena(n) {}
-
-    void help() {
-        after(this);
+// The helpers, all started beforehand and with every place of the arena kept for them: the library itself starts no
+// thread. Where the system refuses it one in the middle of its work, it ends the program or waits for ever.
+struct task_pool::team {
+    explicit team(int helpers_wanted) {
+        try {
+            for (int k = 0; k < helpers_wanted; ++k) helpers.emplace_back([this] { serve(); });
+        } catch (const std::exception&) { // fewer, then
+        }
+    }
+    ~team() {
+        tell([this] { ended = true; });
+        for (std::thread& t : helpers) t.join();
+    }
+    template <class F> void tell(const F& what) {
+        {
+            const std::lock_guard<std::mutex> lock(at_rest);
+            what();
+        }
+        news.notify_all();
+    }
+    // Sleeps between the runs. One that finds no memory for its place in the arena goes: nobody counts on it.
+    void serve() {
+        try {
+            while (called()) arena.execute([this] { help(); });
+        } catch (const std::exception&) {
+        }
+    }
+    bool called() {
+        std::unique_lock<std::mutex> lock(at_rest);
+        news.wait(lock, [this] { return ended || !over.load(); });
+        return !ended;
+    }
+    void help() noexcept {
         const int slot = tbb::this_task_arena::current_thread_index();
         for (short_wait wait; !over.load();) {
             if (help_with_pieces(slot) || do_started())
@@ -95,7 +100,6 @@ struct task_pool::threads_of_library {
             else
                 wait.pause();
         }
-        before(this);
     }
     bool help_with_pieces(int slot) {
         if (!pieces.load(std::memory_order_relaxed)) return false;
@@ -117,65 +121,40 @@ struct task_pool::threads_of_library {
         return true;
     }
 
-    tbb::global_control allowed;
     tbb::task_arena arena;
-    tbb::task_group helpers;
-    int owner = -1; // slot of the thread that has called run()
-    std::atomic<bool> over{true};
+    int owner = -1;               // slot of the thread that has called run()
+    std::atomic<bool> over{true}; // set to false under `at_rest`
+    bool ended = false;
+    std::mutex at_rest;
+    std::condition_variable news;
     std::atomic<shared_pieces*> pieces{nullptr};
     std::atomic<int> within{0}; // helpers that may be at the pieces
     tbb::concurrent_queue<std::function<void()>> started;
     std::atomic<int> unfinished{0}; // of those started
+    std::vector<std::thread> helpers;
 };
-
-namespace {
-
-struct helper_call {
-    task_pool::threads_of_library* team;
-    TVX_NOT_WATCHED void operator()() const { team->help(); }
-};
-
-} // namespace
 
 int usable_threads() { return tbb::info::default_concurrency(); }
 
-namespace {
-
-// Whether n more threads can be had at once. The library waits for ever for one that the system refuses to start.
-bool can_start(int n) {
-    std::vector<std::thread> tried;
-    std::atomic<bool> over{false};
-    bool good = true;
-    try {
-        // all at once, as the library would have them
-        for (int k = 0; k < n; ++k) tried.emplace_back([&over] { over.wait(false); });
-    } catch (const std::system_error&) {
-        good = false;
-    }
-    over = true;
-    over.notify_all();
-    for (std::thread& t : tried) t.join();
-    return good;
-}
-
-} // namespace
-
-task_pool::task_pool(int threads) : wanted_(threads), threads_(threads > 1 && can_start(threads - 1) ? threads : 1) {
-    if (threads_ > 1) library_ = std::make_unique<threads_of_library>(threads_);
+task_pool::task_pool(int threads) : wanted_(threads), threads_(1) {
+    if (threads < 2) return;
+    team_ = std::make_unique<team>(threads - 1);
+    threads_ += static_cast<int>(team_->helpers.size());
+    if (threads_ > 1)
+        team_->arena.initialize(threads_, static_cast<unsigned>(threads_));
+    else
+        team_.reset();
 }
 task_pool::~task_pool() = default;
 
 void task_pool::run(const std::function<void()>& f) {
     // a run within a run: the threads are at work already
-    if (!library_ || !library_->over.load()) return f();
-    threads_of_library& team = *library_;
+    if (!team_ || !team_->over.load()) return f();
     std::exception_ptr failure;
-    team.arena.execute([&] {
+    team_->arena.execute([&] {
         // only the owner's pieces are shared: those of helpers stay with them
-        team.owner = slot();
-        team.over = false;
-        before(&team);
-        for (int k = 1; k < threads_; ++k) team.helpers.run(helper_call{&team});
+        team_->owner = slot();
+        team_->tell([this] { team_->over = false; });
         try {
             f();
         } catch (...) {
@@ -183,36 +162,38 @@ void task_pool::run(const std::function<void()>& f) {
         }
         // what was started and not yet waited for
         finish();
-        team.over = true;
-        team.helpers.wait();
-        after(&team);
-        team.owner = -1;
+        team_->over = true;
+        team_->owner = -1;
     });
     if (failure) std::rethrow_exception(failure);
 }
 
-int task_pool::slot() const { return library_ ? tbb::this_task_arena::current_thread_index() : 0; }
+int task_pool::slot() const { return team_ ? std::max(tbb::this_task_arena::current_thread_index(), 0) : 0; }
 
 void task_pool::each(int count, piece body, const void* arg) {
     // one set of pieces at a time
-    if (!library_ || count < 2 || slot() != library_->owner || library_->pieces.load()) {
+    if (!team_ || count < 2 || slot() != team_->owner || team_->pieces.load()) {
         for (int i = 0; i < count; ++i) body(arg, i, slot());
         return;
     }
-    threads_of_library& team = *library_;
     shared_pieces work{count, body, arg};
-    team.pieces = &work;
-    work.take_part(team.owner);
-    team.pieces = nullptr;
+    team_->pieces = &work;
+    work.take_part(team_->owner);
+    team_->pieces = nullptr;
     // the pieces are on this stack: nobody may be at them any more
-    for (short_wait wait; team.within.load() != 0;) wait.pause();
+    for (short_wait wait; team_->within.load() != 0;) wait.pause();
     if (work.failed.load() != 0) std::rethrow_exception(work.failure);
 }
 
 void task_pool::start(std::function<void()> f) {
-    if (!library_) return f();
-    ++library_->unfinished;
-    library_->started.push(std::move(f));
+    if (!team_) return f();
+    ++team_->unfinished;
+    try {
+        team_->started.push(std::move(f));
+    } catch (...) {
+        --team_->unfinished;
+        throw;
+    }
 }
 
 void task_pool::wait_for(const std::function<bool()>& done) {
@@ -220,9 +201,9 @@ void task_pool::wait_for(const std::function<bool()>& done) {
 }
 
 void task_pool::finish() {
-    if (!library_) return;
-    for (short_wait wait; library_->unfinished.load() != 0;)
-        if (library_->do_started())
+    if (!team_) return;
+    for (short_wait wait; team_->unfinished.load() != 0;)
+        if (team_->do_started())
             wait.reset();
         else
             wait.pause();

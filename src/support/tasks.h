@@ -11,7 +11,8 @@ int usable_threads();
 
 class task_pool {
 public:
-    // 1: no thread is started, everything is done in turn by the caller; the same where the system refuses threads.
+    // Starts all the threads that it will ever use: as many of `threads` - 1 as the system grants. Without any (1, or
+    // all refused) everything is done in turn by the caller.
     explicit task_pool(int threads);
     ~task_pool();
     task_pool(const task_pool&) = delete;
@@ -35,11 +36,11 @@ public:
     // Returns when done() is true, which another thread at work is about to bring about.
     static void wait_for(const std::function<bool()>& done);
 
-    struct threads_of_library;
+    struct team;
 
 private:
     int wanted_, threads_;
-    std::unique_ptr<threads_of_library> library_;
+    std::unique_ptr<team> team_;
 };
 
 } // namespace tarvex

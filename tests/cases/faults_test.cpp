@@ -72,6 +72,22 @@ protected:
     reports truth_;
 };
 
+// One thread that the system refuses: the run goes on with those that there are, and says so.
+TEST_F(failing_calls, starts_of_threads) {
+    s_.options += " --threads4";
+    const reports truth = in_fresh_folder(s_);
+    with_fault("thread", 0);
+    const long n = calls();
+    EXPECT_EQ(n, 3) << "four threads with the first, and none later";
+    for (long k = 1; k <= n; ++k) {
+        clear();
+        EXPECT_EQ(with_fault("thread", k), truth) << k;
+        EXPECT_NE(told_.find("***** WARNING : " + std::to_string(k) + " of 4 threads : the system has refused"),
+                  std::string::npos)
+            << told_;
+    }
+}
+
 TEST_F(failing_calls, reads) { sweep("read", true, 1000); } // all: one in a hundred is another place in the program
 TEST_F(failing_calls, reads_in_a_used_folder) { sweep("read", false); }
 TEST_F(failing_calls, opens) { sweep("open", true, 30); }
