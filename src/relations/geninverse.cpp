@@ -196,6 +196,10 @@ void count_without(int irand, const std::string& name, const code_list& in_data)
         ++n;
     }
     geninverse.nwithout(irand) = n;
+    if (n > 0 && nlev - n < 2)
+        warn("less than two levels with a diagonal in the inverse of \"" + model.krandom(irand) + "\"",
+             std::to_string(nlev - n) + " of " + std::to_string(nlev) + " levels of \"" + model.krandom(irand) +
+                 "\" with a diagonal in the inverse : its variance cannot be told from so few");
 }
 
 [[noreturn]] void no_ginfile(int irand, const std::string& name) {

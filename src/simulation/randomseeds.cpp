@@ -5,6 +5,7 @@
 #include "simulation/ranf.h"
 #include "simulation/setall.h"
 #include "simulation/simulation.h"
+#include "support/plain_text.h"
 #include "support/record_file.h"
 #include "support/screen.h"
 
@@ -24,6 +25,7 @@ constexpr int largest_first_seed = 2147483562; // legal for the first
 
 bool read_seeds(long long& seed1, long long& seed2) {
     std::ifstream file(filenames.rnseedfile);
+    skip_mark(file);
     std::string text(std::istreambuf_iterator<char>(file), {});
     // two numbers, parted by blanks or a comma
     std::replace(text.begin(), text.end(), ',', ' ');

@@ -241,6 +241,20 @@ TEST_F(refusals, supplied_inverse) {
     }
 }
 
+TEST_F(refusals, inverse_of_one_level) {
+    write_file("model.par", replaced(uni(" RAN animal NRM\n RAN herd GIN\n MEA\n"), "VAR residual",
+                                     "VAR herd 1\n 1.0\nVAR residual"));
+    write_file("herd.gin", "0.0\n2 2 1.0\n");
+    const auto result = finish("--aireml2");
+    EXPECT_NE(result.output.find("***** WARNING : 1 of 4 levels of \"herd\" with a diagonal in the inverse : its "
+                                 "variance cannot be told from so few\n"),
+              std::string::npos)
+        << result.output;
+    for (const int level : {1, 3, 4})
+        EXPECT_NE(result.output.find("***** WARNING : level " + std::to_string(level) + " of \"herd\" has no diagonal"),
+                  std::string::npos);
+}
+
 // A level without elements has no variance: the restricted likelihood is that with a fixed effect for the level.
 TEST_F(refusals, levels_without_elements_are_estimated_as_fixed_ones) {
     const std::string par =

@@ -44,8 +44,8 @@ protected:
         for (std::size_t k = 0; k <= list.size(); ++k)
             expect_as_fresh(list[k % list.size()], what + ", run " + std::to_string(k + 1));
     }
-    static constexpr const char* searches[] = {"--aireml30", "--pxai3,20", "--emalg4",
-                                               "--powell",   "--simplex",  "--blup"};
+    static constexpr const char* searches[] = {"",         "--aireml30", "--pxai3,20", "--emalg4",
+                                               "--powell", "--simplex",  "--blup"};
 };
 
 // Records of a fifth of the animals left out: pruning leaves the same number of animals and the same ends.

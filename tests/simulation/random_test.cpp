@@ -181,8 +181,10 @@ TEST_F(random_numbers, normals_have_mean_0_and_variance_1) {
     EXPECT_NEAR(squares / n, 1.0, 4.0 * std::sqrt(2.0 / n));
 }
 
-TEST_F(random_numbers, seeds_may_be_parted_by_a_comma) {
-    for (const char* text : {"1234 56789\n", "1234,56789\n", " 1234 , 56789 \n", "1234,\n56789\n"}) {
+TEST_F(random_numbers, seeds_may_be_parted_by_a_comma_and_follow_a_byte_order_mark) {
+    for (const char* text : {"1234 56789\n", "1234,56789\n", " 1234 , 56789 \n", "1234,\n56789\n",
+                             "\xEF\xBB\xBF"
+                             "1234 56789\n"}) {
         write_file("RandomSeeds", text);
         setup_randnos();
         EXPECT_EQ(simulation.iseed1, 1234) << text;
