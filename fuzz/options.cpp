@@ -15,11 +15,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         arguments.push_back(parts[0].substr(from, to - from));
         from = to + 1;
     }
-    fuzz::bring("data.dat", fuzz::records());
-    fuzz::bring("ped.dat", fuzz::pedigree());
-    fuzz::bring("model.par", fuzz::two_traits());
-    fuzz::bring("RunOptions", parts[1]);
+    fuzz::bring_input("data.dat", fuzz::records());
+    fuzz::bring_input("ped.dat", fuzz::pedigree());
+    fuzz::bring_input("model.par", fuzz::two_traits());
+    fuzz::bring_input("RunOptions", parts[1]);
     arguments.push_back("model");
-    (void)fuzz::walk(run_stage::model, arguments);
+    if (fuzz::one_in(8, data, size))
+        (void)fuzz::walk(run_stage::model, arguments);
+    else
+        (void)fuzz::read_model(arguments);
     return 0;
 }

@@ -1,7 +1,18 @@
 #include "workplace.h"
 
+#include "app/choices.h"
 #include "app/new_analysis.h"
+#include "app/runoptions.h"
+#include "control/options.h"
 #include "control/runlock.h"
+#include "control/tvxroutines.h"
+#include "data/data.h"
+#include "data/pedigrees.h"
+#include "data/reducepeds.h"
+#include "data/remarks.h"
+#include "parfile/mudmap_build.h"
+#include "parfile/readparfile.h"
+#include "relations/nrminverse.h"
 #include "support/screen.h"
 #include "support/stop.h"
 
@@ -11,7 +22,9 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <map>
 #include <new>
+#include <numeric>
 #include <sstream>
 
 namespace tarvex::fuzz {
@@ -19,6 +32,7 @@ namespace tarvex::fuzz {
 namespace {
 
 std::string last_screen;
+std::map<std::string, std::string, std::less<>> inputs; // files that no run writes, as they lie in the folder
 
 // Also keeps the program from waiting for an answer of the operator.
 void enter_folder() {
@@ -52,6 +66,18 @@ void bring(const std::string& name, std::string_view text) {
     if (!out) found("cannot write " + name);
 }
 
+void bring_input(const std::string& name, std::string_view text) {
+    const auto at = inputs.find(name);
+    if (at != inputs.end() && at->second == text) return;
+    bring(name, text);
+    inputs.insert_or_assign(name, std::string(text));
+}
+
+void take_away(const std::string& name) {
+    enter_folder();
+    if (inputs.erase(name) != 0) std::filesystem::remove(name);
+}
+
 std::string content(const std::string& name) {
     std::ifstream in(name, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
@@ -59,19 +85,21 @@ std::string content(const std::string& name) {
 
 void clear_folder() {
     enter_folder();
+    inputs.clear();
     for (const auto& entry : std::filesystem::directory_iterator(".")) std::filesystem::remove_all(entry.path());
 }
 
-bool walk(run_stage last, const std::vector<std::string>& arguments, const std::function<void()>& then) {
+namespace {
+
+// Does `steps` in new modules and tells how it ended.
+bool in_new_modules(const std::function<void()>& steps) {
     enter_folder();
-    const auto list = pointers_to(arguments);
     std::ostringstream sink;
     std::ostream* before = screen().redirect(sink);
     new_analysis();
     bool good = true, reason = true;
     try {
-        (void)run_to(last, static_cast<int>(list.size()), list.data());
-        if (then) then();
+        steps();
     } catch (const program_stop& stopped) {
         good = false;
         screen().line(stopped.text);
@@ -85,6 +113,45 @@ bool walk(run_stage last, const std::vector<std::string>& arguments, const std::
     last_screen = sink.str();
     if (!reason) found("a stop without a word");
     return good;
+}
+
+} // namespace
+
+bool walk(run_stage last, const std::vector<std::string>& arguments, const std::function<void()>& then) {
+    const auto list = pointers_to(arguments);
+    return in_new_modules([&] {
+        (void)run_to(last, static_cast<int>(list.size()), list.data());
+        if (then) then();
+    });
+}
+
+bool read_model(const std::vector<std::string>& arguments, const std::function<void()>& then) {
+    const auto list = pointers_to(arguments);
+    return in_new_modules([&] {
+        tvxtimes(1);
+        if (!runoptions(static_cast<int>(list.size()), list.data())) return;
+        read_parfile();
+        choose_algorithm();
+        choose_reconstruct();
+        model2mudmap();
+        if (then) then();
+    });
+}
+
+void read_pedigree() {
+    if (!options.allped) reducepeds();
+    pedigree_list();
+    secateurs();
+}
+
+void read_data() {
+    data_scan1st();
+    remark_on_input();
+    gen_inverses();
+}
+
+bool one_in(unsigned n, const std::uint8_t* data, std::size_t size) {
+    return std::accumulate(data, data + size, 0u) % n == 0;
 }
 
 int analyse(const std::vector<std::string>& arguments) {

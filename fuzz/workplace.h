@@ -14,6 +14,9 @@ namespace tarvex::fuzz {
 
 // Writes a file of the folder, which is made at the first call.
 void bring(const std::string& name, std::string_view text);
+// The same for a file that no run writes: nothing is done where it lies there already.
+void bring_input(const std::string& name, std::string_view text);
+void take_away(const std::string& name);      // such a file
 std::string content(const std::string& name); // empty where there is none
 void clear_folder();
 
@@ -21,6 +24,14 @@ void clear_folder();
 // stopped. A stop that tells no reason, and any other exception, ends the process: the fuzzer has found something.
 // `then` is done behind the last phase, as a part of the run.
 bool walk(run_stage last, const std::vector<std::string>& arguments, const std::function<void()>& then = {});
+// The same without what a run does for its folder: options, parameter file and columns, then `then`. Most executions of
+// a target go this way, one in some the whole way.
+bool read_model(const std::vector<std::string>& arguments, const std::function<void()>& then = {});
+// Steps of the next phase, in this order.
+void read_pedigree();
+void read_data();                                                    // and inverses
+bool one_in(unsigned n, const std::uint8_t* data, std::size_t size); // by the bytes of the input
+
 // A whole analysis, reports included. Returns its status.
 int analyse(const std::vector<std::string>& arguments);
 const std::string& told(); // screen of the last run
