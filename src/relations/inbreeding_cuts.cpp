@@ -251,11 +251,7 @@ std::vector<double> inbreeding_by_cuts(const std::vector<int>& sire, const std::
     int first = 1;
     for (const int end : last) {
         const sweep_order o = order_stretch(sire, dam, first, end);
-        int above = 0, within = 0;
-        // generations above and within decide whether 32 bits hold the shares
-        for (const int place : o.border) above = std::max(above, c.level[o.animal[place]]);
-        for (int i = first; i <= end; ++i) within = std::max(within, c.level[i]);
-        add_through_border(o, d, above + within, pool, f);
+        add_through_border(o, d, c.level, pool, f);
         add_within_stretch(o, sire, dam, f);
         for (int i = first; i <= end; ++i) d[i] = mendelian_variance(sire[i - 1], dam[i - 1], f);
         if (done) done(end);

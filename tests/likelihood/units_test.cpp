@@ -74,7 +74,9 @@ outcome at_start(const small_model& m, const std::vector<std::string>& arguments
     return o;
 }
 
-void expect_same_in_any_unit(const small_model& m, const std::vector<std::string>& arguments = {"--aireml"}) {
+// marked: levels of random effects that are treated as fixed, each of which takes a record of each trait
+void expect_same_in_any_unit(const small_model& m, const std::vector<std::string>& arguments = {"--aireml"},
+                             int marked = 0) {
     new_analysis();
     const outcome plain = at_start(m, arguments);
     ASSERT_GT(plain.logl, invalid_logl);
@@ -88,7 +90,7 @@ void expect_same_in_any_unit(const small_model& m, const std::vector<std::string
         // One fixed equation of the first trait for each of its solutions that is not 0.
         for (int iq = 1; iq <= m.nq; ++iq) {
             const double s = c[at(iq - 1) % c.size()];
-            int rank = 0;
+            int rank = marked;
             const auto fixed = [&](int e) {
                 factor[at(e - 1)] = s;
                 if (plain.solutions[at(e - 1)] != 0.0) ++rank;
@@ -146,6 +148,32 @@ TEST_F(units_test, traits_in_different_units_with_missing_records) {
     expect_same_in_any_unit(m);
     m.random[1].kov = "PEQ";
     expect_same_in_any_unit(m);
+    m.random[1].by_record = true;
+    m.residual = {2.1, -0.8, 1.9}; // of the other sign than the repeat effect
+    expect_same_in_any_unit(m);
+}
+
+TEST_F(units_test, supplied_inverse) {
+    small_model m = animals(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    m.rows.clear();
+    m.make_rows(1, 1, 3, 0.0, 55); // a record of every animal: codes are levels
+    const oracle::dense a = oracle::tabular(m.sire, m.dam), inverse = oracle::inverse(a);
+    std::string text = std::to_string(oracle::log_det(a)) + "\n";
+    for (std::size_t i = 0; i < inverse.size(); ++i)
+        for (std::size_t j = 0; j <= i; ++j)
+            if (std::fabs(inverse[i][j]) > 1.0e-12)
+                text += std::to_string(j + 1) + " " + std::to_string(i + 1) + " " + list_item(inverse[i][j]) + "\n";
+    write_file("animal.gin", text);
+    m.random[0].kov = "GIN";
+    m.sire.clear();
+    m.dam.clear();
+    expect_same_in_any_unit(m);
+}
+
+TEST_F(units_test, marked_levels) {
+    small_model m = animals(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    m.extra = "PSE 0.0\n animal 6\n animal 9\nEND\n";
+    expect_same_in_any_unit(m, {"--aireml"}, 2);
 }
 
 TEST_F(units_test, correlated_effects_and_diagonal_matrices) {
@@ -163,12 +191,14 @@ TEST_F(units_test, sire_model) {
     expect_same_in_any_unit(m);
 }
 
-TEST_F(units_test, random_regression_with_classes) {
+TEST_F(units_test, random_regression_with_and_without_classes) {
     small_model m;
     m.randreg = true;
     m.make_pedigree(20, 6, 53);
     m.make_rows(5, 6, 3, 0.0, 54);
     m.random = {{"animal", "NRM", 2, 0, {1.3, 0.2, 0.9}}, {"pe", "IDE", 2, 0, {0.8, 0.1, 0.6}}};
+    m.residual = {2.0};
+    expect_same_in_any_unit(m); // one residual variance for all
     m.class_bounds = {5, 11};
     m.residual = {2.0, 1.2};
     expect_same_in_any_unit(m);
