@@ -32,7 +32,6 @@ namespace {
 constexpr int second_order_from = 222;     // iterate from which the second-order term joins the information
 constexpr double least_promise = 0.01;     // gain in log L that a step may still promise at the end of the search,
 constexpr double promise_in_limits = 10.0; // or so many times the limit of its change
-constexpr double same_point = 1.0e-8;      // relative change of the parameters that counts as none
 constexpr double rounding_share = 1.0e-10; // of log L
 constexpr double below_pivots = -1.0e10;   // no diagonal of the information falls as low
 
@@ -70,15 +69,17 @@ bool promises_little() {
     return -aireml_terms.prox < std::max(least_promise, promise_in_limits * maximise.aiconv_like);
 }
 
-void test_convergence(double xold, double xnew) {
-    iterate_log.ended =
-        aireml_terms.dnorm < maximise.aiconv_norm ? "gradient below its limit" : "change in log L below its limit";
-    if (aireml_terms.dnorm < maximise.aiconv_norm)
+void test_convergence(double change) {
+    const ai_limit met = limit_met(change);
+    if (met == ai_limit::gradient) {
+        iterate_log.ended = "gradient below its limit";
         say_converged("   Norm of gradient vector", "    Norm of gradient vector =", aireml_terms.dnorm,
                       maximise.aiconv_norm);
-    else if (xnew - xold < maximise.aiconv_like && promises_little())
-        say_converged("   Last change in log L", "    Last change in log L =", xnew - xold, maximise.aiconv_like);
-    push_changes(xnew - xold, aireml_terms.dnorm, aireml_terms.slope);
+    } else if (met == ai_limit::change) {
+        iterate_log.ended = "change in log L below its limit";
+        say_converged("   Last change in log L", "    Last change in log L =", change, maximise.aiconv_like);
+    }
+    push_changes(change, aireml_terms.dnorm, aireml_terms.slope);
 }
 
 // Gradient and information at parvec. False where the point has no value.
@@ -96,14 +97,8 @@ bool prepare(int iter, double& xold) {
     return true;
 }
 
-// Change in log L that counts: where steps may lose, that from the best point before the step, not from the last one.
-double change_that_counts(double xold, double xnew, double best) {
-    return xnew - (options.strict_ai ? xold : std::max(xold, best));
-}
-
 void take_step(int& iround, double xold, double xnew, double best) {
     aireml_terms.pnorm = relative_change(estimates.parvec, search_state.parnew);
-    if (aireml_terms.pnorm < same_point) maximise.converged = true;
     ++iround;
     ++aireml_terms.accepted;
     aireml_terms.last_change = xnew - xold;
@@ -111,11 +106,10 @@ void take_step(int& iround, double xold, double xnew, double best) {
     list_step();
     estimates.parvec = search_state.parnew;
     if (options.reconstruct && readbestpoint(true)) change_scale();
-    maximise.converged = false; // only the tests on gradient and log L count
+    maximise.converged = false;
     // steps that may lose: a change that is only rounding still ends the search
-    const double rounding = options.strict_ai ? 0.0 : rounding_share * std::fabs(xnew);
     const double change = change_that_counts(xold, xnew, best);
-    if (change >= -rounding) test_convergence(xnew - change, xnew);
+    if (!is_loss(change, xnew)) test_convergence(change);
     write_avinfo(xnew);
 }
 
@@ -132,6 +126,19 @@ void close_phase(int iter, int nits, bool search_failed) {
 }
 
 } // namespace
+
+double change_that_counts(double xold, double xnew, double best) {
+    return xnew - (options.strict_ai ? xold : std::max(xold, best));
+}
+
+bool is_loss(double change, double xnew) {
+    return !(change >= (options.strict_ai ? 0.0 : -rounding_share * std::fabs(xnew)));
+}
+
+ai_limit limit_met(double change) {
+    if (aireml_terms.dnorm < maximise.aiconv_norm) return ai_limit::gradient;
+    return change < maximise.aiconv_like && promises_little() ? ai_limit::change : ai_limit::none;
+}
 
 step_outcome judge_step(double xold, double& xnew) {
     // "strict": a step must gain; otherwise any point with a value will do

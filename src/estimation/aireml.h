@@ -32,6 +32,15 @@ void ai_reml(int nits, int& iround, double& xlike);
 enum class step_outcome { accepted, rescale, stuck, failed };
 step_outcome judge_step(double xold, double& xnew);
 
+// Change in log L that counts: where steps may lose, that from the best point before the step, not from the last one.
+double change_that_counts(double xold, double xnew, double best);
+// It is a loss, beyond rounding where steps may lose: no limit is looked at.
+bool is_loss(double change, double xnew);
+// The limit that a step meets after such a change: that of the norm of the gradient (aireml_terms.dnorm), or that of
+// the change, where the whole step promised little as well (aireml_terms.prox): less than 0.01, or ten times the limit.
+enum class ai_limit { none, gradient, change };
+ai_limit limit_met(double change);
+
 // Pivoted rank check of derivs.der2: parameters without information that are exactly 0 are held out. Fills fixpar,
 // nparm2, subset.
 void rank_check();

@@ -218,9 +218,6 @@ void em_step() {
 
 double evaluate(int iopt) { return evaluate_point(estimates.parvec, iopt); }
 
-// A change of log L that is no more than rounding.
-double rounding(double xlike) { return least_rounding + rounding_share * std::fabs(xlike); }
-
 enum class round_end { taken, invalid, lost };
 
 // One round; invalid where no valid point was found, lost where it was taken back since log L fell. xold, xnew: log L
@@ -248,7 +245,7 @@ round_end one_round(double& xold, double& xnew) {
         start.restore();
         return round_end::invalid;
     }
-    if (xnew < xold - rounding(xold)) {
+    if (round_loses(xold, xnew)) {
         start.restore();
         return round_end::lost;
     }
@@ -288,6 +285,10 @@ void close_not_converged() {
 bool traced(int iround) { return options.devtrace && (iround <= 10 || iround % 10 == 0); }
 
 } // namespace
+
+bool round_loses(double before, double after) {
+    return after < before - (least_rounding + rounding_share * std::fabs(before));
+}
 
 void em_algorithm(int nits, int& iround, double& xlike, double xlimit) {
     auto& t = aireml_terms;

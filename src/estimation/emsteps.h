@@ -11,4 +11,7 @@ namespace tarvex {
 // in Iterates. An expansion that lowers log L is given up for the run (search_state.method.pxem).
 void em_algorithm(int nits, int& iround, double& xlike, double xlimit);
 
+// True if a round has lost log L beyond rounding: it is taken back, and ends the rounds without convergence.
+bool round_loses(double before, double after);
+
 } // namespace tarvex

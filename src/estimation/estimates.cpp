@@ -128,38 +128,32 @@ void ai_phase(int& iround, double& xlike) {
     ai_reml(maximise.aireml_its, iround, xlike);
 }
 
+// Back to covariances, from the best point that AI-REML has left.
+void em_from_best_point() {
+    search_state.method.em_scale = true;
+    search_state.method.aireml = false;
+    from_best_point();
+}
+
 void cycle_of_em_and_ai(int& iround, double& xlike) {
     const bool pxem = search_state.method.pxem;
-    bool repeat_em = true;
-    for (int icycle = 1; icycle <= maximise.ncycle; ++icycle) {
-        // back to covariances, from the best point that AI-REML has left
-        if (icycle > 1) {
-            search_state.method.em_scale = true;
-            search_state.method.aireml = false;
-            search_state.method.pxem = pxem;
-            from_best_point();
-            int ifail = 0;
-            rinverse(estimates.parvec, ifail);
-        }
-        em_algorithm(maximise.pxem_its, iround, xlike, maximise.ncycle == 1 ? hand_over_gain : 0.0);
-        if (maximise.converged) return;
+    cycle_methods m;
+    m.em = [&](int rounds, double gain) { em_algorithm(rounds, iround, xlike, gain); };
+    m.ai = [&] {
         search_state.method.pxem = false;
-        // in the last cycle a few rounds of EM help AI-REML out as long as it goes on gaining
-        for (bool more = true; more;) {
-            more = false;
-            ai_phase(iround, xlike);
-            if (maximise.converged) return;
-            if (icycle != maximise.ncycle || options.principal || !repeat_em) break;
-            const double ai_change = aireml_terms.last_change;
-            search_state.method.em_scale = true;
-            search_state.method.aireml = false;
-            from_best_point();
-            em_algorithm(rescue_rounds, iround, xlike, rescue_gain);
-            if (ai_change < rescue_gain) repeat_em = false;
-            more = !maximise.converged;
-        }
-        if (maximise.converged) return;
-    }
+        ai_phase(iround, xlike);
+    };
+    m.rescue = [&](int rounds, double gain) {
+        em_from_best_point();
+        em_algorithm(rounds, iround, xlike, gain);
+    };
+    m.next_cycle = [&] {
+        search_state.method.pxem = pxem;
+        em_from_best_point();
+        int ifail = 0;
+        rinverse(estimates.parvec, ifail);
+    };
+    run_cycles(m);
 }
 
 // The point of the reports: the best one. Average information there, for the sampling errors, and the verdict.
@@ -199,12 +193,10 @@ bool resume(int& iround, double& xlike) {
 
 // The verdict, and the search again where it is not at a maximum and the user has set no limit of iterates.
 void judge_and_resume(int& iround, double& xlike) {
-    const int type = maximise.search_type, most = type == 7 ? most_resumed_sure : most_resumed;
-    const bool planned = type == 1 || type == 6 || type == 7;
-    for (verdict.resumed = 0;;) {
+    verdict.resumed = 0;
+    for (;;) {
         final_step();
-        if (verdict.last.kind != search_end::not_maximum || !planned || !options.sure) return;
-        if (verdict.resumed == most || maximise.limit_given) return;
+        if (!search_goes_on()) return;
         screen().line(verdict_line(verdict.last) + " - the search goes on");
         ++verdict.resumed;
         if (resume(iround, xlike)) continue;
@@ -223,6 +215,34 @@ void close_sure_search() {
 }
 
 } // namespace
+
+void run_cycles(const cycle_methods& m) {
+    bool repeat_em = true;
+    for (int icycle = 1; icycle <= maximise.ncycle; ++icycle) {
+        if (icycle > 1) m.next_cycle();
+        m.em(maximise.pxem_its, maximise.ncycle == 1 ? hand_over_gain : 0.0);
+        if (maximise.converged) return;
+        // in the last cycle a few rounds of EM help AI-REML out as long as it goes on gaining
+        for (bool more = true; more;) {
+            more = false;
+            m.ai();
+            if (maximise.converged) return;
+            if (icycle != maximise.ncycle || options.principal || !repeat_em) break;
+            const double ai_change = aireml_terms.last_change;
+            m.rescue(rescue_rounds, rescue_gain);
+            if (ai_change < rescue_gain) repeat_em = false;
+            more = !maximise.converged;
+        }
+        if (maximise.converged) return;
+    }
+}
+
+bool search_goes_on() {
+    const int type = maximise.search_type, most = type == 7 ? most_resumed_sure : most_resumed;
+    const bool planned = type == 1 || type == 6 || type == 7;
+    if (verdict.last.kind != search_end::not_maximum || !planned || !options.sure) return false;
+    return verdict.resumed < most && !maximise.limit_given;
+}
 
 void get_estimates() {
     const int type = maximise.search_type;

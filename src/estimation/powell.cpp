@@ -14,7 +14,6 @@
 #include <cmath>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace tarvex {
 
@@ -26,7 +25,6 @@ constexpr double ftol = 0.03;       // relative accuracy of the predicted minimu
 constexpr double first_step = 0.01; // along a new direction
 constexpr double largest_step = 0.1;
 constexpr double ordinary_scale = 0.2; // of the option, for these two
-constexpr double no_value = 1.0e36;
 constexpr int most_turns = 20, most_shrinks = 500;
 constexpr double shrink = 0.95;          // of a step whose end has no value
 constexpr double accuracy_zeros = 20.0;  // accuracy of -2 log L, in numbers.zero
@@ -36,38 +34,19 @@ constexpr int rounds_per_parameter = 10; // limit of rounds: so many for each pa
 
 struct point {
     double d; // distance along the line
-    double f; // -2 log L
+    double f; // value
 };
 
-struct powell_search {
-    array<double>& parvec;
-    int nparm;
-    double ffmin = no_value;
-    std::vector<double> best;              // point of ffmin
-    std::vector<std::vector<double>> dirs; // current directions
-    std::vector<double> step;              // first step of each
-    double ztol = 0.0;
-    int count = 0;
-    double scale = 1.0; // of the steps
+} // namespace
 
-    double at(const std::vector<double>& from, const std::vector<double>& dir, double d);
-    bool valid_point(const std::vector<double>& from, const std::vector<double>& dir, double& d, double& f);
-    double dflmin(const std::vector<double>& dir, double first, double longest, double& curvature);
-};
-
-// -2 log L at from + d * dir over the parameters that are searched; 1e36 where the point is invalid.
 double powell_search::at(const std::vector<double>& from, const std::vector<double>& dir, double d) {
-    for (int i = 1; i <= nparm; ++i) {
-        const auto k = static_cast<std::size_t>(i - 1);
-        parvec(i) = from[k] + (estimates.ispar(i) ? d * dir[k] : 0.0);
-    }
-    const double xlike = evaluate_point(parvec, 0);
+    std::vector<double> x = from;
+    for (std::size_t k = 0; k < x.size(); ++k)
+        if (searched[k]) x[k] += d * dir[k];
     ++count;
-    // an invalid point is a wall, not a value to be interpolated
-    return xlike > invalid_logl + ztol ? -2.0 * xlike : no_value;
+    return value(x);
 }
 
-// Evaluates at d, shortened until the point is valid.
 bool powell_search::valid_point(const std::vector<double>& from, const std::vector<double>& dir, double& d, double& f) {
     for (int k = 0; k < most_shrinks; ++k) {
         f = at(from, dir, d);
@@ -76,6 +55,8 @@ bool powell_search::valid_point(const std::vector<double>& from, const std::vect
     }
     return false;
 }
+
+namespace {
 
 // Sorts three points by distance.
 void triord(std::array<point, 3>& p) {
@@ -89,9 +70,8 @@ std::size_t lowest(const std::array<point, 3>& p) {
     return k;
 }
 
-// Search along `dir` from the best point by parabolas through three points. The first step is at most `longest`, later
-// ones ten times the first. Moves best, ffmin to the lowest point met; returns the decrease of -2 log L. curvature:
-// half the second difference of the last parabola, 0 if it has no minimum.
+} // namespace
+
 double powell_search::dflmin(const std::vector<double>& dir, double first, double longest, double& curvature) {
     const std::vector<double> from = best;
     const double f0 = ffmin;
@@ -160,44 +140,45 @@ double powell_search::dflmin(const std::vector<double>& dir, double first, doubl
     }
     const point& low = p[lowest(p)];
     if (!(low.f < f0)) return 0.0;
-    for (int i = 1; i <= nparm; ++i)
-        if (estimates.ispar(i)) best[i - 1] += low.d * dir[i - 1];
+    for (std::size_t k = 0; k < best.size(); ++k)
+        if (searched[k]) best[k] += low.d * dir[k];
     ffmin = low.f;
     return f0 - ffmin;
 }
+
+namespace {
 
 void to_both(text_out& file, const std::string& text) {
     screen().raw(text);
     file.raw(text);
 }
 
-// Largest relative change of a searched parameter.
-double relative_change(const std::vector<double>& from, const std::vector<double>& to) {
+// Largest relative change of a coordinate that is searched.
+double relative_change(const powell_search& s, const std::vector<double>& from) {
     double most = 0.0;
-    for (int i = 1; i <= static_cast<int>(from.size()); ++i) {
-        const auto k = static_cast<std::size_t>(i - 1);
-        if (estimates.ispar(i))
-            most = std::max(most, std::fabs(to[k] - from[k]) / std::max(std::fabs(from[k]), std::sqrt(numbers.zero)));
-    }
+    for (std::size_t k = 0; k < from.size(); ++k)
+        if (s.searched[k])
+            most =
+                std::max(most, std::fabs(s.best[k] - from[k]) / std::max(std::fabs(from[k]), std::sqrt(numbers.zero)));
     return most;
 }
 
-// Directions along the parameters.
+// Directions along the coordinates.
 void fresh_directions(powell_search& s) {
+    const std::size_t n = s.best.size();
     s.dirs.clear();
-    s.step.assign(s.nparm, s.scale * first_step);
-    for (int i = 1; i <= s.nparm; ++i) {
-        s.dirs.emplace_back(static_cast<std::size_t>(s.nparm), 0.0);
-        s.dirs.back()[i - 1] = 1.0;
+    s.step.assign(n, s.scale * first_step);
+    for (std::size_t k = 0; k < n; ++k) {
+        s.dirs.emplace_back(n, 0.0);
+        s.dirs.back()[k] = 1.0;
     }
 }
 
 void start(powell_search& s) {
-    for (int i = 1; i <= s.nparm; ++i) s.best.push_back(s.parvec(i));
     fresh_directions(s);
     s.ztol = accuracy_zeros * numbers.zero;
     s.ffmin = s.at(s.best, s.best, 0.0);
-    if (s.ffmin < no_value) return;
+    if (s.ffmin < powell_search::no_value) return;
     print_list(screen(), "Routine \"POWELL\" : Invalid starting point ");
     stoptarvex();
 }
@@ -209,7 +190,7 @@ std::pair<double, std::size_t> search_directions(powell_search& s, int nround) {
     std::size_t which = 0;
     for (std::size_t k = 0; k < s.dirs.size(); ++k) {
         const int idir = static_cast<int>(k) + 1;
-        if (!estimates.ispar(idir)) continue;
+        if (!s.searched[k]) continue;
         double curvature = 0.0;
         // steps get shorter from round to round
         const double decrease = s.dflmin(s.dirs[k], 0.5 * s.step[k], s.scale * largest_step, curvature);
@@ -251,32 +232,27 @@ void new_direction(powell_search& s, const std::vector<double>& from, double f0,
 
 } // namespace
 
-void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& count) {
+bool search_by_directions(powell_search& s, int most_rounds) {
     constexpr edit_form first_line{"(a,g20.10)"};
     constexpr edit_form round_line{"(' IT=',I4,3X,'F=',G20.10,3X,'D=',G15.7,'  CH=',G10.3)"};
-    flag = 0;
-    powell_search s{parvec, nparm, no_value, {}, {}, {}, 0.0, 0};
-    if (maximise.powell_scale > 0.0) s.scale = maximise.powell_scale / ordinary_scale;
     start(s);
     write(screen(), first_line, " log l = ", -0.5 * s.ffmin);
-    const bool any = std::any_of(estimates.ispar.begin(), estimates.ispar.end(), [](int i) { return i != 0; });
-    // 0: no limit of the user
-    const int most_rounds = maximise.powell_its > 0 ? maximise.powell_its : rounds_per_parameter * (nparm + 10);
+    const bool any = std::any_of(s.searched.begin(), s.searched.end(), [](int i) { return i != 0; });
     bool fresh = true; // the round is along fresh directions: only then a small gain is an end
     for (int nround = 1; any && nround <= most_rounds; ++nround) {
         const double fpre0 = s.ffmin;
         const std::vector<double> from = s.best;
         const auto [most, which] = search_directions(s, nround);
         new_direction(s, from, fpre0, most, which);
-        const double xdel = relative_change(from, s.best);
+        const double xdel = relative_change(s, from);
         text_out file;
         file.open_append(filenames.iteratesfile);
         to_both(file, edit(round_line, nround, -0.5 * s.ffmin, s.ffmin - fpre0, 100.0 * xdel));
         const double decrease = fpre0 - s.ffmin;
         const bool small = xdel < xconv || decrease < flevel;
-        // a small gain along worn directions: once more along the parameters
         if (!small || !fresh) {
             fresh = small;
+            // a small gain along worn directions: once more along the parameters
             if (small) fresh_directions(s);
             if (nround == most_rounds)
                 to_both(file, "*** POWELL : No convergence after " + list_item(nround) + " rounds\n");
@@ -286,10 +262,33 @@ void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& cou
             to_both(file, "CONVERGENCE : CHANGE IN PARAMETERS " + list_item(xconv) + "\n");
         else
             to_both(file, "CONVERGENCE : CHANGE IN FUNCTION VALUE " + list_item(flevel) + "\n");
-        flag = 1;
-        break;
+        return true;
     }
-    for (int i = 1; i <= nparm; ++i) parvec(i) = s.best[i - 1];
+    return false;
+}
+
+int rounds_of_directions(int nparm) {
+    // 0: no limit of the user
+    return maximise.powell_its > 0 ? maximise.powell_its : rounds_per_parameter * (nparm + 10);
+}
+
+double scale_of_directions() { return maximise.powell_scale > 0.0 ? maximise.powell_scale / ordinary_scale : 1.0; }
+
+void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& count) {
+    powell_search s;
+    for (int i = 1; i <= nparm; ++i) {
+        s.best.push_back(parvec(i));
+        s.searched.push_back(estimates.ispar(i));
+    }
+    s.scale = scale_of_directions();
+    s.value = [&](const std::vector<double>& x) {
+        std::copy(x.begin(), x.end(), parvec.begin());
+        const double xlike = evaluate_point(parvec, 0);
+        // an invalid point is a wall, not a value to be interpolated
+        return xlike > invalid_logl + s.ztol ? -2.0 * xlike : powell_search::no_value;
+    };
+    flag = search_by_directions(s, rounds_of_directions(nparm)) ? 1 : 0;
+    std::copy(s.best.begin(), s.best.end(), parvec.begin());
     // back at the best point: the last one tried was another
     xbest = evaluate_point(parvec, 0);
     count = s.count;

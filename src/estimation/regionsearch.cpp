@@ -61,19 +61,6 @@ void to_best_point() {
     from_best_point();
 }
 
-// One parameter of the model: its place, and its change by a unit step.
-struct region_axis {
-    int par;
-    double unit;
-    bool logarithm;
-};
-
-struct region_model {
-    std::vector<region_axis> axes;
-    std::vector<double> g;
-    array<double, 2> h;
-};
-
 bool on_border(int par) {
     // log L would have it smaller still
     return estimates.logpar(par) && estimates.parvec(par) < least_log() + border_width && derivs.der1(par) <= 0.0;
@@ -121,7 +108,8 @@ void add_covariances(int irand, int step, std::vector<region_axis>& axes) {
         }
 }
 
-// The quadratic model at parvec, in units of the axes.
+} // namespace
+
 region_model model_here() {
     region_model m;
     for (int irand = estimates.nresparm == 0 ? 1 : 0; irand <= numbers.krand; ++irand)
@@ -141,8 +129,7 @@ region_model model_here() {
     return m;
 }
 
-// Trial point of a step; logarithms end at their least value.
-void move(const region_model& m, const std::vector<double>& step) {
+void move_by(const region_model& m, const std::vector<double>& step) {
     search_state.parnew = estimates.parvec;
     for (std::size_t k = 0; k < m.axes.size(); ++k) {
         double& p = search_state.parnew(m.axes[k].par);
@@ -152,6 +139,8 @@ void move(const region_model& m, const std::vector<double>& step) {
     }
     damage_control();
 }
+
+namespace {
 
 // Gradient and information at parvec. False where the point has no value.
 bool derivatives_here(double& xold) {
@@ -168,7 +157,8 @@ bool derivatives_here(double& xold) {
     return true;
 }
 
-// True if some pivot is small against what the rows below it still hold: the factor is to be laid out anew.
+} // namespace
+
 bool badly_ordered() {
     array<double> parvec = estimates.parvec, cc;
     array<double, 2> vv;
@@ -196,7 +186,6 @@ bool badly_ordered() {
     return bad;
 }
 
-// The verdict would be an end, with next to nothing left to gain, or little after a step that won next to nothing.
 bool at_rest() {
     const search_verdict v = verdict_of_derivatives();
     if (v.kind == search_end::not_maximum || !v.lifts.empty()) return false;
@@ -204,6 +193,8 @@ bool at_rest() {
     const bool crept = aireml_terms.last_change > 0.0 && aireml_terms.last_change < rest_share * verdict_limit;
     return v.promised < (crept ? crept_share : rest_share) * verdict_limit;
 }
+
+namespace {
 
 enum class region_end { accepted, arrived, stuck, poor };
 
@@ -218,7 +209,7 @@ region_end try_steps(const region_model& m, double xold, double& xnew, trust_reg
     for (;;) {
         if (region.radius < least_radius) return region_end::stuck;
         const region_step s = step_in_region(m.h, m.g, region.radius);
-        move(m, s.step);
+        move_by(m, s.step);
         xnew = evaluate_point(search_state.parnew, 0);
         t.alpha = s.length;
         t.tau = s.lambda;

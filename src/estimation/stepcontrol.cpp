@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <vector>
 
@@ -70,7 +71,7 @@ void get_hessian(array<double>& gradient) {
     }
 }
 
-// dvec = inverse times gradient, eigenvalues below tau replaced by it; those that are 0 have no part in it.
+// dvec = inverse times gradient, eigenvalues below tau replaced by it: tau is positive where one is not.
 void step_from_eigenvalues(const array<double>& eig, const array<double, 2>& vectors, double tau,
                            const array<double>& gradient) {
     const int n = size();
@@ -78,7 +79,7 @@ void step_from_eigenvalues(const array<double>& eig, const array<double, 2>& vec
         double s = 0.0;
         for (int i = 1; i <= n; ++i) s += vectors(i, k) * gradient(i);
         // only eigenvalues below tau are damped: the rest of the step is Newton's
-        s *= eig(k) < tau ? 1.0 / tau : eig(k) == 0.0 ? 0.0 : 1.0 / eig(k);
+        s *= eig(k) < tau ? 1.0 / tau : 1.0 / eig(k);
         for (int i = 1; i <= n; ++i) derivs.dvec(i) += vectors(i, k) * s;
     }
 }
@@ -87,7 +88,7 @@ void step_from_eigenvalues(const array<double>& eig, const array<double, 2>& vec
 void direct_step(double smallest, double& tau, array<double>& gradient) {
     const int n = size();
     // what the matrix has of its own need not be added
-    if (tau > 0.0 && smallest < tau) tau -= tau_overlap * smallest;
+    if (tau > 0.0) tau -= tau_overlap * smallest;
     for (;;) {
         for (int i = 1; i <= n; ++i) derivs.hess(ihmssf(i, i, n)) += tau;
         int nrank = 0;
@@ -248,71 +249,71 @@ void eztimates(int iter, double& xnew) {
     if (options.verbose) write(screen(), trial_line, " Tau =", at.tau, " Alpha =", at.alpha, "  log L =", xnew);
 }
 
-void line_search(double xold, double& xnew, bool& fail) {
-    auto& alpha = aireml_terms.alpha;
-    const double f0 = -xold, slope = aireml_terms.slope;
-    double f1 = -xnew;
-    fail = false;
-
-    double rellen = 0.0, length = 0.0, norm = 0.0;
-    for (int i = 1; i <= size(); ++i) {
-        const double p = estimates.parvec(derivs.subset(i));
-        // relative to the parameters, of at least 1: below the tolerance a step changes nothing
-        rellen = std::max(rellen, std::fabs(derivs.dvec(i)) / std::max(std::fabs(p), 1.0));
-        length += derivs.dvec(i) * derivs.dvec(i);
-    }
-    for (double p : estimates.parvec) norm += p * p;
-    const double minlambda = rellen > 0.0 ? linesearch.ls_steptol / rellen : std::numeric_limits<double>::infinity();
-    linesearch.ls_maxstep = std::max(longest_per_norm * std::sqrt(norm), longest_at_least);
-    if (std::sqrt(length) > linesearch.ls_maxstep)
-        for (double& d : derivs.dvec) d *= linesearch.ls_maxstep / std::sqrt(length);
-
+length_search search_lengths(const std::function<double(double)>& value, const length_search& start) {
+    length_search s = start;
+    const double f0 = s.f0, slope = s.slope;
+    double& alpha = s.alpha;
     double lambda = alpha;
-    const auto give_up = [&] {
-        print_list(screen(), "line search failed", f0, f1, lambda, minlambda);
-        xnew = -f1;
-        fail = true;
+    const auto end = [&](bool found) {
+        s.found = found;
+        s.lambda = lambda;
+        return s;
     };
-    while (f1 > no_value) { // the last trial had no value
+    while (s.f1 > no_value) { // the last trial had no value
         alpha *= after_invalid;
-        if (alpha < minlambda) return give_up();
-        f1 = evaluate(alpha);
-        if (options.details) print_list(screen(), alpha, f1, f0);
-        if (f1 < f0) {
-            xnew = -f1;
-            return;
-        }
+        if (alpha < s.minlambda) return end(false);
+        s.f1 = value(alpha);
+        if (options.details) print_list(screen(), alpha, s.f1, f0);
+        if (s.f1 < f0) return end(true);
     }
     const auto limited = [&](double l) {
         // two equal lengths
         if (std::isnan(l)) l = linesearch.ls_shrink * alpha;
         return std::max(std::min(l, linesearch.ls_grow * alpha), linesearch.ls_shrink * alpha);
     };
-    double last_alpha = alpha, last_f = f1;
     // minimum of the parabola, then of cubics (Dennis and Schnabel 1983, algorithm A6.3.1)
-    lambda = limited(-(0.5 * slope) / (f1 - f0 - slope));
+    double last_alpha = alpha, last_f = s.f1;
+    lambda = limited(-(0.5 * slope) / (s.f1 - f0 - slope));
     if (options.details) print_list(screen(), "alpha", alpha, lambda, "slope", slope);
     for (int tries = 1;; ++tries) {
-        if (!(lambda >= minlambda)) return give_up();
+        if (!(lambda >= s.minlambda)) return end(false);
         alpha = lambda;
-        f1 = evaluate(alpha);
-        while (f1 > no_value) {
+        s.f1 = value(alpha);
+        while (s.f1 > no_value) {
             alpha *= off_invalid;
-            if (alpha < minlambda) return give_up();
-            f1 = evaluate(alpha);
+            if (alpha < s.minlambda) return end(false);
+            s.f1 = value(alpha);
             if (options.details) print_list(screen(), "inv", alpha);
         }
-        if (options.details && tries > 1) print_list(screen(), "cub", tries, lambda, f1, f0);
+        if (options.details && tries > 1) print_list(screen(), "cub", tries, lambda, s.f1, f0);
         // a share of the decrease that the slope promises
-        if (f1 <= f0 + linesearch.ls_alpha * alpha * slope) {
-            xnew = -f1;
-            return;
-        }
-        if (tries >= most_tries) return give_up();
-        lambda = limited(cubic_minimum(alpha, f1, last_alpha, last_f, f0, slope));
+        if (s.f1 <= f0 + linesearch.ls_alpha * alpha * slope) return end(true);
+        if (tries >= most_tries) return end(false);
+        lambda = limited(cubic_minimum(alpha, s.f1, last_alpha, last_f, f0, slope));
         last_alpha = alpha;
-        last_f = f1;
+        last_f = s.f1;
     }
+}
+
+void line_search(double xold, double& xnew, bool& fail) {
+    double rellen = 0.0, length = 0.0, norm = 0.0;
+    for (int i = 1; i <= size(); ++i) {
+        const double p = estimates.parvec(derivs.subset(i));
+        rellen = std::max(rellen, std::fabs(derivs.dvec(i)) / std::max(std::fabs(p), 1.0));
+        length += derivs.dvec(i) * derivs.dvec(i);
+    }
+    for (double p : estimates.parvec) norm += p * p;
+    // relative to the parameters, of at least 1: below the tolerance a step changes nothing
+    const double minlambda = rellen > 0.0 ? linesearch.ls_steptol / rellen : std::numeric_limits<double>::infinity();
+    linesearch.ls_maxstep = std::max(longest_per_norm * std::sqrt(norm), longest_at_least);
+    if (std::sqrt(length) > linesearch.ls_maxstep)
+        for (double& d : derivs.dvec) d *= linesearch.ls_maxstep / std::sqrt(length);
+
+    const length_search s = search_lengths(evaluate, {-xold, aireml_terms.slope, minlambda, aireml_terms.alpha, -xnew});
+    aireml_terms.alpha = s.alpha;
+    xnew = -s.f1;
+    fail = !s.found;
+    if (fail) print_list(screen(), "line search failed", s.f0, s.f1, s.lambda, minlambda);
 }
 
 } // namespace tarvex

@@ -115,7 +115,7 @@ bool trust_region::judge(double won, double promised, double length) {
         radius = poor_ratio * length;
     else if (ratio > good_ratio && length > at_edge * radius)
         radius = std::min(2.0 * radius, largest);
-    return won > 0.0 && ratio > least_ratio;
+    return ratio > least_ratio;
 }
 
 void trust_region::invalid(double length) {
