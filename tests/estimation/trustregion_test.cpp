@@ -100,6 +100,24 @@ TEST(trust_region_test, radius_follows_what_steps_win) {
     EXPECT_EQ(r.poor, 0);
 }
 
+TEST(trust_region_test, thresholds_of_the_radius_from_both_sides) {
+    struct trial {
+        double won, length, radius;
+        bool accepted;
+    };
+    // of a promise of 1, in a region of radius 1
+    for (const trial& t : {trial{0.751, 0.91, 2.0, true}, trial{0.749, 0.91, 1.0, true}, trial{0.751, 0.89, 1.0, true},
+                           trial{0.251, 0.8, 1.0, true}, trial{0.249, 0.8, 0.2, true}, trial{1.01e-4, 0.8, 0.2, true},
+                           trial{0.99e-4, 0.8, 0.2, false}, trial{-2.0, 0.8, 0.2, false}}) {
+        trust_region r;
+        EXPECT_EQ(r.judge(t.won, 1.0, t.length), t.accepted) << t.won;
+        EXPECT_DOUBLE_EQ(r.radius, t.radius) << t.won << " at " << t.length;
+        EXPECT_EQ(r.poor, t.won < 0.25 ? 1 : 0);
+    }
+    trust_region r;
+    EXPECT_FALSE(r.judge(1.0, 0.0, 0.5)) << "nothing was promised";
+}
+
 TEST(trust_region_test, radius_has_a_limit_and_is_halved_where_there_is_no_value) {
     trust_region r;
     for (int k = 0; k < 10; ++k) r.judge(1.0, 1.0, r.radius);
