@@ -168,6 +168,26 @@ TEST_F(maximisers_test, expanded_rounds_are_no_more_than_plain_ones) {
     }
 }
 
+// From 18 parameters on plans begin with rounds of EM, and leave them: from starts that are far off too.
+TEST_F(maximisers_test, mixtures_from_poor_starts_leave_plain_average_information_and_end_at_one_maximum) {
+    small_model m = families(3, 150);
+    m.random.push_back({"dam", "IDE", 3, 0, {0.3, 0.0, 0.0, 0.3, 0.0, 0.3}});
+    const maximum want = run(m, {"--aireml200"}, false);
+    ASSERT_EQ(estimates.nparm, 18);
+    for (const double factor : {0.01, 30.0})
+        for (const auto& plan : std::vector<std::vector<std::string>>{{}, {"--bad"}, {"--emai2"}}) {
+            SCOPED_TRACE(std::to_string(factor) + (plan.empty() ? " default" : plan[0]));
+            small_model far = m;
+            for (double& g : far.random[0].g) g *= factor;
+            expect_same(run(far, plan, false), want, 0.01); // the maximum lies at the border
+            std::string labels;
+            for (const auto& line : iterates()) labels += line.label[0];
+            const char first = !plan.empty() && plan[0].starts_with("--emai") ? 'E' : 'P';
+            EXPECT_EQ(labels[1], first) << labels;
+            EXPECT_NE(labels.find('A'), std::string::npos) << labels;
+        }
+}
+
 TEST_F(maximisers_test, components_of_full_rank_are_the_ordinary_fit) {
     small_model m = families(3, 150);
     const maximum want = run(m, {"--aireml200"});
