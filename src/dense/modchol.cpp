@@ -64,7 +64,7 @@ void cholupd(array<double, 2>& w, int n, int j) {
     for (int i = j + 1; i <= n; ++i) w(i, j) /= w(j, j);
     for (int k = j + 1; k <= n; ++k) {
         auto wk = w.column(k);
-        const double f = lj[static_cast<std::size_t>(k - 1)];
+        const double f = lj[k - 1];
         if (f == 0.0) continue;
         for (auto i = static_cast<std::size_t>(j); i < static_cast<std::size_t>(n); ++i) wk[i] -= lj[i] * f;
     }
@@ -98,7 +98,7 @@ void gersch(const array<double, 2>& w, int n, int first, std::vector<double>& g)
         double off = 0.0;
         for (int k = first; k <= n; ++k)
             if (k != i) off += std::abs(w(k, i));
-        g[static_cast<std::size_t>(i)] = w(i, i) - off;
+        g[i] = w(i, i) - off;
     }
 }
 
@@ -136,14 +136,14 @@ void last_row(array<double, 2>& w, modchl_factor& f, const limits& lim) {
 // Second phase from row `first` on: rows are taken by their Gerschgorin bounds and get what makes them dominant.
 void second_phase(array<double, 2>& w, modchl_factor& f, const limits& lim, int first) {
     const int n = f.n;
-    std::vector<double> g(static_cast<std::size_t>(n + 1));
+    std::vector<double> g(n + 1);
     gersch(w, n, first, g);
     double before = 0.0;
     for (int j = first; j <= n - 2; ++j) {
         // the row with the highest lower bound is the safest
         const auto top = std::max_element(g.begin() + j, g.end()) - g.begin();
         swap_rows(w, f.perm, n, j, static_cast<int>(top), j);
-        std::swap(g[static_cast<std::size_t>(top)], g[static_cast<std::size_t>(j)]);
+        std::swap(g[top], g[j]);
         double norm = 0.0;
         for (int i = j + 1; i <= n; ++i) norm += std::abs(w(i, j));
         // diagonal dominance of the row; additions never fall
@@ -152,8 +152,7 @@ void second_phase(array<double, 2>& w, modchl_factor& f, const limits& lim, int 
         before = std::max(before, delta);
         // bounds of the rest after this step: each row loses the element in column j, and at most its share of norm
         if (w(j, j) != norm)
-            for (int i = j + 1; i <= n; ++i)
-                g[static_cast<std::size_t>(i)] += std::abs(w(i, j)) * (1.0 - norm / w(j, j));
+            for (int i = j + 1; i <= n; ++i) g[i] += std::abs(w(i, j)) * (1.0 - norm / w(j, j));
         cholupd(w, n, j);
     }
     fin2x2(w, f, lim, before);
@@ -190,7 +189,7 @@ void take_single(array<double, 2>& w, ldl_factor& f, int j, double tol) {
     auto lj = w.column(j);
     for (int k = j + 1; k <= n; ++k) {
         auto wk = w.column(k);
-        const double factor = lj[static_cast<std::size_t>(k - 1)] / d;
+        const double factor = lj[k - 1] / d;
         for (auto i = static_cast<std::size_t>(j); i < static_cast<std::size_t>(n); ++i) wk[i] -= lj[i] * factor;
     }
     for (int i = j + 1; i <= n; ++i) w(i, j) /= d;
@@ -207,7 +206,7 @@ void take_pair(array<double, 2>& w, ldl_factor& f, int j) {
     ++f.negative;
     auto u = w.column(j), v = w.column(j + 1);
     // (lu lv) = (u v) B^-1 for the block B; the rest loses (lu lv) (u v)'
-    std::vector<double> lu(static_cast<std::size_t>(n)), lv(lu.size());
+    std::vector<double> lu(n), lv(lu.size());
     for (auto i = static_cast<std::size_t>(j + 1); i < lu.size(); ++i) {
         lu[i] = (c * u[i] - b * v[i]) / det;
         lv[i] = (a * v[i] - b * u[i]) / det;
@@ -253,11 +252,11 @@ void modchl(const array<double, 2>& a, int n, double tol1, double tol2, modchl_f
 }
 
 void solve_modchl(const modchl_factor& f, std::span<const double> r, std::span<double> x) {
-    std::vector<double> y(static_cast<std::size_t>(f.n));
+    std::vector<double> y(f.n);
     // into the order of L and back
-    for (int i = 1; i <= f.n; ++i) y[static_cast<std::size_t>(i - 1)] = r[static_cast<std::size_t>(f.perm(i) - 1)];
+    for (int i = 1; i <= f.n; ++i) y[i - 1] = r[f.perm(i) - 1];
     solve(f.n, f.l, y, y);
-    for (int i = 1; i <= f.n; ++i) x[static_cast<std::size_t>(f.perm(i) - 1)] = y[static_cast<std::size_t>(i - 1)];
+    for (int i = 1; i <= f.n; ++i) x[f.perm(i) - 1] = y[i - 1];
 }
 
 void ldlfac(const array<double, 2>& a, int n, double tol, ldl_factor& f) {
@@ -289,16 +288,16 @@ void ldlfac(const array<double, 2>& a, int n, double tol, ldl_factor& f) {
 void solve_ldl(const ldl_factor& f, std::span<const double> r, std::span<double> x, bool convex) {
     const auto n = static_cast<std::size_t>(f.n);
     std::vector<double> y(n);
-    for (std::size_t i = 0; i < n; ++i) y[i] = r[static_cast<std::size_t>(f.perm(i + 1) - 1)];
+    for (std::size_t i = 0; i < n; ++i) y[i] = r[f.perm(i + 1) - 1];
     for (std::size_t j = 0; j < n; ++j) {
         const auto col = f.l.column(static_cast<std::ptrdiff_t>(j + 1));
         for (std::size_t i = j + 1; i < n; ++i) y[i] -= col[i] * y[j];
     }
     // sub is not zero at the first row of a block of order 2 alone
     for (int j = 1; j <= f.n; ++j) {
-        double& yj = y[static_cast<std::size_t>(j - 1)];
+        double& yj = y[j - 1];
         if (f.sub(j) != 0.0) {
-            solve_pair(f.d(j), f.sub(j), f.d(j + 1), convex, yj, y[static_cast<std::size_t>(j)]);
+            solve_pair(f.d(j), f.sub(j), f.d(j + 1), convex, yj, y[j]);
             ++j;
         } else {
             yj = f.d(j) == 0.0 ? 0.0 : yj / (convex ? std::abs(f.d(j)) : f.d(j));
@@ -308,7 +307,7 @@ void solve_ldl(const ldl_factor& f, std::span<const double> r, std::span<double>
         const auto col = f.l.column(static_cast<std::ptrdiff_t>(j + 1));
         for (std::size_t i = j + 1; i < n; ++i) y[j] -= col[i] * y[i];
     }
-    for (std::size_t i = 0; i < n; ++i) x[static_cast<std::size_t>(f.perm(i + 1) - 1)] = y[i];
+    for (std::size_t i = 0; i < n; ++i) x[f.perm(i + 1) - 1] = y[i];
 }
 
 } // namespace tarvex

@@ -33,10 +33,10 @@ inline void rotate_pair(double* x, double* y, int n, std::ptrdiff_t stride, doub
 void rotate_row(std::vector<double>& w, std::vector<double>& v, std::vector<double>& row, int n, int p) {
     const auto ld = static_cast<std::ptrdiff_t>(n);
     double* const wp = w.data() + p * ld;
-    for (int k = p + 1; k < n; ++k) row[static_cast<std::size_t>(k)] = w[static_cast<std::size_t>(k * ld + p)];
+    for (int k = p + 1; k < n; ++k) row[k] = w[k * ld + p];
     for (int q = p + 1; q < n; ++q) {
         double* const wq = w.data() + q * ld;
-        const double apq = row[static_cast<std::size_t>(q)];
+        const double apq = row[q];
         if (!(std::abs(apq) > EZERO)) continue;
         // t = tan of the angle: the smaller root of t^2 + 2 theta t - 1 = 0
         const double theta = (wq[q] - wp[p]) * 0.5 / apq;
@@ -50,9 +50,9 @@ void rotate_row(std::vector<double>& w, std::vector<double>& v, std::vector<doub
         rotate_pair(v.data() + p * ld, v.data() + q * ld, n, 1, c, s);
         wp[p] -= t * apq;
         wq[q] += t * apq;
-        row[static_cast<std::size_t>(q)] = 0.0;
+        row[q] = 0.0;
     }
-    for (int k = p + 1; k < n; ++k) w[static_cast<std::size_t>(k * ld + p)] = row[static_cast<std::size_t>(k)];
+    for (int k = p + 1; k < n; ++k) w[k * ld + p] = row[k];
 }
 
 // Sums of squares of all elements and of those off the diagonal.
@@ -75,7 +75,7 @@ void no_convergence() {
 
 // Makes w diagonal; v collects the rotations.
 void jacobi(std::vector<double>& w, std::vector<double>& v, int n) {
-    std::vector<double> row(static_cast<std::size_t>(n));
+    std::vector<double> row(n);
     for (int sweep = 1; sweep <= MAX; ++sweep) {
         for (int p = 0; p < n - 1; ++p) rotate_row(w, v, row, n, p);
         double all, off;
@@ -89,19 +89,19 @@ void jacobi(std::vector<double>& w, std::vector<double>& v, int n) {
 // Sweeps the packed triangle on row k; swept rows then hold minus the inverse. col: work, n elements.
 void sweep(std::span<double> a, int n, int k, std::vector<double>& col) {
     // row and column k of the matrix as it is, out of the triangle
-    for (int i = 1; i < k; ++i) col[static_cast<std::size_t>(i - 1)] = a[static_cast<std::size_t>(ihmssf(i, k, n) - 1)];
+    for (int i = 1; i < k; ++i) col[i - 1] = a[ihmssf(i, k, n) - 1];
     double* const row_k = a.data() + ihmssf(k, k, n) - k; // element (k,j) at [j-1]
-    for (int j = k; j <= n; ++j) col[static_cast<std::size_t>(j - 1)] = row_k[j - 1];
+    for (int j = k; j <= n; ++j) col[j - 1] = row_k[j - 1];
     // a(i,j) - a(i,k) a(k,j)/d; column k divided by d, and -1/d
-    const double pivot = col[static_cast<std::size_t>(k - 1)];
+    const double pivot = col[k - 1];
     for (int i = 1; i <= n; ++i) {
-        const double f = col[static_cast<std::size_t>(i - 1)] / pivot;
+        const double f = col[i - 1] / pivot;
         if (i == k || f == 0.0) continue;
         double* const row = a.data() + ihmssf(i, i, n) - i;
-        for (int j = i; j <= n; ++j) row[j - 1] -= f * col[static_cast<std::size_t>(j - 1)];
+        for (int j = i; j <= n; ++j) row[j - 1] -= f * col[j - 1];
         if (i < k) row[k - 1] = f;
     }
-    for (int j = k + 1; j <= n; ++j) row_k[j - 1] = col[static_cast<std::size_t>(j - 1)] / pivot;
+    for (int j = k + 1; j <= n; ++j) row_k[j - 1] = col[j - 1] / pivot;
     row_k[k - 1] = -1.0 / pivot;
 }
 
@@ -110,8 +110,8 @@ int next_pivot(std::span<const double> a, int n, const std::vector<char>& swept)
     int best = 0;
     double amax = -1.0;
     for (int i = 1; i <= n; ++i) {
-        const double d = std::abs(a[static_cast<std::size_t>(ihmssf(i, i, n) - 1)]);
-        if (!swept[static_cast<std::size_t>(i - 1)] && d > amax) {
+        const double d = std::abs(a[ihmssf(i, i, n) - 1]);
+        if (!swept[i - 1] && d > amax) {
             amax = d;
             best = i;
         }
@@ -158,7 +158,7 @@ void eigem(const array<double, 2>& a, array<double>& eig, array<double, 2>& vect
     std::stable_sort(by_size.begin(), by_size.end(), [&](int i, int j) { return value(i) > value(j); });
     nzero = 0;
     for (int k = 1; k <= n; ++k) {
-        const int from = by_size[static_cast<std::size_t>(k - 1)];
+        const int from = by_size[k - 1];
         eig(k) = value(from);
         if (eig(k) < tol) ++nzero;
         std::copy_n(v.begin() + static_cast<std::ptrdiff_t>(from) * n, n, vectors.column(k).begin());
@@ -218,13 +218,13 @@ void gen_inverse(std::span<double> a, int n, double tol, int& rank, double& ldet
         a[0] = rank ? 1.0 / a[0] : 0.0;
         return;
     }
-    std::vector<char> swept(static_cast<std::size_t>(std::max(n, 0)), 0);
+    std::vector<char> swept(std::max(n, 0), 0);
     std::vector<double> col(swept.size());
     while (const int k = next_pivot(a, n, swept)) {
-        const double dmax = a[static_cast<std::size_t>(ihmssf(k, k, n) - 1)];
+        const double dmax = a[ihmssf(k, k, n) - 1];
         if (!(std::abs(dmax) > tol)) break;
         tell_pivot(rank + 1, k, dmax);
-        swept[static_cast<std::size_t>(k - 1)] = 1;
+        swept[k - 1] = 1;
         ++rank;
         ldet += std::log(std::abs(dmax));
         if (dmax < 0.0) ++neg;
@@ -233,18 +233,17 @@ void gen_inverse(std::span<double> a, int n, double tol, int& rank, double& ldet
     // swept rows hold minus the inverse; rows never swept are no part of it
     std::size_t ij = 0;
     for (int i = 0; i < n; ++i)
-        for (int j = i; j < n; ++j, ++ij)
-            a[ij] = swept[static_cast<std::size_t>(i)] && swept[static_cast<std::size_t>(j)] ? -a[ij] : 0.0;
+        for (int j = i; j < n; ++j, ++ij) a[ij] = swept[i] && swept[j] ? -a[ij] : 0.0;
     tell_negative(neg);
     if (negative) *negative = neg;
 }
 
 bool invvert(std::span<double> a, int n) {
-    std::vector<char> swept(static_cast<std::size_t>(std::max(n, 0)), 0);
+    std::vector<char> swept(std::max(n, 0), 0);
     std::vector<double> col(swept.size());
     while (const int k = next_pivot(a, n, swept)) {
-        if (!(std::abs(a[static_cast<std::size_t>(ihmssf(k, k, n) - 1)]) >= ZERO)) return false;
-        swept[static_cast<std::size_t>(k - 1)] = 1;
+        if (!(std::abs(a[ihmssf(k, k, n) - 1]) >= ZERO)) return false;
+        swept[k - 1] = 1;
         sweep(a, n, k, col);
     }
     for (double& x : a.first(static_cast<std::size_t>(n) * static_cast<std::size_t>(n + 1) / 2)) x = -x;
@@ -255,14 +254,14 @@ void solve(int n, const array<double, 2>& a, std::span<const double> r, std::spa
     if (x.data() != r.data()) std::copy_n(r.begin(), n, x.begin());
     for (int j = 1; j <= n; ++j) {
         const auto col = a.column(j);
-        const double xj = x[static_cast<std::size_t>(j - 1)] /= col[static_cast<std::size_t>(j - 1)];
+        const double xj = x[j - 1] /= col[j - 1];
         for (auto i = static_cast<std::size_t>(j); i < static_cast<std::size_t>(n); ++i) x[i] -= col[i] * xj;
     }
     for (int j = n; j >= 1; --j) {
         const auto col = a.column(j);
-        double s = x[static_cast<std::size_t>(j - 1)];
+        double s = x[j - 1];
         for (auto i = static_cast<std::size_t>(j); i < static_cast<std::size_t>(n); ++i) s -= col[i] * x[i];
-        x[static_cast<std::size_t>(j - 1)] = s / col[static_cast<std::size_t>(j - 1)];
+        x[j - 1] = s / col[j - 1];
     }
 }
 

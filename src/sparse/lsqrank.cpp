@@ -20,7 +20,7 @@ namespace {
 
 // Structure of the rows `eq` in the given order, with the coefficients in their places.
 void lay_out(row_factor& f, const normal_equations& a) {
-    std::vector<int> place(static_cast<std::size_t>(a.n), 0);
+    std::vector<int> place(a.n, 0);
     for (int k = 1; k <= f.n; ++k) place[f.eq[k]] = k;
     array<int> xadj, adjncy;
     xadj.allocate(f.n + 1);
@@ -41,13 +41,13 @@ void lay_out(row_factor& f, const normal_equations& a) {
     int flag = 0;
     ssmbfct(f.n, xadj, adjncy, {}, {}, f.ixvec1, f.maxlnz, f.ixvec2, f.ixsub, f.maxsub, flag);
     if (flag != 0) stop("alloc zhz");
-    f.x.assign(static_cast<std::size_t>(f.maxlnz), 0.0);
+    f.x.assign(f.maxlnz, 0.0);
     each([&](int low, int high, double value) {
         const int c = f.ixvec1(low + 1) - f.ixvec1(low);
         const int* first = f.ixsub.data() + f.ixvec2(low) - 1;
         // subscripts of a row ascend
         const auto at = std::lower_bound(first, first + c, high) - first;
-        f.x[static_cast<std::size_t>(f.ixvec1(low) - 1 + at)] = value;
+        f.x[f.ixvec1(low) - 1 + at] = value;
     });
 }
 
@@ -109,7 +109,7 @@ row_factor factorise(const normal_equations& a, std::vector<int> eq, double limi
 
 // Solutions by equation, 0 for rows that were not used.
 std::vector<double> back_solution(const row_factor& f, int n) {
-    std::vector<double> xsol(static_cast<std::size_t>(n), 0.0);
+    std::vector<double> xsol(n, 0.0);
     for (int j = f.n; j >= 1; --j) {
         // its solution stays 0: one of the many solutions
         if (f.out[j]) continue;
@@ -254,7 +254,7 @@ void subtract(null_vector& w, const null_vector& u) {
 // Echelon form: no two vectors end in the same equation. Returned by that equation, descending; fewer vectors than
 // given mean that they were not told apart.
 std::vector<null_vector> echelon(std::vector<null_vector> all, int n) {
-    std::vector<std::vector<null_vector>> ending(static_cast<std::size_t>(n));
+    std::vector<std::vector<null_vector>> ending(n);
     auto file = [&](null_vector&& w) {
         if (!w.element.empty()) ending[w.element.front().first].push_back(std::move(w));
     };
@@ -310,7 +310,7 @@ void bring_to(std::vector<double>& xsol, const std::vector<null_vector>& vectors
 // that is not used.
 std::vector<int> fill_reducing_order(const normal_equations& a, const std::vector<int>& part) {
     const int n = static_cast<int>(part.size());
-    std::vector<int> local(static_cast<std::size_t>(a.n), -1), start{0}, adjacent;
+    std::vector<int> local(a.n, -1), start{0}, adjacent;
     for (int k = 0; k < n; ++k) local[part[k]] = k;
     for (int i : part) {
         for (auto k = a.start[i]; k < a.start[i + 1]; ++k)
@@ -355,7 +355,7 @@ void normal_equations::finish() {
 }
 
 row_factor factor_of(const normal_equations& a) {
-    std::vector<int> part(static_cast<std::size_t>(a.n));
+    std::vector<int> part(a.n);
     std::iota(part.begin(), part.end(), 0);
     return factorise(a, fill_reducing_order(a, part), 0.0);
 }

@@ -62,7 +62,7 @@ struct scotch_graph {
         if (SCOTCH_contextBindGraph(context, &plain, &bound) != 0) return 3;
         // 0 levels: as the library likes; 0.2: how unequal the halves may be
         if (SCOTCH_stratGraphOrderBuild(&strategy, SCOTCH_STRATQUALITY, 0, 0.2) != 0) return 4;
-        out.node.resize(static_cast<std::size_t>(g.n));
+        out.node.resize(g.n);
         out.place.resize(out.node.size());
         return SCOTCH_graphOrder(&bound, &strategy, out.place.data(), out.node.data(), nullptr, nullptr, nullptr);
     }
@@ -97,7 +97,7 @@ node_order metis_order(const order_graph& g, const metis_settings& settings) {
     if (g.n == 0) return order;
     idx_t o[METIS_NOPTIONS], n = g.n;
     metis_options(settings, o);
-    order.node.resize(static_cast<std::size_t>(g.n));
+    order.node.resize(g.n);
     order.place.resize(order.node.size());
     auto* start = const_cast<int*>(g.start.data()); // read only, but not declared so
     auto* adjacent = const_cast<int*>(g.adjacent.data());
@@ -111,7 +111,7 @@ node_order amd_node_order(int n, const int* start, const int* adjacent) {
     if (n == 0) return order;
     double info[AMD_INFO];
     constexpr int none = 0; // the library takes no null pointer for a graph without edges
-    order.node.resize(static_cast<std::size_t>(n));
+    order.node.resize(n);
     const int status = amd_order(n, start, adjacent ? adjacent : &none, order.node.data(), nullptr, info);
     // jumbled: rows that do not ascend, which costs time but is no failure
     if (status == AMD_OUT_OF_MEMORY) return {{}, {}, out_of_memory, 0.0};
@@ -132,7 +132,7 @@ node_order scotch_order(const order_graph& g) {
 
 node_order heavy_last_order(const order_graph& g, const metis_settings& settings, int times) {
     if (g.n == 0) return {};
-    std::vector<int> degree(static_cast<std::size_t>(g.n));
+    std::vector<int> degree(g.n);
     for (int i = 0; i < g.n; ++i) degree[i] = g.start[i + 1] - g.start[i];
     std::vector<int> sorted = degree;
     // the lower median

@@ -386,7 +386,7 @@ private:
         if (!p.state.compare_exchange_strong(expected, tree_piece::claimed, std::memory_order_acq_rel)) return;
         try {
             const int slot = shared_.slot();
-            auto& mine = of_slot_[static_cast<std::size_t>(slot)];
+            auto& mine = of_slot_[slot];
             if (!mine) mine = std::make_unique<factor_work>(make_work(all_, shared_.packing_of_slot(slot), false));
             mine->events = &p.events;
             for (int s = p.step.first; s < p.step.end; ++s) factor_supernode(s, *mine, p.bad);

@@ -350,7 +350,7 @@ private:
     }
     void invert_piece(const supernode_tree::step& step) {
         const int slot = shared_.slot();
-        auto& mine = of_slot_[static_cast<std::size_t>(slot)];
+        auto& mine = of_slot_[slot];
         if (!mine) mine = std::make_unique<inverse_work>(make_work(all_, shared_.packing_of_slot(slot), false));
         for (int s = step.end - 1; s >= step.first; --s) invert_front(s, *mine);
     }

@@ -45,7 +45,7 @@ void solve_back_supernodes(const sparse_store& m, sparse_work& w, array<double>&
             pieces.push_back(tree.steps[i]);
         else
             solve_columns_of(m, tree, tree.steps[i], solns);
-    const auto work = [&](int i) { solve_columns_of(m, tree, pieces[static_cast<std::size_t>(i)], solns); };
+    const auto work = [&](int i) { solve_columns_of(m, tree, pieces[i], solns); };
     pool->run([&] {
         pool->each(
             static_cast<int>(pieces.size()),

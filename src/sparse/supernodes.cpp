@@ -321,7 +321,7 @@ kernel_space packing_of(sparse_work& w) {
 
 shared_work::shared_work(sparse_work& w) : w_(w), pool_(w.pool && w.pool->threads() > 1 ? w.pool.get() : nullptr) {
     if (!pool_) return;
-    w.of_thread.resize(static_cast<std::size_t>(pool_->threads()));
+    w.of_thread.resize(pool_->threads());
     for (auto& space : w.of_thread)
         if (!space) space = make_space(kernel_space_size);
 }
@@ -335,12 +335,12 @@ kernel_space shared_work::packing(bool shared) {
 }
 
 kernel_space shared_work::packing_of_slot(int slot) {
-    return pool_ ? space_at(w_.of_thread[static_cast<std::size_t>(slot)].get()) : packing_of(w_);
+    return pool_ ? space_at(w_.of_thread[slot].get()) : packing_of(w_);
 }
 
 void shared_work::share(void* self, int count, kernel_space::piece body, const void* arg) {
     auto* work = static_cast<shared_work*>(self);
-    const auto f = [&](int i, int slot) { body(arg, i, work->w_.of_thread[static_cast<std::size_t>(slot)].get()); };
+    const auto f = [&](int i, int slot) { body(arg, i, work->w_.of_thread[slot].get()); };
     work->pool_->each(
         count, [](const void* g, int i, int slot) { (*static_cast<const decltype(f)*>(g))(i, slot); }, &f);
 }

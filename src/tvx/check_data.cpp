@@ -56,7 +56,7 @@ struct pass {
 
 std::string at(const pass& p, int col, int q) {
     return tarvex::filenames.datfile + ", line " + std::to_string(p.line) + ", column " + std::to_string(col) + " (" +
-           datafile.colname[col][tarvex::column_set(q)] + "): " + shown(p.word[static_cast<std::size_t>(col)]);
+           datafile.colname[col][tarvex::column_set(q)] + "): " + shown(p.word[col]);
 }
 
 void add_classes(pass& p) {
@@ -173,7 +173,7 @@ void check_subject(pass& p, int q) {
 
 void check_record(pass& p, int q) {
     ++p.records[q];
-    for (auto& c : p.classes[static_cast<std::size_t>(q - 1)]) check_class(p, c, q);
+    for (auto& c : p.classes[q - 1]) check_class(p, c, q);
     for (int i = 1; i <= model.ncov(q); ++i) note_value(p, mudmap.cv_dcolno(i, q));
     for (int i = 1; i <= model.nmeta(q); ++i) note_value(p, mudmap.rr_dcolno(i, q));
     note_value(p, mudmap.tr_dcolno(q));
@@ -239,7 +239,7 @@ void tell_subjects(pass& p) {
             all += n[q];
             if (n[q] > 1) ++repeated;
             for (int t = 1; t < q; ++t)
-                if (n[q] > 0 && n[t] > 0) met[static_cast<std::size_t>((q - 1) * nq + t - 1)] = 1;
+                if (n[q] > 0 && n[t] > 0) met[(q - 1) * nq + t - 1] = 1;
         }
         most = std::max(most, all);
     }
@@ -252,7 +252,7 @@ void tell_subjects(pass& p) {
                  std::to_string(repeated) + " times");
     for (int q = 2; q <= nq && !p.subjects.empty(); ++q)
         for (int t = 1; t < q; ++t)
-            if (met[static_cast<std::size_t>((q - 1) * nq + t - 1)] == 0)
+            if (met[(q - 1) * nq + t - 1] == 0)
                 add_case(p.findings, "W407",
                          "no subject has records of both traits: their residual covariance is not in the data",
                          "\"" + model.trait(t) + "\" and \"" + model.trait(q) + "\"");
@@ -324,10 +324,9 @@ fixed_part fixed_part_of(int q) {
 // The record in hand, of trait q.
 void add_fixed(const pass& p, int q, fixed_part& part) {
     for (int i = 1; i <= model.nfix(q); ++i)
-        part.classes[static_cast<std::size_t>(i - 1)].code.push_back(
-            code_at(p, mudmap.fx_dcolno(i, q), mudmap.fx_dcolno2(i, q)));
+        part.classes[i - 1].code.push_back(code_at(p, mudmap.fx_dcolno(i, q), mudmap.fx_dcolno2(i, q)));
     for (int i = 1; i <= model.ncov(q); ++i) {
-        auto& c = part.covariables[static_cast<std::size_t>(i - 1)];
+        auto& c = part.covariables[i - 1];
         c.value.push_back(p.value[mudmap.cv_dcolno(i, q)]);
         if (mudmap.cv_nestcolno(i, q) < 1) continue;
         // the class may be an interaction: its second column
@@ -340,7 +339,7 @@ void add_fixed(const pass& p, int q, fixed_part& part) {
 // Second pass, over sound data: pairs of levels of each trait's classes, and the rank of its fixed part.
 void check_pairs(pass& p, std::string_view text) {
     for (int q = 1; q <= numbers.nq; ++q) {
-        const auto& classes = p.classes[static_cast<std::size_t>(q - 1)];
+        const auto& classes = p.classes[q - 1];
         std::vector<std::vector<std::array<long long, 2>>> pairs(
             classes.empty() ? 0 : classes.size() * (classes.size() - 1) / 2);
         fixed_part part = fixed_part_of(q);

@@ -139,8 +139,7 @@ design design_of(const fixed_part& part) {
             auto& p = covariables[i];
             const auto& row = p.functions.at(part.covariables[i].value[r]);
             for (int k = 1 + p.skipped; k <= part.covariables[i].order; ++k)
-                if (row[static_cast<std::size_t>(k)] != 0.0)
-                    d.add(p.column[r] + k - 1 - p.skipped, row[static_cast<std::size_t>(k)]);
+                if (row[k] != 0.0) d.add(p.column[r] + k - 1 - p.skipped, row[k]);
         }
         d.start.push_back(static_cast<std::int64_t>(d.col.size()));
     }
@@ -149,15 +148,15 @@ design design_of(const fixed_part& part) {
 
 // Normal equations of columns of unit length; columns of zeros keep their length.
 tarvex::normal_equations equations_of(design& d) {
-    std::vector<double> length(static_cast<std::size_t>(d.n), 0.0);
+    std::vector<double> length(d.n, 0.0);
     // unit length: one limit for pivots of all columns
-    for (std::size_t k = 0; k < d.col.size(); ++k) length[static_cast<std::size_t>(d.col[k])] += d.x[k] * d.x[k];
-    for (std::size_t k = 0; k < d.col.size(); ++k) d.x[k] /= std::sqrt(length[static_cast<std::size_t>(d.col[k])]);
+    for (std::size_t k = 0; k < d.col.size(); ++k) length[d.col[k]] += d.x[k] * d.x[k];
+    for (std::size_t k = 0; k < d.col.size(); ++k) d.x[k] /= std::sqrt(length[d.col[k]]);
     tarvex::normal_equations a(d.n);
     for (std::size_t r = 0; r + 1 < d.start.size(); ++r)
         for (std::int64_t p = d.start[r]; p < d.start[r + 1]; ++p) {
             const auto i = static_cast<std::size_t>(p);
-            a.diag[static_cast<std::size_t>(d.col[i])] += d.x[i] * d.x[i];
+            a.diag[d.col[i]] += d.x[i] * d.x[i];
             for (std::int64_t q = d.start[r]; q < p; ++q) {
                 const auto j = static_cast<std::size_t>(q);
                 a.add(d.col[i], d.col[j], d.x[i] * d.x[j]);
@@ -179,7 +178,7 @@ void mark(std::vector<int>& out, const term& t, int value) { std::fill_n(out.beg
 
 // The fewest terms in front of term i that hold all of its dependent columns, in the sense that none can be left out.
 std::vector<std::size_t> holders(const design& d, const tarvex::normal_equations& a, std::size_t i, int dependent) {
-    std::vector<int> out(static_cast<std::size_t>(d.n), 0);
+    std::vector<int> out(d.n, 0);
     for (std::size_t k = i + 1; k < d.terms.size(); ++k) mark(out, d.terms[k], 1);
     std::vector<std::size_t> list;
     // from the nearest backwards: a term stays out if the dependency holds without it

@@ -19,7 +19,7 @@ linear terms_of(const json& list) {
     return f;
 }
 
-const json& block_of(const run_results& r, int block) { return r.estimates["blocks"][static_cast<std::size_t>(block)]; }
+const json& block_of(const run_results& r, int block) { return r.estimates["blocks"][block]; }
 
 // Traits of the rows of a function: those of its block, or the traits themselves.
 struct row_label {
@@ -41,7 +41,7 @@ row_label label_of(const run_results& r, const json& f, int row) {
         const int t = traits.at(static_cast<std::size_t>(row - 1));
         return {effect, trait_name(r, t), t};
     }
-    const json& x = block_of(r, block)["rows"][static_cast<std::size_t>(row - 1)];
+    const json& x = block_of(r, block)["rows"][row - 1];
     const int trait = x["trait"], coefficient = x["coefficient"];
     row_label label{block == 0 ? "residual" : effect_name(r, x["effect"], trait), trait_name(r, trait), trait};
     if (coefficient > 0) label.trait += "[" + std::to_string(coefficient) + "]";
@@ -134,7 +134,7 @@ estimate_set::estimate_set(const json& results) {
 
 double estimate_set::value(const linear& f) const {
     double s = 0.0;
-    for (const auto& [k, x] : f.terms) s += x * value_[static_cast<std::size_t>(k - 1)];
+    for (const auto& [k, x] : f.terms) s += x * value_[k - 1];
     return s;
 }
 
@@ -142,9 +142,7 @@ double estimate_set::covariance(const linear& f, const linear& g) const {
     if (cov_.empty()) return none;
     double s = 0.0;
     for (const auto& [k, x] : f.terms)
-        for (const auto& [l, y] : g.terms)
-            s += x * y *
-                 cov_[static_cast<std::size_t>(std::max(k, l) - 1)][static_cast<std::size_t>(std::min(k, l) - 1)];
+        for (const auto& [l, y] : g.terms) s += x * y * cov_[std::max(k, l) - 1][std::min(k, l) - 1];
     return s;
 }
 
@@ -281,7 +279,7 @@ std::vector<eigen_part> eigen_parts(const run_results& r) {
         Eigen::VectorXd sd = Eigen::VectorXd::Ones(n);
         eigen_part part{block == 0 ? "residual" : b["name"].get<std::string>(), n, b["rank"], {}, {}, {}};
         for (int i = 1; i <= n; ++i) {
-            const json& row = b["rows"][static_cast<std::size_t>(i - 1)];
+            const json& row = b["rows"][i - 1];
             part.rows.push_back(row_words(r, block, i));
             for (const auto& p : r.estimates["phenotype"])
                 if (p["trait_i"] == row["trait"] && p["trait_j"] == row["trait"])
@@ -293,16 +291,14 @@ std::vector<eigen_part> eigen_parts(const run_results& r) {
             for (int j = 1; j <= n; ++j)
                 k(i - 1, j - 1) = all.value(all.element(block, 1, i, j)) / (sd(i - 1) * sd(j - 1));
         const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> own(k);
-        part.loadings.resize(static_cast<std::size_t>(n));
+        part.loadings.resize(n);
         // ascending eigenvalues: the last ones, as many as the rank
         for (int c = n - 1; c >= n - part.rank; --c) {
             const double value = std::max(0.0, own.eigenvalues()(c));
             part.values.push_back(value);
             // signs of eigenvectors mean nothing: the sum is made positive
             const double sign = own.eigenvectors().col(c).sum() < 0.0 ? -1.0 : 1.0;
-            for (int i = 0; i < n; ++i)
-                part.loadings[static_cast<std::size_t>(i)].push_back(sign * std::sqrt(value) *
-                                                                     own.eigenvectors()(i, c));
+            for (int i = 0; i < n; ++i) part.loadings[i].push_back(sign * std::sqrt(value) * own.eigenvectors()(i, c));
         }
         list.push_back(part);
     }

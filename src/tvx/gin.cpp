@@ -156,7 +156,7 @@ public:
         ++used;
         const double q = p2 - 1.0;
         for (Index i = 0; i < n_; ++i) {
-            const auto v = genotype[static_cast<std::size_t>(i)];
+            const auto v = genotype[i];
             const std::size_t word = static_cast<std::size_t>(filled_ / 64 * n_ + i);
             // a missing genotype is entered as 1, which is 0 here
             other_[word] |= static_cast<std::uint64_t>(v == 0 || v == 2) << (filled_ % 64);
@@ -186,7 +186,7 @@ private:
     void flush() {
         bit_rows rows;
         rows.words = (filled_ + 63) / 64;
-        rows.other.resize(static_cast<std::size_t>(n_ * rows.words));
+        rows.other.resize(n_ * rows.words);
         rows.minus.resize(rows.other.size());
         for (Index i = 0; i < n_; ++i)
             for (Index w = 0; w < rows.words; ++w) {
@@ -202,9 +202,9 @@ private:
     // A missing genotype was entered as 1, that is -q about the mean, and should be 0 there: q is added to it.
     void add_missing(const std::vector<signed char>& genotype, double q) {
         for (Index a = 0; a < n_; ++a) {
-            if (genotype[static_cast<std::size_t>(a)] >= 0) continue;
+            if (genotype[a] >= 0) continue;
             for (Index b = 0; b < n_; ++b) {
-                const auto v = genotype[static_cast<std::size_t>(b)];
+                const auto v = genotype[b];
                 const double z = v < 0 ? 0.0 : v - 1.0 - q; // about the mean, as it should be
                 const double before = v < 0 ? -q : z;       // as entered
                 if (b == a)

@@ -48,7 +48,7 @@ void add_inbreeding(animal_table& table, const std::map<std::int64_t, std::pair<
 animal_table animals_of_study(const study& s) {
     animal_table table;
     std::map<std::int64_t, std::pair<std::int64_t, std::int64_t>> parents;
-    const auto name = [&](int code) { return code > 0 ? s.animals[static_cast<std::size_t>(code - 1)].id : ""; };
+    const auto name = [&](int code) { return code > 0 ? s.animals[code - 1].id : ""; };
     for (std::size_t i = 0; i < s.animals.size(); ++i) {
         const auto& a = s.animals[i];
         const auto code = static_cast<std::int64_t>(i + 1);
@@ -128,7 +128,7 @@ std::vector<prediction_list> predictions_of(const run_results& r) {
     const estimate_set all(r.estimates);
     for (const auto& part : results["solutions"]["random"]) {
         const int block = part["block"];
-        const json& b = results["blocks"][static_cast<std::size_t>(block)];
+        const json& b = results["blocks"][block];
         const bool related = part["structure"] == "NRM";
         const auto rows = b["rows"].size(), levels = part["codes"].size();
         const std::size_t first = list.size();
@@ -181,8 +181,7 @@ std::vector<std::vector<std::int64_t>> lines_by_trait(const run_results& r, std:
     if (!s.one_line) {
         for (std::size_t k = 0; k < s.lines.size(); ++k) {
             const int t = s.lines[k].trait;
-            if (t >= 1 && static_cast<std::size_t>(t) <= traits)
-                lines[static_cast<std::size_t>(t)].push_back(s.lines[k].line);
+            if (t >= 1 && static_cast<std::size_t>(t) <= traits) lines[t].push_back(s.lines[k].line);
         }
         return lines;
     }

@@ -105,9 +105,7 @@ std::string residuals_table(const run_results& r, const std::vector<residual_rec
     std::vector<std::string> names{""};
     for (std::size_t t = 1; t <= r.estimates["traits"].size(); ++t) names.push_back(trait_name(r, static_cast<int>(t)));
     for (const auto& x : residuals)
-        row()
-            .count(x.line)(names[static_cast<std::size_t>(x.trait)])(x.observed)(x.observed - x.residual)(x.residual)
-            .end(table);
+        row().count(x.line)(names[x.trait])(x.observed)(x.observed - x.residual)(x.residual).end(table);
     return table;
 }
 

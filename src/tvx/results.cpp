@@ -106,7 +106,7 @@ std::string border_words(const run_results& r, const json& b) {
     if (kind == "correlation")
         return "correlation of " + row_words(r, block, row) + " and " + row_words(r, block, column) + ": " +
                shown(x, 5);
-    const std::string name = r.estimates["blocks"][static_cast<std::size_t>(block)]["name"];
+    const std::string name = r.estimates["blocks"][block]["name"];
     return "matrix of " + name + ": an eigenvalue of its correlations is " + shown(x, 2) + "; fit a lower rank";
 }
 
@@ -203,9 +203,9 @@ std::string level_id(const run_results& r, const std::string& column, int trait,
 }
 
 std::string row_words(const run_results& r, int block, int row) {
-    const json& b = r.estimates["blocks"][static_cast<std::size_t>(block)];
+    const json& b = r.estimates["blocks"][block];
     if (row < 1 || static_cast<std::size_t>(row) > b["rows"].size()) return b["name"];
-    const json& x = b["rows"][static_cast<std::size_t>(row - 1)];
+    const json& x = b["rows"][row - 1];
     const int trait = x["trait"], coefficient = x["coefficient"];
     const std::string effect = block == 0 ? "residual" : effect_name(r, x["effect"], trait);
     if (coefficient > 0) return effect + ", coefficient " + std::to_string(coefficient);

@@ -85,14 +85,14 @@ int take_known(const known_covariances& known, const std::vector<start_row>& row
     a = sd.cwiseInverse().asDiagonal() * a * sd.cwiseInverse().asDiagonal(); // correlations
     int taken = 0;
     for (Eigen::Index i = 0; i < n; ++i) {
-        const start_row& row = rows[static_cast<std::size_t>(i)];
+        const start_row& row = rows[i];
         if (const auto v = known.variance(row, step)) {
             // a variance estimated as 0 would hold the search at the border: at least a hundredth of the start
             sd(i) = std::sqrt(std::max(*v / (row.unit * row.unit), 0.01 * sd(i) * sd(i)));
             ++taken;
         }
         for (Eigen::Index j = 0; j < i; ++j)
-            if (const auto r = known.correlation(row, rows[static_cast<std::size_t>(j)], step); r && *r != 0.0) {
+            if (const auto r = known.correlation(row, rows[j], step); r && *r != 0.0) {
                 a(i, j) = a(j, i) = *r;
                 ++taken;
             }

@@ -80,7 +80,7 @@ std::vector<start_row> rows_of(const draft& d, const std::string& block) {
         if (f.e.block != block) continue;
         // coefficients count from 1; 0 where there are none
         for (const int q : f.e.traits) {
-            const auto& t = d.s.traits[static_cast<std::size_t>(q - 1)];
+            const auto& t = d.s.traits[q - 1];
             for (int k = d.randreg ? 1 : 0; k <= (d.randreg ? f.e.order : 0); ++k)
                 rows.push_back({f.e.name, t.name, k, unit_of(t)});
         }

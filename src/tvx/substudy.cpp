@@ -102,7 +102,7 @@ std::string part_data(const part& p, study& s) {
         for (std::size_t i = 0; i < f.size(); ++i) out += (i > 0 ? " " : "") + f[i];
         out += '\n';
         s.lines.push_back({p.from.lines[at].line, p.number(p.from.lines[at].trait)});
-        const int code = animals < 0 ? 0 : std::atoi(f[static_cast<std::size_t>(animals)].c_str());
+        const int code = animals < 0 ? 0 : std::atoi(f[animals].c_str());
         if (code > 0 && static_cast<std::size_t>(code) <= s.animals.size()) ++s.animals[code - 1].records;
     }
     return out;
@@ -162,7 +162,7 @@ std::vector<std::string> data_block(const part& p, const std::vector<std::string
             group.push_back("  NAMES");
             for (const int q : traits)
                 // by the old numbers, for the names are those of the data file
-                group.back() += " " + p.from.traits[static_cast<std::size_t>(p.numbers[q - 1] - 1)].column;
+                group.back() += " " + p.from.traits[p.numbers[q - 1] - 1].column;
         } else if (p.from.one_line && !w.empty() && p.left_out(w[0])) {
             continue;
         } else {

@@ -17,7 +17,7 @@ std::string read_text(const std::string& file) {
     if (!in || std::filesystem::is_directory(file, ec))
         throw fault{"cannot read file \"" + file + "\": " + (in ? "it is a folder" : std::strerror(errno))};
     std::string text;
-    if (const auto size = std::filesystem::file_size(file, ec); !ec) text.reserve(static_cast<std::size_t>(size));
+    if (const auto size = std::filesystem::file_size(file, ec); !ec) text.reserve(size);
     char buffer[1 << 16];
     // the last piece is shorter, and counts
     while (in.read(buffer, sizeof buffer) || in.gcount() > 0)
