@@ -29,6 +29,8 @@ namespace tarvex {
 
 namespace {
 
+constexpr double above_codes = 2147483648.0; // they have 31 bits
+
 struct moments {
     int n = 0;
     double mean = 0.0, squares = 0.0, lowest = 1000000000000.0, highest = -1000000000000.0;
@@ -87,7 +89,7 @@ std::int64_t checked_code(const scan_state& s, const effect_columns& e) {
     if (!valid) {
         print_list(screen(), "Invalid effect code : ", e.name, s.dvec(e.icol), icode);
         for (const int icol : {e.icol, e.icol2})
-            if (icol > 0 && s.dvec(icol) >= 2147483648.0)
+            if (icol > 0 && s.dvec(icol) >= above_codes)
                 print_list(screen(), "      Code is above the largest one allowed : 2147483647");
         data_error(s.pass.reader.ndatrec);
     }
@@ -107,7 +109,7 @@ void accum_levels(scan_state& s, const effect_columns& e, code_set& set) { accum
 // Values of control variables have either sign; a negative one that stands for a missing record is none.
 void accum_control(scan_state& s, const effect_columns& e, code_set& set) {
     const double x = s.dvec(e.icol);
-    const bool negative = x > -2147483648.0 && x <= -1.0 && !is_missing(e.iq, std::trunc(x));
+    const bool negative = x > -above_codes && x <= -1.0 && !is_missing(e.iq, std::trunc(x));
     accum_code(s, e, negative ? effect_code(s.dvec, e.icol, 0, 1) : checked_code(s, e), set);
 }
 

@@ -15,6 +15,8 @@ namespace tarvex {
 
 namespace {
 
+constexpr int often_absent = -999; // what files often hold where there is no value
+
 std::string of_trait(int iq) { return ", trait " + std::to_string(iq); }
 
 void class_codes(int iq) {
@@ -35,10 +37,9 @@ void means_fitted(int iq) {
 void covariable_values(int iq) {
     for (int i = 1; i <= model.ncov(iq); ++i) {
         const auto& values = covmeans.cv_values(i, iq);
-        // what such files often hold for "absent", and what the run itself takes for it
-        for (const double x : {-999.0, static_cast<double>(datafile.missvalue[iq])})
-            if (std::binary_search(values.begin(), values.end(), x)) {
-                warn("covariable with a code for absent values", std::to_string(static_cast<long long>(x)) +
+        for (const int absent : {often_absent, datafile.missvalue[iq]}) // the latter by the run itself
+            if (std::binary_search(values.begin(), values.end(), static_cast<double>(absent))) {
+                warn("covariable with a code for absent values", std::to_string(absent) +
                                                                      " is taken as a value of covariable \"" +
                                                                      model.covar(i, iq) + "\"" + of_trait(iq));
                 break;
@@ -49,7 +50,7 @@ void covariable_values(int iq) {
 void control_values(int iq) {
     for (int i = 1; options.randreg && i <= model.nmeta(iq); ++i) {
         const auto& codes = levels.mm_codes(i, iq);
-        if (std::binary_search(codes.begin(), codes.end(), -999))
+        if (std::binary_search(codes.begin(), codes.end(), often_absent))
             warn("control variable with a code for absent values",
                  "-999 is taken as a value of control variable \"" + model.rricontrol(i, iq) + "\"" + of_trait(iq));
     }

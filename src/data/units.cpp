@@ -11,6 +11,7 @@ namespace tarvex {
 
 namespace {
 
+constexpr double most_doublings = 400.0;                     // squares of units stay finite
 constexpr double ordinary_low = 0.25, ordinary_high = 512.0; // standard deviations that are left as they are
 
 } // namespace
@@ -25,7 +26,7 @@ double unit_for(double sdev) {
     // ordinary data are left alone: their results do not change by a bit
     if (!(sdev > 0.0) || !std::isfinite(sdev) || (sdev >= ordinary_low && sdev <= ordinary_high)) return 1.0;
     // a power of two: no digit of an observation is lost
-    return std::exp2(std::clamp(std::round(std::log2(sdev)), -400.0, 400.0));
+    return std::exp2(std::clamp(std::round(std::log2(sdev)), -most_doublings, most_doublings));
 }
 
 void set_units() {

@@ -169,8 +169,8 @@ void eigem_any_size(const array<double, 2>& a, array<double>& eig, array<double,
     double largest = 0.0;
     for (int j = 1; j <= n; ++j)
         for (int i = 1; i <= n; ++i) largest = std::max(largest, std::abs(a(i, j)));
-    // the absolute tolerances above leave enough digits to such elements
-    const bool ordinary = (largest >= 1.0e-2 && largest <= 1.0e8) || !(largest > 0.0) || !std::isfinite(largest);
+    constexpr double low = 1.0e-2, high = 1.0e8; // the absolute tolerances above leave enough digits between them
+    const bool ordinary = (largest >= low && largest <= high) || !(largest > 0.0) || !std::isfinite(largest);
     const double unit = ordinary ? 1.0 : std::exp2(std::round(std::log2(largest)));
     // a power of two: no digit is lost
     array<double, 2> scaled = a;

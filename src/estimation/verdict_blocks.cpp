@@ -13,6 +13,7 @@ namespace tarvex {
 namespace {
 
 constexpr double longest_lift = 0.25; // step away from the border, in units of the scale
+constexpr double dependent = 1.0e-10; // of the largest eigenvalue: rows that depend on each other count once
 constexpr double least_gap = 1.0e-12; // between an eigenvalue that has gone and one that has not
 
 std::string number(double x) {
@@ -254,8 +255,7 @@ constrained beside(const vector1<vector1<double>>& rows, const vector1<double>& 
     for (int i = 1; i <= n; ++i) left(i, i) = 1.0;
     constrained c;
     c.multipliers.assign(r, 0.0);
-    // rows that depend on each other count once
-    for (int k = 1; k <= r && eig(k) > 1.0e-10 * eig(1); ++k) {
+    for (int k = 1; k <= r && eig(k) > dependent * eig(1); ++k) {
         vector1<double> u(n);
         for (int i = 1; i <= r; ++i)
             for (int e = 1; e <= n; ++e) u(e) += vectors(i, k) * rows(i)(e);

@@ -64,6 +64,11 @@ void to_means(array<level_counts, 2>& all) {
 
 } // namespace
 
+const code_list* nest_codes(int icov, int iq) {
+    const int nest = mudmap.cv_nestfix(icov, iq);
+    return nest > 0 ? &levels.fx_codes(nest, iq) : nest < 0 ? &levels.ex_codes(-nest, iq) : nullptr;
+}
+
 void count_levels(solution_counts& counts) {
     const int nq = numbers.nq;
     counts.fixed.allocate(maxfix, nq);
@@ -73,11 +78,9 @@ void count_levels(solution_counts& counts) {
         for (int i = 1; i <= model.nfix(iq); ++i) size(counts.fixed(i, iq), levels.fx_codes(i, iq).size());
         for (int i = 1; i <= model.nextra(iq); ++i) size(counts.extra(i, iq), levels.ex_codes(i, iq).size());
         for (int i = 1; i <= model.ncov(iq); ++i) {
-            // coefficients for each level of the effect it is nested in: above 0 a fixed one, below 0 an extra one
-            const int nest = mudmap.cv_nestfix(i, iq);
-            const std::ptrdiff_t curves = nest == 0  ? 1
-                                          : nest > 0 ? levels.fx_codes(nest, iq).size()
-                                                     : levels.ex_codes(-nest, iq).size();
+            // a curve for each level of the effect it is nested in
+            const code_list* codes = nest_codes(i, iq);
+            const std::ptrdiff_t curves = codes ? codes->size() : 1;
             size(counts.curve(i, iq), curves * static_cast<std::ptrdiff_t>(covmeans.cv_values(i, iq).size()));
         }
     }

@@ -1,5 +1,6 @@
 // Records and raw means by level of fixed and extra effects and by value of covariables, from one pass over the data.
 #pragma once
+#include "data/levels.h"
 #include "support/array.h"
 #include "support/vector1.h"
 
@@ -17,5 +18,8 @@ struct solution_counts {
 };
 
 void count_levels(solution_counts& counts);
+
+// Codes of the effect within which covariable icov of trait iq is nested, null if it is not.
+const code_list* nest_codes(int icov, int iq);
 
 } // namespace tarvex

@@ -190,11 +190,6 @@ json level_part(int iq, const std::string& kind, const std::string& name, int st
     return part;
 }
 
-const code_list* nest_codes(int icov, int iq) {
-    const int nest = mudmap.cv_nestfix(icov, iq);
-    return nest > 0 ? &levels.fx_codes(nest, iq) : nest < 0 ? &levels.ex_codes(-nest, iq) : nullptr;
-}
-
 json covariable_part(int icov, int iq) {
     const code_list* codes = nest_codes(icov, iq);
     const int order = mudmap.cv_order(icov, iq), curves = codes ? static_cast<int>(codes->size()) : 1;

@@ -70,11 +70,6 @@ void covariable_head(text_out& out, bool nested) {
         write(out, plain, "Covariable", "Reg.coeff", "Solution");
 }
 
-const code_list* nest_codes(int icov, int iq) {
-    const int nest = mudmap.cv_nestfix(icov, iq);
-    return nest > 0 ? &levels.fx_codes(nest, iq) : nest < 0 ? &levels.ex_codes(-nest, iq) : nullptr;
-}
-
 void write_coefficients(text_out& out, int icov, int iq) {
     constexpr edit_form nested_line{"(i3,2x,a,t25,i11,3x,i7,3g16.6)"}, plain_line{"(i3,2x,a,t25,14x,i7,3g16.6)"};
     const code_list* codes = nest_codes(icov, iq);

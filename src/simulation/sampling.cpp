@@ -108,8 +108,8 @@ void follow_inverse(int irand, std::vector<double>& w) {
     const row_factor factor = factor_of(a);
     for (int j = 1; j <= factor.n; ++j) {
         const auto k = static_cast<std::size_t>(j);
-        // relative: the units of an inverse are the user's
-        if (factor.pivot[k] > 1.0e-10 * a.diag[factor.eq[k]]) continue;
+        constexpr double vanishing = 1.0e-10; // of the diagonal: the units of an inverse are the user's
+        if (factor.pivot[k] > vanishing * a.diag[factor.eq[k]]) continue;
         print_list(screen(),
                    "***** ERROR : Inverse of effect \"" + model.krandom(irand) + "\" is not positive definite - level",
                    factor.eq[k] + 1);

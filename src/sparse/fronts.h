@@ -40,6 +40,18 @@ inline panel make_panel(double* space, int rows, int first, int end) {
     return {space + (lane - (end - first) % lane) % lane, column_distance(rows - first + 2 * lane), first, end};
 }
 
+constexpr int columns_of_piece = 24;           // columns of a front handed out at a time
+constexpr std::ptrdiff_t least_shared = 20000; // elements: below, handing them out costs more than it saves
+
+// f(first, end) for columns first..end-1 of a front with `rows` rows, shared with others if they are worth it.
+template <class F> void by_columns(const kernel_space& space, int first, int end, int rows, F f) {
+    const int count = (end - first + columns_of_piece - 1) / columns_of_piece;
+    if (!space.each || static_cast<std::ptrdiff_t>(end - first) * rows < least_shared) return f(first, end);
+    share_out(space, count, [&](int i, double*) {
+        f(first + i * columns_of_piece, std::min(end, first + (i + 1) * columns_of_piece));
+    });
+}
+
 // Where the rows of a front stand in it, by row of the system.
 inline void place_rows(const front& f, std::vector<int>& local) {
     for (int c = 0; c < f.width; ++c) local[f.col[c]] = c;

@@ -230,8 +230,10 @@ std::vector<null_vector> null_vectors(const row_factor& f, const normal_equation
     return all;
 }
 
+constexpr double small_element = 1.0e-8; // of a null vector: the largest are about 1
+
 void drop_small(null_vector& w) {
-    std::erase_if(w.element, [](const auto& e) { return std::fabs(e.second) < 1.0e-8; });
+    std::erase_if(w.element, [](const auto& e) { return std::fabs(e.second) < small_element; });
 }
 
 // w -= t u for descending elements; the leading ones cancel.
@@ -286,8 +288,8 @@ std::vector<null_vector> echelon(std::vector<null_vector> all, int n) {
 // diagonal. True if an equation is chosen by an element that may be nothing but that.
 bool doubtful(const std::vector<null_vector>& vectors) {
     double noise = 0.0;
-    // 100: room for the growth of rounding along a vector
-    for (const auto& w : vectors) noise = std::max(noise, 100.0 * std::sqrt(std::fabs(w.pivot) / w.diagonal));
+    constexpr double growth = 100.0; // room for that of rounding along a vector
+    for (const auto& w : vectors) noise = std::max(noise, growth * std::sqrt(std::fabs(w.pivot) / w.diagonal));
     return std::any_of(vectors.begin(), vectors.end(), [&](const auto& w) {
         double largest = 0.0;
         for (const auto& e : w.element) largest = std::max(largest, std::fabs(e.second));

@@ -60,8 +60,9 @@ struct scotch_graph {
                               nullptr) != 0)
             return 2;
         if (SCOTCH_contextBindGraph(context, &plain, &bound) != 0) return 3;
-        // 0 levels: as the library likes; 0.2: how unequal the halves may be
-        if (SCOTCH_stratGraphOrderBuild(&strategy, SCOTCH_STRATQUALITY, 0, 0.2) != 0) return 4;
+        constexpr int levels = 0;         // as many as the library likes
+        constexpr double imbalance = 0.2; // how unequal the halves may be
+        if (SCOTCH_stratGraphOrderBuild(&strategy, SCOTCH_STRATQUALITY, levels, imbalance) != 0) return 4;
         out.node.resize(g.n);
         out.place.resize(out.node.size());
         return SCOTCH_graphOrder(&bound, &strategy, out.place.data(), out.node.data(), nullptr, nullptr, nullptr);

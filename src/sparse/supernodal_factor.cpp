@@ -39,18 +39,6 @@ struct factor_work {
     std::vector<piece_event>* events = nullptr;  // in a piece
 };
 
-constexpr int columns_of_piece = 24; // columns of a front handed out at a time
-
-// f(first, end) for columns first..end-1, shared with others if they are worth it.
-template <class F> void by_columns(const factor_work& w, int first, int end, int rows, F f) {
-    const int count = (end - first + columns_of_piece - 1) / columns_of_piece;
-    // 20 000 elements: below, handing them out costs more than it saves
-    if (!w.packing.each || static_cast<std::ptrdiff_t>(end - first) * rows < 20000) return f(first, end);
-    share_out(w.packing, count, [&](int i, double*) {
-        f(first + i * columns_of_piece, std::min(end, first + (i + 1) * columns_of_piece));
-    });
-}
-
 // Adds the children's update matrices to columns first..end-1 of front s; target(c)[i] is row i of its column c.
 template <class Target> void add_children(int s, factor_work& w, int first, int end, Target target) {
     const supernode_tree& tree = w.all.tree;
@@ -65,7 +53,7 @@ template <class Target> void add_children(int s, factor_work& w, int first, int 
         // places ascend: the child's rows that are columns first..end-1 of the front stand together
         const int from = static_cast<int>(std::lower_bound(place, place + m, first) - place);
         const int to = static_cast<int>(std::lower_bound(place + from, place + m, end) - place);
-        by_columns(w, from, to, m, [&](int j, int last) {
+        by_columns(w.packing, from, to, m, [&](int j, int last) {
             for (; j < last; ++j) w.all.kernel.add_rows(j, m, place, runs, triangle_column(u, m, j), target(place[j]));
         });
     }
@@ -98,7 +86,7 @@ void absorb_columns(const front& f, int first, int end, Column column, factor_wo
 }
 template <class Column> void absorb(const front& f, int first, int end, Column column, factor_work& w) {
     if (!w.packing.each) return absorb_columns(f, first, end, column, w, w.spot, w.spot_runs);
-    by_columns(w, first, end, f.below, [&](int k, int last) {
+    by_columns(w.packing, first, end, f.below, [&](int k, int last) {
         std::vector<int> spot(f.below), spot_runs(f.below);
         absorb_columns(f, k, last, column, w, spot, spot_runs);
     });
@@ -166,11 +154,11 @@ void save_columns(const front& f, factor_work& w, const panel& p, int first, int
 }
 
 void save_panel(const front& f, factor_work& w, const panel& p) {
-    by_columns(w, p.first, p.end, f.rows(), [&](int first, int end) { save_columns(f, w, p, first, end); });
+    by_columns(w.packing, p.first, p.end, f.rows(), [&](int first, int end) { save_columns(f, w, p, first, end); });
 }
 // The assembled columns of the panel, with what descendants have left for their diagonals.
 void load_panel(const front& f, factor_work& w, const panel& p) {
-    by_columns(w, p.first, p.end, f.rows(), [&](int first, int end) {
+    by_columns(w.packing, p.first, p.end, f.rows(), [&](int first, int end) {
         for (int c = first; c < end; ++c) {
             load_column(w.all.m, f, c, w.local, p.column(c));
             p.column(c)[c] += w.all.added[f.col[c]];
@@ -214,7 +202,7 @@ void subtract_columns(const front& f, int done, int first, int n, double* c, std
     const double* column[wide];
     for (int from = 0; from < done; from += wide) {
         const int k = std::min(wide, done - from);
-        by_columns(w, 0, k, f.rows() - first, [&](int i, int end) {
+        by_columns(w.packing, 0, k, f.rows() - first, [&](int i, int end) {
             for (; i < end; ++i) {
                 const int j = f.col[from + i];
                 // no holes: used where it stands

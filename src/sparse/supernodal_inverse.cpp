@@ -65,18 +65,6 @@ void link_fronts(inverse_state& all) {
     }
 }
 
-constexpr int columns_of_piece = 24; // columns of a front handed out at a time
-
-// f(first, end) for columns first..end-1, shared with others if they are worth it.
-template <class F> void by_columns(const inverse_work& w, int first, int end, int rows, F f) {
-    const int count = (end - first + columns_of_piece - 1) / columns_of_piece;
-    // 20 000 elements: below, handing them out costs more than it saves
-    if (!w.packing.each || static_cast<std::ptrdiff_t>(end - first) * rows < 20000) return f(first, end);
-    share_out(w.packing, count, [&](int i, double*) {
-        f(first + i * columns_of_piece, std::min(end, first + (i + 1) * columns_of_piece));
-    });
-}
-
 // Columns first..end-1 of that inverse, which are columns of front `from`: row i of the triangle at place(i) in it.
 void gather_columns(const front& from, int first, int end, const inverse_front& f, const inverse_work& w, double* u,
                     std::vector<int>& spot, std::vector<int>& spot_runs) {
@@ -111,7 +99,7 @@ void gather_inverse(int s, const inverse_front& f, inverse_work& w, double* u) {
         const front from = front_of(w.s, tree, a);
         find_runs(m, place, runs);
         const int end = static_cast<int>(std::lower_bound(place + k, place + m, from.width) - place);
-        by_columns(w, k, end, m - k, [&](int first, int last) {
+        by_columns(w.packing, k, end, m - k, [&](int first, int last) {
             if (!w.packing.each) return gather_columns(from, first, last, f, w, u, w.spot, w.spot_runs);
             std::vector<int> spot(m), spot_runs(m);
             gather_columns(from, first, last, f, w, u, spot, spot_runs);
@@ -199,7 +187,7 @@ void save_columns(const inverse_front& f, const panel& z, int first, int end, co
 // t (n x m) = transpose of a (m x n), rows of a shared out.
 void transpose(const inverse_work& w, int m, int n, const double* a, std::ptrdiff_t lda, double* t,
                std::ptrdiff_t ldt) {
-    by_columns(w, 0, m, n,
+    by_columns(w.packing, 0, m, n,
                [&](int first, int end) { w.kernel.transpose(end - first, n, a + first, lda, t + first * ldt, ldt); });
 }
 
@@ -217,7 +205,7 @@ void multiply_inverse(const inverse_front& f, int end, int n, double* c, std::pt
         next = std::min(f.width, q + wide);
         const int k = next - q, rest = f.order() - next;
         const std::ptrdiff_t ld = column_distance(f.order() - q + lane), ldt = column_distance(padded(k));
-        by_columns(w, q, next, f.order() - q, [&](int first, int last) {
+        by_columns(w.packing, q, next, f.order() - q, [&](int first, int last) {
             for (int i = first; i < last; ++i)
                 load_column(w.s, f, i, stored_rows(w, f, i), f.order(), w.all.zdiag, w.all.zoff, w.local,
                             w.stored + (i - q) * ld - q);
@@ -243,7 +231,7 @@ void invert_front(int s, inverse_work& w) {
         first = (end - 1) / wide * wide;
         const int n = end - first, left = f.order() - end;
         const panel l = make_panel(w.columns, f.rows(), first, end), z = make_panel(w.z, f.rows(), first, end);
-        by_columns(w, first, end, f.rows(), [&](int from, int to) {
+        by_columns(w.packing, first, end, f.rows(), [&](int from, int to) {
             for (int c = from; c < to; ++c) load_column(w.s, f, c, w.local, l.column(c));
         });
         // L' above the diagonal, as solve_right wants it
@@ -257,7 +245,7 @@ void invert_front(int s, inverse_work& w) {
             transpose(w, left, n, z.p + n, z.ld, w.zt, ldy);
         }
         invert_corner(n, left, l.p, l.ld, z.p, z.ld, w);
-        by_columns(w, first, end, f.rows(), [&](int from, int to) { save_columns(f, z, from, to, w); });
+        by_columns(w.packing, first, end, f.rows(), [&](int from, int to) { save_columns(f, z, from, to, w); });
     }
 }
 
