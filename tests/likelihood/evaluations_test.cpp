@@ -16,6 +16,7 @@
 #include "likelihood/factormmm.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
+#include "likelihood/subjectchunks.h"
 #include "parameters/randomvars.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
@@ -166,6 +167,36 @@ TEST_F(evaluations_test, evaluation_writes_no_file) {
     const auto kept = folder();
     EXPECT_EQ(loglike(estimates.parvec, 1).xlike, e.xlike); // now by the lists that were kept
     EXPECT_EQ(folder(), kept);
+}
+
+// Until a new order is kept threads translate the old numbers too, from wherever their chunks begin.
+TEST_F(evaluations_test, threads_pass_over_records_in_the_numbers_of_a_new_order) {
+    const small_model free = traits(2);
+    set_up(free);
+    const array<double> point = estimates.parvec;
+    new_analysis();
+    small_model m = free;
+    m.residual[1] = 0.0;
+    set_up(m);
+    residualvars.fixres.fill(0);
+    estimates.parvec = point;
+    places.together = 3;
+    const evaluation e = loglike(estimates.parvec, 1);
+    ASSERT_TRUE(e.reordered);
+    EXPECT_NE(orders.nlisted, orders.nsymb);
+    options.threads = 3;
+    forget_likelihoods();
+    ASSERT_GT(shared_chunks(), 1);
+    EXPECT_NEAR(loglike(estimates.parvec, 1).xlike, dense_logl(free, point), 1.0e-7);
+    derivatives_mmm();
+    const array<double> slopes = derivs.devl1;
+    keep_order(*e.reordered);
+    EXPECT_EQ(orders.nlisted, orders.nsymb);
+    forget_likelihoods();
+    EXPECT_EQ(loglike(estimates.parvec, 1).xlike, e.xlike);
+    derivatives_mmm();
+    for (int i = 1; i <= slopes.upper(); ++i) EXPECT_EQ(derivs.devl1(i), slopes(i));
+    options.threads = 1;
 }
 
 // The order and the structure that a search has come to are there for a run that continues.
