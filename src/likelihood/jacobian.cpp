@@ -4,6 +4,7 @@
 #include "dense/numroutines.h"
 #include "likelihood/derivatives.h"
 #include "parameters/parvec.h"
+#include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "parameters/zeropattern.h"
 #include "parfile/model.h"
@@ -106,9 +107,9 @@ void transform_information(const class_jacobian& a, const class_jacobian& b) {
 }
 
 // Second-order term of one class: derivatives of log L on the covariance scale times the second derivatives of the
-// covariances, which are not zero for elements of one column of the factor.
+// covariances, which are not zero for elements of one column of the factor. A completed factor goes without it.
 void subtract_curvature(const class_jacobian& c) {
-    if (estimates.paraform(c.irand) == par_scale::original) return;
+    if (estimates.paraform(c.irand) == par_scale::original || (c.irand == 0 && residualvars.filled)) return;
     const array<double, 2> vv = block_factor(c.irand, c.step);
     const int n = block_size(c.irand), order = model.kkfit(c.irand);
     for (int p = 1; p <= n; ++p) {
@@ -141,6 +142,19 @@ void need_derivatives(const char* routine) {
     stop(std::string("programming error: \"") + routine + "\" needs derivatives at its point");
 }
 
+// Column p of the Jacobian of the residual block: its factor changes by `change`, completed.
+void completed_column(int step, const array<double, 2>& vv, array<double, 2>& change, int p, array<double, 2>& jac) {
+    const int n = model.kkfit(0);
+    array<int> order;
+    order.allocate(n);
+    for (int c = 1; c <= n; ++c) order(c) = pivot_row(0, step, c);
+    complete_change(residual_zeros(step), order, vv, change);
+    for (int i = 1; i <= n; ++i)
+        for (int j = i; j <= n; ++j)
+            for (int c = 1; c <= n; ++c)
+                jac(packed_place(i, j, n), p) += change(i, c) * vv(j, c) + vv(i, c) * change(j, c);
+}
+
 } // namespace
 
 void block_jacobian(int irand, int step, array<double, 2>& jac) {
@@ -161,7 +175,14 @@ void block_jacobian(int irand, int step, array<double, 2>& jac) {
             continue;
         }
         const int pivot = pivot_row(irand, step, f.col);
-        if (irand == 0 && f.row != pivot && residual_held(step, f.row, pivot)) continue; // stays 0
+        if (irand == 0 && f.row != pivot && residual_held(step, f.row, pivot)) continue; // no parameter
+        if (irand == 0 && residualvars.filled) {
+            array<double, 2> change;
+            change.allocate(n, n);
+            change(f.row, f.col) = times;
+            completed_column(step, vv, change, p, jac);
+            continue;
+        }
         // dC(i,f.row)/dL(f.row,c) = L(i,c), twice that on the diagonal
         for (int i = 1; i <= n; ++i)
             jac(packed_place(i, f.row, n), p) = (i == f.row ? 2.0 : 1.0) * vv(i, f.col) * times;

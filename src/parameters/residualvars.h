@@ -38,6 +38,7 @@ struct residualvars_module {
     array<double> rpars;         // (nresparm) residual parameters on the natural scale, compared by loglike
     array<int> fixres;           // (nresparm as covariances: steps times triangle) 1: fixed at zero
     bool pivot_zeros = false;    // pivots go in an order in which the factor keeps these zeros
+    bool filled = false;         // there is none: the factor has elements in their places that follow from the others
     std::vector<double> formed;  // covariances (residual, PEQ) that eei belongs to
 };
 inline residualvars_module residualvars;

@@ -190,8 +190,11 @@ bool any_fixres() {
     return std::any_of(residualvars.fixres.begin(), residualvars.fixres.end(), [](int f) { return f != 0; });
 }
 
-// Zeros of the residual block survive in its factor in the order of the traits, or in one that is made to keep them.
-bool pivot_by_size(int irand) { return estimates.reorder && (irand > 0 || residualvars.pivot_zeros || !any_fixres()); }
+// Zeros of the residual block survive in its factor in the order of the traits, in one that is made to keep them, or by
+// its completion in any.
+bool pivot_by_size(int irand) {
+    return estimates.reorder && (irand > 0 || residualvars.pivot_zeros || residualvars.filled || !any_fixres());
+}
 
 void block_order(int irand, int step, array<int>& order) {
     const int n = model.kkfit(irand);
@@ -283,10 +286,11 @@ void take_factor(int irand, int step, const array<double, 2>& factor, array<doub
     for (int c = 1; c <= model.krfit(irand); ++c)
         for (int r = c; r <= model.kkfit(irand); ++r, ++ipar) {
             const bool log = r == c && estimates.logdiagonals(irand);
+            const bool held = irand == 0 && r > c && residual_held(step, order(r), order(c));
             estimates.logpar(ipar) = log ? 1 : 0;
-            // a zero of the matrix is a zero of its factor, and no parameter
-            if (irand == 0) estimates.ispar(ipar) = r > c && residual_held(step, order(r), order(c)) ? 0 : 1;
-            parvec(ipar) = log ? std::log(factor(order(c), c)) : factor(order(r), c);
+            // no parameter: 0 in the factor too, or what completes it
+            if (irand == 0) estimates.ispar(ipar) = held ? 0 : 1;
+            parvec(ipar) = log ? std::log(factor(order(c), c)) : held ? 0.0 : factor(order(r), c);
         }
 }
 
@@ -340,6 +344,7 @@ void from_factor(array<double>& parvec, int irand, int step, array<double>& cc, 
             vv(order(c), c) = factor_diagonal(parvec, ipar++, irand);
             for (int r = c + 1; r <= n; ++r) vv(order(r), c) = parvec(ipar++);
         }
+        if (irand == 0 && residualvars.filled) complete_factor(residual_zeros(step), order, vv);
     }
     factor_to_matrix(vv, n, rank, cc);
 }
@@ -496,7 +501,7 @@ int peq_element(int i, int j) {
 void fixresvars() {
     if (options.bestonly || empty_block(0)) return;
     const int n = model.kkfit(0);
-    bool original = false;
+    bool spread = false; // zeros that the order of the traits would lose
     for (int step = 1; step <= steps_of(0); ++step)
         for (int i = 1; i <= n; ++i)
             for (int j = i; j <= n; ++j) {
@@ -509,12 +514,12 @@ void fixresvars() {
                 const bool sum = peq > 0 && model.cov(peq, residualvars.ipeq) != 0.0; // parvec holds it
                 const bool fixed = never || (model.cov(k, 0) == 0.0 && !sum);
                 residualvars.fixres(k) = fixed ? 1 : 0;
-                if (fixed && j > i && linked_to_earlier(i, j)) original = true;
+                if (fixed && j > i && linked_to_earlier(i, j)) spread = true;
             }
-    residualvars.pivot_zeros = original && estimates.paraform(0) != par_scale::original;
+    residualvars.pivot_zeros = spread && estimates.paraform(0) != par_scale::original;
     for (int step = 1; step <= steps_of(0) && residualvars.pivot_zeros; ++step)
         residualvars.pivot_zeros = order_exists(residual_zeros(step));
-    if (original && !options.forchol && !residualvars.pivot_zeros) estimates.paraform(0) = par_scale::original;
+    residualvars.filled = spread && !residualvars.pivot_zeros && estimates.paraform(0) != par_scale::original;
     if (estimates.paraform(0) == par_scale::original)
         for (int k = 1; k <= estimates.nresparm; ++k) estimates.ispar(k) = residualvars.fixres(k) ? 0 : 1;
 }

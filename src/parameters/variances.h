@@ -34,8 +34,8 @@ block_at_point covariances_at(const array<double>& parvec, int irand, int step =
 // numbers.zero stops the run with the message on starting values. Sets cholorder, logdiagonals, logpar.
 void transform_covs(int irand, const double* cc, double floor_pivot, array<double>& parvec);
 
-// Residual components that no record informs, or given as 0: fixes them at zero in model.cov and residualvars.fixres;
-// may turn paraform(0) to par_scale::original.
+// Residual components that no record informs, or given as 0: fixes them at zero in model.cov and residualvars.fixres,
+// and chooses how the factor keeps them (residualvars.pivot_zeros, filled).
 void fixresvars();
 // How many residual components are fixed at zero.
 int no_fixed_residuals();

@@ -46,4 +46,27 @@ bool order_exists(const zero_pattern& zeros) {
     return true;
 }
 
+void complete_factor(const zero_pattern& zeros, const array<int>& order, array<double, 2>& factor) {
+    for (int c = 1; c <= zeros.n; ++c)
+        for (int r = c + 1; r <= zeros.n; ++r) {
+            const int row = order(r), pivot = order(c);
+            if (!zeros.held(row, pivot)) continue;
+            double s = 0.0; // of the covariance, from the columns before
+            for (int k = 1; k < c; ++k) s += factor(row, k) * factor(pivot, k);
+            factor(row, c) = s == 0.0 ? 0.0 : -s / factor(pivot, c);
+        }
+}
+
+void complete_change(const zero_pattern& zeros, const array<int>& order, const array<double, 2>& factor,
+                     array<double, 2>& change) {
+    for (int c = 1; c <= zeros.n; ++c)
+        for (int r = c + 1; r <= zeros.n; ++r) {
+            const int row = order(r), pivot = order(c);
+            if (!zeros.held(row, pivot)) continue;
+            double s = factor(row, c) * change(pivot, c);
+            for (int k = 1; k < c; ++k) s += change(row, k) * factor(pivot, k) + factor(row, k) * change(pivot, k);
+            change(row, c) = -s / factor(pivot, c);
+        }
+}
+
 } // namespace tarvex

@@ -1,4 +1,6 @@
-// Residual covariances that are held at zero, and the orders of pivots in which a Cholesky factor keeps them.
+// Residual covariances that are held at zero, and the orders of pivots in which a Cholesky factor keeps them. Where
+// there is no such order, elements of the factor in their places follow from the others (completion of a factor:
+// Roverato 2002, Scand. J. Statist. 29:391).
 #pragma once
 #include "support/array.h"
 
@@ -26,5 +28,12 @@ bool residual_held(int step, int i, int j);
 bool may_be_pivot(const zero_pattern& zeros, const array<int>& order, int c, int p);
 // True if some order of all pivots keeps the zeros (the graph is chordal).
 bool order_exists(const zero_pattern& zeros);
+
+// Completes a factor (n,n; rows in the order of the matrix): the elements in the places of zeros become those with
+// which the product has the zeros. They stay 0 in an order that keeps the zeros.
+void complete_factor(const zero_pattern& zeros, const array<int>& order, array<double, 2>& factor);
+// The same for a change of the factor.
+void complete_change(const zero_pattern& zeros, const array<int>& order, const array<double, 2>& factor,
+                     array<double, 2>& change);
 
 } // namespace tarvex

@@ -16,6 +16,7 @@
 #include "likelihood/subjects.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
+#include "relations/nrminverse.h"
 #include "support/em_fixture.h"
 #include "support/fixture.h"
 #include "support/record_file.h"
@@ -433,6 +434,19 @@ TEST_F(derivatives_test, supplied_inverse_at_reduced_rank_with_logarithms) {
     expect_supplied(1, {"--aireml", "--logdia"});
 }
 
+// That of a pedigree is taken from its sealed file at each evaluation, that of a supplied inverse from its module.
+TEST_F(derivatives_test, no_value_where_a_log_determinant_is_no_number) {
+    set_up_supplied(supplied(0), {"--aireml"});
+    ASSERT_GT(program_logl(estimates.parvec, 1), invalid_logl);
+    const double given = geninverse.detginv(1);
+    geninverse.detginv(1) = std::nan("");
+    forget_likelihoods();
+    EXPECT_EQ(loglike(estimates.parvec, 1).why, invalid_point::value);
+    EXPECT_EQ(program_logl(estimates.parvec, 1), invalid_logl);
+    geninverse.detginv(1) = given;
+    EXPECT_GT(program_logl(estimates.parvec, 1), invalid_logl) << "a failed evaluation leaves no factor behind";
+}
+
 TEST_F(derivatives_test, supplied_inverse_without_some_levels_is_refused_at_reduced_rank_before_estimation) {
     EXPECT_STOP(set_up_supplied(supplied(2), {"--aireml"}, 2),
                 "Level without a diagonal in the inverse : 29  code 29\n***** ERROR : Reading file \"animal.gin\"");
@@ -514,6 +528,18 @@ TEST_F(derivatives_test, zero_pattern_of_the_residual_on_both_scales) {
         EXPECT_EQ(residualvars.fixres(5), 1);
         EXPECT_EQ(std::count(estimates.ispar.begin(), estimates.ispar.end(), 0), 1) << "one parameter is held";
         EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(m, estimates.parvec), 1.0e-7);
+        expect_derivatives(m);
+    }
+}
+
+TEST_F(derivatives_test, completed_factor_of_the_residual) {
+    const small_model m = traits(4, {1.3, 0.5, 0.2, 0.1, 1.8, 0.3, 0.2, 1.1, 0.2, 1.2},
+                                 {2.1, 0.4, 0.0, 0.3, 1.9, 0.3, 0.0, 1.5, 0.2, 1.7}); // zeros around a ring
+    for (const char* option : {"--aireml", "--logdia"}) {
+        new_analysis();
+        set_up(m, {"--aireml", option});
+        EXPECT_TRUE(residualvars.filled);
+        expect_jacobian(0, 1);
         expect_derivatives(m);
     }
 }

@@ -228,17 +228,40 @@ small_model ring() {
     return m;
 }
 
-TEST_F(variances_test, zero_pattern_that_no_factor_keeps_goes_to_covariances) {
+TEST_F(variances_test, zero_pattern_that_no_order_keeps_is_kept_by_a_completed_factor) {
     const small_model m = ring();
     set_up(m, {"--aireml"});
-    EXPECT_EQ(estimates.paraform(0), par_scale::original);
-    EXPECT_EQ(estimates.paraform(1), par_scale::variance);
+    EXPECT_EQ(estimates.paraform(0), par_scale::variance);
+    EXPECT_FALSE(residualvars.pivot_zeros);
+    EXPECT_TRUE(residualvars.filled);
     EXPECT_EQ(residualvars.fixres(3), 1); // 1 and 3
     EXPECT_EQ(residualvars.fixres(7), 1); // 2 and 4
-    EXPECT_EQ(estimates.ispar(3), 0);
-    EXPECT_EQ(estimates.ispar(4), 1);
-    EXPECT_EQ(estimates.parvec(3), 0.0);
-    EXPECT_NEAR(program_logl(estimates.parvec), dense_logl(m, estimates.parvec), 1.0e-7);
+    EXPECT_EQ(std::count(estimates.ispar.begin(), estimates.ispar.end(), 0), 2);
+    EXPECT_EQ(estimates.cholorder(1, 0), 1); // pivots by size: 2.1, 1.9, 1.7, 1.5
+    expect_covs(0, {2.1, 0.4, 0.0, 0.3, 1.9, 0.3, 0.0, 1.5, 0.2, 1.7});
+    std::mt19937 rng(8);
+    std::normal_distribution<double> normal;
+    for (int k = 0; k < 20; ++k) { // nor can a step leave the space, or the zeros
+        array<double> p = estimates.parvec;
+        for (int i = 1; i <= 10; ++i)
+            if (estimates.ispar(i)) p(i) += 0.5 * normal(rng);
+        const block_at_point at = covariances_at(p, 0);
+        EXPECT_EQ(at.cc(3), 0.0);
+        EXPECT_EQ(at.cc(7), 0.0);
+        const array<double, 2> a = unpack(at.cc.prefix(10), 4);
+        array<double, 2> vectors;
+        array<double> eig;
+        int nzero = 0;
+        eigem(a, eig, vectors, 4, 0.0, nzero);
+        EXPECT_GT(eig(4), 0.0);
+        for (int i = 1; i <= 4; ++i)
+            for (int j = 1; j <= 4; ++j) {
+                double s = 0.0;
+                for (int c = 1; c <= 4; ++c) s += at.vv(i, c) * at.vv(j, c);
+                EXPECT_NEAR(s, a(i, j), 1.0e-12) << i << j;
+            }
+        EXPECT_NEAR(program_logl(p), dense_logl(m, p), 1.0e-7 * std::fabs(program_logl(p)));
+    }
 }
 
 TEST_F(variances_test, orders_of_pivots_exist_for_chordal_patterns_only) {
