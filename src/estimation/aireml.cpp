@@ -11,6 +11,7 @@
 #include "estimation/estimates.h"
 #include "estimation/evaluate.h"
 #include "estimation/iteratelog.h"
+#include "estimation/lastpoint.h"
 #include "estimation/parlists.h"
 #include "estimation/searchstate.h"
 #include "estimation/stepcontrol.h"
@@ -32,6 +33,8 @@ namespace {
 constexpr int second_order_from = 222;     // iterate from which the second-order term joins the information
 constexpr double least_promise = 0.01;     // gain in log L that a step may still promise at the end of the search,
 constexpr double promise_in_limits = 10.0; // or so many times the limit of its change
+constexpr int creeping_iterates = 10;      // in succession that won less
+constexpr double poor_share = 0.25;        // than this share of the promise
 constexpr double rounding_share = 1.0e-10; // of log L
 constexpr double below_pivots = -1.0e10;   // no diagonal of the information falls as low
 
@@ -102,6 +105,7 @@ void take_step(int& iround, double xold, double xnew, double best) {
     ++iround;
     ++aireml_terms.accepted;
     aireml_terms.last_change = xnew - xold;
+    count_poor(xnew - xold);
     print_iterate(iround, xnew, xold);
     list_step();
     estimates.parvec = search_state.parnew;
@@ -116,8 +120,11 @@ void take_step(int& iround, double xold, double xnew, double best) {
 void close_phase(int iter, int nits, bool search_failed) {
     // the last step need not have been the best
     estimates.parvec = bestpoint.parbest;
-    if (!maximise.converged) iterate_log.ended = iter > nits ? "limit of iterates" : "no better point found";
-    if (maximise.ncycle != 1 || maximise.converged) return;
+    if (!maximise.converged)
+        iterate_log.ended = aireml_terms.creeps ? "steps that win little of what they promise"
+                            : iter > nits       ? "limit of iterates"
+                                                : "no better point found";
+    if (maximise.ncycle != 1 || maximise.converged || aireml_terms.creeps) return;
     if (!search_failed) print_list(screen(), "*** AIREML : No convergence");
     text_out out;
     if (!out.open_append(filenames.iteratesfile)) return;
@@ -140,6 +147,16 @@ ai_limit limit_met(double change) {
     return change < maximise.aiconv_like && promises_little() ? ai_limit::change : ai_limit::none;
 }
 
+void count_poor(double change) {
+    auto& t = aireml_terms;
+    t.poor = change < -poor_share * t.prox ? t.poor + 1 : 0;
+}
+
+bool creeps() {
+    if (!options.sure || maximise.limit_given || aireml_terms.poor < creeping_iterates) return false;
+    return verdict_of_derivatives().kind == search_end::not_maximum;
+}
+
 step_outcome judge_step(double xold, double& xnew) {
     // "strict": a step must gain; otherwise any point with a value will do
     if (xnew > xold || (!options.strict_ai && xnew > invalid_logl)) return step_outcome::accepted;
@@ -156,6 +173,8 @@ void ai_reml(int nits, int& iround, double& xlike) {
     t.alpha = 1.0;
     t.tau = t.slope = t.prox = t.dnorm = t.pnorm = 0.0;
     t.last_change = 0.0;
+    t.poor = 0;
+    t.creeps = false;
     if (iround == 0) {
         t.tt0 = cpu_time();
         print_iterate(0, xlike, xlike);
@@ -172,6 +191,8 @@ void ai_reml(int nits, int& iround, double& xlike) {
             fail = true;
             break;
         }
+        t.creeps = creeps();
+        if (t.creeps) break;
         t.tau = 0.0;
         const double best = bestpoint.xbest; // the trial may become it
         eztimates(iter, xnew);

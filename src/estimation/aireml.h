@@ -15,12 +15,15 @@ struct aireml_terms_module {
     double slope = 0.0;       // slope of -log L along the step
     double tau = 0.0;         // added to the diagonal of the information matrix
     double last_change = 0.0; // in log L, by the last accepted iterate of the last AI-REML phase; 0: there was none
+    int poor = 0;             // iterates in succession that won less than a quarter of what their whole steps promised
+    bool creeps = false;      // the last AI-REML phase was broken off, since it did nothing else
     int accepted = 0;         // iterates accepted in the whole run
     double tt0 = 0.0;         // processor clock at the start of the iterate
 };
 inline aireml_terms_module aireml_terms;
 
-// Iterates from estimates.parvec until convergence, failure, or nits iterates.
+// Iterates from estimates.parvec until convergence, failure, or nits iterates; also until it creeps, ten poor iterates
+// from a point that is not an end, where the search goes on by itself (options.sure, no limit of iterates given).
 //   iround  running count of accepted iterates over the run
 //   xlike   in: log L at parvec; out: last accepted value
 // Leaves parvec at the best point, maximise.converged and cchanges, AvInfoParms and AvInfoCovs of the last iterate.
@@ -40,6 +43,12 @@ bool is_loss(double change, double xnew);
 // the change, where the whole step promised little as well (aireml_terms.prox): less than 0.01, or ten times the limit.
 enum class ai_limit { none, gradient, change };
 ai_limit limit_met(double change);
+
+// Counts iterates in succession whose change in log L was less than a quarter of what their whole steps promised.
+void count_poor(double change);
+// After ten of them, from a point (with its gradient and information) that is not an end: the search creeps along the
+// border. The stated plan alone, and a user's limit of iterates, go on in spite of that.
+bool creeps();
 
 // Pivoted rank check of derivs.der2: parameters without information that are exactly 0 are held out. Fills fixpar,
 // nparm2, subset.

@@ -177,17 +177,14 @@ void final_step() {
     search_state.saverr_ready = true;
 }
 
-// Rounds of EM, and AI-REML again, from an end that is short of a maximum: parameters are laid out anew by each change
-// of scale. False: next to nothing was gained.
+// Rounds of EM, and AI-REML again inside a trust region, from an end that is short of a maximum: parameters are laid
+// out anew by each change of scale. False: next to nothing was gained.
 bool resume(int& iround, double& xlike) {
     constexpr int rounds = 20;
     constexpr double least_gain = 0.01; // of a round that calls for another
     const double before = bestpoint.xbest;
     expanded_rounds(rounds, least_gain, true, iround, xlike);
-    if (maximise.search_type == 7 || verdict.resumed > 1) // the second time by the surest way
-        region_search(iround, xlike);
-    else
-        ai_phase(iround, xlike);
+    region_search(iround, xlike); // the surest way
     return bestpoint.xbest > before + resume_share * verdict_limit;
 }
 
@@ -226,7 +223,7 @@ void run_cycles(const cycle_methods& m) {
         for (bool more = true; more;) {
             more = false;
             m.ai();
-            if (maximise.converged) return;
+            if (maximise.converged || aireml_terms.creeps) return;
             if (icycle != maximise.ncycle || options.principal || !repeat_em) break;
             const double ai_change = aireml_terms.last_change;
             m.rescue(rescue_rounds, rescue_gain);

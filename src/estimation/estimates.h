@@ -21,7 +21,7 @@ struct cycle_methods {
 };
 // Runs maximise.ncycle cycles, until one of them has converged. A single one hands over where a round gains less
 // than 2. In the last one rounds of the rescue follow where AI-REML has not converged, and AI-REML again, until its
-// last change was below 0.01; not at reduced rank.
+// last change was below 0.01; not at reduced rank. An AI-REML that creeps ends all.
 void run_cycles(const cycle_methods& m);
 
 // True if the search goes on by itself from the end that verdict.last judges: it is short of a maximum, the plan knows

@@ -27,6 +27,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 #include <vector>
 
 namespace tarvex {
@@ -142,12 +143,15 @@ void move_by(const region_model& m, const std::vector<double>& step) {
 
 namespace {
 
-// Gradient and information at parvec. False where the point has no value.
-bool derivatives_here(double& xold) {
+// Gradient and information at parvec, and the curvature of the factors (packed) that the information leaves out. False
+// where the point has no value.
+bool derivatives_here(double& xold, array<double>& curvature) {
     xold = evaluate_point(estimates.parvec, 1);
     if (!(xold > invalid_logl)) return false;
     average_info();
     derivatives_mmm();
+    jacob_var2chol(1);
+    curvature = derivs.der2b;
     jacob_var2chol(0);
     rank_check();
     double s = 0.0;
@@ -166,7 +170,7 @@ bool badly_ordered() {
     bool bad = false;
     for (int irand = 0; irand <= numbers.krand && estimates.reorder; ++irand) {
         if (!by_factor(irand) || model.diagonal(irand)) continue;
-        if (irand == 0 && no_fixed_residuals() > 0) continue; // its order keeps zeros
+        if (irand == 0 && no_fixed_residuals() > 0 && !residualvars.filled) continue; // its order keeps zeros
         for (int step = 1; step <= (irand == 0 ? model.rr_resteps : 1) && estimates.nnparm(irand) > 0; ++step) {
             int ifail = 0;
             parvec2covs(parvec, irand, step, cc, vv, ifail);
@@ -196,11 +200,42 @@ bool at_rest() {
 
 namespace {
 
+// Two models of log L that differ in H: average information alone, or less the curvature of the factors, which is most
+// of it near the border and misleads far from a maximum. That in use is the one that told the gain of the last trial
+// better (Dennis, Gay and Welsch 1981, ACM Trans. Math. Softw. 7:348).
+struct rival_models {
+    region_model m;         // the one in use
+    array<double, 2> other; // H of the other one
+    bool curved = false;    // the one in use knows the curvature
+};
+
+void exchange(rival_models& r) {
+    std::swap(r.m.h, r.other);
+    r.curved = !r.curved;
+}
+
+void exchange_if_better(rival_models& r, double won, const region_step& s) {
+    if (std::fabs(won - model_gain(r.other, r.m.g, s.step)) < std::fabs(won - s.promised)) exchange(r);
+}
+
+void take_models(rival_models& r, const array<double>& curvature) {
+    r.m = model_here();
+    r.other = r.m.h;
+    const int n = static_cast<int>(r.m.axes.size());
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= n; ++j) {
+            const region_axis &a = r.m.axes[at(i)], &b = r.m.axes[at(j)];
+            r.other(i, j) -= curvature(packed_place(a.par, b.par, estimates.nparm)) * a.unit * b.unit;
+        }
+    if (r.curved) std::swap(r.m.h, r.other);
+}
+
 enum class region_end { accepted, arrived, stuck, poor };
 
 // Tries steps until one is accepted; `impatient`: or two in succession were poor.
-region_end try_steps(const region_model& m, double xold, double& xnew, trust_region& region, bool impatient) {
+region_end try_steps(rival_models& models, double xold, double& xnew, trust_region& region, bool impatient) {
     auto& t = aireml_terms;
+    const region_model& m = models.m;
     // whether it is worth going on is asked of a region of decent size, not of one that has shrunk
     const region_step wide = step_in_region(m.h, m.g, std::max(region.radius, end_radius));
     t.prox = -wide.promised;
@@ -218,8 +253,11 @@ region_end try_steps(const region_model& m, double xold, double& xnew, trust_reg
         if (!(xnew > invalid_logl))
             // a wall is no lack of curvature: the region shrinks to half the step, the count of poor steps goes up
             region.invalid(s.length);
-        else if (region.judge(xnew - xold, s.promised, s.length))
-            return region_end::accepted;
+        else {
+            const bool accepted = region.judge(xnew - xold, s.promised, s.length);
+            exchange_if_better(models, xnew - xold, s);
+            if (accepted) return region_end::accepted;
+        }
         if (impatient && region.poor >= 2) return region_end::poor;
     }
 }
@@ -258,17 +296,20 @@ void region_search(int& iround, double& xlike) {
     }
     region_end end = region_end::accepted;
     bool em_helps = true;
+    rival_models models;
+    array<double> curvature;
     const int most =
         // the user's limit, or enough that only the end by verdict counts
         maximise.limit_given ? maximise.aireml_its : std::max(least_limit, limit_per_parameter * estimates.nparm);
     for (int iter = 1; iter <= most; ++iter) {
         t.tt0 = cpu_time();
         double xold = invalid_logl, xnew = invalid_logl;
-        if (!derivatives_here(xold)) {
+        if (!derivatives_here(xold, curvature)) {
             end = region_end::stuck;
             break;
         }
-        end = try_steps(model_here(), xold, xnew, region, em_helps);
+        take_models(models, curvature);
+        end = try_steps(models, xold, xnew, region, em_helps);
         if (end == region_end::accepted) {
             take_step(iround, xold, xnew);
             xlike = xnew;

@@ -52,7 +52,20 @@ std::vector<double> backward(const array<double, 2>& l, std::vector<double> x) {
     return x;
 }
 
-double gain(const array<double, 2>& h, const std::vector<double>& g, const std::vector<double>& s) {
+// Upper bound of minus the least eigenvalue, 0 if that is not negative (Gershgorin's circles).
+double most_negative(const array<double, 2>& h, int n) {
+    double most = 0.0;
+    for (int i = 1; i <= n; ++i) {
+        double s = -h(i, i);
+        for (int j = 1; j <= n; ++j) s += i == j ? 0.0 : std::fabs(h(i, j));
+        most = std::max(most, s);
+    }
+    return most;
+}
+
+} // namespace
+
+double model_gain(const array<double, 2>& h, const std::vector<double>& g, const std::vector<double>& s) {
     const int n = static_cast<int>(g.size());
     double sum = 0.0;
     for (int i = 1; i <= n; ++i) {
@@ -61,8 +74,6 @@ double gain(const array<double, 2>& h, const std::vector<double>& g, const std::
     }
     return sum;
 }
-
-} // namespace
 
 region_step step_in_region(const array<double, 2>& h, const std::vector<double>& g, double radius) {
     constexpr double close = 0.01; // to the radius, in units of it
@@ -75,8 +86,8 @@ region_step step_in_region(const array<double, 2>& h, const std::vector<double>&
     double largest = 0.0;
     for (int i = 1; i <= n; ++i) largest = std::max(largest, h(i, i));
     array<double, 2> l;
-    // The norm of the step falls with lambda; at slope / radius it is at most the radius.
-    double low = 0.0, high = slope / radius, lambda = 0.0;
+    // The norm of the step falls with lambda; that far above the most negative eigenvalue it is at most the radius.
+    double low = 0.0, high = slope / radius + most_negative(h, n), lambda = 0.0;
     for (int turn = 0; turn < most_turns; ++turn) {
         // lambda is below the least one that makes H + lambda I positive definite
         if (!factorise(h, n, lambda, no_curvature * largest, l)) {
@@ -103,7 +114,7 @@ region_step step_in_region(const array<double, 2>& h, const std::vector<double>&
         for (double& x : r.step) x *= radius / r.length;
     // promised is that of the step as it is taken
     r.length = norm(r.step);
-    r.promised = gain(h, g, r.step);
+    r.promised = model_gain(h, g, r.step);
     return r;
 }
 

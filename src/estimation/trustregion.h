@@ -14,8 +14,11 @@ struct region_step {
     double lambda = 0.0; // multiplier of the region, added to the diagonal; 0: the maximum lies inside
 };
 
-// Maximises g's - s'Hs/2 over steps of length up to `radius`, H positive semi-definite (n x n). A combination without
-// curvature is followed to the edge of the region.
+// g's - s'Hs/2.
+double model_gain(const array<double, 2>& h, const std::vector<double>& g, const std::vector<double>& s);
+
+// Maximises g's - s'Hs/2 over steps of length up to `radius`, H symmetric (n x n). A combination without curvature, or
+// with that of a minimum, is followed to the edge of the region where the gradient has a part in it.
 region_step step_in_region(const array<double, 2>& h, const std::vector<double>& g, double radius);
 
 // What becomes of the region after a trial.

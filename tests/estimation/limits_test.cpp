@@ -46,6 +46,46 @@ TEST_F(limits_test, change_in_log_l_is_below_its_limit) {
     EXPECT_EQ(limit_met(0.000501), ai_limit::none);
 }
 
+TEST_F(limits_test, iterates_that_win_less_than_a_quarter_of_the_promise_are_counted_in_succession) {
+    aireml_terms.prox = -0.4;
+    count_poor(0.099);
+    count_poor(-1.0);
+    EXPECT_EQ(aireml_terms.poor, 2);
+    count_poor(0.101);
+    EXPECT_EQ(aireml_terms.poor, 0);
+    count_poor(0.0);
+    EXPECT_EQ(aireml_terms.poor, 1);
+}
+
+// Gradient and information at the point in hand, for the verdict.
+void derivatives_of_point() {
+    program_logl(estimates.parvec, 1);
+    average_info();
+    derivatives_mmm();
+}
+
+TEST_F(limits_test, search_creeps_after_ten_poor_iterates_where_there_is_no_end) {
+    small_model m = families(1);
+    m.random[0].g = {0.05};
+    set_up(m, {"--aireml"});
+    derivatives_of_point();
+    ASSERT_EQ(verdict_of_derivatives().kind, search_end::not_maximum);
+    aireml_terms.poor = 9;
+    EXPECT_FALSE(creeps());
+    aireml_terms.poor = 10;
+    EXPECT_TRUE(creeps());
+    maximise.limit_given = true;
+    EXPECT_FALSE(creeps()) << "the user has set a limit";
+    maximise.limit_given = false;
+    options.sure = false;
+    EXPECT_FALSE(creeps()) << "the stated plan alone";
+    options.sure = true;
+    get_estimates();
+    derivatives_of_point();
+    aireml_terms.poor = 10;
+    EXPECT_FALSE(creeps()) << "a maximum";
+}
+
 TEST_F(limits_test, whole_step_may_promise_a_hundredth_or_ten_limits) {
     aireml_terms.prox = -0.0099;
     EXPECT_EQ(limit_met(0.0), ai_limit::change);
@@ -301,6 +341,18 @@ planned run_plan(const std::vector<double>& changes, int converges_after = 1000)
                 },
                 [&] { note('N'); }});
     return p;
+}
+
+TEST_F(limits_test, phase_that_creeps_ends_all_cycles) {
+    std::string told;
+    maximise.ncycle = 3;
+    run_cycles({[&](int, double) { told += 'E'; }, [&](int, double) { told += 'R'; },
+                [&] {
+                    told += 'A';
+                    aireml_terms.creeps = true;
+                },
+                [&] { told += 'N'; }});
+    EXPECT_EQ(told, "EA");
 }
 
 TEST_F(limits_test, single_cycle_hands_over_below_a_gain_of_two) {

@@ -55,6 +55,23 @@ TEST(region_step_test, step_at_the_edge_is_the_best_of_its_length) {
     }
 }
 
+// A saddle: the step follows the curvature of a minimum to the edge, and is still the best of its length.
+TEST(region_step_test, step_off_a_saddle_is_the_best_of_its_length) {
+    for (const auto& h : std::vector<std::vector<std::vector<double>>>{
+             {{-1.0, 0.5}, {0.5, 2.0}}, {{-3.0, 0.2}, {0.2, -1.0}}, {{1.0, 4.0}, {4.0, 1.0}}})
+        for (const auto& g : std::vector<std::vector<double>>{{0.1, 1.0}, {1.0e-3, 0.0}, {-2.0, 0.3}}) {
+            const region_step s = step_in_region(square(h), g, 0.5);
+            ASSERT_NEAR(s.length, 0.5, 0.00501);
+            EXPECT_GT(s.promised, 0.0);
+            double most = -1.0e30;
+            for (int k = 0; k < 200000; ++k) {
+                const double t = 2.0 * M_PI * k / 200000.0;
+                most = std::max(most, model(h, g, {s.length * std::cos(t), s.length * std::sin(t)}));
+            }
+            EXPECT_NEAR(s.promised, most, 1.0e-6 * std::fabs(most));
+        }
+}
+
 TEST(region_step_test, combination_without_curvature_is_followed_to_the_edge) {
     const region_step s = step_in_region(square({{4.0, 0.0}, {0.0, 0.0}}), {0.4, 0.01}, 2.0);
     EXPECT_NEAR(s.length, 2.0, 0.021);
