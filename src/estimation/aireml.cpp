@@ -19,12 +19,12 @@
 #include "likelihood/likelihood.h"
 #include "parameters/variances.h"
 #include "support/edit_form.h"
+#include "support/vector1.h"
 
 #include <algorithm>
 #include <cmath>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace tarvex {
 
@@ -229,31 +229,30 @@ void list_changes(const array<double>& from, const array<double>& to) {
 void rank_check() {
     const int n = estimates.nparm;
     array<double, 2> a = unpack(derivs.der2.prefix(derivs.der2.size()), n);
-    std::vector<int> index(n);
+    vector1<int> index(n);
     array<double> dia;
     dia.allocate(n);
     for (int i = 1; i <= n; ++i) {
-        index[i - 1] = i;
+        index(i) = i;
         dia(i) = a(i, i);
     }
     derivs.fixpar.allocate(n);
     derivs.fixpar.fill(1);
-    const auto at = [&](int k) { return index[k - 1]; };
     bool stopped = false;
     // Cholesky elimination with the largest diagonal first; rows change places in the index alone
     for (int row = 1; row <= n; ++row) {
         int best = 0;
         double pivot = below_pivots;
         for (int k = row; k <= n; ++k)
-            if (a(at(k), at(k)) > pivot) {
-                pivot = a(at(k), at(k));
+            if (a(index(k), index(k)) > pivot) {
+                pivot = a(index(k), index(k));
                 best = k;
             }
         if (options.details) {
             print_list(screen(), "hess piv", row, pivot);
             if (best == 0) {
                 std::string rest;
-                for (int k = row; k <= n; ++k) rest += (k > row ? " " : "") + list_item(a(at(k), at(k)));
+                for (int k = row; k <= n; ++k) rest += (k > row ? " " : "") + list_item(a(index(k), index(k)));
                 print_list(screen(), rest);
             }
         }
@@ -261,19 +260,19 @@ void rank_check() {
             stopped = true;
             break;
         }
-        std::swap(index[row - 1], index[best - 1]);
-        const int p = at(row);
+        std::swap(index(row), index(best));
+        const int p = index(row);
         derivs.fixpar(p) = 0;
         for (int k = row + 1; k <= n; ++k) {
-            const double f = a(at(k), p) / pivot;
-            for (int l = row + 1; l <= n; ++l) a(at(k), at(l)) -= f * a(p, at(l));
+            const double f = a(index(k), p) / pivot;
+            for (int l = row + 1; l <= n; ++l) a(index(k), index(l)) -= f * a(p, index(l));
         }
     }
     derivs.subset.allocate(n);
     derivs.nparm2 = 0;
     for (int i = 1; i <= n; ++i) {
         if (stopped && options.details)
-            print_list(screen(), i, at(i), derivs.fixpar(i), " par", estimates.parvec(i), " dia", dia(i));
+            print_list(screen(), i, index(i), derivs.fixpar(i), " par", estimates.parvec(i), " dia", dia(i));
         // one that is not 0 takes part whatever its pivot
         if (estimates.parvec(i) != 0.0) derivs.fixpar(i) = 0;
         if (!derivs.fixpar(i)) derivs.subset(++derivs.nparm2) = i;

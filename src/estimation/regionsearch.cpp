@@ -27,6 +27,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <utility>
 #include <vector>
 
@@ -48,10 +49,8 @@ constexpr int least_limit = 50, limit_per_parameter = 3; // iterates, where the 
 
 std::size_t at(int i) { return static_cast<std::size_t>(i - 1); }
 
-bool by_factor(int irand) { return estimates.paraform(irand) != par_scale::original; }
-
-// Least logarithm of a diagonal: pivots below make a point invalid.
-// of a root: twice the root of the least variance, so that the matrix has an inverse
+// Least logarithm of a diagonal, which is a root: twice that of the least variance, since pivots below make a point
+// invalid.
 double least_log() { return 0.5 * std::log(4.0 * least_variance()); }
 
 // Best point with all factors on logarithmic diagonals.
@@ -93,20 +92,17 @@ void add_factor(int irand, int step, std::vector<region_axis>& axes) {
     }
 }
 
-// Axes of a block whose parameters are the covariances.
-void add_covariances(int irand, int step, std::vector<region_axis>& axes) {
-    // half the product of standard deviations: a step of 1 stays within correlations of +-0.5
-    const int n = model.kkfit(irand), from = block_start(irand, step);
-    array<double> parvec = estimates.parvec, cc;
-    array<double, 2> vv;
-    int ifail = 0;
-    parvec2covs(parvec, irand, step, cc, vv, ifail);
+// A matrix over all parameters (packed) in units of the axes.
+array<double, 2> in_units(const array<double>& packed, const std::vector<region_axis>& axes) {
+    const int n = static_cast<int>(axes.size());
+    array<double, 2> h;
+    h.allocate(n, n);
     for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j) {
-            const int par = from + (model.diagonal(irand) ? i : ihmssf(i, j, n)) - 1;
-            const bool fixed = irand == 0 && residualvars.fixres(par) != 0;
-            if (!fixed && !derivs.fixpar(par)) axes.push_back({par, 0.5 * row_sd(cc, i, n) * row_sd(cc, j, n), false});
+        for (int j = 1; j <= n; ++j) {
+            const region_axis &a = axes[at(i)], &b = axes[at(j)];
+            h(i, j) = packed(packed_place(a.par, b.par, estimates.nparm)) * a.unit * b.unit;
         }
+    return h;
 }
 
 } // namespace
@@ -114,19 +110,9 @@ void add_covariances(int irand, int step, std::vector<region_axis>& axes) {
 region_model model_here() {
     region_model m;
     for (int irand = estimates.nresparm == 0 ? 1 : 0; irand <= numbers.krand; ++irand)
-        for (int step = 1; step <= (irand == 0 ? model.rr_resteps : 1); ++step)
-            by_factor(irand) ? add_factor(irand, step, m.axes) : add_covariances(irand, step, m.axes);
-    const int n = static_cast<int>(m.axes.size());
-    m.h.allocate(n, n);
-    for (int i = 1; i <= n; ++i) {
-        const region_axis& a = m.axes[at(i)];
-        m.g.push_back(derivs.der1(a.par) * a.unit);
-        for (int j = 1; j <= n; ++j) {
-            const region_axis& b = m.axes[at(j)];
-            const int p = std::min(a.par, b.par), q = std::max(a.par, b.par);
-            m.h(i, j) = derivs.der2(ihmssf(p, q, estimates.nparm)) * a.unit * b.unit;
-        }
-    }
+        for (int step = 1; step <= (irand == 0 ? model.rr_resteps : 1); ++step) add_factor(irand, step, m.axes);
+    for (const region_axis& a : m.axes) m.g.push_back(derivs.der1(a.par) * a.unit);
+    m.h = in_units(derivs.der2, m.axes);
     return m;
 }
 
@@ -138,7 +124,6 @@ void move_by(const region_model& m, const std::vector<double>& step) {
         // a diagonal that starts below is not raised by a bound
         if (m.axes[k].logarithm) p = std::max(p, std::min(least_log(), estimates.parvec(m.axes[k].par)));
     }
-    damage_control();
 }
 
 namespace {
@@ -169,7 +154,7 @@ bool badly_ordered() {
     const auto marks = estimates.switchlog;
     bool bad = false;
     for (int irand = 0; irand <= numbers.krand && estimates.reorder; ++irand) {
-        if (!by_factor(irand) || model.diagonal(irand)) continue;
+        if (model.diagonal(irand)) continue;
         if (irand == 0 && no_fixed_residuals() > 0 && !residualvars.filled) continue; // its order keeps zeros
         for (int step = 1; step <= (irand == 0 ? model.rr_resteps : 1) && estimates.nnparm(irand) > 0; ++step) {
             int ifail = 0;
@@ -220,13 +205,9 @@ void exchange_if_better(rival_models& r, double won, const region_step& s) {
 
 void take_models(rival_models& r, const array<double>& curvature) {
     r.m = model_here();
-    r.other = r.m.h;
-    const int n = static_cast<int>(r.m.axes.size());
-    for (int i = 1; i <= n; ++i)
-        for (int j = 1; j <= n; ++j) {
-            const region_axis &a = r.m.axes[at(i)], &b = r.m.axes[at(j)];
-            r.other(i, j) -= curvature(packed_place(a.par, b.par, estimates.nparm)) * a.unit * b.unit;
-        }
+    r.other = in_units(curvature, r.m.axes);
+    const array<double, 2>& h = r.m.h;
+    std::transform(h.begin(), h.end(), r.other.begin(), r.other.begin(), std::minus<>());
     if (r.curved) std::swap(r.m.h, r.other);
 }
 
@@ -298,8 +279,8 @@ void region_search(int& iround, double& xlike) {
     bool em_helps = true;
     rival_models models;
     array<double> curvature;
+    // the user's limit, or enough that only the end by verdict counts
     const int most =
-        // the user's limit, or enough that only the end by verdict counts
         maximise.limit_given ? maximise.aireml_its : std::max(least_limit, limit_per_parameter * estimates.nparm);
     for (int iter = 1; iter <= most; ++iter) {
         t.tt0 = cpu_time();

@@ -3,7 +3,6 @@
 #include "control/options.h"
 #include "dense/numroutines.h"
 #include "estimation/aireml.h"
-#include "estimation/covs2parvec.h"
 #include "estimation/lastpoint.h"
 #include "estimation/regionsearch.h"
 #include "estimation/searchstate.h"
@@ -114,25 +113,6 @@ TEST_F(regionmodel_test, parameters_without_information_are_no_axes) {
     start(families(2));
     derivs.fixpar(2) = derivs.fixpar(6) = 1;
     EXPECT_EQ(parameters(model_here()), (std::vector<int>{1, 3, 4, 5}));
-}
-
-// Covariances as parameters: units are half those of both rows; what is held at zero is no axis.
-TEST_F(regionmodel_test, covariances_count_by_half_of_both_rows) {
-    small_model m = components(3);
-    m.principal = false;
-    for (auto& r : m.rows) r.y[r.animal % 2 ? 1 : 2] = -999.0; // the second and the third never together
-    set_up(m, {"--aireml"});
-    options.emalgorithm = true;
-    covs2parvec();
-    ASSERT_EQ(estimates.paraform(0), par_scale::original);
-    plain_derivatives();
-    ASSERT_EQ(residualvars.fixres(5), 1);
-    derivs.fixpar(9) = 1;
-    const region_model r = model_here();
-    EXPECT_EQ(parameters(r), (std::vector<int>{1, 2, 3, 4, 6, 7, 8, 10, 11, 12}));
-    EXPECT_NEAR(r.axes[0].unit, 0.5 * variance_of(m, 0, 0), 1.0e-10);
-    EXPECT_NEAR(r.axes[1].unit, 0.5 * std::sqrt(variance_of(m, 0, 0) * variance_of(m, 0, 1)), 1.0e-10);
-    EXPECT_NEAR(r.axes[4].unit, 0.5 * variance_of(m, 0, 2), 1.0e-10);
 }
 
 TEST_F(regionmodel_test, steps_move_by_units_and_logarithms_end_at_their_least_value) {
