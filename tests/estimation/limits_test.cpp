@@ -30,6 +30,15 @@ protected:
         aireml_terms.dnorm = 1.0;
         aireml_terms.prox = -0.001;
     }
+    // The line search moves the two parameters of one trait by derivs.dvec.
+    static void search_both() {
+        set_linesearch();
+        derivs.nparm2 = 2;
+        derivs.subset.allocate(2);
+        derivs.dvec.allocate(2);
+        derivs.subset(1) = 1;
+        derivs.subset(2) = 2;
+    }
 };
 
 TEST_F(limits_test, norm_of_the_gradient_comes_first) {
@@ -140,13 +149,8 @@ TEST_F(limits_test, first_gain_of_a_search_that_may_lose_is_no_convergence) {
 // Where steps may lose, a point must still have a value.
 TEST_F(limits_test, step_without_a_value_is_searched_however_steps_may_lose) {
     set_up(families(1), {"--aireml", "--nologd"});
-    set_linesearch();
+    search_both();
     options.strict_ai = false;
-    derivs.nparm2 = 2;
-    derivs.subset.allocate(2);
-    derivs.dvec.allocate(2);
-    derivs.subset(1) = 1;
-    derivs.subset(2) = 2;
     derivs.dvec(2) = 0.01;
     aireml_terms.alpha = 1.0;
     aireml_terms.slope = -1.0e-3;
@@ -160,13 +164,8 @@ TEST_F(limits_test, step_without_a_value_is_searched_however_steps_may_lose) {
 // A diagonal and its negative give one log L, to the last digit.
 TEST_F(limits_test, step_to_a_point_of_the_same_log_l_is_taken) {
     set_up(families(1), {"--aireml", "--nologd"});
-    set_linesearch();
+    search_both();
     options.strict_ai = true;
-    derivs.nparm2 = 2;
-    derivs.subset.allocate(2);
-    derivs.dvec.allocate(2);
-    derivs.subset(1) = 1;
-    derivs.subset(2) = 2;
     estimates.parvec(2) = 0.25;
     const double xold = program_logl(estimates.parvec, 1);
     derivs.dvec(2) = -5.0; // a tenth of it changes the sign
@@ -198,12 +197,7 @@ TEST_F(limits_test, search_without_a_better_point_says_so_in_its_last_iterate_to
 // Lengths are relative to the parameters, of at least 1.
 TEST_F(limits_test, least_length_of_a_search_follows_the_largest_relative_change) {
     set_up(families(1), {"--aireml", "--nologd"});
-    set_linesearch();
-    derivs.nparm2 = 2;
-    derivs.subset.allocate(2);
-    derivs.dvec.allocate(2);
-    derivs.subset(1) = 1;
-    derivs.subset(2) = 2;
+    search_both();
     estimates.parvec(1) = 4.0;
     estimates.parvec(2) = 0.5;
     for (const bool first : {true, false}) {

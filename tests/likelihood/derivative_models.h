@@ -14,13 +14,7 @@
 namespace tarvex {
 
 inline small_model traits(int nq, std::vector<double> g, std::vector<double> r, int repeats = 1) {
-    small_model m;
-    m.nq = nq;
-    m.make_pedigree(20, 6, 5);
-    m.make_rows(4, repeats, 2, nq > 1 ? 0.2 : 0.0, 6);
-    m.random = {{"animal", "NRM", nq, 0, std::move(g)}};
-    m.residual = std::move(r);
-    return m;
+    return traits_model(nq, std::move(g), std::move(r), repeats, 20);
 }
 
 inline small_model two_effects() {

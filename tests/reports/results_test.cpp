@@ -18,16 +18,6 @@ namespace {
 
 using results_test = tarvex_test;
 
-small_model traits(int nq, std::vector<double> g, std::vector<double> r, int repeats = 1) {
-    small_model m;
-    m.nq = nq;
-    m.make_pedigree(24, 6, 5);
-    m.make_rows(4, repeats, 2, nq > 1 ? 0.2 : 0.0, 6);
-    m.random = {{"animal", "NRM", nq, 0, std::move(g)}};
-    m.residual = std::move(r);
-    return m;
-}
-
 // At the starting values, as if the search had ended there.
 void stay_here() {
     evaluate_point(estimates.parvec, 1);
@@ -103,13 +93,13 @@ void expect_dense(const small_model& m, bool step_stays_inside) {
 }
 
 TEST_F(results_test, derivatives_of_the_covariances_equal_dense_ones) {
-    const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}, 2);
+    const small_model m = traits_model(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9}, 2);
     set_up(m);
     expect_dense(m, false);
 }
 
 TEST_F(results_test, derivatives_equal_dense_ones_behind_em) {
-    const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    const small_model m = traits_model(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
     set_up(m, {"--emalg"});
     expect_dense(m, true);
 }
@@ -128,7 +118,7 @@ TEST_F(results_test, random_regression_with_classes_of_residuals) {
 
 // Unrelated animals: the two independent effects of an animal cannot be told apart.
 TEST_F(results_test, effects_that_cannot_be_told_apart_are_flat_by_their_names) {
-    small_model m = traits(1, {1.3}, {2.0}, 3);
+    small_model m = traits_model(1, {1.3}, {2.0}, 3);
     m.sire.assign(m.sire.size(), 0);
     m.dam.assign(m.dam.size(), 0);
     m.random = {{"animal", "NRM", 1, 0, {1.3}}, {"pe", "IDE", 1, 0, {0.9}}};
@@ -147,7 +137,7 @@ TEST_F(results_test, effects_that_cannot_be_told_apart_are_flat_by_their_names) 
 }
 
 TEST_F(results_test, border_of_variances_correlations_and_eigenvalues) {
-    set_up(traits(2, {1.0e-6, 0.0, 1.8}, {2.1, 0.4, 1.9}));
+    set_up(traits_model(2, {1.0e-6, 0.0, 1.8}, {2.1, 0.4, 1.9}));
     stay_here();
     ASSERT_EQ(final_point.border.size(), 1u);
     EXPECT_EQ(final_point.border[0].kind, "variance");
@@ -157,7 +147,7 @@ TEST_F(results_test, border_of_variances_correlations_and_eigenvalues) {
 }
 
 TEST_F(results_test, correlation_close_to_one_is_at_the_border) {
-    set_up(traits(2, {1.0, 1.2 * 0.9992, 1.44}, {2.1, 0.4, 1.9}));
+    set_up(traits_model(2, {1.0, 1.2 * 0.9992, 1.44}, {2.1, 0.4, 1.9}));
     stay_here();
     ASSERT_EQ(final_point.border.size(), 1u);
     EXPECT_EQ(final_point.border[0].kind, "correlation");
@@ -166,7 +156,7 @@ TEST_F(results_test, correlation_close_to_one_is_at_the_border) {
 
 TEST_F(results_test, eigenvalue_that_is_gone_though_no_correlation_is_one) {
     // x3 = x1 + x2 of two independent traits
-    set_up(traits(3, {1.0, 0.0, 1.0, 1.0, 1.0, 2.00001}, {2.1, 0.4, 0.2, 1.9, 0.3, 2.5}));
+    set_up(traits_model(3, {1.0, 0.0, 1.0, 1.0, 1.0, 2.00001}, {2.1, 0.4, 0.2, 1.9, 0.3, 2.5}));
     stay_here();
     ASSERT_EQ(final_point.border.size(), 1u);
     EXPECT_EQ(final_point.border[0].kind, "eigenvalue");
@@ -177,7 +167,7 @@ TEST_F(results_test, eigenvalue_that_is_gone_though_no_correlation_is_one) {
 TEST_F(results_test, promise_is_that_of_the_parameter_space) {
     for (const double size : {0.3, 3.0}) { // records vary less, or more, than the starting values say
         new_analysis();
-        small_model m = traits(1, {1.0e-5}, {2.0});
+        small_model m = traits_model(1, {1.0e-5}, {2.0});
         for (auto& r : m.rows) r.y = {10.0 + (m.sire[static_cast<std::size_t>(r.animal - 1)] % 2 ? size : -size)};
         set_up(m);
         stay_here();

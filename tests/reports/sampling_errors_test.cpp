@@ -21,16 +21,6 @@ namespace {
 
 using sampling_errors = tarvex_test;
 
-small_model traits(int nq, std::vector<double> g, std::vector<double> r, int repeats = 1) {
-    small_model m;
-    m.nq = nq;
-    m.make_pedigree(24, 6, 5);
-    m.make_rows(4, repeats, 2, nq > 1 ? 0.2 : 0.0, 6);
-    m.random = {{"animal", "NRM", nq, 0, std::move(g)}};
-    m.residual = std::move(r);
-    return m;
-}
-
 // Slope of f at parameter i, extrapolated from two steps.
 template <class F> auto slope(int i, const F& f) {
     const auto at = [&](double step) {
@@ -98,27 +88,27 @@ void expect_sampling_covariances(const small_model& m) {
 }
 
 TEST_F(sampling_errors, two_traits_by_their_factors) {
-    const small_model m = traits(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
+    const small_model m = traits_model(2, {1.3, 0.5, 1.8}, {2.1, 0.4, 1.9});
     set_up(m, {"--aireml"});
     expect_sampling_covariances(m);
 }
 
 TEST_F(sampling_errors, logarithms) {
-    const small_model m = traits(2, {0.3, 0.1, 0.25}, {2.1, 0.4, 1.9});
+    const small_model m = traits_model(2, {0.3, 0.1, 0.25}, {2.1, 0.4, 1.9});
     set_up(m, {"--aireml", "--logdia"});
     EXPECT_EQ(estimates.logpar(1), 1);
     expect_sampling_covariances(m);
 }
 
 TEST_F(sampling_errors, repeat_effect_through_the_residual) {
-    small_model m = traits(1, {1.3}, {2.1}, 3);
+    small_model m = traits_model(1, {1.3}, {2.1}, 3);
     m.random.push_back({"pe", "PEQ", 1, 0, {0.8}});
     set_up(m, {"--aireml"});
     expect_sampling_covariances(m);
 }
 
 TEST_F(sampling_errors, reduced_rank) {
-    small_model m = traits(3, {1.3, 0.5, 0.4, 1.8, 0.6, 1.1}, {2.1, 0.4, 0.2, 1.9, 0.3, 1.7});
+    small_model m = traits_model(3, {1.3, 0.5, 0.4, 1.8, 0.6, 1.1}, {2.1, 0.4, 0.2, 1.9, 0.3, 1.7});
     m.principal = true;
     m.random[0].rank = 1;
     set_up(m, {"--aireml"});
@@ -138,14 +128,14 @@ TEST_F(sampling_errors, residual_classes_of_a_random_regression) {
 }
 
 TEST_F(sampling_errors, diagonal_block) {
-    small_model m = traits(2, {1.3, 1.8}, {2.1, 0.4, 1.9});
+    small_model m = traits_model(2, {1.3, 1.8}, {2.1, 0.4, 1.9});
     m.random[0].diagonal = true;
     set_up(m, {"--aireml"});
     expect_sampling_covariances(m);
 }
 
 TEST_F(sampling_errors, correlated_effects) {
-    small_model m = traits(1, {1.4, -0.3, 0.9}, {2.1});
+    small_model m = traits_model(1, {1.4, -0.3, 0.9}, {2.1});
     m.random[0] = {"animal+dam", "NRM", 2, 0, {1.4, -0.3, 0.9}};
     set_up(m, {"--aireml"});
     expect_sampling_covariances(m);

@@ -232,6 +232,16 @@ small_model one_trait_model() {
     return m;
 }
 
+small_model traits_model(int nq, std::vector<double> g, std::vector<double> r, int repeats, int animals) {
+    small_model m;
+    m.nq = nq;
+    m.make_pedigree(animals, 6, 5);
+    m.make_rows(4, repeats, 2, nq > 1 ? 0.2 : 0.0, 6);
+    m.random = {{"animal", "NRM", nq, 0, std::move(g)}};
+    m.residual = std::move(r);
+    return m;
+}
+
 void set_up(const small_model& m, const std::vector<std::string>& arguments) {
     m.write_files("model");
     std::vector<std::string> list{"tarvex"};

@@ -51,6 +51,10 @@ struct small_model {
 // Animals with one record of one trait each, in three herds.
 small_model one_trait_model();
 
+// nq traits of related animals, `repeats` records each from the fourth on, in two herds; with several traits a fifth of
+// the observations missing. g, r: packed covariances.
+small_model traits_model(int nq, std::vector<double> g, std::vector<double> r, int repeats = 1, int animals = 24);
+
 // Writes the files and runs the program's phases to the end of the stores of the likelihood; a stop is thrown.
 void set_up(const small_model& m, const std::vector<std::string>& options = {"--aireml"});
 
