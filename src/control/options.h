@@ -15,7 +15,7 @@ struct options_module {
     bool emai = false;
     bool emalgorithm = true;     // the plan begins with EM, or BLUP: covariances are the parameters
     bool limits = false;         // the limits are told and the run ends
-    bool forchol = false;        // keep the factor scale of the residual block
+    bool forchol = false;        // keep the factor scale of the residual block: taken, and always so in AI-REML
     std::array<int, 8> logdia{}; // by block, 0 residual: diagonals on the log scale
     bool mmmposdef = false;      // an indefinite coefficient matrix is an error
     bool nologd = false;         // never switch to log diagonals

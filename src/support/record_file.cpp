@@ -129,7 +129,7 @@ bool record_reader::take_slow(void* p, std::size_t n) {
 bool record_reader::next() {
     if (!file_) return false;
     while (left_ > 0) { // pass over what was not taken
-        if (left_ > end_ - at_ && end_ - at_ < left_) {
+        if (left_ > end_ - at_) {
             left_ -= end_ - at_;
             at_ = end_;
             if (!fill()) return false;
