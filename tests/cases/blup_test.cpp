@@ -150,6 +150,26 @@ TEST_F(blup_test, invalid_matrices) {
     fails("VAR animal 2\n 4.0 5.0 4.0\nVAR residual 2\n 5.0 0.0 5.0\n", "Invalid random covariance matrix for BLUP");
 }
 
+TEST_F(blup_test, invalid_residual_variance_of_a_class) {
+    auto p = make_population(30, 1, 3, 0.0, 94);
+    for (std::size_t i = 0; i < p.records.size(); ++i) p.records[i].age = 20.0 + static_cast<double>(i % 19);
+    const std::string good[] = {"5.0", "6.0", "7.0"};
+    for (std::size_t wrong = 0; wrong < 4; ++wrong)
+        for (const char* value : {"-4.0", "0.0"}) {
+            std::string classes[] = {good[0], good[1], good[2]};
+            if (wrong < 3) classes[wrong] = value;
+            put(p, "RR",
+                "MOD\n FIX herd\n RAN animal(2,LEG) NRM\n RRC age\n TR y1 1 -999\nEND\nVAR animal 2\n 8.0 1.0 2.0\n"
+                "VAR residual 1 HET 3 age\n 20 25 " +
+                    classes[0] + "\n 26 31 " + classes[1] + "\n 32 38 " + classes[2] + "\n");
+            const auto result = run("--blup");
+            EXPECT_EQ(result.status, wrong < 3 ? 1 : 0) << result.output;
+            EXPECT_EQ(result.output.find("Invalid residual covariance matrix for BLUP\n") != std::string::npos,
+                      wrong < 3)
+                << result.output;
+        }
+}
+
 // At reduced rank the given matrix may be of that rank; its residuals are those of a matrix close to it.
 TEST_F(blup_test, matrix_of_reduced_rank) {
     const auto p = make_population(40, 2, 1, 0.0, 96);

@@ -276,6 +276,11 @@ TEST_F(derivatives_test, diagonal_block_without_logarithms) {
     set_up(m, {"--aireml", "--nologd"});
     EXPECT_FALSE(options.principal);
     expect_derivatives(m);
+    m.random = {{"animal", "NRM", 2, 0, {1.3, 1.8}, true}}; // levels that are related
+    new_analysis();
+    set_up(m, {"--aireml", "--nologd"});
+    EXPECT_FALSE(options.principal);
+    expect_derivatives(m);
 }
 
 TEST_F(derivatives_test, correlated_effects) {

@@ -260,6 +260,29 @@ TEST_F(likelihood_test, trial_residual_of_a_class_that_is_too_small_is_invalid) 
     }
 }
 
+// Solutions at given matrices take them as they are: a class with a negative variance, however far from zero, has no
+// inverse. A search on the scale of covariances raises it.
+TEST_F(likelihood_test, negative_residual_of_a_class_is_refused_or_raised) {
+    const small_model m = regression_in_classes();
+    set_up(m);
+    options.emalgorithm = true;
+    covs2parvec();
+    ASSERT_EQ(estimates.paraform(0), par_scale::original);
+    for (const int iclass : {1, 2, 3})
+        for (const double variance : {-0.7, -5.0, -1.0e-3}) {
+            array<double> p = estimates.parvec;
+            p(iclass) = variance;
+            int ifail = 0;
+            options.blup = true;
+            rinverse(p, ifail);
+            EXPECT_NE(ifail, 0) << iclass << " " << variance;
+            options.blup = false;
+            rinverse(p, ifail);
+            EXPECT_EQ(ifail, 0) << iclass << " " << variance;
+            EXPECT_GT(residualvars.sigres(1, iclass), 0.0);
+        }
+}
+
 TEST_F(likelihood_test, reduced_rank_equals_dense_with_the_product_of_its_factor) {
     small_model m;
     m.nq = 3;

@@ -311,6 +311,16 @@ TEST_F(variances_test, starting_matrices_must_be_positive_definite) {
     }
 }
 
+TEST_F(variances_test, each_residual_class_must_start_with_a_positive_variance) {
+    for (const std::size_t iclass : {0, 1, 2})
+        for (const char* plan : {"--aireml", "--emalg"}) {
+            small_model m = growth(true);
+            m.residual[iclass] = -0.7;
+            new_analysis();
+            EXPECT_STOP(set_up(m, {plan}), "Matrix of starting values is \"invalid\" \n");
+        }
+}
+
 TEST_F(variances_test, starting_variances_below_the_operational_zero_are_named) {
     small_model m = two_traits();
     m.random[0].g = {1.0e-9, 0.0, 1.0};

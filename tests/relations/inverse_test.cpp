@@ -419,6 +419,28 @@ TEST_F(factor_test, factor_and_product_of_inbred_pedigrees) {
     }
 }
 
+// Animals 6 and 9 have one known parent each, inbred, once the sire and once the dam.
+TEST_F(factor_test, one_known_parent_that_is_inbred) {
+    const std::vector<int> sire{0, 0, 1, 1, 3, 5, 3, 3, 0, 9}, dam{0, 0, 2, 2, 4, 0, 4, 7, 8, 6};
+    model_by_hand(sire, dam);
+    options.superai = true;
+    gen_inverses();
+    cholnrm_animal();
+    const dense a = tabular(sire, dam), l = factor(), inv = inverse();
+    EXPECT_GT(a[4][4], 1.2);
+    EXPECT_GT(a[7][7], 1.2);
+    for (std::size_t i = 0; i < a.size(); ++i)
+        for (std::size_t j = 0; j < a.size(); ++j) {
+            double ll = 0.0, one = 0.0;
+            for (std::size_t k = 0; k < a.size(); ++k) {
+                ll += l[i][k] * l[j][k];
+                one += a[i][k] * inv[k][j];
+            }
+            EXPECT_NEAR(ll, a[i][j], 1e-14) << i << " " << j;
+            EXPECT_NEAR(one, i == j ? 1.0 : 0.0, 1e-13) << i << " " << j;
+        }
+}
+
 // A sire has half of his sire and a quarter of his maternal grandsire; one bull as both counts as a sire.
 TEST_F(factor_test, factor_and_product_of_sires) {
     for (unsigned seed = 31; seed <= 34; ++seed) {
