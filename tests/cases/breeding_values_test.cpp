@@ -42,22 +42,42 @@ protected:
     struct truth {
         oracle::dense u, pev, a, g;
     };
-    // Predictions and their error variances, A(l,l) g(r,r) - c'Pc, c the covariances of the effect with the records.
-    static truth dense_solutions(const small_model& m) {
-        const oracle::analysis an = m.dense();
-        oracle::point p;
-        p.r = {square(m.residual, m.nq)};
-        p.g = {square(m.random[0].g, m.nq)};
-        const oracle::reml e = oracle::evaluate(an, oracle::variance(an, p));
-        truth t{oracle::blup(an, p, e, 0), {}, an.a[0], p.g[0]};
+    // The model as it is given; lines: each line is a subject.
+    struct dense_model {
+        oracle::analysis an;
+        oracle::point at;
+    };
+    static dense_model given_model(const small_model& m, bool lines = false) {
+        dense_model d{m.dense(), {}};
+        d.at.r = {square(m.residual, m.nq)};
+        for (const auto& e : m.random) {
+            d.at.g.push_back(oracle::zeros(at(e.order), at(e.order)));
+            for (std::size_t i = 0; i < e.g.size() && e.diagonal; ++i) d.at.g.back()[i][i] = e.g[i];
+            if (!e.diagonal) d.at.g.back() = square(e.g, e.order);
+        }
+        std::size_t k = 0;
+        int line = 0;
+        for (const auto& r : m.rows) {
+            ++line;
+            for (double y : r.y)
+                if (y != -999.0 && lines) d.an.obs[k++].subject = line;
+        }
+        return d;
+    }
+    static truth dense_solutions(const small_model& m) { return dense_solutions(given_model(m), 0); }
+    // Predictions of effect k and their error variances, A(l,l) g(r,r) - c'Pc, c the covariances of the effect with the
+    // records.
+    static truth dense_solutions(const dense_model& d, std::size_t effect) {
+        const oracle::analysis& an = d.an;
+        const oracle::reml e = oracle::evaluate(an, oracle::variance(an, d.at));
+        truth t{oracle::blup(an, d.at, e, effect), {}, an.a[effect], d.at.g[effect]};
         t.pev = t.u;
         for (std::size_t l = 0; l < t.u.size(); ++l)
-            for (std::size_t r = 0; r < at(m.nq); ++r) {
-                oracle::vec c(an.obs.size());
-                for (std::size_t i = 0; i < c.size(); ++i) {
-                    const oracle::term& term = an.obs[i].terms[0][0];
-                    c[i] = t.a[l][at(term.level - 1)] * oracle::dot(t.g[r], term.z);
-                }
+            for (std::size_t r = 0; r < t.g.size(); ++r) {
+                oracle::vec c(an.obs.size(), 0.0);
+                for (std::size_t i = 0; i < c.size(); ++i)
+                    for (const oracle::term& term : an.obs[i].terms[effect])
+                        c[i] += t.a[l][at(term.level - 1)] * oracle::dot(t.g[r], term.z);
                 t.pev[l][r] = t.a[l][l] * t.g[r][r] - oracle::dot(c, oracle::times(e.p, c));
             }
         return t;
@@ -65,7 +85,9 @@ protected:
     static double accuracy(double v) { return v > 0.0 ? std::sqrt(v) : v; }
     // EBV_animal.dat with the accuracies of that option. True if some animal is inbred.
     static bool expect_breeding_values(const small_model& m, bool inbreeding) {
-        const truth t = dense_solutions(m);
+        return expect_breeding_values(dense_solutions(m), inbreeding);
+    }
+    static bool expect_breeding_values(const truth& t, bool inbreeding) {
         const auto lines = lines_of(read_file("EBV_animal.dat"));
         EXPECT_GE(lines.size(), 1 + 3 * 25u);
         EXPECT_NE(lines.at(0).find("Accur."), std::string::npos);
@@ -81,6 +103,19 @@ protected:
             EXPECT_NEAR(number_of(w[5]), accuracy(1.0 - t.pev[l][r] / (share * t.g[r][r])), 6e-4) << lines[k];
         }
         return inbred;
+    }
+    // RnSoln_<effect>.dat with the accuracies of that option.
+    static void expect_solutions(const truth& t, const std::string& effect, bool inbreeding = false) {
+        const auto lines = read_random_solutions(effect);
+        EXPECT_GE(lines.size(), 10 * t.g.size());
+        for (const auto& line : lines) {
+            const std::size_t l = at(static_cast<int>(line.code) - 1), r = at(line.iq - 1);
+            const std::string where = effect + " " + std::to_string(line.code) + " " + std::to_string(line.iq);
+            EXPECT_NEAR(line.solution, t.u[l][r], 1e-5) << where;
+            EXPECT_NEAR(line.error, std::sqrt(t.pev[l][r]), 1e-5) << where;
+            const double variance = (inbreeding ? t.a[l][l] : 1.0) * t.g[r][r];
+            EXPECT_NEAR(line.accuracy, accuracy(1.0 - t.pev[l][r] / variance), 6e-4) << where;
+        }
     }
 };
 
@@ -163,14 +198,63 @@ TEST_F(breeding_values_test, mixed_ranks_give_scores_only_where_the_rank_is_redu
     m.write_files("model");
     finish("--blup");
     EXPECT_FALSE(std::filesystem::exists("EBV_pe.dat"));
-    const oracle::analysis an = m.dense();
-    oracle::point p;
-    p.r = {square(m.residual, 3)};
-    p.g = {square(m.random[0].g, 3), square(m.random[1].g, 3)};
-    const oracle::reml e = oracle::evaluate(an, oracle::variance(an, p));
-    const oracle::dense u = oracle::blup(an, p, e, 1);
-    for (const auto& line : read_random_solutions("pe"))
-        EXPECT_NEAR(line.solution, u[at(static_cast<int>(line.code) - 1)][at(line.iq - 1)], 1e-5);
+    expect_solutions(dense_solutions(given_model(m), 1), "pe");
+}
+
+// Coefficients times functions are the curve of an animal: of diagonal matrices, of full-rank ones beside others, and,
+// in a file of their own, at reduced rank.
+TEST_F(breeding_values_test, coefficients_of_random_regressions) {
+    small_model m;
+    m.randreg = true;
+    m.make_pedigree(30, 6, 66);
+    m.sire[26] = m.sire[27] = 1; // inbred offspring of full sibs
+    m.dam[26] = m.dam[27] = 2;
+    m.sire[29] = 27;
+    m.dam[29] = 28;
+    m.make_rows(4, 4, 3, 0.0, 67);
+    m.residual = {1.2};
+    const small_effect pe{"pe", "IDE", 2, 0, {0.9, 0.2, 0.6}};
+    m.random = {{"animal", "NRM", 2, 0, {0.7, 1.8}, true}, pe};
+    for (const char* options : {"--blup", "--blup --nologd", "--blup --accinb"}) {
+        SCOPED_TRACE(options);
+        m.write_files("model");
+        finish(options);
+        const auto d = given_model(m);
+        expect_solutions(dense_solutions(d, 0), "animal", std::string(options).ends_with("accinb"));
+        expect_solutions(dense_solutions(d, 1), "pe");
+    }
+    m.principal = true;
+    m.random = {{"animal", "NRM", 3, 2, {}}, pe};
+    const double f[3][2] = {{1.3, 0.0}, {0.4, 0.9}, {-0.2, 0.3}};
+    for (int i = 0; i < 3; ++i)
+        for (int j = i; j < 3; ++j) m.random[0].g.push_back(f[i][0] * f[j][0] + f[i][1] * f[j][1]);
+    m.random[1].rank = 2;
+    m.write_files("model");
+    finish("--blup");
+    const auto d = given_model(m);
+    expect_breeding_values(dense_solutions(d, 0), false);
+    expect_solutions(dense_solutions(d, 1), "pe");
+}
+
+// Lines as subjects: residuals of two traits go together within a line.
+TEST_F(breeding_values_test, lines_that_are_subjects) {
+    small_model m;
+    m.nq = 2;
+    m.make_pedigree(30, 6, 68);
+    m.make_rows(5, 3, 2, 0.2, 69);
+    m.random = {{"animal", "NRM", 2, 0, {1.3, 0.5, 1.8}}, {"pe", "IDE", 2, 0, {0.9, 0.2, 0.8}}};
+    m.residual = {2.1, 1.4, 1.9};
+    m.write_files("model");
+    std::string text = m.parameters();
+    for (const char* subject : {" SUBject LINE\n", " SUBject animal age\n"}) {
+        write_file("model.par", std::string(text).insert(text.find(" TRAIT y1"), subject));
+        for (const char* options : {"--blup", "--blup --accinb"}) {
+            SCOPED_TRACE(std::string(subject) + options);
+            finish(options);
+            expect_solutions(dense_solutions(given_model(m, true), 0), "animal", options[6] != '\0');
+            expect_solutions(dense_solutions(given_model(m, true), 1), "pe");
+        }
+    }
 }
 
 // Accuracies of inbred animals without information are negative: a line tells, and the option mends it.

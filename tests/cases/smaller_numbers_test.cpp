@@ -118,7 +118,7 @@ TEST_F(smaller_numbers, the_only_trait_has_number_one) {
 
 // Dates stand apart from the running number in the files on control values.
 TEST_F(smaller_numbers, long_control_values_in_reports) {
-    for (const long base : {20240101L, 100L}) {
+    for (const long base : {20240101L, 100L, -20240110L, -1000007L, -3L}) {
         std::string data;
         for (int i = 0; i < 60; ++i)
             data += std::to_string(i / 6 + 1) + " " + std::to_string(base + i % 6) + " " + text(wave(i)) + "\n";

@@ -169,6 +169,23 @@ TEST_F(subjects_test, repeated_control_values_in_lines_of_their_own) {
                     1e-8, "log L");
 }
 
+// Records of one trait have residuals of their own, whatever is a subject.
+TEST_F(subjects_test, one_trait) {
+    p_ = make_population(60, 1, 3, 0.0, 24);
+    a_ = tabular(p_.sire, p_.dam);
+    write_file("ped.dat", p_.pedigree());
+    analysis_ = "UNI";
+    const double want = truth([&](const observation& i, const observation& j) {
+        return 4.5 * a_[animal(i)][animal(j)] + (animal(i) == animal(j) ? 1.2 : 0.0) + (record(i, j) ? 6.0 : 0.0);
+    });
+    for (const char* subject : {"", " SUB LINE\n", " SUB animal\n", " SUB animal parity\n", " SUB herd\n"}) {
+        put("MOD\n" + repeats_ + subject +
+            " TR y1 1 -999\nEND\nVAR animal 1\n 4.5\nVAR perm 1\n 1.2\nVAR residual 1\n 6.0\n");
+        for (const char* options : {"--aireml1", "--emalg1"}) expect_relative(start(options), want, 1e-8, subject);
+        EXPECT_EQ(read_residuals().size(), p_.records.size()) << subject;
+    }
+}
+
 TEST_F(subjects_test, faults_are_told) {
     const auto expect_fault = [&](const std::string& line, const std::string& text) {
         put("MOD EQ\n" + repeats_ + line + traits_ + repeat_blocks_);
