@@ -32,7 +32,7 @@ name_list inputs() {
     if (!options.bestonly) list.push_back(f.datfile);
     if (options.pedigrees) list.push_back(f.pedfile);
     if (options.start_vals) list.push_back(f.stvalfile);
-    if (model.me_type == "IND") list.push_back(f.me_varfile);
+    if (model.me_type == residual_classes::ind) list.push_back(f.me_varfile);
     for (int iq = 1; iq <= numbers.nq; ++iq)
         for (int i = 1; i <= model.nrnd(iq); ++i)
             if (model.rnd_opt(i, iq) == covariance_kind::gin)

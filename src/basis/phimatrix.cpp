@@ -23,32 +23,16 @@ namespace tarvex {
 
 namespace {
 
-// numbers as in mudmap.irropt
-enum basis { pol = 0, leg = 1, bsp = 2, spl = 3, usr = 9 };
-
-std::string basis_name(int irropt) {
-    switch (irropt) {
-    case pol:
-        return "POL";
-    case leg:
-        return "LEG";
-    case bsp:
-        return "BSP";
-    case spl:
-        return "SPL";
-    default:
-        return "USR";
-    }
-}
-
 struct table_key {
-    int irrc, irropt, order, degree, isp;
+    int irrc;
+    basis_kind basis;
+    int order, degree, isp;
     bool operator==(const table_key&) const = default;
 };
 
 std::string table_name(const table_key& key) {
     const std::string name = model.rrcontrol(key.irrc);
-    const std::string type = basis_name(key.irropt);
+    const std::string type = name_of(key.basis);
     // the order of fit with as many digits as it has; edit ends the line
     std::string file = key.order < 10 ? edit("(a,1h_,a,i1,4h.baf) ", name, type, key.order)
                                       : edit("(a,1h_,a,i2,4h.baf) ", name, type, key.order);
@@ -172,7 +156,7 @@ void read_table(array<double, 2>& phi, const control_list& codes, const std::str
     }
 }
 
-void write_table(const array<double, 2>& phi, const control_list& codes, const std::string& file, int irropt) {
+void write_table(const array<double, 2>& phi, const control_list& codes, const std::string& file, basis_kind basis) {
     text_out out;
     if (!out.open(file)) {
         print_list(screen(), "Error open file for output of basis function ", file);
@@ -182,7 +166,7 @@ void write_table(const array<double, 2>& phi, const control_list& codes, const s
         std::vector<double> row;
         for (int k = 1; k <= phi.upper(2); ++k) row.push_back(phi(a, k));
         // powers of a raw variable may be large
-        if (irropt == pol)
+        if (basis == basis_kind::pol)
             write(out, "(i8,(t9,10f16.6))   ", codes(a), row);
         else
             write(out, "(i8,(t9,10f10.6))   ", codes(a), row);
@@ -193,26 +177,26 @@ void write_table(const array<double, 2>& phi, const control_list& codes, const s
 void fill_table(array<double, 2>& phi, const table_key& key, const std::string& file) {
     const control_list& codes = control_codes(key.irrc);
     allocate("all phi", phi, codes.size(), key.order);
-    if (key.irropt == usr) return read_table(phi, codes, file);
-    if (key.irropt == spl) stop("tpf splines not yet");
+    if (key.basis == basis_kind::usr) return read_table(phi, codes, file);
+    if (key.basis == basis_kind::spl) stop("tpf splines not yet");
     // Legendre polynomials take the range of the control variable as (-1,1), over all traits
     const auto tmin = static_cast<double>(codes.front()), tmax = static_cast<double>(codes.back());
     std::vector<double> row(key.order, 1.0);
     for (int a = 1; a <= codes.size(); ++a) {
         const auto x = static_cast<double>(codes(a));
         // powers of the variable as it is, from 0
-        if (key.irropt == pol)
+        if (key.basis == basis_kind::pol)
             for (std::size_t k = 1; k < row.size(); ++k) row[k] = row[k - 1] * x;
-        else if (key.irropt == leg)
+        else if (key.basis == basis_kind::leg)
             legendre_row(-1.0 + 2.0 * (x - tmin) / (tmax - tmin), row);
-        else if (key.irropt == bsp)
+        else if (key.basis == basis_kind::bsp)
             for (std::size_t k = 0; k < row.size(); ++k)
                 row[k] = splines.bspmat(key.isp)(bspline_place(key.isp, x), k + 1);
         else
             stop("error phi");
         for (std::size_t k = 0; k < row.size(); ++k) phi(a, k + 1) = row[k];
     }
-    write_table(phi, codes, file, key.irropt);
+    write_table(phi, codes, file, key.basis);
 }
 
 // Number of the control variable that selects the residual class; 1 where none is named.
@@ -263,8 +247,8 @@ void mm2ages() {
     const control_list& codes = control_codes(kcontrol);
     allocate("all me_run", model.me_run, codes.size());
     model.me_run.fill(1);
-    if (model.me_type == "HET") classes_of_intervals(codes);
-    if (model.me_type == "IND") classes_of_file(codes);
+    if (model.me_type == residual_classes::het) classes_of_intervals(codes);
+    if (model.me_type == residual_classes::ind) classes_of_file(codes);
     phimatrix();
 }
 
@@ -273,10 +257,10 @@ std::vector<std::string> basis_files(bool of_user) {
     for (int iq = 1; iq <= numbers.nq; ++iq)
         // an effect without a control variable has no table
         for (int i = 1; options.randreg && i <= model.nrnd(iq); ++i) {
-            const int irropt = mudmap.irropt(i, iq);
-            if (mudmap.irmeta(i, iq) < 1 || (irropt == usr) != of_user) continue;
-            list.push_back(table_name({mudmap.irmeta(i, iq), irropt, mudmap.kfitrnd(i, iq), 0, 0}));
-            if (irropt == bsp) list.push_back(lettered(list.back(), mudmap.ibsdeg(i, iq)));
+            const basis_kind basis = mudmap.irropt(i, iq);
+            if (mudmap.irmeta(i, iq) < 1 || (basis == basis_kind::usr) != of_user) continue;
+            list.push_back(table_name({mudmap.irmeta(i, iq), basis, mudmap.kfitrnd(i, iq), 0, 0}));
+            if (basis == basis_kind::bsp) list.push_back(lettered(list.back(), mudmap.ibsdeg(i, iq)));
         }
     return list;
 }
@@ -289,9 +273,12 @@ void phimatrix() {
     for (int iq = 1; iq <= numbers.nq; ++iq)
         // equal definitions share a table; degree and spline matter to B-splines alone
         for (int i = 1; i <= model.nrnd(iq); ++i) {
-            const int irropt = mudmap.irropt(i, iq);
-            const table_key key{mudmap.irmeta(i, iq), irropt, mudmap.kfitrnd(i, iq),
-                                irropt == bsp ? mudmap.ibsdeg(i, iq) : 0, irropt == bsp ? splines.rn_spline(i, iq) : 0};
+            const basis_kind basis = mudmap.irropt(i, iq);
+            table_key key{mudmap.irmeta(i, iq), basis, mudmap.kfitrnd(i, iq), 0, 0};
+            if (basis == basis_kind::bsp) {
+                key.degree = mudmap.ibsdeg(i, iq);
+                key.isp = splines.rn_spline(i, iq);
+            }
             const auto at = std::find(keys.begin(), keys.end(), key);
             phimat.kkphi(i, iq) = static_cast<int>(at - keys.begin()) + 1;
             if (at == keys.end()) keys.push_back(key);
@@ -306,7 +293,7 @@ void phimatrix() {
         const table_key& key = keys[t - 1];
         phimat.phi_control(t) = key.irrc;
         std::string file = table_name(key);
-        if (!names.insert(file).second && key.irropt == bsp) // equal order, other degree
+        if (!names.insert(file).second && key.basis == basis_kind::bsp) // equal order, other degree
             file = lettered(file, key.degree);
         phimat.phi_name(t) = file.substr(0, file.size() - 4);
         fill_table(phimat.phi(t), key, file);

@@ -15,8 +15,6 @@ namespace tarvex {
 
 namespace {
 
-constexpr int bsp_basis = 2; // mudmap.irropt of a B-spline
-
 std::string up_to_bracket(const std::string& name) { return name.substr(0, name.find('(')); }
 
 // Number of the spline with this definition, added if new.
@@ -51,11 +49,11 @@ void check_traits(const std::string& name, bool bsp, int degree, bool other_bsp,
 
 void check_covariable(int i, int iq) {
     const std::string name = up_to_bracket(model.covar(i, iq));
-    const bool bsp = mudmap.cv_type(i, iq) == "BSP";
+    const bool bsp = mudmap.cv_type(i, iq) == basis_kind::bsp;
     for (int jq = 1; jq < iq; ++jq)
         for (int j = 1; j <= model.ncov(jq); ++j) {
             // a name without the bracket is the variable; only splines have to agree
-            const bool other = mudmap.cv_type(j, jq) == "BSP";
+            const bool other = mudmap.cv_type(j, jq) == basis_kind::bsp;
             if ((bsp || other) && up_to_bracket(model.covar(j, jq)) == name)
                 check_traits(name, bsp, bsp ? mudmap.cv_degree(i, iq) : 0, other, other ? mudmap.cv_degree(j, jq) : 0);
         }
@@ -63,10 +61,10 @@ void check_covariable(int i, int iq) {
 
 void check_random(int i, int iq) {
     const std::string name = up_to_bracket(model.random(i, iq));
-    const bool bsp = mudmap.irropt(i, iq) == bsp_basis;
+    const bool bsp = mudmap.irropt(i, iq) == basis_kind::bsp;
     for (int jq = 1; jq < iq; ++jq)
         for (int j = 1; j <= model.nrnd(jq); ++j) {
-            const bool other = mudmap.irropt(j, jq) == bsp_basis;
+            const bool other = mudmap.irropt(j, jq) == basis_kind::bsp;
             if ((bsp || other) && up_to_bracket(model.random(j, jq)) == name)
                 check_traits(name, bsp, bsp ? mudmap.ibsdeg(i, iq) : 0, other, other ? mudmap.ibsdeg(j, jq) : 0);
         }
@@ -76,7 +74,7 @@ void find_splines() {
     for (int iq = 1; iq <= numbers.nq; ++iq) {
         for (int i = 1; i <= model.ncov(iq); ++i) {
             check_covariable(i, iq);
-            if (mudmap.cv_type(i, iq) == "BSP")
+            if (mudmap.cv_type(i, iq) == basis_kind::bsp)
                 splines.cv_spline(i, iq) =
                     // 0: a covariable; 1: a control variable, whose values are those of all traits
                     spline_no(up_to_bracket(model.covar(i, iq)), mudmap.cv_degree(i, iq), mudmap.cv_order(i, iq), 0);
@@ -84,7 +82,7 @@ void find_splines() {
         if (!options.randreg) continue;
         for (int i = 1; i <= model.nrnd(iq); ++i) {
             check_random(i, iq);
-            if (mudmap.irropt(i, iq) == bsp_basis)
+            if (mudmap.irropt(i, iq) == basis_kind::bsp)
                 splines.rn_spline(i, iq) =
                     spline_no(model.rrcontrol(mudmap.irmeta(i, iq)), mudmap.ibsdeg(i, iq), mudmap.kfitrnd(i, iq), 1);
         }

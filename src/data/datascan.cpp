@@ -356,7 +356,7 @@ void set_random_levels(const scan_state& s) {
 void check_ranges() {
     for (int iq = 1; iq <= numbers.nq; ++iq) {
         for (int i = 1; i <= model.ncov(iq); ++i)
-            if (mudmap.cv_type(i, iq) != "POL" && covmeans.cv_min(i, iq) == covmeans.cv_max(i, iq))
+            if (mudmap.cv_type(i, iq) != basis_kind::pol && covmeans.cv_min(i, iq) == covmeans.cv_max(i, iq))
                 stop_with("Covariable has a single value only : \"" + model.covar(i, iq) + "\"");
         if (!options.randreg) continue;
         for (int i = 1; i <= model.nmeta(iq); ++i)
@@ -371,12 +371,12 @@ void setup_bases() {
     for (int iq = 1; iq <= numbers.nq; ++iq) {
         for (int i = 1; i <= model.ncov(iq); ++i) {
             // degree 0 is computed though a covariable does without
-            if (mudmap.cv_type(i, iq) == "LEG") nord = std::max(nord, mudmap.cv_order(i, iq) + 1);
-            if (mudmap.cv_type(i, iq) == "BSP") spline = true;
+            if (mudmap.cv_type(i, iq) == basis_kind::leg) nord = std::max(nord, mudmap.cv_order(i, iq) + 1);
+            if (mudmap.cv_type(i, iq) == basis_kind::bsp) spline = true;
         }
         for (int i = 1; options.randreg && i <= model.nrnd(iq); ++i) {
-            if (mudmap.irropt(i, iq) == 1) nord = std::max(nord, mudmap.kfitrnd(i, iq));
-            if (mudmap.irropt(i, iq) == 2) spline = true;
+            if (mudmap.irropt(i, iq) == basis_kind::leg) nord = std::max(nord, mudmap.kfitrnd(i, iq));
+            if (mudmap.irropt(i, iq) == basis_kind::bsp) spline = true;
         }
     }
     if (nord > 0) setup_legendre(nord);

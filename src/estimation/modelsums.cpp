@@ -69,7 +69,7 @@ digest blocks_sum() {
         if (irand > 0) sum.add(name_of(mudmap.kovrnd(irand)));
     }
     sum.add(model.rr_resteps);
-    sum.add(model.me_type);
+    sum.add(name_of(model.me_type));
     sum.add(model.me_control);
     sum.add(model.me_range.prefix(model.me_range.size()));
     add_zero_pattern(sum);

@@ -38,7 +38,7 @@ int triangle(int n) { return n * (n + 1) / 2; }
 int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
 
 // A variance function of the control variable stands for the residual: no covariances of its own.
-bool empty_block(int irand) { return irand == 0 && model.rr_resteps > 1 && model.me_type == "FUN"; }
+bool empty_block(int irand) { return irand == 0 && model.rr_resteps > 1 && model.me_type == residual_classes::fun; }
 
 // Parameters of one step of a block.
 int step_size(int irand) {

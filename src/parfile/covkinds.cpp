@@ -6,16 +6,22 @@ namespace tarvex {
 
 namespace {
 
-constexpr std::array<const char*, 5> names{"", "NRM", "GIN", "IDE", "PEQ"}; // in the order of the kinds
+// in the order of the kinds; the first is no word
+constexpr std::array<const char*, 5> structures{"", "NRM", "GIN", "IDE", "PEQ"};
+constexpr std::array<const char*, 5> classes{"", "HOM", "HET", "IND", "FUN"};
+
+template <class kind> kind place_of(std::string_view word, const std::array<const char*, 5>& names) {
+    for (std::size_t k = 1; k < names.size(); ++k)
+        if (word == names[k]) return static_cast<kind>(k);
+    return kind::none;
+}
 
 } // namespace
 
-const char* name_of(covariance_kind kind) { return names[static_cast<std::size_t>(kind)]; }
+const char* name_of(covariance_kind kind) { return structures[static_cast<std::size_t>(kind)]; }
+const char* name_of(residual_classes kind) { return classes[static_cast<std::size_t>(kind)]; }
 
-covariance_kind kind_named(std::string_view word) {
-    for (std::size_t k = 1; k < names.size(); ++k)
-        if (word == names[k]) return static_cast<covariance_kind>(k);
-    return covariance_kind::none;
-}
+covariance_kind kind_named(std::string_view word) { return place_of<covariance_kind>(word, structures); }
+residual_classes residual_named(std::string_view word) { return place_of<residual_classes>(word, classes); }
 
 } // namespace tarvex

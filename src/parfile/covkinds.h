@@ -1,4 +1,4 @@
-// Kinds of covariance structure between the levels of a random effect.
+// Kinds of covariance structure between the levels of a random effect, and of classes of residual variances.
 #pragma once
 #include <string>
 #include <string_view>
@@ -13,5 +13,14 @@ const char* name_of(covariance_kind kind);
 // Kind of a word; none for any other.
 covariance_kind kind_named(std::string_view word);
 inline std::string list_item(covariance_kind kind) { return name_of(kind); }
+
+// Residual variances along the control variable: one, by intervals of it, by classes of its values in a file, by a
+// function. None but in random regression analyses.
+enum class residual_classes { none, hom, het, ind, fun };
+
+// Word of the parameter file: HOM, HET, IND, FUN; empty for none.
+const char* name_of(residual_classes kind);
+// Kind of a word; none for any other.
+residual_classes residual_named(std::string_view word);
 
 } // namespace tarvex

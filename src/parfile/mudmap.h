@@ -1,5 +1,6 @@
 // Where the effects of the model stand in a data record, and how they tie into the covariance blocks.
 #pragma once
+#include "parfile/basiskinds.h"
 #include "parfile/covkinds.h"
 #include "support/array.h"
 
@@ -23,7 +24,7 @@ struct mudmap_module {
     array<int, 2> cv_dcolno;        // (maxcov,nq)
     array<int, 2> cv_nestcolno;     // column of the effect in which the covariable is nested, 0 none
     array<int, 2> cv_nestfix;       // its number among the trait's fixed effects; minus its number among the extra ones
-    array<std::string, 2> cv_type;  // POL, LEG, BSP
+    array<basis_kind, 2> cv_type;   // pol, leg or bsp
     array<int, 2> cv_order;         // coefficients (per level where nested)
     array<int, 2> cv_degree;        // spline degree
     array<int, 2> rn_dcolno;        // (maxrand,nq)
@@ -38,11 +39,11 @@ struct mudmap_module {
     array<int, 2> subj_column;                   // (2,nq) columns of the subject, 0 none; with subject_rule::columns
     array<int> subj_dcolno;                      // (nq) subject column, -1: every record is its own subject
 
-    // Random regression: basis 0 POL, 1 LEG, 2 BSP, 3 SPL, 9 USR.
-    array<int, 2> irropt;  // (maxrand,nq)
-    array<int, 2> kfitrnd; // order of fit; 1 in other analyses
-    array<int, 2> ibsdeg;  // spline degree
-    array<int, 2> irmeta;  // number of the control variable within rrcontrol
+    // Random regression
+    array<basis_kind, 2> irropt; // (maxrand,nq)
+    array<int, 2> kfitrnd;       // order of fit; 1 in other analyses
+    array<int, 2> ibsdeg;        // spline degree
+    array<int, 2> irmeta;        // number of the control variable within rrcontrol
 
     // Tie between the effects of the traits and the blocks. With correlated effects two effects of a trait share a
     // block.

@@ -48,8 +48,9 @@ void allocate_map() {
     for (auto* a : {&m.fx_dcolno, &m.fx_dcolno2}) allocate("alloc fx_dcolno", *a, maxfix, nq);
     for (auto* a : {&m.cv_dcolno, &m.cv_nestcolno, &m.cv_nestfix, &m.cv_order, &m.cv_degree})
         allocate("alloc cv_dcolno", *a, maxcov, nq);
-    for (auto* a : {&m.rn_dcolno, &m.rn_dcolno2, &m.irropt, &m.kfitrnd, &m.ibsdeg, &m.irmeta, &m.rn_irand, &m.rn_place})
+    for (auto* a : {&m.rn_dcolno, &m.rn_dcolno2, &m.kfitrnd, &m.ibsdeg, &m.irmeta, &m.rn_irand, &m.rn_place})
         allocate("all irmeta", *a, maxrand, nq);
+    allocate("all irmeta", m.irropt, maxrand, nq);
     for (auto* a : {&m.ex_dcolno, &m.ex_dcolno2}) allocate("alloc ex_dcolno", *a, maxext, nq);
     allocate("alloc meta", m.rr_dcolno, maxmeta, nq);
     allocate("alloc fx_mlev", m.fx_mlev, maxfix, nq);
@@ -150,25 +151,32 @@ void nested_spline_warning() {
     tvx_caution();
 }
 
+// What later phases have to prepare for the kinds in use.
+void note_basis(basis_kind kind) {
+    if (kind == basis_kind::leg) options.legendre = true;
+    if (kind == basis_kind::bsp) options.bsplines = true;
+    if (kind == basis_kind::usr) options.usrfuncs = true;
+}
+
+bool is_spline(basis_kind kind) { return kind == basis_kind::bsp || kind == basis_kind::spl; }
+
 void covariable_type(int i, int iq, const bracket& b) {
     auto& m = mudmap;
     std::string text = b.text;
     capitalise(text, static_cast<int>(text.size()));
     const std::string type = text.substr(0, 3);
-    m.cv_type(i, iq) = type;
-    if (type == "LEG") {
-        options.legendre = true;
-    } else if (type == "BSP") {
-        options.bsplines = true;
-        // BSP alone is linear, the letter behind it the degree (L, Q, C)
-        m.cv_degree(i, iq) = text.size() > 3 ? spline_degree(text[3]) : 1;
-        if (m.cv_nestcolno(i, iq) > 0) nested_spline_warning();
-    } else if (type == "SPL" || type == "USR") {
-        tvx_notyet();
-    } else if (type != "POL") {
+    const auto kind = basis_named(type);
+    if (!kind) {
         print_list(screen(), "Error : Invalid type of covariable ", type);
         stoptarvex();
     }
+    if (kind == basis_kind::spl || kind == basis_kind::usr) tvx_notyet();
+    m.cv_type(i, iq) = *kind;
+    note_basis(*kind);
+    if (kind != basis_kind::bsp) return;
+    // BSP alone is linear, the letter behind it the degree (L, Q, C)
+    m.cv_degree(i, iq) = text.size() > 3 ? spline_degree(text[3]) : 1;
+    if (m.cv_nestcolno(i, iq) > 0) nested_spline_warning();
 }
 
 void map_covars(int iq) {
@@ -197,17 +205,16 @@ int control_number(const std::string& name) {
 }
 
 bool is_basis_word(const std::string& text) {
-    const std::string code = upper3(text);
-    if (code == "BSP" || code == "SPL") return text.size() <= 4;
-    return text.size() == 3 && (code == "POL" || code == "LEG" || code == "USR");
+    const auto kind = basis_named(upper3(text));
+    // behind the word of a spline the letter of its degree may stand
+    return kind && text.size() <= (is_spline(*kind) ? 4 : 3);
 }
 
 void basis_function(int i, int iq, const std::string& text, const std::string& whole) {
     auto& m = mudmap;
     if (text.size() < 3) name_err("RR type option too short \"", whole);
-    check_rropt(upper3(text), m.irropt(i, iq));
-    // splines of either kind
-    if (m.irropt(i, iq) == 2 || m.irropt(i, iq) == 3) m.ibsdeg(i, iq) = text.size() > 3 ? spline_degree(text[3]) : 1;
+    m.irropt(i, iq) = check_rropt(upper3(text));
+    if (is_spline(m.irropt(i, iq))) m.ibsdeg(i, iq) = text.size() > 3 ? spline_degree(text[3]) : 1;
 }
 
 // Basis function and control variable of name(order,BASIS), name(order,control) or name(order,BASIS,control). A control
@@ -307,23 +314,11 @@ void datposition(const std::string& name, int iq, int& icol, std::int64_t& mlev)
     name_err("Variable in model not found : \"", name);
 }
 
-void check_rropt(const std::string& code, int& iopt) {
-    static constexpr struct {
-        const char* code;
-        int iopt;
-        bool options_module::*flag;
-    } bases[] = {{"POL", 0, nullptr},
-                 {"LEG", 1, &options_module::legendre},
-                 {"BSP", 2, &options_module::bsplines},
-                 {"SPL", 3, nullptr},
-                 {"USR", 9, &options_module::usrfuncs}};
-    for (const auto& b : bases)
-        if (code == b.code) {
-            iopt = b.iopt;
-            if (b.flag != nullptr) options.*b.flag = true;
-            return;
-        }
-    name_err("Invalid option for RR basis function \"", code);
+basis_kind check_rropt(const std::string& code) {
+    const auto kind = basis_named(code);
+    if (!kind) name_err("Invalid option for RR basis function \"", code);
+    note_basis(*kind);
+    return *kind;
 }
 
 int spline_degree(char ch) {

@@ -5,6 +5,8 @@
 // and nestcov of options. In grouped data with all traits in a line the columns of trait 1 are replaced by those of the
 // line.
 #pragma once
+#include "parfile/basiskinds.h"
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -20,7 +22,7 @@ void datposition(const std::string& name, int iq, int& icol, std::int64_t& mlev)
 // "***** ERROR  mapping model to data file *****" and errmsg; stops.
 [[noreturn]] void model_err(std::string_view errmsg);
 // Basis function of a random regression by its code in upper case; sets the flag of the tables it needs.
-void check_rropt(const std::string& code, int& iopt);
+basis_kind check_rropt(const std::string& code);
 // Degree of a spline by its letter L, Q or C, in any case.
 int spline_degree(char ch);
 // Step of model2mudmap: the random effects of all blocks, in their order, and the numbers of the relationship matrices.

@@ -121,10 +121,7 @@ int class_count(par_lines& p, const char* missing) {
     return n;
 }
 
-bool is_qualifier(const std::string& t) {
-    const std::string q = upper3(t);
-    return q == "HOM" || q == "HET" || q == "IND" || q == "FUN";
-}
+bool is_qualifier(const std::string& t) { return residual_named(upper3(t)) != residual_classes::none; }
 
 // Structure of the residual variances in a random regression analysis.
 void read_qualifier(par_state& s) {
@@ -133,24 +130,28 @@ void read_qualifier(par_state& s) {
     // an order in front of the word is passed over
     while (is_digit(token(p).front()))
         if (!next_var(p)) rdpar_err(p, "Qualifier for ME variances missing");
-    model.me_type = upper3(token(p));
+    model.me_type = residual_named(upper3(token(p)));
     model.rr_resteps = 1;
     model.me_control.clear();
-    if (model.me_type == "HOM") {
+    switch (model.me_type) {
+    case residual_classes::hom:
         model.me_control = optional_token(p, name_length);
-    } else if (model.me_type == "HET") {
+        break;
+    case residual_classes::het:
         model.rr_resteps = class_count(p, "No. of classes in step function is missing");
         model.me_control = optional_token(p, name_length);
         allocate("alloc me_range", model.me_range, 2, model.rr_resteps);
-    } else if (model.me_type == "IND") {
+        break;
+    case residual_classes::ind:
         model.rr_resteps = class_count(p, "No. of different ME variances is missing");
         if (const std::string name = optional_token(p, file_length); !name.empty()) filenames.me_varfile = name;
         if (options.verbose)
             print_list(screen(), "Expect to read codes for ME variances from file \"", filenames.me_varfile, "\"");
-    } else if (model.me_type == "FUN") {
+        break;
+    case residual_classes::fun:
         if (numbers.nq > 1) rdpar_err(p, "Variance function for residuals only for univariate analyses");
         tvx_notyet();
-    } else {
+    case residual_classes::none:
         rdpar_err(p, "Error variance structure option not recognised ");
     }
 }
@@ -176,9 +177,9 @@ void read_residual(par_state& s, const std::string& name) {
     model.krfit(0) = model.kkfit(0);
     const int n = model.kkfit(0) * (model.kkfit(0) + 1) / 2;
     new_line(s);
-    if (model.me_type == "HET" && options.randreg)
+    if (model.me_type == residual_classes::het && options.randreg)
         read_steps(s, n);
-    else if (model.me_type == "IND" && options.randreg)
+    else if (model.me_type == residual_classes::ind && options.randreg)
         read_individual_vars(s, n);
     else
         read_values(s, 0, n);

@@ -252,7 +252,7 @@ void clear_model(par_state& s) {
     m.rrcontrol.clear();
     m.nrrc = 0;
     m.rr_resteps = 1;
-    m.me_type.clear();
+    m.me_type = residual_classes::none;
     m.me_control.clear();
     std::fill(std::begin(datafile.trno_pos), std::end(datafile.trno_pos), -1);
     std::fill(std::begin(datafile.iq_newno), std::end(datafile.iq_newno), -1);

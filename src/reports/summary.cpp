@@ -142,7 +142,7 @@ void write_residual_steps(text_out& out, const std::vector<double>& cov) {
     constexpr edit_form head{"(/1x,a)"};
     print_list(out, "No. of measurement error variance classes =", model.rr_resteps);
     for (int step = 1; step <= model.rr_resteps; ++step) {
-        if (model.me_type == "HET")
+        if (model.me_type == residual_classes::het)
             write(out, range, "Class no.", step, "Range", model.me_range(1, step), model.me_range(2, step));
         else
             write(out, plain, "Class no.", step);

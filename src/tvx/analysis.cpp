@@ -188,14 +188,14 @@ void add_model_line(const draft& d, std::string& out, const std::string& text, c
 std::string regression(const study_effect& e) { return "(" + std::to_string(e.order) + "," + e.basis + ")"; }
 
 const char* structure(const study_effect& e) {
-    if (e.kind == "gin") return "GIN";
-    return e.kind == "nrm" || e.kind == "sire" || e.kind == "mgs" ? "NRM" : "IDE";
+    if (e.kind == term_kind::gin) return "GIN";
+    return by_pedigree(e.kind) ? "NRM" : "IDE";
 }
 
 void add_effect(const draft& d, const draft_effect& f, std::string& out) {
     const auto& e = f.e;
-    if (e.kind == "fixed") return add_model_line(d, out, "FIX " + e.column, e.traits);
-    if (e.kind == "covariable") {
+    if (e.kind == term_kind::fixed) return add_model_line(d, out, "FIX " + e.column, e.traits);
+    if (e.kind == term_kind::covariable) {
         const std::string nest = f.cls < 0 ? "" : "*" + d.classes[f.cls].name;
         return add_model_line(d, out, "COV " + e.column + nest + regression(e), e.traits);
     }
@@ -209,17 +209,17 @@ bool fits(const draft_effect& f, int number) { return std::count(f.e.traits.begi
 void add_nesting(const draft& d, std::string& out) {
     std::vector<int> done;
     for (const auto& f : d.effects) {
-        if (f.e.kind != "covariable" || f.cls < 0 || std::count(done.begin(), done.end(), f.cls) > 0) continue;
+        if (f.e.kind != term_kind::covariable || f.cls < 0 || std::count(done.begin(), done.end(), f.cls) > 0) continue;
         done.push_back(f.cls);
         std::vector<int> traits;
         for (const auto& t : d.s.traits) {
-            const auto has = [&](const char* kind) {
+            const auto has = [&](term_kind kind) {
                 return std::any_of(d.effects.begin(), d.effects.end(), [&](const auto& g) {
                     return g.e.kind == kind && g.cls == f.cls && fits(g, t.number);
                 });
             };
             // a class that is fitted for the trait is known by that
-            if (has("covariable") && !has("fixed")) traits.push_back(t.number);
+            if (has(term_kind::covariable) && !has(term_kind::fixed)) traits.push_back(t.number);
         }
         if (!traits.empty()) add_model_line(d, out, "EXT " + d.classes[f.cls].name, traits);
     }
@@ -229,7 +229,7 @@ void add_means(draft& d, std::string& out) {
     std::vector<int> traits;
     for (auto& t : d.s.traits) {
         const bool held = std::any_of(d.effects.begin(), d.effects.end(),
-                                      [&](const auto& f) { return f.e.kind == "fixed" && fits(f, t.number); });
+                                      [&](const auto& f) { return f.e.kind == term_kind::fixed && fits(f, t.number); });
         // a fixed class holds the mean
         t.own_mean = !held;
         if (!held) traits.push_back(t.number);
@@ -242,7 +242,7 @@ void add_model(draft& d, std::string& out) {
     if (!d.s.subject.empty()) out += "  SUBject " + d.s.subject + "\n";
     add_means(d, out);
     for (const auto& f : d.effects)
-        if (f.e.kind == "fixed" || f.e.kind == "covariable") add_effect(d, f, out);
+        if (f.e.kind == term_kind::fixed || f.e.kind == term_kind::covariable) add_effect(d, f, out);
     add_nesting(d, out);
     for (const auto& f : d.effects)
         if (!f.e.block.empty()) add_effect(d, f, out);

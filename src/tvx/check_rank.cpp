@@ -51,12 +51,12 @@ public:
         for (const double x : c.value) mean_ += x / static_cast<double>(c.value.size());
         if (spline()) tarvex::knot_vector(low_, high_, c.order - c.degree, c.degree, knots_);
     }
-    bool spline() const { return c_.type == "BSP" && high_ > low_; }
+    bool spline() const { return c_.type == tarvex::basis_kind::bsp && high_ > low_; }
     // Function k, from 1, at place k.
     const std::vector<double>& at(double x) {
         if (spline()) {
             tarvex::bspline_row(x, knots_, c_.degree, std::span<double>(row_).subspan(1));
-        } else if (c_.type == "LEG" && high_ > low_) {
+        } else if (c_.type == tarvex::basis_kind::leg && high_ > low_) {
             legendre(-1.0 + 2.0 * (x - low_) / (high_ - low_));
         } else {
             // powers of a centred variable of range 1: columns of like size

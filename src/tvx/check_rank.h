@@ -1,6 +1,7 @@
 // Effects of the fixed part of a trait's model that cannot be told apart, taken together: an effect that lies in the
 // span of several others, levels that are not connected.
 #pragma once
+#include "parfile/basiskinds.h"
 #include "tvx/check.h"
 
 #include <string>
@@ -15,7 +16,8 @@ struct fixed_class {
     std::vector<long long> code;
 };
 struct fixed_covariable {
-    std::string name, type; // POL, LEG, BSP
+    std::string name;
+    tarvex::basis_kind type = tarvex::basis_kind::pol;
     int order = 0, degree = 0;
     std::vector<double> value;
     std::vector<long long> level; // of the class it is nested in; empty: none

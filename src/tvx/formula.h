@@ -12,12 +12,12 @@
 //
 // Models of several traits are parted by ";". Names that are no plain words stand in backquotes.
 #pragma once
+#include "tvx/term_kind.h"
+
 #include <string>
 #include <vector>
 
 namespace tvx {
-
-enum class term_kind { mean, fixed, covariable, random, nrm, pe, sire, mgs, gin, residual };
 
 struct term_range {
     double from = 0.0, to = 0.0;

@@ -15,31 +15,6 @@ std::string joined(const std::vector<std::string>& parts, const char* by) {
     return text;
 }
 
-bool pedigree_kind(term_kind k) { return k == term_kind::nrm || k == term_kind::sire || k == term_kind::mgs; }
-
-const char* kind_word(term_kind k) {
-    switch (k) {
-    case term_kind::mean:
-        return "mean";
-    case term_kind::covariable:
-        return "covariable";
-    case term_kind::random:
-        return "random";
-    case term_kind::nrm:
-        return "nrm";
-    case term_kind::pe:
-        return "pe";
-    case term_kind::sire:
-        return "sire";
-    case term_kind::mgs:
-        return "mgs";
-    case term_kind::gin:
-        return "gin";
-    default:
-        return "fixed";
-    }
-}
-
 // Column of the table that holds the animals of the pedigree.
 int animal_column(const draft& d) {
     if (const int at = csv_find(d.table, d.ped.animal_name); at >= 0) return at;
@@ -132,11 +107,11 @@ std::string effect_name(const formula_term& t) {
 
 // Columns with the animals of the pedigree: those of related effects, and permanent effects of the same animals.
 bool has_animals(const draft& d, const formula_term& t) {
-    if (pedigree_kind(t.kind)) return true;
+    if (by_pedigree(t.kind)) return true;
     if (t.kind != term_kind::pe || !d.has_ped) return false;
     for (const auto& m : d.models)
         for (const auto& other : m.terms)
-            if (pedigree_kind(other.kind) && other.columns == t.columns) return true;
+            if (by_pedigree(other.kind) && other.columns == t.columns) return true;
     return false;
 }
 
@@ -151,7 +126,7 @@ draft_effect make_effect(draft& d, const formula_term& t) {
     draft_effect f;
     f.e.term = t.text;
     f.e.name = effect_name(t);
-    f.e.kind = kind_word(t.kind);
+    f.e.kind = t.kind;
     f.e.order = t.order;
     f.e.basis = t.basis;
     f.e.covariable = t.covariable;
@@ -180,7 +155,7 @@ void take_term(draft& d, const formula_term& term, const std::vector<int>& trait
     if (t.kind == term_kind::residual) return take_residual(d, t);
     if (t.kind == term_kind::mean) return;
     if (t.plain_regression && !d.has_ped) t.kind = term_kind::random;
-    if (pedigree_kind(t.kind) && !d.has_ped) throw fault{"formula: " + t.text + " needs a pedigree: give it with -p"};
+    if (by_pedigree(t.kind) && !d.has_ped) throw fault{"formula: " + t.text + " needs a pedigree: give it with -p"};
     draft_effect f = make_effect(d, t);
     const auto known =
         std::find_if(d.effects.begin(), d.effects.end(), [&](const auto& x) { return same_effect(x, f); });
@@ -213,7 +188,9 @@ void take_traits(draft& d) {
                     std::to_string(tarvex::maxnq)};
 }
 
-bool is_random(const study_effect& e) { return e.kind != "fixed" && e.kind != "covariable" && e.kind != "mean"; }
+bool is_random(const study_effect& e) {
+    return e.kind != term_kind::fixed && e.kind != term_kind::covariable && e.kind != term_kind::mean;
+}
 
 // Random regressions: all random effects are regressions, on one control variable, of one trait.
 void check_regressions(draft& d) {
@@ -243,8 +220,8 @@ void check_kinds(draft& d) {
     bool nrm = false, sire = false;
     int random = 0;
     for (const auto& f : d.effects) {
-        nrm = nrm || f.e.kind == "nrm";
-        sire = sire || f.e.kind == "sire" || f.e.kind == "mgs";
+        nrm = nrm || f.e.kind == term_kind::nrm;
+        sire = sire || f.e.kind == term_kind::sire || f.e.kind == term_kind::mgs;
         random += is_random(f.e) ? 1 : 0;
     }
     if (nrm && sire) throw fault{"formula: nrm() and sire() or mgs() do not go together"};
@@ -282,9 +259,10 @@ void check_limits(const draft& d) {
             std::ptrdiff_t n;
             int most;
             const char* what;
-        } limits[] = {{count([](const auto& e) { return e.kind == "fixed"; }), tarvex::maxfix, "fixed effects"},
-                      {count([](const auto& e) { return e.kind == "covariable"; }), tarvex::maxcov, "covariables"},
-                      {count(is_random), tarvex::maxrand, "random effects"}};
+        } limits[] = {
+            {count([](const auto& e) { return e.kind == term_kind::fixed; }), tarvex::maxfix, "fixed effects"},
+            {count([](const auto& e) { return e.kind == term_kind::covariable; }), tarvex::maxcov, "covariables"},
+            {count(is_random), tarvex::maxrand, "random effects"}};
         for (const auto& l : limits)
             if (l.n > l.most)
                 throw fault{"formula: trait \"" + t.name + "\" has " + std::to_string(l.n) + " " + l.what +

@@ -32,7 +32,7 @@ int subject_class(const draft& d) {
         if (!is_random(f)) continue;
         ++random;
         only = f.cls;
-        const bool nrm = f.e.kind == "nrm" || f.e.kind == "sire" || f.e.kind == "mgs";
+        const bool nrm = by_pedigree(f.e.kind);
         if (!nrm) continue;
         if (const int n = different_codes(d, f.cls); n > most) {
             most = n;
@@ -141,17 +141,17 @@ void count_animals(draft& d) {
 
 void warn_of_models(draft& d) {
     for (const auto& f : d.effects) {
-        if (f.cls < 0 || f.e.kind == "covariable") continue;
+        if (f.cls < 0 || f.e.kind == term_kind::covariable) continue;
         const auto& c = d.classes[f.cls];
         const int n = c.animals ? different_codes(d, f.cls) : c.levels;
         const auto rows = static_cast<int>(d.order.size());
         // hardly a class
-        if (f.e.kind == "fixed" && 2 * n > rows)
+        if (f.e.kind == term_kind::fixed && 2 * n > rows)
             d.s.remarks.push_back("\"" + f.e.name + "\" has " + std::to_string(n) + " levels in " +
                                   std::to_string(rows) + " records: was lin(" + f.e.name + ") or (1|" + f.e.name +
                                   ") meant?");
         if (n == 1) d.s.remarks.push_back("\"" + f.e.name + "\" has a single level");
-        const bool own = f.e.kind == "pe" || f.e.kind == "random";
+        const bool own = f.e.kind == term_kind::pe || f.e.kind == term_kind::random;
         if (own && n == rows && d.s.traits.size() == 1)
             throw fault{f.e.term + " has a level for each record and cannot be told from the residual"};
     }

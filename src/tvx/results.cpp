@@ -197,7 +197,7 @@ std::string level_id(const run_results& r, const std::string& column, int trait,
     if (!e || code < 1) return std::to_string(code);
     const auto at = static_cast<std::size_t>(code - 1);
     if (const study_class* c = find_class(*r.made_by, e->key); c && at < c->ids.size()) return c->ids[at];
-    const bool animals = e->kind == "nrm" || e->kind == "sire" || e->kind == "mgs";
+    const bool animals = by_pedigree(e->kind);
     if (animals && at < r.made_by->animals.size()) return r.made_by->animals[at].id;
     return std::to_string(code);
 }

@@ -82,12 +82,12 @@ within_cells take_out_fixed(const draft& d, std::size_t iq) {
         take_out_mean(w.e);
         for (const auto& f : d.effects) {
             if (std::count(f.e.traits.begin(), f.e.traits.end(), number) == 0) continue;
-            if (f.e.kind == "fixed") take_out_class(d, d.classes[f.cls], w.e);
-            if (f.e.kind == "covariable") take_out_covariable(d, d.numbers[f.number], f.e.order, w.e);
+            if (f.e.kind == term_kind::fixed) take_out_class(d, d.classes[f.cls], w.e);
+            if (f.e.kind == term_kind::covariable) take_out_covariable(d, d.numbers[f.number], f.e.order, w.e);
             if (round > 1) continue;
             // degrees of freedom, as if nothing were confounded
-            if (f.e.kind == "fixed") df += d.classes[f.cls].levels - 1;
-            if (f.e.kind == "covariable") df += f.e.order;
+            if (f.e.kind == term_kind::fixed) df += d.classes[f.cls].levels - 1;
+            if (f.e.kind == term_kind::covariable) df += f.e.order;
         }
     }
     double squares = 0.0, n = 0.0;
@@ -127,11 +127,11 @@ Eigen::MatrixXd correlations(const std::vector<within_cells>& w) {
 
 double usual_share(const draft& d, const draft_effect& f) {
     // a quarter of the genetic variance
-    if (f.e.kind == "sire" || f.e.kind == "mgs") return 0.06;
-    if (f.e.kind == "gin") return 0.3;
+    if (f.e.kind == term_kind::sire || f.e.kind == term_kind::mgs) return 0.06;
+    if (f.e.kind == term_kind::gin) return 0.3;
     // of the animal itself; of another animal, such as the dam, less
-    if (f.e.kind == "nrm") return d.subject < 0 || f.cls == d.subject ? 0.3 : 0.1;
-    return f.e.kind == "pe" ? 0.15 : 0.1;
+    if (f.e.kind == term_kind::nrm) return d.subject < 0 || f.cls == d.subject ? 0.3 : 0.1;
+    return f.e.kind == term_kind::pe ? 0.15 : 0.1;
 }
 
 // Share of each random effect of a trait; what is left, at least three tenths, is the residual's.
@@ -197,7 +197,7 @@ std::vector<std::string> block_names(const draft& d) {
             names.push_back(f.e.block);
     };
     for (const auto& f : d.effects)
-        if (f.cls == d.subject && (f.e.kind == "nrm" || f.e.kind == "sire" || f.e.kind == "mgs")) add(f);
+        if (f.cls == d.subject && by_pedigree(f.e.kind)) add(f);
     for (const auto& f : d.effects) add(f);
     return names;
 }

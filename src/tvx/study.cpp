@@ -8,10 +8,15 @@
 #include <charconv>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 namespace tvx {
 
 namespace fs = std::filesystem;
+
+// study.json has kinds as words; any other makes the file a damaged one.
+inline void to_json(nlohmann::json& j, term_kind kind) { j = name_of(kind); }
+inline void from_json(const nlohmann::json& j, term_kind& kind) { kind = term_named(j.get<std::string>()); }
 
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(study_trait, name, column, power, missing, number, records, mean, sd, own_mean)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(study_class, key, from)
@@ -60,8 +65,7 @@ void write_keys(const study& s) {
 bool has_animals(const study& s) {
     std::error_code ec;
     return fs::is_regular_file(path(s, "pedigree.tsv"), ec) ||
-           std::any_of(s.effects.begin(), s.effects.end(),
-                       [](const auto& e) { return e.kind == "nrm" || e.kind == "sire" || e.kind == "mgs"; });
+           std::any_of(s.effects.begin(), s.effects.end(), [](const auto& e) { return by_pedigree(e.kind); });
 }
 
 void write_animals(const study& s) {
@@ -150,6 +154,9 @@ study read_study(const std::string& place, bool tables) {
         s = j.get<study>();
         s.folder = folder;
     } catch (const nlohmann::json::exception&) {
+        s.folder = folder;
+        torn(s, "study.json");
+    } catch (const std::invalid_argument&) {
         s.folder = folder;
         torn(s, "study.json");
     }

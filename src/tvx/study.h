@@ -9,6 +9,8 @@
 //   pedigree.tsv   code, identifier, sire code, dam code, birth, records, line in the pedigree file (0: none)
 //   lines.tsv      for each line of NAME.dat: line in the user's table, trait (0: all traits in the line)
 #pragma once
+#include "tvx/term_kind.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -35,15 +37,13 @@ struct study_class {
     std::vector<std::string> ids;
 };
 
-// Kinds of effects: "fixed", "covariable", "mean", "random" (independent), "pe" (independent, of the animal), "nrm",
-// "sire", "mgs", "gin".
 struct study_effect {
     std::string term;   // as the formula has it: "nrm(animal)"
     std::string name;   // the user's, for tables: "animal", "pe(animal)", "herd:year"
     std::string column; // in the parameter file, without bracket: "animal", "pe_animal"
     std::string block;  // VAR block that holds its covariances: "animal", "animal+dam"; blank if fixed
     int place = 0;      // place of the effect in its VAR block, from 1 (2: dam in animal+dam)
-    std::string kind;
+    term_kind kind = term_kind::fixed;
     std::string key;         // class of its levels; blank for a covariable without classes
     std::vector<int> traits; // numbers of the traits that it is fitted for
     std::string basis;       // covariable or random regression: POL, LEG, BSP, BSPL, BSPQ, BSPC

@@ -56,7 +56,7 @@ study part_of(const part& p, const std::string& folder) {
 // Column of the data file (from 0) with the animals whose records are counted, -1: none.
 int column_of_animals(const study& s) {
     for (const auto& e : s.effects)
-        if (e.kind == "nrm" || e.kind == "sire" || e.kind == "mgs")
+        if (by_pedigree(e.kind))
             if (const auto at = std::find(s.columns.begin(), s.columns.end(), e.column); at != s.columns.end())
                 return static_cast<int>(at - s.columns.begin());
     return -1;
@@ -248,9 +248,8 @@ std::string part_parameters(const part& p, const study& s, const std::string& te
     line_list lines, out;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) lines.push_back(line);
-    const bool related = std::any_of(s.effects.begin(), s.effects.end(), [](const auto& e) {
-        return e.kind == "nrm" || e.kind == "sire" || e.kind == "mgs";
-    });
+    const bool related =
+        std::any_of(s.effects.begin(), s.effects.end(), [](const auto& e) { return by_pedigree(e.kind); });
     for (std::size_t i = 0; i < lines.size(); ++i) {
         const std::string key = key_of(lines[i]);
         const auto w = words_of(lines[i]);

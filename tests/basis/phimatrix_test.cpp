@@ -200,9 +200,9 @@ TEST_F(phimatrix_test, functions_of_the_user_of_order_ten_and_more) {
 
 TEST_F(phimatrix_test, truncated_power_functions_are_refused) {
     prepare(par(" RAN animal(3,LEG) IDE\n", hom, animal3), data);
-    mudmap.irropt(1, 1) = 3;
+    mudmap.irropt(1, 1) = basis_kind::spl;
     EXPECT_STOP(data_scan1st(), "tpf splines not yet");
-    mudmap.irropt(1, 1) = 7;
+    mudmap.irropt(1, 1) = static_cast<basis_kind>(7); // no kind
     EXPECT_STOP(data_scan1st(), "error phi");
 }
 

@@ -479,7 +479,7 @@ TEST_F(recode_test, covariable_rows) {
     const auto c = pass.record.icov.column(1);
     EXPECT_EQ(ints(c.begin(), c.end()), (ints{1, 2, 5, 6, 7, 8, 9, 10})); // herd 6 is level 2 of the nest
     EXPECT_STOP(bspline_place(1, 5.0), "bspl code not found");
-    mudmap.cv_type(1, 1) = "SPL";
+    mudmap.cv_type(1, 1) = basis_kind::spl;
     double none[2];
     EXPECT_STOP(covariable_row(1, 1, 2.0, none), "option not yet implemented");
 }

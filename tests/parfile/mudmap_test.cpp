@@ -33,7 +33,7 @@ TEST_F(mudmap_build, univariate) {
     EXPECT_EQ(m.fx_mlev(2, 1), 2);
     EXPECT_EQ(m.maxlev_fix, 30);
     EXPECT_EQ(m.cv_dcolno(1, 1), 4);
-    EXPECT_EQ(m.cv_type(1, 1), "POL");
+    EXPECT_EQ(m.cv_type(1, 1), basis_kind::pol);
     EXPECT_EQ(m.cv_order(1, 1), 1);
     EXPECT_EQ(m.cv_nestcolno(1, 1), 0);
     EXPECT_EQ(m.rn_dcolno(1, 1), 1);
@@ -111,13 +111,13 @@ TEST_F(mudmap_build, grouped_lines_of_all_traits_have_names_one_behind_the_other
 TEST_F(mudmap_build, random_regression) {
     map(examples::growth);
     EXPECT_TRUE(options.legendre);
-    EXPECT_EQ(m.irropt(1, 1), 1);
+    EXPECT_EQ(m.irropt(1, 1), basis_kind::leg);
     EXPECT_EQ(m.kfitrnd(1, 1), 3);
     EXPECT_EQ(m.kfitrnd(2, 1), 2);
     EXPECT_EQ(m.irmeta(2, 1), 1);
     EXPECT_EQ(m.rr_dcolno(1, 1), 4);
     EXPECT_EQ(m.maxlev_ctrl, 40);
-    EXPECT_EQ(m.cv_type(1, 1), "LEG");
+    EXPECT_EQ(m.cv_type(1, 1), basis_kind::leg);
     EXPECT_EQ(m.cv_order(1, 1), 2);
     EXPECT_EQ(m.ksfit(1, 1), 3);
     EXPECT_EQ(m.nnq(1), 1);
@@ -130,17 +130,17 @@ TEST_F(mudmap_build, two_control_variables) {
     std::string text = with(examples::growth, " RRC age\n", " RRC age\n RRC cg\n");
     text = with(text, "animal(3,LEG)", "animal(3,BSPQ,cg)");
     map(with(text, "pe(2,LEG)", "pe(2,age)"));
-    EXPECT_EQ(m.irropt(1, 1), 2);
+    EXPECT_EQ(m.irropt(1, 1), basis_kind::bsp);
     EXPECT_EQ(m.ibsdeg(1, 1), 2);
     EXPECT_EQ(m.irmeta(1, 1), 2);
-    EXPECT_EQ(m.irropt(2, 1), 0);
+    EXPECT_EQ(m.irropt(2, 1), basis_kind::pol);
     EXPECT_EQ(m.irmeta(2, 1), 1);
     EXPECT_TRUE(options.bsplines);
 }
 
 TEST_F(mudmap_build, user_defined_basis) {
     map(with(examples::growth, "animal(3,LEG)", "animal(3,USR)"));
-    EXPECT_EQ(m.irropt(1, 1), 9);
+    EXPECT_EQ(m.irropt(1, 1), basis_kind::usr);
     EXPECT_TRUE(options.usrfuncs);
 }
 

@@ -109,7 +109,7 @@ tvx::fixed_part random_part(unsigned seed) {
             part.classes.back().code[static_cast<std::size_t>(r)] =
                 100 * part.classes[0].code[static_cast<std::size_t>(r)] +
                 part.classes[1].code[static_cast<std::size_t>(r)];
-    part.covariables.push_back({"age", "POL", 1 + below(2), 0, {}, {}});
+    part.covariables.push_back({"age", tarvex::basis_kind::pol, 1 + below(2), 0, {}, {}});
     for (int r = 0; r < records; ++r) {
         const auto k = static_cast<std::size_t>(r);
         part.covariables[0].value.push_back(
@@ -118,7 +118,7 @@ tvx::fixed_part random_part(unsigned seed) {
                       : 1.0 + below(20));
     }
     if (kind == 3) {
-        part.covariables.push_back({"day", "POL", 1, 0, {}, part.classes[0].code});
+        part.covariables.push_back({"day", tarvex::basis_kind::pol, 1, 0, {}, part.classes[0].code});
         for (int r = 0; r < records; ++r) part.covariables[1].value.push_back(20.0 + below(9));
     }
     return part;
@@ -178,14 +178,14 @@ TEST(joint_confounding_of_designs, names_the_effects) {
     const auto& herd = part.classes[0].code;
     const auto& year = part.classes[1].code;
     EXPECT_EQ(findings_of(part), texts{});
-    part.covariables.push_back({"age", "POL", 1, 0, {}, {}});
+    part.covariables.push_back({"age", tarvex::basis_kind::pol, 1, 0, {}, {}});
     for (std::size_t r = 0; r < herd.size(); ++r)
         part.covariables[0].value.push_back(0.1 * static_cast<double>(herd[r] * herd[r]) +
                                             3.3 * static_cast<double>(year[r]));
     EXPECT_EQ(findings_of(part), texts{"trait \"y\": age is held by herd and year (1 of 1 columns)"});
     part.covariables[0].value[5] += 1e-3;
     EXPECT_EQ(findings_of(part), texts{});
-    part.covariables = {{"age", "POL", 2, 0, {}, {}}}; // two values have no square
+    part.covariables = {{"age", tarvex::basis_kind::pol, 2, 0, {}, {}}}; // two values have no square
     for (std::size_t r = 0; r < herd.size(); ++r) part.covariables[0].value.push_back(r % 5 == 0 ? 3.0 : 4.0);
     EXPECT_EQ(findings_of(part), texts{"trait \"y\": age is held in part by the mean (1 of 2 columns)"});
     for (double& x : part.covariables[0].value) x = 2.5;
@@ -209,7 +209,8 @@ TEST(joint_confounding_of_designs, names_the_effects) {
 TEST(joint_confounding_of_designs, knows_splines_and_polynomials) {
     tvx::fixed_part part = crossed(3, 4, 6);
     std::mt19937 random(3);
-    for (const char* type : {"BSP", "LEG"}) part.covariables.push_back({std::string("of_") + type, type, 5, 2, {}, {}});
+    for (const auto type : {tarvex::basis_kind::bsp, tarvex::basis_kind::leg})
+        part.covariables.push_back({std::string("of_") + name_of(type), type, 5, 2, {}, {}});
     for (auto& c : part.covariables)
         for (std::size_t r = 0; r < part.classes[0].code.size(); ++r)
             c.value.push_back(static_cast<double>(random() % 1000u));

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 namespace {
@@ -68,6 +69,33 @@ TEST_F(study_files, are_read_back_as_written) {
     EXPECT_EQ(r.dropped.at(0).records, 7);
     EXPECT_EQ(tvx::find_trait(r, 2)->name, "Milchmenge in kg");
     EXPECT_EQ(tvx::find_trait(r, 1), nullptr);
+}
+
+// The words of study.json outlive the order of the kinds in the code.
+TEST_F(study_files, have_kinds_of_effects_as_words) {
+    using k = tvx::term_kind;
+    const std::pair<k, const char*> words[] = {
+        {k::mean, "mean"},     {k::fixed, "fixed"}, {k::covariable, "covariable"},
+        {k::random, "random"}, {k::nrm, "nrm"},     {k::pe, "pe"},
+        {k::sire, "sire"},     {k::mgs, "mgs"},     {k::gin, "gin"}};
+    for (const auto& [kind, word] : words) {
+        auto s = example(folder);
+        s.effects[0].kind = kind;
+        tvx::write_study(s);
+        std::ifstream in(folder / "study.json");
+        EXPECT_EQ(nlohmann::json::parse(in).at("effects").at(0).at("kind"), word);
+        EXPECT_EQ(tvx::read_study(folder.string()).effects.at(0).kind, kind);
+    }
+    std::ifstream in(folder / "study.json");
+    auto j = nlohmann::json::parse(in);
+    j["effects"][0]["kind"] = "other";
+    std::ofstream(folder / "study.json") << j;
+    try {
+        tvx::read_study(folder.string());
+        FAIL() << "no fault";
+    } catch (const tvx::fault& f) {
+        EXPECT_NE(f.text.find("study.json\" is damaged"), std::string::npos) << f.text;
+    }
 }
 
 TEST_F(study_files, that_are_damaged_are_told) {
