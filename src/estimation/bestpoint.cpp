@@ -34,7 +34,7 @@ std::vector<double> get_cov(int irand) {
     std::vector<double> all;
     array<double> cc;
     array<double, 2> vv;
-    const int steps = irand == 0 ? model.rr_resteps : 1, n = model.kkfit(irand);
+    const int steps = steps_of(irand), n = model.kkfit(irand);
     for (int step = 1; step <= steps; ++step) {
         int ifail = 0;
         parvec2covs(bestpoint.parbest, irand, step, cc, vv, ifail);

@@ -137,7 +137,7 @@ void gather_matrices(judged_point& p) {
             factor_parameters(irand, scale, p);
             continue;
         }
-        for (int step = 1; step <= (irand == 0 ? model.rr_resteps : 1); ++step)
+        for (int step = 1; step <= steps_of(irand); ++step)
             p.blocks.push_back(covariance_block(irand, step, scale));
     }
 }

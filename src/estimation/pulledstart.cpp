@@ -25,8 +25,6 @@ namespace {
 
 constexpr double far = 4.0; // sum of variances against that of the data
 
-int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
-
 int trait_of(int irand, int row) {
     if (irand == 0) return row;
     return options.randreg ? 1 : mudmap.rn_trait(row, irand);

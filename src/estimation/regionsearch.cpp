@@ -110,7 +110,7 @@ array<double, 2> in_units(const array<double>& packed, const std::vector<region_
 region_model model_here() {
     region_model m;
     for (int irand = estimates.nresparm == 0 ? 1 : 0; irand <= numbers.krand; ++irand)
-        for (int step = 1; step <= (irand == 0 ? model.rr_resteps : 1); ++step) add_factor(irand, step, m.axes);
+        for (int step = 1; step <= steps_of(irand); ++step) add_factor(irand, step, m.axes);
     for (const region_axis& a : m.axes) m.g.push_back(derivs.der1(a.par) * a.unit);
     m.h = in_units(derivs.der2, m.axes);
     return m;
@@ -156,7 +156,7 @@ bool badly_ordered() {
     for (int irand = 0; irand <= numbers.krand && estimates.reorder; ++irand) {
         if (model.diagonal(irand)) continue;
         if (irand == 0 && no_fixed_residuals() > 0 && !residualvars.filled) continue; // its order keeps zeros
-        for (int step = 1; step <= (irand == 0 ? model.rr_resteps : 1) && estimates.nnparm(irand) > 0; ++step) {
+        for (int step = 1; step <= steps_of(irand) && estimates.nnparm(irand) > 0; ++step) {
             int ifail = 0;
             parvec2covs(parvec, irand, step, cc, vv, ifail);
             for (int c = 1; c <= model.krfit(irand); ++c) {

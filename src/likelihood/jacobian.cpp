@@ -78,7 +78,7 @@ array<double, 2> derivative_jacobian(int irand, int step) {
 std::vector<class_jacobian> all_jacobians() {
     std::vector<class_jacobian> list;
     for (int irand = 0; irand <= numbers.krand; ++irand)
-        for (int step = 1; step <= (irand == 0 ? model.rr_resteps : 1); ++step)
+        for (int step = 1; step <= steps_of(irand); ++step)
             if (estimates.nnparm(irand) > 0)
                 list.push_back({irand, step, block_start(irand, step), derivative_jacobian(irand, step)});
     return list;

@@ -16,8 +16,6 @@ namespace tarvex {
 
 namespace {
 
-int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
-
 } // namespace
 
 void set_units_from_covariances() {

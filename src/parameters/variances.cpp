@@ -35,7 +35,6 @@ constexpr double rounding = 1.0e-10;       // a negative pivot against the large
 constexpr double pivot_floor = 0.0005;     // pivot of its factor when it is smaller than numbers.zero
 
 int triangle(int n) { return n * (n + 1) / 2; }
-int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
 
 // A variance function of the control variable stands for the residual: no covariances of its own.
 bool empty_block(int irand) { return irand == 0 && model.rr_resteps > 1 && model.me_type == residual_classes::fun; }

@@ -7,11 +7,13 @@
 
 namespace tarvex {
 
+int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
+
 int cov_length(int irand) {
     const int n = model.kkfit(irand);
     // the residual is given in full, class after class
     if (irand > 0 && model.diagonal(irand) != 0) return n;
-    return n * (n + 1) / 2 * (irand == 0 ? model.rr_resteps : 1);
+    return n * (n + 1) / 2 * steps_of(irand);
 }
 
 int nfit(int irand) { return options.principal ? model.krfit(irand) : model.kkfit(irand); }

@@ -55,6 +55,9 @@ struct model_module {
 };
 inline model_module model;
 
+// Covariance matrices of a block: one for each class of residual variances; one of a random effect.
+int steps_of(int irand);
+
 // Packed length of a block's stored covariances: kkfit for a diagonal one, steps times the triangle for block 0.
 int cov_length(int irand);
 

@@ -66,13 +66,12 @@ void invert_information(array<double, 2>& a, int n, int& rank) {
     std::vector<double> packed(static_cast<std::size_t>(n) * static_cast<std::size_t>(n + 1) / 2);
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j) packed[ihmssf(i, j, n) - 1] = a(i, j) * s(i) * s(j);
+    // generalised: directions without information get variance 0, and `rank` tells of them
     double ldet = 0.0;
     gen_inverse(packed, n, numbers.zero, rank, ldet);
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j) a(i, j) = a(j, i) = packed[ihmssf(i, j, n) - 1] * s(i) * s(j);
 }
-
-int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
 
 // Rows of block irand in linfun: derivatives of its covariances with respect to all parameters.
 void block_rows(int irand, array<double, 2>& linfun) {
@@ -172,6 +171,7 @@ void approxai_covs() {
     product.allocate(nparm, nall);
     for (int c = 1; c <= nall; ++c)
         for (int k = 1; k <= nparm; ++k)
+            // a covariance depends on the parameters of its own block: most of J is 0
             if (linfun(c, k) != 0.0)
                 for (int l = 1; l <= nparm; ++l) product(l, c) += hess2(l, k) * linfun(c, k);
     sampling.vcov.allocate(nall, nall);
@@ -220,6 +220,18 @@ double function_covariance(const cov_function& f, const cov_function& g) {
 double error_of_sum(const cov_function& f) {
     const double v = function_covariance(f, f);
     return v > 0.0 ? std::sqrt(v) : -1.0;
+}
+
+double error_of_ratio(const cov_function& a, const cov_function& b, const std::vector<double>& cov) {
+    return error_of_ratio(function_value(a, cov), function_value(b, cov), function_covariance(a, a),
+                          function_covariance(b, b), function_covariance(a, b));
+}
+
+double error_of_correlation(const cov_function& c, const cov_function& a, const cov_function& b,
+                            const std::vector<double>& cov) {
+    const auto v = function_covariance;
+    return error_of_correlation(function_value(c, cov), function_value(a, cov), function_value(b, cov), v(c, c),
+                                v(a, a), v(b, b), v(c, a), v(c, b), v(a, b));
 }
 
 double error_of_ratio(double a, double b, double vaa, double vbb, double vab) {

@@ -34,8 +34,12 @@ double function_value(const cov_function& f, const std::vector<double>& cov); //
 double function_covariance(const cov_function& f, const cov_function& g);     // sampling covariance, NaN: withheld
 bool estimable(const cov_function& f);                                        // false: errors are withheld
 
-// Errors; -1.0 where the approximation fails.
+// Errors; -1.0 where the approximation fails: of f, a / b, and c / sqrt(a b) for variances a, b.
 double error_of_sum(const cov_function& f);
+double error_of_ratio(const cov_function& a, const cov_function& b, const std::vector<double>& cov);
+double error_of_correlation(const cov_function& c, const cov_function& a, const cov_function& b,
+                            const std::vector<double>& cov);
+// The same of values with their sampling variances and covariances.
 double error_of_ratio(double a, double b, double vaa, double vbb, double vab);
 double error_of_correlation(double c, double a, double b, double vcc, double vaa, double vbb, double vca, double vcb,
                             double vab);

@@ -27,7 +27,7 @@ namespace {
 // The given matrix of a block is positive definite (all steps of the residual), at reduced rank in its leading
 // components.
 bool positive_definite(int irand) {
-    const int n = model.kkfit(irand), rank = model.krfit(irand), steps = irand == 0 ? model.rr_resteps : 1;
+    const int n = model.kkfit(irand), rank = model.krfit(irand), steps = steps_of(irand);
     if (model.diagonal(irand))
         return std::all_of(model.cov.column(irand).begin(), model.cov.column(irand).begin() + n,
                            [](double v) { return v > 0.0; });
@@ -49,12 +49,14 @@ bool positive_definite(int irand) {
 }
 
 void invert_given_matrices() {
+    // eigenvalues first: an inverse of an indefinite matrix may exist, and is no covariance matrix's
     int ifail = positive_definite(0) ? 0 : 1;
     if (ifail == 0) {
         rinverse(estimates.parvec, ifail);
         if (ifail != 0) show_indefinite_pattern();
     }
     if (ifail != 0) invalid("Invalid residual covariance matrix for BLUP");
+    // all blocks are looked at before any is inverted
     for (int irand = 1; irand <= numbers.krand; ++irand)
         if (!positive_definite(irand)) ifail = 1;
     if (ifail == 0) g_inverse(estimates.parvec, ifail);

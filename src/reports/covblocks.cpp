@@ -24,6 +24,7 @@ int cov_number(int irand, int step, int i, int j) {
     return cov_start(irand, step) + packed_place(i, j, model.kkfit(irand)) - 1;
 }
 
+// Number 0 is a covariance that is 0 by definition. Terms of one number are added up: errors need each number once.
 void add_term(cov_function& f, int number, double factor) {
     if (number == 0) return;
     for (auto& t : f)
@@ -60,6 +61,7 @@ int triangle(int n) { return n * (n + 1) / 2; }
 // Covariance of the sums of both effects of traits iq and jq; cross: weight of a covariance between different effects.
 cov_function tied_covariance(int irand, int iq, int jq, double cross) {
     cov_function f;
+    // cov(d_i + m_i, d_j + m_j): the diagonal terms in full, those between direct and maternal by `cross`
     for (int w = 1; w <= 2; ++w)
         for (int v = 1; v <= 2; ++v) {
             const int r = place_of(irand, iq, w), s = place_of(irand, jq, v);
@@ -85,6 +87,7 @@ void write_rows(text_out& out, const edit_form& form, const array<double, 2>& a,
     }
 }
 
+// --wide: eight values to a line in place of six
 constexpr edit_form values6{"(i4,(t7, 6g13.5))"}, values8{"(i4,(t7, 8g13.5))"};
 constexpr edit_form ratios6{"(i4,(t7, 6f10.4))"}, ratios8{"(i4,(t7, 8f10.4))"};
 constexpr edit_form title{"(/1x,a)"};
@@ -137,17 +140,11 @@ void write_eigen(text_out& out, const report_matrix& m, const array<double, 2>& 
     write_rows(out, values_form(), vv, m.n, m.rank);
 }
 
-double correlation_error(const report_matrix& m, const evaluated& e, int i, int j) {
-    const auto &c = m.element[packed(i, j, m.n)], &a = m.element[packed(i, i, m.n)], &b = m.element[packed(j, j, m.n)];
-    return error_of_correlation(e.zig(i, j), e.zig(i, i), e.zig(j, j), function_covariance(c, c),
-                                function_covariance(a, a), function_covariance(b, b), function_covariance(c, a),
-                                function_covariance(c, b), function_covariance(a, b));
-}
-
-double ratio_error(const report_matrix& m, const std::vector<double>& cov, int i) {
-    const auto &a = m.element[packed(i, i, m.n)], &b = m.total[i - 1];
-    return error_of_ratio(function_value(a, cov), function_value(b, cov), function_covariance(a, a),
-                          function_covariance(b, b), function_covariance(a, b));
+// Error of what stands at (i,j) of the second matrix: a correlation, or a ratio on its diagonal.
+double scaled_error(const report_matrix& m, const std::vector<double>& cov, int i, int j) {
+    const auto element = [&](int r, int c) -> const cov_function& { return m.element[packed(r, c, m.n)]; };
+    if (i == j) return error_of_ratio(element(i, i), m.total[i - 1], cov);
+    return error_of_correlation(element(i, j), element(i, i), element(j, j), cov);
 }
 
 void write_errors(text_out& out, const report_matrix& m, const evaluated& e, const std::vector<double>& cov) {
@@ -160,6 +157,7 @@ void write_errors(text_out& out, const report_matrix& m, const evaluated& e, con
     for (int i = 1; i <= m.n; ++i)
         for (int j = i; j <= (m.diagonal ? i : m.n); ++j) {
             const std::size_t k = packed(i, j, m.n);
+            // -1 where the approximation failed; a covariance held at 0 has no variance either and is told apart below
             const double xx = error_of_sum(m.element[k]);
             warn = warn || xx < 0.0;
             held = held || (i != j && xx < 0.0 && e.zig(i, j) == 0.0);
@@ -167,7 +165,7 @@ void write_errors(text_out& out, const report_matrix& m, const evaluated& e, con
                 write(out, plain_line, m.ipar[k], m.name[k], e.zig(i, i), xx);
                 continue;
             }
-            const double yy = i == j ? ratio_error(m, cov, i) : correlation_error(m, e, i, j);
+            const double yy = scaled_error(m, cov, i, j);
             const char* what = i == j ? "vrat" : "corr";
             if (yy < 0.0)
                 write(out, failed_line, m.ipar[k], m.name[k], e.zig(i, j), xx, what, e.hh(i, j), "  failed");
@@ -186,6 +184,7 @@ std::vector<double> all_covariances() {
         const std::vector<double> block = best_covariances(irand);
         all.insert(all.end(), block.begin(), block.end());
     }
+    // the user's sums follow, so that a number of either kind is an index here
     for (const auto& sum : usrdefcovs.addcov) {
         double x = 0.0;
         for (const auto& t : sum) x += t.factor * all[t.isig - 1];
@@ -208,6 +207,7 @@ report_matrix block_matrix(int irand, int step) {
     m.n = model.kkfit(irand);
     m.rank = model.krfit(irand);
     m.diagonal = model.diagonal(irand) != 0;
+    // coefficients of a regression have no phenotypic variance of their own
     m.ratios = !options.randreg;
     for (int i = 1; i <= m.n; ++i) {
         if (m.ratios) {
@@ -215,6 +215,7 @@ report_matrix block_matrix(int irand, int step) {
             m.total.push_back(phenotypic_covariance(iq, iq));
         }
         for (int j = i; j <= m.n; ++j) {
+            // an element beside the diagonal of a diagonal block is the empty function: 0, and without a name
             cov_function f;
             const int number = cov_number(irand, step, i, j);
             add_term(f, number, 1.0);
@@ -273,6 +274,7 @@ void write_covmat(text_out& out, const report_matrix& m, const std::vector<doubl
     } else {
         write(out, title, "Covariance matrix");
         write_rows(out, values_form(), e.zig, m.n, 0);
+        // at rank 1 the one eigenvector is the matrix
         if (m.rank > 1) write_eigen(out, m, e.zig);
         write(out, title, m.ratios ? "Matrix of correlations and variance ratios" : "Correlation matrix");
         write_rows(out, ratios_form(), e.hh, m.n, 0);

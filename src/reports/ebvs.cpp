@@ -73,6 +73,7 @@ level_values breeding_values(int irand, int level) {
     const int n = model.kkfit(irand), rank = model.krfit(irand);
     // u = Q w for the w of the level
     const int first = mmequations.rn_start(irand) + (level - 1) * rank;
+    // u = Q s: scores s of the level times the loadings Q (traits x components), into the units of the data
     const auto& q = randomvars.zig;
     level_values values;
     values.u.assign(n, 0.0);
@@ -81,6 +82,7 @@ level_values breeding_values(int irand, int level) {
             values.u(i) += q(i, c, irand) * solutions.solsave(first + c) * row_unit(irand, i);
     if (!with_errors()) return values;
     values.pev.assign(n, 0.0);
+    // the inverse is symmetric: each pair of components once, twice its weight
     for (int c = 1; c <= rank; ++c)
         for (int d = 1; d <= c; ++d) {
             bool used = false; // a diagonal matrix needs no elements between components

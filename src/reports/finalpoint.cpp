@@ -31,7 +31,6 @@ using column = Eigen::VectorXd;
 constexpr double small_variance = vanished_variance, high_correlation = 1.0 - vanished_correlation;
 constexpr double gone = 1.0e-4; // eigenvalue of a correlation matrix
 
-int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
 bool on_factor_scale(int irand) {
     return irand > 0 && options.principal && mudmap.kovrnd(irand) != covariance_kind::peq;
 }

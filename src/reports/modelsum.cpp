@@ -84,6 +84,7 @@ void long_names(text_out& out) {
     // columns between the quotes and the first number
     constexpr std::size_t place = 11;
     std::vector<std::string> names;
+    // each name once, in the order of the tables
     const auto add = [&](const std::string& name) {
         if (name.size() > place && std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
     };
@@ -118,6 +119,7 @@ void write_modelsum() {
     for (int i = 1; i <= numbers.krand; ++i)
         write(out, "(i4,2x,1h\",a,1h\",t20,i7,4x,a)", i, model.krandom(i), levels.rn_nlev(i),
               name_of(mudmap.kovrnd(i)));
+    // the head stands only above a table
     const auto nextra = model.nextra.prefix(numbers.nq);
     if (*std::max_element(nextra.begin(), nextra.end()) > 0) {
         write(out, "(/1x,a)", "Extra effects");

@@ -23,6 +23,7 @@ void write_residuals() {
     subject_stream subjects;
     std::vector<double> yy;
     const subject_record& record = subjects.record();
+    // in the order of the recoded records, subject by subject
     while (subjects.next()) {
         const subject_design& d = subjects.design();
         yy.assign(d.nobs, 0.0);

@@ -32,8 +32,6 @@ namespace {
 
 using json = nlohmann::ordered_json;
 
-int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
-
 // The scan of the data has not been made for a report of the stored best point.
 bool scanned() { return means.nrec.upper() >= numbers.nq; }
 
@@ -52,6 +50,7 @@ json error_or_null(double se) { return se >= 0.0 ? json(se) : json(); }
 json row_of(int irand, int i) {
     if (irand == 0) return {{"trait", options.randreg ? 1 : i}, {"effect", "residual"}, {"coefficient", 0}};
     const std::string& name = model.krandom(irand);
+    // rows of a regression are its coefficients, of other blocks traits and effects
     if (options.randreg) return {{"trait", 1}, {"effect", name}, {"coefficient", i}};
     // two effects of one block: "direct+maternal"
     const auto plus = name.find('+');
@@ -74,6 +73,7 @@ json basis_of(int irand) {
     // random regression analyses have one trait
     constexpr int iq = 1;
     for (int i = 1; i <= model.nrnd(iq); ++i) {
+        // no tables have been made: kkphi is empty, or 0
         if (mudmap.rn_irand(i, iq) != irand) continue;
         const int table = phimat.kkphi.size() > 0 ? phimat.kkphi(i, iq) : 0;
         if (table == 0) return nullptr;
@@ -118,13 +118,6 @@ struct matrix_label {
     int step = 1;
 };
 
-double correlation_se(const cov_function& c, const cov_function& a, const cov_function& b,
-                      const std::vector<double>& cov) {
-    const auto v = function_covariance;
-    return error_of_correlation(function_value(c, cov), function_value(a, cov), function_value(b, cov), v(c, c),
-                                v(a, a), v(b, b), v(c, a), v(c, b), v(a, b));
-}
-
 std::size_t place(int i, int j, int n) { return static_cast<std::size_t>(ihmssf(i, j, n) - 1); }
 
 void add_matrix(json& list, const report_matrix& m, const matrix_label& label, const std::vector<double>& cov) {
@@ -144,15 +137,12 @@ void add_matrix(json& list, const report_matrix& m, const matrix_label& label, c
             json ratio, se;
             if (i != j) {
                 if (va > 0.0 && vb > 0.0) ratio = x / std::sqrt(va * vb);
-                if (sampling.available) se = error_or_null(correlation_se(f, a, b, cov));
+                if (sampling.available) se = error_or_null(error_of_correlation(f, a, b, cov));
             } else if (m.ratios) {
                 const cov_function& total = m.total[i - 1];
                 const double t = function_value(total, cov);
                 if (t > 0.0) ratio = x / t;
-                if (sampling.available)
-                    se =
-                        error_or_null(error_of_ratio(x, t, function_covariance(f, f), function_covariance(total, total),
-                                                     function_covariance(f, total)));
+                if (sampling.available) se = error_or_null(error_of_ratio(f, total, cov));
             }
             e["ratio"] = ratio;
             e["ratio_se"] = se;
@@ -298,6 +288,7 @@ nlohmann::ordered_json block_list() {
                   {"diagonal", model.diagonal(irand) != 0},
                   {"steps", steps_of(irand)},
                   {"first_estimate", cov_start(irand)}};
+        // null where the levels are not known
         b["levels"] = irand > 0 && scanned() ? json(levels.rn_nlev(irand)) : json();
         b["rows"] = rows_of(irand);
         if (options.randreg && scanned()) b["basis"] = irand > 0 ? basis_of(irand) : json();
@@ -324,6 +315,7 @@ nlohmann::ordered_json estimate_list() {
                         {"se", sampling.available ? error_or_null(error_of_sum(f)) : json()}});
     };
     for (int irand = 0; irand <= numbers.krand; ++irand)
+        // numbers run through a triangle row by row, in a diagonal block through the diagonal
         for (int step = 1; step <= steps_of(irand); ++step) {
             int number = cov_start(irand, step);
             for (int i = 1; i <= model.kkfit(irand); ++i)
@@ -340,6 +332,7 @@ nlohmann::ordered_json function_list() {
         const std::string name = irand == 0 ? "residual" : model.krandom(irand);
         for (int step = 1; step <= steps_of(irand); ++step)
             add_matrix(list, block_matrix(irand, step), {irand, name, step}, cov);
+        // effects that share a block (direct and maternal) also as their sum
         if (irand == 0 || options.randreg) continue;
         const report_matrix sum = tied_sum_matrix(irand);
         if (sum.n > 0) add_matrix(list, sum, {irand, "sum of " + name, 1}, cov);
@@ -370,16 +363,16 @@ nlohmann::ordered_json user_function_list() {
     }
     for (int i = 1; i <= usrdefcovs.naddgps; ++i) {
         const auto& gp = usrdefcovs.igpadd(i);
+        // a correlation has three numbers (covariance, two variances), a ratio two: the second stands for both
         const bool ratio = gp[0] == 1;
         const cov_function c{{gp[1], 1.0}}, a{{gp[2], 1.0}}, b{{ratio ? gp[2] : gp[3], 1.0}};
         const double vc = function_value(c, cov), va = function_value(a, cov), vb = function_value(b, cov);
         json e = {{"kind", ratio ? "ratio" : "correlation"}, {"number", i}, {"name", usrdefcovs.addgpname(i)}};
         const bool valid = va > 0.0 && vb > 0.0;
         e["estimate"] = !valid ? json() : json(ratio ? vc / va : vc / std::sqrt(va * vb));
-        const auto v = function_covariance;
-        e["se"] = !valid || !sampling.available ? json()
-                  : ratio                       ? error_or_null(error_of_ratio(vc, va, v(c, c), v(a, a), v(c, a)))
-                                                : error_or_null(correlation_se(c, a, b, cov));
+        e["se"] = !valid || !sampling.available
+                      ? json()
+                      : error_or_null(ratio ? error_of_ratio(c, a, cov) : error_of_correlation(c, a, b, cov));
         list.push_back(e);
     }
     return list;

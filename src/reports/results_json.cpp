@@ -23,6 +23,7 @@
 #include "reports/apprxaicovs.h"
 #include "reports/finalpoint.h"
 #include "reports/results_parts.h"
+#include "reports/summary.h"
 #include "sparse/symbfact.h"
 
 #include <nlohmann/json.hpp>
@@ -44,12 +45,6 @@ const auto started = std::chrono::steady_clock::now();
 
 const char* kind_name(run_kind kind) {
     return kind == run_kind::search ? "estimates" : kind == run_kind::best_point ? "best point" : "blup";
-}
-
-int records() {
-    int n = 0;
-    for (int k : means.nrec) n += k;
-    return n;
 }
 
 // The pedigree as it was given: a reduced one has taken its place in filenames.
@@ -74,10 +69,11 @@ json run_part(run_kind kind) {
 }
 
 json likelihood_part(run_kind kind) {
-    json part = {{"records", records()},
+    json part = {{"records", records_used()},
                  {"rank_of_fixed_part", numbers.nrankx},
                  {"parameters", estimates.nparm},
                  {"estimated", derivs.nparm2 > 0 ? derivs.nparm2 : estimates.nparm}};
+    // BLUP evaluates no likelihood
     part["log_l"] = kind == run_kind::blup_run ? json() : json(bestpoint.xbest);
     return part;
 }
@@ -127,6 +123,7 @@ json border_part() {
 
 // The program's own verdict, in its words.
 json verdict_part() {
+    // words for programs: they stay when the texts of the report change
     const auto& v = verdict.last;
     const char* kind = v.kind == search_end::maximum  ? "maximum"
                        : v.kind == search_end::border ? "border"
@@ -199,6 +196,7 @@ json sampling_part() {
     for (int i = 1; i <= estimates.ncovall; ++i) {
         auto row = json::array();
         for (int j = 1; j <= i; ++j) {
+            // covariances of what only occurs as a sum are withheld, as their errors are
             const bool told = estimable({{i, 1.0}}) && estimable({{j, 1.0}});
             row.push_back(told ? json(sampling.vcov(i, j)) : json());
         }
@@ -225,6 +223,7 @@ json resource_part() {
     const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - started;
     return {{"processor_seconds", cpu_time()},
             {"wall_seconds", wall.count()},
+            // the system counts in kibibytes
             {"peak_memory_bytes", static_cast<long long>(used.ru_maxrss) * 1024},
             {"evaluations", likelihoods.ncall},
             {"factorisations", likelihoods.nfact}};
@@ -259,6 +258,7 @@ void write_results(run_kind kind) {
     d["likelihood"] = likelihood_part(kind);
     d["parameters"] = parameter_list();
     d["iterates"] = iterate_part();
+    // a report of the stored best point has not set up equations
     d["equations"] = kind == run_kind::best_point ? json() : equation_part();
     d["solutions"] = kind == run_kind::best_point ? json() : solution_list();
     // a search alone has derivatives at its end

@@ -111,6 +111,7 @@ table_columns columns_for(int irrc) {
     table_columns columns;
     columns.effects = regressions_on(irrc);
     for (const auto& r : columns.effects) columns.names.push_back(column_name(model.krandom(r.irand)));
+    // a constant residual variance stands in every table
     columns.residual = model.rr_resteps == 1 || phimat.jjmeta(iq) == irrc;
     columns.phenotypic = model.nrrc == 1;
     return columns;
@@ -136,6 +137,7 @@ void write_variances(text_out& variances, text_out* ratios, const table_columns&
         std::vector<cov_function> parts;
         for (const auto& r : columns.effects) parts.push_back(rrcovar(r, a, a));
         if (columns.residual) parts.push_back(residual_at(a));
+        // the phenotypic variance at this value
         cov_function total;
         // terms may occur twice: functions are sums
         for (const auto& f : parts) total.insert(total.end(), f.begin(), f.end());
@@ -144,10 +146,7 @@ void write_variances(text_out& variances, text_out* ratios, const table_columns&
         for (const auto& f : parts) {
             const double x = function_value(f, cov);
             line += variance_item(x, sampling.available ? error_of_sum(f) : 0.0);
-            const double se = sampling.available
-                                  ? error_of_ratio(x, sum, function_covariance(f, f), function_covariance(total, total),
-                                                   function_covariance(f, total))
-                                  : 0.0;
+            const double se = sampling.available ? error_of_ratio(f, total, cov) : 0.0;
             ratio_line += ratio_item(sum > 0.0 ? x / sum : 0.0, se);
         }
         if (columns.phenotypic) line += variance_item(sum, sampling.available ? error_of_sum(total) : 0.0);
@@ -163,9 +162,7 @@ std::string correlation_item(const regression& r, int a, int i, const std::vecto
     if (!sampling.available) return ratio_item(corr, 0.0);
     // of a value with itself: 1, without an error
     if (a == i) return ratio_item(corr, 0.0);
-    const auto v = function_covariance;
-    return ratio_item(corr,
-                      error_of_correlation(x, y, z, v(c, c), v(va, va), v(vi, vi), v(c, va), v(c, vi), v(va, vi)));
+    return ratio_item(corr, error_of_correlation(c, va, vi, cov));
 }
 
 std::vector<int> selected_levels(int n) {
@@ -217,6 +214,7 @@ void rrvariances() {
     constexpr edit_form trait_line{"(a,i3)  "};
     const std::vector<double> cov = all_covariances();
     text_out variances, ratios, correls;
+    // with several control variables there is no phenotypic variance at a value of one of them: no ratios
     const bool single = model.nrrc == 1;
     open_table(variances, filenames.rrvarsfile);
     open_table(correls, filenames.rrcorrelfile);
@@ -225,6 +223,7 @@ void rrvariances() {
     if (single) write(ratios, trait_line, "Variance ratios for trait no.", iq);
     write(correls, trait_line, "Selected correlations for trait no.", iq);
     for (int irrc = 1; irrc <= model.nrrc; ++irrc) {
+        // tables of the control variables below each other in one file
         const table_columns columns = columns_for(irrc);
         if (!single) print_list(variances, "Control variable", model.rrcontrol(irrc));
         write_variances(variances, single ? &ratios : nullptr, columns, irrc, cov);

@@ -31,19 +31,24 @@ constexpr edit_form count_line{"(1x,a,t25,1h=,i7)"};
 constexpr edit_form value_line{"(1x,a,t25,1h=,f18.3)"};
 constexpr const char* failed_note = "Negative values for s.e. indicate failed approximation !";
 
+// Covariances held at their values count as parameters that are not estimated.
 int estimated() { return derivs.nparm2 > 0 ? derivs.nparm2 : estimates.nparm; }
 
-int records() {
+} // namespace
+
+int records_used() {
     int n = 0;
     for (int k : means.nrec) n += k;
     return n;
 }
 
+namespace {
+
 void write_criteria(text_out& out) {
     constexpr edit_form pair_line{"(1x,a,t25,1h=,2f18.3)"}, penalty_line{"(1x,a,t25,1h=,f18.3,4x,a,2f8.3)"};
     const double undefined = -std::numeric_limits<double>::max(); // edited as asterisks
     // REML: n less the rank of the fixed part stands for the number of records (BIC)
-    const double p = estimated(), n = records(), free = n - numbers.nrankx, xbest = bestpoint.xbest;
+    const double p = estimated(), n = records_used(), free = n - numbers.nrankx, xbest = bestpoint.xbest;
     const double aic = xbest - p;
     // with its correction for few records
     const double aicc = n - p - 1.0 > 0.0 ? aic - p * (p + 1.0) / (n - p - 1.0) : undefined;
@@ -59,7 +64,7 @@ void write_criteria(text_out& out) {
 
 void write_headlines(text_out& out) {
     write(out, count_line, "No. of traits", numbers.nq);
-    write(out, count_line, "No. of records", records());
+    write(out, count_line, "No. of records", records_used());
     write(out, count_line, "No. of parameters", estimates.nparm);
     if (estimated() < estimates.nparm) write(out, count_line, "  ... not estimated", estimates.nparm - estimated());
     if (options.bestonly)
@@ -109,6 +114,7 @@ void write_convergence(text_out& out) {
     constexpr edit_form head{"(/1x,a)"}, fine{"(1x,a,t30,1h=,3f12.6)"}, coarse{"(1x,a,t30,1h=,3f12.4)"};
     // searches that no test has ended
     const bool short_of_end = !maximise.converged && !iterate_log.ended.empty();
+    // the criteria are those of steps with derivatives
     if (aireml_terms.accepted == 0) { // rounds of EM, a search by directions
         if (short_of_end) write_caution(out);
         return;
@@ -141,6 +147,7 @@ void write_residual_steps(text_out& out, const std::vector<double>& cov) {
     constexpr edit_form range{"(1x,a,i4,3x,a,2i8)"}, plain{"(1x,a,i4)"}, error_line{"(i4,2x,a,2g15.6,3x,a,2x,2f8.3)"};
     constexpr edit_form head{"(/1x,a)"};
     print_list(out, "No. of measurement error variance classes =", model.rr_resteps);
+    // values of all classes first, errors of all classes in a list behind them
     for (int step = 1; step <= model.rr_resteps; ++step) {
         if (model.me_type == residual_classes::het)
             write(out, range, "Class no.", step, "Range", model.me_range(1, step), model.me_range(2, step));
@@ -198,6 +205,7 @@ void write_random_block(text_out& out, int irand, const std::vector<double>& cov
     write_covmat(out, sum, cov);
 }
 
+// Covariance of this number; numbers beyond those of ListofCovs are the user's sums, in their order.
 cov_function component(int number) {
     if (number <= estimates.ncov) return {{number, 1.0}};
     cov_function f;
@@ -230,6 +238,7 @@ bool write_ratio(text_out& out, int i, const std::vector<double>& cov) {
     // the smallest of what is divided by
     const double yy = ratio ? va : std::min(va, vb);
     if (!(yy > 0.0)) {
+        // told on the screen, not in the report: nothing has failed there
         print_list(screen(), " Cannot calculate ", name, "  invalid denominator", yy);
         return true;
     }
@@ -239,9 +248,7 @@ bool write_ratio(text_out& out, int i, const std::vector<double>& cov) {
         write(out, plain, i, name, xx, what);
         return true;
     }
-    const auto v = function_covariance;
-    const double se = ratio ? error_of_ratio(vc, va, v(c, c), v(a, a), v(c, a))
-                            : error_of_correlation(vc, va, vb, v(c, c), v(a, a), v(b, b), v(c, a), v(c, b), v(a, b));
+    const double se = ratio ? error_of_ratio(c, a, cov) : error_of_correlation(c, a, b, cov);
     write(out, with_error, i, name, xx, se, what);
     return se >= 0.0;
 }
@@ -264,6 +271,7 @@ void write_functions(text_out& out, const std::vector<double>& cov) {
 } // namespace
 
 void write_estimates() {
+    // errors before all else: every table below asks for them
     sampling = {};
     if (options.sevars) approxai_covs();
     text_out out;
@@ -278,6 +286,7 @@ void write_estimates() {
     const std::vector<double> cov = all_covariances();
     write_residual_block(out, cov);
     for (int irand = 1; irand <= numbers.krand; ++irand) write_random_block(out, irand, cov);
+    // a phenotypic variance belongs to a value of the control variable, see rrvariances
     if (options.randreg) {
         if (!options.bestonly) rrvariances();
     } else {

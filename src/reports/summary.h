@@ -2,4 +2,6 @@
 #pragma once
 namespace tarvex {
 void write_estimates();
+// Records of all traits that the analysis uses.
+int records_used();
 } // namespace tarvex
