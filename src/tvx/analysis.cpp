@@ -158,12 +158,14 @@ void add_data_block(const draft& d, std::string& out) {
         out += "END\n";
         return;
     }
+    // grouped: each line holds one trait, its number first
     out += "DAT " + d.s.name + ".dat GRP\n";
     for (const auto& group : trait_groups(d)) {
         out += " TRNOS";
         for (const int q : group) out += " " + std::to_string(q);
         out += "\n  qno                       # number of the trait\n";
         add_columns(d, out);
+        // records of one line of the table are one subject: a column with the number of the line joins them
         if (!d.s.subject.empty()) add_column(out, d.s.subject, static_cast<int>(d.order.size()), "line of the table");
         out += "  NAMES";
         for (const int q : group) out += " " + d.s.traits[q - 1].column;
@@ -174,6 +176,7 @@ void add_data_block(const draft& d, std::string& out) {
 
 // A line of the model, once for all traits or for each ten of those that have it.
 void add_model_line(const draft& d, std::string& out, const std::string& text, const std::vector<int>& traits) {
+    // without numbers behind it a line holds for all traits
     if (d.s.one_line || traits.size() == d.s.traits.size()) {
         out += "  " + text + "\n";
         return;
@@ -299,6 +302,7 @@ std::string block_line(const draft& d, const start_block& b) {
         return b.name + " " + std::to_string(b.order) +
                (d.s.rank > 0 ? " " + std::to_string(std::min(d.s.rank, b.order)) : "");
     if (!d.randreg) return b.name + " " + std::to_string(b.order);
+    // one variance at all values of the control variable, or one for each interval
     if (d.s.residuals.empty()) return "residual 1 HOM";
     return "residual 1 HET " + std::to_string(d.s.residuals.size()) + " " + d.s.control_column;
 }

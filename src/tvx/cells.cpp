@@ -47,6 +47,7 @@ bool zero_missing(const column_reader& r, std::size_t col) {
 std::vector<double> read_numbers(column_reader& r, std::size_t col) {
     const draft& d = r.d;
     const bool zero = zero_missing(r, col);
+    // `none` where the cell is missing; every bad cell is noted, so that the user hears of all at once
     std::vector<double> x(d.table.rows, none);
     for (std::size_t row = 0; row < d.table.rows; ++row) {
         const auto cell = d.table.at(row, col);
@@ -64,6 +65,7 @@ std::vector<double> read_numbers(column_reader& r, std::size_t col) {
 
 // -9, -99, -999 .. and 999, 9999 .. stand for missing values where all other values lie far from them.
 void look_for_codes(column_reader& r, const std::vector<double>& x, std::size_t col) {
+    // codes are set apart first: they must not count among the values they are compared with
     std::map<double, int> extreme;
     double low = INFINITY, high = -INFINITY;
     static constexpr double codes[] = {-9, -99, -999, -9999, -99999, 999, 9999, 99999, 999999};
@@ -278,6 +280,7 @@ void read_cells(draft& d) {
         n.value = read_numbers(r, n.col);
         look_for_codes(r, n.value, n.col);
     }
+    // in this order: cells, then incomplete records, then units and codes, which depend on the records that are left
     throw_bad_cells(r);
     std::vector<std::vector<char>> there;
     for (const auto& c : d.classes) there.push_back(present_classes(r, c));
@@ -296,6 +299,7 @@ namespace {
 
 // Text of a class in a row; the parts of a combination are joined.
 std::string_view class_text(const draft& d, const draft_class& c, std::size_t row, std::string& buffer) {
+    // a column of sires or dams that the table need not have: the animal leads to it
     if (c.parent != 0) {
         const int i = d.ped.place.at(d.table.at(row, c.cols[0]));
         return d.ped.ids[(c.parent == 1 ? d.ped.sire : d.ped.dam)[i]];
@@ -350,6 +354,7 @@ void number_by_matrix(draft& d, draft_class& c, const std::vector<char>& used) {
         if (!code.emplace(c.ids[i], i + 1).second)
             throw fault{"\"" + c.file + "\": " + shown(c.ids[i]) + " stands twice"};
     std::vector<std::string> unknown;
+    // levels without records keep their codes: the matrix is whole
     std::string buffer;
     for (std::size_t row = 0; row < d.table.rows; ++row) {
         if (used[row] == 0) continue;
@@ -364,6 +369,7 @@ void number_by_matrix(draft& d, draft_class& c, const std::vector<char>& used) {
 
 // Rows whose class is needed by a trait that is recorded there.
 std::vector<char> rows_of_class(const draft& d, std::size_t which) {
+    // a level that only unused rows have gets no code
     std::vector<char> used(d.table.rows, 0);
     for (std::size_t iq = 0; iq < d.y.size(); ++iq) {
         const needs n = needs_of(d, d.s.traits[iq].number);
@@ -413,6 +419,7 @@ void fill_animals(draft& d) {
         throw fault{std::to_string(n) + " animals are needed; the program takes " + std::to_string(tarvex::maxan)};
     d.s.animals.resize(n);
     for (std::size_t i = 0; i < d.ped.ids.size(); ++i) {
+        // an animal that neither records nor candidates lead to
         if (d.animal_code[i] == 0) continue;
         d.s.animals[d.animal_code[i] - 1] = {std::string(d.ped.ids[i]),
                                              number(d.ped.sire[i]),

@@ -42,6 +42,7 @@ private:
     std::streambuf* answers_;
 };
 
+// Names of files in a parameter file are relative to its folder.
 class folder_change {
 public:
     explicit folder_change(const fs::path& to) : back_(fs::current_path()) {
@@ -133,6 +134,7 @@ bool can_go(const std::string& line) {
 bool read_parameters(std::vector<finding>& findings, const std::string& name) {
     par_text p = read_lines(name);
     bool sound = true;
+    // each round takes one line out; faults without a line, or of a block's head, end it
     for (int round = 0; round < 30; ++round) {
         par_fault fault;
         if (read_once(p, fault)) return sound;
@@ -184,8 +186,10 @@ std::vector<finding> check_analysis(const std::string& place) {
     const folder_change in(file.parent_path());
     const std::string name = file.filename().string();
     std::vector<finding> findings;
+    // data and pedigree are read as the model says: without it there is nothing to hold them against
     if (!read_parameters(findings, name)) return findings;
     check_model(findings, name);
+    // animals that the pedigree lists; the data are held against them last
     std::unordered_set<long long> listed;
     if (!tarvex::filenames.pedfile.empty()) check_pedigree(findings, listed);
     check_data(findings);
@@ -231,6 +235,7 @@ std::string forecast_at(const std::string& place, std::vector<finding>& findings
 
 int check_command(const std::string& place, bool quick) {
     auto findings = check_analysis(place);
+    // the forecast sets the analysis up, which a faulty one would not survive
     const std::string forecast = quick || count_faults(findings) > 0 ? "" : forecast_at(place, findings);
     const auto faults = count_faults(findings);
     if (display.json) {

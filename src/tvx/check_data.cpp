@@ -74,6 +74,7 @@ void add_classes(pass& p) {
                             {}});
         for (int i = 1; i <= model.nrnd(q); ++i) {
             const auto kind = model.rnd_opt(i, q);
+            // codes of a pedigree are limited by the program, those of other effects by the parameter file
             const bool nrm = kind == tarvex::covariance_kind::nrm, gin = kind == tarvex::covariance_kind::gin;
             list.push_back({model.random(i, q),
                             mudmap.rn_dcolno(i, q),
@@ -194,6 +195,7 @@ int trait_of(pass& p, std::string_view text) {
 
 void check_line(pass& p, std::string_view text) {
     int q = 0;
+    // lines of one trait are split twice: the number of the trait says how many columns it has
     if (!mudmap.alltraits) q = trait_of(p, text);
     if (!mudmap.alltraits && q < 1) return;
     // columns that the trait's set has
@@ -231,6 +233,7 @@ void tell_subjects(pass& p) {
     for (int q = 1; q <= nq; ++q)
         if (p.records[q] == 0)
             add_case(p.findings, "D206", "a trait has no record", "trait \"" + model.trait(q) + "\"");
+    // met: pairs of traits that some subject has both of
     std::int64_t repeated = 0, most = 0;
     std::vector<char> met(static_cast<std::size_t>(nq) * nq, 0);
     for (const auto& [code, n] : p.subjects) {
@@ -342,6 +345,7 @@ void check_pairs(pass& p, std::string_view text) {
         const auto& classes = p.classes[q - 1];
         std::vector<std::vector<std::array<long long, 2>>> pairs(
             classes.empty() ? 0 : classes.size() * (classes.size() - 1) / 2);
+        // trait by trait over the text in memory: columns of one trait alone are held
         fixed_part part = fixed_part_of(q);
         each_line(p, text, [&](std::string_view line) {
             const int needed = datafile.ndatcol[tarvex::column_set(q)];
@@ -376,6 +380,7 @@ void note_animals(pass& p, int q, const std::unordered_set<long long>& listed, s
 
 void check_strangers(std::vector<finding>& findings, const std::unordered_set<long long>& listed) {
     const bool sound = std::none_of(findings.begin(), findings.end(), [](const auto& f) { return f.code[0] == 'D'; });
+    // codes of a faulty file may be anything
     if (!sound) return;
     const std::string text = read_text(tarvex::filenames.datfile);
     std::vector<finding> none;
@@ -415,6 +420,7 @@ void check_data(std::vector<finding>& findings) {
     each_line(p, text, [&](std::string_view line) { check_line(p, line); });
     tell_odd_values(p);
     tell_subjects(p);
+    // confounding is looked for in sound data only
     const bool sound = std::none_of(findings.begin(), findings.end(), [](const auto& f) { return f.code[0] == 'D'; });
     if (sound) check_pairs(p, text);
 }

@@ -62,6 +62,7 @@ std::size_t utf8_length(std::string_view s, std::size_t i) {
 void check_bytes(const std::string& file, std::string_view text) {
     if (text.starts_with("\xff\xfe") || text.starts_with("\xfe\xff"))
         throw fault{"\"" + file + "\" is written in UTF-16: save it as UTF-8 (iconv -f utf-16 -t utf-8)"};
+    // a NUL is valid UTF-8, but no text: it is how a binary file shows itself
     std::int64_t line = 1;
     std::size_t start = 0;
     for (std::size_t i = 0; i < text.size();) {

@@ -25,6 +25,7 @@ int fit_command(const prep_request& request) {
     const study s = prepare(request);
     const bool speak = !display.quiet && !display.json;
     if (speak) std::cout << study_summary(s);
+    // the files that prep has written are read by the program's own readers before the long part
     check_study(s);
     if (speak) std::cout << "Running the analysis ...\n" << std::flush;
     const run_outcome outcome = run_analysis(s.folder, {}, false, true);

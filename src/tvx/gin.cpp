@@ -250,10 +250,12 @@ relationship marker_table(const csv_table& t) {
     marker_sums sums(static_cast<Index>(t.rows));
     std::vector<signed char> genotype(t.rows);
     progress told("markers", t.names.size());
+    // marker by marker, as .bed files have them: one column of genotypes is held at a time
     for (std::size_t col = 1; col < t.names.size(); ++col) {
         told.at(col);
         for (std::size_t row = 0; row < t.rows; ++row) {
             const auto cell = t.at(row, col);
+            // -9, 9 and 5 are what programs of the field write for a missing genotype
             const bool one = cell.size() == 1 && cell[0] >= '0' && cell[0] <= '2';
             if (!one && !na.missing(cell) && cell != "-9" && cell != "9" && cell != "5")
                 throw fault{"\"" + t.file + "\", line " + std::to_string(t.lines[row]) + ", column \"" + t.names[col] +
@@ -289,6 +291,7 @@ relationship plink(const std::string& file) {
     tell_memory(n);
     marker_sums sums(static_cast<Index>(n));
     std::vector<signed char> genotype(n);
+    // codes 00 homozygous first, 01 missing, 10 heterozygous, 11 homozygous second (PLINK 1 .bed)
     static constexpr signed char count[] = {2, -1, 1, 0}; // of the first allele
     progress told("markers", m);
     for (std::size_t j = 0; j < m; ++j) {

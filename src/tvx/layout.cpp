@@ -117,6 +117,7 @@ bool has_animals(const draft& d, const formula_term& t) {
 
 void classes_of(draft& d, const formula_term& t, draft_effect& f) {
     if (t.columns.empty()) return;
+    // a permanent effect has a column of its own, though its codes are those of the animals: one column, one effect
     const std::string prefix = t.kind == term_kind::pe ? "pe_" : "";
     f.cls = class_column(d, t.columns, has_animals(d, t), prefix, t.file);
     f.e.column = d.classes[f.cls].name;
@@ -154,6 +155,7 @@ void take_term(draft& d, const formula_term& term, const std::vector<int>& trait
     formula_term t = term;
     if (t.kind == term_kind::residual) return take_residual(d, t);
     if (t.kind == term_kind::mean) return;
+    // rr(a,..) of animals is a genetic effect; without a pedigree its levels are independent
     if (t.plain_regression && !d.has_ped) t.kind = term_kind::random;
     if (by_pedigree(t.kind) && !d.has_ped) throw fault{"formula: " + t.text + " needs a pedigree: give it with -p"};
     draft_effect f = make_effect(d, t);
@@ -208,6 +210,7 @@ void check_regressions(draft& d) {
         if (f.e.basis.empty())
             throw fault{"formula: with rr() all random effects are regressions: write rr(" + f.e.name + ",x,1) for " +
                         f.e.term};
+        // the first regression names the control variable, the others must agree
         if (d.s.control.empty()) d.s.control = f.e.covariable;
         if (f.e.covariable != d.s.control)
             throw fault{"formula: regressions on one control variable only, not on \"" + d.s.control + "\" and \"" +
@@ -224,6 +227,7 @@ void check_kinds(draft& d) {
         sire = sire || f.e.kind == term_kind::sire || f.e.kind == term_kind::mgs;
         random += is_random(f.e) ? 1 : 0;
     }
+    // a pedigree file holds animals or sires, not both
     if (nrm && sire) throw fault{"formula: nrm() and sire() or mgs() do not go together"};
     if (random == 0)
         throw fault{"formula: no random effect: add (1|litter), nrm(animal) or another for classes of the table"};
@@ -309,6 +313,7 @@ std::string column_name(draft& d, const std::string& name, std::size_t length) {
 }
 
 void lay_out(draft& d) {
+    // one model for all traits: all of them in one line of data, with MOD EQ
     d.s.one_line = d.models.size() == 1;
     take_traits(d);
     check_kinds(d);

@@ -71,6 +71,7 @@ double boot_p(const run_results& small, const run_results& large, const lr_test&
         run_results a, b;
         a.folder = folder + "/small" + std::to_string(i);
         b.folder = folder + "/large" + std::to_string(i);
+        // runs that failed or did not arrive leave the sample: the user is told how many are used
         if (!std::filesystem::exists(a.folder + "/done") || !std::filesystem::exists(b.folder + "/done")) continue;
         a.estimates = read_json_file(a.folder + "/Results.json");
         b.estimates = read_json_file(b.folder + "/Results.json");
@@ -78,6 +79,7 @@ double boot_p(const run_results& small, const run_results& large, const lr_test&
         const double x =
             2.0 * (number(b.estimates["likelihood"]["log_l"]) - number(a.estimates["likelihood"]["log_l"]));
         ++used;
+        // equal up to the digits of a log L counts as beyond
         if (x >= t.statistic - 1e-6) ++beyond;
     }
     // the observed set counts as one of those under the smaller model
@@ -103,8 +105,10 @@ int lrt(const lrt_choice& c) {
     if (!c.drop.empty() && judge(large).status != 0)
         throw fault{"the models cannot be compared: " + large.folder + " is not at a maximum", not_at_maximum};
     const run_results small = read_run(c.drop.empty() ? c.small : run_without(large, c.drop));
+    // stops where the models are not nested, or the data differ
     const lr_test t = compare_runs(small, large);
     int used = 0;
+    // the mixture of chi-squares is asymptotic; simulation is not
     const double exact = c.boot > 0 ? boot_p(small, large, t, c, used) : -1.0;
     if (display.json) {
         json d = {{"statistic", t.statistic},

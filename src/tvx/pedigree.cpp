@@ -250,6 +250,7 @@ void check_births(const pedigree& p, const na_texts& na, findings& found) {
         if (known[i] == 0) odd.push_back("line " + std::to_string(p.line[i]) + ": " + shown(p.birth[i]));
     }
     for (std::size_t i = 0; i < p.ids.size(); ++i)
+        // dates compare as (year, month, day), missing parts as 0: equal births are no fault
         for (const int k : {p.sire[i], p.dam[i]})
             if (k >= 0 && known[i] != 0 && known[k] != 0 && key[k] > key[i])
                 late.push_back("parent " + id_and_line(p, k) + ", " + std::string(p.birth[k]) + ", of " +

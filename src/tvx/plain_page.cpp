@@ -45,6 +45,7 @@ void add_row(std::string_view row, std::string& text) {
 
 std::string plain_page(std::string_view page) {
     std::string text;
+    // tables become lists, blocks are set in, remarks of the page's writers go; everything else stays as it is
     bool block = false, comment = false;
     while (!page.empty()) {
         const auto line = page.substr(0, page.find('\n'));

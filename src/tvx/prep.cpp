@@ -75,6 +75,7 @@ void check_folder(const prep_request& r, const study& s) {
     if (!fs::exists(s.folder, ec)) return;
     if (!fs::is_directory(s.folder, ec)) throw fault{"\"" + s.folder + "\" is a file: give another name with -o"};
     const bool empty = fs::is_empty(s.folder, ec);
+    // an empty folder may have been made for the study
     if (r.force || empty) return;
     throw fault{"folder \"" + s.folder +
                 "\" is there already: --force replaces the study in it, -o gives another name"};
@@ -118,6 +119,7 @@ void write_folder(draft& d, const std::vector<start_block>& blocks) {
     try {
         make_folder(part);
         write_analysis(d, blocks);
+        // up to here the folder is as it was
         const stops_held whole; // no half of a study
         if (fs::exists(folder, ec)) {
             replace_study(part, folder);
@@ -212,6 +214,7 @@ study prepare(const prep_request& request) {
         d.s.remarks.push_back("the pedigree is not used: no term of the formula is nrm(), sire() or mgs()");
     finish_classes(d);
     told.note("starting values");
+    // from the data, then what the user has given in their place
     auto blocks = starting_values(d);
     take_given_values(d, blocks);
     told.note("writing the study");

@@ -54,6 +54,7 @@ rank_fit fit_of(const std::string& folder, int rank) {
     // REML: records less the rank of the fixed part
     const double free =
         number(r.estimates["likelihood"]["records"]) - number(r.estimates["likelihood"]["rank_of_fixed_part"]);
+    // of the smaller-is-better kind: -2 log L with 2 or log(n - rank X) a parameter
     f.aic = -2.0 * f.log_l + 2.0 * f.parameters;
     f.bic = -2.0 * f.log_l + f.parameters * std::log(free);
     f.verdict = judge(r).verdict;
@@ -62,12 +63,14 @@ rank_fit fit_of(const std::string& folder, int rank) {
 
 std::string ranks_page(const std::string& title, const std::vector<rank_fit>& fits) {
     json d = {{"title", title}, {"formula", ""}, {"made", ""}, {"search", ""}, {"born", ""}, {"traits", 1}};
+    // the page of a report, with nothing in it but the ranks
     for (const char* list : {"facts", "components", "curves", "effects", "eigen", "residuals", "iterates", "notes"})
         d[list] = json::array();
     d["random_regression"] = false;
     d["ranks"] = json::array();
     const rank_fit* best = nullptr;
     for (const auto& f : fits) {
+        // there is at least one fit: run_jobs stops where no job came to its end
         if (!best || f.bic < best->bic) best = &f;
         d["ranks"].push_back({{"rank", f.rank},
                               {"parameters", f.parameters},
@@ -95,6 +98,8 @@ void write_job(const std::string& par_file, const std::string& par_text, const s
     for (const auto& input : files_of_analysis(par_file)) {
         const std::string text = read_text((source / input).string());
         if (input == std::filesystem::path(par_file).filename() || same_text(folder + "/" + input, text)) continue;
+        // the mark of a finished fit goes before the first file that is not the fit's
+        job_is_new(folder);
         write_text(folder + "/" + input, text);
         changed = true;
     }
@@ -110,6 +115,7 @@ int rank_fits(const rank_choice& c) {
     const parfile_text par(read_text(file));
     const auto blocks = par.random_blocks();
     if (blocks.empty()) throw fault{"no random effect in \"" + file + "\""};
+    // one block at a time: the others keep the rank that the file gives them
     const std::string block = c.block.empty() ? blocks.front() : c.block;
     const auto [from, to] = range_of(c.ranks);
     const std::string folder = source + "/rank";

@@ -99,11 +99,13 @@ level_values values_of(const json& block, const json& part, std::size_t level) {
         u.push_back(number(part["solutions"][level * components + k]));
         e.push_back(errors ? number(part["se"][level * components + k]) : none);
     }
+    // without a factor the components are the rows themselves
     if (!block.contains("factor")) return {u, e};
     for (std::size_t i = 0; i < rows; ++i) {
         double sum = 0.0;
         for (std::size_t k = 0; k < components; ++k) sum += number(block["factor"][i][k]) * u[k];
         v.solution.push_back(sum);
+        // one component: its error times the loading
         v.se.push_back(components == 1 ? std::fabs(number(block["factor"][i][0])) * e[0] : none);
     }
     return v;
@@ -164,6 +166,7 @@ std::vector<prediction_list> predictions_of(const run_results& r) {
                 }
                 p.solution = v.solution[i] * unit;
                 p.se = v.se[i] * unit;
+                // both in the units of the analysis: the ratio has none
                 const auto at = static_cast<int>(i + 1);
                 p.accuracy = accuracy(v.se[i], all.value(all.element(block, 1, at, at)), p.inbreeding);
             }
@@ -195,6 +198,7 @@ std::vector<std::vector<std::int64_t>> lines_by_trait(const run_results& r, std:
     std::istringstream in(read_text(r.folder + "/" + r.estimates["run"]["data_file"].get<std::string>()));
     std::size_t k = 0;
     for (std::string line; std::getline(in, line);) {
+        // lines of the data file and of lines.tsv go together, one for one
         if (line.empty() || line[0] == '#' || k >= s.lines.size()) continue;
         std::istringstream fields(line);
         std::vector<std::string> f{std::istream_iterator<std::string>(fields), {}};
@@ -226,6 +230,7 @@ std::vector<residual_record> residuals_of(const run_results& r) {
     }
     std::vector<std::vector<std::int64_t>> lines;
     if (r.made_by) lines = lines_by_trait(r, r.estimates["traits"].size());
+    // next[t]: how many records of trait t have been met
     std::vector<std::size_t> next(r.estimates["traits"].size() + 1);
     for (auto& p : list) {
         const auto t = static_cast<std::size_t>(p.trait);

@@ -81,6 +81,7 @@ int year_of(const std::string& birth) {
     return 0;
 }
 
+// Means of solutions by year of birth: the genetic trend.
 json trend_of(const prediction_list& p) {
     std::map<int, std::pair<double, int>> years;
     for (const auto& l : p.levels)

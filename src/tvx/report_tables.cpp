@@ -135,6 +135,7 @@ void write_tables(const run_results& r, const std::vector<prediction_list>& pred
 }
 
 std::string text_summary(const run_results& r) {
+    // figures that are not finite (errors of what is at the border) are left blank
     const judgement j = judge(r);
     std::string text;
     char line[200];

@@ -208,6 +208,7 @@ std::string row_words(const run_results& r, int block, int row) {
     const json& x = b["rows"][row - 1];
     const int trait = x["trait"], coefficient = x["coefficient"];
     const std::string effect = block == 0 ? "residual" : effect_name(r, x["effect"], trait);
+    // coefficients of a regression count from 1; 0: rows are traits
     if (coefficient > 0) return effect + ", coefficient " + std::to_string(coefficient);
     return effect + ", " + trait_name(r, trait);
 }
@@ -240,6 +241,7 @@ judgement judge(const run_results& r) {
         if (j.details.empty() && end.contains("verdict"))
             for (const auto& w : end["verdict"][list]) j.details.push_back(w);
     };
+    // in this order: an information matrix away from a maximum says nothing of flatness or borders
     if (short_of) {
         j.verdict = "not arrived";
         const std::string rise = promised < 1e4 ? "by about " + shown(promised, 2) : "far"; // or there is no figure

@@ -25,6 +25,7 @@ struct attempt {
     std::vector<std::string> options;
     const char* what;
 };
+// EM cannot lower log L and does not leave the parameter space: slow, but sure where Newton steps fail.
 const attempt further[] = {
     {{"-c", "--pxai20"}, "20 rounds of PX-EM from the best point, then average information"},
     {{"-c", "--emai60"}, "60 rounds of EM, then average information"},
@@ -72,6 +73,7 @@ void copy_inputs(const run_place& p) {
     if (p.made_by) copy_study(*p.made_by, p.folder + "/study");
 }
 
+// run.json: what was done in the folder, written anew after each step, so that a run that is cut off can go on.
 class run_log {
 public:
     explicit run_log(const run_place& p) : file_(p.folder + "/run.json") {
@@ -188,10 +190,12 @@ run_outcome run_analysis(const std::string& place, const std::vector<std::string
     p.sum = sum_of_analysis(p.file, summed);
     choose_folder(p, again);
     run_outcome outcome{p.folder, finished(p.folder), {}};
+    // the same inputs give the same results: nothing is computed twice
     if (outcome.known) {
         outcome.verdict = judge(read_run(p.folder));
         return outcome;
     }
+    // faults end here, before a folder is made
     if (!checked) check_inputs(p);
     try {
         copy_inputs(p);
@@ -199,6 +203,7 @@ run_outcome run_analysis(const std::string& place, const std::vector<std::string
         outcome.verdict = search(p, log);
         program_run run;
         // solutions with error variances at the estimates
+        // the search has no inverse at its end, which accuracies need
         if (!one_run(p, {"-c", "--blup"}, "blup.json", log, run))
             outcome.verdict.details.push_back("no accuracies: the program refused the solutions at these estimates; " +
                                               p.folder + "/" + log_name + " says why");
@@ -234,6 +239,7 @@ int run_command(const run_choice& c) {
         if (o.known) std::printf("The same inputs have been run before: nothing was computed anew.\n");
         std::printf("%s\nRun: %s\n", text_summary(r).c_str(), o.folder.c_str());
         for (const auto& d : o.verdict.details)
+            // details that the verdict in the table does not have yet
             if (text_summary(r).find(d) == std::string::npos) std::printf("  %s\n", d.c_str());
     }
     return o.verdict.status;

@@ -69,6 +69,7 @@ void run_pairs(const study& s, const std::string& folder, std::vector<trait_pair
 
 std::vector<start_row> rows_of(const study& s, const std::string& block) {
     std::vector<start_row> rows;
+    // rows as the VAR block has them: effect after effect, in each the traits that it is fitted for
     const auto row = [&](const std::string& effect, int q) {
         if (const study_trait* t = find_trait(s, q)) rows.push_back({effect, t->name, 0, std::pow(10.0, t->power)});
     };
@@ -92,11 +93,13 @@ std::string write_joint(const study& s, const known_covariances& known) {
     for (const auto& block : blocks) {
         const auto rows = rows_of(s, block);
         std::vector<double> values = par.values(block);
+        // values are put in by place: a block that was edited by hand has other places
         if (values.size() != elements(rows.size()))
             throw fault{"block \"" + block + "\" of \"" + file + "\" is not as tvx prep wrote it"};
         take_known(known, rows, values);
         par.set_values(block, values);
     }
+    // another file beside the study's own: the names of the data stay good, and nothing of the user's is written over
     const std::string joint = s.folder + "/" + s.name.substr(0, 15) + "_joint.par";
     write_text(joint, par.text());
     return joint;
@@ -175,6 +178,7 @@ int scan(const scan_choice& c) {
         for (const auto& text : short_of) std::printf("No maximum for %s\n", text.c_str());
         std::printf("Table: %s/pairs.tsv\nAll traits from here: tvx run %s\n", folder.c_str(), joint.c_str());
     }
+    // pairs without a maximum leave the values that the study began with
     return short_of.empty() ? fine : not_at_maximum;
 }
 

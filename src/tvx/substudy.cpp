@@ -95,6 +95,7 @@ std::string part_data(const part& p, study& s) {
     std::size_t at = 0;
     for (std::string line; std::getline(in, line); ++at) {
         auto f = words_of(line);
+        // a file changed by hand has lost its tie to the lines of the table
         if (f.size() != p.from.columns.size() || at >= p.from.lines.size())
             throw fault{"\"" + p.from.name + ".dat\" is not as tvx prep wrote it, at line " + std::to_string(at + 1)};
         f = kept_fields(p, std::move(f));
@@ -139,6 +140,7 @@ std::string trait_line(const part& p, const std::string& line) {
 
 // Columns of the data block: one line a column, or groups of traits with the columns they share.
 std::vector<std::string> data_block(const part& p, const std::vector<std::string>& lines) {
+    // a group is written when the next one begins, if any of its traits is left
     std::vector<std::string> out, group;
     std::vector<int> traits;
     const auto end_group = [&] {
@@ -254,6 +256,7 @@ std::string part_parameters(const part& p, const study& s, const std::string& te
         const std::string key = key_of(lines[i]);
         const auto w = words_of(lines[i]);
         if (key == "STA") throw fault{"starting values in a file of their own (STA): put them behind the VAR lines"};
+        // its numbers are those of the covariances of all traits
         if (key == "SE+") {
             block_lines(lines, i);
         } else if (key == "ANA") {
@@ -273,6 +276,7 @@ std::string part_parameters(const part& p, const study& s, const std::string& te
             out.push_back("END");
         } else if (starts_var(lines[i])) {
             line_list block{lines[i]};
+            // a VAR block has no END: it ends where something else begins
             for (; i + 1 < lines.size() && !lines[i + 1].starts_with("#") && key_of(lines[i + 1]) != "SE+" &&
                    key_of(lines[i + 1]) != "END" && !starts_var(lines[i + 1]);
                  ++i)
@@ -312,6 +316,8 @@ void write_part(const study& from, const std::vector<int>& numbers, const std::s
     bool changed = false;
     const auto put = [&](const std::string& name, const std::string& text) {
         if (same_file(folder + "/" + name, text)) return;
+        // the mark of a finished job goes before the first file that is not the job's
+        job_is_new(folder);
         write_text(folder + "/" + name, text);
         changed = true;
     };
@@ -321,7 +327,9 @@ void write_part(const study& from, const std::vector<int>& numbers, const std::s
         put(name == from.name + ".ped" ? "analysis.ped" : name, read_text(from.folder + "/" + name));
     }
     const std::string text = part_parameters(p, s, read_text(par_file));
+    // a finished job of the same files stands: new times of files would make it run again
     if (!changed && same_file(folder + "/analysis.par", text) && same_study(folder, s)) return;
+    // the parameter file comes last: a part that was cut short is not taken for a complete one
     job_is_new(folder);
     write_study(s);
     write_text(folder + "/analysis.par", text);
