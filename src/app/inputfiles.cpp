@@ -29,10 +29,11 @@ using name_list = std::vector<std::string>;
 name_list inputs() {
     const auto& f = filenames;
     name_list list{f.parfile, f.runopfile};
+    // a report of the stored best point reads no data
     if (!options.bestonly) list.push_back(f.datfile);
     if (options.pedigrees) list.push_back(f.pedfile);
     if (options.start_vals) list.push_back(f.stvalfile);
-    if (model.me_type == residual_classes::ind) list.push_back(f.me_varfile);
+    if (model.me_type == residual_kind::ind) list.push_back(f.me_varfile);
     for (int iq = 1; iq <= numbers.nq; ++iq)
         for (int i = 1; i <= model.nrnd(iq); ++i)
             if (model.rnd_opt(i, iq) == covariance_kind::gin)
@@ -52,11 +53,13 @@ name_list reports() {
         name_list list;
         for (int i = 1; i <= simulation.nrepsim && i <= 999; ++i) {
             const std::string digits = std::to_string(i);
+            // as simulate_data names them
             list.push_back("SimData" + std::string(3 - digits.size(), '0') + digits + ".dat");
         }
         return list;
     }
     name_list list{f.summodfile};
+    // from here on by the stages of a run: set-up, solutions, estimates
     if (options.setup_only) return list;
     for (const auto* name : {&f.fixsolfile, &f.residsfile}) list.push_back(*name);
     for (auto& name : curve_files()) list.push_back(name);

@@ -385,6 +385,7 @@ void read_runoptions(text_out& trace) {
         if (options.devtrace) write(trace, "(3a,t30)", "Read from \"", filenames.runopfile, "\" : ", arg);
         // a last argument without a dash is the parameter file's name
         get_option(arg, true);
+        // limits are shown and the run ends: what follows is not looked at
         if (options.limits) return;
     }
     if (file.bad()) stop_with("Cannot read file \"" + filenames.runopfile + "\"");
@@ -403,6 +404,7 @@ void read_command_line(int argc, const char* const* argv, text_out& trace) {
             if (number || (i + 2 < argc && !next.starts_with('-'))) arg += " " + left_adjusted(argv[++i]);
         }
         if (options.devtrace) write(trace, "(a,t30,a)", "Read from command line : ", arg);
+        // options of the file come first, so that the command line wins
         get_option(arg, i == argc - 1);
         if (options.limits) return;
     }

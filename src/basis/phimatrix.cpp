@@ -247,8 +247,8 @@ void mm2ages() {
     const control_list& codes = control_codes(kcontrol);
     allocate("all me_run", model.me_run, codes.size());
     model.me_run.fill(1);
-    if (model.me_type == residual_classes::het) classes_of_intervals(codes);
-    if (model.me_type == residual_classes::ind) classes_of_file(codes);
+    if (model.me_type == residual_kind::het) classes_of_intervals(codes);
+    if (model.me_type == residual_kind::ind) classes_of_file(codes);
     phimatrix();
 }
 

@@ -111,6 +111,7 @@ void open_stream(data_reader& reader) {
         print_list(screen(), "***** ERROR : cannot find data file *****");
         stoptarvex();
     }
+    // a second pass begins anew: flags of the first one's end go too
     reader.in.close();
     reader.in.clear();
     reader.in.open(name, std::ios::in | std::ios::binary);

@@ -112,6 +112,7 @@ void write_informed(text_out& out, const ped_view& v, int kfit) {
 }
 
 void write_parentage(text_out& out, const ped_view& v) {
+    // place 0 takes the unknown parents and is not looked at
     std::vector<char> parent(v.nan + 1);
     for (int i = 1; i <= v.nan; ++i) parent[v.sire[i - 1]] = parent[v.dam[i - 1]] = 1;
     const auto offspring = [&](int i) { return parent[i] != 0; };

@@ -274,6 +274,7 @@ void recode(recoder& r) {
     int icombi = 0;
     combination_no(icombi, numbers.nq, r.mark);
     write_head(r, icombi);
+    // tables go as they lie in memory, of width mcov, mrow or krand: the reader has the same widths
     if (r.mcov > 0) {
         r.heads.record(r.xcov.prefix(static_cast<std::ptrdiff_t>(r.mcov) * r.nobs));
         r.heads.record(r.icov.prefix(static_cast<std::ptrdiff_t>(r.mcov) * r.nobs));
@@ -291,6 +292,7 @@ void write_fault(const std::string& name) { stop_with("Error writing file \"" + 
 void recode_data(const equation_starts& starts) {
     recoder r(starts);
     allocate_recoder(r);
+    // subjects and patterns are counted anew, here and by combination_no
     combinations.neqns = starts.neqns;
     combinations.ncov = 0;
     numbers.nsubject = numbers.maxnreq = 0;
@@ -303,6 +305,7 @@ void recode_data(const equation_starts& starts) {
     int iq = 0;
     bool begins = false;
     open_subjects(pass);
+    // a subject is written when the next one begins, so the last one is written behind the loop
     while (next_record(pass, dvec, iq, begins)) {
         if (begins && r.nobs > 0) recode(r);
         gather2(r, dvec, iq);

@@ -450,6 +450,7 @@ void eqnorders() {
     trial_state t;
     t.automatic = orders.order_type == 0;
     t.preselected = choose_method();
+    // an order of an earlier run serves if it was made from the same links (orders.links)
     if (find_old(t)) {
         take_old(t);
         count_and_tell(t.kkops);

@@ -91,6 +91,7 @@ void take_order(const node_order& order) {
 void find_order(int& nofsub) {
     const int n = numbers.nbase;
     nofsub = 0;
+    // negative: its settings are tried (-3); METIS is what has no case of its own
     switch (std::abs(orders.order_type)) {
     case 1:
         order_mmd(n, nofsub);

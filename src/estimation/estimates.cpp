@@ -143,6 +143,7 @@ void cycle_of_em_and_ai(int& iround, double& xlike) {
         search_state.method.pxem = false;
         ai_phase(iround, xlike);
     };
+    // a search by AI that is stuck gets rounds of EM from the best point, which cannot lose
     m.rescue = [&](int rounds, double gain) {
         em_from_best_point();
         em_algorithm(rounds, iround, xlike, gain);
@@ -150,6 +151,7 @@ void cycle_of_em_and_ai(int& iround, double& xlike) {
     m.next_cycle = [&] {
         search_state.method.pxem = pxem;
         em_from_best_point();
+        // the residual inverse at the point that EM begins with
         int ifail = 0;
         rinverse(estimates.parvec, ifail);
     };

@@ -91,6 +91,7 @@ void print_iterate(int iround, double xlike, double xold, std::string_view note)
     iterate_log.records.push_back(
         {label.substr(3, 2), iround, xlike, dd, t.dnorm, t.pnorm, t.prox, t.alpha, t.tau, seconds, likelihoods.ncall});
 
+    // the form is edited in its places: widths stay, digits behind the point move with the size of the value
     char form[] = "(a2,i5,f14.3,f10.0,f9.0,f11.2,f9.0,f8.4,i7,i5,g12.5,i2)";
     edit_iterate_form(form, {dd, t.dnorm, t.pnorm, t.prox, likelihoods.ncall});
     text_out out;

@@ -137,8 +137,7 @@ void gather_matrices(judged_point& p) {
             factor_parameters(irand, scale, p);
             continue;
         }
-        for (int step = 1; step <= steps_of(irand); ++step)
-            p.blocks.push_back(covariance_block(irand, step, scale));
+        for (int step = 1; step <= steps_of(irand); ++step) p.blocks.push_back(covariance_block(irand, step, scale));
     }
 }
 
@@ -220,6 +219,7 @@ void write_verdict(text_out& out) {
     write(out, word_line, "The last point is", titles[static_cast<int>(v.kind)]);
     if (!iterate_log.ended.empty()) write(out, word_line, "The search ended by", iterate_log.ended);
     write(out, value, "Gain in log L promised", v.promised);
+    // promised is g' H^-1 g / 2
     write(out, value, "Newton decrement", 2.0 * v.promised);
     write(out, value, "Norm of scaled gradient", v.gradient_norm);
     write(out, value, "Least eigenvalue of AI", v.least);

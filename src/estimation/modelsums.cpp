@@ -25,6 +25,7 @@ digest analysis_sum() {
 
 digest traits_sum() {
     digest_maker sum;
+    // names, not columns: the same traits in another file are the same traits
     sum.add(numbers.nq);
     for (int iq = 1; iq <= numbers.nq; ++iq) sum.add(model.trait(iq));
     return sum.value();
@@ -33,6 +34,7 @@ digest traits_sum() {
 digest effects_sum() {
     digest_maker sum;
     const auto list = [&](const array<std::string, 2>& names, int n, int iq) {
+        // the length first: names of neighbouring lists must not run together
         sum.add(n);
         for (int i = 1; i <= n; ++i) sum.add(names(i, iq));
     };

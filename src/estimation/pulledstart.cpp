@@ -97,7 +97,7 @@ double value_here() {
 } // namespace
 
 void pull_start() {
-    if (options.continew || model.me_type == residual_classes::fun) return;
+    if (options.continew || model.me_type == residual_kind::fun) return;
     const auto shares = variance_shares();
     std::vector<double> sums;
     if (!any_far(shares, sums)) return;

@@ -14,9 +14,7 @@
 
 namespace tarvex {
 
-namespace {
-
-} // namespace
+namespace {} // namespace
 
 void set_units_from_covariances() {
     means.unit.allocate(numbers.nq);

@@ -219,7 +219,7 @@ void rinv_muv(array<double>& parvec, int& ifail) {
 
 // Every class must have a positive definite matrix; what the records of a subject make of it is found out with them.
 void rinv_ranreg(array<double>& parvec, int& ifail) {
-    if (model.me_type == residual_classes::fun) stop("FUN not yet");
+    if (model.me_type == residual_kind::fun) stop("FUN not yet");
     if (residualvars.peqsum) tvx_notyet();
     residual_matrices(parvec, ifail);
     if (ifail) return;

@@ -37,7 +37,7 @@ constexpr double pivot_floor = 0.0005;     // pivot of its factor when it is sma
 int triangle(int n) { return n * (n + 1) / 2; }
 
 // A variance function of the control variable stands for the residual: no covariances of its own.
-bool empty_block(int irand) { return irand == 0 && model.rr_resteps > 1 && model.me_type == residual_classes::fun; }
+bool empty_block(int irand) { return irand == 0 && model.rr_resteps > 1 && model.me_type == residual_kind::fun; }
 
 // Parameters of one step of a block.
 int step_size(int irand) {

@@ -19,9 +19,9 @@ template <class kind> kind place_of(std::string_view word, const std::array<cons
 } // namespace
 
 const char* name_of(covariance_kind kind) { return structures[static_cast<std::size_t>(kind)]; }
-const char* name_of(residual_classes kind) { return classes[static_cast<std::size_t>(kind)]; }
+const char* name_of(residual_kind kind) { return classes[static_cast<std::size_t>(kind)]; }
 
 covariance_kind kind_named(std::string_view word) { return place_of<covariance_kind>(word, structures); }
-residual_classes residual_named(std::string_view word) { return place_of<residual_classes>(word, classes); }
+residual_kind residual_named(std::string_view word) { return place_of<residual_kind>(word, classes); }
 
 } // namespace tarvex

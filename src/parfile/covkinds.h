@@ -16,11 +16,11 @@ inline std::string list_item(covariance_kind kind) { return name_of(kind); }
 
 // Residual variances along the control variable: one, by intervals of it, by classes of its values in a file, by a
 // function. None but in random regression analyses.
-enum class residual_classes { none, hom, het, ind, fun };
+enum class residual_kind { none, hom, het, ind, fun };
 
 // Word of the parameter file: HOM, HET, IND, FUN; empty for none.
-const char* name_of(residual_classes kind);
+const char* name_of(residual_kind kind);
 // Kind of a word; none for any other.
-residual_classes residual_named(std::string_view word);
+residual_kind residual_named(std::string_view word);
 
 } // namespace tarvex

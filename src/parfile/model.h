@@ -48,7 +48,7 @@ struct model_module {
     // triangle after the other.
     array<double, 2, 0> cov; // (maxij,0:krand)
     int rr_resteps = 1;      // classes of residual variances
-    residual_classes me_type = residual_classes::none;
+    residual_kind me_type = residual_kind::none;
     array<int, 2> me_range; // (2,rr_resteps) bounds of the classes of HET, both included
     std::string me_control; // control variable that selects the class; blank: the only (first) one
     array<int> me_run;      // (levels of the control variable) residual class of each running number

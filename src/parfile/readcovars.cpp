@@ -121,7 +121,7 @@ int class_count(par_lines& p, const char* missing) {
     return n;
 }
 
-bool is_qualifier(const std::string& t) { return residual_named(upper3(t)) != residual_classes::none; }
+bool is_qualifier(const std::string& t) { return residual_named(upper3(t)) != residual_kind::none; }
 
 // Structure of the residual variances in a random regression analysis.
 void read_qualifier(par_state& s) {
@@ -134,24 +134,24 @@ void read_qualifier(par_state& s) {
     model.rr_resteps = 1;
     model.me_control.clear();
     switch (model.me_type) {
-    case residual_classes::hom:
+    case residual_kind::hom:
         model.me_control = optional_token(p, name_length);
         break;
-    case residual_classes::het:
+    case residual_kind::het:
         model.rr_resteps = class_count(p, "No. of classes in step function is missing");
         model.me_control = optional_token(p, name_length);
         allocate("alloc me_range", model.me_range, 2, model.rr_resteps);
         break;
-    case residual_classes::ind:
+    case residual_kind::ind:
         model.rr_resteps = class_count(p, "No. of different ME variances is missing");
         if (const std::string name = optional_token(p, file_length); !name.empty()) filenames.me_varfile = name;
         if (options.verbose)
             print_list(screen(), "Expect to read codes for ME variances from file \"", filenames.me_varfile, "\"");
         break;
-    case residual_classes::fun:
+    case residual_kind::fun:
         if (numbers.nq > 1) rdpar_err(p, "Variance function for residuals only for univariate analyses");
         tvx_notyet();
-    case residual_classes::none:
+    case residual_kind::none:
         rdpar_err(p, "Error variance structure option not recognised ");
     }
 }
@@ -177,9 +177,9 @@ void read_residual(par_state& s, const std::string& name) {
     model.krfit(0) = model.kkfit(0);
     const int n = model.kkfit(0) * (model.kkfit(0) + 1) / 2;
     new_line(s);
-    if (model.me_type == residual_classes::het && options.randreg)
+    if (model.me_type == residual_kind::het && options.randreg)
         read_steps(s, n);
-    else if (model.me_type == residual_classes::ind && options.randreg)
+    else if (model.me_type == residual_kind::ind && options.randreg)
         read_individual_vars(s, n);
     else
         read_values(s, 0, n);

@@ -105,6 +105,7 @@ void add_function(par_lines& p) {
     if (code != "SUM" && code != "VRA" && code != "COR") rdpar_err(p, "Invalid add. SE code found !");
     if (!next_var(p)) rdpar_err(p, "Name of function is missing !");
     const std::string name = token(p, covname_length);
+    // whether the numbers exist is not known before the covariances are (check_usrdefcovs)
     if (code == "SUM")
         add_sum(p, name);
     else

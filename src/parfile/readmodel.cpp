@@ -109,6 +109,7 @@ void read_random(par_state& s) {
         check_rrname(p, t);
     else if (t.find('(') != std::string::npos)
         rdpar_err(p, "\"(\" in name only allowed with RR analyses");
+    // where no word follows the line is left at the effect: line_traits goes on from there
     const covariance_kind opt = read_covoption(p);
     if (opt == covariance_kind::nrm) s.nrm_set = true;
     for (int iq : line_traits(p)) {
@@ -152,6 +153,7 @@ void read_position(par_state& s) {
     list_reader numbers_of(std::string_view(p.pline).substr(p.i1 - 1));
     const bool good = more && numbers_of.next(ii) == list_read::value && numbers_of.next(iq) == list_read::value;
     if (!good) rdpar_err(p, "Something wrong parsing line !");
+    // set for each trait; the lines themselves are not rearranged
     datafile.trno_pos[check_trait(p, iq)] = ii;
     if (ii != 1) tvx_notyet();
 }
@@ -246,13 +248,14 @@ constexpr model_line model_lines[] = {
 void clear_model(par_state& s) {
     auto& m = model;
     for (auto* a : {&m.nfix, &m.ncov, &m.nrnd, &m.nextra, &m.nmeta, &m.fitmean}) a->fill(0);
+    // a second MOD block replaces the first
     m.trait.fill("");
     m.subject_line = false;
     m.subject.clear();
     m.rrcontrol.clear();
     m.nrrc = 0;
     m.rr_resteps = 1;
-    m.me_type = residual_classes::none;
+    m.me_type = residual_kind::none;
     m.me_control.clear();
     std::fill(std::begin(datafile.trno_pos), std::end(datafile.trno_pos), -1);
     std::fill(std::begin(datafile.iq_newno), std::end(datafile.iq_newno), -1);

@@ -47,6 +47,7 @@ std::string file_token(par_lines& p) {
 }
 
 void read_comment(par_state& s) {
+    // behind the key word
     model.commentline = trim(std::string_view(s.lines.pline).substr(3));
     options.comment = true;
 }
@@ -121,8 +122,10 @@ void read_analysis(par_state& s) {
     numbers.nq = 1;
     // "UNI" has one trait and knows no PC
     if (model.anal_type != 1) read_traitcount(p, several);
+    // one trait needs no trait number in the data; several may say EQ behind MOD
     options.equal_model = model.anal_type == 1;
     allocate_traits(s);
+    // refused only now: faults of the line itself are told before
     if (model.anal_type == 4) tvx_notyet();
     s.analysis_set = true;
     if (!options.verbose) return;
@@ -165,6 +168,7 @@ void check_complete(const par_state& s) {
             print_list(screen(), part.text);
             missing = true;
         }
+    // all that is missing is told at once; a model without relationships may be meant so
     if (!s.nrm_set) print_list(screen(), "No effects with NRM covariance matrix specified !");
     if (missing) rdpar_err(s.lines, "Missing essential information !!!");
     if (numbers.krand == 0) rdpar_err(s.lines, "No covariance components given !");

@@ -97,7 +97,7 @@ json classes_of_residual() {
     if (!options.randreg) return nullptr;
     json part = {{"type", name_of(model.me_type)}, {"classes", model.rr_resteps}};
     auto ranges = json::array();
-    if (model.me_type == residual_classes::het)
+    if (model.me_type == residual_kind::het)
         for (int s = 1; s <= model.rr_resteps; ++s) ranges.push_back({model.me_range(1, s), model.me_range(2, s)});
     part["ranges"] = ranges;
     // classes by value of the control variable, if the data have been scanned

@@ -66,7 +66,7 @@ void note_inputs() {
     note("data", filenames.datfile);
     note("pedigree", filenames.pedfile);
     note("starting values", filenames.stvalfile);
-    if (model.me_type == residual_classes::ind) note("residual classes", filenames.me_varfile);
+    if (model.me_type == residual_kind::ind) note("residual classes", filenames.me_varfile);
     if (options.continew) note("best point", filenames.bestfile);
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (mudmap.kovrnd(irand) != covariance_kind::gin) continue;

@@ -149,7 +149,7 @@ void write_residual_steps(text_out& out, const std::vector<double>& cov) {
     print_list(out, "No. of measurement error variance classes =", model.rr_resteps);
     // values of all classes first, errors of all classes in a list behind them
     for (int step = 1; step <= model.rr_resteps; ++step) {
-        if (model.me_type == residual_classes::het)
+        if (model.me_type == residual_kind::het)
             write(out, range, "Class no.", step, "Range", model.me_range(1, step), model.me_range(2, step));
         else
             write(out, plain, "Class no.", step);

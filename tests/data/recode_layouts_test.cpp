@@ -105,7 +105,7 @@ TEST_F(layouts_test, traits_share_the_levels_of_a_control_variable_form_e) {
             "2 1 4 1.5\n1 1 4 2.5\n1 1 2 3.5\n2 2 7 4.5\n", 2);
     // Several traits with random regressions: a mean for each (POL, order 1).
     options.randreg = true;
-    model.me_type = residual_classes::hom;
+    model.me_type = residual_kind::hom;
     model.nrrc = 1;
     model.rrcontrol = {"age"};
     for (int iq = 1; iq <= 2; ++iq) {

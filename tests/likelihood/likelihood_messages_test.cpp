@@ -65,7 +65,7 @@ TEST_F(likelihood_messages_test, variance_functions_of_the_residual_are_not_ther
     m.random = {{"animal", "NRM", 2, 0, {2.0, 0.3, 1.0}}};
     m.residual = {1.2};
     set_up(m);
-    model.me_type = residual_classes::fun;
+    model.me_type = residual_kind::fun;
     int ifail = 0;
     EXPECT_STOP(rinverse(estimates.parvec, ifail), "FUN not yet");
 }

@@ -88,7 +88,7 @@ TEST_F(variances_test, residual_by_classes_is_labelled_by_class) {
 
 TEST_F(variances_test, residual_function_leaves_an_empty_block) {
     set_up(growth(true), {"--aireml"});
-    model.me_type = residual_classes::fun;
+    model.me_type = residual_kind::fun;
     estimates = {};
     covs2parvec();
     EXPECT_EQ(estimates.nresparm, 0);

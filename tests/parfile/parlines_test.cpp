@@ -127,7 +127,7 @@ TEST_F(parlines, lists_under_verbose) {
     EXPECT_TRUE(told(" Additional covariances & parameters defined\nphenvar\nhalf\nherit\nrepeat_cow\n"));
     read(with(examples::growth, "VAR residual 1 HOM\n 12.0", "VAR residual 1 IND 2 mevars\n 12.0\n 13.0"));
     EXPECT_TRUE(told("Expect to read codes for ME variances from file \" mevars \"\n"));
-    EXPECT_EQ(model.me_type, residual_classes::ind);
+    EXPECT_EQ(model.me_type, residual_kind::ind);
     EXPECT_EQ(model.rr_resteps, 2);
     EXPECT_EQ(model.cov(2, 0), 13.0);
     EXPECT_EQ(cov_length(0), 2);

@@ -126,7 +126,7 @@ TEST_F(readparfile, random_regression) {
     EXPECT_EQ(model.random(1, 1), "animal(3,LEG)");
     EXPECT_EQ(model.nrrc, 1);
     EXPECT_EQ(model.rricontrol(1, 1), "age");
-    EXPECT_EQ(model.me_type, residual_classes::hom);
+    EXPECT_EQ(model.me_type, residual_kind::hom);
     EXPECT_EQ(model.rr_resteps, 1);
     EXPECT_EQ(model.kkfit(0), 1);
     EXPECT_EQ(model.cov(6, 1), 2.0);
@@ -135,7 +135,7 @@ TEST_F(readparfile, random_regression) {
 TEST_F(readparfile, classes_of_residual_variances) {
     const auto at = examples::growth.find("VAR residual");
     read(examples::growth.substr(0, at) + examples::growth_het);
-    EXPECT_EQ(model.me_type, residual_classes::het);
+    EXPECT_EQ(model.me_type, residual_kind::het);
     EXPECT_EQ(model.rr_resteps, 3);
     EXPECT_EQ(model.me_control, "age");
     EXPECT_EQ(model.me_range(1, 3), 21);
