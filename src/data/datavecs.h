@@ -26,7 +26,6 @@ struct subject_record {
     array<int, 2> ieqnr;   // (mrow,maxnr)
     array<double, 2> xcov; // (mcov,maxnr) regression values
     array<int, 2> icov;    // (mcov,maxnr) covariable equation (1..neq_cov), 0 none
-    array<int, 2> iraand;  // (krand,maxnr) level of the animal of each random block, with superai only
     array<int, 2> imeta;   // (nmeta,maxnr) level of each control variable
     array<int> jvec;       // (maxnreq) sorted distinct equations of the subject
 };

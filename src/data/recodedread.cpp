@@ -34,7 +34,6 @@ void setup_tables(subject_record& d) {
     allocate("alloc 52", d.xcov, d.mcov, maxnr);
     allocate("alloc 52", d.icov, d.mcov, maxnr);
     allocate("alloc 52", d.jvec, numbers.maxnreq);
-    allocate("all 52b", d.iraand, numbers.krand, options.superai ? maxnr : 0);
     allocate("all 52b", d.imeta, d.nmeta, maxnr);
 }
 
@@ -77,7 +76,6 @@ bool within(std::span<const int> values, int least, int most) {
 std::span<const int> part(const array<int, 2>& a, int rows, int n) {
     return a.prefix(static_cast<std::ptrdiff_t>(rows) * n);
 }
-int animal_rows(const subject_record& d) { return d.iraand.size() > 0 ? numbers.krand : 0; }
 
 // Levels of each control variable, traits without it aside.
 std::vector<int> control_levels(int nmeta) {
@@ -116,8 +114,7 @@ bool indices_fit(const recdata_pass& pass) {
     const auto& d = pass.record;
     return within(part(d.ieqnr, d.mrow, d.kk), 0, d.nr) && within(part(d.icov, d.mcov, d.kk), 0, combinations.ncov) &&
            within(d.jvec.prefix(d.nr), 0, pass.most) && within(d.ynq.prefix(d.nobs), 1, numbers.nq) &&
-           within(part(d.iraand, animal_rows(d), d.nobs), 0, combinations.neqns) && controls_fit(d, pass.controls) &&
-           pattern_fits(d);
+           controls_fit(d, pass.controls) && pattern_fits(d);
 }
 
 // The subject is what was written; the first pass that meets it looks at its indices too.
@@ -127,10 +124,9 @@ bool subject_fits(const recdata_pass& pass) {
     auto &heads = recoded_sums.heads, &lists = *pass.list_sums;
     // files of another run of the program: there are no sums to go by
     if (k >= heads.size() || k >= lists.size()) return indices_fit(pass);
-    const std::uint64_t head =
-        head_sum({d.icombi, d.nobs, d.yvec.prefix(d.nobs), d.xcov.prefix(std::ptrdiff_t{d.mcov} * d.kk),
-                  d.ynq.prefix(d.nobs), part(d.imeta, d.nmeta, d.nobs), part(d.icov, d.mcov, d.kk),
-                  part(d.ieqnr, d.mrow, d.kk), part(d.iraand, animal_rows(d), d.nobs)});
+    const std::uint64_t head = head_sum(
+        {d.icombi, d.nobs, d.yvec.prefix(d.nobs), d.xcov.prefix(std::ptrdiff_t{d.mcov} * d.kk), d.ynq.prefix(d.nobs),
+         part(d.imeta, d.nmeta, d.nobs), part(d.icov, d.mcov, d.kk), part(d.ieqnr, d.mrow, d.kk)});
     const std::uint64_t list = list_sum(d.jvec.prefix(d.nr));
     if (!same_sum(heads[k], head) || !same_sum(lists[k], list)) return false;
     // bit 0: indices have been looked at; sums leave it free
@@ -178,7 +174,7 @@ bool next_subject(recdata_pass& pass) {
     bool good = get_head(in, d);
     if (good && d.mcov > 0) good = in.record(columns(d.xcov, d.mcov, d.kk)) && in.record(columns(d.icov, d.mcov, d.kk));
     good = good && in.record(columns(d.ieqnr, d.mrow, d.kk));
-    if (good && options.superai) good = in.record(columns(d.iraand, numbers.krand, d.nobs));
+    if (good && options.superai) good = in.next(); // levels of the animals, which no pass over the data needs
     good = good && get_list(pass.lists, d);
     if (!good || !subject_fits(pass)) stop_with("Error reading recoded data !");
     return true;

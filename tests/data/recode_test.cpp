@@ -203,7 +203,6 @@ TEST_F(recode_test, model_without_covariables_has_no_such_records) {
     setup_recdata(pass, filenames.recdatfil2);
     ASSERT_TRUE(next_subject(pass) && next_subject(pass));
     EXPECT_EQ(pass.record.yvec(1), y);
-    EXPECT_EQ(pass.record.iraand(1, 1), 1);
     EXPECT_EQ(row(1), (ints{1}));
     EXPECT_FALSE(next_subject(pass));
 }
