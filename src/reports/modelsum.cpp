@@ -5,6 +5,7 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "data/levels.h"
+#include "dense/numroutines.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "support/edit_form.h"
@@ -38,8 +39,7 @@ void pairs_table(text_out& out) {
     write(out, "(4x,(t20,10i7))", row);
     for (int iq = 1; iq <= nq; ++iq) {
         row.clear();
-        // element (i,iq) of the packed upper triangle
-        for (int i = 1; i <= iq; ++i) row.push_back(means.pairs(nq * (i - 1) - i * (i - 1) / 2 + iq));
+        for (int i = 1; i <= iq; ++i) row.push_back(means.pairs(ihmssf(i, iq, nq)));
         write(out, "(i4,2x,1h\",a,1h\",(t20,10i7))", iq, model.trait(iq), row);
     }
 }

@@ -3,6 +3,7 @@
 #include "control/limits.h"
 #include "control/numbers.h"
 #include "control/options.h"
+#include "dense/numroutines.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "tvx/check.h"
@@ -22,15 +23,11 @@ using tarvex::numbers;
 
 namespace {
 
-std::size_t packed(int i, int j, int n) { // i <= j, from 1; place from 0
-    return static_cast<std::size_t>((i - 1) * n - i * (i - 1) / 2 + j - 1);
-}
-
 void check_blocks(std::vector<finding>& findings) {
     for (int b = 0; b <= numbers.krand; ++b) {
         if (b > 0 && model.diagonal(b) != 0) continue;
         const int n = model.kkfit(b);
-        const auto cov = [&](int i, int j) { return model.cov(static_cast<int>(packed(i, j, n)) + 1, b); };
+        const auto cov = [&](int i, int j) { return model.cov(tarvex::ihmssf(i, j, n), b); };
         const std::string name = b == 0 ? "residual" : model.krandom(b);
         for (int i = 1; i <= n; ++i)
             for (int j = i + 1; j <= n; ++j) {
