@@ -342,10 +342,34 @@ TEST_F(driver_test, good_start_takes_one_round_and_bad_ones_up_to_eight) {
     EXPECT_TRUE(rounds == 8 || log[rounds].logl - log[rounds - 1].logl < 2.0);
 }
 
-TEST_F(driver_test, run_at_the_border_ends_normally) {
+small_model one_genetic_value() { // nearly, for both traits
     small_model m = families(2, 90);
     for (auto& r : m.rows) r.y = {r.y[0] == -999.0 ? 10.0 : r.y[0], 0.0};
-    for (auto& r : m.rows) r.y[1] = 1.5 * r.y[0] + 0.2 * ((r.animal * 37) % 11); // one genetic value for both traits
+    for (auto& r : m.rows) r.y[1] = 1.5 * r.y[0] + 0.2 * ((r.animal * 37) % 11);
+    return m;
+}
+
+// The second diagonal of the factor vanishes: another scale in mid-search, at the same point.
+TEST_F(driver_test, block_whose_diagonal_vanishes_goes_over_to_logarithms_in_the_search) {
+    set_up(one_genetic_value(), {"--aireml60", "--norecon", "-v"});
+    ASSERT_EQ(estimates.logdiagonals(1), 0);
+    get_estimates();
+    EXPECT_NE(screen_text().find(" Switch to log diagonal for RE 1"), std::string::npos);
+    EXPECT_EQ(estimates.logdiagonals(1), 1);
+    const auto& log = iterate_log.records;
+    ASSERT_GT(log.size(), 3u);
+    for (std::size_t i = 1; i < log.size(); ++i)
+        EXPECT_NEAR(log[i].log_l - log[i].change, log[i - 1].log_l, 1.0e-7 * std::fabs(log[i].log_l)) << i;
+    const double found = bestpoint.xbest;
+    new_analysis();
+    for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
+    run(one_genetic_value(), {"--aireml60", "--norecon", "--nologd"});
+    EXPECT_EQ(estimates.logdiagonals(1), 0);
+    EXPECT_LT(bestpoint.xbest, found + 1.0e-3);
+}
+
+TEST_F(driver_test, run_at_the_border_ends_normally) {
+    const small_model m = one_genetic_value();
     for (const char* option : {"--reconst", "--norecon"}) {
         new_analysis();
         for (const char* f : {"Iterates", "BestPoint"}) std::remove(f);
