@@ -256,8 +256,9 @@ void add_sums(recoder& r, int icombi) {
         return std::span<const int>(a.prefix(static_cast<std::ptrdiff_t>(rows) * r.nobs));
     };
     const auto xcov = r.xcov.prefix(static_cast<std::ptrdiff_t>(r.mcov) * r.nobs);
-    recoded_sums.heads.push_back(head_sum({icombi, r.nobs, r.yvec.prefix(r.nobs), xcov, r.ynq.prefix(r.nobs),
-                                           part(r.imeta, r.nmeta), part(r.icov, r.mcov), part(r.ieqnr, r.mrow)}));
+    recoded_sums.heads.push_back(
+        head_sum({icombi, r.nobs, r.yvec.prefix(r.nobs), xcov, r.ynq.prefix(r.nobs), part(r.imeta, r.nmeta),
+                  part(r.icov, r.mcov), part(r.ieqnr, r.mrow), part(r.iraand, options.superai ? r.krand : 0)}));
     recoded_sums.old_lists.push_back(list_sum(r.jvec));
 }
 

@@ -16,7 +16,7 @@ std::uint64_t head_sum(const recoded_parts& s) {
     // each part seeds the sum of the next
     std::uint64_t sum = static_cast<std::uint64_t>(s.icombi) << 32 | static_cast<std::uint32_t>(s.nobs);
     sum = plus(plus(sum, s.yvec), s.xcov);
-    for (const auto& part : {s.ynq, s.imeta, s.icov, s.ieqnr}) sum = plus(sum, part);
+    for (const auto& part : {s.ynq, s.imeta, s.icov, s.ieqnr, s.iraand}) sum = plus(sum, part);
     return sum & ~std::uint64_t{1};
 }
 

@@ -20,7 +20,7 @@ inline recoded_sums_module recoded_sums;
 struct recoded_parts {
     int icombi, nobs;
     std::span<const double> yvec, xcov;
-    std::span<const int> ynq, imeta, icov, ieqnr;
+    std::span<const int> ynq, imeta, icov, ieqnr, iraand;
 };
 std::uint64_t head_sum(const recoded_parts& s);
 std::uint64_t list_sum(std::span<const int> jvec);
