@@ -112,6 +112,7 @@ void build_pattern() {
     link_merge merge(numbers.nbase, data, blocks);
     auto& list = linked_list;
     allocate("alloc ivcol", list.ifirst, numbers.nbase);
+    // counted before it is filled: the store is made in one piece, of the size that it needs
     const link_merge::counts c = merge.count();
     // one row more, linked to all others
     const long long capacity = c.total + numbers.nbase; // room for the right-hand side
@@ -165,6 +166,7 @@ bool adjacency2() {
     if (total > maxelements) tvx_noalloc("IVCOL", total);
     try {
         list.ifirst.resize(numbers.nsrow);
+        // build_pattern has left room; a store that was read from the file grows
         if (list.inext.size() < total) list.inext.resize(total);
         if (list.ivcol.size() < total) list.ivcol.resize(total);
     } catch (const std::bad_alloc&) {

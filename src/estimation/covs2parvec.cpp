@@ -39,6 +39,7 @@ void change_scale() {
 }
 
 void switch_to_logs(int irand) {
+    // both points, so that they stay comparable; log L of either is the same as before
     diagonals_to_logs(irand, estimates.parvec);
     diagonals_to_logs(irand, bestpoint.parbest);
     forget_likelihoods();

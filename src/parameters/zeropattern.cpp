@@ -53,6 +53,7 @@ void complete_factor(const zero_pattern& zeros, const array<int>& order, array<d
             if (!zeros.held(row, pivot)) continue;
             double s = 0.0; // of the covariance, from the columns before
             for (int k = 1; k < c; ++k) s += factor(row, k) * factor(pivot, k);
+            // L(r,c) so that sum over k <= c of L(r,k) L(c,k) is 0, the held covariance
             factor(row, c) = s == 0.0 ? 0.0 : -s / factor(pivot, c);
         }
 }
@@ -63,6 +64,7 @@ void complete_change(const zero_pattern& zeros, const array<int>& order, const a
         for (int r = c + 1; r <= zeros.n; ++r) {
             const int row = order(r), pivot = order(c);
             if (!zeros.held(row, pivot)) continue;
+            // the same sum, differentiated
             double s = factor(row, c) * change(pivot, c);
             for (int k = 1; k < c; ++k) s += change(row, k) * factor(pivot, k) + factor(row, k) * change(pivot, k);
             change(row, c) = -s / factor(pivot, c);

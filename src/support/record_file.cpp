@@ -59,6 +59,7 @@ void record_writer::flush() {
 
 void record_writer::write_through(const void* p, std::size_t n) {
     if (n == 0) return;
+    // the sum grows with the file: no second pass over it
     if (content_) content_->bytes(p, n);
     if (std::fwrite(p, 1, n, file_) != n) good_ = false;
 }
@@ -138,6 +139,7 @@ bool record_reader::next() {
             left_ = 0;
         }
     }
+    // size_, of when the file was opened, bounds every length before it is believed
     if (passed_ + sizeof(std::uint64_t) > size_) return false;
     std::uint64_t length = 0;
     left_ = sizeof length;

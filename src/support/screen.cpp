@@ -52,6 +52,7 @@ bool text_out::close() {
         good = file_.good();
         if (!good) note_failure();
     }
+    // the stream can be opened again
     file_.clear();
     sink_ = nullptr;
     return good;

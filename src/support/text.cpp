@@ -62,6 +62,7 @@ bool to_real(std::string_view token, double& value) {
     // 127 characters are more than any number
     if (token.empty() || token.size() + 1 >= sizeof text) return false;
     std::size_t n = 0;
+    // copied with "e" for every letter or sign that opens an exponent, for one conversion at the end
     bool digits = false, exponent = false;
     for (std::size_t i = 0; i < token.size(); ++i) {
         char c = token[i];
@@ -113,6 +114,7 @@ void list_reader::repeat_count() {
 }
 
 list_read list_reader::token(std::string_view& t) {
+    // blanks, "," and ";" part values; "/" ends the list, and leaves what follows as it is
     const auto parts = [](char c) { return c == ' ' || c == ',' || c == ';' || c == '/'; };
     if (copies_ > 0) {
         --copies_;

@@ -32,6 +32,7 @@ void check_blocks(std::vector<finding>& findings) {
         for (int i = 1; i <= n; ++i)
             for (int j = i + 1; j <= n; ++j) {
                 const std::string place = name + ", rows " + std::to_string(i) + " and " + std::to_string(j);
+                // NaN where a variance is 0: no finding
                 const double r = cov(i, j) / std::sqrt(cov(i, i) * cov(j, j));
                 if (std::fabs(r) > 0.999) add_case(findings, "W410", "a starting matrix has a correlation of 1", place);
                 if (b == 0 && cov(i, j) == 0.0)
@@ -86,6 +87,7 @@ bool whole(std::string_view text, long long& value) {
     return true;
 }
 
+// Lines by animal, and by what animals are used as; the first line of each.
 struct ped_state {
     std::vector<finding>& findings;
     std::unordered_map<long long, int> line_of, as_sire, as_dam;
@@ -132,6 +134,7 @@ void check_pedigree(std::vector<finding>& findings, std::unordered_set<long long
     ped_state s{findings, {}, {}, {}, false};
     std::istringstream in(all);
     int line = 0;
+    // lines with "#" at the head only, as the program reads them
     bool head = true;
     for (std::string text; std::getline(in, text);) {
         ++line;

@@ -190,6 +190,7 @@ void make_call(const words& w, formula_term& t) {
     }
     t.kind = s->kind;
     t.basis = s->basis;
+    // what has been written of a term, against what its function takes
     const bool rr = w.function == "rr";
     if (!w.inner.empty() && !rr) misused(w, *s);
     // ranges belong to res() and to nothing else
@@ -321,6 +322,7 @@ void check_terms(const formula_model& m) {
             if (!ascending) throw fault{"formula: the ranges of " + t.text + " must ascend without overlap"};
         }
     }
+    // the same effect twice cannot be told apart, whatever its basis
     for (auto a = m.terms.begin(); a != m.terms.end(); ++a)
         for (auto b = m.terms.begin(); b != a; ++b)
             if (a->kind == b->kind && a->columns == b->columns && a->covariable == b->covariable &&

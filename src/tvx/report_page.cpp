@@ -14,6 +14,7 @@ extern const unsigned long page_style_size, page_script_size, page_d3_size;
 
 namespace {
 
+// What a page holds at most: points of a picture of residuals, animals of a list, effects; the tables have all.
 constexpr std::size_t most_points = 1500, most_best = 15, most_effects = 24;
 
 std::string_view embedded(const unsigned char* bytes, unsigned long size) {
@@ -50,6 +51,7 @@ json histogram(const std::vector<double>& values) {
             ++n;
         }
     if (n == 0) return h;
+    // equal values: one bar in the middle
     if (!(high > low)) {
         low -= 0.5;
         high += 0.5;
@@ -100,6 +102,7 @@ json best_of(const prediction_list& p) {
     if (!p.animals) return list;
     std::vector<const prediction*> order;
     for (const auto& l : p.levels) order.push_back(&l);
+    // the best only, without sorting the many others
     const std::size_t n = std::min(most_best, order.size());
     std::partial_sort(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(n), order.end(),
                       [](auto* a, auto* b) { return a->solution > b->solution; });
@@ -191,6 +194,7 @@ json fact_list(const run_results& r) {
     if (r.estimates["likelihood"]["log_l"].is_number())
         add("log L", "%.4f", number(r.estimates["likelihood"]["log_l"]));
     add("Parameters", "%d", r.estimates["likelihood"]["parameters"].get<int>());
+    // results of a stored best point have no equations
     if (r.estimates["equations"].is_object())
         add("Equations", "%lld", r.estimates["equations"]["equations"].get<long long>());
     add("Seconds", "%.1f", number(r.estimates["resources"]["wall_seconds"]));
@@ -252,6 +256,7 @@ std::string page_of(const json& summary) {
     std::string title;
     for (const char c : summary["title"].get<std::string>())
         title += c == '<' ? "&lt;" : c == '&' ? "&amp;" : std::string(1, c);
+    // one file that needs nothing else: it can be sent, and opened without a network
     std::string page = "<!doctype html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
                        "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
                        "<meta name=\"color-scheme\" content=\"light dark\">\n"

@@ -27,6 +27,7 @@ std::string read_text(const std::string& file) {
 }
 
 void write_text(const std::string& file, std::string_view text) {
+    // under another name until it is whole: a reader finds the old file or the new one
     const std::string part = file + ".part";
     std::FILE* out = std::fopen(part.c_str(), "wb");
     bool good = out != nullptr;
@@ -69,6 +70,7 @@ std::string plain_field(std::string_view field) {
             text += field[i];
             continue;
         }
+        // an unknown letter behind the stroke stands for itself, as the stroke does
         const char c = field[++i];
         text += c == 't' ? '\t' : c == 'n' ? '\n' : c == 'r' ? '\r' : c;
     }
@@ -77,6 +79,7 @@ std::string plain_field(std::string_view field) {
 
 std::vector<std::vector<std::string_view>> table_lines(std::string_view text) {
     std::vector<std::vector<std::string_view>> lines;
+    // views into the text: the caller keeps it
     bool heading = true;
     while (!text.empty()) {
         const auto end = std::min(text.find('\n'), text.size());
