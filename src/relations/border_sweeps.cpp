@@ -1,16 +1,17 @@
 // With t(i,y) the share of border animal y in a young animal i, that part of the relationship between s and d is the
 // sum of a(d,y) t(s,y) over the border. A column a(.,y) takes one sweep up from y, a scaling by D, and one sweep down
-// to the end of the stretch, for a panel of border animals at a time. Up the list and in shares only those are visited
-// that are touched: few, until panels have so many ancestors that whole runs are.
+// to the end of the stretch, for a panel of border animals at a time. The sweeps up and the shares follow lines of
+// descent one by one as long as these are few in a run, and from then on whole runs in lines of the panel.
 // Reading and writing of columns is what takes the time: each number takes as few bits as it is exact in.
 //   Colleau, Genet. Sel. Evol. 34 (2002) 409.
 #include "relations/border_sweeps.h"
 
+#include "relations/border_ways.h"
+
 #include <algorithm>
-#include <bit>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <new>
 #include <span>
@@ -77,11 +78,24 @@ double inner_product(const line<std::uint32_t, lanes>& x, const line<T, lanes>& 
 
 constexpr int ahead = 12; // lines are fetched so many animals before their use
 
-// Animals touched in a run of the sweep up: all, or those in list[from] to list[to-1].
-struct touched_run {
-    bool all = false;
-    std::size_t from = 0, to = 0;
+struct free_memory {
+    void operator()(void* p) const { std::free(p); }
 };
+
+// Memory for lines that are read here and there: large pages where the system has them.
+template <class Line> std::unique_ptr<Line[], free_memory> make_lines(std::size_t count) {
+    constexpr std::size_t large_page = std::size_t{1} << 21;
+    const std::size_t page = count * sizeof(Line) < large_page ? alignof(Line) : large_page;
+    const std::size_t bytes = (count * sizeof(Line) + page - 1) / page * page;
+    void* p = std::aligned_alloc(page, bytes);
+    if (p == nullptr) throw std::bad_alloc();
+#ifdef MADV_HUGEPAGE
+    if (page == large_page) madvise(p, bytes, MADV_HUGEPAGE); // advice only
+#endif
+    auto* lines = static_cast<Line*>(p);
+    std::uninitialized_value_construct_n(lines, count);
+    return std::unique_ptr<Line[], free_memory>(lines);
+}
 
 // Shares and ways up take Narrow numbers, relationships Wide ones but for those of the early runs.
 template <class Narrow, class Wide, int lanes> struct panel {
@@ -90,59 +104,43 @@ template <class Narrow, class Wide, int lanes> struct panel {
     using narrow_line = line<Narrow, lanes>;
     using wide_line = line<Wide, lanes>;
     const sweep_order& o;
-    std::size_t early_runs = 0;           // their relationships are exact in 16 bits
-    int early_slots = 0;                  // in use by them
-    std::vector<Wide> d{};                // by place
-    std::span<narrow_line> up{};          // by place: T'e(y); zero between sweeps
-    std::span<narrow_line> early{}, t{};  // by slot: relationships in early runs, shares
-    std::span<wide_line> a{};             // by slot: relationships
-    std::vector<unsigned char> hit{};     // by place: to be visited
-    std::vector<unsigned char> sharing{}; // by place: t is not zero
-    std::vector<int> touched{};           // places touched in runs where not all are
-    std::vector<int> shared{};            // places at which `sharing` is set, but for those from `all_from` on
-    int all_from = 0;                     // from this place on all are visited for their shares
-    std::vector<touched_run> runs{};      // by run
-    std::vector<int> visits{};            // places of the run in hand that are hit
-    std::vector<double> f{};              // by place: what came in so far
+    const way_map& m;
+    std::size_t early_runs = 0;        // their relationships are exact in 16 bits
+    int early_slots = 0;               // in use by them
+    std::vector<int> late{};           // slots of early animals with offspring in other runs
+    std::vector<Wide> d{};             // by place
+    std::vector<double> half_power{};  // 2**-k at [k]
+    std::vector<way_list> up_ways{};   // by run
+    std::vector<way_list> down_ways{}; // by queue
+    std::size_t line_runs = 0;         // runs before this one are swept up in lines
+    int line_from = 0;                 // from this place on young animals have shares in lines
+    std::unique_ptr<narrow_line[], free_memory> up_lines{}, share_lines{};
+    std::span<narrow_line> up{};    // by place: T'e(y); zero between sweeps. As far as lines were needed
+    std::span<narrow_line> t{};     // by slot: shares. Empty until lines are needed
+    std::span<narrow_line> early{}; // by slot: relationships in early runs
+    std::span<wide_line> a{};       // by slot: relationships
+    std::vector<double> f{};        // by place: what came in so far
 };
 
-// Visits the places from `from` to `to`-1 that are hit, ascending, and leaves them not hit.
-template <class Visit> void each_hit(std::vector<unsigned char>& hit, int from, int to, Visit visit) {
-    static_assert(std::endian::native == std::endian::little);
-    for (int k = from; k < to; k += 8) {
-        std::uint64_t word;
-        std::memcpy(&word, hit.data() + k, 8);
-        if (k + 8 > to) word &= ~std::uint64_t{0} >> (8 * (k + 8 - to));
-        for (; word != 0; word &= word - 1) {
-            const int place = k + std::countr_zero(word) / 8;
-            hit[place] = 0;
-            visit(place);
-        }
-    }
+// Whether lines of descent are so many in a run that whole lines of the panel take less.
+bool too_many(std::size_t ways, const sweep_order& o, std::size_t run) {
+    return ways > static_cast<std::size_t>(o.run[run + 1] - o.run[run]);
 }
 
-struct free_memory {
-    void operator()(void* p) const { std::free(p); }
-};
-
-// Memory for lines that are read here and there: large pages where the system has them.
-template <class Line> std::unique_ptr<Line[], free_memory> make_lines(std::size_t count) {
-    constexpr std::size_t page = std::size_t{1} << 21;
-    const std::size_t bytes = (count * sizeof(Line) + page - 1) / page * page;
-    void* p = std::aligned_alloc(page, bytes);
-    if (p == nullptr) throw std::bad_alloc();
-#ifdef MADV_HUGEPAGE
-    madvise(p, bytes, MADV_HUGEPAGE); // advice only
-#endif
-    auto* lines = static_cast<Line*>(p);
-    std::uninitialized_value_construct_n(lines, count);
-    return std::unique_ptr<Line[], free_memory>(lines);
+// The share that a way leaves, and the part of d that it brings.
+template <class P, class T> T share_of(const P& w, unsigned length) {
+    if constexpr (fraction_bits<T>() > 0)
+        return static_cast<T>(one<T> >> length);
+    else
+        return w.half_power[length];
 }
-
-int count_hits(const std::vector<unsigned char>& hit, int from, int to) {
-    int count = 0;
-    for (int k = from; k < to; ++k) count += hit[k];
-    return count;
+template <class P, class T> T part_of(const P& w, int place, unsigned length) {
+    if constexpr (std::is_same_v<T, std::uint16_t>)
+        return static_cast<T>(w.d[place] >> (fraction_bits<T>() + length));
+    else if constexpr (fraction_bits<T>() > 0)
+        return w.d[place] >> length;
+    else
+        return w.d[place] * w.half_power[length];
 }
 
 template <class P> void up_animal(P& w, int place) {
@@ -154,92 +152,92 @@ template <class P> void up_animal(P& w, int place) {
     for (int k = 0; k < P::width; ++k) s.x[k] += x.x[k];
     auto& q = w.up[r.dam];
     for (int k = 0; k < P::width; ++k) q.x[k] += x.x[k];
-    w.hit[r.sire] = w.hit[r.dam] = 1;
 }
 
-template <class P> void up_touched(P& w, touched_run& run, int begin, int end) {
-    each_hit(w.hit, begin, end, [&](int k) {
-        __builtin_prefetch(&w.up[k]);
-        __builtin_prefetch(&w.up[w.o.at[k].sire]);
-        __builtin_prefetch(&w.up[w.o.at[k].dam]);
-        w.touched.push_back(k);
-    });
-    run.to = w.touched.size();
-    for (std::size_t k = run.from; k < run.to; ++k) up_animal(w, w.touched[k]);
-}
-
-// up = T' e(y) for the border animals at [from, to) of the border.
-template <class P> void sweep_up(P& w, std::size_t from, std::size_t to) {
+// From run `last` on up the list in lines, which take over the ways that wait there.
+template <class P> void up_in_lines(P& w, std::size_t last) {
     const sweep_order& o = w.o;
-    for (std::size_t k = from; k < to; ++k) {
-        auto& x = w.up[o.border[k]].x[k - from];
-        x = one<std::remove_reference_t<decltype(x)>>;
-        w.hit[o.border[k]] = 1;
+    w.line_runs = last + 1;
+    const auto places = static_cast<std::size_t>(o.run[w.line_runs]);
+    if (w.up.size() < places) {
+        w.up_lines = make_lines<typename P::narrow_line>(places);
+        w.up = {w.up_lines.get(), places};
     }
-    w.touched.clear();
-    // runs of older animals, the youngest first: within a run nobody is a parent of another
-    for (std::size_t r = o.young; r-- > 1;) {
-        const int begin = o.run[r], end = o.run[r + 1];
-        // runs younger than the border animals in hand are not touched
-        const int count = begin > o.border[to - 1] ? 0 : count_hits(w.hit, begin, end);
-        touched_run& run = w.runs[r];
-        // beyond a third all of them are visited: faster than finding the ones that are touched
-        run = {count > (end - begin) / 3, w.touched.size(), w.touched.size()};
-        if (run.all) {
-            for (int k = begin; k < end; ++k) {
-                __builtin_prefetch(&w.up[o.at[std::min(k + ahead, end - 1)].dam]);
-                up_animal(w, k);
-            }
-            std::fill(w.hit.begin() + begin, w.hit.begin() + end, static_cast<unsigned char>(0));
-        } else if (count > 0) {
-            up_touched(w, run, begin, end);
+    for (std::size_t r = 0; r < w.line_runs; ++r) {
+        for (const way& x : w.up_ways[r]) {
+            auto& u = w.up[x.at].x[x.lane];
+            u += share_of<P, std::remove_reference_t<decltype(u)>>(w, x.length);
         }
+        w.up_ways[r].count = 0;
     }
-    std::fill(w.hit.begin(), w.hit.begin() + o.run[1], static_cast<unsigned char>(0));
+    for (int k = o.run[w.line_runs] - 1; k >= o.run[1]; --k) up_animal(w, k);
     // place 0 takes what goes to unknown parents
     w.up[0] = {};
 }
 
-// Adds the Mendelian sampling of the animal at this place to its relationships.
-template <class P, class T> void add_own(P& w, line<T, P::width>& x, int place) {
-    if constexpr (std::is_same_v<T, std::uint16_t>)
-        add_scaled(x, w.up[place], static_cast<T>(w.d[place] >> 14));
-    else
-        add_scaled(x, w.up[place], w.d[place]);
-    w.up[place] = {};
+// T' e(y) for the border animals at [from, to) of the border: the ways up to each ancestor, or its line.
+template <class P> void sweep_up(P& w, std::size_t from, std::size_t to) {
+    const sweep_order& o = w.o;
+    for (way_list& x : w.up_ways) x.count = 0;
+    w.line_runs = 0;
+    std::size_t r = 0;
+    for (std::size_t k = from; k < to; ++k) {
+        while (o.border[k] >= o.run[r + 1]) ++r;
+        w.up_ways[r].put(make_way(o.border[k], static_cast<unsigned>(k - from), 0));
+    }
+    // the youngest first: within a run nobody is a parent of another
+    for (++r; r-- > 0;) {
+        const way_list& ways = w.up_ways[r];
+        if (too_many(ways.count, o, r)) return up_in_lines(w, r);
+        for (std::size_t k = 0; k < ways.count; ++k) {
+            __builtin_prefetch(&w.m.up[ways.list[std::min(k + ahead, ways.count - 1)].at]);
+            const way x = ways.list[k];
+            const ancestor& p = w.m.up[x.at];
+            if (p.sire > 0) w.up_ways[p.sire_run].put(make_way(p.sire, x.lane, x.length + 1U));
+            if (p.dam > 0) w.up_ways[p.dam_run].put(make_way(p.dam, x.lane, x.length + 1U));
+        }
+    }
 }
 
-// visit(line, place) before the line of each animal is stored, which holds half the sum of its parents'.
-template <class Line, class Visit>
-void down_animals(const sweep_order& o, std::span<Line> a, int begin, int end, Visit visit) {
+// Adds the Mendelian sampling of the animals of a run to their relationships.
+template <class P, class T> void add_own(P& w, std::span<line<T, P::width>> a, std::size_t r) {
+    const sweep_order& o = w.o;
+    for (int k = o.run[r]; r < w.line_runs && k < o.run[r + 1]; ++k) {
+        if constexpr (std::is_same_v<T, std::uint16_t>)
+            add_scaled(a[o.at[k].slot], w.up[k], static_cast<T>(w.d[k] >> 14));
+        else
+            add_scaled(a[o.at[k].slot], w.up[k], w.d[k]);
+        w.up[k] = {};
+    }
+    const way_list& ways = w.up_ways[r];
+    for (std::size_t k = 0; k < ways.count; ++k) {
+        const way &x = ways.list[k], &next = ways.list[std::min(k + ahead, ways.count - 1)];
+        __builtin_prefetch(&o.at[ways.list[std::min(k + 2 * ahead, ways.count - 1)].at]);
+        __builtin_prefetch(&a[o.at[next.at].slot].x[next.lane]);
+        a[o.at[x.at].slot].x[x.lane] += part_of<P, T>(w, x.at, x.length);
+    }
+}
+
+// The line of each animal becomes half the sum of its parents'.
+template <class Line> void down_animals(const sweep_order& o, std::span<Line> a, int begin, int end) {
     const int last = static_cast<int>(o.at.size()) - 1;
     for (int k = begin; k < end; ++k) {
         __builtin_prefetch(&a[o.at[std::min(k + ahead, last)].dam_slot]);
         const Line &s = a[o.at[k].sire_slot], &d = a[o.at[k].dam_slot];
         Line x;
         for (std::size_t l = 0; l < std::size(x.x); ++l) x.x[l] = mean(s.x[l], d.x[l]);
-        visit(x, k);
         a[o.at[k].slot] = x;
     }
 }
 
+// a = D T'e + half of the parents' a
 template <class P, class Line> void down_run(P& w, std::span<Line> a, std::size_t r) {
     const sweep_order& o = w.o;
-    const touched_run& run = w.runs[r];
-    // a = D T'e + half of the parents' a
-    const auto add = [&](Line& x, int place) { add_own(w, x, place); };
-    if (r == 0) { // founders
-        for (int k = o.run[0]; k < o.run[1]; ++k) {
-            Line x{};
-            add(x, k);
-            a[o.at[k].slot] = x;
-        }
-    } else if (run.all) {
-        down_animals(o, a, o.run[r], o.run[r + 1], add);
-    } else {
-        down_animals(o, a, o.run[r], o.run[r + 1], [](Line&, int) {});
-        for (std::size_t k = run.from; k < run.to; ++k) add(a[o.at[w.touched[k]].slot], w.touched[k]);
-    }
+    if (r > 0)
+        down_animals(o, a, o.run[r], o.run[r + 1]);
+    else // founders
+        for (int k = o.run[0]; k < o.run[1]; ++k) a[o.at[k].slot] = {};
+    add_own(w, a, r);
 }
 
 // a becomes the relationships of the older animals with the border animals in hand.
@@ -247,104 +245,132 @@ template <class P> void sweep_down(P& w) {
     using number = typename P::wide_number;
     for (std::size_t r = 0; r < w.early_runs; ++r) down_run(w, w.early, r);
     if constexpr (std::is_same_v<number, std::uint32_t>)
-        for (int slot = 1; slot <= w.early_slots; ++slot)
+        for (const int slot : w.late)
             for (int l = 0; l < P::width; ++l) w.a[slot].x[l] = number{w.early[slot].x[l]} << 15;
     for (std::size_t r = w.early_runs; r < w.o.young; ++r) down_run(w, w.a, r);
 }
 
-// Notes that the animal at this place has shares, which its offspring inherit.
-template <class P> void share(P& w, int place) {
-    w.sharing[place] = 1;
-    w.shared.push_back(place);
-    for (int at = w.o.start[place]; at < w.o.start[place + 1]; ++at) w.hit[w.o.next[at]] = 1;
+// Along the ways that wait in `queue`: what comes in by sires; and what heirs hand on.
+template <bool by_sire, class P> void inherit_ways(P& w, std::size_t queue) {
+    constexpr double unit = 1.0 / static_cast<double>(one<typename P::wide_number>);
+    const way_list& ways = w.down_ways[queue];
+    const heir* heirs = w.m.heirs.data();
+    for (std::size_t k = 0; k < ways.count; ++k) {
+        const way &x = ways.list[k], &next = ways.list[std::min(k + ahead / 2, ways.count - 1)];
+        __builtin_prefetch(&heirs[ways.list[std::min(k + 2 * ahead, ways.count - 1)].at]);
+        for (int sib = 0; by_sire && sib < 2; ++sib) {
+            __builtin_prefetch(&w.a[heirs[next.at + sib].dam_slot].x[next.lane]);
+            __builtin_prefetch(&w.f[heirs[next.at + sib].place]);
+        }
+        for (const heir* i = heirs + x.at;; ++i) {
+            // F is half the relationship of the parents; that part of it which comes in through the border
+            if (by_sire) w.f[i->place] += w.half_power[x.length] * (unit * w.a[i->dam_slot].x[x.lane]);
+            if (i->more)
+                w.m.hand_on(static_cast<int>(i->place), x.lane, x.length + 1U, w.down_ways);
+            else
+                w.down_ways[i->queue].put(make_way(i->next, x.lane, x.length + 1U), i->next > 0);
+            if (i->last) break;
+        }
+    }
 }
 
-// What comes in by a young animal's sire; and, where these are handed on, its own shares: whether it has any.
-template <class P> bool inherit(P& w, int place, bool hand_on) {
+// What comes in by a young animal's sire, and its own shares where these are handed on, from the lines of its parents.
+template <class P> void inherit_lines(P& w, int place, bool hand_on) {
     const swept& r = w.o.at[place];
-    const bool by_sire = w.sharing[r.sire], by_dam = w.sharing[r.dam];
+    const bool by_sire = r.sire >= w.line_from;
     const auto& ts = w.t[by_sire ? r.sire_slot : 0]; // slot 0 holds zeros
-    // F is half the relationship of the parents; that part of it which comes in through the border
     if (by_sire) w.f[place] += 0.5 * inner_product(w.a[r.dam_slot], ts);
-    if (!hand_on) return false;
-    const auto& td = w.t[by_dam ? r.dam_slot : 0];
+    if (!hand_on) return;
+    const auto& td = w.t[r.dam >= w.line_from ? r.dam_slot : 0];
     typename P::narrow_line x;
     for (int k = 0; k < P::width; ++k) {
         x.x[k] = half(ts.x[k]);
         x.x[k] += half(td.x[k]);
     }
     w.t[r.slot] = x;
-    return by_sire || by_dam;
 }
 
-template <class P> void fetch(const P& w, const swept& r, bool hand_on) {
-    __builtin_prefetch(&w.a[r.dam_slot]);
-    __builtin_prefetch(&w.t[r.sire_slot]);
-    if (hand_on) __builtin_prefetch(&w.t[r.dam_slot]);
-}
-
-// The same for all of a run that are hit; once these are many, for all from there on.
-template <class P> void inherit_run(P& w, std::size_t run) {
-    const int begin = w.o.run[run], end = w.o.run[run + 1], handing_on = w.o.sharing[run];
-    w.all_from = std::min(w.all_from, count_hits(w.hit, begin, end) > (end - begin) / 3 ? begin : w.all_from);
-    if (w.all_from <= begin) {
-        std::fill(w.hit.begin() + begin, w.hit.begin() + end, static_cast<unsigned char>(0));
-        for (int k = begin; k < end; ++k) {
-            const int next = std::min(k + ahead, end - 1);
-            fetch(w, w.o.at[next], next < handing_on);
-            w.sharing[k] = inherit(w, k, k < handing_on);
+// The ways of a run that is visited in lines end there.
+template <class P> void end_ways(P& w, std::size_t queue) {
+    constexpr double unit = 1.0 / static_cast<double>(one<typename P::wide_number>);
+    const bool by_sire = queue % 2 == 1;
+    const int sharing = w.o.sharing[queue / 2];
+    for (const way& x : w.down_ways[queue])
+        for (const heir* i = &w.m.heirs[x.at];; ++i) {
+            const int place = static_cast<int>(i->place);
+            if (by_sire) w.f[place] += w.half_power[x.length] * (unit * w.a[i->dam_slot].x[x.lane]);
+            if (place < sharing) {
+                auto& t = w.t[w.o.at[place].slot].x[x.lane];
+                t += share_of<P, std::remove_reference_t<decltype(t)>>(w, x.length);
+            }
+            if (i->last) break;
         }
-        return;
+}
+
+template <class P> void run_in_lines(P& w, std::size_t run) {
+    const sweep_order& o = w.o;
+    if (w.t.empty()) {
+        w.share_lines = make_lines<typename P::narrow_line>(w.a.size());
+        w.t = {w.share_lines.get(), w.a.size()};
     }
-    w.visits.clear();
-    each_hit(w.hit, begin, end, [&](int k) { w.visits.push_back(k); });
-    for (std::size_t k = 0; k < w.visits.size(); ++k) {
-        fetch(w, w.o.at[w.visits[std::min(k + ahead, w.visits.size() - 1)]], true);
-        if (inherit(w, w.visits[k], w.visits[k] < handing_on)) share(w, w.visits[k]);
+    w.line_from = std::min(w.line_from, o.run[run]);
+    const int begin = o.run[run], end = o.run[run + 1], handing_on = o.sharing[run];
+    for (int k = begin; k < end; ++k) {
+        const swept& next = o.at[std::min(k + ahead, end - 1)];
+        __builtin_prefetch(&w.a[next.dam_slot]);
+        __builtin_prefetch(&w.t[next.sire_slot]);
+        __builtin_prefetch(&w.t[next.dam_slot]);
+        inherit_lines(w, k, k < handing_on);
     }
+    end_ways(w, 2 * run);
+    end_ways(w, 2 * run + 1);
 }
 
 template <class P> void sweep_stretch(P& w, std::size_t from, std::size_t to) {
     const sweep_order& o = w.o;
-    for (std::size_t k = from; k < to; ++k) {
-        // a border animal has itself with share 1
-        auto& t = w.t[o.at[o.border[k]].slot];
-        t = {};
-        t.x[k - from] = one<std::remove_reference_t<decltype(t.x[0])>>;
-        share(w, o.border[k]);
-    }
-    w.all_from = o.run.back();
+    for (way_list& x : w.down_ways) x.count = 0;
+    for (std::size_t k = from; k < to; ++k) w.m.hand_on(o.border[k], static_cast<unsigned>(k - from), 1, w.down_ways);
+    w.line_from = o.run.back();
     for (std::size_t r = o.young; r + 1 < o.run.size(); ++r) {
-        down_animals(o, w.a, o.related[r], o.childless[r], [](auto&, int) {});
-        inherit_run(w, r);
+        down_animals(o, w.a, o.related[r], o.childless[r]);
+        if (w.line_from <= o.run[r] || too_many(w.down_ways[2 * r].count + w.down_ways[2 * r + 1].count, o, r)) {
+            run_in_lines(w, r);
+        } else {
+            inherit_ways<false>(w, 2 * r);
+            inherit_ways<true>(w, 2 * r + 1);
+        }
     }
-    // back to zero for the next panel
-    for (const int place : w.shared) w.sharing[place] = 0;
-    w.shared.clear();
-    std::fill(w.sharing.begin() + w.all_from, w.sharing.end(), static_cast<unsigned char>(0));
 }
 
 // What one thread sweeps with.
 template <class P> struct own_panel {
-    own_panel(const sweep_order& o, const std::vector<double>& d, std::size_t early_runs) : w{o, early_runs} {
-        const std::size_t slots = static_cast<std::size_t>(o.slots) + 1, places = o.animal.size();
-        const std::size_t older = static_cast<std::size_t>(o.run[o.young]);
+    own_panel(const sweep_order& o, const way_map& m, const std::vector<double>& d, std::size_t early_runs)
+        : w{o, m, early_runs} {
+        const auto slots = static_cast<std::size_t>(o.slots) + 1, older = static_cast<std::size_t>(o.run[o.young]);
         using number = typename P::wide_number;
         w.d.resize(older);
         for (std::size_t k = 1; k < older; ++k)
             w.d[k] = static_cast<number>(d[o.animal[k]] * static_cast<double>(one<number>));
+        for (std::size_t k = 0; k <= o.run.size(); ++k) w.half_power.push_back(std::ldexp(1.0, -static_cast<int>(k)));
         for (int k = 1; k < o.run[early_runs]; ++k) w.early_slots = std::max(w.early_slots, o.at[k].slot);
+        list_late();
         const std::size_t early = static_cast<std::size_t>(w.early_slots) + 1;
-        narrow = make_lines<typename P::narrow_line>(older + slots + early);
+        narrow = make_lines<typename P::narrow_line>(early);
         wide = make_lines<typename P::wide_line>(slots);
-        w.up = {narrow.get(), older};
-        w.t = {narrow.get() + older, slots};
-        w.early = {narrow.get() + older + slots, early};
+        w.early = {narrow.get(), early};
         w.a = {wide.get(), slots};
-        // a word of eight flags may reach beyond the last place
-        w.hit.resize(places + 8);
-        w.sharing.resize(places);
-        w.runs.resize(o.young);
+        w.up_ways.resize(o.young);
+        w.down_ways.resize(2 * o.run.size());
+    }
+    void list_late() {
+        const sweep_order& o = w.o;
+        std::vector<char> late(static_cast<std::size_t>(w.early_slots) + 1);
+        for (int k = o.run[w.early_runs]; k < o.run.back(); ++k) {
+            if (o.at[k].sire < o.run[w.early_runs]) late[o.at[k].sire_slot] = 1;
+            if (o.at[k].dam < o.run[w.early_runs]) late[o.at[k].dam_slot] = 1;
+        }
+        for (int slot = 1; slot <= w.early_slots; ++slot)
+            if (late[slot]) w.late.push_back(slot);
     }
     std::unique_ptr<typename P::narrow_line[], free_memory> narrow;
     std::unique_ptr<typename P::wide_line[], free_memory> wide;
@@ -370,6 +396,7 @@ void sweep_panels(const sweep_order& o, const std::vector<double>& d, std::size_
     constexpr std::size_t most_parts = 16;
     const std::size_t panels = (o.border.size() + P::width - 1) / P::width;
     const std::size_t parts = std::min(panels, most_parts);
+    const way_map m = map_ways(o);
     std::vector<std::unique_ptr<own_panel<P>>> of_slot(pool.threads());
     std::vector<std::vector<double>> sums(parts);
     // only young animals get anything
@@ -379,7 +406,7 @@ void sweep_panels(const sweep_order& o, const std::vector<double>& d, std::size_
     };
     const auto sweep = [&](int i, int slot) {
         auto& mine = of_slot[slot];
-        if (!mine) mine = std::make_unique<own_panel<P>>(o, d, early_runs);
+        if (!mine) mine = std::make_unique<own_panel<P>>(o, m, d, early_runs);
         const auto part = static_cast<std::size_t>(i);
         sweep_part(mine->w, panels * part / parts, panels * (part + 1) / parts);
         // alone: parts come in their order anyway, and need not be kept

@@ -108,23 +108,6 @@ void place_run(order_maker& w, std::size_t r) {
     w.freed.clear();
 }
 
-void list_offspring(sweep_order& o) {
-    const int places = o.run.back() - 1;
-    o.start.assign(static_cast<std::size_t>(places) + 2, 0);
-    const auto each = [&](auto visit) {
-        for (int k = o.run[o.young]; k <= places; ++k) {
-            const swept& x = o.at[k];
-            if (x.sire > 0) visit(x.sire, k);
-            if (x.dam > 0 && x.dam != x.sire) visit(x.dam, k);
-        }
-    };
-    each([&](int p, int) { ++o.start[p + 1]; });
-    for (std::size_t p = 1; p < o.start.size(); ++p) o.start[p] += o.start[p - 1];
-    o.next.resize(o.start.back());
-    std::vector<int> at(o.start.begin(), o.start.end() - 1);
-    each([&](int p, int k) { o.next[at[p]++] = k; });
-}
-
 } // namespace
 
 sweep_order order_stretch(const std::vector<int>& sire, const std::vector<int>& dam, int first, int last) {
@@ -141,7 +124,6 @@ sweep_order order_stretch(const std::vector<int>& sire, const std::vector<int>& 
         sort_run(w, r);
         place_run(w, r);
     }
-    list_offspring(w.o);
     return std::move(w.o);
 }
 

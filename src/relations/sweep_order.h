@@ -24,9 +24,8 @@ struct sweep_order {
     // whose shares are needed. Of parents whose offspring all are without offspring, relationships are needed of dams
     // and shares of sires; those without offspring have no slot and stand last.
     std::vector<int> related, childless, sharing;
-    std::size_t young = 0;        // first run of the stretch
-    std::vector<int> border;      // places of the older parents of the stretch, ascending
-    std::vector<int> start, next; // young offspring of the animal at place p: places next[start[p]] to [start[p+1]-1]
+    std::size_t young = 0;   // first run of the stretch
+    std::vector<int> border; // places of the older parents of the stretch, ascending
     int slots = 0;
 };
 

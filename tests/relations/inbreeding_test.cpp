@@ -131,6 +131,17 @@ TEST(inbreeding, coefficients_of_twenty_generations_are_exact) {
     }
 }
 
+// Ancestors and descendants of the border that are few at first and then outnumber the animals of a generation.
+TEST(inbreeding, coefficients_are_exact_where_lines_of_descent_become_many) {
+    const family_book book = generations(12, 150, 75, 31);
+    const int n = static_cast<int>(book.sire.size());
+    const dense a = tabular(book.sire, book.dam);
+    for (const int cut : {150, 420, 750, 1000, 1350}) {
+        const std::vector<double> f = inbreeding_by_cuts(book.sire, book.dam, {cut, n});
+        for (std::size_t i = 0; i < f.size(); ++i) ASSERT_EQ(f[i], a[i][i] - 1.0) << cut << " " << i + 1;
+    }
+}
+
 // Too many generations for fractions of 32 bits; so many relatives that whole runs are touched.
 TEST(inbreeding, stretches_of_deep_pedigrees_equal_the_tabular_method) {
     for (const int size : {6, 14, 33}) {
