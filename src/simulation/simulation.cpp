@@ -13,6 +13,7 @@
 #include "data/subjectpass.h"
 #include "dense/numroutines.h"
 #include "estimation/bestpoint.h"
+#include "parameters/parunits.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
@@ -385,6 +386,8 @@ void simulate_data() {
     if (simulation.nrepsim < 1) stop_with("No. of replicates must be at least 1 !");
     lay_out_parameters(); // finds the repeat effect
     if (options.continew) take_estimates();
+    // the records stand for lines and levels: their values say nothing of the scale of the matrices
+    set_units_from_covariances();
     gather_sim();
     setup_randnos();
     residual_draws draws;

@@ -234,6 +234,20 @@ protected:
     void expect_random(const json& d, const json& plain) const;
     void expect_estimates(const json& d, const json& plain, double accuracy = 1.0e-9) const;
 
+    // Products of the loadings on the screen are the matrix of the first effect.
+    void expect_loadings(const std::string& output) const {
+        const auto from = output.find("Loadings of the components of \"animal\"");
+        ASSERT_NE(from, std::string::npos) << output;
+        const auto rows = lines_of(output.substr(from));
+        const auto loading = [&](int i, int k) { return number_of(words_of(rows.at(at(i))).at(at(k))); };
+        std::size_t k = 0;
+        for (int i = 1; i <= u_.m.nq; ++i)
+            for (int j = i; j <= u_.m.nq; ++j) {
+                const double g = loading(i, 1) * loading(j, 1) + loading(i, 2) * loading(j, 2);
+                EXPECT_NEAR(g / scale(i) / scale(j), u_.m.random[0].g[k++], 1.0e-3) << i << " " << j;
+            }
+    }
+
     static constexpr const char* steps = "--aireml1,1e-13 --nologd --noreord";
     unit_model u_;
     std::vector<double> c_;
@@ -358,6 +372,51 @@ TEST_P(unit_models, solutions_with_their_errors) {
         std::filesystem::remove("BestPoint");
         const double here = results(steps)["iterates"][0]["log_l"].number;
         EXPECT_NEAR(here + shift, start, 1.0e-9 * (std::fabs(start) + std::fabs(shift)));
+    }
+}
+
+// Last columns of the lines that a simulation writes.
+std::vector<std::vector<double>> simulated_records(int nq) {
+    std::vector<std::vector<double>> y;
+    for (const auto& line : lines_of(read_file("SimData001.dat"))) {
+        const auto w = words_of(line);
+        if (w.empty()) continue;
+        y.emplace_back();
+        for (std::size_t q = w.size() - at(nq); q < w.size(); ++q) y.back().push_back(number_of(w[q]));
+    }
+    return y;
+}
+
+// Matrices in other units, beside records that stay as they are: their values are not looked at.
+TEST_P(unit_models, simulated_records_scale) {
+    put({1.0});
+    const std::string data = read_file("model.dat");
+    std::vector<std::vector<double>> plain;
+    for (const auto& c : {std::vector<double>{1.0}, other_units[0], other_units[1], other_units[2], other_units[3]}) {
+        SCOPED_TRACE("units of " + std::to_string(c[0]));
+        put(c);
+        write_file("model.dat", data);
+        write_file("RandomSeeds", "424242 171717\n");
+        const auto output = finish("--simul").output;
+        if (u_.m.principal) { // the order of pivots may be another one, and with it the draws
+            expect_loadings(output);
+            continue;
+        }
+        const auto y = simulated_records(u_.m.nq);
+        if (plain.empty()) plain = y;
+        ASSERT_EQ(y.size(), plain.size());
+        double sum = 0.0;
+        for (std::size_t i = 0; i < y.size(); ++i)
+            for (int q = 1; q <= u_.m.nq; ++q) {
+                const double first = plain[i][at(q - 1)], here = y[i][at(q - 1)];
+                if (first == -999.0) {
+                    EXPECT_EQ(here, first) << i << " " << q;
+                    continue;
+                }
+                EXPECT_NEAR(here / scale(q), first, 1.0e-9 * (1.0 + std::fabs(first))) << i << " " << q;
+                sum += first * first;
+            }
+        EXPECT_GT(sum, static_cast<double>(y.size()));
     }
 }
 
