@@ -183,6 +183,17 @@ TEST_F(simulated_moments, repeat_effects_of_two_traits_as_the_likelihood_has_the
                         {both, again2, both, own2}});
 }
 
+TEST_F(simulated_moments, repeat_effects_by_record) {
+    simulate_lines(" RAN animal NRM\n RAN perm PEQ\n", "VAR animal 2\n 0.5 0.2 0.6\nVAR perm 2 REC\n 2.0 0.3 1.5\n");
+    // a line: residual + repeat; two lines: repeat
+    const double own1 = 0.5 + 6.0, again1 = 0.5 + 2.0, own2 = 0.6 + 4.5, again2 = 0.6 + 1.5;
+    const double line = 0.2 + 1.0 + 0.3, other = 0.2 + 0.3;
+    expect_covariances({{own1, line, again1, other},
+                        {line, own2, other, again2},
+                        {again1, other, own1, line},
+                        {other, again2, line, own2}});
+}
+
 TEST_F(simulated_moments, subjects_of_two_lines_share_residuals_of_different_traits) {
     simulate_lines(" RAN animal NRM\n SUBject animal\n", "VAR animal 2\n 0.5 0.2 0.6\n");
     expect_covariances({{4.5, 1.2, 0.5, 1.2}, {1.2, 3.6, 1.2, 0.6}, {0.5, 1.2, 4.5, 1.2}, {1.2, 0.6, 1.2, 3.6}});
