@@ -14,7 +14,9 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdint>
 #include <limits>
+#include <utility>
 
 namespace tarvex {
 
@@ -22,77 +24,125 @@ namespace {
 
 constexpr int most_places = 48; // places at which the list may be cut
 
-// The animals of a stretch by place. Parents that are older or unknown are 0.
+constexpr int most_listed = 64; // ways up that are kept as a list, and generations in them
+
+// The animals of a stretch by place in it, from 1. Of animals with few ways up these are listed by the places and the
+// generations at their ends; ways of others are followed until such animals are met.
 struct stretch_tree {
-    int founders = 0;                     // places before this one have no parents in the stretch
-    std::vector<std::array<int, 2>> up{}; // parents
-    std::vector<double> d{}, x{};         // D(k); T(s,k) D(k) for the sire in hand
-    std::vector<int> sire_path{}, dam_path{};
-    std::size_t marked = 0; // ways up from `sire`, at the head of sire_path
-    int sire = 0;           // the sire in hand
-    int dam = 0;            // his last mate
-    double with_dam = 0.0;  // and their relationship within the stretch
+    std::vector<std::array<int, 2>> up{}; // parents; 0: older or unknown
+    std::vector<double> d{};              // D(k)
+    std::vector<double> x{};              // T(s,k) for common ancestors of the pair in hand, else 0
+    std::vector<std::size_t> begin{};     // ways listed: at begin to begin+count-1 of the next two; count 0: too many
+    std::vector<int> count{}, ends{};
+    std::vector<unsigned char> generations{};
+    std::vector<int> path{};                         // animals whose ways are not listed
+    std::vector<std::uint64_t> of_sire{}, of_both{}; // a bit for each ancestor of `sire`, of him and his mate
+    std::vector<std::pair<int, double>> common{};    // ways up from the mate to ancestors of both: place, share
+    int sire = 0;                                    // the sire in hand
+    int dam = 0;                                     // his last mate
+    double with_dam = 0.0;                           // and their relationship within the stretch
 };
 
-// Visits all ways up from the animal at `place` within the stretch, generation by generation: visit(place, share) at
-// the end of each. Those that do not end at a founder are left at the head of `path`; returns their number.
-template <class Visit> std::size_t each_way(const stretch_tree& w, std::vector<int>& path, int place, Visit visit) {
-    visit(place, 1.0);
-    if (place < w.founders) return 0;
-    std::size_t begin = 0, end = 1;
-    if (path.empty()) path.resize(1024);
-    path[0] = place;
-    for (double share = 0.5; begin < end; share *= 0.5) {
-        // two parents each at most
-        if (path.size() < 3 * end) path.resize(6 * end);
-        std::size_t out = end;
-        for (; begin < end; ++begin)
-            for (const int p : w.up[path[begin]]) {
-                if (p == 0) continue;
-                visit(p, share);
-                path[out] = p;
-                out += p >= w.founders ? 1 : 0;
-            }
-        end = out;
-    }
-    return end;
+// Lists the ways up from the animal at `place`, itself first, unless they are too many.
+void list_ways(stretch_tree& w, int place) {
+    int ways = 1;
+    for (const int p : w.up[place])
+        if (p > 0) ways += w.count[p] > 0 ? w.count[p] : most_listed;
+    if (ways > most_listed) return;
+    w.begin[place] = w.ends.size();
+    w.count[place] = ways;
+    w.ends.push_back(place);
+    w.generations.push_back(0);
+    for (const int p : w.up[place])
+        for (std::size_t k = w.begin[p], end = k + static_cast<std::size_t>(w.count[p]); k < end; ++k) {
+            w.ends.push_back(w.ends[k]);
+            w.generations.push_back(static_cast<unsigned char>(w.generations[k] + 1));
+        }
+}
+
+// Visits all ways up from the animal at `place` within the stretch: visit(place, share) at the end of each, where
+// share() is worked out if it is asked for.
+template <class Visit> void each_way(stretch_tree& w, int place, Visit visit) {
+    static constexpr std::array<double, most_listed> half_power = [] {
+        std::array<double, most_listed> x{1.0};
+        for (std::size_t k = 1; k < x.size(); ++k) x[k] = 0.5 * x[k - 1];
+        return x;
+    }();
+    w.path.assign(1, place);
+    std::size_t begin = 0;
+    for (double share = 1.0; begin < w.path.size(); share *= 0.5)
+        for (const std::size_t end = w.path.size(); begin < end; ++begin) {
+            const int i = w.path[begin];
+            const int* next = w.ends.data() + w.begin[w.path[std::min(begin + 3, end - 1)]];
+            for (const int line : {0, 16, 32, 48}) __builtin_prefetch(next + line);
+            const std::size_t from = w.begin[i], to = from + static_cast<std::size_t>(w.count[i]);
+            for (std::size_t k = from; k < to; ++k)
+                visit(w.ends[k], [&] { return share * half_power[w.generations[k]]; });
+            if (to > from) continue;
+            visit(i, [&] { return share; });
+            for (const int p : w.up[i])
+                if (p > 0) w.path.push_back(p);
+        }
+}
+
+std::size_t word(int place) { return static_cast<std::size_t>(place) / 64; }
+std::uint64_t bit(int place) { return std::uint64_t{1} << (static_cast<unsigned>(place) % 64); }
+
+// Sum over common ancestors of the sire in hand and of d. Few are common: sets of bits, which stay close by, tell them.
+double over_common(stretch_tree& w, int d) {
+    w.common.clear();
+    each_way(w, d, [&](int k, auto share) {
+        if ((w.of_sire[word(k)] & bit(k)) == 0) return;
+        w.common.emplace_back(k, share());
+        w.of_both[word(k)] |= bit(k);
+    });
+    if (w.common.empty()) return 0.0;
+    each_way(w, w.sire, [&](int k, auto share) {
+        if ((w.of_both[word(k)] & bit(k)) != 0) w.x[k] += share();
+    });
+    double sum = 0.0;
+    for (const auto& [k, share] : w.common) sum += share * w.x[k] * w.d[k];
+    for (const auto& [k, share] : w.common) w.x[k] = 0.0, w.of_both[word(k)] = 0;
+    return sum;
 }
 
 // Relationship of s and d by common ancestors within the stretch.
 double within_stretch(stretch_tree& w, int s, int d) {
     if (s != w.sire) {
-        // the marks of the last sire are taken back along his ways
-        if (w.sire > 0) w.x[w.sire] = 0.0;
-        for (std::size_t k = 0; k < w.marked; ++k) w.x[w.up[w.sire_path[k]][0]] = w.x[w.up[w.sire_path[k]][1]] = 0.0;
-        w.marked = each_way(w, w.sire_path, s, [&](int k, double share) { w.x[k] += share * w.d[k]; });
+        // the ancestors of the last sire are taken back along his ways
+        if (w.sire > 0) each_way(w, w.sire, [&](int k, auto) { w.of_sire[word(k)] = 0; });
+        each_way(w, s, [&](int k, auto) { w.of_sire[word(k)] |= bit(k); });
         w.sire = s;
         w.dam = 0;
     }
     // full sibs: the sum is that of the last one
-    if (d != w.dam) {
-        w.with_dam = 0.0;
-        each_way(w, w.dam_path, d, [&](int k, double share) { w.with_dam += share * w.x[k]; });
-        w.dam = d;
-    }
+    if (d != w.dam) w.with_dam = over_common(w, d);
+    w.dam = d;
     return w.with_dam;
 }
 
 // Adds what comes in within the stretch to F, in the order of `o`, where brothers and full sibs stand together.
 void add_within_stretch(const sweep_order& o, const std::vector<int>& sire, const std::vector<int>& dam,
                         std::vector<double>& f) {
-    const int first = o.run[o.young];
+    const int older = o.run[o.young] - 1;
+    const std::size_t places = o.at.size() - static_cast<std::size_t>(older);
     stretch_tree w;
-    w.founders = o.young + 1 < o.run.size() ? o.run[o.young + 1] : first;
-    w.up.resize(o.at.size());
-    w.d.resize(o.at.size());
-    w.x.resize(o.at.size());
-    for (int k = first; k < o.run.back(); ++k) {
-        const int i = o.animal[k], s = o.at[k].sire, d = o.at[k].dam;
+    w.up.resize(places);
+    w.d.resize(places);
+    w.x.resize(places);
+    w.of_sire.resize(places / 64 + 1);
+    w.of_both.resize(places / 64 + 1);
+    w.begin.resize(places);
+    w.count.resize(places);
+    for (int k = 1; k < static_cast<int>(places); ++k) {
+        const swept& x = o.at[older + k];
         // older parents belong to the border
-        w.up[k] = {s >= first ? s : 0, d >= first ? d : 0};
+        const int i = o.animal[older + k], s = std::max(x.sire - older, 0), d = std::max(x.dam - older, 0);
+        w.up[k] = {s, d};
         // a parent outside has no common ancestor inside with the other
-        if (s >= first && d >= first) f[i - 1] += 0.5 * within_stretch(w, s, d);
+        if (s > 0 && d > 0) f[i - 1] += 0.5 * within_stretch(w, s, d);
         w.d[k] = mendelian_variance(sire[i - 1], dam[i - 1], f);
+        if (x.slot > 0) list_ways(w, k); // a parent
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <functional>
 #include <queue>
 
@@ -18,6 +19,8 @@ struct order_maker {
     std::vector<int> uses;                         // by animal: offspring still to come
     std::priority_queue<int, std::vector<int>, std::greater<>> free{};
     std::vector<int> freed{}; // in the run in hand
+    // of the run in hand: class and place of the sire, place of the dam and number
+    std::vector<std::array<std::uint64_t, 2>> keys{};
 };
 
 // Parents of those listed, and young animals with two known parents.
@@ -71,13 +74,19 @@ int place_class(const order_maker& w, int i) {
     return w.dams[i] ? 3 : 0;
 }
 
+// Brothers and full sibs stand together.
 void sort_run(order_maker& w, std::size_t r) {
-    const auto key = [&](int i) {
-        // brothers and full sibs stand together
-        return std::array{place_class(w, i), w.o.place[w.sire[i - 1]], w.o.place[w.dam[i - 1]], i};
-    };
-    const auto begin = w.o.animal.begin();
-    std::sort(begin + w.o.run[r], begin + w.o.run[r + 1], [&](int i, int j) { return key(i) < key(j); });
+    w.keys.clear();
+    for (int k = w.o.run[r]; k < w.o.run[r + 1]; ++k) {
+        const int i = w.o.animal[k];
+        const auto both = [](int x, int y) {
+            return static_cast<std::uint64_t>(x) << 32 | static_cast<std::uint64_t>(y);
+        };
+        w.keys.push_back({both(place_class(w, i), w.o.place[w.sire[i - 1]]), both(w.o.place[w.dam[i - 1]], i)});
+    }
+    std::sort(w.keys.begin(), w.keys.end());
+    for (std::size_t k = 0; k < w.keys.size(); ++k)
+        w.o.animal[w.o.run[r] + k] = static_cast<int>(w.keys[k][1] & 0x7fffffffU);
 }
 
 // Gives the animals of run r, which is sorted, their slots.
