@@ -38,6 +38,7 @@
 #include "reports/summary.h"
 #include "reports/writesolns.h"
 #include "simulation/simulation.h"
+#include "support/freed_memory.h"
 #include "support/screen.h"
 #include "support/stop.h"
 
@@ -144,6 +145,7 @@ ending set_up_stores() {
     setup4like();
     setup4mmm();
     end_if_asked(false);
+    keep_freed_memory();
     return {};
 }
 
@@ -226,6 +228,7 @@ int run_here(int argc, const char* const* argv) {
 } // namespace
 
 std::optional<std::string> run_to(run_stage last, int argc, const char* const* argv) {
+    return_freed_memory();
     tvxtimes(1);
     if (!runoptions(argc, argv)) return finish_run();
     for (const phase& p : phases) {

@@ -1,0 +1,18 @@
+#include "support/freed_memory.h"
+
+#include <malloc.h>
+
+namespace tarvex {
+
+// glibc lets its bound follow the largest array freed unless it is set. What is cut off the heap's end stays twice as
+// large, else an array at its end would come and go with each evaluation.
+static void set_bound(int bytes) {
+    mallopt(M_MMAP_THRESHOLD, bytes);
+    mallopt(M_TRIM_THRESHOLD, 2 * bytes);
+}
+
+void return_freed_memory() { set_bound(1 << 20); }
+
+void keep_freed_memory() { set_bound(4 << 20); }
+
+} // namespace tarvex
