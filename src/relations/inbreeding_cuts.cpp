@@ -23,8 +23,7 @@ namespace tarvex {
 namespace {
 
 constexpr int most_places = 48; // places at which the list may be cut
-
-constexpr int most_listed = 64; // ways up that are kept as a list, and generations in them
+constexpr int most_listed = 32; // ways up that are kept as a list, and generations in them
 
 // The animals of a stretch by place in it, from 1. Of animals with few ways up these are listed by the places and the
 // generations at their ends; ways of others are followed until such animals are met.
@@ -43,14 +42,20 @@ struct stretch_tree {
     double with_dam = 0.0;                           // and their relationship within the stretch
 };
 
-// Lists the ways up from the animal at `place`, itself first, unless they are too many.
-void list_ways(stretch_tree& w, int place) {
+std::size_t word(int place) { return static_cast<std::size_t>(place) / 64; }
+std::uint64_t bit(int place) { return std::uint64_t{1} << (static_cast<unsigned>(place) % 64); }
+
+// Number of ways up from the animal at `place`, itself among them; 0 if they are too many to be listed.
+int count_ways(const stretch_tree& w, int place) {
     int ways = 1;
     for (const int p : w.up[place])
         if (p > 0) ways += w.count[p] > 0 ? w.count[p] : most_listed;
-    if (ways > most_listed) return;
+    return ways > most_listed ? 0 : ways;
+}
+
+// Lists the ways up from the animal at `place`, itself first.
+void list_ways(stretch_tree& w, int place) {
     w.begin[place] = w.ends.size();
-    w.count[place] = ways;
     w.ends.push_back(place);
     w.generations.push_back(0);
     for (const int p : w.up[place])
@@ -58,6 +63,34 @@ void list_ways(stretch_tree& w, int place) {
             w.ends.push_back(w.ends[k]);
             w.generations.push_back(static_cast<unsigned char>(w.generations[k] + 1));
         }
+}
+
+// The columns are done with by now: o.at and o.place are given up.
+stretch_tree make_tree(sweep_order& o) {
+    const int older = o.run[o.young] - 1, places = static_cast<int>(o.at.size()) - older;
+    stretch_tree w;
+    w.up.resize(places);
+    w.count.resize(places);
+    std::size_t listed = 0;
+    for (int k = 1; k < places; ++k) {
+        const swept& x = o.at[older + k];
+        // older parents belong to the border
+        w.up[k] = {std::max(x.sire - older, 0), std::max(x.dam - older, 0)};
+        if (x.slot > 0) w.count[k] = count_ways(w, k); // a parent
+        listed += static_cast<std::size_t>(w.count[k]);
+    }
+    o.at = {};
+    o.place = {};
+    w.begin.resize(places);
+    w.ends.reserve(listed);
+    w.generations.reserve(listed);
+    for (int k = 1; k < places; ++k)
+        if (w.count[k] > 0) list_ways(w, k);
+    w.d.resize(places);
+    w.x.resize(places);
+    w.of_sire.resize(word(places) + 1);
+    w.of_both.resize(word(places) + 1);
+    return w;
 }
 
 // Visits all ways up from the animal at `place` within the stretch: visit(place, share) at the end of each, where
@@ -74,7 +107,7 @@ template <class Visit> void each_way(stretch_tree& w, int place, Visit visit) {
         for (const std::size_t end = w.path.size(); begin < end; ++begin) {
             const int i = w.path[begin];
             const int* next = w.ends.data() + w.begin[w.path[std::min(begin + 3, end - 1)]];
-            for (const int line : {0, 16, 32, 48}) __builtin_prefetch(next + line);
+            for (const int line : {0, 16}) __builtin_prefetch(next + line);
             const std::size_t from = w.begin[i], to = from + static_cast<std::size_t>(w.count[i]);
             for (std::size_t k = from; k < to; ++k)
                 visit(w.ends[k], [&] { return share * half_power[w.generations[k]]; });
@@ -84,9 +117,6 @@ template <class Visit> void each_way(stretch_tree& w, int place, Visit visit) {
                 if (p > 0) w.path.push_back(p);
         }
 }
-
-std::size_t word(int place) { return static_cast<std::size_t>(place) / 64; }
-std::uint64_t bit(int place) { return std::uint64_t{1} << (static_cast<unsigned>(place) % 64); }
 
 // Sum over common ancestors of the sire in hand and of d. Few are common: sets of bits, which stay close by, tell them.
 double over_common(stretch_tree& w, int d) {
@@ -122,27 +152,15 @@ double within_stretch(stretch_tree& w, int s, int d) {
 }
 
 // Adds what comes in within the stretch to F, in the order of `o`, where brothers and full sibs stand together.
-void add_within_stretch(const sweep_order& o, const std::vector<int>& sire, const std::vector<int>& dam,
+void add_within_stretch(sweep_order& o, const std::vector<int>& sire, const std::vector<int>& dam,
                         std::vector<double>& f) {
     const int older = o.run[o.young] - 1;
-    const std::size_t places = o.at.size() - static_cast<std::size_t>(older);
-    stretch_tree w;
-    w.up.resize(places);
-    w.d.resize(places);
-    w.x.resize(places);
-    w.of_sire.resize(places / 64 + 1);
-    w.of_both.resize(places / 64 + 1);
-    w.begin.resize(places);
-    w.count.resize(places);
-    for (int k = 1; k < static_cast<int>(places); ++k) {
-        const swept& x = o.at[older + k];
-        // older parents belong to the border
-        const int i = o.animal[older + k], s = std::max(x.sire - older, 0), d = std::max(x.dam - older, 0);
-        w.up[k] = {s, d};
+    stretch_tree w = make_tree(o);
+    for (int k = 1; k < static_cast<int>(w.up.size()); ++k) {
+        const int i = o.animal[older + k], s = w.up[k][0], d = w.up[k][1];
         // a parent outside has no common ancestor inside with the other
         if (s > 0 && d > 0) f[i - 1] += 0.5 * within_stretch(w, s, d);
         w.d[k] = mendelian_variance(sire[i - 1], dam[i - 1], f);
-        if (x.slot > 0) list_ways(w, k); // a parent
     }
 }
 
@@ -300,7 +318,7 @@ std::vector<double> inbreeding_by_cuts(const std::vector<int>& sire, const std::
     task_pool pool(threads);
     int first = 1;
     for (const int end : last) {
-        const sweep_order o = order_stretch(sire, dam, first, end);
+        sweep_order o = order_stretch(sire, dam, first, end);
         add_through_border(o, d, c.level, pool, f);
         add_within_stretch(o, sire, dam, f);
         for (int i = first; i <= end; ++i) d[i] = mendelian_variance(sire[i - 1], dam[i - 1], f);
