@@ -314,12 +314,12 @@ std::vector<double> inbreeding_by_cuts(const std::vector<int>& sire, const std::
                                        const std::vector<int>& last, const std::function<void(int)>& done,
                                        int threads) {
     std::vector<double> f(sire.size()), d(sire.size() + 1);
-    const parent_counts c(sire, dam);
+    const std::vector<int> level = std::move(parent_counts(sire, dam).level); // the other counts are done with
     task_pool pool(threads);
     int first = 1;
     for (const int end : last) {
         sweep_order o = order_stretch(sire, dam, first, end);
-        add_through_border(o, d, c.level, pool, f);
+        add_through_border(o, d, level, pool, f);
         add_within_stretch(o, sire, dam, f);
         for (int i = first; i <= end; ++i) d[i] = mendelian_variance(sire[i - 1], dam[i - 1], f);
         if (done) done(end);
