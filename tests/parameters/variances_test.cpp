@@ -182,6 +182,17 @@ TEST_F(variances_test, switch_to_logarithms_keeps_the_matrix_of_a_negative_diago
     EXPECT_EQ(bestpoint.parbest(5), -0.5);
 }
 
+// The table of evaluations knows points by their numbers alone.
+TEST_F(variances_test, switch_to_logarithms_makes_the_same_numbers_another_point) {
+    set_up(two_traits(), {"--aireml"});
+    bestpoint.parbest = estimates.parvec;
+    const array<double> numbers_before = estimates.parvec;
+    const double x = program_logl(numbers_before);
+    switch_to_logs(1);
+    EXPECT_GT(std::fabs(program_logl(numbers_before) - x), 0.1);
+    EXPECT_NEAR(program_logl(estimates.parvec), x, 1.0e-9);
+}
+
 TEST_F(variances_test, traits_never_together_have_no_residual_covariance) {
     small_model m = two_traits();
     for (auto& r : m.rows) r.y[r.animal % 2 ? 0 : 1] = -999.0;
