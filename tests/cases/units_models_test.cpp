@@ -451,7 +451,11 @@ TEST_P(unit_models, ends_of_searches) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(kinds, unit_models, testing::Range(std::size_t{0}, std::size_t{14}),
-                         [](const auto& kind) { return std::string(all_models()[kind.param].name); });
+// Models are made once for all names: these are asked for wherever tests are listed, which has to be quick.
+std::string name_of(const testing::TestParamInfo<std::size_t>& kind) {
+    static const auto all = all_models();
+    return std::string(all[kind.param].name);
+}
+INSTANTIATE_TEST_SUITE_P(kinds, unit_models, testing::Range(std::size_t{0}, std::size_t{14}), name_of);
 
 } // namespace
