@@ -45,6 +45,8 @@ struct recdata_pass {
     int most = 0;     // largest number of an equation
     std::vector<std::uint64_t>* list_sums = nullptr;
     std::vector<int> controls; // levels of each control variable
+    // Levels of the subject's animals (--super): no pass over the data needs them, but they are what was written.
+    std::vector<int> iraand;
 };
 // Where a subject begins in both files.
 struct recdata_place {

@@ -118,7 +118,7 @@ bool indices_fit(const recdata_pass& pass) {
 }
 
 // The subject is what was written; the first pass that meets it looks at its indices too.
-bool subject_fits(const recdata_pass& pass, std::span<const int> iraand) {
+bool subject_fits(const recdata_pass& pass) {
     const auto& d = pass.record;
     const auto k = static_cast<std::size_t>(pass.nsubject) - 1;
     auto &heads = recoded_sums.heads, &lists = *pass.list_sums;
@@ -126,7 +126,7 @@ bool subject_fits(const recdata_pass& pass, std::span<const int> iraand) {
     if (k >= heads.size() || k >= lists.size()) return indices_fit(pass);
     const std::uint64_t head = head_sum(
         {d.icombi, d.nobs, d.yvec.prefix(d.nobs), d.xcov.prefix(std::ptrdiff_t{d.mcov} * d.kk), d.ynq.prefix(d.nobs),
-         part(d.imeta, d.nmeta, d.nobs), part(d.icov, d.mcov, d.kk), part(d.ieqnr, d.mrow, d.kk), iraand});
+         part(d.imeta, d.nmeta, d.nobs), part(d.icov, d.mcov, d.kk), part(d.ieqnr, d.mrow, d.kk), pass.iraand});
     const std::uint64_t list = list_sum(d.jvec.prefix(d.nr));
     if (!same_sum(heads[k], head) || !same_sum(lists[k], list)) return false;
     // bit 0: indices have been looked at; sums leave it free
@@ -174,13 +174,12 @@ bool next_subject(recdata_pass& pass) {
     bool good = get_head(in, d);
     if (good && d.mcov > 0) good = in.record(columns(d.xcov, d.mcov, d.kk)) && in.record(columns(d.icov, d.mcov, d.kk));
     good = good && in.record(columns(d.ieqnr, d.mrow, d.kk));
-    std::vector<int> iraand; // levels of the animals: no pass over the data needs them, but they are what was written
     if (good && options.superai) {
-        iraand.resize(static_cast<std::size_t>(numbers.krand) * static_cast<std::size_t>(d.nobs));
-        good = in.record(std::span<int>(iraand));
+        pass.iraand.resize(static_cast<std::size_t>(numbers.krand) * static_cast<std::size_t>(d.nobs));
+        good = in.record(std::span<int>(pass.iraand));
     }
     good = good && get_list(pass.lists, d);
-    if (!good || !subject_fits(pass, iraand)) stop_with("Error reading recoded data !");
+    if (!good || !subject_fits(pass)) stop_with("Error reading recoded data !");
     return true;
 }
 

@@ -143,12 +143,10 @@ void need_derivatives(const char* routine) {
 }
 
 // Column p of the Jacobian of the residual block: its factor changes by `change`, completed.
-void completed_column(int step, const array<double, 2>& vv, array<double, 2>& change, int p, array<double, 2>& jac) {
-    const int n = model.kkfit(0);
-    array<int> order;
-    order.allocate(n);
-    for (int c = 1; c <= n; ++c) order(c) = pivot_row(0, step, c);
-    complete_change(residual_zeros(step), order, vv, change);
+void completed_column(const zero_pattern& zeros, const array<int>& order, const array<double, 2>& vv,
+                      array<double, 2>& change, int p, array<double, 2>& jac) {
+    const int n = zeros.n;
+    complete_change(zeros, order, vv, change);
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j)
             for (int c = 1; c <= n; ++c)
@@ -165,6 +163,14 @@ void block_jacobian(int irand, int step, array<double, 2>& jac) {
         return;
     }
     const array<double, 2> vv = block_factor(irand, step);
+    const bool completed = irand == 0 && residualvars.filled;
+    zero_pattern zeros;
+    array<int> order;
+    if (completed) {
+        zeros = residual_zeros(step);
+        order.allocate(n);
+        for (int c = 1; c <= n; ++c) order(c) = pivot_row(0, step, c);
+    }
     const int npar = block_size(irand);
     jac.allocate(ncov, npar);
     for (int p = 1; p <= npar; ++p) {
@@ -176,11 +182,11 @@ void block_jacobian(int irand, int step, array<double, 2>& jac) {
         }
         const int pivot = pivot_row(irand, step, f.col);
         if (irand == 0 && f.row != pivot && residual_held(step, f.row, pivot)) continue; // no parameter
-        if (irand == 0 && residualvars.filled) {
+        if (completed) {
             array<double, 2> change;
             change.allocate(n, n);
             change(f.row, f.col) = times;
-            completed_column(step, vv, change, p, jac);
+            completed_column(zeros, order, vv, change, p, jac);
             continue;
         }
         // dC(i,f.row)/dL(f.row,c) = L(i,c), twice that on the diagonal
