@@ -14,8 +14,6 @@
 
 namespace tarvex {
 
-namespace {} // namespace
-
 void set_units_from_covariances() {
     means.unit.allocate(numbers.nq);
     for (int iq = 1; iq <= numbers.nq; ++iq) {

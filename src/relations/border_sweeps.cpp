@@ -202,7 +202,8 @@ template <class P> void sweep_up(P& w, std::size_t from, std::size_t to) {
 // Adds the Mendelian sampling of the animals of a run to their relationships.
 template <class P, class T> void add_own(P& w, std::span<line<T, P::width>> a, std::size_t r) {
     const sweep_order& o = w.o;
-    for (int k = o.run[r]; r < w.line_runs && k < o.run[r + 1]; ++k) {
+    const int lines_end = r < w.line_runs ? o.run[r + 1] : o.run[r];
+    for (int k = o.run[r]; k < lines_end; ++k) {
         if constexpr (std::is_same_v<T, std::uint16_t>)
             add_scaled(a[o.at[k].slot], w.up[k], static_cast<T>(w.d[k] >> 14));
         else

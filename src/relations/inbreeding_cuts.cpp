@@ -314,7 +314,7 @@ std::vector<double> inbreeding_by_cuts(const std::vector<int>& sire, const std::
                                        const std::vector<int>& last, const std::function<void(int)>& done,
                                        int threads) {
     std::vector<double> f(sire.size()), d(sire.size() + 1);
-    const std::vector<int> level = std::move(parent_counts(sire, dam).level); // the other counts are done with
+    const std::vector<int> level = parent_counts(sire, dam).level; // the other counts are done with
     task_pool pool(threads);
     int first = 1;
     for (const int end : last) {
