@@ -4,6 +4,7 @@
 #include "support/small_models.h"
 
 #include <map>
+#include <span>
 
 using namespace tarvex;
 
@@ -32,39 +33,10 @@ protected:
         m.principal = true;
         return m;
     }
-    static oracle::dense square(const std::vector<double>& packed, int n) {
-        oracle::dense a = oracle::zeros(at(n), at(n));
-        std::size_t k = 0;
-        for (int i = 0; i < n; ++i)
-            for (int j = i; j < n; ++j) a[at(i)][at(j)] = a[at(j)][at(i)] = packed[k++];
-        return a;
-    }
     struct truth {
         oracle::dense u, pev, a, g;
     };
-    // The model as it is given; lines: each line is a subject.
-    struct dense_model {
-        oracle::analysis an;
-        oracle::point at;
-    };
-    static dense_model given_model(const small_model& m, bool lines = false) {
-        dense_model d{m.dense(), {}};
-        d.at.r = {square(m.residual, m.nq)};
-        for (const auto& e : m.random) {
-            d.at.g.push_back(oracle::zeros(at(e.order), at(e.order)));
-            for (std::size_t i = 0; i < e.g.size() && e.diagonal; ++i) d.at.g.back()[i][i] = e.g[i];
-            if (!e.diagonal) d.at.g.back() = square(e.g, e.order);
-        }
-        std::size_t k = 0;
-        int line = 0;
-        for (const auto& r : m.rows) {
-            ++line;
-            for (double y : r.y)
-                if (y != -999.0 && lines) d.an.obs[k++].subject = line;
-        }
-        return d;
-    }
-    static truth dense_solutions(const small_model& m) { return dense_solutions(given_model(m), 0); }
+    static truth dense_solutions(const small_model& m) { return dense_solutions(as_given(m), 0); }
     // Predictions of effect k and their error variances, A(l,l) g(r,r) - c'Pc, c the covariances of the effect with the
     // records.
     static truth dense_solutions(const dense_model& d, std::size_t effect) {
@@ -155,8 +127,8 @@ TEST_F(breeding_values_test, sires_at_reduced_rank) {
     ASSERT_EQ(best.values.size(), 12u); // R, G
     const oracle::analysis an = m.dense();
     oracle::point p;
-    p.r = {square({best.values.begin(), best.values.begin() + 6}, 3)};
-    p.g = {square({best.values.begin() + 6, best.values.end()}, 3)};
+    p.r = {square(std::span(best.values).first(6), 3)};
+    p.g = {square(std::span(best.values).subspan(6), 3)};
     const double loglike = oracle::evaluate(an, oracle::variance(an, p)).logl + 0.5 * 2 * oracle::log_det(an.a[0]);
     EXPECT_NEAR(best.loglike, loglike, 1e-4);
 }
@@ -198,7 +170,7 @@ TEST_F(breeding_values_test, mixed_ranks_give_scores_only_where_the_rank_is_redu
     m.write_files("model");
     finish("--blup");
     EXPECT_FALSE(std::filesystem::exists("EBV_pe.dat"));
-    expect_solutions(dense_solutions(given_model(m), 1), "pe");
+    expect_solutions(dense_solutions(as_given(m), 1), "pe");
 }
 
 // Coefficients times functions are the curve of an animal: of diagonal matrices, of full-rank ones beside others, and,
@@ -219,7 +191,7 @@ TEST_F(breeding_values_test, coefficients_of_random_regressions) {
         SCOPED_TRACE(options);
         m.write_files("model");
         finish(options);
-        const auto d = given_model(m);
+        const auto d = as_given(m);
         expect_solutions(dense_solutions(d, 0), "animal", std::string(options).ends_with("accinb"));
         expect_solutions(dense_solutions(d, 1), "pe");
     }
@@ -231,7 +203,7 @@ TEST_F(breeding_values_test, coefficients_of_random_regressions) {
     m.random[1].rank = 2;
     m.write_files("model");
     finish("--blup");
-    const auto d = given_model(m);
+    const auto d = as_given(m);
     expect_breeding_values(dense_solutions(d, 0), false);
     expect_solutions(dense_solutions(d, 1), "pe");
 }
@@ -251,8 +223,8 @@ TEST_F(breeding_values_test, lines_that_are_subjects) {
         for (const char* options : {"--blup", "--blup --accinb"}) {
             SCOPED_TRACE(std::string(subject) + options);
             finish(options);
-            expect_solutions(dense_solutions(given_model(m, true), 0), "animal", options[6] != '\0');
-            expect_solutions(dense_solutions(given_model(m, true), 1), "pe");
+            expect_solutions(dense_solutions(as_given(m, true), 0), "animal", options[6] != '\0');
+            expect_solutions(dense_solutions(as_given(m, true), 1), "pe");
         }
     }
 }

@@ -32,40 +32,16 @@ small_model animals(int nq, std::vector<double> g, std::vector<double> r, int re
     return m;
 }
 
-oracle::dense square(const double* packed, int n) {
-    oracle::dense a = oracle::zeros(at(n), at(n));
-    for (int i = 0; i < n; ++i)
-        for (int j = i; j < n; ++j) a[at(i)][at(j)] = a[at(j)][at(i)] = *packed++;
-    return a;
-}
-
 // Records drawn from the model, so that a search ends inside the parameter space. Lines are subjects where that is
 // asked for; all effects have levels of their own.
 void draw_records(small_model& m, bool lines, unsigned seed) {
-    oracle::analysis a = m.dense();
-    oracle::point p;
-    if (m.class_bounds.empty())
-        p.r = {square(m.residual.data(), m.nq)};
-    else
-        for (const double& v : m.residual) p.r.push_back(square(&v, 1));
-    for (const auto& e : m.random) {
-        p.g.push_back(oracle::zeros(at(e.order), at(e.order)));
-        for (std::size_t i = 0; i < e.g.size() && e.diagonal; ++i) p.g.back()[i][i] = e.g[i];
-        if (!e.diagonal) p.g.back() = square(e.g.data(), e.order);
-    }
-    std::size_t k = 0;
-    int line = 0;
-    for (const auto& r : m.rows) {
-        ++line;
-        for (double y : r.y)
-            if (y != -999.0 && lines) a.obs[k++].subject = line;
-    }
-    const oracle::dense root = oracle::cholesky(oracle::variance(a, p));
+    const dense_model d = as_given(m, lines);
+    const oracle::dense root = oracle::cholesky(oracle::variance(d.an, d.at));
     std::mt19937 rng(seed);
     std::normal_distribution<double> normal;
     oracle::vec z(root.size());
     for (double& x : z) x = normal(rng);
-    k = 0;
+    std::size_t k = 0;
     for (auto& r : m.rows)
         for (double& y : r.y)
             if (y != -999.0) {

@@ -242,6 +242,36 @@ small_model traits_model(int nq, std::vector<double> g, std::vector<double> r, i
     return m;
 }
 
+oracle::dense square(std::span<const double> packed, int n) {
+    const auto size = static_cast<std::size_t>(n);
+    oracle::dense a = oracle::zeros(size, size);
+    std::size_t k = 0;
+    for (std::size_t i = 0; i < size; ++i)
+        for (std::size_t j = i; j < size; ++j) a[i][j] = a[j][i] = packed[k++];
+    return a;
+}
+
+dense_model as_given(const small_model& m, bool lines) {
+    dense_model d{m.dense(), {}};
+    if (m.class_bounds.empty())
+        d.at.r = {square(m.residual, m.nq)};
+    else
+        for (const double v : m.residual) d.at.r.push_back({{v}});
+    for (const auto& e : m.random) {
+        const auto order = static_cast<std::size_t>(e.order);
+        d.at.g.push_back(e.diagonal ? oracle::zeros(order, order) : square(e.g, e.order));
+        for (std::size_t i = 0; i < e.g.size() && e.diagonal; ++i) d.at.g.back()[i][i] = e.g[i];
+    }
+    std::size_t k = 0;
+    int line = 0;
+    for (const auto& r : m.rows) {
+        ++line;
+        for (double y : r.y)
+            if (y != -999.0 && lines) d.an.obs[k++].subject = line;
+    }
+    return d;
+}
+
 void set_up(const small_model& m, const std::vector<std::string>& arguments) {
     m.write_files("model");
     std::vector<std::string> list{"tarvex"};

@@ -5,6 +5,7 @@
 #include "support/array.h"
 #include "support/dense_oracle.h"
 
+#include <span>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,16 @@ small_model one_trait_model();
 // nq traits of related animals, `repeats` records each from the fourth on, in two herds; with several traits a fifth of
 // the observations missing. g, r: packed covariances.
 small_model traits_model(int nq, std::vector<double> g, std::vector<double> r, int repeats = 1, int animals = 24);
+
+// A model with the matrices that it gives.
+struct dense_model {
+    oracle::analysis an;
+    oracle::point at;
+};
+// lines: each line of the data is a subject.
+dense_model as_given(const small_model& m, bool lines = false);
+// The symmetric matrix of a packed upper triangle.
+oracle::dense square(std::span<const double> packed, int n);
 
 // Writes the files and runs the program's phases to the end of the stores of the likelihood; a stop is thrown.
 void set_up(const small_model& m, const std::vector<std::string>& options = {"--aireml"});
