@@ -10,7 +10,10 @@ constexpr std::array<const char*, 5> names{"POL", "LEG", "BSP", "SPL", "USR"}; /
 
 } // namespace
 
-const char* name_of(basis_kind kind) { return names[static_cast<std::size_t>(kind)]; }
+const char* name_of(basis_kind kind) {
+    const auto k = static_cast<std::size_t>(kind);
+    return k < names.size() ? names[k] : "";
+}
 
 std::optional<basis_kind> basis_named(std::string_view word) {
     for (std::size_t k = 0; k < names.size(); ++k)

@@ -221,9 +221,8 @@ template <class P, class T> void add_own(P& w, std::span<line<T, P::width>> a, s
 
 // The line of each animal becomes half the sum of its parents'.
 template <class Line> void down_animals(const sweep_order& o, std::span<Line> a, int begin, int end) {
-    const int last = static_cast<int>(o.at.size()) - 1;
     for (int k = begin; k < end; ++k) {
-        __builtin_prefetch(&a[o.at[std::min(k + ahead, last)].dam_slot]);
+        __builtin_prefetch(&a[o.at[std::min(k + ahead, end - 1)].dam_slot]);
         const Line &s = a[o.at[k].sire_slot], &d = a[o.at[k].dam_slot];
         Line x;
         for (std::size_t l = 0; l < std::size(x.x); ++l) x.x[l] = mean(s.x[l], d.x[l]);
