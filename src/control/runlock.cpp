@@ -20,7 +20,7 @@ int held = -1; // the locked file, open until the lock is given back; -1: none
 std::string holder(int file) {
     char text[256];
     const ssize_t n = pread(file, text, sizeof text, 0);
-    std::string s(text, n > 0 ? static_cast<std::size_t>(n) : 0);
+    std::string s(text, std::max<std::ptrdiff_t>(n, 0));
     while (!s.empty() && s.back() == '\n') s.pop_back();
     return s;
 }

@@ -12,7 +12,7 @@ namespace tarvex {
 
 void covariable_row(int icov, int iq, double x, std::span<double> row) {
     const basis_kind type = mudmap.cv_type(icov, iq);
-    const auto order = static_cast<std::size_t>(mudmap.cv_order(icov, iq));
+    const std::size_t order = mudmap.cv_order(icov, iq);
     if (type == basis_kind::pol) {
         // powers 1, 2, .. of deviations from the mean: less collinear than raw ones
         const double dev = x - covmeans.cv_xbar(icov, iq);

@@ -36,7 +36,7 @@ bool next_line(data_reader& reader, const char*& b, const char*& e) {
         if (void* nl = have > looked ? std::memchr(start + looked, '\n', have - looked) : nullptr) {
             b = start;
             e = static_cast<const char*>(nl);
-            reader.at += static_cast<std::size_t>(e - b) + 1;
+            reader.at += e - b + 1;
             ++reader.nlines;
             return true;
         }
@@ -54,7 +54,7 @@ bool next_line(data_reader& reader, const char*& b, const char*& e) {
             got = reader.in.gcount();
         }
         if (reader.in.bad()) data_error(reader.ndatrec); // in this read or in the look for a byte order mark
-        reader.end += static_cast<std::size_t>(got);
+        reader.end += got;
         // an unfinished last line
         if (got == 0) {
             if (have == 0) return false;
@@ -157,8 +157,8 @@ namespace {
 
 // A comma between two digits is a decimal comma or parts two values: nobody can tell.
 void check_commas(const data_reader& reader, const char* b, const char* e) {
-    if (!std::memchr(b, ',', static_cast<std::size_t>(e - b))) return;
-    const int column = comma_in_number({b, static_cast<std::size_t>(e - b)});
+    if (!std::memchr(b, ',', e - b)) return;
+    const int column = comma_in_number(std::string_view(b, e - b));
     if (column == 0) return;
     print_list(screen(), "Comma between two digits : line", reader.nlines, "column", column);
     print_list(screen(), "      Write a point in numbers, and a blank behind a comma that parts them");

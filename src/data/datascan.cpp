@@ -6,6 +6,7 @@
 #include "data/pedigreelist.h"
 #include "data/subjectpass.h"
 #include "data/units.h"
+#include "dense/numroutines.h"
 
 #include "basis/legendre.h"
 #include "basis/phimatrix.h"
@@ -133,7 +134,7 @@ void allocate_scan(scan_state& s) {
     allocate("alloc dvec-fx/rn", s.fx, maxfix, nq);
     allocate("alloc dvec-fx/rn", s.rn, numbers.krand);
     allocate("alloc dvec-ex", s.ex, maxext, nq);
-    allocate("alloc dvec", means.pairs, nq * (nq + 1) / 2);
+    allocate("alloc dvec", means.pairs, triangle(nq));
     numbers.maxnr = 0;
 }
 

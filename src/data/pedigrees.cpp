@@ -50,7 +50,7 @@ void add_list(code_marks& marks, long long id) {
     if (id > maxan) print_list(screen(), "Code of an animal is above the largest one allowed :", id, maxan);
     if (id > maxan || id < 1) stop_with("Error reading pedigrees : invalid animal ID");
     marks.largest = std::max(marks.largest, static_cast<int>(id));
-    const auto code = static_cast<std::size_t>(id);
+    const std::size_t code = id;
     // codes may be sparse, but are at most maxan: a flag each
     if (code >= marks.seen.size()) marks.seen.resize(std::max(2 * code, std::size_t{1024}));
     if (marks.seen[code] == 0) ++marks.n;
@@ -74,11 +74,11 @@ void check_repeat(ped_records& records, int line) {
     records.lines.push_back(line);
     const pedrec& r = records.all.back();
     const int n = static_cast<int>(records.all.size());
-    const auto code = static_cast<std::size_t>(r[0]);
+    const std::size_t code = r[0];
     if (code >= records.firsts.size()) records.firsts.resize(std::max(2 * code, std::size_t{1024}));
     int& first = records.firsts[code];
     if (first == 0) first = n;
-    const auto k = static_cast<std::size_t>(first) - 1;
+    const std::size_t k = first - 1;
     // compared with the first line of the animal, which is this one when it is new
     if (records.all[k] == r) {
         if (options.allped && first < n) warn_repeat(r[0], records.lines[k], line); // else told by reducepeds

@@ -24,7 +24,7 @@ struct prune_work {
 };
 
 prune_work full_pedigree() {
-    const std::size_t n = static_cast<std::size_t>(pedigreelist.nanim) + 1;
+    const std::size_t n = pedigreelist.nanim + 1;
     prune_work w{std::vector<int>(n), std::vector<int>(n), std::vector<int>(n), std::vector<int>(n),
                  std::vector<char>(n, 1)};
     w.left[0] = 0;
@@ -50,7 +50,7 @@ std::vector<int> kept_animals(const std::vector<int>& nrec) {
     const auto ids = pedigreelist.idvec.prefix(pedigreelist.nanim);
     for (const int code : randasfix.psfixcode) {
         const auto at = std::lower_bound(ids.begin(), ids.end(), code);
-        if (at != ids.end() && *at == code) kept[static_cast<std::size_t>(at - ids.begin()) + 1] = 1;
+        if (at != ids.end() && *at == code) kept[at - ids.begin() + 1] = 1;
     }
     return kept;
 }
@@ -129,7 +129,7 @@ void secateurs() {
     allocate("alloc prune", pedigreelist.dam, nrun);
     text_out out;
     if (!out.open_append(filenames.sumpedfile)) stop_with("Cannot open file \"" + filenames.sumpedfile + "\"");
-    std::vector<std::vector<int>> nrec(nrun, std::vector<int>(static_cast<std::size_t>(pedigreelist.nanim) + 1));
+    std::vector<std::vector<int>> nrec(nrun, std::vector<int>(pedigreelist.nanim + 1));
     // records of each animal, by relationship matrix
     visit_nrm_codes([&](int irun, std::int64_t icode) {
         if (icode != 0) ++nrec[irun - 1][find_anim(static_cast<int>(icode))];

@@ -188,7 +188,7 @@ void gather2(recoder& r, const array<double>& dvec, int iq) {
 }
 
 template <class T> void sort_columns(const std::vector<int>& order, array<T, 2>& a, std::vector<T>& work) {
-    const std::size_t n = static_cast<std::size_t>(a.upper(1));
+    const std::size_t n = a.upper(1);
     work.resize(n * order.size());
     for (std::size_t k = 0; k < order.size(); ++k)
         std::copy_n(a.column(order[k]).begin(), n, work.begin() + static_cast<std::ptrdiff_t>(k * n));

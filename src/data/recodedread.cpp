@@ -82,8 +82,7 @@ std::vector<int> control_levels(int nmeta) {
     std::vector<int> most(nmeta);
     for (int irrc = 1; irrc <= nmeta; ++irrc)
         for (int iq = 1; iq <= numbers.nq; ++iq)
-            if (const int i = control_place(irrc, iq); i > 0)
-                most[static_cast<std::size_t>(irrc) - 1] = levels.mm_nlev(i, iq);
+            if (const int i = control_place(irrc, iq); i > 0) most[irrc - 1] = levels.mm_nlev(i, iq);
     return most;
 }
 
@@ -92,7 +91,7 @@ bool controls_fit(const subject_record& d, const std::vector<int>& most) {
     for (int k = 1; k <= d.nobs; ++k)
         for (int irrc = 1; irrc <= d.nmeta; ++irrc) {
             const int least = control_place(irrc, d.ynq(k)) > 0 ? 1 : 0;
-            if (d.imeta(irrc, k) < least || d.imeta(irrc, k) > most[static_cast<std::size_t>(irrc) - 1]) return false;
+            if (d.imeta(irrc, k) < least || d.imeta(irrc, k) > most[irrc - 1]) return false;
         }
     return true;
 }
@@ -120,7 +119,7 @@ bool indices_fit(const recdata_pass& pass) {
 // The subject is what was written; the first pass that meets it looks at its indices too.
 bool subject_fits(const recdata_pass& pass) {
     const auto& d = pass.record;
-    const auto k = static_cast<std::size_t>(pass.nsubject) - 1;
+    const std::size_t k = pass.nsubject - 1;
     auto &heads = recoded_sums.heads, &lists = *pass.list_sums;
     // files of another run of the program: there are no sums to go by
     if (k >= heads.size() || k >= lists.size()) return indices_fit(pass);
@@ -175,7 +174,7 @@ bool next_subject(recdata_pass& pass) {
     if (good && d.mcov > 0) good = in.record(columns(d.xcov, d.mcov, d.kk)) && in.record(columns(d.icov, d.mcov, d.kk));
     good = good && in.record(columns(d.ieqnr, d.mrow, d.kk));
     if (good && options.superai) {
-        pass.iraand.resize(static_cast<std::size_t>(numbers.krand) * static_cast<std::size_t>(d.nobs));
+        pass.iraand.resize(std::ptrdiff_t{numbers.krand} * d.nobs);
         good = in.record(std::span<int>(pass.iraand));
     }
     good = good && get_list(pass.lists, d);

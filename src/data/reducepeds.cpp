@@ -47,7 +47,7 @@ int& number_of(hash_tables& tables, long long code) {
     // a table by code would be too long
     if (code > maxan) return tables.large[static_cast<std::uint64_t>(code)];
     auto& number = tables.number;
-    const auto c = static_cast<std::size_t>(code);
+    const std::size_t c = code;
     if (c >= number.size()) number.resize(std::max(2 * c, std::size_t{1024}));
     return number[c];
 }

@@ -58,9 +58,9 @@ void control_values(int iq) {
 
 // Element (iq,jq) of the residual covariances in every class.
 bool starts_at_zero(int iq, int jq) {
-    const int n = model.kkfit(0), triangle = n * (n + 1) / 2;
+    const int n = model.kkfit(0);
     for (int step = 0; step < model.rr_resteps; ++step)
-        if (model.cov(step * triangle + ihmssf(iq, jq, n), 0) != 0.0) return false;
+        if (model.cov(step * triangle(n) + ihmssf(iq, jq, n), 0) != 0.0) return false;
     return true;
 }
 

@@ -62,7 +62,7 @@ bool next_record(subject_pass& pass, array<double>& dvec, int& iq, bool& starts)
     // pass.record is still the record before
     const int before = pass.at == 0 ? 0 : pass.group[pass.record - 1];
     pass.record = pass.order[pass.at++];
-    const auto k = static_cast<std::size_t>(pass.record - 1), width = static_cast<std::size_t>(mudmap.maxcol);
+    const std::size_t k = pass.record - 1, width = mudmap.maxcol;
     std::copy_n(pass.values.begin() + static_cast<std::ptrdiff_t>(k * width), width, dvec.begin());
     iq = pass.trait[k];
     // messages name the record of the file

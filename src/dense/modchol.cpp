@@ -66,7 +66,7 @@ void cholupd(array<double, 2>& w, int n, int j) {
         auto wk = w.column(k);
         const double f = lj[k - 1];
         if (f == 0.0) continue;
-        for (auto i = static_cast<std::size_t>(j); i < static_cast<std::size_t>(n); ++i) wk[i] -= lj[i] * f;
+        for (int i = j; i < n; ++i) wk[i] -= lj[i] * f;
     }
 }
 
@@ -190,7 +190,7 @@ void take_single(array<double, 2>& w, ldl_factor& f, int j, double tol) {
     for (int k = j + 1; k <= n; ++k) {
         auto wk = w.column(k);
         const double factor = lj[k - 1] / d;
-        for (auto i = static_cast<std::size_t>(j); i < static_cast<std::size_t>(n); ++i) wk[i] -= lj[i] * factor;
+        for (int i = j; i < n; ++i) wk[i] -= lj[i] * factor;
     }
     for (int i = j + 1; i <= n; ++i) w(i, j) /= d;
 }
@@ -207,16 +207,16 @@ void take_pair(array<double, 2>& w, ldl_factor& f, int j) {
     auto u = w.column(j), v = w.column(j + 1);
     // (lu lv) = (u v) B^-1 for the block B; the rest loses (lu lv) (u v)'
     std::vector<double> lu(n), lv(lu.size());
-    for (auto i = static_cast<std::size_t>(j + 1); i < lu.size(); ++i) {
+    for (std::size_t i = j + 1; i < lu.size(); ++i) {
         lu[i] = (c * u[i] - b * v[i]) / det;
         lv[i] = (a * v[i] - b * u[i]) / det;
     }
     for (int k = j + 2; k <= n; ++k) {
         auto wk = w.column(k);
-        const auto at = static_cast<std::size_t>(k - 1);
-        for (auto i = static_cast<std::size_t>(j + 1); i < lu.size(); ++i) wk[i] -= lu[i] * u[at] + lv[i] * v[at];
+        const int at = k - 1;
+        for (std::size_t i = j + 1; i < lu.size(); ++i) wk[i] -= lu[i] * u[at] + lv[i] * v[at];
     }
-    for (auto i = static_cast<std::size_t>(j + 1); i < lu.size(); ++i) u[i] = lu[i], v[i] = lv[i];
+    for (std::size_t i = j + 1; i < lu.size(); ++i) u[i] = lu[i], v[i] = lv[i];
     // B is in d and sub; L has the identity there
     w(j + 1, j) = 0.0;
 }
@@ -286,7 +286,7 @@ void ldlfac(const array<double, 2>& a, int n, double tol, ldl_factor& f) {
 }
 
 void solve_ldl(const ldl_factor& f, std::span<const double> r, std::span<double> x, bool convex) {
-    const auto n = static_cast<std::size_t>(f.n);
+    const std::size_t n = f.n;
     std::vector<double> y(n);
     for (std::size_t i = 0; i < n; ++i) y[i] = r[f.perm(i + 1) - 1];
     for (std::size_t j = 0; j < n; ++j) {

@@ -143,18 +143,18 @@ array<double, 2> unpack(std::span<const double> packed, int n) {
 
 void eigem(const array<double, 2>& a, array<double>& eig, array<double, 2>& vectors, int n, double tol, int& nzero) {
     if (n < 1) stop("eigem : n = " + std::to_string(n));
-    const auto order = static_cast<std::size_t>(n);
+    const std::size_t order = n;
     std::vector<double> w(order * order), v(order * order, 0.0);
     for (int j = 1; j <= n; ++j) {
         std::copy_n(a.column(j).begin(), n, w.begin() + static_cast<std::ptrdiff_t>(j - 1) * n);
-        v[static_cast<std::size_t>(j - 1) * (order + 1)] = 1.0;
+        v[(order + 1) * (j - 1)] = 1.0;
     }
     if (n > 1) jacobi(w, v, n);
     if (eig.upper() < n) eig.allocate(n);
     if (vectors.upper(1) < n || vectors.upper(2) < n) vectors.allocate(n, n);
     std::vector<int> by_size(order);
     std::iota(by_size.begin(), by_size.end(), 0);
-    const auto value = [&](int k) { return w[static_cast<std::size_t>(k) * (order + 1)]; };
+    const auto value = [&](int k) { return w[(order + 1) * k]; };
     std::stable_sort(by_size.begin(), by_size.end(), [&](int i, int j) { return value(i) > value(j); });
     nzero = 0;
     for (int k = 1; k <= n; ++k) {
@@ -246,7 +246,7 @@ bool invvert(std::span<double> a, int n) {
         swept[k - 1] = 1;
         sweep(a, n, k, col);
     }
-    for (double& x : a.first(static_cast<std::size_t>(n) * static_cast<std::size_t>(n + 1) / 2)) x = -x;
+    for (double& x : a.first(triangle<std::size_t>(n))) x = -x;
     return true;
 }
 
@@ -255,12 +255,12 @@ void solve(int n, const array<double, 2>& a, std::span<const double> r, std::spa
     for (int j = 1; j <= n; ++j) {
         const auto col = a.column(j);
         const double xj = x[j - 1] /= col[j - 1];
-        for (auto i = static_cast<std::size_t>(j); i < static_cast<std::size_t>(n); ++i) x[i] -= col[i] * xj;
+        for (int i = j; i < n; ++i) x[i] -= col[i] * xj;
     }
     for (int j = n; j >= 1; --j) {
         const auto col = a.column(j);
         double s = x[j - 1];
-        for (auto i = static_cast<std::size_t>(j); i < static_cast<std::size_t>(n); ++i) s -= col[i] * x[i];
+        for (int i = j; i < n; ++i) s -= col[i] * x[i];
         x[j - 1] = s / col[j - 1];
     }
 }

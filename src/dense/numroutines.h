@@ -12,6 +12,9 @@
 
 namespace tarvex {
 
+// Elements of a packed triangle of order n; n of 64 bits where it may be above 46 340.
+template <class count> constexpr count triangle(count n) { return n * (n + 1) / 2; }
+
 // Number of element (i,j) in the packed triangle of order n; i must not be above j.
 constexpr int ihmssf(int i, int j, int n) {
 #ifdef TVX_BOUNDS

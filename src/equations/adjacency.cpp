@@ -36,15 +36,14 @@ std::vector<int> header() {
 }
 
 void write_chunks(record_writer& out, const array<int>& a, int n) {
-    for (int at = 0; at < n; at += kfactor)
-        out.record(std::span<const int>(a.data() + at, static_cast<std::size_t>(std::min(kfactor, n - at))));
+    for (int at = 0; at < n; at += kfactor) out.record(std::span<const int>(a.data() + at, std::min(kfactor, n - at)));
 }
 
 bool read_chunks(record_reader& in, array<int>& a, int n, int factor) {
     for (int at = 0; at < n; at += factor) {
         const int chunk = std::min(factor, n - at);
         if (!in.next() || in.bytes_left() != static_cast<std::uint64_t>(chunk) * sizeof(int)) return false;
-        if (!in.get(std::span<int>(a.data() + at, static_cast<std::size_t>(chunk)))) return false;
+        if (!in.get(std::span<int>(a.data() + at, chunk))) return false;
     }
     return true;
 }

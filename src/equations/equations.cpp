@@ -158,7 +158,7 @@ void new_eqnnos() {
         ++n;
         if (!in.get(nr) || nr < 0 || nr > jvec.size() || !in.get(jvec.prefix(nr)))
             stop_with("Error reading file \"" + filenames.recdatfil2 + "\"");
-        const auto k = static_cast<std::size_t>(n) - 1;
+        const std::size_t k = n - 1;
         // the file may have changed since it was written
         const auto& sums = recoded_sums.old_lists;
         if (k < sums.size() && !same_sum(sums[k], list_sum(jvec.prefix(nr))))

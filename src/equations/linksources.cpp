@@ -95,7 +95,7 @@ struct record_groups {
             std::iota(group.begin(), group.end(), 0);
         } else {
             // patterns without an inverse in hand: all records of the subject are linked
-            const auto k = static_cast<std::size_t>(d.icombi) - 1;
+            const std::size_t k = d.icombi - 1;
             if (k < patterns.size() && static_cast<int>(patterns[k].size()) == n)
                 group = patterns[k];
             else
@@ -166,7 +166,7 @@ void add_blocks(digest_maker& sum) {
 }
 
 template <class T> void add_part(digest_maker& sum, const array<T, 2>& a, int rows, int n) {
-    sum.bytes(a.data(), sizeof(T) * static_cast<std::size_t>(rows) * static_cast<std::size_t>(n));
+    sum.bytes(a.data(), sizeof(T) * rows * n);
 }
 
 void add_records(digest_maker& sum) {
@@ -185,7 +185,7 @@ void add_records(digest_maker& sum) {
         sum.bytes(group.data(), group.size() * sizeof(int));
         add_part(sum, d.icov, d.mcov, d.kk);
         add_part(sum, d.ieqnr, d.mrow, d.kk);
-        sum.bytes(d.jvec.data(), sizeof(int) * static_cast<std::size_t>(d.nr));
+        sum.bytes(d.jvec.data(), sizeof(int) * d.nr);
     }
 }
 
@@ -233,7 +233,7 @@ level_links covar2adjac(int irand) {
     if (mudmap.kovrnd(irand) == covariance_kind::ide) return b;
     std::vector<int> rows, cols;
     // by row, columns below it
-    b.start.assign(static_cast<std::size_t>(b.nlev) + 1, 0);
+    b.start.assign(b.nlev + 1, 0);
     inverse_stream inverse(irand);
     for (inverse_element e; inverse.next(e);) {
         if (e.col == e.row) continue;

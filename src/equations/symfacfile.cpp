@@ -27,7 +27,7 @@ bool sound_structure(int n, int maxlnz, int maxsub, const array<int>& ixvec1, co
                      const array<int>& ixsub) {
     if (ixvec1(1) != 1 || ixvec1(n + 1) - 1 != maxlnz) return false;
     // a list is sound if no break lies within it: one pass for all rows, whatever they share
-    std::vector<int> breaks(static_cast<std::size_t>(maxsub) + 1); // places up to i not above the one before
+    std::vector<int> breaks(maxsub + 1); // places up to i not above the one before
     for (int i = 1; i <= maxsub; ++i) {
         if (ixsub(i) < 1 || ixsub(i) > n) return false;
         breaks[i] = breaks[i - 1] + (i > 1 && ixsub(i) <= ixsub(i - 1) ? 1 : 0);
@@ -68,7 +68,7 @@ bool read_structure(record_reader& in) {
         if (!in.next() || in.bytes_left() != static_cast<std::uint64_t>(chunk) * sizeof(int)) return false;
         if (got + chunk > sparse.ixsub.size())
             sparse.ixsub.resize(std::min<long long>(kaxsub, std::max<long long>(got + chunk, 2 * sparse.ixsub.size())));
-        if (!in.get(std::span<int>(sparse.ixsub.data() + got, static_cast<std::size_t>(chunk)))) return false;
+        if (!in.get(std::span<int>(sparse.ixsub.data() + got, chunk))) return false;
         got += chunk;
     }
     if (!sound_structure(n, kaxlnz, kaxsub, sparse.ixvec1, sparse.ixvec2, sparse.ixsub)) return false;
@@ -102,7 +102,7 @@ void write_symfac() {
     out.record(sparse.ixvec2.prefix(n));
     for (int got = 0; got < sparse.maxsub; got += steps) {
         const int chunk = std::min(steps, sparse.maxsub - got);
-        out.record(std::span<const int>(sparse.ixsub.data() + got, static_cast<std::size_t>(chunk)));
+        out.record(std::span<const int>(sparse.ixsub.data() + got, chunk));
     }
     out.close({structure_sum(), {}});
 }

@@ -194,7 +194,7 @@ bool readbestpoint(bool quiet) {
     if (estimates.nparm > 0 && nprm != estimates.nparm) return false;
     std::vector<std::vector<double>> blocks;
     for (int irand = 0; irand <= numbers.krand; ++irand) {
-        blocks.emplace_back(static_cast<std::size_t>(cov_length(irand)));
+        blocks.emplace_back(cov_length(irand));
         for (double& x : blocks.back())
             if (!(in >> x)) return false;
     }

@@ -9,6 +9,7 @@
 #include "estimation/estimates.h"
 #include "estimation/iteratelog.h"
 #include "likelihood/derivatives.h"
+#include "parameters/parvec.h"
 #include "parameters/residualvars.h"
 #include "parameters/variances.h"
 #include "parfile/model.h"
@@ -146,7 +147,7 @@ judged_point gather() {
     const int n = estimates.nparm;
     p.gradient.assign(derivs.devl1.begin(), derivs.devl1.begin() + n);
     // devl2 has the sign of second derivatives of log L
-    for (int k = 1; k <= n * (n + 1) / 2; ++k) p.information.push_back(-derivs.devl2(k));
+    for (int k = 1; k <= triangle(n); ++k) p.information.push_back(-derivs.devl2(k));
     gather_matrices(p);
     return p;
 }

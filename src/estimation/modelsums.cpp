@@ -55,11 +55,10 @@ digest effects_sum() {
 
 // Residual covariances that start at zero are kept there.
 void add_zero_pattern(digest_maker& sum) {
-    const int n = model.kkfit(0), length = cov_length(0), triangle = n * (n + 1) / 2;
-    if (model.diagonal(0) || n < 1) return;
-    for (int k = 1; k <= length && k <= model.cov.upper(1); ++k)
+    if (model.diagonal(0) || model.kkfit(0) < 1) return;
+    for (int k = 1; k <= cov_length(0) && k <= model.cov.upper(1); ++k)
         // which are zero, not how large: other starting values are the same model
-        if (triangle > 0) sum.add(model.cov(k, 0) == 0.0 ? 1 : 0);
+        sum.add(model.cov(k, 0) == 0.0 ? 1 : 0);
 }
 
 digest blocks_sum() {
@@ -79,7 +78,7 @@ digest blocks_sum() {
 }
 
 template <class T> void add_part(digest_maker& sum, const array<T, 2>& a, int rows, int n) {
-    sum.bytes(a.data(), sizeof(T) * static_cast<std::size_t>(rows) * static_cast<std::size_t>(n));
+    sum.bytes(a.data(), sizeof(T) * rows * n);
 }
 
 digest data_sum() {
@@ -93,14 +92,14 @@ digest data_sum() {
         // codes and values as recoded: a renamed column or file is the same data
         const int head[4] = {d.nobs, d.kk, d.nr, d.mcov};
         sum.bytes(head, sizeof head);
-        const auto nobs = static_cast<std::size_t>(d.nobs);
+        const std::size_t nobs = d.nobs;
         sum.bytes(d.yvec.data(), nobs * sizeof(double));
         sum.bytes(d.ynq.data(), nobs * sizeof(int));
         add_part(sum, d.imeta, d.nmeta, d.nobs);
         add_part(sum, d.xcov, d.mcov, d.kk);
         add_part(sum, d.icov, d.mcov, d.kk);
         add_part(sum, d.ieqnr, d.mrow, d.kk);
-        sum.bytes(d.jvec.data(), sizeof(int) * static_cast<std::size_t>(d.nr));
+        sum.bytes(d.jvec.data(), sizeof(int) * d.nr);
     }
     return sum.value();
 }

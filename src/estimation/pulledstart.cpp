@@ -32,7 +32,7 @@ int trait_of(int irand, int row) {
 
 // Place of covariance (i,k) of a step in model.cov; a diagonal block has variances only.
 int place(int irand, int step, int i, int k) {
-    const int n = model.kkfit(irand), length = model.diagonal(irand) ? n : n * (n + 1) / 2;
+    const int n = model.kkfit(irand), length = model.diagonal(irand) ? n : triangle(n);
     return (step - 1) * length + (model.diagonal(irand) ? i : ihmssf(i, k, n));
 }
 

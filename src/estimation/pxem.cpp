@@ -22,8 +22,6 @@ constexpr double smallest_deviation = 1.0e-4; // mean deviation below which the 
 constexpr double eigen_floor = 1.0e-6;        // of a new covariance matrix
 constexpr double system_floor = 1.0e-5;       // eigenvalues of the scaled joint system that count as none
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 // First place of a block's unknowns in q.unknowns (from 1).
 int first_unknown(const em_quantities& q, int irand) {
     for (std::size_t k = 0; k < q.unknowns.size(); ++k)
@@ -37,24 +35,24 @@ void identity(array<double, 2>& a, int n) {
 }
 
 // Solves the symmetric system, scaled to unit diagonal; unknowns without information are 0.
-std::vector<double> solve_scaled(const std::vector<double>& lhs, const std::vector<double>& rhs) {
+std::vector<double> solve_scaled(const array<double, 2>& lhs, const std::vector<double>& rhs) {
     const int m = static_cast<int>(rhs.size());
     std::vector<double> scale(m, 0.0), x(m, 0.0);
     std::vector<int> live;
     for (int i = 0; i < m; ++i) {
         // a diagonal of 0: no record has this product, the unknown stays 0
-        const double d = lhs[at(i) * at(m) + at(i)];
+        const double d = lhs(i + 1, i + 1);
         if (!(d > 0.0)) continue;
         scale[i] = 1.0 / std::sqrt(d);
         live.push_back(i);
     }
     const int n = static_cast<int>(live.size());
     if (n == 0) return x;
-    std::vector<double> packed(at(n) * at(n + 1) / 2);
+    std::vector<double> packed(triangle<std::size_t>(n));
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j) {
             const int a = live[i - 1], b = live[j - 1];
-            packed[ihmssf(i, j, n) - 1] = lhs[at(a) * at(m) + at(b)] * scale[a] * scale[b];
+            packed[ihmssf(i, j, n) - 1] = lhs(a + 1, b + 1) * scale[a] * scale[b];
         }
     if (!invvert(packed, n)) stop_with("\"INVVRT\" : matrix is singular");
     for (int i = 1; i <= n; ++i)
@@ -105,7 +103,7 @@ double root_mean_square(const array<double, 2>& alpha, int n) {
 // Mean absolute element of D of least norm with D Q = change.
 double mean_deviation(const array<double, 2>& change, int irand) {
     const int n = model.kkfit(irand), r = model.krfit(irand);
-    std::vector<double> qq(at(r) * at(r + 1) / 2, 0.0);
+    std::vector<double> qq(triangle(r), 0.0);
     for (int c = 1; c <= r; ++c)
         for (int d = c; d <= r; ++d)
             for (int i = 1; i <= n; ++i)
@@ -136,18 +134,20 @@ void pxem_setup() {
 void pxem_solve(int irand, const em_quantities& q, array<double, 2>& alpha) {
     const int n = model.kkfit(irand), from = first_unknown(q, irand);
     const bool diagonal = model.diagonal(irand) != 0;
-    std::vector<double> rhs, lhs;
+    std::vector<double> rhs;
     pxem_rhs(irand, q.quads(irand), rhs);
     std::vector<int> kept;
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j)
             // a diagonal block expands each component by itself
             if (!diagonal || i == j) kept.push_back((i - 1) * n + j - 1);
+    const int m = static_cast<int>(kept.size());
     std::vector<double> part;
-    for (int a : kept) {
-        part.push_back(rhs[a]);
-        for (int b : kept) lhs.push_back(q.lhs(from + a, from + b));
-    }
+    for (int a : kept) part.push_back(rhs[a]);
+    array<double, 2> lhs;
+    lhs.allocate(m, m);
+    for (int i = 1; i <= m; ++i)
+        for (int j = 1; j <= m; ++j) lhs(i, j) = q.lhs(from + kept[i - 1], from + kept[j - 1]);
     const std::vector<double> d = solve_scaled(lhs, part);
     // alpha = I + D
     identity(alpha, n);

@@ -47,8 +47,6 @@ constexpr double rest_share = 0.1;                       // of verdict_limit, pr
 constexpr double crept_share = 0.5;                      // the same behind a step that won next to nothing
 constexpr int least_limit = 50, limit_per_parameter = 3; // iterates, where the user has set no limit
 
-std::size_t at(int i) { return static_cast<std::size_t>(i - 1); }
-
 // Least logarithm of a diagonal, which is a root: twice that of the least variance, since pivots below make a point
 // invalid.
 double least_log() { return 0.5 * std::log(4.0 * least_variance()); }
@@ -99,7 +97,7 @@ array<double, 2> in_units(const array<double>& packed, const std::vector<region_
     h.allocate(n, n);
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j) {
-            const region_axis &a = axes[at(i)], &b = axes[at(j)];
+            const region_axis &a = axes[i - 1], &b = axes[j - 1];
             h(i, j) = packed(packed_place(a.par, b.par, estimates.nparm)) * a.unit * b.unit;
         }
     return h;

@@ -62,7 +62,7 @@ int size() { return derivs.nparm2; }
 // The subset's information matrix and gradient.
 void get_hessian(array<double>& gradient) {
     const int n = size(), nparm = estimates.nparm;
-    derivs.hess.allocate(n * (n + 1) / 2);
+    derivs.hess.allocate(triangle(n));
     gradient.allocate(n);
     for (int i = 1; i <= n; ++i) {
         gradient(i) = derivs.der1(derivs.subset(i));

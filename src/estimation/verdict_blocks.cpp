@@ -193,7 +193,7 @@ void judge_matrix(judgement& j, const judged_block& b) {
     if (gone.empty()) return;
     name_border(j, b, m, gone);
     // the whole matrix: its elements move together along the border
-    for (int e = 1; e <= n * (n + 1) / 2; ++e) j.verdict.void_errors.push_back(b.first + e - 1);
+    for (int e = 1; e <= triangle(n); ++e) j.verdict.void_errors.push_back(b.first + e - 1);
 }
 
 // ---- matrices with elements held at 0, near the border
@@ -342,7 +342,7 @@ bool at_border_beside_zeros(judgement& j, const judged_block& b) {
         j.verdict.promised += std::max(h.m.eig(gone(p)), 0.0) * std::max(c.multipliers(p), 0.0);
     free_beside(j, h, gone, c.multipliers, c.basis);
     name_border(j, b, h.m, gone);
-    for (int e = 1; e <= b.order() * (b.order() + 1) / 2; ++e)
+    for (int e = 1; e <= triangle(b.order()); ++e)
         if (!held(b, e)) j.verdict.void_errors.push_back(b.first + e - 1);
     return true;
 }

@@ -39,19 +39,15 @@ namespace tarvex {
 
 namespace {
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 constexpr int columns_at_once = solve_columns; // working variables in one pass over the factor
 
 // What the working variables of a random effect take from the solutions, by level.
 struct effect_vectors {
-    int n = 0;             // kkfit
-    int rank = 0;          // equations of a level
-    std::vector<double> u; // solutions, rank for each level
-    std::vector<double> v; // full rank: G^-1 u; principal: x = (A x I) Z'R^-1 e, n for each level
-    std::vector<int> par;  // principal: parameter (from 1) of element (r,c) of the factor at r-1 + (c-1) n, 0 none
-    const double* level_u(int l) const { return u.data() + at(l - 1) * at(rank); }
-    const double* level_v(int l) const { return v.data() + at(l - 1) * at(n); }
+    int n = 0;            // kkfit
+    int rank = 0;         // equations of a level
+    array<double, 2> u{}; // (rank, levels) solutions
+    array<double, 2> v{}; // (n, levels) full rank: G^-1 u; principal: x = (A x I) Z'R^-1 e
+    array<int, 2> par{};  // (n, rank) principal: parameter of element (r,c) of the factor, 0 none
 };
 
 // the repeat effect is a part of R: its working variables come with those of the residual
@@ -61,12 +57,11 @@ effect_vectors get_solutions(int irand) {
     effect_vectors e;
     e.n = model.kkfit(irand);
     e.rank = nfit(irand);
-    const int count = levels.rn_nlev(irand) * e.rank;
-    e.u.resize(count);
-    for (int k = 1; k <= count; ++k) {
-        // 0: the equation was taken out, its solution is 0
-        const int eq = orders.ieqnew(mmequations.rn_start(irand) + k);
-        e.u[k - 1] = eq > 0 ? solutions.solns(eq) : 0.0;
+    e.u.allocate(e.rank, levels.rn_nlev(irand));
+    // 0: the equation was taken out, its solution is 0
+    for (int k = mmequations.rn_start(irand); double& u : e.u) {
+        const int eq = orders.ieqnew(++k);
+        u = eq > 0 ? solutions.solns(eq) : 0.0;
     }
     return e;
 }
@@ -74,19 +69,17 @@ effect_vectors get_solutions(int irand) {
 // dV/dG(i,j) Py = Z (E(i,j) x A) Z'Py, and u = (G x A) Z'Py: what stands behind E(i,j) is G^-1 u
 void scale_by_inverse(int irand, effect_vectors& e) {
     const int nlev = levels.rn_nlev(irand);
-    e.v.assign(at(nlev) * at(e.n), 0.0);
-    for (int l = 0; l < nlev; ++l)
-        for (int j = 0; j < e.n; ++j) {
-            const double uj = e.u[at(l) * at(e.n) + at(j)];
-            for (int i = 0; i < e.n; ++i) e.v[at(l) * at(e.n) + at(i)] += randomvars.zig(i + 1, j + 1, irand) * uj;
-        }
+    e.v.allocate(e.n, nlev);
+    for (int l = 1; l <= nlev; ++l)
+        for (int j = 1; j <= e.n; ++j)
+            for (int i = 1; i <= e.n; ++i) e.v(i, l) += randomvars.zig(i, j, irand) * e.u(j, l);
 }
 
 void map_factor(int irand, effect_vectors& e) {
-    e.par.assign(at(e.n) * at(e.rank), 0);
+    e.par.allocate(e.n, e.rank);
     for (int k = 1; k <= block_size(irand); ++k) {
         const factor_place f = factor_element(irand, 1, k);
-        e.par[at(f.row - 1) + at(f.col - 1) * at(e.n)] = block_start(irand) + k - 1;
+        e.par(f.row, f.col) = block_start(irand) + k - 1;
     }
 }
 
@@ -102,11 +95,10 @@ void solve_transposed(int irand, effect_vectors& e) {
     for (int i = 1; i <= n; ++i)
         for (int j = 1; j <= n; ++j) inverse(i, j) = randomvars.zig(j, i, irand);
     if (!invert_general(inverse, n)) stop("this should not happen");
-    e.v.assign(at(nlev) * at(n), 0.0);
-    for (int l = 0; l < nlev; ++l)
-        for (int i = 0; i < n; ++i)
-            for (int j = 0; j < n; ++j)
-                e.v[at(l) * at(n) + at(i)] += inverse(i + 1, j + 1) * e.u[at(l) * at(n) + at(j)];
+    e.v.allocate(n, nlev);
+    for (int l = 1; l <= nlev; ++l)
+        for (int i = 1; i <= n; ++i)
+            for (int j = 1; j <= n; ++j) e.v(i, l) += inverse(i, j) * e.u(j, l);
 }
 
 // R^-1 e of the subject in the stream.
@@ -115,7 +107,7 @@ void weighted_residuals(const subject_stream& stream, std::vector<double>& ehat,
     const int n = stream.design().nobs;
     re.assign(n, 0.0);
     for (int i = 0; i < n; ++i) {
-        if (stream.rinv_diagonal())
+        if (stream.rinv().diagonal)
             re[i] = stream.rinv(i, i) * ehat[i];
         else
             for (int j = 0; j < n; ++j) re[i] += stream.rinv(i, j) * ehat[j];
@@ -201,13 +193,13 @@ void multiply_relationships(int irand, effect_vectors& e) {
     const int nlev = levels.rn_nlev(irand);
     // the columns of a level stand together in v: one place at a time over all levels
     std::vector<double> z(nlev), az;
-    for (int p = 0; p < e.n; ++p) {
-        for (int l = 0; l < nlev; ++l) z[l] = e.v[at(l) * at(e.n) + at(p)];
+    for (int p = 1; p <= e.n; ++p) {
+        for (int l = 1; l <= nlev; ++l) z[l - 1] = e.v(p, l);
         if (given)
             solve_given(irand, z, az);
         else
             nrm_product(mudmap.iranno(irand), z, az);
-        for (int l = 0; l < nlev; ++l) e.v[at(l) * at(e.n) + at(p)] = az[l];
+        for (int l = 1; l <= nlev; ++l) e.v(p, l) = az[l - 1];
     }
 }
 
@@ -224,11 +216,10 @@ void collect_z(vector1<effect_vectors>& all) {
                 const design_effect& f = d.effects[k];
                 effect_vectors& e = all(f.irand);
                 if (!needs_relationships(f.irand)) continue;
-                double* v = e.v.data() + at(f.level - 1) * at(e.n);
                 if (!f.raw)
-                    v[f.place - 1] += re[i];
+                    e.v(f.place, f.level) += re[i];
                 else
-                    for (int p = 0; p < e.n; ++p) v[p] += f.raw[p] * re[i];
+                    for (int p = 1; p <= e.n; ++p) e.v(p, f.level) += f.raw[p - 1] * re[i];
             }
     }
 }
@@ -251,7 +242,7 @@ vector1<effect_vectors> set_bmat() {
             continue;
         }
         wanted = true;
-        e.v.assign(at(levels.rn_nlev(irand)) * at(e.n), 0.0);
+        e.v.allocate(e.n, levels.rn_nlev(irand));
     }
     if (!wanted) return all;
     collect_z(all);
@@ -260,15 +251,21 @@ vector1<effect_vectors> set_bmat() {
     return all;
 }
 
-// Working variables of the records of a subject, nparm for each record.
+// The parameters of each record together.
+struct parameter_rows {
+    std::vector<double> v{};
+    void reset(int records) { v.assign(std::ptrdiff_t{records} * estimates.nparm, 0.0); }
+    double* row(int i) { return v.data() + std::ptrdiff_t{i} * estimates.nparm; }
+};
+
+// Working variables of the records of a subject.
 class working_variables {
 public:
     explicit working_variables(const vector1<effect_vectors>& effects) : effects_(effects) {}
 
     void form(const subject_stream& stream) {
         const subject_design& d = stream.design();
-        const std::size_t np = at(estimates.nparm);
-        b.assign(at(d.nobs) * np, 0.0);
+        b.reset(d.nobs);
         weighted_residuals(stream, ehat_, re_);
         residual_columns(stream.record());
         // b(i) is row i of B: the residual part stands, the effects of the record are added
@@ -280,18 +277,17 @@ public:
                     const double z = f.raw ? f.raw[p - 1] : p == f.place ? 1.0 : 0.0;
                     if (z == 0.0) continue;
                     if (options.principal)
-                        factor_columns(f, e, p, z, b.data() + at(i) * np);
+                        factor_columns(f, e, p, z, b.row(i));
                     else
-                        full_columns(f, e, p, z, b.data() + at(i) * np);
+                        full_columns(f, e, p, z, b.row(i));
                 }
             }
     }
-    std::vector<double> b;
+    parameter_rows b;
 
 private:
     // dR R^-1 e.
     void residual_columns(const subject_record& d) {
-        const std::size_t np = at(estimates.nparm);
         const int nobs = d.nobs;
         if (options.randreg) residual_classes(d, age_, iclass_);
         int pars[2];
@@ -304,14 +300,14 @@ private:
                 const int n = residual_pars(d.ynq(i + 1), d.ynq(j + 1), c, i == j, pars);
                 for (int k = 0; k < n; ++k) {
                     // dR has 1 at (i,j) and (j,i)
-                    b[at(i) * np + at(pars[k] - 1)] += re_[j];
-                    if (i != j) b[at(j) * np + at(pars[k] - 1)] += re_[i];
+                    b.row(i)[pars[k] - 1] += re_[j];
+                    if (i != j) b.row(j)[pars[k] - 1] += re_[i];
                 }
             }
     }
     // Covariance (p,j): z v(j), and the same from the record's own place j for p.
     void full_columns(const design_effect& f, const effect_vectors& e, int p, double z, double* row) const {
-        const double* v = e.level_v(f.level);
+        const double* v = e.v.column(f.level).data();
         const int from = block_start(f.irand);
         if (model.diagonal(f.irand)) {
             row[from + p - 2] += z * v[p - 1];
@@ -321,12 +317,12 @@ private:
     }
     // Q(r,c): z u(c) where p is r, and z Q(p,c) x(r).
     void factor_columns(const design_effect& f, const effect_vectors& e, int p, double z, double* row) const {
-        const double* u = e.level_u(f.level);
-        const double* x = e.level_v(f.level);
+        const double* u = e.u.column(f.level).data();
+        const double* x = e.v.column(f.level).data();
         for (int c = 1; c <= e.rank; ++c) {
             const double q = z * randomvars.zig(p, c, f.irand);
             for (int r = 1; r <= e.n; ++r) {
-                const int par = e.par[at(r - 1) + at(c - 1) * at(e.n)];
+                const int par = e.par(r, c);
                 if (par == 0) continue;
                 row[par - 1] += q * x[r - 1] + (r == p ? z * u[c - 1] : 0.0);
             }
@@ -366,17 +362,18 @@ public:
         work_.form(stream);
         const subject_design& d = stream.design();
         const int np = estimates.nparm;
-        const std::vector<double>& b = work_.b;
-        rb_.assign(b.size(), 0.0);
+        parameter_rows& b = work_.b;
+        rb_.reset(d.nobs);
         for (int i = 0; i < d.nobs; ++i)
             for (int j = 0; j < d.nobs; ++j) {
                 const double r = stream.rinv(i, j);
                 if (r == 0.0) continue;
-                for (int k = 0; k < np; ++k) rb_[at(i) * at(np) + at(k)] += r * b[at(j) * at(np) + at(k)];
+                const double* bj = b.row(j);
+                double* ri = rb_.row(i);
+                for (int k = 0; k < np; ++k) ri[k] += r * bj[k];
             }
         for (int i = 0; i < d.nobs; ++i) {
-            const double* bi = b.data() + at(i) * at(np);
-            const double* ri = rb_.data() + at(i) * at(np);
+            const double *bi = b.row(i), *ri = rb_.row(i);
             // a: row k of the packed triangle, from its diagonal on
             double* a = sums.aimat.data();
             for (int k = 0; k < np; a += np - k, ++k) {
@@ -399,7 +396,7 @@ public:
 
 private:
     working_variables work_;
-    std::vector<double> rb_;
+    parameter_rows rb_;
     std::vector<int> eq_;
 };
 
@@ -413,10 +410,13 @@ struct information_worker {
 // The sums of a chunk to those of all, records in their order.
 void take_over(const information_sums& sums, array<double>& brx) {
     std::transform(sums.aimat.begin(), sums.aimat.end(), derivs.aimat.begin(), derivs.aimat.begin(), std::plus<>());
+    const double* row = sums.rows.data();
     std::size_t from = 0;
-    for (std::size_t i = 0; i < sums.entries.size(); from += at(sums.entries[i++]))
-        add_row(sums.eq.data() + from, sums.weight.data() + from, sums.entries[i],
-                sums.rows.data() + i * at(estimates.nparm), brx);
+    for (const int entries : sums.entries) {
+        add_row(sums.eq.data() + from, sums.weight.data() + from, entries, row, brx);
+        from += entries;
+        row += estimates.nparm;
+    }
 }
 
 // Some chunks at a time, since what they leave takes memory.
@@ -444,7 +444,7 @@ void b_matrix(const vector1<effect_vectors>& effects, array<double>& brx) {
     if (const int chunks = shared_chunks(); chunks > 0) return add_shared(stream, effects, chunks, brx);
     subject_information subject(effects);
     information_sums sums;
-    const auto size = static_cast<std::size_t>(derivs.aimat.size());
+    const std::size_t size = derivs.aimat.size();
     sums.aimat.assign(size, 0.0);
     while (stream.next()) {
         subject.add(stream, sums, &brx);
@@ -518,8 +518,8 @@ void average_info() {
     const int np = estimates.nparm;
     check_average_info();
     need_evaluation("average_info");
-    allocate("all zre", derivs.aimat, np * (np + 1) / 2);
-    allocate("all zre", derivs.devl2, np * (np + 1) / 2);
+    allocate("all zre", derivs.aimat, triangle(np));
+    allocate("all zre", derivs.devl2, triangle(np));
     array<double> brx;
     // parameters of an equation stand together: a record adds a row to each of its equations
     allocate_large("brx", brx, static_cast<long long>(numbers.nsrow) * np);

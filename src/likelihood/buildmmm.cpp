@@ -4,6 +4,7 @@
 #include "control/options.h"
 #include "data/datavecs.h"
 #include "data/levels.h"
+#include "dense/numroutines.h"
 #include "equations/mmequations.h"
 #include "equations/mmmatrix.h"
 #include "equations/orders.h"
@@ -23,14 +24,12 @@ namespace tarvex {
 
 namespace {
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 // All stores together: unless places.most says how many, an eighth of the factor's bytes and 48 MB more, in all at most
 // 192 MB (four bytes a pair).
 constexpr std::size_t places_limit = 48'000'000, places_base = 12'000'000;
 std::size_t most_places() {
     if (places.most > 0) return places.most;
-    return std::min(places_limit, places_base + static_cast<std::size_t>(sparse.maxlnz) / 4);
+    return std::min<std::size_t>(places_limit, places_base + sparse.maxlnz / 4);
 }
 
 std::size_t places_held() {
@@ -47,7 +46,7 @@ struct local_matrix {
 
 double& lower(std::vector<double>& a, int l, int m) {
     if (l < m) std::swap(l, m);
-    return a[at(l) * at(l + 1) / 2 + at(m)];
+    return a[triangle<std::size_t>(l) + m];
 }
 
 // Independent records: each adds r w w' alone. A record may name an equation twice: both orders of such a
@@ -90,7 +89,7 @@ void add_full(const design_part& part, local_matrix& w) {
             const double wl = d.weight[e];
             // row l of W'R^-1 (W, y): record i gives its weight times t
             w.b[l] += wl * ty;
-            double* row = w.a.data() + at(l) * at(l + 1) / 2;
+            double* row = w.a.data() + triangle<std::size_t>(l);
             for (int m = 0; m <= l; ++m) row[m] += wl * w.t[m];
         }
     }
@@ -99,7 +98,7 @@ void add_full(const design_part& part, local_matrix& w) {
 // Of the part: rows and columns d.eq, in w.
 void form_part(const design_part& part, local_matrix& w) {
     const int nl = part.design->nl;
-    w.a.assign(at(nl) * at(nl + 1) / 2, 0.0);
+    w.a.assign(triangle<std::size_t>(nl), 0.0);
     w.b.assign(nl, 0.0);
     w.yy = 0.0;
     if (part.diagonal)
@@ -160,10 +159,10 @@ struct formed_chunk {
         const int* e = eq.data();
         const double* v = values.data();
         for (int n : nl) {
-            const std::size_t size = at(n) * at(n + 1) / 2;
-            if (!scatter(n, e, v, v + size, v[size + at(n)], place)) return false;
+            const std::size_t size = triangle<std::size_t>(n);
+            if (!scatter(n, e, v, v + size, v[size + n], place)) return false;
             e += n;
-            v += size + at(n) + 1;
+            v += size + n + 1;
         }
         return true;
     }
@@ -236,18 +235,18 @@ void xrhs2spar() {
 struct block_adder {
     int irand, n;
     bool diagonal_links;
-    std::vector<double> ww; // n*n
-    const int* eq;          // eq[(l-1)*n + r-1]: equation of component r of level l
+    array<double, 2> ww{}; // (n,n)
+    const int* eq;         // eq[(l-1)*n + r-1]: equation of component r of level l
     place_cursor place;
     bool missing = false;
 
     explicit block_adder(int ir)
         : irand(ir), n(nfit(ir)), diagonal_links(links_diagonal(ir)), eq(&orders.ieqnew(mmequations.rn_start(ir) + 1)),
           place(places.blocks(ir), sparse.xspars) {
-        ww.resize(at(n) * at(n));
-        for (int r = 0; r < n; ++r)
-            for (int s = 0; s < n; ++s)
-                ww[r * n + s] = options.principal ? (r == s ? 1.0 : 0.0) : randomvars.zig(r + 1, s + 1, irand);
+        ww.allocate(n, n);
+        for (int r = 1; r <= n; ++r)
+            for (int s = 1; s <= n; ++s)
+                ww(s, r) = options.principal ? (r == s ? 1.0 : 0.0) : randomvars.zig(r, s, irand);
     }
     void add(int a, int b, double value) {
         if (a < 1 || b < 1) no_place(a, b);
@@ -267,15 +266,16 @@ struct block_adder {
         const int* ei = eq + static_cast<std::ptrdiff_t>(ii - 1) * n;
         const int* ej = eq + static_cast<std::ptrdiff_t>(jj - 1) * n;
         for (int r = 0; r < n; ++r) {
+            const std::span<const double> w = ww.column(r + 1);
             if (ii == jj) {
                 if (ei[r] < 1) no_place(ei[r], ei[r]);
-                sparse.diag(ei[r]) += aa * ww[r * n + r];
+                sparse.diag(ei[r]) += aa * w[r];
                 if (diagonal_links) continue;
-                for (int s = 0; s < r; ++s) add(ei[r], ei[s], aa * ww[r * n + s]);
+                for (int s = 0; s < r; ++s) add(ei[r], ei[s], aa * w[s]);
             } else if (diagonal_links) {
-                add(ei[r], ej[r], aa * ww[r * n + r]);
+                add(ei[r], ej[r], aa * w[r]);
             } else {
-                for (int s = 0; s < n; ++s) add(ei[r], ej[s], aa * ww[r * n + s]);
+                for (int s = 0; s < n; ++s) add(ei[r], ej[s], aa * w[s]);
             }
         }
     }

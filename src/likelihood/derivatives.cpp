@@ -25,8 +25,6 @@ namespace tarvex {
 
 namespace {
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 // Derivatives with respect to the elements of the factors, kkfit x krfit for each block (principal runs).
 using factor_sums = vector1<array<double, 2>>;
 
@@ -54,13 +52,11 @@ struct residual_part {
     void add_subject(const part_products& p) {
         const subject_record& d = *p.part.record;
         residual_classes(d, age, iclass);
-        const std::span<const int> q(d.ynq.data(), at(d.nobs));
-        const std::size_t from = at(p.part.obs), n = at(p.part.design->nobs);
+        const std::span<const int> q(d.ynq.data(), d.nobs);
         pattern_matrix rinv;
-        rinv.n = p.part.design->nobs;
-        rinv.diagonal = p.part.diagonal;
-        rinv.v.assign(p.part.r, p.part.r + (rinv.diagonal ? n : n * n));
-        const auto cut = [&](std::span<const int> s) { return s.subspan(from, n); };
+        rinv.reset(p.part.design->nobs, p.part.diagonal);
+        std::copy_n(p.part.r, rinv.v.size(), rinv.v.begin());
+        const auto cut = [&](std::span<const int> s) { return s.subspan(p.part.obs, rinv.n); };
         add_residual_terms(between_inverses(rinv, p.m), cut(q), cut(age), cut(iclass), 1.0, data);
         add_residual_terms(rinv, cut(q), cut(age), cut(iclass), -0.5, trace);
     }
@@ -147,20 +143,6 @@ void data_pass(const pattern_values& x) {
 }
 
 } // namespace
-
-int block_size(int irand) {
-    if (model.diagonal(irand)) return model.kkfit(irand);
-    return model.krfit(irand) * (2 * model.kkfit(irand) - model.krfit(irand) + 1) / 2;
-}
-
-factor_place factor_element(int irand, int step, int k) {
-    if (model.diagonal(irand)) return {k, k};
-    const int n = model.kkfit(irand);
-    int c = 1;
-    // columns have n, n-1, ... elements; rows are named by the order of pivots
-    for (int length = n; k > length; ++c, --length) k -= length;
-    return {estimates.cholorder((step - 1) * n + c + k - 1, irand), c};
-}
 
 void derivatives_mmm() {
     const int nparm = estimates.nparm;

@@ -54,13 +54,4 @@ void jacob_var2chol(int flag);
 // block), p over the parameters of the block (of the class). Reduced rank: derivatives of QQ'.
 void block_jacobian(int irand, int step, array<double, 2>& jac);
 
-// Row of the factor and column that parameter k (from 1) of block irand, class step, stands for.
-struct factor_place {
-    int row, col;
-};
-factor_place factor_element(int irand, int step, int k);
-
-// Parameters of one class of block irand.
-int block_size(int irand);
-
 } // namespace tarvex

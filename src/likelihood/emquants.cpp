@@ -27,8 +27,6 @@ namespace tarvex {
 
 namespace {
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 // Gathers the coefficient matrix of the expansion over the records of a part:
 // sum over records of R^-1(r,s) z_r(i) z_s(k) E(u_j(level of r) u_l(level of s)).
 class expansion_sums {
@@ -123,8 +121,7 @@ private:
                 const int row = first_(e.irand) + (i - 1) * ne, col = first_(f.irand) + (k - 1) * nf;
                 for (int j = 0; j < ne; ++j)
                     for (int l = 0; l < nf; ++l)
-                        q_.lhs(row + j + 1, col + l + 1) +=
-                            rinv * zi * zk * expect_[at(es.from + j) * n + at(fs.from + l)];
+                        q_.lhs(row + j + 1, col + l + 1) += rinv * zi * zk * expect_[n * (es.from + j) + fs.from + l];
             }
         }
     }

@@ -53,7 +53,7 @@ vector1<double> current_values() {
 vector1<double> complete_patterns(const em_quantities& q) {
     const int nq = numbers.nq;
     // no covariance of it is held: R is the packed residual part of the parameters
-    const array<double, 2> R = unpack(residualvars.rpars.prefix(nq * (nq + 1) / 2), nq);
+    const array<double, 2> R = unpack(residualvars.rpars.prefix(triangle(nq)), nq);
     array<double, 2> sum;
     sum.allocate(nq, nq);
     double subjects = 0.0;
@@ -148,14 +148,15 @@ vector1<pattern_matrix> pattern_inverses(const em_quantities& q, const vector1<d
     array<double, 2> factor;
     for (int k = 1; k <= combinations.ncombi; ++k) {
         pattern_matrix& inv = list(k);
-        const int n = inv.n = q.residuals(k).n;
+        const int n = q.residuals(k).n;
         if (n == 0) continue;
+        inv.reset(n, false);
         if (!pattern_factor(pattern_traits(k), theta, factor)) stop("this should not happen");
         for (int c = 1; c <= n; ++c) {
             vector1<double> x(n);
             x(c) = 1.0;
             solve(n, factor, x, x);
-            inv.v.insert(inv.v.end(), x.begin(), x.end());
+            for (int i = 1; i <= n; ++i) inv(i, c) = x(i);
         }
     }
     return list;
@@ -270,7 +271,7 @@ vector1<double> scoring_change(const em_quantities& q, const vector1<double>& ol
                                const vector1<pattern_matrix>& inverses) {
     const int n = estimates.nrespeq;
     array<double, 2> w;
-    vector1<double> h(n), info(std::ptrdiff_t{n} * (n + 1) / 2);
+    vector1<double> h(n), info(triangle<std::ptrdiff_t>(n));
     for (int k = 1; k <= combinations.ncombi; ++k) {
         const pattern_matrix& s = q.residuals(k);
         if (s.n == 0) continue;
@@ -284,8 +285,8 @@ vector1<double> scoring_change(const em_quantities& q, const vector1<double>& ol
             pattern_variance(traits, unit, w);
             if (std::all_of(w.begin(), w.end(), [](double x) { return x == 0.0; })) continue;
             pattern_matrix wl;
-            wl.n = s.n;
-            wl.v.assign(w.begin(), w.end());
+            wl.reset(s.n, false);
+            std::copy(w.begin(), w.end(), wl.v.begin());
             add_residual_terms(between_inverses(inv, wl), traits, {}, {}, combinations.ncomb_subj(k), f);
             for (int m = l; m <= n; ++m) info(ihmssf(l, m, n)) += f(m);
         }

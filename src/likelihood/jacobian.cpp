@@ -21,7 +21,7 @@ namespace {
 
 int block_covs(int irand) {
     const int n = model.kkfit(irand);
-    return model.diagonal(irand) ? n : n * (n + 1) / 2;
+    return model.diagonal(irand) ? n : triangle(n);
 }
 
 // Derivatives are on the factor scale already.
@@ -199,8 +199,8 @@ void jacob_var2chol(int flag) {
     const int nparm = estimates.nparm;
     need_derivatives("jacob_var2chol");
     allocate("all der2", derivs.der1, nparm);
-    allocate("all der2", derivs.der2, nparm * (nparm + 1) / 2);
-    allocate("all der2", derivs.der2b, nparm * (nparm + 1) / 2);
+    allocate("all der2", derivs.der2, triangle(nparm));
+    allocate("all der2", derivs.der2b, triangle(nparm));
     const std::vector<class_jacobian> list = all_jacobians();
     for (const class_jacobian& c : list) transform_gradient(c.jac, c.from);
     for (std::size_t i = 0; i < list.size(); ++i)

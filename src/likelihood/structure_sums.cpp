@@ -19,8 +19,6 @@ namespace tarvex {
 
 namespace {
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 bool records_independent() { return numbers.nq == 1 && residualvars.ipeq == 0; }
 
 // X between the equations of a part: full square, and between them and the observations.
@@ -30,7 +28,7 @@ struct local_values {
 };
 
 void fetch(const subject_design& d, const pattern_values& v, place_cursor& place, local_values& w) {
-    const std::size_t nl = at(d.nl);
+    const std::size_t nl = d.nl;
     w.x.resize(nl * nl);
     w.fy.assign(nl, 0.0);
     for (std::size_t l = 0; l < nl; ++l) {
@@ -49,21 +47,19 @@ void fetch(const subject_design& d, const pattern_values& v, place_cursor& place
 
 void multiply(const design_part& part, const local_values& w, part_products& out) {
     const subject_design& d = *part.design;
-    const std::size_t nl = at(d.nl);
+    const std::size_t nl = d.nl;
     const int n = d.nobs;
     out.part = part;
-    out.p.assign(nl * at(n), 0.0);
-    out.m.n = n;
-    out.m.diagonal = records_independent();
-    out.m.v.assign(out.m.diagonal ? at(n) : at(n) * at(n), 0.0);
+    out.p.assign(nl * n, 0.0);
+    out.m.reset(n, records_independent());
     // p(j) = X w_j with y as one more equation; row j of M needs the columns up to j only
     for (int j = 0; j < n; ++j) {
-        double* p = out.p.data() + at(j) * nl;
+        double* p = out.p.data() + nl * j;
         double q = part.y[j] * w.yy;
         for (std::size_t l = 0; l < nl; ++l) p[l] = part.y[j] * w.fy[l];
         for (int e = d.first[j]; e < d.first[j + 1]; ++e) {
             const double we = d.weight[e];
-            const double* row = w.x.data() + at(d.local[e]) * nl;
+            const double* row = w.x.data() + nl * d.local[e];
             for (std::size_t l = 0; l < nl; ++l) p[l] += we * row[l];
             q += we * w.fy[d.local[e]];
         }
@@ -73,7 +69,7 @@ void multiply(const design_part& part, const local_values& w, part_products& out
             if (out.m.diagonal)
                 out.m.v[i] = s;
             else
-                out.m.v[at(i) + at(j) * at(n)] = out.m.v[at(j) + at(i) * at(n)] = s;
+                out.m(i + 1, j + 1) = out.m(j + 1, i + 1) = s;
         }
     }
 }
@@ -168,13 +164,9 @@ void walk_products(const pattern_values& x, bool with_effects, const visitor& vi
 void add_products(const part_products& products, vector1<pattern_matrix>& sums) {
     const subject_record& d = *products.part.record;
     pattern_matrix& s = sums(d.icombi);
-    if (s.n == 0) {
-        s.n = d.nobs;
-        s.diagonal = products.m.diagonal;
-        s.v.assign(s.diagonal ? at(s.n) : at(s.n) * at(s.n), 0.0);
-    }
+    if (s.n == 0) s.reset(d.nobs, products.m.diagonal);
     // parts of one record each go to their place, a whole subject fills the matrix
-    const std::size_t from = s.diagonal ? at(products.part.obs) : 0;
+    const std::size_t from = s.diagonal ? products.part.obs : 0;
     for (std::size_t k = 0; k < products.m.v.size(); ++k) s.v[from + k] += products.m.v[k];
 }
 
@@ -199,14 +191,15 @@ void add_loads(const vector1<array<double, 2>>& chunk, vector1<array<double, 2>>
 void add_loads(const part_products& products, double factor, vector1<array<double, 2>>& loads) {
     const design_part& part = products.part;
     const subject_design& s = *part.design;
-    const std::size_t nl = at(s.nl);
+    const std::size_t nl = s.nl;
     std::vector<double> h(nl); // R^-1 X w of record i, by local equation
     for (int i = 0; i < s.nobs; ++i) {
         std::fill(h.begin(), h.end(), 0.0);
         for (int j = part.diagonal ? i : 0; j < (part.diagonal ? i + 1 : s.nobs); ++j) {
             const double r = part.rinv(j, i);
             if (r == 0.0) continue;
-            for (std::size_t l = 0; l < nl; ++l) h[l] += r * products.p[at(j) * nl + l];
+            const double* p = products.p.data() + nl * j;
+            for (std::size_t l = 0; l < nl; ++l) h[l] += r * p[l];
         }
         for (int e = s.efirst[i]; e < s.efirst[i + 1]; ++e) {
             const design_effect& effect = s.effects[e];
@@ -226,28 +219,25 @@ void add_loads(const part_products& products, double factor, vector1<array<doubl
 
 pattern_matrix between_inverses(const pattern_matrix& rinv, const pattern_matrix& m) {
     pattern_matrix k;
-    k.n = m.n;
-    const std::size_t n = at(m.n);
-    if (m.diagonal && rinv.diagonal) {
-        k.diagonal = true;
-        k.v.resize(n);
-        for (std::size_t i = 0; i < n; ++i) k.v[i] = rinv.v[i] * rinv.v[i] * m.v[i];
+    k.reset(m.n, m.diagonal && rinv.diagonal);
+    if (k.diagonal) {
+        for (int i = 0; i < m.n; ++i) k.v[i] = rinv.v[i] * rinv.v[i] * m.v[i];
         return k;
     }
-    k.v.assign(n * n, 0.0);
     if (rinv.diagonal) {
-        for (std::size_t j = 0; j < n; ++j)
-            for (std::size_t i = 0; i < n; ++i) k.v[i + j * n] = rinv.v[i] * rinv.v[j] * m.v[i + j * n];
+        for (int j = 1; j <= m.n; ++j)
+            for (int i = 1; i <= m.n; ++i) k(i, j) = rinv(i, i) * rinv(j, j) * m(i, j);
         return k;
     }
     // R^-1 M first, then times R^-1: n^3 each
-    std::vector<double> rm(n * n, 0.0);
+    pattern_matrix rm;
+    rm.reset(m.n, false);
     for (int j = 1; j <= m.n; ++j)
         for (int l = 1; l <= m.n; ++l)
-            for (int i = 1; i <= m.n; ++i) rm[at(i - 1) + at(j - 1) * n] += rinv(i, l) * m(l, j);
+            for (int i = 1; i <= m.n; ++i) rm(i, j) += rinv(i, l) * m(l, j);
     for (int j = 1; j <= m.n; ++j)
         for (int l = 1; l <= m.n; ++l)
-            for (int i = 1; i <= m.n; ++i) k.v[at(i - 1) + at(j - 1) * n] += rm[at(i - 1) + at(l - 1) * n] * rinv(l, j);
+            for (int i = 1; i <= m.n; ++i) k(i, j) += rm(i, l) * rinv(l, j);
     return k;
 }
 

@@ -24,8 +24,6 @@ namespace tarvex {
 
 namespace {
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 // Table of basis functions of random regression block irand.
 int basis_table(int irand) {
     // the block's first trait will do: tables of a block agree
@@ -36,26 +34,24 @@ int basis_table(int irand) {
 }
 
 // Its values by level of the control variable, kkfit values each.
-std::vector<double> basis_rows(int irand) {
+array<double, 2> basis_rows(int irand) {
     const array<double, 2>& phi = phimat.phi(basis_table(irand));
     const int n = model.kkfit(irand), nage = static_cast<int>(phi.upper(1));
-    std::vector<double> rows(at(nage) * at(n));
+    array<double, 2> rows;
+    rows.allocate(n, nage);
     for (int a = 1; a <= nage; ++a)
-        for (int k = 1; k <= n; ++k) rows[at(a - 1) * at(n) + at(k - 1)] = phi(a, k);
+        for (int k = 1; k <= n; ++k) rows(k, a) = phi(a, k);
     return rows;
 }
 
 // Basis values times the factor of the block: krfit values for each level of the control variable.
-std::vector<double> rotated_rows(int irand, const std::vector<double>& basis) {
-    const int n = model.kkfit(irand), rank = model.krfit(irand);
-    const std::size_t nage = basis.size() / at(n);
-    std::vector<double> rows(nage * at(rank));
-    for (std::size_t a = 0; a < nage; ++a)
-        for (int c = 1; c <= rank; ++c) {
-            double s = 0.0;
-            for (int k = 1; k <= n; ++k) s += basis[a * at(n) + at(k - 1)] * randomvars.zig(k, c, irand);
-            rows[a * at(rank) + at(c - 1)] = s;
-        }
+array<double, 2> rotated_rows(int irand, const array<double, 2>& basis) {
+    const int n = model.kkfit(irand), rank = model.krfit(irand), nage = static_cast<int>(basis.upper(2));
+    array<double, 2> rows;
+    rows.allocate(rank, nage);
+    for (int a = 1; a <= nage; ++a)
+        for (int c = 1; c <= rank; ++c)
+            for (int k = 1; k <= n; ++k) rows(c, a) += basis(k, a) * randomvars.zig(k, c, irand);
     return rows;
 }
 
@@ -165,10 +161,10 @@ void subject_stream::add_random(int i, int iq, int j) {
     design_effect effect{irand, 0, mudmap.rn_place(j, iq), static_cast<int>(design_.local.size()), nullptr};
     if (options.randreg) {
         // level of the control variable
-        const std::size_t a = at(r.imeta(mudmap.irmeta(j, iq), i + 1) - 1);
+        const int a = r.imeta(mudmap.irmeta(j, iq), i + 1);
         effect.place = 0;
-        effect.raw = tables_->basis(irand).data() + a * at(model.kkfit(irand));
-        w = options.principal ? tables_->weights(irand).data() + a * at(width) : effect.raw;
+        effect.raw = tables_->basis(irand).column(a).data();
+        w = options.principal ? tables_->weights(irand).column(a).data() : effect.raw;
     }
     for (int k = 0; k < width; ++k)
         add_entry(local_of_jvec(r.ieqnr(from + k, i + 1)), w ? w[k] : ddvecs.dd(from + k, iq));
@@ -209,12 +205,10 @@ void subject_stream::form_design() {
 
 void subject_stream::form_rinv() {
     if (options.randreg) {
-        get_rinv_rreg(record(), isubj_, rinv_, diagonal_, ldet_);
+        get_rinv_rreg(record(), isubj_, rinv_, ldet_);
         return;
     }
-    const pattern_matrix& m = residualvars.eei(record().icombi);
-    diagonal_ = m.diagonal;
-    rinv_ = m.v;
+    rinv_ = residualvars.eei(record().icombi);
     ldet_ = residualvars.detres(record().icombi);
 }
 
@@ -273,9 +267,9 @@ bool part_splitter::next(design_part& part) {
     part.obs = at_;
     part.record = &stream_.record();
     part.y = part.record->yvec.data() + at_;
-    part.diagonal = rowwise_ || stream_.rinv_diagonal();
+    part.diagonal = rowwise_ || stream_.rinv().diagonal;
     // A record of its own takes its diagonal element, also of an inverse that is held in full.
-    part.r = stream_.rinv().data() + (stream_.rinv_diagonal() ? at_ : at_ * (d.nobs + 1));
+    part.r = stream_.rinv().v.data() + (stream_.rinv().diagonal ? at_ : at_ * (d.nobs + 1));
     part.design = &d;
     if (rowwise_) {
         cut_row(at_);

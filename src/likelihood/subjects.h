@@ -2,10 +2,12 @@
 // residuals have in common.
 #pragma once
 #include "data/recodedata.h"
+#include "parameters/residualvars.h"
 #include "support/vector1.h"
 
 #include <cstddef>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace tarvex {
@@ -37,8 +39,8 @@ struct subject_design {
 
 // Basis functions of the random regression blocks.
 struct subject_tables {
-    vector1<std::vector<double>> basis;   // (irand) values, kkfit for each level of the control variable
-    vector1<std::vector<double>> weights; // (irand) weights, nfit for each level (empty at full rank)
+    vector1<array<double, 2>> basis;   // (irand) values, (kkfit, levels of the control variable)
+    vector1<array<double, 2>> weights; // (irand) weights, (nfit, levels); none at full rank
 };
 
 // Pass over all subjects in the order of the recoded file: recoded1.bin with recoded3.bin, or with recoded2.bin and
@@ -57,15 +59,9 @@ public:
     recdata_place place_of_next() const { return tarvex::place_of_next(pass_); }
     void go_to(const recdata_place& place, int subjects_before);
     const subject_design& design() const { return design_; }
-    // R^-1 of the subject: nobs x nobs by columns, or its nobs diagonal elements where it is diagonal.
-    const std::vector<double>& rinv() const { return rinv_; }
-    bool rinv_diagonal() const { return diagonal_; }
-    double rinv(int i, int j) const { // element of records i, j = 0..nobs-1
-        if (diagonal_) return i == j ? rinv_[i] : 0.0;
-        const auto n = static_cast<std::size_t>(design_.nobs);
-        return rinv_[static_cast<std::size_t>(i) + static_cast<std::size_t>(j) * n];
-    }
-    double ldet() const { return ldet_; } // its log|R| (random regression)
+    const pattern_matrix& rinv() const { return rinv_; }                           // R^-1 of the subject
+    double rinv(int i, int j) const { return std::as_const(rinv_)(i + 1, j + 1); } // of records i, j = 0..nobs-1
+    double ldet() const { return ldet_; }                                          // its log|R| (random regression)
 
 private:
     void open_pass();
@@ -79,8 +75,8 @@ private:
 
     recdata_pass pass_;
     subject_design design_;
-    std::vector<double> rinv_;
-    bool diagonal_ = false, with_effects_ = false, old_numbers_ = false;
+    pattern_matrix rinv_;
+    bool with_effects_ = false, old_numbers_ = false;
     double ldet_ = 0.0;
     int isubj_ = 0;
     std::vector<int> jlocal_; // local equation of each place in jvec, -1 taken out, -2 not met yet

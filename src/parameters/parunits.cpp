@@ -69,7 +69,7 @@ namespace {
 // Factor columns of a block in the order of the parameters.
 void factor_units(int irand, int step, std::vector<parameter_unit>& units) {
     const int n = model.kkfit(irand), rank = model.diagonal(irand) ? n : model.krfit(irand);
-    auto at = static_cast<std::size_t>(block_start(irand, step) - 1);
+    std::size_t at = block_start(irand, step) - 1;
     for (int c = 1; c <= rank; ++c)
         for (int r = c; r <= (model.diagonal(irand) ? c : n); ++r, ++at) {
             const int row = model.diagonal(irand) ? r : estimates.cholorder((step - 1) * n + r, irand);
@@ -88,7 +88,7 @@ std::vector<parameter_unit> parameter_units() {
     for (int irand = 0; irand <= numbers.krand; ++irand) {
         if (estimates.nnparm(irand) == 0) continue;
         if (estimates.paraform(irand) == par_scale::original) {
-            auto at = static_cast<std::size_t>(block_start(irand) - 1);
+            std::size_t at = block_start(irand) - 1;
             for (double u : block_units(irand)) units[at++].factor = u;
             continue;
         }

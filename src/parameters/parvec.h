@@ -39,6 +39,13 @@ inline estimates_module estimates;
 
 // First parameter of block irand (0 residual) in parvec; step of the residual from 1.
 int block_start(int irand, int step = 1);
+// Parameters of one step of a block.
+int block_size(int irand);
+// Row of the factor and column that parameter k (from 1) of a step of block irand stands for.
+struct factor_place {
+    int row, col;
+};
+factor_place factor_element(int irand, int step, int k);
 // Number of the first covariance of block irand in ListofCovs.
 int cov_start(int irand, int step = 1);
 

@@ -33,7 +33,7 @@ int next_pivot(const array<double, 2>& a, const array<int>& order, int c, bool b
 
 int pivoted_factor(const double* cc, int n, int rank, bool by_size, double floor, double& bad, array<double, 2>& factor,
                    array<int>& order, const zero_pattern* zeros) {
-    array<double, 2> a = unpack({cc, static_cast<std::size_t>(n * (n + 1) / 2)}, n);
+    array<double, 2> a = unpack(std::span(cc, triangle(n)), n);
     factor.allocate(n, rank);
     for (int c = 1; c <= rank; ++c) {
         std::swap(order(c), order(next_pivot(a, order, c, by_size, zeros)));

@@ -23,9 +23,6 @@ constexpr double pattern_zeros = 0.01; // numbers.zero that the pivots of a patt
 constexpr double margin = 1.0e-6;      // relative, of eigenvalues above numbers.zero: rounding of pivots
 constexpr double small_pivot = 1.0e-5; // gen_inverse tells of pivots below it
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-int triangle(int n) { return n * (n + 1) / 2; }
-
 // Parameters of one class of the residual on the covariance scale.
 int class_covs() { return model.diagonal(0) ? numbers.nq : triangle(numbers.nq); }
 
@@ -136,13 +133,11 @@ bool independent_pattern(const vector1<int>& traits, pattern_matrix& inverse, do
         for (int j = i + 1; j <= nq; ++j)
             if (count(j) > 0 && record_covariance(i, j, false) != 0.0) return false;
     }
-    inverse.n = static_cast<int>(traits.size());
-    inverse.diagonal = true;
-    inverse.v.clear();
+    inverse.reset(static_cast<int>(traits.size()), true);
     ldet = 0.0;
-    for (int q : traits) {
-        const double s = r.sigres(ihmssf(q, q, nq), 1);
-        inverse.v.push_back(1.0 / s);
+    for (int k = 1; k <= inverse.n; ++k) {
+        const double s = r.sigres(ihmssf(traits(k), traits(k), nq), 1);
+        inverse.v[k - 1] = 1.0 / s;
         ldet += std::log(s);
     }
     return true;
@@ -172,7 +167,7 @@ void invert_pattern(int icombi, int& ifail) {
     double ldet = 0.0;
     if (!independent_pattern(traits, inverse, ldet)) {
         const int n = static_cast<int>(traits.size());
-        vector1<double> w(std::ptrdiff_t{n} * (n + 1) / 2), kept;
+        vector1<double> w(triangle<std::ptrdiff_t>(n)), kept;
         for (int i = 1; i <= n; ++i)
             for (int j = i; j <= n; ++j) w(ihmssf(i, j, n)) = record_covariance(traits(i), traits(j), i == j);
         // w becomes the inverse
@@ -186,9 +181,7 @@ void invert_pattern(int icombi, int& ifail) {
             ifail = 1;
             return;
         }
-        inverse.n = n;
-        inverse.diagonal = false;
-        inverse.v.resize(at(n) * at(n));
+        inverse.reset(n, false);
         for (int i = 1; i <= n; ++i)
             for (int j = i; j <= n; ++j) inverse(i, j) = inverse(j, i) = w(ihmssf(i, j, n));
     }
@@ -321,25 +314,24 @@ void residual_classes(const subject_record& d, vector1<int>& age, vector1<int>& 
     }
 }
 
-void get_rinv_rreg(const subject_record& d, int isubj, std::vector<double>& zig2, bool& diagonal, double& ldet) {
+void get_rinv_rreg(const subject_record& d, int isubj, pattern_matrix& inverse, double& ldet) {
     const int n = d.nobs, nq = numbers.nq;
     vector1<int> age, iclass;
     residual_classes(d, age, iclass);
-    diagonal = all_independent(d, age, iclass);
-    zig2.clear();
+    inverse.reset(n, all_independent(d, age, iclass));
     ldet = 0.0;
-    if (diagonal) {
+    if (inverse.diagonal) {
         for (int i = 1; i <= n; ++i) {
             const int q = d.ynq(i);
             const double s = residualvars.sigres(ihmssf(q, q, nq), iclass(i));
-            zig2.push_back(1.0 / s);
+            inverse.v[i - 1] = 1.0 / s;
             ldet += std::log(s);
         }
         // independent records: the diagonal is all
         return;
     }
     // records at different places are independent
-    vector1<double> w(std::ptrdiff_t{n} * (n + 1) / 2);
+    vector1<double> w(triangle<std::ptrdiff_t>(n));
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j)
             if (age(i) == age(j))
@@ -347,10 +339,8 @@ void get_rinv_rreg(const subject_record& d, int isubj, std::vector<double>& zig2
     int rank = 0, negative = 0;
     gen_inverse(w, n, numbers.zero, rank, ldet, &negative);
     if (rank < n || negative > 0) singular_subject(isubj, n, rank);
-    zig2.resize(at(n) * at(n));
     for (int i = 1; i <= n; ++i)
-        for (int j = i; j <= n; ++j)
-            zig2[at(i - 1) + at(j - 1) * at(n)] = zig2[at(j - 1) + at(i - 1) * at(n)] = w(ihmssf(i, j, n));
+        for (int j = i; j <= n; ++j) inverse(i, j) = inverse(j, i) = w(ihmssf(i, j, n));
 }
 
 vector1<int> pattern_traits(int icombi) {

@@ -21,11 +21,15 @@ struct pattern_matrix {
         return v[place(i, j)];
     }
     double& operator()(int i, int j) { return v[place(i, j)]; } // of one that is kept in full
+    // Zeros, in the memory at hand where that suffices.
+    void reset(int order, bool as_diagonal) {
+        n = order;
+        diagonal = as_diagonal;
+        v.assign(diagonal ? n : std::ptrdiff_t{n} * n, 0.0);
+    }
 
 private:
-    std::size_t place(int i, int j) const {
-        return static_cast<std::size_t>(i - 1) + static_cast<std::size_t>(j - 1) * static_cast<std::size_t>(n);
-    }
+    std::ptrdiff_t place(int i, int j) const { return std::ptrdiff_t{n} * (j - 1) + i - 1; }
 };
 
 struct residualvars_module {
@@ -53,10 +57,9 @@ vector1<peq_place> peq_places();
 // Residual inverses at parvec (which clamps may change). ifail 1: invalid point.
 void rinverse(array<double>& parvec, int& ifail);
 
-// Random regression: R^-1 of the subject in d (isubj is told in messages), nobs*nobs by columns or, where it is
-// diagonal, its nobs diagonal elements, and log|R|. Two records of a trait at one value of the control variable stop
-// the run.
-void get_rinv_rreg(const subject_record& d, int isubj, std::vector<double>& zig2, bool& diagonal, double& ldet);
+// Random regression: R^-1 of the subject in d (isubj is told in messages), diagonal where its records are independent,
+// and log|R|. Two records of a trait at one value of the control variable stop the run.
+void get_rinv_rreg(const subject_record& d, int isubj, pattern_matrix& inverse, double& ldet);
 
 // Random regression: place along the control variables and residual class of the records of a subject. Records with one
 // place agree in the control variable of the classes and in all others that every trait has.

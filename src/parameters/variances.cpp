@@ -34,18 +34,9 @@ constexpr double shrink_accuracy = 1.0e-4; // of the share to which covariances 
 constexpr double rounding = 1.0e-10;       // a negative pivot against the largest variance
 constexpr double pivot_floor = 0.0005;     // pivot of its factor when it is smaller than numbers.zero
 
-int triangle(int n) { return n * (n + 1) / 2; }
-
 // A variance function of the control variable stands for the residual: no covariances of its own.
 bool empty_block(int irand) { return irand == 0 && model.rr_resteps > 1 && model.me_type == residual_kind::fun; }
 
-// Parameters of one step of a block.
-int step_size(int irand) {
-    if (empty_block(irand)) return 0;
-    if (model.diagonal(irand)) return model.kkfit(irand);
-    // columns of n, n-1, ... elements
-    return model.krfit(irand) * (2 * model.kkfit(irand) - model.krfit(irand) + 1) / 2;
-}
 int step_covs(int irand) {
     if (empty_block(irand)) return 0;
     return model.diagonal(irand) ? model.kkfit(irand) : triangle(model.kkfit(irand));
@@ -72,7 +63,7 @@ void count_parameters() {
     allocate("all nnparm", e.nnparm, krand);
     e.nparm = e.npeqparm = e.ncov = 0;
     for (int irand = 0; irand <= krand; ++irand) {
-        e.nnparm(irand) = steps_of(irand) * step_size(irand);
+        e.nnparm(irand) = steps_of(irand) * block_size(irand);
         e.ncov += steps_of(irand) * step_covs(irand);
         if (irand == 0) e.nresparm = e.nnparm(0);
         if (irand > 0 && mudmap.kovrnd(irand) == covariance_kind::peq) {
@@ -428,10 +419,26 @@ bool linked_to_earlier(int i, int j) {
 
 } // namespace
 
+int block_size(int irand) {
+    if (empty_block(irand)) return 0;
+    if (model.diagonal(irand)) return model.kkfit(irand);
+    // columns of n, n-1, ... elements
+    return model.krfit(irand) * (2 * model.kkfit(irand) - model.krfit(irand) + 1) / 2;
+}
+
+factor_place factor_element(int irand, int step, int k) {
+    if (model.diagonal(irand)) return {k, k};
+    const int n = model.kkfit(irand);
+    int c = 1;
+    // columns have n, n-1, ... elements; rows are named by the order of pivots
+    for (int length = n; k > length; ++c, --length) k -= length;
+    return {estimates.cholorder((step - 1) * n + c + k - 1, irand), c};
+}
+
 int block_start(int irand, int step) {
     const auto& e = estimates;
     // residual first, PEQ behind it whatever its number, then the others
-    const int within = (step - 1) * step_size(irand) + 1;
+    const int within = (step - 1) * block_size(irand) + 1;
     if (irand == 0) return within;
     if (irand == residualvars.ipeq) return e.nresparm + within;
     int from = e.nrespeq;

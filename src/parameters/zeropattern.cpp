@@ -9,7 +9,7 @@
 namespace tarvex {
 
 bool residual_held(int step, int i, int j) {
-    const int n = model.kkfit(0), k = (step - 1) * (n * (n + 1) / 2) + packed_place(i, j, n);
+    const int n = model.kkfit(0), k = (step - 1) * triangle(n) + packed_place(i, j, n);
     return !model.diagonal(0) && k <= residualvars.fixres.upper() && residualvars.fixres(k) != 0;
 }
 

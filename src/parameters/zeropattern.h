@@ -14,9 +14,7 @@ namespace tarvex {
 struct zero_pattern {
     int n = 0;
     std::vector<char> zero; // (n*n)
-    bool held(int i, int j) const {
-        return zero[static_cast<std::size_t>(i - 1) * static_cast<std::size_t>(n) + static_cast<std::size_t>(j - 1)];
-    }
+    bool held(int i, int j) const { return zero[(i - 1) * n + j - 1]; }
 };
 
 // Zeros of the residual matrix of a step (residualvars.fixres).

@@ -2,6 +2,7 @@
 
 #include "control/filenames.h"
 #include "control/options.h"
+#include "dense/numroutines.h"
 #include "parfile/mudmap.h"
 #include "support/edit_form.h"
 
@@ -13,7 +14,7 @@ int cov_length(int irand) {
     const int n = model.kkfit(irand);
     // the residual is given in full, class after class
     if (irand > 0 && model.diagonal(irand) != 0) return n;
-    return n * (n + 1) / 2 * steps_of(irand);
+    return triangle(n) * steps_of(irand);
 }
 
 int nfit(int irand) { return options.principal ? model.krfit(irand) : model.kkfit(irand); }

@@ -26,7 +26,7 @@ struct term_rows {
 
 term_rows sort_by_row(const std::vector<nrm_term>& terms, int nan) {
     term_rows rows;
-    rows.start.assign(static_cast<std::size_t>(nan) + 1, 0);
+    rows.start.assign(nan + 1, 0);
     for (const nrm_term& t : terms) ++rows.start[t.row];
     for (std::size_t i = 1; i < rows.start.size(); ++i) rows.start[i] += rows.start[i - 1];
     // next place of each row
@@ -124,7 +124,7 @@ void nnrm_count_growing(int jj, int nanim, int cap, int limit) {
 void animal_nrm(int jj, int nanim) {
     auto& nrmdiag = nrminverse.nrmdiag;
     std::vector<nrm_term> terms;
-    terms.reserve(static_cast<std::size_t>(nanim) * 6);
+    terms.reserve(std::size_t{6} * nanim);
     nrminverse.detl = 0.0;
     for (int ian = 1; ian <= nanim; ++ian) {
         if (!options.terse && ian % 20000 == 0) write(screen(), "(a,i10,a,i10)", "  NRM : at", ian, "  of", nanim);

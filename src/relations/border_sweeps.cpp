@@ -124,7 +124,8 @@ template <class Narrow, class Wide, int lanes> struct panel {
 
 // Whether lines of descent are so many in a run that whole lines of the panel take less.
 bool too_many(std::size_t ways, const sweep_order& o, std::size_t run) {
-    return ways > static_cast<std::size_t>(o.run[run + 1] - o.run[run]);
+    const std::size_t animals = o.run[run + 1] - o.run[run];
+    return ways > animals;
 }
 
 // The share that a way leaves, and the part of d that it brings.
@@ -158,7 +159,7 @@ template <class P> void up_animal(P& w, int place) {
 template <class P> void up_in_lines(P& w, std::size_t last) {
     const sweep_order& o = w.o;
     w.line_runs = last + 1;
-    const auto places = static_cast<std::size_t>(o.run[w.line_runs]);
+    const std::size_t places = o.run[w.line_runs];
     if (w.up.size() < places) {
         w.up_lines = make_lines<typename P::narrow_line>(places);
         w.up = {w.up_lines.get(), places};
@@ -346,7 +347,7 @@ template <class P> void sweep_stretch(P& w, std::size_t from, std::size_t to) {
 template <class P> struct own_panel {
     own_panel(const sweep_order& o, const way_map& m, const std::vector<double>& d, std::size_t early_runs)
         : w{o, m, early_runs} {
-        const auto slots = static_cast<std::size_t>(o.slots) + 1, older = static_cast<std::size_t>(o.run[o.young]);
+        const std::size_t slots = o.slots + 1, older = o.run[o.young];
         using number = typename P::wide_number;
         w.d.resize(older);
         for (std::size_t k = 1; k < older; ++k)
@@ -354,7 +355,7 @@ template <class P> struct own_panel {
         for (std::size_t k = 0; k <= o.run.size(); ++k) w.half_power.push_back(std::ldexp(1.0, -static_cast<int>(k)));
         for (int k = 1; k < o.run[early_runs]; ++k) w.early_slots = std::max(w.early_slots, o.at[k].slot);
         list_late();
-        const std::size_t early = static_cast<std::size_t>(w.early_slots) + 1;
+        const std::size_t early = w.early_slots + 1;
         narrow = make_lines<typename P::narrow_line>(early);
         wide = make_lines<typename P::wide_line>(slots);
         w.early = {narrow.get(), early};
@@ -364,7 +365,7 @@ template <class P> struct own_panel {
     }
     void list_late() {
         const sweep_order& o = w.o;
-        std::vector<char> late(static_cast<std::size_t>(w.early_slots) + 1);
+        std::vector<char> late(w.early_slots + 1);
         for (int k = o.run[w.early_runs]; k < o.run.back(); ++k) {
             if (o.at[k].sire < o.run[w.early_runs]) late[o.at[k].sire_slot] = 1;
             if (o.at[k].dam < o.run[w.early_runs]) late[o.at[k].dam_slot] = 1;
@@ -401,13 +402,12 @@ void sweep_panels(const sweep_order& o, const std::vector<double>& d, std::size_
     std::vector<std::vector<double>> sums(parts);
     // only young animals get anything
     const auto add = [&](const std::vector<double>& part) {
-        for (std::size_t k = static_cast<std::size_t>(o.run[o.young]); k < part.size(); ++k)
-            f[o.animal[k] - 1] += part[k];
+        for (std::size_t k = o.run[o.young]; k < part.size(); ++k) f[o.animal[k] - 1] += part[k];
     };
     const auto sweep = [&](int i, int slot) {
         auto& mine = of_slot[slot];
         if (!mine) mine = std::make_unique<own_panel<P>>(o, m, d, early_runs);
-        const auto part = static_cast<std::size_t>(i);
+        const std::size_t part = i;
         sweep_part(mine->w, panels * part / parts, panels * (part + 1) / parts);
         // alone: parts come in their order anyway, and need not be kept
         if (pool.threads() == 1)

@@ -65,7 +65,7 @@ void merge_parents(const factor_row& p, const factor_row& q, const pedigree_rule
 
 // Last animal that needs the row of each animal as a parent's row, 0: none.
 std::vector<int> last_use(int irun, int nan) {
-    std::vector<int> last(static_cast<std::size_t>(nan) + 1);
+    std::vector<int> last(nan + 1);
     for (int ian = 1; ian <= nan; ++ian) {
         last[pedigreelist.sire(irun)[ian - 1]] = ian;
         last[pedigreelist.dam(irun)[ian - 1]] = ian;
@@ -75,7 +75,7 @@ std::vector<int> last_use(int irun, int nan) {
 
 void write_factor(record_writer& out, int irun, int nan) {
     const std::vector<int> last = last_use(irun, nan);
-    std::vector<factor_row> rows(static_cast<std::size_t>(nan) + 1);
+    std::vector<factor_row> rows(nan + 1);
     factor_row row;
     std::int64_t nrczhz = 0;
     for (int ian = 1; ian <= nan; ++ian) {

@@ -59,7 +59,7 @@ void list_ways(stretch_tree& w, int place) {
     w.ends.push_back(place);
     w.generations.push_back(0);
     for (const int p : w.up[place])
-        for (std::size_t k = w.begin[p], end = k + static_cast<std::size_t>(w.count[p]); k < end; ++k) {
+        for (std::size_t k = w.begin[p], end = k + w.count[p]; k < end; ++k) {
             w.ends.push_back(w.ends[k]);
             w.generations.push_back(static_cast<unsigned char>(w.generations[k] + 1));
         }
@@ -77,7 +77,7 @@ stretch_tree make_tree(sweep_order& o) {
         // older parents belong to the border
         w.up[k] = {std::max(x.sire - older, 0), std::max(x.dam - older, 0)};
         if (x.slot > 0) w.count[k] = count_ways(w, k); // a parent
-        listed += static_cast<std::size_t>(w.count[k]);
+        listed += w.count[k];
     }
     o.at = {};
     o.place = {};
@@ -108,7 +108,7 @@ template <class Visit> void each_way(stretch_tree& w, int place, Visit visit) {
             const int i = w.path[begin];
             const int* next = w.ends.data() + w.begin[w.path[std::min(begin + 3, end - 1)]];
             for (const int line : {0, 16}) __builtin_prefetch(next + line);
-            const std::size_t from = w.begin[i], to = from + static_cast<std::size_t>(w.count[i]);
+            const std::size_t from = w.begin[i], to = from + w.count[i];
             for (std::size_t k = from; k < to; ++k)
                 visit(w.ends[k], [&] { return share * half_power[w.generations[k]]; });
             if (to > from) continue;
@@ -187,7 +187,7 @@ struct parent_counts {
 // Places in equal parts of the list, each where the fewest animals have offspring behind it.
 std::vector<int> cut_places(const parent_counts& c) {
     const int n = static_cast<int>(c.upto.size()) - 1, parts = std::min(n, most_places);
-    std::vector<int> change(static_cast<std::size_t>(n) + 2), places{0};
+    std::vector<int> change(n + 2), places{0};
     for (int i = 1; i <= n; ++i)
         if (c.youngest[i] > 0) ++change[i], --change[c.youngest[i]];
     int live = 0, at = 1;

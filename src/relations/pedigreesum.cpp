@@ -13,7 +13,7 @@ namespace tarvex {
 
 digest pedigree_sum(int irun) {
     digest_maker sum;
-    const auto nan = static_cast<std::size_t>(pedigreelist.nannew(irun));
+    const std::size_t nan = pedigreelist.nannew(irun);
     sum.add(options.siremodel ? "sires" : "animals");
     for (const auto* list : {&pedigreelist.idwec(irun), &pedigreelist.sire(irun), &pedigreelist.dam(irun)})
         sum.add(std::span<const int>(list->data(), std::min(nan, list->size())));

@@ -56,7 +56,7 @@ void list_runs(order_maker& w) {
         if (run < 0 || stretch_begins || (s > 0 && run_of[s] == run) || (d > 0 && run_of[d] == run)) {
             ++run;
             w.o.run.push_back(static_cast<int>(w.o.animal.size()));
-            if (stretch_begins) w.o.young = static_cast<std::size_t>(run) + 1; // from 1 while it is looked for
+            if (stretch_begins) w.o.young = run + 1; // from 1 while it is looked for
         }
         run_of[i] = run;
         ++w.uses[s], ++w.uses[d];
@@ -120,7 +120,7 @@ void place_run(order_maker& w, std::size_t r) {
 } // namespace
 
 sweep_order order_stretch(const std::vector<int>& sire, const std::vector<int>& dam, int first, int last) {
-    const std::size_t m = static_cast<std::size_t>(last) + 1;
+    const std::size_t m = last + 1;
     const std::vector<char> no(m);
     order_maker w{sire, dam, first, last, {}, no, no, no, no, no, std::vector<int>(m)};
     mark_parents(w);

@@ -32,7 +32,7 @@ bool positive_definite(int irand) {
         return std::all_of(model.cov.column(irand).begin(), model.cov.column(irand).begin() + n,
                            [](double v) { return v > 0.0; });
     for (int step = 1; step <= steps; ++step) {
-        const int length = n * (n + 1) / 2;
+        const int length = triangle(n);
         const array<double, 2> a = unpack(model.cov.column(irand).subspan((step - 1) * length), n);
         array<double, 2> vectors;
         array<double> eig;

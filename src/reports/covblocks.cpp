@@ -56,8 +56,6 @@ std::vector<int> traits_of(int irand) {
     return traits;
 }
 
-int triangle(int n) { return n * (n + 1) / 2; }
-
 // Covariance of the sums of both effects of traits iq and jq; cross: weight of a covariance between different effects.
 cov_function tied_covariance(int irand, int iq, int jq, double cross) {
     cov_function f;

@@ -10,6 +10,7 @@
 #include "likelihood/derivatives.h"
 #include "likelihood/likelihood.h"
 #include "parameters/parunits.h"
+#include "parameters/parvec.h"
 #include "parameters/residualvars.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"

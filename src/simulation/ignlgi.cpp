@@ -11,7 +11,7 @@ int ignlgi() {
     constexpr int m1 = 2147483563, m2 = 2147483399;
     r.qrgnin = true;
     if (!r.qqssd) setall(1234567890, 123456789);
-    const auto g = static_cast<std::size_t>(r.curntg - 1);
+    const int g = r.curntg - 1;
     int s1 = r.cg1[g], s2 = r.cg2[g];
     // s1 = 40014 s1 mod m1 without overflow: m1 = 40014 * 53668 + 12211 (Schrage's method)
     int k = s1 / 53668;

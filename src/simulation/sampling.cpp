@@ -75,19 +75,19 @@ struct block_draws {
 // Animals (or sires) from their parents: w holds the draws and becomes the effects, parents first.
 void follow_pedigree(int irand, std::vector<double>& w) {
     const int n = model.kkfit(irand), nlev = levels.rn_nlev(irand), irun = mudmap.iranno(irand);
-    const auto width = static_cast<std::size_t>(n);
+    const std::size_t width = n;
     if (!options.siremodel) compute_inbreeding(irun); // where the inverse was taken over from an earlier run
     const array<double, 2>& f = nrminverse.inbreed;
     // u = half of the parents' u + sqrt(D) w: parents stand in front
     for (int l = 1; l <= nlev; ++l) {
-        const auto at = static_cast<std::size_t>(l - 1);
+        const std::size_t at = l - 1;
         const int s = pedigreelist.sire(irun)[at], d = pedigreelist.dam(irun)[at];
         const pedigree_rule rule = options.siremodel ? sire_rule(s, d) : animal_rule(f, irun, s, d);
         const double root = std::sqrt(rule.share);
         double* ul = w.data() + at * width;
         for (std::size_t k = 0; k < width; ++k) {
-            const double from_sire = s > 0 ? w[static_cast<std::size_t>(s - 1) * width + k] : 0.0;
-            const double from_dam = d > 0 ? w[static_cast<std::size_t>(d - 1) * width + k] : 0.0;
+            const double from_sire = s > 0 ? w[width * (s - 1) + k] : 0.0;
+            const double from_dam = d > 0 ? w[width * (d - 1) + k] : 0.0;
             ul[k] = root * ul[k] + rule.by_sire * from_sire + rule.by_dam * from_dam;
         }
     }
@@ -97,7 +97,7 @@ void follow_pedigree(int irand, std::vector<double>& w) {
 // time than writing the data.
 void follow_inverse(int irand, std::vector<double>& w) {
     const int nlev = levels.rn_nlev(irand);
-    const auto width = static_cast<std::size_t>(model.kkfit(irand));
+    const std::size_t width = model.kkfit(irand);
     normal_equations a(nlev);
     for (const inverse_element& e : gin_store.elements(irand))
         if (e.row == e.col)
@@ -107,7 +107,7 @@ void follow_inverse(int irand, std::vector<double>& w) {
     a.finish();
     const row_factor factor = factor_of(a);
     for (int j = 1; j <= factor.n; ++j) {
-        const auto k = static_cast<std::size_t>(j);
+        const std::size_t k = j;
         constexpr double vanishing = 1.0e-10; // of the diagonal: the units of an inverse are the user's
         if (factor.pivot[k] > vanishing * a.diag[factor.eq[k]]) continue;
         print_list(screen(),
@@ -126,13 +126,13 @@ void follow_inverse(int irand, std::vector<double>& w) {
 void sample_block(int irand, std::vector<double>& u, std::vector<double>& total) {
     const covariance_kind kov = mudmap.kovrnd(irand);
     const int n = model.kkfit(irand), nlev = levels.rn_nlev(irand);
-    const auto width = static_cast<std::size_t>(n);
-    u.assign(static_cast<std::size_t>(nlev) * width, 0.0);
+    const std::size_t width = n;
+    u.assign(width * nlev, 0.0);
     if (kov == covariance_kind::peq && options.randreg) cannot_simulate(irand);
     if (kov == covariance_kind::peq) return; // comes with the residuals
     const block_draws draws(irand);
     for (int l = 1; l <= nlev; ++l) {
-        const std::span<double> w(u.data() + static_cast<std::size_t>(l - 1) * width, width);
+        const std::span<double> w(u.data() + width * (l - 1), width);
         draws.draw(w);
         for (int i = 1; i <= n; ++i)
             for (int j = i; j <= n; ++j)
@@ -197,12 +197,12 @@ void mvnormal_draw(int n, const array<double, 2>& chol, std::span<double> x) {
 }
 
 void sample_randeffs(random_samples& u, std::vector<std::vector<double>>& simtot) {
-    const auto krand = static_cast<std::size_t>(numbers.krand);
+    const std::size_t krand = numbers.krand;
     u.resize(krand);
     if (simtot.size() != krand) {
         simtot.resize(krand);
         for (int irand = 1; irand <= numbers.krand; ++irand)
-            simtot[irand - 1].assign(static_cast<std::size_t>(model.kkfit(irand) * (model.kkfit(irand) + 1) / 2), 0.0);
+            simtot[irand - 1].assign(triangle(model.kkfit(irand)), 0.0);
     }
     for (int irand = 1; irand <= numbers.krand; ++irand) sample_block(irand, u[irand - 1], simtot[irand - 1]);
 }

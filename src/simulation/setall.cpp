@@ -31,7 +31,7 @@ void initgn(int isdtyp) {
         print_list(screen(), " initialized -- abort!");
         stop(" INITGN called before random number generator initialized");
     }
-    const auto g = static_cast<std::size_t>(r.curntg - 1);
+    const int g = r.curntg - 1;
     // -1: back to the first seed, 1: on to the next block, 0: back to the start of this one
     if (isdtyp == -1) {
         r.lg1[g] = r.ig1[g];
@@ -54,7 +54,7 @@ void setall(int iseed1, int iseed2) {
     r.ig2[0] = iseed2;
     // each generator begins far behind the one before
     for (int g = 1; g <= generators; ++g) {
-        const auto k = static_cast<std::size_t>(g - 1);
+        const int k = g - 1;
         if (g > 1) {
             r.ig1[k] = mltmod(a1vw, r.ig1[k - 1], m1);
             r.ig2[k] = mltmod(a2vw, r.ig2[k - 1], m2);

@@ -105,14 +105,13 @@ bool levels_fit(const line_levels& line) {
         const int iq = line.ynq[obs];
         if (iq < 1 || iq > numbers.nq) return false;
         for (int i = 1; i <= model.nrnd(iq); ++i) {
-            const int level = line.iraand[obs * maxrand + static_cast<std::size_t>(i - 1)];
+            const int level = line.iraand[obs * maxrand + i - 1];
             if (level < 1 || level > levels.rn_nlev(mudmap.rn_irand(i, iq))) return false;
         }
         for (int irrc = 1; irrc <= (options.randreg ? model.nrrc : 0); ++irrc) {
             // 0: the trait does not have the variable
             const int least = control_place(irrc, iq) > 0 ? 1 : 0, most = static_cast<int>(control_codes(irrc).size());
-            const int level =
-                line.imeta[obs * static_cast<std::size_t>(model.nrrc) + static_cast<std::size_t>(irrc - 1)];
+            const int level = line.imeta[obs * model.nrrc + irrc - 1];
             if (level < least || level > most) return false;
         }
     }
@@ -123,9 +122,9 @@ bool next_line(record_reader& file, line_levels& line) {
     int n = 0;
     if (!file.next() || !file.get(line.first_of_subject) || !file.get(n) || n < 1 || n > numbers.nq) return false;
     line.ynq.resize(n);
-    line.iraand.resize(static_cast<std::size_t>(n) * maxrand);
+    line.iraand.resize(maxrand * n);
     if (!file.get(std::span<int>(line.ynq)) || !file.get(std::span<int>(line.iraand))) return false;
-    line.imeta.resize(options.randreg ? static_cast<std::size_t>(n) * static_cast<std::size_t>(model.nrrc) : 0);
+    line.imeta.resize(options.randreg ? std::ptrdiff_t{n} * model.nrrc : 0);
     return (!options.randreg || file.record(std::span<int>(line.imeta))) && levels_fit(line);
 }
 
@@ -195,7 +194,7 @@ double random_part(const line_levels& line, std::size_t obs, const random_sample
     const int iq = line.ynq[obs];
     double sum = 0.0;
     for (int i = 1; i <= model.nrnd(iq); ++i) {
-        const int irand = mudmap.rn_irand(i, iq), level = line.iraand[obs * maxrand + static_cast<std::size_t>(i - 1)];
+        const int irand = mudmap.rn_irand(i, iq), level = line.iraand[obs * maxrand + i - 1];
         const int n = model.kkfit(irand), place = mudmap.rn_place(i, iq);
         const double* ul = u[irand - 1].data() + static_cast<std::ptrdiff_t>(level - 1) * n;
         if (!options.randreg) {
@@ -203,8 +202,7 @@ double random_part(const line_levels& line, std::size_t obs, const random_sample
             continue;
         }
         const auto& phi = phimat.phi(phimat.kkphi(i, iq));
-        const int a =
-            line.imeta[obs * static_cast<std::size_t>(model.nrrc) + static_cast<std::size_t>(mudmap.irmeta(i, iq) - 1)];
+        const int a = line.imeta[obs * model.nrrc + mudmap.irmeta(i, iq) - 1];
         // value of the effect's curve at this value of the control variable
         for (int c = 1; c <= mudmap.kfitrnd(i, iq); ++c) sum += phi(a, c) * ul[place + c - 2];
     }
@@ -224,8 +222,7 @@ double residual_rreg(const line_levels& line, std::size_t obs, const std::vector
     int step = 1;
     if (model.rr_resteps > 1) {
         const int control = phimat.jjmeta(line.ynq[obs]);
-        step = model.me_run(
-            line.imeta[obs * static_cast<std::size_t>(model.nrrc) + static_cast<std::size_t>(control - 1)]);
+        step = model.me_run(line.imeta[obs * model.nrrc + control - 1]);
     }
     return z * sd[step - 1];
 }
@@ -299,13 +296,12 @@ void write_subject(simulated_lines& lines, text_out& out, const subject_lines& s
     for (std::size_t l = 0; l < s.lines.size(); ++l) {
         const line_levels& line = s.lines[l];
         // all traits in a line: those without a record keep their missing value
-        std::vector<double> simval(mudmap.alltraits ? static_cast<std::size_t>(numbers.nq) : 1);
+        std::vector<double> simval(mudmap.alltraits ? numbers.nq : 1);
         if (mudmap.alltraits)
             for (int iq = 1; iq <= numbers.nq; ++iq) simval[iq - 1] = datafile.missvalue[iq];
         for (std::size_t obs = 0; obs < line.ynq.size(); ++obs) {
             const double residual = options.randreg ? residual_rreg(line, obs, sd) : e[l][obs];
-            simval[mudmap.alltraits ? static_cast<std::size_t>(line.ynq[obs] - 1) : 0] =
-                random_part(line, obs, u) + residual;
+            simval[mudmap.alltraits ? line.ynq[obs] - 1 : 0] = random_part(line, obs, u) + residual;
         }
         std::string text = s.texts[l];
         for (double x : simval) text += " " + data_item(x);

@@ -13,14 +13,14 @@ static_assert(solve_columns % lane == 0 && few_columns % lane == 0, "a row of a 
 
 // Copies columns first.. of b into x, equations running slowest, or back; missing columns of the block are 0.
 void pack(const array<double, 2>& b, int first, int count, int width, int n, std::vector<double>& x) {
-    x.assign(static_cast<std::size_t>(n) * width, 0.0);
+    x.assign(std::ptrdiff_t{n} * width, 0.0);
     // b is read along its columns, x filled in strides: the kernels want a row together
     for (int c = 0; c < count; ++c)
-        for (int i = 1; i <= n; ++i) x[static_cast<std::size_t>(i - 1) * width + c] = b(i, first + c);
+        for (int i = 1; i <= n; ++i) x[std::ptrdiff_t{i - 1} * width + c] = b(i, first + c);
 }
 void unpack(const std::vector<double>& x, int first, int count, int width, int n, array<double, 2>& b) {
     for (int c = 0; c < count; ++c)
-        for (int i = 1; i <= n; ++i) b(i, first + c) = x[static_cast<std::size_t>(i - 1) * width + c];
+        for (int i = 1; i <= n; ++i) b(i, first + c) = x[std::ptrdiff_t{i - 1} * width + c];
 }
 
 template <int width> void forward_block(const sparse_store& m, double* x) {

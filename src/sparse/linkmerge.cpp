@@ -7,10 +7,10 @@
 namespace tarvex {
 
 link_merge::link_merge(int n, const clique_lists& data, const std::vector<level_links>& blocks)
-    : n_(n), data_(data), blocks_(blocks), set_start_(static_cast<std::size_t>(n) + 2, 0), set_(data.member.size()),
-      block_of_row_(static_cast<std::size_t>(n) + 1, nullptr), mark_(static_cast<std::size_t>(n) + 1) {
+    : n_(n), data_(data), blocks_(blocks), set_start_(n + 2, 0), set_(data.member.size()),
+      block_of_row_(n + 1, nullptr), mark_(n + 1) {
     // the sets of each row: counts, starts, then the sets themselves
-    for (int r : data.member) ++set_start_[static_cast<std::size_t>(r) + 1];
+    for (int r : data.member) ++set_start_[r + 1];
     for (int r = 1; r <= n; ++r) set_start_[r + 1] += set_start_[r];
     auto next = set_start_;
     for (std::size_t c = 0; c + 1 < data.start.size(); ++c)

@@ -59,7 +59,7 @@ double threshold(const normal_equations& a, int equation, double limit) {
 
 // Elimination row by row; a row gathers the updates of all rows in front of it that reach its column.
 void eliminate(row_factor& f, const normal_equations& a, double limit) {
-    const auto n = static_cast<std::size_t>(f.n) + 1;
+    const std::size_t n = f.n + 1;
     f.pivot.assign(n, 0.0);
     f.rhs.assign(n, 0.0);
     f.out.assign(n, 0);
@@ -151,7 +151,7 @@ double last_pivot(const row_factor& f, int j, std::vector<double>& temp) {
 // Equations whose pivots leave doubt whether they vanish, or would in another order.
 std::vector<int> unclear(const row_factor& f, const normal_equations& a, double limit) {
     std::vector<int> list;
-    std::vector<double> temp(static_cast<std::size_t>(f.n) + 1, 0.0);
+    std::vector<double> temp(f.n + 1, 0.0);
     for (int j = 1; j <= f.n; ++j) {
         const double p = f.pivot[j], d = a.diag[f.eq[j]];
         if (f.out[j]) {
@@ -178,7 +178,7 @@ struct column_lists {
 };
 column_lists columns(const row_factor& f) {
     column_lists c;
-    c.start.assign(static_cast<std::size_t>(f.n) + 2, 0);
+    c.start.assign(f.n + 2, 0);
     c.row_place.resize(f.x.size());
     auto each = [&](auto visit) {
         for (int k = 1; k <= f.n; ++k)
@@ -196,7 +196,7 @@ column_lists columns(const row_factor& f) {
 std::vector<null_vector> null_vectors(const row_factor& f, const normal_equations& a) {
     constexpr double negligible = 1.0e-12;
     const column_lists cols = columns(f);
-    std::vector<double> v(static_cast<std::size_t>(f.n) + 1, 0.0);
+    std::vector<double> v(f.n + 1, 0.0);
     std::vector<int> waiting(v.size(), 0);
     std::vector<null_vector> all;
     std::priority_queue<int> rows;
@@ -332,8 +332,7 @@ std::vector<int> fill_reducing_order(const normal_equations& a, const std::vecto
 
 } // namespace
 
-normal_equations::normal_equations(int size)
-    : n(size), diag(static_cast<std::size_t>(size), 0.0), rhs(static_cast<std::size_t>(size), 0.0) {}
+normal_equations::normal_equations(int size) : n(size), diag(size, 0.0), rhs(size, 0.0) {}
 
 void normal_equations::add(int i, int j, double x) {
     const auto row = static_cast<std::uint64_t>(std::min(i, j)), column = static_cast<std::uint64_t>(std::max(i, j));
@@ -347,7 +346,7 @@ void normal_equations::finish() {
     sums_.each([&](std::uint64_t key, double x) { all.emplace_back(key, x); });
     sums_ = {};
     std::sort(all.begin(), all.end());
-    start.assign(static_cast<std::size_t>(n) + 1, 0);
+    start.assign(n + 1, 0);
     for (const auto& [key, x] : all) {
         ++start[(key >> 32U) + 1];
         col.push_back(static_cast<int>(key & 0xFFFFFFFFU));
@@ -396,7 +395,7 @@ bool clear_rank(const normal_equations& a, const std::vector<int>& part, double 
     const row_factor f = factorise(a, fill_reducing_order(a, part), limit);
     doubts = unclear(f, a, limit);
     if (!doubts.empty()) return false;
-    const auto vanished = static_cast<std::size_t>(std::count(f.out.begin(), f.out.end(), 1));
+    const std::size_t vanished = std::count(f.out.begin(), f.out.end(), 1);
     const auto vectors = echelon(null_vectors(f, a), a.n);
     // one dependent equation for each vanished pivot, or the vectors are not told apart
     if (vectors.size() != vanished || doubtful(vectors)) return false;

@@ -360,7 +360,7 @@ private:
     // Pieces that others may take: only some ahead, since what they leave takes memory.
     void launch(std::size_t i) {
         if (!shared_.pool()) return;
-        const std::size_t ahead = 4 * static_cast<std::size_t>(shared_.threads());
+        const std::size_t ahead = 4 * shared_.threads();
         for (; launched_ < pieces_.size() && launched_ <= i + ahead; ++launched_)
             if (tree_piece& p = pieces_[launched_]; p.step.piece) {
                 p.state.store(tree_piece::free, std::memory_order_release); // what it reads is there

@@ -26,7 +26,7 @@ struct symbolic {
 // What row i hands on: its subscripts behind the first.
 std::span<const int> handed_on(const symbolic& s, int i) {
     const int c = s.ixvec1(i + 1) - s.ixvec1(i);
-    return {s.ixsub.data() + s.ixvec2(i), static_cast<std::size_t>(c - 1)};
+    return std::span(s.ixsub.data() + s.ixvec2(i), c - 1);
 }
 
 // Subscripts that row k has not met go into s.extra.
@@ -111,7 +111,7 @@ int row_pattern(symbolic& s, int k, const std::vector<int>& nbs) {
 void ssmbfct(int nsrow, const array<int>& xadj, const array<int>& adjncy, const array<int>& perm,
              const array<int>& invp, array<int>& ixvec1, int& maxlnz, array<int>& ixvec2, array<int>& ixsub,
              int& maxsub, int& flag) {
-    const auto n = static_cast<std::size_t>(nsrow);
+    const std::size_t n = nsrow;
     ixvec1.allocate(nsrow + 1);
     ixvec2.allocate(nsrow);
     symbolic s{nsrow, ixvec1, ixvec2, ixsub, std::vector<int>(n + 1), std::vector<int>(n + 1), std::vector<int>(n + 1),

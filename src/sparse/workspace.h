@@ -16,8 +16,7 @@ struct free_aligned {
 };
 using work_space = std::unique_ptr<double, free_aligned>;
 inline work_space make_space(std::ptrdiff_t size) {
-    return work_space(static_cast<double*>(
-        ::operator new (static_cast<std::size_t>(size + 2 * lane) * sizeof(double), std::align_val_t{64})));
+    return work_space(static_cast<double*>(::operator new ((size + 2 * lane) * sizeof(double), std::align_val_t{64})));
 }
 
 struct sparse_work {

@@ -33,7 +33,7 @@ public:
             total *= extent;
         }
         std::vector<T>().swap(store_);
-        store_.resize(static_cast<std::size_t>(total));
+        store_.resize(total);
         upper_ = up;
         allocated_ = true;
     }
@@ -47,13 +47,13 @@ public:
         index stride = 1;
         for (int d = 0; d + 1 < rank; ++d) stride *= upper_[d];
         index extent = n - low + 1;
-        store_.resize(static_cast<std::size_t>(extent > 0 ? extent * stride : 0));
+        store_.resize(extent > 0 ? extent * stride : 0);
         upper_[rank - 1] = n;
         allocated_ = true;
     }
     bool allocated() const { return allocated_; }
     index size() const { return static_cast<index>(store_.size()); }
-    index upper(int d = 1) const { return upper_[static_cast<std::size_t>(d - 1)]; }
+    index upper(int d = 1) const { return upper_[d - 1]; }
     void fill(const T& v) { store_.assign(store_.size(), v); }
 
     T* data() { return store_.data(); }
@@ -66,20 +66,18 @@ public:
     std::span<T> prefix(index n) { return {store_.data(), checked_length(n)}; }
     std::span<const T> prefix(index n) const { return {store_.data(), checked_length(n)}; }
     // Rank 2: column j, all rows.
-    std::span<T> column(index j) { return {store_.data() + column_offset(j), static_cast<std::size_t>(upper_[0])}; }
-    std::span<const T> column(index j) const {
-        return {store_.data() + column_offset(j), static_cast<std::size_t>(upper_[0])};
-    }
+    std::span<T> column(index j) { return std::span(store_.data() + column_offset(j), upper_[0]); }
+    std::span<const T> column(index j) const { return std::span(store_.data() + column_offset(j), upper_[0]); }
 
-    template <class... I> T& operator()(I... i) { return store_[static_cast<std::size_t>(offset(i...))]; }
-    template <class... I> const T& operator()(I... i) const { return store_[static_cast<std::size_t>(offset(i...))]; }
+    template <class... I> T& operator()(I... i) { return store_[offset(i...)]; }
+    template <class... I> const T& operator()(I... i) const { return store_[offset(i...)]; }
 
 private:
     std::size_t checked_length(index n) const {
 #ifdef TVX_BOUNDS
         if (n < 0 || n > size()) std::abort();
 #endif
-        return static_cast<std::size_t>(n);
+        return n;
     }
     index column_offset(index j) const {
         static_assert(rank == 2);
@@ -95,12 +93,12 @@ private:
         for (int d = rank - 1; d >= 0; --d) {
             const index first = d == rank - 1 ? low : 1;
 #ifdef TVX_BOUNDS
-            if (at[d] < first || at[d] > upper_[static_cast<std::size_t>(d)]) std::abort();
+            if (at[d] < first || at[d] > upper_[d]) std::abort();
 #endif
             if (d == rank - 1)
                 place = at[d] - first;
             else
-                place = place * upper_[static_cast<std::size_t>(d)] + at[d] - first;
+                place = place * upper_[d] + at[d] - first;
         }
         return place;
     }

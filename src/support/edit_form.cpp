@@ -11,10 +11,10 @@ namespace tarvex {
 
 namespace {
 
-std::string asterisks(int width) { return std::string(static_cast<std::size_t>(width), '*'); }
+std::string asterisks(int width) { return std::string(width, '*'); }
 
 std::string right_adjusted(std::string_view text, int width) {
-    const auto w = static_cast<std::size_t>(width);
+    const std::size_t w = width;
     if (text.size() > w) return asterisks(width);
     std::string s;
     s.reserve(w);
@@ -67,7 +67,7 @@ using detail::form_item;
 using kind = form_item::kind;
 
 std::string edit_text(std::string_view text, int width) {
-    const auto w = static_cast<std::size_t>(width);
+    const std::size_t w = width;
     // no width: the text as long as it is
     if (width < 0) return std::string(text);
     if (text.size() >= w) return std::string(text.substr(0, w));
@@ -118,7 +118,7 @@ edit_form edit_form::edited(std::string_view text) {
 std::string edit_i(long long value, int width) {
     char text[24];
     const auto end = std::to_chars(text, text + sizeof text, value).ptr;
-    return right_adjusted({text, static_cast<std::size_t>(end - text)}, width);
+    return right_adjusted(std::string_view(text, end - text), width);
 }
 
 std::string edit_f(double value, int width, int decimals) {
@@ -200,10 +200,10 @@ std::string edit(std::string_view form, std::span<const edit_value> values) {
             out.end();
             break;
         case kind::x:
-            out.at += static_cast<std::size_t>(item.width);
+            out.at += item.width;
             break;
         case kind::t:
-            out.at = static_cast<std::size_t>(item.width - 1);
+            out.at = item.width - 1;
             break;
         case kind::literal:
             put_literal(out, item);

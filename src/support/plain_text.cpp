@@ -20,7 +20,7 @@ const char* text_fault(const std::string& name) {
     std::ifstream in(name, std::ios::binary);
     std::vector<char> head(std::size_t{1} << 16);
     in.read(head.data(), static_cast<std::streamsize>(head.size()));
-    const std::string_view text(head.data(), static_cast<std::size_t>(in.gcount()));
+    const std::string_view text(head.data(), in.gcount());
     // byte order marks of UTF-16, or every other byte 0
     if (text.starts_with("\xFF\xFE") || text.starts_with("\xFE\xFF") ||
         (text.size() > 1 && (text[0] == '\0') != (text[1] == '\0')))

@@ -135,7 +135,7 @@ bool record_reader::next() {
             at_ = end_;
             if (!fill()) return false;
         } else {
-            at_ += static_cast<std::size_t>(left_);
+            at_ += left_;
             left_ = 0;
         }
     }

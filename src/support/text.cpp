@@ -8,8 +8,7 @@ namespace tarvex {
 
 void capitalise(std::string& text, int n) {
     for (int i = 0; i < n && i < static_cast<int>(text.size()); ++i)
-        if (text[static_cast<std::size_t>(i)] >= 'a' && text[static_cast<std::size_t>(i)] <= 'z')
-            text[static_cast<std::size_t>(i)] = static_cast<char>(text[static_cast<std::size_t>(i)] - 'a' + 'A');
+        if (text[i] >= 'a' && text[i] <= 'z') text[i] = static_cast<char>(text[i] - 'a' + 'A');
 }
 
 bool is_digit(char ch) { return ch >= '0' && ch <= '9'; }

@@ -48,12 +48,12 @@ public:
     bool operator==(const vector1&) const = default;
 
 private:
-    static std::size_t length(index n) { return n > 0 ? static_cast<std::size_t>(n) : 0; }
+    static std::size_t length(index n) { return n > 0 ? n : 0; }
     std::size_t place(index i) const {
 #ifdef TVX_BOUNDS
         if (i < 1 || i > size()) std::abort();
 #endif
-        return static_cast<std::size_t>(i - 1);
+        return i - 1;
     }
     std::vector<T> store_;
 };

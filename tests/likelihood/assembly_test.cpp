@@ -297,13 +297,12 @@ TEST_F(assembly_test, two_traits_at_one_control_value_are_correlated) {
     s.record(1, 7);
     s.record(2, 3);
     s.record(2, 8);
-    std::vector<double> r;
-    bool diagonal = true;
+    pattern_matrix r;
     double ldet = 0.0;
-    get_rinv_rreg(s.data, 1, r, diagonal, ldet);
-    EXPECT_FALSE(diagonal);
-    ASSERT_EQ(r.size(), 16u);
-    const auto e = [&](int i, int j) { return r[at(i - 1) + 4 * at(j - 1)]; };
+    get_rinv_rreg(s.data, 1, r, ldet);
+    EXPECT_FALSE(r.diagonal);
+    ASSERT_EQ(r.v.size(), 16u);
+    const auto e = [&](int i, int j) { return r.v[at(i - 1) + 4 * at(j - 1)]; };
     // records 1 and 3: class 1, matrix (4 1; 1 2) with determinant 7; the others stand alone in class 2
     EXPECT_NEAR(e(1, 1), 2.0 / 7.0, 1e-12);
     EXPECT_NEAR(e(3, 3), 4.0 / 7.0, 1e-12);
@@ -319,16 +318,15 @@ TEST_F(assembly_test, one_record_of_a_subject) {
     by_hand s(1, 1);
     residualvars.sigres(1, 1) = 2.5;
     s.record(1, 3);
-    std::vector<double> r;
-    bool diagonal = false;
+    pattern_matrix r;
     double ldet = 0.0;
-    get_rinv_rreg(s.data, 1, r, diagonal, ldet);
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_DOUBLE_EQ(r[0], 0.4);
+    get_rinv_rreg(s.data, 1, r, ldet);
+    ASSERT_EQ(r.v.size(), 1u);
+    EXPECT_DOUBLE_EQ(r.v[0], 0.4);
     EXPECT_DOUBLE_EQ(ldet, std::log(2.5));
     residualvars.sigres(1, 1) = 1.0e-9; // below the limit: no rank, and no word on equal control values
-    EXPECT_STOP(get_rinv_rreg(s.data, 7, r, diagonal, ldet), "   Individual no.      = 7\n   No. of observations = 1\n"
-                                                             "   Rank found          = 0\nexit \"Tarvex\"");
+    EXPECT_STOP(get_rinv_rreg(s.data, 7, r, ldet), "   Individual no.      = 7\n   No. of observations = 1\n"
+                                                   "   Rank found          = 0\nexit \"Tarvex\"");
 }
 
 // ---- evaluations

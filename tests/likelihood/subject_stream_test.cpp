@@ -23,7 +23,7 @@ struct shown {
 shown look(const subject_stream& s) {
     const subject_design& d = s.design();
     const subject_record& r = s.record();
-    shown out{s.isubj(), d.nl, r.icombi, d.eq, d.first, d.local, {}, d.weight, {}, s.rinv(), s.ldet()};
+    shown out{s.isubj(), d.nl, r.icombi, d.eq, d.first, d.local, {}, d.weight, {}, s.rinv().v, s.ldet()};
     for (int i = 1; i <= d.nobs; ++i) {
         out.traits.push_back(r.ynq(i));
         out.y.push_back(r.yvec(i));
