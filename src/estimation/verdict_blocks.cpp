@@ -348,10 +348,13 @@ bool at_border_beside_zeros(judgement& j, const judged_block& b) {
 }
 
 void judge_parameter(judgement& j, const judged_parameter& p) {
-    const double slope = j.slope({{{p.par, 1.0}}});
-    // elements of a factor come in either sign: log L must not rise away from 0
-    if (std::fabs(p.value) < vanished_element * p.scale && slope * p.value <= 0.0) {
-        j.verdict.promised += std::fabs(p.value * slope);
+    const double slope = j.slope({{{p.par, 1.0}}}), information = j.information(p.par, p.par);
+    const double least = vanished_element * p.scale;
+    const bool rises = slope * p.value > 0.0; // elements of a factor come in either sign
+    // what rises away from 0 by no more than Newton's step leaves it is at the border as well
+    const bool stays = rises && information > 0.0 && std::fabs(p.value + slope / information) < least;
+    if (std::fabs(p.value) < least && (!rises || stays)) {
+        j.verdict.promised += rises ? 0.5 * slope * slope / information : std::fabs(p.value * slope);
         j.verdict.border.push_back(p.name + " is " + number(p.value));
         j.verdict.void_errors.push_back(p.par);
         return;

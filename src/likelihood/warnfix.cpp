@@ -83,15 +83,27 @@ void blame_random_part(int irand, int level) {
         print_list(screen(), "Its starting values do not go with the others - check variances and covariances !");
 }
 
+// The last pivot is that of the records: y'Py.
+void blame_records() {
+    long long n = 0;
+    for (int iq = 1; iq <= numbers.nq; ++iq) n += means.nrec(iq);
+    if (n <= numbers.nrankx)
+        print_list(screen(), "Fixed effects leave nothing of the records : records, rank of the fixed part =", n,
+                   numbers.nrankx);
+    else
+        print_list(screen(), "Records differ by too little for their size - subtract a constant from all of a trait !");
+}
+
 } // namespace
 
-void write_warnfix(int irow) {
+void write_reason(int irow) {
     const int ieq = irow >= 1 && irow <= orders.ieqold.upper() ? orders.ieqold(irow) : 0;
     int level = 0;
     const int irand = ieq > 0 ? random_block(ieq, level) : 0;
-    print_list(screen(), "This occurred in first likelihood evaluation attempted.");
     if (variances_far_off())
         print_list(screen(), "Starting variances far from those of the data make pivots vanish.");
+    else if (irow == numbers.nsrow)
+        blame_records();
     else if (irand > 0)
         blame_random_part(irand, level);
     else
@@ -99,6 +111,11 @@ void write_warnfix(int irow) {
     print_list(screen(), "Error ocuured at row no.              =", irow);
     print_list(screen(), "Corresponding \"original\" equation no. =", ieq);
     if (ieq > 0) name_effect(ieq);
+}
+
+void write_warnfix(int irow) {
+    print_list(screen(), "This occurred in first likelihood evaluation attempted.");
+    write_reason(irow);
 }
 
 } // namespace tarvex

@@ -10,6 +10,7 @@
 #include "likelihood/factormmm.h"
 #include "likelihood/likelihood.h"
 #include "likelihood/solutions.h"
+#include "likelihood/warnfix.h"
 #include "parameters/randomvars.h"
 #include "parameters/residualvars.h"
 #include "parfile/model.h"
@@ -74,7 +75,10 @@ void get_ebvs() {
     double detc = 0.0, ypy = 0.0;
     int ifail = 0;
     factorise_mmm(detc, ypy, ifail);
-    if (ifail != 0) invalid("Error in factorisation of MMM ");
+    if (ifail != 0) {
+        write_reason(likelihoods.failrow);
+        invalid("Error in factorisation of MMM ");
+    }
     end_if_asked(false);
     // solutions first, then the inverse in place of the factor: its diagonal is the error variances
     takaha_inverse();

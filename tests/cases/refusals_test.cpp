@@ -413,6 +413,29 @@ TEST_F(refusals, starts_without_a_value) {
     }
 }
 
+// Equations that cannot be factorised are told alike in a search and at given matrices.
+TEST_F(refusals, equations_without_a_pivot) {
+    const auto expect_reason = [&](const std::string& text) {
+        for (const char* options : {"--aireml2", "--blup"}) {
+            const auto result = run(options);
+            EXPECT_EQ(result.status, 1);
+            EXPECT_NE(result.output.find(text), std::string::npos) << options << "\n" << result.output;
+        }
+        fresh();
+    };
+    write_file("ped.dat", p_.pedigree() + "41 0 0\n"); // neither records nor offspring
+    write_file("model.par", uni(" FIX herd\n RAN animal NRM\n", "PED ped.dat\n", "PSE 0.0\n animal 41\nEND\n"));
+    expect_reason("Levels of this effect are treated as fixed : one of them depends on the fixed effects !\n");
+    write_file("ped.dat", p_.pedigree()); // a record for each herd
+    write_file("data.dat", "1 1 0 1 1 20 25 26\n2 2 0 2 1 20 27 26\n3 3 0 3 1 20 21 26\n");
+    write_file("model.par", uni(" FIX herd\n RAN animal NRM\n"));
+    expect_reason("Fixed effects leave nothing of the records : records, rank of the fixed part = 3 3\n");
+    std::string dates; // of one herd
+    for (int i = 1; i <= 5; ++i) dates += std::to_string(i) + " 1 0 1 1 20 20260101000" + std::to_string(i) + " 26\n";
+    write_file("data.dat", dates);
+    expect_reason("Records differ by too little for their size - subtract a constant from all of a trait !\n");
+}
+
 TEST_F(refusals, things_only_a_person_can_judge) {
     population q = p_;
     for (auto& r : q.records)

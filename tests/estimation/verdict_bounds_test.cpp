@@ -98,6 +98,24 @@ TEST_F(verdict_bounds_test, element_at_the_border_promises_the_way_to_zero_or_al
     }
 }
 
+// Log L rises away from zero by noise alone: Newton's step ends below the border.
+TEST_F(verdict_bounds_test, element_at_the_border_that_rises_by_less_than_the_border_reaches) {
+    for (const double side : {1.0, -1.0}) {
+        auto v = judge(element(side * 1.0e-4, side * 1.0e-5));
+        EXPECT_EQ(v.kind, search_end::border);
+        EXPECT_NEAR(v.promised, 5.0e-11, 1.0e-15);
+        v = judge(element(side * 0.005, side * 0.004));
+        EXPECT_EQ(v.kind, search_end::border);
+        EXPECT_NEAR(v.promised, 8.0e-6, 1.0e-12);
+        v = judge(element(side * 0.005, side * 0.006)); // leads to 0.011
+        EXPECT_EQ(v.kind, search_end::maximum);
+        EXPECT_TRUE(v.border.empty());
+    }
+    judged_point saddle = element(1.0e-6, 2.0e-6); // of (x^2 - x^4): rises by the square
+    saddle.information = {4.0e-12};
+    EXPECT_EQ(judge(saddle).kind, search_end::not_maximum);
+}
+
 // Correlation of the information 1 - d: eigenvalues d and 2 - d.
 TEST_F(verdict_bounds_test, information_below_a_ten_millionth_of_the_largest_is_none) {
     for (const double d : {1.9e-7, 2.1e-7}) {

@@ -158,6 +158,12 @@ TEST_F(likelihood_messages_test, diagnosis_of_the_first_evaluation_line_by_line)
                                  "effects !\n" +
                                  place);
     clear_screen();
+    write_warnfix(numbers.nsrow); // y'Py
+    EXPECT_TRUE(told(screen_text(), "Records differ by too little for their size - subtract a constant from all of a "
+                                    "trait !\n"))
+        << screen_text();
+    EXPECT_EQ(screen_text().find("dependency"), std::string::npos);
+    clear_screen();
     model.cov(1, 1) = 1.0e12;
     write_warnfix(row); // the fixed part is not to blame
     EXPECT_EQ(screen_text().find("dependency"), std::string::npos);
