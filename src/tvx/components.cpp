@@ -160,18 +160,6 @@ double estimate_set::ratio_se(const linear& a, const linear& b) const {
     return v > 0.0 ? std::sqrt(v) : none;
 }
 
-double estimate_set::correlation_se(const linear& c, const linear& a, const linear& b) const {
-    const double x = value(c), va = value(a), vb = value(b);
-    if (!(va > 0.0) || !(vb > 0.0)) return none;
-    linear f; // gradient of c / sqrt(a b)
-    const double root = std::sqrt(va * vb);
-    f.add(c, 1.0 / root);
-    f.add(a, -0.5 * x / (root * va));
-    f.add(b, -0.5 * x / (root * vb));
-    // variance of the gradient's combination
-    return se(f);
-}
-
 linear estimate_set::element(int block, int step, int i, int j) const {
     for (const auto& p : place_)
         if (p[0] == block && p[1] == step && p[2] == std::min(i, j) && p[3] == std::max(i, j)) return {{{p[4], 1.0}}};

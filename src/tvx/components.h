@@ -31,13 +31,11 @@ struct linear {
 class estimate_set {
 public:
     explicit estimate_set(const json& results);
-    bool has_errors() const { return !cov_.empty(); }
     double value(const linear& f) const;
-    double covariance(const linear& f, const linear& g) const;                      // NaN without errors
-    double se(const linear& f) const;                                               // NaN where it fails
-    double ratio_se(const linear& a, const linear& b) const;                        // of a / b
-    double correlation_se(const linear& c, const linear& a, const linear& b) const; // of c / sqrt(a b)
-    linear element(int block, int step, int i, int j) const; // a covariance; no terms where it is not fitted
+    double covariance(const linear& f, const linear& g) const; // NaN without errors
+    double se(const linear& f) const;                          // NaN where it fails
+    double ratio_se(const linear& a, const linear& b) const;   // of a / b
+    linear element(int block, int step, int i, int j) const;   // a covariance; no terms where it is not fitted
 
 private:
     std::vector<double> value_;

@@ -352,9 +352,4 @@ std::vector<formula_model> read_formula(const std::string& text) {
     return s.models;
 }
 
-std::string quoted_name(const std::string& name) {
-    peg::memory_input<> in(name, "name");
-    return peg::parse<peg::seq<plain_name, peg::eof>>(in) ? name : "`" + name + "`";
-}
-
 } // namespace tvx

@@ -44,7 +44,4 @@ struct formula_model {
 // Reads a formula. What cannot be read is a fault that shows the place.
 std::vector<formula_model> read_formula(const std::string& text);
 
-// The formula as text, with names in backquotes where they need them.
-std::string quoted_name(const std::string& name);
-
 } // namespace tvx

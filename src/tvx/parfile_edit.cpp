@@ -233,15 +233,4 @@ void parfile_text::set_values(const std::string& block, const std::vector<double
     }
 }
 
-void parfile_text::set_data(const std::string& file) {
-    for (auto& line : lines_) {
-        if (key_of(line) != "DAT") continue;
-        const auto w = words_of(line);
-        std::string rest;
-        for (std::size_t i = 2; i < w.size(); ++i) rest += " " + w[i];
-        line = w[0] + " " + file + rest;
-        return;
-    }
-}
-
 } // namespace tvx

@@ -35,8 +35,6 @@ public:
     // number of each line). A fault where their number is another.
     void set_values(const std::string& block, const std::vector<double>& values);
 
-    // The DAT line names another file; columns are added behind the named ones.
-    void set_data(const std::string& file);
     void drop_functions(); // the SE+ block
 
 private:
