@@ -111,7 +111,7 @@ template <int width> void sweep_up(lineage& w) {
         for (int k = 0; k < width; ++k) half[k] = 0.5 * v[k];
         for (int k = 0; k < width; ++k) v[k] *= d;
         for (const int parent : {r.sire, r.dam}) {
-            double* p = w.v.data() + width * parent;
+            double* p = w.v.data() + std::ptrdiff_t{parent} * width;
             for (int k = 0; k < width; ++k) p[k] += half[k];
         }
     }
@@ -125,8 +125,8 @@ template <int width> void sweep_down(lineage& w) {
         const relative& r = w.list[i];
         if (!r.down) continue;
         double* v = w.v.data() + i * width;
-        const double* p = w.v.data() + width * r.sire;
-        const double* q = w.v.data() + width * r.dam;
+        const double* p = w.v.data() + std::ptrdiff_t{r.sire} * width;
+        const double* q = w.v.data() + std::ptrdiff_t{r.dam} * width;
         std::array<double, width> a;
         for (int k = 0; k < width; ++k) a[k] = v[k] + 0.5 * (p[k] + q[k]);
         for (int k = 0; k < width; ++k) v[k] = a[k];
@@ -137,10 +137,12 @@ template <int width> void sweep_down(lineage& w) {
 template <int width> void sweep(lineage& w) {
     list_relatives(w);
     w.v.assign(w.list.size() * width, 0.0);
-    for (std::size_t k = 0; k < w.group.size(); ++k) w.v[width * w.place[w.group[k]] + k] = 1.0;
+    for (std::size_t k = 0; k < w.group.size(); ++k) w.v[std::ptrdiff_t{w.place[w.group[k]]} * width + k] = 1.0;
     sweep_up<width>(w);
     sweep_down<width>(w);
-    each_mate(w, [&](std::size_t k, int child, int mate) { w.f[child - 1] = 0.5 * w.v[width * w.place[mate] + k]; });
+    each_mate(w, [&](std::size_t k, int child, int mate) {
+        w.f[child - 1] = 0.5 * w.v[std::ptrdiff_t{w.place[mate]} * width + k];
+    });
 }
 
 // Coefficients of the offspring of sires between which D does not matter: brothers go together.
