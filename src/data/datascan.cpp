@@ -151,7 +151,7 @@ void close_subject(scan_state& s) {
 }
 
 void warn_repeats(const scan_state& s) {
-    if (!s.repeats || numbers.nq == 1 || mudmap.subject != subject_rule::effect) return;
+    if (!s.repeats || numbers.nq == 1 || mudmap.subject == subject_rule::line) return;
     print_list(screen(), "WARNING : subjects with several records of a trait - the residual of each is correlated with "
                          "those of all their records of other traits; see \"SUBject\" in the user's guide");
 }

@@ -3,6 +3,7 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "control/warnings.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "parfile/parlines.h"
@@ -272,8 +273,22 @@ void map_controls(int iq) {
     }
 }
 
+// A column whose name is the word for lines.
+bool column_of_lines(int iq) {
+    for (int k = 1; k <= datafile.ndatcol[iq]; ++k) {
+        std::string name = datafile.colname[k][iq];
+        capitalise(name, static_cast<int>(name.size()));
+        if (name == "LINE") return true;
+    }
+    return false;
+}
+
 // Columns that tell the subjects.
 void map_subject(int iq) {
+    if (iq == 1 && model.subject_line && column_of_lines(iq))
+        warn("column with the name LINE",
+             "\"SUBject LINE\" makes a subject of each line, not of what the column of that "
+             "name holds");
     for (std::size_t k = 0; k < model.subject.size(); ++k) {
         std::int64_t mlev = 0;
         datposition(model.subject[k], iq, mudmap.subj_column(static_cast<int>(k) + 1, iq), mlev);

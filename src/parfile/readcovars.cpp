@@ -163,6 +163,13 @@ int read_order(par_lines& p) {
     return n;
 }
 
+// Remarks, and the sign of correlated effects, may stand there.
+void warn_passed_over(const std::string& block, const std::string& word) {
+    if (word.front() == '#' || word.front() == plus_char) return;
+    warn("word of a VAR line that is not looked at",
+         "\"" + word + "\" behind the order of the covariance matrix of \"" + block + "\" is not looked at");
+}
+
 void read_residual(par_state& s, const std::string& name) {
     if (!s.values(0).empty()) rdpar_err(s.lines, "Residual covariances given twice");
     s.values(0).clear();
@@ -172,6 +179,8 @@ void read_residual(par_state& s, const std::string& name) {
         read_qualifier(s);
     else
         model.kkfit(0) = read_order(s.lines);
+    // structures are those of random effects
+    if (!options.randreg && next_var(s.lines)) warn_passed_over(name, token(s.lines));
     // one residual for each trait, of whatever classes
     if (options.randreg) model.kkfit(0) = numbers.nq;
     model.krfit(0) = model.kkfit(0);
@@ -185,21 +194,28 @@ void read_residual(par_state& s, const std::string& name) {
         read_values(s, 0, n);
 }
 
-// Options behind order and rank: the first token that is no number. At reduced rank only the next token is looked at.
+// Options behind order and rank, in any order. Numbers in front of them are passed over, at reduced rank only the first
+// token may be an option.
 void read_option(par_state& s, int irand) {
     par_lines& p = s.lines;
     while (next_var(p)) {
-        const std::string t = token(p);
-        if (!is_digit(t.front())) {
+        const std::string t = token(p), option = upper3(t);
+        if (is_digit(t.front())) {
+            // a rank where no ranks are fitted
+            if (!options.principal && t != std::to_string(model.kkfit(irand)))
+                warn_passed_over(model.krandom(irand), t);
+            if (options.principal) return;
+        } else if (option == "REC") {
             // repeats by record: settled when all blocks are read
-            if (upper3(t) == "REC") s.by_record = model.krandom(irand);
-            if (upper3(t) != "DIA") return;
+            s.by_record = model.krandom(irand);
+        } else if (option == "DIA") {
             model.diagonal(irand) = 1;
-            if (model.kkfit(irand) == model.krfit(irand)) return;
+            if (model.kkfit(irand) == model.krfit(irand)) continue;
             print_list(screen(), " incompatible options - need full rank for ", "diagonal matrix");
             stoptarvex();
+        } else {
+            return warn_passed_over(model.krandom(irand), t);
         }
-        if (options.principal) return;
     }
 }
 

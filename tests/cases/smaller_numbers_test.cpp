@@ -199,14 +199,14 @@ TEST_F(smaller_numbers, repeat_effects_by_record) {
     write_file("data.dat", data);
     write_file("ped.dat", pedigree);
     const auto estimates_of = [&](const std::string& effect, const std::string& line, const std::string& block,
-                                  const std::string& residual) {
+                                  const std::string& residual, const std::string& values = "2 0.6\n 1.5") {
         write_file("model.par",
                    "PED ped.dat\nANA MUV 2\nDAT data.dat\n animal 99\n pe 99\n herd 9\n y1\n y2\nEND\nMOD EQ\n FIX "
                    "herd\n RAN animal NRM\n RAN pe " +
                        effect + line +
                        "\n TR y1 1 -999\n TR y2 2 -999\nEND\nVAR animal "
                        "2\n 0.5 0\n 0.5\nVAR pe " +
-                       block + "\n 2 0.6\n 1.5\nVAR residual 2\n 8 " + residual + "\n 6\n");
+                       block + "\n " + values + "\nVAR residual 2\n 8 " + residual + "\n 6\n");
         std::filesystem::remove("BestPoint");
         output_ = finish("--aireml30,1e-9").output;
         return read_estimates();
@@ -219,6 +219,17 @@ TEST_F(smaller_numbers, repeat_effects_by_record) {
     for (std::size_t k = 0; k < record.size(); ++k) {
         EXPECT_EQ(record[k].value, independent[k].value);
         EXPECT_EQ(record[k].error, independent[k].error);
+    }
+    // a diagonal matrix by records too, the words in either order
+    const auto diagonal = [&](const std::string& effect, const std::string& line, const std::string& words) {
+        return estimates_of(effect, line, words, "1", "2\n 1.5");
+    };
+    const auto apart = diagonal("IDE", "\n SUBject LINE", "2 DIA");
+    EXPECT_EQ(apart.size() + 1, independent.size());
+    for (const char* words : {"2 REC DIA", "2 DIA REC"}) {
+        const auto found = diagonal("PEQ", "", words);
+        ASSERT_EQ(found.size(), apart.size()) << words;
+        for (std::size_t k = 0; k < apart.size(); ++k) EXPECT_EQ(found[k].value, apart[k].value) << words << k;
     }
     // the default form says what it cannot tell, and withholds the errors of that alone
     const auto sum = estimates_of("PEQ", "", "2", "1");

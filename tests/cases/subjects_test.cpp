@@ -110,6 +110,11 @@ TEST_F(subjects_test, one_column_joins_as_the_random_effect_does) {
     const double want = start();
     put("MOD EQ\n FIX herd\n RAN animal NRM\n SUB animal\n" + traits_ + blocks);
     EXPECT_NEAR(start(), want, 1e-9);
+    // each with the same warning
+    EXPECT_NE(output_.find("WARNING : subjects with several records of a trait"), std::string::npos) << output_;
+    put("MOD EQ\n FIX herd\n RAN animal NRM\n SUB animal parity\n" + traits_ + blocks);
+    start();
+    EXPECT_EQ(output_.find("WARNING : subjects with"), std::string::npos) << output_;
 }
 
 TEST_F(subjects_test, sire_models_do_not_join_progeny) {

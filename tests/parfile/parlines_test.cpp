@@ -311,6 +311,19 @@ TEST_F(parlines, grouped_form_is_the_third_word) {
     EXPECT_EQ(d.ndatcol[3], 4);
 }
 
+// A column may have the name of the word for lines.
+TEST_F(parlines, subjects_of_lines_beside_a_column_of_that_name) {
+    const std::string text = "\"SUBject LINE\" makes a subject of each line, not of what the column of that name holds";
+    for (const char* line : {" SUB LINE\n", " SUB line\n", " SUB herd\n"}) {
+        clear_screen();
+        new_analysis();
+        map(with(with(with(uni, " sex    2\n", " Line   2\n"), " FIX sex\n", ""), "MOD\n",
+                 "MOD\n" + std::string(line)));
+        EXPECT_EQ(told(text), std::string(line).find("herd") == std::string::npos) << line;
+        EXPECT_EQ(model.subject_line, std::string(line).find("herd") == std::string::npos);
+    }
+}
+
 TEST_F(parlines, options_of_pedigree_and_covariance_lines) {
     read(with(uni, "PED wean.ped", "PED wean.ped sire"));
     EXPECT_TRUE(options.siremodel);
@@ -323,6 +336,28 @@ TEST_F(parlines, options_of_pedigree_and_covariance_lines) {
     EXPECT_TRUE(options.sigam);
     read(with(uni, "RAN animal NRM", "RAN animal nrmX"));
     EXPECT_EQ(model.rnd_opt(1, 1), covariance_kind::nrm);
+}
+
+TEST_F(parlines, words_behind_the_order_of_a_matrix) {
+    const auto passed_over = [](const std::string& word, const std::string& block) {
+        return "***** WARNING : \"" + word + "\" behind the order of the covariance matrix of \"" + block +
+               "\" is not looked at\n";
+    };
+    const auto expect_passed_over = [&](const std::string& line, const std::string& word, const std::string& block) {
+        clear_screen();
+        new_analysis();
+        read(with(two, "VAR " + line.substr(0, line.find(' ', line.find(' ') + 1)), "VAR " + line));
+        EXPECT_EQ(told(passed_over(word, block)), true) << line << screen_text();
+    };
+    expect_passed_over("animal 2 1", "1", "animal"); // a rank that is not fitted
+    expect_passed_over("animal 2 DAI", "DAI", "animal");
+    expect_passed_over("residual 2 DIA", "DIA", "residual");
+    for (const char* line : {"VAR animal 2 2", "VAR animal 2 # start", "VAR animal 2"}) {
+        clear_screen();
+        new_analysis();
+        read(with(two, "VAR animal 2", line));
+        EXPECT_FALSE(told("is not looked at")) << line;
+    }
 }
 
 TEST_F(parlines, a_second_analysis_starts_anew) {
