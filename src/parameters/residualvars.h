@@ -41,9 +41,10 @@ struct residualvars_module {
     array<double> sigpeq;        // (nq(nq+1)/2) PEQ covariances spread over all traits
     array<double> rpars;         // (nresparm) residual parameters on the natural scale, compared by loglike
     array<int> fixres;           // (nresparm as covariances: steps times triangle) 1: fixed at zero
-    bool pivot_zeros = false;    // pivots go in an order in which the factor keeps these zeros
-    bool filled = false;         // there is none: the factor has elements in their places that follow from the others
-    std::vector<double> formed;  // covariances (residual, PEQ) that eei belongs to
+    array<int> given_zero;    // (as fixres) 1: 0 in the parameter file, as opposed to a zero that a search has come to
+    bool pivot_zeros = false; // pivots go in an order in which the factor keeps these zeros
+    bool filled = false;      // there is none: the factor has elements in their places that follow from the others
+    std::vector<double> formed; // covariances (residual, PEQ) that eei belongs to
 };
 inline residualvars_module residualvars;
 

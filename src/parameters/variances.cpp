@@ -90,7 +90,9 @@ void allocate_parameters() {
     allocate("all nnparm", e.logpar, e.nparm);
     allocate("all nnparm", e.ispar, e.nparm);
     e.ispar.fill(1);
-    allocate("alloc fixres", residualvars.fixres, steps_of(0) * step_covs(0));
+    auto& r = residualvars;
+    for (auto* a : {&r.fixres, &r.given_zero}) allocate("alloc fixres", *a, steps_of(0) * step_covs(0));
+    for (int k = 1; k <= r.given_zero.upper(); ++k) r.given_zero(k) = model.cov(k, 0) == 0.0 ? 1 : 0;
     int longest = 0;
     for (int irand = 0; irand <= krand; ++irand) longest = std::max(longest, steps_of(irand) * model.kkfit(irand));
     allocate("all paraform", e.cholorder, longest, krand);
@@ -518,7 +520,7 @@ void fixresvars() {
                 const int peq = residualvars.peqsum ? peq_element(i, j) : 0;
                 if (never && peq > 0) model.cov(peq, residualvars.ipeq) = 0.0;        // nor do records tell of it
                 const bool sum = peq > 0 && model.cov(peq, residualvars.ipeq) != 0.0; // parvec holds it
-                const bool fixed = never || (model.cov(k, 0) == 0.0 && !sum);
+                const bool fixed = never || (residualvars.given_zero(k) != 0 && model.cov(k, 0) == 0.0 && !sum);
                 residualvars.fixres(k) = fixed ? 1 : 0;
                 if (fixed && j > i && linked_to_earlier(i, j)) spread = true;
             }

@@ -204,6 +204,25 @@ TEST_F(variances_test, traits_never_together_have_no_residual_covariance) {
     EXPECT_EQ(estimates.parvec(2), 0.0);
 }
 
+// Eigenvalues that are cut off alike leave a covariance of 0 in mid-search, which goes on as a parameter.
+TEST_F(variances_test, only_residual_covariances_given_as_zero_are_held) {
+    for (const bool given : {false, true}) {
+        new_analysis();
+        small_model m = two_traits();
+        m.residual[1] = given ? 0.0 : 0.4;
+        set_up(m, {"--aireml"});
+        model.cov(2, 0) = 0.0;
+        parvec_from_covs(false, 0.0);
+        EXPECT_EQ(residualvars.fixres(2), given ? 1 : 0);
+        expect_covs(0, {2.1, 0.0, 1.9});
+        EXPECT_EQ(no_fixed_residuals(), given ? 1 : 0);
+        const double x = program_logl(estimates.parvec);
+        array<double> p = estimates.parvec;
+        p(2) += 0.1;
+        EXPECT_TRUE(given || std::fabs(program_logl(p) - x) > 1.0e-3);
+    }
+}
+
 // Traits 2 and 3 never meet, each of them meets trait 1: a factor that begins with trait 2 or 3 keeps the zero.
 TEST_F(variances_test, zero_pattern_is_kept_by_the_order_of_pivots) {
     small_model m = components(3);
