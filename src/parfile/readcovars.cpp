@@ -43,9 +43,10 @@ std::string next_value(par_state& s) {
     return token(p);
 }
 
-double real_value(par_state& s) {
+// Every starting value passes here.
+double real_value(const par_state& s, const std::string& text) {
     double x = 0.0;
-    if (!read_real(next_value(s), x)) rdpar_err(s.lines, value_failure);
+    if (!read_real(text, x)) rdpar_err(s.lines, value_failure);
     // not a number, too
     if (!(std::fabs(x) <= largest_value)) {
         print_list(screen(), "Starting value is no finite number, or too large :", x);
@@ -61,7 +62,7 @@ int integer_value(par_state& s) {
 }
 
 void read_values(par_state& s, int irand, int n) {
-    for (int i = 0; i < n; ++i) s.values(irand).push_back(real_value(s));
+    for (int i = 0; i < n; ++i) s.values(irand).push_back(real_value(s, next_value(s)));
 }
 
 // Bounds of a class of residual variances: ascending, and above those of the class before.
@@ -104,9 +105,7 @@ void read_individual_vars(par_state& s, int n) {
         // a line has n values, the first as its first token
         get_pline(p);
         if (p.iend != 0) rdpar_err(p, "read error ?");
-        double x = 0.0;
-        if (!read_real(token(p), x)) rdpar_err(p, value_failure);
-        s.values(0).push_back(x);
+        s.values(0).push_back(real_value(s, token(p)));
         read_values(s, 0, n - 1);
     }
 }
@@ -241,6 +240,7 @@ void read_block(par_state& s, const std::string& name) {
     model.krfit(irand) = m;
     read_option(s, irand);
     // correlated effects in one block
+    // within the name, or behind the order
     if (find_char(p, plus_char) > 0) {
         options.sigam = true;
         model.correlated(irand) = 1;
@@ -250,6 +250,7 @@ void read_block(par_state& s, const std::string& name) {
 }
 
 bool is_residual(const par_lines& line, const std::string& name) {
+    // any name that begins so
     const std::string head = upper3(name);
     if (head == "ERR" || head == "RES") return true;
     // random regression: the residual may have any name, its qualifier tells it
@@ -302,6 +303,7 @@ void store_covars(par_state& s) {
             rdpar_err(s.lines, value_failure);
         }
     }
+    // from here on the length of a column tells nothing: cov_length does
     const int krand = numbers.krand;
     std::size_t maxij = 1;
     for (int irand = 0; irand <= krand; ++irand) maxij = std::max(maxij, s.values(irand).size());

@@ -168,6 +168,12 @@ TEST_F(refusals, tables_of_a_random_regression) {
     fresh();
     with(table(0, "\n"), "");
     expect_refused("Cannot open file \"MEVariances\"\n");
+    // the first value of each line of IND, as every other
+    for (const char* bad : {"nan", "inf", "1e300"}) {
+        with(table(0, "\n"), classes());
+        write_file("model.par", replaced(read_file("model.par"), " 6.0\n 5.0\n", std::string(" 6.0\n ") + bad + "\n"));
+        expect_refused("Starting value is no finite number, or too large : ");
+    }
     with(table(1, "\n"), classes()); // values of other ages
     expect_refused("  ... value of the control variable expected : " + std::to_string(*ages.begin()) +
                    "  found : " + std::to_string(*ages.begin() + 1));
