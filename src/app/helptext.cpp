@@ -8,6 +8,7 @@ namespace tarvex {
 
 namespace {
 
+// A screen of 24 lines with 80 columns; all options stand in the manual pages and the guide.
 constexpr std::string_view help_text =
     R"(Usage: tarvex [options] name   analyses what the parameter file "name.par" says
 

@@ -68,6 +68,7 @@ template <class... M> void anew(M&... modules) {
 void new_analysis() {
     // of an analysis that ended before
     unlock_folder();
+    // every module of the table in ARCHITECTURE.md: one left out carries state into the next analysis
     anew(outputs);
     anew(filenames, maximise, numbers, options, times, warnings);
     anew(datafile, model, mudmap, randasfix, usrdefcovs, zerout);

@@ -40,6 +40,7 @@ public:
     option_numbers& take(int& setting, int least = INT_MIN) {
         long long value = 0;
         if (read(value)) {
+            // refused rather than cut to 32 bits
             if (value > INT_MAX || value < least) unreadable(arg_);
             setting = static_cast<int>(value);
         }
@@ -161,6 +162,7 @@ void check_metis_options() {
 void metis(text rest, text arg) {
     auto& opts = orders.metis_opts;
     orders.order_type = 3;
+    // a later --metis forgets the numbers of an earlier one
     opts = {3, 1, 2, 1, 0, 1, 0, 5};
     if (rest.starts_with("all") || rest.starts_with("ALL")) {
         orders.order_type = -3;
@@ -274,6 +276,7 @@ void zero(text rest, text arg) {
 void accinb(text, text) { solutions.accinb = true; }
 void super(text, text) { options.superai = options.write_factor = true; }
 
+// beyond any machine: a slip of the keyboard must not start thousands
 constexpr int most_threads = 1024;
 void threads(text rest, text arg) {
     option_numbers(rest, arg).take(options.threads);

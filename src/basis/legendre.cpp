@@ -10,6 +10,7 @@ namespace tarvex {
 
 void setup_legendre(int nord) {
     auto& [nleg, leg, legmask, xpow] = legpolynomials;
+    // elements of the other parity and above the degree stay 0, as allocate leaves them
     allocate("alloc leg", leg, nord, nord);
     allocate("alloc leg", legmask, nord, nord);
     allocate("alloc leg", xpow, nord);

@@ -23,6 +23,7 @@ namespace tarvex {
 
 namespace {
 
+// What tables must agree in to be one. degree and isp are 0 where the basis is no B-spline.
 struct table_key {
     int irrc;
     basis_kind basis;
@@ -129,6 +130,7 @@ void read_table(array<double, 2>& phi, const control_list& codes, const std::str
         list_reader list(line);
         double x = 0.0;
         while (row.size() <= nord && list.next(x) == list_read::value) row.push_back(x);
+        // one number more than functions: the first proves that the line belongs to this value
         if (row.size() > nord) {
             if (row.front() != static_cast<double>(codes(a))) wrong_value(file, a, codes(a), row.front());
             row.erase(row.begin());
@@ -165,6 +167,7 @@ void write_table(const array<double, 2>& phi, const control_list& codes, const s
     for (int a = 1; a <= codes.size(); ++a) {
         std::vector<double> row;
         for (int k = 1; k <= phi.upper(2); ++k) row.push_back(phi(a, k));
+        // a table of up to 10 functions may be given back as USR; a longer one goes on in further lines
         // powers of a raw variable may be large
         if (basis == basis_kind::pol)
             write(out, "(i8,(t9,10f16.6))   ", codes(a), row);
@@ -177,6 +180,7 @@ void write_table(const array<double, 2>& phi, const control_list& codes, const s
 void fill_table(array<double, 2>& phi, const table_key& key, const std::string& file) {
     const control_list& codes = control_codes(key.irrc);
     allocate("all phi", phi, codes.size(), key.order);
+    // in front of the range: the user's functions need none, and one value will do
     if (key.basis == basis_kind::usr) return read_table(phi, codes, file);
     if (key.basis == basis_kind::spl) stop("tpf splines not yet");
     // Legendre polynomials take the range of the control variable as (-1,1), over all traits

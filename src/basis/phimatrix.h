@@ -34,12 +34,14 @@ int control_place(int irrc, int iq);
 // Its values, which the traits share.
 const control_list& control_codes(int irrc);
 
-// From control_values: fills jjmeta, shared_controls and model.me_run, then the tables. Values outside all classes, or
-// a faulty file of classes, stop the run.
+// From control_values: fills jjmeta, shared_controls and model.me_run, then the tables (phimatrix). Values outside all
+// classes, a faulty file of classes or of a table, and, with several classes, a trait without the control variable that
+// selects them stop the run.
 void mm2ages();
 // Names of the tables that the analysis reads (`of_user`), or may write. Needs mudmap only.
 std::vector<std::string> basis_files(bool of_user);
-// Fills kkphi and phi, and writes the tables.
+// Fills kkphi, phi, phi_control and phi_name; writes the tables, but reads those of type USR. Legendre polynomials and
+// splines must be set up, and have more values than one (the scan of the data stops at less).
 void phimatrix();
 
 } // namespace tarvex

@@ -18,6 +18,8 @@ namespace {
 std::string up_to_bracket(const std::string& name) { return name.substr(0, name.find('(')); }
 
 // Number of the spline with this definition, added if new.
+// A covariable and a control variable of one name stay two splines: the knots of the first span its values in the
+// traits that fit it, those of the second all codes of the variable.
 int spline_no(const std::string& name, int degree, int order, int control) {
     // functions = intervals + degree
     const int nint = order - degree;
@@ -119,14 +121,15 @@ void knot_vector(double tmin, double tmax, int nint, int degree, array<double>& 
 
 void bspline_row(double x, const array<double>& tvec, int degree, std::span<double> row) {
     const int nint = static_cast<int>(tvec.upper()) - 1; // all intervals, the outer ones too
-    std::vector<double> b(static_cast<std::size_t>(nint) + 1, 0.0);
+    std::vector<double> b(nint + 1, 0.0);
     for (int i = 1; i <= nint; ++i)
         // degree 0: the interval of x, closed on the left; tmax falls into the first one beyond
         if (x >= tvec(i) && x < tvec(i + 1)) b[i - 1] = 1.0;
     // recursion of de Boor and Cox; b(i) is overwritten from the left, b(i+1) is still of degree k-1
     for (int k = 1; k <= degree; ++k)
         for (int i = 1; i <= nint - k; ++i) {
-            const auto j = static_cast<std::size_t>(i - 1);
+            // knots are distinct, as the range is not 0: no divisor vanishes
+            const int j = i - 1;
             b[j] = (x - tvec(i)) / (tvec(i + k) - tvec(i)) * b[j] +
                    (tvec(i + k + 1) - x) / (tvec(i + k + 1) - tvec(i + 1)) * b[j + 1];
         }

@@ -26,8 +26,10 @@ struct splines_module {
 inline splines_module splines;
 
 // Finds the splines of the covariables and of the random effects, gathers their values over the traits and tabulates
-// the functions. Covariables of one name must agree in type and degree over the traits, as must random effects.
-// cv_values (maxcov,nq): distinct values of the covariables; those of the control variables are phimat.control_values.
+// the functions. A variable that is a spline in one trait must be one of the same degree in all that have it, among
+// the covariables and among the random effects; else, with fewer functions than degree + 1, or with one value alone the
+// run stops. cv_values (maxcov,nq): distinct values of the covariables; those of the control variables are
+// phimat.control_values.
 void setup_bsplines(const array<std::vector<double>, 2>& cv_values);
 // Knots for nint intervals from tmin to tmax, with `degree` further ones at each side.
 void knot_vector(double tmin, double tmax, int nint, int degree, array<double>& tvec);

@@ -72,6 +72,7 @@ int tie_correlated(int irand, const std::string& name, int which, int before) {
     for (int iq = 1; iq <= numbers.nq; ++iq) {
         const int i = effect_number(name, iq);
         if (i == 0) continue;
+        // a covariance between effects needs one matrix for the levels of both: that of the pedigree
         if (model.rnd_opt(i, iq) != covariance_kind::nrm) {
             print_list(screen(), "Invalid cov option 2 ", name);
             stoptarvex();
@@ -105,6 +106,7 @@ std::vector<std::array<int, 4>> block_columns(int irand) {
 // Blocks with the NRM share a matrix only if they find the same codes in every trait.
 void number_matrices() {
     auto& m = mudmap;
+    // by columns, not by codes: these are known only behind the scan of the data
     std::vector<std::vector<std::array<int, 4>>> known;
     for (int irand = 1; irand <= numbers.krand; ++irand) {
         if (m.kovrnd(irand) != covariance_kind::nrm) continue;

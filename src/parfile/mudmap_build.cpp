@@ -60,6 +60,7 @@ void allocate_map() {
     allocate("alloc mm_mlev", m.mm_mlev, maxmeta, nq);
     allocate("alloc cv_type", m.cv_type, maxcov, nq);
     for (auto* a : {&m.tr_dcolno, &m.subj_dcolno}) allocate("alloc tr_dcolno", *a, nq);
+    // tie_blocks sets those of traits with an animal, or with a single random effect
     m.subj_dcolno.fill(-1);
     allocate("alloc tr_dcolno", m.subj_column, 2, nq);
     if (model.subject_line) m.subject = subject_rule::line;
@@ -106,6 +107,7 @@ void map_nested(int i, int iq, const std::string& name, const std::string& effec
     std::int64_t mlev = 0;
     options.nestcov = true;
     datposition(name, iq, m.cv_dcolno(i, iq), mlev);
+    // the column alone will not do: levels are counted for effects of the model
     datposition(effect, iq, m.cv_nestcolno(i, iq), mlev);
     m.cv_nestfix(i, iq) = nesting_effect(effect, iq);
     if (m.cv_nestfix(i, iq) != 0) return;
@@ -177,6 +179,7 @@ void covariable_type(int i, int iq, const bracket& b) {
     if (kind != basis_kind::bsp) return;
     // BSP alone is linear, the letter behind it the degree (L, Q, C)
     m.cv_degree(i, iq) = text.size() > 3 ? spline_degree(text[3]) : 1;
+    // the functions sum to 1 in each level, and so hold the mean of the level as well
     if (m.cv_nestcolno(i, iq) > 0) nested_spline_warning();
 }
 
@@ -206,6 +209,7 @@ int control_number(const std::string& name) {
 }
 
 bool is_basis_word(const std::string& text) {
+    // a control variable may begin like a basis ("legs"), but not be called like one
     const auto kind = basis_named(upper3(text));
     // behind the word of a spline the letter of its degree may stand
     return kind && text.size() <= (is_spline(*kind) ? 4 : 3);
@@ -348,6 +352,7 @@ int spline_degree(char ch) {
 void model2mudmap() {
     mudmap = {};
     options.legendre = options.bsplines = options.usrfuncs = options.nestcov = false;
+    // in front of all look-ups: these ask which columns name a line
     find_lines();
     allocate_map();
     for (int iq = 1; iq <= numbers.nq; ++iq) {

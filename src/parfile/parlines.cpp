@@ -18,6 +18,7 @@ char at(const par_lines& p, int column) { return p.pline[column - 1]; }
 // Left-adjusts to plinelen columns and makes the first token the current one.
 void set_line(par_lines& p, std::string_view text) {
     p.pline = trim(text);
+    // of full length, so that readers may look at any column without asking for the end
     p.pline.resize(plinelen, ' ');
     p.i1 = 1;
     // i1 to i2-1: the current token; i3: last column that counts
@@ -92,6 +93,7 @@ int this_digit(const par_lines& p) {
 bool read_integer(std::string_view text, int& value) {
     long long v = 0;
     if (list_reader(text).next(v) != list_read::value) return false;
+    // unreadable, rather than cut to 32 bits: a code would become another one
     if (v > std::numeric_limits<int>::max() || v < std::numeric_limits<int>::min()) return false;
     value = static_cast<int>(v);
     return true;
@@ -122,10 +124,10 @@ int line_length(const par_lines& p) { return static_cast<int>(trim_right(p.pline
 std::string token(const par_lines& p) {
     const int last = std::min(p.i2 - 1, p.i3);
     if (p.i1 > last) return {};
-    return p.pline.substr(p.i1 - 1, static_cast<std::size_t>(last - p.i1 + 1));
+    return p.pline.substr(p.i1 - 1, last - p.i1 + 1);
 }
 
-std::string token(const par_lines& p, int length) { return token(p).substr(0, static_cast<std::size_t>(length)); }
+std::string token(const par_lines& p, int length) { return token(p).substr(0, length); }
 
 std::string upper3(std::string_view text) {
     std::string s(text.substr(0, 3));

@@ -22,14 +22,15 @@ struct par_lines {
     bool print_curline = true; // errors show the line
 };
 
-// Opens a text file; false where there is none that can be read (a directory opens, but cannot be read).
+// Opens a text file and passes over its byte order mark; false where there is none that can be read (a directory opens,
+// but cannot be read).
 bool open_text(std::ifstream& in, const std::string& name);
 // Takes the next line that counts; iend is set at the end of the file. Lines with "#" in column 1 and blank ones are
 // passed over; tabs and carriage returns count as blanks. The first token becomes the current one.
 void get_pline(par_lines& p);
 // Next line of a list of values; the end of the file is an error.
 void conti_line(par_lines& p);
-// Moves on to the next token; false if the line has no further one.
+// Moves on to the next token; false if there is no further one up to column i3, and the line is used up then.
 bool next_var(par_lines& p);
 // Next token as a whole number, read list-directed; faults are errors.
 int next_digit(par_lines& p);
@@ -47,7 +48,7 @@ int find_char(const par_lines& p, char ch);
 void drop_head(par_lines& p, int n);
 
 int line_length(const par_lines& p);               // trimmed
-std::string token(const par_lines& p);             // current token
+std::string token(const par_lines& p);             // current token up to column i3, empty if none is left
 std::string token(const par_lines& p, int length); // cut to `length` characters
 std::string upper3(std::string_view text);         // first three characters in upper case, without trailing blanks
 

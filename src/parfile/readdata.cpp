@@ -57,7 +57,7 @@ int read_traitno(par_lines& p) {
     } else {
         if (!is_digit(p.pline[2])) rdpar_err(p, "No trait no. found !");
         const int width = is_digit(p.pline[3]) ? 2 : 1;
-        read_integer(std::string_view(p.pline).substr(2, static_cast<std::size_t>(width)), iq);
+        read_integer(std::string_view(p.pline).substr(2, width), iq);
         if (is_digit(p.pline[2 + width])) rdpar_err(p, "Trait no. too big");
         drop_head(p, 2 + width);
     }
@@ -72,6 +72,7 @@ void read_individual(par_state& s) {
     int iq = 1;
     while (block_line(s)) {
         // columns that follow belong to this trait
+        // so a column whose name begins with TR needs the word COL in front
         if (const std::string head = p.pline.substr(0, 2); head == "TR" || head == "tr" || head == "Tr")
             iq = read_traitno(p);
         if (upper3(p.pline) == "COL") {
@@ -88,6 +89,7 @@ void read_individual(par_state& s) {
 // One name for each trait of the group.
 void read_names(par_lines& p, const std::vector<int>& itrvec) {
     for (int iq : itrvec) {
+        // a trait left without its column is told when the model is tied to the data
         if (!next_var(p)) return;
         const std::string name = token(p, name_length);
         add_column(p, iq, name, 0, true);

@@ -32,7 +32,7 @@ bool next_code(par_lines& p, std::int64_t& value) {
     if (!next_var(p)) return false;
     const std::string t = token(p);
     std::istringstream in(t);
-    const auto digits = static_cast<std::size_t>(std::count_if(t.begin(), t.end(), is_digit));
+    const auto digits = std::count_if(t.begin(), t.end(), is_digit);
     return digits <= 18 && t.find_first_not_of("0123456789", t[0] == '-' || t[0] == '+' ? 1 : 0) == std::string::npos &&
            in >> value;
 }
@@ -93,6 +93,7 @@ void add_parameter(par_lines& p, const std::string& name, int kind) {
         stoptarvex();
     }
     std::array<int, 4> igp{kind, 0, 0, 0};
+    // two for a ratio, numerator first; three for a correlation, the covariance first
     // numbers of the covariances, as ListofCovs has them
     for (int i = 1; i <= kind + 1; ++i) igp[i] = next_digit(p);
     ++u.naddgps;
@@ -129,6 +130,7 @@ void read_zerout(par_state& s) {
 void read_pseudofix(par_state& s) {
     auto& p = s.lines;
     auto& r = randasfix;
+    // an empty block counts too: leave_factor_scale asks for this flag
     options.pseudofix = true;
     // weight of such levels; the default has been set
     if (next_var(p) && !read_real(token(p), r.psfixfact)) rdpar_err(p, "Something wrong parsing line !");

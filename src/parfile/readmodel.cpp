@@ -111,6 +111,7 @@ void read_random(par_state& s) {
         rdpar_err(p, "\"(\" in name only allowed with RR analyses");
     // where no word follows the line is left at the effect: line_traits goes on from there
     const covariance_kind opt = read_covoption(p);
+    // asked for when the file has ended: a pedigree without such an effect is an error
     if (opt == covariance_kind::nrm) s.nrm_set = true;
     for (int iq : line_traits(p)) {
         int& n = model.nrnd(iq);
@@ -273,6 +274,7 @@ void allocate_blocks(par_state& s) {
             names.insert(name.substr(0, name.find('(')));
         }
     // a name counts once over the traits
+    // an upper bound: correlated effects share a block
     s.maxblocks = std::min(static_cast<int>(names.size()), maxrand);
     allocate("alloc krandom", model.krandom, s.maxblocks);
     for (auto* a : {&model.kkfit, &model.krfit, &model.diagonal, &model.correlated})
@@ -286,6 +288,7 @@ void allocate_blocks(par_state& s) {
 void read_model(par_state& s) {
     auto& p = s.lines;
     if (!s.analysis_set) rdpar_err(p, "Specify analysis type before model !");
+    // a single trait is "all traits in a line": its data have no trait number
     options.equal_model = numbers.nq == 1;
     if (!options.equal_model && next_var(p)) {
         const std::string t = token(p).substr(0, 2);

@@ -83,6 +83,7 @@ void read_traitcount(par_lines& p, bool count) {
     bool more = next_var(p);
     std::string t = token(p);
     capitalise(t, 2);
+    // makes read_block ask for a rank behind the order of each matrix
     if (more && t == "PC") {
         options.principal = true;
         more = count && next_var(p);
@@ -109,10 +110,9 @@ void read_analysis(par_state& s) {
     auto& p = s.lines;
     end_char(p, 1);
     if (!next_var(p)) rdpar_err(p, "Invalid analysis type specified");
-    const auto from = static_cast<std::size_t>(p.i1 - 1);
-    const auto length = std::min<std::size_t>(15, static_cast<std::size_t>(p.i3 - p.i1 + 1));
+    const int length = std::min(15, p.i3 - p.i1 + 1);
     // for the reports: the word with what follows it, at most 15 characters
-    model.analysis = trim(p.pline.substr(from, length));
+    model.analysis = trim(p.pline.substr(p.i1 - 1, length));
     model.anal_type = analysis_type(token(p));
     if (model.anal_type == 0) rdpar_err(p, "Invalid analysis type specified");
     if (model.anal_type == 5) rdpar_err(p, "Special analysis - not yet implemented");
@@ -139,6 +139,8 @@ struct keyword {
     const char* code;
     void (*read)(par_state&);
 };
+// The blocks may stand in any order, but for what their readers ask of each other: the analysis in front of the model,
+// the model in front of the covariances.
 constexpr keyword keywords[] = {
     {"COM", read_comment},   {"DAT", read_data},    {"PED", read_pedfile}, {"STA", read_starting},
     {"ANA", read_analysis},  {"MOD", read_model},   {"VAR", read_covars},  {"ZER", read_zerout},
@@ -219,6 +221,7 @@ void read_parfile() {
     if (options.verbose)
         write(screen(), "(/1x,a,i4,a)", "End of parameter file reached :", s.lines.nline, " lines read");
     check_complete(s);
+    // all blocks are known now: REC changes the kind of an effect, DIA the scale of the parameters
     store_covars(s);
     set_logdia();
     leave_factor_scale();
