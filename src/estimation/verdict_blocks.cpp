@@ -348,9 +348,10 @@ bool at_border_beside_zeros(judgement& j, const judged_block& b) {
 }
 
 void judge_parameter(judgement& j, const judged_parameter& p) {
-    const double slope = j.slope({{{p.par, 1.0}}}), information = j.information(p.par, p.par);
-    const double least = vanished_element * p.scale;
+    const double slope = j.slope({{{p.par, 1.0}}}), least = vanished_element * p.scale;
     const bool rises = slope * p.value > 0.0; // elements of a factor come in either sign
+    // matrices that are looked at alone have no slope, and no information
+    const double information = rises ? j.information(p.par, p.par) : 0.0;
     // what rises away from 0 by no more than Newton's step leaves it is at the border as well
     const bool stays = rises && information > 0.0 && std::fabs(p.value + slope / information) < least;
     if (std::fabs(p.value) < least && (!rises || stays)) {
