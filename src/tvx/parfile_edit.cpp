@@ -99,13 +99,16 @@ int parfile_text::order_of(const std::string& block) const {
 }
 
 void parfile_text::drop_functions() {
-    for (std::size_t i = 0; i < lines_.size(); ++i) {
-        if (key_of(lines_[i]) != "SE+") continue;
+    // all of them: the program takes the last one
+    for (std::size_t i = 0; i < lines_.size();) {
+        if (key_of(lines_[i]) != "SE+") {
+            ++i;
+            continue;
+        }
         std::size_t to = i;
         while (to < lines_.size() && key_of(lines_[to]) != "END") ++to;
         lines_.erase(lines_.begin() + static_cast<std::ptrdiff_t>(i),
                      lines_.begin() + static_cast<std::ptrdiff_t>(std::min(to + 1, lines_.size())));
-        return;
     }
 }
 

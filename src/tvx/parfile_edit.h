@@ -20,7 +20,7 @@ public:
     std::vector<std::string> random_blocks() const; // names of the VAR blocks but the residual's
 
     // Leaves a random effect out: its RAN lines, its VAR block (its part of a block of two correlated effects), the
-    // pedigree where no effect is left that needs it, and the SE+ block, whose numbers would be others. A fault where
+    // pedigree where no effect is left that needs it, and all SE+ blocks, whose numbers would be others. A fault where
     // there is no such effect.
     void drop_effect(const std::string& effect);
 
@@ -35,7 +35,7 @@ public:
     // number of each line). A fault where their number is another.
     void set_values(const std::string& block, const std::vector<double>& values);
 
-    void drop_functions(); // the SE+ block
+    void drop_functions(); // all SE+ blocks
 
 private:
     std::vector<std::string> lines_;

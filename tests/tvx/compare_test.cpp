@@ -127,6 +127,14 @@ TEST(tvx_parfile, effect_is_left_out_of_all_its_places) {
     EXPECT_THROW(p.drop_effect("pe"), tvx::fault);
 }
 
+TEST(tvx_parfile, functions_go_with_an_effect_wherever_they_stand) {
+    tvx::parfile_text p(std::string("SE+\n SUM first 1 3\nEND\n") + par);
+    p.drop_effect("pe");
+    EXPECT_EQ(p.text().find("SUM"), std::string::npos) << p.text();
+    EXPECT_EQ(p.text().find("SE+"), std::string::npos) << p.text();
+    EXPECT_NE(p.text().find("PED a.ped\n"), std::string::npos) << "what stands between the blocks stays";
+}
+
 TEST(tvx_parfile, part_of_a_tied_block_leaves_the_other) {
     tvx::parfile_text first(par), second(par);
     first.drop_effect("animal");
