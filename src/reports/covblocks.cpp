@@ -16,7 +16,7 @@ namespace tarvex {
 
 namespace {
 
-std::size_t packed(int i, int j, int n) { return static_cast<std::size_t>(packed_place(i, j, n) - 1); }
+std::size_t packed(int i, int j, int n) { return packed_place(i, j, n) - 1; }
 
 // Number in ListofCovs of covariance (i,j) of a step of a block; 0 for an off-diagonal of a diagonal block.
 int cov_number(int irand, int step, int i, int j) {

@@ -18,6 +18,7 @@ namespace tarvex {
 
 namespace {
 
+// of means and covmeans: the members named _var hold standard deviations
 constexpr edit_form moments_line{"(i4,2x,1h\",a,1h\",t20,i7,t29,4g13.6)"};
 
 void trait_table(text_out& out) {
@@ -34,6 +35,7 @@ void pairs_table(text_out& out) {
     if (mudmap.subject == subject_rule::columns)
         write(out, "(1x,a,2(1x,1h\",a,1h\"))", "Residuals are correlated within equal values of", model.subject);
     write(out, "(/1x,a)", "Numbers of records for pairs of traits ");
+    // the head of the triangle: numbers of the traits; its rows are the lower triangle
     std::vector<int> row(nq);
     for (int iq = 1; iq <= nq; ++iq) row[iq - 1] = iq;
     write(out, "(4x,(t20,10i7))", row);
@@ -72,6 +74,7 @@ void controls_table(text_out& out) {
     }
 }
 
+// Heads stand for every trait, also where it has no such effect.
 void levels_table(text_out& out, const array<std::string, 2>& names, const array<int>& n, const array<int, 2>& nlev) {
     for (int iq = 1; iq <= numbers.nq; ++iq) {
         write(out, "(i2,2h \",a,1h\",t23,a,4(6x,a,3x))", iq, model.trait(iq), "nlev");

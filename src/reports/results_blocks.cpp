@@ -73,8 +73,8 @@ json basis_of(int irand) {
     // random regression analyses have one trait
     constexpr int iq = 1;
     for (int i = 1; i <= model.nrnd(iq); ++i) {
-        // no tables have been made: kkphi is empty, or 0
         if (mudmap.rn_irand(i, iq) != irand) continue;
+        // before the scan of the data no tables have been made: kkphi is empty
         const int table = phimat.kkphi.size() > 0 ? phimat.kkphi(i, iq) : 0;
         if (table == 0) return nullptr;
         const auto& phi = phimat.phi(table);
@@ -118,7 +118,8 @@ struct matrix_label {
     int step = 1;
 };
 
-std::size_t place(int i, int j, int n) { return static_cast<std::size_t>(ihmssf(i, j, n) - 1); }
+// Place in a packed upper triangle that counts from 0.
+std::size_t place(int i, int j, int n) { return ihmssf(i, j, n) - 1; }
 
 void add_matrix(json& list, const report_matrix& m, const matrix_label& label, const std::vector<double>& cov) {
     for (int i = 1; i <= m.n; ++i)
@@ -169,6 +170,7 @@ json level_part(int iq, const std::string& kind, const std::string& name, int st
     part["records"] = counts.nnvec;
     part["means"] = counts.fbar;
     auto value = json::array(), se = json::array(), out = json::array();
+    // levels taken out have the solution 0 and stand in a list: a 0 may also be estimated
     for (int l = 1; l <= static_cast<int>(codes.size()); ++l) {
         value.push_back(solutions.solsave(start + l) * trait_unit(iq));
         se.push_back(error_of(start + l, trait_unit(iq)));

@@ -121,7 +121,7 @@ json border_part() {
     return list;
 }
 
-// The program's own verdict, in its words.
+// The program's own verdict, with kinds in words of their own.
 json verdict_part() {
     // words for programs: they stay when the texts of the report change
     const auto& v = verdict.last;

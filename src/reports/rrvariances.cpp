@@ -83,8 +83,7 @@ int value_width(int irrc) {
 std::string level_item(int irrc, int a) {
     constexpr edit_form number{"(i5)"};
     const std::string value = std::to_string(control_codes(irrc)(a));
-    return without_end(edit(number, a)) + std::string(static_cast<std::size_t>(value_width(irrc)) - value.size(), ' ') +
-           value;
+    return without_end(edit(number, a)) + std::string(value_width(irrc) - value.size(), ' ') + value;
 }
 
 std::string piece(const edit_form& form, double x) { return without_end(edit(form, x)); }

@@ -103,6 +103,7 @@ void write_curve(int icov, int iq, const level_counts& counts, std::set<std::str
     for (int icurve = 1; icurve <= curves; ++icurve) {
         if (codes) write(out, head, "Nested curve no. =", icurve, "  Code", (*codes)(icurve));
         for (std::size_t v = 0; v < values.size(); ++v) {
+            // counts run over the values within a curve, as count_levels lays them out
             const auto at = static_cast<std::ptrdiff_t>((icurve - 1) * values.size() + v + 1);
             // no record at this value in this curve
             if (counts.nnvec(at) == 0) continue;
