@@ -104,6 +104,7 @@ std::string remark_text(std::string text, std::size_t length) {
 void add_remarks(std::string& out, const std::string& text) {
     std::string rest = text;
     while (!rest.empty()) {
+        // 74 columns and the four in front are the 78 of a line that the program reads
         // cut at a blank where there is one
         std::size_t n = rest.size() <= 74 ? rest.size() : rest.rfind(' ', 74);
         if (n == std::string::npos || n == 0) n = std::min<std::size_t>(rest.size(), 74);
@@ -272,6 +273,7 @@ void add_triangle(std::string& out, const start_block& b) {
         std::string line = "  ";
         for (int j = i; j < b.order; ++j) {
             const std::string value = value_text(b.values[at++], b.exact);
+            // what stands beyond column 78 would be lost without a message; lists of values go on in the next line
             if (line.size() + value.size() > 76) {
                 out += line + "\n";
                 line = "  ";
@@ -355,6 +357,8 @@ std::string parameter_file(draft& d, const std::vector<start_block>& blocks) {
 
 void write_analysis(draft& d, const std::vector<start_block>& blocks) {
     const auto file = [&](const char* end) { return (std::filesystem::path(d.s.folder) / (d.s.name + end)).string(); };
+    // The order matters: writing the data notes the line of each record in the study, writing the parameter file which
+    // traits have a mean of their own. So the study comes last.
     write_text(file(".dat"), d.s.one_line ? data_in_lines(d) : data_by_trait(d));
     if (!d.s.animals.empty()) write_text(file(".ped"), pedigree_text(d));
     for (const auto& c : d.classes)

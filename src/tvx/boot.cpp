@@ -77,6 +77,7 @@ int boot(const boot_choice& c) {
     const run_results r = read_run(c.place);
     if (judge(r).status != 0)
         throw fault{"the run is not at a maximum: its estimates are nothing to simulate from", not_at_maximum};
+    // one replicate has no spread
     if (c.n < 2) throw fault{"-n takes at least 2 replicates"};
     const std::string folder = r.folder + "/boot";
     std::filesystem::create_directories(folder);
@@ -104,6 +105,7 @@ int boot(const boot_choice& c) {
         const component& e = components[k];
         std::vector<double> x, y;
         for (const auto& rep : reps) {
+            // components of one model stand in one order in all runs
             x.push_back(rep[k].estimate);
             y.push_back(rep[k].ratio);
         }

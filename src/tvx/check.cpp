@@ -147,6 +147,7 @@ bool read_parameters(std::vector<finding>& findings, const std::string& name) {
         if (at != p.lines.end()) place = "line " + std::to_string(at - p.lines.begin() + 1) + ": " + *at + ": ";
         add_case(findings, "P101", "the parameter file cannot be read", name + ", " + place + fault.message);
         if (at == p.lines.end() || !can_go(plain(*at))) return false;
+        // one that is needed shows as a further fault in the next round
         // a remark in its place keeps the numbers of lines
         *at = "#";
     }

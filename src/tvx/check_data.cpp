@@ -168,7 +168,7 @@ void check_subject(pass& p, int q) {
         p.open = true;
     }
     auto& n = p.subjects[code];
-    n.resize(static_cast<std::size_t>(numbers.nq) + 1);
+    n.resize(numbers.nq + 1);
     ++n[q];
 }
 
@@ -411,8 +411,8 @@ void check_data(std::vector<finding>& findings) {
         return add_case(findings, "D201", "the data file cannot be read", tarvex::filenames.datfile);
     }
     pass p{findings, {}, {}, {}, {}, {}, {}, {}, {}, {}};
-    p.records.assign(static_cast<std::size_t>(numbers.nq) + 1, 0);
-    const std::size_t columns = static_cast<std::size_t>(mudmap.maxcol) + 1;
+    p.records.assign(numbers.nq + 1, 0);
+    const std::size_t columns = mudmap.maxcol + 1;
     p.odd.resize(columns);
     p.low.assign(columns, INFINITY);
     p.high.assign(columns, -INFINITY);

@@ -48,7 +48,7 @@ void check_means(std::vector<finding>& findings) {
                      "trait \"" + model.trait(q) + "\"");
 }
 
-// With one trait the number behind TRAIT is passed over: it may have been meant as the code of a missing record.
+// With one trait the number behind TRAIT is that of the trait: it may have been meant as the code of a missing record.
 void check_trait_lines(std::vector<finding>& findings, const std::string& parfile) {
     std::istringstream in(read_text(parfile));
     int line = 0;

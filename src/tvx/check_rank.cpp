@@ -44,7 +44,7 @@ int level_of(std::unordered_map<long long, int>& levels, long long code) {
 // Values of the functions of a covariable, as the program has them.
 class covariable_functions {
 public:
-    explicit covariable_functions(const fixed_covariable& c) : c_(c), row_(static_cast<std::size_t>(c.order) + 1) {
+    explicit covariable_functions(const fixed_covariable& c) : c_(c), row_(c.order + 1) {
         const auto [low, high] = std::minmax_element(c.value.begin(), c.value.end());
         low_ = *low;
         high_ = *high;
@@ -217,7 +217,7 @@ std::string in_words(const design& d, std::size_t i, const std::vector<std::size
 void find_dependencies(std::vector<finding>& findings, const fixed_part& part) {
     design d = design_of(part);
     const auto a = equations_of(d);
-    const auto all = tarvex::fast_rank(a, std::vector<int>(static_cast<std::size_t>(d.n), 0), vanishing);
+    const auto all = tarvex::fast_rank(a, std::vector<int>(d.n, 0), vanishing);
     for (std::size_t i = 0; i < d.terms.size(); ++i) {
         const term& t = d.terms[i];
         const auto n = static_cast<int>(std::count_if(all.dependent.begin(), all.dependent.end(), [&](const auto& x) {

@@ -23,6 +23,7 @@ constexpr registrar table[] = {
 
 int tell(const std::string& text, int status) {
     std::fflush(stdout);
+    // faults come on standard output, as those of the program do
     const nlohmann::json object{{"fault", text}, {"status", status}};
     const std::string shown =
         display.json ? object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) : text;
@@ -51,6 +52,7 @@ std::string no_command(const CLI::App& app, int argc, const char* const* argv) {
 int parse(CLI::App& app, int argc, const char* const* argv) {
     try {
         app.parse(argc, argv);
+        // no command, or a command without one of its arguments
     } catch (const CLI::RequiredError& e) {
         if (!app.get_subcommands().empty()) return app.exit(e, std::cout, std::cout) == 0 ? fine : input_fault;
         return tell(no_command(app, argc, argv), input_fault);

@@ -38,7 +38,7 @@ row_label label_of(const run_results& r, const json& f, int row) {
             if (const int t = x["trait"]; std::find(traits.begin(), traits.end(), t) == traits.end())
                 traits.push_back(t);
         std::sort(traits.begin(), traits.end());
-        const int t = traits.at(static_cast<std::size_t>(row - 1));
+        const int t = traits.at(row - 1);
         return {effect, trait_name(r, t), t};
     }
     const json& x = block_of(r, block)["rows"][row - 1];
@@ -92,9 +92,8 @@ std::string denominator(const run_results& r, int trait) {
         for (std::size_t k = 0; k < b["rows"].size(); ++k) {
             const json& x = b["rows"][k];
             if (x["trait"] != trait) continue;
-            const std::string name = b["number"] == 0 ? "residual" : effect_name(r, x["effect"], trait);
             if (b["number"] == 0) continue; // stands last
-            text += (text.empty() ? "" : " + ") + name;
+            text += (text.empty() ? "" : " + ") + effect_name(r, x["effect"], trait);
         }
     return text + (text.empty() ? "" : " + ") + "residual";
 }
@@ -185,6 +184,7 @@ std::vector<component> components_of(const run_results& r) {
         c.ratio = number(f["ratio"]);
         c.ratio_se = number(f["ratio_se"]);
         c.words = ratio_words(r, f, a, b);
+        // sums and the phenotype have no border of their own: one element on it does not fix them
         const bool own = block >= 0 && !f["effect"].get<std::string>().starts_with("sum of ");
         const bool errors = r.estimates["covariance_of_estimates"].is_array();
         bool unknown = false;
@@ -240,6 +240,7 @@ std::vector<curve> curves_of(const run_results& r) {
         residual[a] = all.element(0, by_class ? classes["class_of_value"][a].get<int>() : 1, 1, 1);
     }
     parts.emplace_back("residual", residual);
+    // effects are independent of each other: their variances add up
     for (const auto& part : parts)
         for (std::size_t a = 0; a < x.size(); ++a) total[a].add(part.second[a]);
     parts.emplace_back("phenotype", total);
@@ -282,6 +283,7 @@ std::vector<eigen_part> eigen_parts(const run_results& r) {
         part.loadings.resize(n);
         // ascending eigenvalues: the last ones, as many as the rank
         for (int c = n - 1; c >= n - part.rank; --c) {
+            // rounding makes a zero of a matrix at the boundary negative
             const double value = std::max(0.0, own.eigenvalues()(c));
             part.values.push_back(value);
             // signs of eigenvectors mean nothing: the sum is made positive

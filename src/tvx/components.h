@@ -51,10 +51,12 @@ struct curve {
     std::string control, effect; // effect "phenotype": the sum
     std::vector<curve_point> points;
 };
+// None but for random regressions; of several control variables that of the first random effect is shown.
 std::vector<curve> curves_of(const run_results& r);
 
 // Eigenvalues of a block of two and more rows, traits in units of their phenotypic standard deviations (coefficients
-// of a random regression as they are), and the loadings of the rows: eigenvectors times roots of the values.
+// of a random regression as they are), and the loadings of the rows: eigenvectors times roots of the values. Values
+// descend, as many as the rank. Diagonal blocks and residuals with classes are passed over.
 struct eigen_part {
     std::string effect;
     int order = 0, rank = 0;

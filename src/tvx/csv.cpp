@@ -16,7 +16,8 @@ namespace tvx {
 
 namespace {
 
-// FNV-1a over eight bytes at a time.
+// In the manner of FNV-1a, but eight bytes at a time. It finds files that were changed by mistake, not forgeries.
+// study.json keeps it: it must stay as it is.
 std::string sum_of(std::string_view text) {
     std::uint64_t h = 14695981039346656037ULL;
     std::size_t i = 0;
@@ -102,6 +103,7 @@ std::size_t count_separators(std::string_view line, char sep) {
     line = trimmed(without_end(line));
     for (std::size_t i = 0; i < line.size(); ++i) {
         if (line[i] == '"') quoted = !quoted;
+        // the first blank of a row is the separator
         const bool run = sep == ' ' && i > 0 && line[i - 1] == ' ';
         if (!quoted && line[i] == sep && !run) ++n;
     }
@@ -115,6 +117,7 @@ char find_separator(std::string_view text) {
         if (const auto line = take_line(text); !trimmed(without_end(line)).empty()) lines.push_back(line);
     char best = ',';
     double best_score = 0.0;
+    // of equal scores the earlier one wins: a comma may be a decimal sign, a semicolon hardly
     for (const char sep : {';', '\t', ',', '|', ' '}) {
         const std::size_t n = lines.empty() ? 0 : count_separators(lines[0], sep);
         if (n == 0) continue;
@@ -156,6 +159,7 @@ void end_of_field(void* text, std::size_t length, void* data) {
     auto& r = *static_cast<row_reader*>(data);
     std::string& store = *r.t.text;
     const std::size_t at = store.size();
+    // a copy, as the parser's buffer is used again; quotes are taken off already
     store.append(static_cast<const char*>(text), length); // room for all was made before
     r.row.push_back(trimmed(std::string_view(store).substr(at, length)));
 }
@@ -223,7 +227,8 @@ bool is_decimal(std::string_view s, char point) {
     return s.find(point) != std::string_view::npos && s.find(point) == s.rfind(point) && plain_number(s, point);
 }
 
-// A table has a decimal comma if cells with one occur among its numbers and none with a point.
+// A table has a decimal comma if more of its numbers have one than a point: single cells with the other sign are slips
+// or identifiers. Where commas part the cells there is none. The first 100000 cells tell.
 bool find_decimal_comma(const csv_table& t) {
     if (t.separator == ',') return false;
     std::size_t commas = 0, points = 0;
@@ -246,6 +251,7 @@ void check_names(const csv_table& t) {
 }
 
 bool looks_like_heading(const csv_table& t, const std::vector<std::string>& hints) {
+    // names of pedigree columns only: records always have a heading
     static constexpr std::string_view usual[] = {"animal",  "id",     "anim", "individual", "ind",    "calf",
                                                  "progeny", "sire",   "dam",  "father",     "mother", "tier",
                                                  "vater",   "mutter", "mgs",  "code"};
@@ -297,6 +303,7 @@ void set_heading(csv_table& t, csv_heading heading, const std::vector<std::strin
 // Number with its exponent moved by -power, in one rounding.
 bool moved_number(std::string_view cell, char point, int power, double& x) {
     std::array<char, 400> buffer;
+    // with the exponent it has to fit into the buffer; no number is that long
     if (cell.empty() || cell.size() > 360) return false;
     if (cell.front() == '+') cell.remove_prefix(1);
     int exponent = 0;
@@ -319,7 +326,7 @@ bool moved_number(std::string_view cell, char point, int power, double& x) {
     }
     // digits with "e<exponent - power>" behind them: converted once
     if (!any || points > 1) return false;
-    n += static_cast<std::size_t>(std::snprintf(buffer.data() + n, buffer.size() - n, "e%d", exponent - power));
+    n += std::snprintf(buffer.data() + n, buffer.size() - n, "e%d", exponent - power);
     const auto [end, error] = std::from_chars(buffer.data(), buffer.data() + n, x);
     return error == std::errc() && end == buffer.data() + n && std::isfinite(x);
 }
@@ -365,7 +372,7 @@ std::string first_names(const std::vector<std::string>& names) {
 }
 
 std::size_t csv_column(const csv_table& t, const std::string& name, const std::string& what) {
-    if (const int i = csv_find(t, name); i >= 0) return static_cast<std::size_t>(i);
+    if (const int i = csv_find(t, name); i >= 0) return i;
     std::string text = what + ": \"" + t.file + "\" has no column \"" + name + "\"";
     if (const auto near = nearest_name(name, t.names); !near.empty())
         text += "; did you mean \"" + near + "\"?";

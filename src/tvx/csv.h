@@ -28,7 +28,8 @@ struct csv_table {
 enum class csv_heading { needed, found };
 
 // Reads a table. Everything that makes it no table is a fault with its place: empty, heading only, two columns of one
-// name, lines of other lengths, quotes that are not closed, bytes that are no UTF-8.
+// name, lines of other lengths, quotes that are not closed, bytes that are no UTF-8, with `needed` a heading of
+// numbers.
 csv_table read_csv(const std::string& file, csv_heading heading, const std::vector<std::string>& hints = {});
 
 // Column of a name; none is a fault, with the nearest name as a hint. `what` says who asks: "formula", "--born".

@@ -340,6 +340,7 @@ std::vector<formula_model> read_formula(const std::string& text) {
     } catch (const peg::parse_error& e) {
         throw fault{show_place(text, e.positions().front().column, std::string(e.message()))};
     }
+    // over all models: a trait may stand in one only
     std::vector<std::string> seen;
     for (const auto& m : s.models) {
         for (const auto& y : m.traits) {

@@ -29,8 +29,8 @@ using job_map = std::map<std::string, std::string>;
 
 std::size_t jobs_done(const std::string& folder, const job_map& jobs) {
     std::error_code ec;
-    return static_cast<std::size_t>(std::count_if(
-        jobs.begin(), jobs.end(), [&](const auto& job) { return fs::exists(folder + "/" + job.first + "/done", ec); }));
+    return std::count_if(jobs.begin(), jobs.end(),
+                         [&](const auto& job) { return fs::exists(folder + "/" + job.first + "/done", ec); });
 }
 
 [[noreturn]] void child(const std::string& folder, std::vector<std::string> args) {
@@ -85,6 +85,7 @@ void job_is_new(const std::string& folder) {
 
 std::vector<std::string> run_jobs(const std::string& folder, const std::map<std::string, std::string>& jobs,
                                   const job_settings& settings) {
+    // anew each time: the folder may have rules of another version
     write_text(folder + "/Snakefile", {reinterpret_cast<const char*>(job_rules), job_rules_size});
     write_text(folder + "/jobs.json", nlohmann::json{{"jobs", jobs}}.dump(1, '\t') + "\n");
     const int n =
@@ -102,6 +103,7 @@ std::vector<std::string> run_jobs(const std::string& folder, const std::map<std:
     if (status == 127) throw fault{"Snakemake is not installed: apt-get install snakemake", program_stopped};
     std::vector<std::string> done;
     std::size_t failed = 0;
+    // the file "done" tells, not the status: with --keep-going one failed job makes that of the whole 1
     for (const auto& [name, command] : jobs) {
         if (fs::exists(folder + "/" + name + "/done"))
             done.push_back(name);

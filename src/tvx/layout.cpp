@@ -41,6 +41,7 @@ bool take_parent(draft& d, draft_class& c, const std::string& name) {
 
 // Longest name of a class column: the program reads 20 letters of an effect with all that is tied to it.
 std::size_t class_length(const draft& d, const std::vector<std::string>& from) {
+    // With all that is tied to them names reach 20 letters at most: 5*6(99,BSP), 9+9, 10(99,BSPQ), 12(99,BSP).
     std::size_t length = 12;
     for (const auto& m : d.models)
         for (const auto& t : m.terms) {

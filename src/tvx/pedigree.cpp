@@ -75,6 +75,7 @@ std::string id_and_line(const pedigree& p, int i) {
     return text;
 }
 
+// All faults are gathered: a user mends a pedigree once, not fault by fault.
 struct findings {
     std::vector<std::string> faults;
     std::vector<std::string> twice; // same line again
@@ -107,11 +108,12 @@ void read_line(pedigree& p, const csv_table& t, std::size_t row, const places& a
         (same ? found.same_line : found.other_parents).push_back(both);
         return;
     }
+    // known as a parent before or new: only a line of its own gives an animal parents
     p.line[i] = t.lines[row];
     // the fault has been noted; as a loop it would be told twice
     p.sire[i] = sire == i ? -1 : sire;
     p.dam[i] = dam == i ? -1 : dam;
-    if (at.born >= 0) p.birth[i] = t.at(row, static_cast<std::size_t>(at.born));
+    if (at.born >= 0) p.birth[i] = t.at(row, at.born);
 }
 
 std::vector<std::string> both_sexes(const pedigree& p) {
@@ -135,6 +137,7 @@ std::vector<int> generations(const pedigree& p) {
     std::vector<int> wait(n), gen(n, -1), first(n + 1), child, ready;
     const auto each_parent = [&](int i, auto&& visit) {
         if (p.sire[i] >= 0) visit(p.sire[i]);
+        // one parent twice (selfing, or a grandsire in a sire model) is waited for once
         if (p.dam[i] >= 0 && p.dam[i] != p.sire[i]) visit(p.dam[i]);
     };
     // parents that an animal waits for; offspring by parent
@@ -185,6 +188,7 @@ std::string chain_text(const pedigree& p, std::vector<int> chain) {
 std::vector<std::string> loops(const pedigree& p) {
     const auto gen = generations(p);
     const int n = static_cast<int>(p.ids.size());
+    // a stack of its own, not recursion: pedigrees may be thousands of generations deep
     std::vector<char> seen(n, 0); // 1 on the walk, 2 done
     std::vector<std::string> cases;
     for (int start = 0; start < n; ++start) {
@@ -229,6 +233,7 @@ bool birth_key(std::string_view text, std::array<double, 3>& key) {
             continue;
         }
         if (i < text.size() && text[i] != '-' && text[i] != '/' && text[i] != '.') return false;
+        // longer ones are no part of a date
         if (part.empty() || part.size() > 9) return false;
         parts.push_back(std::stod(part));
         part.clear();

@@ -33,6 +33,7 @@ namespace {
     for (auto& a : all) argv.push_back(a.data());
     argv.push_back(nullptr);
     setpgid(0, 0); // Ctrl-C comes to this program alone, which passes it on
+    // a search does not outlive the command that was to read its results
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     const int in = open("/dev/null", O_RDONLY);
     const bool there = chdir(folder.c_str()) == 0;
@@ -166,8 +167,7 @@ std::string last_lines(const std::string& file, int n) {
     for (std::string line; std::getline(in, line);)
         if (!line.empty()) lines.push_back(line);
     std::string text;
-    const std::size_t from =
-        lines.size() > static_cast<std::size_t>(n) ? lines.size() - static_cast<std::size_t>(n) : 0;
+    const std::size_t most = n, from = lines.size() > most ? lines.size() - most : 0;
     for (std::size_t i = from; i < lines.size(); ++i) text += "  " + lines[i] + "\n";
     return text;
 }

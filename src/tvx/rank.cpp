@@ -43,6 +43,7 @@ std::pair<int, int> range_of(const std::string& text) {
     return {from, to};
 }
 
+// Not by read_run: the fit belongs to no study, its names are not shown.
 rank_fit fit_of(const std::string& folder, int rank) {
     run_results r;
     r.folder = folder;

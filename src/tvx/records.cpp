@@ -14,7 +14,7 @@ namespace {
 bool is_random(const draft_effect& f) { return !f.e.block.empty(); }
 
 int different_codes(const draft& d, int cls) {
-    std::vector<char> met(static_cast<std::size_t>(d.classes[cls].levels) + 1, 0);
+    std::vector<char> met(d.classes[cls].levels + 1, 0);
     int n = 0;
     for (const std::size_t row : d.order) {
         // code 0: the row lacks the class
@@ -46,7 +46,7 @@ int subject_class(const draft& d) {
 int count_records(draft& d) {
     if (d.subject < 0) return 1;
     const auto& c = d.classes[d.subject];
-    std::vector<int> all(static_cast<std::size_t>(c.levels) + 1, 0);
+    std::vector<int> all(c.levels + 1, 0);
     for (const auto& y : d.y) {
         std::vector<int> n(all.size(), 0);
         for (const std::size_t row : d.order)

@@ -21,6 +21,7 @@ std::string_view embedded(const unsigned char* bytes, unsigned long size) {
     return {reinterpret_cast<const char*>(bytes), size};
 }
 
+// NaN has no form in JSON; the script leaves a gap there.
 json number_or_null(double x) { return std::isfinite(x) ? json(x) : json(); }
 
 json component_list(const run_results& r) {
@@ -249,6 +250,7 @@ json report_summary(const run_results& r, const std::vector<prediction_list>& pr
 }
 
 std::string page_of(const json& summary) {
+    // names of a parameter file may hold any bytes: the dump replaces what is no UTF-8
     std::string data = summary.dump(-1, ' ', false, json::error_handler_t::replace);
     // neither may end the element that holds the data
     for (std::size_t at = 0; (at = data.find("</", at)) != std::string::npos;) data.replace(at, 2, "<\\/");

@@ -182,6 +182,7 @@ const study_effect* effect_of(const run_results& r, const std::string& column, i
         if (e.column != bare(column)) continue;
         // one column may serve two effects of different traits
         if (std::find(e.traits.begin(), e.traits.end(), trait) != e.traits.end()) return &e;
+        // for a trait without the effect: it has a name all the same
         any = &e;
     }
     return any;
@@ -195,8 +196,9 @@ std::string effect_name(const run_results& r, const std::string& column, int tra
 std::string level_id(const run_results& r, const std::string& column, int trait, std::int64_t code) {
     const study_effect* e = effect_of(r, column, trait);
     if (!e || code < 1) return std::to_string(code);
-    const auto at = static_cast<std::size_t>(code - 1);
+    const std::size_t at = code - 1;
     if (const study_class* c = find_class(*r.made_by, e->key); c && at < c->ids.size()) return c->ids[at];
+    // the identifiers of animals stand in the pedigree, those of other levels in the key of their class
     const bool animals = by_pedigree(e->kind);
     if (animals && at < r.made_by->animals.size()) return r.made_by->animals[at].id;
     return std::to_string(code);
@@ -221,14 +223,11 @@ judgement judge(const run_results& r) {
     for (const auto& b : end["border"]) j.details.push_back(border_words(r, b));
     // nothing shows a maximum without a gradient
     if (!end.value("derivatives", false)) {
-        if (end.value("converged", false)) {
-            j.verdict = "not arrived";
-            j.text = "The search says that it has converged, but the derivatives that would show it cannot be had.";
-        } else {
-            j.verdict = "not arrived";
-            j.text = "The search ended without a maximum: " + reason + ".";
-        }
-        j.status = 3;
+        j.verdict = "not arrived";
+        j.text = end.value("converged", false)
+                     ? "The search says that it has converged, but the derivatives that would show it cannot be had."
+                     : "The search ended without a maximum: " + reason + ".";
+        j.status = not_at_maximum;
         return j;
     }
     const double promised = number(end["half_decrement"]);

@@ -100,6 +100,7 @@ std::string write_joint(const study& s, const known_covariances& known) {
         par.set_values(block, values);
     }
     // another file beside the study's own: the names of the data stay good, and nothing of the user's is written over
+    // 15 letters and the ending: names of parameter files are read to 30
     const std::string joint = s.folder + "/" + s.name.substr(0, 15) + "_joint.par";
     write_text(joint, par.text());
     return joint;

@@ -19,7 +19,7 @@ struct within_cells {
 };
 
 void take_out_class(const draft& d, const draft_class& c, std::vector<double>& e) {
-    std::vector<double> sum(static_cast<std::size_t>(c.levels) + 1, 0.0);
+    std::vector<double> sum(c.levels + 1, 0.0);
     std::vector<int> n(sum.size(), 0);
     for (std::size_t i = 0; i < e.size(); ++i)
         if (!std::isnan(e[i])) {

@@ -23,6 +23,7 @@ std::vector<double> read_values(const std::string& file) {
         ++line;
         std::istringstream words(text);
         for (std::string word; words >> word && word[0] != '#';) {
+            // the old sign that a list goes on in the next line
             if (word == "+") continue;
             double x = 0.0;
             const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), x);
@@ -35,7 +36,7 @@ std::vector<double> read_values(const std::string& file) {
 }
 
 std::size_t size_of(const draft& d, const start_block& b) {
-    const auto n = static_cast<std::size_t>(b.order);
+    const std::size_t n = b.order;
     // a variance for each class
     return b.name == "residual" && d.randreg ? std::max<std::size_t>(1, d.s.residuals.size()) : n * (n + 1) / 2;
 }
@@ -134,6 +135,7 @@ void take_run(draft& d, std::vector<start_block>& blocks) {
 
 void take_given_values(draft& d, std::vector<start_block>& blocks) {
     if (d.request.start.empty()) return;
+    // Results.json, a folder or a study name a run; any other file holds numbers
     if (std::filesystem::is_regular_file(d.request.start) && d.request.start.find(".json") == std::string::npos)
         return take_file(d, blocks);
     take_run(d, blocks);

@@ -31,6 +31,7 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(study, name, command, formula, analysis, rank
 
 namespace {
 
+// goes up with any change that makes older files read wrongly
 constexpr int study_format = 1;
 
 using fields = std::vector<std::string_view>;
@@ -174,6 +175,7 @@ bool has_study(const std::string& place) {
 
 std::string sum_of_study(const study& s) {
     study bare = s;
+    // what was made counts, not how: the same study from a table elsewhere has the same sum
     bare.command = bare.data.file = bare.pedigree.file = "";
     bare.remarks.clear();
     tarvex::digest_maker sum;

@@ -77,7 +77,7 @@ std::vector<std::string> kept_fields(const part& p, std::vector<std::string> f) 
     bool recorded = false;
     for (const auto& t : p.from.traits) {
         if (p.number(t.number) == 0) continue;
-        const auto& value = f[first + static_cast<std::size_t>(t.number - 1)];
+        const auto& value = f[first + t.number - 1];
         recorded = recorded || value != std::to_string(t.missing);
         kept.push_back(value);
     }

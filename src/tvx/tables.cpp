@@ -14,14 +14,14 @@ namespace tvx {
 std::string read_text(const std::string& file) {
     std::error_code ec;
     std::ifstream in(file, std::ios::binary);
+    // a folder opens, but cannot be read
     if (!in || std::filesystem::is_directory(file, ec))
         throw fault{"cannot read file \"" + file + "\": " + (in ? "it is a folder" : std::strerror(errno))};
     std::string text;
     if (const auto size = std::filesystem::file_size(file, ec); !ec) text.reserve(size);
     char buffer[1 << 16];
     // the last piece is shorter, and counts
-    while (in.read(buffer, sizeof buffer) || in.gcount() > 0)
-        text.append(buffer, static_cast<std::size_t>(in.gcount()));
+    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) text.append(buffer, in.gcount());
     if (in.bad()) throw fault{"cannot read file \"" + file + "\" to its end"};
     return text;
 }
@@ -32,6 +32,7 @@ void write_text(const std::string& file, std::string_view text) {
     std::FILE* out = std::fopen(part.c_str(), "wb");
     bool good = out != nullptr;
     if (good) good = std::fwrite(text.data(), 1, text.size(), out) == text.size();
+    // a full disk may show only here, when the buffer is written out
     if (out) good = std::fclose(out) == 0 && good;
     std::error_code ec;
     if (good) std::filesystem::rename(part, file, ec);
@@ -90,6 +91,7 @@ std::vector<std::vector<std::string_view>> table_lines(std::string_view text) {
             continue;
         }
         std::vector<std::string_view> fields;
+        // "<=": behind a tab at the end stands an empty field
         for (std::size_t from = 0; from <= line.size();) {
             const auto to = std::min(line.find('\t', from), line.size());
             fields.push_back(line.substr(from, to - from));
