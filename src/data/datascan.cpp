@@ -15,6 +15,7 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "control/tvxroutines.h"
+#include "control/warnings.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "support/screen.h"
@@ -23,6 +24,8 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <map>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -56,6 +59,11 @@ struct scan_state {
     int nobs = 0;         // observations of the subject in hand
     array<int> counts;    // (nq) its records by trait
     bool repeats = false; // some subject has several records of a trait
+    int subject = 0;      // the one in hand
+    // levels of the repeat effect (PEQ) with the subject that each was met in, and the level of the subject in hand
+    std::map<std::int64_t, int> repeat_levels;
+    std::optional<std::int64_t> repeat_level;
+    bool other_levels = false; // they are not the subjects
 };
 
 // An effect of a trait in the data.
@@ -156,6 +164,21 @@ void warn_repeats(const scan_state& s) {
                          "those of all their records of other traits; see \"SUBject\" in the user's guide");
 }
 
+// A repeat effect is one of the subject, whatever its column holds.
+void compare_with_subject(scan_state& s, std::int64_t level) {
+    const int met = s.repeat_levels.emplace(level, s.subject).first->second;
+    s.other_levels = s.other_levels || met != s.subject || (s.repeat_level && *s.repeat_level != level);
+    s.repeat_level = level;
+}
+
+void warn_other_levels(const scan_state& s) {
+    for (int irand = 1; irand <= numbers.krand && s.other_levels; ++irand)
+        if (mudmap.kovrnd(irand) == covariance_kind::peq)
+            warn("repeat effect of other levels than subjects",
+                 "levels of \"" + model.krandom(irand) +
+                     "\" are not the subjects : PEQ fits an effect of each subject");
+}
+
 void scan_random(scan_state& s, int iq) {
     const auto& m = mudmap;
     for (int i = 1; i <= model.nrnd(iq); ++i) {
@@ -168,6 +191,7 @@ void scan_random(scan_state& s, int iq) {
             check_pedlist(checked_code(s, e), s.pass.reader.ndatrec);
         else
             accum_levels(s, e, s.rn(irand));
+        if (m.kovrnd(irand) == covariance_kind::peq) compare_with_subject(s, checked_code(s, e));
     }
 }
 
@@ -207,7 +231,11 @@ void scan_records(scan_state& s) {
     int iq = 0;
     bool starts = false;
     while (next_record(s.pass, s.dvec, iq, starts)) {
-        if (starts) close_subject(s);
+        if (starts) {
+            close_subject(s);
+            ++s.subject;
+            s.repeat_level.reset();
+        }
         // iq 0: a line with all traits
         const int first = iq > 0 ? iq : 1, last = iq > 0 ? iq : numbers.nq;
         for (int jq = first; jq <= last; ++jq) {
@@ -217,6 +245,7 @@ void scan_records(scan_state& s) {
     }
     close_subject(s);
     warn_repeats(s);
+    warn_other_levels(s);
 }
 
 // Final codes of an effect. Those of an interaction become first * base + second, with the smallest power of ten that

@@ -130,8 +130,18 @@ void allocate_blocks() {
     for (auto* a : {&m.rn_trait, &m.rn_which}) allocate("alloc rn_trait", *a, most, krand);
 }
 
+// Files of solutions and curves bear the names of effects.
+void check_file_name(const std::string& effect) {
+    if (effect.find('/') != std::string::npos)
+        stop_with("Name of an effect cannot be part of the name of a file : \"" + effect + "\"");
+}
+
 // Every random effect needs its covariances.
 void check_effects() {
+    for (int iq = 1; iq <= numbers.nq; ++iq) {
+        for (int i = 1; i <= model.nrnd(iq); ++i) check_file_name(model.random(i, iq));
+        for (int i = 1; i <= model.ncov(iq); ++i) check_file_name(model.covar(i, iq));
+    }
     for (int iq = 1; iq <= numbers.nq; ++iq)
         for (int i = 1; i <= model.nrnd(iq); ++i)
             if (mudmap.rn_irand(i, iq) == 0) {

@@ -72,6 +72,17 @@ TEST_F(repeat_runs, two_traits) {
                     "log L with the blocks in another order");
 }
 
+// The levels in its column do not matter: where they are not the subjects a line tells.
+TEST_F(repeat_runs, levels_that_are_not_the_subjects) {
+    const std::string text =
+        "***** WARNING : levels of \"parity\" are not the subjects : PEQ fits an effect of each subject\n";
+    for (const std::string effect : {"perm", "parity"}) {
+        put_one_trait(" RAN animal NRM\n RAN " + effect + " PEQ\n",
+                      "VAR animal 1\n 4.5\nVAR " + effect + " 1\n 1.5\nVAR residual 1\n 6.0\n");
+        EXPECT_EQ(finish("--aireml1").output.find(text) != std::string::npos, effect == "parity");
+    }
+}
+
 TEST_F(repeat_runs, effect_of_the_second_trait_only) {
     put(animals_ + " RAN perm PEQ 2\n" + traits_ + "VAR perm 1\n 1.25\nVAR residual 2\n 6.0 0.4\n 5.5\n");
     expect_relative(start(), truth({{6.0, 0.4}, {0.4, 5.5}}, {{0.0, 0.0}, {0.0, 1.25}}, {{4.5, 1.5}, {1.5, 3.5}}), 1e-8,

@@ -111,6 +111,10 @@ TEST_F(verdict_bounds_test, element_at_the_border_that_rises_by_less_than_the_bo
         EXPECT_EQ(v.kind, search_end::maximum);
         EXPECT_TRUE(v.border.empty());
     }
+    judged_point stored = element(1.0e-4, 0.0); // without gradient and information
+    stored.gradient.clear();
+    stored.information.clear();
+    EXPECT_TRUE(says(look_at_matrices(stored).border, "factor element 2,2"));
     judged_point saddle = element(1.0e-6, 2.0e-6); // of (x^2 - x^4): rises by the square
     saddle.information = {4.0e-12};
     EXPECT_EQ(judge(saddle).kind, search_end::not_maximum);

@@ -293,6 +293,8 @@ TEST_F(parfile_messages, mapping_of_names) {
     fails(uni, "FIX sex", "FIX sax",
           "***** ERROR  mapping model to data file *****\n      Variable in model not found : \"sax\"\n");
     fails(uni, "TRAIT weight", "TRAIT wait", "Variable in model not found : \"wait\"");
+    fails(with(uni, " age\n", " a/e\n"), "COV age(1,POL)", "COV a/e(1,POL)",
+          "Name of an effect cannot be part of the name of a file : \"a/e(1,POL)\"");
     fails(multi, " RAN dam IDE 1\n", " RAN dam IDE 1\n COV wwt(1,POL) 2\n", "Variable in model not found : \"wwt\"");
     fails(uni, " herd   30", " herd", "No max. no. of levels specified for \"herd\" ?");
     fails(with(uni, " FIX sex", " FIX herd*age"), "No max. no. of levels specified for \"herd*age\" ?");
