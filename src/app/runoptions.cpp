@@ -98,10 +98,7 @@ void simul(text rest, text arg) {
     simulation.newseeds = false;
     option_numbers(rest, arg).take(simulation.nrepsim);
 }
-void setup(text rest, text) {
-    options.verbose = options.setup_only = true;
-    if (rest.starts_with("lrg") || rest.starts_with("LRG")) options.setup_lrg = true;
-}
+void setup(text, text) { options.verbose = options.setup_only = true; }
 void limit(text, text) {
     struct {
         const char* label;
@@ -283,6 +280,9 @@ void threads(text rest, text arg) {
     if (options.threads < 0 || options.threads > most_threads) unreadable(arg);
 }
 
+// AI-REML keeps the factor scale of the residual block in any case.
+void forchol(text, text) {}
+
 template <bool options_module::*flag, bool value> void set_flag(text, text) { options.*flag = value; }
 template <bool value> void set_reorder(text, text) { estimates.reorder = value; }
 
@@ -337,7 +337,7 @@ constexpr option_record table[] = {
     {"--threads", 9, "--THREADS", 9, threads},
     {"--super", 7, "--SUPER", 7, super},
     {"--wide", 6, "--WIDE", 6, set_flag<&om::wide, true>},
-    {"--forchol", 9, "--FORCHOL", 9, set_flag<&om::forchol, true>},
+    {"--forchol", 9, "--FORCHOL", 9, forchol},
     {"--zero", 6, "--ZERO", 6, zero},
     {"--accinb", 8, "--ACCINB", 8, accinb},
     {"--json", 6, "--JSON", 6, set_flag<&om::json, true>},

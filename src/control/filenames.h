@@ -15,9 +15,7 @@ struct filenames_module {
     std::string curoptfile = "CurrentOptions";
     std::string datfile;
     std::string estfile = "SumEstimates.out";
-    std::string estimfile = "Estimates.out"; // reserved, not used
     std::string fixsolfile = "FixSolutions.out";
-    std::string synonfile = "FileSynonyms"; // reserved, not used
     std::string inbrdfile = "inbreed.bin";
     std::string me_varfile = "MEVariances";
     std::string newpedfile = "ReducedPedFile.dat";
@@ -37,7 +35,6 @@ struct filenames_module {
     std::string rrvarsfile = "RanRegVariances.dat";
     std::string runopfile = "RunOptions";
     std::string stvalfile;
-    std::string summaryfile = "TarvexSummary.out"; // reserved, not used
     std::string summodfile = "SumModel.out";
     std::string sumpedfile = "SumPedigree.out";
     std::string symfacfile = "symbfact.bin";

@@ -15,7 +15,6 @@ struct options_module {
     bool emai = false;
     bool emalgorithm = true;     // the plan begins with EM, or BLUP: covariances are the parameters
     bool limits = false;         // the limits are told and the run ends
-    bool forchol = false;        // keep the factor scale of the residual block: taken, and always so in AI-REML
     std::array<int, 8> logdia{}; // by block, 0 residual: diagonals on the log scale
     bool mmmposdef = false;      // an indefinite coefficient matrix is an error
     bool nologd = false;         // never switch to log diagonals
@@ -28,7 +27,6 @@ struct options_module {
     bool reco_set = false;
     bool reconstruct = true; // rebuild the parameters from the best point after an accepted step
     bool selfing = false;    // sire and dam of an animal may be the same
-    bool setup_lrg = false;
     bool setup_only = false;
     bool simulation = false;
     bool sure = true;          // a search that ends short of a maximum goes on (off: the stated plan alone)
@@ -55,10 +53,6 @@ struct options_module {
     bool sigam = false;       // some random effects are correlated
     bool pseudofix = false;   // levels of random effects treated as fixed
     bool renumbered = false;  // trait numbers of the data are renumbered
-    bool legendre = false;    // Legendre polynomials are needed
-    bool bsplines = false;    // B-splines are needed
-    bool usrfuncs = false;    // user-defined basis functions are needed
-    bool nestcov = false;     // there are nested covariables
 };
 inline options_module options;
 

@@ -16,7 +16,6 @@ namespace tarvex {
 struct subject_record {
     int icombi = 0;        // number of the pattern of records
     int nobs = 0;          // observations
-    int kk = 0;            // rows of effect codes: equal to nobs
     int nr = 0;            // length of jvec
     int mrow = 0;          // positions of a row (largest over traits)
     int mcov = 0;          // covariable coefficients of a row (largest over traits)
@@ -32,7 +31,6 @@ struct subject_record {
 
 struct combinations_module {
     int ncombi = 0;
-    vector1<std::string> xcombi;   // pattern as text
     vector1<vector1<int>> nqcombi; // (icombi)(iq) records of each trait
     vector1<int> ncomb_subj;       // subjects with the pattern
     array<int> ncomb_pairs;        // packed upper triangle without diagonal: subjects with both traits

@@ -11,7 +11,6 @@ struct pedigreelist_module {
     array<int> idvec;    // (nanim) codes, ascending
     array<int, 2> jdvec; // (2,nanim) running numbers of sire and dam, 0 unknown
     array<int> isex;     // (nanim) role in which a parent was first seen: 1 sire, 2 dam
-    int nskip_precs = 0; // comment lines at the head of the pedigree file
     // One pruned pedigree for each relationship matrix irun = 1..mudmap.nrunno.
     int nrunno = 0;
     array<int> nannew;             // (nrunno) animals left

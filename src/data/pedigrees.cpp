@@ -182,7 +182,6 @@ void open_pedfile(ped_reader& reader) {
         }
         ++n;
     }
-    pedigreelist.nskip_precs = n;
     if (options.verbose) write(screen(), "(3a,i3,a)   ", "\"", name, "\" : skipping first", n, " lines");
 }
 

@@ -13,7 +13,7 @@ struct ped_reader {
     bool held = false; // line is the first record, not yet taken
     int nlines = 0;    // lines read, the one in hand included
 };
-// Opens the pedigree file and passes over the comment lines at its head (counted in nskip_precs). Faults stop the run.
+// Opens the pedigree file and passes over the comment lines at its head. Faults stop the run.
 void open_pedfile(ped_reader& reader);
 // Next record: 1 read, 0 end of file, -1 a line that cannot be read. A record is one line, blank lines are passed over.
 int next_pedrec(ped_reader& reader, long long& ian, long long& idad, long long& imum);

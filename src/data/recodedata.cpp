@@ -340,10 +340,10 @@ void combination_no(int& icombi, int nq, const array<int>& mark) {
     nqcombi.push_back({});
     nqcombi.back().assign(counts.begin(), counts.end());
     combinations.ncomb_subj.push_back(1);
+    if (!options.details) return;
     std::string text = numbers.maxnr < 10 ? edit("(40i1)", counts) : edit("(40i2)", counts);
     while (!text.empty() && text.back() == '\n') text.pop_back();
-    combinations.xcombi.push_back(text);
-    if (options.details) write(screen(), "(a,i5,1x,a,1x,40i3)", "Combination", ncombi, text, counts);
+    write(screen(), "(a,i5,1x,a,1x,40i3)", "Combination", ncombi, text, counts);
 }
 
 int find_code(std::int64_t icode, const vector1<std::int64_t>& list) {

@@ -41,26 +41,23 @@ template <class T> std::span<T> columns(array<T, 2>& a, int rows, int n) {
     return a.prefix(static_cast<std::ptrdiff_t>(rows) * n);
 }
 
-bool sizes_fit(const subject_record& d) {
-    return d.nobs >= 1 && d.nobs <= numbers.maxnr && d.kk >= 1 && d.kk <= d.nobs;
-}
+// rows: of effect codes, one for each observation.
+bool sizes_fit(const subject_record& d, int rows) { return d.nobs >= 1 && d.nobs <= numbers.maxnr && rows == d.nobs; }
 
 // The rest of the head behind the counts.
 bool get_head(record_reader& in, subject_record& d) {
     d.icombi = 0;
     // one record a subject: the file does not count it
-    d.nobs = d.kk = 1;
+    d.nobs = 1;
     if (!options.randreg && numbers.nq == 1 && numbers.maxnr == 1) {
         d.icombi = 1;
         return in.get(d.yvec(1));
     }
     if (!(options.randreg && numbers.nq == 1) && !in.get(d.icombi)) return false;
     if (!in.get(d.nobs)) return false;
-    if (options.randreg)
-        d.kk = d.nobs;
-    else if (!in.get(d.kk))
-        return false;
-    if (!sizes_fit(d)) return false;
+    int rows = d.nobs;
+    if (!options.randreg && !in.get(rows)) return false;
+    if (!sizes_fit(d, rows)) return false;
     if (numbers.nq > 1 && !in.get(d.ynq.prefix(d.nobs))) return false;
     if (!in.get(d.yvec.prefix(d.nobs))) return false;
     return !options.randreg || in.get(columns(d.imeta, d.nmeta, d.nobs));
@@ -111,9 +108,9 @@ bool pattern_fits(const subject_record& d) {
 // side, which comes behind them all.
 bool indices_fit(const recdata_pass& pass) {
     const auto& d = pass.record;
-    return within(part(d.ieqnr, d.mrow, d.kk), 0, d.nr) && within(part(d.icov, d.mcov, d.kk), 0, combinations.ncov) &&
-           within(d.jvec.prefix(d.nr), 0, pass.most) && within(d.ynq.prefix(d.nobs), 1, numbers.nq) &&
-           controls_fit(d, pass.controls) && pattern_fits(d);
+    return within(part(d.ieqnr, d.mrow, d.nobs), 0, d.nr) &&
+           within(part(d.icov, d.mcov, d.nobs), 0, combinations.ncov) && within(d.jvec.prefix(d.nr), 0, pass.most) &&
+           within(d.ynq.prefix(d.nobs), 1, numbers.nq) && controls_fit(d, pass.controls) && pattern_fits(d);
 }
 
 // The subject is what was written; the first pass that meets it looks at its indices too.
@@ -124,8 +121,8 @@ bool subject_fits(const recdata_pass& pass) {
     // files of another run of the program: there are no sums to go by
     if (k >= heads.size() || k >= lists.size()) return indices_fit(pass);
     const std::uint64_t head = head_sum(
-        {d.icombi, d.nobs, d.yvec.prefix(d.nobs), d.xcov.prefix(std::ptrdiff_t{d.mcov} * d.kk), d.ynq.prefix(d.nobs),
-         part(d.imeta, d.nmeta, d.nobs), part(d.icov, d.mcov, d.kk), part(d.ieqnr, d.mrow, d.kk), pass.iraand});
+        {d.icombi, d.nobs, d.yvec.prefix(d.nobs), d.xcov.prefix(std::ptrdiff_t{d.mcov} * d.nobs), d.ynq.prefix(d.nobs),
+         part(d.imeta, d.nmeta, d.nobs), part(d.icov, d.mcov, d.nobs), part(d.ieqnr, d.mrow, d.nobs), pass.iraand});
     const std::uint64_t list = list_sum(d.jvec.prefix(d.nr));
     if (!same_sum(heads[k], head) || !same_sum(lists[k], list)) return false;
     // bit 0: indices have been looked at; sums leave it free
@@ -171,8 +168,9 @@ bool next_subject(recdata_pass& pass) {
     }
     ++pass.nsubject;
     bool good = get_head(in, d);
-    if (good && d.mcov > 0) good = in.record(columns(d.xcov, d.mcov, d.kk)) && in.record(columns(d.icov, d.mcov, d.kk));
-    good = good && in.record(columns(d.ieqnr, d.mrow, d.kk));
+    if (good && d.mcov > 0)
+        good = in.record(columns(d.xcov, d.mcov, d.nobs)) && in.record(columns(d.icov, d.mcov, d.nobs));
+    good = good && in.record(columns(d.ieqnr, d.mrow, d.nobs));
     if (good && options.superai) {
         pass.iraand.resize(std::ptrdiff_t{numbers.krand} * d.nobs);
         good = in.record(std::span<int>(pass.iraand));

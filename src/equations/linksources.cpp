@@ -130,12 +130,10 @@ void form_residual_inverses() {
 
 // Adds the equations of record i that stay to `rows`.
 void record_rows(const subject_record& d, int i, std::vector<int>& rows) {
-    const int row = std::min(i, d.kk);
-    // row: kk is 1 where all records of the subject share one row of effects
     for (int c = 1; c <= d.mcov; ++c)
-        if (const int e = d.icov(c, row); e > 0 && orders.jeq(e) > 0) rows.push_back(orders.jeq(e));
+        if (const int e = d.icov(c, i); e > 0 && orders.jeq(e) > 0) rows.push_back(orders.jeq(e));
     for (int j = 1; j <= d.mrow; ++j)
-        if (const int p = d.ieqnr(j, row); p > 0)
+        if (const int p = d.ieqnr(j, i); p > 0)
             if (const int e = orders.jeq(d.jvec(p)); e > 0) rows.push_back(e);
 }
 
@@ -180,11 +178,11 @@ void add_records(digest_maker& sum) {
     std::vector<int> group;
     while (next_subject(pass)) {
         groups.of_subject(d, group);
-        const int head[3] = {d.nobs, d.kk, d.nr};
+        const int head[3] = {d.nobs, d.nobs, d.nr};
         sum.bytes(head, sizeof head);
         sum.bytes(group.data(), group.size() * sizeof(int));
-        add_part(sum, d.icov, d.mcov, d.kk);
-        add_part(sum, d.ieqnr, d.mrow, d.kk);
+        add_part(sum, d.icov, d.mcov, d.nobs);
+        add_part(sum, d.ieqnr, d.mrow, d.nobs);
         sum.bytes(d.jvec.data(), sizeof(int) * d.nr);
     }
 }

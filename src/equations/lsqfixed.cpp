@@ -51,11 +51,11 @@ struct coefficient {
 // Fixed effects, mean and covariables of observation i.
 void observation_row(const subject_record& d, int i, const fixed_rows& rows, std::vector<coefficient>& list) {
     list.clear();
-    const int k = std::min(i, d.kk), iq = numbers.nq == 1 ? 1 : d.ynq(i);
+    const int iq = numbers.nq == 1 ? 1 : d.ynq(i);
     for (int j = 1; j <= lead_positions(iq); ++j)
-        if (const int p = d.ieqnr(j, k); p > 0) list.push_back({rows.row(d.jvec(p)), 1.0});
+        if (const int p = d.ieqnr(j, i); p > 0) list.push_back({rows.row(d.jvec(p)), 1.0});
     for (int c = 1; c <= d.mcov; ++c)
-        if (const int e = d.icov(c, k); e > 0) list.push_back({rows.row(e), d.xcov(c, k)});
+        if (const int e = d.icov(c, i); e > 0) list.push_back({rows.row(e), d.xcov(c, i)});
 }
 
 // Observations count one by one: residual covariances are not known yet.

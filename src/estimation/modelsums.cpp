@@ -90,15 +90,15 @@ digest data_sum() {
     for (int iq = 1; iq <= numbers.nq; ++iq) sum.add(trait_unit(iq));
     while (next_subject(pass)) {
         // codes and values as recoded: a renamed column or file is the same data
-        const int head[4] = {d.nobs, d.kk, d.nr, d.mcov};
+        const int head[4] = {d.nobs, d.nobs, d.nr, d.mcov};
         sum.bytes(head, sizeof head);
         const std::size_t nobs = d.nobs;
         sum.bytes(d.yvec.data(), nobs * sizeof(double));
         sum.bytes(d.ynq.data(), nobs * sizeof(int));
         add_part(sum, d.imeta, d.nmeta, d.nobs);
-        add_part(sum, d.xcov, d.mcov, d.kk);
-        add_part(sum, d.icov, d.mcov, d.kk);
-        add_part(sum, d.ieqnr, d.mrow, d.kk);
+        add_part(sum, d.xcov, d.mcov, d.nobs);
+        add_part(sum, d.icov, d.mcov, d.nobs);
+        add_part(sum, d.ieqnr, d.mrow, d.nobs);
         sum.bytes(d.jvec.data(), sizeof(int) * d.nr);
     }
     return sum.value();

@@ -137,8 +137,7 @@ void takaha_inverse() {
     }
     sparse.state = store_state::inverse;
     // the factor is gone: the next evaluation starts with the assembly
-    likelihoods.lastpar.fill(0.0);
-    likelihoods.factor_valid = false;
+    forget_factor();
     tvxtimes(2, "Takaha-inv");
 }
 

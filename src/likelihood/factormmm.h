@@ -31,8 +31,8 @@ void factorise_mmm(double& detc, double& ypy, int& ifail);
 // solutions.solns from the factor; nothing else changes.
 void back_solutions();
 
-// Factor is replaced by the inverse (sparse/takahashi.h). Leaves the solutions in solutions.solns and marks the factor
-// as used up (likelihoods.lastpar).
+// Factor is replaced by the inverse (sparse/takahashi.h). Leaves the solutions in solutions.solns; the factor counts as
+// used up.
 void takaha_inverse();
 
 // Derivatives of the factorisation (sparse/autodiff.h) into fdiag (n) and foff (maxlnz), allocated here if need be. The

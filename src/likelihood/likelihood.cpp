@@ -236,7 +236,6 @@ evaluation loglike(array<double>& parvec, int iopt) {
         l.factor_valid = true;
         e.xlike = -0.5 * dev;
     } else { // a value belongs to its factor: log|R| and log|G| of a point beside it do not go with its log|C|
-        ++l.nreuse;
         e.xlike = l.xlast;
     }
     l.given = parvec;

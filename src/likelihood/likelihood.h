@@ -17,7 +17,6 @@ struct likelihoods_module {
     int ncall = 0;               // completed evaluations
     int nfact = 0;               // factorisations
     int nlike = 0;               // rows in use in likesav
-    int nreuse = 0;              // evaluations that used the factor at hand
     double xlast = 0.0;          // log L of the last evaluation
     array<double> lastpar;       // (nparm) parameters of the factor at hand
     array<double> given;         // (nparm) the vector to which covariance inverses and factor belong; empty: to none

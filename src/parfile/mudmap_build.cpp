@@ -105,7 +105,6 @@ int nesting_effect(const std::string& effect, int iq) {
 void map_nested(int i, int iq, const std::string& name, const std::string& effect) {
     auto& m = mudmap;
     std::int64_t mlev = 0;
-    options.nestcov = true;
     datposition(name, iq, m.cv_dcolno(i, iq), mlev);
     // the column alone will not do: levels are counted for effects of the model
     datposition(effect, iq, m.cv_nestcolno(i, iq), mlev);
@@ -154,13 +153,6 @@ void nested_spline_warning() {
     tvx_caution();
 }
 
-// What later phases have to prepare for the kinds in use.
-void note_basis(basis_kind kind) {
-    if (kind == basis_kind::leg) options.legendre = true;
-    if (kind == basis_kind::bsp) options.bsplines = true;
-    if (kind == basis_kind::usr) options.usrfuncs = true;
-}
-
 bool is_spline(basis_kind kind) { return kind == basis_kind::bsp || kind == basis_kind::spl; }
 
 void covariable_type(int i, int iq, const bracket& b) {
@@ -175,7 +167,6 @@ void covariable_type(int i, int iq, const bracket& b) {
     }
     if (kind == basis_kind::spl || kind == basis_kind::usr) tvx_notyet();
     m.cv_type(i, iq) = *kind;
-    note_basis(*kind);
     if (kind != basis_kind::bsp) return;
     // BSP alone is linear, the letter behind it the degree (L, Q, C)
     m.cv_degree(i, iq) = text.size() > 3 ? spline_degree(text[3]) : 1;
@@ -336,7 +327,6 @@ void datposition(const std::string& name, int iq, int& icol, std::int64_t& mlev)
 basis_kind check_rropt(const std::string& code) {
     const auto kind = basis_named(code);
     if (!kind) name_err("Invalid option for RR basis function \"", code);
-    note_basis(*kind);
     return *kind;
 }
 
@@ -351,7 +341,6 @@ int spline_degree(char ch) {
 
 void model2mudmap() {
     mudmap = {};
-    options.legendre = options.bsplines = options.usrfuncs = options.nestcov = false;
     // in front of all look-ups: these ask which columns name a line
     find_lines();
     allocate_map();

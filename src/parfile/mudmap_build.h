@@ -1,9 +1,8 @@
 // Joins the names of the model to the columns of the data, and the random effects of the traits to the covariance
 // blocks.
 //
-// Reads model and datafile as read_parfile leaves them. Fills mudmap and sets the flags legendre, bsplines, usrfuncs
-// and nestcov of options. In grouped data with all traits in a line the columns of trait 1 are replaced by those of the
-// line.
+// Reads model and datafile as read_parfile leaves them. Fills mudmap. In grouped data with all traits in a line the
+// columns of trait 1 are replaced by those of the line.
 #pragma once
 #include "parfile/basiskinds.h"
 

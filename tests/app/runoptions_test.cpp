@@ -22,17 +22,37 @@ std::string state() {
     const auto& o = options;
     const auto& m = maximise;
     std::string s;
-    for (bool flag : {o.aireml,    o.algorithm_set, o.bestonly,
-                      o.blup,      o.continew,      o.details,
-                      o.devtrace,  o.emai,          o.emalgorithm,
-                      o.forchol,   o.mmmposdef,     o.nologd,
-                      o.nopru,     o.optim_ai,      o.print_times,
-                      o.pxai,      o.allped,        o.pxem,
-                      o.reco_set,  o.reconstruct,   o.selfing,
-                      o.setup_lrg, o.setup_only,    o.simulation,
-                      o.strict_ai, o.superai,       o.tensor_ai,
-                      o.terse,     o.verbose,       o.werbose,
-                      o.wide,      o.sevars,        bool(estimates.reorder)})
+    for (bool flag : {o.aireml,
+                      o.algorithm_set,
+                      o.bestonly,
+                      o.blup,
+                      o.continew,
+                      o.details,
+                      o.devtrace,
+                      o.emai,
+                      o.emalgorithm,
+                      o.mmmposdef,
+                      o.nologd,
+                      o.nopru,
+                      o.optim_ai,
+                      o.print_times,
+                      o.pxai,
+                      o.allped,
+                      o.pxem,
+                      o.reco_set,
+                      o.reconstruct,
+                      o.selfing,
+                      o.setup_only,
+                      o.simulation,
+                      o.strict_ai,
+                      o.superai,
+                      o.tensor_ai,
+                      o.terse,
+                      o.verbose,
+                      o.werbose,
+                      o.wide,
+                      o.sevars,
+                      bool(estimates.reorder)})
         s += flag ? 'T' : 'F';
     for (int l : o.logdia) s += ' ' + std::to_string(l);
     for (int l : orders.metis_opts) s += ' ' + std::to_string(l);
@@ -123,9 +143,9 @@ TEST_F(run_options_test, flags_that_each_option_sets) {
     run({"--pxai", "--blup"});
     EXPECT_TRUE(options.blup && options.emalgorithm && !options.pxem && !options.aireml);
     run({"--setup"});
-    EXPECT_TRUE(options.setup_only && options.verbose && !options.setup_lrg);
+    EXPECT_TRUE(options.setup_only && options.verbose);
     run({"--setuplrg"});
-    EXPECT_TRUE(options.setup_only && options.setup_lrg);
+    EXPECT_TRUE(options.setup_only && options.verbose);
     run({"-d"});
     EXPECT_TRUE(options.details && options.verbose && options.print_times);
     run({"--norecon"});
@@ -147,8 +167,7 @@ TEST_F(run_options_test, flags_that_each_option_sets) {
     run({"--optimai", "--nooptai"});
     EXPECT_TRUE(options.strict_ai && !options.optim_ai);
     run({"--self", "--nopru", "--times", "--super", "--wide", "--forchol"});
-    EXPECT_TRUE(options.selfing && options.nopru && options.print_times && options.superai && options.wide &&
-                options.forchol);
+    EXPECT_TRUE(options.selfing && options.nopru && options.print_times && options.superai && options.wide);
     EXPECT_FALSE(options.allped);
     run({"--allped"});
     EXPECT_TRUE(options.allped && !options.nopru);

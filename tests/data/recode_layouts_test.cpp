@@ -34,7 +34,7 @@ TEST_F(layouts_test, random_regression_of_one_trait_gives_form_d) {
     setup_recdata(pass, filenames.recdatfil2);
     ASSERT_TRUE(next_subject(pass));
     EXPECT_EQ(pass.record.icombi, 0);
-    EXPECT_EQ(pass.record.kk, 2);
+    EXPECT_EQ(pass.record.nobs, 2);
     EXPECT_EQ(row(1), (ints{1, 6, 7, 8}));
     EXPECT_EQ(pass.record.imeta(1, 2), 3);
     ASSERT_TRUE(next_subject(pass));
@@ -130,7 +130,7 @@ TEST_F(layouts_test, traits_share_the_levels_of_a_control_variable_form_e) {
     EXPECT_EQ(age, (ints{2, 1, 2}));
     setup_recdata(pass, filenames.recdatfil2);
     ASSERT_TRUE(next_subject(pass));
-    EXPECT_EQ(pass.record.kk, 3);
+    EXPECT_EQ(pass.record.nobs, 3);
     EXPECT_EQ(row(1), (ints{1}));
     EXPECT_EQ(row(3), (ints{2}));
     ASSERT_TRUE(next_subject(pass));

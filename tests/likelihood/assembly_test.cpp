@@ -364,7 +364,7 @@ TEST_F(assembly_test, equal_values_in_a_row_are_tabled_once) {
     EXPECT_EQ(likelihoods.nlike, 1);
     EXPECT_EQ(program_logl(estimates.parvec, 1), x);
     EXPECT_EQ(likelihoods.nlike, 1);
-    EXPECT_EQ(likelihoods.nreuse, 1);
+    EXPECT_EQ(likelihoods.nfact, 1);
     array<double> p = estimates.parvec;
     p(2) += 0.1;
     program_logl(p);
