@@ -11,6 +11,7 @@
 #include "data/datavecs.h"
 #include "data/levels.h"
 #include "data/recodedata.h"
+#include "dense/numroutines.h"
 #include "equations/mmequations.h"
 #include "equations/orders.h"
 #include "parameters/parvec.h"
@@ -62,10 +63,9 @@ std::vector<std::vector<int>> pattern_groups() {
 std::vector<int> trait_groups() {
     const auto& s = residualvars.sigres;
     const int nq = numbers.nq;
-    return components(nq, [&](int i, int j) { // i > j, packed upper triangle by rows
+    return components(nq, [&](int i, int j) { // i > j, from 0
         if (!s.allocated()) return true;
-        // packed upper triangle, rows and columns from 0
-        const int place = j * nq - j * (j - 1) / 2 + (i - j) + 1;
+        const int place = ihmssf(j + 1, i + 1, nq);
         for (int c = 1; c <= s.upper(2); ++c)
             if (s(place, c) != 0.0) return true;
         return false;

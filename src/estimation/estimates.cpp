@@ -112,7 +112,7 @@ void tell_held() {
     if (options.terse || !residualvars.fixres.allocated()) return;
     const int nq = numbers.nq;
     for (int i = 1; i <= nq; ++i)
-        for (int j = i + 1; j <= nq && !model.diagonal(0); ++j) {
+        for (int j = i + 1; j <= nq; ++j) {
             if (ihmssf(i, j, nq) > residualvars.fixres.upper() || !residualvars.fixres(ihmssf(i, j, nq))) continue;
             const bool never = means.pairs(ihmssf(i, j, nq)) == 0;
             print_list(screen(), "Residual covariance of \"" + model.trait(i) + "\" and \"" + model.trait(j) +

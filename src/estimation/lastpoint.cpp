@@ -16,7 +16,6 @@
 #include "parfile/mudmap.h"
 #include "support/edit_form.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <utility>
@@ -55,7 +54,7 @@ vector1<double> phenotypic_variances() {
         if (irand > 0 && (irand == residualvars.ipeq || options.randreg)) continue;
         const vector1<double> cov = block_covariances(irand, 1, factor);
         const int n = model.kkfit(irand);
-        for (int i = 1; i <= n; ++i) v(trait_of(irand, i)) += cov(model.diagonal(irand) ? i : ihmssf(i, i, n));
+        for (int i = 1; i <= n; ++i) v(trait_of(irand, i)) += cov(cov_place(irand, i, i));
     }
     if (options.randreg)
         // coefficients vary over the control variable: the data's own variance is the measure

@@ -55,7 +55,7 @@ digest effects_sum() {
 
 // Residual covariances that start at zero are kept there.
 void add_zero_pattern(digest_maker& sum) {
-    if (model.diagonal(0) || model.kkfit(0) < 1) return;
+    if (model.kkfit(0) < 1) return;
     for (int k = 1; k <= cov_length(0) && k <= model.cov.upper(1); ++k)
         // which are zero, not how large: other starting values are the same model
         sum.add(model.cov(k, 0) == 0.0 ? 1 : 0);

@@ -5,7 +5,6 @@
 #include "control/options.h"
 #include "control/tvxroutines.h"
 #include "data/levels.h"
-#include "dense/numroutines.h"
 #include "estimation/covs2parvec.h"
 #include "estimation/evaluate.h"
 #include "estimation/lastpoint.h"
@@ -30,12 +29,6 @@ int trait_of(int irand, int row) {
     return options.randreg ? 1 : mudmap.rn_trait(row, irand);
 }
 
-// Place of covariance (i,k) of a step in model.cov; a diagonal block has variances only.
-int place(int irand, int step, int i, int k) {
-    const int n = model.kkfit(irand), length = model.diagonal(irand) ? n : triangle(n);
-    return (step - 1) * length + (model.diagonal(irand) ? i : ihmssf(i, k, n));
-}
-
 // What each block gives to the variance of each trait: [irand][trait - 1].
 std::vector<std::vector<double>> variance_shares() {
     std::vector<std::vector<double>> shares;
@@ -45,7 +38,7 @@ std::vector<std::vector<double>> variance_shares() {
             for (int i = 1; i <= model.kkfit(irand); ++i) {
                 const double weight = options.randreg && irand > 0 ? basis_mean_square(irand, i) : 1.0;
                 // classes of the residual: their mean
-                v[trait_of(irand, i) - 1] += weight * model.cov(place(irand, step, i, i), irand) / steps_of(irand);
+                v[trait_of(irand, i) - 1] += weight * model.cov(cov_place(irand, i, i, step), irand) / steps_of(irand);
             }
         shares.push_back(std::move(v));
     }
@@ -62,7 +55,7 @@ void scale_start(const std::function<double(int, int)>& factor) {
             for (int i = 1; i <= n; ++i)
                 for (int k = i; k <= (model.diagonal(irand) ? i : n); ++k)
                     // rows and columns alike: correlations stay
-                    model.cov(place(irand, step, i, k), irand) *=
+                    model.cov(cov_place(irand, i, k, step), irand) *=
                         std::sqrt(factor(irand, trait_of(irand, i)) * factor(irand, trait_of(irand, k)));
     }
 }

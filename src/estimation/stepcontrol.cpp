@@ -144,7 +144,7 @@ void step_by_factorisation(const array<double>& gradient) {
 // Residual covariances themselves are parameters: the point becomes that of the matrices which its evaluation takes,
 // where eigenvalues have been raised. Otherwise log L would be flat beyond.
 void damage_control() {
-    if (estimates.paraform(0) != par_scale::original || model.diagonal(0)) return;
+    if (estimates.paraform(0) != par_scale::original) return;
     for (int step = 1; step <= model.rr_resteps; ++step) {
         const block_at_point found = covariances_at(search_state.parnew, 0, step);
         for (int k = 1; k <= found.cc.upper() && found.finite; ++k)

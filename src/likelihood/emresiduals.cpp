@@ -90,11 +90,11 @@ vector1<double> complete_patterns(const em_quantities& q) {
 }
 
 // One trait with independent records: the mean square.
-// records of a pattern are counted one by one
 double one_variance(const em_quantities& q) {
     double ss = 0.0, n = 0.0;
     for (int k = 1; k <= combinations.ncombi; ++k) {
         const pattern_matrix& s = q.residuals(k);
+        // records of a pattern are counted one by one
         for (int i = 1; i <= s.n; ++i) ss += s(i, i);
         n += static_cast<double>(s.n) * combinations.ncomb_subj(k);
     }
@@ -182,8 +182,7 @@ least_eigenvalues margins(const vector1<double>& theta) {
     array<double, 2> a, peq;
     a.allocate(nq, nq);
     for (int i = 1; i <= nq; ++i)
-        for (int j = i; j <= (model.diagonal(0) ? i : nq); ++j)
-            a(i, j) = a(j, i) = theta(model.diagonal(0) ? i : packed_place(i, j, nq));
+        for (int j = i; j <= nq; ++j) a(i, j) = a(j, i) = theta(ihmssf(i, j, nq));
     least_eigenvalues m;
     m.sum = m.residual = m.peq = least_of(a, nq);
     const auto places = peq_places();
@@ -215,7 +214,7 @@ bool may_be(const vector1<double>& theta, const least_eigenvalues& old) {
 // residual and PEQ ones.
 vector1<double> with_variances(vector1<double> theta, const vector1<double>& old) {
     const int nq = numbers.nq;
-    const auto residual = [&](int i) { return model.diagonal(0) ? i : packed_place(i, i, nq); };
+    const auto residual = [&](int i) { return ihmssf(i, i, nq); };
     vector1<double> peq(nq), old_peq(nq);
     // just above what would be raised when it is used
     constexpr double floor = 1.0001 * least_eigenvalue;
@@ -242,7 +241,7 @@ vector1<double> with_variances(vector1<double> theta, const vector1<double>& old
 // PEQ correlations, by `share` of the way; the sum stays.
 vector1<double> balanced(vector1<double> theta, double share) {
     const int nq = numbers.nq, ipeq = residualvars.ipeq;
-    if (ipeq == 0 || model.diagonal(0) || model.diagonal(ipeq)) return theta;
+    if (ipeq == 0 || model.diagonal(ipeq)) return theta;
     const int n = model.kkfit(ipeq);
     const auto peq = [&](int i, int j) -> double& { return theta(estimates.nresparm + packed_place(i, j, n)); };
     for (const peq_place& p : peq_places()) {

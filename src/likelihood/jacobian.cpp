@@ -19,11 +19,6 @@ namespace tarvex {
 
 namespace {
 
-int block_covs(int irand) {
-    const int n = model.kkfit(irand);
-    return model.diagonal(irand) ? n : triangle(n);
-}
-
 // Derivatives are on the factor scale already.
 bool factor_derivatives(int irand) {
     return irand > 0 && options.principal && mudmap.kovrnd(irand) != covariance_kind::peq;
@@ -156,7 +151,7 @@ void completed_column(const zero_pattern& zeros, const array<int>& order, const 
 } // namespace
 
 void block_jacobian(int irand, int step, array<double, 2>& jac) {
-    const int n = model.kkfit(irand), ncov = block_covs(irand);
+    const int n = model.kkfit(irand), ncov = matrix_covs(irand);
     if (estimates.paraform(irand) == par_scale::original) {
         jac.allocate(ncov, ncov);
         for (int k = 1; k <= ncov; ++k) jac(k, k) = 1.0;

@@ -4,7 +4,6 @@
 #include "control/options.h"
 #include "data/levels.h"
 #include "data/units.h"
-#include "dense/numroutines.h"
 #include "parameters/parvec.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
@@ -23,7 +22,7 @@ void set_units_from_covariances() {
             for (int i = 1; i <= model.kkfit(irand); ++i) {
                 // random regression: coefficients of all traits share one unit
                 const int trait = options.randreg ? 1 : irand == 0 ? i : mudmap.rn_trait(i, irand);
-                if (trait == iq) v += model.cov(model.diagonal(irand) ? i : ihmssf(i, i, model.kkfit(irand)), irand);
+                if (trait == iq) v += model.cov(cov_place(irand, i, i), irand);
             }
         means.unit(iq) = unit_for(std::sqrt(std::max(v, 0.0)));
     }

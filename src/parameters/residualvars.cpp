@@ -7,6 +7,7 @@
 #include "dense/numroutines.h"
 #include "parameters/parvec.h"
 #include "parameters/variances.h"
+#include "parameters/zeropattern.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
 #include "support/edit_form.h"
@@ -24,15 +25,7 @@ constexpr double margin = 1.0e-6;      // relative, of eigenvalues above numbers
 constexpr double small_pivot = 1.0e-5; // gen_inverse tells of pivots below it
 
 // Parameters of one class of the residual on the covariance scale.
-int class_covs() { return model.diagonal(0) ? numbers.nq : triangle(numbers.nq); }
-
-bool fixed_at_zero(int iclass, int i, int j) {
-    if (model.diagonal(0)) {
-        if (i != j) return false;
-    }
-    const int k = (iclass - 1) * class_covs() + (model.diagonal(0) ? i : packed_place(i, j, numbers.nq));
-    return k <= residualvars.fixres.upper() && residualvars.fixres(k) != 0;
-}
+int class_covs() { return triangle(numbers.nq); }
 
 void allocate_residuals() {
     auto& r = residualvars;
@@ -65,11 +58,8 @@ void residual_matrices(array<double>& parvec, int& ifail) {
             for (int j = i; j <= nq; ++j) {
                 const int k = ihmssf(i, j, nq);
                 // held components are 0 to the last bit, whatever a factor leaves there
-                r.sigres(k, step) = fixed_at_zero(step, i, j) ? 0.0 : cc(k);
-                if (!model.diagonal(0))
-                    r.rpars((step - 1) * class_covs() + k) = r.sigres(k, step);
-                else if (i == j)
-                    r.rpars((step - 1) * class_covs() + i) = r.sigres(k, step);
+                r.sigres(k, step) = residual_held(step, i, j) ? 0.0 : cc(k);
+                r.rpars((step - 1) * class_covs() + k) = r.sigres(k, step);
             }
     }
 }
@@ -354,11 +344,9 @@ vector1<int> pattern_traits(int icombi) {
 int residual_pars(int iq, int jq, int iclass, bool same, int pars[2]) {
     const int nq = numbers.nq;
     int n = 0;
-    if (same || iq != jq) {
-        // held components are no parameters of the data
-        if (!fixed_at_zero(iclass, iq, jq) && (iq == jq || !model.diagonal(0)))
-            pars[n++] = (iclass - 1) * class_covs() + (model.diagonal(0) ? iq : packed_place(iq, jq, nq));
-    }
+    // held components are no parameters of the data
+    if ((same || iq != jq) && !residual_held(iclass, iq, jq))
+        pars[n++] = (iclass - 1) * class_covs() + packed_place(iq, jq, nq);
     // of one record the parameter is the sum of both; of two, the repeat effect alone
     if (same || !residualvars.peqsum) return n;
     const int ipeq = residualvars.ipeq, k = model.kkfit(ipeq);

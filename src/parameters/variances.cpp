@@ -37,10 +37,7 @@ constexpr double pivot_floor = 0.0005;     // pivot of its factor when it is sma
 // A variance function of the control variable stands for the residual: no covariances of its own.
 bool empty_block(int irand) { return irand == 0 && model.rr_resteps > 1 && model.me_type == residual_kind::fun; }
 
-int step_covs(int irand) {
-    if (empty_block(irand)) return 0;
-    return model.diagonal(irand) ? model.kkfit(irand) : triangle(model.kkfit(irand));
-}
+int step_covs(int irand) { return empty_block(irand) ? 0 : matrix_covs(irand); }
 
 std::string label(const edit_form& form, const std::string& letter, std::initializer_list<int> places) {
     const std::vector<int> list(places);
@@ -156,8 +153,7 @@ void label_covariances() {
 void tell_small_variances(int irand) {
     for (int step = 1; step <= steps_of(irand); ++step)
         for (int i = 1; i <= model.kkfit(irand); ++i) {
-            const int k = model.diagonal(irand) ? i : ihmssf(i, i, model.kkfit(irand));
-            const double start = model.cov((step - 1) * step_covs(irand) + k, irand);
+            const double start = model.cov(cov_place(irand, i, i, step), irand);
             if (!(start > 0.0) || start / cov_unit(irand, i, i) >= numbers.zero) continue;
             print_list(screen(),
                        "   Starting variance below the operational zero : \"" +

@@ -10,7 +10,7 @@ namespace tarvex {
 
 bool residual_held(int step, int i, int j) {
     const int n = model.kkfit(0), k = (step - 1) * triangle(n) + packed_place(i, j, n);
-    return !model.diagonal(0) && k <= residualvars.fixres.upper() && residualvars.fixres(k) != 0;
+    return k <= residualvars.fixres.upper() && residualvars.fixres(k) != 0;
 }
 
 zero_pattern residual_zeros(int step) {

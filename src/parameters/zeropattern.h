@@ -19,7 +19,7 @@ struct zero_pattern {
 
 // Zeros of the residual matrix of a step (residualvars.fixres).
 zero_pattern residual_zeros(int step);
-// The covariance of rows i and j of a step is held.
+// The covariance of rows i and j of a step is held; of one row: its variance.
 bool residual_held(int step, int i, int j);
 
 // True if row order(p) may be pivot c: rows order(c..n) are left, p among them.

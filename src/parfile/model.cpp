@@ -10,11 +10,16 @@ namespace tarvex {
 
 int steps_of(int irand) { return irand == 0 ? model.rr_resteps : 1; }
 
-int cov_length(int irand) {
+int matrix_covs(int irand) {
     const int n = model.kkfit(irand);
-    // the residual is given in full, class after class
-    if (irand > 0 && model.diagonal(irand) != 0) return n;
-    return triangle(n) * steps_of(irand);
+    return model.diagonal(irand) != 0 ? n : triangle(n);
+}
+
+int cov_length(int irand) { return steps_of(irand) * matrix_covs(irand); }
+
+int cov_place(int irand, int i, int j, int step) {
+    const int within = model.diagonal(irand) != 0 ? i : ihmssf(i, j, model.kkfit(irand));
+    return (step - 1) * matrix_covs(irand) + within;
 }
 
 int nfit(int irand) { return options.principal ? model.krfit(irand) : model.kkfit(irand); }

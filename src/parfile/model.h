@@ -42,7 +42,7 @@ struct model_module {
     array<std::string, 1, 0> krandom; // (0:krand)
     array<int, 1, 0> kkfit;           // order of the matrix
     array<int, 1, 0> krfit;           // rank fitted; equals kkfit unless principal
-    array<int, 1, 0> diagonal;        // DIA
+    array<int, 1, 0> diagonal;        // DIA; 0 for the residual
     array<int, 1, 0> correlated;      // 1: a "+" stood on the VAR line
     // Covariances: packed upper triangle row by row; kkfit variances where diagonal; for a residual with steps one
     // triangle after the other.
@@ -58,8 +58,12 @@ inline model_module model;
 // Covariance matrices of a block: one for each class of residual variances; one of a random effect.
 int steps_of(int irand);
 
-// Packed length of a block's stored covariances: kkfit for a diagonal one, steps times the triangle for block 0.
+// Stored covariances of one of these matrices: the packed triangle, or the kkfit variances of a diagonal block.
+int matrix_covs(int irand);
+// Length of all of them in a column of model.cov, and the place there of covariance (i,j), i not above j, of matrix
+// `step`; a diagonal block has those of i = j alone.
 int cov_length(int irand);
+int cov_place(int irand, int i, int j, int step = 1);
 
 // Comment line, analysis type and the input files, below the header of a report.
 void write_tvxfiles(text_out& out);

@@ -183,7 +183,7 @@ void read_residual(par_state& s, const std::string& name) {
     // one residual for each trait, of whatever classes
     if (options.randreg) model.kkfit(0) = numbers.nq;
     model.krfit(0) = model.kkfit(0);
-    const int n = model.kkfit(0) * (model.kkfit(0) + 1) / 2;
+    const int n = matrix_covs(0);
     new_line(s);
     if (model.me_type == residual_kind::het && options.randreg)
         read_steps(s, n);
@@ -246,7 +246,7 @@ void read_block(par_state& s, const std::string& name) {
         model.correlated(irand) = 1;
     }
     new_line(s);
-    read_values(s, irand, model.diagonal(irand) != 0 ? n : n * (n + 1) / 2);
+    read_values(s, irand, matrix_covs(irand));
 }
 
 bool is_residual(const par_lines& line, const std::string& name) {

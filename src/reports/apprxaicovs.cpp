@@ -16,7 +16,6 @@
 #include "support/record_file.h"
 #include "support/stop.h"
 
-#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <limits>
@@ -63,7 +62,7 @@ void invert_information(array<double, 2>& a, int n, int& rank) {
         // rows without information stay 0
         if (a(i, i) != 0.0) scale[i - 1] = 1.0 / std::sqrt(std::fabs(a(i, i)));
     const auto s = [&](int i) { return scale[i - 1]; };
-    std::vector<double> packed(static_cast<std::size_t>(n) * static_cast<std::size_t>(n + 1) / 2);
+    std::vector<double> packed(triangle<std::size_t>(n));
     for (int i = 1; i <= n; ++i)
         for (int j = i; j <= n; ++j) packed[ihmssf(i, j, n) - 1] = a(i, j) * s(i) * s(j);
     // generalised: directions without information get variance 0, and `rank` tells of them

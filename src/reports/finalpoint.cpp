@@ -42,7 +42,7 @@ matrix block_of(int irand, int step) {
     const int n = model.kkfit(irand);
     matrix k = matrix::Zero(n, n);
     // classes follow each other in the list
-    std::size_t at = static_cast<std::size_t>((step - 1) * (model.diagonal(irand) ? n : n * (n + 1) / 2));
+    std::size_t at = cov_place(irand, 1, 1, step) - 1;
     for (int i = 0; i < n; ++i)
         for (int j = i; j < (model.diagonal(irand) ? i + 1 : n); ++j) k(i, j) = k(j, i) = cov[at++];
     return k;
