@@ -195,12 +195,12 @@ bool raise_eigenvalues(array<double, 2>& a, int n, int rank, double floor) {
     return true;
 }
 
-bool cholesky(array<double, 2>& a, int n) {
+bool cholesky(array<double, 2>& a, int n, double least) {
     for (int j = 1; j <= n; ++j)
         for (int i = j; i <= n; ++i) {
             double s = a(i, j);
             for (int k = 1; k < j; ++k) s -= a(i, k) * a(j, k);
-            if (i == j && !(s > 0.0)) return false;
+            if (i == j && !(s > least)) return false;
             a(i, j) = i == j ? std::sqrt(s) : s / a(j, j);
         }
     return true;
@@ -250,13 +250,17 @@ bool invvert(std::span<double> a, int n) {
     return true;
 }
 
-void solve(int n, const array<double, 2>& a, std::span<const double> r, std::span<double> x) {
+void solve_lower(int n, const array<double, 2>& a, std::span<const double> r, std::span<double> x) {
     if (x.data() != r.data()) std::copy_n(r.begin(), n, x.begin());
     for (int j = 1; j <= n; ++j) {
         const auto col = a.column(j);
         const double xj = x[j - 1] /= col[j - 1];
         for (int i = j; i < n; ++i) x[i] -= col[i] * xj;
     }
+}
+
+void solve(int n, const array<double, 2>& a, std::span<const double> r, std::span<double> x) {
+    solve_lower(n, a, r, x);
     for (int j = n; j >= 1; --j) {
         const auto col = a.column(j);
         double s = x[j - 1];

@@ -44,8 +44,8 @@ void eigem_any_size(const array<double, 2>& a, array<double>& eig, array<double,
 bool raise_eigenvalues(array<double, 2>& a, int n, int rank, double floor);
 
 // Lower Cholesky factor of the leading n x n part, from its lower triangle and in its place; the upper triangle stays.
-// False where a pivot is not above 0; `a` is spoilt then.
-[[nodiscard]] bool cholesky(array<double, 2>& a, int n);
+// False where a pivot is not above `least`; `a` is spoilt then.
+[[nodiscard]] bool cholesky(array<double, 2>& a, int n, double least = 0.0);
 
 // Generalised inverse of the packed triangle `a` of order n, in place: rows without a pivot above tol in magnitude are
 // zero. rank: number of pivots; ldet: log of the product of their magnitudes; negative: how many of them were negative.
@@ -56,7 +56,8 @@ void gen_inverse(std::span<double> a, int n, double tol, int& rank, double& ldet
 // 1e-12 in magnitude: the matrix is singular, and `a` is spoilt.
 [[nodiscard]] bool invvert(std::span<double> a, int n);
 
-// Solves L L' x = r with the lower factor L held in the leading n x n part of `a`; x may be r.
+// Solves L x = r, or L L' x = r, with the lower factor L held in the leading n x n part of `a`; x may be r.
+void solve_lower(int n, const array<double, 2>& a, std::span<const double> r, std::span<double> x);
 void solve(int n, const array<double, 2>& a, std::span<const double> r, std::span<double> x);
 
 } // namespace tarvex

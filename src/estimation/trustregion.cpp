@@ -1,5 +1,7 @@
 #include "estimation/trustregion.h"
 
+#include "dense/numroutines.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -23,33 +25,9 @@ double norm(const std::vector<double>& x) {
 
 // Lower factor of H + lambda I in `l`; false where a pivot is at most `least`.
 bool factorise(const array<double, 2>& h, int n, double lambda, double least, array<double, 2>& l) {
-    l.allocate(n, n);
-    for (int j = 1; j <= n; ++j)
-        for (int i = j; i <= n; ++i) {
-            double s = h(i, j) + (i == j ? lambda : 0.0);
-            for (int k = 1; k < j; ++k) s -= l(i, k) * l(j, k);
-            if (i == j && !(s > least)) return false;
-            l(i, j) = i == j ? std::sqrt(s) : s / l(j, j);
-        }
-    return true;
-}
-
-std::vector<double> forward(const array<double, 2>& l, std::vector<double> x) {
-    const int n = static_cast<int>(x.size());
-    for (int i = 1; i <= n; ++i) {
-        for (int k = 1; k < i; ++k) x[i - 1] -= l(i, k) * x[k - 1];
-        x[i - 1] /= l(i, i);
-    }
-    return x;
-}
-
-std::vector<double> backward(const array<double, 2>& l, std::vector<double> x) {
-    const int n = static_cast<int>(x.size());
-    for (int i = n; i >= 1; --i) {
-        for (int k = i + 1; k <= n; ++k) x[i - 1] -= l(k, i) * x[k - 1];
-        x[i - 1] /= l(i, i);
-    }
-    return x;
+    l = h;
+    for (int i = 1; i <= n; ++i) l(i, i) += lambda;
+    return cholesky(l, n, least);
 }
 
 // Upper bound of minus the least eigenvalue, 0 if that is not negative (Gershgorin's circles).
@@ -86,6 +64,7 @@ region_step step_in_region(const array<double, 2>& h, const std::vector<double>&
     double largest = 0.0;
     for (int i = 1; i <= n; ++i) largest = std::max(largest, h(i, i));
     array<double, 2> l;
+    std::vector<double> half(g.size());
     // The norm of the step falls with lambda; that far above the most negative eigenvalue it is at most the radius.
     double low = 0.0, high = slope / radius + most_negative(h, n), lambda = 0.0;
     for (int turn = 0; turn < most_turns; ++turn) {
@@ -96,8 +75,7 @@ region_step step_in_region(const array<double, 2>& h, const std::vector<double>&
             if (lambda >= high) break;
             continue;
         }
-        const std::vector<double> half = forward(l, g);
-        r.step = backward(l, half);
+        solve(n, l, g, r.step);
         r.length = norm(r.step);
         r.lambda = lambda;
         const bool unhindered = lambda <= least_curvature * largest + least_multiplier * slope / radius;
@@ -105,7 +83,8 @@ region_step step_in_region(const array<double, 2>& h, const std::vector<double>&
         (r.length > radius ? low : high) = lambda;
         if (high - low <= rounding * high) break;
         // Newton's step for 1/|s(lambda)| = 1/radius, which is nearly linear in lambda
-        const double q = norm(forward(l, r.step));
+        solve_lower(n, l, r.step, half);
+        const double q = norm(half);
         const double next = lambda + (r.length / q) * (r.length / q) * (r.length - radius) / radius;
         lambda = next > low && next < high ? next : std::max(0.5 * (low + high), least_share * high);
     }

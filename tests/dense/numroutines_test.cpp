@@ -107,6 +107,13 @@ TEST_F(numroutines, cholesky_factor_times_its_transpose_is_the_matrix) {
     EXPECT_FALSE(cholesky(singular, 2));
     auto unknown = full_of(1, {NAN});
     EXPECT_FALSE(cholesky(unknown, 1));
+    auto good = full_of(2, {4, 2, 2, 1.5}), poor = good; // pivots 4 and 0.5
+    EXPECT_TRUE(cholesky(good, 2, 0.4));
+    EXPECT_FALSE(cholesky(poor, 2, 0.6));
+    std::vector<double> x(2);
+    solve_lower(2, good, std::vector<double>{2.0, 3.0}, x);
+    EXPECT_NEAR(x[0], 1.0, 1e-15);
+    EXPECT_NEAR(x[1], 2.0 / std::sqrt(0.5), 1e-14);
 }
 
 TEST_F(numroutines, raised_eigenvalues_keep_their_vectors) {
