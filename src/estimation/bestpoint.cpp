@@ -16,7 +16,6 @@
 #include "support/record_file.h"
 #include "support/replace_file.h"
 
-#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -32,12 +31,9 @@ namespace {
 // Covariances of block irand at the best point, in the layout of model.cov.
 std::vector<double> get_cov(int irand) {
     std::vector<double> all;
-    array<double> cc;
-    array<double, 2> vv;
     const int steps = steps_of(irand), n = model.kkfit(irand);
     for (int step = 1; step <= steps; ++step) {
-        int ifail = 0;
-        parvec2covs(bestpoint.parbest, irand, step, cc, vv, ifail);
+        const array<double> cc = covariances_at(bestpoint.parbest, irand, step).cc;
         for (int i = 1; i <= n; ++i)
             for (int j = i; j <= (model.diagonal(irand) ? i : n); ++j) all.push_back(cc(ihmssf(i, j, n)));
     }
@@ -144,10 +140,8 @@ bool has_comma() {
 } // namespace
 
 std::vector<double> best_covariances(int irand) {
-    const array<int, 1, 0> marks = estimates.switchlog; // the marks belong to the iterate in progress
     std::vector<double> cov = get_cov(irand);
     if (irand == 0 && residualvars.peqsum) subtract_peq(cov, get_cov(residualvars.ipeq));
-    estimates.switchlog = marks;
     // in the units of the data, whatever the traits are worked out in
     const std::vector<double> units = block_units(irand);
     for (std::size_t k = 0; k < units.size(); ++k) cov[k] *= units[k];

@@ -71,12 +71,8 @@ double row_sd(const array<double>& cc, int row, int n) {
 // Axes of a block by its factor: logarithms by themselves, other elements in units of the standard deviation of their
 // row. Columns at the border are left out.
 void add_factor(int irand, int step, std::vector<region_axis>& axes) {
-    array<double> parvec = estimates.parvec, cc;
-    array<double, 2> vv;
-    const auto marks = estimates.switchlog;
-    int ifail = 0, column = 0;
-    parvec2covs(parvec, irand, step, cc, vv, ifail);
-    estimates.switchlog = marks;
+    const array<double> cc = covariances_at(estimates.parvec, irand, step).cc;
+    int column = 0;
     const int n = model.kkfit(irand), from = block_start(irand, step);
     bool held = false;
     for (int k = 1; k <= block_size(irand); ++k) {
@@ -147,16 +143,12 @@ bool derivatives_here(double& xold, array<double>& curvature) {
 } // namespace
 
 bool badly_ordered() {
-    array<double> parvec = estimates.parvec, cc;
-    array<double, 2> vv;
-    const auto marks = estimates.switchlog;
     bool bad = false;
     for (int irand = 0; irand <= numbers.krand && estimates.reorder; ++irand) {
         if (model.diagonal(irand)) continue;
         if (irand == 0 && no_fixed_residuals() > 0 && !residualvars.filled) continue; // its order keeps zeros
         for (int step = 1; step <= steps_of(irand) && estimates.nnparm(irand) > 0; ++step) {
-            int ifail = 0;
-            parvec2covs(parvec, irand, step, cc, vv, ifail);
+            const array<double, 2> vv = covariances_at(estimates.parvec, irand, step).vv;
             for (int c = 1; c <= model.krfit(irand); ++c) {
                 const int n = model.kkfit(irand), row = estimates.cholorder((step - 1) * n + c, irand);
                 for (int r = c + 1; r <= n; ++r) {
@@ -169,7 +161,6 @@ bool badly_ordered() {
             }
         }
     }
-    estimates.switchlog = marks;
     return bad;
 }
 

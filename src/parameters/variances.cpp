@@ -480,10 +480,12 @@ void parvec2covs(array<double>& parvec, int irand, int step, array<double>& cc, 
 block_at_point covariances_at(const array<double>& parvec, int irand, int step) {
     array<double> point = parvec; // takes the clamps
     const int mark = estimates.switchlog(irand);
+    const array<int> logpar = estimates.logpar;
     block_at_point found;
     int ifail = 0;
     parvec2covs(point, irand, step, found.cc, found.vv, ifail);
     estimates.switchlog(irand) = mark;
+    estimates.logpar = logpar;
     found.finite = ifail == 0;
     return found;
 }

@@ -161,6 +161,12 @@ TEST_F(variances_test, looking_at_a_point_leaves_it_and_the_marks_alone) {
     EXPECT_EQ(point(residual), std::sqrt(numbers.zero));
     point(first) = std::nan("");
     EXPECT_FALSE(covariances_at(point, 1).finite);
+    diagonals_to_logs(1, estimates.parvec);
+    estimates.logpar.fill(0);
+    covariances_at(estimates.parvec, 1);
+    EXPECT_EQ(estimates.logpar(first), 0);
+    { const block marked(1); }
+    EXPECT_EQ(estimates.logpar(first), 1);
 }
 
 TEST_F(variances_test, switch_to_logarithms_keeps_the_matrix_of_a_negative_diagonal) {
