@@ -87,16 +87,11 @@ void test_convergence(double change) {
 
 // Gradient and information at parvec. False where the point has no value.
 bool prepare(int iter, double& xold) {
-    xold = evaluate_point(estimates.parvec, 1);
-    if (!(xold > invalid_logl)) return false;
-    average_info();
-    derivatives_mmm();
+    if (!derivatives_here(xold)) return false;
     // far into a long search the exact curvature of the transformation helps where the information is nearly singular
     jacob_var2chol(iter < second_order_from ? 0 : 1);
     rank_check();
-    double s = 0.0;
-    for (double g : derivs.der1) s += g * g;
-    aireml_terms.dnorm = std::sqrt(s);
+    take_norm();
     return true;
 }
 
@@ -224,6 +219,20 @@ void list_changes(const array<double>& from, const array<double>& to) {
         if (from(i) != 0.0 || to(i) != 0.0)
             write(screen(), item, i, estimates.parnames(i), "Old =", from(i), " New =", to(i),
                   search_state.method.aireml && estimates.logpar(i) ? "log" : "   ");
+}
+
+bool derivatives_here(double& xlike) {
+    xlike = evaluate_point(estimates.parvec, 1);
+    if (!(xlike > invalid_logl)) return false;
+    average_info();
+    derivatives_mmm();
+    return true;
+}
+
+void take_norm() {
+    double s = 0.0;
+    for (double g : derivs.der1) s += g * g;
+    aireml_terms.dnorm = std::sqrt(s);
 }
 
 void rank_check() {

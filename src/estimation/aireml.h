@@ -50,8 +50,13 @@ void count_poor(double change);
 // border. The stated plan alone, and a user's limit of iterates, go on in spite of that.
 bool creeps();
 
-// Pivoted rank check of derivs.der2: parameters without information that are exactly 0 are held out. Fills fixpar,
-// nparm2, subset.
+// Evaluates log L, average information and gradient at estimates.parvec, for jacob_var2chol. False, and no derivatives,
+// where the point has no value.
+bool derivatives_here(double& xlike);
+// aireml_terms.dnorm from the gradient of jacob_var2chol.
+void take_norm();
+// Pivoted rank check of derivs.der2, as jacob_var2chol has left it: parameters without information that are exactly 0
+// are held out. Fills derivs.fixpar, nparm2, subset.
 void rank_check();
 
 // Length of the step to `to`, relative to the length of `to` itself.

@@ -50,8 +50,6 @@ double stored_best_value() {
     return in ? x : invalid_logl;
 }
 
-constexpr double far_off = 1.0e6; // starting variance against that of the records
-
 constexpr double hand_over_gain = 2.0; // of a round of PX-EM: below it the only cycle goes over to AI-REML
 constexpr int rescue_rounds = 3;       // of EM where the last AI-REML has not converged,
 constexpr double rescue_gain = 0.01;   // ended below that gain
@@ -66,14 +64,12 @@ constexpr int simplex_limit = 1000;
 void tell_far_variances() {
     for (int irand = 0; irand <= numbers.krand; ++irand)
         for (int i = 1; i <= model.kkfit(irand) && !options.randreg; ++i) {
-            const int iq = irand == 0 ? i : mudmap.rn_trait(i, irand);
-            const int k = model.diagonal(irand) ? i : ihmssf(i, i, model.kkfit(irand));
-            const double start = model.cov(k, irand), found = means.tr_var(iq) * means.tr_var(iq);
-            if (!(start > far_off * found)) continue;
+            const start_variance v = variance_at_start(irand, i);
+            if (!v.far_off()) continue;
             print_list(screen(),
                        "      Starting variance far above that of the records : \"" +
                            (irand == 0 ? "residual" : model.krandom(irand)) + "\", trait",
-                       iq, ":", start, "against", found);
+                       v.trait, ":", v.start, "against", v.found);
         }
 }
 
@@ -254,7 +250,7 @@ void get_estimates() {
     tell_held();
     search_state.saverr_ready = false;
     maximise.converged = false;
-    std::fill_n(&maximise.cchanges[0][0], 12, 0.0);
+    for (auto& row : maximise.cchanges) std::fill(std::begin(row), std::end(row), 0.0);
     estimates.logpar.fill(0);
     // count of parameters for the reports
     derivs.nparm2 = estimates.nparm - no_fixed_residuals(); // until AI-REML has looked at their information
@@ -278,7 +274,6 @@ void get_estimates() {
         maximise.converged = flag == 1;
         iterate_log.ended = flag == 1 ? "change in log L below its limit" : "limit of rounds";
         break;
-    }
     case 5:
         em_algorithm(maximise.pxem_its, iround, xlike, 0.0);
         break;

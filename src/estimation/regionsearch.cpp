@@ -124,19 +124,13 @@ namespace {
 
 // Gradient and information at parvec, and the curvature of the factors (packed) that the information leaves out. False
 // where the point has no value.
-bool derivatives_here(double& xold, array<double>& curvature) {
-    xold = evaluate_point(estimates.parvec, 1);
-    if (!(xold > invalid_logl)) return false;
-    average_info();
-    derivatives_mmm();
+bool models_here(double& xold, array<double>& curvature) {
+    if (!derivatives_here(xold)) return false;
     jacob_var2chol(1);
     curvature = derivs.der2b;
     jacob_var2chol(0);
     rank_check();
-    double s = 0.0;
-    for (double g : derivs.der1) s += g * g;
-    aireml_terms.dnorm = std::sqrt(s);
-    // the norm is for the record alone, the region is measured in units of the axes
+    take_norm(); // for the record alone: the region is measured in units of the axes
     return true;
 }
 
@@ -274,7 +268,7 @@ void region_search(int& iround, double& xlike) {
     for (int iter = 1; iter <= most; ++iter) {
         t.tt0 = cpu_time();
         double xold = invalid_logl, xnew = invalid_logl;
-        if (!derivatives_here(xold, curvature)) {
+        if (!models_here(xold, curvature)) {
             end = region_end::stuck;
             break;
         }

@@ -3,13 +3,11 @@
 #include "control/numbers.h"
 #include "control/options.h"
 #include "data/levels.h"
-#include "dense/numroutines.h"
 #include "equations/mmequations.h"
 #include "equations/orders.h"
+#include "likelihood/likelihood.h"
 #include "parfile/model.h"
 #include "parfile/mudmap.h"
-#include "parfile/randasfix.h"
-#include "relations/nrminverse.h"
 #include "support/screen.h"
 
 #include <string>
@@ -18,7 +16,7 @@ namespace tarvex {
 
 namespace {
 
-constexpr double far_off = 1.0e6; // a variance against that of the data
+constexpr double far_limit = 1.0e6; // a variance against that of the data
 
 // The fixed effect that equation ieq (before ordering) belongs to, if any.
 void name_effect(int ieq) {
@@ -51,22 +49,12 @@ std::string block_words(int irand) {
     return irand == 0 ? std::string("residual") : "random effect \"" + model.krandom(irand) + "\"";
 }
 
-bool levels_as_fixed(int irand) {
-    return (geninverse.nwithout.allocated() && geninverse.nwithout(irand) > 0) ||
-           (options.pseudofix && randasfix.nasfix.allocated() && randasfix.nasfix(irand) > 0);
-}
-
-// Some starting variance is a million times that of the data: pivots fall below the operational zero.
+// Pivots fall below the operational zero.
 bool variances_far_off() {
-    for (int irand = 0; irand <= numbers.krand; ++irand) {
-        const int n = model.kkfit(irand);
+    for (int irand = 0; irand <= numbers.krand; ++irand)
         // coefficients of random regression are of no trait's scale
-        for (int i = 1; i <= n && !(options.randreg && irand > 0); ++i) {
-            const int iq = irand == 0 ? i : mudmap.rn_trait(i, irand);
-            const double v = model.cov(model.diagonal(irand) ? i : ihmssf(i, i, n), irand);
-            if (v > far_off * means.tr_var(iq) * means.tr_var(iq)) return true;
-        }
-    }
+        for (int i = 1; i <= model.kkfit(irand) && !(options.randreg && irand > 0); ++i)
+            if (variance_at_start(irand, i).far_off()) return true;
     return false;
 }
 
@@ -77,7 +65,7 @@ void blame_fixed_part() {
 
 void blame_random_part(int irand, int level) {
     print_list(screen(), "The equation belongs to " + block_words(irand) + ", level no.", level);
-    if (levels_as_fixed(irand))
+    if (effective_levels(irand) < levels.rn_nlev(irand))
         print_list(screen(), "Levels of this effect are treated as fixed : one of them depends on the fixed effects !");
     else
         print_list(screen(), "Its starting values do not go with the others - check variances and covariances !");
@@ -95,6 +83,13 @@ void blame_records() {
 }
 
 } // namespace
+
+bool start_variance::far_off() const { return start > far_limit * found; }
+
+start_variance variance_at_start(int irand, int i) {
+    const int trait = irand == 0 ? i : mudmap.rn_trait(i, irand);
+    return {trait, model.cov(cov_place(irand, i, i), irand), means.tr_var(trait) * means.tr_var(trait)};
+}
 
 void write_reason(int irow) {
     const int ieq = irow >= 1 && irow <= orders.ieqold.upper() ? orders.ieqold(irow) : 0;
