@@ -190,7 +190,7 @@ void ai_reml(int nits, int& iround, double& xlike) {
         if (t.creeps) break;
         t.tau = 0.0;
         const double best = bestpoint.xbest; // the trial may become it
-        eztimates(iter, xnew);
+        eztimates(xnew);
         t.prox = 0.5 * t.slope;
         const step_outcome step = judge_step(xold, xnew);
         // the next iterate begins at the same point, on another scale

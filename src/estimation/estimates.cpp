@@ -268,11 +268,9 @@ void get_estimates() {
     case 2:
         if (maximise.simplx_its == 0) maximise.simplx_its = simplex_limit;
         break;
-    case 3: {
-        int flag = 0, count = 0;
-        powell(xlike, estimates.parvec, estimates.nparm, flag, count);
-        maximise.converged = flag == 1;
-        iterate_log.ended = flag == 1 ? "change in log L below its limit" : "limit of rounds";
+    case 3:
+        maximise.converged = powell(xlike, estimates.parvec);
+        iterate_log.ended = maximise.converged ? "change in log L below its limit" : "limit of rounds";
         break;
     case 5:
         em_algorithm(maximise.pxem_its, iround, xlike, 0.0);

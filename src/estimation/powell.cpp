@@ -274,7 +274,8 @@ int rounds_of_directions(int nparm) {
 
 double scale_of_directions() { return maximise.powell_scale > 0.0 ? maximise.powell_scale / ordinary_scale : 1.0; }
 
-void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& count) {
+bool powell(double& xbest, array<double>& parvec) {
+    const int nparm = estimates.nparm;
     powell_search s;
     for (int i = 1; i <= nparm; ++i) {
         s.best.push_back(parvec(i));
@@ -287,11 +288,11 @@ void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& cou
         // an invalid point is a wall, not a value to be interpolated
         return xlike > invalid_logl + s.ztol ? -2.0 * xlike : powell_search::no_value;
     };
-    flag = search_by_directions(s, rounds_of_directions(nparm)) ? 1 : 0;
+    const bool ended = search_by_directions(s, rounds_of_directions(nparm));
     std::copy(s.best.begin(), s.best.end(), parvec.begin());
     // back at the best point: the last one tried was another
     xbest = evaluate_point(parvec, 0);
-    count = s.count;
+    return ended;
 }
 
 } // namespace tarvex

@@ -7,8 +7,10 @@
 
 namespace tarvex {
 
-// Maximises log L over the parameters with ispar; parvec and xbest are those of the best point on return.
-void powell(double& xbest, array<double>& parvec, int nparm, int& flag, int& count);
+// Maximises log L over the parameters with ispar, from parvec (all parameters, on their scale in hand) and in as many
+// rounds as rounds_of_directions allows; parvec and xbest, its log L, are those of the best point on return. True: the
+// search has come to an end. A starting point without log L stops the run.
+bool powell(double& xbest, array<double>& parvec);
 
 // Limit of rounds for so many parameters, or that of the user.
 int rounds_of_directions(int nparm);
@@ -41,7 +43,7 @@ struct powell_search {
 
 // Rounds along all directions, at most so many, told on the screen, in Iterates and in "directions". A round is small
 // that gains less than 0.002 or moves no coordinate by 1e-4 of itself. True where a small one along fresh directions
-// has ended the search. A starting point without value stops the program.
+// has ended the search. A starting point without value stops the run.
 bool search_by_directions(powell_search& s, int most_rounds);
 
 } // namespace tarvex

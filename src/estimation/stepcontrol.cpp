@@ -202,11 +202,10 @@ double set_tau(double e1, double en) {
     return t > en ? t : 0.0;
 }
 
-void eztimates(int iter, double& xnew) {
+void eztimates(double& xnew) {
     constexpr edit_form eigen_line{"(1x,a,2g13.6,2x,a,g12.5)"};
     constexpr edit_form step_line{"(1x,a,f8.2,3(3x,a,f8.2))"};
     constexpr edit_form trial_line{"(a,g12.5,a,g12.5,a,2f16.3)"};
-    (void)iter;
     auto& at = aireml_terms;
     at.alpha = 1.0;
     array<double> gradient;

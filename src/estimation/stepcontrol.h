@@ -21,7 +21,7 @@ void set_linesearch(); // constants at the start of AI-REML
 // Step of full length from derivs.der1, der2 (subset of nparm2 parameters), the information made safe by
 // maximise.modify_chol, and the trial evaluation: leaves aireml_terms.tau, alpha, slope, derivs.dvec, hess and
 // search_state.parnew; xnew is its log L, -1.0e36 where it is not valid. estimates.parvec stays.
-void eztimates(int iter, double& xnew);
+void eztimates(double& xnew);
 
 // tau to add to the diagonal for largest and smallest eigenvalue e1, en; 0: none needed.
 double set_tau(double e1, double en);

@@ -247,8 +247,7 @@ TEST_F(directions_test, number_behind_the_option_scales_the_steps) {
     EXPECT_DOUBLE_EQ(scale_of_directions(), 3.0);
     set_up(families(1), {"--powell1,0.6"});
     double xbest = 0.0;
-    int flag = 0, count = 0;
-    powell(xbest, estimates.parvec, estimates.nparm, flag, count);
+    powell(xbest, estimates.parvec);
     const std::string log = read_file("directions");
     EXPECT_NEAR(std::stod(log.substr(log.find("DIR=   1") + 8, 15)), 0.3, 1.0e-6); // three times a tenth at most
 }

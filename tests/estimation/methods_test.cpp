@@ -35,7 +35,7 @@ protected:
         derivs.subset(2) = 2;
         aireml_terms.tau = 0.0;
         double xnew = 0.0;
-        eztimates(1, xnew);
+        eztimates(xnew);
     }
 };
 

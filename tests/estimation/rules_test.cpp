@@ -52,7 +52,7 @@ TEST_F(rules_test, later_taus_grow_by_five_times_the_smallest_eigenvalue) {
         numbers.zero = zero;
         information(2.0, smallest, 0.1, 0.03);
         double xnew = 0.0;
-        eztimates(1, xnew);
+        eztimates(xnew);
         numbers.zero = ordinary;
         double tau = 0.44 * 0.1 * std::sqrt(zero) * 2.0; // for eigenvalues up to 1
         ASSERT_GT(tau, smallest);
@@ -72,7 +72,7 @@ TEST_F(rules_test, predicted_gains_are_not_halved_by_the_factorisations) {
         maximise.modify_chol = method;
         information(1.0e6, 1.0e6, 2.0e5, 2.0e5); // predicted 80 000
         double xnew = 0.0;
-        eztimates(1, xnew);
+        eztimates(xnew);
         EXPECT_NEAR(derivs.dvec(1), 0.2, 1.0e-9) << method;
         EXPECT_NEAR(aireml_terms.slope, -80000.0, 1.0e-3) << method;
     }
@@ -85,7 +85,7 @@ TEST_F(rules_test, halving_of_predicted_gains_ends_as_soon_as_it_may) {
         const double g = std::sqrt(gain * 1.0e6);
         information(1.0e6, 1.0e6, g, 0.0);
         double xnew = 0.0;
-        eztimates(1, xnew);
+        eztimates(xnew);
         const double half = gain > 20000.0 ? 0.25 : gain > 10000.0 ? 0.5 : 1.0;
         EXPECT_NEAR(derivs.dvec(1), half * g / 1.0e6, 1.0e-10) << gain;
     }
@@ -96,7 +96,7 @@ TEST_F(rules_test, one_element_alone_never_sticks_out) {
     maximise.modify_chol = 4;
     information(1.0, 1.0, 0.2, 0.0);
     double xnew = 0.0;
-    eztimates(1, xnew);
+    eztimates(xnew);
     EXPECT_NEAR(derivs.dvec(1), 0.2, 1.0e-10);
 }
 
@@ -176,9 +176,8 @@ TEST_F(rules_test, powell_ends_with_the_first_small_round_along_fresh_directions
         for (double& g : m.random[0].g) g *= scale;
         set_up(m, {"--powell"});
         double xbest = 0.0;
-        int flag = 0, count = 0;
-        powell(xbest, estimates.parvec, estimates.nparm, flag, count);
-        EXPECT_EQ(flag, 1);
+        const bool ended = powell(xbest, estimates.parvec);
+        EXPECT_TRUE(ended);
         const std::vector<powell_round> r = rounds_of_powell();
         bool fresh = true;
         for (std::size_t k = 0; k < r.size(); ++k) {
@@ -204,7 +203,6 @@ TEST_F(rules_test, powell_scales_steps_by_curvature_up_to_a_tenth) {
     get_estimates(); // one round towards the maximum
     const array<double> p = estimates.parvec;
     double xbest = 0.0;
-    int flag = 0, count = 0;
     std::remove("directions");
     const auto value = [&](double d) {
         array<double> q = p;
@@ -213,7 +211,7 @@ TEST_F(rules_test, powell_scales_steps_by_curvature_up_to_a_tenth) {
     };
     const double h = 0.02, curvature = 0.5 * (value(h) - 2.0 * value(0.0) + value(-h)) / (h * h);
     array<double> from = p;
-    powell(xbest, from, estimates.nparm, flag, count);
+    powell(xbest, from);
     const std::string line = read_file("directions");
     const std::size_t at = line.find("DIR=   1");
     ASSERT_NE(at, std::string::npos) << line;
