@@ -68,8 +68,7 @@ bool any_nrm_effect() {
 }
 
 bool choose_small_problem(int nparm) {
-    // AI-REML alone: with few parameters the start is near enough for it
-    // a plan that the user has named stands
+    // AI-REML alone: with few parameters the start is near enough for it. A plan that the user has named stands.
     if (options.algorithm_set || options.blup || nparm >= nparm_for_pxem)
         return false; // BLUP takes the matrices as given
     maximise.search_type = 1;

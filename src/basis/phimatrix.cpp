@@ -167,8 +167,8 @@ void write_table(const array<double, 2>& phi, const control_list& codes, const s
     for (int a = 1; a <= codes.size(); ++a) {
         std::vector<double> row;
         for (int k = 1; k <= phi.upper(2); ++k) row.push_back(phi(a, k));
-        // a table of up to 10 functions may be given back as USR; a longer one goes on in further lines
-        // powers of a raw variable may be large
+        // a table of up to 10 functions may be given back as USR; a longer one goes on in further lines, and powers of
+        // a raw variable may be large
         if (basis == basis_kind::pol)
             write(out, "(i8,(t9,10f16.6))   ", codes(a), row);
         else

@@ -41,7 +41,7 @@ struct stored_order {
 };
 enum class order_file { none, unreadable, foreign, fits };
 
-bool is_metis(int type) { return has_settings(std::abs(type)); }
+bool is_metis(int type) { return has_settings(order_code{std::abs(type)}); }
 
 std::vector<int> order_header() {
     std::vector<int> h{numbers.nq, numbers.nsrow, numbers.nrankx, numbers.lim1, numbers.krand};

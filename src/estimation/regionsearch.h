@@ -9,11 +9,11 @@ namespace tarvex {
 // From the best point: the parameters are the elements of pivoted factors with logarithmic diagonals; each step
 // maximises a quadratic model within a region (trustregion.h) whose size follows what steps win against what they
 // promise: of gradient and average information, or with the curvature of the factor too, whichever told the last gain
-// better. A column of a factor whose diagonal has come to its least value is held
-// there while log L falls inwards, and let go when it rises. Where the model has promised badly twice, rounds of PX-EM
-// go in between. Ends where model or verdict promise next to nothing, where no step gains, or after the
-// limit of iterates that the user has set (else 50, or three for each parameter). iround, xlike as of ai_reml; leaves
-// parvec at the best point. maximise.converged is left to the verdict in the plan of --sure.
+// better. A column of a factor whose diagonal has come to its least value is held there while log L falls inwards, and
+// let go when it rises. Where the model has promised badly twice, rounds of PX-EM go in between. Ends where model or
+// verdict promise next to nothing, where no step gains, or after the limit of iterates that the user has set (else 50,
+// or three for each parameter). iround, xlike as of ai_reml; leaves parvec at the best point. maximise.converged is
+// left to the verdict in the plan of --sure.
 void region_search(int& iround, double& xlike);
 
 // ---- steps of the search

@@ -184,9 +184,8 @@ void judge_matrix(judgement& j, const judged_block& b) {
                                     : eigenvalue_name(b, m, p);
             }
             for (const auto& [low, high] : {std::pair{p, q}, std::pair{q, p}})
-                // A tilt by c lowers the eigenvalue that has gone by c^2/gap; to stay inside the matrix must rise by
-                // as much, which
-                // costs that much of log L: second derivative 2 fall/gap.
+                // A tilt by c lowers the eigenvalue that has gone by c^2/gap; to stay inside the matrix must rise by as
+                // much, which costs that much of log L: second derivative 2 fall/gap.
                 if (is_gone(low)) d.curvature += 2.0 * fall(low) / std::max(m.eig(high) - m.eig(low), least_gap);
             j.free.push_back(std::move(d));
         }

@@ -30,7 +30,6 @@
 #include "support/stop.h"
 
 #include <algorithm>
-#include <cmath>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -486,12 +485,12 @@ void subtract_products(const array<double>& brx) {
     }
 }
 
-} // namespace
-
-static bool repeat_block_reduced() {
+bool repeat_block_reduced() {
     const int irand = residualvars.ipeq;
     return irand > 0 && model.krfit(irand) < model.kkfit(irand);
 }
+
+} // namespace
 
 void check_repeat_block() {
     if (repeat_block_reduced()) tvx_notyet();

@@ -49,8 +49,8 @@ double& lower(std::vector<double>& a, int l, int m) {
     return a[triangle<std::size_t>(l) + m];
 }
 
-// Independent records: each adds r w w' alone. A record may name an equation twice: both orders of such a
-// pair fall on the diagonal.
+// Independent records: each adds r w w' alone. A record may name an equation twice: both orders of such a pair fall on
+// the diagonal.
 void add_diagonal(const design_part& part, local_matrix& w) {
     const subject_design& d = *part.design;
     for (int i = 0; i < d.nobs; ++i) {

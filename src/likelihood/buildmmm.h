@@ -62,9 +62,10 @@ private:
     bool reading_ = false;
 };
 
-// Fills sparse.diag, xspars for the current eei (or residual classes) and zig; element (i,nsrow) holds the
-// right-hand side of equation i, diag(nsrow) y'R^-1 y. Sets randomvars.detl and, in random regression analyses,
-// residualvars.detres(1). iflag 1: an element has no place in the structure, and the store counts as empty.
+// Fills sparse.diag, xspars for the current eei (or residual classes) and zig, which rinverse and g_inverse have left;
+// after setup4mmm. Element (i,nsrow) holds the right-hand side of equation i, diag(nsrow) y'R^-1 y. Sets
+// randomvars.detl and, in random regression analyses, residualvars.detres(1). iflag 1: an element has no place in the
+// structure, and the store counts as empty; of a random effect that is so under places.lenient, else it stops the run.
 void build_mmm(int& iflag);
 
 // Place in xspars of element (a,b) of two different rows (new numbering), 0 if the structure has none. Bisection.

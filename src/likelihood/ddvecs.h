@@ -11,7 +11,10 @@ struct ddvecs_module {
 };
 inline ddvecs_module ddvecs;
 
-void dpositions();     // fills kkst, allocates the weights
-void dvec_combs_muv(); // weights at the covariances in hand (randomvars.zig)
+// Fills kkst and maxeff from the model as mapped (mudmap), allocates the weights.
+void dpositions();
+// Weights at the covariances in hand: 1, or with equations of the factor and no random regression the rows of
+// randomvars.zig. Calls dpositions the first time.
+void dvec_combs_muv();
 
 } // namespace tarvex

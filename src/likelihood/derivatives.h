@@ -45,8 +45,8 @@ void check_average_info();
 // has a reduced rank for it.
 void check_repeat_block();
 
-// der1 = J' devl1, der2 = J' (-devl2) J, at estimates.parvec, from what the two have left for that very
-// point (anything else stops the program); flag 1 subtracts the second-order term.
+// der1 = J' devl1, der2 = J' (-devl2) J, at estimates.parvec, from what the two have left for that very point (anything
+// else stops the program); flag 1 subtracts the second-order term.
 void jacob_var2chol(int flag);
 
 // Derivatives of the covariances of block irand (irand 0: of residual class `step`; PEQ and principal blocks too) with

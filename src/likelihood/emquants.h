@@ -40,7 +40,7 @@ void em_expectations(const em_request& request, em_quantities& q);
 void em_residuals(em_quantities& q);
 
 // New residual matrices by EM: the covariances in the layout of parvec on "Original" (sum with the PEQ matrix), and the
-// PEQ matrix behind them.
+// PEQ matrix behind them. q is that of an E-step at the residual matrices in hand (rinverse), which stay.
 vector1<double> covarsres(const em_quantities& q);
 
 } // namespace tarvex

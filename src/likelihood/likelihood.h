@@ -45,7 +45,8 @@ struct evaluation {
 //   iopt 0   plain: the table of earlier evaluations may answer, then the factor at hand belongs to another point
 //       -1   the factor is wanted: returns at once when it belongs to parvec, xlike is its log L
 //       >0   for derivatives: the table is not consulted, factor and solutions are those of parvec on return
-// Writes no file.
+// After setup4mmm. Writes no file. Stops the run where options.mmmposdef forbids an invalid pivot, and where build_mmm
+// does.
 evaluation loglike(array<double>& parvec, int iopt);
 
 // Stops the program where factor, covariance inverses and solutions are not those of estimates.parvec, as loglike with

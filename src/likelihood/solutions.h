@@ -11,7 +11,7 @@ struct solutions_module {
 };
 inline solutions_module solutions;
 
-// solsave from the solutions in hand.
+// solsave from the solutions in hand, which an evaluation that is `solved` leaves in solns.
 void save_solutions();
 
 } // namespace tarvex

@@ -44,7 +44,10 @@ struct subject_tables {
 };
 
 // Pass over all subjects in the order of the recoded file: recoded1.bin with recoded3.bin, or with recoded2.bin and
-// numbers translated on the way where the equations have been ordered since. Several may go on at a time.
+// numbers translated on the way where the equations have been ordered since. Several may go on at a time. It begins
+// with the weights of the design at randomvars.zig (dvec_combs_muv) and takes the inverses of residualvars, so that
+// rinverse and, where equations are those of the factor, g_inverse come first. Files that are not those of the run stop
+// it, and a subject of random regression whose residual matrix is singular.
 class subject_stream {
 public:
     explicit subject_stream(bool with_effects = false);
@@ -53,7 +56,7 @@ public:
     subject_stream(const subject_stream& first, beside);
     subject_stream(const subject_stream&) = delete;
     subject_stream& operator=(const subject_stream&) = delete;
-    bool next(); // false at the end; fills record, design and rinv
+    bool next(); // false at the end; fills record, design, rinv and ldet
     int isubj() const { return isubj_; }
     const subject_record& record() const { return pass_.record; }
     recdata_place place_of_next() const { return tarvex::place_of_next(pass_); }

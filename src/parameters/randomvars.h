@@ -16,8 +16,10 @@ inline randomvars_module randomvars;
 // Variances and eigenvalues below it vanish.
 inline double least_variance() { return 100.0 * numbers.zero; }
 
-// Block inverses at parvec. A block with vanishing eigenvalues (below least_variance) gets the generalised inverse
-// over the others and the mark `deficient`. ifail 1: invalid point.
+// Block inverses at parvec (which clamps may change; see parvec2covs), into zig, detg and deficient, which are
+// allocated here; detl is left as it is. A block with vanishing eigenvalues (below least_variance) gets the generalised
+// inverse over the others and the mark `deficient`. ifail 1: a matrix is not finite, and blocks behind it are of
+// another point.
 void g_inverse(array<double>& parvec, int& ifail);
 
 // True if some block is marked as deficient.

@@ -12,9 +12,9 @@ void lay_out_parameters();
 void parvec_from_covs(bool em_scale, double floor_pivot);
 
 // Matrix of block irand (irand 0: of residual step `step`) from parvec. Clamps parvec: logarithms to [-9,22], other
-// diagonals of a factor away from 0; a matrix on "Original" has its eigenvalues raised to 1e-4 (where
-// covariances are held at 0 these stay: the others shrink instead), parvec stays. Marks
-// estimates.switchlog.
+// diagonals of a factor away from 0; a matrix on "Original" has its eigenvalues raised to 1e-4 (where covariances are
+// held at 0 these stay: the others shrink instead; BLUP runs take it as it is), parvec stays. Marks estimates.switchlog
+// and logpar. cc and vv are allocated here.
 //   cc  (kkfit(kkfit+1)/2) packed upper triangle, order of the matrix
 //   vv  (kkfit,krfit) its factor, rows in the order of the matrix (row cholorder(j) of the factor's row j)
 //   ifail 1: not finite

@@ -239,8 +239,7 @@ void read_block(par_state& s, const std::string& name) {
     model.kkfit(irand) = n;
     model.krfit(irand) = m;
     read_option(s, irand);
-    // correlated effects in one block
-    // within the name, or behind the order
+    // correlated effects in one block: the plus stands within the name, or behind the order
     if (find_char(p, plus_char) > 0) {
         options.sigam = true;
         model.correlated(irand) = 1;

@@ -71,8 +71,7 @@ void read_individual(par_state& s) {
     auto& p = s.lines;
     int iq = 1;
     while (block_line(s)) {
-        // columns that follow belong to this trait
-        // so a column whose name begins with TR needs the word COL in front
+        // columns that follow belong to this trait, so a column whose name begins with TR needs the word COL in front
         if (const std::string head = p.pline.substr(0, 2); head == "TR" || head == "tr" || head == "Tr")
             iq = read_traitno(p);
         if (upper3(p.pline) == "COL") {

@@ -93,8 +93,8 @@ void add_parameter(par_lines& p, const std::string& name, int kind) {
         stoptarvex();
     }
     std::array<int, 4> igp{kind, 0, 0, 0};
-    // two for a ratio, numerator first; three for a correlation, the covariance first
-    // numbers of the covariances, as ListofCovs has them
+    // numbers of the covariances, as ListofCovs has them: two for a ratio, numerator first; three for a correlation,
+    // the covariance first
     for (int i = 1; i <= kind + 1; ++i) igp[i] = next_digit(p);
     ++u.naddgps;
     u.addgpname.push_back(name);

@@ -273,8 +273,7 @@ void allocate_blocks(par_state& s) {
             const std::string& name = model.random(i, iq);
             names.insert(name.substr(0, name.find('(')));
         }
-    // a name counts once over the traits
-    // an upper bound: correlated effects share a block
+    // a name counts once over the traits; an upper bound, as correlated effects share a block
     s.maxblocks = std::min(static_cast<int>(names.size()), maxrand);
     allocate("alloc krandom", model.krandom, s.maxblocks);
     for (auto* a : {&model.kkfit, &model.krfit, &model.diagonal, &model.correlated})

@@ -14,9 +14,8 @@ void autodiff_columns(const sparse_store& s, array<double>& fdiag, array<double>
     fdiag(n) = diag(n);
     foff.fill(0.0);
     std::vector<int> pos(n + 1, 0); // place of each row in column k, 0: not there
-    // Columns behind k are final: derivatives by elements of the matrix. Column k collects those by elements of L
-    // until its
-    // own division and root are undone.
+    // Columns behind k are final: derivatives by elements of the matrix. Column k collects those by elements of L until
+    // its own division and root are undone.
     for (int k = n; k >= 1; --k) {
         if (tell && k % tell_every == 0) tell(k);
         // pos is all zero

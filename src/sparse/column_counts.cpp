@@ -42,8 +42,7 @@ int find_root(std::vector<int>& ancestor, int k) {
 std::vector<int> elimination_tree(const order_graph& g, const std::vector<int>& node, const std::vector<int>& place) {
     std::vector<int> parent(node.size(), -1), ancestor(node.size(), -1);
     // From each neighbour in front of k up to the root of its tree so far, which becomes a child of k. ancestor cuts
-    // the
-    // climb short: it leads to the highest node that any climb has reached.
+    // the climb short: it leads to the highest node that any climb has reached.
     for (int k = 0; k < g.n; ++k)
         for (int at = g.start[node[k]]; at < g.start[node[k] + 1]; ++at)
             for (int i = place[g.adjacent[at]]; i >= 0 && i < k;) {

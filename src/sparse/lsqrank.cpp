@@ -12,11 +12,16 @@
 #include <new>
 #include <numeric>
 #include <queue>
+#include <string>
 #include <utility>
 
 namespace tarvex {
 
 namespace {
+
+void need_finished(const normal_equations& a, const char* routine) {
+    if (a.start.empty()) stop(std::string("programming error: \"") + routine + "\" needs a matrix that is finished");
+}
 
 // Structure of the rows `eq` in the given order, with the coefficients in their places.
 void lay_out(row_factor& f, const normal_equations& a) {
@@ -356,6 +361,7 @@ void normal_equations::finish() {
 }
 
 row_factor factor_of(const normal_equations& a) {
+    need_finished(a, "factor_of");
     std::vector<int> part(a.n);
     std::iota(part.begin(), part.end(), 0);
     return factorise(a, fill_reducing_order(a, part), 0.0);
@@ -371,6 +377,7 @@ void sample_inverse(const row_factor& f, std::vector<double>& x) {
 }
 
 lsq_rank natural_rank(const normal_equations& a, const std::vector<int>& out, double limit) {
+    need_finished(a, "natural_rank");
     std::vector<int> eq{0};
     for (int i = 0; i < a.n; ++i)
         if (!out[i]) eq.push_back(i);
@@ -486,6 +493,7 @@ bool rank_with_doubts(const normal_equations& a, const std::vector<int>& all, st
 } // namespace
 
 lsq_rank fast_rank(const normal_equations& a, const std::vector<int>& out, double limit) {
+    need_finished(a, "fast_rank");
     lsq_rank r;
     std::vector<int> part;
     for (int i = 0; i < a.n; ++i) {

@@ -16,7 +16,7 @@ struct normal_equations {
     int n;
     std::vector<double> diag, rhs;
 
-    // Elements behind the diagonal, row by row, ascending; made by finish().
+    // Elements behind the diagonal, row by row, ascending; made by finish(), after which nothing is added.
     void finish();
     std::vector<std::int64_t> start; // (n+1)
     std::vector<int> col;
@@ -40,6 +40,9 @@ struct row_factor {
 
     int sub(int row, int place) const { return ixsub(ixvec2(row) + place - ixvec1(row)); }
 };
+
+// The routines below take a matrix that is finished: one that is not stops the program. So does want of memory, with
+// the name of what could not be had.
 
 // Factor of a positive definite matrix in a fill-reducing order.
 row_factor factor_of(const normal_equations& a);

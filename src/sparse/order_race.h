@@ -9,8 +9,10 @@ namespace tarvex {
 // Methods by their code in stored files. Codes of METIS have settings; the fifth of these is 0, or how many times the
 // median number of neighbours a row must have to be put last.
 enum class order_code { mmd = 1, amd = 2, metis = 3, scotch = 4, metis_heavy_last = 5 };
-constexpr int last_order_code = 5;
-constexpr bool has_settings(int code) { return code == 3 || code == 5; }
+constexpr int last_order_code = static_cast<int>(order_code::metis_heavy_last);
+constexpr bool has_settings(order_code code) {
+    return code == order_code::metis || code == order_code::metis_heavy_last;
+}
 
 struct entrant {
     order_code code;

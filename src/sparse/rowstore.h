@@ -17,12 +17,12 @@ struct row_store {
 
 constexpr int growth_stride = 200000; // new elements between two calls for progress
 
-// Told of every growth_stride-th element as it is linked: its number and the room of the store.
+// Told of every growth_stride-th element as it is linked: its number and the room of the store. Not to be null.
 using growth_teller = void (*)(long long element, long long capacity);
 
 // Merges elements with ascending columns into row irow, values summed; without values (an empty span) the pattern
-// alone. All arrays but ilast are allocated by the caller. False: there was no room; chains are intact, and hold what
-// was linked before.
+// alone. All arrays but ilast are allocated by the caller, the chains as earlier merges have left them. False: there
+// was no room; chains are intact, and hold what was linked before.
 [[nodiscard]] bool merge_row(row_store& store, int irow, std::span<const int> icols, std::span<const double> xvals,
                              growth_teller tell);
 

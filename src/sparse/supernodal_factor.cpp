@@ -101,8 +101,7 @@ void absorb_update(const front& f, const double* u, factor_work& w) {
 void drop_children(int s, factor_work& w) {
     const supernode_tree& tree = w.all.tree;
     // Children's updates lie on the stack of the other parity: those of s could be made on its own stack while they
-    // were
-    // still in use.
+    // were still in use.
     for (int c = tree.child[s]; c >= 0; c = tree.sibling[c]) {
         if (w.all.held[c])
             w.all.held[c].reset();

@@ -72,7 +72,8 @@ inline bool leaves_piece(const supernode_tree& tree, int s) {
 // completed in ascending order.
 int factorise_supernodes(sparse_store& m, sparse_work& w, double limit, double& pivot, const progress& tell);
 
-// Sparse inverse of the factor in m into zdiag, zoff, which may be the arrays of m; its state is left to the caller.
+// Sparse inverse of the factor in m into zdiag (n) and zoff (maxlnz), as takahashi.h has it. They are allocated, and
+// may be the arrays of m; the state of m stays `factor` then too, for the caller to set. tell: columns left to do.
 //   x   nullptr: row n gets L(n,i)/L(i,i), zdiag(n) the last pivot, squared
 //       else the solutions (n): the derivatives of the factorisation are formed in place of the inverse
 void inverse_supernodes(const sparse_store& m, sparse_work& w, array<double>& zdiag, array<double>& zoff,

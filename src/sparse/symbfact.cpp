@@ -76,9 +76,8 @@ int row_pattern(symbolic& s, int k, const std::vector<int>& nbs) {
     s.marker[k] = m > 0 ? s.marker[m] : k;
     // of no meaning for an empty row
     s.ixvec2(k) = s.nzend;
-    // One child, and every neighbour was in the list it took part in last: the pattern is the child's without its
-    // first row,
-    // and nothing is stored (mass elimination).
+    // One child, and every neighbour was in the list it took part in last: the pattern is the child's without its first
+    // row, and nothing is stored (mass elimination).
     const bool outside = std::any_of(nbs.begin(), nbs.end(), [&](int nb) { return s.marker[nb] != s.marker[k]; });
     if (!outside && m > 0 && s.mrglnk[m] == 0) {
         s.ixvec2(k) = s.ixvec2(m) + 1;

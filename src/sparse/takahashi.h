@@ -12,10 +12,11 @@ namespace tarvex {
 // Solutions (n, the last 0) from the factor in s; nothing else changes. solns is allocated if it is too small.
 void solve_back(const sparse_store& s, array<double>& solns);
 
-// Column kernel of the inverse, phase by phase; diag and off are any store of the pattern of s.
-// Unscaled factor to L D L': off-diagonals of column j divided by diag(j), diag(j) squared.
+// Column kernel of the inverse, phase by phase, in place. diag (n) and off (maxlnz, places as s.xspars) are the factor
+// or a copy of it; of s only the pattern is read, so that its state is asked for and set by the caller.
+// First the factor to L D L': off-diagonals of column j divided by diag(j), diag(j) squared.
 void rescale_factor(const sparse_store& s, array<double>& diag, array<double>& off);
-// Scaled factor to inverse, in place.
+// Then the inverse. tell: columns left to do.
 void inverse_columns(const sparse_store& s, array<double>& diag, array<double>& off, const progress& tell);
 
 } // namespace tarvex

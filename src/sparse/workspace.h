@@ -33,6 +33,7 @@ struct sparse_work {
     std::vector<work_space> of_thread;
 };
 
+// The kernels in use; where none have been chosen, w.dense becomes the best set of this processor.
 const dense_kernels_table& dense_of(sparse_work& w);
 // The space of the dense kernels for one caller at a time.
 kernel_space packing_of(sparse_work& w);

@@ -4,12 +4,16 @@
 
 namespace tarvex {
 
+namespace {
+
 // glibc lets its bound follow the largest array freed unless it is set. What is cut off the heap's end stays twice as
 // large, else an array at its end would come and go with each evaluation.
-static void set_bound(int bytes) {
+void set_bound(int bytes) {
     mallopt(M_MMAP_THRESHOLD, bytes);
     mallopt(M_TRIM_THRESHOLD, 2 * bytes);
 }
+
+} // namespace
 
 void return_freed_memory() { set_bound(1 << 20); }
 

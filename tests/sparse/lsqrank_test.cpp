@@ -1,5 +1,7 @@
 #include "sparse/lsqrank.h"
 
+#include "support/stop.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -324,6 +326,18 @@ TEST(sample_inverse, columns_of_the_map_give_the_inverse) {
             for (int k = 0; k < n; ++k) unit += dense[i][k] * product[k][j];
             EXPECT_NEAR(unit, i == j ? 1.0 : 0.0, 1e-13) << i << " " << j;
         }
+}
+
+TEST(lsqrank, matrix_must_be_finished) {
+    normal_equations a(2);
+    a.diag = {2.0, 2.0};
+    a.add(0, 1, 1.0);
+    EXPECT_THROW(fast_rank(a, {0, 0}, limit), program_stop);
+    EXPECT_THROW(natural_rank(a, {0, 0}, limit), program_stop);
+    EXPECT_THROW(factor_of(a), program_stop);
+    a.finish();
+    EXPECT_EQ(fast_rank(a, {0, 0}, limit).rank, 2);
+    EXPECT_EQ(natural_rank(a, {0, 0}, limit).rank, 2);
 }
 
 } // namespace
