@@ -96,14 +96,8 @@ bool prepare(int iter, double& xold) {
 }
 
 void take_step(int& iround, double xold, double xnew, double best) {
-    aireml_terms.pnorm = relative_change(estimates.parvec, search_state.parnew);
-    ++iround;
-    ++aireml_terms.accepted;
-    aireml_terms.last_change = xnew - xold;
     count_poor(xnew - xold);
-    print_iterate(iround, xnew, xold);
-    list_step();
-    estimates.parvec = search_state.parnew;
+    accept_step(iround, xold, xnew);
     if (options.reconstruct && readbestpoint(true)) change_scale();
     maximise.converged = false;
     // steps that may lose: a change that is only rounding still ends the search
@@ -202,6 +196,17 @@ void ai_reml(int nits, int& iround, double& xlike) {
         if (maximise.converged) break;
     }
     close_phase(iter, nits, fail);
+}
+
+void accept_step(int& iround, double xold, double xnew) {
+    auto& t = aireml_terms;
+    t.pnorm = relative_change(estimates.parvec, search_state.parnew);
+    ++iround;
+    ++t.accepted;
+    t.last_change = xnew - xold;
+    print_iterate(iround, xnew, xold);
+    list_step();
+    estimates.parvec = search_state.parnew;
 }
 
 void list_step() {

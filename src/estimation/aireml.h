@@ -76,6 +76,9 @@ struct iterate_form_values {
 };
 void edit_iterate_form(char* form, const iterate_form_values& v);
 
+// Moves parvec to search_state.parnew, whose log L is xnew, after a point of xold: counts and records the step
+// (aireml_terms.pnorm, accepted, last_change).
+void accept_step(int& iround, double xold, double xnew);
 // Lists the step under verbose: its settings, then the parameters as below.
 void list_step();
 // Lists old and new values of the parameters that are not 0 (verbose).

@@ -227,15 +227,8 @@ region_end try_steps(rival_models& models, double xold, double& xnew, trust_regi
 }
 
 void take_step(int& iround, double xold, double xnew) {
-    auto& t = aireml_terms;
-    t.pnorm = relative_change(estimates.parvec, search_state.parnew);
-    ++iround;
-    ++t.accepted;
-    t.last_change = xnew - xold;
-    print_iterate(iround, xnew, xold);
-    list_step();
-    estimates.parvec = search_state.parnew;
-    push_changes(xnew - xold, t.dnorm, t.slope);
+    accept_step(iround, xold, xnew);
+    push_changes(xnew - xold, aireml_terms.dnorm, aireml_terms.slope);
     if (badly_ordered()) to_best_point();
 }
 

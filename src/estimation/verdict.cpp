@@ -22,7 +22,7 @@ std::string parameter_name(const judged_point& point, int par) {
     for (const judged_block& b : point.blocks)
         for (int i = 1; i <= b.order(); ++i)
             for (int k = i; k <= (b.diagonal ? i : b.order()); ++k)
-                if (par == b.first + (b.diagonal ? i : packed(b, i, k)) - 1)
+                if (par == b.first + packed(b, i, k) - 1)
                     return b.name + (i == k ? " variance " + b.rows(i) : " covariance " + b.rows(i) + "," + b.rows(k));
     for (const judged_parameter& p : point.others)
         if (p.par == par) return p.name;
@@ -36,7 +36,7 @@ std::string combination(const judgement& j, const vector1<double>& weight) {
         for (int i = 1; i <= b.order(); ++i)
             for (int k = i; k <= (b.diagonal ? i : b.order()); ++k)
                 // in units of the scales, so that coefficients compare
-                scale(b.first + (b.diagonal ? i : packed(b, i, k)) - 1) = std::sqrt(b.scale(i) * b.scale(k));
+                scale(b.first + packed(b, i, k) - 1) = std::sqrt(b.scale(i) * b.scale(k));
     for (const judged_parameter& p : j.point.others) scale(p.par) = p.scale;
     for (int d = 1; d <= j.free.size(); ++d)
         for (const share& s : j.free(d).shares) total(s.par) += weight(d) * s.coef / scale(s.par);

@@ -96,7 +96,7 @@ void judge_elements(judgement& j, const judged_block& b) {
     const int n = b.order();
     keep_eigenvalues(j, b, scaled(b));
     for (int i = 1; i <= n; ++i) {
-        judge_variance(j, b, b.diagonal ? i : packed(b, i, i), i);
+        judge_variance(j, b, packed(b, i, i), i);
         for (int k = i + 1; k <= n && !b.diagonal; ++k)
             if (const int e = packed(b, i, k); !held(b, e))
                 j.free.push_back({{{b.first + e - 1, std::sqrt(b.scale(i) * b.scale(k))}}});

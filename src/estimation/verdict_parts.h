@@ -45,7 +45,8 @@ struct judgement {
     }
 };
 
-inline int packed(const judged_block& b, int i, int j) { return packed_place(i, j, b.order()); }
+// Number of covariance (i,j) in b.cov; a diagonal block has those of i = j alone.
+inline int packed(const judged_block& b, int i, int j) { return b.diagonal ? i : packed_place(i, j, b.order()); }
 
 // Judges the covariance matrices and the parameters that stand for themselves: what is at the border goes into the
 // verdict, all other directions into free.
