@@ -329,6 +329,24 @@ TEST_F(assembly_test, one_record_of_a_subject) {
                                                    "   Rank found          = 0\nexit \"Tarvex\"");
 }
 
+// A class of two traits whose covariance is too large: the matrix has full rank, and is none of a covariance. Records
+// of the other class alone are as good as ever.
+TEST_F(assembly_test, indefinite_matrix_of_a_class_stops) {
+    by_hand s(2, 2);
+    const double sig[] = {4.0, 1.0, 2.0, 1.0, 3.0, 2.0};
+    std::copy(std::begin(sig), std::end(sig), residualvars.sigres.begin());
+    for (int a = 1; a <= 9; ++a) model.me_run(a) = a <= 5 ? 1 : 2;
+    s.record(1, 3);
+    s.record(2, 3);
+    pattern_matrix r;
+    double ldet = 0.0;
+    get_rinv_rreg(s.data, 1, r, ldet);
+    EXPECT_NEAR(ldet, std::log(7.0), 1e-12);
+    s.data.imeta(1, 1) = s.data.imeta(1, 2) = 7; // 1 * 2 < 3 * 3
+    EXPECT_STOP(get_rinv_rreg(s.data, 4, r, ldet), "Residual covariance matrix not of full rank !\n"
+                                                   "   Individual no.      = 4\n   No. of observations = 2\n");
+}
+
 // ---- evaluations
 
 // A residual covariance that is fixed at zero compares as zero, whatever the vector holds.

@@ -436,6 +436,7 @@ TEST_F(likelihood_test, missing_element_of_a_random_effect_asks_for_a_new_orderi
     forget_likelihoods();
     EXPECT_NEAR(program_logl(estimates.parvec), want, 1.0e-7);
     EXPECT_EQ(orders.nsymb, 2);
+    EXPECT_FALSE(places.lenient); // for that evaluation alone
 }
 
 TEST_F(likelihood_test, missing_element_of_a_random_effect_is_fatal) {
