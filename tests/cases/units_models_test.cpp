@@ -351,6 +351,63 @@ TEST_P(unit_models, solutions_with_their_errors) {
     }
 }
 
+// Lines of the files of an effect: solutions or scores, and breeding values where there are scores.
+struct effect_lines {
+    std::string file;
+    bool scores = false;
+    std::vector<int> row; // of the matrix
+    std::vector<double> value, error, accuracy;
+};
+
+std::vector<effect_lines> solution_files() {
+    std::vector<effect_lines> all;
+    for (const auto& entry : std::filesystem::directory_iterator(".")) {
+        const std::string file = entry.path().filename().string();
+        if (!file.ends_with(".dat") || !(file.starts_with("RnSoln_") || file.starts_with("EBV_"))) continue;
+        effect_lines e;
+        e.file = file;
+        e.scores = file[0] == 'R' && std::filesystem::exists("EBV_" + file.substr(7));
+        for (const auto& line : lines_of(read_file(file))) {
+            auto w = words_of(line);
+            if (w.size() < 5 || w.size() > 6 || w[0] == "Level") continue;
+            w.erase(w.begin(), w.end() - 4); // level and perhaps code in front
+            e.row.push_back(std::stoi(w[0]));
+            e.value.push_back(number_of(w[1]));
+            e.error.push_back(number_of(w[2]));
+            e.accuracy.push_back(number_of(w[3]));
+        }
+        all.push_back(e);
+    }
+    std::sort(all.begin(), all.end(), [](const auto& a, const auto& b) { return a.file < b.file; });
+    return all;
+}
+
+// The files themselves, to the six figures that they have: effects of a trait go by its scale, scores by none.
+TEST_P(unit_models, files_of_solutions) {
+    put({1.0});
+    finish("--blup");
+    const auto plain = solution_files();
+    ASSERT_FALSE(plain.empty());
+    for (const auto& c : other_units) {
+        put(c);
+        finish("--blup");
+        const auto files = solution_files();
+        ASSERT_EQ(files.size(), plain.size());
+        for (std::size_t f = 0; f < plain.size(); ++f) {
+            SCOPED_TRACE(plain[f].file + " in units of " + std::to_string(c[0]));
+            ASSERT_GE(plain[f].row.size(), 20u);
+            ASSERT_EQ(files[f].row, plain[f].row);
+            if (plain[f].scores && c.size() > 1) continue; // pivots in another order
+            for (std::size_t k = 0; k < plain[f].row.size(); ++k) {
+                const double s = plain[f].scores ? 1.0 : scale(u_.m.randreg ? 1 : (plain[f].row[k] - 1) % u_.m.nq + 1);
+                expect_same(files[f].value[k] / s, plain[f].value[k], plain[f].error[k], "solution", 1.1e-5);
+                expect_same(files[f].error[k] / s, plain[f].error[k], 0.0, "error", 1.1e-5);
+                EXPECT_NEAR(files[f].accuracy[k], plain[f].accuracy[k], 0.00101) << k;
+            }
+        }
+    }
+}
+
 // Last columns of the lines that a simulation writes.
 std::vector<std::vector<double>> simulated_records(int nq) {
     std::vector<std::vector<double>> y;
