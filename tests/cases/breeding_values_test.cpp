@@ -103,6 +103,31 @@ TEST_F(breeding_values_test, reduced_rank_has_a_file_of_each_trait) {
     }
 }
 
+// Scores beside them: effects of unit variance whose weights in a record are the loadings of its trait.
+TEST_F(breeding_values_test, scores_go_with_the_loadings_that_are_shown) {
+    const small_model m = three_traits();
+    m.write_files("model");
+    for (const bool inbreeding : {false, true}) {
+        const auto output = finish(std::string("--blup --json") + (inbreeding ? " --accinb" : "")).output;
+        const auto from = output.find("Loadings of the components of \"animal\"");
+        ASSERT_NE(from, std::string::npos);
+        const auto rows = lines_of(output.substr(from));
+        const json factor = read_json(read_file("Results.json"))["blocks"][1]["factor"]; // to all digits
+        oracle::dense q(3);
+        for (std::size_t i = 0; i < 3; ++i)
+            for (std::size_t c = 0; c < 2; ++c) {
+                q[i].push_back(factor[i][c].number);
+                EXPECT_NEAR(number_of(words_of(rows.at(i + 1)).at(c + 1)), q[i][c], 5.1e-5)
+                    << i << " " << c; // five figures
+            }
+        dense_model d = as_given(m);
+        d.at.g[0] = {{1.0, 0.0}, {0.0, 1.0}};
+        for (auto& o : d.an.obs)
+            for (auto& term : o.terms[0]) term.z = oracle::times(oracle::transpose(q), term.z);
+        expect_solutions(dense_solutions(d, 0), "animal", inbreeding);
+    }
+}
+
 // Sires at reduced rank: breeding values at the given matrices, and one maximum for all searches, with the factor of
 // their relationship matrix or without it.
 TEST_F(breeding_values_test, sires_at_reduced_rank) {
