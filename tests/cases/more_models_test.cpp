@@ -50,6 +50,38 @@ TEST_F(more_models, covariable_nested_in_the_second_fixed_effect) {
                                                     [static_cast<std::size_t>(p.records[obs[j].record].code - 1)];
     }
     expect_relative(start(), dense_reml(obs, x, v), 1e-8, "log L");
+    // slopes by generalised least squares, and the curves of the classes with the records at each age
+    finish("--blup");
+    const dense w = oracle::product(oracle::transpose(x), oracle::inverse(v));
+    oracle::vec y;
+    double mean = 0.0;
+    for (const auto& o : obs) {
+        y.push_back(o.y);
+        mean += p.records[o.record].age / static_cast<double>(obs.size());
+    }
+    const oracle::vec b = oracle::solve(oracle::product(w, x), oracle::times(w, y));
+    const auto slopes = read_fixed_solutions().covariables;
+    ASSERT_EQ(slopes.size(), 3u);
+    for (std::size_t k = 0; k < 3; ++k) EXPECT_NEAR(slopes[k].solution, b[k + 6], 1e-5) << k;
+    int parity = 0, records = 0;
+    for (const auto& line : lines_of(read_file("Curve_age_parity.dat"))) {
+        const auto at = words_of(line);
+        if (at[0] == "Nested") {
+            const std::string number = std::to_string(++parity);
+            EXPECT_EQ(line, "Nested curve no. =    " + number + "  Code         " + number);
+            continue;
+        }
+        double sum = 0.0;
+        int n = 0;
+        for (const auto& o : obs)
+            if (p.records[o.record].parity == parity && p.records[o.record].age == number_of(at.at(0))) ++n, sum += o.y;
+        EXPECT_EQ(number_of(at.at(2)), n) << line;
+        EXPECT_NEAR(number_of(at.at(3)), sum / n, 1e-4) << line;
+        EXPECT_NEAR(number_of(at.at(1)), b[static_cast<std::size_t>(parity + 5)] * (number_of(at[0]) - mean), 1e-4);
+        records += n;
+    }
+    EXPECT_EQ(parity, 3);
+    EXPECT_EQ(records, static_cast<int>(obs.size()));
 }
 
 TEST_F(more_models, sires_with_their_sires_and_grandsires) {
