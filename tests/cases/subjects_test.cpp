@@ -89,7 +89,9 @@ TEST_F(subjects_test, lines_with_all_traits) {
         return i.trait != j.trait ? v + 0.3 : record(i, j) ? v + of(r_, i, j) : v;
     });
     expect_relative(start(), joined, 1e-8, "log L without the word");
-    EXPECT_NE(output_.find("several records of a trait"), std::string::npos);
+    const auto told = output_.find("several records of a trait");
+    EXPECT_NE(told, std::string::npos);
+    EXPECT_EQ(output_.find("several records of a trait", told + 1), std::string::npos); // in one line
 }
 
 TEST_F(subjects_test, columns_put_lines_of_one_trait_together) {
@@ -187,6 +189,7 @@ TEST_F(subjects_test, one_trait) {
         put("MOD\n" + repeats_ + subject +
             " TR y1 1 -999\nEND\nVAR animal 1\n 4.5\nVAR perm 1\n 1.2\nVAR residual 1\n 6.0\n");
         for (const char* options : {"--aireml1", "--emalg1"}) expect_relative(start(options), want, 1e-8, subject);
+        EXPECT_EQ(output_.find("several records of a trait"), std::string::npos) << "no other trait to be joined with";
         EXPECT_EQ(read_residuals().size(), p_.records.size()) << subject;
     }
 }
