@@ -245,6 +245,23 @@ TEST(inbreeding, the_list_is_cut_where_steps_are_saved) {
     EXPECT_GT(cut_pedigree(dairy.sire, dairy.dam).steps, sweep_steps(dairy.sire, dairy.dam)) << "few sires are swept";
 }
 
+// Half of each generation are sires: animals twice as many take four times the steps by sires, and less than three
+// times by stretches.
+TEST(inbreeding, steps_do_not_grow_with_the_square_of_the_sires) {
+    std::int64_t before = 0, by_sires = 0;
+    for (const int size : {2500, 5000, 10000}) {
+        const family_book book = generations(20, size, size / 2, 11);
+        const std::int64_t steps = cut_pedigree(book.sire, book.dam).steps, sweeps = sweep_steps(book.sire, book.dam);
+        if (before > 0) {
+            EXPECT_LT(steps, 3 * before) << size;
+            EXPECT_GT(2 * sweeps, 7 * by_sires) << size;
+        }
+        before = steps;
+        by_sires = sweeps;
+    }
+    EXPECT_LT(8 * before, by_sires); // of 200000 animals
+}
+
 TEST(inbreeding, a_large_pedigree_takes_the_stretches_and_tells_each_number_once) {
     const family_book book = generations(20, 1400, 700, 5);
     const int n = static_cast<int>(book.sire.size());
