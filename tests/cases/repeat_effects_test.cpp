@@ -120,6 +120,48 @@ TEST_F(repeat_runs, maximum_holds_the_matrices_apart) {
     EXPECT_NEAR(truth(e, b, g), best.loglike, 1e-4);
 }
 
+// By records two searches end at one point, with errors. Without the word they end at one log likelihood, which has the
+// residual covariance plus twice the other: this sum and the variances agree, and neither covariance does.
+TEST_F(repeat_runs, two_starts_end_at_one_point_only_by_records) {
+    p_ = make_population(150, 2, 4, 0.0, 31);
+    write_file("ped.dat", p_.pedigree());
+    write_file("data.dat", p_.all_traits_lines());
+    const auto search = [&](const std::string& words, const std::string& perm, const std::string& residual) {
+        write_file("model.par",
+                   "ANA MUV 2\nDAT data.dat\n animal 999\n perm 999\n dam 999\n herd 4\n parity 3\n age 40\n y1\n "
+                   "y2\nEND\nMOD EQ\n FIX herd\n RAN perm PEQ\n TR y1 1 -999\n TR y2 2 -999\nEND\nVAR perm 2" +
+                       words + "\n " + perm + "\nVAR residual 2\n " + residual + "\n");
+        std::filesystem::remove("BestPoint");
+        finish("--aireml200,1e-11");
+        return read_best_point();
+    };
+    const auto errors_of = [] {
+        int n = 0;
+        for (const auto& line : read_estimates()) n += line.error > 0.0 ? 1 : 0;
+        return n;
+    };
+    for (const std::string words : {" REC", ""}) {
+        SCOPED_TRACE(words);
+        const auto one = search(words, "3 0.8 3", "6 1.5 6");
+        const int told = errors_of();
+        const auto other = search(words, "1.5 -0.6 1", "4 2.5 9");
+        ASSERT_EQ(one.values.size(), 6u); // residual, perm
+        ASSERT_EQ(other.values.size(), 6u);
+        EXPECT_NEAR(one.loglike, other.loglike, 1e-6);
+        const auto &x = one.values, &y = other.values;
+        for (const std::size_t k : {0u, 2u, 3u, 5u}) EXPECT_NEAR(x[k], y[k], 2e-3) << k;
+        if (!words.empty()) {
+            for (const std::size_t k : {1u, 4u}) EXPECT_NEAR(x[k], y[k], 2e-3) << k;
+            EXPECT_GE(told, 6);
+            EXPECT_EQ(told, errors_of());
+        } else {
+            EXPECT_NEAR(x[1] + 2.0 * x[4], y[1] + 2.0 * y[4], 2e-3);
+            EXPECT_GT(std::fabs(x[4] - y[4]), 0.2);
+            EXPECT_GT(std::fabs(x[1] - y[1]), 0.4);
+        }
+    }
+}
+
 // A repeat matrix of rank one.
 TEST_F(repeat_runs, reduced_rank) {
     const auto model = [&](const std::string& analysis, const std::string& animal, const std::string& perm) {

@@ -3,6 +3,7 @@
 #include "population.h"
 
 #include <functional>
+#include <random>
 
 using namespace tarvex;
 
@@ -131,6 +132,40 @@ TEST_F(subjects_test, sire_models_do_not_join_progeny) {
     expect_relative(start(), want, 1e-8, "log L, all traits in a line");
     put("MOD\n" + model + "animal parity\n" + traits_ + blocks, true);
     expect_relative(start(), want, 1e-8, "log L, one trait in a line");
+}
+
+// Lines of a subject need not stand together: in an order by chance they are the same subjects.
+TEST_F(subjects_test, lines_in_any_order) {
+    for (auto& r : p_.records)
+        if (r.dam < 1) r.dam = 2;
+    std::string sires = "VAR dam 2\n 1.2 0.4\n 0.9\n" + residual_;
+    struct {
+        std::string effects, blocks;
+        double want;
+    } const models[] = {{repeats_, repeat_blocks_, truth([&](const observation& i, const observation& j) {
+                             return of(g_, i, j) * a_[animal(i)][animal(j)] +
+                                    (animal(i) == animal(j) ? of(p2_, i, j) : 0.0) +
+                                    (record(i, j) ? of(r_, i, j) : 0.0);
+                         })},
+                        {" FIX herd\n RAN dam IDE\n", sires, truth([&](const observation& i, const observation& j) {
+                             return (dam(i) == dam(j) ? of(p2_, i, j) : 0.0) + (record(i, j) ? of(r_, i, j) : 0.0);
+                         })}};
+    std::mt19937 rng(25);
+    for (const bool one_trait : {false, true})
+        for (const auto& m : models) {
+            const std::string subject = one_trait ? " SUB animal parity\n" : " SUB LINE\n";
+            put((one_trait ? "MOD\n" : "MOD EQ\n") + m.effects + subject + traits_ + m.blocks, one_trait);
+            auto lines = lines_of(read_file("data.dat"));
+            std::erase(lines, "");
+            for (int k = 0; k < 3; ++k) {
+                for (std::size_t i = lines.size(); i > 1; --i) std::swap(lines[i - 1], lines[rng() % i]);
+                std::string text;
+                for (const auto& line : lines) text += line + "\n";
+                write_file("data.dat", text);
+                expect_relative(start(), m.want, 1e-8, m.effects + subject);
+                EXPECT_EQ(read_residuals().size(), observations_of(p_).size()) << m.effects << subject;
+            }
+        }
 }
 
 TEST_F(subjects_test, maternal_effects) {
