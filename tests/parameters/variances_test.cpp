@@ -357,6 +357,23 @@ TEST_F(variances_test, each_residual_class_must_start_with_a_positive_variance) 
         }
 }
 
+// Of a class of records of two traits the matrix counts, not its variances alone. (The phases fit one trait; a matrix
+// of two is put in their place.)
+TEST_F(variances_test, indefinite_matrix_of_a_class_is_invalid) {
+    set_up(two_traits(), {"--emalg"});
+    ASSERT_EQ(estimates.paraform(0), par_scale::original);
+    model.anal_type = 3;
+    options.randreg = options.blup = true; // matrices are taken as they are
+    array<double> p = estimates.parvec;
+    const double bound = std::sqrt(p(1) * p(3));
+    for (const double share : {0.0, 0.9, -0.9, 1.1, -1.1, 3.0}) {
+        p(2) = share * bound;
+        int ifail = 0;
+        rinverse(p, ifail);
+        EXPECT_EQ(ifail != 0, std::fabs(share) > 1.0) << share;
+    }
+}
+
 TEST_F(variances_test, starting_variances_below_the_operational_zero_are_named) {
     small_model m = two_traits();
     m.random[0].g = {1.0e-9, 0.0, 1.0};
