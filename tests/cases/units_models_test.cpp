@@ -390,7 +390,8 @@ TEST_P(unit_models, files_of_solutions) {
     ASSERT_FALSE(plain.empty());
     for (const auto& c : other_units) {
         put(c);
-        finish("--blup");
+        const auto output = finish("--blup").output;
+        if (u_.m.principal) expect_loadings(output);
         const auto files = solution_files();
         ASSERT_EQ(files.size(), plain.size());
         for (std::size_t f = 0; f < plain.size(); ++f) {
