@@ -64,13 +64,13 @@ protected:
     }
 };
 
-// Two traits, a genetic matrix cut to one component.
+// Two traits, a genetic matrix cut to one component: of the variance of the second trait most is cut away.
 TEST_F(simulate_fitted, matrices_cut_to_the_fitted_rank) {
     write_file("ped.dat", half_sibs(60, 10));
     write_file("model.dat", lines(61, 600, 1, "1 1"));
     const std::string text =
         "PED ped.dat\nANA MUV PC 2\nDAT FILE\n animal 999\n herd 3\n o1\n o2\n y1\n y2\nEND\nMOD EQ\n "
-        "FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\nVAR animal 2 1\n 4.0 2.4 1.9\n"
+        "FIX herd\n RAN animal NRM\n TR y1 1 -999\n TR y2 2 -999\nEND\nVAR animal 2 1\n 4.0 2.4 3.9\n"
         "VAR residual 2\n 5.0 1.0 3.0\n";
     std::string simulate = replaced(replaced(text, "FILE", "model.dat"), " o1\n o2\n", "");
     write_file("model.par", simulate);
@@ -174,9 +174,9 @@ protected:
 };
 
 TEST_F(simulated_moments, repeat_effects_of_two_traits_as_the_likelihood_has_them) {
-    simulate_lines(" RAN animal NRM\n RAN perm PEQ\n", "VAR animal 2\n 0.5 0.2 0.6\nVAR perm 2\n 2.0 0.3 1.5\n");
+    simulate_lines(" RAN animal NRM\n RAN perm PEQ\n", "VAR animal 2\n 0.5 0.2 0.6\nVAR perm 2\n 2.0 1.2 1.5\n");
     // one trait: residual + repeat on the diagonal, repeat elsewhere; two traits: residual + twice the repeat
-    const double own1 = 0.5 + 6.0, again1 = 0.5 + 2.0, own2 = 0.6 + 4.5, again2 = 0.6 + 1.5, both = 0.2 + 1.0 + 0.6;
+    const double own1 = 0.5 + 6.0, again1 = 0.5 + 2.0, own2 = 0.6 + 4.5, again2 = 0.6 + 1.5, both = 0.2 + 1.0 + 2.4;
     expect_covariances({{own1, both, again1, both},
                         {both, own2, both, again2},
                         {again1, both, own1, both},
@@ -184,10 +184,10 @@ TEST_F(simulated_moments, repeat_effects_of_two_traits_as_the_likelihood_has_the
 }
 
 TEST_F(simulated_moments, repeat_effects_by_record) {
-    simulate_lines(" RAN animal NRM\n RAN perm PEQ\n", "VAR animal 2\n 0.5 0.2 0.6\nVAR perm 2 REC\n 2.0 0.3 1.5\n");
+    simulate_lines(" RAN animal NRM\n RAN perm PEQ\n", "VAR animal 2\n 0.5 0.2 0.6\nVAR perm 2 REC\n 2.0 1.2 1.5\n");
     // a line: residual + repeat; two lines: repeat
     const double own1 = 0.5 + 6.0, again1 = 0.5 + 2.0, own2 = 0.6 + 4.5, again2 = 0.6 + 1.5;
-    const double line = 0.2 + 1.0 + 0.3, other = 0.2 + 0.3;
+    const double line = 0.2 + 1.0 + 1.2, other = 0.2 + 1.2;
     expect_covariances({{own1, line, again1, other},
                         {line, own2, other, again2},
                         {again1, other, own1, line},
