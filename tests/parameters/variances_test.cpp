@@ -372,6 +372,11 @@ TEST_F(variances_test, indefinite_matrix_of_a_class_is_invalid) {
         rinverse(p, ifail);
         EXPECT_EQ(ifail != 0, std::fabs(share) > 1.0) << share;
     }
+    p(1) = p(3) = -2.0; // of a positive determinant
+    p(2) = 0.5;
+    int ifail = 0;
+    rinverse(p, ifail);
+    EXPECT_NE(ifail, 0);
 }
 
 TEST_F(variances_test, starting_variances_below_the_operational_zero_are_named) {
