@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
-#include <functional>
 #include <new>
 #include <numeric>
 #include <queue>
@@ -125,45 +124,56 @@ std::vector<double> back_solution(const row_factor& f, int n) {
     return xsol;
 }
 
-// Reciprocal of the diagonal element of the inverse, for row j of the rows in use: what the pivot is when all others go
-// before it, and so the least that it can be in any order. temp: (n+1) zeros, on return too.
-double last_pivot(const row_factor& f, int j, std::vector<double>& temp) {
-    std::priority_queue<int, std::vector<int>, std::greater<>> rows;
-    std::vector<int> met;
-    // U'v = e(j), forwards; (A^-1)(j,j) = sum of d(k) v(k)^2. Only rows that e(j) leads to are visited, in ascending
-    // order: v(k) is complete when k is the least that waits.
-    temp[j] = -1.0;
-    double s = 0.0;
-    for (rows.push(j); !rows.empty();) {
-        const int k = rows.top();
-        // a row waits twice where its sum was 0 in between
-        while (!rows.empty() && rows.top() == k) rows.pop();
-        met.push_back(k);
-        const double v = -temp[k] / f.pivot[k];
-        s += f.pivot[k] * v * v;
-        if (v == 0.0 || f.out[k]) continue;
-        for (int q = f.ixvec1(k); q < f.ixvec1(k + 1); ++q) {
-            const int i = f.sub(k, q);
-            if (f.out[i]) continue;
-            if (temp[i] == 0.0) rows.push(i);
-            temp[i] += f.x[q - 1] * v;
+// Diagonal of the inverse, for the rows in use: its reciprocals are what the pivots are when all others go before, and
+// so the least that they can be in any order. Backwards over the rows, elements of the inverse in the places of the
+// factor (Takahashi, Fagan and Chin 1973), in about twice the steps of the elimination.
+std::vector<double> inverse_diagonal(const row_factor& f) {
+    std::vector<double> diagonal(f.n + 1, 0.0), z(f.x.size(), 0.0), sum(f.n + 1, 0.0);
+    for (int j = f.n; j >= 1; --j) {
+        if (f.out[j]) continue;
+        const int begin = f.ixvec1(j), end = f.ixvec1(j + 1);
+        // sum is all zero; it gathers Z u over the columns of row j, where Z is known
+        for (int p = begin; p < end; ++p) {
+            const int row = f.sub(j, p);
+            if (f.out[row]) continue;
+            const double u = f.x[p - 1];
+            sum[row] += u * diagonal[row];
+            // the columns of row j behind `row` all stand in `row` too
+            const int *first = f.ixsub.data() + f.ixvec2(row) - 1, *at = first,
+                      *last = first + (f.ixvec1(row + 1) - f.ixvec1(row));
+            for (int q = p + 1; q < end; ++q) {
+                const int column = f.sub(j, q);
+                if (*at != column) at = std::lower_bound(at, last, column);
+                const double element = z[f.ixvec1(row) - 1 + (at++ - first)];
+                sum[row] += f.x[q - 1] * element;
+                sum[column] += u * element;
+            }
         }
+        double quadratic = 0.0; // u'Zu
+        for (int p = begin; p < end; ++p) {
+            const int row = f.sub(j, p);
+            const double zu = std::exchange(sum[row], 0.0);
+            if (f.out[row]) continue;
+            z[p - 1] = -zu / f.pivot[j];
+            quadratic += f.x[p - 1] * zu;
+        }
+        diagonal[j] = (1.0 + quadratic / f.pivot[j]) / f.pivot[j];
     }
-    for (int k : met) temp[k] = 0.0;
-    return 1.0 / s;
+    return diagonal;
 }
 
 // Equations whose pivots leave doubt whether they vanish, or would in another order.
 std::vector<int> unclear(const row_factor& f, const normal_equations& a, double limit) {
     std::vector<int> list;
-    std::vector<double> temp(f.n + 1, 0.0);
+    std::vector<double> inverse; // for the exact look: of those orders above the thresholds
     for (int j = 1; j <= f.n; ++j) {
         const double p = f.pivot[j], d = a.diag[f.eq[j]];
         if (f.out[j]) {
             // left out by the absolute limit, yet more than rounding of its diagonal
             if (std::fabs(p) > dependency * d) list.push_back(f.eq[j]);
-        } else if (p < 1.0e4 * limit || p < 1.0e-9 * d) { // the exact look is for those orders above the thresholds
-            if (last_pivot(f, j, temp) < 1.1 * threshold(a, f.eq[j], limit)) list.push_back(f.eq[j]);
+        } else if (p < 1.0e4 * limit || p < 1.0e-9 * d) {
+            if (inverse.empty()) inverse = inverse_diagonal(f);
+            if (1.0 < 1.1 * threshold(a, f.eq[j], limit) * inverse[j]) list.push_back(f.eq[j]);
         }
     }
     std::sort(list.begin(), list.end());
