@@ -2,6 +2,7 @@
 
 #include "sparse/order_methods.h"
 #include "sparse/symbfact.h"
+#include "sparse/takahashi.h"
 #include "support/array.h"
 #include "support/stop.h"
 
@@ -125,55 +126,40 @@ std::vector<double> back_solution(const row_factor& f, int n) {
 }
 
 // Diagonal of the inverse, for the rows in use: its reciprocals are what the pivots are when all others go before, and
-// so the least that they can be in any order. Backwards over the rows, elements of the inverse in the places of the
-// factor (Takahashi, Fagan and Chin 1973), in about twice the steps of the elimination.
-std::vector<double> inverse_diagonal(const row_factor& f) {
-    std::vector<double> diagonal(f.n + 1, 0.0), z(f.x.size(), 0.0), sum(f.n + 1, 0.0);
-    for (int j = f.n; j >= 1; --j) {
-        if (f.out[j]) continue;
-        const int begin = f.ixvec1(j), end = f.ixvec1(j + 1);
-        // sum is all zero; it gathers Z u over the columns of row j, where Z is known
-        for (int p = begin; p < end; ++p) {
-            const int row = f.sub(j, p);
-            if (f.out[row]) continue;
-            const double u = f.x[p - 1];
-            sum[row] += u * diagonal[row];
-            // the columns of row j behind `row` all stand in `row` too
-            const int *first = f.ixsub.data() + f.ixvec2(row) - 1, *at = first,
-                      *last = first + (f.ixvec1(row + 1) - f.ixvec1(row));
-            for (int q = p + 1; q < end; ++q) {
-                const int column = f.sub(j, q);
-                if (*at != column) at = std::lower_bound(at, last, column);
-                const double element = z[f.ixvec1(row) - 1 + (at++ - first)];
-                sum[row] += f.x[q - 1] * element;
-                sum[column] += u * element;
-            }
-        }
-        double quadratic = 0.0; // u'Zu
-        for (int p = begin; p < end; ++p) {
-            const int row = f.sub(j, p);
-            const double zu = std::exchange(sum[row], 0.0);
-            if (f.out[row]) continue;
-            z[p - 1] = -zu / f.pivot[j];
-            quadratic += f.x[p - 1] * zu;
-        }
-        diagonal[j] = (1.0 + quadratic / f.pivot[j]) / f.pivot[j];
+// so the least that they can be in any order.
+array<double> inverse_diagonal(const row_factor& f) {
+    sparse_store s; // the pattern, and behind it the row of a right-hand side, which is empty
+    s.n = f.n + 1;
+    s.ixvec1.allocate(s.n + 1);
+    std::copy(f.ixvec1.begin(), f.ixvec1.end(), s.ixvec1.begin());
+    s.ixvec1(s.n + 1) = s.ixvec1(s.n);
+    s.ixvec2 = f.ixvec2;
+    s.ixsub = f.ixsub;
+    array<double> diag, off;
+    diag.allocate(s.n);
+    off.allocate(f.maxlnz);
+    for (int j = 1; j <= f.n; ++j) {
+        // rows that are not used stand alone
+        diag(j) = f.out[j] ? 1.0 : f.pivot[j];
+        for (int q = f.ixvec1(j); f.out[j] == 0 && q < f.ixvec1(j + 1); ++q)
+            off(q) = f.out[f.sub(j, q)] ? 0.0 : f.x[q - 1] / f.pivot[j];
     }
-    return diagonal;
+    inverse_columns(s, diag, off, {});
+    return diag;
 }
 
 // Equations whose pivots leave doubt whether they vanish, or would in another order.
 std::vector<int> unclear(const row_factor& f, const normal_equations& a, double limit) {
     std::vector<int> list;
-    std::vector<double> inverse; // for the exact look: of those orders above the thresholds
+    array<double> inverse; // for the exact look: of those orders above the thresholds
     for (int j = 1; j <= f.n; ++j) {
         const double p = f.pivot[j], d = a.diag[f.eq[j]];
         if (f.out[j]) {
             // left out by the absolute limit, yet more than rounding of its diagonal
             if (std::fabs(p) > dependency * d) list.push_back(f.eq[j]);
         } else if (p < 1.0e4 * limit || p < 1.0e-9 * d) {
-            if (inverse.empty()) inverse = inverse_diagonal(f);
-            if (1.0 < 1.1 * threshold(a, f.eq[j], limit) * inverse[j]) list.push_back(f.eq[j]);
+            if (!inverse.allocated()) inverse = inverse_diagonal(f);
+            if (1.0 < 1.1 * threshold(a, f.eq[j], limit) * inverse(j)) list.push_back(f.eq[j]);
         }
     }
     std::sort(list.begin(), list.end());
