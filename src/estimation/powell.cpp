@@ -43,7 +43,6 @@ double powell_search::at(const std::vector<double>& from, const std::vector<doub
     std::vector<double> x = from;
     for (std::size_t k = 0; k < x.size(); ++k)
         if (searched[k]) x[k] += d * dir[k];
-    ++count;
     return value(x);
 }
 

@@ -29,7 +29,6 @@ struct powell_search {
     std::vector<std::vector<double>> dirs; // current directions
     std::vector<double> step;              // first step of each
     double ztol = 0.0;                     // accuracy of the values
-    int count = 0;                         // values asked for
 
     // Value at from + d * dir.
     double at(const std::vector<double>& from, const std::vector<double>& dir, double d);

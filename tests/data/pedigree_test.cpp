@@ -48,7 +48,9 @@ TEST_F(pedigree_test, list_is_sorted_and_parents_are_running_numbers) {
 
 TEST_F(pedigree_test, empty_line_at_the_head_is_no_comment) {
     animal_model("1 1.0\n", "\n# no comment here\n1 0 0\n");
+    options.verbose = true;
     EXPECT_STOP(pedigree_list(), "***** ERROR in pedigree file 1\n");
+    EXPECT_NE(screen_text().find("skipping first  0 lines"), std::string::npos) << screen_text();
 }
 
 TEST_F(pedigree_test, carriage_returns_tabs_and_unfinished_last_line_are_read) {
@@ -229,6 +231,8 @@ TEST_F(pedigree_test, reduction_keeps_ancestors_and_writes_the_new_file) {
               std::string::npos)
         << screen_text();
     pedigree_list();
+    EXPECT_NE(screen_text().find("\"ReducedPedFile.dat\" : skipping first  0 lines"), std::string::npos)
+        << screen_text();
     EXPECT_EQ(pedigreelist.nanim, 5);
 }
 

@@ -144,6 +144,14 @@ TEST_F(directions_test, held_coordinates_stay) {
 
 // ---- rounds
 
+TEST_F(directions_test, one_value_is_asked_for_where_all_coordinates_are_held) {
+    from([](const point& x) { return x[0] * x[0]; }, {0.5});
+    s.searched = {0};
+    EXPECT_FALSE(search_by_directions(s, 100));
+    EXPECT_EQ(asked, (std::vector<point>{{0.5}}));
+    EXPECT_EQ(s.ffmin, 0.25);
+}
+
 double bowl(const point& x) { return 4.0 * (x[0] - 0.03) * (x[0] - 0.03) + 1.0e4 * (x[1] - 0.02) * (x[1] - 0.02); }
 
 TEST_F(directions_test, first_step_is_half_of_a_hundredth_times_the_scale) {
