@@ -10,8 +10,6 @@ using namespace tarvex;
 
 namespace {
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 class breeding_values_test : public case_run {
 protected:
     void SetUp() override { name_ = "model"; }

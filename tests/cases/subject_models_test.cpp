@@ -11,8 +11,6 @@ using namespace tarvex;
 
 namespace {
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 class subject_models : public case_run {
 protected:
     void SetUp() override { name_ = "model"; }

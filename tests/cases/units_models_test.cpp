@@ -12,8 +12,6 @@ using namespace tarvex;
 
 namespace {
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 struct unit_model {
     const char* name;
     small_model m;

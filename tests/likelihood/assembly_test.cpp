@@ -31,8 +31,6 @@ namespace {
 
 using assembly_test = tarvex_test;
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 int level_number(int irand, int code) {
     const auto& codes = levels.rn_codes(irand);
     const auto found = std::find(codes.begin(), codes.end(), code);

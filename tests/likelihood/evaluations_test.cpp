@@ -36,8 +36,6 @@ namespace {
 
 using evaluations_test = tarvex_test;
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 small_model traits(int nq, int repeats = 1) {
     small_model m;
     m.nq = nq;

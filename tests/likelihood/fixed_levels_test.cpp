@@ -25,8 +25,6 @@ namespace {
 
 using fixed_levels_test = tarvex_test;
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 small_model animals(int nq, const std::vector<int>& fixed, const std::string& factor) {
     small_model m;
     m.nq = nq;

@@ -27,8 +27,6 @@ struct outcome {
     std::vector<double> solutions, covariances;
 };
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 // Factors by trait, taken over and over for any number of traits.
 small_model scaled(small_model m, const std::vector<double>& c) {
     const auto of = [&](int q) { return c[at(q) % c.size()]; };

@@ -20,8 +20,6 @@ namespace tarvex {
 
 namespace {
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 std::string number_list(const std::vector<double>& v) {
     std::ostringstream s;
     s.precision(17);

@@ -5,11 +5,15 @@
 #include "support/array.h"
 #include "support/dense_oracle.h"
 
+#include <cstddef>
 #include <span>
 #include <string>
 #include <vector>
 
 namespace tarvex {
+
+// Place in a vector that counts from 0.
+inline std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 struct small_effect {
     std::string name;        // animal, pe or dam; animal+dam: correlated effects
